@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QVector>
+
+/// Lets each of `signalNumbers` end the application's event loop with exit code 0. The handler
+/// itself only notes the signal and wakes the event loop; a signal that comes before the loop runs
+/// is kept until it does. Needs an application object. Calling it again adds signals.
+void quitOnSignals(const QVector<int> &signalNumbers);
+
+/// Whether a quit signal has come. True from the signal's arrival on, also while the thread blocks
+/// outside the event loop: operations that block or repeat look here and end early.
+bool quitRequested();
