@@ -1,0 +1,239 @@
+#include "kvmodbuscustom.h"
+
+#include "portusage.h"
+#include "quitsignals.h"
+#include "waits.h"
+
+#include <QElapsedTimer>
+#include <QSerialPortInfo>
+
+namespace {
+
+constexpr char readHoldingRegisters = 0x03;
+constexpr char writeMultipleRegisters = 0x10;
+
+// slave id, function code, byte count, CRC
+constexpr int readAnswerOverhead = 5;
+// slave id, function code, start address, register count, CRC
+constexpr int writeAnswerLength = 8;
+constexpr int readAnswerDataOffset = 3;
+
+constexpr int writeWaitMs = 50;
+constexpr int pollingStepMs = 10;
+
+constexpr quint16 crcPolynomial = 0xA001;
+
+void appendBigEndian(QByteArray &bytes, quint16 value)
+{
+    bytes.append(static_cast<char>(value >> 8));
+    bytes.append(static_cast<char>(value & 0xFF));
+}
+
+quint16 bigEndianAt(const QByteArray &bytes, int offset)
+{
+    return static_cast<quint16>(static_cast<quint8>(bytes[offset]) << 8 |
+                                static_cast<quint8>(bytes[offset + 1]));
+}
+
+QByteArray requestHeader(quint8 slaveId, char function, quint16 startAddress, quint16 count)
+{
+    QByteArray request;
+    request.append(static_cast<char>(slaveId));
+    request.append(function);
+    appendBigEndian(request, startAddress);
+    appendBigEndian(request, count);
+    return request;
+}
+
+} // namespace
+
+KvModbusCustom::KvModbusCustom(QObject *parent)
+    : KvModbusAbstract(parent)
+{
+    initialize();
+}
+
+KvModbusCustom::KvModbusCustom(const QString &portName, QObject *parent)
+    : KvModbusCustom(parent)
+{
+    setPortName(portName);
+}
+
+void KvModbusCustom::initialize()
+{
+    m_serialPort.setDataBits(QSerialPort::Data8);
+    m_serialPort.setParity(QSerialPort::NoParity);
+    m_serialPort.setStopBits(QSerialPort::OneStop);
+    connect(&m_serialPort, &QSerialPort::errorOccurred, this,
+            &KvModbusCustom::onSerialPortErrorOccurred);
+}
+
+bool KvModbusCustom::connectToDevice()
+{
+    return m_serialPort.isOpen() || m_serialPort.open(QIODevice::ReadWrite);
+}
+
+void KvModbusCustom::disconnectFromDevice()
+{
+    if (m_serialPort.isOpen())
+        m_serialPort.close();
+}
+
+bool KvModbusCustom::isConnected()
+{
+    return m_serialPort.isOpen();
+}
+
+QString KvModbusCustom::getPortName() const
+{
+    return m_serialPort.portName();
+}
+
+void KvModbusCustom::setPortName(const QString &portName)
+{
+    m_serialPort.setPortName(portName);
+}
+
+void KvModbusCustom::setBaudRate(qint32 baudRate)
+{
+    m_serialPort.setBaudRate(baudRate);
+}
+
+int KvModbusCustom::getBaudrate() const
+{
+    return m_serialPort.baudRate();
+}
+
+QVector<quint16> KvModbusCustom::readRegisters(quint8 slaveId, quint16 startAddress, quint16 count)
+{
+    QByteArray request = requestHeader(slaveId, readHoldingRegisters, startAddress, count);
+    addCRC(request);
+
+    QByteArray answer;
+    const KvModbusError outcome = exchange(request, count, 2 * count + readAnswerOverhead, answer);
+    QVector<quint16> values;
+    if (outcome == NoError) {
+        values.reserve(count);
+        for (int i = 0; i < count; ++i)
+            values.append(bigEndianAt(answer, readAnswerDataOffset + 2 * i));
+    }
+    setError(outcome);
+    return values;
+}
+
+bool KvModbusCustom::writeRegisters(quint8 slaveId, quint16 startAddress,
+                                    const QVector<quint16> &values)
+{
+    const auto count = static_cast<quint16>(values.size());
+    QByteArray request = requestHeader(slaveId, writeMultipleRegisters, startAddress, count);
+    // The byte count has one byte on the wire: of a larger number its low byte goes out.
+    request.append(static_cast<char>(2 * count & 0xFF));
+    for (const quint16 value : values)
+        appendBigEndian(request, value);
+    addCRC(request);
+
+    QByteArray answer;
+    const KvModbusError outcome = exchange(request, count, writeAnswerLength, answer);
+    setError(outcome);
+    return outcome == NoError;
+}
+
+/// One request and its answer. The answer's header pair must be the request's; its other fields
+/// are not compared, the CRC decides.
+KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &request,
+                                                         int registerCount, int answerLength,
+                                                         QByteArray &answer)
+{
+    if (!isConnected())
+        return NotConnectedError;
+
+    discardInput();
+    QElapsedTimer clock;
+    clock.start();
+    if (!sendRequest(request))
+        return TimeoutError;
+
+    awaitInput(constraints().getTimeout() +
+                   static_cast<qint64>(constraints().getTimeoutFactor()) * registerCount,
+               answerLength, clock);
+    // A serial error closes the port, and with it goes what had arrived.
+    if (m_serialPort.isOpen())
+        answer = m_serialPort.readAll();
+    if (answer.size() < answerLength || !answer.startsWith(request.left(2)))
+        return TimeoutError;
+    answer.truncate(answerLength);
+    return verifyCRC(answer) ? NoError : BadCrcError;
+}
+
+/// Drops everything that has arrived, so that a late answer to an earlier request is not taken for
+/// the next one: what the event loop has fetched and what still waits in the kernel.
+void KvModbusCustom::discardInput()
+{
+    m_serialPort.readAll();
+    m_serialPort.clear(QSerialPort::Input);
+}
+
+bool KvModbusCustom::sendRequest(const QByteArray &request)
+{
+    // Discarding the input of a line that was pulled out has closed the port.
+    if (!m_serialPort.isOpen() || m_serialPort.write(request) != request.size())
+        return false;
+    // The wait also fails when there is nothing left to wait for.
+    return m_serialPort.waitForBytesWritten(writeWaitMs) ||
+           (m_serialPort.isOpen() && m_serialPort.bytesToWrite() == 0);
+}
+
+void KvModbusCustom::awaitInput(qint64 deadlineMs, int byteCount, const QElapsedTimer &clock)
+{
+    while (!quitRequested() && !clock.hasExpired(deadlineMs) &&
+           m_serialPort.bytesAvailable() < byteCount)
+        qSleepWhileProcessingEvents(pollingStepMs);
+}
+
+quint16 KvModbusCustom::computeCRC(const QByteArray &bytes)
+{
+    quint16 crc = 0xFFFF;
+    for (const char byte : bytes) {
+        crc = static_cast<quint16>(crc ^ static_cast<quint8>(byte));
+        for (int bit = 0; bit < 8; ++bit) {
+            const bool carry = (crc & 1) != 0;
+            crc = static_cast<quint16>(crc >> 1);
+            if (carry)
+                crc = static_cast<quint16>(crc ^ crcPolynomial);
+        }
+    }
+    return crc;
+}
+
+void KvModbusCustom::addCRC(QByteArray &bytes)
+{
+    const quint16 crc = computeCRC(bytes);
+    bytes.append(static_cast<char>(crc & 0xFF));
+    bytes.append(static_cast<char>(crc >> 8));
+}
+
+bool KvModbusCustom::verifyCRC(const QByteArray &frame)
+{
+    QByteArray expected = frame.left(frame.size() - 2);
+    addCRC(expected);
+    return frame == expected;
+}
+
+void KvModbusCustom::onSerialPortErrorOccurred(QSerialPort::SerialPortError error)
+{
+    if (!m_serialPort.isOpen() || error == QSerialPort::NoError ||
+        error == QSerialPort::TimeoutError)
+        return;
+    m_serialPort.close();
+}
+
+QVector<QString> KvModbusCustom::getAvailablePorts()
+{
+    QVector<QString> ports;
+    const auto present = QSerialPortInfo::availablePorts();
+    for (const QSerialPortInfo &port : present) {
+        if (isUsbSerialPortName(port.portName()) && isPortFree(port.portName()))
+            ports.append(port.systemLocation());
+    }
+    return ports;
+}

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "kvmodbusabstract.h"
+
+#include <QSerialPort>
+
+/// A Modbus RTU master on one serial port: functions 0x03 and 0x10, 8 data bits, no parity, one
+/// stop bit. Every request is a single attempt that polls the port in steps of 10 ms and pumps
+/// events meanwhile, so another request may run inside it; the last one to end decides error().
+/// Writing the request blocks the thread for at most 50 ms. A serial error closes the port.
+class KvModbusCustom : public KvModbusAbstract
+{
+    Q_OBJECT
+
+public:
+    explicit KvModbusCustom(QObject *parent);
+    KvModbusCustom(const QString &portName, QObject *parent);
+
+    bool connectToDevice() override;
+    void disconnectFromDevice() override;
+    bool isConnected() override;
+    QString getPortName() const override;
+    QVector<quint16> readRegisters(quint8 slaveId, quint16 startAddress, quint16 count) override;
+    bool writeRegisters(quint8 slaveId, quint16 startAddress,
+                        const QVector<quint16> &values) override;
+    void setBaudRate(qint32 baudRate) override;
+
+    /// A bare device name ("ttyTool") or a path; takes effect when the port is opened next.
+    void setPortName(const QString &portName);
+
+    /// The rate in baud, both directions.
+    int getBaudrate() const;
+
+    /// CRC-16 as Modbus RTU uses it; 0xFFFF for no bytes.
+    static quint16 computeCRC(const QByteArray &bytes);
+
+    /// Appends the CRC of `bytes`, low byte first.
+    static void addCRC(QByteArray &bytes);
+
+    /// Whether the last two bytes are the CRC of those before them. `frame` has at least 2 bytes.
+    static bool verifyCRC(const QByteArray &frame);
+
+    /// Full paths of the USB serial and modem-class ports that no process holds open, in the order
+    /// of the enumeration. Blocks the thread while `fuser` runs, once or twice a port.
+    static QVector<QString> getAvailablePorts();
+
+private slots:
+    void onSerialPortErrorOccurred(QSerialPort::SerialPortError error);
+
+private:
+    void initialize();
+    KvModbusError exchange(const QByteArray &request, int registerCount, int answerLength,
+                           QByteArray &answer);
+    bool sendRequest(const QByteArray &request);
+    void discardInput();
+    void awaitInput(qint64 deadlineMs, int byteCount, const class QElapsedTimer &clock);
+
+    QSerialPort m_serialPort;
+};

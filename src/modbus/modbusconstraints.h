@@ -1,0 +1,20 @@
+#pragma once
+
+/// The timing budget of every request on one link. A request for N registers waits for its answer
+/// at most timeout + timeoutFactor * N milliseconds.
+class ModbusConstraints
+{
+public:
+    /// `timeout` in milliseconds, `timeoutFactor` in milliseconds per register. `retries` is
+    /// carried for the callers; the transport itself makes one attempt.
+    ModbusConstraints(int timeout, int timeoutFactor, int retries);
+
+    int getTimeout() const { return m_timeout; }
+    int getTimeoutFactor() const { return m_timeoutFactor; }
+    int getRetries() const { return m_retries; }
+
+private:
+    int m_timeout;
+    int m_timeoutFactor;
+    int m_retries;
+};

@@ -1,0 +1,56 @@
+#include "portusage.h"
+
+#include "quitsignals.h"
+
+#include <QProcess>
+
+namespace {
+
+constexpr int crashedExitCode = -1;
+constexpr int notStartedExitCode = -2;
+constexpr int quitCheckIntervalMs = 50;
+
+/// Runs `program` with one argument to its end and returns its exit code. What it prints is
+/// dropped: the daemon's log holds its own lines only. A quit signal ends the program.
+int exitCodeOf(const QString &program, const QString &argument)
+{
+    QProcess process;
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.setStandardOutputFile(QProcess::nullDevice());
+    process.setStandardErrorFile(QProcess::nullDevice());
+    process.start(program, {argument});
+    if (!process.waitForStarted(-1))
+        return notStartedExitCode;
+    while (!process.waitForFinished(quitCheckIntervalMs) &&
+           process.state() != QProcess::NotRunning) {
+        if (quitRequested())
+            process.kill();
+    }
+    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : crashedExitCode;
+}
+
+int runFuser(const QString &program, const QString &portName, const CommandReport &report)
+{
+    const QString device = QLatin1String("/dev/") + portName;
+    const int exitCode = exitCodeOf(program, device);
+    if (report)
+        report(program + QLatin1Char(' ') + device, exitCode);
+    return exitCode;
+}
+
+} // namespace
+
+bool isUsbSerialPortName(const QString &portName)
+{
+    return portName.startsWith(QLatin1String("ttyUSB")) ||
+           portName.startsWith(QLatin1String("ttyACM"));
+}
+
+bool isPortFree(const QString &portName, const CommandReport &report)
+{
+    // fuser exits with 0 when somebody has the file open, and with a positive code when nobody has.
+    const int exitCode = runFuser(QStringLiteral("./fuser"), portName, report);
+    if (exitCode >= 0)
+        return exitCode > 0;
+    return runFuser(QStringLiteral("fuser"), portName, report) > 0;
+}
