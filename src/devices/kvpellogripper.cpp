@@ -1,0 +1,234 @@
+#include "kvpellogripper.h"
+
+#include "registermap.h"
+#include "waits.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+constexpr qint32 gripperBaudRate = 115200;
+constexpr int baudRateSettleMs = 200;
+constexpr int identityPauseMs = 50;
+constexpr int identityAttempts = 6;
+constexpr int speedLimitPauseMs = 50;
+constexpr quint8 activationCompleted = 3;
+
+const std::array<QLatin1String, 4> productCodes{QLatin1String("TA"), QLatin1String("TB"),
+                                                QLatin1String("TF"), QLatin1String("TE")};
+
+quint8 field(quint16 word, int shift, quint16 mask)
+{
+    return static_cast<quint8>(word >> shift & mask);
+}
+
+quint32 doubleWord(const QVector<quint16> &words)
+{
+    return words[0] | static_cast<quint32>(words[1]) << 16;
+}
+
+} // namespace
+
+KvPelloGripper::KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObject *parent)
+    : KvDeviceBase(modbus, slaveId, parent)
+{
+    modbus.setBaudRate(gripperBaudRate);
+    qSleepWhileProcessingEvents(baudRateSettleMs);
+    if (!modbus.isConnected())
+        setError(NotConnectedError);
+    // A virtual call would not reach a subclass yet; it is this class's check that is meant.
+    if (error() == NoError && !KvPelloGripper::isValidDevice())
+        setError(InvalideDeviceError);
+    if (!identify() || !initOutput())
+        setError(InitilizationError);
+}
+
+KvPelloGripper::~KvPelloGripper() = default;
+
+/// Fills the identity caches; the three reads share one budget of attempts, of which one must be
+/// left at the end.
+bool KvPelloGripper::identify()
+{
+    int attemptsLeft = identityAttempts;
+    const auto readUntilKnown = [&](auto isKnown) {
+        while (error() == NoError && --attemptsLeft >= 0 && !isKnown())
+            qSleepWhileProcessingEvents(identityPauseMs);
+    };
+    readUntilKnown([this] { return !getFirmwareVersion().isEmpty(); });
+    readUntilKnown([this] { return getProductionYear() != 0; });
+    readUntilKnown([this] { return !getSerialNumber().isEmpty(); });
+    return error() == NoError && attemptsLeft >= 1;
+}
+
+bool KvPelloGripper::isValidDevice()
+{
+    const QString version = getFirmwareVersion();
+    if (error() != NoError)
+        return false;
+    return std::any_of(productCodes.begin(), productCodes.end(),
+                       [&](QLatin1String code) { return version.startsWith(code); });
+}
+
+bool KvPelloGripper::updateInput()
+{
+    const QVector<quint16> words =
+        modbusReadRegisters(RegisterMap::inputAddress, RegisterMap::inputCount);
+    if (words.size() < RegisterMap::inputCount)
+        return false;
+    decodeInput(words);
+    return updateCycleNumber() && updateNumberOfSecondsPumpIsOn() &&
+           updateNumberOfPumpActivations();
+}
+
+void KvPelloGripper::decodeInput(const QVector<quint16> &words)
+{
+    using namespace RegisterMap;
+    m_vacuumStatus = field(words[0], vacuumStatusShift, twoBits);
+    m_activateEcho = field(words[0], activateShift, oneBit);
+    m_gripperModeEcho = field(words[0], gripperModeShift, twoBits);
+    m_goToEcho = field(words[0], goToShift, oneBit);
+    m_status = field(words[0], statusShift, twoBits);
+    m_objectFlag = field(words[0], objectFlagShift, twoBits);
+    m_faultFlag = field(words[1], faultFlagShift, fourBits);
+    m_positionRequestEcho = field(words[1], 0, eightBits);
+    m_position = field(words[2], positionShift, eightBits);
+    m_motorCurrent = field(words[2], 0, eightBits);
+}
+
+bool KvPelloGripper::initOutput()
+{
+    if (!updateInput())
+        return false;
+    m_activateOutput = m_activateEcho;
+    m_goToRequest = m_goToEcho;
+    m_positionRequest = m_positionRequestEcho;
+    return true;
+}
+
+bool KvPelloGripper::updateOutput()
+{
+    return modbusWriteRegisters(RegisterMap::outputAddress, encodeOutput(nextActivateBit()));
+}
+
+/// An active gripper is activated anew in two writes: first the reset, then, once it reports
+/// itself inactive, the activation. New output stays marked until neither is pending.
+quint8 KvPelloGripper::nextActivateBit()
+{
+    if (m_activateRequest == 0) {
+        m_newOutput = 0;
+    } else if (m_activateEcho != 0) {
+        m_activateOutput = 0;
+    } else {
+        m_activateOutput = 1;
+        m_activateRequest = 0;
+    }
+    return m_activateOutput;
+}
+
+QVector<quint16> KvPelloGripper::encodeOutput(quint8 activateBit) const
+{
+    using namespace RegisterMap;
+    const int action = m_ledBypass << ledBypassShift | m_ledRed << ledRedShift |
+                       m_ledBlue << ledBlueShift | m_ledGreen << ledGreenShift |
+                       activateBit << activateShift | m_gripperModeRequest << gripperModeShift |
+                       m_goToRequest << goToShift | m_autoReleaseRequest << autoReleaseShift |
+                       m_autoReleaseDirectionRequest << autoReleaseDirectionShift;
+    const int position = m_maxPeakSupplyCurrent << maxPeakSupplyCurrentShift | m_positionRequest;
+    const int motion = m_speedRequest << speedShift | m_forceRequest;
+    return {static_cast<quint16>(action), static_cast<quint16>(position),
+            static_cast<quint16>(motion)};
+}
+
+quint8 KvPelloGripper::getActivateEcho() const
+{
+    return m_activateEcho == 1 && m_status == activationCompleted ? 1 : 0;
+}
+
+void KvPelloGripper::setActivateRequest()
+{
+    m_activateRequest = 1;
+    m_newOutput = 1;
+}
+
+void KvPelloGripper::clearActivateRequest()
+{
+    m_activateRequest = 0;
+    m_activateOutput = 0;
+    m_newOutput = 1;
+}
+
+void KvPelloGripper::change(quint8 &field, quint8 value)
+{
+    if (field == value)
+        return;
+    field = value;
+    m_newOutput = 1;
+}
+
+bool KvPelloGripper::updateCycleNumber()
+{
+    return updateCounter(RegisterMap::cyclesAddress, m_numberOfCycles);
+}
+
+bool KvPelloGripper::updateNumberOfSecondsPumpIsOn()
+{
+    return updateCounter(RegisterMap::pumpSecondsAddress, m_numberOfSecondsPumpIsOn);
+}
+
+bool KvPelloGripper::updateNumberOfPumpActivations()
+{
+    return updateCounter(RegisterMap::pumpActivationsAddress, m_numberOfPumpActivations);
+}
+
+/// Asks the link itself, so that a failed counter leaves the device error as it is.
+bool KvPelloGripper::updateCounter(quint16 address, quint32 &counter)
+{
+    const QVector<quint16> words =
+        modbus().readRegisters(getSlaveId(), address, RegisterMap::counterCount);
+    if (words.size() < RegisterMap::counterCount)
+        return false;
+    counter = doubleWord(words);
+    return true;
+}
+
+quint32 KvPelloGripper::readDoubleWord(quint16 address)
+{
+    const QVector<quint16> words = modbusReadRegisters(address, RegisterMap::counterCount);
+    return words.size() >= RegisterMap::counterCount ? doubleWord(words) : 0;
+}
+
+quint16 KvPelloGripper::readWord(quint16 address)
+{
+    const QVector<quint16> words = modbusReadRegisters(address, 1);
+    return words.isEmpty() ? quint16{0} : words[0];
+}
+
+quint32 KvPelloGripper::getOdometer()
+{
+    return readDoubleWord(RegisterMap::pumpSecondsAddress);
+}
+
+quint32 KvPelloGripper::getMicroUniqueCRC()
+{
+    return readDoubleWord(RegisterMap::microUniqueCrcAddress);
+}
+
+quint16 KvPelloGripper::getActivationCountRange()
+{
+    return readWord(RegisterMap::pumpActivationsAddress);
+}
+
+quint16 KvPelloGripper::get200NSpeedLimit()
+{
+    return readWord(RegisterMap::speedLimitAddress);
+}
+
+bool KvPelloGripper::set200NSpeedLimit(quint16 limit)
+{
+    if (!modbusWriteRegisters(RegisterMap::speedLimitCommandAddress,
+                              {RegisterMap::speedLimitCommand, limit}))
+        return false;
+    qSleepWhileProcessingEvents(speedLimitPauseMs);
+    return get200NSpeedLimit() != limit;
+}

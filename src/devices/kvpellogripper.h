@@ -1,0 +1,152 @@
+#pragma once
+
+#include "kvdevicebase.h"
+
+/// The driver's picture of one gripper: the input image, as last read from the device, and the
+/// output image, as it is written next. Getters and setters never touch the bus; updateInput(),
+/// initOutput(), updateOutput(), the construction and the maintenance reads do, pumping events
+/// while they wait. Serves every product family.
+class KvPelloGripper : public KvDeviceBase
+{
+    Q_OBJECT
+
+public:
+    /// Sets the link to 115200 baud, identifies the device and seeds the output image from it;
+    /// pumps events for 200 ms and more. Check error() afterwards: an object that ends with any
+    /// other than NoError is not used. A failure always ends with InitilizationError; what led to
+    /// it is told by errorOccurred().
+    KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObject *parent = nullptr);
+    ~KvPelloGripper() override;
+
+    /// Whether the firmware version starts with the code of a known product family.
+    bool isValidDevice() override;
+
+    /// Reads the input block and the three counters. False when any of these reads failed; the
+    /// image then keeps what was not read.
+    bool updateInput();
+
+    /// Reads the input block and takes activation, go-to and position request over into the output
+    /// image, so that the first write does not change what the gripper is doing.
+    bool initOutput();
+
+    /// Writes the output block, in the order that an activation needs. The image counts as sent
+    /// even when the write fails. Returns whether the device acknowledged.
+    bool updateOutput();
+
+    /// Whether the output image differs from what was last sent.
+    bool isNewOutput() const { return m_newOutput != 0; }
+
+    /// True once the device is activated and has completed its activation (status 3).
+    quint8 getActivateEcho() const;
+    quint8 getGripperModeEcho() const { return m_gripperModeEcho; }
+    quint8 getGoToEcho() const { return m_goToEcho; }
+    quint8 getStatus() const { return m_status; }
+    quint8 getVacuumStatus() const { return m_vacuumStatus; }
+    quint8 getObjectFlag() const { return m_objectFlag; }
+    quint8 getFaultFlag() const { return m_faultFlag; }
+    quint8 getPositionRequestEcho() const { return m_positionRequestEcho; }
+    quint8 getPosition() const { return m_position; }
+    quint8 getMotorCurrent() const { return m_motorCurrent; }
+    quint8 getLedBypass() const { return m_ledBypass; }
+    quint8 getLedRed() const { return m_ledRed; }
+    quint8 getLedBlue() const { return m_ledBlue; }
+    quint8 getLedGreen() const { return m_ledGreen; }
+    /// The activation asked for and not yet carried out, not the bit last sent.
+    quint8 getActivateRequest() const { return m_activateRequest; }
+    quint8 getGoToRequest() const { return m_goToRequest; }
+    quint8 getAutoReleaseRequest() const { return m_autoReleaseRequest; }
+    quint8 getAutoReleaseDirectionRequest() const { return m_autoReleaseDirectionRequest; }
+    quint8 getMaxPeakSupplyCurrent() const { return m_maxPeakSupplyCurrent; }
+    quint8 getPositionRequest() const { return m_positionRequest; }
+    quint8 getSpeedRequest() const { return m_speedRequest; }
+    quint8 getForceRequest() const { return m_forceRequest; }
+
+    /// Asks for an activation; always marks new output. A gripper that is active is deactivated
+    /// first, which takes a write of its own.
+    void setActivateRequest();
+    /// Withdraws the activation; always marks new output.
+    void clearActivateRequest();
+
+    // Each of these marks new output only when it changes the image.
+    void setGripperModeManual() { change(m_gripperModeRequest, 0); }
+    void setGripperModeAutomatic() { change(m_gripperModeRequest, 1); }
+    void setGoToRequest() { change(m_goToRequest, 1); }
+    void clearGoToRequest() { change(m_goToRequest, 0); }
+    void setAutoReleaseRequest() { change(m_autoReleaseRequest, 1); }
+    void clearAutoReleaseRequest() { change(m_autoReleaseRequest, 0); }
+    void setAutoReleaseDirectionRequest() { change(m_autoReleaseDirectionRequest, 1); }
+    void clearAutoReleaseDirectionRequest() { change(m_autoReleaseDirectionRequest, 0); }
+    void setLedBypass() { change(m_ledBypass, 1); }
+    void clearLedBypass() { change(m_ledBypass, 0); }
+    void setLedRed() { change(m_ledRed, 1); }
+    void clearLedRed() { change(m_ledRed, 0); }
+    void setLedBlue() { change(m_ledBlue, 1); }
+    void clearLedBlue() { change(m_ledBlue, 0); }
+    void setLedGreen() { change(m_ledGreen, 1); }
+    void clearLedGreen() { change(m_ledGreen, 0); }
+    void setMaxPeakSupplyCurrent(quint8 current) { change(m_maxPeakSupplyCurrent, current); }
+    void setPositionRequest(quint8 position) { change(m_positionRequest, position); }
+    void setSpeedRequest(quint8 speed) { change(m_speedRequest, speed); }
+    void setForceRequest(quint8 force) { change(m_forceRequest, force); }
+
+    /// The counters as last read; 0 before.
+    quint32 getNumberOfCycles() const { return m_numberOfCycles; }
+    quint32 getNumberOfSecondsPumpIsOn() const { return m_numberOfSecondsPumpIsOn; }
+    quint32 getNumberOfPumpActivations() const { return m_numberOfPumpActivations; }
+
+    /// Each reads one counter into its cache; false, and the cache as it was, when the read fails.
+    /// Leaves the device error alone.
+    bool updateCycleNumber();
+    bool updateNumberOfSecondsPumpIsOn();
+    bool updateNumberOfPumpActivations();
+
+    /// Direct reads; 0 when the read fails.
+    quint32 getOdometer();
+    quint32 getMicroUniqueCRC();
+    quint16 getActivationCountRange();
+    quint16 get200NSpeedLimit();
+
+    /// Writes the speed limit at 200 N and reads it back after 50 ms. Returns true when the device
+    /// shows another value than `limit`, false when it shows `limit` or the write failed.
+    bool set200NSpeedLimit(quint16 limit);
+
+private:
+    bool identify();
+    void decodeInput(const QVector<quint16> &words);
+    QVector<quint16> encodeOutput(quint8 activateBit) const;
+    quint8 nextActivateBit();
+    bool updateCounter(quint16 address, quint32 &counter);
+    quint32 readDoubleWord(quint16 address);
+    quint16 readWord(quint16 address);
+    void change(quint8 &field, quint8 value);
+
+    quint8 m_activateRequest = 0;
+    // Until the first read nothing looks inactive, and the first poll always writes.
+    quint8 m_activateEcho = 1;
+    quint8 m_gripperModeEcho = 0;
+    quint8 m_goToEcho = 0;
+    quint8 m_status = 0;
+    quint8 m_vacuumStatus = 0;
+    quint8 m_objectFlag = 0;
+    quint8 m_faultFlag = 0;
+    quint8 m_positionRequestEcho = 0;
+    quint8 m_position = 0;
+    quint8 m_motorCurrent = 0;
+    quint32 m_numberOfCycles = 0;
+    quint32 m_numberOfSecondsPumpIsOn = 0;
+    quint32 m_numberOfPumpActivations = 0;
+    quint8 m_ledBypass = 0;
+    quint8 m_ledRed = 0;
+    quint8 m_ledBlue = 0;
+    quint8 m_ledGreen = 0;
+    quint8 m_activateOutput = 1;
+    quint8 m_gripperModeRequest = 0;
+    quint8 m_goToRequest = 0;
+    quint8 m_autoReleaseRequest = 0;
+    quint8 m_autoReleaseDirectionRequest = 0;
+    quint8 m_maxPeakSupplyCurrent = 0;
+    quint8 m_positionRequest = 0;
+    quint8 m_speedRequest = 0;
+    quint8 m_forceRequest = 0;
+    quint8 m_newOutput = 1;
+};
