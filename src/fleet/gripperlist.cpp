@@ -1,0 +1,358 @@
+#include "gripperlist.h"
+
+#include "kvpellogripperfinder.h"
+#include "portusage.h"
+#include "quitsignals.h"
+
+#include <QDebug>
+#include <QScopedValueRollback>
+#include <QSerialPortInfo>
+
+namespace {
+
+constexpr int throttledIntervalMs = 50;
+constexpr int fastIntervalMs = 5;
+constexpr int scanBackOffMs = 1000;
+constexpr qint32 gripperBaudRate = 115200;
+
+constexpr int familyLetterIndex = 1;
+
+bool isOfFamily(const GripperList::Gripper &gripper, char familyLetter)
+{
+    const QString version = gripper->getFirmwareVersion();
+    return version.size() > familyLetterIndex &&
+           version[familyLetterIndex] == QLatin1Char(familyLetter);
+}
+
+} // namespace
+
+GripperList::GripperList(const ModbusConstraintsFactory &constraintsFactory, QObject *parent)
+    : QObject(parent)
+    , m_modbus(nullptr)
+    , m_stateLoopTimer(new QTimer(this))
+    , m_scanBackOffTimer(new QTimer(this))
+    , m_constraintsFactory(constraintsFactory)
+    , m_tickIntervalMs(throttledIntervalMs)
+{
+    m_scanBackOffTimer->setSingleShot(true);
+    connect(m_stateLoopTimer, &QTimer::timeout, this, &GripperList::onTimerStateLoopTimeout);
+    m_stateLoopTimer->setTimerType(Qt::PreciseTimer);
+    m_stateLoopTimer->start(m_tickIntervalMs);
+}
+
+GripperList::~GripperList() = default;
+
+GripperList::Gripper GripperList::getGripperFromSlaveId(unsigned char slaveId) const
+{
+    return m_grippers.value(slaveId);
+}
+
+QVector<quint8> GripperList::getDiscoveredSlaveIds() const
+{
+    return m_grippers.keys().toVector();
+}
+
+QByteArray GripperList::getPrintableState() const
+{
+    switch (m_linkStatus) {
+    case LinkStatus::Scanning:
+        return QByteArrayLiteral("SCANNING");
+    case LinkStatus::Running:
+        return QByteArrayLiteral("RUNNING");
+    case LinkStatus::ErrorScanning:
+        return QByteArrayLiteral("ERR_SCANNING (EIO)");
+    case LinkStatus::Timeout:
+        return QByteArrayLiteral("ERR_TIMEOUT");
+    }
+    return QByteArrayLiteral("UNKNOWN_STATE");
+}
+
+QString GripperList::getModbusName() const
+{
+    return m_modbus.getPortName();
+}
+
+void GripperList::setMuted(bool muted)
+{
+    m_muted = muted;
+}
+
+void GripperList::setThrottled(bool throttled)
+{
+    // The tick takes it up: setting it on the running timer would restart the period, and a client
+    // that sends it often enough would stop polling.
+    m_tickIntervalMs = throttled ? throttledIntervalMs : fastIntervalMs;
+}
+
+void GripperList::requestScan()
+{
+    m_scanRequested = true;
+}
+
+void GripperList::requestScanBlock()
+{
+    m_loopStep = LoopStep::Discover;
+    // Inside the wait of another operation the flag stays set for that one.
+    const QScopedValueRollback<bool> busy(m_busy, true);
+    m_linkStatus = LinkStatus::Scanning;
+    discoverState();
+}
+
+void GripperList::onTimerStateLoopTimeout()
+{
+    if (m_stateLoopTimer->interval() != m_tickIntervalMs)
+        m_stateLoopTimer->setInterval(m_tickIntervalMs);
+    if (m_tickRunning || m_busy || m_muted)
+        return;
+    const QScopedValueRollback<bool> running(m_tickRunning, true);
+    switch (m_loopStep) {
+    case LoopStep::Discover:
+        discoverTick();
+        return;
+    case LoopStep::SelectNext:
+        selectNextSlaveState();
+        return;
+    case LoopStep::ReadInput:
+        updateInputState();
+        return;
+    case LoopStep::WriteOutput:
+        updateOutputState();
+        return;
+    }
+}
+
+void GripperList::discoverTick()
+{
+    if (m_scanBackOffTimer->isActive())
+        return;
+    discoverState();
+    if (m_loopStep == LoopStep::Discover)
+        m_scanBackOffTimer->start(scanBackOffMs);
+}
+
+void GripperList::selectNextSlaveState()
+{
+    if (m_scanRequested) {
+        m_scanRequested = false;
+        restartDiscovery(LinkStatus::Scanning);
+        return;
+    }
+    if (m_grippers.isEmpty()) {
+        restartDiscovery(LinkStatus::Scanning);
+        return;
+    }
+    auto next = m_currentSlaveId ? m_grippers.upperBound(*m_currentSlaveId) : m_grippers.begin();
+    if (next == m_grippers.end())
+        next = m_grippers.begin();
+    m_currentSlaveId = next.key();
+    updateInputState();
+}
+
+void GripperList::updateInputState()
+{
+    const Gripper gripper = currentGripper();
+    if (!gripper) {
+        restartDiscovery(LinkStatus::ErrorScanning);
+        return;
+    }
+    if (!succeedsInTime([&] { return gripper->updateInput(); },
+                        "gripper->updateInput() fail counter: ")) {
+        onAccessFailed();
+        return;
+    }
+    m_loopStep = LoopStep::WriteOutput;
+    m_linkStatus = LinkStatus::Running;
+}
+
+void GripperList::updateOutputState()
+{
+    const Gripper gripper = currentGripper();
+    if (!gripper) {
+        restartDiscovery(LinkStatus::ErrorScanning);
+        return;
+    }
+    if (!gripper->isNewOutput()) {
+        selectNextSlaveState();
+        return;
+    }
+    if (!succeedsInTime([&] { return gripper->updateOutput(); },
+                        "gripper->updateOutput() fail counter: ")) {
+        onAccessFailed();
+        return;
+    }
+    m_loopStep = LoopStep::SelectNext;
+    m_linkStatus = LinkStatus::Running;
+}
+
+/// Up to six attempts. The sixth comes too late to count: its result is not looked at.
+bool GripperList::succeedsInTime(const std::function<bool()> &access, const char *failureText)
+{
+    int failCounter = 0;
+    while (!access() && failCounter < __maxGripperCommunicationRetries && !quitRequested()) {
+        ++failCounter;
+        qInfo() << failureText << failCounter;
+    }
+    return failCounter < __maxGripperCommunicationRetries;
+}
+
+void GripperList::onAccessFailed()
+{
+    if (!m_modbus.isConnected()) {
+        restartDiscovery(LinkStatus::ErrorScanning);
+        return;
+    }
+    restartDiscovery(LinkStatus::Timeout);
+    m_modbus.disconnectFromDevice();
+}
+
+void GripperList::restartDiscovery(LinkStatus status)
+{
+    m_loopStep = LoopStep::Discover;
+    m_linkStatus = status;
+}
+
+GripperList::Gripper GripperList::currentGripper() const
+{
+    return m_currentSlaveId ? m_grippers.value(*m_currentSlaveId) : Gripper();
+}
+
+void GripperList::discoverState()
+{
+    if (m_modbus.isConnected()) {
+        scan(m_modbus.getPortName());
+        if (m_grippers.isEmpty())
+            m_modbus.disconnectFromDevice();
+        else
+            startPolling();
+        return;
+    }
+    m_grippers.clear();
+    m_currentSlaveId.reset();
+    const QStringList portNames = getAvailableSerialPorts();
+    for (const QString &portName : portNames) {
+        if (quitRequested())
+            return;
+        scan(portName);
+        if (!m_grippers.isEmpty()) {
+            openLink(portName);
+            startPolling();
+            return;
+        }
+        m_modbus.disconnectFromDevice();
+    }
+}
+
+/// The position is on the first gripper, so the next step advances to the second before it reads.
+void GripperList::startPolling()
+{
+    m_currentSlaveId = m_grippers.firstKey();
+    m_loopStep = LoopStep::SelectNext;
+    m_linkStatus = LinkStatus::Running;
+}
+
+void GripperList::openLink(const QString &portName)
+{
+    m_modbus.setConstraints(m_constraintsFactory.getModbusConstraints(portName));
+    m_modbus.setPortName(portName);
+    m_modbus.setBaudRate(gripperBaudRate);
+    m_modbus.connectToDevice();
+}
+
+void GripperList::scan(const QString &portName)
+{
+    openLink(portName);
+    if (!m_modbus.isConnected())
+        return;
+    const QVector<Gripper> found = KvPelloGripperFinder::instance()->scanPort(m_modbus);
+    if (quitRequested())
+        return;
+    for (quint8 slaveId = __min_slave_id; slaveId <= __max_slave_id; ++slaveId)
+        takeOver(slaveId, found);
+    qInfo() << "Connected serial port :" << portName;
+    qInfo() << m_grippers.keys();
+}
+
+void GripperList::takeOver(quint8 slaveId, const QVector<Gripper> &found)
+{
+    Gripper match;
+    for (const Gripper &gripper : found) {
+        if (gripper->getSlaveId() == slaveId)
+            match = gripper;
+    }
+    if (match)
+        m_grippers.insert(slaveId, match);
+    else
+        removeGripper(slaveId);
+}
+
+/// A position that rested on the entry goes to the first gripper.
+void GripperList::removeGripper(quint8 slaveId)
+{
+    m_grippers.remove(slaveId);
+    if (m_currentSlaveId != slaveId)
+        return;
+    m_currentSlaveId.reset();
+    if (!m_grippers.isEmpty())
+        m_currentSlaveId = m_grippers.firstKey();
+}
+
+QStringList GripperList::getAvailableSerialPorts() const
+{
+    const auto present = QSerialPortInfo::availablePorts();
+    QString presentNames;
+    for (const QSerialPortInfo &port : present)
+        presentNames += port.portName() + QLatin1String(", ");
+    qInfo() << "availablePorts: " << presentNames;
+
+    const auto report = [](const QString &command, int exitCode) {
+        qInfo() << "command : " << command;
+        qInfo() << "error : " << exitCode << "\n";
+    };
+    // The tool-flange port comes first, whether or not the enumeration knows it.
+    QStringList portNames{QStringLiteral("ttyTool")};
+    for (const QSerialPortInfo &port : present) {
+        if (isUsbSerialPortName(port.portName()) && isPortFree(port.portName(), report))
+            portNames.append(port.portName());
+    }
+    return portNames;
+}
+
+bool GripperList::isPello(const Gripper &gripper) const
+{
+    return isOfFamily(gripper, 'A');
+}
+
+bool GripperList::isVarno(const Gripper &gripper) const
+{
+    return isOfFamily(gripper, 'B');
+}
+
+bool GripperList::isZentra(const Gripper &gripper) const
+{
+    return isOfFamily(gripper, 'E');
+}
+
+bool GripperList::isSorbix(const Gripper &gripper) const
+{
+    return isOfFamily(gripper, 'F');
+}
+
+bool GripperList::updateGripperSlaveId(unsigned char /*oldId*/, unsigned char /*newId*/)
+{
+    return false;
+}
+
+bool GripperList::jumpToBootloader(const Gripper & /*gripper*/)
+{
+    return false;
+}
+
+bool GripperList::upgradeFirmware(const Gripper & /*gripper*/)
+{
+    return false;
+}
+
+int GripperList::getUpgradeStatus() const
+{
+    return 0;
+}

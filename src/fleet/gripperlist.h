@@ -1,0 +1,141 @@
+#pragma once
+
+#include "kvmodbuscustom.h"
+#include "kvpellogripper.h"
+#include "modbusconstraintsfactory.h"
+
+#include <QByteArray>
+#include <QMap>
+#include <QObject>
+#include <QSharedPointer>
+#include <QStringList>
+#include <QTimer>
+#include <QVector>
+
+#include <functional>
+#include <optional>
+
+/// Owns the serial link and every gripper on it. A timer drives a state machine that discovers
+/// grippers, reads each one's inputs and writes its outputs when they changed. Clients read and
+/// change the images of the grippers that this list hands out; the loop carries them to the bus.
+///
+/// Whatever touches the bus pumps events, so a client's request may run inside it and replace or
+/// remove every gripper: after a wait nothing but a shared pointer in hand is certain.
+class GripperList : public QObject
+{
+    Q_OBJECT
+
+public:
+    using Gripper = QSharedPointer<KvPelloGripper>;
+
+    /// `constraintsFactory` must outlive the list. Opens no port; the first tick does, 50 ms on.
+    GripperList(const ModbusConstraintsFactory &constraintsFactory, QObject *parent);
+    ~GripperList() override;
+
+    /// Null when no gripper has that id.
+    Gripper getGripperFromSlaveId(unsigned char slaveId) const;
+
+    /// Ascending.
+    QVector<quint8> getDiscoveredSlaveIds() const;
+
+    /// "SCANNING", "RUNNING", "ERR_SCANNING (EIO)" or "ERR_TIMEOUT".
+    QByteArray getPrintableState() const;
+
+    QString getModbusName() const;
+
+    /// Suspends polling, or lets it go on.
+    void setMuted(bool muted);
+
+    /// Lets the state loop tick every 50 ms (true) or every 5 ms (false), from its next period on.
+    void setThrottled(bool throttled);
+
+    /// Asks for a scan after the output step of the gripper being polled. Returns at once.
+    void requestScan();
+
+    /// Scans in this call, whatever the state loop is doing; pumps events for a second and more.
+    void requestScanBlock();
+
+    /// Brings the grippers up to date with what answers on `portName`. Changes nothing when the
+    /// port cannot be opened; leaves it open otherwise. Pumps events.
+    void scan(const QString &portName);
+
+    /// Rescans the port in use, or looks for a port with grippers. Pumps events, and blocks the
+    /// thread while `fuser` runs.
+    void discoverState();
+
+    /// "ttyTool", then every USB serial port that no process holds open. Blocks the thread while
+    /// `fuser` runs.
+    QStringList getAvailableSerialPorts() const;
+
+    /// Product families, told by the second character of the firmware version.
+    bool isPello(const Gripper &gripper) const;
+    bool isVarno(const Gripper &gripper) const;
+    bool isSorbix(const Gripper &gripper) const;
+    bool isZentra(const Gripper &gripper) const;
+
+    /// Moving a gripper to another slave id, sending it into its bootloader and upgrading it are
+    /// not supported yet: each returns false, and nothing happens.
+    bool updateGripperSlaveId(unsigned char oldId, unsigned char newId);
+    bool jumpToBootloader(const Gripper &gripper);
+    bool upgradeFirmware(const Gripper &gripper);
+
+    /// 1 while the flashing program runs, else 0.
+    int getUpgradeStatus() const;
+
+    static constexpr int __maxGripperCommunicationRetries = 5;
+    static constexpr quint8 __min_slave_id = 1;
+    static constexpr quint8 __max_slave_id = 9;
+
+public slots:
+    /// One tick of the state loop. Does nothing while a tick, a blocking scan or a slave id move is
+    /// under way, or while polling is muted.
+    void onTimerStateLoopTimeout();
+
+private:
+    friend class tst_GripperList;
+
+    /// What the next tick does.
+    enum class LoopStep : qint32 {
+        Discover = 0,   ///< Look for grippers, unless the pause after a failure is still running.
+        SelectNext = 1, ///< Take up the next gripper and read it.
+        ReadInput = 2,  ///< Read the gripper at the current position.
+        WriteOutput = 3 ///< Write it if its outputs changed, or else go on to the next.
+    };
+
+    /// What clients are told about the link.
+    enum class LinkStatus : qint32 {
+        Scanning = 0,      ///< No gripper has been found yet, or a scan was asked for.
+        Running = 1,       ///< The last access succeeded.
+        ErrorScanning = 2, ///< The link went down, or there was no gripper to poll.
+        Timeout = 3        ///< A gripper stopped answering; the link was closed.
+    };
+
+    void discoverTick();
+    void selectNextSlaveState();
+    void updateInputState();
+    void updateOutputState();
+    void onAccessFailed();
+    void restartDiscovery(LinkStatus status);
+    void startPolling();
+    void openLink(const QString &portName);
+    void takeOver(quint8 slaveId, const QVector<Gripper> &found);
+    void removeGripper(quint8 slaveId);
+    Gripper currentGripper() const;
+    static bool succeedsInTime(const std::function<bool()> &access, const char *failureText);
+
+    KvModbusCustom m_modbus;
+    QMap<quint8, Gripper> m_grippers;
+    /// The slave id of the gripper being polled; none stands for the map's end. An id, because a
+    /// scan may replace or remove every entry while a step waits.
+    std::optional<quint8> m_currentSlaveId;
+    QTimer *m_stateLoopTimer;
+    QTimer *m_scanBackOffTimer;
+    LoopStep m_loopStep = LoopStep::Discover;
+    LinkStatus m_linkStatus = LinkStatus::Scanning;
+    const ModbusConstraintsFactory &m_constraintsFactory;
+    bool m_busy = false;
+    bool m_muted = false;
+    bool m_scanRequested = false;
+    bool m_tickRunning = false;
+    int m_tickIntervalMs;
+};
