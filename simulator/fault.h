@@ -1,0 +1,40 @@
+#pragma once
+
+#include <QByteArray>
+#include <QMetaType>
+
+namespace sim {
+
+/// The ways in which a gripper misbehaves, in the order in which they are applied.
+enum class FaultKind {
+    Deaf,          ///< does not hear the request: not carried out, not answered
+    Silent,        ///< carries it out and does not answer
+    Late,          ///< answers after a delay
+    Exception,     ///< answers an exception instead of carrying it out
+    WrongId,       ///< answers under another slave id
+    WrongFunction, ///< answers with another function code
+    BadCrc,        ///< answers with a wrong CRC
+    Truncated,     ///< the end of the answer is missing
+    Trailing,      ///< bytes follow the answer
+    Noise,         ///< bytes come before the answer
+    Echo,          ///< the request comes back before the answer
+};
+
+/// One fault and the requests that it strikes.
+struct Fault
+{
+    enum class Scope { AnyRequest, Reads, Writes, StartAddress };
+    static constexpr int __unlimited = -1;
+
+    FaultKind kind = FaultKind::Silent;
+    int remaining = __unlimited; ///< requests that it still strikes
+    int sharePercent = 100;      ///< how many of a hundred requests it strikes, by chance
+    int value = 0;               ///< milliseconds, bytes or code, as the kind says
+    Scope scope = Scope::AnyRequest;
+    quint16 address = 0; ///< the first register, for Scope::StartAddress
+
+    /// Whether `request` (with CRC) is within the scope.
+    bool concerns(const QByteArray &request) const;
+};
+
+} // namespace sim

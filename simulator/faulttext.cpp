@@ -1,0 +1,182 @@
+#include "faulttext.h"
+
+#include "numbers.h"
+
+#include <climits>
+
+namespace sim {
+
+namespace {
+struct KindRow
+{
+    const char *name;
+    const char *meaning;
+    FaultKind kind;
+    int minValue; // no value is taken where min and max are 0
+    int maxValue;
+    int defaultValue;
+};
+
+constexpr KindRow kKinds[] = {
+    {"deaf", "request not heard: not carried out, not answered", FaultKind::Deaf, 0, 0, 0},
+    {"silent", "request carried out, not answered", FaultKind::Silent, 0, 0, 0},
+    {"late", "answer VALUE ms late", FaultKind::Late, 1, 60000, 80},
+    {"exception", "exception answer VALUE, not carried out", FaultKind::Exception, 1, 255, 4},
+    {"wrongId", "answer under slave id VALUE", FaultKind::WrongId, 0, 255, 250},
+    {"wrongFunction", "answer with function code VALUE", FaultKind::WrongFunction, 0, 255, 4},
+    {"badCrc", "answer with a wrong CRC", FaultKind::BadCrc, 0, 0, 0},
+    {"truncated", "the last VALUE bytes of the answer missing", FaultKind::Truncated, 1, 255, 3},
+    {"trailing", "VALUE random bytes behind the answer", FaultKind::Trailing, 1, 255, 3},
+    {"noise", "VALUE random bytes before the answer", FaultKind::Noise, 1, 255, 3},
+    {"echo", "the request before the answer", FaultKind::Echo, 0, 0, 0},
+};
+
+constexpr int kMaxShare = 100;
+
+bool takesValue(const KindRow &row)
+{
+    return row.maxValue > 0;
+}
+
+const KindRow *rowOf(const QString &name)
+{
+    for (const KindRow &row : kKinds) {
+        if (name.compare(QLatin1String(row.name), Qt::CaseInsensitive) == 0)
+            return &row;
+    }
+    return nullptr;
+}
+
+const KindRow &rowOf(FaultKind kind)
+{
+    return kKinds[static_cast<int>(kind)];
+}
+
+bool takeHowOften(const QString &word, Fault *fault)
+{
+    if (word == QLatin1String("always"))
+        return true;
+    const bool isShare = word.endsWith(QLatin1Char('%'));
+    const std::optional<int> number =
+        isShare ? parseNumber(word.chopped(1), 1, kMaxShare) : parseNumber(word, 1, INT_MAX);
+    if (!number)
+        return false;
+    (isShare ? fault->sharePercent : fault->remaining) = *number;
+    return true;
+}
+
+bool takeScope(const QString &word, Fault *fault)
+{
+    if (word == QLatin1String("reads")) {
+        fault->scope = Fault::Scope::Reads;
+        return true;
+    }
+    if (word == QLatin1String("writes")) {
+        fault->scope = Fault::Scope::Writes;
+        return true;
+    }
+    const std::optional<int> address = parseNumber(word, 0, 0xFFFF);
+    fault->scope = Fault::Scope::StartAddress;
+    fault->address = static_cast<quint16>(address.value_or(0));
+    return address.has_value();
+}
+
+/// Takes "on SCOPE" off the end of `words`, if it is there.
+bool takeScopeWords(QStringList *words, Fault *fault)
+{
+    if (words->size() < 2 || words->at(words->size() - 2) != QLatin1String("on"))
+        return true;
+    const QString scope = words->takeLast();
+    words->removeLast();
+    return takeScope(scope, fault);
+}
+
+bool takeValue(const QString &word, const KindRow &row, Fault *fault)
+{
+    const std::optional<int> value = parseNumber(word, row.minValue, row.maxValue);
+    fault->value = value.value_or(row.defaultValue);
+    return takesValue(row) && value.has_value();
+}
+
+/// What is wrong with `words` (KIND left out), empty for nothing; `fault` is filled on the way.
+QString takeWords(QStringList words, const KindRow &row, Fault *fault)
+{
+    if (!takeScopeWords(&words, fault))
+        return QStringLiteral("no such scope: it is reads, writes or a register");
+    if (words.size() > 2)
+        return QStringLiteral("too many words for a fault");
+    if (!words.isEmpty() && !takeHowOften(words.first(), fault))
+        return QStringLiteral("how often is a number of requests, a share such as 30%, or always");
+    if (words.size() == 2 && !takeValue(words.last(), row, fault)) {
+        return takesValue(row)
+                   ? QStringLiteral("the value is %1 to %2").arg(row.minValue).arg(row.maxValue)
+                   : QStringLiteral("%1 takes no value").arg(QLatin1String(row.name));
+    }
+    return QString();
+}
+
+QString scopeText(const Fault &fault)
+{
+    switch (fault.scope) {
+    case Fault::Scope::AnyRequest:
+        return QString();
+    case Fault::Scope::Reads:
+        return QStringLiteral(" on reads");
+    case Fault::Scope::Writes:
+        return QStringLiteral(" on writes");
+    case Fault::Scope::StartAddress:
+        return QStringLiteral(" on %1").arg(fault.address);
+    }
+    return QString();
+}
+
+QString howOftenText(const Fault &fault)
+{
+    if (fault.remaining != Fault::__unlimited)
+        return QString::number(fault.remaining);
+    if (fault.sharePercent < kMaxShare)
+        return QStringLiteral("%1%").arg(fault.sharePercent);
+    return QStringLiteral("always");
+}
+} // namespace
+
+std::optional<Fault> parseFault(QStringList words, QString *error)
+{
+    const KindRow *row = words.isEmpty() ? nullptr : rowOf(words.takeFirst());
+    if (row == nullptr) {
+        *error = QStringLiteral("no such kind of fault, see help");
+        return std::nullopt;
+    }
+    Fault fault;
+    fault.kind = row->kind;
+    fault.value = row->defaultValue;
+    *error = takeWords(words, *row, &fault);
+    if (!error->isEmpty())
+        return std::nullopt;
+    return fault;
+}
+
+QString faultText(const Fault &fault)
+{
+    const KindRow &row = rowOf(fault.kind);
+    QString text = QStringLiteral("%1 %2").arg(QLatin1String(row.name), howOftenText(fault));
+    if (takesValue(row))
+        text += QStringLiteral(" %1").arg(fault.value);
+    return text + scopeText(fault);
+}
+
+QStringList faultHelp()
+{
+    QStringList lines;
+    for (const KindRow &row : kKinds) {
+        QString line = QStringLiteral("  %1 %2")
+                           .arg(QLatin1String(row.name), -14)
+                           .arg(QLatin1String(row.meaning));
+        if (takesValue(row))
+            line += QStringLiteral(" (default %1)").arg(row.defaultValue);
+        lines.append(line);
+    }
+    return lines;
+}
+
+} // namespace sim

@@ -1,0 +1,28 @@
+#include "framelog.h"
+
+namespace sim {
+
+namespace {
+constexpr double kUsPerMs = 1000.0;
+constexpr int kTimeWidth = 12;
+constexpr int kTimeDecimals = 3;
+} // namespace
+
+void FrameLog::append(const FrameRecord &frame)
+{
+    m_frames.append(frame);
+    if (m_frames.size() > __maxFrames)
+        m_frames.removeFirst();
+}
+
+QString traceLine(const FrameRecord &frame)
+{
+    const double timeMs = static_cast<double>(frame.timeUs) / kUsPerMs;
+    const bool isRequest = frame.direction == FrameRecord::Direction::Request;
+    return QStringLiteral("%1 %2 %3")
+        .arg(timeMs, kTimeWidth, 'f', kTimeDecimals)
+        .arg(isRequest ? QLatin1Char('>') : QLatin1Char('<'))
+        .arg(QString::fromLatin1(frame.bytes.toHex(' ')));
+}
+
+} // namespace sim

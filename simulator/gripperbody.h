@@ -1,0 +1,107 @@
+#pragma once
+
+#include "travel.h"
+
+#include <QtGlobal>
+
+namespace sim {
+
+/// What the master has commanded, out of the output registers.
+struct BodyCommand
+{
+    bool activate = false;
+    quint8 mode = 0;
+    bool goTo = false;
+    bool autoRelease = false;
+    bool autoReleaseCloses = false;
+    quint8 position = 0;
+    quint8 speed = 0;
+    quint8 force = 0;
+};
+
+/// The moving part of a gripper: fingers, or the vacuum of a cup with its pump. Everything is
+/// worked out from the clock whenever somebody asks; nothing runs in between.
+class GripperBody
+{
+public:
+    enum class Status : quint8 {
+        Reset = 0,      ///< not activated
+        Activating = 1, ///< activation under way
+        Releasing = 2,  ///< auto-release under way or done, waits for a deactivation
+        Active = 3,     ///< ready for go-to
+    };
+    enum class ObjectFlag : quint8 {
+        None = 0,    ///< no go-to asked for
+        Moving = 1,  ///< on the way to the requested position
+        Held = 2,    ///< stopped by an object (vacuum: by a leak) before it
+        Arrived = 3, ///< at the requested position
+    };
+    enum class VacuumStatus : quint8 {
+        None = 0,     ///< no vacuum asked for
+        Building = 1, ///< the pump builds it up
+        Holding = 2,  ///< at the requested level, pump off
+        Leaking = 3,  ///< the pump runs and cannot reach the level
+    };
+    static constexpr int __noObject = -1;
+    static constexpr quint8 __faultReleasing = 1; ///< shown while an auto-release moves
+    static constexpr quint8 __faultReleased = 2;  ///< shown after it, until deactivated
+
+    /// A deactivated body. An activation takes `activationUs`.
+    GripperBody(bool isVacuum, qint64 activationUs);
+
+    /// Works everything out up to `nowUs`. To be called before the queries below.
+    void advance(qint64 nowUs);
+    void setCommand(const BodyCommand &command, qint64 nowUs);
+    /// Power lost and back: deactivated, no command. Counters stay.
+    void restart(qint64 nowUs);
+    /// An object that stops a rising position at 0 to 255, or __noObject.
+    void setObject(int position, qint64 nowUs);
+    /// The code to show, 0 to 15, until a deactivation clears it.
+    void setFaultCode(quint8 code) { m_faultCode = code; }
+
+    const BodyCommand &command() const { return m_command; }
+    int object() const { return m_object; }
+    quint8 faultCode() const { return m_faultCode; }
+    Status status() const { return m_status; }
+    ObjectFlag objectFlag() const;
+    VacuumStatus vacuumStatus() const;
+    quint8 position() const { return static_cast<quint8>(m_travel.positionAt(m_nowUs)); }
+    quint8 motorCurrent() const;
+
+    /// Movements that closed the fingers, or built up vacuum.
+    quint32 cycles() const { return m_cycles; }
+    /// Vacuum: seconds of pump running. Fingers: position steps travelled.
+    quint32 usage() const;
+    /// Vacuum: starts of the pump. Fingers: activations.
+    quint32 starts() const { return m_isVacuum ? m_pumpStarts : m_activations; }
+
+private:
+    void account(qint64 untilUs);
+    void startTravel(const Travel &travel);
+    void retarget(qint64 nowUs, bool isNewMove);
+    void deactivate(qint64 nowUs);
+    void beginActivation(qint64 nowUs);
+    void endActivation();
+    void beginAutoRelease(qint64 nowUs);
+    bool isMoving() const { return !m_travel.isOverAt(m_nowUs); }
+    int goal() const;
+    int rate() const;
+
+    bool m_isVacuum;
+    qint64 m_activationUs;
+    qint64 m_nowUs = 0;
+    Status m_status = Status::Reset;
+    qint64 m_activeFromUs = 0;
+    Travel m_travel;
+    bool m_isBlocked = false;
+    BodyCommand m_command;
+    int m_object = __noObject;
+    quint8 m_faultCode = 0;
+    quint32 m_cycles = 0;
+    quint32 m_activations = 0;
+    quint32 m_pumpStarts = 0;
+    quint32 m_steps = 0;
+    qint64 m_pumpUs = 0;
+};
+
+} // namespace sim

@@ -1,0 +1,57 @@
+#include "gripperoptions.h"
+
+#include "devicemap.h"
+#include "numbers.h"
+
+namespace sim {
+
+namespace {
+constexpr int kMaxYear = 0xFFFF;
+}
+
+std::optional<PerGripperText> PerGripperText::fromWord(const QString &word)
+{
+    const int equals = word.indexOf(QLatin1Char('='));
+    if (equals < 0)
+        return std::nullopt;
+    const std::optional<int> slaveId =
+        parseNumber(word.left(equals), map::kMinSlaveId, map::kMaxSlaveId);
+    if (!slaveId)
+        return std::nullopt;
+    return PerGripperText{static_cast<quint8>(*slaveId), word.mid(equals + 1)};
+}
+
+std::optional<GripperOptions> GripperOptions::fromWords(const QStringList &words, QString *error)
+{
+    const auto start = PerGripperText::fromWord(words.value(0));
+    const auto identity =
+        start ? GripperIdentity::fromVersion(start->slaveId, start->text) : std::nullopt;
+    if (!identity) {
+        *error = QStringLiteral("not a gripper: \"%1\"; it is ID=VERSION with an id of 1 to 247 "
+                                "and a version such as TA3-1.6.14 (TA, TB, TE or TF)")
+                     .arg(words.value(0));
+        return std::nullopt;
+    }
+    GripperOptions options{start->slaveId, *identity};
+    for (const QString &word : words.mid(1)) {
+        if (options.take(word))
+            continue;
+        *error = QStringLiteral("\"%1\" is neither serial=ABC-0042 nor year=2023").arg(word);
+        return std::nullopt;
+    }
+    return options;
+}
+
+bool GripperOptions::take(const QString &word)
+{
+    const QString value = word.section(QLatin1Char('='), 1);
+    if (word.startsWith(QLatin1String("serial=")))
+        return identity.setSerial(value);
+    const std::optional<int> year = parseNumber(value, 0, kMaxYear);
+    if (!word.startsWith(QLatin1String("year=")) || !year)
+        return false;
+    identity.year = static_cast<quint16>(*year);
+    return true;
+}
+
+} // namespace sim

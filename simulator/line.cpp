@@ -1,0 +1,95 @@
+#include "line.h"
+
+#include "linelistener.h"
+#include "timeline.h"
+
+namespace sim {
+
+Line::Line(Timeline &timeline, QObject *parent)
+    : QObject(parent)
+    , m_timeline(timeline)
+{
+    qRegisterMetaType<FrameRecord>();
+}
+
+void Line::addListener(LineListener *listener)
+{
+    m_listeners.append(listener);
+}
+
+void Line::removeListener(LineListener *listener)
+{
+    m_listeners.removeAll(listener);
+}
+
+void Line::receive(const QByteArray &bytes, int baudRate)
+{
+    const qint64 nowUs = m_timeline.nowUs();
+    // The timer may come later than the bytes that follow the gap.
+    if (m_isInFrame && nowUs - m_lastByteUs >= __gapUs)
+        announceSilence();
+    m_lastByteUs = nowUs;
+    m_isInFrame = true;
+    m_baudRate = baudRate;
+    m_monitor.append(bytes);
+    const QVector<LineListener *> listeners = m_listeners;
+    for (LineListener *listener : listeners)
+        listener->hear(bytes, baudRate);
+    // Only now: no answer waits for whoever listens to the reports.
+    reportRequests();
+    if (!m_isWatching)
+        watchForSilence(__gapUs);
+}
+
+void Line::transmit(const QByteArray &bytes, int baudRate)
+{
+    if (baudRate != m_baudRate)
+        return;
+    emit bytesToMaster(bytes);
+    // What is being answered belongs before the answer, even if only a silence would end it.
+    m_monitor.endFrame();
+    reportRequests();
+    emit frameSeen({m_timeline.nowUs(), FrameRecord::Direction::Answer, bytes});
+}
+
+void Line::reset()
+{
+    if (m_isInFrame)
+        announceSilence();
+}
+
+void Line::watchForSilence(qint64 delayUs)
+{
+    m_isWatching = true;
+    m_timeline.after(this, delayUs, [this] { onGapElapsed(); });
+}
+
+void Line::onGapElapsed()
+{
+    m_isWatching = false;
+    if (!m_isInFrame)
+        return;
+    const qint64 quietUs = m_timeline.nowUs() - m_lastByteUs;
+    if (quietUs < __gapUs)
+        watchForSilence(__gapUs - quietUs);
+    else
+        announceSilence();
+}
+
+void Line::announceSilence()
+{
+    m_isInFrame = false;
+    m_monitor.endFrame();
+    reportRequests();
+    const QVector<LineListener *> listeners = m_listeners;
+    for (LineListener *listener : listeners)
+        listener->hearSilence();
+}
+
+void Line::reportRequests()
+{
+    while (const auto frame = m_monitor.take())
+        emit frameSeen({m_lastByteUs, FrameRecord::Direction::Request, frame->bytes});
+}
+
+} // namespace sim

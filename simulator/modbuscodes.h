@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QtGlobal>
+
+namespace sim {
+
+/// The function codes that the gripper's firmware carries out.
+constexpr quint8 kReadHoldingRegisters = 0x03;
+constexpr quint8 kWriteMultipleRegisters = 0x10;
+/// Set in the function code of an exception answer.
+constexpr quint8 kExceptionFlag = 0x80;
+
+enum class ModbusException : quint8 {
+    None = 0,
+    IllegalFunction = 1,
+    IllegalAddress = 2,
+    IllegalValue = 3,
+    DeviceFailure = 4,
+};
+
+/// The big-endian word at `offset` of `bytes`.
+template <typename Bytes>
+quint16 wordAt(const Bytes &bytes, int offset)
+{
+    const auto high = static_cast<quint8>(bytes.at(offset));
+    const auto low = static_cast<quint8>(bytes.at(offset + 1));
+    return static_cast<quint16>(high << 8 | low);
+}
+
+/// Appends `word` to `bytes`, high byte first.
+template <typename Bytes>
+void appendWord(Bytes *bytes, quint16 word)
+{
+    bytes->append(static_cast<char>(word >> 8));
+    bytes->append(static_cast<char>(word & 0xFF));
+}
+
+} // namespace sim

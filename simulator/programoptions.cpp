@@ -1,0 +1,218 @@
+#include "programoptions.h"
+
+#include "numbers.h"
+
+#include <QCommandLineParser>
+
+#include <climits>
+
+namespace sim {
+
+namespace {
+constexpr int kMaxPosition = 255;
+constexpr int kMaxTimeMs = 600000;
+constexpr int kMaxMode = 0777;
+
+/// The options by name, so that declaring and asking cannot differ.
+struct Names
+{
+    static QString gripper() { return QStringLiteral("gripper"); }
+    static QString serial() { return QStringLiteral("serial"); }
+    static QString year() { return QStringLiteral("year"); }
+    static QString object() { return QStringLiteral("object"); }
+    static QString link() { return QStringLiteral("link"); }
+    static QString noLink() { return QStringLiteral("no-link"); }
+    static QString mode() { return QStringLiteral("mode"); }
+    static QString boot() { return QStringLiteral("boot-ms"); }
+    static QString activation() { return QStringLiteral("activation-ms"); }
+    static QString seed() { return QStringLiteral("seed"); }
+    static QString trace() { return QStringLiteral("trace"); }
+    static QString traceFile() { return QStringLiteral("trace-file"); }
+    static QString quit() { return QStringLiteral("quit-at-eof"); }
+    static QString help() { return QStringLiteral("help"); }
+};
+
+void declare(QCommandLineParser *parser)
+{
+    parser->setApplicationDescription(QStringLiteral(
+        "Simulates a serial line with grippers on it. Commands come on standard input; the "
+        "command \"help\" lists them."));
+    parser->addOptions({
+        {Names::gripper(),
+         QStringLiteral("A gripper on the line, such as 9=TA3-1.6.14. May be repeated."),
+         QStringLiteral("ID=VERSION")},
+        {Names::serial(), QStringLiteral("Its serial number, such as 9=ABC-0042."),
+         QStringLiteral("ID=TEXT")},
+        {Names::year(), QStringLiteral("Its production year, such as 9=2023."),
+         QStringLiteral("ID=YEAR")},
+        {Names::object(), QStringLiteral("An object that stops it at a position of 0 to 255."),
+         QStringLiteral("ID=POSITION")},
+        {Names::link(), QStringLiteral("Link to make to the line's pty."), QStringLiteral("PATH"),
+         QStringLiteral("/dev/ttyTool")},
+        {Names::noLink(), QStringLiteral("Make no link.")},
+        {Names::mode(), QStringLiteral("Octal permission bits of the pty, such as 666."),
+         QStringLiteral("MODE")},
+        {Names::boot(), QStringLiteral("How long a restart takes."), QStringLiteral("MS"),
+         QStringLiteral("800")},
+        {Names::activation(), QStringLiteral("How long an activation takes."), QStringLiteral("MS"),
+         QStringLiteral("1500")},
+        {Names::seed(), QStringLiteral("Seed of what happens by chance."), QStringLiteral("N"),
+         QStringLiteral("1")},
+        {Names::trace(), QStringLiteral("Print every frame on standard output.")},
+        {Names::traceFile(), QStringLiteral("Write every frame to a file."),
+         QStringLiteral("FILE")},
+        {Names::quit(), QStringLiteral("End when standard input ends.")},
+    });
+    parser->addHelpOption();
+}
+
+/// Reads a parsed command line into the options, stopping at the first thing that is wrong.
+class Reader
+{
+public:
+    Reader(const QCommandLineParser &parser, ProgramOptions *options)
+        : m_parser(parser)
+        , m_options(*options)
+    {
+    }
+
+    void read()
+    {
+        readSwitches();
+        readNumbers();
+        readMode();
+        readGrippers();
+        readExtras(Names::serial());
+        readExtras(Names::year());
+        readObjects();
+    }
+
+private:
+    void refuse(const QString &text)
+    {
+        if (m_options.outcome != ProgramOptions::Outcome::Run)
+            return;
+        m_options.outcome = ProgramOptions::Outcome::Refuse;
+        m_options.text = text;
+    }
+
+    void refuse(const QString &name, const QString &value)
+    {
+        refuse(QStringLiteral("not a value for --%1: \"%2\"").arg(name, value));
+    }
+
+    void readSwitches()
+    {
+        if (!m_parser.positionalArguments().isEmpty()) {
+            refuse(QStringLiteral("what is \"%1\"? See --help")
+                       .arg(m_parser.positionalArguments().first()));
+        }
+        if (!m_parser.isSet(Names::noLink()))
+            m_options.config.linkPath = m_parser.value(Names::link());
+        m_options.traceFile = m_parser.value(Names::traceFile());
+        m_options.trace = m_parser.isSet(Names::trace()) || m_parser.isSet(Names::traceFile());
+        m_options.quitAtEndOfInput = m_parser.isSet(Names::quit());
+    }
+
+    int number(const QString &name, int max)
+    {
+        const std::optional<int> value = parseNumber(m_parser.value(name), 0, max);
+        if (!value)
+            refuse(name, m_parser.value(name));
+        return value.value_or(0);
+    }
+
+    void readNumbers()
+    {
+        m_options.config.timing.bootMs = number(Names::boot(), kMaxTimeMs);
+        m_options.config.timing.activationMs = number(Names::activation(), kMaxTimeMs);
+        m_options.config.seed = static_cast<quint32>(number(Names::seed(), INT_MAX));
+    }
+
+    void readMode()
+    {
+        if (!m_parser.isSet(Names::mode()))
+            return;
+        bool ok = false;
+        const QString text = m_parser.value(Names::mode());
+        m_options.config.portMode = text.toUInt(&ok, 8);
+        if (!ok || m_options.config.portMode == 0 || m_options.config.portMode > kMaxMode)
+            refuse(Names::mode(), text);
+    }
+
+    GripperOptions *gripperOf(quint8 slaveId)
+    {
+        for (GripperOptions &gripper : m_options.grippers) {
+            if (gripper.slaveId == slaveId)
+                return &gripper;
+        }
+        return nullptr;
+    }
+
+    void readGrippers()
+    {
+        const QStringList words = m_parser.values(Names::gripper());
+        for (const QString &word : words) {
+            QString problem;
+            const auto gripper = GripperOptions::fromWords({word}, &problem);
+            if (!gripper)
+                refuse(problem);
+            else if (gripperOf(gripper->slaveId) != nullptr)
+                refuse(QStringLiteral("two grippers with slave id %1").arg(gripper->slaveId));
+            else
+                m_options.grippers.append(*gripper);
+        }
+    }
+
+    void readExtras(const QString &name)
+    {
+        const QStringList words = m_parser.values(name);
+        for (const QString &word : words) {
+            const auto extra = PerGripperText::fromWord(word);
+            GripperOptions *gripper = extra ? gripperOf(extra->slaveId) : nullptr;
+            const bool isTaken =
+                gripper != nullptr && gripper->take(name + QLatin1Char('=') + extra->text);
+            if (!isTaken)
+                refuse(name, word);
+        }
+    }
+
+    void readObjects()
+    {
+        const QStringList words = m_parser.values(Names::object());
+        for (const QString &word : words) {
+            const auto object = PerGripperText::fromWord(word);
+            const auto position =
+                object ? parseNumber(object->text, 0, kMaxPosition) : std::nullopt;
+            if (!position || gripperOf(object->slaveId) == nullptr)
+                refuse(Names::object(), word);
+            else
+                m_options.objects.insert(object->slaveId, *position);
+        }
+    }
+
+    const QCommandLineParser &m_parser;
+    ProgramOptions &m_options;
+};
+} // namespace
+
+ProgramOptions ProgramOptions::fromArguments(const QStringList &arguments)
+{
+    QCommandLineParser parser;
+    declare(&parser);
+    ProgramOptions options;
+    if (!parser.parse(arguments)) {
+        options.outcome = Outcome::Refuse;
+        options.text = parser.errorText();
+        return options;
+    }
+    if (parser.isSet(Names::help())) {
+        options.outcome = Outcome::Explain;
+        options.text = parser.helpText();
+        return options;
+    }
+    Reader(parser, &options).read();
+    return options;
+}
+
+} // namespace sim

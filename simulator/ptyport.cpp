@@ -1,0 +1,203 @@
+#include "ptyport.h"
+
+#include "baudrates.h"
+
+#include <QFile>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace sim {
+
+namespace {
+constexpr int kReadSize = 4096;
+constexpr int kPathSize = 64;
+
+void closeFd(int *fd)
+{
+    if (*fd >= 0)
+        ::close(*fd);
+    *fd = -1;
+}
+} // namespace
+
+PtyPort::PtyPort(unsigned mode, QObject *parent)
+    : QObject(parent)
+    , m_mode(mode)
+{
+}
+
+PtyPort::~PtyPort()
+{
+    close();
+}
+
+bool PtyPort::open()
+{
+    if (isOpen())
+        return true;
+    if (openNearEnd() && makeRaw() && watchOpening())
+        return true;
+    close();
+    return false;
+}
+
+void PtyPort::close()
+{
+    // Either may be the one whose signal brought us here: deleted when that is over.
+    for (auto *notifier : {&m_readable, &m_opened}) {
+        if (!*notifier)
+            continue;
+        (*notifier)->setEnabled(false);
+        notifier->release()->deleteLater();
+    }
+    closeFd(&m_watchFd);
+    closeFd(&m_fd);
+    m_path.clear();
+}
+
+int PtyPort::baudRate() const
+{
+    termios settings = {};
+    if (::tcgetattr(m_fd, &settings) != 0)
+        return 0;
+    return baudRateOf(::cfgetospeed(&settings));
+}
+
+void PtyPort::write(const QByteArray &bytes)
+{
+    // With the port closed the bytes would wait in it for whoever opens it next.
+    if (!isOpen() || !m_readable->isEnabled())
+        return;
+    const ssize_t written = ::write(m_fd, bytes.constData(), static_cast<size_t>(bytes.size()));
+    Q_UNUSED(written)
+}
+
+bool PtyPort::openNearEnd()
+{
+    m_fd = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (m_fd < 0 || ::grantpt(m_fd) != 0 || ::unlockpt(m_fd) != 0)
+        return fail("no pseudo-terminal");
+    std::array<char, kPathSize> path = {};
+    if (::ptsname_r(m_fd, path.data(), path.size()) != 0)
+        return fail("no name for the pseudo-terminal");
+    m_path = QFile::decodeName(path.data());
+    if (m_mode != 0 && ::chmod(path.data(), m_mode) != 0)
+        return fail("cannot set the mode of the port");
+    return true;
+}
+
+/// The settings of the far end can be set from here; they outlast its closing.
+bool PtyPort::makeRaw()
+{
+    termios settings = {};
+    if (::tcgetattr(m_fd, &settings) != 0)
+        return fail("cannot read the settings of the port");
+    ::cfmakeraw(&settings);
+    settings.c_cflag |= CLOCAL | CREAD;
+    ::cfsetspeed(&settings, B9600);
+    if (::tcsetattr(m_fd, TCSANOW, &settings) != 0)
+        return fail("cannot set the port to raw");
+    m_readable = std::make_unique<QSocketNotifier>(m_fd, QSocketNotifier::Read);
+    connect(m_readable.get(), &QSocketNotifier::activated, this, &PtyPort::onReadable);
+    return true;
+}
+
+/// While nobody has the far end open, reading reports an error at once and for ever; only the
+/// file system tells when it is opened again.
+bool PtyPort::watchOpening()
+{
+    m_watchFd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (m_watchFd < 0)
+        return fail("cannot watch the port");
+    if (::inotify_add_watch(m_watchFd, QFile::encodeName(m_path).constData(), IN_OPEN) < 0)
+        return fail("cannot watch the port");
+    m_opened = std::make_unique<QSocketNotifier>(m_watchFd, QSocketNotifier::Read);
+    connect(m_opened.get(), &QSocketNotifier::activated, this, &PtyPort::onOpened);
+    return true;
+}
+
+bool PtyPort::fail(const char *what)
+{
+    m_error = QStringLiteral("%1: %2").arg(QLatin1String(what),
+                                           QString::fromLocal8Bit(std::strerror(errno)));
+    return false;
+}
+
+void PtyPort::onReadable()
+{
+    if (!readAll())
+        onMasterLeft();
+}
+
+void PtyPort::onOpened()
+{
+    drainWatch();
+    m_readable->setEnabled(true);
+}
+
+void PtyPort::onMasterLeft()
+{
+    m_readable->setEnabled(false);
+    emit masterLeft();
+    if (!isOpen())
+        return;
+    if (!refreshFarEnd()) {
+        emit stuck();
+        return;
+    }
+    // Our own opening of the far end was reported too. Forget the reports, then look: a master
+    // who came in between makes reading possible again, one who comes from now on is reported.
+    drainWatch();
+    m_readable->setEnabled(true);
+    if (!readAll() && isOpen())
+        m_readable->setEnabled(false);
+}
+
+/// Leaves the far end as a serial port is when it is opened for the first time: without unread
+/// input, and not kept for one user. False when it cannot be opened any more.
+bool PtyPort::refreshFarEnd()
+{
+    int fd =
+        ::open(QFile::encodeName(m_path).constData(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return errno != EBUSY;
+    ::ioctl(fd, TIOCNXCL);
+    ::tcflush(fd, TCIFLUSH);
+    closeFd(&fd);
+    return true;
+}
+
+/// Takes in all that is there. False when nobody has the far end open.
+bool PtyPort::readAll()
+{
+    std::array<char, kReadSize> buffer = {};
+    while (isOpen()) {
+        const ssize_t count = ::read(m_fd, buffer.data(), buffer.size());
+        if (count > 0) {
+            const QByteArray bytes(buffer.data(), static_cast<int>(count));
+            emit received(bytes, baudRate());
+            continue;
+        }
+        return count < 0 && (errno == EAGAIN || errno == EINTR);
+    }
+    return true;
+}
+
+void PtyPort::drainWatch()
+{
+    alignas(inotify_event) std::array<char, kReadSize> buffer = {};
+    while (::read(m_watchFd, buffer.data(), buffer.size()) > 0) {
+    }
+}
+
+} // namespace sim

@@ -1,0 +1,97 @@
+#include "requestframer.h"
+
+#include "crc16.h"
+
+namespace sim {
+
+namespace {
+constexpr int kUnknownLength = 0;
+constexpr int kFixedLength = 8;
+constexpr int kByteCountOffset = 6;
+constexpr int kLengthBesideData = 9;
+// Longer than any request (a write of 256 data bytes and more); the rest is noise.
+constexpr int kLongestFrame = 1024;
+
+bool isFixedLength(quint8 function)
+{
+    return function >= 0x01 && function <= 0x06;
+}
+
+bool carriesByteCount(quint8 function)
+{
+    return function == 0x0F || function == 0x10;
+}
+
+/// The length that the request at the front of `bytes` has, as far as they tell it.
+int requestLength(const QByteArray &bytes)
+{
+    if (bytes.size() < kFixedLength)
+        return kUnknownLength;
+    const auto function = static_cast<quint8>(bytes.at(1));
+    if (isFixedLength(function))
+        return kFixedLength;
+    if (carriesByteCount(function))
+        return kLengthBesideData + static_cast<quint8>(bytes.at(kByteCountOffset));
+    return kUnknownLength;
+}
+} // namespace
+
+void RequestFramer::append(const QByteArray &bytes)
+{
+    m_isQuiet = false;
+    m_pending.append(bytes);
+}
+
+void RequestFramer::endFrame()
+{
+    m_isQuiet = true;
+}
+
+std::optional<RequestFramer::Frame> RequestFramer::take()
+{
+    if (m_pending.isEmpty()) {
+        m_isLost = m_isLost && !m_isQuiet;
+        return std::nullopt;
+    }
+    if (!m_isLost) {
+        std::optional<Frame> frame = takeByLength();
+        if (frame)
+            return frame;
+    }
+    if (m_isQuiet)
+        return takeAll();
+    if (m_pending.size() < kLongestFrame)
+        return std::nullopt;
+    const Frame noise = takeAll();
+    m_isLost = true;
+    return noise;
+}
+
+void RequestFramer::clear()
+{
+    m_pending.clear();
+    m_isLost = false;
+}
+
+std::optional<RequestFramer::Frame> RequestFramer::takeByLength()
+{
+    const int length = requestLength(m_pending);
+    if (length == kUnknownLength || m_pending.size() < length)
+        return std::nullopt;
+    const QByteArray bytes = m_pending.left(length);
+    if (!hasValidCrc(bytes)) {
+        m_isLost = true;
+        return std::nullopt;
+    }
+    m_pending.remove(0, length);
+    return Frame{bytes, true};
+}
+
+RequestFramer::Frame RequestFramer::takeAll()
+{
+    const QByteArray bytes = m_pending;
+    clear();
+    return Frame{bytes, hasValidCrc(bytes)};
+}
+
+} // namespace sim

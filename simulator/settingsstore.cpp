@@ -1,0 +1,59 @@
+#include "settingsstore.h"
+
+#include "devicemap.h"
+
+namespace sim {
+
+namespace {
+// What the block holds beside the slave id. Masters hand it back as they read it.
+constexpr quint16 kFactorySettings[] = {0x0003, 0x0008, 0x0001, 0x0000, 0x0100};
+
+quint8 slaveIdIn(const QVector<quint16> &settings)
+{
+    return static_cast<quint8>(settings.at(map::kSlaveIdOffset) & map::kByteMask);
+}
+
+void clearTrailer(QVector<quint16> *settings)
+{
+    for (int i = map::kSlaveIdOffset + 1; i < map::kSettingsCount; ++i)
+        (*settings)[i] = 0;
+}
+} // namespace
+
+SettingsStore::SettingsStore(quint8 slaveId)
+    : m_stored(map::kSettingsCount)
+{
+    for (int i = 0; i <= map::kSlaveIdOffset; ++i)
+        m_stored[i] = kFactorySettings[i];
+    m_stored[map::kSlaveIdOffset] |= slaveId;
+    m_working = m_stored;
+}
+
+bool SettingsStore::write(int offset, const QVector<quint16> &values)
+{
+    QVector<quint16> changed = m_working;
+    for (int i = 0; i < values.size(); ++i)
+        changed[offset + i] = values.at(i);
+    const quint8 slaveId = slaveIdIn(changed);
+    if (slaveId < map::kMinSlaveId || slaveId > map::kMaxSlaveId)
+        return false;
+    const bool isStored = changed.at(map::kStoreOffset) == map::kStoreSettings;
+    clearTrailer(&changed);
+    m_working = changed;
+    if (isStored)
+        m_stored = m_working;
+    return true;
+}
+
+void SettingsStore::setStored(int offset, quint16 value)
+{
+    m_working[offset] = value;
+    m_stored[offset] = value;
+}
+
+quint8 SettingsStore::storedSlaveId() const
+{
+    return slaveIdIn(m_stored);
+}
+
+} // namespace sim

@@ -1,0 +1,48 @@
+#pragma once
+
+#include "bussimulator.h"
+#include "commandinterpreter.h"
+#include "programoptions.h"
+#include "signalwatcher.h"
+#include "standardinput.h"
+
+#include <QFile>
+
+namespace sim {
+
+/// The program around a BusSimulator: commands from standard input, answers and the trace to
+/// standard output, the end on a signal.
+class SimulatorProgram : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit SimulatorProgram(const ProgramOptions &options, QObject *parent = nullptr);
+
+    /// Opens the line and prints the line that says so. False when it cannot; errorString()
+    /// then says why.
+    bool start();
+    const QString &errorString() const { return m_error; }
+
+signals:
+    void quitRequested();
+
+private:
+    bool openOutput();
+    void addGrippers();
+    void onLine(const QString &line);
+    void onEndOfInput();
+    QString readyLine() const;
+    void print(const QString &line);
+
+    ProgramOptions m_options;
+    BusSimulator m_simulator;
+    CommandInterpreter m_interpreter;
+    StandardInput m_input;
+    SignalWatcher m_signals;
+    QFile m_output;
+    QFile m_trace;
+    QString m_error;
+};
+
+} // namespace sim

@@ -1,0 +1,47 @@
+#pragma once
+
+#include "line.h"
+#include "manualtimeline.h"
+#include "simulatedgripper.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QObject>
+
+/// A line with one gripper and a clock that only the test moves; no pty, no event loop.
+///
+/// The frames that the tests spell out come from another generator: pymodbus 3.0.0
+/// (ModbusRtuFramer.buildPacket), CRC included.
+struct SimulatorBench : QObject
+{
+    explicit SimulatorBench(const char *version = "TA3-1.6.14", quint8 slaveId = 9)
+        : gripper(slaveId, *sim::GripperIdentity::fromVersion(slaveId, QLatin1String(version)),
+                  sim::GripperTiming(), line, timeline, random)
+    {
+        connect(&line, &sim::Line::bytesToMaster, this,
+                [this](const QByteArray &bytes) { sent.append(bytes); });
+        connect(&line, &sim::Line::frameSeen, this,
+                [this](const sim::FrameRecord &frame) { seen.append(frame); });
+    }
+
+    /// Sends `hex` as the master and gives what comes back at once, as hex.
+    QByteArray ask(const char *hex, int baudRate = 115200)
+    {
+        sent.clear();
+        line.receive(QByteArray::fromHex(hex), baudRate);
+        return sent.toHex(' ');
+    }
+
+    /// What came back since the last ask(), as hex.
+    QByteArray answered() const { return sent.toHex(' '); }
+
+    /// Lets the line rest long enough to end any frame.
+    void rest() { timeline.advanceMs(10); }
+
+    sim::ManualTimeline timeline;
+    sim::RandomSource random{1};
+    sim::Line line{timeline};
+    sim::SimulatedGripper gripper;
+    QByteArray sent;
+    QList<sim::FrameRecord> seen;
+};

@@ -1,0 +1,259 @@
+#include "faulttext.h"
+#include "tst_simulatorbench.h"
+
+#include <QTest>
+
+namespace {
+const char *const kReadVersion = "09 03 01 f4 00 03 44 8d";
+const char *const kVersionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
+const char *const kActivate = "09 10 03 e8 00 03 06 01 00 00 00 00 00 72 e1";
+
+void misbehave(SimulatorBench &bench, const char *words)
+{
+    QString error;
+    const auto fault = sim::parseFault(QString::fromLatin1(words).split(QLatin1Char(' ')), &error);
+    QVERIFY2(fault.has_value(), qPrintable(error));
+    bench.gripper.faults().set(*fault);
+}
+
+bool isActivated(SimulatorBench &bench)
+{
+    return bench.gripper.registers().body().command().activate;
+}
+} // namespace
+
+class TestSimulatorFaults : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void faultChangesTheAnswer_data();
+    void faultChangesTheAnswer();
+    void lateAnswerComesAfterItsDelayAndNotBefore();
+    void deafGripperDoesNotCarryTheRequestOut();
+    void silentGripperCarriesTheRequestOut();
+    void exceptionIsNotCarriedOut();
+    void noiseAndTrailingBytesSurroundAWholeAnswer();
+    void countedFaultEndsAfterItsRequests();
+    void shareStrikesThatManyRequests();
+    void sameSeedGivesTheSameRun();
+    void scopedFaultLeavesOtherRequestsAlone();
+    void requestsForOthersDoNotUseTheFaultUp();
+    void faultsCombine();
+    void textOfAFaultReadsBackAsTheSameFault_data();
+    void textOfAFaultReadsBackAsTheSameFault();
+    void wordsThatAreNoFaultAreRefused_data();
+    void wordsThatAreNoFaultAreRefused();
+};
+
+void TestSimulatorFaults::faultChangesTheAnswer_data()
+{
+    QTest::addColumn<QByteArray>("words");
+    QTest::addColumn<QByteArray>("answer");
+    QTest::newRow("deaf") << QByteArray("deaf") << QByteArray();
+    QTest::newRow("silent") << QByteArray("silent") << QByteArray();
+    QTest::newRow("exception") << QByteArray("exception") << QByteArray("09 83 04 c1 31");
+    QTest::newRow("wrong id") << QByteArray("wrongId always 10")
+                              << QByteArray("0a 03 06 54 41 33 01 06 0e bf 7e");
+    QTest::newRow("wrong function")
+        << QByteArray("wrongFunction") << QByteArray("09 04 06 54 41 33 01 06 0e ea 68");
+    QTest::newRow("bad CRC") << QByteArray("badCrc")
+                             << QByteArray("09 03 06 54 41 33 01 06 0e ab 71");
+    QTest::newRow("truncated") << QByteArray("truncated always 4")
+                               << QByteArray("09 03 06 54 41 33 01");
+    QTest::newRow("truncated to nothing") << QByteArray("truncated always 200") << QByteArray();
+    QTest::newRow("echo") << QByteArray("echo")
+                          << QByteArray(kReadVersion) + " " + QByteArray(kVersionAnswer);
+}
+
+void TestSimulatorFaults::faultChangesTheAnswer()
+{
+    QFETCH(QByteArray, words);
+    QFETCH(QByteArray, answer);
+    SimulatorBench bench;
+    misbehave(bench, words.constData());
+    QCOMPARE(bench.ask(kReadVersion), answer);
+    bench.gripper.faults().clear();
+    bench.rest();
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+}
+
+void TestSimulatorFaults::lateAnswerComesAfterItsDelayAndNotBefore()
+{
+    SimulatorBench bench;
+    misbehave(bench, "late always 80");
+    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    bench.timeline.advanceMs(79);
+    QCOMPARE(bench.answered(), QByteArray());
+    bench.timeline.advanceMs(1);
+    QCOMPARE(bench.answered(), QByteArray(kVersionAnswer));
+}
+
+void TestSimulatorFaults::deafGripperDoesNotCarryTheRequestOut()
+{
+    SimulatorBench bench;
+    misbehave(bench, "deaf");
+    QCOMPARE(bench.ask(kActivate), QByteArray());
+    QVERIFY(!isActivated(bench));
+}
+
+void TestSimulatorFaults::silentGripperCarriesTheRequestOut()
+{
+    SimulatorBench bench;
+    misbehave(bench, "silent");
+    QCOMPARE(bench.ask(kActivate), QByteArray());
+    QVERIFY(isActivated(bench));
+}
+
+void TestSimulatorFaults::exceptionIsNotCarriedOut()
+{
+    SimulatorBench bench;
+    misbehave(bench, "exception always 3");
+    QCOMPARE(bench.ask(kActivate), QByteArray("09 90 03 8d c3"));
+    QVERIFY(!isActivated(bench));
+}
+
+void TestSimulatorFaults::noiseAndTrailingBytesSurroundAWholeAnswer()
+{
+    SimulatorBench bench;
+    misbehave(bench, "noise always 2");
+    misbehave(bench, "trailing always 5");
+    bench.ask(kReadVersion);
+    const QByteArray answer = QByteArray::fromHex(kVersionAnswer);
+    QCOMPARE(bench.sent.size(), answer.size() + 7);
+    QCOMPARE(bench.sent.mid(2, answer.size()), answer);
+}
+
+void TestSimulatorFaults::countedFaultEndsAfterItsRequests()
+{
+    SimulatorBench bench;
+    misbehave(bench, "silent 2");
+    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QVERIFY(bench.gripper.faults().faults().isEmpty());
+}
+
+void TestSimulatorFaults::shareStrikesThatManyRequests()
+{
+    SimulatorBench bench;
+    misbehave(bench, "silent 30%");
+    int silent = 0;
+    for (int i = 0; i < 1000; ++i)
+        silent += bench.ask(kReadVersion).isEmpty() ? 1 : 0;
+    // Seeded, so this is no game of chance: 300, give or take three deviations.
+    QVERIFY2(qAbs(silent - 300) < 45, qPrintable(QString::number(silent)));
+}
+
+void TestSimulatorFaults::sameSeedGivesTheSameRun()
+{
+    QByteArray runs[2];
+    for (QByteArray &run : runs) {
+        SimulatorBench bench;
+        misbehave(bench, "silent 50%");
+        misbehave(bench, "noise 50% 4");
+        for (int i = 0; i < 20; ++i)
+            run.append(bench.ask(kReadVersion) + "\n");
+    }
+    QVERIFY(runs[0].contains(kVersionAnswer));
+    QCOMPARE(runs[0], runs[1]);
+}
+
+void TestSimulatorFaults::scopedFaultLeavesOtherRequestsAlone()
+{
+    SimulatorBench bench;
+    misbehave(bench, "silent on writes");
+    QCOMPARE(bench.ask(kActivate), QByteArray());
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    misbehave(bench, "silent on reads");
+    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    QVERIFY(!bench.ask(kActivate).isEmpty());
+    misbehave(bench, "silent 1 on 2000");
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask("09 03 07 d0 00 03 04 0e"), QByteArray());
+    QVERIFY(!bench.ask("09 03 07 d0 00 03 04 0e").isEmpty());
+}
+
+void TestSimulatorFaults::requestsForOthersDoNotUseTheFaultUp()
+{
+    SimulatorBench bench;
+    misbehave(bench, "silent 1");
+    bench.ask("02 03 01 f4 00 03 45 f6");
+    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+}
+
+void TestSimulatorFaults::faultsCombine()
+{
+    SimulatorBench bench;
+    misbehave(bench, "late 1 20");
+    misbehave(bench, "badCrc 1");
+    misbehave(bench, "echo 1");
+    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    bench.timeline.advanceMs(20);
+    QCOMPARE(bench.answered(), QByteArray(kReadVersion) + " 09 03 06 54 41 33 01 06 0e ab 71");
+}
+
+void TestSimulatorFaults::textOfAFaultReadsBackAsTheSameFault_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("text");
+    const char *const rows[][2] = {
+        {"silent", "silent always"},
+        {"Silent 5", "silent 5"},
+        {"late 30% 80", "late 30% 80"},
+        {"late", "late always 80"},
+        {"late 100% 20", "late always 20"},
+        {"badcrc 0x10", "badCrc 16"},
+        {"exception 2 6 on writes", "exception 2 6 on writes"},
+        {"deaf on 0x7d0", "deaf always on 2000"},
+        {"truncated 1 on reads", "truncated 1 3 on reads"},
+    };
+    for (const auto &row : rows)
+        QTest::newRow(row[0]) << QString::fromLatin1(row[0]) << QString::fromLatin1(row[1]);
+}
+
+void TestSimulatorFaults::textOfAFaultReadsBackAsTheSameFault()
+{
+    QFETCH(QString, words);
+    QFETCH(QString, text);
+    QString error;
+    const auto fault = sim::parseFault(words.split(QLatin1Char(' ')), &error);
+    QVERIFY2(fault.has_value(), qPrintable(error));
+    QCOMPARE(sim::faultText(*fault), text);
+    const auto again = sim::parseFault(text.split(QLatin1Char(' ')), &error);
+    QVERIFY2(again.has_value(), qPrintable(error));
+    QCOMPARE(sim::faultText(*again), text);
+}
+
+void TestSimulatorFaults::wordsThatAreNoFaultAreRefused_data()
+{
+    QTest::addColumn<QString>("words");
+    const char *const rows[] = {"sulking",
+                                "late often",
+                                "late 0 80",
+                                "late 101% 80",
+                                "late 5 0",
+                                "late 5 60001",
+                                "silent 5 80",
+                                "late 5 80 90",
+                                "silent on sundays",
+                                "silent -1",
+                                "silent on 70000",
+                                "late 5%% 80",
+                                "",
+                                "exception 1 256"};
+    for (const char *row : rows)
+        QTest::newRow(row) << QString::fromLatin1(row);
+}
+
+void TestSimulatorFaults::wordsThatAreNoFaultAreRefused()
+{
+    QFETCH(QString, words);
+    QString error;
+    QVERIFY(!sim::parseFault(words.split(QLatin1Char(' ')), &error).has_value());
+    QVERIFY(!error.isEmpty());
+}
+
+QTEST_GUILESS_MAIN(TestSimulatorFaults)
+#include "tst_simulatorfaults.moc"

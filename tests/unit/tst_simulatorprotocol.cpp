@@ -1,0 +1,331 @@
+#include "tst_simulatorbench.h"
+
+#include <QTest>
+
+namespace {
+const char *const kReadVersion = "09 03 01 f4 00 03 44 8d";
+const char *const kVersionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
+const char *const kRestart = "09 10 01 90 00 01 02 56 00 f3 a0";
+const char *const kRestartAnswer = "09 10 01 90 00 01 01 50";
+} // namespace
+
+class TestSimulatorProtocol : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void requestGetsItsAnswerAtOnce_data();
+    void requestGetsItsAnswerAtOnce();
+    void requestIsNotAnswered_data();
+    void requestIsNotAnswered();
+    void requestInPiecesIsAnsweredAfterItsLastByte();
+    void twoRequestsInOnePieceGetTwoAnswers();
+    void requestAfterGarbageAndSilenceIsAnswered();
+    void requestRightBehindGarbageIsIgnoredLikeByARealReceiver();
+    void lateTimerDoesNotHideTheSilenceBeforeARequest();
+    void floodWithoutSilenceIsForgottenAtTheNextSilence();
+    void unknownFunctionIsRefusedAfterTheSilence();
+    void writeWithWrongByteCountIsRefusedAfterTheSilence();
+    void identityIsStoredOnlyOnCommandWithItsCharactersReordered();
+    void settingsWithoutStoreWordAreLostInARestart();
+    void storedSlaveIdCountsFromTheRestartOn();
+    void slaveIdOutsideTheRangeIsRefused();
+    void speedLimitNeedsItsCommandWord();
+    void bootloaderCommandsAreRefused();
+    void bootingGripperIsSilentForTheBootTime();
+    void restartDuringABootBeginsItAnew();
+    void pinnedRegisterReadsItsPinWhateverIsWritten();
+    void everyFrameIsReportedWithForeignOnesAndNoise();
+    void answerIsLostWhenTheMasterHasChangedTheRate();
+};
+
+void TestSimulatorProtocol::requestGetsItsAnswerAtOnce_data()
+{
+    QTest::addColumn<QByteArray>("request");
+    QTest::addColumn<QByteArray>("answer");
+    QTest::newRow("version") << QByteArray(kReadVersion) << QByteArray(kVersionAnswer);
+    QTest::newRow("inputs after power-on")
+        << QByteArray("09 03 07 d0 00 03 04 0e") << QByteArray("09 03 06 00 00 00 00 00 00 46 b5");
+    QTest::newRow("write of the outputs")
+        << QByteArray("09 10 03 e8 00 03 06 01 00 00 00 00 00 72 e1")
+        << QByteArray("09 10 03 e8 00 03 01 30");
+    QTest::newRow("restart") << QByteArray(kRestart) << QByteArray(kRestartAnswer);
+    QTest::newRow("no such register")
+        << QByteArray("09 03 02 bc 00 01 45 1e") << QByteArray("09 83 02 41 33");
+    QTest::newRow("block and beyond")
+        << QByteArray("09 03 01 f6 00 02 24 8d") << QByteArray("09 83 02 41 33");
+    QTest::newRow("no registers at all")
+        << QByteArray("09 03 07 d0 00 00 44 0f") << QByteArray("09 83 03 80 f3");
+    QTest::newRow("write of what is read only")
+        << QByteArray("09 10 07 d0 00 01 02 00 01 65 00") << QByteArray("09 90 02 4c 03");
+    QTest::newRow("function code of known length")
+        << QByteArray("09 04 07 d0 00 01 30 0f") << QByteArray("09 84 01 03 02");
+}
+
+void TestSimulatorProtocol::requestGetsItsAnswerAtOnce()
+{
+    QFETCH(QByteArray, request);
+    QFETCH(QByteArray, answer);
+    SimulatorBench bench;
+    QCOMPARE(bench.ask(request.constData()), answer);
+}
+
+void TestSimulatorProtocol::requestIsNotAnswered_data()
+{
+    QTest::addColumn<QByteArray>("request");
+    QTest::addColumn<int>("baudRate");
+    QTest::newRow("other slave id") << QByteArray("02 03 01 f4 00 03 45 f6") << 115200;
+    QTest::newRow("broadcast") << QByteArray("00 03 01 f4 00 03 44 14") << 115200;
+    QTest::newRow("bad CRC") << QByteArray("09 03 01 f4 00 03 44 8c") << 115200;
+    QTest::newRow("wrong rate") << QByteArray(kReadVersion) << 19200;
+    QTest::newRow("incomplete") << QByteArray("09 03 01 f4 00 03 44") << 115200;
+    QTest::newRow("single byte") << QByteArray("7f") << 115200;
+}
+
+void TestSimulatorProtocol::requestIsNotAnswered()
+{
+    QFETCH(QByteArray, request);
+    QFETCH(int, baudRate);
+    SimulatorBench bench;
+    QCOMPARE(bench.ask(request.constData(), baudRate), QByteArray());
+    bench.timeline.advanceMs(1000);
+    QCOMPARE(bench.answered(), QByteArray());
+    QCOMPARE(bench.seen.size(), 1);
+    QCOMPARE(bench.seen.first().bytes, QByteArray::fromHex(request));
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+}
+
+void TestSimulatorProtocol::requestInPiecesIsAnsweredAfterItsLastByte()
+{
+    SimulatorBench bench;
+    QCOMPARE(bench.ask("09 03 01"), QByteArray());
+    bench.timeline.advanceMs(3);
+    QCOMPARE(bench.ask("f4 00 03 44"), QByteArray());
+    bench.timeline.advanceMs(3);
+    QCOMPARE(bench.ask("8d"), QByteArray(kVersionAnswer));
+}
+
+void TestSimulatorProtocol::twoRequestsInOnePieceGetTwoAnswers()
+{
+    SimulatorBench bench;
+    QCOMPARE(bench.ask("09 03 01 f4 00 03 44 8d 09 03 07 d0 00 03 04 0e"),
+             QByteArray(kVersionAnswer) + " 09 03 06 00 00 00 00 00 00 46 b5");
+}
+
+void TestSimulatorProtocol::requestAfterGarbageAndSilenceIsAnswered()
+{
+    SimulatorBench bench;
+    bench.ask("09 03 ff 00 13");
+    bench.rest();
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+}
+
+void TestSimulatorProtocol::requestRightBehindGarbageIsIgnoredLikeByARealReceiver()
+{
+    SimulatorBench bench;
+    QCOMPARE(bench.ask("55 09 03 01 f4 00 03 44 8d"), QByteArray());
+    bench.rest();
+    QCOMPARE(bench.answered(), QByteArray());
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+}
+
+void TestSimulatorProtocol::lateTimerDoesNotHideTheSilenceBeforeARequest()
+{
+    // A clock whose actions never come: only the arrival times tell of the silence.
+    class DeafTimeline : public sim::Timeline
+    {
+    public:
+        qint64 nowUs() const override { return now; }
+        void onNextDueChanged() override {}
+        qint64 now = 0;
+    };
+    DeafTimeline timeline;
+    sim::Line line(timeline);
+    sim::RandomSource random;
+    const auto identity = sim::GripperIdentity::fromVersion(9, QStringLiteral("TA3-1.6.14"));
+    const sim::SimulatedGripper gripper(9, *identity, sim::GripperTiming(), line, timeline, random);
+    QByteArray sent;
+    connect(&line, &sim::Line::bytesToMaster, this,
+            [&sent](const QByteArray &bytes) { sent.append(bytes); });
+    line.receive(QByteArray::fromHex("09 03 ff"), 115200);
+    timeline.now = sim::Line::__gapUs;
+    line.receive(QByteArray::fromHex(kReadVersion), 115200);
+    QCOMPARE(sent.toHex(' '), QByteArray(kVersionAnswer));
+}
+
+void TestSimulatorProtocol::floodWithoutSilenceIsForgottenAtTheNextSilence()
+{
+    SimulatorBench bench;
+    const QByteArray noise(300, 'U');
+    for (int i = 0; i < 20; ++i)
+        bench.line.receive(noise, 115200);
+    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    bench.rest();
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+}
+
+void TestSimulatorProtocol::unknownFunctionIsRefusedAfterTheSilence()
+{
+    SimulatorBench bench;
+    // ReportSlaveIdRequest of pymodbus.
+    QCOMPARE(bench.ask("09 11 c7 ec"), QByteArray());
+    bench.rest();
+    QCOMPARE(bench.answered(), QByteArray("09 91 01 0d 92"));
+}
+
+void TestSimulatorProtocol::writeWithWrongByteCountIsRefusedAfterTheSilence()
+{
+    SimulatorBench bench;
+    // A write of 3 registers that says 4 bytes, CRC by pymodbus' computeCRC.
+    QCOMPARE(bench.ask("09 10 03 e8 00 03 04 01 00 00 00 00 00 51 21"), QByteArray());
+    bench.rest();
+    QCOMPARE(bench.answered(), QByteArray("09 90 03 8d c3"));
+}
+
+void TestSimulatorProtocol::identityIsStoredOnlyOnCommandWithItsCharactersReordered()
+{
+    SimulatorBench bench;
+    sim::RegisterBank &registers = bench.gripper.registers();
+    const QVector<quint16> before = registers.read(510, 5);
+    // "XYZ", first character in the low byte; 70000; 2025.
+    QCOMPARE(registers.write(510, {0x5958, 0x005A, 4464, 1}), sim::ModbusException::None);
+    QCOMPARE(registers.write(514, {2025}), sim::ModbusException::None);
+    QCOMPARE(registers.read(510, 5), before);
+    QCOMPARE(registers.write(401, {0x4900}), sim::ModbusException::None);
+    QCOMPARE(registers.read(510, 5), (QVector<quint16>{0x5859, 0x5A00, 4464, 1, 2025}));
+}
+
+void TestSimulatorProtocol::settingsWithoutStoreWordAreLostInARestart()
+{
+    SimulatorBench bench;
+    sim::RegisterBank &registers = bench.gripper.registers();
+    const quint16 before = registers.read(434, 1).first();
+    QCOMPARE(registers.write(434, {0x0104}), sim::ModbusException::None);
+    QCOMPARE(registers.read(434, 1), QVector<quint16>{0x0104});
+    bench.gripper.restart();
+    bench.timeline.advanceMs(1000);
+    QCOMPARE(registers.read(434, 1), QVector<quint16>{before});
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+}
+
+void TestSimulatorProtocol::storedSlaveIdCountsFromTheRestartOn()
+{
+    SimulatorBench bench;
+    QVector<quint16> settings = bench.gripper.registers().read(430, 5);
+    QCOMPARE(settings.last() & 0xFF, 9);
+    settings.last() = static_cast<quint16>((settings.last() & 0xFF00) | 3);
+    QCOMPARE(bench.gripper.registers().write(430, settings + QVector<quint16>{0, 0x0036}),
+             sim::ModbusException::None);
+    QCOMPARE(bench.gripper.registers().read(430, 5), settings);
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask(kRestart), QByteArray(kRestartAnswer));
+    bench.timeline.advanceMs(1000);
+    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    bench.rest();
+    QCOMPARE(bench.ask("03 03 01 f4 00 03 44 27"), QByteArray("03 03 06 54 41 33 01 06 0e d5 2e"));
+}
+
+void TestSimulatorProtocol::slaveIdOutsideTheRangeIsRefused()
+{
+    SimulatorBench bench;
+    sim::RegisterBank &registers = bench.gripper.registers();
+    QCOMPARE(registers.write(434, {0x0100, 0, 0x0036}), sim::ModbusException::IllegalValue);
+    QCOMPARE(registers.write(434, {0x01F8, 0, 0x0036}), sim::ModbusException::IllegalValue);
+    QCOMPARE(registers.write(434, {0x01F7, 0, 0x0036}), sim::ModbusException::None);
+    QCOMPARE(registers.storedSlaveId(), quint8(247));
+}
+
+void TestSimulatorProtocol::speedLimitNeedsItsCommandWord()
+{
+    SimulatorBench bench;
+    sim::RegisterBank &registers = bench.gripper.registers();
+    QCOMPARE(registers.write(438, {130, 100}), sim::ModbusException::None);
+    QCOMPARE(registers.read(439, 1), QVector<quint16>{100});
+    QCOMPARE(registers.write(438, {131, 60}), sim::ModbusException::IllegalValue);
+    QCOMPARE(registers.write(439, {60}), sim::ModbusException::IllegalValue);
+    QCOMPARE(registers.read(439, 1), QVector<quint16>{100});
+}
+
+void TestSimulatorProtocol::bootloaderCommandsAreRefused()
+{
+    SimulatorBench bench;
+    QCOMPARE(bench.ask("09 10 01 90 00 01 02 35 00 db 50"), QByteArray("09 90 03 8d c3"));
+    QVERIFY(!bench.gripper.isBooting());
+}
+
+void TestSimulatorProtocol::bootingGripperIsSilentForTheBootTime()
+{
+    SimulatorBench bench;
+    bench.ask(kRestart);
+    bench.timeline.advanceMs(799);
+    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    QVERIFY(bench.gripper.isBooting());
+    bench.timeline.advanceMs(1);
+    QVERIFY(!bench.gripper.isBooting());
+    bench.rest();
+    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+}
+
+void TestSimulatorProtocol::restartDuringABootBeginsItAnew()
+{
+    SimulatorBench bench;
+    bench.gripper.restart();
+    bench.timeline.advanceMs(500);
+    bench.gripper.restart();
+    bench.timeline.advanceMs(799);
+    QVERIFY(bench.gripper.isBooting());
+    bench.timeline.advanceMs(1);
+    QVERIFY(!bench.gripper.isBooting());
+}
+
+void TestSimulatorProtocol::pinnedRegisterReadsItsPinWhateverIsWritten()
+{
+    SimulatorBench bench;
+    sim::RegisterBank &registers = bench.gripper.registers();
+    QVERIFY(registers.set(2001, 0x03AB));
+    QCOMPARE(registers.read(2000, 3), (QVector<quint16>{0, 0x03AB, 0}));
+    QVERIFY(registers.pin(439, 80));
+    QCOMPARE(registers.write(438, {130, 100}), sim::ModbusException::None);
+    QCOMPARE(registers.read(439, 1), QVector<quint16>{80});
+    registers.releaseAll();
+    QCOMPARE(registers.read(439, 1), QVector<quint16>{100});
+    QCOMPARE(registers.read(2001, 1), QVector<quint16>{0});
+    QVERIFY(!registers.pin(700, 1));
+}
+
+void TestSimulatorProtocol::everyFrameIsReportedWithForeignOnesAndNoise()
+{
+    SimulatorBench bench;
+    bench.timeline.advanceMs(7);
+    bench.ask("02 03 01 f4 00 03 45 f6");
+    bench.ask("7f", 19200);
+    bench.timeline.advanceMs(20);
+    bench.ask(kReadVersion);
+    using Direction = sim::FrameRecord::Direction;
+    QCOMPARE(bench.seen.size(), 4);
+    QCOMPARE(bench.seen.at(0).bytes, QByteArray::fromHex("02 03 01 f4 00 03 45 f6"));
+    QCOMPARE(bench.seen.at(0).timeUs, qint64(7000));
+    QCOMPARE(bench.seen.at(1).bytes, QByteArray::fromHex("7f"));
+    QCOMPARE(bench.seen.at(2).bytes, QByteArray::fromHex(kReadVersion));
+    QCOMPARE(bench.seen.at(2).direction, Direction::Request);
+    QCOMPARE(bench.seen.at(3).bytes, QByteArray::fromHex(kVersionAnswer));
+    QCOMPARE(bench.seen.at(3).direction, Direction::Answer);
+    QCOMPARE(bench.seen.at(3).timeUs, qint64(27000));
+}
+
+void TestSimulatorProtocol::answerIsLostWhenTheMasterHasChangedTheRate()
+{
+    SimulatorBench bench;
+    sim::Fault late;
+    late.kind = sim::FaultKind::Late;
+    late.value = 50;
+    bench.gripper.faults().set(late);
+    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    bench.rest();
+    bench.ask("7f", 19200);
+    bench.timeline.advanceMs(100);
+    QCOMPARE(bench.answered(), QByteArray());
+}
+
+QTEST_GUILESS_MAIN(TestSimulatorProtocol)
+#include "tst_simulatorprotocol.moc"
