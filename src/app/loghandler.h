@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QtGlobal>
+
+class QMessageLogContext;
+class QString;
+
+/// The process-wide log handler: one line per message to standard error, in the form
+/// "Info: MESSAGE (FILE:LINE, FUNCTION)". A message of more than 1,000 characters is cut there and
+/// the number of characters cut is told. A fatal message aborts the process after its line.
+/// A message type other than the five known ones prints nothing.
+void myMessageOutput(QtMsgType type, const QMessageLogContext &context, const QString &message);

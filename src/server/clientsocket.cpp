@@ -1,0 +1,156 @@
+#include "clientsocket.h"
+
+#include <array>
+#include <cerrno>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+struct KernelOption
+{
+    int level;
+    int name;
+    int value;
+};
+
+// Replies leave at once, and a peer that vanished without a word is gone within four minutes:
+// probed after one minute of silence, given up after four without an answer.
+constexpr std::array<KernelOption, 6> clientOptions{{
+    {IPPROTO_TCP, TCP_NODELAY, 1},
+    {SOL_SOCKET, SO_KEEPALIVE, 1},
+    {IPPROTO_TCP, TCP_KEEPIDLE, 60},
+    {IPPROTO_TCP, TCP_KEEPINTVL, 20},
+    {IPPROTO_TCP, TCP_KEEPCNT, 9},
+    {IPPROTO_TCP, TCP_USER_TIMEOUT, 240'000},
+}};
+
+bool isTemporary(int error)
+{
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+} // namespace
+
+ClientSocket::ClientSocket(QObject *parent)
+    : QTcpSocket(parent)
+{
+}
+
+ClientSocket::~ClientSocket()
+{
+    // The base class must not look for a connection that it never had.
+    setSocketState(UnconnectedState);
+    m_readNotifier.reset();
+    m_writeNotifier.reset();
+    if (m_descriptor >= 0)
+        ::close(m_descriptor);
+}
+
+bool ClientSocket::setSocketDescriptor(qintptr descriptor, SocketState state, OpenMode openMode)
+{
+    m_descriptor = static_cast<int>(descriptor);
+    for (const KernelOption &option : clientOptions)
+        ::setsockopt(m_descriptor, option.level, option.name, &option.value, sizeof option.value);
+    setSocketState(state);
+    setOpenMode(openMode | Unbuffered);
+    m_readNotifier = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
+    connect(m_readNotifier.get(), &QSocketNotifier::activated, this, [this] { emit readyRead(); });
+    m_writeNotifier = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Write);
+    m_writeNotifier->setEnabled(false);
+    connect(m_writeNotifier.get(), &QSocketNotifier::activated, this, [this] { onWritable(); });
+    return true;
+}
+
+qint64 ClientSocket::bytesToWrite() const
+{
+    return m_unsent.size();
+}
+
+qint64 ClientSocket::readData(char *data, qint64 maxSize)
+{
+    if (m_inputEnded)
+        return -1;
+    const ssize_t received =
+        ::recv(m_descriptor, data, static_cast<std::size_t>(maxSize), MSG_DONTWAIT);
+    if (received > 0)
+        return received;
+    if (received == 0 || !isTemporary(errno)) {
+        m_inputEnded = true;
+        updateNotifiers();
+        reportEndIfOver();
+    }
+    return -1;
+}
+
+qint64 ClientSocket::writeData(const char *data, qint64 size)
+{
+    // Whoever can no longer be written to still has its requests carried out.
+    if (!m_outputEnded)
+        m_unsent.append(data, static_cast<int>(size));
+    return size;
+}
+
+void ClientSocket::sendReplies()
+{
+    sendUnsent();
+    updateNotifiers();
+}
+
+void ClientSocket::onWritable()
+{
+    sendUnsent();
+    updateNotifiers();
+    reportEndIfOver();
+}
+
+void ClientSocket::sendUnsent()
+{
+    if (m_unsent.isEmpty())
+        return;
+    const ssize_t sent =
+        ::send(m_descriptor, m_unsent.constData(), static_cast<std::size_t>(m_unsent.size()),
+               MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0)
+        m_unsent.remove(0, static_cast<int>(sent));
+    else if (!isTemporary(errno))
+        endOutput();
+}
+
+void ClientSocket::endOutput()
+{
+    m_outputEnded = true;
+    m_unsent.clear();
+}
+
+void ClientSocket::updateNotifiers()
+{
+    m_readNotifier->setEnabled(!m_inputEnded && m_unsent.size() <= __replyLimit);
+    m_writeNotifier->setEnabled(!m_unsent.isEmpty());
+}
+
+void ClientSocket::hold()
+{
+    ++m_holds;
+}
+
+void ClientSocket::release()
+{
+    --m_holds;
+    reportEndIfOver();
+}
+
+/// From the event loop, so that nobody who is on the stack now finds the socket gone.
+void ClientSocket::reportEndIfOver()
+{
+    if (!m_inputEnded || m_holds > 0 || !m_unsent.isEmpty() || m_endReported)
+        return;
+    m_endReported = true;
+    const auto report = [this] {
+        setSocketState(UnconnectedState);
+        emit disconnected();
+    };
+    QMetaObject::invokeMethod(this, report, Qt::QueuedConnection);
+}

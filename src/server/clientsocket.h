@@ -1,0 +1,61 @@
+#pragma once
+
+#include <QSocketNotifier>
+#include <QTcpSocket>
+
+#include <memory>
+
+/// One client's connection. Does its own reading and writing on the descriptor, so that
+/// - what the client had sent before it closed or reset the connection is still read to the end;
+/// - a client that closed its sending side still gets every reply, also the one to a request that
+///   takes seconds; disconnected() comes when all is read, carried out and sent;
+/// - replies leave when sendReplies() is called, not on a later turn of the event loop;
+/// - nothing more is read while more than __replyLimit bytes of replies wait for the client to
+/// read.
+///
+/// readyRead() may be emitted again inside a slot that pumps events. Has no meta-object of its own
+/// on purpose: to everybody, the log included, it is a QTcpSocket.
+class ClientSocket : public QTcpSocket
+{
+public:
+    /// Bytes of replies that are kept for a client that does not read, before its requests wait.
+    static constexpr int __replyLimit = 256 * 1024;
+
+    explicit ClientSocket(QObject *parent);
+    ~ClientSocket() override;
+
+    /// Takes the descriptor over; it is closed with this object.
+    bool setSocketDescriptor(qintptr descriptor, SocketState state, OpenMode openMode) override;
+
+    /// Replies written and not yet taken by the kernel.
+    qint64 bytesToWrite() const override;
+
+    /// Sends what has been written, as far as the kernel takes it now; the rest follows by itself.
+    void sendReplies();
+
+    /// Between hold() and release() disconnected() is not emitted: a request is being carried out.
+    void hold();
+    void release();
+
+protected:
+    /// -1 when nothing is there, or when the client's side has ended.
+    qint64 readData(char *data, qint64 maxSize) override;
+    /// Keeps the bytes for sendReplies().
+    qint64 writeData(const char *data, qint64 size) override;
+
+private:
+    void onWritable();
+    void sendUnsent();
+    void endOutput();
+    void updateNotifiers();
+    void reportEndIfOver();
+
+    int m_descriptor = -1;
+    std::unique_ptr<QSocketNotifier> m_readNotifier;
+    std::unique_ptr<QSocketNotifier> m_writeNotifier;
+    QByteArray m_unsent;
+    int m_holds = 0;
+    bool m_inputEnded = false;
+    bool m_outputEnded = false;
+    bool m_endReported = false;
+};

@@ -1,0 +1,119 @@
+#include "getvariables.h"
+
+#include "server.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+namespace {
+
+constexpr std::string_view driverVersion = "MZV-2.0.0";
+
+constexpr bool needsGripper = true;
+constexpr bool needsNothing = false;
+constexpr bool fromImage = false;
+constexpr bool mayAskDevice = true;
+
+void append(QByteArray &reply, std::string_view text)
+{
+    reply.append(text.data(), static_cast<int>(text.size()));
+}
+
+void appendNumber(QByteArray &reply, qint64 number, int minimumDigits = 1)
+{
+    std::array<char, 24> digits{};
+    const auto end = std::to_chars(digits.begin(), digits.end(), number).ptr;
+    const auto count = static_cast<int>(end - digits.begin());
+    reply.append(std::max(0, minimumDigits - count), '0');
+    reply.append(digits.data(), count);
+}
+
+void appendIds(QByteArray &reply, const QVector<quint8> &ids)
+{
+    std::string_view separator;
+    reply.append('[');
+    for (const quint8 id : ids) {
+        append(reply, separator);
+        appendNumber(reply, id);
+        separator = ", ";
+    }
+    reply.append(']');
+}
+
+/// The value of a getter of the selected gripper, in decimal with at least that many digits.
+template <auto getter, int minimumDigits = 1>
+void gripperNumber(const GetSources &from, QByteArray &reply)
+{
+    appendNumber(reply, (from.gripper->*getter)(), minimumDigits);
+}
+
+template <auto getter>
+void gripperText(const GetSources &from, QByteArray &reply)
+{
+    reply.append((from.gripper->*getter)().toUtf8());
+}
+
+void zero(const GetSources & /*from*/, QByteArray &reply)
+{
+    reply.append('0');
+}
+
+using G = KvPelloGripper;
+
+constexpr std::array<GetVariable, 29> variables{{
+    {Server::__activateRequest, needsGripper, fromImage, gripperNumber<&G::getActivateEcho>},
+    {Server::__gripperMode, needsGripper, fromImage, gripperNumber<&G::getGripperModeEcho>},
+    {Server::__goto, needsGripper, fromImage, gripperNumber<&G::getGoToEcho>},
+    {Server::__status, needsGripper, fromImage, gripperNumber<&G::getStatus>},
+    {Server::__vacuumStatus, needsGripper, fromImage, gripperNumber<&G::getVacuumStatus>},
+    {Server::__objectDetected, needsGripper, fromImage, gripperNumber<&G::getObjectFlag>},
+    {Server::__fault, needsGripper, fromImage, gripperNumber<&G::getFaultFlag, 2>},
+    {Server::__ledBypass, needsGripper, fromImage, gripperNumber<&G::getLedBypass>},
+    {Server::__greenLed, needsGripper, fromImage, gripperNumber<&G::getLedGreen>},
+    {Server::__redLed, needsGripper, fromImage, gripperNumber<&G::getLedRed>},
+    {Server::__blueLed, needsGripper, fromImage, gripperNumber<&G::getLedBlue>},
+    {Server::__maxPeakSupplyCurrent, needsGripper, fromImage,
+     gripperNumber<&G::getMaxPeakSupplyCurrent>},
+    {Server::__positionRequestEcho, needsGripper, fromImage,
+     gripperNumber<&G::getPositionRequestEcho, 3>},
+    // The measured position, not the one requested.
+    {Server::__positionRequest, needsGripper, fromImage, gripperNumber<&G::getPosition>},
+    {Server::__motorCurrent, needsGripper, fromImage, gripperNumber<&G::getMotorCurrent>},
+    {"DST", needsNothing, fromImage, zero},
+    {Server::__serialNumber, needsGripper, mayAskDevice, gripperText<&G::getSerialNumber>},
+    {Server::__productionYear, needsGripper, mayAskDevice, gripperNumber<&G::getProductionYear>},
+    {Server::__numberOfCycles, needsGripper, fromImage, gripperNumber<&G::getNumberOfCycles>},
+    {Server::__numberOfSecondsPumpIsOn, needsGripper, fromImage,
+     gripperNumber<&G::getNumberOfSecondsPumpIsOn>},
+    {Server::__numberOfPumpActivations, needsGripper, fromImage,
+     gripperNumber<&G::getNumberOfPumpActivations>},
+    {Server::__firmwareVersion, needsGripper, mayAskDevice, gripperText<&G::getFirmwareVersion>},
+    {"PCO", needsNothing, fromImage, zero},
+    {Server::__driverVersion, needsNothing, fromImage,
+     [](const GetSources &, QByteArray &reply) { append(reply, driverVersion); }},
+    {Server::__speedRequest, needsGripper, fromImage, gripperNumber<&G::getSpeedRequest>},
+    {Server::__forceRequest, needsGripper, fromImage, gripperNumber<&G::getForceRequest>},
+    {Server::__printableState, needsNothing, fromImage,
+     [](const GetSources &from, QByteArray &reply) {
+         reply.append(from.gripperList.getPrintableState());
+     }},
+    // The ids found on the bus, not the client's own selection.
+    {Server::__socketSlaveId, needsNothing, fromImage,
+     [](const GetSources &from, QByteArray &reply) {
+         appendIds(reply, from.gripperList.getDiscoveredSlaveIds());
+     }},
+    {Server::__upgradeFirmware, needsNothing, fromImage,
+     [](const GetSources &from, QByteArray &reply) {
+         appendNumber(reply, from.gripperList.getUpgradeStatus());
+     }},
+}};
+
+} // namespace
+
+const GetVariable *findGetVariable(std::string_view name)
+{
+    const auto *row = std::find_if(variables.begin(), variables.end(),
+                                   [name](const GetVariable &v) { return v.name == name; });
+    return row == variables.end() ? nullptr : row;
+}

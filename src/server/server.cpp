@@ -1,0 +1,175 @@
+#include "server.h"
+
+#include "clientlistener.h"
+#include "clientsocket.h"
+#include "getvariables.h"
+#include "pairreader.h"
+#include "quitsignals.h"
+#include "setvariables.h"
+#include "unhandledpairs.h"
+
+#include <QDebug>
+
+#include <array>
+#include <csignal>
+
+namespace {
+
+constexpr int bytesPerRead = 64 * 1024;
+constexpr int firstSlaveId = GripperList::__max_slave_id;
+
+quint8 lowByte(int slaveId)
+{
+    return static_cast<quint8>(slaveId & 0xFF);
+}
+
+void write(ClientSocket *socket, std::string_view reply)
+{
+    if (socket != nullptr)
+        socket->write(reply.data(), static_cast<qint64>(reply.size()));
+}
+
+/// What was answered before must not wait for a request that does.
+void sendRepliesBeforeWait(ClientSocket *socket, bool mayWait)
+{
+    if (mayWait && socket != nullptr)
+        socket->sendReplies();
+}
+
+} // namespace
+
+Server::Server()
+    : tcpServer(new ClientListener(this))
+    , listenAddress(QHostAddress::Any)
+    , gripperList(constraintsFactory, nullptr)
+{
+    if (!tcpServer->listenOn(__port))
+        qFatal("%s",
+               qPrintable(QStringLiteral("Unable to start the server on port %1").arg(__port)));
+    catchUnixSignals({SIGQUIT, SIGINT, SIGTERM, SIGHUP}, {});
+    connect(tcpServer, &QTcpServer::newConnection, this, &Server::onClientSocketConnection);
+}
+
+Server::~Server() = default;
+
+void Server::catchUnixSignals(const QVector<int> &quitSignals, const QVector<int> &ignoreSignals)
+{
+    for (const int signalNumber : ignoreSignals)
+        ::signal(signalNumber, SIG_IGN);
+    quitOnSignals(quitSignals);
+}
+
+void Server::onClientSocketConnection()
+{
+    auto *socket = static_cast<ClientSocket *>(tcpServer->nextPendingConnection());
+    clientSockets.append(socket);
+    bufferBySocket.insert(socket, RequestScanner());
+    slaveIdBySocket.insert(socket, firstSlaveId);
+    connect(socket, &QTcpSocket::readyRead, this, &Server::onClientSocketReadData);
+    connect(socket, &QTcpSocket::disconnected, this, &Server::onClientSocketDisconnect);
+    qInfo() << "onClientSocketConnection: " << socket;
+}
+
+void Server::onClientSocketReadData()
+{
+    auto *socket = dynamic_cast<ClientSocket *>(sender());
+    if (socket == nullptr)
+        return;
+    // Used up before anything pumps events, so a nested call may use it again.
+    static std::array<char, bytesPerRead> bytes;
+    const qint64 count = socket->read(bytes.data(), bytesPerRead);
+    if (count <= 0)
+        return;
+    bufferBySocket[socket].append(bytes.data(), static_cast<std::size_t>(count));
+    processSocket(socket);
+}
+
+void Server::processSocket(ClientSocket *socket)
+{
+    // Keeps the client, and with it its entries, until its requests are carried out.
+    socket->hold();
+    RequestScanner &buffer = bufferBySocket[socket];
+    const Gripper gripper = gripperList.getGripperFromSlaveId(lowByte(slaveIdBySocket[socket]));
+    Request request;
+    while (buffer.takeNext(request)) {
+        if (request.kind == Request::Kind::Set)
+            decodeSetVariables(socket, request, gripper);
+        else
+            decodeGetVariables(socket, request, gripper);
+    }
+    socket->sendReplies();
+    socket->release();
+}
+
+void Server::decodeGetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper)
+{
+    const std::string_view name = match.variable();
+    if (name.empty())
+        return;
+    QByteArray reply;
+    if (match.hasLineEnding)
+        reply.append(name.data(), static_cast<int>(name.size())).append(' ');
+
+    const GetVariable *variable = findGetVariable(name);
+    if (variable == nullptr || (variable->needsGripper && !gripper)) {
+        reply.append('?');
+    } else {
+        sendRepliesBeforeWait(socket, variable->mayWait);
+        variable->appendValue({gripperList, gripper.data()}, reply);
+    }
+
+    if (match.hasLineEnding)
+        reply.append('\n');
+    write(socket, {reply.constData(), static_cast<std::size_t>(reply.size())});
+}
+
+void Server::decodeSetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper)
+{
+    std::string_view reply = __acknowledge;
+    int nobodysSlaveId = 0;
+    const auto selection = slaveIdBySocket.find(socket);
+    int &selectedSlaveId = selection != slaveIdBySocket.end() ? selection.value() : nobodysSlaveId;
+
+    UnhandledPairs unhandled(match.text);
+    PairReader pairs(match.text);
+    PairReader::Pair pair;
+    while (pairs.next(pair)) {
+        const SetVariable *variable = findSetVariable(pair.name);
+        if (variable == nullptr || (variable->needsGripper && !gripper)) {
+            unhandled.log();
+            continue;
+        }
+        sendRepliesBeforeWait(socket, variable->mayWait);
+        reply =
+            variable->apply({gripperList, gripper, selectedSlaveId, pair.value}).value_or(reply);
+    }
+    write(socket, reply);
+}
+
+std::string_view Server::handleSetGripperModeRequest(const Gripper &gripper, quint8 mode)
+{
+    switch (mode) {
+    case 0:
+        gripper->setGripperModeManual();
+        return __acknowledge;
+    case 1:
+        gripper->setGripperModeAutomatic();
+        return __acknowledge;
+    default:
+        return __notAcknowledge;
+    }
+}
+
+void Server::onClientSocketDisconnect()
+{
+    qInfo() << "onClientSocketDisconnect: " << sender();
+    auto *socket = dynamic_cast<ClientSocket *>(sender());
+    if (socket == nullptr)
+        return;
+    disconnect(socket, nullptr, this, nullptr);
+    clientSockets.removeOne(socket);
+    slaveIdBySocket.remove(socket);
+    bufferBySocket.remove(socket);
+    socket->deleteLater();
+    qInfo() << "socket->deleteLater: " << socket;
+}

@@ -1,0 +1,107 @@
+#pragma once
+
+#include "gripperlist.h"
+#include "modbusconstraintsfactory.h"
+#include "requestscanner.h"
+
+#include <QHostAddress>
+#include <QMap>
+#include <QObject>
+#include <QVector>
+
+#include <string_view>
+
+class ClientListener;
+class ClientSocket;
+
+/// The daemon's interface to its clients: accepts them on port 63352, cuts GET and SET requests out
+/// of what they send and answers them. Owns the gripper list, and so the whole driver.
+///
+/// A request may wait on the bus and pump events meanwhile; requests that arrive during the wait,
+/// of the same client too, are carried out inside it.
+class Server : public QObject
+{
+    Q_OBJECT
+
+public:
+    using Gripper = GripperList::Gripper;
+
+    /// Starts listening and arms the quit signals. Aborts the process, after a fatal log line,
+    /// when the port cannot be listened on.
+    Server();
+    ~Server() override;
+
+    /// Ignores each of `ignoreSignals`; lets each of `quitSignals` end the event loop with code 0.
+    void catchUnixSignals(const QVector<int> &quitSignals, const QVector<int> &ignoreSignals);
+
+    /// Answers one GET request. Without `socket` nothing is written; without `gripper` the
+    /// variables that need one answer "?". May pump events.
+    void decodeGetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper);
+
+    /// Carries out the pairs of one SET request, left to right, and writes one reply. Without
+    /// `socket` no reply is written. Pumps events for the pairs that wait on the bus.
+    void decodeSetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper);
+
+    /// 0 is manual, 1 automatic; any other mode changes nothing and returns "nak".
+    static std::string_view handleSetGripperModeRequest(const Gripper &gripper, quint8 mode);
+
+    static constexpr quint16 __port = 63352;
+
+    static constexpr std::string_view __acknowledge = "ack";
+    static constexpr std::string_view __notAcknowledge = "nak";
+
+    static constexpr std::string_view __activateRequest = "ACT";
+    static constexpr std::string_view __gripperMode = "MOD";
+    static constexpr std::string_view __goto = "GTO";
+    static constexpr std::string_view __automaticReleaseRoutine = "ATR";
+    static constexpr std::string_view __autoreleaseDirection = "ARD";
+    static constexpr std::string_view __status = "STA";
+    static constexpr std::string_view __vacuumStatus = "VST";
+    static constexpr std::string_view __objectDetected = "OBJ";
+    static constexpr std::string_view __fault = "FLT";
+    static constexpr std::string_view __ledBypass = "LBP";
+    static constexpr std::string_view __greenLed = "LGN";
+    static constexpr std::string_view __redLed = "LRD";
+    static constexpr std::string_view __blueLed = "LBL";
+    static constexpr std::string_view __maxPeakSupplyCurrent = "MSC";
+    static constexpr std::string_view __positionRequestEcho = "PRE";
+    static constexpr std::string_view __positionRequest = "POS";
+    static constexpr std::string_view __motorCurrent = "COU";
+    static constexpr std::string_view __serialNumber = "SNU";
+    static constexpr std::string_view __productionYear = "PYE";
+    static constexpr std::string_view __numberOfCycles = "NCY";
+    static constexpr std::string_view __numberOfSecondsPumpIsOn = "PON";
+    static constexpr std::string_view __numberOfPumpActivations = "NPA";
+    static constexpr std::string_view __firmwareVersion = "FWV";
+    static constexpr std::string_view __driverVersion = "VER";
+    static constexpr std::string_view __speedRequest = "SPE";
+    static constexpr std::string_view __forceRequest = "FOR";
+    static constexpr std::string_view __printableState = "DRI";
+    static constexpr std::string_view __socketSlaveId = "SID";
+    static constexpr std::string_view __upgradeFirmware = "UPG";
+    static constexpr std::string_view __scanBlockRequest = "SCN_BLOCK";
+    static constexpr std::string_view __scanRequest = "SCN";
+    static constexpr std::string_view __updateGripperSlaveId = "NID";
+    static constexpr std::string_view __muteSerialPort = "MUTE";
+    static constexpr std::string_view __commandLoopThrottleSpeed = "THROTTLE";
+    static constexpr std::string_view __bootloaderMode = "BLD";
+
+public slots:
+    void onClientSocketConnection();
+    void onClientSocketDisconnect();
+    void onClientSocketReadData();
+    /// Answers every request that is complete in the client's buffer, with the gripper that the
+    /// client has selected when this call begins.
+    void processSocket(ClientSocket *socket);
+
+private:
+    friend class tst_Server;
+
+    ClientListener *tcpServer;
+    QVector<ClientSocket *> clientSockets;
+    QMap<ClientSocket *, RequestScanner> bufferBySocket;
+    QMap<ClientSocket *, int> slaveIdBySocket;
+    QHostAddress listenAddress;
+    GripperList gripperList;
+    ModbusConstraintsFactory constraintsFactory;
+};
