@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -51,4 +50,19 @@ void quitOnSignals(const QVector<int> &signalNumbers)
 bool quitRequested()
 {
     return s_quitRequested;
+}
+
+HeldSignals::HeldSignals(const QVector<int> &signalNumbers)
+    : m_before{}
+{
+    sigset_t held{};
+    ::sigemptyset(&held);
+    for (const int signalNumber : signalNumbers)
+        ::sigaddset(&held, signalNumber);
+    ::pthread_sigmask(SIG_BLOCK, &held, &m_before);
+}
+
+HeldSignals::~HeldSignals()
+{
+    ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
 }

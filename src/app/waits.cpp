@@ -7,6 +7,8 @@ void qSleepWhileProcessingEvents(int ms)
 {
     QEventLoop loop;
     QTimer timer;
+    // A coarse timer may fire early, and devices need the time they are given.
+    timer.setTimerType(Qt::PreciseTimer);
     QObject::connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
     timer.start(ms);
     loop.exec();

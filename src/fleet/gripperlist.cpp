@@ -35,6 +35,8 @@ GripperList::GripperList(const ModbusConstraintsFactory &constraintsFactory, QOb
     , m_tickIntervalMs(throttledIntervalMs)
 {
     m_scanBackOffTimer->setSingleShot(true);
+    // A coarse timer may fire early: a failed discovery is repeated no sooner than this.
+    m_scanBackOffTimer->setTimerType(Qt::PreciseTimer);
     connect(m_stateLoopTimer, &QTimer::timeout, this, &GripperList::onTimerStateLoopTimeout);
     m_stateLoopTimer->setTimerType(Qt::PreciseTimer);
     m_stateLoopTimer->start(m_tickIntervalMs);

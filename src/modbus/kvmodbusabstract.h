@@ -58,7 +58,7 @@ public:
     void setConstraints(const ModbusConstraints &constraints);
 
 signals:
-    /// After every request that reached the transport, success included.
+    /// After every request, success included.
     void errorOccurred(KvModbusAbstract::KvModbusError error);
     void connected();
     void disconnected();

@@ -4,6 +4,7 @@
 #include "quitsignals.h"
 #include "waits.h"
 
+#include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QSerialPortInfo>
 
@@ -147,7 +148,7 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
     if (!isConnected())
         return NotConnectedError;
 
-    discardInput();
+    discardPending();
     QElapsedTimer clock;
     clock.start();
     if (!sendRequest(request))
@@ -166,21 +167,23 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
 }
 
 /// Drops everything that has arrived, so that a late answer to an earlier request is not taken for
-/// the next one: what the event loop has fetched and what still waits in the kernel.
-void KvModbusCustom::discardInput()
+/// the next one: what the event loop has fetched and what still waits in the kernel. And what an
+/// earlier request could not write in time: it has been reported as failed.
+void KvModbusCustom::discardPending()
 {
-    m_serialPort.readAll();
-    m_serialPort.clear(QSerialPort::Input);
+    m_serialPort.clear(QSerialPort::AllDirections);
 }
 
 bool KvModbusCustom::sendRequest(const QByteArray &request)
 {
-    // Discarding the input of a line that was pulled out has closed the port.
+    // Discarding on a line that was pulled out has closed the port.
     if (!m_serialPort.isOpen() || m_serialPort.write(request) != request.size())
         return false;
-    // The wait also fails when there is nothing left to wait for.
-    return m_serialPort.waitForBytesWritten(writeWaitMs) ||
-           (m_serialPort.isOpen() && m_serialPort.bytesToWrite() == 0);
+    const QDeadlineTimer deadline(writeWaitMs);
+    while (m_serialPort.bytesToWrite() > 0 &&
+           m_serialPort.waitForBytesWritten(static_cast<int>(deadline.remainingTime())))
+        continue;
+    return m_serialPort.isOpen() && m_serialPort.bytesToWrite() == 0;
 }
 
 void KvModbusCustom::awaitInput(qint64 deadlineMs, int byteCount, const QElapsedTimer &clock)

@@ -4,6 +4,8 @@
 
 #include <QSerialPort>
 
+class QElapsedTimer;
+
 /// A Modbus RTU master on one serial port: functions 0x03 and 0x10, 8 data bits, no parity, one
 /// stop bit. Every request is a single attempt that polls the port in steps of 10 ms and pumps
 /// events meanwhile, so another request may run inside it; the last one to end decides error().
@@ -52,8 +54,8 @@ private:
     KvModbusError exchange(const QByteArray &request, int registerCount, int answerLength,
                            QByteArray &answer);
     bool sendRequest(const QByteArray &request);
-    void discardInput();
-    void awaitInput(qint64 deadlineMs, int byteCount, const class QElapsedTimer &clock);
+    void discardPending();
+    void awaitInput(qint64 deadlineMs, int byteCount, const QElapsedTimer &clock);
 
     QSerialPort m_serialPort;
 };

@@ -4,18 +4,33 @@
 
 #include <QTimer>
 
+#include <algorithm>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 namespace {
 
 constexpr int connectionQueueLength = 4096;
 constexpr int acceptRetryMs = 500;
+constexpr int pendingConnections = 30;
+// The serial port and its lock file, and what starting a child process takes.
+constexpr rlim_t reservedDescriptors = 32;
+
+/// Descriptors are handed out from the lowest free number on, so a number tells how many are in
+/// use.
+qintptr lastClientDescriptor()
+{
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return static_cast<qintptr>(limit.rlim_cur - std::min(limit.rlim_cur, reservedDescriptors));
+}
 
 } // namespace
 
 ClientListener::ClientListener(QObject *parent)
     : QTcpServer(parent)
 {
+    setMaxPendingConnections(pendingConnections);
     // Accepting stays paused after an error until somebody resumes it.
     connect(this, &QTcpServer::acceptError, this,
             [this] { QTimer::singleShot(acceptRetryMs, this, &QTcpServer::resumeAccepting); });
@@ -27,6 +42,7 @@ bool ClientListener::listenOn(quint16 port)
         return false;
     // Listening again changes nothing but the length of the queue.
     ::listen(static_cast<int>(socketDescriptor()), connectionQueueLength);
+    m_lastClientDescriptor = lastClientDescriptor();
     return true;
 }
 
@@ -34,5 +50,17 @@ void ClientListener::incomingConnection(qintptr descriptor)
 {
     auto *socket = new ClientSocket(this);
     socket->setSocketDescriptor(descriptor, QAbstractSocket::ConnectedState, QIODevice::ReadWrite);
+    connect(socket, &QObject::destroyed, this, &ClientListener::goOnAccepting);
     addPendingConnection(socket);
+    // Pausing would not do: what waits in the queue now is accepted in one go.
+    if (descriptor >= m_lastClientDescriptor)
+        setMaxPendingConnections(0);
+}
+
+void ClientListener::goOnAccepting()
+{
+    if (maxPendingConnections() > 0)
+        return;
+    setMaxPendingConnections(pendingConnections);
+    resumeAccepting();
 }

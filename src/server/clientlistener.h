@@ -2,9 +2,9 @@
 
 #include <QTcpServer>
 
-/// The listening server: hands out every connection as a ClientSocket, has a queue long enough for
-/// a crowd of clients that connect at once, and goes on accepting after the process had run out
-/// of descriptors.
+/// The listening server: hands out every connection as a ClientSocket and has a queue long enough
+/// for a crowd of clients that connect at once. Keeps descriptors in reserve for the serial port
+/// and for child processes: clients past that wait in the queue until another one leaves.
 class ClientListener : public QTcpServer
 {
     Q_OBJECT
@@ -17,4 +17,9 @@ public:
 
 protected:
     void incomingConnection(qintptr descriptor) override;
+
+private:
+    void goOnAccepting();
+
+    qintptr m_lastClientDescriptor = 0;
 };

@@ -43,10 +43,13 @@ Server::Server()
     , listenAddress(QHostAddress::Any)
     , gripperList(constraintsFactory, nullptr)
 {
+    const QVector<int> quitSignals{SIGQUIT, SIGINT, SIGTERM, SIGHUP};
+    // Who sees the port listening may stop the daemon: the signal must find its handler.
+    const HeldSignals held(quitSignals);
     if (!tcpServer->listenOn(__port))
         qFatal("%s",
                qPrintable(QStringLiteral("Unable to start the server on port %1").arg(__port)));
-    catchUnixSignals({SIGQUIT, SIGINT, SIGTERM, SIGHUP}, {});
+    catchUnixSignals(quitSignals, {});
     connect(tcpServer, &QTcpServer::newConnection, this, &Server::onClientSocketConnection);
 }
 
