@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr qint32 gripperBaudRate = 115200;
 constexpr int baudRateSettleMs = 200;
 constexpr int identityPauseMs = 50;
 constexpr int identityAttempts = 6;
@@ -33,7 +32,7 @@ quint32 doubleWord(const QVector<quint16> &words)
 KvPelloGripper::KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObject *parent)
     : KvDeviceBase(modbus, slaveId, parent)
 {
-    modbus.setBaudRate(gripperBaudRate);
+    modbus.setBaudRate(__baudRate);
     qSleepWhileProcessingEvents(baudRateSettleMs);
     if (!modbus.isConnected())
         setError(NotConnectedError);

@@ -13,7 +13,6 @@ namespace {
 constexpr int throttledIntervalMs = 50;
 constexpr int fastIntervalMs = 5;
 constexpr int scanBackOffMs = 1000;
-constexpr qint32 gripperBaudRate = 115200;
 
 constexpr int familyLetterIndex = 1;
 
@@ -190,7 +189,9 @@ void GripperList::updateOutputState()
 bool GripperList::succeedsInTime(const std::function<bool()> &access, const char *failureText)
 {
     int failCounter = 0;
-    while (!access() && failCounter < __maxGripperCommunicationRetries && !quitRequested()) {
+    while (!access()) {
+        if (failCounter == __maxGripperCommunicationRetries || quitRequested())
+            return false;
         ++failCounter;
         qInfo() << failureText << failCounter;
     }
@@ -256,7 +257,7 @@ void GripperList::openLink(const QString &portName)
 {
     m_modbus.setConstraints(m_constraintsFactory.getModbusConstraints(portName));
     m_modbus.setPortName(portName);
-    m_modbus.setBaudRate(gripperBaudRate);
+    m_modbus.setBaudRate(KvPelloGripper::__baudRate);
     m_modbus.connectToDevice();
 }
 

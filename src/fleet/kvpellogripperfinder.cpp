@@ -5,8 +5,6 @@
 
 namespace {
 
-constexpr qint32 gripperBaudRate = 115200;
-
 KvPelloGripperFinder::Gripper probe(KvModbusAbstract &link, quint16 slaveId)
 {
     auto gripper = KvPelloGripperFinder::Gripper::create(link, slaveId);
@@ -71,7 +69,7 @@ void KvPelloGripperFinder::onEachAvailablePort(
     for (const QString &portName : portNames) {
         KvModbusCustom link(nullptr);
         link.setConstraints(m_constraintsFactory.getModbusConstraints(portName));
-        link.setBaudRate(gripperBaudRate);
+        link.setBaudRate(KvPelloGripper::__baudRate);
         link.setPortName(portName);
         link.connectToDevice();
         visit(portName, link);

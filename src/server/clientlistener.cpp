@@ -36,6 +36,12 @@ ClientListener::ClientListener(QObject *parent)
             [this] { QTimer::singleShot(acceptRetryMs, this, &QTcpServer::resumeAccepting); });
 }
 
+// Ends the pending connections as long as this is still the object that they report to.
+ClientListener::~ClientListener()
+{
+    close();
+}
+
 bool ClientListener::listenOn(quint16 port)
 {
     if (!listen(QHostAddress(QHostAddress::Any), port))

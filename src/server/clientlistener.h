@@ -11,6 +11,7 @@ class ClientListener : public QTcpServer
 
 public:
     explicit ClientListener(QObject *parent);
+    ~ClientListener() override;
 
     /// Listens on all addresses, IPv4 and IPv6. Returns whether it does.
     bool listenOn(quint16 port);

@@ -15,13 +15,10 @@
 
 namespace {
 
+// One read is one batch: the rest of a longer burst follows on the next turn of the event loop,
+// when the others have had theirs.
 constexpr int bytesPerRead = 64 * 1024;
 constexpr int firstSlaveId = GripperList::__max_slave_id;
-
-quint8 lowByte(int slaveId)
-{
-    return static_cast<quint8>(slaveId & 0xFF);
-}
 
 void write(ClientSocket *socket, std::string_view reply)
 {
@@ -65,6 +62,8 @@ void Server::catchUnixSignals(const QVector<int> &quitSignals, const QVector<int
 void Server::onClientSocketConnection()
 {
     auto *socket = static_cast<ClientSocket *>(tcpServer->nextPendingConnection());
+    if (socket == nullptr)
+        return;
     clientSockets.append(socket);
     bufferBySocket.insert(socket, RequestScanner());
     slaveIdBySocket.insert(socket, firstSlaveId);
@@ -92,7 +91,8 @@ void Server::processSocket(ClientSocket *socket)
     // Keeps the client, and with it its entries, until its requests are carried out.
     socket->hold();
     RequestScanner &buffer = bufferBySocket[socket];
-    const Gripper gripper = gripperList.getGripperFromSlaveId(lowByte(slaveIdBySocket[socket]));
+    const Gripper gripper =
+        gripperList.getGripperFromSlaveId(static_cast<quint8>(slaveIdBySocket[socket]));
     Request request;
     while (buffer.takeNext(request)) {
         if (request.kind == Request::Kind::Set)

@@ -20,11 +20,6 @@ std::string_view acknowledgeIf(bool succeeded)
     return succeeded ? Server::__acknowledge : Server::__notAcknowledge;
 }
 
-quint8 lowByte(int slaveId)
-{
-    return static_cast<quint8>(slaveId & 0xFF);
-}
-
 template <auto set, auto clear>
 Reply flag(const SetTarget &target)
 {
@@ -69,7 +64,8 @@ Reply scanLater(const SetTarget &target)
 /// and sees who answers.
 Reply moveGripper(const SetTarget &target)
 {
-    target.gripperList.updateGripperSlaveId(lowByte(target.selectedSlaveId), target.value);
+    target.gripperList.updateGripperSlaveId(static_cast<quint8>(target.selectedSlaveId),
+                                            target.value);
     target.gripperList.requestScanBlock();
     return std::nullopt;
 }

@@ -1,0 +1,1 @@
+"""Runs the real daemon on a line of ptys, in namespaces of its own."""

@@ -1,0 +1,161 @@
+"""The daemon as a child process."""
+
+import os
+import re
+import signal
+import subprocess
+import threading
+import time
+
+from .children import binary, spawn
+from .client import PORT
+from .waiting import eventually
+
+LOG_LINE = re.compile(r"^(Debug|Info|Warning|Critical|Fatal): (.*) \(\(null\):0, \(null\)\)$")
+
+SANITIZED = os.environ.get("GRIPPERD_SANITIZED") == "1"
+# The sanitizers look for leaks at the end, which takes its time.
+QUIT_LIMIT = 3.0 if SANITIZED else 1.0
+
+
+class Daemon:
+    def __init__(self, cwd, arguments=(), environment=None, before_exec=None):
+        self.lines = []
+        self.times = []
+        self._changed = threading.Condition()
+        self.started_at = time.monotonic()
+        self.process = spawn(
+            [binary("gripperd"), *arguments],
+            before_exec,
+            cwd=cwd,
+            env={**os.environ, **(environment or {})},
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )
+        self.pid = self.process.pid
+        self._reader = threading.Thread(target=self._collect, daemon=True)
+        self._reader.start()
+
+    def _collect(self):
+        for line in self.process.stderr:
+            with self._changed:
+                self.lines.append(line.decode(errors="replace").rstrip("\n"))
+                self.times.append(time.monotonic())
+                self._changed.notify_all()
+
+    # Its life
+
+    def wait_until_listening(self, timeout=5.0):
+        """Looks without connecting, so that no client shows up in the log."""
+
+        def listening():
+            assert self.process.poll() is None, f"ended: {self.lines}"
+            return is_listening()
+
+        eventually(listening, timeout, "listening")
+        return self
+
+    def is_running(self):
+        return self.process.poll() is None
+
+    def stop(self, signal_number=signal.SIGTERM, timeout=10.0):
+        """(exit status, seconds from the signal to the end)."""
+        sent_at = time.monotonic()
+        self.process.send_signal(signal_number)
+        return self.wait_for_end(timeout), time.monotonic() - sent_at
+
+    def wait_for_end(self, timeout=10.0):
+        status = self.process.wait(timeout)
+        self._reader.join(timeout)
+        return status
+
+    def finish(self):
+        """Ends it as a test should leave it: alive, its log in form, quitting with 0."""
+        assert self.is_running(), f"ended with {self.process.returncode}: {self.lines[-20:]}"
+        status, seconds = self.stop()
+        assert status == 0, f"status {status}: {self.lines[-40:]}"
+        assert seconds < QUIT_LIMIT, f"took {seconds:.2f} s to quit"
+        assert self.standard_output() == b""
+
+    def kill(self):
+        """Ends it if it has not ended yet, and lets go of its pipes."""
+        if self.is_running():
+            self.process.kill()
+        self.wait_for_end()
+        self.process.stderr.close()
+        self.process.stdout.close()
+
+    def standard_output(self):
+        """All it has written there; only once it has ended."""
+        return self.process.stdout.read()
+
+    # Its log
+
+    def mark(self):
+        with self._changed:
+            return len(self.lines)
+
+    def messages(self, since=0):
+        """The message texts of all log lines so far."""
+        with self._changed:
+            lines = self.lines[since:]
+        return [m.group(2) if (m := LOG_LINE.match(line)) else line for line in lines]
+
+    def wait_for_line(self, pattern, since=0, timeout=5.0):
+        """The first line from number `since` on in which the pattern is found."""
+        expression = re.compile(pattern)
+        deadline = time.monotonic() + timeout
+        seen = since
+        with self._changed:
+            while True:
+                for line in self.lines[seen:]:
+                    if expression.search(line):
+                        return line
+                seen = len(self.lines)
+                left = deadline - time.monotonic()
+                assert left > 0, f"no line like {pattern!r} in {self.lines[since:]}"
+                self._changed.wait(left)
+
+    def wait_until_found(self, *slave_ids, since=0, timeout=10.0):
+        """Returns when a discovery has ended with exactly these grippers."""
+        ids = ", ".join(str(n) for n in sorted(slave_ids))
+        self.wait_for_line(rf": \({ids}\) ", since, timeout)
+        return self
+
+    # What it uses
+
+    def descriptors(self):
+        """What its file descriptors are, sockets by their number."""
+        folder = f"/proc/{self.pid}/fd"
+        found = []
+        for entry in os.listdir(folder):
+            try:
+                found.append(os.readlink(f"{folder}/{entry}"))
+            except FileNotFoundError:
+                pass
+        return sorted(found)
+
+    def resident_kib(self):
+        with open(f"/proc/{self.pid}/status", encoding="ascii") as status:
+            for line in status:
+                if line.startswith("VmRSS:"):
+                    return int(line.split()[1])
+        raise AssertionError("no VmRSS")
+
+    def cpu_seconds(self):
+        with open(f"/proc/{self.pid}/stat", encoding="ascii") as stat:
+            fields = stat.read().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def is_listening():
+    """Whether anything in this network namespace listens on the daemon's port."""
+    wanted = f":{PORT:04X}"
+    for table in ("/proc/net/tcp", "/proc/net/tcp6"):
+        with open(table, encoding="ascii") as connections:
+            for line in connections.readlines()[1:]:
+                fields = line.split()
+                if fields[1].endswith(wanted) and fields[3] == "0A":
+                    return True
+    return False

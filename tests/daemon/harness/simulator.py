@@ -1,0 +1,105 @@
+"""The gripper simulator as a child process, led by its commands."""
+
+import queue
+import subprocess
+import threading
+import time
+
+from . import modbus
+from .children import binary, spawn
+
+
+class Simulator:
+    """`Simulator("9=TA3-1.6.14", "--object", "9=140")`: grippers first, options as they are."""
+
+    def __init__(self, *arguments, link="/dev/ttyTool"):
+        words = ["--link", link, "--trace"]
+        for argument in arguments:
+            if not argument.startswith("-") and words[-1] not in _WITH_VALUE:
+                words.append("--gripper")
+            words.append(argument)
+        self.process = spawn(
+            [binary("gripper-simulator"), *words],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+        )
+        self._answers = queue.Queue()
+        self.requests = []
+        self.foreign = []
+        self._frames = threading.Condition()
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+        ready = self._answers.get(timeout=5)
+        assert ready.startswith("ready "), ready
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        assert self.process.wait(5) == 0
+        self._reader.join(5)
+        self.process.stdin.close()
+        self.process.stdout.close()
+
+    def tell(self, command):
+        """Sends a command; the lines before its "ok", and what stands behind that."""
+        self.process.stdin.write(command.encode() + b"\n")
+        self.process.stdin.flush()
+        lines = []
+        while True:
+            line = self._answers.get(timeout=5)
+            assert not line.startswith("error"), f"{command}: {line}"
+            if line == "ok" or line.startswith("ok "):
+                return lines + [line[3:]]
+            lines.append(line)
+
+    def registers(self, slave_id, address, count=1):
+        return [int(word, 16) for word in self.tell(f"get {slave_id} {address} {count}")[-1].split()]
+
+    def mark(self):
+        with self._frames:
+            return len(self.requests)
+
+    def since(self, mark, wanted=lambda _: True):
+        with self._frames:
+            return [r for r in self.requests[mark:] if wanted(r)]
+
+    def wait_for(self, wanted, count=1, since=0, timeout=5.0):
+        deadline = time.monotonic() + timeout
+        with self._frames:
+            while True:
+                found = [r for r in self.requests[since:] if wanted(r)]
+                if len(found) >= count:
+                    return found[:count]
+                left = deadline - time.monotonic()
+                assert left > 0, f"{len(found)} of {count} requests; last {self.requests[-8:]}"
+                self._frames.wait(left)
+
+    def wait_until_polled(self, slave_id, visits=1):
+        self.wait_for(
+            lambda r: r.slave == slave_id and r.is_read(2000), visits + 1, self.mark()
+        )
+
+    def _read(self):
+        for line in self.process.stdout:
+            text = line.decode().rstrip("\n")
+            words = text.split()
+            if len(words) > 2 and words[1] in "<>":
+                if words[1] == ">":
+                    self._take_frame(float(words[0]) / 1000, bytes.fromhex("".join(words[2:])))
+            else:
+                self._answers.put(text)
+
+    def _take_frame(self, at, frame):
+        if frame[1] not in (modbus.READ, modbus.WRITE):
+            self.foreign.append(frame)
+            return
+        request, used = modbus.cut_request(bytearray(frame), at)
+        assert request and used == len(frame), frame.hex(" ")
+        with self._frames:
+            self.requests.append(request)
+            self._frames.notify_all()
+
+
+_WITH_VALUE = {"--object", "--serial", "--year", "--activation-ms", "--boot-ms", "--seed"}

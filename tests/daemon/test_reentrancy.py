@@ -1,0 +1,182 @@
+"""Requests that arrive while another one waits for the line."""
+
+import time
+
+from harness.daemon import SANITIZED
+from harness.waiting import eventually
+
+
+def is_probe(request):
+    return request.is_read(500)
+
+
+def start_blocking_scan(line, client):
+    mark = line.mark()
+    client.send("SET SCN_BLOCK\n")
+    line.wait_for(is_probe, 1, mark)
+
+
+def test_a_later_packet_of_the_same_client_is_answered_during_its_own_scan(found, line, connect):
+    client = connect()
+    start_blocking_scan(line, client)
+    client.send("GET VER\n")
+    assert client.receive_line(0.5) == b"VER MZV-2.0.0\n"
+    assert client.receive(3) == b"ack"
+
+
+def test_other_clients_are_answered_during_a_scan(found, line, connect):
+    client = connect()
+    start_blocking_scan(line, client)
+    other = connect()
+    assert other.get("DRI", timeout=0.5) == "SCANNING"
+    assert other.set("XYZ 1", timeout=0.5) == "ack"
+    assert client.receive(3) == b"ack"
+
+
+def test_what_stands_behind_a_scan_in_its_packet_comes_after_it(found, line, connect):
+    client = connect()
+    client.send("SET SCN_BLOCK\nGET VER\n")
+    assert client.receive(3 + 14) == b"ackVER MZV-2.0.0\n"
+
+
+def test_a_scan_within_a_scan_of_the_same_client_is_carried_out(found, line, connect):
+    client = connect()
+    start_blocking_scan(line, client)
+    client.send("SET SCN_BLOCK\nGET VER\n")
+    assert client.receive(3 + 14 + 3) == b"ackVER MZV-2.0.0\nack"
+    eventually(lambda: client.get("SID") == "[9]")
+
+
+def test_the_rest_of_a_packet_is_not_lost_to_a_request_during_the_wait(found, line, connect):
+    client = connect()
+    mark = line.mark()
+    client.send("SET SCN_BLOCK\nGET V")
+    line.wait_for(is_probe, 1, mark)
+    client.send("ER\n")
+    # Finished by the later packet, so answered in it.
+    assert client.receive_line(0.5) == b"VER MZV-2.0.0\n"
+    assert client.receive(3) == b"ack"
+
+
+def test_many_scans_of_many_clients_do_not_overflow_the_stack(found, line, connect):
+    clients = [connect() for _ in range(50)]
+    for _ in range(40):
+        for client in clients:
+            client.send("SET SCN_BLOCK\n")
+    other = connect()
+    assert other.get("VER", timeout=20) == "MZV-2.0.0"
+    status, seconds = found.stop()
+    assert status == 0
+    assert seconds < (5.0 if SANITIZED else 1.0)
+
+
+def test_commands_of_a_client_that_closes_at_once_are_carried_out_in_order(found, line, connect):
+    line.wait_until_polled(9, 2)
+    for round_number in range(20):
+        goal = 100 + round_number
+        client = connect()
+        client.send("SET POS 1\n" * 5 + f"GET POS\nSET POS {goal} SPE {goal}\n")
+        client.close()
+        eventually(lambda: line[9].get(1000, 3) == [0, goal, goal << 8])
+
+
+def test_commands_of_a_client_that_resets_are_carried_out(found, line, connect):
+    line.wait_until_polled(9, 2)
+    carried_out = 0
+    for round_number in range(20):
+        goal = 100 + round_number
+        client = connect()
+        # The reset throws away what the daemon has not yet taken from the kernel,
+        # so it must have had its turn: another client sees that it had.
+        client.send(f"SET POS {goal}\n")
+        assert connect().get("VER") == "MZV-2.0.0"
+        client.reset()
+        eventually(lambda: line[9].get(1001) == [goal])
+        carried_out += 1
+    assert carried_out == 20
+
+
+def test_commands_behind_a_scan_of_a_client_that_closes_are_carried_out(found, line, connect):
+    assert connect().set("MUTE 1") == "ack"
+    line.wait_until_quiet()
+    client = connect()
+    client.send("SET SCN_BLOCK\nSET SID 9\nSET MUTE 0\n")
+    mark = line.mark()
+    client.close()
+    # Only if all three were carried out does the polling go on.
+    line.wait_for(lambda r: r.slave == 4 and is_probe(r), 1, mark)
+    eventually(lambda: len(line.since(mark, lambda r: r.is_read(2000))) > 2)
+
+
+def test_commands_sent_during_its_scan_by_a_client_that_closes_are_carried_out(
+    found, line, connect
+):
+    assert connect().set("MUTE 1") == "ack"
+    line.wait_until_quiet()
+    client = connect()
+    start_blocking_scan(line, client)
+    client.send("SET MUTE 0\n")
+    client.close()
+    line.wait_until_polled(9, 2)
+
+
+def test_a_client_that_vanishes_during_its_scan_leaves_no_trace(found, line, connect):
+    line.wait_until_polled(9)
+    before = found.descriptors()
+    for leave in ("close", "reset", "close", "reset"):
+        mark, log_mark = line.mark(), found.mark()
+        client = connect()
+        client.send("SET SCN_BLOCK\n")
+        line.wait_for(is_probe, 1, mark)
+        getattr(client, leave)()
+        found.wait_until_found(9, since=log_mark)
+        found.wait_for_line("socket->deleteLater", log_mark)
+    eventually(lambda: len(found.descriptors()) == len(before))
+    line.wait_until_polled(9, 2)
+    assert connect().get("SID") == "[9]"
+
+
+def test_a_client_that_vanishes_within_nested_scans_leaves_no_trace(found, line, connect):
+    line.wait_until_polled(9)
+    before, log_mark = found.descriptors(), found.mark()
+    for _ in range(3):
+        clients = [connect() for _ in range(4)]
+        for client in clients:
+            start_blocking_scan(line, client)
+        for client in clients:
+            client.reset()
+
+    def logged(prefix):
+        return len([m for m in found.messages(log_mark) if m.startswith(prefix)])
+
+    eventually(lambda: logged("socket->deleteLater") == 12, timeout=20)
+    assert logged("onClientSocketConnection") == logged("onClientSocketDisconnect") == 12
+    line.wait_until_polled(9, timeout=15)
+    eventually(lambda: len(found.descriptors()) == len(before))
+
+
+def test_a_half_closed_client_gets_the_ack_of_its_own_scan(found, line, connect):
+    client = connect()
+    start_blocking_scan(line, client)
+    client.half_close()
+    assert client.receive_to_end(10) == b"ack"
+
+
+def test_a_half_closed_client_gets_the_replies_of_all_that_it_sent(found, line, connect):
+    for _ in range(20):
+        client = connect()
+        client.send("GET VER\n" * 50 + "SET XYZ 1\n")
+        client.half_close()
+        assert client.receive_to_end() == b"VER MZV-2.0.0\n" * 50 + b"ack"
+
+
+def test_ticks_go_on_after_all_these_waits(found, line, connect):
+    clients = [connect() for _ in range(5)]
+    for client in clients:
+        client.send("SET SCN_BLOCK\n")
+    for client in clients:
+        assert client.receive(3, timeout=15) == b"ack"
+    started = time.monotonic()
+    line.wait_until_polled(9, 5)
+    assert time.monotonic() - started < 2.0
+    assert clients[0].get("DRI") == "RUNNING"

@@ -1,0 +1,181 @@
+"""The daemon on a line of grippers that behave, and misbehave, like grippers."""
+
+import time
+
+import pytest
+from harness.simulator import Simulator
+from harness.waiting import eventually
+
+
+@pytest.fixture(scope="module")
+def simulator():
+    with Simulator("9=TA3-1.6.14", "2=TE1-2.0.2", "--activation-ms", "300") as running:
+        yield running
+
+
+@pytest.fixture(scope="module")
+def daemon(simulator, start_module_daemon):
+    return start_module_daemon().wait_until_found(9, 2)
+
+
+@pytest.fixture
+def client(simulator, daemon, connect):
+    client = connect()
+    simulator.tell("clear")
+    simulator.tell("object 9 none")
+    assert client.set("ACT 0 GTO 0") == "ack"
+    eventually(lambda: client.get("STA") == "0")
+    return client
+
+
+def activate(client):
+    assert client.set("ACT 1") == "ack"
+    eventually(lambda: client.get("STA") == "3")
+    eventually(lambda: client.get("ACT") == "1")
+
+
+def test_an_activation_takes_a_while_and_ends_in_status_3(client):
+    assert client.set("ACT 1") == "ack"
+    eventually(lambda: client.get("STA") == "1")
+    assert client.get("ACT") == "0"
+    eventually(lambda: client.get("STA") == "3")
+    assert client.get("ACT") == "1"
+
+
+def test_an_active_gripper_is_activated_anew_by_reset_and_activation(client, simulator):
+    activate(client)
+    mark = simulator.mark()
+    assert client.set("ACT 1") == "ack"
+    eventually(lambda: client.get("STA") == "0")
+    eventually(lambda: client.get("STA") == "3")
+    writes = simulator.since(mark, lambda r: r.slave == 9 and r.is_write(1000))
+    bits = [r.values[0] >> 8 & 1 for r in writes]
+    assert bits == sorted(bits) and set(bits) == {0, 1}
+
+
+def test_a_motion_is_seen_on_its_way_to_where_it_ends(client):
+    activate(client)
+    assert client.set("POS 200 SPE 50 FOR 10 GTO 1") == "ack"
+    seen = set()
+
+    def arrived():
+        seen.add(int(client.get("POS")))
+        return client.get("OBJ") == "3"
+
+    eventually(arrived)
+    assert client.get("POS") == "200"
+    assert client.get("PRE") == "200"
+    assert len(seen) > 5
+
+
+def test_an_object_stops_it_and_is_reported_with_the_current(client, simulator):
+    activate(client)
+    simulator.tell("object 9 140")
+    assert client.set("POS 255 SPE 255 FOR 200 GTO 1") == "ack"
+    eventually(lambda: client.get("OBJ") == "2")
+    assert client.get("POS") == "140"
+    eventually(lambda: int(client.get("COU")) > 100)
+
+
+def test_a_faster_motion_is_over_sooner(client):
+    def seconds(speed):
+        activate(client)
+        assert client.set("POS 0 SPE 255 GTO 1") == "ack"
+        eventually(lambda: client.get("POS") == "0")
+        started = time.monotonic()
+        assert client.set(f"POS 200 SPE {speed}") == "ack"
+        eventually(lambda: client.get("POS") == "200", timeout=10)
+        return time.monotonic() - started
+
+    assert seconds(255) < seconds(20)
+
+
+def test_counters_count(client):
+    activate(client)
+    before = int(client.get("NCY"))
+    assert client.set("POS 250 SPE 255 GTO 1") == "ack"
+    eventually(lambda: client.get("POS") == "250")
+    eventually(lambda: int(client.get("NCY")) == before + 1)
+
+
+def test_a_fault_code_is_shown_and_cleared(client, simulator):
+    activate(client)
+    simulator.tell("faultcode 9 12")
+    eventually(lambda: client.get("FLT") == "12")
+    assert client.set("ACT 0") == "ack"
+    eventually(lambda: client.get("FLT") == "00")
+
+
+def test_vacuum_builds_up_and_its_pump_is_counted(client):
+    assert client.set("SID 2") == "ack"
+    activate(client)
+    starts = int(client.get("NPA"))
+    assert client.set("POS 100 SPE 5 GTO 1") == "ack"
+    eventually(lambda: client.get("VST") == "1")
+    eventually(lambda: client.get("VST") == "2")
+    eventually(lambda: int(client.get("NPA")) == starts + 1)
+    assert client.set("GTO 0 ACT 0") == "ack"
+
+
+def test_a_fresh_gripper_is_read_and_not_moved_by_a_scan(client, simulator):
+    activate(client)
+    assert client.set("POS 90 SPE 255 GTO 1") == "ack"
+    eventually(lambda: client.get("OBJ") == "3")
+    mark = simulator.mark()
+    assert client.set("SCN_BLOCK") == "ack"
+    simulator.wait_until_polled(9, 2)
+    assert [client.get(n) for n in ("POS", "STA", "OBJ")] == ["90", "3", "3"]
+    for request in simulator.since(mark, lambda r: r.slave == 9 and r.is_write(1000)):
+        assert request.values[0] == 0x0900 and request.values[1] == 90
+
+
+KINDS = ["silent", "badCrc", "truncated", "exception", "wrongId", "wrongFunction", "noise", "echo"]
+
+
+@pytest.mark.parametrize("kind", KINDS + ["deaf"])
+def test_one_fault_is_one_failure(client, simulator, daemon, kind):
+    simulator.wait_until_polled(9)
+    mark = daemon.mark()
+    simulator.tell(f"fault 9 {kind} 1 on 2000")
+    daemon.wait_for_line("fail counter", mark)
+    simulator.wait_until_polled(9, 2)
+    failures = [m for m in daemon.messages(mark) if "fail counter" in m]
+    assert failures == ["gripper->updateInput() fail counter:  1"]
+    assert client.get("DRI") == "RUNNING"
+
+
+@pytest.mark.parametrize("command", ["fault 9 trailing 20", "fault 9 late 10 25"])
+def test_a_fault_that_spoils_nothing_is_no_failure(client, simulator, daemon, command):
+    mark = daemon.mark()
+    simulator.tell(command)
+    simulator.wait_until_polled(9, 5)
+    assert [m for m in daemon.messages(mark) if "fail counter" in m] == []
+
+
+def test_a_line_that_loses_one_answer_in_five_is_lived_with(client, simulator, daemon):
+    mark = daemon.mark()
+    simulator.tell("fault 9 silent 20% on 604")
+    simulator.wait_until_polled(9, 20)
+    simulator.tell("clear")
+    assert client.get("DRI") == "RUNNING"
+    assert any("fail counter" in m for m in daemon.messages(mark))
+
+
+def test_unplugged_and_plugged_again(client, simulator, daemon):
+    simulator.tell("unplug")
+    eventually(lambda: client.get("DRI") == "ERR_SCANNING (EIO)")
+    eventually(lambda: client.get("SID") == "[]")
+    mark = daemon.mark()
+    simulator.tell("plug")
+    daemon.wait_until_found(9, 2, since=mark)
+    eventually(lambda: client.get("DRI") == "RUNNING")
+
+
+def test_a_gripper_taken_off_the_line_is_dropped_and_found_again(client, simulator, daemon):
+    mark = daemon.mark()
+    simulator.tell("remove 2")
+    daemon.wait_until_found(9, since=mark)
+    assert client.get("SID") == "[9]"
+    simulator.tell("add 2=TE1-2.0.2")
+    assert client.set("SCN_BLOCK") == "ack"
+    assert client.get("SID") == "[2, 9]"
