@@ -31,11 +31,16 @@ function(gripperd_add_library name)
     PRIVATE gripperd_house)
 endfunction()
 
-# gripperd_add_unit_test(CLASS [DEPENDS targets...]): tst_CLASS.cpp as one test program.
+# gripperd_add_unit_test(CLASS [ISOLATED] [SOURCES ...] [DEPENDS targets...]): tst_CLASS.cpp as one
+# test program; ISOLATED in namespaces of its own, for what listens on a port.
 function(gripperd_add_unit_test class)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "DEPENDS;SOURCES")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "ISOLATED" "" "DEPENDS;SOURCES")
   add_executable(tst_${class} tst_${class}.cpp ${arg_SOURCES})
   target_link_libraries(tst_${class} PRIVATE gripperd_house Qt5::Test ${arg_DEPENDS})
-  add_test(NAME unit.${class} COMMAND tst_${class})
+  set(wrapper)
+  if(arg_ISOLATED)
+    set(wrapper ${PROJECT_SOURCE_DIR}/scripts/isolated --net)
+  endif()
+  add_test(NAME unit.${class} COMMAND ${wrapper} $<TARGET_FILE:tst_${class}>)
   set_tests_properties(unit.${class} PROPERTIES TIMEOUT 120)
 endfunction()

@@ -1,0 +1,75 @@
+#include "simulatedline.h"
+
+#include <sys/resource.h>
+
+namespace {
+
+constexpr char readHoldingRegisters = 0x03;
+
+quint8 byteAt(const QByteArray &bytes, int offset)
+{
+    return static_cast<quint8>(bytes[offset]);
+}
+
+QString textOf(const sim::FrameRecord &frame)
+{
+    if (frame.direction == sim::FrameRecord::Direction::Answer)
+        return QStringLiteral("answer");
+    return QStringLiteral("%1 %2 %3")
+        .arg(byteAt(frame.bytes, 0))
+        .arg(frame.bytes[1] == readHoldingRegisters ? QLatin1String("read")
+                                                    : QLatin1String("write"))
+        .arg(byteAt(frame.bytes, 2) << 8 | byteAt(frame.bytes, 3));
+}
+
+sim::Fault faultAt(quint16 startAddress, sim::FaultKind kind)
+{
+    sim::Fault fault;
+    fault.kind = kind;
+    fault.scope = sim::Fault::Scope::StartAddress;
+    fault.address = startAddress;
+    return fault;
+}
+
+} // namespace
+
+SimulatedLine::SimulatedLine(std::initializer_list<Gripper> grippers)
+{
+    // Answers are timed: where this process may, it goes in front of the tests beside it.
+    ::setpriority(PRIO_PROCESS, 0, -10);
+    for (const Gripper &gripper : grippers) {
+        if (m_bus.addGripper(gripper.slaveId, QString::fromLatin1(gripper.version)) == nullptr)
+            qFatal("no gripper %u of version %s", gripper.slaveId, gripper.version);
+    }
+    if (!m_bus.plug())
+        qFatal("%s", qPrintable(m_bus.errorString()));
+}
+
+void SimulatedLine::silence(quint8 slaveId, quint16 startAddress, int times)
+{
+    sim::Fault fault = faultAt(startAddress, sim::FaultKind::Silent);
+    fault.remaining = times;
+    m_bus.setFault(slaveId, fault);
+}
+
+void SimulatedLine::delay(quint8 slaveId, quint16 startAddress, int delayMs)
+{
+    sim::Fault fault = faultAt(startAddress, sim::FaultKind::Late);
+    fault.value = delayMs;
+    m_bus.setFault(slaveId, fault);
+}
+
+QStringList SimulatedLine::requests() const
+{
+    QStringList requests = traffic();
+    requests.removeAll(QStringLiteral("answer"));
+    return requests;
+}
+
+QStringList SimulatedLine::traffic() const
+{
+    QStringList traffic;
+    for (const sim::FrameRecord &frame : m_bus.frames())
+        traffic.append(textOf(frame));
+    return traffic;
+}

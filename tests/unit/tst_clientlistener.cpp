@@ -1,0 +1,309 @@
+#include "clientlistener.h"
+
+#include "clientend.h"
+#include "clientsocket.h"
+#include "logcapture.h"
+
+#include <QAbstractEventDispatcher>
+#include <QHostAddress>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <algorithm>
+#include <fcntl.h>
+#include <fstream>
+#include <memory>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <optional>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr quint16 anyFreePort = 0;
+// Both ends of a client are in this process.
+constexpr int room = 100;
+constexpr int crowd = 45;
+
+// Lets the process open `count` more descriptors and no more, until it goes out of scope.
+class DescriptorLimit
+{
+public:
+    explicit DescriptorLimit(int count)
+    {
+        ::getrlimit(RLIMIT_NOFILE, &m_before);
+        // The lowest free number is handed out next; those above it may be in use as well.
+        std::vector<int> descriptors(static_cast<std::size_t>(count));
+        for (int &descriptor : descriptors)
+            descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        rlimit lowered = m_before;
+        lowered.rlim_cur = static_cast<rlim_t>(descriptors.back()) + 1;
+        for (const int descriptor : descriptors)
+            ::close(descriptor);
+        m_isSet = ::setrlimit(RLIMIT_NOFILE, &lowered) == 0;
+    }
+
+    ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
+
+    DescriptorLimit(const DescriptorLimit &) = delete;
+    DescriptorLimit &operator=(const DescriptorLimit &) = delete;
+
+    bool isSet() const { return m_isSet; }
+
+private:
+    rlimit m_before{};
+    bool m_isSet = false;
+};
+
+// How many more the process can open, counted up to `atMost`.
+int freeDescriptors(int atMost)
+{
+    std::vector<int> opened(static_cast<std::size_t>(atMost));
+    for (int &descriptor : opened)
+        descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const auto missing = std::count(opened.begin(), opened.end(), -1);
+    for (const int descriptor : opened)
+        ::close(descriptor);
+    return atMost - static_cast<int>(missing);
+}
+
+} // namespace
+
+class tst_ClientListener : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void cleanupTestCase();
+
+    void portThatIsTakenIsNotListenedOn();
+    void listensOnAllAddressesOfBothFamilies();
+    void queueIsLongEnoughForACrowd();
+    void connectionsComeAsClientSockets();
+    void everyConnectionIsAnnounced();
+    void acceptsAgainWhenTheFirstConnectionFoundNoDescriptor();
+    void acceptsAgainAfterOthersTookAllDescriptors();
+    void clientsLeaveDescriptorsForTheLine();
+    void restsWhileClientsWaitForADescriptor();
+    void waitingClientsAreAcceptedAsOthersLeave();
+    void listenerTakesItsClientsAlong();
+
+private:
+    ClientSocket *nextClient();
+    void addClient();
+    void serveClients();
+    void crowdIn();
+
+    std::unique_ptr<LogCapture> m_log;
+    std::vector<std::unique_ptr<ClientEnd>> m_clients;
+    std::optional<DescriptorLimit> m_limit;
+    int m_served = 0;
+    std::unique_ptr<ClientListener> m_listener;
+};
+
+void tst_ClientListener::initTestCase()
+{
+    m_log = std::make_unique<LogCapture>();
+}
+
+void tst_ClientListener::init()
+{
+    m_log->clear();
+    m_served = 0;
+    m_listener = std::make_unique<ClientListener>(nullptr);
+    QVERIFY(m_listener->listenOn(anyFreePort));
+}
+
+void tst_ClientListener::cleanup()
+{
+    m_limit.reset();
+    m_clients.clear();
+    m_listener.reset();
+    QCOMPARE(m_log->warnings(), QStringList());
+}
+
+void tst_ClientListener::cleanupTestCase()
+{
+    m_log.reset();
+}
+
+ClientSocket *tst_ClientListener::nextClient()
+{
+    return dynamic_cast<ClientSocket *>(m_listener->nextPendingConnection());
+}
+
+void tst_ClientListener::portThatIsTakenIsNotListenedOn()
+{
+    ClientListener second(nullptr);
+    QVERIFY(!second.listenOn(m_listener->serverPort()));
+    QVERIFY(!second.isListening());
+}
+
+void tst_ClientListener::listensOnAllAddressesOfBothFamilies()
+{
+    QCOMPARE(m_listener->serverAddress(), QHostAddress(QHostAddress::Any));
+    QTcpSocket client;
+    for (const auto address : {QHostAddress::LocalHost, QHostAddress::LocalHostIPv6}) {
+        client.connectToHost(QHostAddress(address), m_listener->serverPort());
+        QTRY_COMPARE(client.state(), QAbstractSocket::ConnectedState);
+        client.abort();
+    }
+}
+
+void tst_ClientListener::queueIsLongEnoughForACrowd()
+{
+    int systemsLimit = 0;
+    std::ifstream("/proc/sys/net/core/somaxconn") >> systemsLimit;
+    QVERIFY(systemsLimit > 0);
+    // Of a socket that listens this field is the length of its queue.
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    const auto descriptor = static_cast<int>(m_listener->socketDescriptor());
+    QCOMPARE(::getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &length), 0);
+    QCOMPARE(static_cast<int>(info.tcpi_sacked), std::min(4096, systemsLimit));
+}
+
+void tst_ClientListener::connectionsComeAsClientSockets()
+{
+    ClientEnd client(ClientEnd::connectTo(m_listener->serverPort()));
+    QTRY_VERIFY(m_listener->hasPendingConnections());
+    ClientSocket *socket = nextClient();
+    QVERIFY(socket);
+    QCOMPARE(socket->state(), QAbstractSocket::ConnectedState);
+    QVERIFY(socket->isOpen());
+    socket->write("ack");
+    socket->sendReplies();
+    QTRY_COMPARE(client.received(), QByteArray("ack"));
+}
+
+void tst_ClientListener::everyConnectionIsAnnounced()
+{
+    QSignalSpy announced(m_listener.get(), &QTcpServer::newConnection);
+    int taken = 0;
+    connect(m_listener.get(), &QTcpServer::newConnection, this,
+            [&] { taken += nextClient() != nullptr ? 1 : 0; });
+    for (int i = 0; i < 100; ++i)
+        addClient();
+    QTRY_COMPARE(announced.size(), 100);
+    QCOMPARE(taken, 100);
+    QVERIFY(!m_listener->hasPendingConnections());
+}
+
+void tst_ClientListener::acceptsAgainWhenTheFirstConnectionFoundNoDescriptor()
+{
+    QSignalSpy failed(m_listener.get(), &QTcpServer::acceptError);
+    QSignalSpy announced(m_listener.get(), &QTcpServer::newConnection);
+    // Room for the client's own end only.
+    std::optional<DescriptorLimit> limit(1);
+    QVERIFY(limit->isSet());
+    ClientEnd client(ClientEnd::connectTo(m_listener->serverPort()));
+    QTRY_VERIFY(!failed.isEmpty());
+    QCOMPARE(announced.size(), 0);
+
+    limit.reset();
+
+    QTRY_COMPARE(announced.size(), 1);
+    QVERIFY(nextClient());
+}
+
+void tst_ClientListener::acceptsAgainAfterOthersTookAllDescriptors()
+{
+    QSignalSpy announced(m_listener.get(), &QTcpServer::newConnection);
+    serveClients();
+    addClient();
+    QTRY_COMPARE(announced.size(), 1);
+    // Room for the two clients' own ends, and for one of ours.
+    m_limit.emplace(3);
+    QVERIFY(m_limit->isSet());
+    addClient();
+    addClient();
+    QTRY_COMPARE(announced.size(), 2);
+    QCOMPARE(freeDescriptors(1), 0);
+
+    m_clients.front().reset();
+
+    QTRY_COMPARE(announced.size(), 3);
+}
+
+void tst_ClientListener::clientsLeaveDescriptorsForTheLine()
+{
+    crowdIn();
+    // A serial port with its lock file, a child process with its pipes.
+    QCOMPARE(freeDescriptors(8), 8);
+}
+
+void tst_ClientListener::restsWhileClientsWaitForADescriptor()
+{
+    crowdIn();
+    int wakeUps = 0;
+    connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake,
+            m_listener.get(), [&] { ++wakeUps; });
+    QTest::qWait(600);
+
+    // The wait itself wakes up every few milliseconds.
+    QVERIFY2(wakeUps < 600, qPrintable(QString::number(wakeUps)));
+}
+
+void tst_ClientListener::waitingClientsAreAcceptedAsOthersLeave()
+{
+    crowdIn();
+    const int served = m_served;
+    m_clients[0].reset();
+    QTRY_VERIFY(m_served > served);
+    for (std::size_t i = 1; i < m_clients.size() / 2; ++i)
+        m_clients[i].reset();
+    QTRY_COMPARE(m_served, crowd);
+}
+
+// More clients than the process has room for, all of them connected as far as they can tell.
+void tst_ClientListener::crowdIn()
+{
+    m_limit.emplace(room);
+    QVERIFY(m_limit->isSet());
+    m_listener = std::make_unique<ClientListener>(nullptr);
+    QVERIFY(m_listener->listenOn(anyFreePort));
+    serveClients();
+    for (int i = 0; i < crowd; ++i) {
+        addClient();
+        QTest::qWait(1);
+    }
+    QVERIFY(m_served > crowd / 2);
+    QVERIFY(m_served < crowd);
+}
+
+// Reads what comes, and lets go of who leaves.
+void tst_ClientListener::serveClients()
+{
+    connect(m_listener.get(), &QTcpServer::newConnection, this, [this] {
+        ClientSocket *socket = nextClient();
+        ++m_served;
+        connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->read(1); });
+        connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+    });
+}
+
+void tst_ClientListener::addClient()
+{
+    m_clients.push_back(
+        std::make_unique<ClientEnd>(ClientEnd::connectTo(m_listener->serverPort())));
+}
+
+void tst_ClientListener::listenerTakesItsClientsAlong()
+{
+    ClientEnd client(ClientEnd::connectTo(m_listener->serverPort()));
+    QTRY_VERIFY(m_listener->hasPendingConnections());
+    const QPointer<ClientSocket> socket(nextClient());
+    QVERIFY(socket);
+    m_listener.reset();
+    QVERIFY(socket.isNull());
+    QTRY_VERIFY(client.hasEnded());
+}
+
+QTEST_GUILESS_MAIN(tst_ClientListener)
+#include "tst_clientlistener.moc"

@@ -1,0 +1,984 @@
+#include "gripperlist.h"
+
+#include "logcapture.h"
+#include "simulatedline.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+#include <memory>
+#include <optional>
+
+namespace {
+
+// Far from the time-out of the accesses in here, whatever else the machine has to do.
+constexpr int patientTimeoutMs = 100;
+
+QStringList listOf(const char *texts)
+{
+    return QString::fromLatin1(texts).split(QStringLiteral(", "));
+}
+
+const QStringList inputReads9 = listOf("9 read 2000, 9 read 600, 9 read 602, 9 read 604");
+const QStringList inputReads2 = listOf("2 read 2000, 2 read 600, 2 read 602, 2 read 604");
+const QString write9 = QStringLiteral("9 write 1000");
+const QByteArray running("RUNNING");
+
+// Runs inside the next wait for the line, once.
+template <class Action>
+void duringTheNextWait(Action action)
+{
+    QTimer::singleShot(0, action);
+}
+
+} // namespace
+
+/// The state loop. Ticks are called by hand, on a link to a line with grippers at 2 and 9, unless a
+/// test is about the timer.
+class tst_GripperList : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void cleanupTestCase();
+
+    void freshListIsScanningAndHasNothing();
+    void linkStatusHasItsText_data();
+    void linkStatusHasItsText();
+    void unknownSlaveIdIsNullAndEntersNothing();
+    void slaveIdsComeInAscendingOrder();
+    void modbusNameIsThatOfThePortInUse();
+    void operationsToComeReportFailure();
+
+    void discoverSendsNothingWhileItsPauseRuns();
+    void discoverThatFindsGrippersGoesToSelectNext();
+    void discoverThatFindsNothingPausesAndLeavesTheStatus_data();
+    void discoverThatFindsNothingPausesAndLeavesTheStatus();
+    void failedDiscoveryIsRepeatedNoSoonerThanASecondLater();
+    void selectNextWithARequestedScanGoesToDiscover();
+    void selectNextWithoutGrippersGoesToDiscover();
+    void selectNextAdvancesAndReadsInTheSameTick();
+    void selectNextWithoutAPositionTakesTheFirst();
+    void oneGripperIsItsOwnSuccessor();
+
+    void accessWithoutACurrentGripperGoesToDiscover_data();
+    void accessWithoutACurrentGripperGoesToDiscover();
+    void accessThatSucceedsGoesOn_data();
+    void accessThatSucceedsGoesOn();
+    void accessThatFailsFourTimesStillSucceeds_data();
+    void accessThatFailsFourTimesStillSucceeds();
+    void sixthCallSucceedingStillCountsAsFailure_data();
+    void sixthCallSucceedingStillCountsAsFailure();
+    void accessThatKeepsFailingClosesTheLinkAfterSixCalls_data();
+    void accessThatKeepsFailingClosesTheLinkAfterSixCalls();
+    void accessOnALostLinkReportsAScanningError_data();
+    void accessOnALostLinkReportsAScanningError();
+    void failingCounterFailsTheRead();
+
+    void grippersAreVisitedInAscendingOrder();
+    void unchangedOutputIsNeverWrittenAndTheNextReadFollowsAtOnce();
+    void changedOutputIsWrittenOnTheNextTick();
+    void outputChangedDuringTheReadIsWrittenOnTheNextTick();
+
+    void mutedTickDoesNothing_data();
+    void mutedTickDoesNothing();
+    void busyTickDoesNothing();
+    void unmutedLoopGoesOnWhereItStood();
+
+    void newIntervalAppliesFromTheNextPeriod();
+    void intervalSetAgainAndAgainNeverStarvesTheTicks_data();
+    void intervalSetAgainAndAgainNeverStarvesTheTicks();
+    void tickIsNotEnteredWhileItWaits();
+    void intervalChangedInsideATickLetsNoTickInside();
+
+    void requestedScanWaitsForTheOutputStepAndKeepsTheLink();
+    void blockingScanIgnoresThePause();
+    void blockingScanReportsScanningMeanwhile();
+    void blockingScanKeepsTicksOut();
+    void blockingScanInsideAnotherGivesTheBusyFlagBackAsFound();
+    void everyObjectMayBeReplacedWhileAStepWaits();
+    void gripperMayBeRemovedWhileAStepWaits();
+    void loopGoesOnFromTheFirstGripperWhenItsEntryIsRemoved();
+
+    void familyIsToldByTheSecondCharacterAlone_data();
+    void familyIsToldByTheSecondCharacterAlone();
+
+private:
+    using LoopStep = GripperList::LoopStep;
+    using LinkStatus = GripperList::LinkStatus;
+
+    void stand(LoopStep step, std::optional<quint8> position);
+    void tick() { m_list->onTimerStateLoopTimeout(); }
+    bool isPausing() const { return m_list->m_scanBackOffTimer->isActive(); }
+    void addAccessRows();
+    void standBeforeAccess();
+    QString accessRequest() const;
+    QStringList failureLines(int count) const;
+
+    ModbusConstraintsFactory m_factory;
+    std::unique_ptr<LogCapture> m_log;
+    std::unique_ptr<SimulatedLine> m_line;
+    std::unique_ptr<SimulatedLine> m_emptyLine;
+    std::unique_ptr<GripperList> m_list;
+    QMap<quint8, GripperList::Gripper> m_found;
+};
+
+void tst_GripperList::initTestCase()
+{
+    m_log = std::make_unique<LogCapture>();
+    m_line = std::make_unique<SimulatedLine>(
+        std::initializer_list<SimulatedLine::Gripper>{{2, "TE1-2.0.2"}, {9, "TA3-1.6.14"}});
+    m_emptyLine = std::make_unique<SimulatedLine>(std::initializer_list<SimulatedLine::Gripper>{});
+    m_list = std::make_unique<GripperList>(m_factory, nullptr);
+    // Nobody ticks before the event loop runs; from here on it is the tests that tick.
+    m_list->m_stateLoopTimer->stop();
+    m_list->scan(m_line->path());
+    m_found = m_list->m_grippers;
+    QCOMPARE(m_found.keys(), (QList<quint8>{2, 9}));
+    for (const auto &gripper : qAsConst(m_found))
+        QVERIFY(gripper->updateOutput());
+}
+
+void tst_GripperList::init()
+{
+    for (const quint8 slaveId : {quint8{2}, quint8{9}})
+        m_line->bus().clearFaults(slaveId);
+    m_list->m_stateLoopTimer->stop();
+    m_list->m_scanBackOffTimer->stop();
+    m_list->m_modbus.disconnectFromDevice();
+    m_list->openLink(m_line->path());
+    m_list->m_modbus.setConstraints(ModbusConstraints(patientTimeoutMs, 10, 2));
+    m_list->m_grippers = m_found;
+    m_list->m_linkStatus = LinkStatus::Running;
+    m_list->m_scanRequested = false;
+    m_list->m_muted = false;
+    m_list->m_busy = false;
+    stand(LoopStep::SelectNext, 2);
+    m_line->clearTraffic();
+    m_log->clear();
+}
+
+void tst_GripperList::cleanup()
+{
+    QCOMPARE(m_log->warnings(), QStringList());
+}
+
+void tst_GripperList::cleanupTestCase()
+{
+    m_found.clear();
+    m_list.reset();
+    m_log.reset();
+}
+
+void tst_GripperList::stand(LoopStep step, std::optional<quint8> position)
+{
+    m_list->m_loopStep = step;
+    m_list->m_currentSlaveId = position;
+}
+
+void tst_GripperList::freshListIsScanningAndHasNothing()
+{
+    const GripperList list(m_factory, nullptr);
+
+    QCOMPARE(list.getPrintableState(), QByteArray("SCANNING"));
+    QCOMPARE(list.getDiscoveredSlaveIds(), QVector<quint8>());
+    QCOMPARE(list.getModbusName(), QString());
+    QCOMPARE(list.getUpgradeStatus(), 0);
+    QCOMPARE(list.m_loopStep, LoopStep::Discover);
+    QVERIFY(!list.m_currentSlaveId);
+    QVERIFY(!list.m_muted);
+    QVERIFY(!list.m_busy);
+    QVERIFY(!list.m_scanRequested);
+    QVERIFY(list.m_stateLoopTimer->isActive());
+    QVERIFY(!list.m_stateLoopTimer->isSingleShot());
+    QCOMPARE(list.m_stateLoopTimer->interval(), 50);
+    QVERIFY(!list.m_scanBackOffTimer->isActive());
+    QVERIFY(list.m_scanBackOffTimer->isSingleShot());
+    QCOMPARE(list.m_stateLoopTimer->parent(), &list);
+    QCOMPARE(list.m_scanBackOffTimer->parent(), &list);
+}
+
+void tst_GripperList::linkStatusHasItsText_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QByteArray>("text");
+
+    QTest::newRow("scanning") << 0 << QByteArray("SCANNING");
+    QTest::newRow("running") << 1 << QByteArray("RUNNING");
+    QTest::newRow("error while scanning") << 2 << QByteArray("ERR_SCANNING (EIO)");
+    QTest::newRow("time-out") << 3 << QByteArray("ERR_TIMEOUT");
+    QTest::newRow("beyond") << 4 << QByteArray("UNKNOWN_STATE");
+    QTest::newRow("negative") << -1 << QByteArray("UNKNOWN_STATE");
+}
+
+void tst_GripperList::linkStatusHasItsText()
+{
+    QFETCH(int, status);
+    m_list->m_linkStatus = static_cast<LinkStatus>(status);
+    QTEST(m_list->getPrintableState(), "text");
+}
+
+void tst_GripperList::unknownSlaveIdIsNullAndEntersNothing()
+{
+    for (int slaveId = 0; slaveId <= 255; ++slaveId) {
+        const auto gripper = m_list->getGripperFromSlaveId(static_cast<quint8>(slaveId));
+        QCOMPARE(gripper.isNull(), slaveId != 2 && slaveId != 9);
+    }
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
+    QCOMPARE(m_list->getGripperFromSlaveId(9)->getSlaveId(), quint8{9});
+}
+
+void tst_GripperList::slaveIdsComeInAscendingOrder()
+{
+    m_list->m_grippers.insert(3, m_found[2]);
+    m_list->m_grippers.insert(1, m_found[2]);
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{1, 2, 3, 9}));
+}
+
+void tst_GripperList::modbusNameIsThatOfThePortInUse()
+{
+    QCOMPARE(m_list->getModbusName(), m_line->path().mid(QStringLiteral("/dev/").size()));
+}
+
+void tst_GripperList::operationsToComeReportFailure()
+{
+    QVERIFY(!m_list->updateGripperSlaveId(9, 4));
+    QVERIFY(!m_list->jumpToBootloader(m_found[9]));
+    QVERIFY(!m_list->upgradeFirmware(m_found[9]));
+    QCOMPARE(m_list->getUpgradeStatus(), 0);
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
+    QCOMPARE(m_line->requests(), QStringList());
+}
+
+void tst_GripperList::discoverSendsNothingWhileItsPauseRuns()
+{
+    stand(LoopStep::Discover, 2);
+    m_list->m_linkStatus = LinkStatus::Timeout;
+    m_list->m_scanBackOffTimer->start(60'000);
+
+    tick();
+
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QCOMPARE(m_list->m_linkStatus, LinkStatus::Timeout);
+    QCOMPARE(m_line->requests(), QStringList());
+}
+
+void tst_GripperList::discoverThatFindsGrippersGoesToSelectNext()
+{
+    m_list->m_grippers.clear();
+    stand(LoopStep::Discover, {});
+    m_list->m_linkStatus = LinkStatus::Scanning;
+
+    tick();
+
+    QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
+    QCOMPARE(m_list->m_linkStatus, LinkStatus::Running);
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
+    QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(2));
+    QVERIFY(!isPausing());
+}
+
+void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QByteArray>("text");
+
+    QTest::newRow("scanning") << 0 << QByteArray("SCANNING");
+    QTest::newRow("error while scanning") << 2 << QByteArray("ERR_SCANNING (EIO)");
+    QTest::newRow("time-out") << 3 << QByteArray("ERR_TIMEOUT");
+}
+
+void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus()
+{
+    QFETCH(int, status);
+    m_list->m_modbus.disconnectFromDevice();
+    m_list->openLink(m_emptyLine->path());
+    stand(LoopStep::Discover, 9);
+    m_list->m_linkStatus = static_cast<LinkStatus>(status);
+
+    tick();
+
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QTEST(m_list->getPrintableState(), "text");
+    QVERIFY(isPausing());
+    QVERIFY(m_list->m_scanBackOffTimer->isSingleShot());
+    QCOMPARE(m_list->m_scanBackOffTimer->interval(), 1000);
+    QVERIFY(m_list->m_grippers.isEmpty());
+    QVERIFY(!m_list->m_modbus.isConnected());
+}
+
+// A timer that may be early fires early only in some phases of the clock's second: one of these is
+// the end of a first discovery, so the second one is started in time for it.
+void tst_GripperList::failedDiscoveryIsRepeatedNoSoonerThanASecondLater()
+{
+    const auto millisecondOfTheSecond = [] {
+        QElapsedTimer clock;
+        clock.start();
+        return clock.msecsSinceReference() % 1000;
+    };
+    const auto discoverNothing = [this] {
+        m_list->m_scanBackOffTimer->stop();
+        m_list->m_modbus.disconnectFromDevice();
+        m_list->openLink(m_emptyLine->path());
+        stand(LoopStep::Discover, {});
+        QElapsedTimer clock;
+        clock.start();
+        tick();
+        return clock.elapsed();
+    };
+    const qint64 phase = (1000 + 30 - discoverNothing() % 1000) % 1000;
+    QTRY_VERIFY(qAbs(millisecondOfTheSecond() - phase) <= 10);
+    discoverNothing();
+
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(isPausing());
+    m_list->openLink(m_emptyLine->path());
+    m_emptyLine->clearTraffic();
+    qint64 pausedMs = 0;
+    qint64 firstRequestMs = 0;
+    connect(m_list->m_scanBackOffTimer, &QTimer::timeout, &m_emptyLine->bus(),
+            [&] { pausedMs = clock.elapsed(); });
+    connect(&m_emptyLine->bus(), &sim::BusSimulator::frameSeen, m_list->m_scanBackOffTimer, [&] {
+        if (firstRequestMs == 0)
+            firstRequestMs = clock.elapsed();
+    });
+    m_list->m_tickIntervalMs = 5;
+    m_list->m_stateLoopTimer->start(5);
+    QTRY_VERIFY(firstRequestMs != 0);
+    m_list->m_stateLoopTimer->stop();
+    m_list->m_scanBackOffTimer->disconnect(&m_emptyLine->bus());
+    m_emptyLine->bus().disconnect(m_list->m_scanBackOffTimer);
+    QTRY_VERIFY(!m_list->m_tickRunning);
+
+    QVERIFY2(firstRequestMs < 1500, qPrintable(QString::number(firstRequestMs)));
+    QVERIFY(firstRequestMs > pausedMs);
+    // The clock was started after the pause, and counts whole milliseconds only.
+    QVERIFY2(pausedMs >= 998, qPrintable(QString::number(pausedMs)));
+}
+
+void tst_GripperList::selectNextWithARequestedScanGoesToDiscover()
+{
+    stand(LoopStep::SelectNext, 2);
+    m_list->requestScan();
+    QVERIFY(m_list->m_scanRequested);
+
+    tick();
+
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QCOMPARE(m_list->m_linkStatus, LinkStatus::Scanning);
+    QVERIFY(!m_list->m_scanRequested);
+    QVERIFY(m_list->m_modbus.isConnected());
+    QCOMPARE(m_line->requests(), QStringList());
+}
+
+void tst_GripperList::selectNextWithoutGrippersGoesToDiscover()
+{
+    m_list->m_grippers.clear();
+    stand(LoopStep::SelectNext, {});
+
+    tick();
+
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QCOMPARE(m_list->m_linkStatus, LinkStatus::Scanning);
+    QVERIFY(m_list->m_modbus.isConnected());
+    QCOMPARE(m_line->requests(), QStringList());
+}
+
+void tst_GripperList::selectNextAdvancesAndReadsInTheSameTick()
+{
+    stand(LoopStep::SelectNext, 2);
+    m_list->m_linkStatus = LinkStatus::Scanning;
+
+    tick();
+
+    QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(9));
+    QCOMPARE(m_line->requests(), inputReads9);
+    QCOMPARE(m_list->m_loopStep, LoopStep::WriteOutput);
+    QCOMPARE(m_list->m_linkStatus, LinkStatus::Running);
+}
+
+void tst_GripperList::selectNextWithoutAPositionTakesTheFirst()
+{
+    stand(LoopStep::SelectNext, {});
+
+    tick();
+
+    QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(2));
+    QCOMPARE(m_line->requests(), inputReads2);
+}
+
+void tst_GripperList::oneGripperIsItsOwnSuccessor()
+{
+    m_list->m_grippers.remove(2);
+    stand(LoopStep::SelectNext, 9);
+
+    tick();
+    tick();
+
+    QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(9));
+    QCOMPARE(m_line->requests(), inputReads9 + inputReads9);
+}
+
+void tst_GripperList::addAccessRows()
+{
+    QTest::addColumn<int>("step");
+    QTest::addColumn<int>("stepAfter");
+    QTest::addColumn<int>("address");
+    QTest::addColumn<QString>("request");
+    QTest::addColumn<QString>("text");
+
+    QTest::newRow("read") << 2 << 3 << 2000 << "9 read 2000"
+                          << "gripper->updateInput() fail counter: ";
+    QTest::newRow("write") << 3 << 1 << 1000 << "9 write 1000"
+                           << "gripper->updateOutput() fail counter: ";
+}
+
+// At the gripper 9, with an output to write.
+void tst_GripperList::standBeforeAccess()
+{
+    QFETCH(int, step);
+    const auto gripper = m_found[9];
+    gripper->setSpeedRequest(static_cast<quint8>(gripper->getSpeedRequest() + 1));
+    stand(static_cast<LoopStep>(step), 9);
+    m_list->m_linkStatus = LinkStatus::Scanning;
+}
+
+QStringList tst_GripperList::failureLines(int count) const
+{
+    QFETCH(QString, text);
+    QStringList lines;
+    for (int number = 1; number <= count; ++number)
+        lines.append(text + QLatin1Char(' ') + QString::number(number));
+    return lines;
+}
+
+QString tst_GripperList::accessRequest() const
+{
+    QFETCH(QString, request);
+    return request;
+}
+
+void tst_GripperList::accessWithoutACurrentGripperGoesToDiscover_data()
+{
+    addAccessRows();
+}
+
+void tst_GripperList::accessWithoutACurrentGripperGoesToDiscover()
+{
+    standBeforeAccess();
+    m_list->m_currentSlaveId.reset();
+
+    tick();
+
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QCOMPARE(m_list->m_linkStatus, LinkStatus::ErrorScanning);
+    QVERIFY(m_list->m_modbus.isConnected());
+    QCOMPARE(m_line->requests(), QStringList());
+}
+
+void tst_GripperList::accessThatSucceedsGoesOn_data()
+{
+    addAccessRows();
+}
+
+void tst_GripperList::accessThatSucceedsGoesOn()
+{
+    standBeforeAccess();
+
+    tick();
+
+    QTEST(static_cast<int>(m_list->m_loopStep), "stepAfter");
+    QCOMPARE(m_list->m_linkStatus, LinkStatus::Running);
+    QCOMPARE(m_line->requests().count(accessRequest()), 1);
+    QCOMPARE(m_log->infos(), QStringList());
+}
+
+void tst_GripperList::accessThatFailsFourTimesStillSucceeds_data()
+{
+    addAccessRows();
+}
+
+void tst_GripperList::accessThatFailsFourTimesStillSucceeds()
+{
+    QFETCH(int, address);
+    standBeforeAccess();
+    m_line->silence(9, static_cast<quint16>(address), 4);
+
+    tick();
+
+    QTEST(static_cast<int>(m_list->m_loopStep), "stepAfter");
+    QCOMPARE(m_list->getPrintableState(), running);
+    QCOMPARE(m_line->requests().count(accessRequest()), 5);
+    QCOMPARE(m_log->infos(), failureLines(4));
+    QVERIFY(m_list->m_modbus.isConnected());
+}
+
+void tst_GripperList::sixthCallSucceedingStillCountsAsFailure_data()
+{
+    addAccessRows();
+}
+
+void tst_GripperList::sixthCallSucceedingStillCountsAsFailure()
+{
+    QFETCH(int, address);
+    standBeforeAccess();
+    m_line->silence(9, static_cast<quint16>(address), 5);
+
+    tick();
+
+    QCOMPARE(m_line->requests().count(accessRequest()), 6);
+    QCOMPARE(m_line->traffic().last(), QStringLiteral("answer"));
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QCOMPARE(m_list->getPrintableState(), QByteArray("ERR_TIMEOUT"));
+    QVERIFY(!m_list->m_modbus.isConnected());
+    QCOMPARE(m_log->infos(), failureLines(5));
+}
+
+void tst_GripperList::accessThatKeepsFailingClosesTheLinkAfterSixCalls_data()
+{
+    addAccessRows();
+}
+
+void tst_GripperList::accessThatKeepsFailingClosesTheLinkAfterSixCalls()
+{
+    QFETCH(int, address);
+    standBeforeAccess();
+    m_line->silence(9, static_cast<quint16>(address), sim::Fault::__unlimited);
+
+    tick();
+
+    QCOMPARE(m_line->requests().count(accessRequest()), 6);
+    QCOMPARE(m_line->requests().size(), 6);
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QCOMPARE(m_list->getPrintableState(), QByteArray("ERR_TIMEOUT"));
+    QVERIFY(!m_list->m_modbus.isConnected());
+    QCOMPARE(m_log->infos(), failureLines(5));
+    // Only a discovery takes a gripper out of the list.
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
+}
+
+void tst_GripperList::accessOnALostLinkReportsAScanningError_data()
+{
+    addAccessRows();
+}
+
+void tst_GripperList::accessOnALostLinkReportsAScanningError()
+{
+    standBeforeAccess();
+    m_list->m_modbus.disconnectFromDevice();
+
+    tick();
+
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QCOMPARE(m_list->getPrintableState(), QByteArray("ERR_SCANNING (EIO)"));
+    QCOMPARE(m_log->infos(), failureLines(5));
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
+}
+
+void tst_GripperList::failingCounterFailsTheRead()
+{
+    stand(LoopStep::ReadInput, 9);
+    m_line->silence(9, 604, 1);
+
+    tick();
+
+    QCOMPARE(m_line->requests(), inputReads9 + inputReads9);
+    QCOMPARE(m_log->infos(), listOf("gripper->updateInput() fail counter:  1"));
+    QCOMPARE(m_list->m_loopStep, LoopStep::WriteOutput);
+}
+
+void tst_GripperList::grippersAreVisitedInAscendingOrder()
+{
+    stand(LoopStep::SelectNext, 2);
+    for (const auto &gripper : qAsConst(m_found)) {
+        if (gripper->isNewOutput())
+            QVERIFY(gripper->updateOutput());
+    }
+    m_line->clearTraffic();
+
+    for (int i = 0; i < 4; ++i)
+        tick();
+
+    QCOMPARE(m_line->requests(), inputReads9 + inputReads2 + inputReads9 + inputReads2);
+}
+
+void tst_GripperList::unchangedOutputIsNeverWrittenAndTheNextReadFollowsAtOnce()
+{
+    QVERIFY(m_found[9]->updateOutput());
+    QVERIFY(!m_found[9]->isNewOutput());
+    stand(LoopStep::WriteOutput, 9);
+    m_line->clearTraffic();
+
+    tick();
+
+    QCOMPARE(m_line->requests(), inputReads2);
+    QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(2));
+    QCOMPARE(m_list->m_loopStep, LoopStep::WriteOutput);
+}
+
+void tst_GripperList::changedOutputIsWrittenOnTheNextTick()
+{
+    stand(LoopStep::SelectNext, 2);
+    m_found[9]->setPositionRequest(static_cast<quint8>(m_found[9]->getPositionRequest() ^ 1));
+
+    tick();
+    QCOMPARE(m_line->requests(), inputReads9);
+    tick();
+    QCOMPARE(m_line->requests(), inputReads9 + QStringList{write9});
+    QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
+    tick();
+    QCOMPARE(m_line->requests(), inputReads9 + QStringList{write9} + inputReads2);
+    QCOMPARE(*m_line->bus().registerValue(9, 1001), m_found[9]->getPositionRequest());
+}
+
+void tst_GripperList::outputChangedDuringTheReadIsWrittenOnTheNextTick()
+{
+    QVERIFY(m_found[9]->updateOutput());
+    stand(LoopStep::ReadInput, 9);
+    m_line->clearTraffic();
+    duringTheNextWait([this] {
+        m_found[9]->setForceRequest(static_cast<quint8>(m_found[9]->getForceRequest() ^ 1));
+    });
+
+    tick();
+    tick();
+
+    QCOMPARE(m_line->requests(), inputReads9 + QStringList{write9});
+}
+
+void tst_GripperList::mutedTickDoesNothing_data()
+{
+    QTest::addColumn<int>("step");
+
+    QTest::newRow("discover") << 0;
+    QTest::newRow("select next") << 1;
+    QTest::newRow("read input") << 2;
+    QTest::newRow("write output") << 3;
+}
+
+void tst_GripperList::mutedTickDoesNothing()
+{
+    QFETCH(int, step);
+    m_found[9]->setActivateRequest();
+    stand(static_cast<LoopStep>(step), 9);
+    m_list->setMuted(true);
+
+    tick();
+
+    QCOMPARE(static_cast<int>(m_list->m_loopStep), step);
+    QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(9));
+    QCOMPARE(m_list->m_linkStatus, LinkStatus::Running);
+    QCOMPARE(m_line->requests(), QStringList());
+    m_found[9]->clearActivateRequest();
+}
+
+void tst_GripperList::busyTickDoesNothing()
+{
+    m_list->m_busy = true;
+    for (const auto step : {LoopStep::Discover, LoopStep::SelectNext, LoopStep::ReadInput}) {
+        stand(step, 9);
+        tick();
+        QCOMPARE(m_list->m_loopStep, step);
+    }
+    QCOMPARE(m_line->requests(), QStringList());
+}
+
+void tst_GripperList::unmutedLoopGoesOnWhereItStood()
+{
+    stand(LoopStep::ReadInput, 9);
+    m_list->setMuted(true);
+    tick();
+    m_list->setMuted(false);
+    tick();
+    QCOMPARE(m_line->requests(), inputReads9);
+}
+
+void tst_GripperList::newIntervalAppliesFromTheNextPeriod()
+{
+    m_list->setMuted(true);
+    m_list->m_tickIntervalMs = 50;
+    m_list->m_stateLoopTimer->start(50);
+    const int timerId = m_list->m_stateLoopTimer->timerId();
+
+    m_list->setThrottled(false);
+    QCOMPARE(m_list->m_stateLoopTimer->timerId(), timerId);
+    QSignalSpy ticks(m_list->m_stateLoopTimer, &QTimer::timeout);
+    QVERIFY(ticks.wait());
+    QCOMPARE(m_list->m_stateLoopTimer->interval(), 5);
+
+    m_list->setThrottled(true);
+    QVERIFY(ticks.wait());
+    QCOMPARE(m_list->m_stateLoopTimer->interval(), 50);
+    QVERIFY(m_list->m_stateLoopTimer->isActive());
+}
+
+void tst_GripperList::intervalSetAgainAndAgainNeverStarvesTheTicks_data()
+{
+    QTest::addColumn<bool>("throttled");
+    QTest::addColumn<bool>("alternating");
+    QTest::addColumn<int>("atLeast");
+
+    QTest::newRow("throttled") << true << false << 8;
+    QTest::newRow("fast") << false << false << 25;
+    QTest::newRow("in turn") << true << true << 8;
+}
+
+void tst_GripperList::intervalSetAgainAndAgainNeverStarvesTheTicks()
+{
+    QFETCH(bool, throttled);
+    QFETCH(bool, alternating);
+    QFETCH(int, atLeast);
+    m_list->setMuted(true);
+    m_list->m_stateLoopTimer->start(50);
+    QSignalSpy ticks(m_list->m_stateLoopTimer, &QTimer::timeout);
+    QTimer client;
+    connect(&client, &QTimer::timeout, m_list.get(), [&] {
+        m_list->setThrottled(throttled);
+        if (alternating)
+            throttled = !throttled;
+    });
+    client.start(2);
+
+    QElapsedTimer clock;
+    clock.start();
+    QTRY_VERIFY_WITH_TIMEOUT(clock.elapsed() >= 600, 2000);
+
+    QVERIFY2(ticks.size() >= atLeast, qPrintable(QString::number(ticks.size())));
+}
+
+void tst_GripperList::tickIsNotEnteredWhileItWaits()
+{
+    stand(LoopStep::ReadInput, 9);
+    bool wasInside = false;
+    duringTheNextWait([&] {
+        wasInside = m_list->m_tickRunning;
+        tick();
+    });
+
+    tick();
+
+    QVERIFY(wasInside);
+    QCOMPARE(m_line->requests(), inputReads9);
+    QVERIFY(!m_list->m_tickRunning);
+    QCOMPARE(m_list->m_loopStep, LoopStep::WriteOutput);
+}
+
+// A timer whose interval is set gets a new id, and may then fire inside its own handler.
+void tst_GripperList::intervalChangedInsideATickLetsNoTickInside()
+{
+    m_line->delay(9, 2000, 40);
+    m_line->delay(2, 2000, 40);
+    m_list->m_tickIntervalMs = 5;
+    m_list->m_stateLoopTimer->start(5);
+    QTimer client;
+    bool throttled = false;
+    connect(&client, &QTimer::timeout, m_list.get(), [&] {
+        throttled = !throttled;
+        m_list->setThrottled(throttled);
+    });
+    client.start(7);
+
+    QTRY_VERIFY(m_line->requests().size() >= 40);
+    m_list->m_stateLoopTimer->stop();
+    QTRY_VERIFY(!m_list->m_tickRunning);
+
+    const QStringList traffic = m_line->traffic();
+    for (int i = 1; i < traffic.size(); ++i) {
+        const bool twoRequestsInARow =
+            traffic[i] != QLatin1String("answer") && traffic[i - 1] != QLatin1String("answer");
+        QVERIFY2(!twoRequestsInARow, qPrintable(traffic.join(QLatin1Char('\n'))));
+    }
+    QCOMPARE(m_log->infos(), QStringList());
+}
+
+void tst_GripperList::requestedScanWaitsForTheOutputStepAndKeepsTheLink()
+{
+    m_found[9]->setSpeedRequest(static_cast<quint8>(m_found[9]->getSpeedRequest() + 1));
+    stand(LoopStep::WriteOutput, 9);
+    const QString portName = m_list->getModbusName();
+    duringTheNextWait([this] { m_list->requestScan(); });
+
+    tick();
+    QCOMPARE(m_line->requests(), QStringList{write9});
+    QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
+    QCOMPARE(m_list->getPrintableState(), running);
+
+    tick();
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QCOMPARE(m_list->getPrintableState(), QByteArray("SCANNING"));
+    QVERIFY(m_list->m_modbus.isConnected());
+
+    tick();
+    QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
+    QCOMPARE(m_list->getPrintableState(), running);
+    QCOMPARE(m_list->getModbusName(), portName);
+    QVERIFY(m_line->requests().contains(QStringLiteral("9 read 500")));
+}
+
+void tst_GripperList::blockingScanIgnoresThePause()
+{
+    m_list->m_scanBackOffTimer->start(60'000);
+
+    m_list->requestScanBlock();
+
+    QVERIFY(m_line->requests().contains(QStringLiteral("9 read 500")));
+    QVERIFY(m_list->m_grippers[9] != m_found[9]);
+    QVERIFY(!m_list->m_busy);
+    QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
+}
+
+void tst_GripperList::blockingScanReportsScanningMeanwhile()
+{
+    QByteArray meanwhile;
+    auto stepMeanwhile = LoopStep::WriteOutput;
+    duringTheNextWait([&] {
+        meanwhile = m_list->getPrintableState();
+        stepMeanwhile = m_list->m_loopStep;
+    });
+
+    m_list->requestScanBlock();
+
+    QCOMPARE(meanwhile, QByteArray("SCANNING"));
+    QCOMPARE(stepMeanwhile, LoopStep::Discover);
+    QCOMPARE(m_list->getPrintableState(), running);
+}
+
+void tst_GripperList::blockingScanKeepsTicksOut()
+{
+    m_list->m_tickIntervalMs = 5;
+    m_list->m_stateLoopTimer->start(5);
+    QSignalSpy ticks(m_list->m_stateLoopTimer, &QTimer::timeout);
+
+    m_list->requestScanBlock();
+    m_list->m_stateLoopTimer->stop();
+
+    QVERIFY(ticks.size() > 50);
+    QCOMPARE(m_line->requests(), listOf("9 read 500, 9 read 514, 9 read 510") + inputReads9 +
+                                     listOf("2 read 500, 2 read 514, 2 read 510") + inputReads2 +
+                                     listOf("3 read 500, 4 read 500"));
+}
+
+void tst_GripperList::blockingScanInsideAnotherGivesTheBusyFlagBackAsFound()
+{
+    bool wasBusy = false;
+    bool stayedBusy = false;
+    duringTheNextWait([&] {
+        wasBusy = m_list->m_busy;
+        m_list->requestScanBlock();
+        stayedBusy = m_list->m_busy;
+    });
+
+    m_list->requestScanBlock();
+
+    QVERIFY(wasBusy);
+    QVERIFY(stayedBusy);
+    QVERIFY(!m_list->m_busy);
+    QCOMPARE(m_list->getPrintableState(), running);
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
+}
+
+void tst_GripperList::everyObjectMayBeReplacedWhileAStepWaits()
+{
+    stand(LoopStep::ReadInput, 9);
+    duringTheNextWait([this] { m_list->requestScanBlock(); });
+
+    tick();
+
+    QVERIFY(m_list->m_grippers[9] != m_found[9]);
+    QVERIFY(m_list->m_grippers[2] != m_found[2]);
+    QCOMPARE(m_list->getPrintableState(), running);
+    // The loop goes on with the new objects, which have an output to write.
+    m_line->clearTraffic();
+    for (int i = 0; i < 4; ++i)
+        tick();
+    QVERIFY(m_line->requests().contains(write9));
+    QVERIFY(!m_list->m_grippers[9]->isNewOutput());
+}
+
+void tst_GripperList::gripperMayBeRemovedWhileAStepWaits()
+{
+    SimulatedLine line{{4, "TB1-1.4.3"}};
+    m_list->m_modbus.disconnectFromDevice();
+    m_list->scan(line.path());
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{4}));
+    QWeakPointer<KvPelloGripper> gripper = m_list->m_grippers[4];
+    bool livedOn = false;
+    stand(LoopStep::ReadInput, 4);
+    duringTheNextWait([&] {
+        line.bus().removeGripper(4);
+        m_list->scan(line.path());
+        livedOn = !gripper.isNull();
+    });
+
+    tick();
+
+    QVERIFY(livedOn);
+    QVERIFY(gripper.isNull());
+    QVERIFY(m_list->m_grippers.isEmpty());
+    QVERIFY(!m_list->m_currentSlaveId);
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QCOMPARE(m_list->getPrintableState(), QByteArray("ERR_TIMEOUT"));
+    m_list->m_modbus.disconnectFromDevice();
+}
+
+void tst_GripperList::loopGoesOnFromTheFirstGripperWhenItsEntryIsRemoved()
+{
+    m_list->m_grippers.insert(4, m_found[2]);
+    stand(LoopStep::WriteOutput, 9);
+    m_list->removeGripper(9);
+    QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(2));
+
+    m_list->removeGripper(4);
+    QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(2));
+
+    m_list->removeGripper(2);
+    QVERIFY(!m_list->m_currentSlaveId);
+}
+
+void tst_GripperList::familyIsToldByTheSecondCharacterAlone_data()
+{
+    QTest::addColumn<QByteArray>("letters");
+    QTest::addColumn<QByteArray>("families");
+
+    QTest::newRow("TA") << QByteArray("TA3") << QByteArray("pello");
+    QTest::newRow("TB") << QByteArray("TB1") << QByteArray("varno");
+    QTest::newRow("TE") << QByteArray("TE1") << QByteArray("zentra");
+    QTest::newRow("TF") << QByteArray("TF2") << QByteArray("sorbix");
+    QTest::newRow("another first letter") << QByteArray("XA3") << QByteArray("pello");
+    QTest::newRow("lower case") << QByteArray("Ta3") << QByteArray();
+    QTest::newRow("first and third letter only") << QByteArray("ATA") << QByteArray();
+    QTest::newRow("no version") << QByteArray() << QByteArray();
+}
+
+void tst_GripperList::familyIsToldByTheSecondCharacterAlone()
+{
+    QFETCH(QByteArray, letters);
+    SimulatedLine line{};
+    if (!letters.isEmpty()) {
+        sim::GripperIdentity identity;
+        identity.letters = letters;
+        QVERIFY(line.bus().addGripper(3, identity));
+    }
+    KvModbusCustom link(line.path(), nullptr);
+    QVERIFY(link.connectToDevice());
+    const auto gripper = GripperList::Gripper::create(link, quint16{3});
+    QCOMPARE(gripper->getFirmwareVersion().left(3).toLatin1(), letters);
+
+    QByteArray families;
+    if (m_list->isPello(gripper))
+        families += "pello";
+    if (m_list->isVarno(gripper))
+        families += "varno";
+    if (m_list->isZentra(gripper))
+        families += "zentra";
+    if (m_list->isSorbix(gripper))
+        families += "sorbix";
+    QTEST(families, "families");
+}
+
+QTEST_GUILESS_MAIN(tst_GripperList)
+#include "tst_gripperlist.moc"

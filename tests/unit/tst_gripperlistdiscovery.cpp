@@ -1,0 +1,275 @@
+#include "gripperlist.h"
+
+#include "logcapture.h"
+#include "scriptedmaster.h"
+#include "simulatedline.h"
+
+#include <QElapsedTimer>
+#include <QTest>
+
+#include <memory>
+#include <optional>
+
+/// How grippers come into the list and leave it. Nobody ticks unless the test does.
+class tst_GripperList : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void cleanupTestCase();
+
+    void scanEntersWhatAnswers();
+    void scanLogsThePortAndTheSlaveIds();
+    void scanNeverFindsAGripperOutsideTheProbedIds();
+    void scanOfAPortThatCannotBeOpenedChangesNothing();
+    void scanLeavesTheLinkOpenWhateverItFound();
+    void scanRemovesTheManagedIdsThatDoNotAnswer();
+    void scanGivesTheLinkTheConstraintsOfThePort();
+    void linkIsOpenedAtTheGrippersBaudRate();
+    void lastOfSeveralGrippersWithOneIdCounts();
+
+    void pollingStartsWithTheSecondGripper();
+    void rescanThatFindsNothingEmptiesTheListAndClosesTheLink();
+    void rescanReplacesEveryGripperWithANewObject();
+    void rescanTakesUpNewGrippersAndDropsThoseThatLeft();
+    void clientsAreServedDuringAScan();
+
+private:
+    using LoopStep = GripperList::LoopStep;
+    using LinkStatus = GripperList::LinkStatus;
+
+    ModbusConstraintsFactory m_factory;
+    std::unique_ptr<LogCapture> m_log;
+    std::unique_ptr<GripperList> m_list;
+};
+
+void tst_GripperList::initTestCase()
+{
+    m_log = std::make_unique<LogCapture>();
+}
+
+void tst_GripperList::init()
+{
+    m_list = std::make_unique<GripperList>(m_factory, nullptr);
+    m_list->m_stateLoopTimer->stop();
+    m_log->clear();
+}
+
+void tst_GripperList::cleanup()
+{
+    m_list.reset();
+    QCOMPARE(m_log->warnings(), QStringList());
+}
+
+void tst_GripperList::cleanupTestCase()
+{
+    m_log.reset();
+}
+
+void tst_GripperList::scanEntersWhatAnswers()
+{
+    SimulatedLine line{{9, "TA3-1.6.14"}, {2, "TE1-2.0.2"}};
+
+    m_list->scan(line.path());
+
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
+    for (const quint8 slaveId : {quint8{2}, quint8{9}}) {
+        const auto gripper = m_list->getGripperFromSlaveId(slaveId);
+        QVERIFY(gripper);
+        QCOMPARE(gripper->getSlaveId(), slaveId);
+        QCOMPARE(gripper->error(), KvDeviceBase::NoError);
+    }
+    // Finding is not polling: what clients are told of the link stays.
+    QCOMPARE(m_list->getPrintableState(), QByteArray("SCANNING"));
+}
+
+void tst_GripperList::scanLogsThePortAndTheSlaveIds()
+{
+    SimulatedLine line{{9, "TA3-1.6.14"}, {2, "TE1-2.0.2"}};
+
+    m_list->scan(line.path());
+
+    const QString port = QStringLiteral("Connected serial port : \"%1\"").arg(line.path());
+    QCOMPARE(m_log->infos(), (QStringList{port, QStringLiteral("(2, 9)")}));
+}
+
+void tst_GripperList::scanNeverFindsAGripperOutsideTheProbedIds()
+{
+    SimulatedLine line{{5, "TA3-1.6.14"}, {1, "TA3-1.6.14"}, {8, "TA3-1.6.14"}, {4, "TB1-1.4.3"}};
+
+    m_list->scan(line.path());
+
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{4}));
+    QCOMPARE(m_log->infos().last(), QStringLiteral("(4)"));
+}
+
+void tst_GripperList::scanOfAPortThatCannotBeOpenedChangesNothing()
+{
+    KvModbusCustom elsewhere(nullptr);
+    m_list->m_grippers.insert(5, GripperList::Gripper::create(elsewhere, quint16{5}));
+    m_log->clear();
+
+    m_list->scan(QStringLiteral("/dev/pts/no-such-port"));
+
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{5}));
+    QVERIFY(!m_list->m_modbus.isConnected());
+    QCOMPARE(m_log->infos(), QStringList());
+    m_list->m_grippers.clear();
+}
+
+void tst_GripperList::scanLeavesTheLinkOpenWhateverItFound()
+{
+    SimulatedLine line{};
+    m_list->scan(line.path());
+    QVERIFY(m_list->m_modbus.isConnected());
+    QVERIFY(m_list->m_grippers.isEmpty());
+    QCOMPARE(m_log->infos().last(), QStringLiteral("()"));
+}
+
+void tst_GripperList::scanRemovesTheManagedIdsThatDoNotAnswer()
+{
+    SimulatedLine line{{2, "TA3-1.6.14"}};
+    KvModbusCustom elsewhere(nullptr);
+    const auto stale = GripperList::Gripper::create(elsewhere, quint16{7});
+    for (quint8 slaveId = 0; slaveId <= 10; ++slaveId)
+        m_list->m_grippers.insert(slaveId, stale);
+
+    m_list->scan(line.path());
+
+    // 1 to 9 are the list's; nothing else is touched, and nothing else ever gets in.
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{0, 2, 10}));
+    QVERIFY(m_list->getGripperFromSlaveId(2) != stale);
+    m_list->m_grippers.clear();
+}
+
+void tst_GripperList::scanGivesTheLinkTheConstraintsOfThePort()
+{
+    SimulatedLine line{};
+    m_list->m_modbus.setConstraints(ModbusConstraints(5000, 10, 2));
+    QElapsedTimer clock;
+    clock.start();
+
+    m_list->scan(line.path());
+
+    QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
+}
+
+void tst_GripperList::linkIsOpenedAtTheGrippersBaudRate()
+{
+    SimulatedLine line{};
+    m_list->m_modbus.setBaudRate(19200);
+
+    m_list->openLink(line.path());
+
+    QVERIFY(m_list->m_modbus.isConnected());
+    QCOMPARE(m_list->m_modbus.getBaudrate(), 115200);
+    QCOMPARE(QStringLiteral("/dev/") + m_list->getModbusName(), line.path());
+}
+
+void tst_GripperList::lastOfSeveralGrippersWithOneIdCounts()
+{
+    ScriptedMaster master;
+    const auto first = GripperList::Gripper::create(master, quint16{3});
+    const auto second = GripperList::Gripper::create(master, quint16{3});
+    const auto other = GripperList::Gripper::create(master, quint16{4});
+
+    m_list->takeOver(3, {first, second, other});
+
+    QCOMPARE(m_list->getGripperFromSlaveId(3), second);
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{3}));
+    m_list->m_grippers.clear();
+}
+
+void tst_GripperList::pollingStartsWithTheSecondGripper()
+{
+    SimulatedLine line{{9, "TA3-1.6.14"}, {2, "TE1-2.0.2"}};
+    m_list->openLink(line.path());
+    m_list->onTimerStateLoopTimeout();
+    QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
+    QCOMPARE(m_list->getPrintableState(), QByteArray("RUNNING"));
+    line.clearTraffic();
+
+    // Read, write, read, write: a gripper that was just found is always written.
+    for (int tick = 0; tick < 4; ++tick)
+        m_list->onTimerStateLoopTimeout();
+
+    QStringList visits;
+    for (const QString &request : line.requests()) {
+        if (request.endsWith(QStringLiteral("000")))
+            visits.append(request);
+    }
+    QCOMPARE(visits.join(QStringLiteral(", ")),
+             QStringLiteral("9 read 2000, 9 write 1000, 2 read 2000, 2 write 1000"));
+}
+
+void tst_GripperList::rescanThatFindsNothingEmptiesTheListAndClosesTheLink()
+{
+    SimulatedLine line{{3, "TF1-2.0.2"}};
+    m_list->scan(line.path());
+    m_list->startPolling();
+    line.bus().removeGripper(3);
+    m_list->requestScan();
+
+    m_list->onTimerStateLoopTimeout();
+    m_list->onTimerStateLoopTimeout();
+
+    QVERIFY(m_list->m_grippers.isEmpty());
+    QVERIFY(!m_list->m_currentSlaveId);
+    QVERIFY(!m_list->m_modbus.isConnected());
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QCOMPARE(m_list->getPrintableState(), QByteArray("SCANNING"));
+}
+
+void tst_GripperList::rescanReplacesEveryGripperWithANewObject()
+{
+    SimulatedLine line{{9, "TA3-1.6.14"}};
+    m_list->scan(line.path());
+    const auto old = m_list->getGripperFromSlaveId(9);
+    old->setPositionRequest(77);
+
+    m_list->discoverState();
+
+    const auto fresh = m_list->getGripperFromSlaveId(9);
+    QVERIFY(fresh);
+    QVERIFY(fresh != old);
+    // Whoever holds the old one keeps a stale copy.
+    QCOMPARE(old->getPositionRequest(), quint8{77});
+    QCOMPARE(fresh->getPositionRequest(), quint8{0});
+}
+
+void tst_GripperList::rescanTakesUpNewGrippersAndDropsThoseThatLeft()
+{
+    SimulatedLine line{{9, "TA3-1.6.14"}, {3, "TF1-2.0.2"}};
+    m_list->scan(line.path());
+    m_list->m_currentSlaveId = 9;
+    line.bus().removeGripper(9);
+    line.bus().addGripper(4, QStringLiteral("TB1-1.4.3"));
+
+    m_list->discoverState();
+
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{3, 4}));
+    QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(3));
+    QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
+    QVERIFY(m_list->m_modbus.isConnected());
+}
+
+void tst_GripperList::clientsAreServedDuringAScan()
+{
+    SimulatedLine line{{9, "TA3-1.6.14"}};
+    int served = 0;
+    QTimer client;
+    connect(&client, &QTimer::timeout, this,
+            [&] { served += m_list->getGripperFromSlaveId(9).isNull() ? 1 : 0; });
+    client.start(10);
+
+    m_list->scan(line.path());
+
+    QVERIFY2(served > 20, qPrintable(QString::number(served)));
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+}
+
+QTEST_GUILESS_MAIN(tst_GripperList)
+#include "tst_gripperlistdiscovery.moc"

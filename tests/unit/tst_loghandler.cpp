@@ -1,0 +1,233 @@
+#include "loghandler.h"
+
+#include <QDebug>
+#include <QTemporaryFile>
+#include <QTest>
+#include <QTextCodec>
+
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+// What a standard stream received while `action` ran.
+class StreamRecord
+{
+public:
+    explicit StreamRecord(std::FILE *stream)
+        : m_stream(stream)
+        , m_kept(::dup(::fileno(stream)))
+    {
+        m_file.open();
+        std::fflush(stream);
+        ::dup2(m_file.handle(), ::fileno(stream));
+    }
+
+    QByteArray take()
+    {
+        std::fflush(m_stream);
+        ::dup2(m_kept, ::fileno(m_stream));
+        ::close(m_kept);
+        m_file.seek(0);
+        return m_file.readAll();
+    }
+
+private:
+    std::FILE *m_stream;
+    int m_kept;
+    QTemporaryFile m_file;
+};
+
+struct Printed
+{
+    QByteArray toStandardOutput;
+    QByteArray toStandardError;
+};
+
+Printed printedBy(const std::function<void()> &action)
+{
+    StreamRecord standardOutput(stdout);
+    StreamRecord standardError(stderr);
+    action();
+    const QByteArray errors = standardError.take();
+    return {standardOutput.take(), errors};
+}
+
+QByteArray lineOf(QtMsgType type, const QString &message)
+{
+    return printedBy([&] { myMessageOutput(type, QMessageLogContext(), message); }).toStandardError;
+}
+
+QByteArray infoLine(const QString &message)
+{
+    return lineOf(QtInfoMsg, message);
+}
+
+const char *const withoutPlace = " ((null):0, (null))\n";
+
+} // namespace
+
+class tst_LogHandler : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void eachSeverityHasItsForm_data();
+    void eachSeverityHasItsForm();
+    void nothingGoesToStandardOutput();
+    void missingPlaceIsPrintedAsNull_data();
+    void missingPlaceIsPrintedAsNull();
+    void unknownSeverityPrintsNothing_data();
+    void unknownSeverityPrintsNothing();
+    void formatCharactersOfTheMessageArePrintedAsTheyAre();
+    void streamedItemsAreSeparatedByOneBlank();
+    void messageIsPrintedInTheLocalEncoding();
+    void longMessageIsCutAndTheRestCounted_data();
+    void longMessageIsCutAndTheRestCounted();
+    void fatalMessageIsPrintedAndAborts();
+};
+
+void tst_LogHandler::eachSeverityHasItsForm_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QByteArray>("line");
+    QTest::newRow("debug") << int(QtDebugMsg) << QByteArray("Debug: text (file.cpp:42, run)\n");
+    QTest::newRow("info") << int(QtInfoMsg) << QByteArray("Info: text (file.cpp:42, run)\n");
+    QTest::newRow("warning") << int(QtWarningMsg)
+                             << QByteArray("Warning: text (file.cpp:42, run)\n");
+    QTest::newRow("critical") << int(QtCriticalMsg)
+                              << QByteArray("Critical: text (file.cpp:42, run)\n");
+}
+
+void tst_LogHandler::eachSeverityHasItsForm()
+{
+    QFETCH(int, type);
+    QFETCH(QByteArray, line);
+    const QMessageLogContext place("file.cpp", 42, "run", "default");
+    const Printed printed = printedBy(
+        [&] { myMessageOutput(static_cast<QtMsgType>(type), place, QStringLiteral("text")); });
+    QCOMPARE(printed.toStandardError, line);
+}
+
+void tst_LogHandler::nothingGoesToStandardOutput()
+{
+    const Printed printed = printedBy([] {
+        for (const QtMsgType type : {QtDebugMsg, QtInfoMsg, QtWarningMsg, QtCriticalMsg})
+            myMessageOutput(type, QMessageLogContext(), QStringLiteral("text"));
+    });
+    QCOMPARE(printed.toStandardOutput, QByteArray());
+    QCOMPARE(printed.toStandardError.count('\n'), 4);
+}
+
+void tst_LogHandler::missingPlaceIsPrintedAsNull_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QByteArray>("start");
+    QTest::newRow("debug") << int(QtDebugMsg) << QByteArray("Debug: text");
+    QTest::newRow("info") << int(QtInfoMsg) << QByteArray("Info: text");
+    QTest::newRow("warning") << int(QtWarningMsg) << QByteArray("Warning: text");
+    QTest::newRow("critical") << int(QtCriticalMsg) << QByteArray("Critical: text");
+}
+
+void tst_LogHandler::missingPlaceIsPrintedAsNull()
+{
+    QFETCH(int, type);
+    QFETCH(QByteArray, start);
+    QCOMPARE(lineOf(static_cast<QtMsgType>(type), QStringLiteral("text")), start + withoutPlace);
+}
+
+void tst_LogHandler::unknownSeverityPrintsNothing_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::newRow("one after the last") << 5;
+    QTest::newRow("the highest") << 7;
+}
+
+void tst_LogHandler::unknownSeverityPrintsNothing()
+{
+    QFETCH(int, type);
+    const Printed printed = printedBy([&] {
+        myMessageOutput(static_cast<QtMsgType>(type), QMessageLogContext(), QStringLiteral("text"));
+    });
+    QCOMPARE(printed.toStandardError, QByteArray());
+    QCOMPARE(printed.toStandardOutput, QByteArray());
+}
+
+void tst_LogHandler::formatCharactersOfTheMessageArePrintedAsTheyAre()
+{
+    QCOMPARE(infoLine(QStringLiteral("100 %s %n %d %%")),
+             QByteArray("Info: 100 %s %n %d %%") + withoutPlace);
+}
+
+void tst_LogHandler::streamedItemsAreSeparatedByOneBlank()
+{
+    const Printed printed = printedBy([] {
+        const QtMessageHandler kept = qInstallMessageHandler(myMessageOutput);
+        qInfo() << "Connected serial port :" << QStringLiteral("ttyTool") << 9;
+        qWarning() << QList<int>{2, 9};
+        qInstallMessageHandler(kept);
+    });
+    QCOMPARE(printed.toStandardError,
+             QByteArray("Info: Connected serial port : \"ttyTool\" 9 ((null):0, (null))\n"
+                        "Warning: (2, 9) ((null):0, (null))\n"));
+}
+
+void tst_LogHandler::messageIsPrintedInTheLocalEncoding()
+{
+    QTextCodec *kept = QTextCodec::codecForLocale();
+    const QString message = QString(QChar(0xE9));
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("ISO-8859-1"));
+    const QByteArray latin1 = infoLine(message);
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    const QByteArray utf8 = infoLine(message);
+    QTextCodec::setCodecForLocale(kept);
+    QCOMPARE(latin1, QByteArray("Info: \xE9") + withoutPlace);
+    QCOMPARE(utf8, QByteArray("Info: \xC3\xA9") + withoutPlace);
+}
+
+void tst_LogHandler::longMessageIsCutAndTheRestCounted_data()
+{
+    QTest::addColumn<int>("length");
+    QTest::addColumn<int>("printedLength");
+    QTest::addColumn<QByteArray>("remark");
+    QTest::newRow("empty") << 0 << 0 << QByteArray();
+    QTest::newRow("at the limit") << 1000 << 1000 << QByteArray();
+    QTest::newRow("one more") << 1001 << 1000 << QByteArray("... (1 more characters)");
+    QTest::newRow("far longer") << 160000 << 1000 << QByteArray("... (159000 more characters)");
+}
+
+void tst_LogHandler::longMessageIsCutAndTheRestCounted()
+{
+    QFETCH(int, length);
+    QFETCH(int, printedLength);
+    QFETCH(QByteArray, remark);
+    QCOMPARE(infoLine(QString(length, QLatin1Char('x'))),
+             "Info: " + QByteArray(printedLength, 'x') + remark + withoutPlace);
+}
+
+void tst_LogHandler::fatalMessageIsPrintedAndAborts()
+{
+    int status = 0;
+    const Printed printed = printedBy([&] {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            const rlimit noCoreFile{};
+            ::setrlimit(RLIMIT_CORE, &noCoreFile);
+            ::signal(SIGABRT, SIG_DFL);
+            myMessageOutput(QtFatalMsg, QMessageLogContext("file.cpp", 42, "run", "default"),
+                            QStringLiteral("text"));
+            ::_exit(0);
+        }
+        ::waitpid(child, &status, 0);
+    });
+    QCOMPARE(printed.toStandardError, QByteArray("Fatal: text (file.cpp:42, run)\n"));
+    QVERIFY(WIFSIGNALED(status));
+    QCOMPARE(WTERMSIG(status), SIGABRT);
+}
+
+QTEST_APPLESS_MAIN(tst_LogHandler)
+#include "tst_loghandler.moc"

@@ -1,0 +1,78 @@
+#include "modbusconstraintsfactory.h"
+
+#include <QTest>
+
+class tst_ModbusConstraints : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void valuesAreGivenBackInTheirOrder();
+    void timingFollowsThePortName_data();
+    void timingFollowsThePortName();
+    void copiesAreIndependent();
+};
+
+void tst_ModbusConstraints::valuesAreGivenBackInTheirOrder()
+{
+    const ModbusConstraints constraints(1, -2, 3);
+    QCOMPARE(constraints.getTimeout(), 1);
+    QCOMPARE(constraints.getTimeoutFactor(), -2);
+    QCOMPARE(constraints.getRetries(), 3);
+}
+
+void tst_ModbusConstraints::timingFollowsThePortName_data()
+{
+    QTest::addColumn<bool>("isToolFlange");
+    QTest::addColumn<bool>("isWristCamera");
+    QTest::addColumn<int>("timeoutMs");
+    QTest::addColumn<int>("threeRegistersMs");
+
+    QTest::newRow("ttyTool") << true << false << 32 << 62;
+    QTest::newRow("ttyTool0") << false << false << 32 << 62;
+    QTest::newRow("ttytool") << false << false << 32 << 62;
+    QTest::newRow("xttyTool") << false << false << 32 << 62;
+    QTest::newRow("ttyACM") << false << true << 200 << 230;
+    QTest::newRow("ttyACM0") << false << true << 200 << 230;
+    QTest::newRow("ttyACM10") << false << true << 200 << 230;
+    QTest::newRow("ttyAC") << false << false << 32 << 62;
+    QTest::newRow("xttyACM0") << false << false << 32 << 62;
+    QTest::newRow("ttyacm0") << false << false << 32 << 62;
+    QTest::newRow("ttyUSB0") << false << false << 32 << 62;
+    QTest::newRow("ttyS1") << false << false << 32 << 62;
+    QTest::newRow("") << false << false << 32 << 62;
+    QTest::newRow("/dev/ttyACM0") << false << false << 32 << 62;
+    QTest::newRow("/dev/ttyTool") << false << false << 32 << 62;
+}
+
+void tst_ModbusConstraints::timingFollowsThePortName()
+{
+    QFETCH(bool, isToolFlange);
+    QFETCH(bool, isWristCamera);
+    QFETCH(int, timeoutMs);
+    QFETCH(int, threeRegistersMs);
+    const QString portName = QString::fromLatin1(QTest::currentDataTag());
+
+    const ModbusConstraintsFactory factory;
+    QCOMPARE(factory.isG5ToolFlangeSerialConverter(portName), isToolFlange);
+    QCOMPARE(factory.isTavrinWristCameraSerialConverter(portName), isWristCamera);
+    const ModbusConstraints constraints = factory.getModbusConstraints(portName);
+    QCOMPARE(constraints.getTimeout(), timeoutMs);
+    QCOMPARE(constraints.getTimeoutFactor(), 10);
+    QCOMPARE(constraints.getRetries(), 2);
+    QCOMPARE(constraints.getTimeout() + 3 * constraints.getTimeoutFactor(), threeRegistersMs);
+}
+
+void tst_ModbusConstraints::copiesAreIndependent()
+{
+    ModbusConstraints original(1, 2, 3);
+    const ModbusConstraints copy = original;
+    original = ModbusConstraints(4, 5, 6);
+    QCOMPARE(copy.getTimeout(), 1);
+    QCOMPARE(copy.getTimeoutFactor(), 2);
+    QCOMPARE(copy.getRetries(), 3);
+    QCOMPARE(original.getRetries(), 6);
+}
+
+QTEST_APPLESS_MAIN(tst_ModbusConstraints)
+#include "tst_modbusconstraints.moc"

@@ -1,0 +1,353 @@
+#include "setvariables.h"
+
+#include "gripperlist.h"
+#include "logcapture.h"
+#include "modbusconstraintsfactory.h"
+#include "simulatedline.h"
+
+#include <QSharedPointer>
+#include <QTest>
+
+#include <memory>
+
+namespace {
+
+using Gripper = GripperList::Gripper;
+using Getter = quint8 (KvPelloGripper::*)() const;
+
+std::string_view viewOf(const QByteArray &text)
+{
+    return {text.constData(), static_cast<std::size_t>(text.size())};
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(Getter)
+
+/// The SET table on the gripper 9 of a list that does not poll.
+class tst_SetVariables : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void cleanupTestCase();
+
+    void variableTellsWhatItNeeds_data();
+    void variableTellsWhatItNeeds();
+    void unknownNameHasNoRow_data();
+    void unknownNameHasNoRow();
+
+    void flagIsSetByEveryValueButZero_data();
+    void flagIsSetByEveryValueButZero();
+    void numberIsStoredAsItIs_data();
+    void numberIsStoredAsItIs();
+
+    void activationWithdrawsTheAutoReleaseFirst_data();
+    void activationWithdrawsTheAutoReleaseFirst();
+    void deactivationIsSentWithTheNextWrite();
+    void modeIsAcknowledgedWhenItExists_data();
+    void modeIsAcknowledgedWhenItExists();
+
+    void selectionOfADiscoveredGripperKeepsTheReply();
+    void selectionOfAnUnknownIdIsRefusedAndKept();
+    void muteStopsThePolling();
+    void throttleLetsTheLoopTickSlowlyOrFast();
+    void scanIsOverAfterTheBlockingRequest();
+    void scanIsOnlyAskedForByTheOtherRequest();
+    void moveThatFailsScansAllTheSameAndKeepsReplyAndSelection();
+    void operationThatFailsIsRefused_data();
+    void operationThatFailsIsRefused();
+
+private:
+    using Reply = std::optional<std::string_view>;
+
+    Reply set(const QByteArray &name, int value);
+    int requestsWithin(int milliseconds);
+
+    ModbusConstraintsFactory m_factory;
+    std::unique_ptr<LogCapture> m_log;
+    std::unique_ptr<SimulatedLine> m_line;
+    std::unique_ptr<GripperList> m_list;
+    Gripper m_gripper;
+    int m_selectedSlaveId = 9;
+};
+
+void tst_SetVariables::initTestCase()
+{
+    m_log = std::make_unique<LogCapture>();
+    m_line = std::make_unique<SimulatedLine>(
+        std::initializer_list<SimulatedLine::Gripper>{{9, "TA3-1.6.14"}});
+    m_list = std::make_unique<GripperList>(m_factory, nullptr);
+    m_list->setMuted(true);
+    m_list->scan(m_line->path());
+}
+
+void tst_SetVariables::init()
+{
+    m_list->setMuted(true);
+    m_gripper = m_list->getGripperFromSlaveId(9);
+    QVERIFY(m_gripper);
+    QVERIFY(m_gripper->updateOutput());
+    m_selectedSlaveId = 9;
+    m_line->clearTraffic();
+}
+
+void tst_SetVariables::cleanup()
+{
+    QCOMPARE(m_log->warnings(), QStringList());
+}
+
+void tst_SetVariables::cleanupTestCase()
+{
+    m_gripper.reset();
+    m_list.reset();
+    m_log.reset();
+}
+
+tst_SetVariables::Reply tst_SetVariables::set(const QByteArray &name, int value)
+{
+    const SetVariable *variable = findSetVariable(viewOf(name));
+    const Gripper gripper = variable->needsGripper ? m_gripper : Gripper();
+    return variable->apply({*m_list, gripper, m_selectedSlaveId, static_cast<quint8>(value)});
+}
+
+int tst_SetVariables::requestsWithin(int milliseconds)
+{
+    m_line->clearTraffic();
+    QTest::qWait(milliseconds);
+    return m_line->requests().size();
+}
+
+void tst_SetVariables::variableTellsWhatItNeeds_data()
+{
+    QTest::addColumn<bool>("needsGripper");
+    QTest::addColumn<bool>("mayWait");
+
+    for (const char *name : {"ACT", "MOD", "GTO", "ATR", "ARD", "LBP", "LGN", "LRD", "LBL", "MSC",
+                             "POS", "SPE", "FOR"})
+        QTest::newRow(name) << true << false;
+    QTest::newRow("SCN_BLOCK") << false << true;
+    QTest::newRow("SCN") << false << false;
+    QTest::newRow("NID") << false << true;
+    QTest::newRow("SID") << false << false;
+    QTest::newRow("MUTE") << false << false;
+    QTest::newRow("THROTTLE") << false << false;
+    QTest::newRow("UPG") << true << true;
+    QTest::newRow("BLD") << true << true;
+}
+
+void tst_SetVariables::variableTellsWhatItNeeds()
+{
+    const SetVariable *variable = findSetVariable(QTest::currentDataTag());
+    QVERIFY(variable);
+    QCOMPARE(variable->name, std::string_view(QTest::currentDataTag()));
+    QTEST(variable->needsGripper, "needsGripper");
+    QTEST(variable->mayWait, "mayWait");
+}
+
+void tst_SetVariables::unknownNameHasNoRow_data()
+{
+    QTest::addColumn<QByteArray>("name");
+    for (const char *name : {"STA", "VST", "OBJ",  "FLT",      "PRE", "COU",     "DST", "SNU",
+                             "PYE", "NCY", "PON",  "NPA",      "FWV", "PCO",     "VER", "DRI",
+                             "XYZ", "pos", "SCN_", "SCN_BLOC", "MUT", "THROTTL", ""})
+        QTest::newRow(name) << QByteArray(name);
+}
+
+void tst_SetVariables::unknownNameHasNoRow()
+{
+    QFETCH(QByteArray, name);
+    QVERIFY(findSetVariable(viewOf(name)) == nullptr);
+}
+
+void tst_SetVariables::flagIsSetByEveryValueButZero_data()
+{
+    QTest::addColumn<Getter>("getter");
+    QTest::addColumn<int>("value");
+    QTest::addColumn<int>("expected");
+
+    using G = KvPelloGripper;
+    const QVector<QPair<const char *, Getter>> flags{
+        {"ACT", &G::getActivateRequest},
+        {"GTO", &G::getGoToRequest},
+        {"ATR", &G::getAutoReleaseRequest},
+        {"ARD", &G::getAutoReleaseDirectionRequest},
+        {"LBP", &G::getLedBypass},
+        {"LGN", &G::getLedGreen},
+        {"LRD", &G::getLedRed},
+        {"LBL", &G::getLedBlue},
+    };
+    for (const auto &flag : flags) {
+        for (const int value : {1, 0, 2, 0, 255, 0})
+            QTest::addRow("%s %d", flag.first, value) << flag.second << value << int(value != 0);
+    }
+}
+
+void tst_SetVariables::flagIsSetByEveryValueButZero()
+{
+    QFETCH(Getter, getter);
+    QFETCH(int, value);
+    const QByteArray name = QByteArray(QTest::currentDataTag()).left(3);
+    QVERIFY(!set(name, value));
+    QTEST(int((m_gripper.data()->*getter)()), "expected");
+    QCOMPARE(m_line->requests(), QStringList());
+}
+
+void tst_SetVariables::numberIsStoredAsItIs_data()
+{
+    QTest::addColumn<Getter>("getter");
+    QTest::addColumn<int>("value");
+
+    using G = KvPelloGripper;
+    const QVector<QPair<const char *, Getter>> numbers{
+        {"MSC", &G::getMaxPeakSupplyCurrent},
+        {"POS", &G::getPositionRequest},
+        {"SPE", &G::getSpeedRequest},
+        {"FOR", &G::getForceRequest},
+    };
+    for (const auto &number : numbers) {
+        for (const int value : {255, 1, 0})
+            QTest::addRow("%s %d", number.first, value) << number.second << value;
+    }
+}
+
+void tst_SetVariables::numberIsStoredAsItIs()
+{
+    QFETCH(Getter, getter);
+    QFETCH(int, value);
+    QVERIFY(!set(QByteArray(QTest::currentDataTag()).left(3), value));
+    QCOMPARE(int((m_gripper.data()->*getter)()), value);
+    QVERIFY(m_gripper->isNewOutput());
+}
+
+void tst_SetVariables::activationWithdrawsTheAutoReleaseFirst_data()
+{
+    QTest::addColumn<int>("value");
+    QTest::newRow("activate") << 1;
+    QTest::newRow("deactivate") << 0;
+}
+
+void tst_SetVariables::activationWithdrawsTheAutoReleaseFirst()
+{
+    QFETCH(int, value);
+    QVERIFY(!set("ATR", 1));
+    QCOMPARE(m_gripper->getAutoReleaseRequest(), quint8{1});
+    QVERIFY(!set("ACT", value));
+    QCOMPARE(m_gripper->getAutoReleaseRequest(), quint8{0});
+}
+
+void tst_SetVariables::deactivationIsSentWithTheNextWrite()
+{
+    QVERIFY(!set("ACT", 0));
+    QVERIFY(m_gripper->isNewOutput());
+    QVERIFY(m_gripper->updateOutput());
+    QCOMPARE(*m_line->bus().registerValue(9, 1000) & 0x0100, 0);
+}
+
+void tst_SetVariables::modeIsAcknowledgedWhenItExists_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<QByteArray>("reply");
+    QTest::addColumn<int>("sent");
+
+    QTest::newRow("manual") << 0 << QByteArray("ack") << 0x0000;
+    QTest::newRow("automatic") << 1 << QByteArray("ack") << 0x0200;
+    // What was sent last stays.
+    QTest::newRow("no such mode") << 2 << QByteArray("nak") << 0x0200;
+    QTest::newRow("last value") << 255 << QByteArray("nak") << 0x0200;
+}
+
+void tst_SetVariables::modeIsAcknowledgedWhenItExists()
+{
+    QFETCH(int, mode);
+    QFETCH(QByteArray, reply);
+    QCOMPARE(set("MOD", mode), Reply(viewOf(reply)));
+    QVERIFY(m_gripper->updateOutput());
+    QTEST(*m_line->bus().registerValue(9, 1000) & 0x0600, "sent");
+}
+
+void tst_SetVariables::selectionOfADiscoveredGripperKeepsTheReply()
+{
+    m_selectedSlaveId = 4;
+    QVERIFY(!set("SID", 9));
+    QCOMPARE(m_selectedSlaveId, 9);
+}
+
+void tst_SetVariables::selectionOfAnUnknownIdIsRefusedAndKept()
+{
+    QCOMPARE(set("SID", 5), Reply("nak"));
+    QCOMPARE(m_selectedSlaveId, 5);
+    QCOMPARE(set("SID", 0), Reply("nak"));
+    QCOMPARE(m_selectedSlaveId, 0);
+}
+
+void tst_SetVariables::muteStopsThePolling()
+{
+    QVERIFY(!set("MUTE", 0));
+    QTRY_VERIFY(!m_line->requests().isEmpty());
+    QVERIFY(!set("MUTE", 1));
+    // Whatever was under way has ended when the line was silent for longer than any time-out.
+    QTRY_COMPARE(requestsWithin(150), 0);
+    QCOMPARE(requestsWithin(200), 0);
+    QVERIFY(!set("MUTE", 255));
+    QCOMPARE(requestsWithin(200), 0);
+}
+
+void tst_SetVariables::throttleLetsTheLoopTickSlowlyOrFast()
+{
+    auto *ticks = m_list->findChild<QTimer *>();
+    for (auto *timer : m_list->findChildren<QTimer *>()) {
+        if (!timer->isSingleShot())
+            ticks = timer;
+    }
+    QVERIFY(!set("THROTTLE", 0));
+    QTRY_COMPARE(ticks->interval(), 5);
+    QVERIFY(!set("THROTTLE", 3));
+    QTRY_COMPARE(ticks->interval(), 50);
+}
+
+void tst_SetVariables::scanIsOverAfterTheBlockingRequest()
+{
+    QVERIFY(!set("SCN_BLOCK", 0));
+    QVERIFY(m_list->getGripperFromSlaveId(9) != m_gripper);
+    QCOMPARE(m_list->getPrintableState(), QByteArray("RUNNING"));
+}
+
+void tst_SetVariables::scanIsOnlyAskedForByTheOtherRequest()
+{
+    QVERIFY(!set("SCN", 0));
+    QCOMPARE(m_line->requests(), QStringList());
+    m_list->setMuted(false);
+    QTRY_VERIFY(m_list->getGripperFromSlaveId(9) != m_gripper);
+    m_list->setMuted(true);
+    QTRY_COMPARE(requestsWithin(150), 0);
+}
+
+void tst_SetVariables::moveThatFailsScansAllTheSameAndKeepsReplyAndSelection()
+{
+    QVERIFY(!set("NID", 4));
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    QVERIFY(m_list->getGripperFromSlaveId(9) != m_gripper);
+    QVERIFY(!m_list->getGripperFromSlaveId(4));
+    QCOMPARE(m_selectedSlaveId, 9);
+}
+
+void tst_SetVariables::operationThatFailsIsRefused_data()
+{
+    QTest::addColumn<QByteArray>("name");
+    QTest::newRow("upgrade") << QByteArray("UPG");
+    QTest::newRow("bootloader") << QByteArray("BLD");
+}
+
+void tst_SetVariables::operationThatFailsIsRefused()
+{
+    QFETCH(QByteArray, name);
+    QCOMPARE(set(name, 1), Reply("nak"));
+    QCOMPARE(m_line->requests(), QStringList());
+}
+
+QTEST_GUILESS_MAIN(tst_SetVariables)
+#include "tst_setvariables.moc"

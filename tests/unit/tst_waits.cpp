@@ -1,0 +1,255 @@
+#include "waits.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QStringList>
+#include <QTest>
+#include <QTimer>
+
+#include <algorithm>
+
+namespace {
+
+class Sender : public QObject
+{
+    Q_OBJECT
+
+signals:
+    void happened();
+};
+
+constexpr int longWaitMs = 20000;
+constexpr int promptMs = 1000; // what ends at once, on a machine that is busy
+
+// The shortest of three tries: a busy machine makes a wait longer, never shorter.
+template <typename Wait>
+qint64 shortestMs(Wait wait)
+{
+    qint64 shortest = longWaitMs;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        QElapsedTimer clock;
+        clock.start();
+        wait();
+        shortest = std::min(shortest, clock.elapsed());
+    }
+    return shortest;
+}
+
+// Runs `body` inside the application's own event loop, which `body` or a timer of it has to end.
+template <typename Body>
+int runInApplicationLoop(Body body)
+{
+    QTimer::singleShot(0, QCoreApplication::instance(), body);
+    return QCoreApplication::exec();
+}
+
+} // namespace
+
+class tst_Waits : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void pauseLastsAboutAsLongAsAsked_data();
+    void pauseLastsAboutAsLongAsAsked();
+    void timersRunDuringAPause();
+    void zeroPausePassesOnceThroughTheEventLoop();
+    void innerPauseEndsOnlyItself();
+    void outerPauseWaitsForALongerInnerOne();
+    void quitEndsAPauseAtOnce();
+    void pauseAfterQuitIsNone();
+
+    void waitThatIsAnsweredReturnsFalseAtOnce();
+    void waitThatIsNotAnsweredReturnsTrueAfterTheTimeout();
+    void waitWithoutLimitEndsOnlyWithTheSignal_data();
+    void waitWithoutLimitEndsOnlyWithTheSignal();
+    void signalBeforeTheWaitDoesNotCount();
+    void signalInsideAnInnerWaitEndsBoth();
+    void innerTimeoutLeavesTheOuterWaitPending();
+    void quitEndsAWaitWithoutTimeout();
+};
+
+void tst_Waits::pauseLastsAboutAsLongAsAsked_data()
+{
+    QTest::addColumn<int>("ms");
+    QTest::newRow("a polling step") << 10;
+    QTest::newRow("a read-back") << 50;
+    QTest::newRow("a change of the rate") << 200;
+}
+
+void tst_Waits::pauseLastsAboutAsLongAsAsked()
+{
+    QFETCH(int, ms);
+    const qint64 elapsed = shortestMs([ms] { qSleepWhileProcessingEvents(ms); });
+    // Coarse timers are allowed to be off by 5 %.
+    QVERIFY2(elapsed >= ms * 95 / 100 - 1, qPrintable(QString::number(elapsed)));
+    QVERIFY2(elapsed < ms * 105 / 100 + 20, qPrintable(QString::number(elapsed)));
+}
+
+void tst_Waits::timersRunDuringAPause()
+{
+    int ticks = 0;
+    QTimer timer;
+    connect(&timer, &QTimer::timeout, this, [&] { ++ticks; });
+    timer.start(10);
+    qSleepWhileProcessingEvents(200);
+    QVERIFY2(ticks >= 5, qPrintable(QString::number(ticks)));
+}
+
+void tst_Waits::zeroPausePassesOnceThroughTheEventLoop()
+{
+    int passes = 0;
+    QTimer everyPass;
+    connect(&everyPass, &QTimer::timeout, this, [&] { ++passes; });
+    everyPass.start(0);
+    int posted = 0;
+    QMetaObject::invokeMethod(
+        this, [&] { ++posted; }, Qt::QueuedConnection);
+
+    QElapsedTimer clock;
+    clock.start();
+    qSleepWhileProcessingEvents(0);
+    QCOMPARE(posted, 1);
+    QCOMPARE(passes, 1);
+    QVERIFY(clock.elapsed() < promptMs);
+}
+
+void tst_Waits::innerPauseEndsOnlyItself()
+{
+    QStringList order;
+    QTimer::singleShot(20, this, [&] {
+        qSleepWhileProcessingEvents(30);
+        order += QStringLiteral("inner");
+    });
+    QElapsedTimer clock;
+    clock.start();
+    qSleepWhileProcessingEvents(200);
+    order += QStringLiteral("outer");
+    QCOMPARE(order, QStringList({QStringLiteral("inner"), QStringLiteral("outer")}));
+    QVERIFY2(clock.elapsed() >= 185, qPrintable(QString::number(clock.elapsed())));
+}
+
+void tst_Waits::outerPauseWaitsForALongerInnerOne()
+{
+    QStringList order;
+    QTimer::singleShot(0, this, [&] {
+        qSleepWhileProcessingEvents(150);
+        order += QStringLiteral("inner");
+    });
+    qSleepWhileProcessingEvents(30);
+    order += QStringLiteral("outer");
+    QCOMPARE(order, QStringList({QStringLiteral("inner"), QStringLiteral("outer")}));
+}
+
+void tst_Waits::quitEndsAPauseAtOnce()
+{
+    qint64 pausedMs = -1;
+    const int exitCode = runInApplicationLoop([&] {
+        QTimer::singleShot(20, QCoreApplication::instance(), &QCoreApplication::quit);
+        QElapsedTimer clock;
+        clock.start();
+        qSleepWhileProcessingEvents(longWaitMs);
+        pausedMs = clock.elapsed();
+    });
+    QCOMPARE(exitCode, 0);
+    QVERIFY(pausedMs >= 0 && pausedMs < promptMs);
+}
+
+void tst_Waits::pauseAfterQuitIsNone()
+{
+    qint64 pausedMs = -1;
+    runInApplicationLoop([&] {
+        QCoreApplication::quit();
+        QElapsedTimer clock;
+        clock.start();
+        for (int i = 0; i < 100; ++i)
+            qSleepWhileProcessingEvents(longWaitMs);
+        pausedMs = clock.elapsed();
+    });
+    QVERIFY(pausedMs >= 0 && pausedMs < promptMs);
+}
+
+void tst_Waits::waitThatIsAnsweredReturnsFalseAtOnce()
+{
+    Sender sender;
+    QTimer::singleShot(20, &sender, &Sender::happened);
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(!qWaitForSignalWhileProcessingEvents(sender, SIGNAL(happened()), longWaitMs));
+    QVERIFY(clock.elapsed() >= 15 && clock.elapsed() < promptMs);
+}
+
+void tst_Waits::waitThatIsNotAnsweredReturnsTrueAfterTheTimeout()
+{
+    const Sender sender;
+    bool timedOut = true;
+    const qint64 elapsed = shortestMs([&] {
+        timedOut = timedOut && qWaitForSignalWhileProcessingEvents(sender, SIGNAL(happened()), 100);
+    });
+    QVERIFY(timedOut);
+    QVERIFY2(elapsed >= 94 && elapsed < 125, qPrintable(QString::number(elapsed)));
+}
+
+void tst_Waits::waitWithoutLimitEndsOnlyWithTheSignal_data()
+{
+    QTest::addColumn<int>("timeoutMs");
+    QTest::newRow("zero") << 0;
+    QTest::newRow("minus one") << -1;
+    QTest::newRow("minus a thousand") << -1000;
+}
+
+void tst_Waits::waitWithoutLimitEndsOnlyWithTheSignal()
+{
+    QFETCH(int, timeoutMs);
+    Sender sender;
+    QTimer::singleShot(150, Qt::PreciseTimer, &sender, &Sender::happened);
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(!qWaitForSignalWhileProcessingEvents(sender, SIGNAL(happened()), timeoutMs));
+    QVERIFY2(clock.elapsed() >= 149, qPrintable(QString::number(clock.elapsed())));
+}
+
+void tst_Waits::signalBeforeTheWaitDoesNotCount()
+{
+    Sender sender;
+    emit sender.happened();
+    QVERIFY(qWaitForSignalWhileProcessingEvents(sender, SIGNAL(happened()), 30));
+}
+
+void tst_Waits::signalInsideAnInnerWaitEndsBoth()
+{
+    Sender sender;
+    bool innerTimedOut = true;
+    QTimer::singleShot(0, this, [&] {
+        QTimer::singleShot(20, &sender, &Sender::happened);
+        innerTimedOut = qWaitForSignalWhileProcessingEvents(sender, SIGNAL(happened()), longWaitMs);
+    });
+    QVERIFY(!qWaitForSignalWhileProcessingEvents(sender, SIGNAL(happened()), longWaitMs));
+    QVERIFY(!innerTimedOut);
+}
+
+void tst_Waits::innerTimeoutLeavesTheOuterWaitPending()
+{
+    Sender sender;
+    bool innerTimedOut = false;
+    QTimer::singleShot(0, this, [&] {
+        innerTimedOut = qWaitForSignalWhileProcessingEvents(sender, SIGNAL(happened()), 20);
+        QTimer::singleShot(20, &sender, &Sender::happened);
+    });
+    QVERIFY(!qWaitForSignalWhileProcessingEvents(sender, SIGNAL(happened()), longWaitMs));
+    QVERIFY(innerTimedOut);
+}
+
+void tst_Waits::quitEndsAWaitWithoutTimeout()
+{
+    const Sender sender;
+    bool timedOut = true;
+    runInApplicationLoop([&] {
+        QTimer::singleShot(20, QCoreApplication::instance(), &QCoreApplication::quit);
+        timedOut = qWaitForSignalWhileProcessingEvents(sender, SIGNAL(happened()), longWaitMs);
+    });
+    QVERIFY(!timedOut);
+}
+
+QTEST_GUILESS_MAIN(tst_Waits)
+#include "tst_waits.moc"
