@@ -9,7 +9,7 @@
 namespace {
 
 // The kernel keeps at least 128 MiB of addresses free below the main thread's stack.
-constexpr rlim_t wantedStackBytes = 96 * 1024 * 1024;
+constexpr rlim_t wantedStackBytes = rlim_t{96} * 1024 * 1024;
 
 void occupyStandardDescriptors()
 {
