@@ -214,6 +214,10 @@ void tst_ClientListener::acceptsAgainWhenTheFirstConnectionFoundNoDescriptor()
 
 void tst_ClientListener::acceptsAgainAfterOthersTookAllDescriptors()
 {
+#ifdef __SANITIZE_ADDRESS__
+    // Without a pipe it takes every object for invalid; the build without it runs this.
+    QSKIP("the sanitizer needs a descriptor for its look at objects, and here none is left");
+#endif
     QSignalSpy announced(m_listener.get(), &QTcpServer::newConnection);
     serveClients();
     addClient();
