@@ -3,6 +3,7 @@
 #include "kvmodbusabstract.h"
 
 #include <QObject>
+#include <QSerialPort>
 #include <QString>
 #include <QTimer>
 #include <QVector>
@@ -52,6 +53,36 @@ public:
     /// the new identity; an object that had cached the old one never sees it.
     bool setSerialNumberAndProductionYear(const QString &prefix, quint32 number, quint16 year);
 
+    /// Restarts the device into a bootloader: writes `command` to the reset register, but of all
+    /// values that this process ever passes, the first one is written every time.
+    /// Automatic: a success leaves the link closed, so that the port is free; `timeoutMs` is not
+    /// used. Manual, for a device that is power-cycled by hand: opens the link and repeats the
+    /// write every 100 ms until the device takes it, until `timeoutMs` have passed or until
+    /// abortManualResetToBootLoader(); leaves the link closed. Pumps events.
+    bool resetDeviceToBootloader(quint16 command, bool manual, unsigned int timeoutMs);
+
+    /// Lets a manual reset that is under way give up at its next check.
+    void abortManualResetToBootLoader();
+
+    /// Restarts the firmware; the link stays as it is. Pumps events. Returns whether the device
+    /// acknowledged.
+    bool resetDeviceToFirmware();
+
+    /// Whether a bootloader answers its synchronisation byte at that rate, in one of `retries` + 1
+    /// attempts. Blocks the thread for up to 100 ms an attempt and pumps no events; a quit signal
+    /// ends it early. The link must be closed, or else error() is NotConnectedError.
+    bool detectBootloader(QSerialPort::BaudRate baudRate, unsigned int retries);
+
+    /// Restarts the device into the driver's own bootloader (at 115200 baud) or into the ROM
+    /// bootloader (at 19200 baud) and returns whether it was detected there. Pumps events, then
+    /// blocks the thread for up to 5.1 s. `timeoutMs` is not used.
+    bool jumpToTavrinBootloader(unsigned int timeoutMs);
+    bool jumpToStBootloader(unsigned int timeoutMs);
+
+    /// Flash addresses, as tools take them.
+    static constexpr char __bootLoaderRestartAddress[] = "0x08000000";
+    static constexpr char __bootLoaderFirmwareStartAddress[] = "0x08080000";
+
     KvDeviceError error() const { return m_error; }
 
     /// The key name of error(), such as "CommunicationError"; empty for a value that is no key.
@@ -73,6 +104,7 @@ protected:
 private:
     bool writeIdentity(const QString &prefix, quint32 number, quint16 year);
     bool identityReadsBack(const QString &serialNumber, quint16 year);
+    bool knockUntilReset(quint16 command);
 
     QTimer m_manualResetTimer;
     quint8 m_slaveId;

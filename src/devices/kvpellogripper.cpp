@@ -12,6 +12,9 @@ constexpr int baudRateSettleMs = 200;
 constexpr int identityPauseMs = 50;
 constexpr int identityAttempts = 6;
 constexpr int speedLimitPauseMs = 50;
+constexpr int settingsStoredPauseMs = 2500;
+constexpr int beforeRestartPauseMs = 400;
+constexpr int restartPauseMs = 3000;
 constexpr quint8 activationCompleted = 3;
 
 const std::array<QLatin1String, 4> productCodes{QLatin1String("TA"), QLatin1String("TB"),
@@ -230,4 +233,45 @@ bool KvPelloGripper::set200NSpeedLimit(quint16 limit)
         return false;
     qSleepWhileProcessingEvents(speedLimitPauseMs);
     return get200NSpeedLimit() != limit;
+}
+
+bool KvPelloGripper::updateSlaveId(unsigned char newId)
+{
+    using namespace RegisterMap;
+    const QVector<quint16> settings = modbusReadRegisters(settingsAddress, settingsCount);
+    if (settings.size() < settingsCount)
+        return false;
+    if (showsSlaveId(settings, newId))
+        return true;
+    if (!writeSettings(settings, newId))
+        return false;
+    qSleepWhileProcessingEvents(settingsStoredPauseMs);
+    if (!showsSlaveId(modbusReadRegisters(settingsAddress, settingsCount), newId))
+        return false;
+    qSleepWhileProcessingEvents(beforeRestartPauseMs);
+    if (!resetDeviceToFirmware())
+        return false;
+    qSleepWhileProcessingEvents(restartPauseMs);
+    setSlaveId(newId);
+    return true;
+}
+
+/// A device that has switched over already does not answer under its old id: a time-out counts as
+/// success.
+bool KvPelloGripper::writeSettings(QVector<quint16> settings, quint8 newId)
+{
+    using namespace RegisterMap;
+    quint16 &idRegister = settings[settingsSlaveIdIndex];
+    idRegister = static_cast<quint16>((idRegister & ~eightBits) | newId);
+    for (const quint16 word : settingsTrailer)
+        settings.append(word);
+    return modbusWriteRegisters(settingsAddress, settings) ||
+           modbus().error() == KvModbusAbstract::TimeoutError;
+}
+
+bool KvPelloGripper::showsSlaveId(const QVector<quint16> &settings, quint8 slaveId) const
+{
+    using namespace RegisterMap;
+    return settings.size() >= settingsCount &&
+           (settings[settingsSlaveIdIndex] & eightBits) == slaveId;
 }

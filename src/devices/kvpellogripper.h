@@ -113,7 +113,15 @@ public:
     /// shows another value than `limit`, false when it shows `limit` or the write failed.
     bool set200NSpeedLimit(quint16 limit);
 
+    /// Stores `newId` in the device, checks it, restarts the firmware and from then on addresses
+    /// the device there. True when it carries the new id, at once if it did before; otherwise the
+    /// object keeps its id, and the device may or may not have stored the new one. Takes 5.9 s and
+    /// more and pumps events meanwhile. The range of `newId` is not checked.
+    bool updateSlaveId(unsigned char newId);
+
 private:
+    bool writeSettings(QVector<quint16> settings, quint8 newId);
+    bool showsSlaveId(const QVector<quint16> &settings, quint8 slaveId) const;
     bool identify();
     void decodeInput(const QVector<quint16> &words);
     QVector<quint16> encodeOutput(quint8 activateBit) const;

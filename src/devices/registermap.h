@@ -6,6 +6,18 @@
 /// A 32-bit value takes two consecutive registers, low word first.
 namespace RegisterMap {
 
+// Restarts
+constexpr quint16 resetAddress = 400;
+constexpr quint16 restartIntoOwnBootloader = 0x3500;
+constexpr quint16 restartIntoRomBootloader = 0x2A00;
+constexpr quint16 restartFirmware = 0x5600;
+
+// Communication settings
+constexpr quint16 settingsAddress = 430;
+constexpr quint16 settingsCount = 5;
+constexpr int settingsSlaveIdIndex = 4; // in the low byte; the high byte is another setting
+constexpr quint16 settingsTrailer[] = {0x0000, 0x0036}; // written behind the settings, always
+
 // Identity
 constexpr quint16 commandAddress = 401;
 constexpr quint16 firmwareVersionAddress = 500;

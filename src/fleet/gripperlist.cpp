@@ -39,6 +39,8 @@ GripperList::GripperList(const ModbusConstraintsFactory &constraintsFactory, QOb
     connect(m_stateLoopTimer, &QTimer::timeout, this, &GripperList::onTimerStateLoopTimeout);
     m_stateLoopTimer->setTimerType(Qt::PreciseTimer);
     m_stateLoopTimer->start(m_tickIntervalMs);
+    connect(&m_upgradeService, &FirmwareUpgradeService::upgradeFinished, this,
+            &GripperList::unmuteOnUpgradeFinished);
 }
 
 GripperList::~GripperList() = default;
@@ -106,6 +108,12 @@ void GripperList::onTimerStateLoopTimeout()
     if (m_tickRunning || m_busy || m_muted)
         return;
     const QScopedValueRollback<bool> running(m_tickRunning, true);
+    jumpPendingToBootloader();
+    runStep();
+}
+
+void GripperList::runStep()
+{
     switch (m_loopStep) {
     case LoopStep::Discover:
         discoverTick();
@@ -340,22 +348,21 @@ bool GripperList::isSorbix(const Gripper &gripper) const
     return isOfFamily(gripper, 'F');
 }
 
-bool GripperList::updateGripperSlaveId(unsigned char /*oldId*/, unsigned char /*newId*/)
+bool GripperList::updateGripperSlaveId(unsigned char oldId, unsigned char newId)
 {
-    return false;
-}
-
-bool GripperList::jumpToBootloader(const Gripper & /*gripper*/)
-{
-    return false;
-}
-
-bool GripperList::upgradeFirmware(const Gripper & /*gripper*/)
-{
-    return false;
-}
-
-int GripperList::getUpgradeStatus() const
-{
-    return 0;
+    // Inside the wait of another operation the flag stays set for that one.
+    const QScopedValueRollback<bool> busy(m_busy, true);
+    const Gripper gripper = getGripperFromSlaveId(oldId);
+    if (!gripper)
+        return false;
+    if (!gripper->updateSlaveId(newId)) {
+        qInfo() << "fail to update slave id from " << oldId << " to " << newId;
+        return false;
+    }
+    // In this order also when both ids are the same: the gripper then leaves the list until the
+    // next discovery finds it.
+    m_grippers.insert(newId, gripper);
+    removeGripper(oldId);
+    qInfo() << "update slave id from " << oldId << " to " << newId;
+    return true;
 }

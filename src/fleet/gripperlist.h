@@ -1,10 +1,12 @@
 #pragma once
 
+#include "firmwareupgradeservice.h"
 #include "kvmodbuscustom.h"
 #include "kvpellogripper.h"
 #include "modbusconstraintsfactory.h"
 
 #include <QByteArray>
+#include <QList>
 #include <QMap>
 #include <QObject>
 #include <QSharedPointer>
@@ -73,14 +75,40 @@ public:
     bool isSorbix(const Gripper &gripper) const;
     bool isZentra(const Gripper &gripper) const;
 
-    /// Moving a gripper to another slave id, sending it into its bootloader and upgrading it are
-    /// not supported yet: each returns false, and nothing happens.
+    /// Moves a gripper to another slave id, on the device and in this list; ticks stay out
+    /// meanwhile. Takes 5.9 s and more and pumps events. The id that the gripper already has
+    /// succeeds at once and takes the gripper off the list until the next discovery.
     bool updateGripperSlaveId(unsigned char oldId, unsigned char newId);
+
+    /// Whether the gripper's bootloader is that of the microcontroller's ROM.
+    bool hasStBootloader(const Gripper &gripper) const;
+
+    /// Whether the gripper's bootloader answers on the port now; needs the link closed. Blocks the
+    /// thread for up to 5.1 s.
+    bool isDeviceInBootloaderMode(const Gripper &gripper);
+
+    /// Sends the gripper into its bootloader; true when it answers there. Polling is muted
+    /// afterwards, unless it was there already. Pumps events, then blocks for up to 5.1 s, twice
+    /// when the link is closed.
     bool jumpToBootloader(const Gripper &gripper);
+
+    /// Sends the gripper into its bootloader and starts the flashing program with the firmware of
+    /// its family. True once that was tried: how it ended shows when polling resumes. False when an
+    /// upgrade is running, or when there is no bootloader or no firmware for the gripper; polling
+    /// then stays muted.
     bool upgradeFirmware(const Gripper &gripper);
+
+    /// Has the gripper sent into its bootloader at the next tick that is not held back.
+    void resetToBootloader(const Gripper &gripper);
 
     /// 1 while the flashing program runs, else 0.
     int getUpgradeStatus() const;
+
+    /// Firmware images, relative to the working directory.
+    static constexpr char __firmwareGripperA[] = "firmware/TA3-1.6.14.bin";
+    static constexpr char __firmwareGripperB[] = "firmware/TB1-1.4.3.bin";
+    static constexpr char __firmwareGripperE[] = "firmware/TE1-2.0.2.bin";
+    static constexpr char __firmwareGripperF[] = "firmware/TF1-2.0.2.bin";
 
     static constexpr int __maxGripperCommunicationRetries = 5;
     static constexpr quint8 __min_slave_id = 1;
@@ -90,6 +118,9 @@ public slots:
     /// One tick of the state loop. Does nothing while a tick, a blocking scan or a slave id move is
     /// under way, or while polling is muted.
     void onTimerStateLoopTimeout();
+
+    /// The flashing program has ended, however: polling goes on.
+    void unmuteOnUpgradeFinished();
 
 private:
     friend class tst_GripperList;
@@ -110,6 +141,8 @@ private:
         Timeout = 3        ///< A gripper stopped answering; the link was closed.
     };
 
+    void jumpPendingToBootloader();
+    void runStep();
     void discoverTick();
     void selectNextSlaveState();
     void updateInputState();
@@ -133,9 +166,11 @@ private:
     LoopStep m_loopStep = LoopStep::Discover;
     LinkStatus m_linkStatus = LinkStatus::Scanning;
     const ModbusConstraintsFactory &m_constraintsFactory;
+    FirmwareUpgradeService m_upgradeService;
     bool m_busy = false;
     bool m_muted = false;
     bool m_scanRequested = false;
+    QList<Gripper> m_pendingBootloader;
     bool m_tickRunning = false;
     int m_tickIntervalMs;
 };

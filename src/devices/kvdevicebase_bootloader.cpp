@@ -1,0 +1,103 @@
+// The bootloader operations of KvDeviceBase.
+#include "kvdevicebase.h"
+#include "quitsignals.h"
+#include "registermap.h"
+#include "waits.h"
+
+namespace {
+
+constexpr qint32 firmwareBaudRate = 115200;
+constexpr int knockPauseMs = 100;
+constexpr unsigned int unusedTimeoutMs = 30000;
+constexpr int detectionWaitMs = 50;
+constexpr unsigned int detectionRetries = 50;
+
+constexpr char synchronisationByte = 0x7F;
+constexpr char acknowledge = 0x79;
+constexpr char negativeAcknowledge = 0x1F;
+
+/// One attempt. Either answer tells of a bootloader, but it must be that one byte alone.
+bool bootloaderAnswers(QSerialPort &port)
+{
+    static const QByteArray msg(1, synchronisationByte);
+    port.write(msg);
+    port.waitForBytesWritten(detectionWaitMs);
+    if (!port.waitForReadyRead(detectionWaitMs))
+        return false;
+    const QByteArray answer = port.readAll();
+    return answer.size() == 1 && (answer[0] == acknowledge || answer[0] == negativeAcknowledge);
+}
+
+} // namespace
+
+bool KvDeviceBase::resetDeviceToBootloader(quint16 command, bool manual, unsigned int timeoutMs)
+{
+    static const QVector<quint16> resetCommandValue{command};
+    if (!manual) {
+        if (!modbusWriteRegisters(RegisterMap::resetAddress, resetCommandValue))
+            return false;
+        m_modbus.disconnectFromDevice();
+        return true;
+    }
+    m_modbus.setBaudRate(firmwareBaudRate);
+    m_modbus.connectToDevice();
+    m_manualResetTimer.setSingleShot(true);
+    m_manualResetTimer.start(static_cast<int>(timeoutMs));
+    const bool isReset = knockUntilReset(command);
+    m_modbus.disconnectFromDevice();
+    return isReset;
+}
+
+/// Once the application is quitting, pauses end at once and no timer runs out any more.
+bool KvDeviceBase::knockUntilReset(quint16 command)
+{
+    while (m_manualResetTimer.isActive() && !quitRequested()) {
+        if (!m_modbus.isConnected())
+            m_modbus.connectToDevice();
+        qSleepWhileProcessingEvents(knockPauseMs);
+        if (resetDeviceToBootloader(command, false, unusedTimeoutMs))
+            return true;
+    }
+    return false;
+}
+
+void KvDeviceBase::abortManualResetToBootLoader()
+{
+    m_manualResetTimer.stop();
+}
+
+bool KvDeviceBase::resetDeviceToFirmware()
+{
+    return modbusWriteRegisters(RegisterMap::resetAddress, {RegisterMap::restartFirmware});
+}
+
+bool KvDeviceBase::detectBootloader(QSerialPort::BaudRate baudRate, unsigned int retries)
+{
+    if (m_modbus.isConnected()) {
+        setError(NotConnectedError);
+        return false;
+    }
+    QSerialPort port(m_modbus.getPortName());
+    port.setBaudRate(baudRate);
+    if (!port.open(QIODevice::ReadWrite))
+        return false;
+    bool isDetected = false;
+    for (unsigned int attempt = 0; attempt <= retries && !isDetected && !quitRequested(); ++attempt)
+        isDetected = bootloaderAnswers(port);
+    port.close();
+    return isDetected;
+}
+
+// A device that is in its bootloader already does not take the reset: detection settles the matter.
+
+bool KvDeviceBase::jumpToTavrinBootloader(unsigned int timeoutMs)
+{
+    resetDeviceToBootloader(RegisterMap::restartIntoOwnBootloader, false, timeoutMs);
+    return detectBootloader(QSerialPort::Baud115200, detectionRetries);
+}
+
+bool KvDeviceBase::jumpToStBootloader(unsigned int timeoutMs)
+{
+    resetDeviceToBootloader(RegisterMap::restartIntoRomBootloader, false, timeoutMs);
+    return detectBootloader(QSerialPort::Baud19200, detectionRetries);
+}

@@ -1,0 +1,98 @@
+// The firmware upgrade operations of GripperList.
+#include "gripperlist.h"
+
+#include <QDebug>
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+constexpr unsigned int jumpTimeoutMs = 2000;
+constexpr unsigned int detectionRetries = 50;
+
+struct Firmware
+{
+    bool (GripperList::*isFamily)(const GripperList::Gripper &gripper) const;
+    const char *file;
+    QSerialPort::BaudRate baudRate;
+};
+
+constexpr std::array<Firmware, 4> firmwares{{
+    {&GripperList::isVarno, GripperList::__firmwareGripperB, QSerialPort::Baud19200},
+    {&GripperList::isPello, GripperList::__firmwareGripperA, QSerialPort::Baud19200},
+    {&GripperList::isZentra, GripperList::__firmwareGripperE, QSerialPort::Baud115200},
+    {&GripperList::isSorbix, GripperList::__firmwareGripperF, QSerialPort::Baud115200},
+}};
+
+} // namespace
+
+bool GripperList::hasStBootloader(const Gripper &gripper) const
+{
+    return isVarno(gripper) || isPello(gripper);
+}
+
+bool GripperList::isDeviceInBootloaderMode(const Gripper &gripper)
+{
+    return gripper->detectBootloader(hasStBootloader(gripper) ? QSerialPort::Baud19200
+                                                              : QSerialPort::Baud115200,
+                                     detectionRetries);
+}
+
+bool GripperList::jumpToBootloader(const Gripper &gripper)
+{
+    if (isDeviceInBootloaderMode(gripper))
+        return true;
+    const bool isInBootloader = hasStBootloader(gripper)
+                                    ? gripper->jumpToStBootloader(jumpTimeoutMs)
+                                    : gripper->jumpToTavrinBootloader(jumpTimeoutMs);
+    setMuted(true);
+    return isInBootloader;
+}
+
+bool GripperList::upgradeFirmware(const Gripper &gripper)
+{
+    if (m_upgradeService.isUpgrading())
+        return false;
+    if (!jumpToBootloader(gripper))
+        return false;
+    const auto *firmware =
+        std::find_if(firmwares.begin(), firmwares.end(),
+                     [&](const Firmware &row) { return (this->*row.isFamily)(gripper); });
+    if (firmware == firmwares.end())
+        return false;
+    m_modbus.disconnectFromDevice();
+    while (isPello(gripper) && m_modbus.isConnected())
+        m_modbus.disconnectFromDevice();
+    const bool isStarted = m_upgradeService.startUpgrade(
+        QString::fromLatin1(firmware->file), firmware->baudRate, m_modbus.getPortName());
+    if (isPello(gripper))
+        qInfo() << "upgrade started : " << (isStarted ? "true" : "false");
+    return true;
+}
+
+void GripperList::resetToBootloader(const Gripper &gripper)
+{
+    m_pendingBootloader.append(gripper);
+}
+
+void GripperList::jumpPendingToBootloader()
+{
+    const QList<Gripper> pending = m_pendingBootloader;
+    for (const Gripper &gripper : pending) {
+        jumpToBootloader(gripper);
+        m_loopStep = LoopStep::Discover;
+    }
+    m_pendingBootloader.clear();
+}
+
+void GripperList::unmuteOnUpgradeFinished()
+{
+    qInfo() << "unmuteOnUpgradeFinished";
+    setMuted(false);
+}
+
+int GripperList::getUpgradeStatus() const
+{
+    return m_upgradeService.isUpgrading() ? 1 : 0;
+}
