@@ -20,6 +20,22 @@ QString wordText(quint16 value)
     return QStringLiteral("0x%1").arg(value, 4, 16, QLatin1Char('0'));
 }
 
+/// What is to be told of a gripper that does not run its firmware, with a blank before it.
+QString stateText(const SimulatedGripper &gripper)
+{
+    switch (gripper.state()) {
+    case SimulatedGripper::State::Firmware:
+        return QString();
+    case SimulatedGripper::State::Bootloader:
+        return QStringLiteral(" bootloader");
+    case SimulatedGripper::State::Booting:
+        return QStringLiteral(" booting");
+    case SimulatedGripper::State::Dead:
+        return QStringLiteral(" dead");
+    }
+    return QString();
+}
+
 quint8 toSlaveId(const QString &word)
 {
     // 0 is nobody's id.
@@ -247,7 +263,7 @@ QStringList CommandInterpreter::linesOf(SimulatedGripper &gripper) const
                      .arg(gripper.slaveId())
                      .arg(identity.versionText(), identity.serialText())
                      .arg(identity.year)
-                     .arg(gripper.isBooting() ? QStringLiteral(" booting") : QString()));
+                     .arg(stateText(gripper)));
     lines.append(QStringLiteral("  status=%1 position=%2 object=%3 current=%4 fault=%5")
                      .arg(static_cast<int>(body.status()))
                      .arg(body.position())

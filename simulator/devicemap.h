@@ -30,6 +30,8 @@ constexpr int kOutputCount = 3;
 constexpr int kInputCount = 3;
 
 constexpr quint16 kRestartFirmware = 0x5600;
+constexpr quint16 kRestartIntoRomBootloader = 0x2A00;
+constexpr quint16 kRestartIntoOwnBootloader = 0x3500;
 constexpr quint16 kStoreIdentity = 0x4900;
 constexpr quint16 kSetSpeedLimit = 130;
 

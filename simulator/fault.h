@@ -18,7 +18,21 @@ enum class FaultKind {
     Trailing,      ///< bytes follow the answer
     Noise,         ///< bytes come before the answer
     Echo,          ///< the request comes back before the answer
+
+    // Of the bootloader, each with its own occasions.
+    SilentBootloader, ///< an answer does not come
+    NackWrite,        ///< a block is refused and not written
+    BadVerify,        ///< the last byte of a block is stored inverted
+    RefuseGo,         ///< the start of the firmware is refused
+    DiesDuringWrite,  ///< half of a block is written, then the power fails
+    DoubleAck,        ///< an answer of a single byte comes twice
 };
+
+/// Whether the bootloader has this fault, and not the firmware.
+constexpr bool isOfBootloader(FaultKind kind)
+{
+    return kind >= FaultKind::SilentBootloader;
+}
 
 /// One fault and the requests that it strikes.
 struct Fault

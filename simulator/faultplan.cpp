@@ -35,21 +35,42 @@ FaultHits FaultPlan::draw(const QByteArray &request)
 {
     FaultHits hits;
     for (auto it = m_faults.begin(); it != m_faults.end();) {
-        Fault &fault = it.value();
-        if (strikes(fault, request)) {
+        const Fault &fault = it.value();
+        const bool isStruck =
+            !isOfBootloader(fault.kind) && fault.concerns(request) && strikes(fault);
+        if (isStruck)
             hits.insert(fault.kind, fault.value);
-            if (fault.remaining != Fault::__unlimited)
-                --fault.remaining;
-        }
-        it = fault.remaining == 0 ? m_faults.erase(it) : std::next(it);
+        it = countDown(it, isStruck);
     }
     return hits;
 }
 
-bool FaultPlan::strikes(const Fault &fault, const QByteArray &request)
+std::optional<int> FaultPlan::strike(FaultKind kind)
 {
-    if (!fault.concerns(request))
-        return false;
+    const auto it = m_faults.find(kind);
+    if (it == m_faults.end() || !strikes(it.value()))
+        return std::nullopt;
+    const int value = it.value().value;
+    countDown(it, true);
+    return value;
+}
+
+std::optional<int> FaultPlan::valueOf(FaultKind kind) const
+{
+    const auto it = m_faults.find(kind);
+    return it == m_faults.end() ? std::nullopt : std::optional<int>(it.value().value);
+}
+
+/// The fault behind `it`, which itself is gone when it has struck for the last time.
+FaultPlan::Faults::iterator FaultPlan::countDown(Faults::iterator it, bool isStruck)
+{
+    if (isStruck && it.value().remaining != Fault::__unlimited)
+        --it.value().remaining;
+    return it.value().remaining == 0 ? m_faults.erase(it) : std::next(it);
+}
+
+bool FaultPlan::strikes(const Fault &fault)
+{
     return m_random() % kHundred < static_cast<unsigned>(fault.sharePercent);
 }
 

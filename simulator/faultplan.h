@@ -5,6 +5,7 @@
 #include <QMap>
 #include <QVector>
 
+#include <optional>
 #include <random>
 
 namespace sim {
@@ -26,17 +27,25 @@ public:
     void clear() { m_faults.clear(); }
     QVector<Fault> faults() const { return m_faults.values().toVector(); }
 
-    /// Decides which faults `request` meets, and counts it for those that are limited.
+    /// Decides which faults of the firmware `request` meets, and counts it for those that are
+    /// limited.
     FaultHits draw(const QByteArray &request);
+    /// Decides whether this occasion meets the fault `kind` of the bootloader, and counts it.
+    /// Gives the fault's value when it does.
+    std::optional<int> strike(FaultKind kind);
+    /// The value of the fault `kind`, if there is one; this is no occasion.
+    std::optional<int> valueOf(FaultKind kind) const;
     /// The answer as the faults in `hits` leave it, out of the `answer` without CRC.
     QByteArray mangle(const FaultHits &hits, const QByteArray &request, QByteArray answer);
 
 private:
-    bool strikes(const Fault &fault, const QByteArray &request);
+    bool strikes(const Fault &fault);
+    using Faults = QMap<FaultKind, Fault>;
+    Faults::iterator countDown(Faults::iterator it, bool isStruck);
     QByteArray randomBytes(int count);
 
     RandomSource &m_random;
-    QMap<FaultKind, Fault> m_faults;
+    Faults m_faults;
 };
 
 } // namespace sim

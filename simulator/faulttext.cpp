@@ -29,6 +29,13 @@ constexpr KindRow kKinds[] = {
     {"trailing", "VALUE random bytes behind the answer", FaultKind::Trailing, 1, 255, 3},
     {"noise", "VALUE random bytes before the answer", FaultKind::Noise, 1, 255, 3},
     {"echo", "the request before the answer", FaultKind::Echo, 0, 0, 0},
+    {"silentBootloader", "answer of the bootloader missing", FaultKind::SilentBootloader, 0, 0, 0},
+    {"nackWrite", "block refused by the bootloader", FaultKind::NackWrite, 0, 0, 0},
+    {"badVerify", "block stored with its last byte inverted", FaultKind::BadVerify, 0, 0, 0},
+    {"refuseGo", "start of the firmware refused", FaultKind::RefuseGo, 0, 0, 0},
+    {"diesDuringWrite", "power fails while block VALUE is written", FaultKind::DiesDuringWrite, 1,
+     65535, 3},
+    {"doubleAck", "single byte of the bootloader sent twice", FaultKind::DoubleAck, 0, 0, 0},
 };
 
 constexpr int kMaxShare = 100;
@@ -101,8 +108,11 @@ bool takeValue(const QString &word, const KindRow &row, Fault *fault)
 /// What is wrong with `words` (KIND left out), empty for nothing; `fault` is filled on the way.
 QString takeWords(QStringList words, const KindRow &row, Fault *fault)
 {
+    const int count = words.size();
     if (!takeScopeWords(&words, fault))
         return QStringLiteral("no such scope: it is reads, writes or a register");
+    if (isOfBootloader(row.kind) && words.size() < count)
+        return QStringLiteral("%1 takes no scope").arg(QLatin1String(row.name));
     if (words.size() > 2)
         return QStringLiteral("too many words for a fault");
     if (!words.isEmpty() && !takeHowOften(words.first(), fault))
@@ -170,7 +180,7 @@ QStringList faultHelp()
     QStringList lines;
     for (const KindRow &row : kKinds) {
         QString line = QStringLiteral("  %1 %2")
-                           .arg(QLatin1String(row.name), -14)
+                           .arg(QLatin1String(row.name), -16)
                            .arg(QLatin1String(row.meaning));
         if (takesValue(row))
             line += QStringLiteral(" (default %1)").arg(row.defaultValue);

@@ -59,8 +59,13 @@ void FirmwareMode::answer(const QByteArray &request)
 /// After the answer: the master is to hear that the command was taken.
 void FirmwareMode::obeyResetCommand()
 {
-    if (m_gripper.registers().takeResetCommand())
+    const std::optional<quint16> command = m_gripper.registers().takeResetCommand();
+    if (!command)
+        return;
+    if (*command == map::kRestartFirmware)
         m_gripper.restart();
+    else // Either of the two words: there is only the one bootloader that the gripper has.
+        m_gripper.restartIntoBootloader();
 }
 
 bool FirmwareMode::isForUs(const RequestFramer::Frame &frame) const

@@ -19,10 +19,11 @@ QString traceLine(const FrameRecord &frame)
 {
     const double timeMs = static_cast<double>(frame.timeUs) / kUsPerMs;
     const bool isRequest = frame.direction == FrameRecord::Direction::Request;
-    return QStringLiteral("%1 %2 %3")
-        .arg(timeMs, kTimeWidth, 'f', kTimeDecimals)
-        .arg(isRequest ? QLatin1Char('>') : QLatin1Char('<'))
-        .arg(QString::fromLatin1(frame.bytes.toHex(' ')));
+    const QString line = QStringLiteral("%1 %2 %3")
+                             .arg(timeMs, kTimeWidth, 'f', kTimeDecimals)
+                             .arg(isRequest ? QLatin1Char('>') : QLatin1Char('<'))
+                             .arg(QString::fromLatin1(frame.bytes.toHex(' ')));
+    return frame.isModbus ? line : QStringLiteral("%1 @%2").arg(line).arg(frame.baudRate);
 }
 
 } // namespace sim

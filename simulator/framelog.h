@@ -24,7 +24,7 @@ private:
 
 /// One line of the trace, without line ending: milliseconds, ">" for a frame from the master or
 /// "<" for an answer, the bytes in hex, all separated by one space; the time is padded on the
-/// left.
+/// left. Behind what is no Modbus stands "@" with the rate.
 QString traceLine(const FrameRecord &frame);
 
 } // namespace sim

@@ -16,6 +16,8 @@ struct FrameRecord
     qint64 timeUs = 0; ///< last byte heard, or answer sent; on the simulator's timeline
     Direction direction = Direction::Request;
     QByteArray bytes;
+    int baudRate = 0;      ///< at which they passed
+    bool isModbus = false; ///< a whole request of Modbus, or an answer of a firmware
 };
 
 } // namespace sim

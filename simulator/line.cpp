@@ -1,5 +1,6 @@
 #include "line.h"
 
+#include "devicemap.h"
 #include "linelistener.h"
 #include "timeline.h"
 
@@ -41,7 +42,7 @@ void Line::receive(const QByteArray &bytes, int baudRate)
         watchForSilence(__gapUs);
 }
 
-void Line::transmit(const QByteArray &bytes, int baudRate)
+void Line::transmit(const QByteArray &bytes, int baudRate, bool isModbus)
 {
     if (baudRate != m_baudRate)
         return;
@@ -49,7 +50,7 @@ void Line::transmit(const QByteArray &bytes, int baudRate)
     // What is being answered belongs before the answer, even if only a silence would end it.
     m_monitor.endFrame();
     reportRequests();
-    emit frameSeen({m_timeline.nowUs(), FrameRecord::Direction::Answer, bytes});
+    emit frameSeen({m_timeline.nowUs(), FrameRecord::Direction::Answer, bytes, baudRate, isModbus});
 }
 
 void Line::reset()
@@ -89,7 +90,8 @@ void Line::announceSilence()
 void Line::reportRequests()
 {
     while (const auto frame = m_monitor.take())
-        emit frameSeen({m_lastByteUs, FrameRecord::Direction::Request, frame->bytes});
+        emit frameSeen({m_lastByteUs, FrameRecord::Direction::Request, frame->bytes, m_baudRate,
+                        frame->isValid && m_baudRate == map::kBaudRate});
 }
 
 } // namespace sim

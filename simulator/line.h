@@ -31,8 +31,9 @@ public:
 
     /// Bytes from the master, who runs the line at `baudRate` at this moment.
     void receive(const QByteArray &bytes, int baudRate);
-    /// Bytes from a device that sends at `baudRate`. Lost when the master listens at another.
-    void transmit(const QByteArray &bytes, int baudRate);
+    /// Bytes from a device that sends at `baudRate`, its firmware (Modbus) or its bootloader.
+    /// Lost when the master listens at another rate.
+    void transmit(const QByteArray &bytes, int baudRate, bool isModbus);
     /// Nobody is at the other end any more: whatever is half received is dropped.
     void reset();
     /// The master's rate as last seen by receive().

@@ -12,6 +12,7 @@ namespace {
 constexpr int kMaxPosition = 255;
 constexpr int kMaxTimeMs = 600000;
 constexpr int kMaxMode = 0777;
+constexpr int kMaxBitsPerSecond = 10000000;
 
 /// The options by name, so that declaring and asking cannot differ.
 struct Names
@@ -24,6 +25,8 @@ struct Names
     static QString noLink() { return QStringLiteral("no-link"); }
     static QString mode() { return QStringLiteral("mode"); }
     static QString boot() { return QStringLiteral("boot-ms"); }
+    static QString bootloaderBoot() { return QStringLiteral("bootloader-boot-ms"); }
+    static QString bootloaderSpeed() { return QStringLiteral("bootloader-bps"); }
     static QString activation() { return QStringLiteral("activation-ms"); }
     static QString seed() { return QStringLiteral("seed"); }
     static QString trace() { return QStringLiteral("trace"); }
@@ -54,6 +57,11 @@ void declare(QCommandLineParser *parser)
          QStringLiteral("MODE")},
         {Names::boot(), QStringLiteral("How long a restart takes."), QStringLiteral("MS"),
          QStringLiteral("800")},
+        {Names::bootloaderBoot(), QStringLiteral("How long a restart into the bootloader takes."),
+         QStringLiteral("MS"), QStringLiteral("300")},
+        {Names::bootloaderSpeed(),
+         QStringLiteral("How fast the bootloader's bytes pass, 0 for as fast as they come."),
+         QStringLiteral("BITS"), QStringLiteral("0")},
         {Names::activation(), QStringLiteral("How long an activation takes."), QStringLiteral("MS"),
          QStringLiteral("1500")},
         {Names::seed(), QStringLiteral("Seed of what happens by chance."), QStringLiteral("N"),
@@ -125,6 +133,9 @@ private:
     void readNumbers()
     {
         m_options.config.timing.bootMs = number(Names::boot(), kMaxTimeMs);
+        m_options.config.timing.bootloaderBootMs = number(Names::bootloaderBoot(), kMaxTimeMs);
+        m_options.config.timing.bootloaderBitsPerSecond =
+            number(Names::bootloaderSpeed(), kMaxBitsPerSecond);
         m_options.config.timing.activationMs = number(Names::activation(), kMaxTimeMs);
         m_options.config.seed = static_cast<quint32>(number(Names::seed(), INT_MAX));
     }

@@ -222,9 +222,13 @@ quint16 RegisterBank::readStatus() const
 
 ModbusException RegisterBank::writeReset(int /*offset*/, const QVector<quint16> &values)
 {
-    if (values.first() != map::kRestartFirmware)
+    const quint16 command = values.first();
+    const bool isKnown = command == map::kRestartFirmware ||
+                         command == map::kRestartIntoRomBootloader ||
+                         command == map::kRestartIntoOwnBootloader;
+    if (!isKnown)
         return ModbusException::IllegalValue;
-    m_resetCommand = values.first();
+    m_resetCommand = command;
     return ModbusException::None;
 }
 

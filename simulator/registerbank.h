@@ -40,6 +40,8 @@ public:
 
     /// The reset command that was written since the last call, if any.
     std::optional<quint16> takeResetCommand();
+    /// What the firmware that runs from now on says of its version.
+    void setVersion(const GripperIdentity &identity) { m_version = identity.versionRegisters(); }
     /// The firmware starts again: commands are gone, settings come from permanent memory.
     void restart();
 

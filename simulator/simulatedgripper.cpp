@@ -15,13 +15,17 @@ SimulatedGripper::SimulatedGripper(quint8 slaveId, const GripperIdentity &identi
     : m_slaveId(slaveId)
     , m_identity(identity)
     , m_timing(timing)
+    , m_bootloader(bootloaderOf(identity))
     , m_line(line)
     , m_timeline(timeline)
     , m_registers(identity, slaveId, timing.activationMs * kUsPerMs, timeline)
     , m_faults(random)
+    , m_flash(m_bootloader.firmwareStart)
     , m_firmwareMode(*this)
+    , m_bootloaderMode(*this, m_bootloader, m_flash, timeline, timing.bootloaderBitsPerSecond)
     , m_mode(&m_firmwareMode)
 {
+    m_flash.write(m_bootloader.firmwareStart, FirmwareImage::make(identity.versionText()));
     m_line.addListener(this);
 }
 
@@ -32,21 +36,58 @@ SimulatedGripper::~SimulatedGripper()
 
 void SimulatedGripper::restart()
 {
-    m_mode = &m_silentMode;
-    m_firmwareMode.clear();
-    m_registers.restart();
+    if (FirmwareImage::versionIn(m_flash.from(m_bootloader.firmwareStart)).isEmpty())
+        restartIntoBootloader();
+    else
+        boot(m_timing.bootMs, [this] { startFirmware(); });
+}
+
+void SimulatedGripper::restartIntoBootloader()
+{
+    boot(m_timing.bootloaderBootMs, [this] { startBootloader(); });
+}
+
+void SimulatedGripper::die()
+{
+    stop(State::Dead);
+}
+
+void SimulatedGripper::boot(int durationMs, const std::function<void()> &end)
+{
+    stop(State::Booting);
     // A restart during a boot begins it anew: only the latest one ends it.
-    const int boot = ++m_boots;
-    m_timeline.after(this, m_timing.bootMs * kUsPerMs, [this, boot] {
-        if (boot == m_boots)
-            endBoot();
+    const int boot = m_stops;
+    m_timeline.after(this, durationMs * kUsPerMs, [this, boot, end] {
+        if (boot == m_stops)
+            end();
     });
 }
 
-void SimulatedGripper::endBoot()
+void SimulatedGripper::stop(State state)
 {
+    ++m_stops;
+    m_state = state;
+    m_mode = &m_silentMode;
+    m_firmwareMode.clear();
+    m_bootloaderMode.clear();
+    m_registers.restart();
+}
+
+void SimulatedGripper::startFirmware()
+{
+    const QString version = FirmwareImage::versionIn(m_flash.from(m_bootloader.firmwareStart));
+    // The same firmware leaves alone what a test has put into the version registers.
+    if (version != m_identity.versionText() && m_identity.setVersion(version))
+        m_registers.setVersion(m_identity);
     m_slaveId = m_registers.storedSlaveId();
     m_mode = &m_firmwareMode;
+    m_state = State::Firmware;
+}
+
+void SimulatedGripper::startBootloader()
+{
+    m_mode = &m_bootloaderMode;
+    m_state = State::Bootloader;
 }
 
 void SimulatedGripper::hear(const QByteArray &bytes, int baudRate)
@@ -62,11 +103,16 @@ void SimulatedGripper::hearSilence()
 void SimulatedGripper::send(const QByteArray &bytes, int baudRate, int delayMs)
 {
     if (delayMs == 0) {
-        m_line.transmit(bytes, baudRate);
+        m_line.transmit(bytes, baudRate, true);
         return;
     }
     m_timeline.after(this, delayMs * kUsPerMs,
-                     [this, bytes, baudRate] { m_line.transmit(bytes, baudRate); });
+                     [this, bytes, baudRate] { m_line.transmit(bytes, baudRate, true); });
+}
+
+void SimulatedGripper::sendFromBootloader(const QByteArray &bytes, int baudRate)
+{
+    m_line.transmit(bytes, baudRate, false);
 }
 
 } // namespace sim

@@ -1,7 +1,10 @@
 #pragma once
 
+#include "bootloadermode.h"
 #include "faultplan.h"
+#include "firmwareimage.h"
 #include "firmwaremode.h"
+#include "flashmemory.h"
 #include "gripperidentity.h"
 #include "linelistener.h"
 #include "registerbank.h"
@@ -14,11 +17,13 @@ namespace sim {
 class Line;
 class Timeline;
 
-/// How long a gripper takes for what takes long, in milliseconds.
+/// How long a gripper takes for what takes long.
 struct GripperTiming
 {
-    int bootMs = 800;        ///< from the restart command until it answers again
-    int activationMs = 1500; ///< from the activation bit until status 3
+    int bootMs = 800;                ///< from the restart command until it answers again
+    int activationMs = 1500;         ///< from the activation bit until status 3
+    int bootloaderBootMs = 300;      ///< from the restart command until the bootloader answers
+    int bootloaderBitsPerSecond = 0; ///< how fast its bytes pass, 0 for as fast as they come
 };
 
 /// One gripper on the line: its registers, its misbehaviours, and the program that it runs at
@@ -28,6 +33,13 @@ class SimulatedGripper : public QObject, public LineListener
     Q_OBJECT
 
 public:
+    enum class State {
+        Firmware,   ///< answers Modbus requests
+        Bootloader, ///< answers the bootloader's commands
+        Booting,    ///< on the way into one of them, silent
+        Dead,       ///< without power, silent
+    };
+
     /// Everything referred to must outlive the gripper. It joins `line` until it is destroyed.
     SimulatedGripper(quint8 slaveId, const GripperIdentity &identity, const GripperTiming &timing,
                      Line &line, Timeline &timeline, RandomSource &random);
@@ -38,31 +50,47 @@ public:
     const GripperIdentity &identity() const { return m_identity; }
     RegisterBank &registers() { return m_registers; }
     FaultPlan &faults() { return m_faults; }
-    bool isBooting() const { return m_mode == &m_silentMode; }
+    State state() const { return m_state; }
+    bool isBooting() const { return m_state == State::Booting; }
+    const BootloaderKind &bootloader() const { return m_bootloader; }
+    FlashMemory &flash() { return m_flash; }
 
-    /// Loses power for a moment: silent for the boot time, then answers under the stored id.
+    /// Loses power for a moment: silent for the boot time, then runs the firmware in its flash
+    /// under the stored id, or the bootloader when there is no valid one.
     void restart();
+    /// Silent for the bootloader's boot time, then runs the bootloader.
+    void restartIntoBootloader();
+    /// Has no power until it is restarted.
+    void die();
 
     void hear(const QByteArray &bytes, int baudRate) override;
     void hearSilence() override;
 
     /// Sends `bytes` at `baudRate`, `delayMs` from now.
     void send(const QByteArray &bytes, int baudRate, int delayMs);
+    void sendFromBootloader(const QByteArray &bytes, int baudRate);
 
 private:
-    void endBoot();
+    void boot(int durationMs, const std::function<void()> &end);
+    void stop(State state);
+    void startFirmware();
+    void startBootloader();
 
     quint8 m_slaveId;
     GripperIdentity m_identity;
     GripperTiming m_timing;
+    const BootloaderKind &m_bootloader;
     Line &m_line;
     Timeline &m_timeline;
     RegisterBank m_registers;
     FaultPlan m_faults;
+    FlashMemory m_flash;
     FirmwareMode m_firmwareMode;
+    BootloaderMode m_bootloaderMode;
     SilentMode m_silentMode;
     LineListener *m_mode;
-    int m_boots = 0;
+    State m_state = State::Firmware;
+    int m_stops = 0;
 };
 
 } // namespace sim

@@ -48,6 +48,7 @@ private slots:
     void faultCodeShowsInTheStatusBlock();
     void objectStopsTheFingers();
     void restartMakesTheGripperBoot();
+    void showTellsWhatRunsInsteadOfTheFirmware();
     void plugAndUnplugFollowTheLine();
     void showListsEverythingAndEndsWithOk();
     void helpListsEveryCommandAndFault();
@@ -198,6 +199,19 @@ void TestSimulatorCommands::restartMakesTheGripperBoot()
     QVERIFY(bench.simulator.gripper(3) != nullptr);
 }
 
+void TestSimulatorCommands::showTellsWhatRunsInsteadOfTheFirmware()
+{
+    Bench bench;
+    bench.simulator.gripper(9)->restartIntoBootloader();
+    bench.timeline.advanceMs(300);
+    QVERIFY(bench.execute("show").at(1).endsWith(QLatin1String("year=2024 bootloader")));
+    bench.simulator.gripper(9)->die();
+    QVERIFY(bench.execute("show").at(1).endsWith(QLatin1String("year=2024 dead")));
+    QCOMPARE(bench.answer("restart 9"), QStringLiteral("ok"));
+    bench.timeline.advanceMs(800);
+    QVERIFY(bench.execute("show").at(1).endsWith(QLatin1String("year=2024")));
+}
+
 void TestSimulatorCommands::plugAndUnplugFollowTheLine()
 {
     Bench bench;
@@ -225,11 +239,15 @@ void TestSimulatorCommands::helpListsEveryCommandAndFault()
 {
     Bench bench;
     const QString help = bench.answer("help");
-    const char *const names[] = {
-        "add",      "remove",    "fault",     "clear",         "set",   "pin",    "release",
-        "get",      "object",    "faultcode", "restart",       "show",  "unplug", "plug",
-        "help",     "quit",      "deaf",      "silent",        "late",  "badCrc", "truncated",
-        "trailing", "exception", "wrongId",   "wrongFunction", "noise", "echo"};
+    const char *const names[] = {"add",           "remove",    "fault",     "clear",
+                                 "set",           "pin",       "release",   "get",
+                                 "object",        "faultcode", "restart",   "show",
+                                 "unplug",        "plug",      "help",      "quit",
+                                 "deaf",          "silent",    "late",      "badCrc",
+                                 "truncated",     "trailing",  "exception", "wrongId",
+                                 "wrongFunction", "noise",     "echo",      "silentBootloader",
+                                 "nackWrite",     "badVerify", "refuseGo",  "diesDuringWrite",
+                                 "doubleAck"};
     for (const char *name : names)
         QVERIFY2(help.contains(QStringLiteral("\n  %1 ").arg(QLatin1String(name))) ||
                      help.startsWith(QStringLiteral("  %1 ").arg(QLatin1String(name))),
@@ -250,6 +268,7 @@ void TestSimulatorCommands::optionsDescribeTheLine()
     const ProgramOptions options = optionsOf(
         "--gripper 9=TA3-1.6.14 --gripper 2=TE1-2.0.2 --serial 9=ABC-0042 --year 2=2021 "
         "--object 9=140 --link /tmp/line --boot-ms 100 --activation-ms 200 --seed 7 --mode 666 "
+        "--bootloader-boot-ms 50 --bootloader-bps 19200 "
         "--trace-file /tmp/trace --quit-at-eof");
     QCOMPARE(options.outcome, ProgramOptions::Outcome::Run);
     QCOMPARE(options.grippers.size(), 2);
@@ -260,6 +279,8 @@ void TestSimulatorCommands::optionsDescribeTheLine()
     QCOMPARE(options.config.linkPath, QStringLiteral("/tmp/line"));
     QCOMPARE(options.config.timing.bootMs, 100);
     QCOMPARE(options.config.timing.activationMs, 200);
+    QCOMPARE(options.config.timing.bootloaderBootMs, 50);
+    QCOMPARE(options.config.timing.bootloaderBitsPerSecond, 19200);
     QCOMPARE(options.config.seed, 7U);
     QCOMPARE(options.config.portMode, 0666U);
     QVERIFY(options.trace);
@@ -290,6 +311,8 @@ void TestSimulatorCommands::badOptionsAreRefused_data()
                                 "--gripper 9=TA3-1.6.14 --object 9=300",
                                 "--object 9=100",
                                 "--boot-ms soon",
+                                "--bootloader-boot-ms -1",
+                                "--bootloader-bps fast",
                                 "--mode 999",
                                 "--mode 0",
                                 "--seed -1",

@@ -208,6 +208,9 @@ void TestSimulatorFaults::textOfAFaultReadsBackAsTheSameFault_data()
         {"exception 2 6 on writes", "exception 2 6 on writes"},
         {"deaf on 0x7d0", "deaf always on 2000"},
         {"truncated 1 on reads", "truncated 1 3 on reads"},
+        {"nackwrite 2", "nackWrite 2"},
+        {"diesDuringWrite 1 5", "diesDuringWrite 1 5"},
+        {"diesDuringWrite", "diesDuringWrite always 3"},
     };
     for (const auto &row : rows)
         QTest::newRow(row[0]) << QString::fromLatin1(row[0]) << QString::fromLatin1(row[1]);
@@ -242,7 +245,10 @@ void TestSimulatorFaults::wordsThatAreNoFaultAreRefused_data()
                                 "silent on 70000",
                                 "late 5%% 80",
                                 "",
-                                "exception 1 256"};
+                                "exception 1 256",
+                                "refuseGo 1 2",
+                                "nackWrite always on writes",
+                                "diesDuringWrite 1 0"};
     for (const char *row : rows)
         QTest::newRow(row) << QString::fromLatin1(row);
 }

@@ -31,7 +31,6 @@ private slots:
     void storedSlaveIdCountsFromTheRestartOn();
     void slaveIdOutsideTheRangeIsRefused();
     void speedLimitNeedsItsCommandWord();
-    void bootloaderCommandsAreRefused();
     void bootingGripperIsSilentForTheBootTime();
     void restartDuringABootBeginsItAnew();
     void pinnedRegisterReadsItsPinWhateverIsWritten();
@@ -244,13 +243,6 @@ void TestSimulatorProtocol::speedLimitNeedsItsCommandWord()
     QCOMPARE(registers.write(438, {131, 60}), sim::ModbusException::IllegalValue);
     QCOMPARE(registers.write(439, {60}), sim::ModbusException::IllegalValue);
     QCOMPARE(registers.read(439, 1), QVector<quint16>{100});
-}
-
-void TestSimulatorProtocol::bootloaderCommandsAreRefused()
-{
-    SimulatorBench bench;
-    QCOMPARE(bench.ask("09 10 01 90 00 01 02 35 00 db 50"), QByteArray("09 90 03 8d c3"));
-    QVERIFY(!bench.gripper.isBooting());
 }
 
 void TestSimulatorProtocol::bootingGripperIsSilentForTheBootTime()

@@ -1,0 +1,295 @@
+#include "bootloaderprotocol.h"
+
+#include "bootloadercodes.h"
+#include "faultplan.h"
+#include "flashmemory.h"
+
+namespace sim {
+
+namespace {
+constexpr quint8 kAll = 0xFF;
+constexpr quint8 kSpecialWords = 0xFF; ///< first byte of a word that stands for many sectors
+constexpr int kAddressLength = 5;
+constexpr int kWordAlignment = 4;
+constexpr quint8 kByteMask = 0xFF;
+
+quint8 byteAt(const QByteArray &bytes, int offset)
+{
+    return static_cast<quint8>(bytes.at(offset));
+}
+
+QByteArray single(quint8 byte)
+{
+    return QByteArray(1, static_cast<char>(byte));
+}
+
+QByteArray acknowledge()
+{
+    return single(boot::kAcknowledge);
+}
+
+QByteArray refuse()
+{
+    return single(boot::kRefuse);
+}
+
+quint8 checksumOf(const QByteArray &bytes)
+{
+    quint8 sum = 0;
+    for (const char byte : bytes)
+        sum = static_cast<quint8>(sum ^ static_cast<quint8>(byte));
+    return sum;
+}
+
+/// Whether the last byte is the checksum of all before it.
+bool isSound(const QByteArray &bytes)
+{
+    return checksumOf(bytes) == 0;
+}
+
+bool isComplemented(const QByteArray &pair)
+{
+    return (byteAt(pair, 0) ^ byteAt(pair, 1)) == kByteMask;
+}
+
+quint32 numberIn(const QByteArray &bytes, int offset, int width)
+{
+    quint32 number = 0;
+    for (int i = 0; i < width; ++i)
+        number = number << 8 | byteAt(bytes, offset + i);
+    return number;
+}
+
+int lengthOfSectors(const QByteArray &pending, int width)
+{
+    if (pending.size() < width)
+        return width;
+    const bool isSpecial =
+        width == 1 ? byteAt(pending, 0) == kAll : numberIn(pending, 0, width) >= 0xFFF0;
+    const int count = isSpecial ? 0 : static_cast<int>(numberIn(pending, 0, width)) + 1;
+    return width * (1 + count) + 1;
+}
+} // namespace
+
+using Self = BootloaderProtocol;
+
+const Self::Command Self::__commands[] = {
+    {boot::kGet, Step::Command, &Self::describeCommands},
+    {boot::kGetVersion, Step::Command, &Self::describeVersion},
+    {boot::kGetId, Step::Command, &Self::describeProduct},
+    {boot::kReadMemory, Step::Address, &Self::justAcknowledge},
+    {boot::kGo, Step::Address, &Self::justAcknowledge},
+    {boot::kWriteMemory, Step::Address, &Self::justAcknowledge},
+    {boot::kErase, Step::Sectors, &Self::justAcknowledge},
+    {boot::kExtendedErase, Step::WideSectors, &Self::justAcknowledge},
+};
+
+BootloaderProtocol::BootloaderProtocol(const BootloaderKind &kind, FlashMemory &flash,
+                                       FaultPlan &faults)
+    : m_kind(kind)
+    , m_flash(flash)
+    , m_faults(faults)
+{
+}
+
+void BootloaderProtocol::reset()
+{
+    m_step = Step::Synchronisation;
+    m_event = Event::None;
+    m_pending.clear();
+    m_blocks = 0;
+}
+
+QByteArray BootloaderProtocol::take(quint8 byte)
+{
+    m_event = Event::None;
+    m_pending.append(static_cast<char>(byte));
+    if (m_pending.size() < wantedLength())
+        return QByteArray();
+    const QByteArray bytes = m_pending;
+    m_pending.clear();
+    return takeWhole(bytes);
+}
+
+int BootloaderProtocol::wantedLength() const
+{
+    switch (m_step) {
+    case Step::Synchronisation:
+        return 1;
+    case Step::Command:
+    case Step::ReadCount:
+        return 2;
+    case Step::Address:
+        return kAddressLength;
+    case Step::Block:
+        return byteAt(m_pending, 0) + 3;
+    case Step::Sectors:
+        return lengthOfSectors(m_pending, 1);
+    case Step::WideSectors:
+        return lengthOfSectors(m_pending, 2);
+    }
+    return 1;
+}
+
+QByteArray BootloaderProtocol::takeWhole(const QByteArray &bytes)
+{
+    const Step step = m_step;
+    // What is refused, and what is done, leads back to the next command.
+    m_step = Step::Command;
+    switch (step) {
+    case Step::Synchronisation:
+        if (byteAt(bytes, 0) == boot::kSynchronise)
+            return acknowledge();
+        m_step = Step::Synchronisation;
+        return QByteArray();
+    case Step::Command:
+        return takeCommand(bytes);
+    case Step::Address:
+        return takeAddress(bytes);
+    case Step::ReadCount:
+        return takeReadCount(bytes);
+    case Step::Block:
+        return takeBlock(bytes);
+    case Step::Sectors:
+        return takeSectors(bytes, 1);
+    case Step::WideSectors:
+        return takeSectors(bytes, 2);
+    }
+    return QByteArray();
+}
+
+QByteArray BootloaderProtocol::takeCommand(const QByteArray &bytes)
+{
+    if (!isComplemented(bytes))
+        return refuse();
+    for (const Command &command : __commands) {
+        if (command.code != byteAt(bytes, 0))
+            continue;
+        m_command = command.code;
+        m_step = command.next;
+        return (this->*command.answer)();
+    }
+    return refuse();
+}
+
+QByteArray BootloaderProtocol::takeAddress(const QByteArray &bytes)
+{
+    if (!isSound(bytes))
+        return refuse();
+    m_address = numberIn(bytes, 0, kAddressLength - 1);
+    if (m_command == boot::kReadMemory)
+        return acceptAddress(Step::ReadCount, m_flash.contains(m_address, 1));
+    if (m_command == boot::kWriteMemory)
+        return acceptAddress(Step::Block, m_flash.isWritable(m_address, kWordAlignment) &&
+                                              m_address % kWordAlignment == 0);
+    return go();
+}
+
+QByteArray BootloaderProtocol::acceptAddress(Step next, bool isAllowed)
+{
+    if (!isAllowed)
+        return refuse();
+    m_step = next;
+    return acknowledge();
+}
+
+QByteArray BootloaderProtocol::go()
+{
+    if (m_address != m_kind.firmwareStart || m_faults.strike(FaultKind::RefuseGo))
+        return refuse();
+    m_event = Event::Start;
+    return acknowledge();
+}
+
+QByteArray BootloaderProtocol::takeReadCount(const QByteArray &bytes)
+{
+    const int count = byteAt(bytes, 0) + 1;
+    if (!isComplemented(bytes) || !m_flash.contains(m_address, count))
+        return refuse();
+    return acknowledge() + m_flash.read(m_address, count);
+}
+
+QByteArray BootloaderProtocol::takeBlock(const QByteArray &bytes)
+{
+    QByteArray data = bytes.mid(1, bytes.size() - 2);
+    const bool isAllowed =
+        data.size() % kWordAlignment == 0 && m_flash.isWritable(m_address, data.size());
+    if (!isSound(bytes) || !isAllowed || m_faults.strike(FaultKind::NackWrite))
+        return refuse();
+    ++m_blocks;
+    if (diesNow()) {
+        m_flash.write(m_address, data.left(data.size() / 2));
+        m_event = Event::Die;
+        return QByteArray();
+    }
+    if (m_faults.strike(FaultKind::BadVerify))
+        data[data.size() - 1] = static_cast<char>(~data.at(data.size() - 1));
+    m_flash.write(m_address, data);
+    return acknowledge();
+}
+
+bool BootloaderProtocol::diesNow()
+{
+    const std::optional<int> block = m_faults.valueOf(FaultKind::DiesDuringWrite);
+    return block == m_blocks && m_faults.strike(FaultKind::DiesDuringWrite);
+}
+
+QByteArray BootloaderProtocol::takeSectors(const QByteArray &bytes, int width)
+{
+    if (!isSound(bytes))
+        // The count that means all sectors has its complement behind it, not itself.
+        return width == 1 && byteAt(bytes, 0) == kAll && byteAt(bytes, 1) == 0
+                   ? eraseSectors(bytes.left(width), width)
+                   : refuse();
+    return eraseSectors(bytes.chopped(1), width);
+}
+
+/// All or nothing: a sector that cannot be erased refuses the others too.
+QByteArray BootloaderProtocol::eraseSectors(const QByteArray &sectors, int width)
+{
+    if (sectors.size() == width) {
+        // Of the words that stand for many only the one for all sectors is known here.
+        if (sectors != QByteArray(width, static_cast<char>(kSpecialWords)))
+            return refuse();
+        m_flash.eraseAll();
+        return acknowledge();
+    }
+    for (int offset = width; offset < sectors.size(); offset += width) {
+        if (!m_flash.isErasable(static_cast<int>(numberIn(sectors, offset, width))))
+            return refuse();
+    }
+    for (int offset = width; offset < sectors.size(); offset += width)
+        m_flash.erase(static_cast<int>(numberIn(sectors, offset, width)));
+    return acknowledge();
+}
+
+QByteArray BootloaderProtocol::justAcknowledge() const
+{
+    return acknowledge();
+}
+
+QByteArray BootloaderProtocol::describeCommands() const
+{
+    QByteArray list = single(m_kind.version);
+    for (const Command &command : __commands) {
+        const bool isOtherErase = command.next != Step::Address && command.next != Step::Command &&
+                                  command.code != m_kind.eraseCommand;
+        if (!isOtherErase)
+            list.append(static_cast<char>(command.code));
+    }
+    return acknowledge() + single(static_cast<quint8>(list.size() - 1)) + list + acknowledge();
+}
+
+QByteArray BootloaderProtocol::describeVersion() const
+{
+    // Two bytes of options that no bootloader uses any more.
+    return acknowledge() + single(m_kind.version) + QByteArray(2, '\0') + acknowledge();
+}
+
+QByteArray BootloaderProtocol::describeProduct() const
+{
+    return acknowledge() + single(1) + single(boot::kProductId >> 8) +
+           single(boot::kProductId & kByteMask) + acknowledge();
+}
+
+} // namespace sim

@@ -1,0 +1,677 @@
+#include "bootloaderkind.h"
+#include "faulttext.h"
+#include "framelog.h"
+#include "tst_simulatorbench.h"
+
+#include <QTest>
+
+// The bytes come from elsewhere: those of the master were recorded from stm32flash 0.7, those of
+// the bootloader follow the application note AN3155, checksums worked out by hand; the CRCs of
+// Modbus frames come from a few lines of Python.
+namespace {
+const char *const kAck = "79";
+const char *const kNack = "1f";
+const char *const kReadVersion = "09 03 01 f4 00 03 44 8d";
+const char *const kIntoRom = "09 10 01 90 00 01 02 2a 00 d3 60";
+const char *const kIntoOwn = "09 10 01 90 00 01 02 35 00 db 50";
+const char *const kResetAnswer = "09 10 01 90 00 01 01 50";
+constexpr int kRomBaud = 19200;
+constexpr int kOwnBaud = 115200;
+
+/// A gripper that has arrived in its bootloader.
+struct BootloaderBench : SimulatorBench
+{
+    explicit BootloaderBench(const char *version = "TA3-1.6.13")
+        : SimulatorBench(version)
+        , baudRate(gripper.bootloader().baudRate)
+    {
+        enter();
+    }
+
+    void enter()
+    {
+        gripper.restartIntoBootloader();
+        timeline.advanceMs(300);
+    }
+
+    QByteArray tell(const char *hex) { return ask(hex, baudRate); }
+    void synchronise() { QCOMPARE(tell("7f"), QByteArray(kAck)); }
+
+    void misbehave(const char *words)
+    {
+        QString error;
+        const auto fault =
+            sim::parseFault(QString::fromLatin1(words).split(QLatin1Char(' ')), &error);
+        QVERIFY2(fault.has_value(), qPrintable(error));
+        gripper.faults().set(*fault);
+    }
+
+    int baudRate;
+};
+
+QByteArray withChecksum(const QByteArray &bytes)
+{
+    char sum = 0;
+    for (const char byte : bytes)
+        sum = static_cast<char>(sum ^ byte);
+    return bytes + sum;
+}
+
+QByteArray addressBytes(quint32 address)
+{
+    QByteArray bytes;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        bytes.append(static_cast<char>(address >> shift & 0xFF));
+    return withChecksum(bytes);
+}
+
+/// What a flashing tool sends, in the order in which it sends it; each piece is acknowledged.
+QList<QByteArray> upgradePieces(quint32 start, const QByteArray &eraseAll, const QByteArray &image)
+{
+    QList<QByteArray> pieces{QByteArray::fromHex("7f")};
+    pieces << (eraseAll.size() == 2 ? QByteArray::fromHex("43bc") : QByteArray::fromHex("44bb"))
+           << eraseAll;
+    for (int offset = 0; offset < image.size(); offset += 256) {
+        const QByteArray block = image.mid(offset, 256);
+        const auto count = static_cast<char>(block.size() - 1);
+        pieces << QByteArray::fromHex("31ce") << addressBytes(start + static_cast<quint32>(offset))
+               << withChecksum(count + block);
+    }
+    pieces << QByteArray::fromHex("21de") << addressBytes(start);
+    return pieces;
+}
+
+QList<QByteArray> upgradePieces(const BootloaderBench &bench, const QString &version)
+{
+    const bool isRom = bench.baudRate == kRomBaud;
+    return upgradePieces(bench.gripper.bootloader().firmwareStart,
+                         QByteArray::fromHex(isRom ? "ffff00" : "ff00"),
+                         sim::FirmwareImage::make(version, 1024));
+}
+
+/// How many of the pieces were acknowledged before the first that was not.
+int send(BootloaderBench &bench, const QList<QByteArray> &pieces)
+{
+    int count = 0;
+    for (const QByteArray &piece : pieces) {
+        if (bench.tell(piece.toHex().constData()) != kAck)
+            return count;
+        ++count;
+    }
+    return count;
+}
+
+using State = sim::SimulatedGripper::State;
+} // namespace
+
+class TestSimulatorBootloader : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void resetWordLeadsIntoTheOneBootloaderThatThereIs_data();
+    void resetWordLeadsIntoTheOneBootloaderThatThereIs();
+    void otherWordsAreStillRefused();
+    void bootloaderBootsSilentlyForItsTime();
+    void synchronisationIsHeardAtTheRightRateOnly_data();
+    void synchronisationIsHeardAtTheRightRateOnly();
+    void nothingElseSynchronises();
+    void secondSynchronisationCountsAsHalfACommandAndIsRefusedWithTheThird();
+    void requestIsAnswered_data();
+    void requestIsAnswered();
+    void unsoundRequestIsRefused_data();
+    void unsoundRequestIsRefused();
+    void refusedRequestLeavesTheNextOneAlone();
+    void writtenBytesAreReadBack();
+    void blockWithAWrongChecksumIsNotWritten();
+    void writingClearsBitsAndOnlyErasingSetsThem();
+    void erasingTouchesTheNamedSectorsOnly();
+    void eraseIsAllOrNothing();
+    void ownBootloaderCannotBeOverwritten();
+    void upgradeEndsInTheNewFirmware_data();
+    void upgradeEndsInTheNewFirmware();
+    void goElsewhereIsRefused();
+    void goWithoutValidFirmwareComesBackInTheBootloader();
+    void storedSlaveIdCountsAfterAnUpgrade();
+    void powerCutIsSurvivedByASecondAttempt_data();
+    void powerCutIsSurvivedByASecondAttempt();
+    void silentBootloaderIsSilentThatOften();
+    void nackedBlockIsNotWritten();
+    void badVerifyStoresTheLastByteInverted();
+    void refusedGoLeavesItInTheBootloader();
+    void dyingGripperWritesHalfABlockAndIsDeadUntilRestarted();
+    void doubledAcknowledgeHasTwoBytes();
+    void bootloaderFaultsAreNotUsedUpByModbusRequests();
+    void bytesTakeTheirTimeWhenThatIsWanted();
+    void whatWasUnderWayDiesWithThePower();
+    void traceTellsTheRateOfWhatIsNoModbus();
+    void imageFromElsewhereIsRecognised();
+    void spoiltImageIsNoFirmware_data();
+    void spoiltImageIsNoFirmware();
+    void imageHasTheSizeAskedFor();
+};
+
+void TestSimulatorBootloader::resetWordLeadsIntoTheOneBootloaderThatThereIs_data()
+{
+    QTest::addColumn<QByteArray>("version");
+    QTest::addColumn<QByteArray>("word");
+    QTest::addColumn<int>("baudRate");
+    for (const char *version : {"TA3-1.6.13", "TB1-1.4.2"}) {
+        QTest::addRow("%s own", version) << QByteArray(version) << QByteArray(kIntoOwn) << kRomBaud;
+        QTest::addRow("%s rom", version) << QByteArray(version) << QByteArray(kIntoRom) << kRomBaud;
+    }
+    for (const char *version : {"TE1-2.0.1", "TF1-2.0.1"}) {
+        QTest::addRow("%s own", version) << QByteArray(version) << QByteArray(kIntoOwn) << kOwnBaud;
+        QTest::addRow("%s rom", version) << QByteArray(version) << QByteArray(kIntoRom) << kOwnBaud;
+    }
+}
+
+void TestSimulatorBootloader::resetWordLeadsIntoTheOneBootloaderThatThereIs()
+{
+    QFETCH(QByteArray, version);
+    QFETCH(QByteArray, word);
+    QFETCH(int, baudRate);
+    SimulatorBench bench(version.constData());
+    QCOMPARE(bench.ask(word.constData()), QByteArray(kResetAnswer));
+    bench.timeline.advanceMs(300);
+    QCOMPARE(bench.gripper.state(), State::Bootloader);
+    QCOMPARE(bench.ask("7f", baudRate), QByteArray(kAck));
+}
+
+void TestSimulatorBootloader::otherWordsAreStillRefused()
+{
+    SimulatorBench bench;
+    // 0x3501 at register 400.
+    QCOMPARE(bench.ask("09 10 01 90 00 01 02 35 01 1a 90"), QByteArray("09 90 03 8d c3"));
+    QCOMPARE(bench.gripper.state(), State::Firmware);
+}
+
+void TestSimulatorBootloader::bootloaderBootsSilentlyForItsTime()
+{
+    SimulatorBench bench;
+    bench.gripper.restartIntoBootloader();
+    bench.timeline.advanceMs(299);
+    QCOMPARE(bench.ask("7f", kRomBaud), QByteArray());
+    QVERIFY(bench.gripper.isBooting());
+    bench.timeline.advanceMs(1);
+    QCOMPARE(bench.ask("7f", kRomBaud), QByteArray(kAck));
+}
+
+void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly_data()
+{
+    QTest::addColumn<QByteArray>("version");
+    QTest::addColumn<int>("wrong");
+    QTest::addColumn<int>("right");
+    QTest::newRow("rom") << QByteArray("TA3-1.6.13") << kOwnBaud << kRomBaud;
+    QTest::newRow("own") << QByteArray("TE1-2.0.1") << kRomBaud << kOwnBaud;
+}
+
+void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly()
+{
+    QFETCH(QByteArray, version);
+    QFETCH(int, wrong);
+    QFETCH(int, right);
+    BootloaderBench bench(version.constData());
+    QCOMPARE(bench.ask("7f", wrong), QByteArray());
+    QCOMPARE(bench.ask("7f", 57600), QByteArray());
+    QCOMPARE(bench.ask("7f", right), QByteArray(kAck));
+}
+
+void TestSimulatorBootloader::nothingElseSynchronises()
+{
+    BootloaderBench bench("TE1-2.0.1");
+    QCOMPARE(bench.tell("00 ff"), QByteArray());
+    QCOMPARE(bench.tell(kReadVersion), QByteArray());
+    QCOMPARE(bench.tell("7f"), QByteArray(kAck));
+}
+
+void TestSimulatorBootloader::secondSynchronisationCountsAsHalfACommandAndIsRefusedWithTheThird()
+{
+    BootloaderBench bench;
+    QCOMPARE(bench.tell("7f"), QByteArray(kAck));
+    QCOMPARE(bench.tell("7f"), QByteArray());
+    QCOMPARE(bench.tell("7f"), QByteArray(kNack));
+    QCOMPARE(bench.tell("02 fd"), QByteArray("79 01 04 13 79"));
+}
+
+void TestSimulatorBootloader::requestIsAnswered_data()
+{
+    QTest::addColumn<QByteArray>("version");
+    QTest::addColumn<QByteArray>("request");
+    QTest::addColumn<QByteArray>("answer");
+    const QByteArray rom("TA3-1.6.13");
+    const QByteArray own("TE1-2.0.1");
+    QTest::newRow("get, rom") << rom << QByteArray("00 ff")
+                              << QByteArray("79 07 31 00 01 02 11 21 31 44 79");
+    QTest::newRow("get, own") << own << QByteArray("00 ff")
+                              << QByteArray("79 07 22 00 01 02 11 21 31 43 79");
+    QTest::newRow("get version") << rom << QByteArray("01 fe") << QByteArray("79 31 00 00 79");
+    QTest::newRow("get id") << rom << QByteArray("02 fd") << QByteArray("79 01 04 13 79");
+    QTest::newRow("read") << rom << QByteArray("11 ee 08 00 00 00 08 03 fc")
+                          << QByteArray("79 79 79 67 72 69 70");
+    QTest::newRow("erase all, rom") << rom << QByteArray("44 bb ff ff 00") << QByteArray("79 79");
+    QTest::newRow("erase all, own") << own << QByteArray("43 bc ff 00") << QByteArray("79 79");
+    QTest::newRow("the other erase, rom")
+        << rom << QByteArray("43 bc 00 01 01") << QByteArray("79 79");
+    QTest::newRow("the other erase, own")
+        << own << QByteArray("44 bb 00 00 00 08 08") << QByteArray("79 79");
+    QTest::newRow("write") << rom << QByteArray("31 ce 08 00 40 00 48 03 01 02 03 04 07")
+                           << QByteArray("79 79 79");
+}
+
+void TestSimulatorBootloader::requestIsAnswered()
+{
+    QFETCH(QByteArray, version);
+    QFETCH(QByteArray, request);
+    QFETCH(QByteArray, answer);
+    BootloaderBench bench(version.constData());
+    bench.synchronise();
+    QCOMPARE(bench.tell(request.constData()), answer);
+}
+
+void TestSimulatorBootloader::unsoundRequestIsRefused_data()
+{
+    QTest::addColumn<QByteArray>("request");
+    QTest::addColumn<QByteArray>("answer");
+    QTest::newRow("no complement") << QByteArray("00 fe") << QByteArray("1f");
+    QTest::newRow("unknown command") << QByteArray("63 9c") << QByteArray("1f");
+    QTest::newRow("wrong checksum of an address")
+        << QByteArray("11 ee 08 00 00 00 09") << QByteArray("79 1f");
+    QTest::newRow("read of what is no flash")
+        << QByteArray("11 ee 20 00 00 00 20") << QByteArray("79 1f");
+    QTest::newRow("read below the flash")
+        << QByteArray("11 ee 00 00 00 00 00") << QByteArray("79 1f");
+    QTest::newRow("read beyond the flash")
+        << QByteArray("11 ee 08 0f ff fc 04 07 f8") << QByteArray("79 79 1f");
+    QTest::newRow("write of what is no flash")
+        << QByteArray("31 ce 08 10 00 00 18") << QByteArray("79 1f");
+    QTest::newRow("write between words")
+        << QByteArray("31 ce 08 00 00 02 0a") << QByteArray("79 1f");
+    QTest::newRow("count without complement")
+        << QByteArray("11 ee 08 00 00 00 08 03 fd") << QByteArray("79 79 1f");
+    QTest::newRow("block of half a word")
+        << QByteArray("31 ce 08 00 40 00 48 01 01 02 02") << QByteArray("79 79 1f");
+    QTest::newRow("sector that is not there")
+        << QByteArray("44 bb 00 00 00 0c 0c") << QByteArray("79 1f");
+    QTest::newRow("wrong checksum of sectors")
+        << QByteArray("44 bb 00 00 00 01 00") << QByteArray("79 1f");
+    QTest::newRow("erase of a bank") << QByteArray("44 bb ff fe 01") << QByteArray("79 1f");
+    QTest::newRow("go with a wrong checksum")
+        << QByteArray("21 de 08 00 00 00 00") << QByteArray("79 1f");
+}
+
+void TestSimulatorBootloader::unsoundRequestIsRefused()
+{
+    QFETCH(QByteArray, request);
+    QFETCH(QByteArray, answer);
+    BootloaderBench bench;
+    bench.synchronise();
+    QCOMPARE(bench.tell(request.constData()), answer);
+    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+}
+
+void TestSimulatorBootloader::refusedRequestLeavesTheNextOneAlone()
+{
+    BootloaderBench bench;
+    bench.synchronise();
+    QCOMPARE(bench.tell("00 00"), QByteArray(kNack));
+    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+}
+
+void TestSimulatorBootloader::writtenBytesAreReadBack()
+{
+    BootloaderBench bench;
+    bench.synchronise();
+    QCOMPARE(bench.tell("31 ce 08 0f ff fc 04 03 a1 b2 c3 d4 07"), QByteArray("79 79 79"));
+    QCOMPARE(bench.tell("11 ee 08 0f ff fc 04 03 fc"), QByteArray("79 79 79 a1 b2 c3 d4"));
+}
+
+void TestSimulatorBootloader::blockWithAWrongChecksumIsNotWritten()
+{
+    BootloaderBench bench;
+    bench.synchronise();
+    QCOMPARE(bench.tell("31 ce 08 00 80 00 88 03 01 02 03 04 00"), QByteArray("79 79 1f"));
+    QCOMPARE(bench.tell("11 ee 08 00 80 00 88 03 fc"), QByteArray("79 79 79 ff ff ff ff"));
+}
+
+void TestSimulatorBootloader::writingClearsBitsAndOnlyErasingSetsThem()
+{
+    BootloaderBench bench;
+    bench.synchronise();
+    bench.tell("31 ce 08 00 80 00 88 03 f0 f0 f0 f0 03");
+    bench.tell("31 ce 08 00 80 00 88 03 3c 3c 3c 3c 03");
+    QCOMPARE(bench.tell("11 ee 08 00 80 00 88 03 fc"), QByteArray("79 79 79 30 30 30 30"));
+    // 0x08008000 is the third sector.
+    bench.tell("44 bb 00 00 00 02 02");
+    QCOMPARE(bench.tell("11 ee 08 00 80 00 88 03 fc"), QByteArray("79 79 79 ff ff ff ff"));
+}
+
+void TestSimulatorBootloader::erasingTouchesTheNamedSectorsOnly()
+{
+    BootloaderBench bench;
+    sim::FlashMemory &flash = bench.gripper.flash();
+    flash.eraseAll();
+    const QByteArray zeros(sim::FlashMemory::__size, '\0');
+    flash.write(sim::FlashMemory::__start, zeros);
+    bench.synchronise();
+    // Sectors 1 and 4: 16 KiB from 0x4000, and 64 KiB from 0x10000.
+    QCOMPARE(bench.tell("44 bb 00 01 00 01 00 04 04"), QByteArray("79 79"));
+    QByteArray expected = zeros;
+    expected.replace(0x4000, 0x4000, QByteArray(0x4000, '\xFF'));
+    expected.replace(0x10000, 0x10000, QByteArray(0x10000, '\xFF'));
+    QVERIFY(flash.from(sim::FlashMemory::__start) == expected);
+}
+
+void TestSimulatorBootloader::eraseIsAllOrNothing()
+{
+    BootloaderBench bench;
+    const QByteArray before = bench.gripper.flash().from(sim::FlashMemory::__start);
+    bench.synchronise();
+    QCOMPARE(bench.tell("44 bb 00 01 00 00 00 0c 0d"), QByteArray("79 1f"));
+    QVERIFY(bench.gripper.flash().from(sim::FlashMemory::__start) == before);
+}
+
+void TestSimulatorBootloader::ownBootloaderCannotBeOverwritten()
+{
+    BootloaderBench bench("TE1-2.0.1");
+    bench.synchronise();
+    QCOMPARE(bench.tell("31 ce 08 07 ff fc 0c"), QByteArray("79 1f"));
+    QCOMPARE(bench.tell("31 ce 08 08 00 00 00 03 00 00 00 00 03"), QByteArray("79 79 79"));
+    // Sector 7 ends where the firmware begins.
+    QCOMPARE(bench.tell("43 bc 00 07 07"), QByteArray("79 1f"));
+    QCOMPARE(bench.tell("43 bc 00 08 08"), QByteArray("79 79"));
+}
+
+void TestSimulatorBootloader::upgradeEndsInTheNewFirmware_data()
+{
+    QTest::addColumn<QByteArray>("from");
+    QTest::addColumn<QByteArray>("to");
+    QTest::addColumn<QByteArray>("answer");
+
+    QTest::newRow("rom") << QByteArray("TA3-1.6.13") << QByteArray("TA3-1.6.14")
+                         << QByteArray("09 03 06 54 41 33 01 06 0e ab 8e");
+    QTest::newRow("own") << QByteArray("TE1-2.0.1") << QByteArray("TE1-2.0.2")
+                         << QByteArray("09 03 06 54 45 31 02 00 02 a8 53");
+}
+
+void TestSimulatorBootloader::upgradeEndsInTheNewFirmware()
+{
+    QFETCH(QByteArray, from);
+    QFETCH(QByteArray, to);
+    QFETCH(QByteArray, answer);
+    BootloaderBench bench(from.constData());
+    const QList<QByteArray> pieces = upgradePieces(bench, QString::fromLatin1(to));
+    QCOMPARE(send(bench, pieces), pieces.size());
+    QVERIFY(bench.gripper.isBooting());
+    bench.timeline.advanceMs(800);
+    QCOMPARE(bench.gripper.state(), State::Firmware);
+    QCOMPARE(bench.ask(kReadVersion), answer);
+    QCOMPARE(bench.gripper.identity().versionText(), QString::fromLatin1(to));
+    // It is there to stay.
+    bench.gripper.restart();
+    bench.timeline.advanceMs(800);
+    QCOMPARE(bench.ask(kReadVersion), answer);
+}
+
+void TestSimulatorBootloader::goElsewhereIsRefused()
+{
+    BootloaderBench bench("TE1-2.0.1");
+    bench.synchronise();
+    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 1f"));
+    QCOMPARE(bench.gripper.state(), State::Bootloader);
+    QCOMPARE(bench.tell("21 de 08 08 00 00 00"), QByteArray("79 79"));
+    QVERIFY(bench.gripper.isBooting());
+}
+
+void TestSimulatorBootloader::goWithoutValidFirmwareComesBackInTheBootloader()
+{
+    BootloaderBench bench;
+    bench.synchronise();
+    bench.tell("44 bb ff ff 00");
+    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 79"));
+    bench.timeline.advanceMs(300);
+    QCOMPARE(bench.gripper.state(), State::Bootloader);
+    // It has forgotten the synchronisation.
+    QCOMPARE(bench.tell("01 fe"), QByteArray());
+    bench.synchronise();
+}
+
+void TestSimulatorBootloader::storedSlaveIdCountsAfterAnUpgrade()
+{
+    BootloaderBench bench;
+    bench.gripper.registers().set(434, 0x0104);
+    send(bench, upgradePieces(bench, QStringLiteral("TA3-1.6.14")));
+    bench.timeline.advanceMs(800);
+    QCOMPARE(int(bench.gripper.slaveId()), 4);
+}
+
+void TestSimulatorBootloader::powerCutIsSurvivedByASecondAttempt_data()
+{
+    QTest::addColumn<QByteArray>("from");
+    QTest::addColumn<QByteArray>("to");
+    QTest::addColumn<int>("piece");
+    QTest::addColumn<bool>("isComplete");
+    // An upgrade of 1024 bytes has 17 pieces: 0 synchronises, 1 and 2 erase, 3 to 14 write,
+    // 15 and 16 start. Until the erasing the old firmware is there, after the last block the
+    // new one.
+    for (const int piece : {0, 1, 2, 3, 4, 5, 6, 10, 14, 15, 16}) {
+        const bool isComplete = piece <= 2 || piece >= 15;
+        QTest::addRow("rom, before piece %d", piece)
+            << QByteArray("TA3-1.6.13") << QByteArray("TA3-1.6.14") << piece << isComplete;
+        QTest::addRow("own, before piece %d", piece)
+            << QByteArray("TE1-2.0.1") << QByteArray("TE1-2.0.2") << piece << isComplete;
+    }
+}
+
+void TestSimulatorBootloader::powerCutIsSurvivedByASecondAttempt()
+{
+    QFETCH(QByteArray, from);
+    QFETCH(QByteArray, to);
+    QFETCH(int, piece);
+    QFETCH(bool, isComplete);
+    BootloaderBench bench(from.constData());
+    const QList<QByteArray> pieces = upgradePieces(bench, QString::fromLatin1(to));
+    QCOMPARE(pieces.size(), 17);
+    QCOMPARE(send(bench, pieces.mid(0, piece)), piece);
+    bench.gripper.restart();
+    QCOMPARE(bench.tell(pieces.at(piece).toHex().constData()), QByteArray());
+    bench.timeline.advanceMs(800);
+    QCOMPARE(bench.gripper.state(), isComplete ? State::Firmware : State::Bootloader);
+    bench.enter();
+    QCOMPARE(send(bench, pieces), pieces.size());
+    bench.timeline.advanceMs(800);
+    QCOMPARE(bench.gripper.state(), State::Firmware);
+    QCOMPARE(bench.gripper.identity().versionText(), QString::fromLatin1(to));
+}
+
+void TestSimulatorBootloader::silentBootloaderIsSilentThatOften()
+{
+    BootloaderBench bench;
+    bench.misbehave("silentBootloader 2");
+    QCOMPARE(bench.tell("7f"), QByteArray());
+    QCOMPARE(bench.tell("01 fe"), QByteArray());
+    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+}
+
+void TestSimulatorBootloader::nackedBlockIsNotWritten()
+{
+    BootloaderBench bench;
+    bench.synchronise();
+    bench.misbehave("nackWrite 1");
+    QCOMPARE(bench.tell("31 ce 08 00 80 00 88 03 01 02 03 04 07"), QByteArray("79 79 1f"));
+    QCOMPARE(bench.tell("11 ee 08 00 80 00 88 03 fc"), QByteArray("79 79 79 ff ff ff ff"));
+    QCOMPARE(bench.tell("31 ce 08 00 80 00 88 03 01 02 03 04 07"), QByteArray("79 79 79"));
+}
+
+void TestSimulatorBootloader::badVerifyStoresTheLastByteInverted()
+{
+    BootloaderBench bench;
+    bench.synchronise();
+    bench.misbehave("badVerify 1");
+    QCOMPARE(bench.tell("31 ce 08 00 80 00 88 03 01 02 03 04 07"), QByteArray("79 79 79"));
+    QCOMPARE(bench.tell("11 ee 08 00 80 00 88 03 fc"), QByteArray("79 79 79 01 02 03 fb"));
+}
+
+void TestSimulatorBootloader::refusedGoLeavesItInTheBootloader()
+{
+    BootloaderBench bench;
+    bench.synchronise();
+    bench.misbehave("refuseGo 1");
+    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 1f"));
+    QCOMPARE(bench.gripper.state(), State::Bootloader);
+    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 79"));
+}
+
+void TestSimulatorBootloader::dyingGripperWritesHalfABlockAndIsDeadUntilRestarted()
+{
+    BootloaderBench bench;
+    bench.misbehave("diesDuringWrite 1 2");
+    bench.synchronise();
+    bench.tell("44 bb ff ff 00");
+    QCOMPARE(bench.tell("31 ce 08 00 00 00 08 03 01 02 03 04 07"), QByteArray("79 79 79"));
+    QCOMPARE(bench.tell("31 ce 08 00 00 04 0c 03 05 06 07 08 0f"), QByteArray("79 79"));
+    QCOMPARE(bench.gripper.state(), State::Dead);
+    QCOMPARE(bench.gripper.flash().read(0x08000000, 8), QByteArray::fromHex("010203040506ffff"));
+    bench.timeline.advanceMs(10000);
+    QCOMPARE(bench.tell("7f"), QByteArray());
+    bench.gripper.restart();
+    bench.timeline.advanceMs(300);
+    bench.synchronise();
+}
+
+void TestSimulatorBootloader::doubledAcknowledgeHasTwoBytes()
+{
+    BootloaderBench bench;
+    bench.misbehave("doubleAck");
+    QCOMPARE(bench.tell("7f"), QByteArray("79 79"));
+    QCOMPARE(bench.tell("7f 7f"), QByteArray("1f 1f"));
+    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+}
+
+void TestSimulatorBootloader::bootloaderFaultsAreNotUsedUpByModbusRequests()
+{
+    SimulatorBench bench;
+    QString error;
+    bench.gripper.faults().set(
+        *sim::parseFault({QStringLiteral("nackWrite"), QStringLiteral("1")}, &error));
+    QVERIFY(!bench.ask(kReadVersion).isEmpty());
+    QCOMPARE(bench.gripper.faults().faults().size(), 1);
+}
+
+void TestSimulatorBootloader::bytesTakeTheirTimeWhenThatIsWanted()
+{
+    sim::ManualTimeline timeline;
+    sim::RandomSource random;
+    sim::Line line(timeline);
+    sim::GripperTiming timing;
+    timing.bootloaderBitsPerSecond = 11000;
+    const auto identity = sim::GripperIdentity::fromVersion(9, QStringLiteral("TA3-1.6.13"));
+    sim::SimulatedGripper gripper(9, *identity, timing, line, timeline, random);
+    QByteArray sent;
+    connect(&line, &sim::Line::bytesToMaster, this,
+            [&sent](const QByteArray &bytes) { sent.append(bytes); });
+    gripper.restartIntoBootloader();
+    timeline.advanceMs(300);
+    // Eleven bits a byte: one byte a millisecond, there and back.
+    line.receive(QByteArray::fromHex("7f"), kRomBaud);
+    timeline.advanceMs(1);
+    QCOMPARE(sent, QByteArray());
+    timeline.advanceMs(1);
+    QCOMPARE(sent.toHex(), QByteArray("79"));
+    line.receive(QByteArray::fromHex("02fd"), kRomBaud);
+    timeline.advanceMs(6);
+    QCOMPARE(sent.toHex(), QByteArray("79"));
+    timeline.advanceMs(1);
+    QCOMPARE(sent.toHex(), QByteArray("797901041379"));
+    line.receive(QByteArray::fromHex("21de"), kRomBaud);
+    timeline.advanceMs(3);
+    line.receive(QByteArray::fromHex("0800000008"), kRomBaud);
+    timeline.advanceMs(5);
+    QCOMPARE(gripper.state(), State::Bootloader);
+    timeline.advanceMs(1);
+    QCOMPARE(sent.toHex(), QByteArray("7979010413797979"));
+    QCOMPARE(gripper.state(), State::Booting);
+}
+
+void TestSimulatorBootloader::whatWasUnderWayDiesWithThePower()
+{
+    sim::ManualTimeline timeline;
+    sim::RandomSource random;
+    sim::Line line(timeline);
+    sim::GripperTiming timing;
+    timing.bootloaderBitsPerSecond = 110;
+    const auto identity = sim::GripperIdentity::fromVersion(9, QStringLiteral("TA3-1.6.13"));
+    sim::SimulatedGripper gripper(9, *identity, timing, line, timeline, random);
+    QByteArray sent;
+    connect(&line, &sim::Line::bytesToMaster, this,
+            [&sent](const QByteArray &bytes) { sent.append(bytes); });
+    gripper.restartIntoBootloader();
+    timeline.advanceMs(300);
+    line.receive(QByteArray::fromHex("7f"), kRomBaud);
+    gripper.restart();
+    timeline.advanceMs(2000);
+    QCOMPARE(sent, QByteArray());
+    QCOMPARE(gripper.state(), State::Firmware);
+}
+
+void TestSimulatorBootloader::traceTellsTheRateOfWhatIsNoModbus()
+{
+    BootloaderBench bench;
+    bench.tell("7f");
+    QCOMPARE(bench.seen.size(), 2);
+    QCOMPARE(sim::traceLine(bench.seen.at(0)), QStringLiteral("     300.000 > 7f @19200"));
+    QCOMPARE(sim::traceLine(bench.seen.at(1)), QStringLiteral("     300.000 < 79 @19200"));
+    bench.rest();
+    SimulatorBench other;
+    other.ask(kReadVersion);
+    QCOMPARE(sim::traceLine(other.seen.at(0)),
+             QStringLiteral("       0.000 > 09 03 01 f4 00 03 44 8d"));
+    QCOMPARE(sim::traceLine(other.seen.at(1)),
+             QStringLiteral("       0.000 < 09 03 06 54 41 33 01 06 0e ab 8e"));
+}
+
+namespace {
+/// Put together with Python: the digest is hashlib's, over the three lines and the body "hello".
+QByteArray foreignImage()
+{
+    const QByteArray head = "gripper-simulator firmware\nversion=TB1-1.4.3\nsize=133\n"
+                            "sha1=10ef7bd2bea63e1da4edaa4c40e685d048e1d818\n";
+    return head.leftJustified(128, '\0') + "hello";
+}
+} // namespace
+
+void TestSimulatorBootloader::imageFromElsewhereIsRecognised()
+{
+    QCOMPARE(sim::FirmwareImage::versionIn(foreignImage()), QStringLiteral("TB1-1.4.3"));
+    QCOMPARE(sim::FirmwareImage::versionIn(foreignImage() + QByteArray(100, '\xFF')),
+             QStringLiteral("TB1-1.4.3"));
+}
+
+void TestSimulatorBootloader::spoiltImageIsNoFirmware_data()
+{
+    QTest::addColumn<QByteArray>("flash");
+    QTest::newRow("erased") << QByteArray(1000, '\xFF');
+    QTest::newRow("nothing") << QByteArray();
+    QTest::newRow("cut") << foreignImage().chopped(1);
+    QTest::newRow("body") << foreignImage().replace("hello", "hallo");
+    QTest::newRow("version") << foreignImage().replace("1.4.3", "1.4.4");
+    QTest::newRow("size") << foreignImage().replace("size=133", "size=132");
+    QTest::newRow("head only") << foreignImage().replace("size=133", "size=128").left(128);
+}
+
+void TestSimulatorBootloader::spoiltImageIsNoFirmware()
+{
+    QFETCH(QByteArray, flash);
+    QCOMPARE(sim::FirmwareImage::versionIn(flash), QString());
+}
+
+void TestSimulatorBootloader::imageHasTheSizeAskedFor()
+{
+    QCOMPARE(sim::FirmwareImage::make(QStringLiteral("TF1-2.0.2")).size(), 16384);
+    const QByteArray image = sim::FirmwareImage::make(QStringLiteral("TF1-2.0.2"), 3001);
+    QCOMPARE(image.size(), 3001);
+    QCOMPARE(sim::FirmwareImage::versionIn(image), QStringLiteral("TF1-2.0.2"));
+}
+
+QTEST_GUILESS_MAIN(TestSimulatorBootloader)
+#include "tst_simulatorbootloader.moc"
