@@ -1,0 +1,12 @@
+#include "parentwatch.h"
+
+#include <csignal>
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+bool endWithParent(pid_t parentPid)
+{
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    return ::getppid() == parentPid;
+}
