@@ -26,6 +26,7 @@ class Simulator:
         self._answers = queue.Queue()
         self.requests = []
         self.foreign = []
+        self.foreign_rates = []
         self._frames = threading.Condition()
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
@@ -86,14 +87,20 @@ class Simulator:
             text = line.decode().rstrip("\n")
             words = text.split()
             if len(words) > 2 and words[1] in "<>":
+                # A baud rate stands behind what is no Modbus.
+                rate = int(words.pop()[1:]) if words[-1].startswith("@") else None
+                frame = bytes.fromhex("".join(words[2:]))
                 if words[1] == ">":
-                    self._take_frame(float(words[0]) / 1000, bytes.fromhex("".join(words[2:])))
+                    self._take_frame(float(words[0]) / 1000, frame, rate)
             else:
                 self._answers.put(text)
 
-    def _take_frame(self, at, frame):
-        if frame[1] not in (modbus.READ, modbus.WRITE):
-            self.foreign.append(frame)
+    def _take_frame(self, at, frame, rate):
+        if rate is not None or frame[1:2] not in (bytes([modbus.READ]), bytes([modbus.WRITE])):
+            with self._frames:
+                self.foreign.append(frame)
+                self.foreign_rates.append(rate)
+                self._frames.notify_all()
             return
         request, used = modbus.cut_request(bytearray(frame), at)
         assert request and used == len(frame), frame.hex(" ")
@@ -102,4 +109,5 @@ class Simulator:
             self._frames.notify_all()
 
 
-_WITH_VALUE = {"--object", "--serial", "--year", "--activation-ms", "--boot-ms", "--seed"}
+_WITH_VALUE = {"--object", "--serial", "--year", "--activation-ms", "--boot-ms"}
+_WITH_VALUE |= {"--bootloader-boot-ms", "--bootloader-bps", "--seed"}
