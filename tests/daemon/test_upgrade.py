@@ -1,0 +1,227 @@
+"""The upgrade of a gripper with a stand-in for the flasher: how it is started, heard and ended."""
+
+import contextlib
+import signal
+import time
+
+import pytest
+from harness.daemon import QUIT_LIMIT
+from harness.simulator import Simulator
+from harness.upgrades import (
+    COMMAND, children_of, is_alive, noted_arguments, noted_process, polls_nothing, put_flasher,
+)
+from harness.waiting import eventually
+
+FAMILIES = {
+    "TA": ("TA3-1.6.13", 19200, "firmware/TA3-1.6.14.bin"),
+    "TB": ("TB1-1.4.2", 19200, "firmware/TB1-1.4.3.bin"),
+    "TE": ("TE1-2.0.1", 115200, "firmware/TE1-2.0.2.bin"),
+    "TF": ("TF1-2.0.1", 115200, "firmware/TF1-2.0.2.bin"),
+}
+QUICK_BOOT = ("--boot-ms=200", "--bootloader-boot-ms=100")
+
+
+class Bench:
+    """A simulated gripper 9, a daemon that has found it, and the folder that it runs in."""
+
+    def __init__(self, version, start_daemon, connect, folder):
+        self.folder = folder
+        self.line = Simulator(f"9={version}", *QUICK_BOOT)
+        self.daemon = start_daemon(cwd=folder)
+        self.connect = connect
+
+    def ready(self):
+        self.daemon.wait_until_found(9)
+        self.client = self.connect()
+        self.log_mark = self.daemon.mark()
+        return self
+
+    def messages(self):
+        return self.daemon.messages(self.log_mark)
+
+    def upgrade(self):
+        return self.client.set("UPG 1", timeout=15)
+
+    def wait_for_the_unmuting(self):
+        self.daemon.wait_for_line("unmuteOnUpgradeFinished", self.log_mark)
+
+    def back_to_firmware(self):
+        """The stand-ins flash nothing: the gripper goes on with what it has."""
+        self.line.tell("restart 9")
+
+
+@pytest.fixture
+def make_bench(start_daemon, connect, tmp_path):
+    with contextlib.ExitStack() as lines:
+
+        def make(version="TA3-1.6.13"):
+            bench = Bench(version, start_daemon, connect, tmp_path)
+            lines.enter_context(bench.line)
+            return bench.ready()
+
+        yield make
+
+
+@pytest.mark.parametrize("family", FAMILIES)
+def test_command_line_file_and_rate_of_the_family(make_bench, tmp_path, family):
+    version, rate, file = FAMILIES[family]
+    put_flasher(tmp_path, "exit 0")
+    bench = make_bench(version)
+    assert bench.upgrade() == "ack"
+    assert noted_arguments(tmp_path) == [
+        "-p", "/dev/ttyTool", "-b", str(rate), "-f", file, "-d", "-g",
+    ]
+    bench.wait_for_the_unmuting()
+    expected = [COMMAND.format(rate, file)]
+    # Of one family the start is logged.
+    if family == "TA":
+        expected.append("upgrade started :  true")
+    expected.append("unmuteOnUpgradeFinished")
+    told = [m for m in bench.messages() if m.startswith(("command : ", "upgrade", "unmute"))]
+    # A scan may look at ports with commands of its own.
+    assert [m for m in told if "fuser" not in m] == expected
+
+
+def test_the_firmware_is_polled_again_after_success(make_bench, tmp_path):
+    put_flasher(tmp_path, "exit 0")
+    bench = make_bench()
+    assert bench.upgrade() == "ack"
+    bench.wait_for_the_unmuting()
+    mark = bench.daemon.mark()
+    bench.back_to_firmware()
+    bench.daemon.wait_until_found(9, since=mark)
+    bench.line.wait_until_polled(9, 2)
+    assert bench.client.get("UPG") == "0"
+    assert bench.client.get("DRI") == "RUNNING"
+
+
+@pytest.mark.parametrize(
+    "end", ["exit 1", "exit 5", "exit 255", "kill -KILL $$", "kill -SEGV $$", "kill -TERM $$"]
+)
+def test_polling_goes_on_after_a_flasher_that_fails(make_bench, tmp_path, end):
+    put_flasher(tmp_path, end)
+    bench = make_bench()
+    assert bench.upgrade() == "ack"
+    bench.wait_for_the_unmuting()
+    bench.back_to_firmware()
+    bench.line.wait_until_polled(9, 2)
+    assert bench.client.get("UPG") == "0"
+    assert bench.messages().count("unmuteOnUpgradeFinished") == 1
+
+
+@pytest.mark.parametrize("family", ["TA", "TE"])
+def test_a_missing_flasher_is_acknowledged_and_leaves_polling_muted(make_bench, family):
+    bench = make_bench(FAMILIES[family][0])
+    assert bench.upgrade() == "ack"
+    assert bench.client.get("UPG") == "0"
+    bench.back_to_firmware()
+    assert polls_nothing(bench.line, 1.5)
+    assert "unmuteOnUpgradeFinished" not in bench.messages()
+    assert ("upgrade started :  false" in bench.messages()) == (family == "TA")
+    assert COMMAND.format(*FAMILIES[family][1:]) in bench.messages()
+    assert bench.client.set("MUTE 0") == "ack"
+    bench.line.wait_until_polled(9, 2)
+
+
+def test_a_flasher_that_may_not_be_executed_is_like_a_missing_one(make_bench, tmp_path):
+    put_flasher(tmp_path, "exit 0")
+    (tmp_path / "romflasher").chmod(0o644)
+    bench = make_bench()
+    assert bench.upgrade() == "ack"
+    assert "upgrade started :  false" in bench.messages()
+    assert not (tmp_path / "arguments").exists()
+
+
+def test_a_second_upgrade_is_refused_while_the_first_runs(make_bench, tmp_path):
+    put_flasher(tmp_path, "echo started; while ! [ -e go ]; do sleep 0.05; done")
+    bench = make_bench()
+    assert bench.client.get("UPG") == "0"
+    assert bench.upgrade() == "ack"
+    assert bench.client.get("UPG") == "1"
+    bench.daemon.wait_for_line("started.n", bench.log_mark)
+    mark, foreign = bench.line.mark(), len(bench.line.foreign)
+    started = time.monotonic()
+    assert bench.client.set("UPG 1") == "nak"
+    assert bench.connect().set("UPG 1") == "nak"
+    assert time.monotonic() - started < 0.5
+    # Nothing went over the line for them, nor did a poll.
+    time.sleep(0.3)
+    assert bench.line.since(mark) == []
+    assert len(bench.line.foreign) == foreign
+    assert len([m for m in bench.messages() if m.startswith("command :  \"./rom")]) == 1
+    assert bench.client.get("UPG") == "1"
+    (tmp_path / "go").touch()
+    bench.wait_for_the_unmuting()
+    eventually(lambda: bench.client.get("UPG") == "0")
+
+
+def test_output_and_errors_are_logged_quoted(make_bench, tmp_path):
+    put_flasher(
+        tmp_path,
+        "printf 'one \"two\"\\nthree\\t\\n'; sleep 0.3; printf 'wrong\\n' >&2; sleep 0.3; "
+        "printf 'more\\r\\n'; sleep 0.3",
+    )
+    bench = make_bench()
+    assert bench.upgrade() == "ack"
+    bench.wait_for_the_unmuting()
+    quoted = [m for m in bench.messages() if m.startswith('"')]
+    assert quoted == [r'"one \"two\"\nthree\t\n"', r'"wrong\n"', r'"more\r\n"']
+    for line in bench.daemon.lines[bench.log_mark :]:
+        if "wrong" in line:
+            assert line.startswith("Info: ")
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=["TERM", "INT"])
+def test_a_daemon_stopped_during_flashing_ends_and_leaves_no_flasher(make_bench, tmp_path, number):
+    put_flasher(tmp_path, "trap '' TERM INT; exec sleep 60")
+    bench = make_bench()
+    assert bench.upgrade() == "ack"
+    flasher = noted_process(tmp_path)
+    assert flasher in children_of(bench.daemon.pid)
+    status, seconds = bench.daemon.stop(number)
+    assert status == 0
+    assert seconds < QUIT_LIMIT
+    assert not is_alive(flasher)
+    assert "unmuteOnUpgradeFinished" not in bench.messages()
+
+
+def test_a_client_that_vanishes_during_its_upgrade_changes_nothing(make_bench, tmp_path):
+    put_flasher(tmp_path, "sleep 0.5")
+    bench = make_bench()
+    bench.client.send("SET UPG 1\n")
+    bench.client.reset()
+    other = bench.connect()
+    eventually(lambda: other.get("UPG") == "1")
+    bench.wait_for_the_unmuting()
+    bench.back_to_firmware()
+    bench.line.wait_until_polled(9, 2)
+
+
+def test_an_upgrade_that_finds_no_bootloader_is_refused_and_starts_no_flasher(
+    make_bench, tmp_path
+):
+    put_flasher(tmp_path, "exit 0")
+    bench = make_bench()
+    bench.line.tell("fault 9 silentBootloader always")
+    assert bench.upgrade() == "nak"
+    assert not (tmp_path / "arguments").exists()
+    bench.back_to_firmware()
+    assert polls_nothing(bench.line, 1.5)
+    assert bench.client.get("UPG") == "0"
+
+
+def test_the_last_pair_that_decides_makes_the_reply(make_bench):
+    bench = make_bench()
+    bench.line.tell("fault 9 silentBootloader always")
+    assert bench.client.set("UPG 1 MOD 0", timeout=15) == "ack"
+
+
+def test_the_flasher_has_the_line_for_itself(make_bench, tmp_path):
+    """The port is closed: the flasher may open it for its exclusive use."""
+    put_flasher(tmp_path, "ls -l /proc/$PPID/fd >descriptors; exit 0")
+    bench = make_bench()
+    assert bench.upgrade() == "ack"
+    bench.wait_for_the_unmuting()
+    listed = (tmp_path / "descriptors").read_text()
+    assert "socket:" in listed
+    assert "/dev/pts/" not in listed and "ttyTool" not in listed
