@@ -1,0 +1,214 @@
+"""Grippers sent into their bootloaders: what is written, what is looked for, what is told."""
+
+import contextlib
+import signal
+import time
+
+import pytest
+from harness.daemon import QUIT_LIMIT
+from harness.simulator import Simulator
+from harness.upgrades import polls_nothing
+from harness.waiting import eventually
+
+FINGERS, VACUUM = "9=TA3-1.6.14", "2=TE1-2.0.2"
+ROM, OWN = 0x2A00, 0x3500
+SYNC = b"\x7f"
+
+
+class Bench:
+    def __init__(self, grippers, options, start_daemon, connect):
+        quick = ["--boot-ms=200", "--bootloader-boot-ms=100"]
+        self.line = Simulator(*grippers, *quick, *options)
+        self.ids = [int(g.split("=")[0]) for g in grippers]
+        self.daemon = start_daemon()
+        self.connect = connect
+
+    def ready(self):
+        self.daemon.wait_until_found(*self.ids)
+        self.client = self.connect()
+        return self
+
+    def silence(self):
+        """A quiet line, so that nothing but the jump is on it."""
+        assert self.client.set("MUTE 1") == "ack"
+        eventually(lambda: polls_nothing(self.line, 0.15))
+
+    def jump(self):
+        self.mark, self.foreign_mark = self.line.mark(), len(self.line.foreign)
+        return self.client.set("BLD 1", timeout=20)
+
+    def resets(self):
+        return [(r.slave, r.values) for r in self.line.since(self.mark, lambda r: r.is_write(400))]
+
+    def knocks(self):
+        """(byte, rate) of what is no Modbus since the jump."""
+        since = self.foreign_mark
+        pairs = zip(self.line.foreign[since:], self.line.foreign_rates[since:])
+        return [(data[n : n + 1], rate) for data, rate in pairs for n in range(len(data))]
+
+    def state(self, slave_id):
+        shown = next(s for s in self.line.tell("show") if s.startswith(f"gripper {slave_id} "))
+        last = shown.split()[-1]
+        return "firmware" if "=" in last else last
+
+
+@pytest.fixture
+def make_bench(start_daemon, connect):
+    with contextlib.ExitStack() as lines:
+
+        def make(*grippers, options=()):
+            bench = Bench(grippers or (FINGERS,), options, start_daemon, connect)
+            lines.enter_context(bench.line)
+            return bench.ready()
+
+        yield make
+
+
+@pytest.mark.parametrize(
+    "gripper, word, rate",
+    [
+        ("9=TA3-1.6.14", ROM, 19200),
+        ("9=TB1-1.4.3", ROM, 19200),
+        ("9=TE1-2.0.2", OWN, 115200),
+        ("9=TF1-2.0.2", OWN, 115200),
+    ],
+    ids=["TA", "TB", "TE", "TF"],
+)
+def test_jumps_into_the_bootloader_of_the_family(make_bench, gripper, word, rate):
+    bench = make_bench(gripper)
+    bench.silence()
+    assert bench.jump() == "ack"
+    assert bench.resets() == [(9, [word])]
+    assert set(bench.knocks()) == {(SYNC, rate)}
+    assert bench.state(9) == "bootloader"
+    # The link is closed, and polling is muted.
+    assert not any("/dev/pts/" in name for name in bench.daemon.descriptors())
+    bench.line.tell("restart 9")
+    assert polls_nothing(bench.line, 1.0)
+    assert bench.client.set("MUTE 0") == "ack"
+    bench.line.wait_until_polled(9, 2)
+
+
+def test_a_jump_mutes_polling_by_itself(make_bench):
+    bench = make_bench()
+    assert bench.jump() == "ack"
+    bench.line.tell("restart 9")
+    eventually(lambda: bench.state(9) == "firmware")
+    time.sleep(0.1)
+    assert polls_nothing(bench.line, 1.0)
+
+
+def test_already_in_the_bootloader_is_true_without_reset_or_muting(make_bench):
+    bench = make_bench()
+    bench.silence()
+    assert bench.jump() == "ack"
+    assert bench.jump() == "ack"
+    assert bench.resets() == []
+    assert set(bench.knocks()) == {(SYNC, 19200)}
+    assert bench.client.set("MUTE 0") == "ack"
+    # Unmuted, but away: the gripper is forgotten by the next discovery.
+    eventually(lambda: bench.client.get("SID") == "[]")
+
+
+def test_the_first_reset_value_of_the_process_counts_for_all(make_bench):
+    bench = make_bench(FINGERS, VACUUM)
+    bench.silence()
+    assert bench.jump() == "ack"
+    bench.line.tell("restart 9")
+    eventually(lambda: bench.state(9) == "firmware")
+    assert bench.client.set("MUTE 0") == "ack"
+    bench.daemon.wait_until_found(2, 9, since=bench.daemon.mark())
+    assert bench.client.set("SID 2") == "ack"
+    bench.silence()
+    assert bench.jump() == "ack"
+    # Meant was 0x3500; the rate is that of the gripper's own bootloader all the same.
+    assert bench.resets() == [(2, [ROM])]
+    assert set(bench.knocks()) == {(SYNC, 115200)}
+
+
+def test_a_negative_acknowledge_counts_as_a_bootloader(make_bench):
+    """Once synchronised, the simulated bootloader answers further bytes with 0x1F."""
+    bench = make_bench()
+    bench.silence()
+    assert bench.jump() == "ack"
+    assert bench.jump() == "ack"
+    assert bench.resets() == []
+    # The first byte is taken for half a command, the second makes it a wrong one.
+    assert len(bench.knocks()) == 2
+
+
+def test_an_answer_of_two_bytes_is_none(make_bench):
+    bench = make_bench()
+    bench.silence()
+    bench.line.tell("fault 9 doubleAck always")
+    assert bench.jump() == "nak"
+    assert len(bench.knocks()) == 51
+
+
+def test_a_silent_bootloader_is_refused_after_51_attempts_and_polling_is_muted(make_bench):
+    bench = make_bench()
+    bench.silence()
+    bench.line.tell("fault 9 silentBootloader always")
+    started = time.monotonic()
+    assert bench.jump() == "nak"
+    assert time.monotonic() - started < 51 * 0.1 + 0.5
+    assert bench.knocks() == [(SYNC, 19200)] * 51
+    assert bench.resets() == [(9, [ROM])]
+    bench.line.tell("restart 9")
+    assert polls_nothing(bench.line, 1.0)
+    assert bench.client.set("MUTE 0") == "ack"
+    bench.line.wait_until_polled(9, 2)
+
+
+def test_a_gripper_that_refuses_the_reset_is_not_looked_for(make_bench):
+    """The link is still open then, and looking needs it closed."""
+    bench = make_bench()
+    bench.silence()
+    bench.line.tell("fault 9 exception always 3 on 400")
+    assert bench.jump() == "nak"
+    assert bench.resets() == [(9, [ROM])]
+    assert bench.knocks() == []
+    assert bench.state(9) == "firmware"
+    # Muted even so.
+    assert polls_nothing(bench.line, 0.5)
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=["TERM", "INT"])
+def test_a_quit_signal_during_detection_ends_the_daemon(make_bench, number):
+    bench = make_bench()
+    bench.line.tell("fault 9 silentBootloader always")
+    foreign_mark = len(bench.line.foreign)
+    bench.client.send("SET BLD 1\n")
+    eventually(lambda: len(bench.line.foreign) > foreign_mark + 2)
+    status, seconds = bench.daemon.stop(number)
+    assert status == 0
+    assert seconds < QUIT_LIMIT
+
+
+def test_replies_of_other_clients_are_sent_before_detection_blocks(make_bench):
+    bench = make_bench()
+    bench.silence()
+    bench.line.tell("fault 9 silentBootloader always")
+    for _ in range(2):
+        # Both requests reach the daemon while it waits for the answer of the reset.
+        others = [bench.connect() for _ in range(5)]
+        bench.line.tell("fault 9 late always 35 on 400")
+        mark, foreign_mark = bench.line.mark(), len(bench.line.foreign)
+        bench.client.send("SET BLD 1\n")
+        bench.line.wait_for(lambda r: r.is_write(400), since=mark)
+        for other in others:
+            other.send("GET VER\n")
+        for other in others:
+            assert other.receive_line(1.0) == b"VER MZV-2.0.0\n"
+        assert len(bench.line.foreign) - foreign_mark < 20
+        assert bench.client.receive(3, timeout=15) == b"nak"
+        bench.line.tell("restart 9")
+        mark = bench.daemon.mark()
+        assert bench.client.set("MUTE 0") == "ack"
+        bench.daemon.wait_until_found(9, since=mark)
+        bench.silence()
+
+
+def test_the_last_pair_that_decides_makes_the_reply(make_bench):
+    bench = make_bench()
+    assert bench.client.set("MOD 2 BLD 1", timeout=15) == "ack"
