@@ -1,0 +1,105 @@
+#include "bootloaderend.h"
+
+#include <array>
+#include <csignal>
+#include <poll.h>
+#include <pty.h>
+#include <sys/types.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char synchronisationByte = 0x7F;
+constexpr int idleMs = 20;
+
+} // namespace
+
+BootloaderEnd::BootloaderEnd()
+{
+    termios raw{};
+    ::cfmakeraw(&raw);
+    std::array<char, 64> name{};
+    if (::openpty(&m_lineEnd, &m_portEnd, name.data(), &raw, nullptr) != 0)
+        qFatal("no pseudo-terminal to be had");
+    m_portName = QString::fromLatin1(name.data());
+    m_thread = std::thread([this] { run(); });
+}
+
+BootloaderEnd::~BootloaderEnd()
+{
+    m_ends = true;
+    m_thread.join();
+    ::close(m_lineEnd);
+    ::close(m_portEnd);
+}
+
+void BootloaderEnd::setAnswers(const QList<QByteArray> &answers)
+{
+    const std::lock_guard lock(m_mutex);
+    m_answers = answers;
+    m_knocks.clear();
+    m_otherBytes.clear();
+}
+
+QList<int> BootloaderEnd::knocks() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_knocks;
+}
+
+QByteArray BootloaderEnd::otherBytes() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_otherBytes;
+}
+
+void BootloaderEnd::raiseAtKnock(int knock, int signalNumber)
+{
+    const std::lock_guard lock(m_mutex);
+    m_signalKnock = knock;
+    m_signalNumber = signalNumber;
+}
+
+void BootloaderEnd::run()
+{
+    while (!m_ends) {
+        pollfd line{m_lineEnd, POLLIN, 0};
+        if (::poll(&line, 1, idleMs) <= 0)
+            continue;
+        std::array<char, 64> bytes{};
+        const ssize_t count = ::read(m_lineEnd, bytes.data(), bytes.size());
+        for (ssize_t i = 0; i < count; ++i)
+            hear(bytes[static_cast<std::size_t>(i)]);
+    }
+}
+
+void BootloaderEnd::hear(char byte)
+{
+    const std::lock_guard lock(m_mutex);
+    if (byte != synchronisationByte) {
+        m_otherBytes.append(byte);
+        return;
+    }
+    m_knocks.append(baudRate());
+    if (m_knocks.size() == m_signalKnock)
+        ::kill(::getpid(), m_signalNumber);
+    const QByteArray answer = m_answers.isEmpty() ? QByteArray() : m_answers.takeFirst();
+    if (::write(m_lineEnd, answer.constData(), static_cast<std::size_t>(answer.size())) !=
+        answer.size())
+        qFatal("the line does not take the bytes");
+}
+
+int BootloaderEnd::baudRate() const
+{
+    termios settings{};
+    ::tcgetattr(m_portEnd, &settings);
+    switch (::cfgetospeed(&settings)) {
+    case B19200:
+        return 19200;
+    case B115200:
+        return 115200;
+    default:
+        return 0;
+    }
+}

@@ -1,0 +1,496 @@
+#include "gripperlist.h"
+
+#include "bootloaderend.h"
+#include "logcapture.h"
+#include "scriptedmaster.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+
+namespace {
+
+using Error = KvDeviceBase::KvDeviceError;
+
+constexpr quint16 resetAddress = 400;
+const QByteArray acknowledge("\x79");
+
+// The value that every reset of this process writes: initTestCase() passes it first.
+constexpr quint16 firstCommand = 0x1234;
+const QStringList resetAndClose{QStringLiteral("write 9 400: 0x1234"),
+                                QStringLiteral("disconnect")};
+
+/// A scripted link whose port is the bootloader's.
+class Master : public ScriptedMaster
+{
+public:
+    explicit Master(const QString &portName)
+        : m_portName(portName)
+    {
+    }
+    QString getPortName() const override { return m_portName; }
+
+private:
+    QString m_portName;
+};
+
+} // namespace
+
+/// Upgrades: a gripper on a scripted link, a bootloader at its port, a shell script in the flashing
+/// program's place. The list's own link is open on another port.
+class tst_GripperList : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void cleanupTestCase();
+
+    void familyHasItsBootloader_data();
+    void familyHasItsBootloader();
+    void bootloaderModeIsLookedForAtItsRate_data();
+    void bootloaderModeIsLookedForAtItsRate();
+    void bootloaderModeIsLookedForFiftyOneTimes();
+    void openLinkIsNoBootloaderMode();
+
+    void gripperInItsBootloaderIsNeitherResetNorMuted_data();
+    void gripperInItsBootloaderIsNeitherResetNorMuted();
+    void jumpMutesThePolling_data();
+    void jumpMutesThePolling();
+    void jumpThatFailsMutesThePollingToo_data();
+    void jumpThatFailsMutesThePollingToo();
+
+    void familyIsFlashedWithItsFirmware_data();
+    void familyIsFlashedWithItsFirmware();
+    void gripperInItsBootloaderIsFlashedWithoutMuting();
+    void upgradeOfAnUnknownFamilyFailsAfterTheJump_data();
+    void upgradeOfAnUnknownFamilyFailsAfterTheJump();
+    void upgradeWithoutABootloaderFails();
+    void secondUpgradeIsRefused();
+    void upgradeStatusTellsWhetherTheProgramRuns();
+    void pollingIsUnmutedHoweverTheProgramEnds_data();
+    void pollingIsUnmutedHoweverTheProgramEnds();
+    void missingProgramLeavesThePollingMuted_data();
+    void missingProgramLeavesThePollingMuted();
+    void destructionEndsTheProgramSilently();
+
+    void pendingJumpIsCarriedOutByTheNextTick();
+    void pendingJumpsAreCarriedOutInOrder();
+    void pendingJumpIsHeldBack_data();
+    void pendingJumpIsHeldBack();
+
+private:
+    using LoopStep = GripperList::LoopStep;
+
+    GripperList::Gripper makeGripper(char familyLetter);
+    void addFamilyRows();
+    void writeProgram(const QByteArray &script);
+    QStringList logOf(const char *start) const
+    {
+        return m_log->infosThatStartWith(QString::fromLatin1(start));
+    }
+
+    ModbusConstraintsFactory m_factory;
+    BootloaderEnd m_end;
+    BootloaderEnd m_listEnd;
+    Master m_master{m_end.portName()};
+    QMap<char, GripperList::Gripper> m_families;
+    GripperList::Gripper m_gripper;
+    QString m_workingDirectory;
+    std::unique_ptr<QTemporaryDir> m_directory;
+    std::unique_ptr<LogCapture> m_log;
+    std::unique_ptr<GripperList> m_list;
+};
+
+GripperList::Gripper tst_GripperList::makeGripper(char familyLetter)
+{
+    m_master.setRegisters(9, 500, {static_cast<quint16>(0x5400 | familyLetter), 0x3301, 0x060E});
+    m_master.setRegisters(9, 510, {0x4142, 0x4300, 42, 0});
+    m_master.setRegisters(9, 514, {2024});
+    for (const quint16 counter : {quint16{600}, quint16{602}, quint16{604}})
+        m_master.setRegisters(9, counter, {0, 0});
+    m_master.setRegisters(9, 2000, {0, 0, 0});
+    return GripperList::Gripper::create(m_master, quint16{9});
+}
+
+void tst_GripperList::initTestCase()
+{
+    m_workingDirectory = QDir::currentPath();
+    for (const char familyLetter : {'A', 'B', 'C', 'E', 'F'})
+        m_families.insert(familyLetter, makeGripper(familyLetter));
+    m_gripper = m_families['A'];
+    QVERIFY(m_gripper->resetDeviceToBootloader(firstCommand, false, 0));
+}
+
+void tst_GripperList::init()
+{
+    m_directory = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_directory->isValid());
+    QVERIFY(QDir::setCurrent(m_directory->path()));
+    writeProgram("echo \"$@\" >> called; until test -e end; do sleep 0.01; done; exit 5");
+    m_log = std::make_unique<LogCapture>();
+    m_list = std::make_unique<GripperList>(m_factory, nullptr);
+    m_list->m_stateLoopTimer->stop();
+    m_list->openLink(m_listEnd.portName());
+    QVERIFY(m_list->m_modbus.isConnected());
+    m_master.acknowledgeWrites(resetAddress);
+    m_master.setOpen(true);
+    m_master.takeRequests();
+    m_end.setAnswers({acknowledge});
+    for (const auto &gripper : qAsConst(m_families))
+        gripper->clearError();
+}
+
+void tst_GripperList::cleanup()
+{
+    m_list.reset();
+    QCOMPARE(m_log->warnings(), QStringList());
+    m_log.reset();
+    QDir::setCurrent(m_workingDirectory);
+    m_directory.reset();
+}
+
+void tst_GripperList::cleanupTestCase()
+{
+    m_gripper.reset();
+    m_families.clear();
+}
+
+void tst_GripperList::writeProgram(const QByteArray &script)
+{
+    QFile file(QStringLiteral("romflasher"));
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    QVERIFY(file.write("#!/bin/sh\n" + script + '\n') > 0);
+    QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+}
+
+void tst_GripperList::addFamilyRows()
+{
+    QTest::addColumn<char>("family");
+    QTest::addColumn<int>("baudRate");
+    QTest::addColumn<QString>("file");
+
+    const auto row = [](const char *name, char family, int baudRate, const char *file) {
+        QTest::newRow(name) << family << baudRate << QString::fromLatin1(file);
+    };
+    row("TA", 'A', 19200, "firmware/TA3-1.6.14.bin");
+    row("TB", 'B', 19200, "firmware/TB1-1.4.3.bin");
+    row("TE", 'E', 115200, "firmware/TE1-2.0.2.bin");
+    row("TF", 'F', 115200, "firmware/TF1-2.0.2.bin");
+}
+
+void tst_GripperList::familyHasItsBootloader_data()
+{
+    QTest::addColumn<char>("family");
+    QTest::addColumn<bool>("isRom");
+    QTest::newRow("TA") << 'A' << true;
+    QTest::newRow("TB") << 'B' << true;
+    QTest::newRow("TC") << 'C' << false;
+    QTest::newRow("TE") << 'E' << false;
+    QTest::newRow("TF") << 'F' << false;
+}
+
+void tst_GripperList::familyHasItsBootloader()
+{
+    QFETCH(char, family);
+    QTEST(m_list->hasStBootloader(m_families[family]), "isRom");
+}
+
+void tst_GripperList::bootloaderModeIsLookedForAtItsRate_data()
+{
+    addFamilyRows();
+}
+
+void tst_GripperList::bootloaderModeIsLookedForAtItsRate()
+{
+    QFETCH(char, family);
+    QFETCH(int, baudRate);
+    m_master.setOpen(false);
+    QVERIFY(m_list->isDeviceInBootloaderMode(m_families[family]));
+    QCOMPARE(m_end.knocks(), QList<int>{baudRate});
+    QCOMPARE(m_master.takeRequests(), QStringList());
+}
+
+void tst_GripperList::bootloaderModeIsLookedForFiftyOneTimes()
+{
+    m_master.setOpen(false);
+    m_end.setAnswers({});
+    QVERIFY(!m_list->isDeviceInBootloaderMode(m_gripper));
+    QTRY_COMPARE(m_end.knocks().size(), 51);
+}
+
+void tst_GripperList::openLinkIsNoBootloaderMode()
+{
+    QVERIFY(!m_list->isDeviceInBootloaderMode(m_gripper));
+    QCOMPARE(m_gripper->error(), Error::NotConnectedError);
+    QCOMPARE(m_end.knocks(), QList<int>());
+}
+
+void tst_GripperList::gripperInItsBootloaderIsNeitherResetNorMuted_data()
+{
+    addFamilyRows();
+}
+
+void tst_GripperList::gripperInItsBootloaderIsNeitherResetNorMuted()
+{
+    QFETCH(char, family);
+    QFETCH(int, baudRate);
+    m_master.setOpen(false);
+    QVERIFY(m_list->jumpToBootloader(m_families[family]));
+    QCOMPARE(m_end.knocks(), QList<int>{baudRate});
+    QCOMPARE(m_master.takeRequests(), QStringList());
+    QVERIFY(!m_list->m_muted);
+}
+
+void tst_GripperList::jumpMutesThePolling_data()
+{
+    addFamilyRows();
+}
+
+void tst_GripperList::jumpMutesThePolling()
+{
+    QFETCH(char, family);
+    QFETCH(int, baudRate);
+    QVERIFY(m_list->jumpToBootloader(m_families[family]));
+    QCOMPARE(m_master.takeRequests(), resetAndClose);
+    QCOMPARE(m_end.knocks(), QList<int>{baudRate});
+    QVERIFY(m_list->m_muted);
+}
+
+void tst_GripperList::jumpThatFailsMutesThePollingToo_data()
+{
+    addFamilyRows();
+}
+
+void tst_GripperList::jumpThatFailsMutesThePollingToo()
+{
+    QFETCH(char, family);
+    m_master.refuseWrites(resetAddress, KvModbusAbstract::TimeoutError);
+    QVERIFY(!m_list->jumpToBootloader(m_families[family]));
+    QCOMPARE(m_master.takeRequests(), resetAndClose.mid(0, 1));
+    QCOMPARE(m_end.knocks(), QList<int>());
+    QVERIFY(m_list->m_muted);
+}
+
+void tst_GripperList::familyIsFlashedWithItsFirmware_data()
+{
+    addFamilyRows();
+}
+
+void tst_GripperList::familyIsFlashedWithItsFirmware()
+{
+    QFETCH(char, family);
+    QFETCH(int, baudRate);
+    QFETCH(QString, file);
+    QVERIFY(m_list->upgradeFirmware(m_families[family]));
+    QCOMPARE(m_master.takeRequests(), resetAndClose);
+    QVERIFY(m_list->m_muted);
+    QVERIFY(!m_list->m_modbus.isConnected());
+    QCOMPARE(m_list->getUpgradeStatus(), 1);
+    const QString line =
+        QStringLiteral(
+            R"(command :  "./romflasher" ("-p", "%1", "-b", "%2", "-f", "%3", "-d", "-g"))")
+            .arg(m_listEnd.portName(), QString::number(baudRate), file);
+    QStringList lines{line};
+    if (family == 'A')
+        lines.append(QStringLiteral("upgrade started :  true"));
+    QCOMPARE(m_log->infos(), lines);
+
+    QVERIFY(QFile(QStringLiteral("end")).open(QIODevice::WriteOnly));
+    QTRY_COMPARE(m_list->getUpgradeStatus(), 0);
+    QFile called(QStringLiteral("called"));
+    QVERIFY(called.open(QIODevice::ReadOnly));
+    QCOMPARE(QString::fromUtf8(called.readAll()), QStringLiteral("-p %1 -b %2 -f %3 -d -g\n")
+                                                      .arg(m_listEnd.portName())
+                                                      .arg(baudRate)
+                                                      .arg(file));
+}
+
+void tst_GripperList::gripperInItsBootloaderIsFlashedWithoutMuting()
+{
+    m_master.setOpen(false);
+    QVERIFY(m_list->upgradeFirmware(m_families['E']));
+    QCOMPARE(m_list->getUpgradeStatus(), 1);
+    QVERIFY(!m_list->m_muted);
+    QVERIFY(!m_list->m_modbus.isConnected());
+    QCOMPARE(m_master.takeRequests(), QStringList());
+}
+
+void tst_GripperList::upgradeOfAnUnknownFamilyFailsAfterTheJump_data()
+{
+    QTest::addColumn<bool>("isInBootloader");
+    QTest::newRow("jumps") << false;
+    QTest::newRow("is there already") << true;
+}
+
+void tst_GripperList::upgradeOfAnUnknownFamilyFailsAfterTheJump()
+{
+    QFETCH(bool, isInBootloader);
+    m_master.setOpen(!isInBootloader);
+    QVERIFY(!m_list->upgradeFirmware(m_families['C']));
+    QCOMPARE(m_master.takeRequests(), isInBootloader ? QStringList() : resetAndClose);
+    QCOMPARE(m_end.knocks(), QList<int>{115200});
+    QCOMPARE(m_list->m_muted, !isInBootloader);
+    QCOMPARE(m_log->infos(), QStringList());
+    QCOMPARE(m_list->getUpgradeStatus(), 0);
+    QVERIFY(m_list->m_modbus.isConnected());
+}
+
+void tst_GripperList::upgradeWithoutABootloaderFails()
+{
+    m_master.refuseWrites(resetAddress, KvModbusAbstract::TimeoutError);
+    QVERIFY(!m_list->upgradeFirmware(m_gripper));
+    QVERIFY(m_list->m_muted);
+    QCOMPARE(m_log->infos(), QStringList());
+    QCOMPARE(m_list->getUpgradeStatus(), 0);
+    QVERIFY(m_list->m_modbus.isConnected());
+}
+
+void tst_GripperList::secondUpgradeIsRefused()
+{
+    QVERIFY(m_list->upgradeFirmware(m_gripper));
+    m_list->setMuted(false);
+    m_master.setOpen(true);
+    m_master.takeRequests();
+    m_end.setAnswers({acknowledge});
+    m_log->clear();
+    for (const char family : {'A', 'E'})
+        QVERIFY(!m_list->upgradeFirmware(m_families[family]));
+    QCOMPARE(m_master.takeRequests(), QStringList());
+    QCOMPARE(m_end.knocks(), QList<int>());
+    QCOMPARE(m_log->infos(), QStringList());
+    QVERIFY(!m_list->m_muted);
+    QCOMPARE(m_list->getUpgradeStatus(), 1);
+}
+
+void tst_GripperList::upgradeStatusTellsWhetherTheProgramRuns()
+{
+    QCOMPARE(m_list->getUpgradeStatus(), 0);
+    QVERIFY(m_list->upgradeFirmware(m_gripper));
+    QCOMPARE(m_list->getUpgradeStatus(), 1);
+    QTest::qWait(100);
+    QCOMPARE(m_list->getUpgradeStatus(), 1);
+    QVERIFY(m_list->m_muted);
+    QVERIFY(QFile(QStringLiteral("end")).open(QIODevice::WriteOnly));
+    QTRY_COMPARE(m_list->getUpgradeStatus(), 0);
+}
+
+void tst_GripperList::pollingIsUnmutedHoweverTheProgramEnds_data()
+{
+    QTest::addColumn<QByteArray>("script");
+    QTest::newRow("success") << QByteArray("exit 0");
+    QTest::newRow("failure") << QByteArray("exit 5");
+    QTest::newRow("killed") << QByteArray("kill -9 $$");
+}
+
+void tst_GripperList::pollingIsUnmutedHoweverTheProgramEnds()
+{
+    QFETCH(QByteArray, script);
+    writeProgram(script);
+    QVERIFY(m_list->upgradeFirmware(m_families['F']));
+    QVERIFY(m_list->m_muted);
+    QTRY_VERIFY(!m_list->m_muted);
+    QCOMPARE(logOf("unmute"), QStringList{QStringLiteral("unmuteOnUpgradeFinished")});
+    QCOMPARE(m_list->getUpgradeStatus(), 0);
+}
+
+void tst_GripperList::missingProgramLeavesThePollingMuted_data()
+{
+    addFamilyRows();
+}
+
+void tst_GripperList::missingProgramLeavesThePollingMuted()
+{
+    QFETCH(char, family);
+    QVERIFY(QFile::remove(QStringLiteral("romflasher")));
+    QVERIFY(m_list->upgradeFirmware(m_families[family]));
+    QCOMPARE(m_list->getUpgradeStatus(), 0);
+    QTest::qWait(50);
+    QVERIFY(m_list->m_muted);
+    QCOMPARE(logOf("unmute"), QStringList());
+    QCOMPARE(logOf("upgrade"), family == 'A'
+                                   ? QStringList{QStringLiteral("upgrade started :  false")}
+                                   : QStringList());
+    QCOMPARE(logOf("command : ").size(), 1);
+}
+
+void tst_GripperList::destructionEndsTheProgramSilently()
+{
+    QVERIFY(m_list->upgradeFirmware(m_gripper));
+    QTRY_VERIFY(QFile::exists(QStringLiteral("called")));
+    m_list.reset();
+    QTest::qWait(50);
+    QCOMPARE(logOf("unmute"), QStringList());
+}
+
+void tst_GripperList::pendingJumpIsCarriedOutByTheNextTick()
+{
+    m_list->m_loopStep = LoopStep::WriteOutput;
+    m_list->m_linkStatus = GripperList::LinkStatus::Timeout;
+    m_list->m_scanBackOffTimer->start(60'000); // the Discover step itself does nothing
+    m_list->resetToBootloader(m_gripper);
+    QTest::qWait(20);
+    QCOMPARE(m_master.takeRequests(), QStringList());
+
+    m_list->onTimerStateLoopTimeout();
+    QCOMPARE(m_master.takeRequests(), resetAndClose);
+    QCOMPARE(m_end.knocks(), QList<int>{19200});
+    QVERIFY(m_list->m_muted);
+    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
+    QCOMPARE(m_list->m_linkStatus, GripperList::LinkStatus::Timeout);
+
+    m_list->setMuted(false);
+    m_master.setOpen(true);
+    m_list->onTimerStateLoopTimeout();
+    QCOMPARE(m_master.takeRequests(), QStringList());
+    QVERIFY(!m_list->m_muted);
+}
+
+void tst_GripperList::pendingJumpsAreCarriedOutInOrder()
+{
+    m_list->m_scanBackOffTimer->start(60'000);
+    // The link is closed by the first jump, so the second gripper is found in its bootloader.
+    m_end.setAnswers({acknowledge, acknowledge, acknowledge});
+    m_list->resetToBootloader(m_families['E']);
+    m_list->resetToBootloader(m_families['B']);
+    m_list->resetToBootloader(m_families['F']);
+    m_list->onTimerStateLoopTimeout();
+    QCOMPARE(m_end.knocks(), (QList<int>{115200, 19200, 115200}));
+    QVERIFY(m_list->m_pendingBootloader.isEmpty());
+}
+
+void tst_GripperList::pendingJumpIsHeldBack_data()
+{
+    QTest::addColumn<bool>("muted");
+    QTest::newRow("muted") << true;
+    QTest::newRow("busy") << false;
+}
+
+void tst_GripperList::pendingJumpIsHeldBack()
+{
+    QFETCH(bool, muted);
+    m_list->m_scanBackOffTimer->start(60'000);
+    m_list->m_muted = muted;
+    m_list->m_busy = !muted;
+    m_list->m_loopStep = LoopStep::WriteOutput;
+    m_list->resetToBootloader(m_gripper);
+    for (int tick = 0; tick < 3; ++tick)
+        m_list->onTimerStateLoopTimeout();
+    QCOMPARE(m_master.takeRequests(), QStringList());
+    QCOMPARE(m_list->m_loopStep, LoopStep::WriteOutput);
+    QCOMPARE(m_list->m_pendingBootloader.size(), 1);
+
+    m_list->m_muted = false;
+    m_list->m_busy = false;
+    m_list->onTimerStateLoopTimeout();
+    QCOMPARE(m_master.takeRequests(), resetAndClose);
+    QVERIFY(m_list->m_pendingBootloader.isEmpty());
+}
+
+QTEST_GUILESS_MAIN(tst_GripperList)
+#include "tst_gripperlistupgrade.moc"
