@@ -51,7 +51,6 @@ private slots:
     void unknownSlaveIdIsNullAndEntersNothing();
     void slaveIdsComeInAscendingOrder();
     void modbusNameIsThatOfThePortInUse();
-    void operationsToComeReportFailure();
 
     void discoverSendsNothingWhileItsPauseRuns();
     void discoverThatFindsGrippersGoesToSelectNext();
@@ -241,16 +240,6 @@ void tst_GripperList::slaveIdsComeInAscendingOrder()
 void tst_GripperList::modbusNameIsThatOfThePortInUse()
 {
     QCOMPARE(m_list->getModbusName(), m_line->path().mid(QStringLiteral("/dev/").size()));
-}
-
-void tst_GripperList::operationsToComeReportFailure()
-{
-    QVERIFY(!m_list->updateGripperSlaveId(9, 4));
-    QVERIFY(!m_list->jumpToBootloader(m_found[9]));
-    QVERIFY(!m_list->upgradeFirmware(m_found[9]));
-    QCOMPARE(m_list->getUpgradeStatus(), 0);
-    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
-    QCOMPARE(m_line->requests(), QStringList());
 }
 
 void tst_GripperList::discoverSendsNothingWhileItsPauseRuns()

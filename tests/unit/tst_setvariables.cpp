@@ -58,8 +58,9 @@ private slots:
     void scanIsOverAfterTheBlockingRequest();
     void scanIsOnlyAskedForByTheOtherRequest();
     void moveThatFailsScansAllTheSameAndKeepsReplyAndSelection();
-    void operationThatFailsIsRefused_data();
-    void operationThatFailsIsRefused();
+    void operationThatFailsIsRefusedAndLeavesThePollingMuted_data();
+    void operationThatFailsIsRefusedAndLeavesThePollingMuted();
+    void moveKeepsReplyAndSelectionAndScans();
 
 private:
     using Reply = std::optional<std::string_view>;
@@ -328,25 +329,45 @@ void tst_SetVariables::scanIsOnlyAskedForByTheOtherRequest()
 
 void tst_SetVariables::moveThatFailsScansAllTheSameAndKeepsReplyAndSelection()
 {
+    m_line->silence(9, 430, 1);
     QVERIFY(!set("NID", 4));
+    QCOMPARE(m_line->requests().mid(0, 2),
+             (QStringList{QStringLiteral("9 read 430"), QStringLiteral("9 read 500")}));
     QVERIFY(m_list->getGripperFromSlaveId(9));
     QVERIFY(m_list->getGripperFromSlaveId(9) != m_gripper);
     QVERIFY(!m_list->getGripperFromSlaveId(4));
     QCOMPARE(m_selectedSlaveId, 9);
 }
 
-void tst_SetVariables::operationThatFailsIsRefused_data()
+void tst_SetVariables::operationThatFailsIsRefusedAndLeavesThePollingMuted_data()
 {
     QTest::addColumn<QByteArray>("name");
     QTest::newRow("upgrade") << QByteArray("UPG");
     QTest::newRow("bootloader") << QByteArray("BLD");
 }
 
-void tst_SetVariables::operationThatFailsIsRefused()
+void tst_SetVariables::operationThatFailsIsRefusedAndLeavesThePollingMuted()
 {
     QFETCH(QByteArray, name);
+    sim::Fault deaf;
+    deaf.kind = sim::FaultKind::Deaf;
+    deaf.scope = sim::Fault::Scope::StartAddress;
+    deaf.address = 400;
+    deaf.remaining = 1;
+    m_line->bus().setFault(9, deaf);
     QCOMPARE(set(name, 1), Reply("nak"));
-    QCOMPARE(m_line->requests(), QStringList());
+    QCOMPARE(m_line->requests(), QStringList{QStringLiteral("9 write 400")});
+    QCOMPARE(requestsWithin(200), 0);
+}
+
+// The last one: the gripper is at another id from here on.
+void tst_SetVariables::moveKeepsReplyAndSelectionAndScans()
+{
+    QVERIFY(!set("NID", 4));
+    QCOMPARE(m_selectedSlaveId, 9);
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), QVector<quint8>{4});
+    // The scan has followed at once.
+    QVERIFY(m_list->getGripperFromSlaveId(4) != m_gripper);
 }
 
 QTEST_GUILESS_MAIN(tst_SetVariables)
