@@ -7,33 +7,11 @@ import time
 
 import pytest
 from harness import modbus
-from harness.line import Line, Slave
-from harness.waiting import eventually
+from harness.line import Line
+from harness.moving import RESTART, SETTINGS, MovingSlave
 
-SETTINGS = [0x1234, 0x0100, 0x0007, 0xABCD, 0x5509]
 MOVED = "update slave id from  9  to  2"
 FAILED = "fail to update slave id from  9  to  2"
-RESTART = 0x5600
-
-
-class MovingSlave(Slave):
-    """Comes back under the id of its settings block when it is told to restart."""
-
-    def __init__(self, slave_id, line_of=None, **options):
-        super().__init__(slave_id, **options)
-        self.put(430, *SETTINGS[:4], SETTINGS[4] & 0xFF00 | slave_id)
-        self.line = line_of
-        self.script = self.behave
-
-    def behave(self, request):
-        if not (request.is_write(400) and request.values == [RESTART]):
-            return None
-        answer = modbus.write_answer(self.id, 400, 1)
-        slaves = self.line.slaves
-        del slaves[self.id]
-        self.id = self.get(434)[0] & 0xFF
-        slaves[self.id] = self
-        return answer
 
 
 @pytest.fixture
@@ -55,14 +33,6 @@ def quiet(found, line, connect):
 
 def is_settings(request):
     return request.address in range(400, 440)
-
-
-def start_move(line, client, pairs="NID 2"):
-    """Returns when the move is in its first wait: (number of the first request, log mark)."""
-    mark = line.mark()
-    client.send(f"SET {pairs}\n")
-    line.wait_for(lambda r: r.is_write(430), since=mark)
-    return mark
 
 
 def steps(line, mark):

@@ -1,0 +1,27 @@
+"""A scripted gripper that can be moved to another slave id."""
+
+from . import modbus
+from .line import Slave
+
+SETTINGS = [0x1234, 0x0100, 0x0007, 0xABCD, 0x5509]
+RESTART = 0x5600
+
+
+class MovingSlave(Slave):
+    """Comes back under the id of its settings block when it is told to restart."""
+
+    def __init__(self, slave_id, line_of=None, **options):
+        super().__init__(slave_id, **options)
+        self.put(430, *SETTINGS[:4], SETTINGS[4] & 0xFF00 | slave_id)
+        self.line = line_of
+        self.script = self.behave
+
+    def behave(self, request):
+        if not (request.is_write(400) and request.values == [RESTART]):
+            return None
+        answer = modbus.write_answer(self.id, 400, 1)
+        slaves = self.line.slaves
+        del slaves[self.id]
+        self.id = self.get(434)[0] & 0xFF
+        slaves[self.id] = self
+        return answer
