@@ -432,7 +432,7 @@ void tst_Bootloader::manualResetPausesBeforeEachKnock()
     QVERIFY(!knocksMs.isEmpty());
     QVERIFY(knocksMs.size() <= 4);
     for (int i = 0; i < knocksMs.size(); ++i)
-        QVERIFY2(knocksMs[i] >= 100 * (i + 1), qPrintable(QString::number(knocksMs[i])));
+        QVERIFY2(knocksMs[i] >= qint64{100} * (i + 1), qPrintable(QString::number(knocksMs[i])));
 }
 
 void tst_Bootloader::manualResetIsAborted()
@@ -538,7 +538,7 @@ void tst_Bootloader::attemptWaitsFiftyMilliseconds()
     QElapsedTimer clock;
     clock.start();
     QVERIFY(!m_device->detectBootloader(QSerialPort::Baud115200, 5));
-    QVERIFY2(clock.elapsed() >= 6 * 48, qPrintable(QString::number(clock.elapsed())));
+    QVERIFY2(clock.elapsed() >= qint64{6} * 48, qPrintable(QString::number(clock.elapsed())));
     QVERIFY2(clock.elapsed() < 6 * 100 + 300, qPrintable(QString::number(clock.elapsed())));
 }
 
