@@ -25,3 +25,11 @@ class MovingSlave(Slave):
         self.id = self.get(434)[0] & 0xFF
         slaves[self.id] = self
         return answer
+
+
+def quiet_client(line, connect):
+    """The line is silent, and stays so but for what this client asks for."""
+    client = connect()
+    assert client.set("MUTE 1") == "ack"
+    line.wait_until_quiet()
+    return client
