@@ -42,6 +42,8 @@ bool KvDeviceBase::resetDeviceToBootloader(quint16 command, bool manual, unsigne
     m_modbus.setBaudRate(firmwareBaudRate);
     m_modbus.connectToDevice();
     m_manualResetTimer.setSingleShot(true);
+    // A coarse timer may give up early.
+    m_manualResetTimer.setTimerType(Qt::PreciseTimer);
     m_manualResetTimer.start(static_cast<int>(timeoutMs));
     const bool isReset = knockUntilReset(command);
     m_modbus.disconnectFromDevice();
