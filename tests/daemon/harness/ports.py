@@ -52,11 +52,15 @@ class FakePorts:
 
 
 def open_by_nobody(path):
-    """Whether no process has this device open."""
-    target = os.stat(path).st_rdev
+    """Whether no process has this device open.
+
+    The tests beside this one have pty instances of their own, with the same numbers: it is the
+    file that tells them apart, not the device number.
+    """
+    target = os.stat(path)
     for process in pathlib.Path("/proc").glob("[0-9]*/fd/*"):
         try:
-            if os.stat(process).st_rdev == target:
+            if os.path.samestat(os.stat(process), target):
                 return False
         except OSError:
             continue
