@@ -16,6 +16,7 @@ from _pytest.runner import runtestprotocol
 from harness import ports
 from harness.client import Client
 from harness.daemon import Daemon
+from harness.figures import Figures
 from harness.line import Line, Slave
 from harness.stalls import StallWatch
 
@@ -50,6 +51,12 @@ def pytest_collection_finish(session):
 
 def pytest_sessionstart(session):
     session.stall_watch = StallWatch()
+    session.config.figures = Figures()
+
+
+def pytest_terminal_summary(terminalreporter, config):
+    for line in getattr(config, "figures", Figures()).lines:
+        terminalreporter.write_line(f"figure  {line}")
 
 
 @pytest.hookimpl(tryfirst=True)
@@ -73,6 +80,12 @@ def pytest_runtest_protocol(item, nextitem):
         item.ihook.pytest_runtest_logreport(report=report)
     item.ihook.pytest_runtest_logfinish(nodeid=item.nodeid, location=item.location)
     return True
+
+
+@pytest.fixture
+def figure(request):
+    """figure(text) keeps what the test has measured, to be printed at the end."""
+    return lambda text: request.config.figures.add(request.node.name, text)
 
 
 @pytest.fixture
