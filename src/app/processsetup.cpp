@@ -1,15 +1,11 @@
 #include "processsetup.h"
 
-#include <algorithm>
 #include <csignal>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
-
-// The kernel keeps at least 128 MiB of addresses free below the main thread's stack.
-constexpr rlim_t wantedStackBytes = rlim_t{96} * 1024 * 1024;
 
 void occupyStandardDescriptors()
 {
@@ -31,21 +27,11 @@ void raiseDescriptorLimit()
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-void raiseStackLimit()
-{
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_STACK, &limit) != 0 || limit.rlim_cur >= wantedStackBytes)
-        return;
-    limit.rlim_cur = std::min(limit.rlim_max, wantedStackBytes);
-    ::setrlimit(RLIMIT_STACK, &limit);
-}
-
 } // namespace
 
 void prepareProcess()
 {
     occupyStandardDescriptors();
     raiseDescriptorLimit();
-    raiseStackLimit();
     ::signal(SIGPIPE, SIG_IGN);
 }

@@ -230,7 +230,8 @@ GripperList::Gripper GripperList::currentGripper() const
 void GripperList::discoverState()
 {
     if (m_modbus.isConnected()) {
-        scan(m_modbus.getPortName());
+        if (!scanUndisturbed(m_modbus.getPortName()))
+            return;
         if (m_grippers.isEmpty())
             m_modbus.disconnectFromDevice();
         else
@@ -243,7 +244,8 @@ void GripperList::discoverState()
     for (const QString &portName : portNames) {
         if (quitRequested())
             return;
-        scan(portName);
+        if (!scanUndisturbed(portName))
+            return;
         if (!m_grippers.isEmpty()) {
             openLink(portName);
             startPolling();
@@ -271,16 +273,29 @@ void GripperList::openLink(const QString &portName)
 
 void GripperList::scan(const QString &portName)
 {
+    scanUndisturbed(portName);
+}
+
+/// False when another scan ran from its beginning to its end inside this one's waits. That one took
+/// answers away from this one, and has brought the list and the loop up to date already.
+bool GripperList::scanUndisturbed(const QString &portName)
+{
     openLink(portName);
     if (!m_modbus.isConnected())
-        return;
+        return true;
+    const unsigned int scansEnded = m_scansEnded;
     const QVector<Gripper> found = KvPelloGripperFinder::instance()->scanPort(m_modbus);
     if (quitRequested())
-        return;
-    for (quint8 slaveId = __min_slave_id; slaveId <= __max_slave_id; ++slaveId)
-        takeOver(slaveId, found);
+        return false;
+    const bool isUndisturbed = m_scansEnded == scansEnded;
+    ++m_scansEnded;
+    if (isUndisturbed) {
+        for (quint8 slaveId = __min_slave_id; slaveId <= __max_slave_id; ++slaveId)
+            takeOver(slaveId, found);
+    }
     qInfo() << "Connected serial port :" << portName;
     qInfo() << m_grippers.keys();
+    return isUndisturbed;
 }
 
 void GripperList::takeOver(quint8 slaveId, const QVector<Gripper> &found)

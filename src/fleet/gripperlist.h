@@ -58,7 +58,8 @@ public:
     void requestScanBlock();
 
     /// Brings the grippers up to date with what answers on `portName`. Changes nothing when the
-    /// port cannot be opened; leaves it open otherwise. Pumps events.
+    /// port cannot be opened; leaves it open otherwise. Pumps events; when another scan has ended
+    /// meanwhile, that one's result stays.
     void scan(const QString &portName);
 
     /// Rescans the port in use, or looks for a port with grippers. Pumps events, and blocks the
@@ -151,6 +152,7 @@ private:
     void restartDiscovery(LinkStatus status);
     void startPolling();
     void openLink(const QString &portName);
+    bool scanUndisturbed(const QString &portName);
     void takeOver(quint8 slaveId, const QVector<Gripper> &found);
     void removeGripper(quint8 slaveId);
     Gripper currentGripper() const;
@@ -172,5 +174,6 @@ private:
     bool m_scanRequested = false;
     QList<Gripper> m_pendingBootloader;
     bool m_tickRunning = false;
+    unsigned int m_scansEnded = 0;
     int m_tickIntervalMs;
 };

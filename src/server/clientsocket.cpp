@@ -127,8 +127,14 @@ void ClientSocket::endOutput()
 
 void ClientSocket::updateNotifiers()
 {
-    m_readNotifier->setEnabled(!m_inputEnded && m_unsent.size() <= __replyLimit);
+    m_readNotifier->setEnabled(!m_inputEnded && !m_paused && m_unsent.size() <= __replyLimit);
     m_writeNotifier->setEnabled(!m_unsent.isEmpty());
+}
+
+void ClientSocket::setPaused(bool paused)
+{
+    m_paused = paused;
+    updateNotifiers();
 }
 
 void ClientSocket::hold()

@@ -33,6 +33,11 @@ public:
     /// Sends what has been written, as far as the kernel takes it now; the rest follows by itself.
     void sendReplies();
 
+    /// While paused nothing is read: what the client sends waits in the kernel, and TCP pushes
+    /// back.
+    void setPaused(bool paused);
+    bool isPaused() const { return m_paused; }
+
     /// Between hold() and release() disconnected() is not emitted: a request is being carried out.
     void hold();
     void release();
@@ -55,6 +60,7 @@ private:
     std::unique_ptr<QSocketNotifier> m_writeNotifier;
     QByteArray m_unsent;
     int m_holds = 0;
+    bool m_paused = false;
     bool m_inputEnded = false;
     bool m_outputEnded = false;
     bool m_endReported = false;

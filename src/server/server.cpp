@@ -26,6 +26,18 @@ void write(ClientSocket *socket, std::string_view reply)
         socket->write(reply.data(), static_cast<qint64>(reply.size()));
 }
 
+bool mayWait(const Request &request, const Server::Gripper &gripper)
+{
+    PairReader pairs(request.text);
+    PairReader::Pair pair;
+    while (pairs.next(pair)) {
+        const SetVariable *variable = findSetVariable(pair.name);
+        if (variable != nullptr && variable->mayWait && (gripper || !variable->needsGripper))
+            return true;
+    }
+    return false;
+}
+
 /// What was answered before must not wait for a request that does.
 void sendRepliesBeforeWait(ClientSocket *socket, bool mayWait)
 {
@@ -88,20 +100,72 @@ void Server::onClientSocketReadData()
 
 void Server::processSocket(ClientSocket *socket)
 {
+    const Gripper gripper =
+        gripperList.getGripperFromSlaveId(static_cast<quint8>(slaveIdBySocket[socket]));
+    ++m_depth;
+    carryOutBuffered(socket, gripper);
+    --m_depth;
+    resumePostponedLater();
+}
+
+void Server::carryOutBuffered(ClientSocket *socket, const Gripper &gripper)
+{
     // Keeps the client, and with it its entries, until its requests are carried out.
     socket->hold();
     RequestScanner &buffer = bufferBySocket[socket];
-    const Gripper gripper =
-        gripperList.getGripperFromSlaveId(static_cast<quint8>(slaveIdBySocket[socket]));
     Request request;
-    while (buffer.takeNext(request)) {
-        if (request.kind == Request::Kind::Set)
-            decodeSetVariables(socket, request, gripper);
+    while (!socket->isPaused() && buffer.takeNext(request)) {
+        if (mustBePostponed(request, gripper))
+            postpone({socket, request, gripper});
         else
-            decodeGetVariables(socket, request, gripper);
+            carryOut(socket, request, gripper);
     }
     socket->sendReplies();
     socket->release();
+}
+
+void Server::carryOut(ClientSocket *socket, const Request &request, const Gripper &gripper)
+{
+    if (request.kind == Request::Kind::Set)
+        decodeSetVariables(socket, request, gripper);
+    else
+        decodeGetVariables(socket, request, gripper);
+}
+
+/// A GET never has to be: what it would ask the device for is known of every gripper in the list.
+bool Server::mustBePostponed(const Request &request, const Gripper &gripper) const
+{
+    if (m_depth <= __nestingLimit && m_postponed.isEmpty())
+        return false;
+    return request.kind == Request::Kind::Set && mayWait(request, gripper);
+}
+
+void Server::postpone(const Postponed &postponed)
+{
+    postponed.socket->hold();
+    postponed.socket->setPaused(true);
+    m_postponed.enqueue(postponed);
+}
+
+/// From the event loop, which is that of the next outer wait: the stack has become shorter by then.
+void Server::resumePostponedLater()
+{
+    if (!m_postponed.isEmpty() && m_depth < __nestingLimit)
+        QMetaObject::invokeMethod(this, &Server::resumePostponed, Qt::QueuedConnection);
+}
+
+void Server::resumePostponed()
+{
+    if (m_postponed.isEmpty() || m_depth >= __nestingLimit)
+        return;
+    const Postponed next = m_postponed.dequeue();
+    next.socket->setPaused(false);
+    ++m_depth;
+    carryOut(next.socket, next.request, next.gripper);
+    carryOutBuffered(next.socket, next.gripper);
+    --m_depth;
+    next.socket->release();
+    resumePostponedLater();
 }
 
 void Server::decodeGetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper)

@@ -7,6 +7,7 @@
 #include <QHostAddress>
 #include <QMap>
 #include <QObject>
+#include <QQueue>
 #include <QVector>
 
 #include <string_view>
@@ -18,7 +19,10 @@ class ClientSocket;
 /// of what they send and answers them. Owns the gripper list, and so the whole driver.
 ///
 /// A request may wait on the bus and pump events meanwhile; requests that arrive during the wait,
-/// of the same client too, are carried out inside it.
+/// of the same client too, are carried out inside it. When __nestingLimit of them wait inside each
+/// other, the next one that would wait is postponed until one of those is over, and with it all
+/// that its client sends behind it; postponed requests are carried out in the order of their
+/// coming.
 class Server : public QObject
 {
     Q_OBJECT
@@ -46,6 +50,9 @@ public:
     static std::string_view handleSetGripperModeRequest(const Gripper &gripper, quint8 mode);
 
     static constexpr quint16 __port = 63352;
+
+    /// Each level costs some 3 KiB of stack and a 10 ms timer.
+    static constexpr int __nestingLimit = 32;
 
     static constexpr std::string_view __acknowledge = "ack";
     static constexpr std::string_view __notAcknowledge = "nak";
@@ -97,6 +104,21 @@ public slots:
 private:
     friend class tst_Server;
 
+    /// A request that waits for its turn, with the gripper that its batch addresses.
+    struct Postponed
+    {
+        ClientSocket *socket;
+        Request request;
+        Gripper gripper;
+    };
+
+    void carryOutBuffered(ClientSocket *socket, const Gripper &gripper);
+    void carryOut(ClientSocket *socket, const Request &request, const Gripper &gripper);
+    bool mustBePostponed(const Request &request, const Gripper &gripper) const;
+    void postpone(const Postponed &postponed);
+    void resumePostponedLater();
+    void resumePostponed();
+
     ClientListener *tcpServer;
     QVector<ClientSocket *> clientSockets;
     QMap<ClientSocket *, RequestScanner> bufferBySocket;
@@ -104,4 +126,6 @@ private:
     QHostAddress listenAddress;
     GripperList gripperList;
     ModbusConstraintsFactory constraintsFactory;
+    QQueue<Postponed> m_postponed;
+    int m_depth = 0; ///< Batches on the stack: all but the innermost wait on the bus.
 };

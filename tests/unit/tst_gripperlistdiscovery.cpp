@@ -36,6 +36,8 @@ private slots:
     void rescanReplacesEveryGripperWithANewObject();
     void rescanTakesUpNewGrippersAndDropsThoseThatLeft();
     void clientsAreServedDuringAScan();
+    void scanDisturbedByAnotherRemovesNothing_data();
+    void scanDisturbedByAnotherRemovesNothing();
 
 private:
     using LoopStep = GripperList::LoopStep;
@@ -269,6 +271,39 @@ void tst_GripperList::clientsAreServedDuringAScan()
 
     QVERIFY2(served > 20, qPrintable(QString::number(served)));
     QVERIFY(m_list->getGripperFromSlaveId(9));
+}
+
+void tst_GripperList::scanDisturbedByAnotherRemovesNothing_data()
+{
+    QTest::addColumn<QString>("disturbedAt");
+    // In the middle of each of the outer scan's requests to the gripper.
+    QTest::newRow("firmware version") << "9 read 500";
+    QTest::newRow("status") << "9 read 2000";
+    QTest::newRow("absent gripper") << "4 read 500";
+}
+
+void tst_GripperList::scanDisturbedByAnotherRemovesNothing()
+{
+    QFETCH(QString, disturbedAt);
+    SimulatedLine line{{9, "TA3-1.6.14"}, {2, "TE1-2.0.2"}};
+    m_list->scan(line.path());
+    line.clearTraffic();
+    bool disturbed = false;
+    connect(&line.bus(), &sim::BusSimulator::frameSeen, this, [&] {
+        if (disturbed || !line.requests().endsWith(disturbedAt))
+            return;
+        disturbed = true;
+        QTimer::singleShot(0, this, [&] { m_list->requestScanBlock(); });
+    });
+
+    m_list->requestScanBlock();
+
+    QVERIFY(disturbed);
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
+    QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
+    QCOMPARE(m_list->m_linkStatus, LinkStatus::Running);
+    QVERIFY(!m_list->m_busy);
+    disconnect(&line.bus(), nullptr, this, nullptr);
 }
 
 QTEST_GUILESS_MAIN(tst_GripperList)
