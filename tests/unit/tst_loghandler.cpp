@@ -1,15 +1,19 @@
 #include "loghandler.h"
 
 #include <QDebug>
+#include <QElapsedTimer>
 #include <QTemporaryFile>
 #include <QTest>
 #include <QTextCodec>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <functional>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -40,6 +44,50 @@ private:
     std::FILE *m_stream;
     int m_kept;
     QTemporaryFile m_file;
+};
+
+// Standard error is a pipe as long as this exists.
+class StandardErrorPipe
+{
+public:
+    StandardErrorPipe()
+        : m_kept(::dup(STDERR_FILENO))
+    {
+        [[maybe_unused]] const int result = ::pipe2(m_ends, O_CLOEXEC);
+        ::fcntl(m_ends[0], F_SETFL, O_NONBLOCK);
+        ::dup2(m_ends[1], STDERR_FILENO);
+    }
+
+    ~StandardErrorPipe()
+    {
+        ::dup2(m_kept, STDERR_FILENO);
+        ::close(m_kept);
+        ::close(m_ends[1]);
+        closeReadEnd();
+    }
+
+    Q_DISABLE_COPY_MOVE(StandardErrorPipe)
+
+    QByteArray takeAll() const
+    {
+        QByteArray all;
+        char bytes[4096];
+        for (auto count = ::read(m_ends[0], bytes, sizeof bytes); count > 0;
+             count = ::read(m_ends[0], bytes, sizeof bytes))
+            all.append(bytes, static_cast<int>(count));
+        return all;
+    }
+
+    void closeReadEnd()
+    {
+        if (m_ends[0] >= 0)
+            ::close(m_ends[0]);
+        m_ends[0] = -1;
+    }
+
+private:
+    int m_kept;
+    int m_ends[2] = {-1, -1};
 };
 
 struct Printed
@@ -88,6 +136,9 @@ private slots:
     void messageIsPrintedInTheLocalEncoding();
     void longMessageIsCutAndTheRestCounted_data();
     void longMessageIsCutAndTheRestCounted();
+    void readerThatHasStoppedCostsLinesButNoTime();
+    void readerThatIsSlowLosesNothing();
+    void readerThatIsGoneCostsNoTime();
     void fatalMessageIsPrintedAndAborts();
 };
 
@@ -207,6 +258,53 @@ void tst_LogHandler::longMessageIsCutAndTheRestCounted()
     QFETCH(QByteArray, remark);
     QCOMPARE(infoLine(QString(length, QLatin1Char('x'))),
              "Info: " + QByteArray(printedLength, 'x') + remark + withoutPlace);
+}
+
+void tst_LogHandler::readerThatHasStoppedCostsLinesButNoTime()
+{
+    const StandardErrorPipe log;
+    QElapsedTimer clock;
+    clock.start();
+    for (int i = 0; i < 100'000; ++i)
+        myMessageOutput(QtInfoMsg, QMessageLogContext(), QStringLiteral("text"));
+    QVERIFY2(clock.elapsed() < 5'000, qPrintable(QString::number(clock.elapsed())));
+
+    const QByteArray before = log.takeAll();
+    myMessageOutput(QtInfoMsg, QMessageLogContext(), QStringLiteral("last"));
+    const QByteArray line = QByteArray("Info: text") + withoutPlace;
+    QCOMPARE(before, line.repeated(before.count('\n')));
+    QCOMPARE(log.takeAll(), "Warning: log lines lost because nobody read them: " +
+                                QByteArray::number(100'000 - before.count('\n')) + withoutPlace +
+                                "Info: last" + withoutPlace);
+}
+
+void tst_LogHandler::readerThatIsSlowLosesNothing()
+{
+    const StandardErrorPipe log;
+    QByteArray read;
+    std::thread reader([&] {
+        while (read.count('\n') < 3000) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            read += log.takeAll();
+        }
+    });
+    for (int i = 0; i < 3000; ++i)
+        myMessageOutput(QtInfoMsg, QMessageLogContext(), QString(100, QLatin1Char('x')));
+    reader.join();
+    QVERIFY(!read.contains("lost"));
+}
+
+void tst_LogHandler::readerThatIsGoneCostsNoTime()
+{
+    StandardErrorPipe log;
+    log.closeReadEnd();
+    const auto before = ::signal(SIGPIPE, SIG_IGN);
+    QElapsedTimer clock;
+    clock.start();
+    for (int i = 0; i < 10'000; ++i)
+        myMessageOutput(QtInfoMsg, QMessageLogContext(), QStringLiteral("text"));
+    QVERIFY(clock.elapsed() < 5'000);
+    ::signal(SIGPIPE, before);
 }
 
 void tst_LogHandler::fatalMessageIsPrintedAndAborts()
