@@ -1,0 +1,133 @@
+"""What else may happen to a machine in a robot cell."""
+
+import pathlib
+import random
+import shutil
+import signal
+import time
+
+from harness.daemon import SANITIZED, Daemon
+from harness.effort import effort
+from harness.line import Line, Slave
+from harness.waiting import eventually
+
+
+def seconds_until(condition, timeout=10.0):
+    started = time.monotonic()
+    eventually(condition, timeout)
+    return time.monotonic() - started
+
+
+def test_a_daemon_that_was_stopped_for_a_while_goes_on(found, line, connect, figure):
+    clients = [connect() for _ in range(50)]
+    found.process.send_signal(signal.SIGSTOP)
+    for number, client in enumerate(clients):
+        client.send("GET VER\n" * (number + 1))
+    time.sleep(effort(2, 60))
+    mark = line.mark()
+    found.process.send_signal(signal.SIGCONT)
+    started = time.monotonic()
+    for number, client in enumerate(clients):
+        assert client.receive(14 * (number + 1)) == b"VER MZV-2.0.0\n" * (number + 1)
+    answered = time.monotonic() - started
+    line.wait_for(lambda r: r.is_read(2000), 3, mark)
+    assert clients[0].get("DRI") == "RUNNING"
+    figure(f"requests of 50 clients answered {answered * 1000:.0f} ms after it went on")
+
+
+def test_a_daemon_that_was_killed_leaves_nothing_in_the_way_of_the_next(start_daemon, line, figure):
+    worst = 0.0
+    for _ in range(effort(2, 50)):
+        daemon = start_daemon()
+        daemon.wait_until_found(9)
+        daemon.kill()
+        started = time.monotonic()
+        following = start_daemon()
+        following.wait_until_found(9)
+        worst = max(worst, time.monotonic() - started)
+        following.kill()
+    assert worst < 3.0
+    figure(f"the next one has found the gripper {worst:.1f} s after the kill, at worst")
+
+
+def test_a_working_directory_that_was_removed_changes_nothing(tmp_path, start_daemon, connect, line):
+    folder = tmp_path / "gone"
+    folder.mkdir()
+    daemon = start_daemon(cwd=folder)
+    daemon.wait_until_found(9)
+    shutil.rmtree(folder)
+    client = connect()
+    assert client.set("SCN_BLOCK") == "ack"
+    line.unplug()
+    eventually(lambda: client.get("DRI") == "ERR_SCANNING (EIO)")
+    line.plug()
+    eventually(lambda: client.get("DRI") == "RUNNING", 10)
+    # There is neither a flasher nor a firmware: the gripper stays, and polling goes on.
+    assert client.set("SID 9") == "ack"
+    assert client.get("FWV") == "TA3-1.6.14"
+
+
+def test_grippers_that_lose_their_power_come_back_by_themselves(start_daemon, connect, figure):
+    slaves = [Slave(9), Slave(2, "TE1-2.0.2"), Slave(3, "TF1-2.0.2")]
+    with Line(*slaves) as line:
+        start_daemon().wait_until_found(2, 3, 9)
+        client = connect()
+        worst = 0.0
+        for _ in range(effort(2, 50)):
+            for slave in slaves:
+                slave.listening = False
+            eventually(lambda: client.get("SID") == "[]", 15)
+            for slave in slaves:
+                slave.listening = True
+            worst = max(worst, seconds_until(lambda: client.get("SID") == "[2, 3, 9]"))
+        line.wait_until_polled(9)
+        assert worst < 5.0
+        figure(f"three grippers found again {worst:.1f} s after their power, at worst")
+
+
+def test_chatter_on_the_line_spoils_answers_but_not_the_daemon(found, line, connect, figure):
+    """As when a gripper is cabled up live, or the shield is broken."""
+    randomness = random.Random(1)
+    client = connect()
+    line[9].put(2002, 0x7B00)
+    line.wait_until_polled(9)
+    ends = time.monotonic() + effort(3, 60)
+    polled, before = line.mark(), found.cpu_seconds()
+    bursts = 0
+    while time.monotonic() < ends:
+        line.send(randomness.randbytes(randomness.randrange(1, 200)))
+        bursts += 1
+        assert client.get("POS") in ("123", "?")
+        time.sleep(randomness.random() * 0.2)
+    share = (found.cpu_seconds() - before) / effort(3, 60)
+    assert share < (0.5 if SANITIZED else 0.1)
+    eventually(lambda: client.get("POS") == "123", 10)
+    visits = len(line.since(polled, lambda r: r.is_read(2000)))
+    figure(f"{bursts} bursts of chatter, {visits} visits, {share * 100:.1f} % of a core")
+
+
+def test_a_gripper_swapped_for_another_of_the_same_id_is_known_after_a_scan(start_daemon, connect):
+    with Line(Slave(9, serial=1, year=2020)) as line:
+        start_daemon().wait_until_found(9)
+        client = connect()
+        assert client.get("PYE") == "2020"
+        line.slaves[9] = Slave(9, serial=2, year=2024)
+        line[9].put(2002, 0x3200)
+        eventually(lambda: client.get("POS") == "50")
+        assert client.set("SCN_BLOCK") == "ack"
+        # The next batch addresses the gripper that the scan has found.
+        assert client.get("PYE") == "2024"
+
+
+def test_a_second_daemon_started_by_mistake_does_not_disturb_the_first(found, line, connect, tmp_path):
+    mark = line.mark()
+    for _ in range(effort(3, 50)):
+        second = Daemon(pathlib.Path(tmp_path))
+        assert second.wait_for_end() == -signal.SIGABRT
+        second.kill()
+    assert line.garbage == []
+    line.wait_until_polled(9)
+    reads = line.since(mark, lambda r: r.is_read(500))
+    # The other one never asked anything.
+    assert reads == []
+    assert connect().get("DRI") == "RUNNING"
