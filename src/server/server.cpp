@@ -150,20 +150,23 @@ void Server::postpone(const Postponed &postponed)
 /// From the event loop, which is that of the next outer wait: the stack has become shorter by then.
 void Server::resumePostponedLater()
 {
-    if (!m_postponed.isEmpty() && m_depth < __nestingLimit)
+    if (!m_postponed.isEmpty() && !m_resuming && m_depth < __nestingLimit)
         QMetaObject::invokeMethod(this, &Server::resumePostponed, Qt::QueuedConnection);
 }
 
 void Server::resumePostponed()
 {
-    if (m_postponed.isEmpty() || m_depth >= __nestingLimit)
+    if (m_postponed.isEmpty() || m_resuming || m_depth >= __nestingLimit)
         return;
+    // One after the other, so that their replies come in order too.
+    m_resuming = true;
     const Postponed next = m_postponed.dequeue();
     next.socket->setPaused(false);
     ++m_depth;
     carryOut(next.socket, next.request, next.gripper);
     carryOutBuffered(next.socket, next.gripper);
     --m_depth;
+    m_resuming = false;
     next.socket->release();
     resumePostponedLater();
 }

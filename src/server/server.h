@@ -127,5 +127,6 @@ private:
     GripperList gripperList;
     ModbusConstraintsFactory constraintsFactory;
     QQueue<Postponed> m_postponed;
-    int m_depth = 0; ///< Batches on the stack: all but the innermost wait on the bus.
+    int m_depth = 0;         ///< Batches on the stack: all but the innermost wait on the bus.
+    bool m_resuming = false; ///< A postponed request is one of them.
 };
