@@ -1,0 +1,187 @@
+"""Clients that vanish in the middle of their own requests that wait for the line."""
+
+import contextlib
+import statistics
+import time
+
+import pytest
+from harness.daemon import LOG_LINE, QUIT_LIMIT
+from harness.effort import effort
+from harness.simulator import Simulator
+from harness.upgrades import put_flasher
+from harness.waiting import eventually
+
+LEAVES = ("close", "reset", "half_close")
+QUICK_BOOT = ("--boot-ms=100", "--bootloader-boot-ms=60")
+FLASHER = "while ! [ -e go ]; do sleep 0.02; done"
+
+
+class Bench:
+    """A simulated gripper, its daemon, and a client that stays."""
+
+    def __init__(self, line, start_daemon, connect, folder):
+        self.line = line
+        self.folder = folder
+        self.daemon = start_daemon(cwd=folder)
+        self.connect = connect
+        self.gone = []
+        self.waits = []
+
+    def ready(self):
+        self.daemon.wait_until_found(9)
+        self.stays = self.connect()
+        # Visits follow each other at once.
+        assert self.stays.set("THROTTLE 0") == "ack"
+        self.line.wait_until_polled(9)
+        self.descriptors = len(self.daemon.descriptors())
+        return self
+
+    def mute(self):
+        """What a request of a suspended tick leaves unanswered would spoil the next one."""
+        assert self.stays.set("MUTE 1") == "ack"
+        eventually(self.is_quiet, what="silence on the line")
+
+    def is_quiet(self):
+        mark = self.line.mark()
+        time.sleep(0.05)
+        return self.line.mark() == mark
+
+    def vanish(self, number, request, wait_for_moment):
+        """The so-many-th client leaves when `wait_for_moment(mark, foreign mark)` returns."""
+        leave = LEAVES[number % len(LEAVES)]
+        mark, foreign, log_mark = self.line.mark(), len(self.line.foreign), self.daemon.mark()
+        client = self.connect()
+        client.send(f"SET {request}\n")
+        wait_for_moment(mark, foreign)
+        getattr(client, leave)()
+        if leave == "half_close":
+            assert client.receive_to_end(20) == b"ack"
+            client.close()
+        self.daemon.wait_for_line("socket->deleteLater", log_mark, timeout=20)
+        self.gone.append(leave)
+
+    def polled_again(self, slave_id=9):
+        started = time.monotonic()
+        self.line.wait_until_polled(slave_id)
+        self.waits.append(time.monotonic() - started)
+
+    def boot_the_firmware(self):
+        """No request and no stand-in for the flasher brings it back by itself."""
+        self.line.tell("restart 9")
+        eventually(lambda: "year=" in self.gripper(), what=self.gripper)
+
+    def gripper(self):
+        return next(text for text in self.line.tell("show") if text.startswith("gripper 9"))
+
+    def end(self, figure):
+        eventually(
+            lambda: len(self.daemon.descriptors()) == self.descriptors, 10, self.daemon.descriptors
+        )
+        assert self.stays.get("DRI") == "RUNNING"
+        status, seconds = self.daemon.stop()
+        # A sanitizer's report would be a line of another form, and another status.
+        assert [line for line in self.daemon.lines if not LOG_LINE.match(line)] == []
+        assert status == 0
+        assert seconds < QUIT_LIMIT
+        counts = ", ".join(f"{self.gone.count(leave)} {leave}" for leave in LEAVES)
+        figure(
+            f"{len(self.gone)} clients vanished ({counts}); polled again within "
+            f"{statistics.median(self.waits):.2f} s (median), {max(self.waits):.2f} s (worst); "
+            f"{self.descriptors} descriptors before and after; status {status}"
+        )
+
+
+@pytest.fixture
+def make_bench(start_daemon, connect, tmp_path):
+    with contextlib.ExitStack() as lines:
+
+        def make(spoilt=(2, 3, 4)):
+            """What answers with a wrong CRC is no gripper, and costs a scan less time than silence."""
+            words = [f"{slave_id}=TE1-2.0.2" for slave_id in spoilt]
+            line = lines.enter_context(Simulator("9=TA3-1.6.13", *words, *QUICK_BOOT))
+            for slave_id in spoilt:
+                line.tell(f"fault {slave_id} badCrc always")
+            return Bench(line, start_daemon, connect, tmp_path).ready()
+
+        yield make
+
+
+def test_in_their_scan(make_bench, figure):
+    bench = make_bench()
+    for number in range(effort(5, 200)):
+
+        def middle(mark, _, probe=number % 4):
+            bench.line.wait_for(lambda r: r.is_read(500), probe + 1, mark)
+
+        bench.vanish(number, "SCN_BLOCK", middle)
+        bench.polled_again()
+    bench.end(figure)
+
+
+def told_to_restart(bench):
+    return lambda mark, _: bench.line.wait_for(lambda r: r.is_write(400), since=mark)
+
+
+def bootloader_looked_for(bench):
+    """The daemon blocks by then: it learns only afterwards who has gone."""
+    return lambda _, foreign: eventually(lambda: len(bench.line.foreign) > foreign)
+
+
+MOMENTS = (told_to_restart, bootloader_looked_for)
+
+
+def test_in_their_jump_to_the_bootloader(make_bench, figure):
+    bench = make_bench()
+    for number in range(effort(5, 200)):
+        bench.mute()
+        bench.vanish(number, "BLD 1", MOMENTS[number % 2](bench))
+        assert "bootloader" in bench.gripper()
+        bench.boot_the_firmware()
+        assert bench.stays.set("MUTE 0") == "ack"
+        bench.polled_again()
+    bench.end(figure)
+
+
+def test_in_their_upgrade(make_bench, tmp_path, figure):
+    put_flasher(tmp_path, FLASHER)
+    bench = make_bench()
+    for number in range(effort(5, 200)):
+        bench.mute()
+        mark = bench.daemon.mark()
+        bench.vanish(number, "UPG 1", MOMENTS[number % 2](bench))
+        bench.daemon.wait_for_line("upgrade started :  true", mark)
+        assert bench.stays.get("UPG") == "1"
+        bench.boot_the_firmware()
+        (tmp_path / "go").touch()
+        bench.daemon.wait_for_line("unmuteOnUpgradeFinished", mark)
+        (tmp_path / "go").unlink()
+        bench.polled_again()
+    bench.end(figure)
+
+
+def test_in_their_slave_id_move(make_bench, figure):
+    """Every second move comes to nothing: the gripper does not hear its new id."""
+    bench = make_bench(spoilt=(3, 4))
+    here, other = 9, 2
+    for number in range(effort(2, 20)):
+        bench.mute()
+        mark, address = bench.daemon.mark(), 430
+        if number % 2:
+            bench.line.tell(f"fault {here} deaf 1 on writes")
+        elif number % 4:
+            address = 400
+
+        def middle(mark, _, address=address):
+            bench.line.wait_for(lambda r: r.is_write(address), since=mark, timeout=10)
+
+        bench.vanish(number + 1, f"SID {here} NID {other}", middle)
+        told = f"update slave id from  {here}  to  {other}"
+        messages = [text for text in bench.daemon.messages(mark) if "slave id" in text]
+        if number % 2:
+            assert messages == ["fail to " + told]
+        else:
+            assert messages == [told]
+            here, other = other, here
+        assert bench.stays.set(f"MUTE 0 SID {here}") == "ack"
+        bench.polled_again(here)
+    bench.end(figure)
