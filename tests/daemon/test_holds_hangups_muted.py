@@ -1,0 +1,69 @@
+"""The line hangs up while it is not polled, as when its adapter is pulled out, and comes back."""
+
+import time
+
+from harness.effort import effort
+from harness.hangups import HangUps
+from harness.line import Line
+from harness.moving import SETTINGS, MovingSlave, quiet_client
+from harness.simulator import Simulator
+from harness.waiting import eventually
+
+
+class PluggableSimulator(Simulator):
+    """Comes and goes like the scripted line."""
+
+    def unplug(self):
+        self.tell("unplug")
+
+    def plug(self):
+        self.tell("plug")
+
+
+def is_quiet(line):
+    mark = line.mark()
+    time.sleep(0.05)
+    return line.mark() == mark
+
+
+def test_while_it_is_idle(start_daemon, connect, figure):
+    with PluggableSimulator("9=TA3-1.6.14") as line:
+        hang_ups = HangUps(start_daemon().wait_until_found(9), line)
+        client = connect()
+        for _ in range(effort(5, 250)):
+            assert client.set("MUTE 1") == "ack"
+            eventually(lambda: is_quiet(line), what="silence on the line")
+            with hang_ups.unplugged():
+                pass
+            assert client.set("MUTE 0") == "ack"
+            hang_ups.wait_until_polled()
+            eventually(lambda: client.get("DRI") == "RUNNING")
+        hang_ups.judge(figure)
+
+
+def test_in_a_slave_id_move(start_daemon, connect, figure):
+    """In its first read, in the wait for the settings to be stored, in the wait for the restart."""
+    moving = MovingSlave(9)
+    with Line(moving) as line:
+        moving.line = line
+        hang_ups = HangUps(start_daemon().wait_until_found(9), line)
+        client = quiet_client(line, connect)
+        for wanted in (
+            lambda r: r.is_read(430),
+            lambda r: r.is_write(430),
+            lambda r: r.is_write(400),
+        ):
+            old, mark = moving.id, line.mark()
+            # Where the last move came to nothing, nothing of it is stored.
+            moving.put(434, SETTINGS[4] & 0xFF00 | old)
+            client.send(f"SET SID {old} NID {11 - old}\n")
+            line.wait_for(wanted, since=mark, timeout=10)
+            with hang_ups.unplugged():
+                pass
+            assert client.receive(3, timeout=15) == b"ack"
+            ended_at = time.monotonic()
+            assert client.set("MUTE 0") == "ack"
+            hang_ups.wait_until_polled(moving.id, ended_at)
+            assert client.set("MUTE 1") == "ack"
+            line.wait_until_quiet()
+        hang_ups.judge(figure)
