@@ -215,6 +215,10 @@ class Queue:
     def begun(self):
         return list(dict.fromkeys(self.told()))
 
+    def ended(self):
+        told = self.told()
+        return [n for i, n in enumerate(told) if n in told[:i]]
+
     def most_at_once(self):
         under_way, most = set(), 0
         for number in self.told():
@@ -243,7 +247,9 @@ def test_past_the_limit_they_wait_for_their_turn(queue, figure):
     queue.ask(count)
     replies = Replies(queue.clients)
     latencies = replies.take_all(queue.replies(), queue.prober, 30 + count)
+    eventually(lambda: len(queue.told()) == 2 * count)
     assert queue.begun() == list(range(count))
+    assert [n for n in queue.ended() if n >= LIMIT] == list(queue.numbers_that_wait())
     assert queue.most_at_once() == LIMIT
     assert percentile(latencies, 0.95) < ANSWER_LIMIT
     figure(
