@@ -1,0 +1,240 @@
+"""Every kind of client, each a function that does once what such a client does."""
+
+import socket
+import threading
+import time
+
+from replies import FORMS, LONG_PATIENCE, NAMES, PATIENCE, StrictClient
+from world import SLOWNESS, Broken
+
+# A GET is answered from memory: the loop only finishes what it has in hand.
+PROBE_LIMIT = 0.25 * SLOWNESS
+PROBE_MEDIAN_LIMIT = 0.005 * SLOWNESS
+PROBE_P99_LIMIT = 0.050 * SLOWNESS
+
+IDS = (9, 2, 3, 4)
+
+
+def poller(world, rng, slave_id):
+    """Asks for everything all the time."""
+    with StrictClient(world, f"poller of {slave_id}") as client:
+        client.order(f"SID {slave_id}", ("ack", "nak"))
+        while world.pause(0.02):
+            client.ask_for(*rng.sample(NAMES, 16))
+
+
+def commander(world, rng, slave_id):
+    """Moves a gripper at a steady pace."""
+    with StrictClient(world, f"commander of {slave_id}") as client:
+        client.order(f"SID {slave_id}", ("ack", "nak"))
+        while world.pause(0.1):
+            kind = rng.randrange(6)
+            if kind == 0:
+                client.order(f"ACT {rng.randrange(2)}")
+            elif kind == 1:
+                client.order(f"LGN {rng.randrange(2)} MSC {rng.randrange(256)}")
+            elif kind == 2:
+                client.order(f"MOD {rng.randrange(3)}", ("ack", "nak"))
+            else:
+                client.order(f"POS {rng.randrange(256)} SPE {rng.randrange(256)} FOR 10 GTO 1")
+
+
+def ask_and_drop(world, rng):
+    with StrictClient(world, "ask and drop") as client:
+        client.ask_for(*rng.sample(NAMES, rng.randrange(1, 5)))
+    with StrictClient(world, "drop unread") as client:
+        client.send("GET POS\nSET POS 1 SPE 7\nGET SNU\n"[: rng.randrange(35)])
+    world.pause(0.05 * rng.random())
+
+
+def resetter(world, rng):
+    client = StrictClient(world, "resetter")
+    client.send("GET POS\n" * rng.randrange(50))
+    if rng.random() < 0.5:
+        world.pause(0.01)
+    client.reset()
+    world.pause(0.1 * rng.random())
+
+
+def half_closer(world, rng):
+    with StrictClient(world, "half closer") as client:
+        names = rng.choices(NAMES, k=rng.randrange(1, 40))
+        client.send("".join(f"GET {name}\n" for name in names))
+        client.half_close()
+        lines = client.receive_to_end(PATIENCE).splitlines(keepends=True)
+        forms = [FORMS[name] for name in names]
+        if len(lines) != len(names) or not all(f.fullmatch(n) for f, n in zip(forms, lines)):
+            raise Broken(f"half closer: {lines} to {names}")
+        world.holds("replies", len(names))
+    world.pause(0.1 * rng.random())
+
+
+def garbage_sender(world, rng):
+    """A zero byte would drop the rest of its packet; the letters make pieces of requests."""
+    if rng.random() < 0.5:
+        garbage = bytes(rng.randrange(1, 256) for _ in range(rng.randrange(2000)))
+    else:
+        garbage = "".join(rng.choices("GETSAID \r\n_-019", k=rng.randrange(2000))).encode()
+    with StrictClient(world, "garbage sender") as client:
+        client.send(garbage + b"\nGET VER\n")
+        client.half_close()
+        answers = client.receive_to_end(PATIENCE)
+        if not answers.endswith(b"VER MZV-2.0.0\n"):
+            raise Broken(f"garbage sender: {answers[-60:]!r} behind {garbage[-200:]!r}")
+        world.holds("replies")
+    world.pause(0.2 * rng.random())
+
+
+def never_reader(world, rng):
+    """Sends until the daemon takes no more, then reads every reply after all."""
+    request, reply = b"GET VER\n", b"VER MZV-2.0.0\n"
+    with StrictClient(world, "never reader") as client:
+        client.socket.setblocking(False)
+        sent, blocked_since = 0, None
+        while sent < 4_000_000 and world.pause(0):
+            begin = sent % len(request)
+            try:
+                sent += client.socket.send((request * 4000)[begin:])
+                blocked_since = None
+            except BlockingIOError:
+                blocked_since = blocked_since or time.monotonic()
+                if time.monotonic() > blocked_since + 0.5:
+                    break
+                world.pause(0.02)
+        world.pause(2 * rng.random())
+        # The request that was cut is finished by hand, once there is room.
+        rest = request[sent % len(request) :] if sent % len(request) else b""
+        expected, received = (sent + len(rest)) // len(request) * len(reply), 0
+        deadline = time.monotonic() + LONG_PATIENCE
+        while received < expected:
+            try:
+                data = client.socket.recv(1 << 20)
+                if not data or data != (reply * (len(data) // len(reply) + 2))[
+                    received % len(reply) : received % len(reply) + len(data)
+                ]:
+                    raise Broken(f"never reader: {data[:60]!r} after {received} bytes")
+                received += len(data)
+            except BlockingIOError:
+                if time.monotonic() > deadline:
+                    raise Broken(f"never reader: {received} of {expected} bytes") from None
+                time.sleep(0.005)
+            if rest:
+                try:
+                    rest = rest[client.socket.send(rest) :]
+                except BlockingIOError:
+                    pass
+        world.holds("replies")
+        world.count("replies read late", expected // len(reply))
+    world.pause(5 * rng.random())
+
+
+def hostile_setter(world, rng):
+    requests = [
+        "AAA" + " 111" * rng.randrange(20, 2000),
+        " ".join(f"XYZ {n % 1000}" for n in range(rng.randrange(10, 3000))),
+        "POS 100" + "".join(f" POS {n % 256}" for n in range(rng.randrange(2000, 20000))),
+        "POS -1 SPE 1000 FOR -99 LBP ---",
+    ]
+    with StrictClient(world, "hostile setter") as client:
+        body = rng.choice(requests)
+        client.send("SET " + body)
+        world.pause(0.2 * rng.random())
+        client.send("\nGET VER\n")
+        reply = client.receive(len("ackVER MZV-2.0.0\n"))
+        if reply != b"ackVER MZV-2.0.0\n":
+            raise Broken(f"hostile setter: {reply!r} to SET {body[:60]}")
+        world.holds("replies", 2)
+    world.pause(rng.random())
+
+
+def scanner(world, rng, slot):
+    """Scans now and then; the scanners' blocking scans come to lie inside one another."""
+    if not world.pause(4 + 12 * rng.random()):
+        return
+    with world.scan_slot(slot), StrictClient(world, "scanner") as client:
+        if rng.random() < 0.3:
+            client.order("SCN")
+            world.count("scans")
+        else:
+            client.order("SCN_BLOCK", timeout=LONG_PATIENCE)
+            world.count("blocking scans")
+
+
+def tuner(world, rng):
+    """Changes the pace of polling, or mutes it for a while, and takes it back."""
+    if not world.pause(1 + 4 * rng.random()):
+        return
+    with world.maintenance, StrictClient(world, "tuner") as client:
+        if rng.random() < 0.7:
+            client.order("THROTTLE 0")
+            world.pause(5 * rng.random())
+            client.order("THROTTLE 1")
+        else:
+            with world.excuse("muted"):
+                client.order("MUTE 1")
+                world.pause(2 * rng.random())
+                client.order("MUTE 0")
+
+
+def start_all(world):
+    """One thread each, until the run is over."""
+    crew = [(f"poller {n}", poller, (n,)) for n in IDS]
+    crew += [(f"commander {n}", commander, (n,)) for n in (9, 2)]
+    alone = [ask_and_drop, resetter, half_closer, garbage_sender, never_reader, hostile_setter]
+    crew += [(f.__name__, f, ()) for f in (*alone, tuner)]
+    crew += [(f"scanner {n}", scanner, (n,)) for n in range(2)]
+    threads = []
+    for name, behave, arguments in crew:
+        target = (world, name, behave, arguments)
+        threads.append(threading.Thread(target=_repeat, args=target, daemon=True))
+        threads[-1].start()
+    return threads
+
+
+def _repeat(world, name, behave, arguments):
+    rng = world.random(name)
+    while not world.stopped.is_set():
+        try:
+            behave(world, rng, *arguments)
+        except Broken as problem:
+            world.breaks("replies", str(problem))
+            world.pause(1)
+        except (OSError, AssertionError) as problem:
+            if not world.stopped.is_set():
+                world.breaks("connections", f"{name}: {problem!r}")
+                world.pause(1)
+
+
+class Prober:
+    """A client that behaves, and how long it has to wait."""
+
+    def __init__(self, world):
+        self.world = world
+        self.waits = []
+        self.thread = threading.Thread(target=self._run, daemon=True)
+        self.thread.start()
+
+    def _run(self):
+        try:
+            with StrictClient(self.world, "prober") as client:
+                while self.world.pause(0.02):
+                    self._probe(client)
+        except (Broken, OSError, socket.timeout) as problem:
+            self.world.breaks("latency", f"prober: {problem}")
+
+    def _probe(self, client):
+        # A bootloader is looked for with the thread blocked: that time is not the prober's.
+        blocked = self.world.excused("upgrade")
+        asked = time.monotonic()
+        client.ask_for("POS")
+        waited = time.monotonic() - asked
+        if blocked or self.world.excused("upgrade"):
+            return
+        if waited > PROBE_P99_LIMIT:
+            # The watch tells of a stall only when it is over.
+            time.sleep(0.1)
+            if waited <= PROBE_P99_LIMIT + 5 * self.world.worst_stall(asked):
+                self.world.forgive("latency")
+                return
+        self.waits.append(waited)
+        self.world.judge("latency", waited <= PROBE_LIMIT, f"a probe took {waited:.3f} s")
