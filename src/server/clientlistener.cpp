@@ -29,6 +29,7 @@ qintptr lastClientDescriptor()
 
 ClientListener::ClientListener(QObject *parent)
     : QTcpServer(parent)
+    , m_poller(nullptr)
 {
     setMaxPendingConnections(pendingConnections);
     // Accepting stays paused after an error until somebody resumes it.
@@ -36,10 +37,11 @@ ClientListener::ClientListener(QObject *parent)
             [this] { QTimer::singleShot(acceptRetryMs, this, &QTcpServer::resumeAccepting); });
 }
 
-// Ends the pending connections as long as this is still the object that they report to.
+// Ends all connections as long as this is still the object that they report to and wait with.
 ClientListener::~ClientListener()
 {
     close();
+    qDeleteAll(findChildren<QTcpSocket *>());
 }
 
 bool ClientListener::listenOn(quint16 port)
@@ -54,7 +56,7 @@ bool ClientListener::listenOn(quint16 port)
 
 void ClientListener::incomingConnection(qintptr descriptor)
 {
-    auto *socket = new ClientSocket(this);
+    auto *socket = new ClientSocket(m_poller, this);
     socket->setSocketDescriptor(descriptor, QAbstractSocket::ConnectedState, QIODevice::ReadWrite);
     connect(socket, &QObject::destroyed, this, &ClientListener::goOnAccepting);
     addPendingConnection(socket);
@@ -65,7 +67,7 @@ void ClientListener::incomingConnection(qintptr descriptor)
 
 void ClientListener::goOnAccepting()
 {
-    if (maxPendingConnections() > 0)
+    if (maxPendingConnections() > 0 || !isListening())
         return;
     setMaxPendingConnections(pendingConnections);
     resumeAccepting();

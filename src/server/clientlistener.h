@@ -1,5 +1,7 @@
 #pragma once
 
+#include "socketpoller.h"
+
 #include <QTcpServer>
 
 /// The listening server: hands out every connection as a ClientSocket and has a queue long enough
@@ -16,11 +18,15 @@ public:
     /// Listens on all addresses, IPv4 and IPv6. Returns whether it does.
     bool listenOn(quint16 port);
 
+    /// The one that all clients share.
+    SocketPoller &poller() { return m_poller; }
+
 protected:
     void incomingConnection(qintptr descriptor) override;
 
 private:
     void goOnAccepting();
 
+    SocketPoller m_poller;
     qintptr m_lastClientDescriptor = 0;
 };

@@ -34,8 +34,9 @@ bool isTemporary(int error)
 
 } // namespace
 
-ClientSocket::ClientSocket(QObject *parent)
+ClientSocket::ClientSocket(SocketPoller &poller, QObject *parent)
     : QTcpSocket(parent)
+    , m_poller(poller)
 {
 }
 
@@ -43,8 +44,7 @@ ClientSocket::~ClientSocket()
 {
     // The base class must not look for a connection that it never had.
     setSocketState(UnconnectedState);
-    m_readNotifier.reset();
-    m_writeNotifier.reset();
+    m_registration.reset();
     if (m_descriptor >= 0)
         ::close(m_descriptor);
 }
@@ -56,11 +56,8 @@ bool ClientSocket::setSocketDescriptor(qintptr descriptor, SocketState state, Op
         ::setsockopt(m_descriptor, option.level, option.name, &option.value, sizeof option.value);
     setSocketState(state);
     setOpenMode(openMode | Unbuffered);
-    m_readNotifier = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
-    connect(m_readNotifier.get(), &QSocketNotifier::activated, this, [this] { emit readyRead(); });
-    m_writeNotifier = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Write);
-    m_writeNotifier->setEnabled(false);
-    connect(m_writeNotifier.get(), &QSocketNotifier::activated, this, [this] { onWritable(); });
+    m_registration.emplace(m_poller, m_descriptor, static_cast<Listener &>(*this));
+    updateInterests();
     return true;
 }
 
@@ -79,7 +76,7 @@ qint64 ClientSocket::readData(char *data, qint64 maxSize)
         return received;
     if (received == 0 || !isTemporary(errno)) {
         m_inputEnded = true;
-        updateNotifiers();
+        updateInterests();
         reportEndIfOver();
     }
     return -1;
@@ -96,13 +93,18 @@ qint64 ClientSocket::writeData(const char *data, qint64 size)
 void ClientSocket::sendReplies()
 {
     sendUnsent();
-    updateNotifiers();
+    updateInterests();
+}
+
+void ClientSocket::onReadable()
+{
+    emit readyRead();
 }
 
 void ClientSocket::onWritable()
 {
     sendUnsent();
-    updateNotifiers();
+    updateInterests();
     reportEndIfOver();
 }
 
@@ -125,16 +127,19 @@ void ClientSocket::endOutput()
     m_unsent.clear();
 }
 
-void ClientSocket::updateNotifiers()
+void ClientSocket::updateInterests()
 {
-    m_readNotifier->setEnabled(!m_inputEnded && !m_paused && m_unsent.size() <= __replyLimit);
-    m_writeNotifier->setEnabled(!m_unsent.isEmpty());
+    const bool mayRead = !m_inputEnded && !m_paused && m_unsent.size() <= __replyLimit;
+    SocketPoller::Interests interests;
+    interests.setFlag(SocketPoller::Readable, mayRead);
+    interests.setFlag(SocketPoller::Writable, !m_unsent.isEmpty());
+    m_registration->setInterests(interests);
 }
 
 void ClientSocket::setPaused(bool paused)
 {
     m_paused = paused;
-    updateNotifiers();
+    updateInterests();
 }
 
 void ClientSocket::hold()

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <QSocketNotifier>
+#include "socketpoller.h"
+
 #include <QTcpSocket>
 
-#include <memory>
+#include <optional>
 
 /// One client's connection. Does its own reading and writing on the descriptor, so that
 /// - what the client had sent before it closed or reset the connection is still read to the end;
@@ -15,13 +16,14 @@
 ///
 /// readyRead() may be emitted again inside a slot that pumps events. Has no meta-object of its own
 /// on purpose: to everybody, the log included, it is a QTcpSocket.
-class ClientSocket : public QTcpSocket
+class ClientSocket : public QTcpSocket, private SocketPoller::Listener
 {
 public:
     /// Bytes of replies that are kept for a client that does not read, before its requests wait.
     static constexpr int __replyLimit = 256 * 1024;
 
-    explicit ClientSocket(QObject *parent);
+    /// `poller` must outlive the socket.
+    ClientSocket(SocketPoller &poller, QObject *parent);
     ~ClientSocket() override;
 
     /// Takes the descriptor over; it is closed with this object.
@@ -49,15 +51,16 @@ protected:
     qint64 writeData(const char *data, qint64 size) override;
 
 private:
-    void onWritable();
+    void onReadable() override;
+    void onWritable() override;
     void sendUnsent();
     void endOutput();
-    void updateNotifiers();
+    void updateInterests();
     void reportEndIfOver();
 
     int m_descriptor = -1;
-    std::unique_ptr<QSocketNotifier> m_readNotifier;
-    std::unique_ptr<QSocketNotifier> m_writeNotifier;
+    SocketPoller &m_poller;
+    std::optional<SocketPoller::Registration> m_registration;
     QByteArray m_unsent;
     int m_holds = 0;
     bool m_paused = false;

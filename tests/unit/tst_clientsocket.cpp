@@ -91,6 +91,7 @@ private:
 
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<ClientEnd> m_client;
+    SocketPoller m_poller{nullptr};
     std::unique_ptr<ClientSocket> m_socket;
     int m_descriptor = -1;
 };
@@ -121,7 +122,7 @@ void tst_ClientSocket::cleanupTestCase()
 void tst_ClientSocket::connectClient(DescriptorPair ends)
 {
     m_client = std::make_unique<ClientEnd>(ends.clientEnd);
-    m_socket = std::make_unique<ClientSocket>(nullptr);
+    m_socket = std::make_unique<ClientSocket>(m_poller, nullptr);
     m_descriptor = ends.serverEnd;
     QVERIFY(m_socket->setSocketDescriptor(ends.serverEnd, QAbstractSocket::ConnectedState,
                                           QIODevice::ReadWrite));

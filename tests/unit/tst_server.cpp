@@ -206,7 +206,7 @@ ClientEnd &tst_Server::connectClient()
 ClientEnd &tst_Server::adoptLocalClient()
 {
     const DescriptorPair ends = localPair();
-    auto *socket = new ClientSocket(m_server->tcpServer);
+    auto *socket = new ClientSocket(m_server->tcpServer->poller(), m_server->tcpServer);
     socket->setSocketDescriptor(ends.serverEnd, QAbstractSocket::ConnectedState,
                                 QIODevice::ReadWrite);
     m_server->clientSockets.append(socket);

@@ -1,0 +1,90 @@
+#include "socketpoller.h"
+
+#include <algorithm>
+#include <unistd.h>
+
+namespace {
+
+constexpr quint32 brokenConnection = EPOLLERR | EPOLLHUP;
+constexpr quint32 readable = EPOLLIN | brokenConnection;
+constexpr quint32 writable = EPOLLOUT | brokenConnection;
+
+} // namespace
+
+SocketPoller::Registration::Registration(SocketPoller &poller, int descriptor, Listener &listener)
+    : m_poller(poller)
+    , m_descriptor(descriptor)
+    , m_listener(listener)
+{
+}
+
+SocketPoller::Registration::~Registration()
+{
+    setInterests(Nothing);
+}
+
+void SocketPoller::Registration::setInterests(Interests interests)
+{
+    if (interests == m_interests)
+        return;
+    // A broken connection is told whatever is asked for: who waits for nothing must not be there.
+    int operation = EPOLL_CTL_MOD;
+    if (m_interests == Nothing)
+        operation = EPOLL_CTL_ADD;
+    else if (interests == Nothing)
+        operation = EPOLL_CTL_DEL;
+    m_interests = interests;
+    epoll_event event{};
+    event.events = interests;
+    event.data.ptr = this;
+    ::epoll_ctl(m_poller.m_epoll, operation, m_descriptor, &event);
+    if (interests == Nothing)
+        m_poller.forget(this);
+}
+
+SocketPoller::SocketPoller(QObject *parent)
+    : QObject(parent)
+    , m_epoll(::epoll_create1(EPOLL_CLOEXEC))
+    , m_notifier(std::make_unique<QSocketNotifier>(m_epoll, QSocketNotifier::Read))
+{
+    connect(m_notifier.get(), &QSocketNotifier::activated, this, [this] { tellBatch(); });
+}
+
+SocketPoller::~SocketPoller()
+{
+    m_notifier.reset();
+    ::close(m_epoll);
+}
+
+void SocketPoller::tellBatch()
+{
+    if (m_next == m_end) {
+        m_next = 0;
+        m_end = std::max(0, ::epoll_wait(m_epoll, m_batch.data(), batchSize, 0));
+    }
+    while (m_next < m_end)
+        tell(m_batch[static_cast<std::size_t>(m_next++)]);
+}
+
+void SocketPoller::tell(const epoll_event &event)
+{
+    auto *registration = static_cast<Registration *>(event.data.ptr);
+    if (registration == nullptr)
+        return;
+    const quint32 events = event.events;
+    Listener &listener = registration->m_listener;
+    if ((events & writable) != 0 && registration->m_interests.testFlag(Writable))
+        listener.onWritable();
+    // Last: it may pump events, and nobody knows what is left of the socket then.
+    if ((events & readable) != 0 && registration->m_interests.testFlag(Readable))
+        listener.onReadable();
+}
+
+void SocketPoller::forget(const Registration *registration)
+{
+    for (int i = m_next; i < m_end; ++i) {
+        epoll_event &event = m_batch[static_cast<std::size_t>(i)];
+        if (event.data.ptr == registration)
+            event.data.ptr = nullptr;
+    }
+}
