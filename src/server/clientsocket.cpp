@@ -1,5 +1,7 @@
 #include "clientsocket.h"
 
+#include <QScopedValueRollback>
+
 #include <array>
 #include <cerrno>
 #include <netinet/in.h>
@@ -33,6 +35,8 @@ bool isTemporary(int error)
 }
 
 } // namespace
+
+ClientSocket *ClientSocket::__readyOne = nullptr;
 
 ClientSocket::ClientSocket(SocketPoller &poller, QObject *parent)
     : QTcpSocket(parent)
@@ -98,6 +102,7 @@ void ClientSocket::sendReplies()
 
 void ClientSocket::onReadable()
 {
+    const QScopedValueRollback<ClientSocket *> ready(__readyOne, this);
     emit readyRead();
 }
 

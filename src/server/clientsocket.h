@@ -24,6 +24,11 @@ public:
 
     /// `poller` must outlive the socket.
     ClientSocket(SocketPoller &poller, QObject *parent);
+
+    /// The one that emits readyRead() just now, null outside. In a slot the same as sender(), which
+    /// however looks through all clients.
+    static ClientSocket *readyOne() { return __readyOne; }
+
     ~ClientSocket() override;
 
     /// Takes the descriptor over; it is closed with this object.
@@ -59,6 +64,8 @@ private:
     void reportEndIfOver();
 
     int m_descriptor = -1;
+    static ClientSocket *__readyOne;
+
     SocketPoller &m_poller;
     std::optional<SocketPoller::Registration> m_registration;
     QByteArray m_unsent;

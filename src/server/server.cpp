@@ -86,7 +86,7 @@ void Server::onClientSocketConnection()
 
 void Server::onClientSocketReadData()
 {
-    auto *socket = dynamic_cast<ClientSocket *>(sender());
+    ClientSocket *socket = ClientSocket::readyOne();
     if (socket == nullptr)
         return;
     // Used up before anything pumps events, so a nested call may use it again.
