@@ -1,0 +1,177 @@
+"""Requests that are made to cost: the client that sends them is the only one who may notice."""
+
+import time
+
+import pytest
+from harness.client import Client
+from harness.effort import effort
+from harness.line import Line, Slave
+from harness.load import SLOWNESS, WORST_LIMIT, Bystander, Visits, log_bytes
+from harness.waiting import eventually
+
+FLOODS = True
+
+ROUNDS = effort(5, 100)
+LOG_LIMIT = 1_000_000
+
+MEGABYTE_OF_SET = ("SET AAA" + " 111" * 250_000)[:999_999]
+KNOWN_PAIRS = "SET" + " POS 1 SPE 2 FOR 3 GTO 0" * 4_999 + " SPE 20 FOR 30 GTO 1 POS {0}\n"
+UNKNOWN_NAMES = (
+    "SET" + "".join(f" N{number:05}" for number in range(19_999)) + " SPE 40 POS {0}\n"
+)
+
+
+@pytest.fixture(scope="module")
+def line():
+    with Line(Slave(9)) as plugged:
+        yield plugged
+
+
+@pytest.fixture(scope="module")
+def found(line, start_module_daemon):
+    daemon = start_module_daemon().wait_until_found(9)
+    line.wait_for(lambda r: r.is_write(1000))
+    return daemon
+
+
+@pytest.fixture(autouse=True)
+def polled_as_at_the_start(found, line):
+    line.wait_until_polled(9)
+    yield
+    with Client() as client:
+        assert client.set("MUTE 0 THROTTLE 1") == "ack"
+
+
+def attack(found, line, connect, figure, once, worst=WORST_LIMIT):
+    """Calls once(client, round) again and again while others look on."""
+    client, log = connect(timeout=20), found.mark()
+    with Bystander() as bystander:
+        visits = Visits(line)
+        for number in range(ROUNDS):
+            once(client, number)
+        line.wait_until_polled(9, 10)
+    written = log_bytes(found, log)
+    for said in (bystander.check(worst), visits.check(worst), f"{written} bytes of log"):
+        figure(said)
+    assert written < LOG_LIMIT
+
+
+def test_a_megabyte_of_set_without_its_line_ending(found, line, connect, figure):
+    def once(_, __):
+        client = connect()
+        client.send(MEGABYTE_OF_SET)
+        # It may still become a request: no reply before its line ending.
+        assert client.receive_until_silent(0.2) == b""
+        client.close()
+
+    attack(found, line, connect, figure, once)
+
+
+def test_the_megabyte_of_set_is_carried_out_when_its_line_ending_comes(
+    found, line, connect, figure
+):
+    def once(client, number):
+        client.send(MEGABYTE_OF_SET)
+        client.send(f" POS {number + 100}\n")
+        assert client.receive(3) == b"ack"
+        eventually(lambda: line[9].get(1001) == [number + 100])
+
+    # A hundred thousand pairs in one go, which others may notice, but not for long.
+    attack(found, line, connect, figure, once, worst=0.5 * SLOWNESS)
+
+
+def test_a_megabyte_of_set_with_a_wrong_character_before_its_line_ending(
+    found, line, connect, figure
+):
+    def once(client, _):
+        client.send(MEGABYTE_OF_SET + "!\nGET VER\n")
+        assert client.receive_line() == b"VER MZV-2.0.0\n"
+        client.send(MEGABYTE_OF_SET + "!")
+        client.send("GET VER\n")
+        assert client.receive_line() == b"VER MZV-2.0.0\n"
+
+    attack(found, line, connect, figure, once)
+
+
+@pytest.mark.parametrize("ending", ["!", "!\n"], ids=["one line", "a thousand lines"])
+def test_a_thousand_sets_with_a_wrong_character_each(found, line, connect, figure, ending):
+    def once(client, _):
+        client.send(("SET AAA" + " 111" * 30 + ending) * 1000 + "\nGET VER\n")
+        assert client.receive_line() == b"VER MZV-2.0.0\n"
+
+    attack(found, line, connect, figure, once)
+
+
+@pytest.mark.parametrize(
+    "request_text, speed_and_force",
+    [(KNOWN_PAIRS, 0x141E), (UNKNOWN_NAMES, 0x2800)],
+    ids=["known", "unknown"],
+)
+def test_a_valid_set_of_20000_names_is_carried_out(
+    found, line, connect, figure, request_text, speed_and_force
+):
+    connect().set("SPE 0 FOR 0")
+
+    def once(client, number):
+        client.send(request_text.format(number + 1))
+        assert client.receive(3) == b"ack"
+        # What stands last in the request.
+        eventually(lambda: line[9].get(1001, 2) == [number + 1, speed_and_force])
+
+    attack(found, line, connect, figure, once)
+
+
+def send_every_10_ms(client, requests, seconds):
+    sent, ends = 0, time.monotonic() + seconds
+    while time.monotonic() < ends:
+        client.send(requests[sent % len(requests)])
+        sent += 1
+        time.sleep(0.01)
+    assert client.receive(3 * sent) == b"ack" * sent
+    return sent
+
+
+@pytest.mark.parametrize(
+    "requests, fastest, slowest",
+    [
+        (["SET THROTTLE 1\n"], 0.048, 0.056),
+        # Four requests of 10 ms each, and the next tick of 5 ms.
+        (["SET THROTTLE 0\n"], 0.040, 0.0475),
+        # When the slow period begins at the end of a visit, the next comes that much later.
+        (["SET THROTTLE 0\n", "SET THROTTLE 1\n"], 0.040, 0.096),
+    ],
+    ids=["slow", "fast", "both in turn"],
+)
+def test_throttle_sent_every_10_ms(line, connect, figure, requests, fastest, slowest):
+    client = connect()
+    send_every_10_ms(client, requests, 0.2)
+    visits = Visits(line)
+    sent = send_every_10_ms(client, requests, effort(1, 60))
+    gaps = sorted(visits.gaps())
+    median = gaps[len(gaps) // 2]
+    figure(f"{sent} sent, visits every {median * 1000:.1f} ms (longest {gaps[-1] * 1000:.0f} ms)")
+    assert fastest < median < slowest
+    assert gaps[-1] < 0.2
+
+
+@pytest.mark.parametrize("leave", ["close", "reset"])
+def test_the_mute_of_a_client_that_vanished_is_seen_and_undone_by_another(
+    line, connect, figure, leave
+):
+    other = connect()
+    line[9].put(2002, 0x2100)
+    eventually(lambda: other.get("POS") == "33")
+    vanishing = connect()
+    vanishing.send("SET MUTE 1\n")
+    getattr(vanishing, leave)()
+    line.wait_until_quiet(0.2)
+    mark, muted_at = line.mark(), time.monotonic()
+    line[9].put(2002, 0x4D00)
+    while time.monotonic() < muted_at + 1.0:
+        assert (other.get("POS"), other.get("DRI")) == ("33", "RUNNING")
+    assert line.since(mark) == []
+    undone_at = time.monotonic()
+    assert other.set("MUTE 0") == "ack"
+    eventually(lambda: other.get("POS") == "77")
+    figure(f"the first new value {(time.monotonic() - undone_at) * 1000:.0f} ms after SET MUTE 0")
+    assert time.monotonic() - undone_at < 0.3
