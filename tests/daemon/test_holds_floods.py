@@ -1,0 +1,54 @@
+"""Streams that hold no request: they cost no memory, and nobody waits for them."""
+
+import random
+
+import pytest
+from harness.daemon import SANITIZED
+from harness.effort import effort
+from harness.load import WORST_LIMIT, Bystander, Memory, Visits
+
+FLOODS = True
+
+MEBIBYTE = 1 << 20
+STREAM = effort(32, 1024) * MEBIBYTE
+# The sanitizer fills its quarantine of freed memory and keeps a shadow of it all.
+QUARANTINE = {"ASAN_OPTIONS": "quarantine_size_mb=8:thread_local_quarantine_size_kb=256"}
+GROWTH_LIMIT_KIB = (40 if SANITIZED else 8) * 1024
+
+
+def garbage():
+    """Every byte but zero, which would end what is read together with it."""
+    return bytes(random.Random(1).choices(range(1, 256), k=MEBIBYTE))
+
+
+STREAMS = {
+    "any bytes": garbage(),
+    "letters that grow in upper case": "ßſıŉ".encode() * (MEBIBYTE // 9),
+    "a SET that never ends": b" AAA" * (MEBIBYTE // 4),
+    "a SET of names that are values": b" 111" * (MEBIBYTE // 4),
+    "keywords without a request": b"GET  SET! SETGET\tGE-" * (MEBIBYTE // 20),
+}
+
+
+@pytest.mark.parametrize("block", STREAMS.values(), ids=STREAMS.keys())
+def test_a_stream_without_a_request(line, start_daemon, connect, figure, block):
+    daemon = start_daemon(environment=QUARANTINE if SANITIZED else {}).wait_until_found(9)
+    line.wait_for(lambda r: r.is_write(1000))
+    client = connect(timeout=20)
+    assert client.get("VER") == "MZV-2.0.0"
+    memory = Memory(daemon)
+    with Bystander() as bystander:
+        visits = Visits(line)
+        client.send("SET AAA")
+        for _ in range(STREAM // len(block)):
+            client.send(block)
+        client.send("!\nGET VER\n")
+        assert client.receive_line() == b"VER MZV-2.0.0\n"
+        line.wait_until_polled(9, 6)
+    # Every reply waits for its turn among the reads of the stream.
+    figure(bystander.check(usual=WORST_LIMIT))
+    # A visit that takes a little longer than its period costs the next one, in slow builds.
+    figure(visits.check(usual=0.11))
+    growth = memory.growth_kib()
+    figure(f"{growth} KiB more resident memory at most, for {STREAM // MEBIBYTE} MiB")
+    assert growth < GROWTH_LIMIT_KIB
