@@ -1,0 +1,70 @@
+"""Connections that come and go, in order or not, leave nothing behind."""
+
+from harness.client import Client
+from harness.daemon import SANITIZED
+from harness.effort import effort
+from harness.load import Bystander
+from harness.waiting import eventually
+
+FLOODS = True
+
+CONNECTIONS = effort(2_000, 50_000)
+AT_A_TIME = 100
+# What the sanitizer keeps of freed memory, to notice its use, is not what is looked for here.
+QUARANTINE = {"ASAN_OPTIONS": "quarantine_size_mb=1:thread_local_quarantine_size_kb=64"}
+# A leak of a hundred bytes per connection, the smallest thing to forget, in the large number.
+GROWTH_LIMIT_KIB = 8_000 if SANITIZED else 1_000
+
+
+def use_once(client, number):
+    """Every other one leaves its reply unread, with half a request behind it."""
+    if number // 2 % 2:
+        client.send("GET VER\nGET V")
+    else:
+        assert client.get("VER") == "MZV-2.0.0"
+
+
+def drop(client, number):
+    if number % 2:
+        client.reset()
+    else:
+        client.close()
+
+
+def come_and_go(daemon, count):
+    for first in range(0, count, AT_A_TIME):
+        mark = daemon.mark()
+        clients = [Client() for _ in range(AT_A_TIME)]
+        for number, client in enumerate(clients, first):
+            use_once(client, number)
+        for number, client in enumerate(clients, first):
+            drop(client, number)
+        eventually(
+            lambda: sum("deleteLater" in m for m in daemon.messages(mark)) == AT_A_TIME,
+            what="the daemon to see them all gone",
+        )
+
+
+def settled(daemon):
+    """The descriptors when the sockets of those who left are closed, which follows the log line."""
+
+    def one_client():
+        found = daemon.descriptors()
+        # The listening socket, the bystander's, and the pair that the quit signals use.
+        return found if sum("socket:" in name for name in found) <= 4 else None
+
+    return eventually(one_client, what=daemon.descriptors)
+
+
+def test_connections_used_once_and_dropped(line, start_daemon, figure):
+    daemon = start_daemon(environment=QUARANTINE if SANITIZED else {}).wait_until_found(9)
+    with Bystander() as bystander:
+        come_and_go(daemon, 10 * AT_A_TIME)
+        descriptors, memory = settled(daemon), daemon.resident_kib()
+        come_and_go(daemon, CONNECTIONS)
+        assert settled(daemon) == descriptors
+        growth = daemon.resident_kib() - memory
+    figure(f"{CONNECTIONS} connections, {growth} KiB more resident memory, no descriptor")
+    figure(bystander.check())
+    assert growth < GROWTH_LIMIT_KIB
+    line.wait_until_polled(9)
