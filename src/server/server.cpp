@@ -15,9 +15,13 @@
 
 namespace {
 
-// One read is one batch: the rest of a longer burst follows on the next turn of the event loop,
-// when the others have had theirs.
-constexpr int bytesPerRead = 64 * 1024;
+// One read is one batch. Of a long one only the first requests are carried out at once, so that a
+// thousand clients that send long ones do not keep the others waiting; the rest follows in shares,
+// one client's share on each turn of the event loop. In bytes of requests, as is the time they
+// take.
+constexpr int bytesPerRead = 16 * 1024;
+constexpr std::size_t firstShare = 256;
+constexpr std::size_t laterShare = 4096;
 constexpr int firstSlaveId = GripperList::__max_slave_id;
 
 void write(ClientSocket *socket, std::string_view reply)
@@ -103,25 +107,62 @@ void Server::processSocket(ClientSocket *socket)
     const Gripper gripper =
         gripperList.getGripperFromSlaveId(static_cast<quint8>(slaveIdBySocket[socket]));
     ++m_depth;
-    carryOutBuffered(socket, gripper);
+    carryOutBuffered(socket, gripper, firstShare);
     --m_depth;
     resumePostponedLater();
 }
 
-void Server::carryOutBuffered(ClientSocket *socket, const Gripper &gripper)
+void Server::carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std::size_t share)
 {
     // Keeps the client, and with it its entries, until its requests are carried out.
     socket->hold();
     RequestScanner &buffer = bufferBySocket[socket];
     Request request;
+    std::size_t done = 0;
     while (!socket->isPaused() && buffer.takeNext(request)) {
-        if (mustBePostponed(request, gripper))
+        if (mustBePostponed(request, gripper)) {
             postpone({socket, request, gripper});
-        else
-            carryOut(socket, request, gripper);
+            break;
+        }
+        carryOut(socket, request, gripper);
+        done += request.text.size();
+        if (done >= share && buffer.bytesKept() > 0 && !socket->isPaused())
+            leaveForLater({socket, gripper});
     }
     socket->sendReplies();
     socket->release();
+}
+
+void Server::leaveForLater(const Unfinished &unfinished)
+{
+    unfinished.socket->hold();
+    unfinished.socket->setPaused(true);
+    m_unfinished.enqueue(unfinished);
+    continueUnfinishedLater();
+}
+
+/// Posted events that are posted meanwhile come on the next turn: sockets and timers are in
+/// between.
+void Server::continueUnfinishedLater()
+{
+    if (m_continuationPosted || m_unfinished.isEmpty())
+        return;
+    m_continuationPosted = true;
+    QMetaObject::invokeMethod(this, &Server::continueUnfinished, Qt::QueuedConnection);
+}
+
+void Server::continueUnfinished()
+{
+    m_continuationPosted = false;
+    const Unfinished next = m_unfinished.dequeue();
+    // Also when this one waits on the bus.
+    continueUnfinishedLater();
+    next.socket->setPaused(false);
+    ++m_depth;
+    carryOutBuffered(next.socket, next.gripper, laterShare);
+    --m_depth;
+    next.socket->release();
+    resumePostponedLater();
 }
 
 void Server::carryOut(ClientSocket *socket, const Request &request, const Gripper &gripper)
@@ -164,7 +205,7 @@ void Server::resumePostponed()
     next.socket->setPaused(false);
     ++m_depth;
     carryOut(next.socket, next.request, next.gripper);
-    carryOutBuffered(next.socket, next.gripper);
+    carryOutBuffered(next.socket, next.gripper, firstShare);
     --m_depth;
     m_resuming = false;
     next.socket->release();

@@ -112,7 +112,17 @@ private:
         Gripper gripper;
     };
 
-    void carryOutBuffered(ClientSocket *socket, const Gripper &gripper);
+    /// The rest of a batch whose first requests have been carried out.
+    struct Unfinished
+    {
+        ClientSocket *socket;
+        Gripper gripper;
+    };
+
+    void carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std::size_t share);
+    void leaveForLater(const Unfinished &unfinished);
+    void continueUnfinishedLater();
+    void continueUnfinished();
     void carryOut(ClientSocket *socket, const Request &request, const Gripper &gripper);
     bool mustBePostponed(const Request &request, const Gripper &gripper) const;
     void postpone(const Postponed &postponed);
@@ -126,6 +136,8 @@ private:
     QHostAddress listenAddress;
     GripperList gripperList;
     ModbusConstraintsFactory constraintsFactory;
+    QQueue<Unfinished> m_unfinished;
+    bool m_continuationPosted = false;
     QQueue<Postponed> m_postponed;
     int m_depth = 0;         ///< Batches on the stack: all but the innermost wait on the bus.
     bool m_resuming = false; ///< A postponed request is one of them.

@@ -35,5 +35,6 @@ void UnhandledPairs::log()
         return;
     if (m_line.isEmpty())
         m_line = lineOf(m_request);
-    qInfo().noquote() << m_line;
+    // A debug stream would copy the whole line, which may have a million characters.
+    qt_message_output(QtInfoMsg, QMessageLogContext(), m_line);
 }

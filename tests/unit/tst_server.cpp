@@ -111,6 +111,11 @@ private slots:
     void requestsOfAClientThatClosesAtOnceAreCarriedOut_data();
     void requestsOfAClientThatClosesAtOnceAreCarriedOut();
 
+    void longBatchesLeaveOthersTheirTurn();
+    void longBatchIsAnsweredInOrderAndFromOneGripper();
+    void longBatchOfAClientThatClosesIsCarriedOut();
+    void othersGoOnWhileALongBatchWaitsForAScan();
+
     void requestThatWouldNestTooDeepWaitsItsTurn();
     void nothingOfAClientOvertakesItsPostponedRequest();
     void requestsThatDoNotWaitAreCarriedOutAtAnyDepth();
@@ -869,6 +874,62 @@ void tst_Server::requestsOfAClientThatClosesAtOnceAreCarriedOut()
     QCOMPARE(positionRequest(), quint8{2});
     QTRY_VERIFY(isClientless());
     m_gripper->setSpeedRequest(0);
+}
+
+void tst_Server::longBatchesLeaveOthersTheirTurn()
+{
+    ClientEnd &greedy = connectClient();
+    ClientEnd &modest = connectClient();
+    greedy.send(QByteArray("GET DST\n").repeated(2000));
+    modest.send("GET VER\n");
+    while (modest.received().isEmpty())
+        QCoreApplication::processEvents();
+    QVERIFY(greedy.received().size() < 2000 * 6 / 2);
+    QTRY_COMPARE(greedy.received().size(), 2000 * 6);
+}
+
+void tst_Server::longBatchIsAnsweredInOrderAndFromOneGripper()
+{
+    ClientEnd &client = connectClient();
+    QByteArray requests("SET SID 2\n");
+    QByteArray replies("ack");
+    for (int i = 0; i < 300; ++i) {
+        const bool isThird = i % 3 == 0;
+        requests += isThird ? "GET POS\n" : "GET PCO\n";
+        replies += isThird ? "POS 200\n" : "PCO 0\n";
+    }
+    client.send(requests);
+    client.send("SET MOD 2\n");
+    QTRY_COMPARE(client.received(), replies + "nak");
+    client.take();
+    client.send("GET POS\n");
+    QTRY_COMPARE(client.received(), QByteArray("POS 100\n"));
+}
+
+void tst_Server::longBatchOfAClientThatClosesIsCarriedOut()
+{
+    ClientEnd &client = connectClient();
+    client.send(QByteArray("SET POS 1\n").repeated(1000) + "SET POS 77\n");
+    client.close();
+    QTRY_COMPARE(positionRequest(), quint8{77});
+    QTRY_VERIFY(isClientless());
+}
+
+void tst_Server::othersGoOnWhileALongBatchWaitsForAScan()
+{
+    ClientEnd &waiting = connectClient();
+    ClientEnd &other = connectClient();
+    const QByteArray gets = QByteArray("GET DST\n").repeated(1000);
+    int answeredDuringTheScan = 0;
+    connect(&m_line->bus(), &sim::BusSimulator::frameSeen, &m_line->bus(), [&] {
+        if (m_line->requests().last() == QStringLiteral("4 read 500"))
+            answeredDuringTheScan = other.received().size();
+    });
+    waiting.send(gets + "SET SCN_BLOCK\n");
+    other.send(gets);
+    QTRY_COMPARE(waiting.received(), QByteArray("DST 0\n").repeated(1000) + "ack");
+    QObject::disconnect(&m_line->bus(), nullptr, &m_line->bus(), nullptr);
+    QCOMPARE(answeredDuringTheScan, 1000 * 6);
 }
 
 // As when the outermost of the requests that wait is over.

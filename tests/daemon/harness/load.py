@@ -18,6 +18,7 @@ import time
 from .children import spawn
 from .client import Client
 from .daemon import SANITIZED
+from .figures import percentile
 
 # For limits that are meant for the daemon as it is shipped.
 SLOWNESS = 4 if SANITIZED else 1
@@ -52,15 +53,16 @@ class Bystander:
         self.waits = json.loads(waits)
 
     def check(self, limit=WORST_LIMIT, usual=MEDIAN_LIMIT):
-        """No reply took longer than `limit`, half of them less than `usual`; says what was
-        measured."""
+        """Half of the replies took less than `usual`, all but one in a hundred less than `limit`,
+        and none much longer, for the machine has others to serve too; says what was measured."""
         median, worst = statistics.median(self.waits), max(self.waits)
+        nearly_all = percentile(self.waits, 0.99)
         said = (
             f"{len(self.waits)} GETs of another client took {median * 1000:.2f} ms (median), "
-            f"{worst * 1000:.1f} ms (longest)"
+            f"{nearly_all * 1000:.1f} ms (99 %), {worst * 1000:.1f} ms (longest)"
         )
         assert len(self.waits) > 10
-        assert median < usual and worst < limit, said
+        assert median < usual and nearly_all < limit and worst < 4 * limit, said
         return said
 
 
