@@ -1,17 +1,13 @@
 #include "pairreader.h"
 
+#include "patternreader.h"
+
 #include <QRandomGenerator>
-#include <QRegularExpression>
 #include <QTest>
 
 namespace {
 
-using Pairs = QList<QPair<QByteArray, int>>;
-
-const QString setPattern =
-    QStringLiteral("SET([ ]+([\\w_]{3,9})([ ]+[-\\d]{1,3})?)+[ ]*(?<return>[\\r\\n]+)");
-const QString pairPattern =
-    QStringLiteral("[ ]+(?<variable>[\\w_]{3,9})([ ]+(?<value>[-\\d]{1,3}))?");
+using Pairs = PatternReader::Pairs;
 
 Pairs pairsOf(const QByteArray &request)
 {
@@ -22,44 +18,6 @@ Pairs pairsOf(const QByteArray &request)
         pairs.append({{pair.name.data(), static_cast<int>(pair.name.size())}, pair.value});
     return pairs;
 }
-
-// The procedure that the reader stands for, with the pattern itself.
-class PatternReader
-{
-public:
-    Pairs pairsOf(const QByteArray &request)
-    {
-        QString text = QString::fromLatin1(request);
-        text.remove(QChar(3));
-        Pairs pairs;
-        QRegularExpressionMatch match = m_pair.match(text);
-        for (; match.hasMatch(); match = m_pair.match(text)) {
-            const int value = match.captured(QStringLiteral("value")).toInt();
-            pairs.append({match.captured(QStringLiteral("variable")).toLatin1(),
-                          static_cast<quint8>(value)});
-            text.remove(match.capturedStart(), match.capturedLength());
-        }
-        m_gaveUp = m_gaveUp || !match.isValid();
-        return pairs;
-    }
-
-    // Whether this is a whole SET request. A line on which the engine gives up is none.
-    bool isRequest(const QByteArray &line)
-    {
-        const QRegularExpressionMatch match = m_set.match(QString::fromLatin1(line));
-        m_linesGivenUp += match.isValid() ? 0 : 1;
-        return match.hasMatch() && match.capturedLength() == line.size();
-    }
-
-    bool gaveUp() const { return m_gaveUp; }
-    int linesGivenUp() const { return m_linesGivenUp; }
-
-private:
-    QRegularExpression m_set{setPattern, QRegularExpression::CaseInsensitiveOption};
-    QRegularExpression m_pair{pairPattern, QRegularExpression::CaseInsensitiveOption};
-    bool m_gaveUp = false;
-    int m_linesGivenUp = 0;
-};
 
 class LineMaker
 {

@@ -1,7 +1,9 @@
 #include "requestscanner.h"
 
+#include "patternscanner.h"
+#include "scannerduel.h"
+
 #include <QRandomGenerator>
-#include <QRegularExpression>
 #include <QTest>
 
 #include <malloc.h>
@@ -41,10 +43,6 @@ void operator delete(void *block, std::size_t) noexcept
 
 namespace {
 
-const QString getPattern = QStringLiteral("GET (?<variable>[\\w_]{3})[ ]*(?<return>[\\r\\n])*");
-const QString setPattern =
-    QStringLiteral("SET([ ]+([\\w_]{3,9})([ ]+[-\\d]{1,3})?)+[ ]*(?<return>[\\r\\n]+)");
-
 QByteArray bytes(std::string_view text)
 {
     return {text.data(), static_cast<int>(text.size())};
@@ -77,85 +75,6 @@ QList<QByteArray> scanPackets(const QList<QByteArray> &packets)
     for (const QByteArray &packet : packets)
         texts += scan(scanner, packet);
     return texts;
-}
-
-const QRegularExpression &getRegex()
-{
-    static const QRegularExpression regex(getPattern, QRegularExpression::CaseInsensitiveOption);
-    return regex;
-}
-
-const QRegularExpression &setRegex()
-{
-    static const QRegularExpression regex(setPattern, QRegularExpression::CaseInsensitiveOption);
-    return regex;
-}
-
-// The procedure that the scanner stands for, with the patterns themselves.
-class PatternScanner
-{
-public:
-    struct Cut
-    {
-        bool isGet = false;
-        QString text;
-        QString variable;
-        bool hasLineEnding = false;
-    };
-
-    void append(const QByteArray &packet)
-    {
-        m_buffer += QString::fromUtf8(packet.constData()).toUpper(); // ends at the first zero
-    }
-
-    bool takeNext(Cut &cut)
-    {
-        const QRegularExpressionMatch set = setRegex().match(m_buffer);
-        const QRegularExpressionMatch get = getRegex().match(m_buffer);
-        if (!set.isValid() || !get.isValid()) {
-            m_gaveUp = true;
-            return false;
-        }
-        if (!set.hasMatch() && !get.hasMatch())
-            return false;
-        const bool isGet =
-            !set.hasMatch() || (get.hasMatch() && get.capturedStart() < set.capturedStart());
-        const QRegularExpressionMatch &first = isGet ? get : set;
-        cut = {isGet, first.captured(),
-               isGet ? get.captured(QStringLiteral("variable")) : QString(),
-               !first.captured(QStringLiteral("return")).isEmpty()};
-        m_buffer.remove(0, first.capturedEnd());
-        return true;
-    }
-
-    // Whether the engine reached its match limit, so that its answers are worth nothing.
-    bool gaveUp() const { return m_gaveUp; }
-
-    // Length of the text from where the patterns can still match once more text arrives.
-    int lengthThatMayMatter()
-    {
-        const auto partial = QRegularExpression::PartialPreferCompleteMatch;
-        int start = m_buffer.size();
-        for (const QRegularExpression &pattern : {setRegex(), getRegex()}) {
-            const QRegularExpressionMatch match = pattern.match(m_buffer, 0, partial);
-            m_gaveUp = m_gaveUp || !match.isValid();
-            if (match.hasPartialMatch())
-                start = qMin(start, match.capturedStart());
-        }
-        return m_buffer.size() - start;
-    }
-
-private:
-    QString m_buffer;
-    bool m_gaveUp = false;
-};
-
-bool isSame(const Request &request, const PatternScanner::Cut &cut)
-{
-    const bool isGet = request.kind == Request::Kind::Get;
-    return isGet == cut.isGet && bytes(request.text) == cut.text.toUtf8() &&
-           bytes(request.variable()) == cut.variable.toUtf8() &&
-           request.hasLineEnding == cut.hasLineEnding;
 }
 
 // Texts of the protocol and texts that nearly are, from a seed.
@@ -292,74 +211,6 @@ private:
     }
 
     QRandomGenerator m_random;
-};
-
-// Feeds both scanners with the same packets and compares everything that comes out.
-class Duel
-{
-public:
-    // False at the first difference; `what` then tells it.
-    bool feed(const QByteArray &packet, int takes, QString &what)
-    {
-        m_sent.append(packet);
-        appendAll(m_scanner, packet);
-        m_patterns.append(packet);
-        while (takes-- > 0) {
-            if (!takeOne(what))
-                return false;
-            if (m_patterns.gaveUp())
-                return true;
-            if (m_isEmpty)
-                return isSameRest(what);
-        }
-        return true;
-    }
-
-    bool gaveUp() const { return m_patterns.gaveUp(); }
-    int requests() const { return m_requests; }
-
-private:
-    bool takeOne(QString &what)
-    {
-        Request request;
-        PatternScanner::Cut cut;
-        const bool expected = m_patterns.takeNext(cut);
-        if (m_patterns.gaveUp())
-            return true;
-        m_isEmpty = !expected;
-        m_requests += expected ? 1 : 0;
-        const bool taken = m_scanner.takeNext(request);
-        if (taken == expected && (!taken || isSame(request, cut)))
-            return true;
-        what = describe() +
-               (taken ? QString::fromStdString(request.text) : QStringLiteral("nothing")) +
-               QStringLiteral(" instead of ") + (expected ? cut.text : QStringLiteral("nothing"));
-        return false;
-    }
-
-    bool isSameRest(QString &what)
-    {
-        const int expected = m_patterns.lengthThatMayMatter();
-        if (m_patterns.gaveUp() || m_scanner.bytesKept() == static_cast<std::size_t>(expected))
-            return true;
-        what = describe() +
-               QStringLiteral("%1 bytes kept, %2 matter").arg(m_scanner.bytesKept()).arg(expected);
-        return false;
-    }
-
-    QString describe() const
-    {
-        QStringList packets;
-        for (const QByteArray &packet : m_sent)
-            packets.append(QString::fromLatin1(packet.toPercentEncoding(" !-_")));
-        return packets.join(QStringLiteral(" | ")) + QStringLiteral(" : ");
-    }
-
-    RequestScanner m_scanner;
-    PatternScanner m_patterns;
-    QList<QByteArray> m_sent;
-    int m_requests = 0;
-    bool m_isEmpty = false;
 };
 
 QByteArray repeated(const char *unit, int size)
@@ -773,7 +624,7 @@ void tst_RequestScanner::cutsWhatThePatternsMatch()
     int packets = 0;
     int givenUp = 0;
     for (int i = 0; i < texts; ++i) {
-        Duel duel;
+        ScannerDuel duel;
         QString what;
         const QByteArray text = maker.text();
         for (int at = 0; at < text.size() && !duel.gaveUp(); ++packets) {
@@ -797,7 +648,7 @@ void tst_RequestScanner::cutsWhatThePatternsMatchWhileRequestsWait()
     int requests = 0;
     int givenUp = 0;
     for (int i = 0; i < texts; ++i) {
-        Duel duel;
+        ScannerDuel duel;
         QString what;
         for (int packets = 6; packets > 0 && !duel.gaveUp(); --packets) {
             const int takes = packets == 1 ? INT_MAX : maker.below(3);

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "patternscanner.h"
+#include "requestscanner.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+/// Feeds RequestScanner and PatternScanner with the same packets and compares everything that
+/// comes out of them.
+class ScannerDuel
+{
+public:
+    /// Adds one packet, then takes at most `takes` requests. False at the first difference;
+    /// `what` then tells it. Compares nothing any more once the patterns have given up.
+    bool feed(const QByteArray &packet, int takes, QString &what);
+
+    /// Whether the patterns have given up.
+    bool gaveUp() const { return m_patterns.gaveUp(); }
+    /// Requests that were equal.
+    int requests() const { return m_requests; }
+
+private:
+    bool takeOne(QString &what);
+    bool isSameRest(QString &what);
+    QString describe() const;
+
+    RequestScanner m_scanner;
+    PatternScanner m_patterns;
+    QList<QByteArray> m_sent;
+    int m_requests = 0;
+    bool m_isEmpty = false;
+};
