@@ -1,0 +1,268 @@
+// Puts a load on a server of lines on loopback and prints, as one line of JSON, how it answered.
+// One thread, so that a second processor is the server's own.
+
+#include "histogram.h"
+#include "loadclient.h"
+#include "loadoptions.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <err.h>
+#include <functional>
+#include <queue>
+#include <random>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
+constexpr std::int64_t drainNs = 5 * nanosecondsPerSecond;
+constexpr std::int64_t silenceNs = nanosecondsPerSecond / 50;
+
+std::int64_t toNs(double seconds)
+{
+    return static_cast<std::int64_t>(seconds * static_cast<double>(nanosecondsPerSecond));
+}
+
+double toSeconds(std::int64_t nanoseconds)
+{
+    return static_cast<double>(nanoseconds) / static_cast<double>(nanosecondsPerSecond);
+}
+
+/// Processor time of all threads of the process so far; 0 stands for nobody.
+double cpuSeconds(pid_t process)
+{
+    clockid_t clock{};
+    timespec used{};
+    if (process == 0)
+        return 0.0;
+    if (::clock_getcpuclockid(process, &clock) != 0 || ::clock_gettime(clock, &used) != 0)
+        errx(1, "no processor time of process %d", process);
+    return static_cast<double>(used.tv_sec) + toSeconds(used.tv_nsec);
+}
+
+class Load
+{
+public:
+    explicit Load(const LoadOptions &options)
+        : m_options(options)
+        , m_epoll(::epoll_create1(EPOLL_CLOEXEC))
+    {
+        m_clients.reserve(options.clients);
+    }
+    ~Load() { ::close(m_epoll); }
+    Load(const Load &) = delete;
+    Load &operator=(const Load &) = delete;
+
+    void runClosed();
+    void runPaced();
+    void runHold();
+
+private:
+    struct Use
+    {
+        std::int64_t at = 0;
+        double server = 0.0;
+        double self = 0.0;
+    };
+
+    LoadClient &connectOne();
+    Use useNow() const;
+    template <typename Taken> void takeReplies(std::int64_t until, Taken taken);
+    void startMeasuring();
+    void stopMeasuring();
+    void drain();
+    void print() const;
+
+    const LoadOptions &m_options;
+    int m_epoll = -1;
+    std::vector<LoadClient> m_clients;
+    Histogram m_latency;
+    Histogram m_lateness; ///< by how much the program itself missed its times
+    Use m_start;
+    Use m_end;
+    std::size_t m_missing = 0;
+};
+
+LoadClient &Load::connectOne()
+{
+    const std::size_t index = m_clients.size();
+    LoadClient &client = m_clients.emplace_back(m_options.port, m_options.reply);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = index;
+    if (::epoll_ctl(m_epoll, EPOLL_CTL_ADD, client.descriptor(), &event) != 0)
+        err(1, "epoll_ctl");
+    return client;
+}
+
+Load::Use Load::useNow() const
+{
+    return {nowNs(), cpuSeconds(m_options.server), cpuSeconds(::getpid())};
+}
+
+/// Waits at most until then for something to arrive and takes it all.
+template <typename Taken> void Load::takeReplies(std::int64_t until, Taken taken)
+{
+    static std::array<epoll_event, 256> events;
+    const std::int64_t left = std::max<std::int64_t>(0, until - nowNs());
+    const timespec timeout{left / nanosecondsPerSecond, left % nanosecondsPerSecond};
+    const int count =
+        ::epoll_pwait2(m_epoll, events.data(), static_cast<int>(events.size()), &timeout, nullptr);
+    for (int i = 0; i < count; ++i) {
+        LoadClient &client = m_clients[events[static_cast<std::size_t>(i)].data.u64];
+        const unsigned replies = client.receive();
+        const std::int64_t at = nowNs();
+        for (unsigned reply = 0; reply < replies; ++reply)
+            m_latency.add(at - client.takeSentAt());
+        taken(client);
+    }
+}
+
+void Load::startMeasuring()
+{
+    m_latency = Histogram();
+    m_lateness = Histogram();
+    m_start = useNow();
+}
+
+void Load::stopMeasuring()
+{
+    m_end = useNow();
+    const Histogram measured = m_latency;
+    drain();
+    // A reply too many ends the program.
+    takeReplies(nowNs() + silenceNs, [](LoadClient &) {});
+    m_latency = measured;
+}
+
+/// Every request gets its reply, or counts as missing.
+void Load::drain()
+{
+    const auto isDone = [](const LoadClient &client) {
+        return client.pending() == 0 && !client.isInsideReply();
+    };
+    const std::int64_t deadline = nowNs() + drainNs;
+    while (!std::all_of(m_clients.begin(), m_clients.end(), isDone) && nowNs() < deadline)
+        takeReplies(deadline, [](LoadClient &) {});
+    for (const LoadClient &client : m_clients)
+        m_missing += client.pending();
+}
+
+void Load::print() const
+{
+    std::uint64_t wrong = 0;
+    for (const LoadClient &client : m_clients)
+        wrong += client.wrongReplies();
+    std::printf("{\"seconds\": %.6f, \"replies\": %llu, \"wrong\": %llu, \"missing\": %zu, "
+                "\"server_cpu\": %.6f, \"own_cpu\": %.6f, \"p50\": %.2f, \"p99\": %.2f, "
+                "\"p999\": %.2f, \"max\": %.2f, \"late_p999\": %.2f}\n",
+                toSeconds(m_end.at - m_start.at),
+                static_cast<unsigned long long>(m_latency.count()),
+                static_cast<unsigned long long>(wrong), m_missing, m_end.server - m_start.server,
+                m_end.self - m_start.self, m_latency.quantileUs(0.5), m_latency.quantileUs(0.99),
+                m_latency.quantileUs(0.999), m_latency.largestUs(), m_lateness.quantileUs(0.999));
+    std::fflush(stdout);
+}
+
+void Load::runClosed()
+{
+    std::string batch;
+    for (unsigned i = 0; i < m_options.depth; ++i)
+        batch += m_options.request;
+    for (unsigned i = 0; i < m_options.clients; ++i)
+        connectOne();
+    const auto runUntil = [&](std::int64_t until) {
+        while (nowNs() < until)
+            takeReplies(until, [&](LoadClient &client) {
+                if (client.pending() == 0)
+                    client.send(batch, m_options.depth);
+            });
+    };
+    for (LoadClient &client : m_clients)
+        client.send(batch, m_options.depth);
+    runUntil(nowNs() + toNs(m_options.warmUpSeconds));
+    startMeasuring();
+    runUntil(m_start.at + toNs(m_options.seconds));
+    stopMeasuring();
+    print();
+}
+
+/// Every client has times of its own, half to one and a half times its mean apart, so that the
+/// load beats with nothing that happens in the server.
+void Load::runPaced()
+{
+    using Due = std::pair<std::int64_t, std::size_t>;
+    std::priority_queue<Due, std::vector<Due>, std::greater<>> due;
+    std::mt19937_64 random(1);
+    const double mean = m_options.clients / m_options.rate;
+    std::uniform_real_distribution<double> gap(0.5 * mean, 1.5 * mean);
+    for (std::size_t i = 0; i < m_options.clients; ++i) {
+        connectOne();
+        due.emplace(nowNs() + toNs(gap(random)), i);
+    }
+    const auto runUntil = [&](std::int64_t until) {
+        while (nowNs() < until) {
+            const auto [at, index] = due.top();
+            const std::int64_t now = nowNs();
+            if (now < at) {
+                takeReplies(std::min(at, until), [](LoadClient &) {});
+                continue;
+            }
+            m_lateness.add(now - at);
+            due.pop();
+            due.emplace(at + toNs(gap(random)), index);
+            m_clients[index].send(m_options.request, 1);
+        }
+    };
+    runUntil(nowNs() + toNs(m_options.warmUpSeconds));
+    startMeasuring();
+    runUntil(m_start.at + toNs(m_options.seconds));
+    stopMeasuring();
+    print();
+}
+
+void Load::runHold()
+{
+    startMeasuring();
+    for (unsigned i = 0; i < m_options.clients; ++i)
+        connectOne().send(m_options.request, 1);
+    drain();
+    m_end = useNow();
+    print();
+    std::array<char, 64> ignored{};
+    while (::read(STDIN_FILENO, ignored.data(), ignored.size()) > 0)
+        continue;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const LoadOptions options = readLoadOptions(argc, argv);
+    // The kernel would otherwise let sleepers sleep 50 us longer than they asked for.
+    ::prctl(PR_SET_TIMERSLACK, 1);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    Load load(options);
+    switch (options.mode) {
+    case LoadOptions::Mode::Closed:
+        load.runClosed();
+        return 0;
+    case LoadOptions::Mode::Paced:
+        load.runPaced();
+        return 0;
+    case LoadOptions::Mode::Hold:
+        load.runHold();
+        return 0;
+    }
+}

@@ -1,0 +1,40 @@
+"""Runs the sections of scripts/bench, inside scripts/isolated --net."""
+
+import argparse
+import os
+import signal
+import sys
+
+import requests_section
+from rig import Rig, machine
+
+SECTIONS = {
+    "requests": requests_section.run,
+}
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/bench", allow_abbrev=False)
+    parser.add_argument("--programs", required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--own-programs", required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--quick", action="store_true", help="shorter runs, fewer rounds")
+    parser.add_argument("sections", nargs="*", metavar="SECTION", help=", ".join(SECTIONS))
+    options = parser.parse_args()
+    unknown = [name for name in options.sections if name not in SECTIONS]
+    if unknown:
+        parser.error(f"unknown section {unknown[0]} (known: {' '.join(SECTIONS)})")
+    if os.readlink("/proc/self/ns/net") == os.environ.get("GRIPPERD_OUTER_NET"):
+        parser.error("needs namespaces of its own: run scripts/bench")
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+
+    for line in machine():
+        print(line)
+    for name in options.sections or SECTIONS:
+        with Rig(options.programs, options.own_programs) as rig:
+            SECTIONS[name](rig, options.quick)
+
+
+try:
+    main()
+except KeyboardInterrupt:
+    sys.exit(130)
