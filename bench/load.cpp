@@ -75,7 +75,8 @@ private:
 
     LoadClient &connectOne();
     Use useNow() const;
-    template <typename Taken> void takeReplies(std::int64_t until, Taken taken);
+    template <typename Taken>
+    void takeReplies(std::int64_t until, Taken taken);
     void startMeasuring();
     void stopMeasuring();
     void drain();
@@ -109,7 +110,8 @@ Load::Use Load::useNow() const
 }
 
 /// Waits at most until then for something to arrive and takes it all.
-template <typename Taken> void Load::takeReplies(std::int64_t until, Taken taken)
+template <typename Taken>
+void Load::takeReplies(std::int64_t until, Taken taken)
 {
     static std::array<epoll_event, 256> events;
     const std::int64_t left = std::max<std::int64_t>(0, until - nowNs());
