@@ -1,0 +1,156 @@
+// How fast requests are cut out of what clients send, without sockets and without carrying them
+// out. One iteration is what one or several reads bring; bytes are those of the reads.
+
+#include "requestscanner.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr std::size_t bytesPerRead = 64 * 1024;
+
+std::string repeated(std::string_view text, std::size_t bytes)
+{
+    std::string result;
+    while (result.size() + text.size() <= bytes)
+        result += text;
+    return result;
+}
+
+/// Appends the text in reads of the size that the daemon's have, takes all requests.
+std::size_t cutAll(RequestScanner &scanner, std::string_view text)
+{
+    std::size_t requests = 0;
+    Request request;
+    while (!text.empty()) {
+        const std::string_view read = text.substr(0, bytesPerRead);
+        text.remove_prefix(read.size());
+        scanner.append(read.data(), read.size());
+        while (scanner.takeNext(request)) {
+            benchmark::DoNotOptimize(request.text.data());
+            ++requests;
+        }
+    }
+    return requests;
+}
+
+/// A connection that lives on, as those of ordinary clients do.
+void cutOnOneConnection(benchmark::State &state, const std::string &text, std::size_t expected)
+{
+    RequestScanner scanner;
+    for (auto _ : state) {
+        if (cutAll(scanner, text) != expected) {
+            state.SkipWithError("other requests than expected");
+            return;
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+
+/// A new connection each time: what it sends is never completed.
+void cutOnNewConnections(benchmark::State &state, const std::string &text)
+{
+    for (auto _ : state) {
+        RequestScanner scanner;
+        if (cutAll(scanner, text) != 0) {
+            state.SkipWithError("a request where none is");
+            return;
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+
+void ordinaryGet(benchmark::State &state)
+{
+    cutOnOneConnection(state, "GET POS\n", 1);
+}
+
+void ordinarySet(benchmark::State &state)
+{
+    cutOnOneConnection(state, "SET POS 120 SPE 255 FOR 100 GTO 1\n", 1);
+}
+
+void pipelinedGets(benchmark::State &state)
+{
+    const std::string text = repeated("GET POS\n", bytesPerRead);
+    cutOnOneConnection(state, text, text.size() / 8);
+}
+
+void pipelinedSets(benchmark::State &state)
+{
+    const std::string text = repeated("SET POS 1\n", bytesPerRead);
+    cutOnOneConnection(state, text, text.size() / 10);
+}
+
+void longestSet(benchmark::State &state)
+{
+    constexpr std::size_t ending = 1;
+    cutOnOneConnection(
+        state, "SET" + repeated(" AAA 111", RequestScanner::__longestRequest - 3 - ending) + '\n',
+        1);
+}
+
+/// Three digits are a name and a value; the wrong character at the end makes all readings fail.
+void hostileLine(benchmark::State &state)
+{
+    cutOnOneConnection(state, "SET AAA" + repeated(" 111", bytesPerRead - 9) + "%\n", 0);
+}
+
+void manyHostileLines(benchmark::State &state)
+{
+    cutOnOneConnection(state, repeated("SET AAA" + repeated(" 111", 112) + "%\n", bytesPerRead), 0);
+}
+
+void hostileLineWithoutEnd(benchmark::State &state)
+{
+    cutOnNewConnections(state, "SET AAA" + repeated(" 111", std::size_t(1024) * 1024));
+}
+
+void keywordsWithoutEnd(benchmark::State &state)
+{
+    cutOnNewConnections(state, repeated("SET ", bytesPerRead));
+}
+
+void bytesAtRandom(benchmark::State &state)
+{
+    std::mt19937 random(1);
+    std::uniform_int_distribution<int> byte(1, 255);
+    std::string text(bytesPerRead, '\0');
+    for (char &c : text)
+        c = static_cast<char>(byte(random));
+    cutOnNewConnections(state, text);
+}
+
+void lettersAtRandom(benchmark::State &state)
+{
+    constexpr std::string_view alphabet = "SETG 1\n-";
+    std::mt19937 random(1);
+    std::uniform_int_distribution<std::size_t> pick(0, alphabet.size() - 1);
+    std::string text(bytesPerRead, '\0');
+    for (char &c : text)
+        c = alphabet[pick(random)];
+    RequestScanner scanner;
+    cutOnOneConnection(state, text, cutAll(scanner, text));
+}
+
+BENCHMARK(ordinaryGet)->Name("ordinary: one GET in a read");
+BENCHMARK(ordinarySet)->Name("ordinary: one SET of four pairs in a read");
+BENCHMARK(pipelinedGets)->Name("pipelined: 64 KiB of GETs in a read");
+BENCHMARK(pipelinedSets)->Name("pipelined: 64 KiB of SETs in a read");
+BENCHMARK(longestSet)->Name("longest: a SET of 1 MiB");
+BENCHMARK(hostileLine)->Name("hostile: SET AAA 111 111 ..., a wrong character, 64 KiB");
+BENCHMARK(manyHostileLines)->Name("hostile: the same in lines of 457 bytes");
+BENCHMARK(hostileLineWithoutEnd)->Name("hostile: the same, 1 MiB that never ends");
+BENCHMARK(keywordsWithoutEnd)->Name("hostile: SET SET SET ..., 64 KiB that never end");
+BENCHMARK(bytesAtRandom)->Name("garbage: any bytes");
+BENCHMARK(lettersAtRandom)->Name("garbage: letters of which requests are made");
+
+} // namespace
+
+BENCHMARK_MAIN();
