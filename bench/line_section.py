@@ -47,7 +47,7 @@ def visit_table(rig, seconds):
     table(f"Visits during {seconds} s; ms, first request to last answer", head, rows)
 
 
-VISIT_HEAD = ["visits", "duration", "p99", "max", "period", "p99", "max", "gap", "max"]
+VISIT_HEAD = ["visits", "duration", "p99", "max", "period", "p99", "max", "gap", "p99", "max"]
 
 
 def visit_figures(visits):
@@ -59,7 +59,7 @@ def visit_figures(visits):
         len(visits),
         *spread(durations),
         *spread(periods(visits)),
-        *(f"{value:.1f}" for value in (median(gaps(visits)), max(gaps(visits)))),
+        *spread(gaps(visits)),
     ]
 
 
