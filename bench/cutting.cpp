@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::size_t bytesPerRead = 64 * 1024;
+constexpr std::size_t bytesPerRead = std::size_t(64) * 1024;
 
 std::string repeated(std::string_view text, std::size_t bytes)
 {
@@ -44,7 +44,7 @@ std::size_t cutAll(RequestScanner &scanner, std::string_view text)
 void cutOnOneConnection(benchmark::State &state, const std::string &text, std::size_t expected)
 {
     RequestScanner scanner;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         if (cutAll(scanner, text) != expected) {
             state.SkipWithError("other requests than expected");
             return;
@@ -56,7 +56,7 @@ void cutOnOneConnection(benchmark::State &state, const std::string &text, std::s
 /// A new connection each time: what it sends is never completed.
 void cutOnNewConnections(benchmark::State &state, const std::string &text)
 {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         RequestScanner scanner;
         if (cutAll(scanner, text) != 0) {
             state.SkipWithError("a request where none is");

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr std::size_t bytesPerRead = 64 * 1024;
+constexpr std::size_t bytesPerRead = std::size_t(64) * 1024;
 constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
 
 } // namespace
