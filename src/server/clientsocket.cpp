@@ -29,6 +29,9 @@ constexpr std::array<KernelOption, 6> clientOptions{{
     {IPPROTO_TCP, TCP_USER_TIMEOUT, 240'000},
 }};
 
+// One piece of memory for the replies to a batch.
+constexpr int usualBatchLength = 256;
+
 bool isTemporary(int error)
 {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -89,8 +92,11 @@ qint64 ClientSocket::readData(char *data, qint64 maxSize)
 qint64 ClientSocket::writeData(const char *data, qint64 size)
 {
     // Whoever can no longer be written to still has its requests carried out.
-    if (!m_outputEnded)
-        m_unsent.append(data, static_cast<int>(size));
+    if (m_outputEnded)
+        return size;
+    if (m_unsent.isEmpty())
+        m_unsent.reserve(usualBatchLength);
+    m_unsent.append(data, static_cast<int>(size));
     return size;
 }
 
@@ -120,7 +126,9 @@ void ClientSocket::sendUnsent()
     const ssize_t sent =
         ::send(m_descriptor, m_unsent.constData(), static_cast<std::size_t>(m_unsent.size()),
                MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent >= 0)
+    if (sent == m_unsent.size())
+        m_unsent.clear();
+    else if (sent >= 0)
         m_unsent.remove(0, static_cast<int>(sent));
     else if (!isTemporary(errno))
         endOutput();

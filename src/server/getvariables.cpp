@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstdint>
 
 namespace {
 
@@ -109,11 +110,30 @@ constexpr std::array<GetVariable, 29> variables{{
      }},
 }};
 
+constexpr std::size_t nameLength = 3;
+
+/// All names are equally long: as a number one is compared in a single step.
+constexpr std::uint32_t keyOf(std::string_view name)
+{
+    std::uint32_t key = 0;
+    for (const char c : name)
+        key = key << 8 | static_cast<unsigned char>(c);
+    return key;
+}
+
+constexpr auto keys = [] {
+    std::array<std::uint32_t, variables.size()> keysOfRows{};
+    for (std::size_t row = 0; row < variables.size(); ++row)
+        keysOfRows[row] = variables[row].name.size() == nameLength ? keyOf(variables[row].name) : 0;
+    return keysOfRows;
+}();
+
 } // namespace
 
 const GetVariable *findGetVariable(std::string_view name)
 {
-    const auto *row = std::find_if(variables.begin(), variables.end(),
-                                   [name](const GetVariable &v) { return v.name == name; });
-    return row == variables.end() ? nullptr : row;
+    if (name.size() != nameLength)
+        return nullptr;
+    const auto *key = std::find(keys.begin(), keys.end(), keyOf(name));
+    return key == keys.end() ? nullptr : &variables[static_cast<std::size_t>(key - keys.begin())];
 }

@@ -22,6 +22,7 @@ namespace {
 constexpr int bytesPerRead = 16 * 1024;
 constexpr std::size_t firstShare = 256;
 constexpr std::size_t laterShare = 4096;
+constexpr int usualReplyLength = 32;
 constexpr int firstSlaveId = GripperList::__max_slave_id;
 
 void write(ClientSocket *socket, std::string_view reply)
@@ -218,6 +219,7 @@ void Server::decodeGetVariables(ClientSocket *socket, const Request &match, cons
     if (name.empty())
         return;
     QByteArray reply;
+    reply.reserve(usualReplyLength);
     if (match.hasLineEnding)
         reply.append(name.data(), static_cast<int>(name.size())).append(' ');
 
