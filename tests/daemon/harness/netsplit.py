@@ -1,0 +1,114 @@
+"""A second machine: a network namespace on the other end of a cable that can be cut silently."""
+
+import ctypes
+import os
+import socket
+import subprocess
+import threading
+
+from .children import spawn
+from .client import PORT, Client
+from .waiting import eventually
+
+NEAR, FAR = "10.63.35.1", "10.63.35.2"
+_MASK = "/24"
+_FAR_MAC = "02:00:00:00:63:35"
+_OTHER_MAC = "02:00:00:00:63:36"
+_CLONE_NEWNET = 0x40000000
+_SYS_PIDFD_GETFD = 438
+
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+class FarClient(Client):
+    """A client on the other machine."""
+
+    def __init__(self, far_socket):
+        self.timeout = 5.0
+        self.socket = far_socket
+
+
+class OtherMachine:
+    def __enter__(self):
+        self._clients = []
+        # Holds the namespace for as long as it lives.
+        self._holder = spawn(["unshare", "--net", "sleep", "infinity"])
+        self._namespace = f"/proc/{self._holder.pid}/ns/net"
+        own = os.readlink("/proc/self/ns/net")
+        eventually(lambda: os.readlink(self._namespace) != own, what="the other namespace")
+        _ip(f"link add near type veth peer name far address {_FAR_MAC} netns {self._holder.pid}")
+        _ip(f"address add {NEAR}{_MASK} dev near")
+        _ip("link set near up")
+        self._far_ip(f"address add {FAR}{_MASK} dev far")
+        self._far_ip("link set far up")
+        # Looked up once for all: a failing look-up would tell the sender that nobody is there.
+        _ip(f"neighbour replace {FAR} lladdr {_FAR_MAC} dev near nud permanent")
+        return self
+
+    def __exit__(self, *_):
+        for client in self._clients:
+            client.close()
+        _ip("link delete near")
+        self._holder.kill()
+        self._holder.wait()
+
+    def connect(self, receive_buffer=None):
+        """A client there, with a receive buffer of its own size if one is given."""
+        made = []
+
+        def make():
+            with open(self._namespace, "rb") as namespace:
+                if _libc.setns(namespace.fileno(), _CLONE_NEWNET) != 0:
+                    made.append(OSError(ctypes.get_errno(), "setns"))
+                    return
+            # A socket stays in the namespace that it was made in.
+            made.append(socket.socket())
+
+        thread = threading.Thread(target=make)
+        thread.start()
+        thread.join()
+        if isinstance(made[0], OSError):
+            raise made[0]
+        if receive_buffer:
+            made[0].setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+        client = FarClient(made[0])
+        self._clients.append(client)
+        client.socket.settimeout(client.timeout)
+        client.socket.connect((NEAR, PORT))
+        return client
+
+    def vanish(self):
+        """Whatever is sent there from now on is lost, and nothing tells the sender so."""
+        self._far_ip(f"link set far address {_OTHER_MAC}")
+
+    def _far_ip(self, arguments):
+        _ip(arguments, ["nsenter", f"--net={self._namespace}"])
+
+
+def socket_of(pid, client):
+    """Our own handle of the socket with which process `pid` serves this client."""
+    wanted = client.socket.getsockname()
+    process = os.pidfd_open(pid)
+    try:
+        for entry in os.listdir(f"/proc/{pid}/fd"):
+            descriptor = _libc.syscall(_SYS_PIDFD_GETFD, process, int(entry), 0)
+            if descriptor < 0:
+                continue
+            try:
+                handle = socket.socket(fileno=descriptor)
+            except OSError:
+                os.close(descriptor)
+                continue
+            try:
+                if handle.getpeername()[1] == wanted[1]:
+                    return handle
+            except OSError:
+                pass
+            handle.close()
+    finally:
+        os.close(process)
+    raise AssertionError(f"process {pid} has no socket to {wanted}")
+
+
+def _ip(arguments, inside=()):
+    subprocess.run([*inside, "ip", *arguments.split()], check=True)
