@@ -1,0 +1,149 @@
+"""Standard input, output and error that are closed, full, or read by nobody."""
+
+import contextlib
+import fcntl
+import itertools
+import os
+import signal
+import subprocess
+import time
+
+import pytest
+from harness.children import binary, spawn
+from harness.daemon import QUIT_LIMIT, is_listening
+from harness.effort import effort
+from harness.simulator import Simulator
+from harness.upgrades import noted_process, put_flasher
+from harness.waiting import eventually
+
+FLOODS = True
+PIPE_BYTES = 4096
+UNHANDLED = "SET " + " ".join(["XYZ 1"] * 30) + "\n"
+NAMES = ("input", "output", "error")
+
+
+@contextlib.contextmanager
+def daemon_with(folder, closed=(), **streams):
+    """A daemon with the given streams, without those that are `closed`; must quit in form."""
+    streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, **streams}
+
+    def close_them():
+        for descriptor in closed:
+            os.close(descriptor)
+
+    process = spawn([binary("gripperd")], close_them, cwd=folder, **streams)
+    try:
+        eventually(is_listening, what="listening")
+        yield process
+        sent_at = time.monotonic()
+        process.send_signal(signal.SIGTERM)
+        assert process.wait(10) == 0
+        assert time.monotonic() - sent_at < QUIT_LIMIT
+    finally:
+        process.kill()
+        process.wait()
+
+
+def assert_serves(line, connect):
+    """Answers with exactly the bytes that belong there, and polls with nothing between."""
+    client = connect()
+    for _ in range(20):
+        client.send(UNHANDLED + "GET VER\n")
+        assert client.receive(3 + 14) == b"ackVER MZV-2.0.0\n"
+    assert client.receive_until_silent(0.1) == b""
+    line.wait_until_polled(9, 3)
+    assert line.garbage == []
+
+
+def longest_gap(line, mark):
+    times = [request.at for request in line.since(mark)]
+    return max(later - earlier for earlier, later in zip(times, times[1:]))
+
+
+def subsets():
+    every = [s for n in (1, 2, 3) for s in itertools.combinations(range(3), n)]
+    return effort([(2,), (0, 2)], every)
+
+
+@pytest.mark.parametrize("closed", subsets(), ids=lambda c: "_".join(NAMES[n] for n in c))
+def test_streams_closed_at_start(tmp_path, connect, line, figure, closed):
+    with daemon_with(tmp_path, closed) as process:
+        line.wait_until_polled(9, timeout=10)
+        mark = line.mark()
+        assert_serves(line, connect)
+        for descriptor in closed:
+            assert os.readlink(f"/proc/{process.pid}/fd/{descriptor}") == "/dev/null"
+        figure(f"longest pause of the polling {longest_gap(line, mark) * 1000:.0f} ms")
+
+
+def test_a_flasher_has_streams_of_its_own_when_all_were_closed(tmp_path, connect, figure):
+    put_flasher(tmp_path, "(ls -l /proc/$$/fd >streams); echo told; sleep 0.2; exit 0")
+    with Simulator("9=TA3-1.6.13", "--boot-ms=200", "--bootloader-boot-ms=100") as simulated:
+        with daemon_with(tmp_path, (0, 1, 2)):
+            client = connect()
+            simulated.wait_until_polled(9, 2)
+            assert client.set("UPG 1", timeout=15) == "ack"
+            assert noted_process(tmp_path)
+            eventually(lambda: client.get("UPG") == "0")
+            simulated.tell("restart 9")
+            simulated.wait_until_polled(9, 2)
+            assert simulated.foreign == [b"\x7f"] * len(simulated.foreign)
+        listed = (tmp_path / "streams").read_text(encoding="ascii")
+        assert [f" {n} -> pipe:" in listed for n in range(3)] == [True] * 3, listed
+        assert "socket" not in listed and "/dev/pts/" not in listed, listed
+        figure(f"{len(simulated.foreign)} bytes on the line beside requests, all of the detection")
+
+
+def test_the_reader_of_the_log_goes_away(tmp_path, connect, line, figure):
+    reader, writer = os.pipe()
+    with daemon_with(tmp_path, stderr=writer):
+        os.close(writer)
+        line.wait_until_polled(9, timeout=10)
+        assert os.read(reader, 4)
+        mark = line.mark()
+        os.close(reader)
+        assert_serves(line, connect)
+        figure(f"longest pause of the polling {longest_gap(line, mark) * 1000:.0f} ms")
+
+
+def test_the_log_goes_to_a_full_disk(tmp_path, connect, line, figure):
+    with open("/dev/full", "wb") as full, daemon_with(tmp_path, stderr=full):
+        line.wait_until_polled(9, timeout=10)
+        mark = line.mark()
+        assert_serves(line, connect)
+        figure(f"longest pause of the polling {longest_gap(line, mark) * 1000:.0f} ms")
+
+
+def test_nobody_reads_the_log_and_its_pipe_is_full(tmp_path, connect, line, figure):
+    reader, writer = os.pipe()
+    fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, PIPE_BYTES)
+    with daemon_with(tmp_path, stderr=writer):
+        os.close(writer)
+        line.wait_until_polled(9, timeout=10)
+        mark = line.mark()
+        # Much more than the pipe takes.
+        assert_serves(line, connect)
+        gap = longest_gap(line, mark)
+        figure(f"longest pause of the polling {gap * 1000:.0f} ms")
+        assert gap < 1.0
+        # Whoever reads again finds whole lines, the newest ones too.
+        os.set_blocking(reader, False)
+        text = b"".join(iter(lambda: read_what_is_there(reader), b""))
+        assert text.endswith(b" ((null):0, (null))\n")
+        client = connect()
+        assert client.get("VER") == "MZV-2.0.0"
+        log = []
+        eventually(lambda: log.append(read_what_is_there(reader)) or told_of_a_client(log))
+        assert b"log lines lost" in b"".join(log)
+    os.close(reader)
+
+
+def read_what_is_there(descriptor):
+    try:
+        return os.read(descriptor, 65536)
+    except BlockingIOError:
+        return b""
+
+
+def told_of_a_client(log):
+    return b"onClientSocketConnection" in b"".join(log)
