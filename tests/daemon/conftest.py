@@ -55,7 +55,10 @@ def pytest_sessionstart(session):
 
 
 def pytest_terminal_summary(terminalreporter, config):
-    for line in getattr(config, "figures", Figures()).lines:
+    figures = getattr(config, "figures", Figures())
+    for report in terminalreporter.stats.get("skipped", []):
+        figures.add(report.nodeid.split("::")[-1], report.longrepr[2])
+    for line in figures.lines:
         terminalreporter.write_line(f"figure  {line}")
 
 
