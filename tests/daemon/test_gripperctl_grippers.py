@@ -1,0 +1,183 @@
+"""gripperctl against the real daemon and simulated grippers: looking and moving."""
+
+import os
+import re
+
+import pytest
+from harness import gripperctl
+from harness.gripperctl import as_json, badly, ctl, start_ctl, well
+from harness.simulator import Simulator
+from harness.waiting import eventually
+
+
+@pytest.fixture(scope="module")
+def simulator():
+    options = ("--serial", "9=QRS-0017", "--year", "9=2023", "--activation-ms", "100")
+    with Simulator("9=TA3-1.6.14", "2=TE1-2.0.2", *options) as running:
+        yield running
+
+
+@pytest.fixture(scope="module")
+def daemon(simulator, start_module_daemon):
+    daemon = start_module_daemon().wait_until_found(9, 2)
+    # Ten times as many looks: the tests wait for less.
+    well("set", "THROTTLE", "0")
+    return daemon
+
+
+@pytest.fixture
+def client(simulator, daemon, connect):
+    """Everything as after the start, but for where the fingers are."""
+    client = connect()
+    for command in ("clear", "release 9", "object 9 none", "object 2 none"):
+        simulator.tell(command)
+    for slave_id in ("2", "9"):
+        assert client.set(f"SID {slave_id}") == "ack"
+        assert client.set("ACT 0 GTO 0 ATR 0 SPE 255 FOR 0") == "ack"
+        eventually(lambda: client.get("STA") == "0")
+    return client
+
+
+@pytest.fixture
+def active(client):
+    assert well("activate", "--wait") == "gripper 9 is active\n"
+    assert client.get("STA") == "3"
+    return client
+
+
+def test_status_shows_every_gripper(client):
+    head, names, vacuum, fingers = well("status").splitlines()
+    assert head == "driver MZV-2.0.0, link RUNNING"
+    assert names.split() == "ID FAMILY FIRMWARE SERIAL YEAR STATUS POSITION OBJECT FAULT CYCLES".split()
+    assert vacuum.split()[:3] == ["2", "Zentra", "TE1-2.0.2"]
+    assert fingers.split()[:6] == ["9", "Pello", "TA3-1.6.14", "QRS-0017", "2023", "inactive"]
+    assert fingers.index("Pello") == names.index("FAMILY")
+
+
+def test_status_is_json_for_scripts(client):
+    told = as_json("status", "--gripper", "9")
+    assert told["driver"] == "MZV-2.0.0" and told["link"] == "RUNNING"
+    (fingers,) = told["grippers"]
+    assert fingers["id"] == 9 and fingers["serialNumber"] == "QRS-0017" and fingers["year"] == 2023
+    assert fingers["position"] == int(client.get("POS"))
+    assert fingers["cycles"] == int(client.get("NCY"))
+
+
+def test_get_prints_what_the_daemon_answers(client):
+    assert well("get", "FLT") == "00\n"
+    assert well("get", "fwv", "SID", "--gripper", "2") == "FWV TE1-2.0.2\nSID [2, 9]\n"
+    run = ctl("get", "XYZ")
+    assert (run.returncode, run.stdout) == (gripperctl.REFUSED, "?\n")
+    assert "no value of XYZ" in run.stderr
+
+
+def test_set_reaches_the_gripper(client):
+    assert well("set", "MSC", "77") == "ack\n"
+    assert client.get("MSC") == "77"
+    assert "nak" in badly(gripperctl.REFUSED, "set", "MOD", "2")
+
+
+def test_leds_reach_the_gripper(client):
+    well("led", "red", "green")
+    assert [client.get(name) for name in ("LBP", "LRD", "LGN", "LBL")] == ["1", "1", "1", "0"]
+
+
+def test_an_active_gripper_is_activated_anew_only_when_told(active, simulator):
+    assert well("activate") == "gripper 9 is active already\n"
+    mark = simulator.mark()
+    assert well("activate", "--again", "--wait") == "gripper 9 is active\n"
+    writes = simulator.since(mark, lambda r: r.slave == 9 and r.is_write(1000))
+    assert [r.values[0] >> 8 & 1 for r in writes][:2] == [0, 1]
+    assert active.get("STA") == "3"
+
+
+def test_activation_that_shows_a_fault(client, simulator):
+    simulator.tell("faultcode 9 7")
+    assert "shows fault 7" in badly(gripperctl.REFUSED, "activate", "--wait")
+
+
+def test_an_inactive_gripper_is_not_told_to_move(client):
+    before = client.get("PRE")
+    assert "is inactive and would not move: gripperctl activate" in badly(
+        gripperctl.REFUSED, "move", "33"
+    )
+    assert client.get("PRE") == before != "033"
+
+
+def test_movements_end_with_what_became_of_them(active, simulator):
+    moved = well("move", "100", "--speed", "255", "--force", "9", "--wait")
+    assert moved == "gripper 9 reached 100\n"
+    assert (active.get("POS"), active.get("SPE"), active.get("FOR")) == ("100", "255", "9")
+    # The same once more is reached already.
+    assert well("move", "100", "--wait") == "gripper 9 reached 100\n"
+    simulator.tell("object 9 140")
+    assert well("close", "--wait") == "gripper 9 met an object at 140, on its way to 255\n"
+    told = as_json("close", "--wait")
+    assert told["object"] == "object" and told["position"] == 140
+    assert told["requestedPosition"] == 255
+    assert well("open", "--wait") == "gripper 9 reached 0\n"
+
+
+def test_a_movement_without_waiting(active):
+    assert well("move", "60") == "gripper 9 was told to go to 60\n"
+    eventually(lambda: active.get("POS") == "60")
+
+
+def test_a_fault_on_the_way(active, simulator):
+    simulator.tell("faultcode 9 5")
+    text = badly(gripperctl.REFUSED, "move", "200", "--wait")
+    assert re.search(r"gripper 9 shows fault 5 at position \d+", text)
+
+
+def test_a_leak_is_called_so(client, simulator):
+    simulator.tell("object 2 50")
+    well("--gripper", "2", "activate", "--wait")
+    moved = well("--gripper", "2", "move", "120", "--wait")
+    assert moved == "gripper 2 leaks: level 50 instead of 120\n"
+
+
+def test_release_ends_where_the_fingers_stand_still(active):
+    well("move", "80", "--wait")
+    assert "has let go and stands at 0; it takes no movement" in well("release", "--wait")
+    assert badly(gripperctl.REFUSED, "move", "9").endswith("gripperctl activate --wait")
+
+
+def test_release_of_an_inactive_gripper(client):
+    assert "lets go of nothing" in badly(gripperctl.REFUSED, "release")
+
+
+def test_muted_polling_is_named_as_a_reason(active):
+    assert active.set("MUTE 1") == "ack"
+    text = badly(gripperctl.TIMED_OUT, "--timeout", "0.6", "move", "10", "--wait")
+    assert "gripperctl set MUTE 0" in text
+    assert well("set", "MUTE", "0") == "ack\n"
+    eventually(lambda: active.get("POS") == "10")
+
+
+def test_a_gripper_that_goes_during_a_movement(active, simulator, daemon):
+    process = start_ctl("move", "255", "--speed", "0", "--wait")
+    eventually(lambda: active.get("OBJ") == "1")
+    mark = daemon.mark()
+    simulator.tell("unplug")
+    _, error = process.communicate(timeout=15)
+    assert process.returncode == gripperctl.NO_GRIPPER
+    assert "gripper 9 has gone from the line (link: ERR_SCANNING (EIO))" in error
+    assert "no gripper was found" in badly(gripperctl.NO_GRIPPER, "move", "1")
+    assert "no grippers found" in well("status")
+    simulator.tell("plug")
+    daemon.wait_until_found(9, 2, since=mark)
+
+
+def test_a_daemon_that_ends_during_a_movement(simulator, start_daemon, daemon):
+    """The last one: the daemon of this file is gone afterwards."""
+    well("activate", "--wait")
+    well("open", "--speed", "255", "--wait")
+    process = start_ctl("move", "255", "--speed", "0", "--wait")
+    assert "moving to 255" in process.stderr.readline()
+    assert daemon.stop()[0] == os.EX_OK
+    _, error = process.communicate(timeout=15)
+    assert process.returncode == gripperctl.NO_CONNECTION
+    assert "lost the connection" in error
+    assert "is gripperd running? systemctl status gripperd" in badly(
+        gripperctl.NO_CONNECTION, "status"
+    )

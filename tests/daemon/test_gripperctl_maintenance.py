@@ -1,0 +1,113 @@
+"""gripperctl against the real daemon and simulated grippers: scans, ids, firmware."""
+
+import pytest
+from harness import gripperctl
+from harness.flashing import make_image
+from harness.gripperctl import as_json, badly, ctl, start_ctl, well
+from harness.simulator import Simulator
+from harness.upgrades import put_flasher, put_real_flasher
+from harness.waiting import eventually
+
+
+@pytest.fixture(scope="module")
+def folder(tmp_path_factory):
+    """Where the daemon runs and looks for its flasher."""
+    folder = tmp_path_factory.mktemp("work")
+    (folder / "firmware").mkdir()
+    make_image(folder / "firmware", "TA3-1.6.14", 4096)
+    return folder
+
+
+@pytest.fixture(scope="module")
+def simulator():
+    with Simulator("9=TA3-1.6.13", "2=TE1-2.0.1", "--boot-ms=200") as running:
+        yield running
+
+
+@pytest.fixture(scope="module")
+def daemon(simulator, start_module_daemon, folder):
+    return start_module_daemon(cwd=folder).wait_until_found(9, 2)
+
+
+@pytest.fixture
+def found(simulator, daemon, folder, connect):
+    """Both grippers run their firmware and are known; there is no flasher."""
+    (folder / "romflasher").unlink(missing_ok=True)
+    simulator.tell("clear")
+    client = connect()
+    if client.get("SID") != "[2, 9]" or "bootloader" in str(simulator.tell("show")):
+        simulator.tell("restart 9")
+        eventually(lambda: client.set("SCN_BLOCK") == "ack" and client.get("SID") == "[2, 9]")
+
+
+def test_a_scan_shows_what_has_come(found, simulator):
+    simulator.tell("add 3=TF1-2.0.2 serial=NEW-003")
+    run = ctl("scan")
+    assert run.returncode == gripperctl.DONE
+    lines = [line.split() for line in run.stdout.splitlines()]
+    assert [line[0] for line in lines] == ["2", "3", "9"]
+    assert lines[1] == ["3", "Sorbix", "TF1-2.0.2", "serial", "NEW-003"]
+    assert run.stderr.startswith("scanning the line")
+    simulator.tell("remove 3")
+    assert "no grippers" not in well("scan")
+
+
+def test_a_gripper_that_keeps_its_id(found, simulator):
+    simulator.tell("fault 9 exception always 4 on 430")
+    assert "gripper 9 kept its id" in badly(gripperctl.REFUSED, "rename", "9", "4")
+    simulator.wait_until_polled(9)
+
+
+def upgrade_and_restart(simulator):
+    """Switches the gripper off and on when it is looked for; what the upgrade tells."""
+    process = start_ctl("upgrade", "--yes")
+    # Whether a flasher that ends at once is seen while it runs is a matter of luck.
+    while not process.stderr.readline().startswith("scanning"):
+        assert process.poll() is None
+    simulator.tell("restart 9")
+    _, error = process.communicate(timeout=20)
+    assert process.returncode == gripperctl.REFUSED
+    return error
+
+
+def test_a_missing_flasher_is_noticed_and_polling_goes_on(found, simulator):
+    text = upgrade_and_restart(simulator)
+    assert "the flasher did not start, and polling stayed muted until now" in text
+    assert "Polling goes on, and gripper 9 runs firmware TA3-1.6.13" in text
+    simulator.wait_until_polled(9)
+
+
+def test_a_flasher_that_fails_at_once_is_not_taken_for_a_missing_one(found, simulator, folder):
+    put_flasher(folder, "exit 2")
+    text = upgrade_and_restart(simulator)
+    assert "gripper 9 runs firmware TA3-1.6.13, as before: the daemon's log tells" in text
+    simulator.wait_until_polled(9)
+
+
+def test_a_gripper_that_refuses_its_bootloader_runs_on(found, simulator):
+    simulator.tell("fault 9 exception always 3 on 400")
+    text = badly(gripperctl.REFUSED, "upgrade", "--yes")
+    assert "not found in its bootloader" in text
+    assert "Polling goes on, and gripper 9 runs firmware TA3-1.6.13" in text
+    simulator.wait_until_polled(9)
+
+
+# These leave another gripper behind, so they are the last ones.
+
+def test_an_upgrade_ends_with_both_versions(found, folder):
+    put_real_flasher(folder)
+    run = ctl("upgrade", "--yes")
+    assert run.returncode == gripperctl.DONE, run
+    assert run.stdout == "gripper 9: firmware TA3-1.6.13 -> TA3-1.6.14\n"
+    stages = run.stderr.splitlines()
+    assert stages[0] == "gripper 9: entering its bootloader ..."
+    assert stages[1] == "writing the firmware ..."
+
+
+def test_a_gripper_gets_another_id(found, simulator):
+    assert "id 2 is in use" in badly(gripperctl.REFUSED, "rename", "9", "2")
+    assert "no gripper 3, but there are 2, 9" in badly(gripperctl.NO_GRIPPER, "rename", "3", "4")
+    told = as_json("rename", "9", "3")
+    assert (told["old"], told["new"]) == (9, 3)
+    assert well("get", "SID") == "[2, 3]\n"
+    simulator.wait_until_polled(3)

@@ -1,0 +1,201 @@
+"""gripperctl against a scripted daemon: polling is never left muted."""
+
+import signal
+import threading
+
+from harness import gripperctl
+from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl, well
+
+
+def holding(release, *held):
+    """An answer function under which these requests have to wait for the event."""
+
+    def answer(request):
+        if request in held:
+            release.wait(10)
+        return daemon_of[0].usual(request)
+
+    daemon_of = []
+    return answer, daemon_of
+
+
+def test_rename_interrupted_unmutes_on_a_connection_of_its_own():
+    release = threading.Event()
+    answer, owner = holding(release, "SET NID 2")
+    with ScriptedDaemon(answer) as daemon:
+        owner.append(daemon)
+        process = start_ctl("--host", daemon.host, "rename", "9", "2")
+        daemon.wait_for("SET NID 2")
+        process.send_signal(signal.SIGINT)
+        code, _, _ = run_to_end(process)
+        release.set()
+        assert code == gripperctl.INTERRUPTED
+        assert daemon.sets() == ["SID 9", "MUTE 1", "NID 2", "MUTE 0"]
+
+
+def test_rename_that_gets_no_answer_unmutes():
+    release = threading.Event()
+    answer, owner = holding(release, "SET NID 2")
+    with ScriptedDaemon(answer) as daemon:
+        owner.append(daemon)
+        badly(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.5", "rename", "9", "2")
+        release.set()
+        assert daemon.sets() == ["SID 9", "MUTE 1", "NID 2", "MUTE 0"]
+
+
+def test_rename_that_loses_its_connection_unmutes():
+    release = threading.Event()
+    answer, owner = holding(release, "SET NID 2")
+    with ScriptedDaemon(answer) as daemon:
+        owner.append(daemon)
+        process = start_ctl("--host", daemon.host, "rename", "9", "2")
+        daemon.wait_for("SET NID 2")
+        daemon.drop()
+        code, _, error = run_to_end(process)
+        release.set()
+        assert code == gripperctl.NO_CONNECTION
+        assert "lost the connection" in error
+        assert daemon.sets() == ["SID 9", "MUTE 1", "NID 2", "MUTE 0"]
+
+
+def test_polling_that_cannot_be_unmuted_is_said():
+    release = threading.Event()
+    answer, owner = holding(release, "SET NID 2")
+    with ScriptedDaemon(answer) as daemon:
+        owner.append(daemon)
+        process = start_ctl("--host", daemon.host, "rename", "9", "2")
+        daemon.wait_for("SET NID 2")
+    code, _, error = run_to_end(process)
+    release.set()
+    assert code == gripperctl.NO_CONNECTION
+    assert "polling may still be muted: gripperctl set MUTE 0" in error
+
+
+def test_upgrade_interrupted_waits_for_the_answer_and_unmutes():
+    release = threading.Event()
+    answer, owner = holding(release, "SET UPG 1")
+    with ScriptedDaemon(answer) as daemon:
+        owner.append(daemon)
+        process = start_ctl("--host", daemon.host, "upgrade", "--yes")
+        daemon.wait_for("SET UPG 1")
+        process.send_signal(signal.SIGINT)
+        threading.Timer(0.5, release.set).start()
+        code, _, _ = run_to_end(process)
+        assert code == gripperctl.INTERRUPTED
+        assert release.is_set()
+        assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0"]
+
+
+def test_upgrade_interrupted_during_flashing_leaves_the_line_to_the_flasher():
+    def answer(request):
+        reply = daemon.usual(request)
+        if request == "SET UPG 1":
+            daemon.values["UPG"] = "1"
+        return reply
+
+    with ScriptedDaemon(answer) as daemon:
+        process = start_ctl("--host", daemon.host, "upgrade", "--yes")
+        daemon.wait_for("SET UPG 1")
+        process.stderr.readline()
+        assert "writing the firmware" in process.stderr.readline()
+        process.send_signal(signal.SIGINT)
+        code, _, error = run_to_end(process)
+        assert code == gripperctl.INTERRUPTED
+        assert "the flasher goes on" in error
+        assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
+
+
+def test_a_second_interruption_ends_at_once():
+    release = threading.Event()
+    answer, owner = holding(release, "SET UPG 1")
+    with ScriptedDaemon(answer) as daemon:
+        owner.append(daemon)
+        process = start_ctl("--host", daemon.host, "upgrade", "--yes")
+        daemon.wait_for("SET UPG 1")
+        for _ in range(2):
+            process.send_signal(signal.SIGINT)
+            threading.Event().wait(0.2)
+        assert run_to_end(process, 2)[0] == -signal.SIGINT
+        release.set()
+
+
+def test_a_jump_that_is_refused_is_unmuted():
+    def answer(request):
+        return b"nak" if request == "SET UPG 1" else daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+        assert "Polling goes on, and gripper 9 runs firmware TA3-1.0.0" in text
+        assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0", "SCN_BLOCK", "SID 9"]
+
+
+def test_an_upgrade_under_way_keeps_others_from_the_line():
+    with ScriptedDaemon(UPG="1") as daemon:
+        for words in (["scan"], ["rename", "9", "2"], ["upgrade", "--yes"]):
+            text = badly(gripperctl.REFUSED, "--host", daemon.host, *words)
+            assert "an upgrade is under way" in text
+        assert "SCN_BLOCK" not in daemon.sets() and "MUTE 1" not in daemon.sets()
+
+
+def flashing_and_then(values):
+    """An answer function of a daemon that flashes for a moment and then has these values."""
+    seen = []
+
+    def answer(daemon, request):
+        if request == "SET UPG 1":
+            daemon.values["UPG"] = "1"
+        elif request == "GET UPG" and daemon.values["UPG"] == "1":
+            seen.append(1)
+            if len(seen) == 2:
+                daemon.values.update(UPG="0", **values)
+        return daemon.usual(request)
+
+    return answer
+
+
+def test_an_unchanged_version_is_no_success_unless_it_was_expected():
+    for words, code in (([], gripperctl.REFUSED), (["--expect", "TA3-1.0.0"], gripperctl.DONE)):
+        after = flashing_and_then({})
+        with ScriptedDaemon(lambda request: after(daemon, request)) as daemon:
+            run = ctl("--host", daemon.host, "upgrade", "--yes", *words)
+            assert run.returncode == code
+            assert "firmware TA3-1.0.0, as before" in run.stdout + run.stderr
+
+
+def test_a_gripper_that_does_not_come_back_after_flashing():
+    after = flashing_and_then({"SID": "[2]"})
+    with ScriptedDaemon(lambda request: after(daemon, request), SID="[2, 9]") as daemon:
+        text = badly(gripperctl.NO_GRIPPER, "--host", daemon.host, "upgrade", "--yes")
+        assert "does not answer after the upgrade: its firmware may be incomplete" in text
+        # The daemon has unmuted polling itself.
+        assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"] + ["SCN_BLOCK"] * 3
+
+
+def test_the_bootloader_gets_a_silent_line_and_keeps_it():
+    with ScriptedDaemon() as daemon:
+        run = ctl("--host", daemon.host, "set", "BLD", "1")
+        assert run.returncode == gripperctl.DONE
+        assert "polling stays muted until" in run.stderr
+        assert daemon.sets() == ["SID 9", "MUTE 1", "BLD 1"]
+
+
+def test_a_flasher_that_has_ended_before_it_was_seen_shows_in_the_link():
+    looks = []
+
+    def answer(request):
+        if request == "GET DRI" and "UPG 1" in daemon.sets():
+            looks.append(1)
+            # Polling goes on, finds the port closed, and opens it.
+            daemon.values["DRI"] = "ERR_SCANNING (EIO)" if 3 < len(looks) < 9 else "RUNNING"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+        assert "firmware TA3-1.0.0, as before" in text
+
+
+def test_a_link_that_stands_still_shows_a_flasher_that_never_started():
+    with ScriptedDaemon() as daemon:
+        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+        assert "the flasher did not start, and polling stayed muted until now" in text
+        assert daemon.sets()[:4] == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0"]

@@ -1,0 +1,170 @@
+"""gripperctl against a scripted daemon: what it asks, how it takes what it is answered."""
+
+import socket
+
+import pytest
+from harness import gripperctl
+from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl, well
+
+
+@pytest.mark.parametrize(
+    "words",
+    [
+        [],
+        ["fly"],
+        ["move"],
+        ["move", "1", "2"],
+        ["move", "256"],
+        ["move", "-1"],
+        ["move", "far"],
+        ["move", "1", "--speed", "256"],
+        ["move", "1", "--speed", "fast"],
+        ["move", "1", "--speed", "1", "--speed", "2"],
+        ["scan", "--speed", "1"],
+        ["status", "more"],
+        ["status", "--gripper", "0"],
+        ["status", "--host", "a:b:c"],
+        ["status", "--host", "a:0"],
+        ["status", "--timeout", "0"],
+        ["status", "--unknown"],
+        ["get"],
+        ["get", "POSITION"],
+        ["set", "1"],
+        ["set", "POS", "256"],
+        ["set", "POS", "-1"],
+        ["set", "POZ", "1"],
+        ["set", "POS", "1", "2"],
+        ["set", "NID", "3"],
+        ["set", "UPG", "1"],
+        ["rename", "9"],
+        ["rename", "9", "9"],
+        ["rename", "9", "1"],
+        ["rename", "9", "5"],
+        ["rename", "9", "8"],
+        ["rename", "x", "2"],
+        ["led", "pink"],
+        ["led", "off", "red"],
+        ["upgrade"],
+        ["plot", "a.csv", "-o", "a.gif"],
+    ],
+    ids=" ".join,
+)
+def test_wrong_usage_is_said_and_sets_nothing(words):
+    with ScriptedDaemon() as daemon:
+        given = [] if any(word.startswith("--host") for word in words) else ["--host", daemon.host]
+        badly(gripperctl.USAGE, *given, *words)
+        assert daemon.sets() in ([], ["SID 9"])
+
+
+def test_rename_to_an_id_that_no_scan_finds_says_which_ones_are_found():
+    assert "9, 2, 3, 4" in badly(gripperctl.USAGE, "rename", "9", "7")
+
+
+def test_nobody_listening():
+    with socket.create_server(("127.0.0.1", 0)) as taken:
+        port = taken.getsockname()[1]
+    text = badly(gripperctl.NO_CONNECTION, "--host", f"127.0.0.1:{port}", "status")
+    assert f"nothing listens on 127.0.0.1:{port}: is gripperd running? systemctl" in text
+
+
+def test_an_unknown_host():
+    assert "no-such-host" in badly(
+        gripperctl.NO_CONNECTION, "--host", "no-such-host.invalid", "status"
+    )
+
+
+@pytest.mark.parametrize("answer", [b"HTTP/1.1 400 Bad Request\n", b"x" * 9000], ids=["http", "long"])
+def test_somebody_else_listening(answer):
+    with ScriptedDaemon(lambda _: answer) as daemon:
+        assert "does not answer like gripperd" in badly(
+            gripperctl.NO_CONNECTION, "--host", daemon.host, "status"
+        )
+
+
+def test_no_answer_in_time():
+    with ScriptedDaemon(lambda _: None) as daemon:
+        text = badly(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.3", "status")
+        assert 'no answer to "GET VER" within 0.3 s' in text
+
+
+def test_a_connection_that_is_lost_while_waiting():
+    with ScriptedDaemon(STA="1") as daemon:
+        process = start_ctl("--host", daemon.host, "activate", "--wait")
+        daemon.wait_for("SET ACT 1")
+        daemon.drop()
+        code, _, error = run_to_end(process)
+        assert code == gripperctl.NO_CONNECTION
+        assert "lost the connection" in error
+
+
+@pytest.mark.parametrize("ids,words,chosen", [
+    ("[2, 9]", [], "SID 9"),
+    ("[3]", [], "SID 3"),
+    ("[2, 3]", ["--gripper", "3"], "SID 3"),
+])
+def test_which_gripper_is_meant(ids, words, chosen):
+    with ScriptedDaemon(SID=ids) as daemon:
+        well("--host", daemon.host, *words, "get", "POS")
+        assert daemon.sets() == [chosen]
+
+
+@pytest.mark.parametrize("ids,words,code,said", [
+    ("[2, 3]", [], gripperctl.USAGE, "There are 2, 3: say --gripper"),
+    ("[2, 3]", ["--gripper", "9"], gripperctl.NO_GRIPPER, "no gripper 9, but there are 2, 3"),
+    ("[]", [], gripperctl.NO_GRIPPER, "no gripper was found (link: RUNNING)"),
+])
+def test_no_gripper_is_guessed(ids, words, code, said):
+    with ScriptedDaemon(SID=ids) as daemon:
+        assert said in badly(code, "--host", daemon.host, *words, "move", "7")
+        assert daemon.sets() == []
+
+
+def test_the_answers_of_a_movement_before_are_not_taken_for_this_one():
+    """The old request was reached; the new one is only seen at the third look."""
+    looks = []
+
+    def answer(request):
+        if request == "GET PRE":
+            looks.append(1)
+            daemon.values["PRE"] = "040" if len(looks) < 4 else "090"
+            daemon.values["OBJ"] = "3" if len(looks) < 4 or len(looks) > 6 else "1"
+            daemon.values["POS"] = "40" if len(looks) < 7 else "90"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer, GTO="1", OBJ="3", PRE="040", POS="40") as daemon:
+        assert well("--host", daemon.host, "move", "90", "--wait") == "gripper 9 reached 90\n"
+        assert len(looks) >= 7
+
+
+def test_a_gripper_that_does_not_take_the_request():
+    with ScriptedDaemon(GTO="1", OBJ="3", PRE="040") as daemon:
+        text = badly(
+            gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.5", "move", "9", "--wait"
+        )
+        assert "polling may be muted" in text
+
+
+def test_problems_are_json_for_scripts():
+    with ScriptedDaemon(STA="0") as daemon:
+        run = ctl("--host", daemon.host, "--json", "move", "9")
+        assert run.returncode == gripperctl.REFUSED
+        assert '"exitCode":1' in run.stdout and "activate" in run.stdout
+
+
+@pytest.mark.parametrize("words,pairs", [
+    (["red", "blue"], "LBP 1 LRD 1 LGN 0 LBL 1"),
+    (["off"], "LBP 1 LRD 0 LGN 0 LBL 0"),
+    (["auto"], "LBP 0 LRD 0 LGN 0 LBL 0"),
+])
+def test_leds(words, pairs):
+    with ScriptedDaemon() as daemon:
+        well("--host", daemon.host, "led", *words)
+        assert daemon.sets() == ["SID 9", pairs]
+
+
+def test_raw_requests_go_out_in_one_packet_each():
+    with ScriptedDaemon() as daemon:
+        assert well("--host", daemon.host, "set", "pos", "3", "GTO", "1") == "ack\n"
+        assert daemon.sets() == ["SID 9", "pos 3 GTO 1"]
+        assert well("--host", daemon.host, "get", "ver") == "0\n"
+        assert well("--host", daemon.host, "get", "DRI", "SID") == "DRI RUNNING\nSID [9]\n"

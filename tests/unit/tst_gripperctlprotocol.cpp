@@ -1,0 +1,154 @@
+#include "endpoint.h"
+#include "failure.h"
+#include "protocol.h"
+#include "session.h"
+
+#include <QTest>
+
+class TestGripperctlProtocol : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void hostsAreReadAsTheyAreWritten_data();
+    void hostsAreReadAsTheyAreWritten();
+    void whatIsNoHostIsRefused_data();
+    void whatIsNoHostIsRefused();
+    void repliesAreCutAtTheFirstBlank();
+    void whatIsNoReplyIsNotTakenForOne_data();
+    void whatIsNoReplyIsNotTakenForOne();
+    void listsOfIds_data();
+    void listsOfIds();
+    void wordsOfARequest_data();
+    void wordsOfARequest();
+    void theGripperThatIsMeant_data();
+    void theGripperThatIsMeant();
+};
+
+void TestGripperctlProtocol::hostsAreReadAsTheyAreWritten_data()
+{
+    QTest::addColumn<QString>("host");
+    QTest::addColumn<int>("port");
+    QTest::addColumn<QString>("shown");
+    QTest::newRow("robot") << "robot" << 63352 << "robot:63352";
+    QTest::newRow("10.0.0.7:1") << "10.0.0.7" << 1 << "10.0.0.7:1";
+    QTest::newRow("robot:65535") << "robot" << 65535 << "robot:65535";
+    QTest::newRow("[::1]") << "::1" << 63352 << "[::1]:63352";
+    QTest::newRow("[fe80::2]:80") << "fe80::2" << 80 << "[fe80::2]:80";
+}
+
+void TestGripperctlProtocol::hostsAreReadAsTheyAreWritten()
+{
+    QFETCH(QString, host);
+    QFETCH(int, port);
+    const auto endpoint = Endpoint::fromText(QString::fromLatin1(QTest::currentDataTag()));
+    QVERIFY(endpoint);
+    QCOMPARE(endpoint->host, host);
+    QCOMPARE(int(endpoint->port), port);
+    QTEST(endpoint->text(), "shown");
+}
+
+void TestGripperctlProtocol::whatIsNoHostIsRefused_data()
+{
+    QTest::addColumn<QString>("text");
+    for (const char *text :
+         {"", ":1", "a:", "a:0", "a:65536", "a:b", "::1", "[a b]", "a b", "[::1]x"})
+        QTest::newRow(text) << text;
+}
+
+void TestGripperctlProtocol::whatIsNoHostIsRefused()
+{
+    QFETCH(QString, text);
+    QVERIFY(!Endpoint::fromText(text));
+}
+
+void TestGripperctlProtocol::repliesAreCutAtTheFirstBlank()
+{
+    const auto reply = protocol::parseReply(QStringLiteral("DRI ERR_SCANNING (EIO)"));
+    QVERIFY(reply);
+    QCOMPARE(reply->name, QStringLiteral("DRI"));
+    QCOMPARE(reply->value, QStringLiteral("ERR_SCANNING (EIO)"));
+    // A serial number that could not be read is empty.
+    QCOMPARE(protocol::parseReply(QStringLiteral("SNU "))->value, QString());
+}
+
+void TestGripperctlProtocol::whatIsNoReplyIsNotTakenForOne_data()
+{
+    QTest::addColumn<QString>("line");
+    for (const char *line : {"", "POS", "ackPOS 1", "PO 1", " POS 1", "P.S 1"})
+        QTest::newRow(line) << line;
+}
+
+void TestGripperctlProtocol::whatIsNoReplyIsNotTakenForOne()
+{
+    QFETCH(QString, line);
+    QVERIFY(!protocol::parseReply(line));
+}
+
+void TestGripperctlProtocol::listsOfIds_data()
+{
+    QTest::addColumn<bool>("isList");
+    QTest::addColumn<QVector<int>>("ids");
+    QTest::newRow("[]") << true << QVector<int>();
+    QTest::newRow("[9]") << true << QVector<int>{9};
+    QTest::newRow("[2, 3, 9]") << true << QVector<int>{2, 3, 9};
+    for (const char *text : {"", "9", "[9", "[2,9]", "[2, ]", "[a]", "?"})
+        QTest::newRow(text) << false << QVector<int>();
+}
+
+void TestGripperctlProtocol::listsOfIds()
+{
+    QFETCH(bool, isList);
+    const auto ids = protocol::parseIds(QString::fromLatin1(QTest::currentDataTag()));
+    QCOMPARE(ids.has_value(), isList);
+    QTEST(ids.value_or(QVector<int>()), "ids");
+}
+
+void TestGripperctlProtocol::wordsOfARequest_data()
+{
+    QTest::addColumn<bool>("isRequest");
+    for (const char *words :
+         {"POS 0", "pos 255 GTO 1", "SCN_BLOCK", "SCN SCN", "MUTE 1 THROTTLE 0"})
+        QTest::newRow(words) << true;
+    for (const char *words :
+         {"1", "POS 256", "POS -1", "POS 1 2", "POS 1x", "POZ 1", "PO", "GET 1"})
+        QTest::newRow(words) << false;
+}
+
+void TestGripperctlProtocol::wordsOfARequest()
+{
+    QFETCH(bool, isRequest);
+    const QString words = QString::fromLatin1(QTest::currentDataTag());
+    QCOMPARE(protocol::problemInPairs(words.split(QLatin1Char(' '))).isEmpty(), isRequest);
+}
+
+void TestGripperctlProtocol::theGripperThatIsMeant_data()
+{
+    QTest::addColumn<QVector<int>>("found");
+    QTest::addColumn<int>("wanted");
+    QTest::addColumn<int>("chosen");
+    QTest::addColumn<int>("exitCode");
+    QTest::newRow("9 is the usual one") << QVector<int>{2, 9} << 0 << 9 << 0;
+    QTest::newRow("the only one") << QVector<int>{4} << 0 << 4 << 0;
+    QTest::newRow("the one that is named") << QVector<int>{2, 3, 9} << 3 << 3 << 0;
+    QTest::newRow("not clear") << QVector<int>{2, 3} << 0 << 0 << 2;
+    QTest::newRow("not there") << QVector<int>{2, 9} << 3 << 0 << 5;
+    QTest::newRow("nobody there") << QVector<int>() << 9 << 0 << 5;
+}
+
+void TestGripperctlProtocol::theGripperThatIsMeant()
+{
+    QFETCH(QVector<int>, found);
+    QFETCH(int, wanted);
+    QFETCH(int, exitCode);
+    try {
+        const auto id = wanted == 0 ? std::optional<int>() : std::optional<int>(wanted);
+        QTEST(chooseGripper(found, id, QString()), "chosen");
+        QCOMPARE(0, exitCode);
+    } catch (const Failure &failure) {
+        QCOMPARE(int(failure.code), exitCode);
+    }
+}
+
+QTEST_APPLESS_MAIN(TestGripperctlProtocol)
+#include "tst_gripperctlprotocol.moc"

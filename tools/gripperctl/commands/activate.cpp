@@ -1,0 +1,57 @@
+#include "commands.h"
+
+#include "failure.h"
+#include "session.h"
+#include "statewait.h"
+
+namespace {
+
+constexpr int activationTimeoutMs = 20'000;
+
+void tell(Session &session, const GripperState &state, const QString &text)
+{
+    session.output().result(QStringLiteral("gripper %1 %2").arg(state.id()).arg(text),
+                            {{QStringLiteral("gripper"), state.id()},
+                             {QStringLiteral("status"), state.statusText()},
+                             {QStringLiteral("fault"), state.fault()},
+                             {QStringLiteral("text"), text}});
+}
+
+/// An active gripper is deactivated first: until that shows, its status is that of before.
+GripperState waitForActivation(Session &session, const GripperState &before)
+{
+    bool hasLeft = before.status() != GripperState::Status::Active;
+    const auto isOver = [&hasLeft](const GripperState &state) {
+        const bool isActive = state.status() == GripperState::Status::Active;
+        hasLeft = hasLeft || !isActive;
+        return hasLeft && isActive;
+    };
+    return waitForState(
+        session, before.id(),
+        {QStringLiteral("activating"), session.timeoutMs(activationTimeoutMs), isOver});
+}
+
+} // namespace
+
+void commands::activate(Session &session)
+{
+    const int id = session.selectGripper();
+    const GripperState before = GripperState::read(session.connection(), id);
+    if (before.status() == GripperState::Status::Active && !session.options().has("again")) {
+        tell(session, before, QStringLiteral("is active already"));
+        return;
+    }
+    session.connection().set(QStringLiteral("ACT 1"));
+    if (!session.options().has("wait")) {
+        tell(session, before, QStringLiteral("was told to activate"));
+        return;
+    }
+    const GripperState after = waitForActivation(session, before);
+    if (after.fault() != 0) {
+        throw Failure{ExitCode::Refused,
+                      QStringLiteral("gripper %1 is active, but shows fault %2: see its manual")
+                          .arg(id)
+                          .arg(after.fault())};
+    }
+    tell(session, after, QStringLiteral("is active"));
+}

@@ -1,0 +1,48 @@
+#include "commands.h"
+
+#include "failure.h"
+#include "session.h"
+
+namespace {
+
+const QString kAuto = QStringLiteral("auto");
+const QString kOff = QStringLiteral("off");
+const QStringList kColours{QStringLiteral("red"), QStringLiteral("green"), QStringLiteral("blue")};
+
+void check(const QStringList &words)
+{
+    for (const QString &word : words) {
+        const bool standsAlone = (word == kAuto || word == kOff) && words.size() == 1;
+        if (!kColours.contains(word) && !standsAlone) {
+            throw Failure{
+                ExitCode::WrongUsage,
+                QStringLiteral("led takes red, green and blue, or off, or auto, not \"%1\"")
+                    .arg(words.join(QLatin1Char(' ')))};
+        }
+    }
+}
+
+QString requestFor(const QStringList &words)
+{
+    const auto bit = [&words](const char *colour) {
+        return words.contains(QLatin1String(colour)) ? 1 : 0;
+    };
+    return QStringLiteral("LBP %1 LRD %2 LGN %3 LBL %4")
+        .arg(words.first() == kAuto ? 0 : 1)
+        .arg(bit("red"))
+        .arg(bit("green"))
+        .arg(bit("blue"));
+}
+
+} // namespace
+
+void commands::led(Session &session)
+{
+    const QStringList words = session.options().arguments;
+    check(words);
+    const int id = session.selectGripper();
+    session.connection().set(requestFor(words));
+    const QString text = words.join(QLatin1Char(' '));
+    session.output().result(QStringLiteral("gripper %1: led %2").arg(id).arg(text),
+                            {{QStringLiteral("gripper"), id}, {QStringLiteral("led"), text}});
+}

@@ -1,0 +1,119 @@
+#include "commands.h"
+
+#include "failure.h"
+#include "motion.h"
+#include "session.h"
+#include "statewait.h"
+
+namespace {
+
+constexpr int opened = 0;
+constexpr int closed = 255;
+// At the lowest speed the whole way takes a few seconds.
+constexpr int motionTimeoutMs = 30'000;
+
+QString requestFor(const Options &options, int position)
+{
+    QString pairs = QStringLiteral("POS %1").arg(position);
+    if (const auto speed = options.whole("speed"))
+        pairs += QStringLiteral(" SPE %1").arg(*speed);
+    if (const auto force = options.whole("force"))
+        pairs += QStringLiteral(" FOR %1").arg(*force);
+    return pairs + QStringLiteral(" GTO 1");
+}
+
+void refuseInactive(const GripperState &state)
+{
+    if (state.status() == GripperState::Status::Active)
+        return;
+    throw Failure{ExitCode::Refused,
+                  QStringLiteral("gripper %1 is %2 and would not move: gripperctl activate --wait")
+                      .arg(state.id())
+                      .arg(state.statusText())};
+}
+
+[[noreturn]] void failByFault(const GripperState &state)
+{
+    throw Failure{ExitCode::Refused,
+                  QStringLiteral("gripper %1 shows fault %2 at position %3: see its manual; "
+                                 "gripperctl activate --again clears what can be cleared")
+                      .arg(state.id())
+                      .arg(state.fault())
+                      .arg(state.position())};
+}
+
+GripperState waitForEnd(Session &session, int id, int position)
+{
+    const auto isOver = [position](const GripperState &state) {
+        const Motion motion = judgeMotion(state, position);
+        return motion != Motion::NotTaken && motion != Motion::UnderWay;
+    };
+    return waitForState(
+        session, id,
+        {QStringLiteral("moving to %1").arg(position), session.timeoutMs(motionTimeoutMs), isOver});
+}
+
+void tell(Session &session, const GripperState &state, int wanted, const QString &text)
+{
+    session.output().result(QStringLiteral("gripper %1 %2").arg(state.id()).arg(text),
+                            {{QStringLiteral("gripper"), state.id()},
+                             {QStringLiteral("requestedPosition"), wanted},
+                             {QStringLiteral("position"), state.position()},
+                             {QStringLiteral("object"), state.objectText()},
+                             {QStringLiteral("current"), state.current()},
+                             {QStringLiteral("text"), text}});
+}
+
+void tellEnd(Session &session, const GripperState &state, int wanted)
+{
+    if (state.object() == GripperState::Object::Reached) {
+        tell(session, state, wanted, QStringLiteral("reached %1").arg(state.position()));
+        return;
+    }
+    const QString text = state.isVacuum() ? QStringLiteral("leaks: level %1 instead of %2")
+                                          : QStringLiteral("met an object at %1, on its way to %2");
+    tell(session, state, wanted, text.arg(state.position()).arg(wanted));
+}
+
+void moveTo(Session &session, int position)
+{
+    const int id = session.selectGripper();
+    const GripperState before = GripperState::read(session.connection(), id);
+    refuseInactive(before);
+    session.connection().set(requestFor(session.options(), position));
+    if (!session.options().has("wait")) {
+        tell(session, before, position, QStringLiteral("was told to go to %1").arg(position));
+        return;
+    }
+    const GripperState after = waitForEnd(session, id, position);
+    if (after.fault() != 0)
+        failByFault(after);
+    refuseInactive(after);
+    tellEnd(session, after, position);
+}
+
+} // namespace
+
+void commands::move(Session &session)
+{
+    const QString word = session.options().arguments.first();
+    bool isNumber = false;
+    const int position = word.toInt(&isNumber);
+    if (!isNumber || position < opened || position > closed) {
+        throw Failure{
+            ExitCode::WrongUsage,
+            QStringLiteral("a position is a number of 0 (open) to 255 (closed), not \"%1\"")
+                .arg(word)};
+    }
+    moveTo(session, position);
+}
+
+void commands::open(Session &session)
+{
+    moveTo(session, opened);
+}
+
+void commands::close(Session &session)
+{
+    moveTo(session, closed);
+}

@@ -1,0 +1,84 @@
+#include "commands.h"
+
+#include "failure.h"
+#include "plotscript.h"
+#include "session.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+
+namespace {
+
+constexpr int plotTimeoutMs = 60'000;
+
+[[noreturn]] void fail(const QString &problem)
+{
+    throw Failure{ExitCode::LocalProblem, problem};
+}
+
+QVector<Sample> read(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        fail(QStringLiteral("cannot read %1: %2").arg(path, file.errorString()));
+    const QVector<Sample> samples = recording::parse(QString::fromUtf8(file.readAll()));
+    if (samples.isEmpty())
+        fail(QStringLiteral("nothing was recorded in %1").arg(path));
+    return samples;
+}
+
+QString pictureFor(const Options &options)
+{
+    if (options.has("output"))
+        return options.text("output");
+    const QFileInfo recordingFile(options.arguments.first());
+    return recordingFile.path() + QLatin1Char('/') + recordingFile.completeBaseName() +
+           QStringLiteral(".svg");
+}
+
+bool isPng(const QString &path)
+{
+    const QString suffix = QFileInfo(path).suffix().toLower();
+    if (suffix != QLatin1String("png") && suffix != QLatin1String("svg")) {
+        throw Failure{ExitCode::WrongUsage,
+                      QStringLiteral("%1 should end in .svg or .png").arg(path)};
+    }
+    return suffix == QLatin1String("png");
+}
+
+QByteArray draw(const QByteArray &script)
+{
+    QProcess gnuplot;
+    gnuplot.start(QStringLiteral("gnuplot"), QStringList());
+    if (!gnuplot.waitForStarted())
+        fail(QStringLiteral("cannot start gnuplot: sudo apt install gnuplot-nox"));
+    gnuplot.write(script);
+    gnuplot.closeWriteChannel();
+    const bool isDone = gnuplot.waitForFinished(plotTimeoutMs);
+    QByteArray picture = gnuplot.readAllStandardOutput();
+    if (!isDone || gnuplot.exitCode() != 0 || picture.isEmpty()) {
+        const QString told = QString::fromLocal8Bit(gnuplot.readAllStandardError()).simplified();
+        fail(QStringLiteral("gnuplot failed: %1").arg(told));
+    }
+    return picture;
+}
+
+void write(const QString &path, const QByteArray &picture)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(picture) != picture.size() || !file.flush())
+        fail(QStringLiteral("cannot write %1: %2").arg(path, file.errorString()));
+}
+
+} // namespace
+
+void commands::plot(Session &session)
+{
+    const QString picturePath = pictureFor(session.options());
+    const bool wantsPng = isPng(picturePath);
+    const QVector<Sample> samples = read(session.options().arguments.first());
+    write(picturePath, draw(plotScript(samples, wantsPng)));
+    session.output().result(QStringLiteral("drew %1").arg(picturePath),
+                            {{QStringLiteral("file"), picturePath}});
+}

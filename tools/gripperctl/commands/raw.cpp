@@ -1,0 +1,119 @@
+#include "commands.h"
+
+#include "failure.h"
+#include "mutedpolling.h"
+#include "session.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr int slowTimeoutMs = 60'000;
+
+QStringList upperNames(const QStringList &words)
+{
+    QStringList names;
+    for (const QString &word : words) {
+        if (!protocol::isGetName(word)) {
+            throw Failure{
+                ExitCode::WrongUsage,
+                QStringLiteral("a value has a name of three letters, not \"%1\"").arg(word)};
+        }
+        names.append(word.toUpper());
+    }
+    return names;
+}
+
+QString textOf(const Values &values, const QStringList &names)
+{
+    if (names.size() == 1)
+        return values.value(names.first());
+    QStringList lines;
+    for (const QString &name : names)
+        lines.append(QStringLiteral("%1 %2").arg(name, values.value(name)));
+    return lines.join(QLatin1Char('\n'));
+}
+
+QJsonObject jsonOf(const Values &values)
+{
+    QJsonObject json;
+    for (auto value = values.begin(); value != values.end(); ++value)
+        json.insert(value.key(), value.value());
+    return json;
+}
+
+/// These have commands of their own, which see to everything around them.
+void refuseGuarded(const QStringList &words)
+{
+    const std::pair<const char *, const char *> guarded[] = {{"NID", "rename"}, {"UPG", "upgrade"}};
+    for (const auto &[name, command] : guarded) {
+        if (words.contains(QLatin1String(name), Qt::CaseInsensitive)) {
+            throw Failure{
+                ExitCode::WrongUsage,
+                QStringLiteral("%1 is left to gripperctl %2, which keeps the gripper safe")
+                    .arg(QLatin1String(name), QLatin1String(command))};
+        }
+    }
+}
+
+template <typename Wanted>
+bool anyNamed(const QStringList &words, Wanted isWanted)
+{
+    return std::any_of(words.begin(), words.end(), [&](const QString &word) {
+        const protocol::SetName *row = protocol::findSetName(word);
+        return row != nullptr && isWanted(*row);
+    });
+}
+
+bool sendPairs(Session &session, const QStringList &words)
+{
+    const bool isSlow = anyNamed(words, [](const auto &row) { return row.takesSeconds; });
+    const int timeoutMs = session.timeoutMs(isSlow ? slowTimeoutMs : 10'000);
+    return session.connection().set(words.join(QLatin1Char(' ')), {timeoutMs});
+}
+
+/// The jump leaves polling muted, which is as it should be while a bootloader has the line.
+bool sendIntoBootloader(Session &session, const QStringList &words)
+{
+    MutedPolling muted(session);
+    muted.letLineFallSilent();
+    if (!sendPairs(session, words))
+        return false;
+    muted.leaveMuted();
+    session.output().note(QStringLiteral("polling stays muted until gripperctl set MUTE 0"));
+    return true;
+}
+
+} // namespace
+
+void commands::get(Session &session)
+{
+    const QStringList names = upperNames(session.options().arguments);
+    if (!std::all_of(names.begin(), names.end(), protocol::isDaemonValue))
+        session.selectGripper();
+    const Values values = session.connection().get(names);
+    session.output().result(textOf(values, names), jsonOf(values));
+    const QString unknown = values.key(protocol::noValue());
+    if (!unknown.isEmpty()) {
+        throw Failure{ExitCode::Refused,
+                      QStringLiteral("gripperd knows no value of %1").arg(unknown)};
+    }
+}
+
+void commands::set(Session &session)
+{
+    const QStringList words = session.options().arguments;
+    const QString problem = protocol::problemInPairs(words);
+    if (!problem.isEmpty())
+        throw Failure{ExitCode::WrongUsage, problem};
+    refuseGuarded(words);
+    if (anyNamed(words, [](const auto &row) { return row.needsGripper; }))
+        session.selectGripper();
+    const bool entersBootloader = words.contains(QStringLiteral("BLD"), Qt::CaseInsensitive);
+    const bool isAcknowledged =
+        entersBootloader ? sendIntoBootloader(session, words) : sendPairs(session, words);
+    if (!isAcknowledged)
+        throw Failure{ExitCode::Refused, QStringLiteral("gripperd answered nak")};
+    session.output().result(QStringLiteral("ack"),
+                            {{QStringLiteral("reply"), QStringLiteral("ack")}});
+}

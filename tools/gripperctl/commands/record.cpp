@@ -1,0 +1,83 @@
+#include "commands.h"
+
+#include "failure.h"
+#include "pacer.h"
+#include "recording.h"
+#include "session.h"
+
+#include <QFile>
+
+#include <limits>
+
+namespace {
+
+constexpr int usualIntervalMs = 100;
+
+class RecordingFile
+{
+public:
+    explicit RecordingFile(const QString &path)
+        : m_file(path)
+    {
+        if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            fail();
+        append({recording::header()});
+    }
+
+    void append(const QStringList &lines)
+    {
+        for (const QString &line : lines)
+            m_file.write(line.toUtf8() + '\n');
+        // Whatever happens next, what was seen is in the file.
+        if (!m_file.flush())
+            fail();
+        m_lines += lines.size();
+    }
+
+    int sampleCount() const { return m_lines - 1; }
+
+private:
+    [[noreturn]] void fail() const
+    {
+        throw Failure{
+            ExitCode::LocalProblem,
+            QStringLiteral("cannot write %1: %2").arg(m_file.fileName(), m_file.errorString())};
+    }
+
+    QFile m_file;
+    int m_lines = 0;
+};
+
+void recordInto(RecordingFile &file, Session &session)
+{
+    const qint64 endMs =
+        session.options().milliseconds("seconds").value_or(std::numeric_limits<int>::max());
+    Pacer pacer(session.options().milliseconds("interval").value_or(usualIntervalMs));
+    do {
+        const double seconds = static_cast<double>(pacer.elapsedMs()) / 1000;
+        file.append(recording::lines(Snapshot::take(session), seconds));
+    } while (pacer.waitForNext(endMs) && pacer.elapsedMs() < endMs);
+}
+
+} // namespace
+
+void commands::record(Session &session)
+{
+    const QString path = session.options().arguments.first();
+    if (session.options().has("gripper"))
+        session.selectGripper();
+    // Nothing is overwritten for a daemon that is not there.
+    session.connection();
+    RecordingFile file(path);
+    session.output().begin(QStringLiteral("recording into %1").arg(path));
+    try {
+        recordInto(file, session);
+    } catch (const Failure &failure) {
+        if (failure.code != ExitCode::Interrupted)
+            throw;
+    }
+    session.output().endStage();
+    session.output().result(
+        QStringLiteral("%1 lines in %2").arg(file.sampleCount()).arg(path),
+        {{QStringLiteral("file"), path}, {QStringLiteral("lines"), file.sampleCount()}});
+}

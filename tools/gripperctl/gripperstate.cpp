@@ -1,0 +1,114 @@
+#include "gripperstate.h"
+
+#include "connection.h"
+
+namespace {
+
+constexpr int familyLetter = 1;
+
+} // namespace
+
+GripperState::GripperState(int id, const Values &values)
+    : m_id(id)
+    , m_values(values)
+{
+}
+
+GripperState GripperState::read(Connection &connection, int id)
+{
+    return {id, connection.get(names())};
+}
+
+const QStringList &GripperState::names()
+{
+    // The request that is shown comes before what became of it: should a poll come in between, the
+    // answer is never older than the request.
+    static const QStringList all = QStringLiteral("PRE GTO STA OBJ FLT POS COU ACT NCY FWV SNU PYE "
+                                                  "DRI")
+                                       .split(QLatin1Char(' '));
+    return all;
+}
+
+bool GripperState::isThere() const
+{
+    return text("STA") != protocol::noValue();
+}
+
+QString GripperState::family() const
+{
+    switch (firmware().size() > familyLetter ? firmware().at(familyLetter).toLatin1() : '?') {
+    case 'A':
+        return QStringLiteral("Pello");
+    case 'B':
+        return QStringLiteral("Varno");
+    case 'E':
+        return QStringLiteral("Zentra");
+    case 'F':
+        return QStringLiteral("Sorbix");
+    default:
+        return QString();
+    }
+}
+
+bool GripperState::isVacuum() const
+{
+    return family() == QLatin1String("Zentra") || family() == QLatin1String("Sorbix");
+}
+
+QString GripperState::statusText() const
+{
+    switch (status()) {
+    case Status::Inactive:
+        return QStringLiteral("inactive");
+    case Status::Activating:
+        return QStringLiteral("activating");
+    case Status::Releasing:
+        return QStringLiteral("released");
+    case Status::Active:
+        return QStringLiteral("active");
+    }
+    return text("STA");
+}
+
+QString GripperState::objectText() const
+{
+    switch (object()) {
+    case Object::None:
+        return QStringLiteral("-");
+    case Object::Moving:
+        return QStringLiteral("moving");
+    case Object::Met:
+        return isVacuum() ? QStringLiteral("leak") : QStringLiteral("object");
+    case Object::Reached:
+        return QStringLiteral("reached");
+    }
+    return text("OBJ");
+}
+
+QString GripperState::text(const char *name) const
+{
+    return m_values.value(QString::fromLatin1(name), protocol::noValue());
+}
+
+int GripperState::number(const char *name) const
+{
+    return text(name).toInt();
+}
+
+QJsonObject GripperState::toJson() const
+{
+    return {
+        {QStringLiteral("id"), m_id},
+        {QStringLiteral("family"), family()},
+        {QStringLiteral("firmware"), firmware()},
+        {QStringLiteral("serialNumber"), serialNumber()},
+        {QStringLiteral("year"), number("PYE")},
+        {QStringLiteral("status"), statusText()},
+        {QStringLiteral("position"), position()},
+        {QStringLiteral("requestedPosition"), requestedPosition()},
+        {QStringLiteral("current"), current()},
+        {QStringLiteral("object"), objectText()},
+        {QStringLiteral("fault"), fault()},
+        {QStringLiteral("cycles"), text("NCY").toDouble()},
+    };
+}

@@ -1,0 +1,58 @@
+#include "mutedpolling.h"
+
+#include "failure.h"
+#include "interruption.h"
+#include "session.h"
+
+namespace {
+
+constexpr int silenceMs = 300;
+constexpr int answerTimeoutMs = 10'000;
+
+void setMuted(Connection &connection, int value)
+{
+    // An interruption between the request and its answer would leave it open what holds.
+    connection.set(QStringLiteral("MUTE %1").arg(value), {answerTimeoutMs, false});
+}
+
+} // namespace
+
+MutedPolling::MutedPolling(Session &session)
+    : m_session(session)
+{
+    setMuted(session.connection(), 1);
+    m_isOurs = true;
+}
+
+MutedPolling::~MutedPolling()
+{
+    if (m_isOurs)
+        unmuteWhateverHappened();
+}
+
+void MutedPolling::letLineFallSilent()
+{
+    pauseFor(silenceMs);
+}
+
+void MutedPolling::unmute()
+{
+    setMuted(m_session.connection(), 0);
+    m_isOurs = false;
+}
+
+void MutedPolling::leaveMuted()
+{
+    m_isOurs = false;
+}
+
+/// On a connection of its own: the other one may be waiting for a reply, or be lost.
+void MutedPolling::unmuteWhateverHappened()
+{
+    try {
+        setMuted(*m_session.connectAgain(), 0);
+    } catch (const Failure &) {
+        m_session.output().note(
+            QStringLiteral("polling may still be muted: gripperctl set MUTE 0"));
+    }
+}

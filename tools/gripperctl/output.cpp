@@ -1,0 +1,72 @@
+#include "output.h"
+
+#include <QJsonDocument>
+
+#include <cstdio>
+
+#include <unistd.h>
+
+namespace {
+
+void writeError(const QString &text)
+{
+    std::fputs(text.toLocal8Bit().constData(), stderr);
+    std::fflush(stderr);
+}
+
+} // namespace
+
+bool writeOut(const QByteArray &text)
+{
+    std::fwrite(text.constData(), 1, static_cast<std::size_t>(text.size()), stdout);
+    return std::fflush(stdout) == 0;
+}
+
+Output::Output(bool isJson)
+    : m_isJson(isJson)
+    , m_isTerminal(::isatty(STDERR_FILENO) == 1)
+{
+}
+
+bool Output::result(const QString &text, const QJsonObject &json) const
+{
+    if (!m_isJson)
+        return writeOut(text.toLocal8Bit() + '\n');
+    return writeOut(QJsonDocument(json).toJson(QJsonDocument::Compact) + '\n');
+}
+
+void Output::begin(const QString &stage)
+{
+    endStage();
+    if (m_isJson)
+        return;
+    m_stage = stage;
+    writeError(m_isTerminal ? stage + QStringLiteral(" ...") : stage + QStringLiteral(" ...\n"));
+}
+
+void Output::tick(qint64 elapsedMs)
+{
+    if (!m_stage.isEmpty() && m_isTerminal)
+        writeError(QStringLiteral("\r%1 ... %2 s\x1b[K").arg(m_stage).arg(elapsedMs / 1000));
+}
+
+void Output::endStage()
+{
+    if (!m_stage.isEmpty() && m_isTerminal)
+        writeError(QStringLiteral("\n"));
+    m_stage.clear();
+}
+
+void Output::note(const QString &text)
+{
+    endStage();
+    writeError(QStringLiteral("gripperctl: %1\n").arg(text));
+}
+
+void Output::problem(const QString &text, int exitCode)
+{
+    note(text);
+    if (m_isJson)
+        result(QString(),
+               {{QStringLiteral("error"), text}, {QStringLiteral("exitCode"), exitCode}});
+}

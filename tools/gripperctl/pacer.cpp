@@ -1,0 +1,23 @@
+#include "pacer.h"
+
+#include "failure.h"
+#include "interruption.h"
+
+Pacer::Pacer(int intervalMs)
+    : m_intervalMs(intervalMs)
+{
+    m_sinceStart.start();
+}
+
+bool Pacer::waitForNext(qint64 endMs)
+{
+    // A look that took too long is not made up for.
+    m_nextMs = qMax(m_nextMs + m_intervalMs, m_sinceStart.elapsed());
+    const qint64 untilMs = qMin(m_nextMs, endMs);
+    try {
+        pauseFor(static_cast<int>(qMax<qint64>(0, untilMs - m_sinceStart.elapsed())));
+    } catch (const Failure &) {
+        return false;
+    }
+    return true;
+}

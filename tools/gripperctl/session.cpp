@@ -1,0 +1,81 @@
+#include "session.h"
+
+#include "failure.h"
+#include "interruption.h"
+
+namespace {
+
+// The daemon stands still for up to five seconds while it looks for a bootloader.
+constexpr int answerTimeoutMs = 10'000;
+constexpr int usualGripper = 9;
+
+} // namespace
+
+Session::Session(const Options &options, Output &output)
+    : m_options(options)
+    , m_output(output)
+{
+}
+
+Connection &Session::connection()
+{
+    if (!m_connection) {
+        m_connection = std::make_unique<Connection>(m_options.endpoint,
+                                                    Connection::Wait{timeoutMs(answerTimeoutMs)});
+        catchInterruptions();
+    }
+    return *m_connection;
+}
+
+std::unique_ptr<Connection> Session::connectAgain() const
+{
+    return std::make_unique<Connection>(m_options.endpoint,
+                                        Connection::Wait{answerTimeoutMs, false});
+}
+
+int Session::selectGripper()
+{
+    const QString link = connection().get(QStringLiteral("DRI"));
+    const int id = chooseGripper(connection().grippers(), m_options.whole("gripper"), link);
+    if (!connection().select(id)) {
+        throw Failure{ExitCode::NoGripper,
+                      QStringLiteral("gripper %1 has just gone: gripperctl status").arg(id)};
+    }
+    return id;
+}
+
+int Session::timeoutMs(int otherwiseMs) const
+{
+    return m_options.milliseconds("timeout").value_or(otherwiseMs);
+}
+
+int chooseGripper(const QVector<int> &found, std::optional<int> wanted, const QString &link)
+{
+    if (found.isEmpty()) {
+        throw Failure{ExitCode::NoGripper,
+                      QStringLiteral("no gripper was found (link: %1): are they switched on, and "
+                                     "is the line plugged in?")
+                          .arg(link)};
+    }
+    const int id = wanted.value_or(found.size() == 1 ? found.first() : usualGripper);
+    if (found.contains(id))
+        return id;
+    if (!wanted) {
+        throw Failure{
+            ExitCode::WrongUsage,
+            QStringLiteral("which gripper? There are %1: say --gripper ID").arg(listOfIds(found))};
+    }
+    throw Failure{ExitCode::NoGripper,
+                  QStringLiteral("there is no gripper %1, but there are %2: gripperctl scan looks "
+                                 "again")
+                      .arg(id)
+                      .arg(listOfIds(found))};
+}
+
+QString listOfIds(const QVector<int> &ids)
+{
+    QStringList words;
+    for (const int id : ids)
+        words.append(QString::number(id));
+    return words.isEmpty() ? QStringLiteral("none") : words.join(QStringLiteral(", "));
+}

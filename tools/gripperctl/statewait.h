@@ -1,0 +1,20 @@
+#pragma once
+
+#include "gripperstate.h"
+
+#include <functional>
+
+class Session;
+
+/// What a gripper is waited for.
+struct Goal
+{
+    QString stage; ///< "moving to 120"
+    int timeoutMs;
+    std::function<bool(const GripperState &state)> isReached;
+};
+
+/// Looks at the gripper that the connection addresses until the goal is reached, and returns what
+/// it saw then. Throws a Failure when the time is over, or when the gripper has been gone for three
+/// seconds: a disturbed line loses it for less.
+GripperState waitForState(Session &session, int id, const Goal &goal);
