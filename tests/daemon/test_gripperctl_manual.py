@@ -1,0 +1,113 @@
+"""The manual page, the completion and --help tell the same."""
+
+import os
+import pathlib
+import re
+import subprocess
+
+import pytest
+from harness.children import binary
+from harness.gripperctl import ScriptedDaemon, well
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+PAGE = ROOT / "man" / "gripperctl.1"
+COMPLETION = ROOT / "completion" / "gripperctl"
+
+
+def section(text, title):
+    return re.search(rf"^{title}:\n((?:  .*\n)+)", text, re.MULTILINE)[1]
+
+
+def commands():
+    return re.findall(r"^  (\w+)", section(well("--help"), "Commands"), re.MULTILINE)
+
+
+def options(*words):
+    return set(re.findall(r"^  (?:-\w, )?(--\w+)", section(well(*words, "--help"), "Options"), re.MULTILINE))
+
+
+def exit_codes():
+    return re.findall(r"^  (\d+) ", section(well("--help"), "Exit codes"), re.MULTILINE)
+
+
+@pytest.fixture(scope="module")
+def page():
+    return subprocess.run(
+        ["groff", "-man", "-Tascii", "-rLL=100n", "-P-cbou", PAGE],
+        check=True, capture_output=True, text=True, env={**os.environ, "LC_ALL": "C"},
+    ).stdout
+
+
+def test_the_page_is_well_formed():
+    run = subprocess.run(
+        ["groff", "-man", "-ww", "-z", PAGE], check=True, capture_output=True, text=True
+    )
+    assert run.stderr == ""
+
+
+def test_the_page_tells_every_command_and_what_it_takes(page):
+    general = options()
+    for command in commands():
+        entry = re.search(rf"^ +(open, )?{command}\b.*", page, re.MULTILINE)
+        assert entry, command
+        for option in options(command) - general:
+            assert option in entry[0] or (command, option) == ("plot", "--output"), entry[0]
+    for option in general | {"--output"}:
+        assert re.search(rf"^ +(-\w, )?{option}\b", page, re.MULTILINE), option
+
+
+def test_the_page_tells_every_exit_code_and_the_version(page):
+    assert re.findall(r"^ {7}(\d+) {3,}", page, re.MULTILINE) == exit_codes()
+    assert "gripperd " + well("--version").split()[1] in page
+
+
+def test_every_command_has_its_help():
+    assert commands()[0] == "status" and len(commands()) == 15
+    for command in commands():
+        assert well(command, "--help").startswith(f"Usage: gripperctl [OPTION]... {command}")
+
+
+def test_the_version():
+    assert re.fullmatch(r"gripperctl \d+\.\d+\.\d+\n", well("--version"))
+
+
+def completed(*words):
+    """What bash offers for the last word."""
+    script = 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); '
+    script += '_gripperctl; printf "%s\\n" "${COMPREPLY[@]}"'
+    run = subprocess.run(
+        ["bash", "-euc", script, "bash", COMPLETION, binary("gripperctl"), *words],
+        check=True, capture_output=True, text=True,
+    )
+    assert run.stderr == ""
+    return run.stdout.split()
+
+
+def test_commands_are_completed():
+    assert completed("") == commands()
+    assert completed("re") == ["release", "rename", "record"]
+    assert completed("--host", "robot", "sta") == ["status"]
+    assert completed("--timeout", "1") == []
+
+
+def test_options_are_completed_as_the_command_takes_them():
+    for command in commands():
+        offered = set(completed(command, "-"))
+        assert {word for word in offered if word.startswith("--")} == options(command)
+        assert ("-o" in offered) == (command == "plot")
+
+
+def test_arguments_are_completed(tmp_path):
+    assert completed("led", "") == ["red", "green", "blue", "off", "auto"]
+    assert completed("rename", "9", "") == ["9", "2", "3", "4"]
+    (tmp_path / "a.csv").write_text("")
+    assert completed("plot", f"{tmp_path}/a") == [f"{tmp_path}/a.csv"]
+
+
+def test_every_name_that_is_completed_is_one():
+    with ScriptedDaemon() as daemon:
+        for name in completed("set", ""):
+            if name != "BLD":
+                well("--host", daemon.host, "set", name, "0")
+        well("--host", daemon.host, "get", *completed("get", ""))
+        assert len(daemon.requests) > 60
