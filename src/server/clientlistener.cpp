@@ -12,6 +12,9 @@ namespace {
 
 constexpr int connectionQueueLength = 4096;
 constexpr int acceptRetryMs = 500;
+// Probes come every 20 s.
+constexpr int unheardCheckMs = 20'000;
+constexpr int unheardLimitMs = 240'000;
 constexpr int pendingConnections = 30;
 // The serial port and its lock file, and what starting a child process takes.
 constexpr rlim_t reservedDescriptors = 32;
@@ -35,6 +38,9 @@ ClientListener::ClientListener(QObject *parent)
     // Accepting stays paused after an error until somebody resumes it.
     connect(this, &QTcpServer::acceptError, this,
             [this] { QTimer::singleShot(acceptRetryMs, this, &QTcpServer::resumeAccepting); });
+    auto *unheardCheck = new QTimer(this);
+    connect(unheardCheck, &QTimer::timeout, this, &ClientListener::giveUpUnheardPeers);
+    unheardCheck->start(unheardCheckMs);
 }
 
 // Ends all connections as long as this is still the object that they report to and wait with.
@@ -63,6 +69,13 @@ void ClientListener::incomingConnection(qintptr descriptor)
     // Pausing would not do: what waits in the queue now is accepted in one go.
     if (descriptor >= m_lastClientDescriptor)
         setMaxPendingConnections(0);
+}
+
+void ClientListener::giveUpUnheardPeers()
+{
+    const auto sockets = findChildren<QTcpSocket *>();
+    for (QTcpSocket *socket : sockets)
+        static_cast<ClientSocket *>(socket)->giveUpIfUnheardFor(unheardLimitMs);
 }
 
 void ClientListener::goOnAccepting()

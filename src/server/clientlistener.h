@@ -26,6 +26,7 @@ protected:
 
 private:
     void goOnAccepting();
+    void giveUpUnheardPeers();
 
     SocketPoller m_poller;
     qintptr m_lastClientDescriptor = 0;

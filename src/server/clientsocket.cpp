@@ -18,15 +18,15 @@ struct KernelOption
     int value;
 };
 
-// Replies leave at once, and a peer that vanished without a word is gone within four minutes:
-// probed after one minute of silence, given up after four without an answer.
-constexpr std::array<KernelOption, 6> clientOptions{{
+// Replies leave at once, and a peer that vanished without a word is given up within four minutes:
+// probed after one minute of silence. No TCP_USER_TIMEOUT: it also ends connections whose peer
+// answers every probe, and just does not read.
+constexpr std::array<KernelOption, 5> clientOptions{{
     {IPPROTO_TCP, TCP_NODELAY, 1},
     {SOL_SOCKET, SO_KEEPALIVE, 1},
     {IPPROTO_TCP, TCP_KEEPIDLE, 60},
     {IPPROTO_TCP, TCP_KEEPINTVL, 20},
     {IPPROTO_TCP, TCP_KEEPCNT, 9},
-    {IPPROTO_TCP, TCP_USER_TIMEOUT, 240'000},
 }};
 
 // One piece of memory for the replies to a batch.
@@ -39,7 +39,7 @@ bool isTemporary(int error)
 
 } // namespace
 
-ClientSocket *ClientSocket::__readyOne = nullptr;
+ClientSocket *ClientSocket::__notifying = nullptr;
 
 ClientSocket::ClientSocket(SocketPoller &poller, QObject *parent)
     : QTcpSocket(parent)
@@ -108,7 +108,7 @@ void ClientSocket::sendReplies()
 
 void ClientSocket::onReadable()
 {
-    const QScopedValueRollback<ClientSocket *> ready(__readyOne, this);
+    const QScopedValueRollback<ClientSocket *> notifying(__notifying, this);
     emit readyRead();
 }
 
@@ -155,6 +155,16 @@ void ClientSocket::setPaused(bool paused)
     updateInterests();
 }
 
+void ClientSocket::giveUpIfUnheardFor(int limitMs)
+{
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    if (::getsockopt(m_descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
+        return;
+    if (info.tcpi_last_ack_recv > static_cast<quint32>(limitMs))
+        ::shutdown(m_descriptor, SHUT_RDWR);
+}
+
 void ClientSocket::hold()
 {
     ++m_holds;
@@ -174,6 +184,7 @@ void ClientSocket::reportEndIfOver()
     m_endReported = true;
     const auto report = [this] {
         setSocketState(UnconnectedState);
+        const QScopedValueRollback<ClientSocket *> notifying(__notifying, this);
         emit disconnected();
     };
     QMetaObject::invokeMethod(this, report, Qt::QueuedConnection);

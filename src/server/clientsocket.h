@@ -25,9 +25,9 @@ public:
     /// `poller` must outlive the socket.
     ClientSocket(SocketPoller &poller, QObject *parent);
 
-    /// The one that emits readyRead() just now, null outside. In a slot the same as sender(), which
-    /// however looks through all clients.
-    static ClientSocket *readyOne() { return __readyOne; }
+    /// The one that emits readyRead() or disconnected() just now, null outside. In a slot the same
+    /// as sender(), which however looks through all clients.
+    static ClientSocket *notifying() { return __notifying; }
 
     ~ClientSocket() override;
 
@@ -44,6 +44,10 @@ public:
     /// back.
     void setPaused(bool paused);
     bool isPaused() const { return m_paused; }
+
+    /// Ends the connection when its peer has acknowledged nothing for more than `limitMs`, no probe
+    /// either: with replies on their way the kernel would take a quarter of an hour for that.
+    void giveUpIfUnheardFor(int limitMs);
 
     /// Between hold() and release() disconnected() is not emitted: a request is being carried out.
     void hold();
@@ -64,7 +68,7 @@ private:
     void reportEndIfOver();
 
     int m_descriptor = -1;
-    static ClientSocket *__readyOne;
+    static ClientSocket *__notifying;
 
     SocketPoller &m_poller;
     std::optional<SocketPoller::Registration> m_registration;

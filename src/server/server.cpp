@@ -91,7 +91,7 @@ void Server::onClientSocketConnection()
 
 void Server::onClientSocketReadData()
 {
-    ClientSocket *socket = ClientSocket::readyOne();
+    ClientSocket *socket = ClientSocket::notifying();
     if (socket == nullptr)
         return;
     // Used up before anything pumps events, so a nested call may use it again.
@@ -275,8 +275,8 @@ std::string_view Server::handleSetGripperModeRequest(const Gripper &gripper, qui
 
 void Server::onClientSocketDisconnect()
 {
-    qInfo() << "onClientSocketDisconnect: " << sender();
-    auto *socket = dynamic_cast<ClientSocket *>(sender());
+    ClientSocket *socket = ClientSocket::notifying();
+    qInfo() << "onClientSocketDisconnect: " << (socket != nullptr ? socket : sender());
     if (socket == nullptr)
         return;
     disconnect(socket, nullptr, this, nullptr);

@@ -72,6 +72,9 @@ private slots:
     void repliesToAClientThatResetAreDropped();
     void clientThatResetWithRepliesPendingIsReadToTheEnd();
 
+    void peerThatWasNotHeardForTooLongIsGivenUp();
+    void requestsOfAPeerThatIsGivenUpAreRead();
+
     void disconnectedComesOnceAndFromTheEventLoop();
     void holdDefersDisconnected();
     void disconnectedWaitsForTheLastOfSeveralHolds();
@@ -170,8 +173,8 @@ void tst_ClientSocket::kernelOptionIsSet_data()
     QTest::newRow("first probe") << int(IPPROTO_TCP) << int(TCP_KEEPIDLE) << 60;
     QTest::newRow("next probes") << int(IPPROTO_TCP) << int(TCP_KEEPINTVL) << 20;
     QTest::newRow("number of probes") << int(IPPROTO_TCP) << int(TCP_KEEPCNT) << 9;
-    QTest::newRow("replies not acknowledged")
-        << int(IPPROTO_TCP) << int(TCP_USER_TIMEOUT) << 240000;
+    QTest::newRow("no end for who does not read")
+        << int(IPPROTO_TCP) << int(TCP_USER_TIMEOUT) << 0;
 }
 
 void tst_ClientSocket::kernelOptionIsSet()
@@ -364,6 +367,30 @@ void tst_ClientSocket::clientThatResetWithRepliesPendingIsReadToTheEnd()
     QTRY_COMPARE(disconnected.size(), 1);
     QCOMPARE(received, request);
     QCOMPARE(m_socket->bytesToWrite(), 0);
+}
+
+void tst_ClientSocket::peerThatWasNotHeardForTooLongIsGivenUp()
+{
+    connectClient(tcpPair());
+    QSignalSpy disconnected(m_socket.get(), &QTcpSocket::disconnected);
+    connect(m_socket.get(), &QTcpSocket::readyRead, this, [this] { readAll(); });
+    QTest::qWait(100);
+    m_socket->giveUpIfUnheardFor(60'000);
+    handleWaitingEvents();
+    QCOMPARE(disconnected.size(), 0);
+    m_socket->giveUpIfUnheardFor(50);
+    QTRY_COMPARE(disconnected.size(), 1);
+}
+
+void tst_ClientSocket::requestsOfAPeerThatIsGivenUpAreRead()
+{
+    connectClient(tcpPair());
+    QSignalSpy disconnected(m_socket.get(), &QTcpSocket::disconnected);
+    m_client->send(request);
+    QTest::qWait(100);
+    m_socket->giveUpIfUnheardFor(50);
+    QCOMPARE(readAll(), request);
+    QTRY_COMPARE(disconnected.size(), 1);
 }
 
 void tst_ClientSocket::disconnectedComesOnceAndFromTheEventLoop()
