@@ -50,7 +50,11 @@ bool isWritable()
 {
     static bool readerHasStopped = false;
     pollfd standardError{STDERR_FILENO, POLLOUT, 0};
-    readerHasStopped = ::poll(&standardError, 1, readerHasStopped ? 0 : slowReaderWaitMs) == 0;
+    int ready = ::poll(&standardError, 1, readerHasStopped ? 0 : slowReaderWaitMs);
+    // Interrupted by a signal, which says nothing about the reader.
+    if (ready < 0)
+        ready = ::poll(&standardError, 1, 0);
+    readerHasStopped = ready == 0;
     return !readerHasStopped;
 }
 

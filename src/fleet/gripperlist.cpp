@@ -229,6 +229,8 @@ GripperList::Gripper GripperList::currentGripper() const
 
 void GripperList::discoverState()
 {
+    if (quitRequested())
+        return;
     if (m_modbus.isConnected()) {
         if (!scanUndisturbed(m_modbus.getPortName()))
             return;
@@ -244,7 +246,9 @@ void GripperList::discoverState()
     for (const QString &portName : portNames) {
         if (quitRequested())
             return;
-        if (!scanUndisturbed(portName))
+        const bool isUndisturbed = scanUndisturbed(portName);
+        // The other scan knew this port only: without a gripper the search goes on.
+        if (!isUndisturbed && !m_grippers.isEmpty())
             return;
         if (!m_grippers.isEmpty()) {
             openLink(portName);

@@ -48,6 +48,8 @@ bool isUsbSerialPortName(const QString &portName)
 
 bool isPortFree(const QString &portName, const CommandReport &report)
 {
+    if (quitRequested())
+        return false;
     // fuser exits with 0 when somebody has the file open, and with a positive code when nobody has.
     const int exitCode = runFuser(QStringLiteral("./fuser"), portName, report);
     if (exitCode >= 0)

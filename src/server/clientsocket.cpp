@@ -146,7 +146,10 @@ void ClientSocket::updateInterests()
     SocketPoller::Interests interests;
     interests.setFlag(SocketPoller::Readable, mayRead);
     interests.setFlag(SocketPoller::Writable, !m_unsent.isEmpty());
-    m_registration->setInterests(interests);
+    // Whoever would not be heard any more is better off without the connection.
+    if (!m_registration->setInterests(interests))
+        QMetaObject::invokeMethod(
+            this, [this] { giveUp(); }, Qt::QueuedConnection);
 }
 
 void ClientSocket::setPaused(bool paused)
@@ -163,6 +166,13 @@ void ClientSocket::giveUpIfUnheardFor(int limitMs)
         return;
     if (info.tcpi_last_ack_recv > static_cast<quint32>(limitMs))
         ::shutdown(m_descriptor, SHUT_RDWR);
+}
+
+void ClientSocket::giveUp()
+{
+    m_inputEnded = true;
+    endOutput();
+    reportEndIfOver();
 }
 
 void ClientSocket::hold()

@@ -64,6 +64,7 @@ private:
     void onWritable() override;
     void sendUnsent();
     void endOutput();
+    void giveUp();
     void updateInterests();
     void reportEndIfOver();
 

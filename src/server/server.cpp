@@ -7,6 +7,7 @@
 #include "quitsignals.h"
 #include "setvariables.h"
 #include "unhandledpairs.h"
+#include "waits.h"
 
 #include <QDebug>
 
@@ -20,6 +21,7 @@ namespace {
 // one client's share on each turn of the event loop. In bytes of requests, as is the time they
 // take.
 constexpr int bytesPerRead = 16 * 1024;
+constexpr int lineRest = 64;
 constexpr std::size_t firstShare = 256;
 constexpr std::size_t laterShare = 4096;
 constexpr int usualReplyLength = 32;
@@ -29,6 +31,17 @@ void write(ClientSocket *socket, std::string_view reply)
 {
     if (socket != nullptr)
         socket->write(reply.data(), static_cast<qint64>(reply.size()));
+}
+
+/// So that a GET does not lose its line ending to the next batch: of what follows a full read as
+/// much as belongs to its last line, `lineRest` bytes at most. Returns how much that was.
+int readToLineEnd(ClientSocket *socket, char *rest)
+{
+    const auto isLineEnd = [](char c) { return c == '\n' || c == '\r'; };
+    int count = 0;
+    while (count < lineRest && !isLineEnd(rest[count - 1]) && socket->read(rest + count, 1) == 1)
+        ++count;
+    return count;
 }
 
 bool mayWait(const Request &request, const Server::Gripper &gripper)
@@ -41,13 +54,6 @@ bool mayWait(const Request &request, const Server::Gripper &gripper)
             return true;
     }
     return false;
-}
-
-/// What was answered before must not wait for a request that does.
-void sendRepliesBeforeWait(ClientSocket *socket, bool mayWait)
-{
-    if (mayWait && socket != nullptr)
-        socket->sendReplies();
 }
 
 } // namespace
@@ -95,10 +101,12 @@ void Server::onClientSocketReadData()
     if (socket == nullptr)
         return;
     // Used up before anything pumps events, so a nested call may use it again.
-    static std::array<char, bytesPerRead> bytes;
-    const qint64 count = socket->read(bytes.data(), bytesPerRead);
+    static std::array<char, bytesPerRead + lineRest> bytes;
+    qint64 count = socket->read(bytes.data(), bytesPerRead);
     if (count <= 0)
         return;
+    if (count == bytesPerRead)
+        count += readToLineEnd(socket, bytes.data() + bytesPerRead);
     bufferBySocket[socket].append(bytes.data(), static_cast<std::size_t>(count));
     processSocket(socket);
 }
@@ -125,13 +133,28 @@ void Server::carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std:
             postpone({socket, request, gripper});
             break;
         }
+        const unsigned int waitsBefore = m_waits;
         carryOut(socket, request, gripper);
-        done += request.text.size();
+        // What waits, or blocks, is a share of its own.
+        done += m_waits == waitsBefore ? request.text.size() : share;
         if (done >= share && buffer.bytesKept() > 0 && !socket->isPaused())
             leaveForLater({socket, gripper});
     }
     socket->sendReplies();
     socket->release();
+}
+
+/// What was answered before must not wait for what may wait, or block, now; and of several such
+/// pairs in one request each leaves everybody else, the state loop too, a turn before the next.
+/// False when nothing is to be begun any more because the daemon ends.
+bool Server::prepareToWait(ClientSocket *socket, bool hasWaited)
+{
+    ++m_waits;
+    if (socket != nullptr)
+        socket->sendReplies();
+    if (hasWaited)
+        qSleepWhileProcessingEvents(0);
+    return !quitRequested();
 }
 
 void Server::leaveForLater(const Unfinished &unfinished)
@@ -227,7 +250,8 @@ void Server::decodeGetVariables(ClientSocket *socket, const Request &match, cons
     if (variable == nullptr || (variable->needsGripper && !gripper)) {
         reply.append('?');
     } else {
-        sendRepliesBeforeWait(socket, variable->mayWait);
+        if (variable->mayWait)
+            prepareToWait(socket, false);
         variable->appendValue({gripperList, gripper.data()}, reply);
     }
 
@@ -243,6 +267,7 @@ void Server::decodeSetVariables(ClientSocket *socket, const Request &match, cons
     const auto selection = slaveIdBySocket.find(socket);
     int &selectedSlaveId = selection != slaveIdBySocket.end() ? selection.value() : nobodysSlaveId;
 
+    bool hasWaited = false;
     UnhandledPairs unhandled(match.text);
     PairReader pairs(match.text);
     PairReader::Pair pair;
@@ -252,7 +277,9 @@ void Server::decodeSetVariables(ClientSocket *socket, const Request &match, cons
             unhandled.log();
             continue;
         }
-        sendRepliesBeforeWait(socket, variable->mayWait);
+        if (variable->mayWait && !prepareToWait(socket, hasWaited))
+            break;
+        hasWaited = hasWaited || variable->mayWait;
         reply =
             variable->apply({gripperList, gripper, selectedSlaveId, pair.value}).value_or(reply);
     }

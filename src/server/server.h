@@ -120,6 +120,7 @@ private:
     };
 
     void carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std::size_t share);
+    bool prepareToWait(ClientSocket *socket, bool hasWaited);
     void leaveForLater(const Unfinished &unfinished);
     void continueUnfinishedLater();
     void continueUnfinished();
@@ -139,6 +140,7 @@ private:
     QQueue<Unfinished> m_unfinished;
     bool m_continuationPosted = false;
     QQueue<Postponed> m_postponed;
-    int m_depth = 0;         ///< Batches on the stack: all but the innermost wait on the bus.
-    bool m_resuming = false; ///< A postponed request is one of them.
+    unsigned int m_waits = 0; ///< Pairs that may have waited, ever.
+    int m_depth = 0;          ///< Batches on the stack: all but the innermost wait on the bus.
+    bool m_resuming = false;  ///< A postponed request is one of them.
 };

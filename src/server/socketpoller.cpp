@@ -23,23 +23,25 @@ SocketPoller::Registration::~Registration()
     setInterests(Nothing);
 }
 
-void SocketPoller::Registration::setInterests(Interests interests)
+bool SocketPoller::Registration::setInterests(Interests interests)
 {
     if (interests == m_interests)
-        return;
+        return true;
     // A broken connection is told whatever is asked for: who waits for nothing must not be there.
     int operation = EPOLL_CTL_MOD;
     if (m_interests == Nothing)
         operation = EPOLL_CTL_ADD;
     else if (interests == Nothing)
         operation = EPOLL_CTL_DEL;
-    m_interests = interests;
     epoll_event event{};
     event.events = interests;
     event.data.ptr = this;
-    ::epoll_ctl(m_poller.m_epoll, operation, m_descriptor, &event);
+    if (::epoll_ctl(m_poller.m_epoll, operation, m_descriptor, &event) != 0)
+        return false;
+    m_interests = interests;
     if (interests == Nothing)
         m_poller.forget(this);
+    return true;
 }
 
 SocketPoller::SocketPoller(QObject *parent)

@@ -43,8 +43,8 @@ public:
         ~Registration();
         Q_DISABLE_COPY_MOVE(Registration)
 
-        /// What is told from now on.
-        void setInterests(Interests interests);
+        /// What is told from now on. False, and nothing changed, when the kernel has no room.
+        bool setInterests(Interests interests);
 
     private:
         friend class SocketPoller;

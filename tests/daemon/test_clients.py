@@ -175,3 +175,10 @@ def test_a_flooding_client_does_not_keep_the_line_from_being_polled(found, line,
         client.send("GET VER\n" * 500)
         client.receive(500 * 14)
     assert len(line.since(mark, lambda r: r.is_read(2000))) >= (5 if SANITIZED else 10)
+
+
+def test_no_request_of_a_long_burst_loses_its_line_ending(found, connect):
+    for offset in range(9):
+        client = connect()
+        client.send("\n" * offset + "GET VER\n" * 20_000)
+        assert client.receive(14 * 20_000) == b"VER MZV-2.0.0\n" * 20_000

@@ -282,8 +282,8 @@ CHOSEN = {**STATES, **(SLOW_STATES if LARGE else {})}
 
 
 def signals_for(state):
-    """One that changes with the state and with the day, or all."""
-    turn = list(CHOSEN).index(state) + time.localtime().tm_yday
+    """One after the other in turn, or all."""
+    turn = list(CHOSEN).index(state)
     return SIGNALS if LARGE else [SIGNALS[turn % len(SIGNALS)]]
 
 
