@@ -1,0 +1,305 @@
+"""The examples of docs/protocol.md, and the clients in examples/, on the real daemon.
+
+What the lines of an example mean is told at the top of that document.
+"""
+
+import pathlib
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import time
+
+import pytest
+from harness.client import Client
+from harness.effort import effort
+from harness.simulator import Simulator
+from harness.upgrades import put_flasher
+from harness.waiting import eventually
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+DOCUMENT = (ROOT / "docs" / "protocol.md").read_text(encoding="utf-8")
+MAN_PAGE = (ROOT / "man" / "gripperd-protocol.7").read_text(encoding="utf-8")
+
+FINGERS, VACUUM = "9=TA3-1.6.14", "2=TE1-2.0.2"
+QUICK = ("--activation-ms=300", "--boot-ms=100", "--bootloader-boot-ms=100")
+CALM = "MUTE 0 GTO 0 MOD 0 ATR 0 ARD 0 LBP 0 LGN 0 LRD 0 LBL 0 MSC 0 POS 0 SPE 0 FOR 0"
+ACTIVE_AND_CALM = [0x0100, 0, 0]
+
+QUIET = 0.05
+MOMENT = 0.05
+REPETITION = 0.005
+
+
+class Example:
+    """One fenced block: where it stands, and its lines as (mark, text)."""
+
+    def __init__(self, document, match):
+        line = document.count("\n", 0, match.start()) + 1
+        headings = re.findall(r"^#+ (.*)$", document[: match.start()], re.MULTILINE)
+        self.name = f"{line}-{headings[-1].replace(' ', '_')}"
+        self.steps = [(line[:1], line[2:]) for line in match["text"].splitlines()]
+
+    def requests(self):
+        return "\n".join(visible(text) for mark, text in self.steps if mark in ">?")
+
+
+def examples_of(document):
+    fence = r"^```transcript\n(?P<text>(?:.*\n)*?)```$"
+    return [Example(document, match) for match in re.finditer(fence, document, re.MULTILINE)]
+
+
+def visible(text):
+    return text.replace("\\n", "\n").replace("\\r", "\r")
+
+
+EXAMPLES = examples_of(DOCUMENT)
+
+
+class Stage:
+    """What an example is played on: two grippers, a daemon that has found them, a client."""
+
+    def __init__(self, simulator, daemon):
+        self.simulator = simulator
+        self.daemon = daemon
+        self.client = None
+        self.log_mark = 0
+        self.pending = None
+
+    def prepare(self):
+        self.simulator.tell("clear")
+        self.put_both_on_the_line()
+        self.simulator.tell("object 9 none")
+        self.simulator.tell("release 2")
+        self.calm(9)
+        self.calm(2)
+        self.log_mark = self.daemon.mark()
+
+    def put_both_on_the_line(self):
+        with Client() as client:
+            if client.get("SID") == "[2, 9]":
+                return
+            for line in self.simulator.tell("show"):
+                if line.startswith("gripper "):
+                    self.simulator.tell("remove " + line.split()[1])
+            for gripper in (FINGERS, VACUUM):
+                self.simulator.tell("add " + gripper)
+            client.set("MUTE 0 SCN_BLOCK")
+            eventually(lambda: client.get("SID") == "[2, 9]")
+
+    def calm(self, slave_id):
+        """Active, open, nothing asked for, whatever the example before has left behind."""
+        with Client() as client:
+            client.set(f"SID {slave_id}")
+            client.set(CALM + " THROTTLE 0")
+            if client.get("ACT") != "1" or client.get("FLT") != "00":
+                client.set("ACT 1")
+            if client.get("POS") != "0":
+                client.set("SPE 255 GTO 1")
+            eventually(lambda: [client.get(n) for n in ("STA", "POS", "FLT")] == ["3", "0", "00"])
+            client.set(CALM)
+            written = lambda: self.simulator.registers(slave_id, 1000, 3)
+            eventually(lambda: written() == ACTIVE_AND_CALM, what=written)
+            eventually(lambda: (client.get("GTO"), client.get("MOD")) == ("0", "0"))
+            client.set("THROTTLE 1")
+
+    def play(self, example):
+        with Client(timeout=15.0) as self.client:
+            self.pending = None
+            before = ""
+            for mark, text in example.steps:
+                if before == mark == ">":
+                    # So that the daemon does not get both at once.
+                    time.sleep(MOMENT)
+                self.STEPS[mark](self, visible(text) if mark in "<>?" else text)
+                before = mark
+            # Nothing has come that the example does not tell of.
+            assert self.client.get("PCO") == "0"
+
+    def send(self, text):
+        self.client.send(text)
+
+    def receive(self, text):
+        expected = text.encode()
+        if self.pending is not None:
+            self.repeat_until(expected)
+        elif expected:
+            assert self.client.receive(len(expected)) == expected
+        else:
+            assert self.client.receive_until_silent(QUIET) == b""
+
+    def repeat(self, text):
+        self.pending = text
+
+    def repeat_until(self, expected):
+        def answer():
+            time.sleep(REPETITION)
+            self.client.send(self.pending)
+            return self.client.receive_line()
+
+        eventually(lambda: answer() == expected, 10.0, f"{self.pending!r} to give {expected!r}")
+        self.pending = None
+
+    def pause(self, text):
+        number, unit = text.split()
+        assert unit == "ms"
+        time.sleep(int(number) / 1000)
+
+    def find_in_log(self, text):
+        line = self.daemon.wait_for_line(re.escape(text), self.log_mark)
+        self.log_mark = self.daemon.lines.index(line, self.log_mark) + 1
+
+    def tell_simulator(self, text):
+        self.simulator.tell(text)
+
+    STEPS = {
+        ">": send,
+        "<": receive,
+        "?": repeat,
+        ".": pause,
+        "!": find_in_log,
+        "$": tell_simulator,
+    }
+
+
+@pytest.fixture(scope="module")
+def daemon(start_module_daemon, tmp_path_factory):
+    """Finds no line until there is a stage."""
+    folder = tmp_path_factory.mktemp("daemon")
+    # An upgrade of which only the protocol is looked at.
+    put_flasher(folder, "sleep 0.3")
+    return start_module_daemon(cwd=folder)
+
+
+@pytest.fixture(scope="module")
+def shared_stage(daemon):
+    mark = daemon.mark()
+    with Simulator(FINGERS, VACUUM, *QUICK) as simulator:
+        yield Stage(simulator, daemon.wait_until_found(9, 2, since=mark))
+
+
+@pytest.fixture
+def stage(shared_stage):
+    shared_stage.prepare()
+    return shared_stage
+
+
+@pytest.fixture(scope="module")
+def run_client(tmp_path_factory):
+    """run_client(language, goal) gives what it prints, what it complains of, and its status."""
+    program = tmp_path_factory.mktemp("client") / "move"
+    compiler = next(found for name in ("c++", "g++", "clang++") if (found := shutil.which(name)))
+    warnings = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror"]
+    source = ROOT / "examples" / "move.cpp"
+    subprocess.run([compiler, "-std=c++17", *warnings, "-o", program, source], check=True)
+    commands = {
+        "shell": ["bash", ROOT / "examples" / "move.sh"],
+        "python": [sys.executable, "-B", ROOT / "examples" / "move.py"],
+        "c++": [program],
+    }
+
+    def run(language, goal):
+        command = [*commands[language], "127.0.0.1", str(goal)]
+        done = subprocess.run(command, capture_output=True, text=True, timeout=10)
+        return done.stdout, done.stderr, done.returncode
+
+    return run
+
+
+LANGUAGES = ["shell", "python", "c++"]
+
+
+@pytest.mark.parametrize("language", LANGUAGES)
+def test_client_fails_when_there_is_no_gripper(run_client, daemon, language):
+    assert run_client(language, 30) == ("from ?\nto 30: ack\n", "", 1)
+
+
+def test_clients_move_the_gripper_and_tell_from_where(run_client, stage):
+    position = 0
+    for language, goal in zip(LANGUAGES, (30, 20, 40)):
+        expected = f"from {position}\nto {goal}: ack\n"
+        assert run_client(language, goal) == (expected, "", 0), language
+        with Client() as client:
+            eventually(lambda: client.get("POS") == str(goal))
+        position = goal
+
+
+def names_in_the_table(file):
+    """The names of the daemon's own table, whose rows spell them out or as a constant."""
+    header = (ROOT / "src" / "server" / "server.h").read_text(encoding="utf-8")
+    constants = dict(re.findall(r"std::string_view (__\w+) = \"(\w+)\"", header))
+    rows = re.findall(
+        r'^    \{(?:Server::(__\w+)|"(\w+)"), needs',
+        (ROOT / "src" / "server" / file).read_text(encoding="utf-8"),
+        re.MULTILINE,
+    )
+    return [constants[constant] if constant else text for constant, text in rows]
+
+
+GET_NAMES = names_in_the_table("getvariables.cpp")
+SET_NAMES = names_in_the_table("setvariables.cpp")
+
+
+def test_the_tables_were_read():
+    assert len(GET_NAMES) == len(set(GET_NAMES)) == 29
+    assert len(SET_NAMES) == len(set(SET_NAMES)) == 21
+
+
+@pytest.mark.parametrize(
+    "title, names", [("GET variables", GET_NAMES), ("SET variables", SET_NAMES)]
+)
+def test_the_document_lists_the_variables_of_the_daemon_and_no_others(title, names):
+    chapter = DOCUMENT.split(f"\n## {title}\n")[1].split("\n## ")[0]
+    assert sorted(re.findall(r"^\| \[`(\w+)`\]", chapter, re.MULTILINE)) == sorted(names)
+
+
+@pytest.mark.parametrize(
+    "keyword, names", [("GET", GET_NAMES), ("SET", SET_NAMES)], ids=["GET", "SET"]
+)
+def test_every_variable_has_an_example(keyword, names):
+    requests = "\n".join(example.requests() for example in EXAMPLES)
+    lines = [line.split() for line in requests.upper().splitlines()]
+    shown = {word for words in lines if words[:1] == [keyword] for word in words[1:]}
+    assert set(names) - shown == set()
+
+
+def test_links_within_the_document_lead_somewhere():
+    titles = re.findall(r"^#+ (.*)$", DOCUMENT, re.MULTILINE)
+    anchors = {re.sub(r"[^\w -]", "", title).lower().replace(" ", "-") for title in titles}
+    links = re.findall(r"\]\(#([^)]*)\)", DOCUMENT)
+    assert len(links) > 50
+    assert set(links) - anchors == set()
+
+
+def test_the_manual_page_names_every_variable():
+    words = set(re.findall(r"\w+", MAN_PAGE))
+    assert set(GET_NAMES) | set(SET_NAMES) <= words
+
+
+def test_a_set_is_on_the_line_within_a_period(stage, figure):
+    waits = []
+    with Client() as client:
+        for position in range(1, effort(8, 50) + 1):
+            # Longer than it takes until the next write is possible, and at another time each time.
+            time.sleep(0.15 + position * 37 % 100 / 1000)
+            mark, asked = stage.simulator.mark(), time.monotonic()
+            assert client.set(f"POS {position}") == "ack"
+            stage.simulator.wait_for(lambda r: r.slave == 9 and r.is_write(1000), 1, mark)
+            waits.append(time.monotonic() - asked)
+    median = statistics.median(waits)
+    figure(
+        f"two grippers: on the line after {median * 1000:.0f} ms (median), "
+        f"{max(waits) * 1000:.0f} ms (longest of {len(waits)})"
+    )
+    # Every gripper has its turn within 100 ms; one answer that comes late costs as much again.
+    assert median < 0.15
+
+
+# A gripper that was moved takes a scan to be put back: that comes last.
+MOVES_LAST = sorted(EXAMPLES, key=lambda example: "SET NID" in example.requests())
+
+
+@pytest.mark.parametrize("example", MOVES_LAST, ids=lambda example: example.name)
+def test_example(stage, example):
+    stage.play(example)
