@@ -14,8 +14,11 @@ from .waiting import eventually
 LOG_LINE = re.compile(r"^(Debug|Info|Warning|Critical|Fatal): (.*) \(\(null\):0, \(null\)\)$")
 
 SANITIZED = os.environ.get("GRIPPERD_SANITIZED") == "1"
-# The sanitizers look for leaks at the end, which takes its time.
-QUIT_LIMIT = 3.0 if SANITIZED else 1.0
+VALGRIND = "GRIPPERD_VALGRIND" in os.environ
+# Valgrind reads the symbols of all libraries first.
+START_LIMIT = 30.0 if VALGRIND else 5.0
+# The sanitizers and valgrind look for leaks at the end, which takes its time.
+QUIT_LIMIT = 9.0 if VALGRIND else 3.0 if SANITIZED else 1.0
 
 
 class Daemon:
@@ -46,7 +49,7 @@ class Daemon:
 
     # Its life
 
-    def wait_until_listening(self, timeout=5.0):
+    def wait_until_listening(self, timeout=START_LIMIT):
         """Looks without connecting, so that no client shows up in the log."""
 
         def listening():
