@@ -20,6 +20,50 @@ if(GRIPPERD_SANITIZE)
   target_link_options(gripperd_house INTERFACE -fsanitize=address,undefined)
 endif()
 
+# gripperd_precompile(NAME LIBRARIES targets... HEADERS headers...): headers that most files include,
+# parsed once for all. No file may rely on them: each includes what it uses, and
+# CMAKE_DISABLE_PRECOMPILE_HEADERS=ON shows it.
+function(gripperd_precompile name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LIBRARIES;HEADERS")
+  add_library(${name} OBJECT ${PROJECT_SOURCE_DIR}/cmake/precompiled.cpp)
+  set_target_properties(${name} PROPERTIES AUTOMOC OFF)
+  target_link_libraries(${name} PRIVATE gripperd_house ${arg_LIBRARIES})
+  target_precompile_headers(${name} PRIVATE ${arg_HEADERS})
+endfunction()
+
+set(gripperd_common_headers
+    <QByteArray>
+    <QCoreApplication>
+    <QDebug>
+    <QElapsedTimer>
+    <QFile>
+    <QList>
+    <QMap>
+    <QObject>
+    <QPointer>
+    <QRegularExpression>
+    <QString>
+    <QStringList>
+    <QTimer>
+    <QVector>
+    <algorithm>
+    <array>
+    <functional>
+    <memory>
+    <optional>)
+gripperd_precompile(gripperd_precompiled LIBRARIES Qt5::Core HEADERS ${gripperd_common_headers})
+if(BUILD_TESTING)
+  gripperd_precompile(
+    gripperd_precompiled_test
+    LIBRARIES
+    Qt5::Test
+    HEADERS
+    ${gripperd_common_headers}
+    <QSignalSpy>
+    <QTemporaryDir>
+    <QTest>)
+endif()
+
 # gripperd_add_library(NAME SOURCES... [DEPENDS targets...]): one static library for a folder.
 function(gripperd_add_library name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "DEPENDS")
@@ -29,6 +73,21 @@ function(gripperd_add_library name)
     ${name}
     PUBLIC ${arg_DEPENDS}
     PRIVATE gripperd_house)
+  target_precompile_headers(${name} REUSE_FROM gripperd_precompiled)
+endfunction()
+
+# gripperd_add_program(NAME SOURCES... [DEPENDS targets...]): a program that users run.
+function(gripperd_add_program name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "DEPENDS")
+  add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE gripperd_house ${arg_DEPENDS})
+  target_precompile_headers(${name} REUSE_FROM gripperd_precompiled)
+endfunction()
+
+# gripperd_add_test_helper(NAME [DEPENDS targets...]): NAME.cpp, which several unit tests share.
+function(gripperd_add_test_helper name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "DEPENDS")
+  gripperd_add_library(${name} ${name}.cpp DEPENDS Qt5::Core ${arg_DEPENDS})
 endfunction()
 
 # gripperd_add_unit_test(CLASS [ISOLATED] [SOURCES ...] [DEPENDS targets...]): tst_CLASS.cpp as one
@@ -37,6 +96,14 @@ function(gripperd_add_unit_test class)
   cmake_parse_arguments(PARSE_ARGV 1 arg "ISOLATED" "" "DEPENDS;SOURCES")
   add_executable(tst_${class} tst_${class}.cpp ${arg_SOURCES})
   target_link_libraries(tst_${class} PRIVATE gripperd_house Qt5::Test ${arg_DEPENDS})
+  # With the network QtTest knows how to print its types, at the price of half of its headers, and
+  # could not be precompiled once for all tests.
+  target_compile_options(tst_${class} PRIVATE -UQT_NETWORK_LIB)
+  target_precompile_headers(tst_${class} REUSE_FROM gripperd_precompiled_test)
+  # What moc makes of a test is included by the test; this file is empty.
+  set_source_files_properties(
+    ${CMAKE_CURRENT_BINARY_DIR}/tst_${class}_autogen/mocs_compilation.cpp
+    PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
   set(wrapper)
   if(arg_ISOLATED)
     set(wrapper ${PROJECT_SOURCE_DIR}/scripts/isolated --net)
