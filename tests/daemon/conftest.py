@@ -77,7 +77,9 @@ def pytest_runtest_protocol(item, nextitem):
             print(f"\n{item.name}: failed while the machine stood still for {stall * 1000:.0f} ms,")
             print("so it says nothing about the daemon; once more")
             # Nothing that was shared with the failed attempt is used again.
-            item.session._setupstate.teardown_exact(None)
+            with contextlib.suppress(Exception):
+                # What the failed attempt has left in disorder is reported by the last one.
+                item.session._setupstate.teardown_exact(None)
             item._initrequest()
     for report in reports:
         item.ihook.pytest_runtest_logreport(report=report)
