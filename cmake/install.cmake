@@ -1,0 +1,14 @@
+# What belongs on a machine that runs the daemon. The system's own files (unit, user, rules) lie in
+# packaging/.
+include(GNUInstallDirs)
+
+install(TARGETS gripperd romflasher RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS gripperctl gripper-simulator gripper-firmware-image
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(PROGRAMS packaging/wait-for-flasher DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/gripperd)
+install(FILES completion/gripperctl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+
+foreach(section 1 7 8)
+  file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/man/*.${section})
+  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()
