@@ -173,8 +173,7 @@ void tst_ClientSocket::kernelOptionIsSet_data()
     QTest::newRow("first probe") << int(IPPROTO_TCP) << int(TCP_KEEPIDLE) << 60;
     QTest::newRow("next probes") << int(IPPROTO_TCP) << int(TCP_KEEPINTVL) << 20;
     QTest::newRow("number of probes") << int(IPPROTO_TCP) << int(TCP_KEEPCNT) << 9;
-    QTest::newRow("no end for who does not read")
-        << int(IPPROTO_TCP) << int(TCP_USER_TIMEOUT) << 0;
+    QTest::newRow("no end for who does not read") << int(IPPROTO_TCP) << int(TCP_USER_TIMEOUT) << 0;
 }
 
 void tst_ClientSocket::kernelOptionIsSet()
