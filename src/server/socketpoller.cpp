@@ -62,7 +62,7 @@ void SocketPoller::tellBatch()
 {
     if (m_next == m_end) {
         m_next = 0;
-        m_end = std::max(0, ::epoll_wait(m_epoll, m_batch.data(), batchSize, 0));
+        m_end = std::max(0, ::epoll_wait(m_epoll, m_batch.data(), __batchSize, 0));
     }
     while (m_next < m_end)
         tell(m_batch[static_cast<std::size_t>(m_next++)]);

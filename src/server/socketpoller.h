@@ -60,7 +60,7 @@ public:
 
 private:
     /// Told in one turn of the event loop: timers and everybody else have theirs in between.
-    static constexpr int batchSize = 128;
+    static constexpr int __batchSize = 128;
 
     void tellBatch();
     void tell(const epoll_event &event);
@@ -69,7 +69,7 @@ private:
     int m_epoll;
     std::unique_ptr<QSocketNotifier> m_notifier;
     /// Shared by all levels of nested event loops: [m_next, m_end) is still to be told.
-    std::array<epoll_event, batchSize> m_batch{};
+    std::array<epoll_event, __batchSize> m_batch{};
     int m_next = 0;
     int m_end = 0;
 };

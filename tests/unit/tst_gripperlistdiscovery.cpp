@@ -230,6 +230,7 @@ void tst_GripperList::rescanReplacesEveryGripperWithANewObject()
     SimulatedLine line{{9, "TA3-1.6.14"}};
     m_list->scan(line.path());
     const auto old = m_list->getGripperFromSlaveId(9);
+    QVERIFY(old);
     old->setPositionRequest(77);
 
     m_list->discoverState();
