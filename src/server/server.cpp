@@ -250,8 +250,8 @@ void Server::decodeGetVariables(ClientSocket *socket, const Request &match, cons
     if (variable == nullptr || (variable->needsGripper && !gripper)) {
         reply.append('?');
     } else {
-        if (variable->mayWait)
-            prepareToWait(socket, false);
+        if (variable->mayWait && socket != nullptr)
+            socket->sendReplies();
         variable->appendValue({gripperList, gripper.data()}, reply);
     }
 
