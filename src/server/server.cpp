@@ -115,33 +115,42 @@ void Server::processSocket(ClientSocket *socket)
 {
     const Gripper gripper =
         gripperList.getGripperFromSlaveId(static_cast<quint8>(slaveIdBySocket[socket]));
-    ++m_depth;
-    carryOutBuffered(socket, gripper, firstShare);
-    --m_depth;
+    carryOutBatch({socket, gripper, std::nullopt}, firstShare);
     resumePostponedLater();
+}
+
+void Server::carryOutBatch(const Batch &batch, std::size_t share)
+{
+    // Keeps the client, and with it its entries, until its requests are carried out.
+    batch.socket->hold();
+    ++m_depth;
+    if (batch.request)
+        carryOut(batch.socket, *batch.request, batch.gripper);
+    carryOutBuffered(batch.socket, batch.gripper, share);
+    --m_depth;
+    batch.socket->release();
 }
 
 void Server::carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std::size_t share)
 {
-    // Keeps the client, and with it its entries, until its requests are carried out.
-    socket->hold();
     RequestScanner &buffer = bufferBySocket[socket];
     Request request;
     std::size_t done = 0;
     while (!socket->isPaused() && buffer.takeNext(request)) {
         if (mustBePostponed(request, gripper)) {
-            postpone({socket, request, gripper});
+            leave({socket, gripper, request}, m_postponed);
             break;
         }
         const unsigned int waitsBefore = m_waits;
         carryOut(socket, request, gripper);
         // What waits, or blocks, is a share of its own.
         done += m_waits == waitsBefore ? request.text.size() : share;
-        if (done >= share && buffer.bytesKept() > 0 && !socket->isPaused())
-            leaveForLater({socket, gripper});
+        if (done >= share && buffer.bytesKept() > 0 && !socket->isPaused()) {
+            leave({socket, gripper, std::nullopt}, m_unfinished);
+            continueUnfinishedLater();
+        }
     }
     socket->sendReplies();
-    socket->release();
 }
 
 /// What was answered before must not wait for what may wait, or block, now; and of several such
@@ -157,12 +166,20 @@ bool Server::prepareToWait(ClientSocket *socket, bool hasWaited)
     return !quitRequested();
 }
 
-void Server::leaveForLater(const Unfinished &unfinished)
+/// Until it is taken, nothing else of its client is carried out, and the client stays.
+void Server::leave(const Batch &batch, QQueue<Batch> &queue)
 {
-    unfinished.socket->hold();
-    unfinished.socket->setPaused(true);
-    m_unfinished.enqueue(unfinished);
-    continueUnfinishedLater();
+    batch.socket->hold();
+    batch.socket->setPaused(true);
+    queue.enqueue(batch);
+}
+
+/// Its client is held still.
+Server::Batch Server::take(QQueue<Batch> &queue)
+{
+    Batch batch = queue.dequeue();
+    batch.socket->setPaused(false);
+    return batch;
 }
 
 /// Posted events that are posted meanwhile come on the next turn: sockets and timers are in
@@ -178,13 +195,10 @@ void Server::continueUnfinishedLater()
 void Server::continueUnfinished()
 {
     m_continuationPosted = false;
-    const Unfinished next = m_unfinished.dequeue();
+    const Batch next = take(m_unfinished);
     // Also when this one waits on the bus.
     continueUnfinishedLater();
-    next.socket->setPaused(false);
-    ++m_depth;
-    carryOutBuffered(next.socket, next.gripper, laterShare);
-    --m_depth;
+    carryOutBatch(next, laterShare);
     next.socket->release();
     resumePostponedLater();
 }
@@ -205,13 +219,6 @@ bool Server::mustBePostponed(const Request &request, const Gripper &gripper) con
     return request.kind == Request::Kind::Set && mayWait(request, gripper);
 }
 
-void Server::postpone(const Postponed &postponed)
-{
-    postponed.socket->hold();
-    postponed.socket->setPaused(true);
-    m_postponed.enqueue(postponed);
-}
-
 /// From the event loop, which is that of the next outer wait: the stack has become shorter by then.
 void Server::resumePostponedLater()
 {
@@ -225,12 +232,8 @@ void Server::resumePostponed()
         return;
     // One after the other, so that their replies come in order too.
     m_resuming = true;
-    const Postponed next = m_postponed.dequeue();
-    next.socket->setPaused(false);
-    ++m_depth;
-    carryOut(next.socket, next.request, next.gripper);
-    carryOutBuffered(next.socket, next.gripper, firstShare);
-    --m_depth;
+    const Batch next = take(m_postponed);
+    carryOutBatch(next, firstShare);
     m_resuming = false;
     next.socket->release();
     resumePostponedLater();

@@ -10,6 +10,7 @@
 #include <QQueue>
 #include <QVector>
 
+#include <optional>
 #include <string_view>
 
 class ClientListener;
@@ -104,29 +105,24 @@ public slots:
 private:
     friend class tst_Server;
 
-    /// A request that waits for its turn, with the gripper that its batch addresses.
-    struct Postponed
-    {
-        ClientSocket *socket;
-        Request request;
-        Gripper gripper;
-    };
-
-    /// The rest of a batch whose first requests have been carried out.
-    struct Unfinished
+    /// What is left to do for a client: a request that waits for its turn, if any, then those in
+    /// the client's buffer; with the gripper that all of them address.
+    struct Batch
     {
         ClientSocket *socket;
         Gripper gripper;
+        std::optional<Request> request;
     };
 
+    void carryOutBatch(const Batch &batch, std::size_t share);
     void carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std::size_t share);
     bool prepareToWait(ClientSocket *socket, bool hasWaited);
-    void leaveForLater(const Unfinished &unfinished);
+    static void leave(const Batch &batch, QQueue<Batch> &queue);
+    static Batch take(QQueue<Batch> &queue);
     void continueUnfinishedLater();
     void continueUnfinished();
     void carryOut(ClientSocket *socket, const Request &request, const Gripper &gripper);
     bool mustBePostponed(const Request &request, const Gripper &gripper) const;
-    void postpone(const Postponed &postponed);
     void resumePostponedLater();
     void resumePostponed();
 
@@ -137,10 +133,10 @@ private:
     QHostAddress listenAddress;
     GripperList gripperList;
     ModbusConstraintsFactory constraintsFactory;
-    QQueue<Unfinished> m_unfinished;
+    QQueue<Batch> m_unfinished; ///< Their first requests have been carried out.
     bool m_continuationPosted = false;
-    QQueue<Postponed> m_postponed;
-    unsigned int m_waits = 0; ///< Pairs that may have waited, ever.
-    int m_depth = 0;          ///< Batches on the stack: all but the innermost wait on the bus.
-    bool m_resuming = false;  ///< A postponed request is one of them.
+    QQueue<Batch> m_postponed; ///< Their first request would have nested too deep.
+    unsigned int m_waits = 0;  ///< Pairs that may have waited, ever.
+    int m_depth = 0;           ///< Batches on the stack: all but the innermost wait on the bus.
+    bool m_resuming = false;   ///< A postponed request is one of them.
 };
