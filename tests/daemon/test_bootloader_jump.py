@@ -42,6 +42,8 @@ class Bench:
 
     def knocks(self):
         """(byte, rate) of what is no Modbus since the jump."""
+        # Its answer comes behind all that the simulator has told before.
+        self.line.tell("show")
         since = self.foreign_mark
         pairs = zip(self.line.foreign[since:], self.line.foreign_rates[since:])
         return [(data[n : n + 1], rate) for data, rate in pairs for n in range(len(data))]
