@@ -186,7 +186,7 @@ class Bench:
         for is_request, data in list(self.line.events):
             if is_request:
                 current = [data, b""]
-                if data[1] == modbus.READ and register_of(data) in POLLED:
+                if data[1:2] == bytes([modbus.READ]) and register_of(data) in POLLED:
                     reads.append(current)
             elif current is not None:
                 current[1] += data
