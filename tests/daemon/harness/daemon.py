@@ -2,6 +2,7 @@
 
 import os
 import re
+import select
 import signal
 import subprocess
 import threading
@@ -37,15 +38,33 @@ class Daemon:
             stderr=subprocess.PIPE,
         )
         self.pid = self.process.pid
+        self._incomplete = b""
+        os.set_blocking(self.process.stderr.fileno(), False)
         self._reader = threading.Thread(target=self._collect, daemon=True)
         self._reader.start()
 
     def _collect(self):
-        for line in self.process.stderr:
-            with self._changed:
-                self.lines.append(line.decode(errors="replace").rstrip("\n"))
-                self.times.append(time.monotonic())
+        arrivals = select.poll()
+        arrivals.register(self.process.stderr, select.POLLIN)
+        while self._take_log():
+            arrivals.poll()
+
+    def _take_log(self):
+        """Takes all that has been logged by now; False when no more can come."""
+        with self._changed:
+            while True:
+                try:
+                    data = os.read(self.process.stderr.fileno(), 65536)
+                except BlockingIOError:
+                    return True
+                *lines, self._incomplete = (self._incomplete + data).split(b"\n")
+                if not data and self._incomplete:
+                    lines, self._incomplete = [self._incomplete], b""
+                self.lines += [line.decode(errors="replace") for line in lines]
+                self.times += [time.monotonic()] * len(lines)
                 self._changed.notify_all()
+                if not data:
+                    return False
 
     # Its life
 
@@ -96,11 +115,13 @@ class Daemon:
     # Its log
 
     def mark(self):
+        self._take_log()
         with self._changed:
             return len(self.lines)
 
     def messages(self, since=0):
         """The message texts of all log lines so far."""
+        self._take_log()
         with self._changed:
             lines = self.lines[since:]
         return [m.group(2) if (m := LOG_LINE.match(line)) else line for line in lines]
