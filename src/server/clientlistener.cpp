@@ -14,7 +14,8 @@ constexpr int connectionQueueLength = 4096;
 constexpr int acceptRetryMs = 500;
 // Probes come every 20 s.
 constexpr int unheardCheckMs = 20'000;
-constexpr int unheardLimitMs = 240'000;
+// A peer that does not read is asked every two minutes in the end, and one answer may be lost.
+constexpr int unheardLimitMs = 270'000;
 constexpr int pendingConnections = 30;
 // The serial port and its lock file, and what starting a child process takes.
 constexpr rlim_t reservedDescriptors = 32;

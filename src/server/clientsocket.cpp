@@ -2,6 +2,7 @@
 
 #include <QScopedValueRollback>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <netinet/in.h>
@@ -164,7 +165,7 @@ void ClientSocket::giveUpIfUnheardFor(int limitMs)
     socklen_t size = sizeof info;
     if (::getsockopt(m_descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
         return;
-    if (info.tcpi_last_ack_recv > static_cast<quint32>(limitMs))
+    if (std::min(info.tcpi_last_ack_recv, info.tcpi_last_data_recv) > static_cast<quint32>(limitMs))
         ::shutdown(m_descriptor, SHUT_RDWR);
 }
 
@@ -193,6 +194,10 @@ void ClientSocket::reportEndIfOver()
         return;
     m_endReported = true;
     const auto report = [this] {
+        // Held since: release() reports it again.
+        m_endReported = m_holds == 0;
+        if (!m_endReported)
+            return;
         setSocketState(UnconnectedState);
         const QScopedValueRollback<ClientSocket *> notifying(__notifying, this);
         emit disconnected();

@@ -45,8 +45,9 @@ public:
     void setPaused(bool paused);
     bool isPaused() const { return m_paused; }
 
-    /// Ends the connection when its peer has acknowledged nothing for more than `limitMs`, no probe
-    /// either: with replies on their way the kernel would take a quarter of an hour for that.
+    /// Ends the connection when its peer has sent nothing and acknowledged nothing for more than
+    /// `limitMs`, no probe either: with replies on their way the kernel would take a quarter of an
+    /// hour for that.
     void giveUpIfUnheardFor(int limitMs);
 
     /// Between hold() and release() disconnected() is not emitted: a request is being carried out.

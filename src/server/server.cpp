@@ -100,6 +100,14 @@ void Server::onClientSocketReadData()
     ClientSocket *socket = ClientSocket::notifying();
     if (socket == nullptr)
         return;
+    // From the first read on: what the next one finds may be the end.
+    socket->hold();
+    readBatch(socket);
+    socket->release();
+}
+
+void Server::readBatch(ClientSocket *socket)
+{
     // Used up before anything pumps events, so a nested call may use it again.
     static std::array<char, bytesPerRead + lineRest> bytes;
     qint64 count = socket->read(bytes.data(), bytesPerRead);
@@ -280,8 +288,10 @@ void Server::decodeSetVariables(ClientSocket *socket, const Request &match, cons
             unhandled.log();
             continue;
         }
-        if (variable->mayWait && !prepareToWait(socket, hasWaited))
+        if (variable->mayWait && !prepareToWait(socket, hasWaited)) {
+            reply = __notAcknowledge;
             break;
+        }
         hasWaited = hasWaited || variable->mayWait;
         reply =
             variable->apply({gripperList, gripper, selectedSlaveId, pair.value}).value_or(reply);

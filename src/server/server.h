@@ -114,6 +114,7 @@ private:
         std::optional<Request> request;
     };
 
+    void readBatch(ClientSocket *socket);
     void carryOutBatch(const Batch &batch, std::size_t share);
     void carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std::size_t share);
     bool prepareToWait(ClientSocket *socket, bool hasWaited);

@@ -110,6 +110,10 @@ private slots:
     void halfClosedClientGetsTheReplyToItsScan();
     void requestsOfAClientThatClosesAtOnceAreCarriedOut_data();
     void requestsOfAClientThatClosesAtOnceAreCarriedOut();
+    void endBehindAFullReadIsNoEarlierThanItsRequests_data();
+    void endBehindAFullReadIsNoEarlierThanItsRequests();
+    void endBehindAFullReadCostsNoReplies_data();
+    void endBehindAFullReadCostsNoReplies();
 
     void longBatchesLeaveOthersTheirTurn();
     void longBatchIsAnsweredInOrderAndFromOneGripper();
@@ -874,6 +878,55 @@ void tst_Server::requestsOfAClientThatClosesAtOnceAreCarriedOut()
     QCOMPARE(positionRequest(), quint8{2});
     QTRY_VERIFY(isClientless());
     m_gripper->setSpeedRequest(0);
+}
+
+void tst_Server::endBehindAFullReadIsNoEarlierThanItsRequests_data()
+{
+    QTest::addColumn<Departure>("leave");
+    QTest::addColumn<int>("beyond");
+    for (const int beyond : {0, 63}) {
+        QTest::addRow("closes, %d", beyond) << &ClientEnd::close << beyond;
+        QTest::addRow("resets, %d", beyond) << &ClientEnd::reset << beyond;
+        QTest::addRow("half-closes, %d", beyond) << &ClientEnd::halfClose << beyond;
+    }
+}
+
+// The daemon reads on for the end of a line that it has read a part of.
+void tst_Server::endBehindAFullReadIsNoEarlierThanItsRequests()
+{
+    QFETCH(Departure, leave);
+    QFETCH(int, beyond);
+    ClientEnd &client = connectClient();
+    const QByteArray requests("SET SCN_BLOCK\nSET SPE 3\n");
+    client.send(requests + QByteArray(16 * 1024 + beyond - requests.size(), 'x'));
+    (client.*leave)();
+    QTRY_COMPARE(m_gripper->getSpeedRequest(), quint8{3});
+    QTRY_VERIFY(isClientless());
+    m_gripper->setSpeedRequest(0);
+}
+
+void tst_Server::endBehindAFullReadCostsNoReplies_data()
+{
+    QTest::addColumn<int>("beyond");
+    for (const int beyond : {-1, 0, 1, 6, 7, 8, 63, 64})
+        QTest::addRow("%d", beyond) << beyond;
+}
+
+void tst_Server::endBehindAFullReadCostsNoReplies()
+{
+    QFETCH(int, beyond);
+    ClientEnd &client = connectClient();
+    const int size = 16 * 1024 + beyond;
+    const QByteArray request("GET DST");
+    // The last one is not ended.
+    const int ended = (size - request.size()) / (request.size() + 1);
+    QByteArray requests = (request + "\n").repeated(ended);
+    requests.prepend(QByteArray(size - requests.size() - request.size(), '\n'));
+    client.send(requests + request);
+    client.halfClose();
+    QTRY_VERIFY(client.hasEnded());
+    QCOMPARE(client.received(), QByteArray("DST 0\n").repeated(ended) + "0");
+    QTRY_VERIFY(isClientless());
 }
 
 void tst_Server::longBatchesLeaveOthersTheirTurn()
