@@ -10,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <functional>
 #include <sys/resource.h>
@@ -48,19 +49,41 @@ private:
     QTemporaryFile m_file;
 };
 
-// Standard error is a pipe as long as this exists.
-class StandardErrorPipe
+struct Ends
+{
+    int read;
+    int write;
+};
+
+Ends pipeEnds()
+{
+    int ends[2] = {-1, -1};
+    [[maybe_unused]] const int result = ::pipe2(ends, O_CLOEXEC);
+    return {ends[0], ends[1]};
+}
+
+// As an ordinary terminal is: it makes "\r\n" of a line's end.
+Ends terminalEnds()
+{
+    const int ends = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ::grantpt(ends);
+    ::unlockpt(ends);
+    return {ends, ::open(::ptsname(ends), O_RDWR | O_NOCTTY | O_CLOEXEC)};
+}
+
+// Standard error can be read here as long as this exists.
+class StandardErrorReader
 {
 public:
-    StandardErrorPipe()
+    explicit StandardErrorReader(const Ends &ends = pipeEnds())
         : m_kept(::dup(STDERR_FILENO))
+        , m_ends{ends.read, ends.write}
     {
-        [[maybe_unused]] const int result = ::pipe2(m_ends, O_CLOEXEC);
         ::fcntl(m_ends[0], F_SETFL, O_NONBLOCK);
         ::dup2(m_ends[1], STDERR_FILENO);
     }
 
-    ~StandardErrorPipe()
+    ~StandardErrorReader()
     {
         ::dup2(m_kept, STDERR_FILENO);
         ::close(m_kept);
@@ -68,7 +91,7 @@ public:
         closeReadEnd();
     }
 
-    Q_DISABLE_COPY_MOVE(StandardErrorPipe)
+    Q_DISABLE_COPY_MOVE(StandardErrorReader)
 
     QByteArray takeAll() const
     {
@@ -89,7 +112,7 @@ public:
 
 private:
     int m_kept;
-    int m_ends[2] = {-1, -1};
+    int m_ends[2];
 };
 
 struct Printed
@@ -140,6 +163,7 @@ private slots:
     void longMessageIsCutAndTheRestCounted();
     void readerThatHasStoppedCostsLinesButNoTime();
     void signalDoesNotMakeItWaitForAReaderThatHasStopped();
+    void terminalThatNobodyReadsCostsLinesButNoTime();
     void readerThatIsSlowLosesNothing();
     void readerThatIsGoneCostsNoTime();
     void fatalMessageIsPrintedAndAborts();
@@ -265,7 +289,7 @@ void tst_LogHandler::longMessageIsCutAndTheRestCounted()
 
 void tst_LogHandler::readerThatHasStoppedCostsLinesButNoTime()
 {
-    const StandardErrorPipe log;
+    const StandardErrorReader log;
     QElapsedTimer clock;
     clock.start();
     for (int i = 0; i < 100'000; ++i)
@@ -283,7 +307,7 @@ void tst_LogHandler::readerThatHasStoppedCostsLinesButNoTime()
 
 void tst_LogHandler::signalDoesNotMakeItWaitForAReaderThatHasStopped()
 {
-    const StandardErrorPipe log;
+    const StandardErrorReader log;
     const auto before = ::signal(SIGALRM, [](int) {});
     const itimerval every2Ms{{0, 2000}, {0, 2000}};
     ::setitimer(ITIMER_REAL, &every2Ms, nullptr);
@@ -298,11 +322,39 @@ void tst_LogHandler::signalDoesNotMakeItWaitForAReaderThatHasStopped()
     QVERIFY2(elapsed < 5'000, qPrintable(QString::number(elapsed)));
 }
 
+void tst_LogHandler::terminalThatNobodyReadsCostsLinesButNoTime()
+{
+    const StandardErrorReader log(terminalEnds());
+    // Takes along what the tests before have lost.
+    myMessageOutput(QtInfoMsg, QMessageLogContext(), QStringLiteral("first"));
+    log.takeAll();
+    // Of a length that leaves a part of the last one for later.
+    const QString message(997, QLatin1Char('x'));
+    QElapsedTimer clock;
+    clock.start();
+    for (int i = 0; i < 1'000; ++i)
+        myMessageOutput(QtInfoMsg, QMessageLogContext(), message);
+    QVERIFY(clock.elapsed() < 5'000);
+    const QByteArray line = "Info: " + message.toLatin1() + withoutPlace;
+    QByteArray read = log.takeAll();
+    QVERIFY(read.size() < 500 * line.size());
+    // Twice: the rest of the line that was cut comes first, and may leave no room for more.
+    for (int i = 0; i < 2; ++i) {
+        myMessageOutput(QtInfoMsg, QMessageLogContext(), QStringLiteral("last"));
+        read += log.takeAll();
+    }
+    read.replace("\r\n", "\n");
+    const int complete = read.count(line);
+    QCOMPARE(read, line.repeated(complete) + "Warning: log lines lost because nobody read them: " +
+                       QByteArray::number(1'000 - complete) + withoutPlace +
+                       ("Info: last" + QByteArray(withoutPlace)).repeated(2));
+}
+
 void tst_LogHandler::readerThatIsSlowLosesNothing()
 {
     // A machine that stands still for 20 ms makes a reader that has stopped of any reader.
     const auto isAnyLineLost = [] {
-        const StandardErrorPipe log;
+        const StandardErrorReader log;
         std::atomic<bool> isOver{false};
         QByteArray read;
         std::thread reader([&] {
@@ -326,7 +378,7 @@ void tst_LogHandler::readerThatIsSlowLosesNothing()
 
 void tst_LogHandler::readerThatIsGoneCostsNoTime()
 {
-    StandardErrorPipe log;
+    StandardErrorReader log;
     log.closeReadEnd();
     const auto before = ::signal(SIGPIPE, SIG_IGN);
     QElapsedTimer clock;
