@@ -2,15 +2,39 @@
 
 #include <QFileInfo>
 
+#include <utility>
+
 namespace {
 // QSerialPort's own list, in its order.
 constexpr const char *kFolders[] = {"/var/lock",       "/etc/locks", "/var/spool/locks",
                                     "/var/spool/uucp", "/tmp",       "/data/local/tmp"};
+// As many as the kernel follows.
+constexpr int kMostLinks = 40;
+
+QString describeFailure(const QLockFile &lock, const QString &path)
+{
+    qint64 pid = 0;
+    QString host;
+    QString program;
+    if (lock.error() != QLockFile::LockFailedError)
+        return QStringLiteral("the lock file %1 cannot be made").arg(path);
+    if (!lock.getLockInfo(&pid, &host, &program))
+        return QStringLiteral("the lock file %1 is somebody else's").arg(path);
+    return QStringLiteral("the port is held by process %1 (%2), says %3")
+        .arg(pid)
+        .arg(program, path);
+}
 } // namespace
 
 SerialPortLock::SerialPortLock(const QString &device)
-    : m_path(pathOf(device))
 {
+    QFileInfo name(device);
+    m_paths.append(pathOf(device));
+    for (int links = 0; name.isSymLink() && links < kMostLinks; ++links) {
+        name.setFile(name.symLinkTarget());
+        m_paths.append(pathOf(name.filePath()));
+    }
+    m_paths.removeDuplicates();
 }
 
 QString SerialPortLock::pathOf(const QString &device)
@@ -29,29 +53,19 @@ QString SerialPortLock::pathOf(const QString &device)
 
 bool SerialPortLock::take(int timeoutMs)
 {
-    if (m_path.isEmpty()) {
-        m_problem = QStringLiteral("no folder for the port's lock file can be written");
-        return false;
+    for (const QString &path : qAsConst(m_paths)) {
+        if (path.isEmpty()) {
+            m_problem = QStringLiteral("no folder for the port's lock file can be written");
+            return false;
+        }
+        auto lock = std::make_unique<QLockFile>(path);
+        // Only the death of its holder makes a lock stale: a flashing may take minutes.
+        lock->setStaleLockTime(0);
+        if (!lock->tryLock(timeoutMs)) {
+            m_problem = describeFailure(*lock, path);
+            return false;
+        }
+        m_locks.push_back(std::move(lock));
     }
-    m_lock = std::make_unique<QLockFile>(m_path);
-    // Only the death of its holder makes a lock stale: a flashing may take minutes.
-    m_lock->setStaleLockTime(0);
-    if (m_lock->tryLock(timeoutMs))
-        return true;
-    m_problem = describeFailure();
-    return false;
-}
-
-QString SerialPortLock::describeFailure() const
-{
-    qint64 pid = 0;
-    QString host;
-    QString program;
-    if (m_lock->error() != QLockFile::LockFailedError)
-        return QStringLiteral("the lock file %1 cannot be made").arg(m_path);
-    if (!m_lock->getLockInfo(&pid, &host, &program))
-        return QStringLiteral("the lock file %1 is somebody else's").arg(m_path);
-    return QStringLiteral("the port is held by process %1 (%2), says %3")
-        .arg(pid)
-        .arg(program, m_path);
+    return true;
 }

@@ -2,15 +2,18 @@
 
 #include <QLockFile>
 #include <QString>
+#include <QStringList>
 
 #include <memory>
+#include <vector>
 
-/// The lock file with which QSerialPort keeps a port to itself, taken by the same name, so that
+/// The lock file with which QSerialPort keeps a port to itself, taken by the same names, so that
 /// whoever opens ports with it stays off the line. Given back at destruction.
 class SerialPortLock
 {
 public:
-    /// `device` as it is named on the command line: the name counts, links are not followed.
+    /// `device` as it is named on the command line. QSerialPort goes by the name and follows no
+    /// links: of a link, the names that it leads to are locked as well.
     explicit SerialPortLock(const QString &device);
 
     /// Waits up to `timeoutMs`, blocking, for another holder to let go. The lock of a process
@@ -23,9 +26,7 @@ public:
     static QString pathOf(const QString &device);
 
 private:
-    QString describeFailure() const;
-
-    QString m_path;
+    QStringList m_paths;
     QString m_problem;
-    std::unique_ptr<QLockFile> m_lock;
+    std::vector<std::unique_ptr<QLockFile>> m_locks;
 };

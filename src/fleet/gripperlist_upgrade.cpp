@@ -56,6 +56,9 @@ bool GripperList::upgradeFirmware(const Gripper &gripper)
         return false;
     if (!jumpToBootloader(gripper))
         return false;
+    // Another one may have been started while this one waited.
+    if (m_upgradeService.isUpgrading())
+        return false;
     const auto *firmware =
         std::find_if(firmwares.begin(), firmwares.end(),
                      [&](const Firmware &row) { return (this->*row.isFamily)(gripper); });

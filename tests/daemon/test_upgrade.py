@@ -155,6 +155,23 @@ def test_a_second_upgrade_is_refused_while_the_first_runs(make_bench, tmp_path):
     eventually(lambda: bench.client.get("UPG") == "0")
 
 
+def test_of_two_upgrades_at_the_same_moment_one_flashes(make_bench, tmp_path):
+    """The second one begins while the first waits for its gripper."""
+    put_flasher(tmp_path, "while ! [ -e go ]; do sleep 0.05; done")
+    bench = make_bench()
+    bench.client.set("MUTE 1")
+    time.sleep(0.2)
+    clients = [bench.client, bench.connect()]
+    for client in clients:
+        client.send("SET UPG 1\n")
+    assert sorted(client.receive(3, timeout=15) for client in clients) == [b"ack", b"nak"]
+    commands = [m for m in bench.messages() if m.startswith("command :  \"./rom")]
+    assert len(commands) == 1
+    assert [m for m in bench.messages() if "QProcess" in m] == []
+    (tmp_path / "go").touch()
+    bench.wait_for_the_unmuting()
+
+
 def test_output_and_errors_are_logged_quoted(make_bench, tmp_path):
     put_flasher(
         tmp_path,

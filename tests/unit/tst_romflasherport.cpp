@@ -25,6 +25,7 @@ private slots:
     void lockFileIsNamedAsTheSerialPortLibraryDoes();
     void openSerialPortKeepsUsOut();
     void weKeepASerialPortOut();
+    void lockOfALinkIsOneOfThePortToo();
     void portThatIsLetGoInTimeIsTaken();
     void lockOfADeadProcessIsTakenOver();
     void lockOfALivingProcessIsNotTakenOverHoweverOldItIs();
@@ -121,6 +122,26 @@ void TestRomflasherPort::weKeepASerialPortOut()
         QCOMPARE(port.error(), QSerialPort::PermissionError);
     }
     QVERIFY(port.open(QIODevice::ReadWrite));
+}
+
+void TestRomflasherPort::lockOfALinkIsOneOfThePortToo()
+{
+    sim::PtyPort pty;
+    QVERIFY(pty.open());
+    const QTemporaryDir folder;
+    const QString link = folder.filePath(QStringLiteral("ttyTool"));
+    QVERIFY(QFile::link(pty.path(), link));
+    for (const QString &name : {pty.path(), link}) {
+        QSerialPort port(name);
+        {
+            SerialPortLock lock(link);
+            QVERIFY2(lock.take(0), qPrintable(lock.problem()));
+            QVERIFY2(!port.open(QIODevice::ReadWrite), qPrintable(name));
+        }
+        QVERIFY(port.open(QIODevice::ReadWrite));
+        SerialPortLock lock(link);
+        QVERIFY2(!lock.take(0), qPrintable(name));
+    }
 }
 
 void TestRomflasherPort::portThatIsLetGoInTimeIsTaken()
