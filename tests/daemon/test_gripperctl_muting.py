@@ -105,6 +105,26 @@ def test_upgrade_interrupted_during_flashing_leaves_the_line_to_the_flasher():
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
 
 
+def test_upgrade_interrupted_before_the_flasher_is_seen_leaves_the_line_to_it():
+    release = threading.Event()
+
+    def answer(request):
+        if request == "SET UPG 1":
+            release.wait(10)
+            daemon.values["UPG"] = "1"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        process = start_ctl("--host", daemon.host, "upgrade", "--yes")
+        daemon.wait_for("SET UPG 1")
+        process.send_signal(signal.SIGINT)
+        threading.Timer(0.3, release.set).start()
+        code, _, error = run_to_end(process)
+        assert code == gripperctl.INTERRUPTED
+        assert "the flasher goes on" in error
+        assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
+
+
 def test_a_second_interruption_ends_at_once():
     release = threading.Event()
     answer, owner = holding(release, "SET UPG 1")

@@ -9,6 +9,7 @@
 
 namespace {
 
+constexpr int answerTimeoutMs = 10'000;
 constexpr int flashTimeoutMs = 600'000;
 constexpr int lookEveryMs = 100;
 // Where polling goes on, the first read finds the port closed and the link's state changes: within
@@ -16,9 +17,11 @@ constexpr int lookEveryMs = 100;
 constexpr int standstillMs = 1500;
 constexpr int standstillLookMs = 10;
 
+/// Not interruptible: only the answer tells who has to unmute polling.
 bool isFlashing(Session &session)
 {
-    return session.connection().get(QStringLiteral("UPG")) != QLatin1String("0");
+    const Connection::Wait wait{session.timeoutMs(answerTimeoutMs), false};
+    return session.connection().get(QStringLiteral("UPG"), wait) != QLatin1String("0");
 }
 
 Values linkValues(Session &session)

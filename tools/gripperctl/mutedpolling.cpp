@@ -50,7 +50,10 @@ void MutedPolling::leaveMuted()
 void MutedPolling::unmuteWhateverHappened()
 {
     try {
-        setMuted(*m_session.connectAgain(), 0);
+        const auto connection = m_session.connectAgain();
+        // The line belongs to a flasher, ours or another's: the daemon unmutes when that has ended.
+        if (connection->get(QStringLiteral("UPG")) != QLatin1String("1"))
+            setMuted(*connection, 0);
     } catch (const Failure &) {
         m_session.output().note(
             QStringLiteral("polling may still be muted: gripperctl set MUTE 0"));
