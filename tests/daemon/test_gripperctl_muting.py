@@ -157,6 +157,19 @@ def test_an_upgrade_under_way_keeps_others_from_the_line():
         assert "SCN_BLOCK" not in daemon.sets() and "MUTE 1" not in daemon.sets()
 
 
+def test_an_upgrade_that_another_client_was_first_with_keeps_the_line():
+    def answer(request):
+        if request == "SET UPG 1":
+            daemon.values["UPG"] = "1"
+            return b"nak"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+        assert "an upgrade is under way" in text
+        assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
+
+
 def flashing_and_then(values):
     """An answer function of a daemon that flashes for a moment and then has these values."""
     seen = []

@@ -2,8 +2,8 @@
 
 class Session;
 
-/// Polling is muted as long as this lives, however it ends: a request that takes the line is
-/// disturbed by a poll that is under way.
+/// Polling is muted as long as this lives, however it ends, unless a flasher has the line by then:
+/// a request that takes the line is disturbed by a poll that is under way.
 class MutedPolling
 {
 public:

@@ -73,6 +73,8 @@ void flash(Session &session, int id)
     MutedPolling muted(session);
     muted.letLineFallSilent();
     if (!requestUpgrade(session, id)) {
+        // One of another client is refused so, too.
+        refuseDuringUpgrade(session);
         muted.unmute();
         fail(session, id, QStringLiteral("the gripper was not found in its bootloader."));
     }
@@ -121,6 +123,8 @@ void commands::upgrade(Session &session)
     const GripperState before = GripperState::read(session.connection(), id);
     refuseDuringUpgrade(session);
     makeSure(session, before);
+    // The answer may have taken its time.
+    refuseDuringUpgrade(session);
     flash(session, id);
     if (!scanUntilFound(session, id)) {
         throw Failure{
