@@ -227,6 +227,17 @@ def test_a_flasher_that_has_ended_before_it_was_seen_shows_in_the_link():
         assert "firmware TA3-1.0.0, as before" in text
 
 
+def test_a_flasher_that_has_ended_before_the_first_look_shows_in_the_link():
+    def answer(request):
+        if request == "SET UPG 1":
+            daemon.values["DRI"] = "ERR_SCANNING (EIO)"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+        assert "firmware TA3-1.0.0, as before" in text
+
+
 def test_a_link_that_stands_still_shows_a_flasher_that_never_started():
     with ScriptedDaemon() as daemon:
         text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")

@@ -24,20 +24,14 @@ bool isFlashing(Session &session)
     return session.connection().get(QStringLiteral("UPG"), wait) != QLatin1String("0");
 }
 
-Values linkValues(Session &session)
+bool valuesStandStill(Session &session, const Values &atFirst)
 {
-    return session.connection().get({QStringLiteral("DRI"), QStringLiteral("SID")});
-}
-
-bool valuesStandStill(Session &session)
-{
-    const Values atFirst = linkValues(session);
     QElapsedTimer timer;
     timer.start();
     while (timer.elapsed() < standstillMs) {
-        pauseFor(standstillLookMs);
         if (linkValues(session) != atFirst)
             return false;
+        pauseFor(standstillLookMs);
     }
     return true;
 }
@@ -84,13 +78,18 @@ void leaveItToTheDaemon(Session &session, MutedPolling &muted)
 
 } // namespace
 
-FlasherEnd waitForFlasher(Session &session, MutedPolling &muted)
+Values linkValues(Session &session)
+{
+    return session.connection().get({QStringLiteral("DRI"), QStringLiteral("SID")});
+}
+
+FlasherEnd waitForFlasher(Session &session, MutedPolling &muted, const Values &atFirst)
 {
     if (isFlashing(session)) {
         leaveItToTheDaemon(session, muted);
         return FlasherEnd::Ended;
     }
-    const bool hasNeverStarted = valuesStandStill(session);
+    const bool hasNeverStarted = valuesStandStill(session, atFirst);
     muted.unmute();
     return hasNeverStarted ? FlasherEnd::NeverStarted : FlasherEnd::Ended;
 }

@@ -72,13 +72,14 @@ void flash(Session &session, int id)
 {
     MutedPolling muted(session);
     muted.letLineFallSilent();
+    const Values atFirst = linkValues(session);
     if (!requestUpgrade(session, id)) {
         // One of another client is refused so, too.
         refuseDuringUpgrade(session);
         muted.unmute();
         fail(session, id, QStringLiteral("the gripper was not found in its bootloader."));
     }
-    switch (waitForFlasher(session, muted)) {
+    switch (waitForFlasher(session, muted, atFirst)) {
     case FlasherEnd::Ended:
         return;
     case FlasherEnd::NeverStarted:
