@@ -1,5 +1,6 @@
 """gripperctl against a scripted daemon: what it asks, how it takes what it is answered."""
 
+import json
 import socket
 
 import pytest
@@ -149,6 +150,33 @@ def test_problems_are_json_for_scripts():
         run = ctl("--host", daemon.host, "--json", "move", "9")
         assert run.returncode == gripperctl.REFUSED
         assert '"exitCode":1' in run.stdout and "activate" in run.stdout
+
+
+def test_a_problem_is_the_one_line_of_json_with_what_is_known():
+    with ScriptedDaemon(XYZ="?") as daemon:
+        run = ctl("--host", daemon.host, "--json", "get", "STA", "XYZ")
+        assert run.returncode == gripperctl.REFUSED
+        told = json.loads(run.stdout)
+        assert (told["STA"], told["XYZ"], told["exitCode"]) == ("3", "?", 1)
+        assert "no value of XYZ" in told["error"]
+
+
+# Each of these ends badly here, for one reason or another.
+@pytest.mark.parametrize("words", [
+    [], ["fly"], ["move"], ["--speed"], ["status", "--gripper", "3"], ["get", "XYZ"], ["set", "MOD", "2"],
+    ["activate", "--wait"], ["move", "9", "--wait"], ["open"], ["release"], ["led", "pink"],
+    ["scan"], ["rename", "9", "2"], ["upgrade", "--yes"], ["upgrade"], ["watch", "--gripper", "3"],
+    ["record", "/no/such.csv"], ["plot", "/no/such.csv"],
+], ids=" ".join)
+def test_every_problem_is_one_line_of_json(words):
+    def answer(request):
+        return b"nak" if request == "SET MOD 2" else daemon.usual(request)
+
+    with ScriptedDaemon(answer, STA="0", FLT="05", XYZ="?", UPG="1") as daemon:
+        run = ctl("--json", "--host", daemon.host, "--timeout", "0.3", *words)
+        told = json.loads(run.stdout)
+        assert told["exitCode"] == run.returncode != gripperctl.DONE
+        assert "gripperctl: " + told["error"] in run.stderr
 
 
 @pytest.mark.parametrize("words,pairs", [

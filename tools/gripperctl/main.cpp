@@ -57,7 +57,7 @@ int runWith(const QStringList &words)
     try {
         run(Options::fromWords(words), output);
     } catch (const Failure &failure) {
-        output.problem(failure.text, numberOf(failure.code));
+        output.problem(failure.text, numberOf(failure.code), failure.known);
         return numberOf(failure.code);
     }
     return numberOf(ExitCode::Done);

@@ -35,6 +35,12 @@ bool Output::result(const QString &text, const QJsonObject &json) const
     return writeOut(QJsonDocument(json).toJson(QJsonDocument::Compact) + '\n');
 }
 
+void Output::partialResult(const QString &text) const
+{
+    if (!m_isJson)
+        result(text, {});
+}
+
 void Output::begin(const QString &stage)
 {
     endStage();
@@ -63,10 +69,13 @@ void Output::note(const QString &text)
     writeError(QStringLiteral("gripperctl: %1\n").arg(text));
 }
 
-void Output::problem(const QString &text, int exitCode)
+void Output::problem(const QString &text, int exitCode, const QJsonObject &known)
 {
     note(text);
-    if (m_isJson)
-        result(QString(),
-               {{QStringLiteral("error"), text}, {QStringLiteral("exitCode"), exitCode}});
+    if (!m_isJson)
+        return;
+    QJsonObject json = known;
+    json.insert(QStringLiteral("error"), text);
+    json.insert(QStringLiteral("exitCode"), exitCode);
+    result(QString(), json);
 }

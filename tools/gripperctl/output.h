@@ -16,6 +16,9 @@ public:
     /// it any more.
     bool result(const QString &text, const QJsonObject &json) const;
 
+    /// A part of the result that stands in the JSON of the end, and is text only here.
+    void partialResult(const QString &text) const;
+
     /// What begins now; ends what began before. Not shown with JSON.
     void begin(const QString &stage);
 
@@ -28,8 +31,8 @@ public:
     /// Something that the user should know.
     void note(const QString &text);
 
-    /// Why the run ends with that exit code.
-    void problem(const QString &text, int exitCode);
+    /// Why the run ends with that exit code. As JSON it is one line, with what is `known`.
+    void problem(const QString &text, int exitCode, const QJsonObject &known);
 
 private:
     bool m_isJson;

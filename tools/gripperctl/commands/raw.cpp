@@ -92,12 +92,13 @@ void commands::get(Session &session)
     if (!std::all_of(names.begin(), names.end(), protocol::isDaemonValue))
         session.selectGripper();
     const Values values = session.connection().get(names);
-    session.output().result(textOf(values, names), jsonOf(values));
     const QString unknown = values.key(protocol::noValue());
     if (!unknown.isEmpty()) {
+        session.output().partialResult(textOf(values, names));
         throw Failure{ExitCode::Refused,
-                      QStringLiteral("gripperd knows no value of %1").arg(unknown)};
+                      QStringLiteral("gripperd knows no value of %1").arg(unknown), jsonOf(values)};
     }
+    session.output().result(textOf(values, names), jsonOf(values));
 }
 
 void commands::set(Session &session)
