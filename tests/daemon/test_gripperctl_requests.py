@@ -32,6 +32,7 @@ from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl
         ["get", "POSITION"],
         ["set", "1"],
         ["set", "POS", "256"],
+        ["set", "POS", "0100"],
         ["set", "POS", "-1"],
         ["set", "POZ", "1"],
         ["set", "POS", "1", "2"],

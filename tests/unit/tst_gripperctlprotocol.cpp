@@ -108,10 +108,10 @@ void TestGripperctlProtocol::wordsOfARequest_data()
 {
     QTest::addColumn<bool>("isRequest");
     for (const char *words :
-         {"POS 0", "pos 255 GTO 1", "SCN_BLOCK", "SCN SCN", "MUTE 1 THROTTLE 0"})
+         {"POS 0", "POS 007", "pos 255 GTO 1", "SCN_BLOCK", "SCN SCN", "MUTE 1 THROTTLE 0"})
         QTest::newRow(words) << true;
-    for (const char *words :
-         {"1", "POS 256", "POS -1", "POS 1 2", "POS 1x", "POZ 1", "PO", "GET 1"})
+    for (const char *words : {"1", "POS 256", "POS 0100", "POS 1000", "POS -1", "POS 1 2", "POS 1x",
+                              "POZ 1", "PO", "GET 1"})
         QTest::newRow(words) << false;
 }
 
