@@ -27,6 +27,8 @@ from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl
         ["status", "--host", "a:b:c"],
         ["status", "--host", "a:0"],
         ["status", "--timeout", "0"],
+        ["status", "--timeout", "nan"],
+        ["status", "--timeout", "inf"],
         ["status", "--unknown"],
         ["get"],
         ["get", "POSITION"],
