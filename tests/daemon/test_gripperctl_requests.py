@@ -40,6 +40,7 @@ from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl
         ["set", "POS", "1", "2"],
         ["set", "NID", "3"],
         ["set", "UPG", "1"],
+        ["set", "SID", "2", "POS", "9"],
         ["rename", "9"],
         ["rename", "9", "9"],
         ["rename", "9", "1"],

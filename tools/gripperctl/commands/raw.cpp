@@ -42,17 +42,17 @@ QJsonObject jsonOf(const Values &values)
     return json;
 }
 
-/// These have commands of their own, which see to everything around them.
+/// These are there in a form of their own, which sees to everything around them.
 void refuseGuarded(const QStringList &words)
 {
-    const std::pair<const char *, const char *> guarded[] = {{"NID", "rename"}, {"UPG", "upgrade"}};
-    for (const auto &[name, command] : guarded) {
-        if (words.contains(QLatin1String(name), Qt::CaseInsensitive)) {
-            throw Failure{
-                ExitCode::WrongUsage,
-                QStringLiteral("%1 is left to gripperctl %2, which keeps the gripper safe")
-                    .arg(QLatin1String(name), QLatin1String(command))};
-        }
+    const std::pair<const char *, const char *> guarded[] = {
+        {"NID", "NID is left to gripperctl rename, which keeps the gripper safe"},
+        {"UPG", "UPG is left to gripperctl upgrade, which keeps the gripper safe"},
+        // In one request with others it would not even hold for those.
+        {"SID", "SID would end with this connection: say --gripper ID instead"}};
+    for (const auto &[name, problem] : guarded) {
+        if (words.contains(QLatin1String(name), Qt::CaseInsensitive))
+            throw Failure{ExitCode::WrongUsage, QString::fromLatin1(problem)};
     }
 }
 
