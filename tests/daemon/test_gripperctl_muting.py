@@ -212,6 +212,25 @@ def test_the_bootloader_gets_a_silent_line_and_keeps_it():
         assert daemon.sets() == ["SID 9", "MUTE 1", "BLD 1"]
 
 
+def test_a_jump_that_is_interrupted_ends_with_its_answer():
+    for reply, code, last in ((b"ack", gripperctl.DONE, "BLD 1"), (b"nak", gripperctl.REFUSED, "MUTE 0")):
+        release = threading.Event()
+
+        def answer(request):
+            if request == "SET BLD 1":
+                release.wait(10)
+                return reply
+            return daemon.usual(request)
+
+        with ScriptedDaemon(answer) as daemon:
+            process = start_ctl("--host", daemon.host, "set", "BLD", "1")
+            daemon.wait_for("SET BLD 1")
+            process.send_signal(signal.SIGINT)
+            threading.Timer(0.3, release.set).start()
+            assert run_to_end(process)[0] == code
+            assert daemon.sets()[-1] == last
+
+
 def test_a_flasher_that_has_ended_before_it_was_seen_shows_in_the_link():
     looks = []
 

@@ -65,19 +65,20 @@ bool anyNamed(const QStringList &words, Wanted isWanted)
     });
 }
 
-bool sendPairs(Session &session, const QStringList &words)
+bool sendPairs(Session &session, const QStringList &words, bool isInterruptible = true)
 {
     const bool isSlow = anyNamed(words, [](const auto &row) { return row.takesSeconds; });
     const int timeoutMs = session.timeoutMs(isSlow ? slowTimeoutMs : 10'000);
-    return session.connection().set(words.join(QLatin1Char(' ')), {timeoutMs});
+    return session.connection().set(words.join(QLatin1Char(' ')), {timeoutMs, isInterruptible});
 }
 
-/// The jump leaves polling muted, which is as it should be while a bootloader has the line.
+/// The jump leaves polling muted, which is as it should be while a bootloader has the line. Not
+/// interruptible: the daemon mutes at the end of a jump, so only its answer tells what holds.
 bool sendIntoBootloader(Session &session, const QStringList &words)
 {
     MutedPolling muted(session);
     muted.letLineFallSilent();
-    if (!sendPairs(session, words))
+    if (!sendPairs(session, words, false))
         return false;
     muted.leaveMuted();
     session.output().note(QStringLiteral("polling stays muted until gripperctl set MUTE 0"));
