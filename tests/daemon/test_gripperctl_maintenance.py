@@ -107,6 +107,10 @@ def test_an_upgrade_ends_with_both_versions(found, folder):
 def test_a_gripper_gets_another_id(found, simulator):
     assert "id 2 is in use" in badly(gripperctl.REFUSED, "rename", "9", "2")
     assert "no gripper 3, but there are 2, 9" in badly(gripperctl.NO_GRIPPER, "rename", "3", "4")
+    simulator.tell("add 4=TF1-2.0.2")
+    assert "id 4 is in use" in badly(gripperctl.REFUSED, "rename", "9", "4")
+    simulator.tell("remove 4")
+    eventually(lambda: well("get", "SID") == "[2, 9]\n")
     told = as_json("rename", "9", "3")
     assert (told["old"], told["new"]) == (9, 3)
     assert well("get", "SID") == "[2, 3]\n"

@@ -30,7 +30,7 @@ def test_rename_interrupted_unmutes_on_a_connection_of_its_own():
         code, _, _ = run_to_end(process)
         release.set()
         assert code == gripperctl.INTERRUPTED
-        assert daemon.sets() == ["SID 9", "MUTE 1", "NID 2", "MUTE 0"]
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
 
 
 def test_rename_that_gets_no_answer_unmutes():
@@ -40,7 +40,7 @@ def test_rename_that_gets_no_answer_unmutes():
         owner.append(daemon)
         badly(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.5", "rename", "9", "2")
         release.set()
-        assert daemon.sets() == ["SID 9", "MUTE 1", "NID 2", "MUTE 0"]
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
 
 
 def test_rename_that_loses_its_connection_unmutes():
@@ -55,7 +55,19 @@ def test_rename_that_loses_its_connection_unmutes():
         release.set()
         assert code == gripperctl.NO_CONNECTION
         assert "lost the connection" in error
-        assert daemon.sets() == ["SID 9", "MUTE 1", "NID 2", "MUTE 0"]
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
+
+
+def test_rename_looks_for_those_that_have_come_since_the_last_scan():
+    def answer(request):
+        if request == "SET SCN_BLOCK":
+            daemon.values["SID"] = "[2, 9]"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        text = badly(gripperctl.REFUSED, "--host", daemon.host, "rename", "9", "2")
+        assert "id 2 is in use" in text
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "MUTE 0"]
 
 
 def test_polling_that_cannot_be_unmuted_is_said():
