@@ -27,9 +27,10 @@ def test_rename_interrupted_unmutes_on_a_connection_of_its_own():
         process = start_ctl("--host", daemon.host, "rename", "9", "2")
         daemon.wait_for("SET NID 2")
         process.send_signal(signal.SIGINT)
-        code, _, _ = run_to_end(process)
+        code, _, error = run_to_end(process)
         release.set()
         assert code == gripperctl.INTERRUPTED
+        assert "gripperd goes on with it" in error
         assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
 
 

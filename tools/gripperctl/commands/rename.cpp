@@ -48,9 +48,17 @@ void sendMove(Session &session, int from, int to)
     output.begin(QStringLiteral("gripper %1: storing id %2, restarting, scanning (about 10 s)")
                      .arg(from)
                      .arg(to));
-    session.connection().set(QStringLiteral("NID %1").arg(to),
-                             {session.timeoutMs(moveTimeoutMs), true,
-                              [&output](qint64 elapsedMs) { output.tick(elapsedMs); }});
+    try {
+        session.connection().set(QStringLiteral("NID %1").arg(to),
+                                 {session.timeoutMs(moveTimeoutMs), true,
+                                  [&output](qint64 elapsedMs) { output.tick(elapsedMs); }});
+    } catch (const Failure &failure) {
+        if (failure.code != ExitCode::Interrupted)
+            throw;
+        throw Failure{failure.code,
+                      QStringLiteral("interrupted: gripperd goes on with it. In ten seconds "
+                                     "gripperctl scan shows which id the gripper has")};
+    }
     output.endStage();
 }
 
@@ -73,11 +81,13 @@ QString moveOnSilentLine(Session &session, int from, int to)
 [[noreturn]] void failUnmoved(Session &session, int from, int to)
 {
     if (scanUntilFound(session, from)) {
-        throw Failure{ExitCode::Refused,
-                      QStringLiteral("gripper %1 kept its id: it did not take %2. Try again; the "
-                                     "daemon's log tells more")
-                          .arg(from)
-                          .arg(to)};
+        throw Failure{
+            ExitCode::Refused,
+            QStringLiteral("gripper %1 kept its id. Switch it off and on, then gripperctl "
+                           "scan: it may have stored %2. If not, try again; the "
+                           "daemon's log tells more")
+                .arg(from)
+                .arg(to)};
     }
     throw Failure{ExitCode::NoGripper,
                   QStringLiteral("the gripper answers neither as %1 nor as %2: switch it off and "
