@@ -1,7 +1,9 @@
 """gripperctl against a scripted daemon: what it asks, how it takes what it is answered."""
 
 import json
+import re
 import socket
+import time
 
 import pytest
 from harness import gripperctl
@@ -139,6 +141,35 @@ def test_the_answers_of_a_movement_before_are_not_taken_for_this_one():
     with ScriptedDaemon(answer, GTO="1", OBJ="3", PRE="040", POS="40") as daemon:
         assert well("--host", daemon.host, "move", "90", "--wait") == "gripper 9 reached 90\n"
         assert len(looks) >= 7
+
+
+def changing(times, trigger):
+    """An answer function: the values change that many seconds after the request of the trigger."""
+    begin = []
+
+    def answer(daemon, request):
+        if begin:
+            passed = time.monotonic() - begin[0]
+            for seconds, values in times:
+                if passed >= seconds:
+                    daemon.values.update(values)
+        elif re.fullmatch(trigger, request):
+            begin.append(time.monotonic())
+        return daemon.usual(request)
+
+    return answer
+
+
+def test_values_of_a_link_that_is_down_are_not_judged():
+    times = [
+        (0.0, {"STA": "2", "POS": "50", "DRI": "ERR_TIMEOUT"}),
+        (0.9, {"POS": "20", "DRI": "RUNNING"}),
+        (1.1, {"POS": "0"}),
+    ]
+    answer = changing(times, "SET ARD .*")
+    with ScriptedDaemon(lambda request: answer(daemon, request), POS="50") as daemon:
+        text = well("--host", daemon.host, "release", "--wait")
+        assert "has let go and stands at 0;" in text
 
 
 def test_a_gripper_that_does_not_take_the_request():

@@ -48,7 +48,7 @@ GripperState waitForState(Session &session, int id, const Goal &goal)
         GripperState state = GripperState::read(session.connection(), id);
         if (state.isThere())
             sinceSeen.start();
-        if (state.isThere() && goal.isReached(state)) {
+        if (state.isLive() && goal.isReached(state)) {
             session.output().endStage();
             return state;
         }
