@@ -160,6 +160,19 @@ def changing(times, trigger):
     return answer
 
 
+def test_a_request_that_was_replaced_before_it_showed_does_not_end_a_movement():
+    """Told to go to 100 a moment ago, and back to 0 now: the gripper has taken both."""
+    times = [
+        (0.15, {"PRE": "100", "OBJ": "1", "POS": "9"}),
+        (0.25, {"PRE": "000", "POS": "5"}),
+        (0.6, {"OBJ": "3", "POS": "0"}),
+    ]
+    answer = changing(times, "SET POS .*")
+    values = {"GTO": "1", "OBJ": "3", "PRE": "000", "POS": "2"}
+    with ScriptedDaemon(lambda request: answer(daemon, request), **values) as daemon:
+        assert well("--host", daemon.host, "open", "--wait") == "gripper 9 reached 0\n"
+
+
 def test_values_of_a_link_that_is_down_are_not_judged():
     times = [
         (0.0, {"STA": "2", "POS": "50", "DRI": "ERR_TIMEOUT"}),

@@ -5,12 +5,16 @@
 #include "session.h"
 #include "statewait.h"
 
+#include <QElapsedTimer>
+
 namespace {
 
 constexpr int opened = 0;
 constexpr int closed = 255;
 // At the lowest speed the whole way takes a few seconds.
 constexpr int motionTimeoutMs = 30'000;
+// Of four grippers, as many as a scan finds, each is seen every 200 ms, and writes come in between.
+constexpr qint64 oldestValueMs = 400;
 
 QString requestFor(const Options &options, int position)
 {
@@ -42,14 +46,20 @@ void refuseInactive(const GripperState &state)
                       .arg(state.position())};
 }
 
-GripperState waitForEnd(Session &session, int id, int position)
+GripperState waitForEnd(Session &session, const GripperState &before, int position)
 {
-    const auto isOver = [position](const GripperState &state) {
+    // A gripper that showed this request already may have taken another one since, which does not
+    // show yet.
+    const bool isShownAlready = before.goesTo() && before.requestedPosition() == position;
+    QElapsedTimer sinceRequest;
+    sinceRequest.start();
+    const auto isOver = [=](const GripperState &state) {
         const Motion motion = judgeMotion(state, position);
-        return motion != Motion::NotTaken && motion != Motion::UnderWay;
+        const bool isFresh = !isShownAlready || sinceRequest.elapsed() > oldestValueMs;
+        return isFresh && motion != Motion::NotTaken && motion != Motion::UnderWay;
     };
     return waitForState(
-        session, id,
+        session, before.id(),
         {QStringLiteral("moving to %1").arg(position), session.timeoutMs(motionTimeoutMs), isOver});
 }
 
@@ -85,7 +95,7 @@ void moveTo(Session &session, int position)
         tell(session, before, position, QStringLiteral("was told to go to %1").arg(position));
         return;
     }
-    const GripperState after = waitForEnd(session, id, position);
+    const GripperState after = waitForEnd(session, before, position);
     if (after.fault() != 0)
         failByFault(after);
     refuseInactive(after);
