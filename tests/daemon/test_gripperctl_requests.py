@@ -7,7 +7,7 @@ import time
 
 import pytest
 from harness import gripperctl
-from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl, well
+from harness.gripperctl import ScriptedDaemon, as_json, badly, ctl, run_to_end, start_ctl, well
 
 
 @pytest.mark.parametrize(
@@ -183,6 +183,14 @@ def test_values_of_a_link_that_is_down_are_not_judged():
     with ScriptedDaemon(lambda request: answer(daemon, request), POS="50") as daemon:
         text = well("--host", daemon.host, "release", "--wait")
         assert "has let go and stands at 0;" in text
+
+
+@pytest.mark.parametrize("words", [["move", "90"], ["activate", "--again"]], ids=" ".join)
+def test_what_a_gripper_showed_before_is_not_told_as_the_result(words):
+    with ScriptedDaemon(OBJ="3", POS="40") as daemon:
+        told = as_json("--host", daemon.host, *words)
+        assert told["gripper"] == 9 and "was told to" in told["text"]
+        assert not {"object", "position", "current", "status", "fault"} & set(told)
 
 
 def test_a_gripper_that_does_not_take_the_request():

@@ -17,6 +17,14 @@ void tell(Session &session, const GripperState &state, const QString &text)
                              {QStringLiteral("text"), text}});
 }
 
+/// Nothing of what the gripper shows: that is still of before.
+void tellStart(Session &session, int id)
+{
+    const QString text = QStringLiteral("was told to activate");
+    session.output().result(QStringLiteral("gripper %1 %2").arg(id).arg(text),
+                            {{QStringLiteral("gripper"), id}, {QStringLiteral("text"), text}});
+}
+
 /// An active gripper is deactivated first: until that shows, its status is that of before.
 GripperState waitForActivation(Session &session, const GripperState &before)
 {
@@ -43,7 +51,7 @@ void commands::activate(Session &session)
     }
     session.connection().set(QStringLiteral("ACT 1"));
     if (!session.options().has("wait")) {
-        tell(session, before, QStringLiteral("was told to activate"));
+        tellStart(session, id);
         return;
     }
     const GripperState after = waitForActivation(session, before);

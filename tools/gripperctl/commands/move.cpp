@@ -74,6 +74,16 @@ void tell(Session &session, const GripperState &state, int wanted, const QString
                              {QStringLiteral("text"), text}});
 }
 
+/// Nothing of what the gripper shows: that is still of before.
+void tellStart(Session &session, int id, int wanted)
+{
+    const QString text = QStringLiteral("was told to go to %1").arg(wanted);
+    session.output().result(QStringLiteral("gripper %1 %2").arg(id).arg(text),
+                            {{QStringLiteral("gripper"), id},
+                             {QStringLiteral("requestedPosition"), wanted},
+                             {QStringLiteral("text"), text}});
+}
+
 void tellEnd(Session &session, const GripperState &state, int wanted)
 {
     if (state.object() == GripperState::Object::Reached) {
@@ -92,7 +102,7 @@ void moveTo(Session &session, int position)
     refuseInactive(before);
     session.connection().set(requestFor(session.options(), position));
     if (!session.options().has("wait")) {
-        tell(session, before, position, QStringLiteral("was told to go to %1").arg(position));
+        tellStart(session, id, position);
         return;
     }
     const GripperState after = waitForEnd(session, before, position);
