@@ -95,7 +95,7 @@ def test_no_answer_in_time():
 
 
 def test_a_connection_that_is_lost_while_waiting():
-    with ScriptedDaemon(STA="1") as daemon:
+    with ScriptedDaemon(STA="0") as daemon:
         process = start_ctl("--host", daemon.host, "activate", "--wait")
         daemon.wait_for("SET ACT 1")
         daemon.drop()
@@ -183,6 +183,20 @@ def test_values_of_a_link_that_is_down_are_not_judged():
     with ScriptedDaemon(lambda request: answer(daemon, request), POS="50") as daemon:
         text = well("--host", daemon.host, "release", "--wait")
         assert "has let go and stands at 0;" in text
+
+
+def test_an_active_gripper_with_a_fault_is_no_success():
+    with ScriptedDaemon(FLT="05") as daemon:
+        text = badly(gripperctl.REFUSED, "--host", daemon.host, "activate")
+        assert "shows fault 5" in text and "activate --again" in text
+        assert daemon.sets() == ["SID 9"]
+
+
+def test_an_activation_under_way_is_waited_for_and_not_begun_anew():
+    answer = changing([(0.3, {"STA": "3"})], "GET STA")
+    with ScriptedDaemon(lambda request: answer(daemon, request), STA="1") as daemon:
+        assert well("--host", daemon.host, "activate", "--wait") == "gripper 9 is active\n"
+        assert daemon.sets() == ["SID 9"]
 
 
 @pytest.mark.parametrize("words", [["move", "90"], ["activate", "--again"]], ids=" ".join)
