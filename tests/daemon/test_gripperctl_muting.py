@@ -71,6 +71,18 @@ def test_rename_looks_for_those_that_have_come_since_the_last_scan():
         assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "MUTE 0"]
 
 
+def test_muting_that_is_never_answered_is_taken_back():
+    def answer(request):
+        if request != "SET MUTE 1":
+            return daemon.usual(request)
+        daemon.drop()
+        return None
+
+    with ScriptedDaemon(answer) as daemon:
+        badly(gripperctl.NO_CONNECTION, "--host", daemon.host, "rename", "9", "2")
+        assert daemon.sets() == ["MUTE 1", "MUTE 0"]
+
+
 def test_polling_that_cannot_be_unmuted_is_said():
     release = threading.Event()
     answer, owner = holding(release, "SET NID 2")

@@ -25,5 +25,5 @@ private:
     void unmuteWhateverHappened();
 
     Session &m_session;
-    bool m_isOurs = false;
+    bool m_isOver = false;
 };
