@@ -174,6 +174,21 @@ def test_a_jump_that_is_refused_is_unmuted():
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0", "SCN_BLOCK", "SID 9"]
 
 
+def test_a_failed_upgrade_is_told_although_the_scan_behind_it_is_interrupted():
+    def answer(request):
+        if request == "SET SCN_BLOCK":
+            return None
+        return b"nak" if request == "SET UPG 1" else daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        process = start_ctl("--host", daemon.host, "upgrade", "--yes")
+        daemon.wait_for("SET SCN_BLOCK")
+        process.send_signal(signal.SIGINT)
+        code, _, error = run_to_end(process)
+        assert code == gripperctl.REFUSED
+        assert "not found in its bootloader" in error and "interrupted" in error
+
+
 def test_an_upgrade_under_way_keeps_others_from_the_line():
     with ScriptedDaemon(UPG="1") as daemon:
         for words in (["scan"], ["rename", "9", "2"], ["upgrade", "--yes"]):

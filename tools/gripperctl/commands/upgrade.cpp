@@ -64,7 +64,14 @@ QString presentState(Session &session, int id)
 
 [[noreturn]] void fail(Session &session, int id, const QString &problem)
 {
-    throw Failure{ExitCode::Refused, problem + QLatin1Char(' ') + presentState(session, id)};
+    QString state;
+    try {
+        state = presentState(session, id);
+    } catch (const Failure &failure) {
+        // What is wrong with the upgrade is not lost over it.
+        state = QStringLiteral("Polling goes on; more is not known: ") + failure.text;
+    }
+    throw Failure{ExitCode::Refused, problem + QLatin1Char(' ') + state};
 }
 
 /// Returns when the flasher has ended and polling goes on.
