@@ -34,6 +34,7 @@ void TestGripperctlProtocol::hostsAreReadAsTheyAreWritten_data()
     QTest::newRow("10.0.0.7:1") << "10.0.0.7" << 1 << "10.0.0.7:1";
     QTest::newRow("robot:65535") << "robot" << 65535 << "robot:65535";
     QTest::newRow("[::1]") << "::1" << 63352 << "[::1]:63352";
+    QTest::newRow("[fe80::2%eth0]") << "fe80::2%eth0" << 63352 << "[fe80::2%eth0]:63352";
     QTest::newRow("[fe80::2]:80") << "fe80::2" << 80 << "[fe80::2]:80";
 }
 
