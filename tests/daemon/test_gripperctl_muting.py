@@ -3,6 +3,7 @@
 import signal
 import threading
 
+import pytest
 from harness import gripperctl
 from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl, well
 
@@ -19,14 +20,15 @@ def holding(release, *held):
     return answer, daemon_of
 
 
-def test_rename_interrupted_unmutes_on_a_connection_of_its_own():
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT])
+def test_rename_interrupted_unmutes_on_a_connection_of_its_own(number):
     release = threading.Event()
     answer, owner = holding(release, "SET NID 2")
     with ScriptedDaemon(answer) as daemon:
         owner.append(daemon)
         process = start_ctl("--host", daemon.host, "rename", "9", "2")
         daemon.wait_for("SET NID 2")
-        process.send_signal(signal.SIGINT)
+        process.send_signal(number)
         code, _, error = run_to_end(process)
         release.set()
         assert code == gripperctl.INTERRUPTED
