@@ -38,11 +38,27 @@ def page():
     ).stdout
 
 
-def test_the_page_is_well_formed():
+PAGES = sorted(PAGE.parent.iterdir())
+
+
+@pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
+def test_every_page_is_well_formed_and_of_this_version(path):
     run = subprocess.run(
-        ["groff", "-man", "-ww", "-z", PAGE], check=True, capture_output=True, text=True
+        ["groff", "-man", "-ww", "-z", path], check=True, capture_output=True, text=True
     )
     assert run.stderr == ""
+    head = next(line for line in path.read_text().splitlines() if line.startswith(".TH"))
+    assert f'"gripperd {well("--version").split()[1]}"' in head
+
+
+@pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
+def test_every_page_leads_to_others_that_are_there(path):
+    """Those of ours by their files; others belong to packages that may be missing here."""
+    ours = {page.name for page in PAGES}
+    named = re.findall(r"^\.(?:BR|IR) ([\w-]+) \((\d)\)", path.read_text(), re.MULTILINE)
+    assert any(name.startswith("gripper") for name, _ in named)
+    for name, number in named:
+        assert not name.startswith(("gripper", "romflasher")) or f"{name}.{number}" in ours
 
 
 def test_the_page_tells_every_command_and_what_it_takes(page):
