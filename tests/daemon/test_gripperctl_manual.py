@@ -104,6 +104,17 @@ def test_commands_are_completed():
     assert completed("re") == ["release", "rename", "record"]
     assert completed("--host", "robot", "sta") == ["status"]
     assert completed("--timeout", "1") == []
+    # As bash cuts "--host robot:63352" and "--gripper=3".
+    assert completed("--host", "robot", ":", "63352", "sta") == ["status"]
+    assert completed("--host", "robot", ":", "6") == []
+    assert completed("--gripper", "=", "3", "sta") == ["status"]
+
+
+def test_ids_are_completed_from_the_daemon_that_is_meant():
+    with ScriptedDaemon(SID="[2, 4]") as daemon:
+        host, port = daemon.host.split(":")
+        assert completed("--host", host, ":", port, "--gripper", "") == ["2", "4"]
+        assert completed("--host", "=", host, ":", port, "--gripper", "4") == ["4"]
 
 
 def test_options_are_completed_as_the_command_takes_them():
