@@ -243,6 +243,7 @@ def test_drawing_needs_gnuplot(recording, tmp_path):
     ("HEADER\nx,0.1,9,far,0,0,-,0,RUNNING\n", "line 2 is none of a recording"),
     ("HEADER\nx,0.1,9\n", "line 2 is none of a recording"),
     ("HEADER\n", "nothing was recorded"),
+    ("HEADER\nx,0.1,9,1,0,0,-,0,ERR_TIMEOUT\n", "nothing was recorded"),
 ])
 def test_a_file_that_is_no_recording(tmp_path, content, said):
     path = tmp_path / "some.csv"
