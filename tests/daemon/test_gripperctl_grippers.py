@@ -162,6 +162,7 @@ def test_a_gripper_that_goes_during_a_movement(active, simulator, daemon):
     _, error = process.communicate(timeout=15)
     assert process.returncode == gripperctl.NO_GRIPPER
     assert "gripper 9 has gone from the line (link: ERR_SCANNING (EIO))" in error
+    assert "then gripperctl scan" in error
     assert "no gripper was found" in badly(gripperctl.NO_GRIPPER, "move", "1")
     assert "no grippers found" in well("status")
     simulator.tell("plug")

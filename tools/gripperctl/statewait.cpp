@@ -30,7 +30,7 @@ Failure goneFailure(const GripperState &last)
 {
     return {ExitCode::NoGripper,
             QStringLiteral("gripper %1 has gone from the line (link: %2): look at its cable and "
-                           "power, then gripperctl status")
+                           "power, then gripperctl scan")
                 .arg(last.id())
                 .arg(last.link())};
 }
