@@ -215,6 +215,15 @@ def test_a_gripper_that_does_not_take_the_request():
         assert "polling may be muted" in text
 
 
+def test_a_result_that_cannot_be_written_is_no_success():
+    with ScriptedDaemon() as daemon, open("/dev/full", "w", encoding="ascii") as full:
+        for words in (["status"], ["--json", "get", "STA"], ["watch", "--count", "3"]):
+            process = start_ctl("--host", daemon.host, *words, stdout=full)
+            code, _, error = run_to_end(process)
+            assert code == gripperctl.LOCAL
+            assert "cannot write the result: No space left on device" in error
+
+
 def test_problems_are_json_for_scripts():
     with ScriptedDaemon(STA="0") as daemon:
         run = ctl("--host", daemon.host, "--json", "move", "9")

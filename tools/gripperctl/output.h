@@ -13,7 +13,7 @@ public:
     bool isJson() const { return m_isJson; }
 
     /// The result: `text`, which may have several lines, or one line of JSON. False if nobody reads
-    /// it any more.
+    /// it any more; throws a Failure if it cannot be written.
     bool result(const QString &text, const QJsonObject &json) const;
 
     /// A part of the result that stands in the JSON of the end, and is text only here.
