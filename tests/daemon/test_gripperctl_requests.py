@@ -3,10 +3,12 @@
 import json
 import re
 import socket
+import subprocess
 import time
 
 import pytest
 from harness import gripperctl
+from harness.children import binary
 from harness.gripperctl import ScriptedDaemon, as_json, badly, ctl, run_to_end, start_ctl, well
 
 
@@ -222,6 +224,15 @@ def test_a_result_that_cannot_be_written_is_no_success():
             code, _, error = run_to_end(process)
             assert code == gripperctl.LOCAL
             assert "cannot write the result: No space left on device" in error
+
+
+@pytest.mark.parametrize("closed", ["<&-", ">&-", "<&- >&- 2>&-"])
+def test_nothing_is_printed_into_the_connection(closed):
+    with ScriptedDaemon() as daemon:
+        words = [binary("gripperctl"), "--host", daemon.host, "status"]
+        run = subprocess.run(["bash", "-c", f'exec "$@" {closed}', "bash", *words], check=False)
+        assert run.returncode == gripperctl.DONE
+        assert all(re.fullmatch(r"GET \w{3}|SET SID 9", r) for r in daemon.requests), daemon.requests
 
 
 def test_problems_are_json_for_scripts():
