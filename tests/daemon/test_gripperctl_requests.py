@@ -2,6 +2,7 @@
 
 import json
 import re
+import signal
 import socket
 import subprocess
 import time
@@ -207,6 +208,16 @@ def test_what_a_gripper_showed_before_is_not_told_as_the_result(words):
         told = as_json("--host", daemon.host, *words)
         assert told["gripper"] == 9 and "was told to" in told["text"]
         assert not {"object", "position", "current", "status", "fault"} & set(told)
+
+
+def test_a_movement_goes_on_after_ctrl_c_and_that_is_said():
+    with ScriptedDaemon(GTO="1", OBJ="1", PRE="009") as daemon:
+        process = start_ctl("--host", daemon.host, "move", "9", "--wait")
+        assert "moving to 9" in process.stderr.readline()
+        process.send_signal(signal.SIGINT)
+        code, _, error = run_to_end(process)
+        assert code == gripperctl.INTERRUPTED
+        assert "gripper 9 goes on to 9. gripperctl --gripper 9 set GTO 0 stops it" in error
 
 
 def test_a_gripper_that_does_not_take_the_request():

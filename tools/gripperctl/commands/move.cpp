@@ -58,9 +58,20 @@ GripperState waitForEnd(Session &session, const GripperState &before, int positi
         const bool isFresh = !isShownAlready || sinceRequest.elapsed() > oldestValueMs;
         return isFresh && motion != Motion::NotTaken && motion != Motion::UnderWay;
     };
-    return waitForState(
-        session, before.id(),
-        {QStringLiteral("moving to %1").arg(position), session.timeoutMs(motionTimeoutMs), isOver});
+    const Goal goal{QStringLiteral("moving to %1").arg(position),
+                    session.timeoutMs(motionTimeoutMs), isOver};
+    try {
+        return waitForState(session, before.id(), goal);
+    } catch (const Failure &failure) {
+        if (failure.code != ExitCode::Interrupted)
+            throw;
+        throw Failure{
+            failure.code,
+            QStringLiteral("interrupted: gripper %1 goes on to %2. gripperctl --gripper %1 "
+                           "set GTO 0 stops it")
+                .arg(before.id())
+                .arg(position)};
+    }
 }
 
 void tell(Session &session, const GripperState &state, int wanted, const QString &text)
