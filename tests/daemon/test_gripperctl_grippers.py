@@ -2,6 +2,7 @@
 
 import os
 import re
+import time
 
 import pytest
 from harness import gripperctl
@@ -152,6 +153,19 @@ def test_muted_polling_is_named_as_a_reason(active):
     assert "gripperctl set MUTE 0" in text
     assert well("set", "MUTE", "0") == "ack\n"
     eventually(lambda: active.get("POS") == "10")
+
+
+def test_no_other_gripper_moves_in_place_of_one_that_is_gone(active, simulator):
+    well("--gripper", "2", "activate", "--wait")
+    simulator.tell("fault 9 deaf always")
+    eventually(lambda: active.get("SID") == "[2]", 10)
+    before = well("--gripper", "2", "get", "PRE", "GTO")
+    assert "no gripper 9, but there are 2" in badly(gripperctl.NO_GRIPPER, "move", "77")
+    # In this time it would have been written and seen.
+    time.sleep(0.3)
+    assert well("--gripper", "2", "get", "PRE", "GTO") == before != "PRE 077\nGTO 1\n"
+    simulator.tell("clear")
+    eventually(lambda: "serial QRS-0017" in well("scan"), 10)
 
 
 def test_a_gripper_that_goes_during_a_movement(active, simulator, daemon):

@@ -109,7 +109,6 @@ def test_a_connection_that_is_lost_while_waiting():
 
 @pytest.mark.parametrize("ids,words,chosen", [
     ("[2, 9]", [], "SID 9"),
-    ("[3]", [], "SID 3"),
     ("[2, 3]", ["--gripper", "3"], "SID 3"),
 ])
 def test_which_gripper_is_meant(ids, words, chosen):
@@ -119,7 +118,8 @@ def test_which_gripper_is_meant(ids, words, chosen):
 
 
 @pytest.mark.parametrize("ids,words,code,said", [
-    ("[2, 3]", [], gripperctl.USAGE, "There are 2, 3: say --gripper"),
+    ("[3]", [], gripperctl.NO_GRIPPER, "no gripper 9, but there are 3: say --gripper ID"),
+    ("[2, 3]", [], gripperctl.NO_GRIPPER, "no gripper 9, but there are 2, 3: say --gripper ID"),
     ("[2, 3]", ["--gripper", "9"], gripperctl.NO_GRIPPER, "no gripper 9, but there are 2, 3"),
     ("[]", [], gripperctl.NO_GRIPPER, "no gripper was found (link: RUNNING)"),
 ])

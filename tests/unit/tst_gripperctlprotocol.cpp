@@ -130,9 +130,9 @@ void TestGripperctlProtocol::theGripperThatIsMeant_data()
     QTest::addColumn<int>("chosen");
     QTest::addColumn<int>("exitCode");
     QTest::newRow("9 is the usual one") << QVector<int>{2, 9} << 0 << 9 << 0;
-    QTest::newRow("the only one") << QVector<int>{4} << 0 << 4 << 0;
+    QTest::newRow("the only one is another") << QVector<int>{4} << 0 << 0 << 5;
     QTest::newRow("the one that is named") << QVector<int>{2, 3, 9} << 3 << 3 << 0;
-    QTest::newRow("not clear") << QVector<int>{2, 3} << 0 << 0 << 2;
+    QTest::newRow("all are others") << QVector<int>{2, 3} << 0 << 0 << 5;
     QTest::newRow("not there") << QVector<int>{2, 9} << 3 << 0 << 5;
     QTest::newRow("nobody there") << QVector<int>() << 9 << 0 << 5;
 }
