@@ -2,6 +2,7 @@
 
 import os
 import re
+import time
 
 import pytest
 from harness import gripperctl
@@ -154,6 +155,19 @@ def test_muted_polling_is_named_as_a_reason(active):
     eventually(lambda: active.get("POS") == "10")
 
 
+def test_no_other_gripper_moves_in_place_of_one_that_is_gone(active, simulator):
+    well("--gripper", "2", "activate", "--wait")
+    simulator.tell("fault 9 deaf always")
+    eventually(lambda: active.get("SID") == "[2]", 10)
+    before = well("--gripper", "2", "get", "PRE", "GTO")
+    assert "no gripper 9, but there are 2" in badly(gripperctl.NO_GRIPPER, "move", "77")
+    # In this time it would have been written and seen.
+    time.sleep(0.3)
+    assert well("--gripper", "2", "get", "PRE", "GTO") == before != "PRE 077\nGTO 1\n"
+    simulator.tell("clear")
+    eventually(lambda: "serial QRS-0017" in well("scan"), 10)
+
+
 def test_a_gripper_that_goes_during_a_movement(active, simulator, daemon):
     process = start_ctl("move", "255", "--speed", "0", "--wait")
     eventually(lambda: active.get("OBJ") == "1")
@@ -162,6 +176,7 @@ def test_a_gripper_that_goes_during_a_movement(active, simulator, daemon):
     _, error = process.communicate(timeout=15)
     assert process.returncode == gripperctl.NO_GRIPPER
     assert "gripper 9 has gone from the line (link: ERR_SCANNING (EIO))" in error
+    assert "then gripperctl scan" in error
     assert "no gripper was found" in badly(gripperctl.NO_GRIPPER, "move", "1")
     assert "no grippers found" in well("status")
     simulator.tell("plug")

@@ -54,7 +54,8 @@ def test_a_scan_shows_what_has_come(found, simulator):
 
 def test_a_gripper_that_keeps_its_id(found, simulator):
     simulator.tell("fault 9 exception always 4 on 430")
-    assert "gripper 9 kept its id" in badly(gripperctl.REFUSED, "rename", "9", "4")
+    text = badly(gripperctl.REFUSED, "rename", "9", "4")
+    assert "gripper 9 kept its id. Switch it off and on" in text and "it may have stored 4" in text
     simulator.wait_until_polled(9)
 
 
@@ -107,6 +108,10 @@ def test_an_upgrade_ends_with_both_versions(found, folder):
 def test_a_gripper_gets_another_id(found, simulator):
     assert "id 2 is in use" in badly(gripperctl.REFUSED, "rename", "9", "2")
     assert "no gripper 3, but there are 2, 9" in badly(gripperctl.NO_GRIPPER, "rename", "3", "4")
+    simulator.tell("add 4=TF1-2.0.2")
+    assert "id 4 is in use" in badly(gripperctl.REFUSED, "rename", "9", "4")
+    simulator.tell("remove 4")
+    eventually(lambda: well("get", "SID") == "[2, 9]\n")
     told = as_json("rename", "9", "3")
     assert (told["old"], told["new"]) == (9, 3)
     assert well("get", "SID") == "[2, 3]\n"

@@ -1,5 +1,6 @@
 """The manual page, the completion and --help tell the same."""
 
+import json
 import os
 import pathlib
 import re
@@ -7,7 +8,7 @@ import subprocess
 
 import pytest
 from harness.children import binary
-from harness.gripperctl import ScriptedDaemon, well
+from harness.gripperctl import ScriptedDaemon, ctl, well
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGE = ROOT / "man" / "gripperctl.1"
@@ -38,11 +39,27 @@ def page():
     ).stdout
 
 
-def test_the_page_is_well_formed():
+PAGES = sorted(PAGE.parent.iterdir())
+
+
+@pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
+def test_every_page_is_well_formed_and_of_this_version(path):
     run = subprocess.run(
-        ["groff", "-man", "-ww", "-z", PAGE], check=True, capture_output=True, text=True
+        ["groff", "-man", "-ww", "-z", path], check=True, capture_output=True, text=True
     )
     assert run.stderr == ""
+    head = next(line for line in path.read_text().splitlines() if line.startswith(".TH"))
+    assert f'"gripperd {well("--version").split()[1]}"' in head
+
+
+@pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
+def test_every_page_leads_to_others_that_are_there(path):
+    """Those of ours by their files; others belong to packages that may be missing here."""
+    ours = {page.name for page in PAGES}
+    named = re.findall(r"^\.(?:BR|IR) ([\w-]+) \((\d)\)", path.read_text(), re.MULTILINE)
+    assert any(name.startswith("gripper") for name, _ in named)
+    for name, number in named:
+        assert not name.startswith(("gripper", "romflasher")) or f"{name}.{number}" in ours
 
 
 def test_the_page_tells_every_command_and_what_it_takes(page):
@@ -59,6 +76,38 @@ def test_the_page_tells_every_command_and_what_it_takes(page):
 def test_the_page_tells_every_exit_code_and_the_version(page):
     assert re.findall(r"^ {7}(\d+) {3,}", page, re.MULTILINE) == exit_codes()
     assert "gripperd " + well("--version").split()[1] in page
+
+
+def members(tree):
+    """The names of an object and of those in its lists."""
+    for name, value in tree.items():
+        yield name
+        for inner in value if isinstance(value, list) else []:
+            yield from members(inner)
+
+
+@pytest.mark.parametrize("words", [
+    ["status"], ["scan"], ["watch", "--count", "1"], ["set", "MSC", "3"], ["activate"],
+    ["activate", "--again"], ["move", "5"], ["move", "0", "--wait"], ["open"], ["close"], ["release"],
+    ["led", "red"], ["rename", "9", "2"], ["upgrade", "--yes", "--expect", "TA3-1.0.0"],
+    ["record", "some.csv", "--seconds", "0.1"], ["move", "999"],
+], ids=" ".join)
+def test_the_page_tells_what_stands_in_the_json(page, words, tmp_path):
+    def answer(request):
+        if request == "SET NID 2":
+            daemon.values["SID"] = "[2]"
+        if request == "SET UPG 1":
+            daemon.values["DRI"] = "ERR_SCANNING (EIO)"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer, GTO="1", PRE="000", OBJ="3") as daemon:
+        run = ctl("--json", "--host", daemon.host, *words, cwd=tmp_path)
+    told = set(members(json.loads(run.stdout)))
+    assert told <= set(re.findall(r"\w+", page)), told
+    chapter = page.split("\nJSON\n")[1].split("\nNOTES\n")[0]
+    entry = re.search(rf"^ +(?:[a-z]+, )*{words[0]}\b.*\n((?: {{10,}}.*\n)*)", chapter, re.MULTILINE)
+    assert {"error", "exitCode"} <= told or told <= set(re.findall(r"\w+", entry[0])), entry[0]
+    assert ("error" in told) == (run.returncode != 0) == (words[-1] == "999"), run
 
 
 def test_every_command_has_its_help():
@@ -88,6 +137,17 @@ def test_commands_are_completed():
     assert completed("re") == ["release", "rename", "record"]
     assert completed("--host", "robot", "sta") == ["status"]
     assert completed("--timeout", "1") == []
+    # As bash cuts "--host robot:63352" and "--gripper=3".
+    assert completed("--host", "robot", ":", "63352", "sta") == ["status"]
+    assert completed("--host", "robot", ":", "6") == []
+    assert completed("--gripper", "=", "3", "sta") == ["status"]
+
+
+def test_ids_are_completed_from_the_daemon_that_is_meant():
+    with ScriptedDaemon(SID="[2, 4]") as daemon:
+        host, port = daemon.host.split(":")
+        assert completed("--host", host, ":", port, "--gripper", "") == ["2", "4"]
+        assert completed("--host", "=", host, ":", port, "--gripper", "4") == ["4"]
 
 
 def test_options_are_completed_as_the_command_takes_them():

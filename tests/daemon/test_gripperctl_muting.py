@@ -3,6 +3,7 @@
 import signal
 import threading
 
+import pytest
 from harness import gripperctl
 from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl, well
 
@@ -19,18 +20,20 @@ def holding(release, *held):
     return answer, daemon_of
 
 
-def test_rename_interrupted_unmutes_on_a_connection_of_its_own():
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT])
+def test_rename_interrupted_unmutes_on_a_connection_of_its_own(number):
     release = threading.Event()
     answer, owner = holding(release, "SET NID 2")
     with ScriptedDaemon(answer) as daemon:
         owner.append(daemon)
         process = start_ctl("--host", daemon.host, "rename", "9", "2")
         daemon.wait_for("SET NID 2")
-        process.send_signal(signal.SIGINT)
-        code, _, _ = run_to_end(process)
+        process.send_signal(number)
+        code, _, error = run_to_end(process)
         release.set()
         assert code == gripperctl.INTERRUPTED
-        assert daemon.sets() == ["SID 9", "MUTE 1", "NID 2", "MUTE 0"]
+        assert "gripperd goes on with it" in error
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
 
 
 def test_rename_that_gets_no_answer_unmutes():
@@ -40,7 +43,7 @@ def test_rename_that_gets_no_answer_unmutes():
         owner.append(daemon)
         badly(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.5", "rename", "9", "2")
         release.set()
-        assert daemon.sets() == ["SID 9", "MUTE 1", "NID 2", "MUTE 0"]
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
 
 
 def test_rename_that_loses_its_connection_unmutes():
@@ -55,7 +58,31 @@ def test_rename_that_loses_its_connection_unmutes():
         release.set()
         assert code == gripperctl.NO_CONNECTION
         assert "lost the connection" in error
-        assert daemon.sets() == ["SID 9", "MUTE 1", "NID 2", "MUTE 0"]
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
+
+
+def test_rename_looks_for_those_that_have_come_since_the_last_scan():
+    def answer(request):
+        if request == "SET SCN_BLOCK":
+            daemon.values["SID"] = "[2, 9]"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        text = badly(gripperctl.REFUSED, "--host", daemon.host, "rename", "9", "2")
+        assert "id 2 is in use" in text
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "MUTE 0"]
+
+
+def test_muting_that_is_never_answered_is_taken_back():
+    def answer(request):
+        if request != "SET MUTE 1":
+            return daemon.usual(request)
+        daemon.drop()
+        return None
+
+    with ScriptedDaemon(answer) as daemon:
+        badly(gripperctl.NO_CONNECTION, "--host", daemon.host, "rename", "9", "2")
+        assert daemon.sets() == ["MUTE 1", "MUTE 0"]
 
 
 def test_polling_that_cannot_be_unmuted_is_said():
@@ -105,6 +132,26 @@ def test_upgrade_interrupted_during_flashing_leaves_the_line_to_the_flasher():
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
 
 
+def test_upgrade_interrupted_before_the_flasher_is_seen_leaves_the_line_to_it():
+    release = threading.Event()
+
+    def answer(request):
+        if request == "SET UPG 1":
+            release.wait(10)
+            daemon.values["UPG"] = "1"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        process = start_ctl("--host", daemon.host, "upgrade", "--yes")
+        daemon.wait_for("SET UPG 1")
+        process.send_signal(signal.SIGINT)
+        threading.Timer(0.3, release.set).start()
+        code, _, error = run_to_end(process)
+        assert code == gripperctl.INTERRUPTED
+        assert "the flasher goes on" in error
+        assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
+
+
 def test_a_second_interruption_ends_at_once():
     release = threading.Event()
     answer, owner = holding(release, "SET UPG 1")
@@ -129,12 +176,40 @@ def test_a_jump_that_is_refused_is_unmuted():
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0", "SCN_BLOCK", "SID 9"]
 
 
+def test_a_failed_upgrade_is_told_although_the_scan_behind_it_is_interrupted():
+    def answer(request):
+        if request == "SET SCN_BLOCK":
+            return None
+        return b"nak" if request == "SET UPG 1" else daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        process = start_ctl("--host", daemon.host, "upgrade", "--yes")
+        daemon.wait_for("SET SCN_BLOCK")
+        process.send_signal(signal.SIGINT)
+        code, _, error = run_to_end(process)
+        assert code == gripperctl.REFUSED
+        assert "not found in its bootloader" in error and "interrupted" in error
+
+
 def test_an_upgrade_under_way_keeps_others_from_the_line():
     with ScriptedDaemon(UPG="1") as daemon:
         for words in (["scan"], ["rename", "9", "2"], ["upgrade", "--yes"]):
             text = badly(gripperctl.REFUSED, "--host", daemon.host, *words)
             assert "an upgrade is under way" in text
         assert "SCN_BLOCK" not in daemon.sets() and "MUTE 1" not in daemon.sets()
+
+
+def test_an_upgrade_that_another_client_was_first_with_keeps_the_line():
+    def answer(request):
+        if request == "SET UPG 1":
+            daemon.values["UPG"] = "1"
+            return b"nak"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+        assert "an upgrade is under way" in text
+        assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
 
 
 def flashing_and_then(values):
@@ -179,6 +254,25 @@ def test_the_bootloader_gets_a_silent_line_and_keeps_it():
         assert daemon.sets() == ["SID 9", "MUTE 1", "BLD 1"]
 
 
+def test_a_jump_that_is_interrupted_ends_with_its_answer():
+    for reply, code, last in ((b"ack", gripperctl.DONE, "BLD 1"), (b"nak", gripperctl.REFUSED, "MUTE 0")):
+        release = threading.Event()
+
+        def answer(request):
+            if request == "SET BLD 1":
+                release.wait(10)
+                return reply
+            return daemon.usual(request)
+
+        with ScriptedDaemon(answer) as daemon:
+            process = start_ctl("--host", daemon.host, "set", "BLD", "1")
+            daemon.wait_for("SET BLD 1")
+            process.send_signal(signal.SIGINT)
+            threading.Timer(0.3, release.set).start()
+            assert run_to_end(process)[0] == code
+            assert daemon.sets()[-1] == last
+
+
 def test_a_flasher_that_has_ended_before_it_was_seen_shows_in_the_link():
     looks = []
 
@@ -187,6 +281,17 @@ def test_a_flasher_that_has_ended_before_it_was_seen_shows_in_the_link():
             looks.append(1)
             # Polling goes on, finds the port closed, and opens it.
             daemon.values["DRI"] = "ERR_SCANNING (EIO)" if 3 < len(looks) < 9 else "RUNNING"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer) as daemon:
+        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+        assert "firmware TA3-1.0.0, as before" in text
+
+
+def test_a_flasher_that_has_ended_before_the_first_look_shows_in_the_link():
+    def answer(request):
+        if request == "SET UPG 1":
+            daemon.values["DRI"] = "ERR_SCANNING (EIO)"
         return daemon.usual(request)
 
     with ScriptedDaemon(answer) as daemon:

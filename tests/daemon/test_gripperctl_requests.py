@@ -1,10 +1,16 @@
 """gripperctl against a scripted daemon: what it asks, how it takes what it is answered."""
 
+import json
+import re
+import signal
 import socket
+import subprocess
+import time
 
 import pytest
 from harness import gripperctl
-from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl, well
+from harness.children import binary
+from harness.gripperctl import ScriptedDaemon, as_json, badly, ctl, run_to_end, start_ctl, well
 
 
 @pytest.mark.parametrize(
@@ -26,16 +32,20 @@ from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl
         ["status", "--host", "a:b:c"],
         ["status", "--host", "a:0"],
         ["status", "--timeout", "0"],
+        ["status", "--timeout", "nan"],
+        ["status", "--timeout", "inf"],
         ["status", "--unknown"],
         ["get"],
         ["get", "POSITION"],
         ["set", "1"],
         ["set", "POS", "256"],
+        ["set", "POS", "0100"],
         ["set", "POS", "-1"],
         ["set", "POZ", "1"],
         ["set", "POS", "1", "2"],
         ["set", "NID", "3"],
         ["set", "UPG", "1"],
+        ["set", "SID", "2", "POS", "9"],
         ["rename", "9"],
         ["rename", "9", "9"],
         ["rename", "9", "1"],
@@ -88,7 +98,7 @@ def test_no_answer_in_time():
 
 
 def test_a_connection_that_is_lost_while_waiting():
-    with ScriptedDaemon(STA="1") as daemon:
+    with ScriptedDaemon(STA="0") as daemon:
         process = start_ctl("--host", daemon.host, "activate", "--wait")
         daemon.wait_for("SET ACT 1")
         daemon.drop()
@@ -99,7 +109,6 @@ def test_a_connection_that_is_lost_while_waiting():
 
 @pytest.mark.parametrize("ids,words,chosen", [
     ("[2, 9]", [], "SID 9"),
-    ("[3]", [], "SID 3"),
     ("[2, 3]", ["--gripper", "3"], "SID 3"),
 ])
 def test_which_gripper_is_meant(ids, words, chosen):
@@ -109,7 +118,8 @@ def test_which_gripper_is_meant(ids, words, chosen):
 
 
 @pytest.mark.parametrize("ids,words,code,said", [
-    ("[2, 3]", [], gripperctl.USAGE, "There are 2, 3: say --gripper"),
+    ("[3]", [], gripperctl.NO_GRIPPER, "no gripper 9, but there are 3: say --gripper ID"),
+    ("[2, 3]", [], gripperctl.NO_GRIPPER, "no gripper 9, but there are 2, 3: say --gripper ID"),
     ("[2, 3]", ["--gripper", "9"], gripperctl.NO_GRIPPER, "no gripper 9, but there are 2, 3"),
     ("[]", [], gripperctl.NO_GRIPPER, "no gripper was found (link: RUNNING)"),
 ])
@@ -136,6 +146,80 @@ def test_the_answers_of_a_movement_before_are_not_taken_for_this_one():
         assert len(looks) >= 7
 
 
+def changing(times, trigger):
+    """An answer function: the values change that many seconds after the request of the trigger."""
+    begin = []
+
+    def answer(daemon, request):
+        if begin:
+            passed = time.monotonic() - begin[0]
+            for seconds, values in times:
+                if passed >= seconds:
+                    daemon.values.update(values)
+        elif re.fullmatch(trigger, request):
+            begin.append(time.monotonic())
+        return daemon.usual(request)
+
+    return answer
+
+
+def test_a_request_that_was_replaced_before_it_showed_does_not_end_a_movement():
+    """Told to go to 100 a moment ago, and back to 0 now: the gripper has taken both."""
+    times = [
+        (0.15, {"PRE": "100", "OBJ": "1", "POS": "9"}),
+        (0.25, {"PRE": "000", "POS": "5"}),
+        (0.6, {"OBJ": "3", "POS": "0"}),
+    ]
+    answer = changing(times, "SET POS .*")
+    values = {"GTO": "1", "OBJ": "3", "PRE": "000", "POS": "2"}
+    with ScriptedDaemon(lambda request: answer(daemon, request), **values) as daemon:
+        assert well("--host", daemon.host, "open", "--wait") == "gripper 9 reached 0\n"
+
+
+def test_values_of_a_link_that_is_down_are_not_judged():
+    times = [
+        (0.0, {"STA": "2", "POS": "50", "DRI": "ERR_TIMEOUT"}),
+        (0.9, {"POS": "20", "DRI": "RUNNING"}),
+        (1.1, {"POS": "0"}),
+    ]
+    answer = changing(times, "SET ARD .*")
+    with ScriptedDaemon(lambda request: answer(daemon, request), POS="50") as daemon:
+        text = well("--host", daemon.host, "release", "--wait")
+        assert "has let go and stands at 0;" in text
+
+
+def test_an_active_gripper_with_a_fault_is_no_success():
+    with ScriptedDaemon(FLT="05") as daemon:
+        text = badly(gripperctl.REFUSED, "--host", daemon.host, "activate")
+        assert "shows fault 5" in text and "activate --again" in text
+        assert daemon.sets() == ["SID 9"]
+
+
+def test_an_activation_under_way_is_waited_for_and_not_begun_anew():
+    answer = changing([(0.3, {"STA": "3"})], "GET STA")
+    with ScriptedDaemon(lambda request: answer(daemon, request), STA="1") as daemon:
+        assert well("--host", daemon.host, "activate", "--wait") == "gripper 9 is active\n"
+        assert daemon.sets() == ["SID 9"]
+
+
+@pytest.mark.parametrize("words", [["move", "90"], ["activate", "--again"]], ids=" ".join)
+def test_what_a_gripper_showed_before_is_not_told_as_the_result(words):
+    with ScriptedDaemon(OBJ="3", POS="40") as daemon:
+        told = as_json("--host", daemon.host, *words)
+        assert told["gripper"] == 9 and "was told to" in told["text"]
+        assert not {"object", "position", "current", "status", "fault"} & set(told)
+
+
+def test_a_movement_goes_on_after_ctrl_c_and_that_is_said():
+    with ScriptedDaemon(GTO="1", OBJ="1", PRE="009") as daemon:
+        process = start_ctl("--host", daemon.host, "move", "9", "--wait")
+        assert "moving to 9" in process.stderr.readline()
+        process.send_signal(signal.SIGINT)
+        code, _, error = run_to_end(process)
+        assert code == gripperctl.INTERRUPTED
+        assert "gripper 9 goes on to 9. gripperctl --gripper 9 set GTO 0 stops it" in error
+
+
 def test_a_gripper_that_does_not_take_the_request():
     with ScriptedDaemon(GTO="1", OBJ="3", PRE="040") as daemon:
         text = badly(
@@ -144,11 +228,56 @@ def test_a_gripper_that_does_not_take_the_request():
         assert "polling may be muted" in text
 
 
+def test_a_result_that_cannot_be_written_is_no_success():
+    with ScriptedDaemon() as daemon, open("/dev/full", "w", encoding="ascii") as full:
+        for words in (["status"], ["--json", "get", "STA"], ["watch", "--count", "3"]):
+            process = start_ctl("--host", daemon.host, *words, stdout=full)
+            code, _, error = run_to_end(process)
+            assert code == gripperctl.LOCAL
+            assert "cannot write the result: No space left on device" in error
+
+
+@pytest.mark.parametrize("closed", ["<&-", ">&-", "<&- >&- 2>&-"])
+def test_nothing_is_printed_into_the_connection(closed):
+    with ScriptedDaemon() as daemon:
+        words = [binary("gripperctl"), "--host", daemon.host, "status"]
+        run = subprocess.run(["bash", "-c", f'exec "$@" {closed}', "bash", *words], check=False)
+        assert run.returncode == gripperctl.DONE
+        assert all(re.fullmatch(r"GET \w{3}|SET SID 9", r) for r in daemon.requests), daemon.requests
+
+
 def test_problems_are_json_for_scripts():
     with ScriptedDaemon(STA="0") as daemon:
         run = ctl("--host", daemon.host, "--json", "move", "9")
         assert run.returncode == gripperctl.REFUSED
         assert '"exitCode":1' in run.stdout and "activate" in run.stdout
+
+
+def test_a_problem_is_the_one_line_of_json_with_what_is_known():
+    with ScriptedDaemon(XYZ="?") as daemon:
+        run = ctl("--host", daemon.host, "--json", "get", "STA", "XYZ")
+        assert run.returncode == gripperctl.REFUSED
+        told = json.loads(run.stdout)
+        assert (told["STA"], told["XYZ"], told["exitCode"]) == ("3", "?", 1)
+        assert "no value of XYZ" in told["error"]
+
+
+# Each of these ends badly here, for one reason or another.
+@pytest.mark.parametrize("words", [
+    [], ["fly"], ["move"], ["--speed"], ["status", "--gripper", "3"], ["get", "XYZ"], ["set", "MOD", "2"],
+    ["activate", "--wait"], ["move", "9", "--wait"], ["open"], ["release"], ["led", "pink"],
+    ["scan"], ["rename", "9", "2"], ["upgrade", "--yes"], ["upgrade"], ["watch", "--gripper", "3"],
+    ["record", "/no/such.csv"], ["plot", "/no/such.csv"],
+], ids=" ".join)
+def test_every_problem_is_one_line_of_json(words):
+    def answer(request):
+        return b"nak" if request == "SET MOD 2" else daemon.usual(request)
+
+    with ScriptedDaemon(answer, STA="0", FLT="05", XYZ="?", UPG="1") as daemon:
+        run = ctl("--json", "--host", daemon.host, "--timeout", "0.3", *words)
+        told = json.loads(run.stdout)
+        assert told["exitCode"] == run.returncode != gripperctl.DONE
+        assert "gripperctl: " + told["error"] in run.stderr
 
 
 @pytest.mark.parametrize("words,pairs", [

@@ -61,6 +61,11 @@ class Terminal:
     def shown(self):
         return self.tmux("capture-pane", "-p").splitlines()
 
+    def state(self):
+        """(on its second screen, with a cursor)"""
+        told = self.tmux("display-message", "-p", "#{alternate_on} #{cursor_flag}").split()
+        return tuple(word == "1" for word in told)
+
     def wait_for(self, pattern, timeout=5.0):
         expression = re.compile(pattern)
         return eventually(
@@ -83,6 +88,7 @@ def test_a_live_view_in_a_terminal(moved, terminal):
     assert abs(bar.index("|") - len(bar) / 2) <= 1
     assert set(bar[: bar.index("|")]) == {"#"} and set(bar[bar.index("|") + 1 :]) == {"-"}
     assert terminal.wait_for(r"^ 2 Zentra inactive")
+    assert terminal.state() == (True, False)
     assert all(len(line) <= COLUMNS for line in terminal.shown())
     # It moves, and the view with it: the requested position is marked before it is reached.
     well("move", "255", "--speed", "0")
@@ -93,6 +99,21 @@ def test_a_live_view_in_a_terminal(moved, terminal):
     # What stood on the terminal before is there again.
     terminal.wait_for("gripperctl watch")
     assert not any("link RUNNING" in line for line in terminal.shown())
+    assert terminal.state() == (False, True)
+
+
+def test_the_live_view_stops_and_goes_on(daemon, terminal):
+    terminal.type(f"{binary('gripperctl')} watch --interval 0.1")
+    for _ in range(2):
+        terminal.wait_for("link RUNNING")
+        terminal.press("C-z")
+        terminal.wait_for("Stopped")
+        assert terminal.state() == (False, True)
+        terminal.type("fg")
+    terminal.wait_for("link RUNNING")
+    assert terminal.state() == (True, False)
+    terminal.press("C-c")
+    eventually(lambda: terminal.state() == (False, True))
 
 
 def test_the_live_view_ends_in_form_when_the_connection_is_lost(terminal):
@@ -222,6 +243,7 @@ def test_drawing_needs_gnuplot(recording, tmp_path):
     ("HEADER\nx,0.1,9,far,0,0,-,0,RUNNING\n", "line 2 is none of a recording"),
     ("HEADER\nx,0.1,9\n", "line 2 is none of a recording"),
     ("HEADER\n", "nothing was recorded"),
+    ("HEADER\nx,0.1,9,1,0,0,-,0,ERR_TIMEOUT\n", "nothing was recorded"),
 ])
 def test_a_file_that_is_no_recording(tmp_path, content, said):
     path = tmp_path / "some.csv"

@@ -34,6 +34,7 @@ void TestGripperctlProtocol::hostsAreReadAsTheyAreWritten_data()
     QTest::newRow("10.0.0.7:1") << "10.0.0.7" << 1 << "10.0.0.7:1";
     QTest::newRow("robot:65535") << "robot" << 65535 << "robot:65535";
     QTest::newRow("[::1]") << "::1" << 63352 << "[::1]:63352";
+    QTest::newRow("[fe80::2%eth0]") << "fe80::2%eth0" << 63352 << "[fe80::2%eth0]:63352";
     QTest::newRow("[fe80::2]:80") << "fe80::2" << 80 << "[fe80::2]:80";
 }
 
@@ -108,10 +109,10 @@ void TestGripperctlProtocol::wordsOfARequest_data()
 {
     QTest::addColumn<bool>("isRequest");
     for (const char *words :
-         {"POS 0", "pos 255 GTO 1", "SCN_BLOCK", "SCN SCN", "MUTE 1 THROTTLE 0"})
+         {"POS 0", "POS 007", "pos 255 GTO 1", "SCN_BLOCK", "SCN SCN", "MUTE 1 THROTTLE 0"})
         QTest::newRow(words) << true;
-    for (const char *words :
-         {"1", "POS 256", "POS -1", "POS 1 2", "POS 1x", "POZ 1", "PO", "GET 1"})
+    for (const char *words : {"1", "POS 256", "POS 0100", "POS 1000", "POS -1", "POS 1 2", "POS 1x",
+                              "POZ 1", "PO", "GET 1"})
         QTest::newRow(words) << false;
 }
 
@@ -129,9 +130,9 @@ void TestGripperctlProtocol::theGripperThatIsMeant_data()
     QTest::addColumn<int>("chosen");
     QTest::addColumn<int>("exitCode");
     QTest::newRow("9 is the usual one") << QVector<int>{2, 9} << 0 << 9 << 0;
-    QTest::newRow("the only one") << QVector<int>{4} << 0 << 4 << 0;
+    QTest::newRow("the only one is another") << QVector<int>{4} << 0 << 0 << 5;
     QTest::newRow("the one that is named") << QVector<int>{2, 3, 9} << 3 << 3 << 0;
-    QTest::newRow("not clear") << QVector<int>{2, 3} << 0 << 0 << 2;
+    QTest::newRow("all are others") << QVector<int>{2, 3} << 0 << 0 << 5;
     QTest::newRow("not there") << QVector<int>{2, 9} << 3 << 0 << 5;
     QTest::newRow("nobody there") << QVector<int>() << 9 << 0 << 5;
 }

@@ -175,6 +175,9 @@ void TestGripperctlViews::aRecordingIsReadAsItWasWritten()
     QCOMPARE(samples.at(0).current, 33);
     QVERIFY(samples.at(0).isLive);
     QVERIFY(!samples.at(1).isLive);
+    const QString asSpreadsheetsWrite =
+        textFrom(lines).replace(QLatin1Char('\n'), QLatin1String("\r\n"));
+    QVERIFY(recording::parse(asSpreadsheetsWrite).first().isLive);
 }
 
 void TestGripperctlViews::aTimeWithoutALinkIsAGapInTheCurve()

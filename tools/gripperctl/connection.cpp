@@ -44,16 +44,26 @@ Connection::Connection(const Endpoint &endpoint, const Wait &wait)
 
 QString Connection::get(const QString &name)
 {
-    return get(QStringList{name}).value(name.toUpper());
+    return get(name, m_wait);
+}
+
+QString Connection::get(const QString &name, const Wait &wait)
+{
+    return get(QStringList{name}, wait).value(name.toUpper());
 }
 
 Values Connection::get(const QStringList &names)
+{
+    return get(names, m_wait);
+}
+
+Values Connection::get(const QStringList &names, const Wait &wait)
 {
     const QString request = QStringLiteral("GET ") + names.join(QStringLiteral("\nGET "));
     send(request);
     Values values;
     for (int replies = 0; replies < names.size(); ++replies) {
-        const QByteArray line = readLine(request);
+        const QByteArray line = readLine(request, wait);
         const auto reply = protocol::parseReply(QString::fromUtf8(line));
         // A reply that had to wait for the bus comes behind later ones: the name tells.
         if (!reply || !names.contains(reply->name, Qt::CaseInsensitive))
@@ -99,10 +109,10 @@ void Connection::send(const QString &text)
     m_socket.flush();
 }
 
-QByteArray Connection::readLine(const QString &request)
+QByteArray Connection::readLine(const QString &request, const Wait &wait)
 {
     waitFor([this] { return m_socket.canReadLine() || m_socket.bytesAvailable() > longestReply; },
-            request, m_wait);
+            request, wait);
     QByteArray line = m_socket.readLine();
     if (line.endsWith('\n'))
         line.chop(1);

@@ -27,10 +27,12 @@ public:
     Connection(const Endpoint &endpoint, const Wait &wait);
 
     QString get(const QString &name);
+    QString get(const QString &name, const Wait &wait);
 
     /// All in one packet, so that they come from one state of the daemon. A name that is asked for
     /// twice has one value.
     Values get(const QStringList &names);
+    Values get(const QStringList &names, const Wait &wait);
 
     /// Whether the pairs, such as "POS 120 GTO 1", were acknowledged.
     bool set(const QString &pairs);
@@ -46,7 +48,7 @@ private:
     void send(const QString &text);
     void waitFor(const std::function<bool()> &isThere, const QString &request, const Wait &wait);
     void waitSlice(const QString &request);
-    QByteArray readLine(const QString &request);
+    QByteArray readLine(const QString &request, const Wait &wait);
     [[noreturn]] void failBecauseForeign(const QByteArray &reply) const;
 
     Endpoint m_endpoint;

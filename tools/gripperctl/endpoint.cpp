@@ -11,8 +11,9 @@ QString Endpoint::text() const
 
 std::optional<Endpoint> Endpoint::fromText(const QString &text)
 {
-    static const QRegularExpression form(QStringLiteral(
-        R"(\A(?:\[(?<ipv6>[0-9A-Fa-f:.]+)\]|(?<host>[^:\[\]\s]+))(?::(?<port>\d+))?\z)"));
+    static const QRegularExpression form(
+        QStringLiteral(R"(\A(?:\[(?<ipv6>[0-9A-Fa-f:.]+(?:%[^\[\]\s]+)?)\]|(?<host>[^:\[\]\s]+)))"
+                       R"((?::(?<port>\d+))?\z)"));
     const QRegularExpressionMatch match = form.match(text);
     if (!match.hasMatch())
         return std::nullopt;

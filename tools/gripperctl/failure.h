@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QJsonObject>
 #include <QString>
 
 /// How a run ends. Scripts look at these numbers, so they stay as they are.
@@ -19,4 +20,5 @@ struct Failure
 {
     ExitCode code;
     QString text;
+    QJsonObject known = {}; ///< what was found out all the same
 };

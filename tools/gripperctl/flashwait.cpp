@@ -9,6 +9,7 @@
 
 namespace {
 
+constexpr int answerTimeoutMs = 10'000;
 constexpr int flashTimeoutMs = 600'000;
 constexpr int lookEveryMs = 100;
 // Where polling goes on, the first read finds the port closed and the link's state changes: within
@@ -16,25 +17,21 @@ constexpr int lookEveryMs = 100;
 constexpr int standstillMs = 1500;
 constexpr int standstillLookMs = 10;
 
+/// Not interruptible: only the answer tells who has to unmute polling.
 bool isFlashing(Session &session)
 {
-    return session.connection().get(QStringLiteral("UPG")) != QLatin1String("0");
+    const Connection::Wait wait{session.timeoutMs(answerTimeoutMs), false};
+    return session.connection().get(QStringLiteral("UPG"), wait) != QLatin1String("0");
 }
 
-Values linkValues(Session &session)
+bool valuesStandStill(Session &session, const Values &atFirst)
 {
-    return session.connection().get({QStringLiteral("DRI"), QStringLiteral("SID")});
-}
-
-bool valuesStandStill(Session &session)
-{
-    const Values atFirst = linkValues(session);
     QElapsedTimer timer;
     timer.start();
     while (timer.elapsed() < standstillMs) {
-        pauseFor(standstillLookMs);
         if (linkValues(session) != atFirst)
             return false;
+        pauseFor(standstillLookMs);
     }
     return true;
 }
@@ -81,13 +78,18 @@ void leaveItToTheDaemon(Session &session, MutedPolling &muted)
 
 } // namespace
 
-FlasherEnd waitForFlasher(Session &session, MutedPolling &muted)
+Values linkValues(Session &session)
+{
+    return session.connection().get({QStringLiteral("DRI"), QStringLiteral("SID")});
+}
+
+FlasherEnd waitForFlasher(Session &session, MutedPolling &muted, const Values &atFirst)
 {
     if (isFlashing(session)) {
         leaveItToTheDaemon(session, muted);
         return FlasherEnd::Ended;
     }
-    const bool hasNeverStarted = valuesStandStill(session);
+    const bool hasNeverStarted = valuesStandStill(session, atFirst);
     muted.unmute();
     return hasNeverStarted ? FlasherEnd::NeverStarted : FlasherEnd::Ended;
 }

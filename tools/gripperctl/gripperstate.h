@@ -26,6 +26,8 @@ public:
     bool isThere() const;
     /// The state of the link at the same moment.
     QString link() const { return text("DRI"); }
+    /// Whether the gripper is there and answers; otherwise its values are those of before.
+    bool isLive() const { return isThere() && link() == QLatin1String("RUNNING"); }
 
     QString firmware() const { return text("FWV"); }
     QString serialNumber() const { return text("SNU"); }

@@ -29,7 +29,7 @@ void catchInterruptions()
     // Without SA_RESTART a question on the terminal ends as well.
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigemptyset(&action.sa_mask);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
         sigaction(number, &action, nullptr);
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-/// From here on SIGINT, SIGTERM and SIGHUP are only noted, once each: the second one of a kind ends
-/// the process at once.
+/// From here on SIGINT, SIGTERM, SIGHUP and SIGQUIT are only noted, once each: the second one of a
+/// kind ends the process at once.
 void catchInterruptions();
 
 bool isInterrupted();

@@ -9,7 +9,19 @@
 
 #include <exception>
 
+#include <fcntl.h>
+
 namespace {
+
+/// Those that are closed: otherwise the connection gets their numbers, and what is printed with
+/// them.
+void openStandardStreams()
+{
+    for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+        if (::fcntl(descriptor, F_GETFD) == -1)
+            ::open("/dev/null", O_RDWR);
+    }
+}
 
 int numberOf(ExitCode code)
 {
@@ -57,7 +69,7 @@ int runWith(const QStringList &words)
     try {
         run(Options::fromWords(words), output);
     } catch (const Failure &failure) {
-        output.problem(failure.text, numberOf(failure.code));
+        output.problem(failure.text, numberOf(failure.code), failure.known);
         return numberOf(failure.code);
     }
     return numberOf(ExitCode::Done);
@@ -67,6 +79,7 @@ int runWith(const QStringList &words)
 
 int main(int argc, char *argv[])
 {
+    openStandardStreams();
     try {
         const QCoreApplication application(argc, argv);
         return runWith(QCoreApplication::arguments().mid(1));

@@ -20,13 +20,19 @@ void setMuted(Connection &connection, int value)
 MutedPolling::MutedPolling(Session &session)
     : m_session(session)
 {
-    setMuted(session.connection(), 1);
-    m_isOurs = true;
+    Connection &connection = session.connection();
+    try {
+        setMuted(connection, 1);
+    } catch (const Failure &) {
+        // Without an answer it may have come into force, or may yet.
+        unmuteWhateverHappened();
+        throw;
+    }
 }
 
 MutedPolling::~MutedPolling()
 {
-    if (m_isOurs)
+    if (!m_isOver)
         unmuteWhateverHappened();
 }
 
@@ -38,19 +44,22 @@ void MutedPolling::letLineFallSilent()
 void MutedPolling::unmute()
 {
     setMuted(m_session.connection(), 0);
-    m_isOurs = false;
+    m_isOver = true;
 }
 
 void MutedPolling::leaveMuted()
 {
-    m_isOurs = false;
+    m_isOver = true;
 }
 
 /// On a connection of its own: the other one may be waiting for a reply, or be lost.
 void MutedPolling::unmuteWhateverHappened()
 {
     try {
-        setMuted(*m_session.connectAgain(), 0);
+        const auto connection = m_session.connectAgain();
+        // The line belongs to a flasher, ours or another's: the daemon unmutes when that has ended.
+        if (connection->get(QStringLiteral("UPG")) != QLatin1String("1"))
+            setMuted(*connection, 0);
     } catch (const Failure &) {
         m_session.output().note(
             QStringLiteral("polling may still be muted: gripperctl set MUTE 0"));

@@ -2,8 +2,8 @@
 
 class Session;
 
-/// Polling is muted as long as this lives, however it ends: a request that takes the line is
-/// disturbed by a poll that is under way.
+/// Polling is muted as long as this lives, however it ends, unless a flasher has the line by then:
+/// a request that takes the line is disturbed by a poll that is under way.
 class MutedPolling
 {
 public:
@@ -25,5 +25,5 @@ private:
     void unmuteWhateverHappened();
 
     Session &m_session;
-    bool m_isOurs = false;
+    bool m_isOver = false;
 };

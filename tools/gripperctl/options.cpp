@@ -37,7 +37,8 @@ void checkNumber(const OptionRow &row, const QString &value)
     bool isNumber = false;
     const double number =
         row.kind == OptionRow::Kind::Whole ? value.toInt(&isNumber) : value.toDouble(&isNumber);
-    if (!isNumber || number < row.least || number > row.most) {
+    // Written so that what is no number at all is refused as well.
+    if (!isNumber || !(number >= row.least && number <= row.most)) {
         refuse(QStringLiteral("--%1 is a number of %2 to %3, not \"%4\"")
                    .arg(row.nameText())
                    .arg(row.least)

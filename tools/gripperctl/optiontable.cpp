@@ -40,7 +40,7 @@ const QVector<OptionRow> &generalOptions()
 {
     static const QVector<OptionRow> rows{
         text("host", "HOST[:PORT]", "Where gripperd listens (127.0.0.1:63352)."),
-        whole("gripper", "ID", 1, 9, "Which gripper; otherwise 9 if it is there, or the only one."),
+        whole("gripper", "ID", 1, 9, "Which gripper (9)."),
         flag("json", "Print JSON, for scripts."),
         seconds("timeout", "How long to wait for an answer, or for what was asked for."),
         {"help", "h", Kind::Flag, nullptr, 0, 0, "Explain gripperctl, or the command given."},

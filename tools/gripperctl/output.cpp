@@ -1,7 +1,10 @@
 #include "output.h"
 
+#include "failure.h"
+
 #include <QJsonDocument>
 
+#include <cerrno>
 #include <cstdio>
 
 #include <unistd.h>
@@ -14,12 +17,17 @@ void writeError(const QString &text)
     std::fflush(stderr);
 }
 
+QByteArray asLine(const QJsonObject &json)
+{
+    return QJsonDocument(json).toJson(QJsonDocument::Compact);
+}
+
 } // namespace
 
 bool writeOut(const QByteArray &text)
 {
-    std::fwrite(text.constData(), 1, static_cast<std::size_t>(text.size()), stdout);
-    return std::fflush(stdout) == 0;
+    const auto size = static_cast<std::size_t>(text.size());
+    return std::fwrite(text.constData(), 1, size, stdout) == size && std::fflush(stdout) == 0;
 }
 
 Output::Output(bool isJson)
@@ -30,9 +38,20 @@ Output::Output(bool isJson)
 
 bool Output::result(const QString &text, const QJsonObject &json) const
 {
+    errno = 0;
+    if (writeOut((m_isJson ? asLine(json) : text.toLocal8Bit()) + '\n'))
+        return true;
+    // Who reads no more has seen enough, and who interrupts, too.
+    if (errno == EPIPE || errno == EINTR)
+        return false;
+    throw Failure{ExitCode::LocalProblem,
+                  QStringLiteral("cannot write the result: %1").arg(qt_error_string(errno))};
+}
+
+void Output::partialResult(const QString &text) const
+{
     if (!m_isJson)
-        return writeOut(text.toLocal8Bit() + '\n');
-    return writeOut(QJsonDocument(json).toJson(QJsonDocument::Compact) + '\n');
+        result(text, {});
 }
 
 void Output::begin(const QString &stage)
@@ -63,10 +82,13 @@ void Output::note(const QString &text)
     writeError(QStringLiteral("gripperctl: %1\n").arg(text));
 }
 
-void Output::problem(const QString &text, int exitCode)
+void Output::problem(const QString &text, int exitCode, const QJsonObject &known)
 {
     note(text);
-    if (m_isJson)
-        result(QString(),
-               {{QStringLiteral("error"), text}, {QStringLiteral("exitCode"), exitCode}});
+    if (!m_isJson)
+        return;
+    QJsonObject json = known;
+    json.insert(QStringLiteral("error"), text);
+    json.insert(QStringLiteral("exitCode"), exitCode);
+    writeOut(asLine(json) + '\n');
 }

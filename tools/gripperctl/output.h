@@ -13,8 +13,11 @@ public:
     bool isJson() const { return m_isJson; }
 
     /// The result: `text`, which may have several lines, or one line of JSON. False if nobody reads
-    /// it any more.
+    /// it any more; throws a Failure if it cannot be written.
     bool result(const QString &text, const QJsonObject &json) const;
+
+    /// A part of the result that stands in the JSON of the end, and is text only here.
+    void partialResult(const QString &text) const;
 
     /// What begins now; ends what began before. Not shown with JSON.
     void begin(const QString &stage);
@@ -28,8 +31,8 @@ public:
     /// Something that the user should know.
     void note(const QString &text);
 
-    /// Why the run ends with that exit code.
-    void problem(const QString &text, int exitCode);
+    /// Why the run ends with that exit code. As JSON it is one line, with what is `known`.
+    void problem(const QString &text, int exitCode, const QJsonObject &known);
 
 private:
     bool m_isJson;

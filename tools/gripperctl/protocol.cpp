@@ -24,9 +24,9 @@ constexpr int greatestValue = 255;
 
 bool isValue(const QString &word)
 {
-    bool isNumber = false;
-    const int value = word.toInt(&isNumber);
-    return isNumber && value >= 0 && value <= greatestValue;
+    // Of more digits the daemon takes the first three.
+    static const QRegularExpression form(QStringLiteral(R"(\A[0-9]{1,3}\z)"));
+    return form.match(word).hasMatch() && word.toInt() <= greatestValue;
 }
 
 bool startsLikeNumber(const QString &word)
@@ -92,7 +92,8 @@ QString problemInPairs(const QStringList &words)
             if (!mayBeValue)
                 return QStringLiteral("\"%1\" has no name before it").arg(word);
             if (!isValue(word))
-                return QStringLiteral("\"%1\" is not a number of 0 to 255").arg(word);
+                return QStringLiteral("\"%1\" is not a number of 0 to 255, in three digits at most")
+                    .arg(word);
         } else if (findSetName(word) == nullptr) {
             return QStringLiteral("\"%1\" is no variable that can be set").arg(word);
         }

@@ -72,7 +72,8 @@ QStringList lines(const Snapshot &snapshot, double seconds)
 
 QVector<Sample> parse(const QString &text)
 {
-    const QStringList all = text.split(QLatin1Char('\n'));
+    // Spreadsheets end their lines in two characters.
+    const QStringList all = QString(text).remove(QLatin1Char('\r')).split(QLatin1Char('\n'));
     if (all.first() != header())
         fail(1);
     QVector<Sample> samples;

@@ -57,17 +57,13 @@ int chooseGripper(const QVector<int> &found, std::optional<int> wanted, const QS
                                      "is the line plugged in?")
                           .arg(link)};
     }
-    const int id = wanted.value_or(found.size() == 1 ? found.first() : usualGripper);
+    // No other takes its place: it may only have gone for a moment.
+    const int id = wanted.value_or(usualGripper);
     if (found.contains(id))
         return id;
-    if (!wanted) {
-        throw Failure{
-            ExitCode::WrongUsage,
-            QStringLiteral("which gripper? There are %1: say --gripper ID").arg(listOfIds(found))};
-    }
     throw Failure{ExitCode::NoGripper,
-                  QStringLiteral("there is no gripper %1, but there are %2: gripperctl scan looks "
-                                 "again")
+                  QStringLiteral("there is no gripper %1, but there are %2: say --gripper ID, or "
+                                 "let gripperctl scan look again")
                       .arg(id)
                       .arg(listOfIds(found))};
 }

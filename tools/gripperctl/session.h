@@ -21,8 +21,8 @@ public:
     /// Another one, which works although this run was interrupted.
     std::unique_ptr<Connection> connectAgain() const;
 
-    /// The id of the gripper that is meant, which the connection addresses from now on. Throws a
-    /// Failure if it is not there, or if it is not clear which one is meant.
+    /// The id of the gripper that is meant, which the connection addresses from now on: 9, or that
+    /// of --gripper. Throws a Failure if it is not there.
     int selectGripper();
 
     /// The --timeout, or `otherwiseMs` without one.

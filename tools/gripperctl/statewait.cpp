@@ -30,7 +30,7 @@ Failure goneFailure(const GripperState &last)
 {
     return {ExitCode::NoGripper,
             QStringLiteral("gripper %1 has gone from the line (link: %2): look at its cable and "
-                           "power, then gripperctl status")
+                           "power, then gripperctl scan")
                 .arg(last.id())
                 .arg(last.link())};
 }
@@ -48,7 +48,7 @@ GripperState waitForState(Session &session, int id, const Goal &goal)
         GripperState state = GripperState::read(session.connection(), id);
         if (state.isThere())
             sinceSeen.start();
-        if (state.isThere() && goal.isReached(state)) {
+        if (state.isLive() && goal.isReached(state)) {
             session.output().endStage();
             return state;
         }

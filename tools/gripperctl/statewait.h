@@ -15,6 +15,7 @@ struct Goal
 };
 
 /// Looks at the gripper that the connection addresses until the goal is reached, and returns what
-/// it saw then. Throws a Failure when the time is over, or when the gripper has been gone for three
-/// seconds: a disturbed line loses it for less.
+/// it saw then. What it sees while the link is down is not judged: that is of before. Throws a
+/// Failure when the time is over, or when the gripper has been gone for three seconds: a disturbed
+/// line loses it for less.
 GripperState waitForState(Session &session, int id, const Goal &goal);

@@ -44,10 +44,10 @@ def as_json(*words, **options):
 
 
 def start_ctl(*words, **options):
+    options.setdefault("stdout", subprocess.PIPE)
     return spawn(
         [binary("gripperctl"), *map(str, words)],
-        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-        **options,
+        stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, **options,
     )
 
 

@@ -5,12 +5,16 @@
 #include "session.h"
 #include "statewait.h"
 
+#include <QElapsedTimer>
+
 namespace {
 
 constexpr int opened = 0;
 constexpr int closed = 255;
 // At the lowest speed the whole way takes a few seconds.
 constexpr int motionTimeoutMs = 30'000;
+// Of four grippers, as many as a scan finds, each is seen every 200 ms, and writes come in between.
+constexpr qint64 oldestValueMs = 400;
 
 QString requestFor(const Options &options, int position)
 {
@@ -42,15 +46,32 @@ void refuseInactive(const GripperState &state)
                       .arg(state.position())};
 }
 
-GripperState waitForEnd(Session &session, int id, int position)
+GripperState waitForEnd(Session &session, const GripperState &before, int position)
 {
-    const auto isOver = [position](const GripperState &state) {
+    // A gripper that showed this request already may have taken another one since, which does not
+    // show yet.
+    const bool isShownAlready = before.goesTo() && before.requestedPosition() == position;
+    QElapsedTimer sinceRequest;
+    sinceRequest.start();
+    const auto isOver = [=](const GripperState &state) {
         const Motion motion = judgeMotion(state, position);
-        return motion != Motion::NotTaken && motion != Motion::UnderWay;
+        const bool isFresh = !isShownAlready || sinceRequest.elapsed() > oldestValueMs;
+        return isFresh && motion != Motion::NotTaken && motion != Motion::UnderWay;
     };
-    return waitForState(
-        session, id,
-        {QStringLiteral("moving to %1").arg(position), session.timeoutMs(motionTimeoutMs), isOver});
+    const Goal goal{QStringLiteral("moving to %1").arg(position),
+                    session.timeoutMs(motionTimeoutMs), isOver};
+    try {
+        return waitForState(session, before.id(), goal);
+    } catch (const Failure &failure) {
+        if (failure.code != ExitCode::Interrupted)
+            throw;
+        throw Failure{
+            failure.code,
+            QStringLiteral("interrupted: gripper %1 goes on to %2. gripperctl --gripper %1 "
+                           "set GTO 0 stops it")
+                .arg(before.id())
+                .arg(position)};
+    }
 }
 
 void tell(Session &session, const GripperState &state, int wanted, const QString &text)
@@ -61,6 +82,16 @@ void tell(Session &session, const GripperState &state, int wanted, const QString
                              {QStringLiteral("position"), state.position()},
                              {QStringLiteral("object"), state.objectText()},
                              {QStringLiteral("current"), state.current()},
+                             {QStringLiteral("text"), text}});
+}
+
+/// Nothing of what the gripper shows: that is still of before.
+void tellStart(Session &session, int id, int wanted)
+{
+    const QString text = QStringLiteral("was told to go to %1").arg(wanted);
+    session.output().result(QStringLiteral("gripper %1 %2").arg(id).arg(text),
+                            {{QStringLiteral("gripper"), id},
+                             {QStringLiteral("requestedPosition"), wanted},
                              {QStringLiteral("text"), text}});
 }
 
@@ -82,10 +113,10 @@ void moveTo(Session &session, int position)
     refuseInactive(before);
     session.connection().set(requestFor(session.options(), position));
     if (!session.options().has("wait")) {
-        tell(session, before, position, QStringLiteral("was told to go to %1").arg(position));
+        tellStart(session, id, position);
         return;
     }
-    const GripperState after = waitForEnd(session, id, position);
+    const GripperState after = waitForEnd(session, before, position);
     if (after.fault() != 0)
         failByFault(after);
     refuseInactive(after);

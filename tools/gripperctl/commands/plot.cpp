@@ -8,6 +8,8 @@
 #include <QFileInfo>
 #include <QProcess>
 
+#include <algorithm>
+
 namespace {
 
 constexpr int plotTimeoutMs = 60'000;
@@ -23,8 +25,9 @@ QVector<Sample> read(const QString &path)
     if (!file.open(QIODevice::ReadOnly))
         fail(QStringLiteral("cannot read %1: %2").arg(path, file.errorString()));
     const QVector<Sample> samples = recording::parse(QString::fromUtf8(file.readAll()));
-    if (samples.isEmpty())
-        fail(QStringLiteral("nothing was recorded in %1").arg(path));
+    const auto isLive = [](const Sample &sample) { return sample.isLive; };
+    if (std::none_of(samples.begin(), samples.end(), isLive))
+        fail(QStringLiteral("nothing was recorded in %1 while the link ran").arg(path));
     return samples;
 }
 

@@ -42,17 +42,17 @@ QJsonObject jsonOf(const Values &values)
     return json;
 }
 
-/// These have commands of their own, which see to everything around them.
+/// These are there in a form of their own, which sees to everything around them.
 void refuseGuarded(const QStringList &words)
 {
-    const std::pair<const char *, const char *> guarded[] = {{"NID", "rename"}, {"UPG", "upgrade"}};
-    for (const auto &[name, command] : guarded) {
-        if (words.contains(QLatin1String(name), Qt::CaseInsensitive)) {
-            throw Failure{
-                ExitCode::WrongUsage,
-                QStringLiteral("%1 is left to gripperctl %2, which keeps the gripper safe")
-                    .arg(QLatin1String(name), QLatin1String(command))};
-        }
+    const std::pair<const char *, const char *> guarded[] = {
+        {"NID", "NID is left to gripperctl rename, which keeps the gripper safe"},
+        {"UPG", "UPG is left to gripperctl upgrade, which keeps the gripper safe"},
+        // In one request with others it would not even hold for those.
+        {"SID", "SID would end with this connection: say --gripper ID instead"}};
+    for (const auto &[name, problem] : guarded) {
+        if (words.contains(QLatin1String(name), Qt::CaseInsensitive))
+            throw Failure{ExitCode::WrongUsage, QString::fromLatin1(problem)};
     }
 }
 
@@ -65,19 +65,20 @@ bool anyNamed(const QStringList &words, Wanted isWanted)
     });
 }
 
-bool sendPairs(Session &session, const QStringList &words)
+bool sendPairs(Session &session, const QStringList &words, bool isInterruptible = true)
 {
     const bool isSlow = anyNamed(words, [](const auto &row) { return row.takesSeconds; });
     const int timeoutMs = session.timeoutMs(isSlow ? slowTimeoutMs : 10'000);
-    return session.connection().set(words.join(QLatin1Char(' ')), {timeoutMs});
+    return session.connection().set(words.join(QLatin1Char(' ')), {timeoutMs, isInterruptible});
 }
 
-/// The jump leaves polling muted, which is as it should be while a bootloader has the line.
+/// The jump leaves polling muted, which is as it should be while a bootloader has the line. Not
+/// interruptible: the daemon mutes at the end of a jump, so only its answer tells what holds.
 bool sendIntoBootloader(Session &session, const QStringList &words)
 {
     MutedPolling muted(session);
     muted.letLineFallSilent();
-    if (!sendPairs(session, words))
+    if (!sendPairs(session, words, false))
         return false;
     muted.leaveMuted();
     session.output().note(QStringLiteral("polling stays muted until gripperctl set MUTE 0"));
@@ -92,12 +93,13 @@ void commands::get(Session &session)
     if (!std::all_of(names.begin(), names.end(), protocol::isDaemonValue))
         session.selectGripper();
     const Values values = session.connection().get(names);
-    session.output().result(textOf(values, names), jsonOf(values));
     const QString unknown = values.key(protocol::noValue());
     if (!unknown.isEmpty()) {
+        session.output().partialResult(textOf(values, names));
         throw Failure{ExitCode::Refused,
-                      QStringLiteral("gripperd knows no value of %1").arg(unknown)};
+                      QStringLiteral("gripperd knows no value of %1").arg(unknown), jsonOf(values)};
     }
+    session.output().result(textOf(values, names), jsonOf(values));
 }
 
 void commands::set(Session &session)

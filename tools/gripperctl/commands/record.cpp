@@ -50,8 +50,8 @@ private:
 
 void recordInto(RecordingFile &file, Session &session)
 {
-    const qint64 endMs =
-        session.options().milliseconds("seconds").value_or(std::numeric_limits<int>::max());
+    const auto wantedMs = session.options().milliseconds("seconds");
+    const qint64 endMs = wantedMs ? *wantedMs : std::numeric_limits<qint64>::max();
     Pacer pacer(session.options().milliseconds("interval").value_or(usualIntervalMs));
     do {
         const double seconds = static_cast<double>(pacer.elapsedMs()) / 1000;

@@ -44,27 +44,50 @@ void refuseInUse(int id, const QVector<int> &found)
 
 void sendMove(Session &session, int from, int to)
 {
-    MutedPolling muted(session);
-    muted.letLineFallSilent();
     Output &output = session.output();
     output.begin(QStringLiteral("gripper %1: storing id %2, restarting, scanning (about 10 s)")
                      .arg(from)
                      .arg(to));
-    session.connection().set(QStringLiteral("NID %1").arg(to),
-                             {session.timeoutMs(moveTimeoutMs), true,
-                              [&output](qint64 elapsedMs) { output.tick(elapsedMs); }});
+    try {
+        session.connection().set(QStringLiteral("NID %1").arg(to),
+                                 {session.timeoutMs(moveTimeoutMs), true,
+                                  [&output](qint64 elapsedMs) { output.tick(elapsedMs); }});
+    } catch (const Failure &failure) {
+        if (failure.code != ExitCode::Interrupted)
+            throw;
+        throw Failure{failure.code,
+                      QStringLiteral("interrupted: gripperd goes on with it. In ten seconds "
+                                     "gripperctl scan shows which id the gripper has")};
+    }
     output.endStage();
+}
+
+/// On a silent line. Returns the serial number of the gripper that has been told to move.
+QString moveOnSilentLine(Session &session, int from, int to)
+{
+    MutedPolling muted(session);
+    muted.letLineFallSilent();
+    // A gripper that was plugged in since the last scan is on no list, and has its id all the same.
+    const QVector<int> found = scanNow(session);
+    chooseGripper(found, from, session.connection().get(QStringLiteral("DRI")));
+    refuseInUse(to, found);
+    session.connection().select(from);
+    QString serialNumber = session.connection().get(QStringLiteral("SNU"));
+    sendMove(session, from, to);
     muted.unmute();
+    return serialNumber;
 }
 
 [[noreturn]] void failUnmoved(Session &session, int from, int to)
 {
     if (scanUntilFound(session, from)) {
-        throw Failure{ExitCode::Refused,
-                      QStringLiteral("gripper %1 kept its id: it did not take %2. Try again; the "
-                                     "daemon's log tells more")
-                          .arg(from)
-                          .arg(to)};
+        throw Failure{
+            ExitCode::Refused,
+            QStringLiteral("gripper %1 kept its id. Switch it off and on, then gripperctl "
+                           "scan: it may have stored %2. If not, try again; the "
+                           "daemon's log tells more")
+                .arg(from)
+                .arg(to)};
     }
     throw Failure{ExitCode::NoGripper,
                   QStringLiteral("the gripper answers neither as %1 nor as %2: switch it off and "
@@ -83,12 +106,8 @@ void commands::rename(Session &session)
     if (from == to)
         throw Failure{ExitCode::WrongUsage, QStringLiteral("the gripper has that id already")};
     refuseDuringUpgrade(session);
-    const QVector<int> found = session.connection().grippers();
-    chooseGripper(found, from, session.connection().get(QStringLiteral("DRI")));
-    refuseInUse(to, found);
-    session.connection().select(from);
-    const QString serialNumber = session.connection().get(QStringLiteral("SNU"));
-    sendMove(session, from, to);
+    refuseInUse(to, session.connection().grippers());
+    const QString serialNumber = moveOnSilentLine(session, from, to);
     // Every move is acknowledged: who answers there now tells whether it came to pass.
     const bool isThere = session.connection().select(to) &&
                          session.connection().get(QStringLiteral("SNU")) == serialNumber;

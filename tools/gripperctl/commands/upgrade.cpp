@@ -64,7 +64,14 @@ QString presentState(Session &session, int id)
 
 [[noreturn]] void fail(Session &session, int id, const QString &problem)
 {
-    throw Failure{ExitCode::Refused, problem + QLatin1Char(' ') + presentState(session, id)};
+    QString state;
+    try {
+        state = presentState(session, id);
+    } catch (const Failure &failure) {
+        // What is wrong with the upgrade is not lost over it.
+        state = QStringLiteral("Polling goes on; more is not known: ") + failure.text;
+    }
+    throw Failure{ExitCode::Refused, problem + QLatin1Char(' ') + state};
 }
 
 /// Returns when the flasher has ended and polling goes on.
@@ -72,11 +79,14 @@ void flash(Session &session, int id)
 {
     MutedPolling muted(session);
     muted.letLineFallSilent();
+    const Values atFirst = linkValues(session);
     if (!requestUpgrade(session, id)) {
+        // One of another client is refused so, too.
+        refuseDuringUpgrade(session);
         muted.unmute();
         fail(session, id, QStringLiteral("the gripper was not found in its bootloader."));
     }
-    switch (waitForFlasher(session, muted)) {
+    switch (waitForFlasher(session, muted, atFirst)) {
     case FlasherEnd::Ended:
         return;
     case FlasherEnd::NeverStarted:
@@ -121,6 +131,8 @@ void commands::upgrade(Session &session)
     const GripperState before = GripperState::read(session.connection(), id);
     refuseDuringUpgrade(session);
     makeSure(session, before);
+    // The answer may have taken its time.
+    refuseDuringUpgrade(session);
     flash(session, id);
     if (!scanUntilFound(session, id)) {
         throw Failure{

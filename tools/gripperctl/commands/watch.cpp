@@ -6,7 +6,10 @@
 #include "session.h"
 #include "watchview.h"
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 
 #include <sys/ioctl.h>
@@ -29,12 +32,59 @@ int screenWidth()
     return isKnown ? size.ws_col : usualWidth;
 }
 
+constexpr const char *enterScreen = "\x1b[?1049h\x1b[?25l";
+constexpr const char *leaveScreen = "\x1b[?25h\x1b[?1049l";
+
+/// As it may be done in a signal handler.
+void writeAtOnce(const char *text)
+{
+    // Nobody could be told of a failure.
+    [[maybe_unused]] const auto written = ::write(STDOUT_FILENO, text, std::strlen(text));
+}
+
+void catchStop();
+
+} // namespace
+
+extern "C" {
+/// Ctrl-Z: the shell gets its own screen until it lets us go on.
+static void stopOnOwnScreen(int /*number*/)
+{
+    const int errnoBefore = errno;
+    writeAtOnce(leaveScreen);
+    raise(SIGTSTP);
+    catchStop();
+    writeAtOnce(enterScreen);
+    errno = errnoBefore;
+}
+}
+
+namespace {
+
+void catchStop()
+{
+    struct sigaction action = {};
+    action.sa_handler = stopOnOwnScreen;
+    // The second one, from the handler, stops the process.
+    action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_NODEFER | SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGTSTP, &action, nullptr);
+}
+
 /// The terminal's second screen, without a cursor; the first comes back at the end.
 class Screen
 {
 public:
-    Screen() { writeOut("\x1b[?1049h\x1b[?25l"); }
-    ~Screen() { writeOut("\x1b[?25h\x1b[?1049l"); }
+    Screen()
+    {
+        writeOut(enterScreen);
+        catchStop();
+    }
+    ~Screen()
+    {
+        std::signal(SIGTSTP, SIG_DFL);
+        writeOut(leaveScreen);
+    }
     Screen(const Screen &) = delete;
     Screen &operator=(const Screen &) = delete;
 
