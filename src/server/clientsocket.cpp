@@ -92,13 +92,18 @@ qint64 ClientSocket::readData(char *data, qint64 maxSize)
 
 qint64 ClientSocket::writeData(const char *data, qint64 size)
 {
+    addReply({data, static_cast<std::size_t>(size)});
+    return size;
+}
+
+void ClientSocket::addReply(std::string_view reply)
+{
     // Whoever can no longer be written to still has its requests carried out.
     if (m_outputEnded)
-        return size;
+        return;
     if (m_unsent.isEmpty())
         m_unsent.reserve(usualBatchLength);
-    m_unsent.append(data, static_cast<int>(size));
-    return size;
+    m_unsent.append(reply.data(), static_cast<int>(reply.size()));
 }
 
 void ClientSocket::sendReplies()

@@ -5,6 +5,7 @@
 #include <QTcpSocket>
 
 #include <optional>
+#include <string_view>
 
 /// One client's connection. Does its own reading and writing on the descriptor, so that
 /// - what the client had sent before it closed or reset the connection is still read to the end;
@@ -36,6 +37,10 @@ public:
 
     /// Replies written and not yet taken by the kernel.
     qint64 bytesToWrite() const override;
+
+    /// Keeps the reply for sendReplies(). What QIODevice::write() does, without asking for every
+    /// reply what kind of device this is.
+    void addReply(std::string_view reply);
 
     /// Sends what has been written, as far as the kernel takes it now; the rest follows by itself.
     void sendReplies();

@@ -16,48 +16,43 @@ constexpr bool needsNothing = false;
 constexpr bool fromImage = false;
 constexpr bool mayAskDevice = true;
 
-void append(QByteArray &reply, std::string_view text)
-{
-    reply.append(text.data(), static_cast<int>(text.size()));
-}
-
-void appendNumber(QByteArray &reply, qint64 number, int minimumDigits = 1)
+void appendNumber(std::string &reply, qint64 number, int minimumDigits = 1)
 {
     std::array<char, 24> digits{};
     const auto end = std::to_chars(digits.begin(), digits.end(), number).ptr;
     const auto count = static_cast<int>(end - digits.begin());
-    reply.append(std::max(0, minimumDigits - count), '0');
-    reply.append(digits.data(), count);
+    reply.append(static_cast<std::size_t>(std::max(0, minimumDigits - count)), '0');
+    reply.append(digits.data(), end);
 }
 
-void appendIds(QByteArray &reply, const QVector<quint8> &ids)
+void appendIds(std::string &reply, const QVector<quint8> &ids)
 {
     std::string_view separator;
-    reply.append('[');
+    reply.push_back('[');
     for (const quint8 id : ids) {
-        append(reply, separator);
+        reply.append(separator);
         appendNumber(reply, id);
         separator = ", ";
     }
-    reply.append(']');
+    reply.push_back(']');
 }
 
 /// The value of a getter of the selected gripper, in decimal with at least that many digits.
 template <auto getter, int minimumDigits = 1>
-void gripperNumber(const GetSources &from, QByteArray &reply)
+void gripperNumber(const GetSources &from, std::string &reply)
 {
     appendNumber(reply, (from.gripper->*getter)(), minimumDigits);
 }
 
 template <auto getter>
-void gripperText(const GetSources &from, QByteArray &reply)
+void gripperText(const GetSources &from, std::string &reply)
 {
-    reply.append((from.gripper->*getter)().toUtf8());
+    reply.append((from.gripper->*getter)().toStdString());
 }
 
-void zero(const GetSources & /*from*/, QByteArray &reply)
+void zero(const GetSources & /*from*/, std::string &reply)
 {
-    reply.append('0');
+    reply.push_back('0');
 }
 
 using G = KvPelloGripper;
@@ -92,20 +87,20 @@ constexpr std::array<GetVariable, 29> variables{{
     {Server::__firmwareVersion, needsGripper, mayAskDevice, gripperText<&G::getFirmwareVersion>},
     {"PCO", needsNothing, fromImage, zero},
     {Server::__driverVersion, needsNothing, fromImage,
-     [](const GetSources &, QByteArray &reply) { append(reply, driverVersion); }},
+     [](const GetSources &, std::string &reply) { reply.append(driverVersion); }},
     {Server::__speedRequest, needsGripper, fromImage, gripperNumber<&G::getSpeedRequest>},
     {Server::__forceRequest, needsGripper, fromImage, gripperNumber<&G::getForceRequest>},
     {Server::__printableState, needsNothing, fromImage,
-     [](const GetSources &from, QByteArray &reply) {
-         reply.append(from.gripperList.getPrintableState());
+     [](const GetSources &from, std::string &reply) {
+         reply.append(from.gripperList.getPrintableState().toStdString());
      }},
     // The ids found on the bus, not the client's own selection.
     {Server::__socketSlaveId, needsNothing, fromImage,
-     [](const GetSources &from, QByteArray &reply) {
+     [](const GetSources &from, std::string &reply) {
          appendIds(reply, from.gripperList.getDiscoveredSlaveIds());
      }},
     {Server::__upgradeFirmware, needsNothing, fromImage,
-     [](const GetSources &from, QByteArray &reply) {
+     [](const GetSources &from, std::string &reply) {
          appendNumber(reply, from.gripperList.getUpgradeStatus());
      }},
 }};

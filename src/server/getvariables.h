@@ -1,7 +1,6 @@
 #pragma once
 
-#include <QByteArray>
-
+#include <string>
 #include <string_view>
 
 class GripperList;
@@ -20,7 +19,7 @@ struct GetVariable
     std::string_view name;
     bool needsGripper; ///< Without a selected gripper the answer is "?".
     bool mayWait;      ///< Reading the value may ask the device, pumping events meanwhile.
-    void (*appendValue)(const GetSources &from, QByteArray &reply);
+    void (*appendValue)(const GetSources &from, std::string &reply);
 };
 
 /// The row of that name, null when there is none.

@@ -70,6 +70,14 @@ bool endsWithSet(std::string_view token)
            token.substr(token.size() - setKeyword.size()) == setKeyword;
 }
 
+bool beginsWithGet(std::string_view text)
+{
+    if (text.size() < shortestGet || text.substr(0, getKeyword.size()) != getKeyword)
+        return false;
+    const std::string_view variable = text.substr(getKeyword.size(), getVariableLength);
+    return std::all_of(variable.begin(), variable.end(), isNameCharacter);
+}
+
 bool isBeginningOfGet(std::string_view text)
 {
     const std::string_view keyword = text.substr(0, getKeyword.size());
@@ -166,6 +174,8 @@ void RequestScanner::appendDecoded(std::string_view read)
 bool RequestScanner::takeNext(Request &request)
 {
     for (;;) {
+        if (cutGetAtFront(request))
+            return true;
         if (m_lineEnd == __nowhere)
             findLineEnd();
         if (cutGet(request) || cutSet(request))
@@ -218,13 +228,20 @@ RequestScanner::Position RequestScanner::findGet(Position limit)
     const std::string_view text = view(from, std::max(from, limit));
     for (std::size_t at = text.find(getKeyword); at != std::string_view::npos;
          at = text.find(getKeyword, at + 1)) {
-        const std::string_view variable = text.substr(at + getKeyword.size(), getVariableLength);
-        if (variable.size() == getVariableLength &&
-            std::all_of(variable.begin(), variable.end(), isNameCharacter))
+        if (beginsWithGet(text.substr(at)))
             return from + at;
     }
     m_getSearched = from + text.size() - std::min(text.size(), shortestGet - 1);
     return __nowhere;
+}
+
+// Nothing starts in front of it, so nothing else in the line matters.
+bool RequestScanner::cutGetAtFront(Request &request)
+{
+    if (!beginsWithGet(view(m_cut, textEnd())))
+        return false;
+    cutGetAt(m_cut, request);
+    return true;
 }
 
 // A GET counts only if it starts in front of the first complete SET of the line.
@@ -236,12 +253,17 @@ bool RequestScanner::cutGet(Request &request)
     const Position start = findGet(limit);
     if (start == __nowhere)
         return false;
+    cutGetAt(start, request);
+    return true;
+}
+
+void RequestScanner::cutGetAt(Position start, Request &request)
+{
     const Position lineEnding = skipSpaces(start + shortestGet);
     const Position end = skipLineEndings(lineEnding);
     request.kind = Request::Kind::Get;
     request.hasLineEnding = end > lineEnding;
     cut(start, end, request);
-    return true;
 }
 
 bool RequestScanner::cutSet(Request &request)

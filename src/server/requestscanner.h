@@ -112,7 +112,9 @@ private:
     void findLineEnd();
     void findCompleteSets();
     Position findGet(Position limit);
+    bool cutGetAtFront(Request &request);
     bool cutGet(Request &request);
+    void cutGetAt(Position start, Request &request);
     bool cutSet(Request &request);
     void cut(Position start, Position end, Request &request);
     void dropUntil(Position end);

@@ -24,13 +24,12 @@ constexpr int bytesPerRead = 16 * 1024;
 constexpr int lineRest = 64;
 constexpr std::size_t firstShare = 256;
 constexpr std::size_t laterShare = 4096;
-constexpr int usualReplyLength = 32;
 constexpr int firstSlaveId = GripperList::__max_slave_id;
 
 void write(ClientSocket *socket, std::string_view reply)
 {
     if (socket != nullptr)
-        socket->write(reply.data(), static_cast<qint64>(reply.size()));
+        socket->addReply(reply);
 }
 
 /// So that a GET does not lose its line ending to the next batch: of what follows a full read as
@@ -252,14 +251,14 @@ void Server::decodeGetVariables(ClientSocket *socket, const Request &match, cons
     const std::string_view name = match.variable();
     if (name.empty())
         return;
-    QByteArray reply;
-    reply.reserve(usualReplyLength);
+    // An ordinary one fits into the object itself.
+    std::string reply;
     if (match.hasLineEnding)
-        reply.append(name.data(), static_cast<int>(name.size())).append(' ');
+        reply.append(name).push_back(' ');
 
     const GetVariable *variable = findGetVariable(name);
     if (variable == nullptr || (variable->needsGripper && !gripper)) {
-        reply.append('?');
+        reply.push_back('?');
     } else {
         if (variable->mayWait && socket != nullptr)
             socket->sendReplies();
@@ -267,8 +266,8 @@ void Server::decodeGetVariables(ClientSocket *socket, const Request &match, cons
     }
 
     if (match.hasLineEnding)
-        reply.append('\n');
-    write(socket, {reply.constData(), static_cast<std::size_t>(reply.size())});
+        reply.push_back('\n');
+    write(socket, reply);
 }
 
 void Server::decodeSetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper)

@@ -8,6 +8,7 @@
 #include <QTest>
 
 #include <memory>
+#include <string>
 
 namespace {
 
@@ -96,9 +97,9 @@ QByteArray tst_GetVariables::valueOf(const QByteArray &name)
     const GetVariable *variable = findGetVariable(viewOf(name));
     if (variable == nullptr)
         return "no such row";
-    QByteArray value;
+    std::string value;
     variable->appendValue({*m_list, variable->needsGripper ? m_gripper.data() : nullptr}, value);
-    return value;
+    return QByteArray::fromStdString(value);
 }
 
 void tst_GetVariables::variableHasItsValue_data()
@@ -193,9 +194,9 @@ void tst_GetVariables::activationCountsOnlyOnceItIsCompleted()
 
 void tst_GetVariables::valueIsAppended()
 {
-    QByteArray reply("VER ");
+    std::string reply("VER ");
     findGetVariable("VER")->appendValue({*m_list, nullptr}, reply);
-    QCOMPARE(reply, QByteArray("VER MZV-2.0.0"));
+    QCOMPARE(reply, std::string("VER MZV-2.0.0"));
 }
 
 void tst_GetVariables::unknownNameHasNoRow_data()
@@ -215,9 +216,9 @@ void tst_GetVariables::unknownNameHasNoRow()
 void tst_GetVariables::idsOfAnEmptyListAreAnEmptyList()
 {
     GripperList empty(m_factory, nullptr);
-    QByteArray value;
+    std::string value;
     findGetVariable("SID")->appendValue({empty, nullptr}, value);
-    QCOMPARE(value, QByteArray("[]"));
+    QCOMPARE(value, std::string("[]"));
 }
 
 void tst_GetVariables::driverStateIsThatOfTheList()
