@@ -22,8 +22,12 @@ def run(rig, quick):
 
 
 def throttle(setting):
+    set_and_settle(f"THROTTLE {setting}")
+
+
+def set_and_settle(pairs):
     with Client() as client:
-        client.set(f"THROTTLE {setting}")
+        client.set(pairs)
     time.sleep(SETTLING)
 
 
