@@ -98,6 +98,8 @@ class Paced:
 
     def print_visits(self):
         rows = [
-            [name, *visit_figures(found)] for name, rounds in self.visits.items() for found in rounds
+            [name, *visit_figures(*found)]
+            for name, rounds in self.visits.items()
+            for found in rounds
         ]
         table("Visits meanwhile, a round each; ms", ["polling", *VISIT_HEAD], rows)
