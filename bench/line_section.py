@@ -22,8 +22,12 @@ def run(rig, quick):
 
 
 def throttle(setting):
+    set_and_settle(f"THROTTLE {setting}")
+
+
+def set_and_settle(pairs):
     with Client() as client:
-        client.set(f"THROTTLE {setting}")
+        client.set(pairs)
     time.sleep(SETTLING)
 
 
@@ -40,23 +44,25 @@ def visit_table(rig, seconds):
             daemon = rig.daemon_with_value()
             for setting, name in THROTTLES:
                 throttle(setting)
-                visits = visits_of(frames_during(simulator, seconds))
-                rows.append([count, name, *visit_figures(visits)])
+                found = visits_of(frames_during(simulator, seconds))
+                rows.append([count, name, *visit_figures(*found)])
             end(daemon)
     head = ["grippers", "polling", *VISIT_HEAD]
-    table(f"Visits during {seconds} s; ms, first request to last answer", head, rows)
+    table(f"Visits during {seconds} s; ms", head, rows)
 
 
-VISIT_HEAD = ["visits", "duration", "p99", "max", "period", "p99", "max", "gap", "p99", "max"]
+VISIT_HEAD = ["visits", "dropped", "duration", "p99", "max", "period", "p99", "max"]
+VISIT_HEAD += ["gap", "p99", "max"]
 
 
-def visit_figures(visits):
+def visit_figures(visits, dropped):
     """The columns of VISIT_HEAD."""
     if len(visits) < 2:
-        return [len(visits), *["-"] * (len(VISIT_HEAD) - 1)]
+        return [len(visits), dropped, *["-"] * (len(VISIT_HEAD) - 2)]
     durations = [visit.duration for visit in visits]
     return [
         len(visits),
+        dropped,
         *spread(durations),
         *spread(periods(visits)),
         *spread(gaps(visits)),
@@ -78,7 +84,7 @@ def taken_table(rig, count):
             first = len(simulator.frames)
             taken = [see_taken(simulator, number) for number in range(1, count + 1)]
             frames = simulator.frames[first:]
-            visits, offset = visits_of(frames), clock_offset(frames)
+            (visits, _), offset = visits_of(frames), clock_offset(frames)
             durations = []
             for seen in taken:
                 at = (seen - offset) * 1000

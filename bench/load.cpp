@@ -79,15 +79,16 @@ private:
     template <typename Taken>
     void takeReplies(std::int64_t until, Taken taken);
     void startMeasuring();
-    void stopMeasuring();
     void drain();
+    void expectSilence();
     void print() const;
 
     const LoadOptions &m_options;
     int m_epoll = -1;
     std::vector<LoadClient> m_clients;
-    Histogram m_latency;
-    Histogram m_lateness; ///< by how much the program itself missed its times
+    Histogram m_latency;        ///< from the moment of sending
+    Histogram m_latencyFromDue; ///< from when it was to be sent
+    Histogram m_lateness;       ///< by how much the program itself missed its times
     Use m_start;
     Use m_end;
     std::size_t m_missing = 0;
@@ -121,10 +122,14 @@ void Load::takeReplies(std::int64_t until, Taken taken)
         ::epoll_pwait2(m_epoll, events.data(), static_cast<int>(events.size()), &timeout, nullptr);
     for (int i = 0; i < count; ++i) {
         LoadClient &client = m_clients[events[static_cast<std::size_t>(i)].data.u64];
-        const unsigned replies = client.receive();
+        unsigned replies = client.receive();
         const std::int64_t at = nowNs();
-        for (unsigned reply = 0; reply < replies; ++reply)
-            m_latency.add(at - client.takeSentAt());
+        while (replies > 0) {
+            const LoadClient::Batch answered = client.takeAnswered(replies);
+            m_latency.add(at - answered.sentAt, answered.count);
+            m_latencyFromDue.add(at - answered.dueAt, answered.count);
+            replies -= answered.count;
+        }
         taken(client);
     }
 }
@@ -132,18 +137,9 @@ void Load::takeReplies(std::int64_t until, Taken taken)
 void Load::startMeasuring()
 {
     m_latency = Histogram();
+    m_latencyFromDue = Histogram();
     m_lateness = Histogram();
     m_start = useNow();
-}
-
-void Load::stopMeasuring()
-{
-    m_end = useNow();
-    const Histogram measured = m_latency;
-    drain();
-    // A reply too many ends the program.
-    takeReplies(nowNs() + silenceNs, [](LoadClient &) {});
-    m_latency = measured;
 }
 
 /// Every request gets its reply, or counts as missing.
@@ -159,19 +155,27 @@ void Load::drain()
         m_missing += client.pending();
 }
 
+/// A reply too many ends the program.
+void Load::expectSilence()
+{
+    takeReplies(nowNs() + silenceNs, [](LoadClient &) {});
+}
+
 void Load::print() const
 {
     std::uint64_t wrong = 0;
     for (const LoadClient &client : m_clients)
         wrong += client.wrongReplies();
-    std::printf("{\"seconds\": %.6f, \"replies\": %llu, \"wrong\": %llu, \"missing\": %zu, "
-                "\"server_cpu\": %.6f, \"own_cpu\": %.6f, \"p50\": %.2f, \"p99\": %.2f, "
-                "\"p999\": %.2f, \"max\": %.2f, \"late_p999\": %.2f}\n",
-                toSeconds(m_end.at - m_start.at),
-                static_cast<unsigned long long>(m_latency.count()),
-                static_cast<unsigned long long>(wrong), m_missing, m_end.server - m_start.server,
-                m_end.self - m_start.self, m_latency.quantileUs(0.5), m_latency.quantileUs(0.99),
-                m_latency.quantileUs(0.999), m_latency.largestUs(), m_lateness.quantileUs(0.999));
+    std::printf(
+        "{\"seconds\": %.6f, \"replies\": %llu, \"wrong\": %llu, \"missing\": %zu, "
+        "\"server_cpu\": %.6f, \"own_cpu\": %.6f, \"p50\": %.2f, \"p99\": %.2f, "
+        "\"p999\": %.2f, \"max\": %.2f, \"due_p999\": %.2f, \"due_max\": %.2f, "
+        "\"late_p999\": %.2f}\n",
+        toSeconds(m_end.at - m_start.at), static_cast<unsigned long long>(m_latency.count()),
+        static_cast<unsigned long long>(wrong), m_missing, m_end.server - m_start.server,
+        m_end.self - m_start.self, m_latency.quantileUs(0.5), m_latency.quantileUs(0.99),
+        m_latency.quantileUs(0.999), m_latency.largestUs(), m_latencyFromDue.quantileUs(0.999),
+        m_latencyFromDue.largestUs(), m_lateness.quantileUs(0.999));
     std::fflush(stdout);
 }
 
@@ -186,15 +190,20 @@ void Load::runClosed()
         while (nowNs() < until)
             takeReplies(until, [&](LoadClient &client) {
                 if (client.pending() == 0)
-                    client.send(batch, m_options.depth);
+                    client.send(batch, m_options.depth, nowNs());
             });
     };
     for (LoadClient &client : m_clients)
-        client.send(batch, m_options.depth);
+        client.send(batch, m_options.depth, nowNs());
     runUntil(nowNs() + toNs(m_options.warmUpSeconds));
     startMeasuring();
     runUntil(m_start.at + toNs(m_options.seconds));
-    stopMeasuring();
+    m_end = useNow();
+    // The rate is that of the time that was measured.
+    const Histogram measured = m_latency;
+    drain();
+    expectSilence();
+    m_latency = measured;
     print();
 }
 
@@ -222,13 +231,16 @@ void Load::runPaced()
             m_lateness.add(now - at);
             due.pop();
             due.emplace(at + toNs(gap(random)), index);
-            m_clients[index].send(m_options.request, 1);
+            m_clients[index].send(m_options.request, 1, at);
         }
     };
     runUntil(nowNs() + toNs(m_options.warmUpSeconds));
     startMeasuring();
     runUntil(m_start.at + toNs(m_options.seconds));
-    stopMeasuring();
+    m_end = useNow();
+    // What is late at the end counts as well: the worst may be among it.
+    drain();
+    expectSilence();
     print();
 }
 
@@ -236,7 +248,7 @@ void Load::runHold()
 {
     startMeasuring();
     for (unsigned i = 0; i < m_options.clients; ++i)
-        connectOne().send(m_options.request, 1);
+        connectOne().send(m_options.request, 1, nowNs());
     drain();
     m_end = useNow();
     print();

@@ -48,7 +48,8 @@ LoadClient::LoadClient(LoadClient &&other) noexcept
     , m_offset(other.m_offset)
     , m_isSkipping(other.m_isSkipping)
     , m_wrong(other.m_wrong)
-    , m_sentAt(std::move(other.m_sentAt))
+    , m_batches(std::move(other.m_batches))
+    , m_pending(other.m_pending)
 {
 }
 
@@ -58,9 +59,10 @@ LoadClient::~LoadClient()
         ::close(m_descriptor);
 }
 
-void LoadClient::send(const std::string &bytes, unsigned count)
+void LoadClient::send(const std::string &bytes, unsigned count, std::int64_t dueAt)
 {
-    m_sentAt.insert(m_sentAt.end(), count, nowNs());
+    m_batches.push_back({dueAt, nowNs(), count});
+    m_pending += count;
     const ssize_t sent =
         ::send(m_descriptor, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent != static_cast<ssize_t>(bytes.size()))
@@ -114,11 +116,15 @@ unsigned LoadClient::compare(std::string_view &bytes)
     return 1;
 }
 
-std::int64_t LoadClient::takeSentAt()
+LoadClient::Batch LoadClient::takeAnswered(unsigned most)
 {
-    if (m_sentAt.empty())
+    if (m_batches.empty())
         errx(1, "a reply that nobody asked for");
-    const std::int64_t at = m_sentAt.front();
-    m_sentAt.pop_front();
-    return at;
+    Batch answered = m_batches.front();
+    answered.count = std::min(answered.count, most);
+    m_pending -= answered.count;
+    m_batches.front().count -= answered.count;
+    if (m_batches.front().count == 0)
+        m_batches.pop_front();
+    return answered;
 }

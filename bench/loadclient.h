@@ -25,17 +25,26 @@ public:
 
     int descriptor() const { return m_descriptor; }
 
-    /// Sends `bytes`, which hold `count` requests, in one piece.
-    void send(const std::string &bytes, unsigned count);
+    /// Requests that were sent in one piece and wait for their replies.
+    struct Batch
+    {
+        std::int64_t dueAt;
+        std::int64_t sentAt;
+        unsigned count;
+    };
+
+    /// Sends `bytes`, which hold `count` requests, in one piece. They were to be sent at `dueAt`.
+    void send(const std::string &bytes, unsigned count, std::int64_t dueAt);
 
     /// Takes what has arrived. Returns how many replies it completed, right or wrong.
     unsigned receive();
 
-    /// When the request was sent whose reply comes next; forgets it.
-    std::int64_t takeSentAt();
+    /// Of the batch whose replies come next so many requests as it has, `most` at most; forgets
+    /// them.
+    Batch takeAnswered(unsigned most);
 
     /// Requests that wait for their reply.
-    std::size_t pending() const { return m_sentAt.size(); }
+    std::size_t pending() const { return m_pending; }
 
     /// Replies that were not, byte for byte, the expected one.
     std::uint64_t wrongReplies() const { return m_wrong; }
@@ -52,5 +61,6 @@ private:
     std::size_t m_offset = 0;  ///< how much of the reply has come
     bool m_isSkipping = false; ///< behind a wrong byte, up to the next line feed
     std::uint64_t m_wrong = 0;
-    std::deque<std::int64_t> m_sentAt;
+    std::deque<Batch> m_batches;
+    std::size_t m_pending = 0; ///< requests in all batches
 };

@@ -82,19 +82,24 @@ class Paced:
                     f"{median([r['replies'] / r['seconds'] for r in results]):.0f}",
                     *(f"{median([r[k] for r in results]):.0f}" for k in ("p50", "p99", "p999")),
                     f"{max(r['max'] for r in results):.0f}",
+                    f"{median([r['due_p999'] for r in results]):.0f}",
+                    f"{max(r['due_max'] for r in results):.0f}",
                     f"{to_muted:.2f}",
                     f"{median([r['server_cpu'] / r['seconds'] for r in results]):.1%}",
                     f"{median([r['late_p999'] for r in results]):.0f}",
                     sum(r["wrong"] + r["missing"] for r in results),
                 ]
             )
-        head = ["server", "replies/s", "p50 us", "p99 us", "p99.9 us", "max us", "p99 of muted"]
+        head = ["server", "replies/s", "p50 us", "p99 us", "p99.9 us", "max us"]
+        head += ["p99.9 from due", "max from due", "p99 of muted"]
         head += ["CPU", "load late p99.9 us", "not as expected"]
         title = f"{CLIENTS} clients, {RATE} requests a second in all"
         table(f"{title}: medians of {rounds} rounds of {self.seconds} s", head, rows)
 
     def print_visits(self):
         rows = [
-            [name, *visit_figures(found)] for name, rounds in self.visits.items() for found in rounds
+            [name, *visit_figures(*found)]
+            for name, rounds in self.visits.items()
+            for found in rounds
         ]
         table("Visits meanwhile, a round each; ms", ["polling", *VISIT_HEAD], rows)

@@ -1,6 +1,6 @@
-"""Requests a second and their latency, beside two other servers in the same minutes."""
+"""Requests a second and their latency, beside other servers in the same minutes."""
 
-from rig import DAEMON_PORT, ECHO_PORT, POSITION, REDIS_PORT
+from rig import DAEMON_PORT, ECHO_PORT, ECHO_WITHOUT_GLIB_PORT, POSITION, REDIS_PORT
 from tables import median, table
 
 CLIENTS = (1, 50, 1000)
@@ -9,17 +9,21 @@ REQUEST = "GET POS\n"
 LINE = f"POS {POSITION}\n"
 BULK = f"${len(str(POSITION))}\r\n{POSITION}\r\n"
 
-HEAD = ["clients", "depth", "server", "requests/s", "of redis", "of echo", "p50 us", "p99 us"]
+# Those that the others are compared with, by what stands above the column.
+BESIDE = {"of redis": "redis", "of echo": "Qt echo", "of that without GLib": "Qt echo, no GLib"}
+
+HEAD = ["clients", "depth", "server", "requests/s", *BESIDE, "p50 us", "p99 us"]
 HEAD += ["p99.9 us", "CPU s/100k", "load CPU", "not as expected"]
 
 
 def run(rig, quick):
-    seconds, rounds = (0.5, 1) if quick else (2.0, 3)
+    seconds, rounds = (0.5, 1) if quick else (2.0, 4)
     with rig.simulator("9=TA3-1.6.14"):
         servers = [
             ("gripperd", rig.daemon_with_value().pid, DAEMON_PORT, LINE),
             ("redis", rig.redis().pid, REDIS_PORT, BULK),
             ("Qt echo", rig.echo().pid, ECHO_PORT, LINE),
+            ("Qt echo, no GLib", rig.echo_without_glib().pid, ECHO_WITHOUT_GLIB_PORT, LINE),
         ]
         rows = []
         for clients in CLIENTS:
@@ -54,17 +58,16 @@ def compare(rig, servers, clients, depth, seconds, rounds):
 def row(clients, depth, name, results):
     own = results[name]
     # Of rounds that lie side by side in time, so that a machine that slows down changes no ratio.
-    to = {
-        other: median([rate(a) / rate(b) for a, b in zip(own, results[other])])
-        for other in ("redis", "Qt echo")
-    }
+    to = [
+        median([rate(a) / rate(b) for a, b in zip(own, results[other])])
+        for other in BESIDE.values()
+    ]
     return [
         clients,
         depth,
         name,
         f"{median([rate(r) for r in own]):.0f}",
-        f"{to['redis']:.2f}",
-        f"{to['Qt echo']:.2f}",
+        *(f"{ratio:.2f}" for ratio in to),
         *(f"{median([r[key] for r in own]):.0f}" for key in ("p50", "p99", "p999")),
         f"{median([r['server_cpu'] / r['replies'] * 100_000 for r in own]):.3f}",
         f"{median([r['own_cpu'] / r['seconds'] for r in own]):.0%}",

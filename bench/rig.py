@@ -17,6 +17,7 @@ import time
 DAEMON_PORT = 63352
 REDIS_PORT = 6379
 ECHO_PORT = 7007
+ECHO_WITHOUT_GLIB_PORT = 7008
 PR_SET_PDEATHSIG = 1
 POSITION = 120
 
@@ -87,11 +88,16 @@ class Rig:
             assert answer == "+OK\r\n", answer
         return child
 
-    def echo(self):
+    def echo(self, port=ECHO_PORT, **variables):
         reply = f"POS {POSITION}\n"
-        child = self.spawn([self.own_programs / "bench-qt-echo", ECHO_PORT, reply])
-        wait_until_listening(ECHO_PORT, child)
+        program = self.own_programs / "bench-qt-echo"
+        child = self.spawn([program, port, reply], env={**os.environ, **variables})
+        wait_until_listening(port, child)
         return child
+
+    def echo_without_glib(self):
+        """One on the event loop that the daemon has."""
+        return self.echo(ECHO_WITHOUT_GLIB_PORT, QT_NO_GLIB="1")
 
     def load(self, mode, port, request, reply, **options):
         """What the load program has measured."""

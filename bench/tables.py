@@ -1,20 +1,25 @@
-"""Plain text tables."""
+"""Tables that read well as they are and can be pasted into a document."""
 
 import statistics
 
 
 def table(title, head, rows):
-    """Prints it; numbers to the right, words to the left."""
+    """Prints it in Markdown; numbers to the right, words to the left."""
     cells = [[str(cell) for cell in row] for row in [head, *rows]]
     widths = [max(len(row[i]) for row in cells) for i in range(len(head))]
     words = [all(not _is_number(row[i]) for row in cells[1:]) for i in range(len(head))]
     print(f"\n{title}\n", flush=True)
     for row in cells:
-        line = [
+        print_row(
             cell.ljust(width) if word else cell.rjust(width)
             for cell, width, word in zip(row, widths, words)
-        ]
-        print(("  " + "  ".join(line)).rstrip(), flush=True)
+        )
+        if row is cells[0]:
+            print_row("-" * (w - 1) + ("-" if word else ":") for w, word in zip(widths, words))
+
+
+def print_row(cells):
+    print("| " + " | ".join(cells) + " |", flush=True)
 
 
 def _is_number(cell):

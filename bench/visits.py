@@ -1,12 +1,15 @@
 """The visits to the grippers, as the line saw them."""
 
 import bisect
+import math
 
 FIRST_REGISTER = 2000
 LAST_REGISTER = 604
 REQUESTS = 4
 WRITE = 0x10
 OUTPUTS = 1000
+# The daemon looks for an answer so often, and the first time so long after its request.
+STEP = 10.0
 
 
 class Visit:
@@ -16,6 +19,9 @@ class Visit:
         self.slave = frames[0].slave
         self.start = frames[0].at
         self.end = frames[-1].at
+        asked = frames[-2].at
+        #: When the last answer was taken at the earliest: the line does not show the moment itself.
+        self.taken = asked + STEP * max(1, math.ceil((self.end - asked) / STEP))
 
     @property
     def duration(self):
@@ -23,11 +29,13 @@ class Visit:
 
 
 def visits_of(frames):
-    """The whole visits among these frames, in order."""
-    found = []
+    """The whole visits among these frames, in order, and how many others began: their answers were
+    lost. One that these frames end with is neither."""
+    found, dropped = [], 0
     open_visit = []
     for frame in frames:
         if frame.is_request and frame.address == FIRST_REGISTER:
+            dropped += bool(open_visit)
             open_visit = []
         elif not open_visit:
             continue
@@ -35,8 +43,10 @@ def visits_of(frames):
         if len(open_visit) == 2 * REQUESTS:
             if open_visit[-2].address == LAST_REGISTER:
                 found.append(Visit(open_visit))
+            else:
+                dropped += 1
             open_visit = []
-    return found
+    return found, dropped
 
 
 def writes_of(frames):
@@ -44,8 +54,9 @@ def writes_of(frames):
 
 
 def gaps(visits):
-    """From the end of each to the beginning of the next, whichever gripper's."""
-    return [after.start - before.end for before, after in zip(visits, visits[1:])]
+    """From the taking of each one's last answer to the beginning of the next, whichever gripper's.
+    One that was dropped lies in a gap."""
+    return [after.start - before.taken for before, after in zip(visits, visits[1:])]
 
 
 def periods(visits):
