@@ -170,8 +170,6 @@ def keep_log(world, daemon, path):
     with open(path, "w", encoding="utf-8") as file:
         for at, line in zip(daemon.times, daemon.lines):
             file.write(f"{at - world.started:10.3f} {line}\n")
-    for at, invariant, text in world.broken[:20]:
-        say(f"after {at:.1f} s: {invariant}: {text}")
     say(f"{len(world.broken)} times broken; the daemon's log is kept in {path}")
 
 

@@ -12,6 +12,8 @@ from harness.stalls import StallWatch
 # Sanitized programs take several times as long for the same.
 SLOWNESS = 4 if SANITIZED else 1
 SCAN_SLOTS = 3
+# Of what is broken, the first ones.
+TOLD = 20
 
 
 class Broken(Exception):
@@ -67,6 +69,9 @@ class World:
         with self._lock:
             self.checks[invariant] += 1
             self.broken.append((self.now(), invariant, text))
+            # At once: what the rest of the run does does not help to understand it.
+            if len(self.broken) <= TOLD:
+                print(f"after {self.now():.1f} s: {invariant}: {text}", flush=True)
 
     def forgive(self, invariant):
         """It was not as it should be, but the machine stood still meanwhile."""
