@@ -7,6 +7,7 @@
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QSerialPortInfo>
+#include <QSocketNotifier>
 
 namespace {
 
@@ -151,7 +152,9 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
     discardPending();
     QElapsedTimer clock;
     clock.start();
-    if (!sendRequest(request))
+    const bool isSent = sendRequest(request);
+    forgetToldInput();
+    if (!isSent)
         return TimeoutError;
 
     awaitInput(constraints().getTimeout() +
@@ -172,6 +175,21 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
 void KvModbusCustom::discardPending()
 {
     m_serialPort.clear(QSerialPort::AllDirections);
+}
+
+/// This turn of the event loop may still be about to tell the port of input that has been dropped,
+/// or read, since: another request's answer, when this one was begun by a client of the same turn.
+/// The port takes finding nothing then for an error of the line. Whoever is switched off is not
+/// told any more; new input is told on the next turn.
+void KvModbusCustom::forgetToldInput()
+{
+    const auto notifiers =
+        m_serialPort.findChildren<QSocketNotifier *>(QString(), Qt::FindDirectChildrenOnly);
+    for (QSocketNotifier *notifier : notifiers) {
+        const bool isEnabled = notifier->isEnabled();
+        notifier->setEnabled(false);
+        notifier->setEnabled(isEnabled);
+    }
 }
 
 bool KvModbusCustom::sendRequest(const QByteArray &request)

@@ -55,6 +55,7 @@ private:
                            QByteArray &answer);
     bool sendRequest(const QByteArray &request);
     void discardPending();
+    void forgetToldInput();
     void awaitInput(qint64 deadlineMs, int byteCount, const QElapsedTimer &clock);
 
     QSerialPort m_serialPort;

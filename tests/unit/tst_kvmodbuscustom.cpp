@@ -7,12 +7,17 @@
 #include <QAbstractEventDispatcher>
 #include <QElapsedTimer>
 #include <QSignalSpy>
+#include <QSocketNotifier>
 #include <QTest>
 #include <QTimer>
 
 #include <algorithm>
 #include <csignal>
+#include <fcntl.h>
+#include <memory>
 #include <termios.h>
+#include <unistd.h>
+#include <vector>
 
 // Frames and checksums were computed with pymodbus 3.0.0 (ModbusRtuFramer, computeCRC) and copied.
 
@@ -66,6 +71,10 @@ QByteArray withBitFlipped(QByteArray frame, int position)
 class tst_KvModbusCustom : public QObject
 {
     Q_OBJECT
+
+public:
+    // As in the daemon: the loop tells all that one look has found.
+    static void initMain() { qputenv("QT_NO_GLIB", "1"); }
 
 private slots:
     void init();
@@ -134,6 +143,7 @@ private slots:
     void replacedLineCanBeOpenedAfterAHangUp();
 
     void requestMayRunInsideTheWaitOfAnother();
+    void requestInATurnThatFoundAnAnswerLeavesThePortOpen();
     void stolenAnswerIsATimeoutOfItsOwner();
     void portClosedInsideTheWaitIsATimeout();
     void portReopenedInsideTheWaitServesTheNextRequest();
@@ -859,6 +869,38 @@ void tst_KvModbusCustom::requestMayRunInsideTheWaitOfAnother()
     QCOMPARE(innerError, KvModbusAbstract::NoError);
     QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError); // the last one to end decides
     QCOMPARE(errors.size(), 2);
+}
+
+void tst_KvModbusCustom::requestInATurnThatFoundAnAnswerLeavesThePortOpen()
+{
+    // With one turn that is told of everything. Several, so that one is told before the port.
+    bool isAsked = false;
+    Words values;
+    std::vector<std::unique_ptr<QSocketNotifier>> others;
+    std::vector<int> descriptors;
+    for (int i = 0; i < 16; ++i) {
+        int ends[2];
+        QCOMPARE(::pipe2(ends, O_CLOEXEC), 0);
+        descriptors.insert(descriptors.end(), {ends[0], ends[1]});
+        QCOMPARE(::write(ends[1], "x", 1), ssize_t{1});
+        others.push_back(std::make_unique<QSocketNotifier>(ends[0], QSocketNotifier::Read));
+        connect(others.back().get(), &QSocketNotifier::activated, this, [&] {
+            if (!isAsked) {
+                isAsked = true;
+                values = m_master->readRegisters(9, 2000, 3);
+            }
+        });
+    }
+    m_line->send(oneRegister);
+    QVERIFY(m_line->blockUntilUnread(oneRegister.size()));
+    m_line->script(readRequestLength, {hex("0903063900f3ab12340c0f")});
+    QCoreApplication::processEvents();
+    others.clear();
+    for (const int descriptor : descriptors)
+        ::close(descriptor);
+    QVERIFY(isAsked);
+    QCOMPARE(values, (Words{0x3900, 0xF3AB, 0x1234}));
+    QVERIFY(m_master->isConnected());
 }
 
 void tst_KvModbusCustom::stolenAnswerIsATimeoutOfItsOwner()
