@@ -18,10 +18,8 @@ from harness.client import Client
 from harness.daemon import Daemon
 from harness.figures import Figures
 from harness.line import Line, Slave
-from harness.stalls import StallWatch
+from harness.stalls import STALL_LIMIT, StallWatch
 
-# An answer has 42 ms at least, looked for every 10 ms.
-STALL_LIMIT = 0.015
 ATTEMPTS = 3
 
 
@@ -43,14 +41,14 @@ def pytest_configure(config):
 def pytest_collection_finish(session):
     # A slave has tens of milliseconds to answer, whatever the machine does beside it.
     # Files that keep the processor busy themselves say so, and stand back.
-    if any(getattr(item.module, "FLOODS", False) for item in session.items):
-        return
-    with contextlib.suppress(PermissionError):
-        os.nice(-10)
+    if not any(getattr(item.module, "FLOODS", False) for item in session.items):
+        with contextlib.suppress(PermissionError):
+            os.nice(-10)
+    # As favoured as the daemon is.
+    session.stall_watch = StallWatch()
 
 
 def pytest_sessionstart(session):
-    session.stall_watch = StallWatch()
     session.config.figures = Figures()
 
 

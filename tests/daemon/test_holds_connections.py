@@ -50,8 +50,8 @@ def settled(daemon):
 
     def one_client():
         found = daemon.descriptors()
-        # The listening socket, the bystander's, and the pair that the quit signals use.
-        return found if sum("socket:" in name for name in found) <= 4 else None
+        # The listening socket and the bystander's.
+        return found if sum("socket:" in name for name in found) <= 2 else None
 
     return eventually(one_client, what=daemon.descriptors)
 

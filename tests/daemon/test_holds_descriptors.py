@@ -59,11 +59,11 @@ def ask_all(clients, limit):
 
 
 def answered(clients):
-    """The descriptors of those for whom something has come."""
+    """The descriptors of those for whom something comes within a moment."""
     poll = select.poll()
     for client in clients:
         poll.register(client.socket, select.POLLIN)
-    return poll.poll(0)
+    return poll.poll(300)
 
 
 @pytest.fixture

@@ -32,7 +32,7 @@ def test_in_a_read(hang_ups, line, connect, figure):
         line[9].script = lambda r, address=address: b"" if r.is_read(address) else None
         line.wait_for(lambda r, address=address: r.is_read(address), since=mark)
         # The last time long enough for more than one look at the ports.
-        with hang_ups.unplugged(1.2 if number == count - 1 else GONE):
+        with hang_ups.unplugged(effort(1.2, 30) if number == count - 1 else GONE):
             line[9].script = None
             eventually(lambda: client.get("DRI") == "ERR_SCANNING (EIO)")
         hang_ups.wait_until_polled()

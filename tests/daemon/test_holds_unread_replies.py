@@ -183,4 +183,6 @@ def test_replies_that_are_not_read_wait_and_all_come(start_daemon, clients, figu
     )
     figure(f"{stuck} clients could not send everything before they read")
     figure(bystander.check())
+    # Of the one or the other the kernel takes everything: it lets a buffer grow.
+    assert stuck > 0.8 * HEAVY
     assert growth < HEAVY * KEPT_KIB + CLIENTS * CLIENT_KIB

@@ -15,6 +15,8 @@ from .waiting import eventually
 LOG_LINE = re.compile(r"^(Debug|Info|Warning|Critical|Fatal): (.*) \(\(null\):0, \(null\)\)$")
 
 SANITIZED = os.environ.get("GRIPPERD_SANITIZED") == "1"
+# What is shipped, so that limits in milliseconds are meant literally.
+RELEASE = os.environ.get("GRIPPERD_RELEASE") == "1"
 VALGRIND = "GRIPPERD_VALGRIND" in os.environ
 # Valgrind reads the symbols of all libraries first.
 START_LIMIT = 30.0 if VALGRIND else 5.0

@@ -45,8 +45,8 @@ class HangUps:
         """The line is gone while the block runs, and for so many seconds at least."""
         self.watch.start_over()
         self.log_mark = self.daemon.mark()
-        self.line.unplug()
         cpu, started = self.cpu_seconds(), time.monotonic()
+        self.line.unplug()
         yield
         time.sleep(max(0.0, started + seconds - time.monotonic()))
         self.gone.append(time.monotonic() - started)
