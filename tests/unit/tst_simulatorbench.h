@@ -1,5 +1,6 @@
 #pragma once
 
+#include "faulttext.h"
 #include "line.h"
 #include "manualtimeline.h"
 #include "simulatedgripper.h"
@@ -7,6 +8,7 @@
 #include <QByteArray>
 #include <QList>
 #include <QObject>
+#include <QTest>
 
 /// A line with one gripper and a clock that only the test moves; no pty, no event loop.
 ///
@@ -14,9 +16,10 @@
 /// (ModbusRtuFramer.buildPacket), CRC included.
 struct SimulatorBench : QObject
 {
-    explicit SimulatorBench(const char *version = "TA3-1.6.14", quint8 slaveId = 9)
+    explicit SimulatorBench(const char *version = "TA3-1.6.14", quint8 slaveId = 9,
+                            const sim::GripperTiming &timing = {})
         : gripper(slaveId, *sim::GripperIdentity::fromVersion(slaveId, QLatin1String(version)),
-                  sim::GripperTiming(), line, timeline, random)
+                  timing, line, timeline, random)
     {
         connect(&line, &sim::Line::bytesToMaster, this,
                 [this](const QByteArray &bytes) { sent.append(bytes); });
@@ -34,6 +37,15 @@ struct SimulatorBench : QObject
 
     /// What came back since the last ask(), as hex.
     QByteArray answered() const { return sent.toHex(' '); }
+
+    void misbehave(const char *words)
+    {
+        QString error;
+        const auto fault =
+            sim::parseFault(QString::fromLatin1(words).split(QLatin1Char(' ')), &error);
+        QVERIFY2(fault.has_value(), qPrintable(error));
+        gripper.faults().set(*fault);
+    }
 
     /// Lets the line rest long enough to end any frame.
     void rest() { timeline.advanceMs(10); }

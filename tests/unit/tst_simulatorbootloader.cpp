@@ -1,5 +1,4 @@
 #include "bootloaderkind.h"
-#include "faulttext.h"
 #include "framelog.h"
 #include "tst_simulatorbench.h"
 
@@ -15,14 +14,18 @@ const char *const kReadVersion = "09 03 01 f4 00 03 44 8d";
 const char *const kIntoRom = "09 10 01 90 00 01 02 2a 00 d3 60";
 const char *const kIntoOwn = "09 10 01 90 00 01 02 35 00 db 50";
 const char *const kResetAnswer = "09 10 01 90 00 01 01 50";
+// At 0x08008000, where the third sector begins.
+const char *const kWriteWord = "31 ce 08 00 80 00 88 03 01 02 03 04 07";
+const char *const kReadWord = "11 ee 08 00 80 00 88 03 fc";
 constexpr int kRomBaud = 19200;
 constexpr int kOwnBaud = 115200;
 
 /// A gripper that has arrived in its bootloader.
 struct BootloaderBench : SimulatorBench
 {
-    explicit BootloaderBench(const char *version = "TA3-1.6.13")
-        : SimulatorBench(version)
+    explicit BootloaderBench(const char *version = "TA3-1.6.13",
+                             const sim::GripperTiming &timing = {})
+        : SimulatorBench(version, 9, timing)
         , baudRate(gripper.bootloader().baudRate)
     {
         enter();
@@ -37,16 +40,29 @@ struct BootloaderBench : SimulatorBench
     QByteArray tell(const char *hex) { return ask(hex, baudRate); }
     void synchronise() { QCOMPARE(tell("7f"), QByteArray(kAck)); }
 
-    void misbehave(const char *words)
+    int baudRate;
+};
+
+/// Bytes take their time on its line.
+struct SlowBench : BootloaderBench
+{
+    explicit SlowBench(int bitsPerSecond)
+        : BootloaderBench("TA3-1.6.13", timingOf(bitsPerSecond))
     {
-        QString error;
-        const auto fault =
-            sim::parseFault(QString::fromLatin1(words).split(QLatin1Char(' ')), &error);
-        QVERIFY2(fault.has_value(), qPrintable(error));
-        gripper.faults().set(*fault);
     }
 
-    int baudRate;
+    static sim::GripperTiming timingOf(int bitsPerSecond)
+    {
+        sim::GripperTiming timing;
+        timing.bootloaderBitsPerSecond = bitsPerSecond;
+        return timing;
+    }
+
+    QByteArray answeredAfterMs(int ms)
+    {
+        timeline.advanceMs(ms);
+        return answered();
+    }
 };
 
 QByteArray withChecksum(const QByteArray &bytes)
@@ -239,24 +255,22 @@ void TestSimulatorBootloader::requestIsAnswered_data()
     QTest::addColumn<QByteArray>("version");
     QTest::addColumn<QByteArray>("request");
     QTest::addColumn<QByteArray>("answer");
-    const QByteArray rom("TA3-1.6.13");
-    const QByteArray own("TE1-2.0.1");
-    QTest::newRow("get, rom") << rom << QByteArray("00 ff")
-                              << QByteArray("79 07 31 00 01 02 11 21 31 44 79");
-    QTest::newRow("get, own") << own << QByteArray("00 ff")
-                              << QByteArray("79 07 22 00 01 02 11 21 31 43 79");
-    QTest::newRow("get version") << rom << QByteArray("01 fe") << QByteArray("79 31 00 00 79");
-    QTest::newRow("get id") << rom << QByteArray("02 fd") << QByteArray("79 01 04 13 79");
-    QTest::newRow("read") << rom << QByteArray("11 ee 08 00 00 00 08 03 fc")
-                          << QByteArray("79 79 79 67 72 69 70");
-    QTest::newRow("erase all, rom") << rom << QByteArray("44 bb ff ff 00") << QByteArray("79 79");
-    QTest::newRow("erase all, own") << own << QByteArray("43 bc ff 00") << QByteArray("79 79");
-    QTest::newRow("the other erase, rom")
-        << rom << QByteArray("43 bc 00 01 01") << QByteArray("79 79");
-    QTest::newRow("the other erase, own")
-        << own << QByteArray("44 bb 00 00 00 08 08") << QByteArray("79 79");
-    QTest::newRow("write") << rom << QByteArray("31 ce 08 00 40 00 48 03 01 02 03 04 07")
-                           << QByteArray("79 79 79");
+    const auto row = [](const char *name, const char *version, const char *request,
+                        const char *answer) {
+        QTest::newRow(name) << QByteArray(version) << QByteArray(request) << QByteArray(answer);
+    };
+    const char *const rom = "TA3-1.6.13";
+    const char *const own = "TE1-2.0.1";
+    row("get, rom", rom, "00 ff", "79 07 31 00 01 02 11 21 31 44 79");
+    row("get, own", own, "00 ff", "79 07 22 00 01 02 11 21 31 43 79");
+    row("get version", rom, "01 fe", "79 31 00 00 79");
+    row("get id", rom, "02 fd", "79 01 04 13 79");
+    row("read", rom, "11 ee 08 00 00 00 08 03 fc", "79 79 79 67 72 69 70");
+    row("erase all, rom", rom, "44 bb ff ff 00", "79 79");
+    row("erase all, own", own, "43 bc ff 00", "79 79");
+    row("the other erase, rom", rom, "43 bc 00 01 01", "79 79");
+    row("the other erase, own", own, "44 bb 00 00 00 08 08", "79 79");
+    row("write", rom, "31 ce 08 00 40 00 48 03 01 02 03 04 07", "79 79 79");
 }
 
 void TestSimulatorBootloader::requestIsAnswered()
@@ -273,31 +287,23 @@ void TestSimulatorBootloader::unsoundRequestIsRefused_data()
 {
     QTest::addColumn<QByteArray>("request");
     QTest::addColumn<QByteArray>("answer");
-    QTest::newRow("no complement") << QByteArray("00 fe") << QByteArray("1f");
-    QTest::newRow("unknown command") << QByteArray("63 9c") << QByteArray("1f");
-    QTest::newRow("wrong checksum of an address")
-        << QByteArray("11 ee 08 00 00 00 09") << QByteArray("79 1f");
-    QTest::newRow("read of what is no flash")
-        << QByteArray("11 ee 20 00 00 00 20") << QByteArray("79 1f");
-    QTest::newRow("read below the flash")
-        << QByteArray("11 ee 00 00 00 00 00") << QByteArray("79 1f");
-    QTest::newRow("read beyond the flash")
-        << QByteArray("11 ee 08 0f ff fc 04 07 f8") << QByteArray("79 79 1f");
-    QTest::newRow("write of what is no flash")
-        << QByteArray("31 ce 08 10 00 00 18") << QByteArray("79 1f");
-    QTest::newRow("write between words")
-        << QByteArray("31 ce 08 00 00 02 0a") << QByteArray("79 1f");
-    QTest::newRow("count without complement")
-        << QByteArray("11 ee 08 00 00 00 08 03 fd") << QByteArray("79 79 1f");
-    QTest::newRow("block of half a word")
-        << QByteArray("31 ce 08 00 40 00 48 01 01 02 02") << QByteArray("79 79 1f");
-    QTest::newRow("sector that is not there")
-        << QByteArray("44 bb 00 00 00 0c 0c") << QByteArray("79 1f");
-    QTest::newRow("wrong checksum of sectors")
-        << QByteArray("44 bb 00 00 00 01 00") << QByteArray("79 1f");
-    QTest::newRow("erase of a bank") << QByteArray("44 bb ff fe 01") << QByteArray("79 1f");
-    QTest::newRow("go with a wrong checksum")
-        << QByteArray("21 de 08 00 00 00 00") << QByteArray("79 1f");
+    const auto row = [](const char *name, const char *request, const char *answer) {
+        QTest::newRow(name) << QByteArray(request) << QByteArray(answer);
+    };
+    row("no complement", "00 fe", "1f");
+    row("unknown command", "63 9c", "1f");
+    row("wrong checksum of an address", "11 ee 08 00 00 00 09", "79 1f");
+    row("read of what is no flash", "11 ee 20 00 00 00 20", "79 1f");
+    row("read below the flash", "11 ee 00 00 00 00 00", "79 1f");
+    row("read beyond the flash", "11 ee 08 0f ff fc 04 07 f8", "79 79 1f");
+    row("write of what is no flash", "31 ce 08 10 00 00 18", "79 1f");
+    row("write between words", "31 ce 08 00 00 02 0a", "79 1f");
+    row("count without complement", "11 ee 08 00 00 00 08 03 fd", "79 79 1f");
+    row("block of half a word", "31 ce 08 00 40 00 48 01 01 02 02", "79 79 1f");
+    row("sector that is not there", "44 bb 00 00 00 0c 0c", "79 1f");
+    row("wrong checksum of sectors", "44 bb 00 00 00 01 00", "79 1f");
+    row("erase of a bank", "44 bb ff fe 01", "79 1f");
+    row("go with a wrong checksum", "21 de 08 00 00 00 00", "79 1f");
 }
 
 void TestSimulatorBootloader::unsoundRequestIsRefused()
@@ -331,7 +337,7 @@ void TestSimulatorBootloader::blockWithAWrongChecksumIsNotWritten()
     BootloaderBench bench;
     bench.synchronise();
     QCOMPARE(bench.tell("31 ce 08 00 80 00 88 03 01 02 03 04 00"), QByteArray("79 79 1f"));
-    QCOMPARE(bench.tell("11 ee 08 00 80 00 88 03 fc"), QByteArray("79 79 79 ff ff ff ff"));
+    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 ff ff ff ff"));
 }
 
 void TestSimulatorBootloader::writingClearsBitsAndOnlyErasingSetsThem()
@@ -340,10 +346,9 @@ void TestSimulatorBootloader::writingClearsBitsAndOnlyErasingSetsThem()
     bench.synchronise();
     bench.tell("31 ce 08 00 80 00 88 03 f0 f0 f0 f0 03");
     bench.tell("31 ce 08 00 80 00 88 03 3c 3c 3c 3c 03");
-    QCOMPARE(bench.tell("11 ee 08 00 80 00 88 03 fc"), QByteArray("79 79 79 30 30 30 30"));
-    // 0x08008000 is the third sector.
+    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 30 30 30 30"));
     bench.tell("44 bb 00 00 00 02 02");
-    QCOMPARE(bench.tell("11 ee 08 00 80 00 88 03 fc"), QByteArray("79 79 79 ff ff ff ff"));
+    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 ff ff ff ff"));
 }
 
 void TestSimulatorBootloader::erasingTouchesTheNamedSectorsOnly()
@@ -498,9 +503,9 @@ void TestSimulatorBootloader::nackedBlockIsNotWritten()
     BootloaderBench bench;
     bench.synchronise();
     bench.misbehave("nackWrite 1");
-    QCOMPARE(bench.tell("31 ce 08 00 80 00 88 03 01 02 03 04 07"), QByteArray("79 79 1f"));
-    QCOMPARE(bench.tell("11 ee 08 00 80 00 88 03 fc"), QByteArray("79 79 79 ff ff ff ff"));
-    QCOMPARE(bench.tell("31 ce 08 00 80 00 88 03 01 02 03 04 07"), QByteArray("79 79 79"));
+    QCOMPARE(bench.tell(kWriteWord), QByteArray("79 79 1f"));
+    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 ff ff ff ff"));
+    QCOMPARE(bench.tell(kWriteWord), QByteArray("79 79 79"));
 }
 
 void TestSimulatorBootloader::badVerifyStoresTheLastByteInverted()
@@ -508,8 +513,8 @@ void TestSimulatorBootloader::badVerifyStoresTheLastByteInverted()
     BootloaderBench bench;
     bench.synchronise();
     bench.misbehave("badVerify 1");
-    QCOMPARE(bench.tell("31 ce 08 00 80 00 88 03 01 02 03 04 07"), QByteArray("79 79 79"));
-    QCOMPARE(bench.tell("11 ee 08 00 80 00 88 03 fc"), QByteArray("79 79 79 01 02 03 fb"));
+    QCOMPARE(bench.tell(kWriteWord), QByteArray("79 79 79"));
+    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 01 02 03 fb"));
 }
 
 void TestSimulatorBootloader::refusedGoLeavesItInTheBootloader()
@@ -551,67 +556,37 @@ void TestSimulatorBootloader::doubledAcknowledgeHasTwoBytes()
 void TestSimulatorBootloader::bootloaderFaultsAreNotUsedUpByModbusRequests()
 {
     SimulatorBench bench;
-    QString error;
-    bench.gripper.faults().set(
-        *sim::parseFault({QStringLiteral("nackWrite"), QStringLiteral("1")}, &error));
+    bench.misbehave("nackWrite 1");
     QVERIFY(!bench.ask(kReadVersion).isEmpty());
     QCOMPARE(bench.gripper.faults().faults().size(), 1);
 }
 
 void TestSimulatorBootloader::bytesTakeTheirTimeWhenThatIsWanted()
 {
-    sim::ManualTimeline timeline;
-    sim::RandomSource random;
-    sim::Line line(timeline);
-    sim::GripperTiming timing;
-    timing.bootloaderBitsPerSecond = 11000;
-    const auto identity = sim::GripperIdentity::fromVersion(9, QStringLiteral("TA3-1.6.13"));
-    sim::SimulatedGripper gripper(9, *identity, timing, line, timeline, random);
-    QByteArray sent;
-    connect(&line, &sim::Line::bytesToMaster, this,
-            [&sent](const QByteArray &bytes) { sent.append(bytes); });
-    gripper.restartIntoBootloader();
-    timeline.advanceMs(300);
     // Eleven bits a byte: one byte a millisecond, there and back.
-    line.receive(QByteArray::fromHex("7f"), kRomBaud);
-    timeline.advanceMs(1);
-    QCOMPARE(sent, QByteArray());
-    timeline.advanceMs(1);
-    QCOMPARE(sent.toHex(), QByteArray("79"));
-    line.receive(QByteArray::fromHex("02fd"), kRomBaud);
-    timeline.advanceMs(6);
-    QCOMPARE(sent.toHex(), QByteArray("79"));
-    timeline.advanceMs(1);
-    QCOMPARE(sent.toHex(), QByteArray("797901041379"));
-    line.receive(QByteArray::fromHex("21de"), kRomBaud);
-    timeline.advanceMs(3);
-    line.receive(QByteArray::fromHex("0800000008"), kRomBaud);
-    timeline.advanceMs(5);
-    QCOMPARE(gripper.state(), State::Bootloader);
-    timeline.advanceMs(1);
-    QCOMPARE(sent.toHex(), QByteArray("7979010413797979"));
-    QCOMPARE(gripper.state(), State::Booting);
+    SlowBench bench(11000);
+    QCOMPARE(bench.tell("7f"), QByteArray());
+    QCOMPARE(bench.answeredAfterMs(1), QByteArray());
+    QCOMPARE(bench.answeredAfterMs(1), QByteArray(kAck));
+    QCOMPARE(bench.tell("02 fd"), QByteArray());
+    QCOMPARE(bench.answeredAfterMs(6), QByteArray());
+    QCOMPARE(bench.answeredAfterMs(1), QByteArray("79 01 04 13 79"));
+    QCOMPARE(bench.tell("21 de"), QByteArray());
+    QCOMPARE(bench.answeredAfterMs(3), QByteArray(kAck));
+    QCOMPARE(bench.tell("08 00 00 00 08"), QByteArray());
+    QCOMPARE(bench.answeredAfterMs(5), QByteArray());
+    QCOMPARE(bench.gripper.state(), State::Bootloader);
+    QCOMPARE(bench.answeredAfterMs(1), QByteArray(kAck));
+    QCOMPARE(bench.gripper.state(), State::Booting);
 }
 
 void TestSimulatorBootloader::whatWasUnderWayDiesWithThePower()
 {
-    sim::ManualTimeline timeline;
-    sim::RandomSource random;
-    sim::Line line(timeline);
-    sim::GripperTiming timing;
-    timing.bootloaderBitsPerSecond = 110;
-    const auto identity = sim::GripperIdentity::fromVersion(9, QStringLiteral("TA3-1.6.13"));
-    sim::SimulatedGripper gripper(9, *identity, timing, line, timeline, random);
-    QByteArray sent;
-    connect(&line, &sim::Line::bytesToMaster, this,
-            [&sent](const QByteArray &bytes) { sent.append(bytes); });
-    gripper.restartIntoBootloader();
-    timeline.advanceMs(300);
-    line.receive(QByteArray::fromHex("7f"), kRomBaud);
-    gripper.restart();
-    timeline.advanceMs(2000);
-    QCOMPARE(sent, QByteArray());
-    QCOMPARE(gripper.state(), State::Firmware);
+    SlowBench bench(110);
+    bench.tell("7f");
+    bench.gripper.restart();
+    QCOMPARE(bench.answeredAfterMs(2000), QByteArray());
+    QCOMPARE(bench.gripper.state(), State::Firmware);
 }
 
 void TestSimulatorBootloader::traceTellsTheRateOfWhatIsNoModbus()

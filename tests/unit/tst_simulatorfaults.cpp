@@ -8,14 +8,6 @@ const char *const kReadVersion = "09 03 01 f4 00 03 44 8d";
 const char *const kVersionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
 const char *const kActivate = "09 10 03 e8 00 03 06 01 00 00 00 00 00 72 e1";
 
-void misbehave(SimulatorBench &bench, const char *words)
-{
-    QString error;
-    const auto fault = sim::parseFault(QString::fromLatin1(words).split(QLatin1Char(' ')), &error);
-    QVERIFY2(fault.has_value(), qPrintable(error));
-    bench.gripper.faults().set(*fault);
-}
-
 bool isActivated(SimulatorBench &bench)
 {
     return bench.gripper.registers().body().command().activate;
@@ -71,7 +63,7 @@ void TestSimulatorFaults::faultChangesTheAnswer()
     QFETCH(QByteArray, words);
     QFETCH(QByteArray, answer);
     SimulatorBench bench;
-    misbehave(bench, words.constData());
+    bench.misbehave(words.constData());
     QCOMPARE(bench.ask(kReadVersion), answer);
     bench.gripper.faults().clear();
     bench.rest();
@@ -81,7 +73,7 @@ void TestSimulatorFaults::faultChangesTheAnswer()
 void TestSimulatorFaults::lateAnswerComesAfterItsDelayAndNotBefore()
 {
     SimulatorBench bench;
-    misbehave(bench, "late always 80");
+    bench.misbehave("late always 80");
     QCOMPARE(bench.ask(kReadVersion), QByteArray());
     bench.timeline.advanceMs(79);
     QCOMPARE(bench.answered(), QByteArray());
@@ -92,7 +84,7 @@ void TestSimulatorFaults::lateAnswerComesAfterItsDelayAndNotBefore()
 void TestSimulatorFaults::deafGripperDoesNotCarryTheRequestOut()
 {
     SimulatorBench bench;
-    misbehave(bench, "deaf");
+    bench.misbehave("deaf");
     QCOMPARE(bench.ask(kActivate), QByteArray());
     QVERIFY(!isActivated(bench));
 }
@@ -100,7 +92,7 @@ void TestSimulatorFaults::deafGripperDoesNotCarryTheRequestOut()
 void TestSimulatorFaults::silentGripperCarriesTheRequestOut()
 {
     SimulatorBench bench;
-    misbehave(bench, "silent");
+    bench.misbehave("silent");
     QCOMPARE(bench.ask(kActivate), QByteArray());
     QVERIFY(isActivated(bench));
 }
@@ -108,7 +100,7 @@ void TestSimulatorFaults::silentGripperCarriesTheRequestOut()
 void TestSimulatorFaults::exceptionIsNotCarriedOut()
 {
     SimulatorBench bench;
-    misbehave(bench, "exception always 3");
+    bench.misbehave("exception always 3");
     QCOMPARE(bench.ask(kActivate), QByteArray("09 90 03 8d c3"));
     QVERIFY(!isActivated(bench));
 }
@@ -116,8 +108,8 @@ void TestSimulatorFaults::exceptionIsNotCarriedOut()
 void TestSimulatorFaults::noiseAndTrailingBytesSurroundAWholeAnswer()
 {
     SimulatorBench bench;
-    misbehave(bench, "noise always 2");
-    misbehave(bench, "trailing always 5");
+    bench.misbehave("noise always 2");
+    bench.misbehave("trailing always 5");
     bench.ask(kReadVersion);
     const QByteArray answer = QByteArray::fromHex(kVersionAnswer);
     QCOMPARE(bench.sent.size(), answer.size() + 7);
@@ -127,7 +119,7 @@ void TestSimulatorFaults::noiseAndTrailingBytesSurroundAWholeAnswer()
 void TestSimulatorFaults::countedFaultEndsAfterItsRequests()
 {
     SimulatorBench bench;
-    misbehave(bench, "silent 2");
+    bench.misbehave("silent 2");
     QCOMPARE(bench.ask(kReadVersion), QByteArray());
     QCOMPARE(bench.ask(kReadVersion), QByteArray());
     QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
@@ -137,7 +129,7 @@ void TestSimulatorFaults::countedFaultEndsAfterItsRequests()
 void TestSimulatorFaults::shareStrikesThatManyRequests()
 {
     SimulatorBench bench;
-    misbehave(bench, "silent 30%");
+    bench.misbehave("silent 30%");
     int silent = 0;
     for (int i = 0; i < 1000; ++i)
         silent += bench.ask(kReadVersion).isEmpty() ? 1 : 0;
@@ -150,8 +142,8 @@ void TestSimulatorFaults::sameSeedGivesTheSameRun()
     QByteArray runs[2];
     for (QByteArray &run : runs) {
         SimulatorBench bench;
-        misbehave(bench, "silent 50%");
-        misbehave(bench, "noise 50% 4");
+        bench.misbehave("silent 50%");
+        bench.misbehave("noise 50% 4");
         for (int i = 0; i < 20; ++i)
             run.append(bench.ask(kReadVersion) + "\n");
     }
@@ -162,13 +154,13 @@ void TestSimulatorFaults::sameSeedGivesTheSameRun()
 void TestSimulatorFaults::scopedFaultLeavesOtherRequestsAlone()
 {
     SimulatorBench bench;
-    misbehave(bench, "silent on writes");
+    bench.misbehave("silent on writes");
     QCOMPARE(bench.ask(kActivate), QByteArray());
     QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
-    misbehave(bench, "silent on reads");
+    bench.misbehave("silent on reads");
     QCOMPARE(bench.ask(kReadVersion), QByteArray());
     QVERIFY(!bench.ask(kActivate).isEmpty());
-    misbehave(bench, "silent 1 on 2000");
+    bench.misbehave("silent 1 on 2000");
     QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
     QCOMPARE(bench.ask("09 03 07 d0 00 03 04 0e"), QByteArray());
     QVERIFY(!bench.ask("09 03 07 d0 00 03 04 0e").isEmpty());
@@ -177,7 +169,7 @@ void TestSimulatorFaults::scopedFaultLeavesOtherRequestsAlone()
 void TestSimulatorFaults::requestsForOthersDoNotUseTheFaultUp()
 {
     SimulatorBench bench;
-    misbehave(bench, "silent 1");
+    bench.misbehave("silent 1");
     bench.ask("02 03 01 f4 00 03 45 f6");
     QCOMPARE(bench.ask(kReadVersion), QByteArray());
     QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
@@ -186,9 +178,9 @@ void TestSimulatorFaults::requestsForOthersDoNotUseTheFaultUp()
 void TestSimulatorFaults::faultsCombine()
 {
     SimulatorBench bench;
-    misbehave(bench, "late 1 20");
-    misbehave(bench, "badCrc 1");
-    misbehave(bench, "echo 1");
+    bench.misbehave("late 1 20");
+    bench.misbehave("badCrc 1");
+    bench.misbehave("echo 1");
     QCOMPARE(bench.ask(kReadVersion), QByteArray());
     bench.timeline.advanceMs(20);
     QCOMPARE(bench.answered(), QByteArray(kReadVersion) + " 09 03 06 54 41 33 01 06 0e ab 71");
