@@ -14,6 +14,7 @@ import time
 import tty
 
 from . import modbus
+from .requestlog import RequestLog
 from .waiting import eventually
 
 
@@ -63,15 +64,14 @@ class Slave:
         return [(0.0, scripted)] if isinstance(scripted, bytes) else scripted
 
 
-class Line:
+class Line(RequestLog):
     """The adapter: `link` points at the pty while it is plugged."""
 
     def __init__(self, *slaves, link="/dev/ttyTool"):
+        super().__init__()
         self.link = link
         self.slaves = {slave.id: slave for slave in slaves}
-        self.requests = []
         self.garbage = []
-        self._changed = threading.Condition()
         self._master = None
         self._thread = None
         self._wake = None
@@ -116,36 +116,6 @@ class Line:
     def send(self, data):
         """Bytes that nobody asked for."""
         os.write(self._master, data)
-
-    # What was asked so far
-
-    def mark(self):
-        """The number of requests so far: where a later look starts."""
-        with self._changed:
-            return len(self.requests)
-
-    def since(self, mark, wanted=None):
-        with self._changed:
-            found = self.requests[mark:]
-        return [r for r in found if wanted is None or wanted(r)]
-
-    def wait_for(self, wanted, count=1, since=0, timeout=5.0):
-        """The first `count` requests that `wanted` accepts, from number `since` on."""
-        deadline = time.monotonic() + timeout
-        with self._changed:
-            while True:
-                found = [r for r in self.requests[since:] if wanted(r)]
-                if len(found) >= count:
-                    return found[:count]
-                left = deadline - time.monotonic()
-                assert left > 0, f"{len(found)} of {count} requests; last {self.requests[-8:]}"
-                self._changed.wait(left)
-
-    def wait_until_polled(self, slave_id, visits=1, timeout=5.0):
-        """Returns when `visits` whole reads of this slave have begun after this call."""
-        self.wait_for(
-            lambda r: r.slave == slave_id and r.is_read(2000), visits + 1, self.mark(), timeout
-        )
 
     def wait_until_quiet(self, quiet=0.15, timeout=5.0):
         """Returns when the line has been silent for `quiet` seconds."""
@@ -205,7 +175,5 @@ class Line:
                     os.write(self._master, data)
                 elif data:
                     due.append((now + delay, data))
-            with self._changed:
-                self.requests.append(request)
-                self._changed.notify_all()
+            self.keep(request)
         return due

@@ -3,16 +3,17 @@
 import queue
 import subprocess
 import threading
-import time
 
 from . import modbus
 from .children import binary, spawn
+from .requestlog import RequestLog
 
 
-class Simulator:
+class Simulator(RequestLog):
     """`Simulator("9=TA3-1.6.14", "--object", "9=140")`: grippers first, options as they are."""
 
     def __init__(self, *arguments, link="/dev/ttyTool"):
+        super().__init__()
         words = ["--link", link, "--trace"]
         for argument in arguments:
             if not argument.startswith("-") and words[-1] not in _WITH_VALUE:
@@ -24,10 +25,8 @@ class Simulator:
             stdout=subprocess.PIPE,
         )
         self._answers = queue.Queue()
-        self.requests = []
         self.foreign = []
         self.foreign_rates = []
-        self._frames = threading.Condition()
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
         ready = self._answers.get(timeout=5)
@@ -58,30 +57,6 @@ class Simulator:
     def registers(self, slave_id, address, count=1):
         return [int(word, 16) for word in self.tell(f"get {slave_id} {address} {count}")[-1].split()]
 
-    def mark(self):
-        with self._frames:
-            return len(self.requests)
-
-    def since(self, mark, wanted=lambda _: True):
-        with self._frames:
-            return [r for r in self.requests[mark:] if wanted(r)]
-
-    def wait_for(self, wanted, count=1, since=0, timeout=5.0):
-        deadline = time.monotonic() + timeout
-        with self._frames:
-            while True:
-                found = [r for r in self.requests[since:] if wanted(r)]
-                if len(found) >= count:
-                    return found[:count]
-                left = deadline - time.monotonic()
-                assert left > 0, f"{len(found)} of {count} requests; last {self.requests[-8:]}"
-                self._frames.wait(left)
-
-    def wait_until_polled(self, slave_id, visits=1):
-        self.wait_for(
-            lambda r: r.slave == slave_id and r.is_read(2000), visits + 1, self.mark()
-        )
-
     def _read(self):
         for line in self.process.stdout:
             text = line.decode().rstrip("\n")
@@ -97,16 +72,14 @@ class Simulator:
 
     def _take_frame(self, at, frame, rate):
         if rate is not None or frame[1:2] not in (bytes([modbus.READ]), bytes([modbus.WRITE])):
-            with self._frames:
+            with self._changed:
                 self.foreign.append(frame)
                 self.foreign_rates.append(rate)
-                self._frames.notify_all()
+                self._changed.notify_all()
             return
         request, used = modbus.cut_request(bytearray(frame), at)
         assert request and used == len(frame), frame.hex(" ")
-        with self._frames:
-            self.requests.append(request)
-            self._frames.notify_all()
+        self.keep(request)
 
 
 _WITH_VALUE = {"--object", "--serial", "--year", "--activation-ms", "--boot-ms"}
