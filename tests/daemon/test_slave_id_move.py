@@ -8,7 +8,7 @@ import time
 import pytest
 from harness import modbus
 from harness.line import Line
-from harness.moving import RESTART, SETTINGS, MovingSlave
+from harness.moving import RESTART, SETTINGS, MovingSlave, quiet_client
 
 MOVED = "update slave id from  9  to  2"
 FAILED = "fail to update slave id from  9  to  2"
@@ -16,19 +16,13 @@ FAILED = "fail to update slave id from  9  to  2"
 
 @pytest.fixture
 def line():
-    moving = MovingSlave(9)
-    with Line(moving) as plugged:
-        moving.line = plugged
+    with Line(MovingSlave(9)) as plugged:
         yield plugged
 
 
 @pytest.fixture
 def quiet(found, line, connect):
-    """A client; the line is silent, and stays so but for what the client asks for."""
-    client = connect()
-    assert client.set("MUTE 1") == "ack"
-    line.wait_until_quiet()
-    return client
+    return quiet_client(line, connect)
 
 
 def is_settings(request):

@@ -11,9 +11,7 @@ MOVED = "update slave id from  9  to  2"
 
 @pytest.fixture
 def line():
-    moving = MovingSlave(9)
-    with Line(moving) as plugged:
-        moving.line = plugged
+    with Line(MovingSlave(9)) as plugged:
         yield plugged
 
 

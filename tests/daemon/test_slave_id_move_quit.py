@@ -19,9 +19,7 @@ WAITS = [
 
 @pytest.fixture
 def line():
-    moving = MovingSlave(9)
-    with Line(moving) as plugged:
-        moving.line = plugged
+    with Line(MovingSlave(9)) as plugged:
         yield plugged
 
 

@@ -32,6 +32,7 @@ class Slave:
 
     def __init__(self, slave_id, version="TA3-1.6.14", serial=42, year=2021):
         self.id = slave_id
+        self.line = None
         self.registers = {}
         self.put(500, *version_registers(version))
         self.put(510, 0x4142, 0x4300, serial & 0xFFFF, serial >> 16)
@@ -71,6 +72,8 @@ class Line(RequestLog):
         super().__init__()
         self.link = link
         self.slaves = {slave.id: slave for slave in slaves}
+        for slave in slaves:
+            slave.line = self
         self.garbage = []
         self._master = None
         self._thread = None

@@ -10,10 +10,9 @@ RESTART = 0x5600
 class MovingSlave(Slave):
     """Comes back under the id of its settings block when it is told to restart."""
 
-    def __init__(self, slave_id, line_of=None, **options):
+    def __init__(self, slave_id, **options):
         super().__init__(slave_id, **options)
         self.put(430, *SETTINGS[:4], SETTINGS[4] & 0xFF00 | slave_id)
-        self.line = line_of
         self.script = self.behave
 
     def behave(self, request):
