@@ -19,6 +19,11 @@ class ScriptedMaster : public KvModbusAbstract
 public:
     using Words = QVector<quint16>;
 
+    explicit ScriptedMaster(const QString &portName = QStringLiteral("scripted"))
+        : m_portName(portName)
+    {
+    }
+
     /// What every read of this address is answered with.
     void setRegisters(quint8 slaveId, quint16 address, const Words &words);
 
@@ -43,7 +48,7 @@ public:
     bool connectToDevice() override;
     void disconnectFromDevice() override;
     bool isConnected() override { return m_open; }
-    QString getPortName() const override { return QStringLiteral("scripted"); }
+    QString getPortName() const override { return m_portName; }
     QVector<quint16> readRegisters(quint8 slaveId, quint16 startAddress, quint16 count) override;
     bool writeRegisters(quint8 slaveId, quint16 startAddress,
                         const QVector<quint16> &values) override;
@@ -55,6 +60,7 @@ private:
     void record(const QString &request);
     Words answerTo(const Register &first);
 
+    QString m_portName;
     bool m_open = true;
     bool m_openable = true;
     QMap<Register, Words> m_registers;

@@ -32,20 +32,6 @@ const QByteArray negativeAcknowledge("\x1F");
 constexpr quint16 firstCommand = 0x1234;
 const QString firstWrite = QStringLiteral("write 9 400: 0x1234");
 
-/// A scripted link whose port is the bootloader's.
-class Master : public ScriptedMaster
-{
-public:
-    explicit Master(const QString &portName)
-        : m_portName(portName)
-    {
-    }
-    QString getPortName() const override { return m_portName; }
-
-private:
-    QString m_portName;
-};
-
 class Device : public KvDeviceBase
 {
 public:
@@ -63,7 +49,7 @@ using Scenario = std::function<int()>;
 int jumpsWrite(Jump first, Jump second, const char *value)
 {
     BootloaderEnd end;
-    Master master(end.portName());
+    ScriptedMaster master(end.portName());
     Device device(master);
     for (const Jump jump : {first, second}) {
         end.setAnswers({acknowledge});
@@ -93,7 +79,7 @@ int ownFirst()
 /// A first value whose write fails is the first value all the same.
 int failedFirst()
 {
-    Master master(QStringLiteral("none"));
+    ScriptedMaster master(QStringLiteral("none"));
     Device device(master);
     master.refuseWrites(resetAddress, KvModbusAbstract::TimeoutError);
     if (device.resetDeviceToBootloader(0x0A0B, false, 0))
@@ -110,7 +96,7 @@ int quitDuringDetection()
 {
     quitOnSignals({SIGTERM});
     BootloaderEnd end;
-    Master master(end.portName());
+    ScriptedMaster master(end.portName());
     Device device(master);
     master.setOpen(false);
     end.raiseAtKnock(3, SIGTERM);
@@ -124,7 +110,7 @@ int quitDuringTheAttemptThatIsAnswered()
 {
     quitOnSignals({SIGTERM});
     BootloaderEnd end;
-    Master master(end.portName());
+    ScriptedMaster master(end.portName());
     Device device(master);
     master.setOpen(false);
     end.setAnswers({QByteArray(), acknowledge});
@@ -136,7 +122,7 @@ int quitBeforeDetection()
 {
     quitOnSignals({SIGTERM});
     BootloaderEnd end;
-    Master master(end.portName());
+    ScriptedMaster master(end.portName());
     Device device(master);
     master.setOpen(false);
     std::raise(SIGTERM);
@@ -148,7 +134,7 @@ int quitBeforeDetection()
 int manualResetThatIsInterrupted(const std::function<void()> &interrupt)
 {
     quitOnSignals({SIGTERM});
-    Master master(QStringLiteral("none"));
+    ScriptedMaster master(QStringLiteral("none"));
     Device device(master);
     master.refuseWrites(resetAddress, KvModbusAbstract::TimeoutError);
     bool isReset = true;
@@ -265,14 +251,14 @@ private:
     void addJumpRows();
 
     BootloaderEnd m_end;
-    std::unique_ptr<Master> m_master;
+    std::unique_ptr<ScriptedMaster> m_master;
     std::unique_ptr<Device> m_device;
 };
 
 void tst_Bootloader::initTestCase()
 {
     qRegisterMetaType<Error>("KvDeviceBase::KvDeviceError");
-    Master master(m_end.portName());
+    ScriptedMaster master(m_end.portName());
     Device device(master);
     QVERIFY(device.resetDeviceToBootloader(firstCommand, false, 0));
     QCOMPARE(master.takeRequests(), (QStringList{firstWrite, QStringLiteral("disconnect")}));
@@ -281,7 +267,7 @@ void tst_Bootloader::initTestCase()
 void tst_Bootloader::init()
 {
     m_device.reset();
-    m_master = std::make_unique<Master>(m_end.portName());
+    m_master = std::make_unique<ScriptedMaster>(m_end.portName());
     m_device = std::make_unique<Device>(*m_master);
     m_end.setAnswers({});
 }
@@ -599,7 +585,7 @@ void tst_Bootloader::detectionNeedsTheLinkClosed()
 
 void tst_Bootloader::detectionWithoutAPortLeavesTheErrorAlone()
 {
-    Master master(QStringLiteral("/dev/there-is-no-such-port"));
+    ScriptedMaster master(QStringLiteral("/dev/there-is-no-such-port"));
     Device device(master);
     master.setOpen(false);
     device.setError(Error::InvalideDeviceError);

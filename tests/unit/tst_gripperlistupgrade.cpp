@@ -23,20 +23,6 @@ constexpr quint16 firstCommand = 0x1234;
 const QStringList resetAndClose{QStringLiteral("write 9 400: 0x1234"),
                                 QStringLiteral("disconnect")};
 
-/// A scripted link whose port is the bootloader's.
-class Master : public ScriptedMaster
-{
-public:
-    explicit Master(const QString &portName)
-        : m_portName(portName)
-    {
-    }
-    QString getPortName() const override { return m_portName; }
-
-private:
-    QString m_portName;
-};
-
 } // namespace
 
 /// Upgrades: a gripper on a scripted link, a bootloader at its port, a shell script in the flashing
@@ -98,7 +84,8 @@ private:
     ModbusConstraintsFactory m_factory;
     BootloaderEnd m_end;
     BootloaderEnd m_listEnd;
-    Master m_master{m_end.portName()};
+    // Its port is the bootloader's.
+    ScriptedMaster m_master{m_end.portName()};
     QMap<char, GripperList::Gripper> m_families;
     GripperList::Gripper m_gripper;
     QString m_workingDirectory;
