@@ -151,6 +151,9 @@ private slots:
     void quitSignalEndsTheWaitForAnAnswer();
 
 private:
+    Words access(bool isRead);
+    Words accessAnsweredBy(const QByteArray &answer, bool isRead);
+
     QScopedPointer<PtyLine> m_line;
     QScopedPointer<KvModbusCustom> m_master;
     QtMessageHandler m_keptHandler = nullptr;
@@ -173,6 +176,21 @@ void tst_KvModbusCustom::cleanup()
     m_line.reset();
     qInstallMessageHandler(m_keptHandler);
     QCOMPARE(s_warnings, QStringList());
+}
+
+/// Reads a register, or writes 1 into another: what was read, or written. Empty on failure.
+Words tst_KvModbusCustom::access(bool isRead)
+{
+    if (isRead)
+        return m_master->readRegisters(9, 514, 1);
+    const Words values{1};
+    return m_master->writeRegisters(9, 1000, values) ? values : Words();
+}
+
+Words tst_KvModbusCustom::accessAnsweredBy(const QByteArray &answer, bool isRead)
+{
+    m_line->script(isRead ? readRequestLength : writeRequestLength(1), {answer});
+    return access(isRead);
 }
 
 void tst_KvModbusCustom::checksumsAreThoseOfAnotherGenerator_data()
@@ -429,13 +447,7 @@ void tst_KvModbusCustom::acceptedAnswers()
 {
     QFETCH(bool, isRead);
     QFETCH(QByteArray, answer);
-    if (isRead) {
-        m_line->script(readRequestLength, {answer});
-        QCOMPARE(m_master->readRegisters(9, 514, 1), Words{0x07E8});
-    } else {
-        m_line->script(writeRequestLength(1), {answer});
-        QVERIFY(m_master->writeRegisters(9, 1000, {1}));
-    }
+    QCOMPARE(accessAnsweredBy(answer, isRead), Words{isRead ? quint16{0x07E8} : quint16{1}});
     QCOMPARE(m_master->error(), KvModbusAbstract::NoError);
 }
 
@@ -478,13 +490,7 @@ void tst_KvModbusCustom::rejectedAnswers()
     QFETCH(Error, error);
     m_master->setConstraints({100, 0, 2});
     QSignalSpy errors(m_master.data(), &KvModbusAbstract::errorOccurred);
-    if (isRead) {
-        m_line->script(readRequestLength, {answer});
-        QCOMPARE(m_master->readRegisters(9, 514, 1), Words());
-    } else {
-        m_line->script(writeRequestLength(1), {answer});
-        QVERIFY(!m_master->writeRegisters(9, 1000, {1}));
-    }
+    QCOMPARE(accessAnsweredBy(answer, isRead), Words());
     QCOMPARE(m_master->error(), error);
     QCOMPARE(errors.size(), 1);
     QCOMPARE(errors[0][0].value<Error>(), error);
@@ -553,13 +559,7 @@ void tst_KvModbusCustom::incompleteAnswerCostsTheWholeDeadline()
     m_master->setConstraints({100, 50, 2});
     QElapsedTimer clock;
     clock.start();
-    if (isRead) {
-        m_line->script(readRequestLength, {answer});
-        QCOMPARE(m_master->readRegisters(9, 514, 1), Words());
-    } else {
-        m_line->script(writeRequestLength(1), {answer});
-        QVERIFY(!m_master->writeRegisters(9, 1000, {1}));
-    }
+    QCOMPARE(accessAnsweredBy(answer, isRead), Words());
     QVERIFY2(clock.elapsed() >= 150, qPrintable(QString::number(clock.elapsed())));
     QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError);
 }
@@ -582,13 +582,7 @@ void tst_KvModbusCustom::completeAnswerEndsTheWaitWhateverItSays()
     QFETCH(QByteArray, answer);
     QElapsedTimer clock;
     clock.start();
-    if (isRead) {
-        m_line->script(readRequestLength, {answer});
-        m_master->readRegisters(9, 514, 1);
-    } else {
-        m_line->script(writeRequestLength(1), {answer});
-        m_master->writeRegisters(9, 1000, {1});
-    }
+    accessAnsweredBy(answer, isRead);
     QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
 }
 
@@ -702,10 +696,7 @@ void tst_KvModbusCustom::requestThatCannotBeWrittenTimesOut()
     m_line->setTransmissionStopped(true);
     QElapsedTimer clock;
     clock.start();
-    if (isRead)
-        QCOMPARE(m_master->readRegisters(9, 514, 1), Words());
-    else
-        QVERIFY(!m_master->writeRegisters(9, 1000, {1}));
+    QCOMPARE(access(isRead), Words());
     QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError);
     // After 50 ms, whatever the deadline of the answer.
     QVERIFY2(clock.elapsed() >= 45, qPrintable(QString::number(clock.elapsed())));
@@ -830,10 +821,7 @@ void tst_KvModbusCustom::requestOnALineJustHungUpFails()
     m_master->setConstraints({50, 0, 2});
     QSignalSpy errors(m_master.data(), &KvModbusAbstract::errorOccurred);
     m_line->hangUp();
-    if (isRead)
-        QCOMPARE(m_master->readRegisters(9, 514, 1), Words());
-    else
-        QVERIFY(!m_master->writeRegisters(9, 1000, {1}));
+    QCOMPARE(access(isRead), Words());
     QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError);
     QCOMPARE(errors.size(), 1);
     QVERIFY(!m_master->isConnected());
