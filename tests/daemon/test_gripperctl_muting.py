@@ -5,57 +5,57 @@ import threading
 
 import pytest
 from harness import gripperctl
-from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl, well
+from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl
 
 
-def holding(release, *held):
-    """An answer function under which these requests have to wait for the event."""
+class HoldingDaemon(ScriptedDaemon):
+    """Answers one request only when it is released, and has these values from then on."""
 
-    def answer(request):
-        if request in held:
-            release.wait(10)
-        return daemon_of[0].usual(request)
+    def __init__(self, held, reply=b"ack", **values):
+        self.held, self.reply, self.values_behind = held, reply, values
+        self.release = threading.Event()
+        super().__init__()
 
-    daemon_of = []
-    return answer, daemon_of
+    def __exit__(self, *details):
+        super().__exit__(*details)
+        self.release.set()
+
+    def usual(self, request):
+        if request != self.held:
+            return super().usual(request)
+        self.release.wait(10)
+        self.values.update(self.values_behind)
+        return self.reply
+
+    def start(self, *words):
+        """A client whose request is being held."""
+        process = start_ctl("--host", self.host, *words)
+        self.wait_for(self.held)
+        return process
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT])
 def test_rename_interrupted_unmutes_on_a_connection_of_its_own(number):
-    release = threading.Event()
-    answer, owner = holding(release, "SET NID 2")
-    with ScriptedDaemon(answer) as daemon:
-        owner.append(daemon)
-        process = start_ctl("--host", daemon.host, "rename", "9", "2")
-        daemon.wait_for("SET NID 2")
+    with HoldingDaemon("SET NID 2") as daemon:
+        process = daemon.start("rename", "9", "2")
         process.send_signal(number)
         code, _, error = run_to_end(process)
-        release.set()
         assert code == gripperctl.INTERRUPTED
         assert "gripperd goes on with it" in error
         assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
 
 
 def test_rename_that_gets_no_answer_unmutes():
-    release = threading.Event()
-    answer, owner = holding(release, "SET NID 2")
-    with ScriptedDaemon(answer) as daemon:
-        owner.append(daemon)
+    with HoldingDaemon("SET NID 2") as daemon:
         badly(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.5", "rename", "9", "2")
-        release.set()
         assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
 
 
 def test_rename_that_loses_its_connection_unmutes():
-    release = threading.Event()
-    answer, owner = holding(release, "SET NID 2")
-    with ScriptedDaemon(answer) as daemon:
-        owner.append(daemon)
-        process = start_ctl("--host", daemon.host, "rename", "9", "2")
-        daemon.wait_for("SET NID 2")
+    with HoldingDaemon("SET NID 2") as daemon:
+        process = daemon.start("rename", "9", "2")
         daemon.drop()
         code, _, error = run_to_end(process)
-        release.set()
         assert code == gripperctl.NO_CONNECTION
         assert "lost the connection" in error
         assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
@@ -86,30 +86,21 @@ def test_muting_that_is_never_answered_is_taken_back():
 
 
 def test_polling_that_cannot_be_unmuted_is_said():
-    release = threading.Event()
-    answer, owner = holding(release, "SET NID 2")
-    with ScriptedDaemon(answer) as daemon:
-        owner.append(daemon)
-        process = start_ctl("--host", daemon.host, "rename", "9", "2")
-        daemon.wait_for("SET NID 2")
+    with HoldingDaemon("SET NID 2") as daemon:
+        process = daemon.start("rename", "9", "2")
     code, _, error = run_to_end(process)
-    release.set()
     assert code == gripperctl.NO_CONNECTION
     assert "polling may still be muted: gripperctl set MUTE 0" in error
 
 
 def test_upgrade_interrupted_waits_for_the_answer_and_unmutes():
-    release = threading.Event()
-    answer, owner = holding(release, "SET UPG 1")
-    with ScriptedDaemon(answer) as daemon:
-        owner.append(daemon)
-        process = start_ctl("--host", daemon.host, "upgrade", "--yes")
-        daemon.wait_for("SET UPG 1")
+    with HoldingDaemon("SET UPG 1") as daemon:
+        process = daemon.start("upgrade", "--yes")
         process.send_signal(signal.SIGINT)
-        threading.Timer(0.5, release.set).start()
+        threading.Timer(0.5, daemon.release.set).start()
         code, _, _ = run_to_end(process)
         assert code == gripperctl.INTERRUPTED
-        assert release.is_set()
+        assert daemon.release.is_set()
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0"]
 
 
@@ -133,19 +124,10 @@ def test_upgrade_interrupted_during_flashing_leaves_the_line_to_the_flasher():
 
 
 def test_upgrade_interrupted_before_the_flasher_is_seen_leaves_the_line_to_it():
-    release = threading.Event()
-
-    def answer(request):
-        if request == "SET UPG 1":
-            release.wait(10)
-            daemon.values["UPG"] = "1"
-        return daemon.usual(request)
-
-    with ScriptedDaemon(answer) as daemon:
-        process = start_ctl("--host", daemon.host, "upgrade", "--yes")
-        daemon.wait_for("SET UPG 1")
+    with HoldingDaemon("SET UPG 1", UPG="1") as daemon:
+        process = daemon.start("upgrade", "--yes")
         process.send_signal(signal.SIGINT)
-        threading.Timer(0.3, release.set).start()
+        threading.Timer(0.3, daemon.release.set).start()
         code, _, error = run_to_end(process)
         assert code == gripperctl.INTERRUPTED
         assert "the flasher goes on" in error
@@ -153,17 +135,12 @@ def test_upgrade_interrupted_before_the_flasher_is_seen_leaves_the_line_to_it():
 
 
 def test_a_second_interruption_ends_at_once():
-    release = threading.Event()
-    answer, owner = holding(release, "SET UPG 1")
-    with ScriptedDaemon(answer) as daemon:
-        owner.append(daemon)
-        process = start_ctl("--host", daemon.host, "upgrade", "--yes")
-        daemon.wait_for("SET UPG 1")
+    with HoldingDaemon("SET UPG 1") as daemon:
+        process = daemon.start("upgrade", "--yes")
         for _ in range(2):
             process.send_signal(signal.SIGINT)
             threading.Event().wait(0.2)
         assert run_to_end(process, 2)[0] == -signal.SIGINT
-        release.set()
 
 
 def test_a_jump_that_is_refused_is_unmuted():
@@ -228,13 +205,16 @@ def flashing_and_then(values):
     return answer
 
 
-def test_an_unchanged_version_is_no_success_unless_it_was_expected():
-    for words, code in (([], gripperctl.REFUSED), (["--expect", "TA3-1.0.0"], gripperctl.DONE)):
-        after = flashing_and_then({})
-        with ScriptedDaemon(lambda request: after(daemon, request)) as daemon:
-            run = ctl("--host", daemon.host, "upgrade", "--yes", *words)
-            assert run.returncode == code
-            assert "firmware TA3-1.0.0, as before" in run.stdout + run.stderr
+@pytest.mark.parametrize("words,code", [
+    ([], gripperctl.REFUSED),
+    (["--expect", "TA3-1.0.0"], gripperctl.DONE),
+])
+def test_an_unchanged_version_is_no_success_unless_it_was_expected(words, code):
+    after = flashing_and_then({})
+    with ScriptedDaemon(lambda request: after(daemon, request)) as daemon:
+        run = ctl("--host", daemon.host, "upgrade", "--yes", *words)
+        assert run.returncode == code
+        assert "firmware TA3-1.0.0, as before" in run.stdout + run.stderr
 
 
 def test_a_gripper_that_does_not_come_back_after_flashing():
@@ -254,23 +234,17 @@ def test_the_bootloader_gets_a_silent_line_and_keeps_it():
         assert daemon.sets() == ["SID 9", "MUTE 1", "BLD 1"]
 
 
-def test_a_jump_that_is_interrupted_ends_with_its_answer():
-    for reply, code, last in ((b"ack", gripperctl.DONE, "BLD 1"), (b"nak", gripperctl.REFUSED, "MUTE 0")):
-        release = threading.Event()
-
-        def answer(request):
-            if request == "SET BLD 1":
-                release.wait(10)
-                return reply
-            return daemon.usual(request)
-
-        with ScriptedDaemon(answer) as daemon:
-            process = start_ctl("--host", daemon.host, "set", "BLD", "1")
-            daemon.wait_for("SET BLD 1")
-            process.send_signal(signal.SIGINT)
-            threading.Timer(0.3, release.set).start()
-            assert run_to_end(process)[0] == code
-            assert daemon.sets()[-1] == last
+@pytest.mark.parametrize("reply,code,last", [
+    (b"ack", gripperctl.DONE, "BLD 1"),
+    (b"nak", gripperctl.REFUSED, "MUTE 0"),
+])
+def test_a_jump_that_is_interrupted_ends_with_its_answer(reply, code, last):
+    with HoldingDaemon("SET BLD 1", reply) as daemon:
+        process = daemon.start("set", "BLD", "1")
+        process.send_signal(signal.SIGINT)
+        threading.Timer(0.3, daemon.release.set).start()
+        assert run_to_end(process)[0] == code
+        assert daemon.sets()[-1] == last
 
 
 def test_a_flasher_that_has_ended_before_it_was_seen_shows_in_the_link():
