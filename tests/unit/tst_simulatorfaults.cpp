@@ -42,20 +42,18 @@ void TestSimulatorFaults::faultChangesTheAnswer_data()
 {
     QTest::addColumn<QByteArray>("words");
     QTest::addColumn<QByteArray>("answer");
-    QTest::newRow("deaf") << QByteArray("deaf") << QByteArray();
-    QTest::newRow("silent") << QByteArray("silent") << QByteArray();
-    QTest::newRow("exception") << QByteArray("exception") << QByteArray("09 83 04 c1 31");
-    QTest::newRow("wrong id") << QByteArray("wrongId always 10")
-                              << QByteArray("0a 03 06 54 41 33 01 06 0e bf 7e");
-    QTest::newRow("wrong function")
-        << QByteArray("wrongFunction") << QByteArray("09 04 06 54 41 33 01 06 0e ea 68");
-    QTest::newRow("bad CRC") << QByteArray("badCrc")
-                             << QByteArray("09 03 06 54 41 33 01 06 0e ab 71");
-    QTest::newRow("truncated") << QByteArray("truncated always 4")
-                               << QByteArray("09 03 06 54 41 33 01");
-    QTest::newRow("truncated to nothing") << QByteArray("truncated always 200") << QByteArray();
-    QTest::newRow("echo") << QByteArray("echo")
-                          << QByteArray(kReadVersion) + " " + QByteArray(kVersionAnswer);
+    const auto row = [](const char *name, const char *words, const QByteArray &answer) {
+        QTest::newRow(name) << QByteArray(words) << answer;
+    };
+    row("deaf", "deaf", "");
+    row("silent", "silent", "");
+    row("exception", "exception", "09 83 04 c1 31");
+    row("wrong id", "wrongId always 10", "0a 03 06 54 41 33 01 06 0e bf 7e");
+    row("wrong function", "wrongFunction", "09 04 06 54 41 33 01 06 0e ea 68");
+    row("bad CRC", "badCrc", "09 03 06 54 41 33 01 06 0e ab 71");
+    row("truncated", "truncated always 4", "09 03 06 54 41 33 01");
+    row("truncated to nothing", "truncated always 200", "");
+    row("echo", "echo", QByteArray(kReadVersion) + ' ' + kVersionAnswer);
 }
 
 void TestSimulatorFaults::faultChangesTheAnswer()
