@@ -10,7 +10,7 @@ import pytest
 from harness.children import binary, spawn
 from harness.client import PORT
 from harness.daemon import LOG_LINE, QUIT_LIMIT, Daemon
-from harness.line import Line, Slave
+from harness.line import Line
 from harness.waiting import eventually
 
 FLOODS = True

@@ -7,7 +7,6 @@ slave a `script`; the simulator is for grippers that behave like grippers.
 
 import os
 import select
-import struct
 import termios
 import threading
 import time
