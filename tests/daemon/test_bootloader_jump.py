@@ -1,33 +1,19 @@
 """Grippers sent into their bootloaders: what is written, what is looked for, what is told."""
 
-import contextlib
 import signal
 import time
 
 import pytest
+from harness.benches import Bench, benches
 from harness.daemon import QUIT_LIMIT
-from harness.simulator import Simulator
 from harness.upgrades import polls_nothing
 from harness.waiting import eventually
 
-FINGERS, VACUUM = "9=TA3-1.6.14", "2=TE1-2.0.2"
 ROM, OWN = 0x2A00, 0x3500
 SYNC = b"\x7f"
 
 
-class Bench:
-    def __init__(self, grippers, options, start_daemon, connect):
-        quick = ["--boot-ms=200", "--bootloader-boot-ms=100"]
-        self.line = Simulator(*grippers, *quick, *options)
-        self.ids = [int(g.split("=")[0]) for g in grippers]
-        self.daemon = start_daemon()
-        self.connect = connect
-
-    def ready(self):
-        self.daemon.wait_until_found(*self.ids)
-        self.client = self.connect()
-        return self
-
+class JumpBench(Bench):
     def silence(self):
         """A quiet line, so that nothing but the jump is on it."""
         assert self.client.set("MUTE 1") == "ack"
@@ -56,13 +42,7 @@ class Bench:
 
 @pytest.fixture
 def make_bench(start_daemon, connect):
-    with contextlib.ExitStack() as lines:
-
-        def make(*grippers, options=()):
-            bench = Bench(grippers or (FINGERS,), options, start_daemon, connect)
-            lines.enter_context(bench.line)
-            return bench.ready()
-
+    with benches(JumpBench, start_daemon, connect) as make:
         yield make
 
 
@@ -113,7 +93,7 @@ def test_already_in_the_bootloader_is_true_without_reset_or_muting(make_bench):
 
 
 def test_the_first_reset_value_of_the_process_counts_for_all(make_bench):
-    bench = make_bench(FINGERS, VACUUM)
+    bench = make_bench("9=TA3-1.6.14", "2=TE1-2.0.2")
     bench.silence()
     assert bench.jump() == "ack"
     bench.line.tell("restart 9")

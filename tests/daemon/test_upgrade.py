@@ -1,12 +1,11 @@
 """The upgrade of a gripper with a stand-in for the flasher: how it is started, heard and ended."""
 
-import contextlib
 import signal
 import time
 
 import pytest
+from harness.benches import Bench, benches
 from harness.daemon import QUIT_LIMIT
-from harness.simulator import Simulator
 from harness.upgrades import (
     COMMAND, children_of, is_alive, noted_arguments, noted_process, polls_nothing, put_flasher,
 )
@@ -18,27 +17,9 @@ FAMILIES = {
     "TE": ("TE1-2.0.1", 115200, "firmware/TE1-2.0.2.bin"),
     "TF": ("TF1-2.0.1", 115200, "firmware/TF1-2.0.2.bin"),
 }
-QUICK_BOOT = ("--boot-ms=200", "--bootloader-boot-ms=100")
 
 
-class Bench:
-    """A simulated gripper 9, a daemon that has found it, and the folder that it runs in."""
-
-    def __init__(self, version, start_daemon, connect, folder):
-        self.folder = folder
-        self.line = Simulator(f"9={version}", *QUICK_BOOT)
-        self.daemon = start_daemon(cwd=folder)
-        self.connect = connect
-
-    def ready(self):
-        self.daemon.wait_until_found(9)
-        self.client = self.connect()
-        self.log_mark = self.daemon.mark()
-        return self
-
-    def messages(self):
-        return self.daemon.messages(self.log_mark)
-
+class UpgradeBench(Bench):
     def upgrade(self):
         return self.client.set("UPG 1", timeout=15)
 
@@ -51,14 +32,8 @@ class Bench:
 
 
 @pytest.fixture
-def make_bench(start_daemon, connect, tmp_path):
-    with contextlib.ExitStack() as lines:
-
-        def make(version="TA3-1.6.13"):
-            bench = Bench(version, start_daemon, connect, tmp_path)
-            lines.enter_context(bench.line)
-            return bench.ready()
-
+def make_bench(start_daemon, connect):
+    with benches(UpgradeBench, start_daemon, connect) as make:
         yield make
 
 
@@ -66,7 +41,7 @@ def make_bench(start_daemon, connect, tmp_path):
 def test_command_line_file_and_rate_of_the_family(make_bench, tmp_path, family):
     version, rate, file = FAMILIES[family]
     put_flasher(tmp_path, "exit 0")
-    bench = make_bench(version)
+    bench = make_bench(f"9={version}")
     assert bench.upgrade() == "ack"
     assert noted_arguments(tmp_path) == [
         "-p", "/dev/ttyTool", "-b", str(rate), "-f", file, "-d", "-g",
@@ -111,7 +86,7 @@ def test_polling_goes_on_after_a_flasher_that_fails(make_bench, tmp_path, end):
 
 @pytest.mark.parametrize("family", ["TA", "TE"])
 def test_a_missing_flasher_is_acknowledged_and_leaves_polling_muted(make_bench, family):
-    bench = make_bench(FAMILIES[family][0])
+    bench = make_bench(f"9={FAMILIES[family][0]}")
     assert bench.upgrade() == "ack"
     assert bench.client.get("UPG") == "0"
     bench.back_to_firmware()

@@ -1,10 +1,10 @@
 """Upgrades from end to end: daemon, flasher, stm32flash, bootloader."""
 
-import contextlib
 import os
 import subprocess
 
 import pytest
+from harness.benches import benches
 from harness.children import binary
 from harness.daemon import QUIT_LIMIT
 from harness.flashbench import FINGERS, VACUUM, FlashBench
@@ -14,13 +14,7 @@ from harness.waiting import eventually
 
 @pytest.fixture
 def make_bench(start_daemon, connect, tmp_path):
-    with contextlib.ExitStack() as lines:
-
-        def make(versions=FINGERS, bits=0, size=4099):
-            bench = FlashBench(versions, bits, size, start_daemon, connect, tmp_path)
-            lines.enter_context(bench.line)
-            return bench.ready()
-
+    with benches(FlashBench, start_daemon, connect, tmp_path) as make:
         yield make
 
 

@@ -1,7 +1,7 @@
 """Daemon, flasher and a simulated gripper that can really be flashed."""
 
+from .benches import Bench
 from .flashing import make_image
-from .simulator import Simulator
 from .upgrades import put_real_flasher
 from .waiting import eventually
 
@@ -9,24 +9,20 @@ FINGERS = ("TA3-1.6.13", "TA3-1.6.14")
 VACUUM = ("TE1-2.0.1", "TE1-2.0.2")
 
 
-class FlashBench:
+class FlashBench(Bench):
     """Started in `folder`, which holds ./romflasher and the image."""
 
-    def __init__(self, versions, bits, size, start_daemon, connect, folder):
+    def __init__(
+        self, start_daemon, connect, folder, versions=FINGERS, bits=0, size=4099, **options
+    ):
         before, self.after = versions
-        options = ["--boot-ms=200", "--bootloader-boot-ms=100", f"--bootloader-bps={bits}"]
-        self.line = Simulator(f"9={before}", *options)
         put_real_flasher(folder)
         (folder / "firmware").mkdir()
         self.image = make_image(folder / "firmware", self.after, size)
-        self.daemon = start_daemon(cwd=folder)
-        self.connect = connect
-
-    def ready(self):
-        self.daemon.wait_until_found(9)
-        self.client = self.connect()
-        self.log_mark = self.daemon.mark()
-        return self
+        speed = [f"--bootloader-bps={bits}"]
+        super().__init__(
+            start_daemon, connect, f"9={before}", options=speed, cwd=folder, **options
+        )
 
     def start(self):
         assert self.client.set("UPG 1", timeout=15) == "ack"
@@ -34,9 +30,6 @@ class FlashBench:
 
     def wait_for_the_end(self):
         self.daemon.wait_for_line("unmuteOnUpgradeFinished", self.log_mark, timeout=40)
-
-    def messages(self):
-        return self.daemon.messages(self.log_mark)
 
     def wait_for_the_new_version(self):
         eventually(lambda: self.client.get("FWV") == self.after, 10, "the new version")
