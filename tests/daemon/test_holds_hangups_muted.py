@@ -45,7 +45,6 @@ def test_in_a_slave_id_move(start_daemon, connect, figure):
     """In its first read, in the wait for the settings to be stored, in the wait for the restart."""
     moving = MovingSlave(9)
     with Line(moving) as line:
-        moving.line = line
         hang_ups = HangUps(start_daemon().wait_until_found(9), line)
         client = quiet_client(line, connect)
         for wanted in (

@@ -41,7 +41,6 @@ class Stage:
         self.connect = connect
         self.moving = MovingSlave(9)
         self.line = Line(self.moving, *(Slave(n) for n in IDS[1:]))
-        self.moving.line = self.line
         self.daemon = None
 
     def __enter__(self):
