@@ -16,9 +16,9 @@ public:
     /// links: of a link, the names that it leads to are locked as well.
     explicit SerialPortLock(const QString &device);
 
-    /// Waits up to `timeoutMs`, blocking, for another holder to let go. The lock of a process
-    /// that is no more is taken over. False when it stays taken or cannot be made; problem()
-    /// then says why.
+    /// Waits up to `timeoutMs` for each name, blocking, for another holder to let go. The lock of a
+    /// process that is no more is taken over. False when it stays taken or cannot be made;
+    /// problem() then says why.
     bool take(int timeoutMs);
     const QString &problem() const { return m_problem; }
 

@@ -199,10 +199,6 @@ void ClientSocket::reportEndIfOver()
         return;
     m_endReported = true;
     const auto report = [this] {
-        // Held since: release() reports it again.
-        m_endReported = m_holds == 0;
-        if (!m_endReported)
-            return;
         setSocketState(UnconnectedState);
         const QScopedValueRollback<ClientSocket *> notifying(__notifying, this);
         emit disconnected();
