@@ -196,11 +196,11 @@ class Disturber:
         self.line.tell("clear")
         for quiet in (False, True):
             reply, state = self._attempt(quiet)
-            if reply is None or state.startswith(UPGRADED):
+            if reply is None or is_upgraded(reply, state):
                 break
             self.world.count("upgrades repeated")
         if reply is not None:
-            self.world.judge("upgrades", state.startswith(UPGRADED), f"{reply}, then {state}")
+            self.world.judge("upgrades", is_upgraded(reply, state), f"{reply}, then {state}")
             self.world.count("upgrades")
 
     def _attempt(self, quiet):
@@ -217,9 +217,15 @@ class Disturber:
             client.order("MUTE 0")
             state = self.line.grippers()[9]
             # Wherever that has left it: its power is switched off and on.
-            if not state.startswith(UPGRADED):
+            if not is_upgraded(reply, state):
                 self.line.tell("restart 9")
         return reply, state
+
+
+def is_upgraded(reply, state):
+    """From the second time on it had that firmware before: refused, it may be on its way into its
+    bootloader all the same, and shows the firmware still."""
+    return reply == "ack" and state.startswith(UPGRADED)
 
 
 def listed(slave_ids):
