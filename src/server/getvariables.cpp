@@ -6,15 +6,11 @@
 #include <array>
 #include <charconv>
 #include <cstdint>
+#include <iterator>
 
 namespace {
 
 constexpr std::string_view driverVersion = "MZV-2.0.0";
-
-constexpr bool needsGripper = true;
-constexpr bool needsNothing = false;
-constexpr bool fromImage = false;
-constexpr bool mayAskDevice = true;
 
 void appendNumber(std::string &reply, qint64 number, int minimumDigits = 1)
 {
@@ -37,7 +33,8 @@ void appendIds(std::string &reply, const QVector<quint8> &ids)
     reply.push_back(']');
 }
 
-/// The value of a getter of the selected gripper, in decimal with at least that many digits.
+/// Appends what `getter` of the selected gripper returns, in decimal with at least that many
+/// digits.
 template <auto getter, int minimumDigits = 1>
 void gripperNumber(const GetSources &from, std::string &reply)
 {
@@ -57,57 +54,93 @@ void zero(const GetSources & /*from*/, std::string &reply)
 
 using G = KvPelloGripper;
 
-constexpr std::array<GetVariable, 29> variables{{
-    {Server::__activateRequest, needsGripper, fromImage, gripperNumber<&G::getActivateEcho>},
-    {Server::__gripperMode, needsGripper, fromImage, gripperNumber<&G::getGripperModeEcho>},
-    {Server::__goto, needsGripper, fromImage, gripperNumber<&G::getGoToEcho>},
-    {Server::__status, needsGripper, fromImage, gripperNumber<&G::getStatus>},
-    {Server::__vacuumStatus, needsGripper, fromImage, gripperNumber<&G::getVacuumStatus>},
-    {Server::__objectDetected, needsGripper, fromImage, gripperNumber<&G::getObjectFlag>},
-    {Server::__fault, needsGripper, fromImage, gripperNumber<&G::getFaultFlag, 2>},
-    {Server::__ledBypass, needsGripper, fromImage, gripperNumber<&G::getLedBypass>},
-    {Server::__greenLed, needsGripper, fromImage, gripperNumber<&G::getLedGreen>},
-    {Server::__redLed, needsGripper, fromImage, gripperNumber<&G::getLedRed>},
-    {Server::__blueLed, needsGripper, fromImage, gripperNumber<&G::getLedBlue>},
-    {Server::__maxPeakSupplyCurrent, needsGripper, fromImage,
+constexpr std::string_view flag = "0, 1";
+constexpr std::string_view twoBits = "0 to 3";
+constexpr std::string_view byte = "0 to 255";
+constexpr std::string_view counter = "0 to 4294967295";
+constexpr std::string_view text = "text";
+
+constexpr GetVariable variables[] = {
+    {Server::__activateRequest, ValueSource::Gripper, flag,
+     "The gripper is active: activated, and the activation has completed.",
+     gripperNumber<&G::getActivateEcho>},
+    {Server::__gripperMode, ValueSource::Gripper, twoBits, "The mode of the gripper.",
+     gripperNumber<&G::getGripperModeEcho>},
+    {Server::__goto, ValueSource::Gripper, flag, "The gripper goes to the requested position.",
+     gripperNumber<&G::getGoToEcho>},
+    {Server::__status, ValueSource::Gripper, twoBits, "The status of the gripper.",
+     gripperNumber<&G::getStatus>},
+    {Server::__vacuumStatus, ValueSource::Gripper, twoBits, "The vacuum status.",
+     gripperNumber<&G::getVacuumStatus>},
+    {Server::__objectDetected, ValueSource::Gripper, twoBits, "The object detection.",
+     gripperNumber<&G::getObjectFlag>},
+    {Server::__fault, ValueSource::Gripper, "00 to 15", "The fault code, in two digits.",
+     gripperNumber<&G::getFaultFlag, 2>},
+    {Server::__ledBypass, ValueSource::Request, flag,
+     "The LEDs show the three requested colours instead of the state.",
+     gripperNumber<&G::getLedBypass>},
+    {Server::__greenLed, ValueSource::Request, flag, "The green LED.",
+     gripperNumber<&G::getLedGreen>},
+    {Server::__redLed, ValueSource::Request, flag, "The red LED.", gripperNumber<&G::getLedRed>},
+    {Server::__blueLed, ValueSource::Request, flag, "The blue LED.", gripperNumber<&G::getLedBlue>},
+    {Server::__maxPeakSupplyCurrent, ValueSource::Request, byte, "The peak supply current.",
      gripperNumber<&G::getMaxPeakSupplyCurrent>},
-    {Server::__positionRequestEcho, needsGripper, fromImage,
+    {Server::__positionRequestEcho, ValueSource::Gripper, "000 to 255",
+     "The position request that the gripper has taken, in three digits.",
      gripperNumber<&G::getPositionRequestEcho, 3>},
-    // The measured position, not the one requested.
-    {Server::__positionRequest, needsGripper, fromImage, gripperNumber<&G::getPosition>},
-    {Server::__motorCurrent, needsGripper, fromImage, gripperNumber<&G::getMotorCurrent>},
-    {"DST", needsNothing, fromImage, zero},
-    {Server::__serialNumber, needsGripper, mayAskDevice, gripperText<&G::getSerialNumber>},
-    {Server::__productionYear, needsGripper, mayAskDevice, gripperNumber<&G::getProductionYear>},
-    {Server::__numberOfCycles, needsGripper, fromImage, gripperNumber<&G::getNumberOfCycles>},
-    {Server::__numberOfSecondsPumpIsOn, needsGripper, fromImage,
-     gripperNumber<&G::getNumberOfSecondsPumpIsOn>},
-    {Server::__numberOfPumpActivations, needsGripper, fromImage,
-     gripperNumber<&G::getNumberOfPumpActivations>},
-    {Server::__firmwareVersion, needsGripper, mayAskDevice, gripperText<&G::getFirmwareVersion>},
-    {"PCO", needsNothing, fromImage, zero},
-    {Server::__driverVersion, needsNothing, fromImage,
+    {Server::__positionRequest, ValueSource::Gripper, byte,
+     "The measured position, not the requested one.", gripperNumber<&G::getPosition>},
+    {Server::__motorCurrent, ValueSource::Gripper, byte, "The motor current.",
+     gripperNumber<&G::getMotorCurrent>},
+    {"DST", ValueSource::Constant, "0", "No meaning; some clients ask for it.", zero},
+    {Server::__serialNumber, ValueSource::Identity, text, "The serial number.",
+     gripperText<&G::getSerialNumber>},
+    {Server::__productionYear, ValueSource::Identity, "1 to 65535", "The production year.",
+     gripperNumber<&G::getProductionYear>},
+    {Server::__numberOfCycles, ValueSource::Gripper, counter, "The number of cycles.",
+     gripperNumber<&G::getNumberOfCycles>},
+    {Server::__numberOfSecondsPumpIsOn, ValueSource::Gripper, counter,
+     "The seconds that the pump has run.", gripperNumber<&G::getNumberOfSecondsPumpIsOn>},
+    {Server::__numberOfPumpActivations, ValueSource::Gripper, counter,
+     "The number of starts of the pump.", gripperNumber<&G::getNumberOfPumpActivations>},
+    {Server::__firmwareVersion, ValueSource::Identity, text, "The firmware version.",
+     gripperText<&G::getFirmwareVersion>},
+    {"PCO", ValueSource::Constant, "0", "No meaning; some clients ask for it.", zero},
+    {Server::__driverVersion, ValueSource::Constant, driverVersion,
+     "The version of the protocol's driver.",
      [](const GetSources &, std::string &reply) { reply.append(driverVersion); }},
-    {Server::__speedRequest, needsGripper, fromImage, gripperNumber<&G::getSpeedRequest>},
-    {Server::__forceRequest, needsGripper, fromImage, gripperNumber<&G::getForceRequest>},
-    {Server::__printableState, needsNothing, fromImage,
+    {Server::__speedRequest, ValueSource::Request, byte, "The requested speed.",
+     gripperNumber<&G::getSpeedRequest>},
+    {Server::__forceRequest, ValueSource::Request, byte, "The requested force.",
+     gripperNumber<&G::getForceRequest>},
+    {Server::__printableState, ValueSource::Daemon, text, "The state of the link.",
      [](const GetSources &from, std::string &reply) {
          reply.append(from.gripperList.getPrintableState().toStdString());
      }},
-    // The ids found on the bus, not the client's own selection.
-    {Server::__socketSlaveId, needsNothing, fromImage,
+    {Server::__socketSlaveId, ValueSource::Daemon, "a list such as [2, 9]",
+     "The slave ids of the grippers found, not the client's own selection.",
      [](const GetSources &from, std::string &reply) {
          appendIds(reply, from.gripperList.getDiscoveredSlaveIds());
      }},
-    {Server::__upgradeFirmware, needsNothing, fromImage,
+    {Server::__upgradeFirmware, ValueSource::Daemon, flag, "A firmware upgrade is running.",
      [](const GetSources &from, std::string &reply) {
          appendNumber(reply, from.gripperList.getUpgradeStatus());
      }},
-}};
+};
 
 constexpr std::size_t nameLength = 3;
 
-/// All names are equally long: as a number one is compared in a single step.
+constexpr bool hasOnlyNamesOfThatLength()
+{
+    for (const GetVariable &variable : variables) {
+        if (variable.name.size() != nameLength)
+            return false;
+    }
+    return true;
+}
+static_assert(hasOnlyNamesOfThatLength(), "a GET takes the first three characters of a name");
+
+/// Packs a name into a number: names of equal length then compare in a single step.
 constexpr std::uint32_t keyOf(std::string_view name)
 {
     std::uint32_t key = 0;
@@ -117,18 +150,23 @@ constexpr std::uint32_t keyOf(std::string_view name)
 }
 
 constexpr auto keys = [] {
-    std::array<std::uint32_t, variables.size()> keysOfRows{};
-    for (std::size_t row = 0; row < variables.size(); ++row)
-        keysOfRows[row] = variables[row].name.size() == nameLength ? keyOf(variables[row].name) : 0;
+    std::array<std::uint32_t, std::size(variables)> keysOfRows{};
+    for (std::size_t row = 0; row < keysOfRows.size(); ++row)
+        keysOfRows[row] = keyOf(variables[row].name);
     return keysOfRows;
 }();
 
 } // namespace
+
+TableRows<GetVariable> getVariables()
+{
+    return TableRows<GetVariable>(variables);
+}
 
 const GetVariable *findGetVariable(std::string_view name)
 {
     if (name.size() != nameLength)
         return nullptr;
     const auto *key = std::find(keys.begin(), keys.end(), keyOf(name));
-    return key == keys.end() ? nullptr : &variables[static_cast<std::size_t>(key - keys.begin())];
+    return key == keys.end() ? nullptr : &variables[key - keys.begin()];
 }

@@ -1,26 +1,50 @@
 #pragma once
 
+#include "tablerows.h"
+
 #include <string>
 #include <string_view>
 
 class GripperList;
 class KvPelloGripper;
 
-/// What a GET takes its value from. `gripper` is null unless the variable needs one.
+/// The objects that a GET reads. `gripper` is null unless the variable needs one.
 struct GetSources
 {
     GripperList &gripperList;
     KvPelloGripper *gripper;
 };
 
+/// Where the value of a GET comes from.
+enum class ValueSource {
+    Gripper,  ///< The input image, as read on the last visit.
+    Request,  ///< The output image, as clients set it last.
+    Identity, ///< The identity cache; the device is asked as long as the cache is empty.
+    Daemon,   ///< The state of the daemon.
+    Constant, ///< The same in every reply.
+};
+
 /// One variable of the GET table.
 struct GetVariable
 {
-    std::string_view name;
-    bool needsGripper; ///< Without a selected gripper the answer is "?".
-    bool mayWait;      ///< Reading the value may ask the device, pumping events meanwhile.
+    std::string_view name; ///< Three characters.
+    ValueSource source;
+    std::string_view range;   ///< The values as replies show them.
+    std::string_view meaning; ///< One sentence.
     void (*appendValue)(const GetSources &from, std::string &reply);
+
+    /// Without a selected gripper the reply to such a variable is "?".
+    constexpr bool needsGripper() const
+    {
+        return source == ValueSource::Gripper || source == ValueSource::Request || mayWait();
+    }
+
+    /// appendValue() may wait on the bus, pumping events.
+    constexpr bool mayWait() const { return source == ValueSource::Identity; }
 };
+
+/// The GET table.
+TableRows<GetVariable> getVariables();
 
 /// The row of that name, null when there is none.
 const GetVariable *findGetVariable(std::string_view name);

@@ -257,10 +257,10 @@ void Server::decodeGetVariables(ClientSocket *socket, const Request &match, cons
         reply.append(name).push_back(' ');
 
     const GetVariable *variable = findGetVariable(name);
-    if (variable == nullptr || (variable->needsGripper && !gripper)) {
+    if (variable == nullptr || (variable->needsGripper() && !gripper)) {
         reply.push_back('?');
     } else {
-        if (variable->mayWait && socket != nullptr)
+        if (variable->mayWait() && socket != nullptr)
             socket->sendReplies();
         variable->appendValue({gripperList, gripper.data()}, reply);
     }

@@ -3,7 +3,7 @@
 #include "server.h"
 
 #include <algorithm>
-#include <array>
+#include <iterator>
 
 namespace {
 
@@ -60,8 +60,8 @@ Reply scanLater(const SetTarget &target)
     return std::nullopt;
 }
 
-/// The client goes on addressing the old id, and the reply tells nothing: it selects the new one
-/// and sees who answers.
+/// The client still addresses the old id, and the reply does not depend on the move: the client
+/// selects the new id to see whether a gripper answers there.
 Reply moveGripper(const SetTarget &target)
 {
     target.gripperList.updateGripperSlaveId(static_cast<quint8>(target.selectedSlaveId),
@@ -100,37 +100,70 @@ Reply enterBootloader(const SetTarget &target)
     return acknowledgeIf(target.gripperList.jumpToBootloader(target.gripper));
 }
 
-constexpr std::array<SetVariable, 21> variables{{
-    {Server::__activateRequest, needsGripper, atOnce, activate},
-    {Server::__gripperMode, needsGripper, atOnce, setMode},
-    {Server::__goto, needsGripper, atOnce, flag<&G::setGoToRequest, &G::clearGoToRequest>},
-    {Server::__automaticReleaseRoutine, needsGripper, atOnce,
+constexpr std::string_view byte = "0 to 255";
+constexpr std::string_view onOff = "0, 1";
+constexpr std::string_view any = "any";
+constexpr std::string_view slaveId = "1 to 9";
+constexpr std::string_view never;
+
+constexpr SetVariable variables[] = {
+    {Server::__activateRequest, needsGripper, atOnce, onOff,
+     "Activates or deactivates the gripper; ends an automatic release.", never, activate},
+    {Server::__gripperMode, needsGripper, atOnce, onOff, "Sets the mode: manual or automatic.",
+     "the value is neither 0 nor 1", setMode},
+    {Server::__goto, needsGripper, atOnce, onOff, "Lets the gripper go to the position.", never,
+     flag<&G::setGoToRequest, &G::clearGoToRequest>},
+    {Server::__automaticReleaseRoutine, needsGripper, atOnce, onOff,
+     "Starts the automatic release.", never,
      flag<&G::setAutoReleaseRequest, &G::clearAutoReleaseRequest>},
-    {Server::__autoreleaseDirection, needsGripper, atOnce,
+    {Server::__autoreleaseDirection, needsGripper, atOnce, onOff,
+     "Sets the direction of the automatic release: opening or closing.", never,
      flag<&G::setAutoReleaseDirectionRequest, &G::clearAutoReleaseDirectionRequest>},
-    {Server::__ledBypass, needsGripper, atOnce, flag<&G::setLedBypass, &G::clearLedBypass>},
-    {Server::__greenLed, needsGripper, atOnce, flag<&G::setLedGreen, &G::clearLedGreen>},
-    {Server::__redLed, needsGripper, atOnce, flag<&G::setLedRed, &G::clearLedRed>},
-    {Server::__blueLed, needsGripper, atOnce, flag<&G::setLedBlue, &G::clearLedBlue>},
-    {Server::__maxPeakSupplyCurrent, needsGripper, atOnce, number<&G::setMaxPeakSupplyCurrent>},
-    {Server::__positionRequest, needsGripper, atOnce, number<&G::setPositionRequest>},
-    {Server::__speedRequest, needsGripper, atOnce, number<&G::setSpeedRequest>},
-    {Server::__forceRequest, needsGripper, atOnce, number<&G::setForceRequest>},
-    {Server::__scanBlockRequest, needsNothing, mayWait, scanNow},
-    {Server::__scanRequest, needsNothing, atOnce, scanLater},
-    {Server::__updateGripperSlaveId, needsNothing, mayWait, moveGripper},
-    {Server::__socketSlaveId, needsNothing, atOnce, selectGripper},
-    {Server::__muteSerialPort, needsNothing, atOnce, mute},
-    {Server::__commandLoopThrottleSpeed, needsNothing, atOnce, throttle},
-    {Server::__upgradeFirmware, needsGripper, mayWait, upgrade},
-    {Server::__bootloaderMode, needsGripper, mayWait, enterBootloader},
-}};
+    {Server::__ledBypass, needsGripper, atOnce, onOff,
+     "Lets the LEDs show the three requested colours instead of the state.", never,
+     flag<&G::setLedBypass, &G::clearLedBypass>},
+    {Server::__greenLed, needsGripper, atOnce, onOff, "Sets the green LED.", never,
+     flag<&G::setLedGreen, &G::clearLedGreen>},
+    {Server::__redLed, needsGripper, atOnce, onOff, "Sets the red LED.", never,
+     flag<&G::setLedRed, &G::clearLedRed>},
+    {Server::__blueLed, needsGripper, atOnce, onOff, "Sets the blue LED.", never,
+     flag<&G::setLedBlue, &G::clearLedBlue>},
+    {Server::__maxPeakSupplyCurrent, needsGripper, atOnce, byte, "Sets the peak supply current.",
+     never, number<&G::setMaxPeakSupplyCurrent>},
+    {Server::__positionRequest, needsGripper, atOnce, byte, "Requests a position.", never,
+     number<&G::setPositionRequest>},
+    {Server::__speedRequest, needsGripper, atOnce, byte, "Sets the speed.", never,
+     number<&G::setSpeedRequest>},
+    {Server::__forceRequest, needsGripper, atOnce, byte, "Sets the force.", never,
+     number<&G::setForceRequest>},
+    {Server::__scanBlockRequest, needsNothing, mayWait, any,
+     "Scans; the reply comes after the scan.", never, scanNow},
+    {Server::__scanRequest, needsNothing, atOnce, any, "Requests a scan.", never, scanLater},
+    {Server::__updateGripperSlaveId, needsNothing, mayWait, slaveId,
+     "Moves the selected gripper to another slave id, then scans.", never, moveGripper},
+    {Server::__socketSlaveId, needsNothing, atOnce, slaveId,
+     "Selects the gripper of this connection.", "no gripper was found at that id", selectGripper},
+    {Server::__muteSerialPort, needsNothing, atOnce, onOff, "Stops polling or lets it continue.",
+     never, mute},
+    {Server::__commandLoopThrottleSpeed, needsNothing, atOnce, onOff,
+     "Polls every 50 ms (1) or as fast as possible (0).", never, throttle},
+    {Server::__upgradeFirmware, needsGripper, mayWait, any,
+     "Flashes the firmware of the gripper's family.",
+     "an upgrade is running, or the gripper does not reach its bootloader", upgrade},
+    {Server::__bootloaderMode, needsGripper, mayWait, any, "Sends the gripper into its bootloader.",
+     "the gripper does not reach its bootloader", enterBootloader},
+};
 
 } // namespace
 
+TableRows<SetVariable> setVariables()
+{
+    return TableRows<SetVariable>(variables);
+}
+
 const SetVariable *findSetVariable(std::string_view name)
 {
-    const auto *row = std::find_if(variables.begin(), variables.end(),
+    const auto *row = std::find_if(std::begin(variables), std::end(variables),
                                    [name](const SetVariable &v) { return v.name == name; });
-    return row == variables.end() ? nullptr : row;
+    return row == std::end(variables) ? nullptr : row;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tablerows.h"
+
 #include <QtGlobal>
 
 #include <optional>
@@ -10,7 +12,7 @@ class KvPelloGripper;
 template <class T>
 class QSharedPointer;
 
-/// What one pair of a SET acts on.
+/// The objects that one pair of a SET acts on.
 struct SetTarget
 {
     GripperList &gripperList;
@@ -23,11 +25,18 @@ struct SetTarget
 struct SetVariable
 {
     std::string_view name;
-    bool needsGripper; ///< Without a selected gripper the pair counts as unhandled.
-    bool mayWait;      ///< The action may wait on the bus, pumping events meanwhile, or block.
-    /// Carries the pair out; returns what replaces the reply of the whole request, if anything.
+    bool needsGripper;      ///< Without a selected gripper the pair counts as unhandled.
+    bool mayWait;           ///< The action may wait on the bus, pumping events meanwhile, or block.
+    std::string_view range; ///< The values that have a meaning.
+    std::string_view meaning; ///< One sentence.
+    std::string_view refusal; ///< When the reply is "nak"; empty if the reply is always "ack".
+    /// Carries the pair out. Returns the new reply to the whole request; nothing leaves the reply
+    /// as it is.
     std::optional<std::string_view> (*apply)(const SetTarget &target);
 };
+
+/// The SET table.
+TableRows<SetVariable> setVariables();
 
 /// The row of that name, null when there is none.
 const SetVariable *findSetVariable(std::string_view name);
