@@ -14,13 +14,13 @@ import time
 import pytest
 from harness.client import Client
 from harness.effort import effort
+from harness.protocoltable import names
 from harness.simulator import Simulator
 from harness.upgrades import put_flasher
 from harness.waiting import eventually
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DOCUMENT = (ROOT / "docs" / "protocol.md").read_text(encoding="utf-8")
-MAN_PAGE = (ROOT / "man" / "gripperd-protocol.7").read_text(encoding="utf-8")
 
 FINGERS, VACUUM = "9=TA3-1.6.14", "2=TE1-2.0.2"
 QUICK = ("--activation-ms=300", "--boot-ms=100", "--bootloader-boot-ms=100")
@@ -225,43 +225,18 @@ def test_clients_move_the_gripper_and_tell_from_where(run_client, stage):
         position = goal
 
 
-def names_in_the_table(file):
-    """The names of the daemon's own table, whose rows spell them out or as a constant."""
-    header = (ROOT / "src" / "server" / "server.h").read_text(encoding="utf-8")
-    constants = dict(re.findall(r"std::string_view (__\w+) = \"(\w+)\"", header))
-    rows = re.findall(
-        r'^    \{(?:Server::(__\w+)|"(\w+)"), needs',
-        (ROOT / "src" / "server" / file).read_text(encoding="utf-8"),
-        re.MULTILINE,
-    )
-    return [constants[constant] if constant else text for constant, text in rows]
-
-
-GET_NAMES = names_in_the_table("getvariables.cpp")
-SET_NAMES = names_in_the_table("setvariables.cpp")
-
-
-def test_the_tables_were_read():
-    assert len(GET_NAMES) == len(set(GET_NAMES)) == 29
-    assert len(SET_NAMES) == len(set(SET_NAMES)) == 21
+GET_NAMES = names("get")
+SET_NAMES = names("set")
 
 
 @pytest.mark.parametrize(
-    "title, names", [("GET variables", GET_NAMES), ("SET variables", SET_NAMES)]
+    "keyword, expected", [("GET", GET_NAMES), ("SET", SET_NAMES)], ids=["GET", "SET"]
 )
-def test_the_document_lists_the_variables_of_the_daemon_and_no_others(title, names):
-    chapter = DOCUMENT.split(f"\n## {title}\n")[1].split("\n## ")[0]
-    assert sorted(re.findall(r"^\| \[`(\w+)`\]", chapter, re.MULTILINE)) == sorted(names)
-
-
-@pytest.mark.parametrize(
-    "keyword, names", [("GET", GET_NAMES), ("SET", SET_NAMES)], ids=["GET", "SET"]
-)
-def test_every_variable_has_an_example(keyword, names):
+def test_every_variable_has_an_example(keyword, expected):
     requests = "\n".join(example.requests() for example in EXAMPLES)
     lines = [line.split() for line in requests.upper().splitlines()]
     shown = {word for words in lines if words[:1] == [keyword] for word in words[1:]}
-    assert set(names) - shown == set()
+    assert set(expected) - shown == set()
 
 
 def test_links_within_the_document_lead_somewhere():
@@ -270,11 +245,6 @@ def test_links_within_the_document_lead_somewhere():
     links = re.findall(r"\]\(#([^)]*)\)", DOCUMENT)
     assert len(links) > 50
     assert set(links) - anchors == set()
-
-
-def test_the_manual_page_names_every_variable():
-    words = set(re.findall(r"\w+", MAN_PAGE))
-    assert set(GET_NAMES) | set(SET_NAMES) <= words
 
 
 def test_a_set_is_on_the_line_within_a_period(stage, figure):

@@ -4,32 +4,63 @@ import re
 import time
 
 from harness.client import Client
+from harness.protocoltable import rows
 
 from world import Broken
 
-_BYTE = r"(25[0-5]|2[0-4]\d|1?\d?\d|\?)"
-_FORMS = {name: _BYTE for name in (
-    "ACT MOD GTO STA VST OBJ LBP LGN LRD LBL MSC POS COU SPE FOR".split()
-)}
-_FORMS |= {
-    "FLT": r"(0\d|1[0-5]|\?)",
-    "PRE": r"([01]\d\d|2[0-4]\d|25[0-5]|\?)",
-    "DST": "0",
-    "PCO": "0",
-    "SNU": r"(SIM-\d{4}|\?)",
-    "PYE": r"(2024|\?)",
-    "NCY": r"(\d{1,10}|\?)",
-    "PON": r"(\d{1,10}|\?)",
-    "NPA": r"(\d{1,10}|\?)",
-    "FWV": r"(T[ABE]\d-\d+\.\d+\.\d+|\?)",
+# The forms of the values whose range is a text.
+_TEXTS = {
+    "SNU": r"SIM-\d{4}",
+    "FWV": r"T[ABE]\d-\d+\.\d+\.\d+",
     "VER": r"MZV-2\.0\.0",
-    "DRI": r"(RUNNING|SCANNING|ERR_TIMEOUT|ERR_SCANNING \(EIO\))",
+    "DRI": r"RUNNING|SCANNING|ERR_TIMEOUT|ERR_SCANNING \(EIO\)",
     "SID": r"\[([1-9](, [1-9])*)?\]",
-    "UPG": "[01]",
-    "NID": r"\?",
-    "ABC": r"\?",
 }
-FORMS = {name: re.compile(f"{name} {form}\n".encode()) for name, form in _FORMS.items()}
+_UNKNOWN = ("NID", "ABC")
+
+
+class _Numbers:
+    """The numbers of a range such as "0, 1" or "000 to 255", with its digits."""
+
+    def __init__(self, text):
+        bounds = re.split(r", | to ", text)
+        self._digits = len(bounds[0])
+        self._least, self._most = int(bounds[0]), int(bounds[-1])
+
+    def matches(self, value):
+        return (
+            value.isdecimal()
+            and self._least <= int(value) <= self._most
+            and value == str(int(value)).zfill(self._digits)
+        )
+
+
+class _Text:
+    def __init__(self, pattern):
+        self._pattern = re.compile(pattern)
+
+    def matches(self, value):
+        return self._pattern.fullmatch(value) is not None
+
+
+class _Form:
+    """The form of the reply to one GET."""
+
+    def __init__(self, row):
+        self._name = row["name"]
+        self._may_be_unknown = row["needsGripper"]
+        self._value = _Text(_TEXTS[self._name]) if self._name in _TEXTS else _Numbers(row["range"])
+
+    def fullmatch(self, line):
+        name, _, value = line.decode("latin-1").partition(" ")
+        if name != self._name or not value.endswith("\n"):
+            return False
+        value = value[:-1]
+        return self._value.matches(value) or (self._may_be_unknown and value == "?")
+
+
+FORMS = {row["name"]: _Form(row) for row in rows("get")}
+FORMS |= {name: re.compile(f"{name} \\?\n".encode()) for name in _UNKNOWN}
 NAMES = tuple(FORMS)
 
 # Longer than a bootloader is looked for, which blocks the daemon.

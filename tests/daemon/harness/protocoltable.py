@@ -1,0 +1,16 @@
+"""The daemon's own tables, as protocol-table prints them."""
+
+import json
+import subprocess
+
+from .children import binary
+
+
+def rows(keyword):
+    """The rows of the "get" or "set" table, each a dictionary."""
+    printed = subprocess.run([binary("protocol-table")], stdout=subprocess.PIPE, check=True).stdout
+    return json.loads(printed)[keyword]
+
+
+def names(keyword):
+    return [row["name"] for row in rows(keyword)]
