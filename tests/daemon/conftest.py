@@ -11,7 +11,6 @@ import pathlib
 import resource
 
 import pytest
-from _pytest.runner import runtestprotocol
 
 from harness import ports
 from harness.client import Client
@@ -20,7 +19,9 @@ from harness.figures import Figures
 from harness.line import Line, Slave
 from harness.stalls import STALL_LIMIT, StallWatch
 
-ATTEMPTS = 3
+REPETITIONS = 2
+# A daemon that several tests share recovers from the stall meanwhile.
+RECOVERY_SECONDS = 2
 
 
 def pytest_configure(config):
@@ -38,14 +39,32 @@ def pytest_configure(config):
     ports.hide_the_machines_ports()
 
 
+def pytest_collection_modifyitems(items):
+    """Lets a failed test repeat if, and only if, the machine stood still while it ran."""
+    for item in items:
+        item.add_marker(
+            pytest.mark.flaky(
+                reruns=REPETITIONS,
+                reruns_delay=RECOVERY_SECONDS,
+                condition="config.stall_watch.worst() >= config.stall_limit",
+            )
+        )
+
+
 def pytest_collection_finish(session):
     # A slave has tens of milliseconds to answer, whatever the machine does beside it.
-    # Files that keep the processor busy themselves say so, and stand back.
+    # Files that keep the processor busy themselves say so, and keep the usual priority.
     if not any(getattr(item.module, "FLOODS", False) for item in session.items):
         with contextlib.suppress(PermissionError):
             os.nice(-10)
-    # As favoured as the daemon is.
-    session.stall_watch = StallWatch()
+    # The watch has the same priority as the daemon.
+    session.config.stall_watch = StallWatch()
+    session.config.stall_limit = STALL_LIMIT
+
+
+@pytest.hookimpl(tryfirst=True)
+def pytest_runtest_setup(item):
+    item.config.stall_watch.start_over()
 
 
 def pytest_sessionstart(session):
@@ -58,31 +77,11 @@ def pytest_terminal_summary(terminalreporter, config):
         figures.add(report.nodeid.split("::")[-1], report.longrepr[2])
     for line in figures.lines:
         terminalreporter.write_line(f"figure  {line}")
-
-
-@pytest.hookimpl(tryfirst=True)
-def pytest_runtest_protocol(item, nextitem):
-    """Repeats a failed test if, and only if, the machine stood still while it ran."""
-    watch = item.session.stall_watch
-    item.ihook.pytest_runtest_logstart(nodeid=item.nodeid, location=item.location)
-    for attempts_left in reversed(range(ATTEMPTS)):
-        watch.start_over()
-        reports = runtestprotocol(item, nextitem=nextitem, log=False)
-        stall = watch.worst()
-        if not any(report.failed for report in reports) or stall < STALL_LIMIT:
-            break
-        if attempts_left:
-            print(f"\n{item.name}: failed while the machine stood still for {stall * 1000:.0f} ms,")
-            print("so it says nothing about the daemon; once more")
-            # Nothing that was shared with the failed attempt is used again.
-            with contextlib.suppress(Exception):
-                # What the failed attempt has left in disorder is reported by the last one.
-                item.session._setupstate.teardown_exact(None)
-            item._initrequest()
-    for report in reports:
-        item.ihook.pytest_runtest_logreport(report=report)
-    item.ihook.pytest_runtest_logfinish(nodeid=item.nodeid, location=item.location)
-    return True
+    for report in terminalreporter.stats.get("rerun", []):
+        terminalreporter.write_line(
+            f"{report.nodeid} failed while the machine stood still, and was repeated:"
+        )
+        terminalreporter.write_line(report.longreprtext)
 
 
 @pytest.fixture
