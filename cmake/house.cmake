@@ -1,4 +1,4 @@
-# What holds for every target of ours: warnings, definitions, sanitizers.
+# Settings of every target: warnings, definitions, sanitizers.
 add_library(gripperd_house INTERFACE)
 target_compile_options(
   gripperd_house
@@ -10,7 +10,7 @@ target_compile_options(
             -Wnon-virtual-dtor
             -Woverloaded-virtual
             $<$<BOOL:${GRIPPERD_WERROR}>:-Werror>)
-# Without the log context every build type prints the same log lines.
+# Without the log context, every build type prints the same log lines.
 target_compile_definitions(
   gripperd_house INTERFACE QT_NO_CAST_FROM_ASCII QT_NO_FOREACH QT_NO_MESSAGELOGCONTEXT
                            QT_DEPRECATED_WARNINGS)
@@ -20,9 +20,8 @@ if(GRIPPERD_SANITIZE)
   target_link_options(gripperd_house INTERFACE -fsanitize=address,undefined)
 endif()
 
-# gripperd_precompile(NAME LIBRARIES targets... HEADERS headers...): headers that most files include,
-# parsed once for all. No file may rely on them: each includes what it uses, and
-# CMAKE_DISABLE_PRECOMPILE_HEADERS=ON shows it.
+# gripperd_precompile(NAME LIBRARIES targets... HEADERS headers...): precompiles headers that most files
+# include. Every file still includes what it uses; CMAKE_DISABLE_PRECOMPILE_HEADERS=ON checks that.
 function(gripperd_precompile name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LIBRARIES;HEADERS")
   add_library(${name} OBJECT ${PROJECT_SOURCE_DIR}/cmake/precompiled.cpp)
@@ -96,11 +95,11 @@ function(gripperd_add_unit_test class)
   cmake_parse_arguments(PARSE_ARGV 1 arg "ISOLATED" "" "DEPENDS;SOURCES")
   add_executable(tst_${class} tst_${class}.cpp ${arg_SOURCES})
   target_link_libraries(tst_${class} PRIVATE gripperd_house Qt5::Test ${arg_DEPENDS})
-  # With the network QtTest knows how to print its types, at the price of half of its headers, and
-  # could not be precompiled once for all tests.
+  # With this definition QtTest prints network types. It then includes twice as many headers, and the
+  # tests could not share one precompiled header.
   target_compile_options(tst_${class} PRIVATE -UQT_NETWORK_LIB)
   target_precompile_headers(tst_${class} REUSE_FROM gripperd_precompiled_test)
-  # What moc makes of a test is included by the test; this file is empty.
+  # A test includes its own moc file; this one is empty.
   set_source_files_properties(
     ${CMAKE_CURRENT_BINARY_DIR}/tst_${class}_autogen/mocs_compilation.cpp
     PROPERTIES SKIP_PRECOMPILE_HEADERS ON)

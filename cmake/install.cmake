@@ -1,5 +1,5 @@
-# What belongs on a machine that runs the daemon. The system's own files (unit, user, rules) lie in
-# packaging/.
+# The files for a machine that runs the daemon. packaging/ has those for the system: unit, user,
+# rules.
 include(GNUInstallDirs)
 
 install(TARGETS gripperd romflasher RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})

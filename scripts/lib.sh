@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the scripts share. Sourced after `set -euo pipefail`.
+# Functions that the scripts share. Source it after `set -euo pipefail`.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
@@ -14,7 +14,7 @@ fail() {
 build_preset() {
     local preset=$1 dir=$root/build/$1 home
     local cache=$dir/CMakeCache.txt fresh=()
-    # A tree that was copied together with its build folder cannot go on with it.
+    # A build folder that was copied with its tree refers to the old place: begin again.
     if [[ -r $cache ]]; then
         home=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$cache")
         [[ $home == "$root" ]] || fresh=(--fresh)
