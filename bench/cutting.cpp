@@ -1,5 +1,5 @@
-// How fast requests are cut out of what clients send, without sockets and without carrying them
-// out. One iteration is what one or several reads bring; bytes are those of the reads.
+// Measures how fast the scanner cuts requests out of text, without sockets and without carrying the
+// requests out. One iteration is one or several reads; the bytes are those of the reads.
 
 #include "requestscanner.h"
 
@@ -13,7 +13,7 @@
 
 namespace {
 
-// What the daemon takes from a client at once; the rest of a line that it adds is left out.
+// The size of the daemon's reads, without the rest of the line that the daemon adds.
 constexpr std::size_t bytesPerRead = std::size_t(16) * 1024;
 
 std::string repeated(std::string_view text, std::size_t bytes)
@@ -24,7 +24,7 @@ std::string repeated(std::string_view text, std::size_t bytes)
     return result;
 }
 
-/// Appends the text in reads as the daemon makes them, takes all requests.
+/// Appends the text in reads of the daemon's size, and takes all requests.
 std::size_t cutAll(RequestScanner &scanner, std::string_view text)
 {
     std::size_t requests = 0;
@@ -41,7 +41,7 @@ std::size_t cutAll(RequestScanner &scanner, std::string_view text)
     return requests;
 }
 
-/// A connection that lives on, as those of ordinary clients do.
+/// One connection for all iterations, as ordinary clients have.
 void cutOnOneConnection(benchmark::State &state, const std::string &text, std::size_t expected)
 {
     RequestScanner scanner;
@@ -54,7 +54,7 @@ void cutOnOneConnection(benchmark::State &state, const std::string &text, std::s
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 
-/// A new connection each time: what it sends is never completed.
+/// A new connection for each iteration: its request is never complete.
 void cutOnNewConnections(benchmark::State &state, const std::string &text)
 {
     while (state.KeepRunning()) {
@@ -97,7 +97,7 @@ void longestSet(benchmark::State &state)
         1);
 }
 
-/// Three digits are a name and a value; the wrong character at the end makes all readings fail.
+/// Three digits are a name and a value; the wrong character at the end invalidates all readings.
 void hostileLine(benchmark::State &state)
 {
     cutOnOneConnection(state, "SET AAA" + repeated(" 111", bytesPerRead - 9) + "%\n", 0);

@@ -1,4 +1,4 @@
-"""How fast requests are cut out of text."""
+"""Measures how fast the scanner cuts requests out of text."""
 
 import json
 import subprocess

@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Counts durations in nanoseconds in buckets no wider than 1/64 of what they hold, so that
-/// millions of them cost a fixed amount of memory and a few instructions each.
+/// Counts durations in nanoseconds. A bucket is at most 1/64 of its durations wide, so that
+/// millions of durations need a fixed amount of memory and a few instructions each.
 class Histogram
 {
 public:
@@ -21,7 +21,7 @@ public:
     /// Durations counted so far.
     std::uint64_t count() const { return m_total; }
 
-    /// What `share` (0 to 1) of the durations do not exceed, in microseconds; 0 if there are none.
+    /// The quantile `share` (0 to 1) in microseconds; 0 without durations.
     double quantileUs(double share) const
     {
         const auto wanted = static_cast<std::uint64_t>(share * static_cast<double>(m_total));

@@ -1,4 +1,4 @@
-"""What the daemon costs when nobody asks, and what clients cost that only stay."""
+"""Measures the cost of an idle daemon and of idle clients."""
 
 import resource
 import time
@@ -9,7 +9,7 @@ from tables import table
 
 REQUEST, REPLY = "GET POS\n", f"POS {POSITION}\n"
 IDLE_CLIENTS = (0, 1000)
-# Muted, the tick goes on: the last row shows what that costs.
+# The tick continues while polling is muted: the last row shows its cost.
 POLLING = [(f"THROTTLE {setting}", name) for setting, name in THROTTLES]
 POLLING += [("MUTE 1 THROTTLE 0", "muted, not throttled")]
 MANY_CLIENTS = 10_000

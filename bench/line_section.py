@@ -1,4 +1,4 @@
-"""What the grippers and those who wait for them see: visits, commands, starts, a pulled cable."""
+"""Measures visits, commands, starts and a pulled cable, as grippers and clients see them."""
 
 import random
 import time
@@ -75,7 +75,7 @@ def spread(values):
 
 
 def taken_table(rig, count):
-    """The counter that a visit reads last is changed between visits, and a client looks for it."""
+    """Changes the last counter of a visit between visits, and polls for it as a client."""
     rows = []
     with rig.simulator(GRIPPERS[0]) as simulator:
         daemon = rig.daemon_with_value()
@@ -120,12 +120,12 @@ def set_table(rig, count):
 
 
 def time_set(simulator, client, number):
-    """When it was sent on our clock, when it was written on the simulator's, when acknowledged."""
-    # At any moment of a visit and of the time between two.
+    """Times of a SET: sent (our clock), written (the simulator's clock), acknowledged."""
+    # At random moments of a visit and of the pause after it.
     time.sleep(random.uniform(0.06, 0.16))
     first = len(simulator.frames)
     sent = time.monotonic()
-    # Only a value that changes is written.
+    # The daemon writes only changed values.
     client.set(f"POS {number % 200 + 1}")
     acknowledged = time.monotonic()
     deadline = sent + LONGEST_WAIT
@@ -160,7 +160,7 @@ def cable_table(rig, count):
             pulled = time.monotonic()
             simulator.tell("unplug")
             noticed.append((wait_until_served("POS", "?") - pulled) * 1000)
-            # The daemon looks for the port once a second: back at any moment of that second.
+            # The daemon looks for the port once a second, so the port returns at a random moment of a second.
             time.sleep(random.uniform(0.5, 1.5))
             plugged = time.monotonic()
             simulator.tell("plug")

@@ -1,5 +1,5 @@
-// Puts a load on a server of lines on loopback and prints, as one line of JSON, how it answered.
-// One thread, so that a second processor is the server's own.
+// Puts a load on a line server on loopback, and prints the results as one line of JSON. It has one
+// thread, so that the server has the second processor for itself.
 
 #include "histogram.h"
 #include "loadclient.h"
@@ -23,7 +23,7 @@
 namespace {
 
 constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
-// Patience for a server that has a whole crowd to let in, or a machine with other work.
+// Long enough for a server that accepts thousands of clients, and for a busy machine.
 constexpr std::int64_t drainNs = 30 * nanosecondsPerSecond;
 constexpr std::int64_t silenceNs = nanosecondsPerSecond / 50;
 
@@ -37,7 +37,7 @@ double toSeconds(std::int64_t nanoseconds)
     return static_cast<double>(nanoseconds) / static_cast<double>(nanosecondsPerSecond);
 }
 
-/// Processor time of all threads of the process so far; 0 stands for nobody.
+/// Processor time of all threads of the process so far; 0 for process 0.
 double cpuSeconds(pid_t process)
 {
     clockid_t clock{};
@@ -86,9 +86,9 @@ private:
     const LoadOptions &m_options;
     int m_epoll = -1;
     std::vector<LoadClient> m_clients;
-    Histogram m_latency;        ///< from the moment of sending
-    Histogram m_latencyFromDue; ///< from when it was to be sent
-    Histogram m_lateness;       ///< by how much the program itself missed its times
+    Histogram m_latency;        ///< from the time of sending
+    Histogram m_latencyFromDue; ///< from the time at which sending was due
+    Histogram m_lateness;       ///< delay of the load program itself
     Use m_start;
     Use m_end;
     std::size_t m_missing = 0;
@@ -111,7 +111,7 @@ Load::Use Load::useNow() const
     return {nowNs(), cpuSeconds(m_options.server), cpuSeconds(::getpid())};
 }
 
-/// Waits at most until then for something to arrive and takes it all.
+/// Waits for input until that time at most, and takes all of it.
 template <typename Taken>
 void Load::takeReplies(std::int64_t until, Taken taken)
 {
@@ -142,7 +142,7 @@ void Load::startMeasuring()
     m_start = useNow();
 }
 
-/// Every request gets its reply, or counts as missing.
+/// Waits for the missing replies; counts those that do not come.
 void Load::drain()
 {
     const auto isDone = [](const LoadClient &client) {
@@ -155,7 +155,7 @@ void Load::drain()
         m_missing += client.pending();
 }
 
-/// A reply too many ends the program.
+/// A surplus reply ends the program.
 void Load::expectSilence()
 {
     takeReplies(nowNs() + silenceNs, [](LoadClient &) {});
@@ -199,7 +199,7 @@ void Load::runClosed()
     startMeasuring();
     runUntil(m_start.at + toNs(m_options.seconds));
     m_end = useNow();
-    // The rate is that of the time that was measured.
+    // The rate refers to the measured time.
     const Histogram measured = m_latency;
     drain();
     expectSilence();
@@ -207,8 +207,8 @@ void Load::runClosed()
     print();
 }
 
-/// Every client has times of its own, half to one and a half times its mean apart, so that the
-/// load beats with nothing that happens in the server.
+/// Each client has random pauses of half to one and a half times their mean, so that the load does
+/// not fall into step with the server.
 void Load::runPaced()
 {
     using Due = std::pair<std::int64_t, std::size_t>;
@@ -238,7 +238,7 @@ void Load::runPaced()
     startMeasuring();
     runUntil(m_start.at + toNs(m_options.seconds));
     m_end = useNow();
-    // What is late at the end counts as well: the worst may be among it.
+    // Late replies count too: the worst may be among them.
     drain();
     expectSilence();
     print();
@@ -262,7 +262,7 @@ void Load::runHold()
 int main(int argc, char **argv)
 {
     const LoadOptions options = readLoadOptions(argc, argv);
-    // The kernel would otherwise let sleepers sleep 50 us longer than they asked for.
+    // Without this, the kernel lets the process sleep 50 us too long.
     ::prctl(PR_SET_TIMERSLACK, 1);
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);

@@ -9,9 +9,9 @@
 /// Nanoseconds on the monotonic clock.
 std::int64_t nowNs();
 
-/// One connection of the load program: sends the same request over and over and compares every
-/// byte that comes back with the one reply that it expects. Ends the program when the connection
-/// cannot be made, breaks, or takes less than a whole batch: nothing could be measured then.
+/// One connection of the load program. It repeats one request and compares every received byte with
+/// the expected reply. It ends the program if the connection fails, breaks, or takes only part of a
+/// batch.
 class LoadClient
 {
 public:
@@ -25,7 +25,7 @@ public:
 
     int descriptor() const { return m_descriptor; }
 
-    /// Requests that were sent in one piece and wait for their replies.
+    /// Requests of one send that wait for their replies.
     struct Batch
     {
         std::int64_t dueAt;
@@ -33,23 +33,22 @@ public:
         unsigned count;
     };
 
-    /// Sends `bytes`, which hold `count` requests, in one piece. They were to be sent at `dueAt`.
+    /// Sends `bytes` with `count` requests in one piece. They were due at `dueAt`.
     void send(const std::string &bytes, unsigned count, std::int64_t dueAt);
 
-    /// Takes what has arrived. Returns how many replies it completed, right or wrong.
+    /// Takes all input. Returns the number of replies that it completed, right or wrong.
     unsigned receive();
 
-    /// Of the batch whose replies come next so many requests as it has, `most` at most; forgets
-    /// them.
+    /// Removes up to `most` requests of the oldest batch, and returns them.
     Batch takeAnswered(unsigned most);
 
     /// Requests that wait for their reply.
     std::size_t pending() const { return m_pending; }
 
-    /// Replies that were not, byte for byte, the expected one.
+    /// Replies that differ from the expected one.
     std::uint64_t wrongReplies() const { return m_wrong; }
 
-    /// Whether the last reply began and did not end.
+    /// Whether the last reply is incomplete.
     bool isInsideReply() const { return m_offset > 0 || m_isSkipping; }
 
 private:
@@ -58,8 +57,8 @@ private:
 
     int m_descriptor = -1;
     std::string_view m_reply;
-    std::size_t m_offset = 0;  ///< how much of the reply has come
-    bool m_isSkipping = false; ///< behind a wrong byte, up to the next line feed
+    std::size_t m_offset = 0;  ///< received bytes of the reply
+    bool m_isSkipping = false; ///< after a wrong byte, up to the next line feed
     std::uint64_t m_wrong = 0;
     std::deque<Batch> m_batches;
     std::size_t m_pending = 0; ///< requests in all batches

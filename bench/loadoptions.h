@@ -4,13 +4,13 @@
 #include <string>
 #include <sys/types.h>
 
-/// What the load program was told to do.
+/// The options of the load program.
 struct LoadOptions
 {
     enum class Mode {
-        Closed, ///< every client sends a batch, waits for all its replies, and so on
-        Paced,  ///< every client sends single requests at its own times, whatever comes back
-        Hold,   ///< every client asks once and stays connected until standard input ends
+        Closed, ///< every client sends a batch, waits for all replies, and repeats
+        Paced,  ///< every client sends single requests at its own times, without waiting
+        Hold,   ///< every client sends one request and stays until standard input ends
     };
 
     Mode mode = Mode::Closed;
@@ -20,10 +20,10 @@ struct LoadOptions
     unsigned clients = 1;
     unsigned depth = 1;         ///< requests in a batch of Closed
     double rate = 1000.0;       ///< requests a second of all clients of Paced together
-    double seconds = 1.0;       ///< how long is measured
-    double warmUpSeconds = 0.3; ///< how long is not measured before
-    pid_t server = 0;           ///< whose processor time is measured; 0 for nobody's
+    double seconds = 1.0;       ///< measured time
+    double warmUpSeconds = 0.3; ///< time before the measurement
+    pid_t server = 0;           ///< process whose processor time is measured; 0 for none
 };
 
-/// Ends the program when they are wrong.
+/// Ends the program if they are wrong.
 LoadOptions readLoadOptions(int argc, char **argv);

@@ -48,7 +48,7 @@ def main():
 
 
 def measure(name, options):
-    """What cannot be measured keeps nothing else from being measured."""
+    """Runs a section; a failure does not stop the others."""
     try:
         with Rig(options.programs, options.own_programs) as rig:
             SECTIONS[name](rig, options.quick)

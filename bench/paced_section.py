@@ -1,4 +1,4 @@
-"""How fast single requests of many clients are answered, and what they cost the line."""
+"""Measures replies to single requests of many clients, and their effect on the visits."""
 
 from line_section import GRIPPERS, VISIT_HEAD, frames_during, throttle, visit_figures
 from rig import DAEMON_PORT, ECHO_PORT, POSITION, Client, wait_until_served
@@ -22,7 +22,7 @@ def run(rig, quick):
 
 
 class Paced:
-    """Collects what the rounds bring, a list by name."""
+    """Collects the results of the rounds, a list per name."""
 
     def __init__(self, rig, simulator, seconds):
         self.rig, self.simulator, self.seconds = rig, simulator, seconds

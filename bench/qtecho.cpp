@@ -1,5 +1,5 @@
-// The least that a server of lines in this framework can do: the same reply to every line. What the
-// daemon costs beside it is its own; what this costs is the framework's.
+// A minimal line server in this framework: it answers every line with the same line. It shows the
+// cost of the framework.
 
 #include <QCoreApplication>
 #include <QTcpServer>
@@ -20,7 +20,7 @@ void answer(QTcpSocket *socket, const QByteArray &reply)
         socket->readLine();
         socket->write(reply);
     }
-    // Otherwise the replies would wait for the next turn of the event loop.
+    // Without this, the replies wait for the next turn of the event loop.
     socket->flush();
 }
 
@@ -54,7 +54,7 @@ int main(int argc, char **argv)
                      [&server, &reply] { acceptAll(server, reply); });
     if (!server.listen(QHostAddress::LocalHost, static_cast<quint16>(std::atoi(argv[1]))))
         return 1;
-    // Listening again changes nothing but the length of the queue.
+    // Listening again changes only the length of the queue.
     ::listen(static_cast<int>(server.socketDescriptor()), connectionQueueLength);
     return QCoreApplication::exec();
 }

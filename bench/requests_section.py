@@ -1,4 +1,4 @@
-"""Requests a second and their latency, beside other servers in the same minutes."""
+"""Measures requests a second and latency, beside other servers in the same minutes."""
 
 from rig import DAEMON_PORT, ECHO_PORT, ECHO_WITHOUT_GLIB_PORT, POSITION, REDIS_PORT
 from tables import median, table
@@ -9,7 +9,7 @@ REQUEST = "GET POS\n"
 LINE = f"POS {POSITION}\n"
 BULK = f"${len(str(POSITION))}\r\n{POSITION}\r\n"
 
-# Those that the others are compared with, by what stands above the column.
+# The servers of the ratio columns, by the title of the column.
 BESIDE = {"of redis": "redis", "of echo": "Qt echo", "of that without GLib": "Qt echo, no GLib"}
 
 HEAD = ["clients", "depth", "server", "requests/s", *BESIDE, "p50 us", "p99 us"]
@@ -37,7 +37,7 @@ def run(rig, quick):
 def compare(rig, servers, clients, depth, seconds, rounds):
     results = {name: [] for name, *_ in servers}
     for number in range(rounds):
-        # Each of them is the first one once: what else the machine does hits all alike.
+        # Each server comes first once, so that other load affects all alike.
         turned = servers[number % len(servers) :] + servers[: number % len(servers)]
         for name, pid, port, reply in turned:
             results[name].append(
@@ -57,7 +57,7 @@ def compare(rig, servers, clients, depth, seconds, rounds):
 
 def row(clients, depth, name, results):
     own = results[name]
-    # Of rounds that lie side by side in time, so that a machine that slows down changes no ratio.
+    # A ratio compares servers of the same round, so that a slower machine does not change it.
     to = [
         median([rate(a) / rate(b) for a, b in zip(own, results[other])])
         for other in BESIDE.values()

@@ -1,4 +1,4 @@
-"""What is measured and what measures it: child processes that end with this one."""
+"""The measured and the measuring programs: child processes that end with this one."""
 
 import ctypes
 import json
@@ -25,7 +25,7 @@ _libc = ctypes.CDLL(None)
 
 
 class Rig:
-    """Starts programs, and ends all of them at its own end."""
+    """Starts programs, and ends all of them when it closes."""
 
     def __init__(self, programs, own_programs):
         self.programs = pathlib.Path(programs)
@@ -50,7 +50,7 @@ class Rig:
         child = subprocess.Popen(
             [str(argument) for argument in arguments],
             cwd=self.work,
-            # Ctrl-C is ours; the children are ended in order.
+            # Only this process handles Ctrl-C; it then ends the children in order.
             start_new_session=True,
             preexec_fn=lambda: _libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL),
             **options,
@@ -70,7 +70,7 @@ class Rig:
         return child
 
     def daemon_with_value(self):
-        """One that serves POSITION from its gripper."""
+        """Starts a daemon that serves POSITION of its gripper."""
         child = self.daemon()
         wait_until_served("POS", str(POSITION))
         return child
@@ -79,7 +79,7 @@ class Rig:
         child = self.spawn(
             ["redis-server", "--port", REDIS_PORT, "--bind", "127.0.0.1", "--save", ""]
             + ["--appendonly", "no", "--maxclients", "20000", "--tcp-backlog", "4096"],
-            # One program with two names; the package of the tools has it under the other.
+            # One program with two names; the tools package has the other name.
             executable="/usr/bin/redis-check-rdb",
         )
         wait_until_listening(REDIS_PORT, child)
@@ -96,11 +96,11 @@ class Rig:
         return child
 
     def echo_without_glib(self):
-        """One on the event loop that the daemon has."""
+        """Starts an echo server on the daemon's event loop."""
         return self.echo(ECHO_WITHOUT_GLIB_PORT, QT_NO_GLIB="1")
 
     def load(self, mode, port, request, reply, **options):
-        """What the load program has measured."""
+        """Runs the load program and returns its figures."""
         child = self.start_load(mode, port, request, reply, **options)
         text, errors = child.communicate()
         return _loaded(text, errors)
@@ -128,7 +128,7 @@ def _loaded(text, errors):
 
 
 class Held:
-    """Clients that asked once and stay connected."""
+    """Clients that send one request and stay connected."""
 
     def __init__(self, child):
         self.child = child
@@ -153,7 +153,7 @@ def end(child):
 
 
 class Client:
-    """One connection, one line at a time."""
+    """One connection, one request at a time."""
 
     def __init__(self, port=DAEMON_PORT):
         self.socket = socket.create_connection(("127.0.0.1", port), 10)
@@ -199,7 +199,7 @@ def wait_until_listening(port, child, step=0.001):
 
 
 def wait_until_served(name, value, timeout=20, step=0.001):
-    """Asks until the value is there; the time of that."""
+    """Polls until the value appears; returns that time."""
     deadline = time.monotonic() + timeout
     with Client() as client:
         while (answer := client.get(name)) != value:
@@ -256,7 +256,7 @@ class Simulator:
         for line in self.process.stdout:
             seen = time.monotonic()
             if line[:1] == " " or line[:1].isdigit():
-                # What is no Modbus has its baud rate behind it; there is none in here.
+                # A line of foreign bytes ends with its baud rate; this bench has no such lines.
                 self.frames.append(Frame(line, seen))
             else:
                 self._answers.put(line.rstrip("\n"))
@@ -280,7 +280,7 @@ def status_of(pid):
 
 
 def machine():
-    """Lines that tell what all this ran on, and whether it had it for itself."""
+    """Lines about the machine, with a warning about other load."""
     with open("/proc/cpuinfo", encoding="ascii", errors="replace") as info:
         models = [line.split(":")[1].strip() for line in info if line.startswith("model name")]
     load, cores = os.getloadavg(), os.cpu_count()
@@ -297,7 +297,7 @@ def machine():
 
 
 def busy_share(seconds=1.0):
-    """How much of the processors is used now."""
+    """The share of the processors in use now."""
 
     def used_and_all():
         with open("/proc/stat", encoding="ascii") as stat:

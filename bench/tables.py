@@ -1,10 +1,10 @@
-"""Tables that read well as they are and can be pasted into a document."""
+"""Prints tables in Markdown, aligned for a terminal."""
 
 import statistics
 
 
 def table(title, head, rows):
-    """Prints it in Markdown; numbers to the right, words to the left."""
+    """Prints one table: numbers to the right, words to the left."""
     cells = [[str(cell) for cell in row] for row in [head, *rows]]
     widths = [max(len(row[i]) for row in cells) for i in range(len(head))]
     words = [all(not _is_number(row[i]) for row in cells[1:]) for i in range(len(head))]

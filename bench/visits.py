@@ -1,4 +1,4 @@
-"""The visits to the grippers, as the line saw them."""
+"""Finds the visits to the grippers in the frames of the line."""
 
 import bisect
 import math
@@ -8,7 +8,7 @@ LAST_REGISTER = 604
 REQUESTS = 4
 WRITE = 0x10
 OUTPUTS = 1000
-# The daemon looks for an answer so often, and the first time so long after its request.
+# The daemon looks for an answer after each of these steps, counted from the request.
 STEP = 10.0
 
 
@@ -20,7 +20,7 @@ class Visit:
         self.start = frames[0].at
         self.end = frames[-1].at
         asked = frames[-2].at
-        #: When the last answer was taken at the earliest: the line does not show the moment itself.
+        #: The earliest time at which the daemon took the last answer; the line does not show it.
         self.taken = asked + STEP * max(1, math.ceil((self.end - asked) / STEP))
 
     @property
@@ -29,8 +29,8 @@ class Visit:
 
 
 def visits_of(frames):
-    """The whole visits among these frames, in order, and how many others began: their answers were
-    lost. One that these frames end with is neither."""
+    """Returns the whole visits among these frames, in order, and the number of visits that lost an
+    answer. A visit that continues after the last frame counts as neither."""
     found, dropped = [], 0
     open_visit = []
     for frame in frames:
@@ -54,22 +54,22 @@ def writes_of(frames):
 
 
 def gaps(visits):
-    """From the taking of each one's last answer to the beginning of the next, whichever gripper's.
-    One that was dropped lies in a gap."""
+    """Times from the last answer of each visit to the first request of the next, of any gripper.
+    A dropped visit is part of a gap."""
     return [after.start - before.taken for before, after in zip(visits, visits[1:])]
 
 
 def periods(visits):
-    """From beginning to beginning, whichever gripper's."""
+    """Times from the start of each visit to the start of the next, of any gripper."""
     return [after.start - before.start for before, after in zip(visits, visits[1:])]
 
 
 def clock_offset(frames):
-    """What turns ms of the simulator into seconds of ours: the line that came through fastest."""
+    """Offset between the simulator's clock and ours, from the frame with the least delay."""
     return min(frame.seen - frame.at / 1000 for frame in frames)
 
 
 def visit_before(visits, at):
-    """The last one that ended before `at` ms."""
+    """The last visit that ended before `at` ms."""
     index = bisect.bisect([visit.end for visit in visits], at)
     return visits[index - 1] if index else None
