@@ -7,6 +7,7 @@
 #include "flashmemory.h"
 #include "gripperidentity.h"
 #include "linelistener.h"
+#include "modehost.h"
 #include "registerbank.h"
 #include "silentmode.h"
 
@@ -28,7 +29,7 @@ struct GripperTiming
 
 /// One gripper on the line: its registers, its misbehaviours, and the program that it runs at
 /// present. A mode is a listener of its own, so a new program of the gripper is a new mode.
-class SimulatedGripper : public QObject, public LineListener
+class SimulatedGripper : public QObject, public LineListener, private ModeHost
 {
     Q_OBJECT
 
@@ -46,7 +47,7 @@ public:
     ~SimulatedGripper() override;
 
     /// The id under which it answers, or answered before the restart that is under way.
-    quint8 slaveId() const { return m_slaveId; }
+    quint8 slaveId() const { return m_firmwareMode.slaveId(); }
     const GripperIdentity &identity() const { return m_identity; }
     RegisterBank &registers() { return m_registers; }
     FaultPlan &faults() { return m_faults; }
@@ -55,28 +56,21 @@ public:
     const BootloaderKind &bootloader() const { return m_bootloader; }
     FlashMemory &flash() { return m_flash; }
 
-    /// Loses power for a moment: silent for the boot time, then runs the firmware in its flash
-    /// under the stored id, or the bootloader when there is no valid one.
-    void restart();
-    /// Silent for the bootloader's boot time, then runs the bootloader.
-    void restartIntoBootloader();
-    /// Has no power until it is restarted.
-    void die();
+    void restart() override;
+    void restartIntoBootloader() override;
+    void die() override;
 
     void hear(const QByteArray &bytes, int baudRate) override;
     void hearSilence() override;
 
-    /// Sends `bytes` at `baudRate`, `delayMs` from now.
-    void send(const QByteArray &bytes, int baudRate, int delayMs);
-    void sendFromBootloader(const QByteArray &bytes, int baudRate);
-
 private:
+    void send(const QByteArray &bytes, int baudRate, int delayMs) override;
+    void sendFromBootloader(const QByteArray &bytes, int baudRate) override;
     void boot(int durationMs, const std::function<void()> &end);
     void stop(State state);
     void startFirmware();
     void startBootloader();
 
-    quint8 m_slaveId;
     GripperIdentity m_identity;
     GripperTiming m_timing;
     const BootloaderKind &m_bootloader;

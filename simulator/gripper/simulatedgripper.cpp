@@ -12,8 +12,7 @@ constexpr qint64 kUsPerMs = 1000;
 SimulatedGripper::SimulatedGripper(quint8 slaveId, const GripperIdentity &identity,
                                    const GripperTiming &timing, Line &line, Timeline &timeline,
                                    RandomSource &random)
-    : m_slaveId(slaveId)
-    , m_identity(identity)
+    : m_identity(identity)
     , m_timing(timing)
     , m_bootloader(bootloaderOf(identity))
     , m_line(line)
@@ -21,8 +20,9 @@ SimulatedGripper::SimulatedGripper(quint8 slaveId, const GripperIdentity &identi
     , m_registers(identity, slaveId, timing.activationMs * kUsPerMs, timeline)
     , m_faults(random)
     , m_flash(m_bootloader.firmwareStart)
-    , m_firmwareMode(*this)
-    , m_bootloaderMode(*this, m_bootloader, m_flash, timeline, timing.bootloaderBitsPerSecond)
+    , m_firmwareMode(*this, m_registers, m_faults, slaveId)
+    , m_bootloaderMode(*this, m_bootloader, m_flash, m_faults, timeline,
+                       timing.bootloaderBitsPerSecond)
     , m_mode(&m_firmwareMode)
 {
     m_flash.write(m_bootloader.firmwareStart, FirmwareImage::make(identity.versionText()));
@@ -79,7 +79,7 @@ void SimulatedGripper::startFirmware()
     // The same firmware leaves alone what a test has put into the version registers.
     if (version != m_identity.versionText() && m_identity.setVersion(version))
         m_registers.setVersion(m_identity);
-    m_slaveId = m_registers.storedSlaveId();
+    m_firmwareMode.setSlaveId(m_registers.storedSlaveId());
     m_mode = &m_firmwareMode;
     m_state = State::Firmware;
 }

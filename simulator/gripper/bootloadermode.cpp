@@ -1,6 +1,6 @@
 #include "bootloadermode.h"
 
-#include "simulatedgripper.h"
+#include "faultplan.h"
 #include "timeline.h"
 
 namespace sim {
@@ -11,13 +11,14 @@ constexpr qint64 kBitsPerByte = 11;
 constexpr qint64 kUsPerSecond = 1000000;
 } // namespace
 
-BootloaderMode::BootloaderMode(SimulatedGripper &gripper, const BootloaderKind &kind,
-                               FlashMemory &flash, Timeline &timeline, int bitsPerSecond)
+BootloaderMode::BootloaderMode(ModeHost &gripper, const BootloaderKind &kind, FlashMemory &flash,
+                               FaultPlan &faults, Timeline &timeline, int bitsPerSecond)
     : m_gripper(gripper)
     , m_kind(kind)
+    , m_faults(faults)
     , m_timeline(timeline)
     , m_bitsPerSecond(bitsPerSecond)
-    , m_protocol(kind, flash, gripper.faults())
+    , m_protocol(kind, flash, faults)
     , m_session(std::make_unique<QObject>())
 {
 }
@@ -35,7 +36,7 @@ void BootloaderMode::hear(const QByteArray &bytes, int baudRate)
     if (baudRate != m_kind.baudRate)
         return;
     for (const char byte : bytes) {
-        // What follows a start of the firmware reaches nobody.
+        // The bootloader no longer listens once it has started the firmware.
         if (m_isOver)
             return;
         ++m_heardBytes;
@@ -63,10 +64,9 @@ void BootloaderMode::take(quint8 byte)
 
 void BootloaderMode::answer(QByteArray bytes)
 {
-    FaultPlan &faults = m_gripper.faults();
-    if (bytes.size() == 1 && faults.strike(FaultKind::DoubleAck))
+    if (bytes.size() == 1 && m_faults.strike(FaultKind::DoubleAck))
         bytes += bytes;
-    const bool isSilent = faults.strike(FaultKind::SilentBootloader).has_value();
+    const bool isSilent = m_faults.strike(FaultKind::SilentBootloader).has_value();
     const bool isStarting = m_isOver;
     const int byteCount = m_heardBytes + bytes.size();
     m_heardBytes = 0;

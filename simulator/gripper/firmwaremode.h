@@ -2,24 +2,28 @@
 
 #include "linelistener.h"
 #include "modbusslave.h"
+#include "modehost.h"
 #include "requestframer.h"
 
 namespace sim {
 
-class SimulatedGripper;
+class FaultPlan;
 
 /// The application firmware: hears requests at 115200 baud, answers those for its own slave id
 /// as its faults allow, and restarts on command.
 class FirmwareMode : public LineListener
 {
 public:
-    /// `gripper` must outlive the mode.
-    explicit FirmwareMode(SimulatedGripper &gripper);
+    /// All references must outlive the mode.
+    FirmwareMode(ModeHost &gripper, RegisterBank &registers, FaultPlan &faults, quint8 slaveId);
 
     void hear(const QByteArray &bytes, int baudRate) override;
     void hearSilence() override;
-    /// Forgets what is half received.
+    /// Drops a request that has arrived in part.
     void clear();
+    /// The id under which the firmware answers.
+    quint8 slaveId() const { return m_slaveId; }
+    void setSlaveId(quint8 slaveId) { m_slaveId = slaveId; }
 
 private:
     void answerRequests();
@@ -27,7 +31,10 @@ private:
     void obeyResetCommand();
     bool isForUs(const RequestFramer::Frame &frame) const;
 
-    SimulatedGripper &m_gripper;
+    ModeHost &m_gripper;
+    RegisterBank &m_registers;
+    FaultPlan &m_faults;
+    quint8 m_slaveId;
     ModbusSlave m_slave;
     RequestFramer m_framer;
 };

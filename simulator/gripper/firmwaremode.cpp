@@ -1,19 +1,24 @@
 #include "firmwaremode.h"
 
 #include "devicemap.h"
-#include "simulatedgripper.h"
+#include "faultplan.h"
+#include "registerbank.h"
 
 namespace sim {
 
-FirmwareMode::FirmwareMode(SimulatedGripper &gripper)
+FirmwareMode::FirmwareMode(ModeHost &gripper, RegisterBank &registers, FaultPlan &faults,
+                           quint8 slaveId)
     : m_gripper(gripper)
-    , m_slave(gripper.registers())
+    , m_registers(registers)
+    , m_faults(faults)
+    , m_slaveId(slaveId)
+    , m_slave(registers)
 {
 }
 
 void FirmwareMode::hear(const QByteArray &bytes, int baudRate)
 {
-    // At another rate the receiver makes nothing of it.
+    // A receiver at another rate sees no valid bytes.
     if (baudRate != map::kBaudRate)
         return;
     m_framer.append(bytes);
@@ -41,8 +46,7 @@ void FirmwareMode::answerRequests()
 
 void FirmwareMode::answer(const QByteArray &request)
 {
-    FaultPlan &faults = m_gripper.faults();
-    const FaultHits hits = faults.draw(request);
+    const FaultHits hits = m_faults.draw(request);
     if (hits.contains(FaultKind::Deaf))
         return;
     const QByteArray answer =
@@ -50,27 +54,27 @@ void FirmwareMode::answer(const QByteArray &request)
             ? ModbusSlave::exceptionAnswer(request, hits.value(FaultKind::Exception))
             : m_slave.answer(request);
     if (!hits.contains(FaultKind::Silent)) {
-        m_gripper.send(faults.mangle(hits, request, answer), map::kBaudRate,
+        m_gripper.send(m_faults.mangle(hits, request, answer), map::kBaudRate,
                        hits.value(FaultKind::Late, 0));
     }
     obeyResetCommand();
 }
 
-/// After the answer: the master is to hear that the command was taken.
+/// Runs after the answer, so that the master learns that the gripper took the command.
 void FirmwareMode::obeyResetCommand()
 {
-    const std::optional<quint16> command = m_gripper.registers().takeResetCommand();
+    const std::optional<quint16> command = m_registers.takeResetCommand();
     if (!command)
         return;
     if (*command == map::kRestartFirmware)
         m_gripper.restart();
-    else // Either of the two words: there is only the one bootloader that the gripper has.
+    else // Both words lead here: each gripper has one bootloader.
         m_gripper.restartIntoBootloader();
 }
 
 bool FirmwareMode::isForUs(const RequestFramer::Frame &frame) const
 {
-    return frame.isValid && static_cast<quint8>(frame.bytes.at(0)) == m_gripper.slaveId();
+    return frame.isValid && static_cast<quint8>(frame.bytes.at(0)) == m_slaveId;
 }
 
 } // namespace sim

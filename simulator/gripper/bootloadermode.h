@@ -2,6 +2,7 @@
 
 #include "bootloaderprotocol.h"
 #include "linelistener.h"
+#include "modehost.h"
 
 #include <QObject>
 
@@ -10,21 +11,22 @@
 
 namespace sim {
 
-class SimulatedGripper;
+class FaultPlan;
 class Timeline;
 
-/// The bootloader: hears one rate, answers as its faults allow, and as slowly as it is told.
+/// The bootloader: hears one baud rate, answers as its faults allow, and takes the time of the
+/// configured rate.
 class BootloaderMode : public LineListener
 {
 public:
-    /// Everything referred to must outlive the mode. Bytes pass at `bitsPerSecond`, 0 for as
-    /// fast as they come.
-    BootloaderMode(SimulatedGripper &gripper, const BootloaderKind &kind, FlashMemory &flash,
-                   Timeline &timeline, int bitsPerSecond);
+    /// All references must outlive the mode. Bytes pass at `bitsPerSecond`; 0 means without
+    /// delay.
+    BootloaderMode(ModeHost &gripper, const BootloaderKind &kind, FlashMemory &flash,
+                   FaultPlan &faults, Timeline &timeline, int bitsPerSecond);
 
     void hear(const QByteArray &bytes, int baudRate) override;
     void hearSilence() override {}
-    /// As after power-on; what was under way never happens.
+    /// Returns to the state after power-on and drops everything that is pending.
     void clear();
 
 private:
@@ -32,12 +34,13 @@ private:
     void answer(QByteArray bytes);
     void afterItsTime(int byteCount, const std::function<void()> &action);
 
-    SimulatedGripper &m_gripper;
+    ModeHost &m_gripper;
     const BootloaderKind &m_kind;
+    FaultPlan &m_faults;
     Timeline &m_timeline;
     int m_bitsPerSecond;
     BootloaderProtocol m_protocol;
-    /// Owns what is still to happen.
+    /// Owner of all pending actions: replacing it cancels them.
     std::unique_ptr<QObject> m_session;
     int m_heardBytes = 0;
     bool m_isOver = false;
