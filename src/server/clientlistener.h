@@ -44,6 +44,7 @@ private:
     std::unique_ptr<QSocketNotifier> m_notifier;
     QQueue<ClientSocket *> m_pending;
     QTimer m_acceptRetry; ///< Runs while accepting pauses after an error.
+    QTimer m_memoryReturn;
     int m_lastClientDescriptor = 0;
     bool m_isFull = false; ///< Only the descriptors in reserve are left.
 };
