@@ -159,7 +159,7 @@ def test_a_crowd_of_clients(start_daemon, connect, line, figure):
     gap = longest_time_between_polls(line, mark)
     figure(f"longest time between two polls while they leave {gap * 1000:.0f} ms")
     assert gap < LONGEST_PAUSE
-    # The sanitizer keeps freed memory, to notice its use.
+    # The sanitizer and valgrind keep freed memory, to notice its use.
     if not SANITIZED:
         returned = lambda: daemon.resident_kib() - before < ALLOWED_REST_KIB
         eventually(returned, what=lambda: f"{daemon.resident_kib() - before} KiB remain")
