@@ -1,6 +1,7 @@
 #include "clientsocket.h"
 
 #include <QScopedValueRollback>
+#include <QTimer>
 
 #include <algorithm>
 #include <array>
@@ -32,10 +33,17 @@ constexpr std::array<KernelOption, 5> clientOptions{{
 
 // One piece of memory for the replies to a batch.
 constexpr int usualBatchLength = 256;
+constexpr int sendRetryMs = 50;
 
 bool isTemporary(int error)
 {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+/// The system has run out of memory or buffers. The kernel reports room to write all the same.
+bool isShortage(int error)
+{
+    return error == ENOBUFS || error == ENOMEM;
 }
 
 } // namespace
@@ -127,7 +135,7 @@ void ClientSocket::onWritable()
 
 void ClientSocket::sendUnsent()
 {
-    if (m_unsent.isEmpty())
+    if (m_unsent.isEmpty() || m_sendingPaused)
         return;
     const ssize_t sent =
         ::send(m_descriptor, m_unsent.constData(), static_cast<std::size_t>(m_unsent.size()),
@@ -136,8 +144,27 @@ void ClientSocket::sendUnsent()
         m_unsent.clear();
     else if (sent >= 0)
         m_unsent.remove(0, static_cast<int>(sent));
+    else if (isShortage(errno))
+        pauseSending();
     else if (!isTemporary(errno))
-        endOutput();
+        shutDown();
+}
+
+void ClientSocket::pauseSending()
+{
+    m_sendingPaused = true;
+    QTimer::singleShot(sendRetryMs, this, [this] {
+        m_sendingPaused = false;
+        onWritable();
+    });
+}
+
+/// The end of its connection shows a client that no reply comes. The daemon still reads all that
+/// had arrived.
+void ClientSocket::shutDown()
+{
+    endOutput();
+    ::shutdown(m_descriptor, SHUT_RDWR);
 }
 
 void ClientSocket::endOutput()
@@ -151,7 +178,7 @@ void ClientSocket::updateInterests()
     const bool mayRead = !m_inputEnded && !m_paused && m_unsent.size() <= __replyLimit;
     SocketPoller::Interests interests;
     interests.setFlag(SocketPoller::Readable, mayRead);
-    interests.setFlag(SocketPoller::Writable, !m_unsent.isEmpty());
+    interests.setFlag(SocketPoller::Writable, !m_unsent.isEmpty() && !m_sendingPaused);
     // Whoever would not be heard any more is better off without the connection.
     if (!m_registration->setInterests(interests))
         QMetaObject::invokeMethod(

@@ -69,6 +69,8 @@ private:
     void onReadable() override;
     void onWritable() override;
     void sendUnsent();
+    void pauseSending();
+    void shutDown();
     void endOutput();
     void giveUp();
     void updateInterests();
@@ -82,6 +84,7 @@ private:
     QByteArray m_unsent;
     int m_holds = 0;
     bool m_paused = false;
+    bool m_sendingPaused = false;
     bool m_inputEnded = false;
     bool m_outputEnded = false;
     bool m_endReported = false;

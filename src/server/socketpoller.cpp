@@ -1,6 +1,10 @@
 #include "socketpoller.h"
 
+#include <QTimer>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <unistd.h>
 
 namespace {
@@ -8,6 +12,16 @@ namespace {
 constexpr quint32 brokenConnection = EPOLLERR | EPOLLHUP;
 constexpr quint32 readable = EPOLLIN | brokenConnection;
 constexpr quint32 writable = EPOLLOUT | brokenConnection;
+constexpr int waitRetryMs = 20;
+
+/// A failure ends the process: without this descriptor the daemon hears no client.
+int createEpoll()
+{
+    const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+    if (epoll < 0)
+        qFatal("Unable to wait for clients: epoll_create1: %s", std::strerror(errno));
+    return epoll;
+}
 
 } // namespace
 
@@ -21,6 +35,7 @@ SocketPoller::Registration::Registration(SocketPoller &poller, int descriptor, L
 SocketPoller::Registration::~Registration()
 {
     setInterests(Nothing);
+    m_poller.forget(this);
 }
 
 bool SocketPoller::Registration::setInterests(Interests interests)
@@ -39,14 +54,12 @@ bool SocketPoller::Registration::setInterests(Interests interests)
     if (::epoll_ctl(m_poller.m_epoll, operation, m_descriptor, &event) != 0)
         return false;
     m_interests = interests;
-    if (interests == Nothing)
-        m_poller.forget(this);
     return true;
 }
 
 SocketPoller::SocketPoller(QObject *parent)
     : QObject(parent)
-    , m_epoll(::epoll_create1(EPOLL_CLOEXEC))
+    , m_epoll(createEpoll())
     , m_notifier(std::make_unique<QSocketNotifier>(m_epoll, QSocketNotifier::Read))
 {
     connect(m_notifier.get(), &QSocketNotifier::activated, this, [this] { tellBatch(); });
@@ -62,10 +75,20 @@ void SocketPoller::tellBatch()
 {
     if (m_next == m_end) {
         m_next = 0;
-        m_end = std::max(0, ::epoll_wait(m_epoll, m_batch.data(), __batchSize, 0));
+        const int count = ::epoll_wait(m_epoll, m_batch.data(), __batchSize, 0);
+        m_end = std::max(0, count);
+        if (count < 0)
+            pause();
     }
     while (m_next < m_end)
         tell(m_batch[static_cast<std::size_t>(m_next++)]);
+}
+
+/// Without a pause the notifier reports the same sockets again at once.
+void SocketPoller::pause()
+{
+    m_notifier->setEnabled(false);
+    QTimer::singleShot(waitRetryMs, m_notifier.get(), [this] { m_notifier->setEnabled(true); });
 }
 
 void SocketPoller::tell(const epoll_event &event)

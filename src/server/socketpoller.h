@@ -55,6 +55,7 @@ public:
         Interests m_interests = Nothing;
     };
 
+    /// Aborts the process, after a fatal log line, when the kernel has no epoll descriptor left.
     explicit SocketPoller(QObject *parent);
     ~SocketPoller() override;
 
@@ -63,6 +64,7 @@ private:
     static constexpr int __batchSize = 128;
 
     void tellBatch();
+    void pause();
     void tell(const epoll_event &event);
     void forget(const Registration *registration);
 

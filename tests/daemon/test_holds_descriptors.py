@@ -24,6 +24,8 @@ CROWD = effort(1500, 10_000)
 # All leave at once.
 LONGEST_PAUSE = 3.0 if SANITIZED else 1.0
 ALLOWED_KIB_PER_THOUSAND = 60_000 if SANITIZED else 8_000
+# A crowd takes three times as much memory as may remain of it, five times in large numbers.
+ALLOWED_REST_KIB = effort(1_000, 4_000)
 
 
 def limited(soft, hard):
@@ -157,6 +159,11 @@ def test_a_crowd_of_clients(start_daemon, connect, line, figure):
     gap = longest_time_between_polls(line, mark)
     figure(f"longest time between two polls while they leave {gap * 1000:.0f} ms")
     assert gap < LONGEST_PAUSE
+    # The sanitizer and valgrind keep freed memory, to notice its use.
+    if not SANITIZED:
+        returned = lambda: daemon.resident_kib() - before < ALLOWED_REST_KIB
+        eventually(returned, what=lambda: f"{daemon.resident_kib() - before} KiB remain")
+        figure(f"{daemon.resident_kib() - before} KiB remain of {CROWD} clients that left")
 
 
 def longest_time_between_polls(line, mark):

@@ -16,11 +16,18 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr int chunkSize = 16 * 1024;
 const QByteArray request("GET POS\n");
+
+// The error of every send() on the descriptor below as long as it is set.
+int s_sendError = 0;
+int s_failingDescriptor = -1;
+int s_failedSends = 0;
 
 // Text in which a lost, doubled or moved byte shows.
 QByteArray numbered(int size)
@@ -40,6 +47,16 @@ void handleWaitingEvents()
 }
 
 } // namespace
+
+// In place of the C library's: some errors come only on a machine that has run out of something.
+extern "C" ssize_t send(int descriptor, const void *data, size_t size, int flags)
+{
+    if (s_sendError == 0 || descriptor != s_failingDescriptor)
+        return ::syscall(SYS_sendto, descriptor, data, size, flags, nullptr, 0);
+    ++s_failedSends;
+    errno = s_sendError;
+    return -1;
+}
 
 /// Each test has one connection, local unless it needs the ways of TCP.
 class tst_ClientSocket : public QObject
@@ -64,6 +81,10 @@ private slots:
     void repliesLeaveWhenTheyAreSent();
     void bytesToWriteCountsWhatTheKernelHasNotTaken();
     void noReplyIsLostOrMoved();
+    void shortageOnlyDelaysReplies_data();
+    void shortageOnlyDelaysReplies();
+    void endOfAHalfClosedClientWaitsForDelayedReplies();
+    void connectionThatCannotBeWrittenToEnds();
 
     void halfClosedClientStillGetsItsReplies();
     void halfClosedClientIsReportedOnceAllRepliesAreSent();
@@ -112,6 +133,8 @@ void tst_ClientSocket::init()
 
 void tst_ClientSocket::cleanup()
 {
+    s_sendError = 0;
+    s_failedSends = 0;
     m_socket.reset();
     m_client.reset();
     QCOMPARE(m_log->warnings(), QStringList());
@@ -127,6 +150,7 @@ void tst_ClientSocket::connectClient(DescriptorPair ends)
     m_client = std::make_unique<ClientEnd>(ends.clientEnd);
     m_socket = std::make_unique<ClientSocket>(m_poller, nullptr);
     m_descriptor = ends.serverEnd;
+    s_failingDescriptor = ends.serverEnd;
     QVERIFY(m_socket->setSocketDescriptor(ends.serverEnd, QAbstractSocket::ConnectedState,
                                           QIODevice::ReadWrite));
 }
@@ -266,6 +290,71 @@ void tst_ClientSocket::noReplyIsLostOrMoved()
     QTRY_VERIFY(m_client->received().size() >= replies.size());
     QVERIFY(m_client->received() == replies);
     QCOMPARE(m_socket->bytesToWrite(), 0);
+}
+
+void tst_ClientSocket::shortageOnlyDelaysReplies_data()
+{
+    QTest::addColumn<int>("error");
+    QTest::newRow("no buffers") << ENOBUFS;
+    QTest::newRow("no memory") << ENOMEM;
+}
+
+void tst_ClientSocket::shortageOnlyDelaysReplies()
+{
+    QFETCH(int, error);
+    QSignalSpy disconnected(m_socket.get(), &QTcpSocket::disconnected);
+    s_sendError = error;
+    m_socket->write("ack");
+    m_socket->sendReplies();
+    QTest::qWait(300);
+    m_socket->write("nak");
+    m_socket->sendReplies();
+    // The kernel reports room all the time.
+    QVERIFY2(s_failedSends > 1 && s_failedSends < 30, qPrintable(QString::number(s_failedSends)));
+    QCOMPARE(m_socket->bytesToWrite(), 6);
+
+    s_sendError = 0;
+
+    QTRY_COMPARE(m_client->received(), QByteArray("acknak"));
+    QCOMPARE(m_socket->bytesToWrite(), 0);
+    m_socket->write("ack");
+    m_socket->sendReplies();
+    QCOMPARE(m_client->received(), QByteArray("acknakack"));
+    QCOMPARE(disconnected.size(), 0);
+}
+
+void tst_ClientSocket::endOfAHalfClosedClientWaitsForDelayedReplies()
+{
+    QSignalSpy disconnected(m_socket.get(), &QTcpSocket::disconnected);
+    reportReadsUntilTheEnd();
+    s_sendError = ENOBUFS;
+    m_socket->write("ack");
+    m_socket->sendReplies();
+    m_client->halfClose();
+    QTRY_VERIFY(s_failedSends > 2);
+    QCOMPARE(disconnected.size(), 0);
+
+    s_sendError = 0;
+
+    QTRY_COMPARE(disconnected.size(), 1);
+    QCOMPARE(m_client->received(), QByteArray("ack"));
+}
+
+void tst_ClientSocket::connectionThatCannotBeWrittenToEnds()
+{
+    connectClient(tcpPair());
+    QSignalSpy disconnected(m_socket.get(), &QTcpSocket::disconnected);
+    m_client->send(request);
+    s_sendError = EHOSTUNREACH;
+    m_socket->write("ack");
+    m_socket->sendReplies();
+    QByteArray received;
+    connect(m_socket.get(), &QTcpSocket::readyRead, this, [&] { received += readAll(); });
+
+    QTRY_COMPARE(disconnected.size(), 1);
+
+    QCOMPARE(received, request);
+    QVERIFY(m_client->hasEnded());
 }
 
 void tst_ClientSocket::halfClosedClientStillGetsItsReplies()

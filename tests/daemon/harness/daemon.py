@@ -25,13 +25,13 @@ QUIT_LIMIT = 9.0 if VALGRIND else 3.0 if SANITIZED else 1.0
 
 
 class Daemon:
-    def __init__(self, cwd, arguments=(), environment=None, before_exec=None):
+    def __init__(self, cwd, arguments=(), environment=None, before_exec=None, under=()):
         self.lines = []
         self.times = []
         self._changed = threading.Condition()
         self.started_at = time.monotonic()
         self.process = spawn(
-            [binary("gripperd"), *arguments],
+            [*under, binary("gripperd"), *arguments],
             before_exec,
             cwd=cwd,
             env={**os.environ, **(environment or {})},
