@@ -7,11 +7,11 @@
 namespace sim {
 
 namespace {
-constexpr quint8 kAll = 0xFF;
-constexpr quint8 kSpecialWords = 0xFF; ///< first byte of a word that stands for many sectors
-constexpr int kAddressLength = 5;
-constexpr int kWordAlignment = 4;
-constexpr quint8 kByteMask = 0xFF;
+constexpr quint8 allSectors = 0xFF;           ///< each byte of the count that means all sectors
+constexpr quint32 firstSpecialCount = 0xFFF0; ///< in words; from here on counts mean many sectors
+constexpr int addressLength = 5;
+constexpr int wordSize = 4;
+constexpr quint8 byteMask = 0xFF;
 
 quint8 byteAt(const QByteArray &bytes, int offset)
 {
@@ -25,12 +25,12 @@ QByteArray single(quint8 byte)
 
 QByteArray acknowledge()
 {
-    return single(boot::kAcknowledge);
+    return single(boot::ackByte);
 }
 
 QByteArray refuse()
 {
-    return single(boot::kRefuse);
+    return single(boot::nackByte);
 }
 
 quint8 checksumOf(const QByteArray &bytes)
@@ -49,7 +49,7 @@ bool isSound(const QByteArray &bytes)
 
 bool isComplemented(const QByteArray &pair)
 {
-    return (byteAt(pair, 0) ^ byteAt(pair, 1)) == kByteMask;
+    return (byteAt(pair, 0) ^ byteAt(pair, 1)) == byteMask;
 }
 
 quint32 numberIn(const QByteArray &bytes, int offset, int width)
@@ -64,8 +64,8 @@ int lengthOfSectors(const QByteArray &pending, int width)
 {
     if (pending.size() < width)
         return width;
-    const bool isSpecial =
-        width == 1 ? byteAt(pending, 0) == kAll : numberIn(pending, 0, width) >= 0xFFF0;
+    const bool isSpecial = width == 1 ? byteAt(pending, 0) == allSectors
+                                      : numberIn(pending, 0, width) >= firstSpecialCount;
     const int count = isSpecial ? 0 : static_cast<int>(numberIn(pending, 0, width)) + 1;
     return width * (1 + count) + 1;
 }
@@ -73,15 +73,15 @@ int lengthOfSectors(const QByteArray &pending, int width)
 
 using Self = BootloaderProtocol;
 
-const Self::Command Self::__commands[] = {
-    {boot::kGet, Step::Command, &Self::describeCommands},
-    {boot::kGetVersion, Step::Command, &Self::describeVersion},
-    {boot::kGetId, Step::Command, &Self::describeProduct},
-    {boot::kReadMemory, Step::Address, &Self::justAcknowledge},
-    {boot::kGo, Step::Address, &Self::justAcknowledge},
-    {boot::kWriteMemory, Step::Address, &Self::justAcknowledge},
-    {boot::kErase, Step::Sectors, &Self::justAcknowledge},
-    {boot::kExtendedErase, Step::WideSectors, &Self::justAcknowledge},
+const Self::Command Self::commands[] = {
+    {boot::getCommand, Step::Command, &Self::describeCommands},
+    {boot::getVersionCommand, Step::Command, &Self::describeVersion},
+    {boot::getIdCommand, Step::Command, &Self::describeProduct},
+    {boot::readMemoryCommand, Step::Address, &Self::justAcknowledge},
+    {boot::goCommand, Step::Address, &Self::justAcknowledge},
+    {boot::writeMemoryCommand, Step::Address, &Self::justAcknowledge},
+    {boot::eraseCommand, Step::Sectors, &Self::justAcknowledge},
+    {boot::extendedEraseCommand, Step::WideSectors, &Self::justAcknowledge},
 };
 
 BootloaderProtocol::BootloaderProtocol(const BootloaderKind &kind, FlashMemory &flash,
@@ -120,7 +120,7 @@ int BootloaderProtocol::wantedLength() const
     case Step::ReadCount:
         return 2;
     case Step::Address:
-        return kAddressLength;
+        return addressLength;
     case Step::Block:
         return byteAt(m_pending, 0) + 3;
     case Step::Sectors:
@@ -138,7 +138,7 @@ QByteArray BootloaderProtocol::takeWhole(const QByteArray &bytes)
     m_step = Step::Command;
     switch (step) {
     case Step::Synchronisation:
-        if (byteAt(bytes, 0) == boot::kSynchronise)
+        if (byteAt(bytes, 0) == boot::synchronisationByte)
             return acknowledge();
         m_step = Step::Synchronisation;
         return QByteArray();
@@ -162,7 +162,7 @@ QByteArray BootloaderProtocol::takeCommand(const QByteArray &bytes)
 {
     if (!isComplemented(bytes))
         return refuse();
-    for (const Command &command : __commands) {
+    for (const Command &command : commands) {
         if (command.code != byteAt(bytes, 0))
             continue;
         m_command = command.code;
@@ -176,12 +176,12 @@ QByteArray BootloaderProtocol::takeAddress(const QByteArray &bytes)
 {
     if (!isSound(bytes))
         return refuse();
-    m_address = numberIn(bytes, 0, kAddressLength - 1);
-    if (m_command == boot::kReadMemory)
+    m_address = numberIn(bytes, 0, addressLength - 1);
+    if (m_command == boot::readMemoryCommand)
         return acceptAddress(Step::ReadCount, m_flash.contains(m_address, 1));
-    if (m_command == boot::kWriteMemory)
-        return acceptAddress(Step::Block, m_flash.isWritable(m_address, kWordAlignment) &&
-                                              m_address % kWordAlignment == 0);
+    if (m_command == boot::writeMemoryCommand)
+        return acceptAddress(Step::Block,
+                             m_flash.isWritable(m_address, wordSize) && m_address % wordSize == 0);
     return go();
 }
 
@@ -213,7 +213,7 @@ QByteArray BootloaderProtocol::takeBlock(const QByteArray &bytes)
 {
     QByteArray data = bytes.mid(1, bytes.size() - 2);
     const bool isAllowed =
-        data.size() % kWordAlignment == 0 && m_flash.isWritable(m_address, data.size());
+        data.size() % wordSize == 0 && m_flash.isWritable(m_address, data.size());
     if (!isSound(bytes) || !isAllowed || m_faults.strike(FaultKind::NackWrite))
         return refuse();
     ++m_blocks;
@@ -238,7 +238,7 @@ QByteArray BootloaderProtocol::takeSectors(const QByteArray &bytes, int width)
 {
     if (!isSound(bytes))
         // The count that means all sectors has its complement behind it, not itself.
-        return width == 1 && byteAt(bytes, 0) == kAll && byteAt(bytes, 1) == 0
+        return width == 1 && byteAt(bytes, 0) == allSectors && byteAt(bytes, 1) == 0
                    ? eraseSectors(bytes.left(width), width)
                    : refuse();
     return eraseSectors(bytes.chopped(1), width);
@@ -249,7 +249,7 @@ QByteArray BootloaderProtocol::eraseSectors(const QByteArray &sectors, int width
 {
     if (sectors.size() == width) {
         // Of the words that stand for many only the one for all sectors is known here.
-        if (sectors != QByteArray(width, static_cast<char>(kSpecialWords)))
+        if (sectors != QByteArray(width, static_cast<char>(allSectors)))
             return refuse();
         m_flash.eraseAll();
         return acknowledge();
@@ -271,7 +271,7 @@ QByteArray BootloaderProtocol::justAcknowledge() const
 QByteArray BootloaderProtocol::describeCommands() const
 {
     QByteArray list = single(m_kind.version);
-    for (const Command &command : __commands) {
+    for (const Command &command : commands) {
         const bool isOtherErase = command.next != Step::Address && command.next != Step::Command &&
                                   command.code != m_kind.eraseCommand;
         if (!isOtherErase)
@@ -288,8 +288,8 @@ QByteArray BootloaderProtocol::describeVersion() const
 
 QByteArray BootloaderProtocol::describeProduct() const
 {
-    return acknowledge() + single(1) + single(boot::kProductId >> 8) +
-           single(boot::kProductId & kByteMask) + acknowledge();
+    return acknowledge() + single(1) + single(boot::productId >> 8) +
+           single(boot::productId & byteMask) + acknowledge();
 }
 
 } // namespace sim

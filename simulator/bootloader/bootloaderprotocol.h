@@ -49,7 +49,7 @@ private:
         Step next;
         QByteArray (BootloaderProtocol::*answer)() const;
     };
-    static const Command __commands[];
+    static const Command commands[];
 
     int wantedLength() const;
     QByteArray takeWhole(const QByteArray &bytes);

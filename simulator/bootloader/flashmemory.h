@@ -9,9 +9,9 @@ namespace sim {
 class FlashMemory
 {
 public:
-    static constexpr quint32 __start = 0x08000000;
-    static constexpr int __size = 0x100000;
-    static constexpr int __sectorCount = 12;
+    static constexpr quint32 startAddress = 0x08000000;
+    static constexpr int sizeBytes = 0x100000;
+    static constexpr int sectorCount = 12;
 
     /// Erased. Addresses below `protectedBelow` can be read, and neither written nor erased.
     explicit FlashMemory(quint32 protectedBelow);
@@ -32,7 +32,7 @@ public:
     void eraseAll();
 
 private:
-    static int offsetOf(quint32 address) { return static_cast<int>(address - __start); }
+    static int offsetOf(quint32 address) { return static_cast<int>(address - startAddress); }
 
     quint32 m_protectedBelow;
     QByteArray m_bytes;

@@ -12,7 +12,7 @@ class FrameLog
 {
 public:
     /// So many are kept.
-    static constexpr int __maxFrames = 10000;
+    static constexpr int maxFrames = 10000;
 
     void append(const FrameRecord &frame);
     void clear() { m_frames.clear(); }

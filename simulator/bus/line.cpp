@@ -27,7 +27,7 @@ void Line::receive(const QByteArray &bytes, int baudRate)
 {
     const qint64 nowUs = m_timeline.nowUs();
     // The timer may come later than the bytes that follow the gap.
-    if (m_isInFrame && nowUs - m_lastByteUs >= __gapUs)
+    if (m_isInFrame && nowUs - m_lastByteUs >= frameGapUs)
         announceSilence();
     m_lastByteUs = nowUs;
     m_isInFrame = true;
@@ -39,7 +39,7 @@ void Line::receive(const QByteArray &bytes, int baudRate)
     // Only now: no answer waits for whoever listens to the reports.
     reportRequests();
     if (!m_isWatching)
-        watchForSilence(__gapUs);
+        watchForSilence(frameGapUs);
 }
 
 void Line::transmit(const QByteArray &bytes, int baudRate, bool isModbus)
@@ -71,8 +71,8 @@ void Line::onGapElapsed()
     if (!m_isInFrame)
         return;
     const qint64 quietUs = m_timeline.nowUs() - m_lastByteUs;
-    if (quietUs < __gapUs)
-        watchForSilence(__gapUs - quietUs);
+    if (quietUs < frameGapUs)
+        watchForSilence(frameGapUs - quietUs);
     else
         announceSilence();
 }
@@ -91,7 +91,7 @@ void Line::reportRequests()
 {
     while (const auto frame = m_monitor.take())
         emit frameSeen({m_lastByteUs, FrameRecord::Direction::Request, frame->bytes, m_baudRate,
-                        frame->isValid && m_baudRate == map::kBaudRate});
+                        frame->isValid && m_baudRate == map::firmwareBaudRate});
 }
 
 } // namespace sim

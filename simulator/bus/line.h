@@ -20,7 +20,7 @@ class Line : public QObject
 
 public:
     /// After this long without a byte a frame is over.
-    static constexpr qint64 __gapUs = 5000;
+    static constexpr qint64 frameGapUs = 5000;
 
     /// `timeline` must outlive the line.
     explicit Line(Timeline &timeline, QObject *parent = nullptr);

@@ -5,10 +5,10 @@
 namespace sim {
 
 /// The function codes that the gripper's firmware carries out.
-constexpr quint8 kReadHoldingRegisters = 0x03;
-constexpr quint8 kWriteMultipleRegisters = 0x10;
+constexpr quint8 readHoldingRegisters = 0x03;
+constexpr quint8 writeMultipleRegisters = 0x10;
 /// Set in the function code of an exception answer.
-constexpr quint8 kExceptionFlag = 0x80;
+constexpr quint8 exceptionFlag = 0x80;
 
 enum class ModbusException : quint8 {
     None = 0,

@@ -19,8 +19,8 @@
 namespace sim {
 
 namespace {
-constexpr int kReadSize = 4096;
-constexpr int kPathSize = 64;
+constexpr int bufferSize = 4096;
+constexpr int maxPathLength = 64;
 
 void closeFd(int *fd)
 {
@@ -87,7 +87,7 @@ bool PtyPort::openNearEnd()
     m_fd = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (m_fd < 0 || ::grantpt(m_fd) != 0 || ::unlockpt(m_fd) != 0)
         return fail("no pseudo-terminal");
-    std::array<char, kPathSize> path = {};
+    std::array<char, maxPathLength> path = {};
     if (::ptsname_r(m_fd, path.data(), path.size()) != 0)
         return fail("no name for the pseudo-terminal");
     m_path = QFile::decodeName(path.data());
@@ -180,7 +180,7 @@ bool PtyPort::refreshFarEnd()
 /// Takes in all that is there. False when nobody has the far end open.
 bool PtyPort::readAll()
 {
-    std::array<char, kReadSize> buffer = {};
+    std::array<char, bufferSize> buffer = {};
     while (isOpen()) {
         const ssize_t count = ::read(m_fd, buffer.data(), buffer.size());
         if (count > 0) {
@@ -195,7 +195,7 @@ bool PtyPort::readAll()
 
 void PtyPort::drainWatch()
 {
-    alignas(inotify_event) std::array<char, kReadSize> buffer = {};
+    alignas(inotify_event) std::array<char, bufferSize> buffer = {};
     while (::read(m_watchFd, buffer.data(), buffer.size()) > 0) {
     }
 }

@@ -5,12 +5,12 @@
 namespace sim {
 
 namespace {
-constexpr int kUnknownLength = 0;
-constexpr int kFixedLength = 8;
-constexpr int kByteCountOffset = 6;
-constexpr int kLengthBesideData = 9;
+constexpr int unknownLength = 0;
+constexpr int fixedRequestLength = 8;
+constexpr int byteCountOffset = 6;
+constexpr int lengthWithoutData = 9;
 // Longer than any request (a write of 256 data bytes and more); the rest is noise.
-constexpr int kLongestFrame = 1024;
+constexpr int maxFrameLength = 1024;
 
 bool isFixedLength(quint8 function)
 {
@@ -25,14 +25,14 @@ bool carriesByteCount(quint8 function)
 /// The length that the request at the front of `bytes` has, as far as they tell it.
 int requestLength(const QByteArray &bytes)
 {
-    if (bytes.size() < kFixedLength)
-        return kUnknownLength;
+    if (bytes.size() < fixedRequestLength)
+        return unknownLength;
     const auto function = static_cast<quint8>(bytes.at(1));
     if (isFixedLength(function))
-        return kFixedLength;
+        return fixedRequestLength;
     if (carriesByteCount(function))
-        return kLengthBesideData + static_cast<quint8>(bytes.at(kByteCountOffset));
-    return kUnknownLength;
+        return lengthWithoutData + static_cast<quint8>(bytes.at(byteCountOffset));
+    return unknownLength;
 }
 } // namespace
 
@@ -60,7 +60,7 @@ std::optional<RequestFramer::Frame> RequestFramer::take()
     }
     if (m_isQuiet)
         return takeAll();
-    if (m_pending.size() < kLongestFrame)
+    if (m_pending.size() < maxFrameLength)
         return std::nullopt;
     const Frame noise = takeAll();
     m_isLost = true;
@@ -76,7 +76,7 @@ void RequestFramer::clear()
 std::optional<RequestFramer::Frame> RequestFramer::takeByLength()
 {
     const int length = requestLength(m_pending);
-    if (length == kUnknownLength || m_pending.size() < length)
+    if (length == unknownLength || m_pending.size() < length)
         return std::nullopt;
     const QByteArray bytes = m_pending.left(length);
     if (!hasValidCrc(bytes)) {

@@ -38,12 +38,12 @@ constexpr bool isOfBootloader(FaultKind kind)
 struct Fault
 {
     enum class Scope { AnyRequest, Reads, Writes, StartAddress };
-    static constexpr int __unlimited = -1;
+    static constexpr int unlimited = -1;
 
     FaultKind kind = FaultKind::Silent;
-    int remaining = __unlimited; ///< requests that it still strikes
-    int sharePercent = 100;      ///< how many of a hundred requests it strikes, by chance
-    int value = 0;               ///< milliseconds, bytes or code, as the kind says
+    int remaining = unlimited; ///< requests that it still strikes
+    int sharePercent = 100;    ///< how many of a hundred requests it strikes, by chance
+    int value = 0;             ///< milliseconds, bytes or code, as the kind says
     Scope scope = Scope::AnyRequest;
     quint16 address = 0; ///< the first register, for Scope::StartAddress
 

@@ -7,8 +7,8 @@ namespace sim {
 
 namespace {
 /// Start bit, eight data bits, parity, stop bit.
-constexpr qint64 kBitsPerByte = 11;
-constexpr qint64 kUsPerSecond = 1000000;
+constexpr qint64 bitsPerByte = 11;
+constexpr qint64 usPerSecond = 1000000;
 } // namespace
 
 BootloaderMode::BootloaderMode(ModeHost &gripper, const BootloaderKind &kind, FlashMemory &flash,
@@ -84,7 +84,7 @@ void BootloaderMode::afterItsTime(int byteCount, const std::function<void()> &ac
         action();
         return;
     }
-    m_timeline.after(m_session.get(), byteCount * kBitsPerByte * kUsPerSecond / m_bitsPerSecond,
+    m_timeline.after(m_session.get(), byteCount * bitsPerByte * usPerSecond / m_bitsPerSecond,
                      action);
 }
 

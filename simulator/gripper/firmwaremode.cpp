@@ -19,7 +19,7 @@ FirmwareMode::FirmwareMode(ModeHost &gripper, RegisterBank &registers, FaultPlan
 void FirmwareMode::hear(const QByteArray &bytes, int baudRate)
 {
     // A receiver at another rate sees no valid bytes.
-    if (baudRate != map::kBaudRate)
+    if (baudRate != map::firmwareBaudRate)
         return;
     m_framer.append(bytes);
     answerRequests();
@@ -54,7 +54,7 @@ void FirmwareMode::answer(const QByteArray &request)
             ? ModbusSlave::exceptionAnswer(request, hits.value(FaultKind::Exception))
             : m_slave.answer(request);
     if (!hits.contains(FaultKind::Silent)) {
-        m_gripper.send(m_faults.mangle(hits, request, answer), map::kBaudRate,
+        m_gripper.send(m_faults.mangle(hits, request, answer), map::firmwareBaudRate,
                        hits.value(FaultKind::Late, 0));
     }
     obeyResetCommand();
@@ -66,7 +66,7 @@ void FirmwareMode::obeyResetCommand()
     const std::optional<quint16> command = m_registers.takeResetCommand();
     if (!command)
         return;
-    if (*command == map::kRestartFirmware)
+    if (*command == map::restartCommand)
         m_gripper.restart();
     else // Both words lead here: each gripper has one bootloader.
         m_gripper.restartIntoBootloader();

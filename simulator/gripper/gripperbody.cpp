@@ -3,18 +3,18 @@
 namespace sim {
 
 namespace {
-constexpr int kFullyOpen = 0;
-constexpr int kFullyClosed = 255;
-constexpr int kBaseRate = 50;         // steps a second at speed 0
-constexpr int kRatePerSpeed = 2;      // and for every unit of speed
-constexpr int kAutoReleaseRate = 100; // whatever the speed
-constexpr int kMovingCurrent = 8;
-constexpr int kSpeedPerCurrent = 16;
-constexpr int kPushingCurrent = 32;
-constexpr int kForceNumerator = 7;
-constexpr int kForceDenominator = 8;
-constexpr qint64 kCurrentRiseUs = 200000;
-constexpr qint64 kUsPerSecond = 1000000;
+constexpr int fullyOpen = 0;
+constexpr int fullyClosed = 255;
+constexpr int baseRate = 50;         // steps a second at speed 0
+constexpr int ratePerSpeed = 2;      // and for every unit of speed
+constexpr int autoReleaseRate = 100; // whatever the speed
+constexpr int movingCurrent = 8;
+constexpr int speedPerCurrent = 16;
+constexpr int pushingCurrent = 32;
+constexpr int forceNumerator = 7;
+constexpr int forceDenominator = 8;
+constexpr qint64 currentRiseUs = 200000;
+constexpr qint64 usPerSecond = 1000000;
 } // namespace
 
 GripperBody::GripperBody(bool isVacuum, qint64 activationUs)
@@ -27,9 +27,9 @@ void GripperBody::advance(qint64 nowUs)
 {
     if (m_status == Status::Activating && nowUs >= m_activeFromUs)
         endActivation();
-    if (m_status == Status::Releasing && m_faultCode == __faultReleasing &&
+    if (m_status == Status::Releasing && m_faultCode == releasingFaultCode &&
         m_travel.isOverAt(nowUs))
-        m_faultCode = __faultReleased;
+        m_faultCode = releasedFaultCode;
     account(nowUs);
 }
 
@@ -89,19 +89,19 @@ GripperBody::VacuumStatus GripperBody::vacuumStatus() const
 
 quint8 GripperBody::motorCurrent() const
 {
-    const int moving = kMovingCurrent + m_command.speed / kSpeedPerCurrent;
+    const int moving = movingCurrent + m_command.speed / speedPerCurrent;
     if (isMoving())
         return static_cast<quint8>(moving);
     if (!m_isBlocked)
         return 0;
-    const int pushing = kPushingCurrent + m_command.force * kForceNumerator / kForceDenominator;
-    const qint64 pushedUs = qMin(m_nowUs - m_travel.endUs(), kCurrentRiseUs);
-    return static_cast<quint8>(moving + (pushing - moving) * pushedUs / kCurrentRiseUs);
+    const int pushing = pushingCurrent + m_command.force * forceNumerator / forceDenominator;
+    const qint64 pushedUs = qMin(m_nowUs - m_travel.endUs(), currentRiseUs);
+    return static_cast<quint8>(moving + (pushing - moving) * pushedUs / currentRiseUs);
 }
 
 quint32 GripperBody::usage() const
 {
-    return m_isVacuum ? static_cast<quint32>(m_pumpUs / kUsPerSecond) : m_steps;
+    return m_isVacuum ? static_cast<quint32>(m_pumpUs / usPerSecond) : m_steps;
 }
 
 /// Brings the counters up to `untilUs`: the present movement has ruled since the last time.
@@ -129,7 +129,7 @@ void GripperBody::retarget(qint64 nowUs, bool isNewMove)
     const int from = m_travel.positionAt(nowUs);
     const int wanted = goal();
     const bool wasPumping = m_isBlocked || (m_travel.isRising() && !m_travel.isOverAt(nowUs));
-    const bool isStopped = m_object != __noObject && from <= m_object && wanted > m_object;
+    const bool isStopped = m_object != noObject && from <= m_object && wanted > m_object;
     startTravel(Travel::move(from, isStopped ? m_object : wanted, rate(), nowUs));
     m_isBlocked = isStopped;
     const bool isRising = m_travel.isRising() || m_isBlocked;
@@ -156,13 +156,13 @@ void GripperBody::beginActivation(qint64 nowUs)
     m_activeFromUs = nowUs + m_activationUs;
     // The fingers open fully on the way, and are open by the end of it.
     const int from = m_travel.positionAt(nowUs);
-    const qint64 rateForAll = from * kUsPerSecond / qMax<qint64>(1, m_activationUs) + 1;
-    startTravel(Travel::move(from, kFullyOpen, static_cast<int>(rateForAll), nowUs));
+    const qint64 rateForAll = from * usPerSecond / qMax<qint64>(1, m_activationUs) + 1;
+    startTravel(Travel::move(from, fullyOpen, static_cast<int>(rateForAll), nowUs));
 }
 
 void GripperBody::endActivation()
 {
-    startTravel(Travel::rest(kFullyOpen, m_activeFromUs));
+    startTravel(Travel::rest(fullyOpen, m_activeFromUs));
     m_status = Status::Active;
     if (m_command.autoRelease)
         beginAutoRelease(m_activeFromUs);
@@ -173,9 +173,9 @@ void GripperBody::endActivation()
 void GripperBody::beginAutoRelease(qint64 nowUs)
 {
     m_status = Status::Releasing;
-    m_faultCode = __faultReleasing;
-    const int to = m_command.autoReleaseCloses && !m_isVacuum ? kFullyClosed : kFullyOpen;
-    startTravel(Travel::move(m_travel.positionAt(nowUs), to, kAutoReleaseRate, nowUs));
+    m_faultCode = releasingFaultCode;
+    const int to = m_command.autoReleaseCloses && !m_isVacuum ? fullyClosed : fullyOpen;
+    startTravel(Travel::move(m_travel.positionAt(nowUs), to, autoReleaseRate, nowUs));
 }
 
 /// Where the body is to be by the present command.
@@ -189,7 +189,7 @@ int GripperBody::goal() const
 
 int GripperBody::rate() const
 {
-    return kBaseRate + kRatePerSpeed * m_command.speed;
+    return baseRate + ratePerSpeed * m_command.speed;
 }
 
 } // namespace sim

@@ -42,9 +42,9 @@ public:
         Holding = 2,  ///< at the requested level, pump off
         Leaking = 3,  ///< the pump runs and cannot reach the level
     };
-    static constexpr int __noObject = -1;
-    static constexpr quint8 __faultReleasing = 1; ///< shown while an auto-release moves
-    static constexpr quint8 __faultReleased = 2;  ///< shown after it, until deactivated
+    static constexpr int noObject = -1;
+    static constexpr quint8 releasingFaultCode = 1; ///< shown while an auto-release moves
+    static constexpr quint8 releasedFaultCode = 2;  ///< shown after it, until deactivated
 
     /// A deactivated body. An activation takes `activationUs`.
     GripperBody(bool isVacuum, qint64 activationUs);
@@ -54,7 +54,7 @@ public:
     void setCommand(const BodyCommand &command, qint64 nowUs);
     /// Power lost and back: deactivated, no command. Counters stay.
     void restart(qint64 nowUs);
-    /// An object that stops a rising position at 0 to 255, or __noObject.
+    /// An object that stops a rising position at 0 to 255, or noObject.
     void setObject(int position, qint64 nowUs);
     /// The code to show, 0 to 15, until a deactivation clears it.
     void setFaultCode(quint8 code) { m_faultCode = code; }
@@ -95,7 +95,7 @@ private:
     Travel m_travel;
     bool m_isBlocked = false;
     BodyCommand m_command;
-    int m_object = __noObject;
+    int m_object = noObject;
     quint8 m_faultCode = 0;
     quint32 m_cycles = 0;
     quint32 m_activations = 0;

@@ -60,7 +60,7 @@ private:
         /// Null: worked out, so that setting it means pinning it.
         void (RegisterBank::*store)(int offset, quint16 value);
     };
-    static const Block __blocks[];
+    static const Block blocks[];
     static const Block *blockOf(quint16 address);
 
     quint16 readNothing(int offset) const;

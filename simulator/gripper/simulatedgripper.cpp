@@ -6,7 +6,7 @@
 namespace sim {
 
 namespace {
-constexpr qint64 kUsPerMs = 1000;
+constexpr qint64 usPerMs = 1000;
 }
 
 SimulatedGripper::SimulatedGripper(quint8 slaveId, const GripperIdentity &identity,
@@ -17,7 +17,7 @@ SimulatedGripper::SimulatedGripper(quint8 slaveId, const GripperIdentity &identi
     , m_bootloader(bootloaderOf(identity))
     , m_line(line)
     , m_timeline(timeline)
-    , m_registers(identity, slaveId, timing.activationMs * kUsPerMs, timeline)
+    , m_registers(identity, slaveId, timing.activationMs * usPerMs, timeline)
     , m_faults(random)
     , m_flash(m_bootloader.firmwareStart)
     , m_firmwareMode(*this, m_registers, m_faults, slaveId)
@@ -57,7 +57,7 @@ void SimulatedGripper::boot(int durationMs, const std::function<void()> &end)
     stop(State::Booting);
     // A restart during a boot begins it anew: only the latest one ends it.
     const int boot = m_stops;
-    m_timeline.after(this, durationMs * kUsPerMs, [this, boot, end] {
+    m_timeline.after(this, durationMs * usPerMs, [this, boot, end] {
         if (boot == m_stops)
             end();
     });
@@ -106,7 +106,7 @@ void SimulatedGripper::send(const QByteArray &bytes, int baudRate, int delayMs)
         m_line.transmit(bytes, baudRate, true);
         return;
     }
-    m_timeline.after(this, delayMs * kUsPerMs,
+    m_timeline.after(this, delayMs * usPerMs,
                      [this, bytes, baudRate] { m_line.transmit(bytes, baudRate, true); });
 }
 

@@ -14,11 +14,11 @@ namespace sim {
 class FirmwareImage
 {
 public:
-    static constexpr int __headSize = 128;
-    static constexpr int __defaultSize = 16384;
+    static constexpr int headSize = 128;
+    static constexpr int defaultSize = 16384;
 
     /// An image of `size` bytes (more than the head has). `version` is not checked.
-    static QByteArray make(const QString &version, int size = __defaultSize);
+    static QByteArray make(const QString &version, int size = defaultSize);
     /// The version of the whole and unspoilt image at the front of `flash`; empty without one.
     static QString versionIn(const QByteArray &flash);
 };

@@ -13,15 +13,15 @@ quint16 swapped(quint16 value)
 /// The same place in the other byte order; only characters change theirs.
 quint16 reordered(int offset, quint16 value)
 {
-    return offset < map::kSerialTextCount ? swapped(value) : value;
+    return offset < map::serialTextCount ? swapped(value) : value;
 }
 } // namespace
 
 IdentityStore::IdentityStore(const GripperIdentity &identity)
 {
     const QVector<quint16> registers = identity.identityRegisters();
-    m_stored.resize(map::kIdentityCount);
-    m_staged.resize(map::kIdentityCount);
+    m_stored.resize(map::identityCount);
+    m_staged.resize(map::identityCount);
     for (int i = 0; i < registers.size(); ++i)
         setStored(i, registers.at(i));
 }

@@ -67,7 +67,7 @@ void BusSimulator::onStuck()
 
 SimulatedGripper *BusSimulator::addGripper(quint8 slaveId, const GripperIdentity &identity)
 {
-    const bool isInRange = slaveId >= map::kMinSlaveId && slaveId <= map::kMaxSlaveId;
+    const bool isInRange = slaveId >= map::minSlaveId && slaveId <= map::maxSlaveId;
     if (!isInRange || gripper(slaveId) != nullptr)
         return nullptr;
     m_grippers.push_back(std::make_unique<SimulatedGripper>(slaveId, identity, m_config.timing,

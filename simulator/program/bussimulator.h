@@ -70,13 +70,13 @@ public:
     bool releaseRegisters(quint8 slaveId);
     /// What a read of one register gives at this moment; nothing when it does not exist.
     std::optional<quint16> registerValue(quint8 slaveId, quint16 address) const;
-    /// Puts an object at `position` (0 to 255), or takes it away (GripperBody::__noObject).
+    /// Puts an object at `position` (0 to 255), or takes it away (GripperBody::noObject).
     bool setObject(quint8 slaveId, int position);
     /// Shows a fault code of 0 to 15 until the next deactivation.
     bool setFaultCode(quint8 slaveId, quint8 code);
     bool restartGripper(quint8 slaveId);
 
-    /// The latest frames seen, FrameLog::__maxFrames at most, oldest first.
+    /// The latest frames seen, FrameLog::maxFrames at most, oldest first.
     const QList<FrameRecord> &frames() const { return m_log.frames(); }
     void clearFrames() { m_log.clear(); }
 

@@ -10,10 +10,10 @@
 namespace sim {
 
 namespace {
-constexpr int kMaxWord = 0xFFFF;
-constexpr int kMaxPosition = 255;
-constexpr int kMaxFaultCode = 15;
-constexpr int kMaxGetCount = 125;
+constexpr int maxWord = 0xFFFF;
+constexpr int maxPosition = 255;
+constexpr int maxFaultCode = 15;
+constexpr int maxGetCount = 125;
 
 QString wordText(quint16 value)
 {
@@ -39,13 +39,13 @@ QString stateText(const SimulatedGripper &gripper)
 quint8 toSlaveId(const QString &word)
 {
     // 0 is nobody's id.
-    return static_cast<quint8>(parseNumber(word, map::kMinSlaveId, map::kMaxSlaveId).value_or(0));
+    return static_cast<quint8>(parseNumber(word, map::minSlaveId, map::maxSlaveId).value_or(0));
 }
 } // namespace
 
 using Self = CommandInterpreter;
 
-const Self::Command Self::__commands[] = {
+const Self::Command Self::commands[] = {
     {"add", "ID=VERSION [serial=TEXT] [year=N]", "puts a gripper on the line", 1, 3, &Self::add},
     {"remove", "ID", "takes it off the line", 1, 1, &Self::remove},
     {"fault", "ID KIND [HOWOFTEN [VALUE]] [on SCOPE]", "makes it misbehave", 2, INT_MAX,
@@ -92,7 +92,7 @@ QStringList CommandInterpreter::toLines(const Reply &reply)
 
 Self::Reply CommandInterpreter::run(const QStringList &words)
 {
-    for (const Command &command : __commands) {
+    for (const Command &command : commands) {
         if (words.first() != QLatin1String(command.name))
             continue;
         const int count = words.size() - 1;
@@ -172,8 +172,8 @@ Self::Reply CommandInterpreter::pin(const QStringList &words)
 Self::Reply CommandInterpreter::putRegister(const QStringList &words, PutRegister put)
 {
     SimulatedGripper *gripper = gripperOf(words.at(0));
-    const std::optional<int> address = parseNumber(words.at(1), 0, kMaxWord);
-    const std::optional<int> value = parseNumber(words.at(2), 0, kMaxWord);
+    const std::optional<int> address = parseNumber(words.at(1), 0, maxWord);
+    const std::optional<int> value = parseNumber(words.at(2), 0, maxWord);
     if (gripper == nullptr)
         return noGripper(words.at(0));
     if (!address || !value)
@@ -192,7 +192,7 @@ Self::Reply CommandInterpreter::release(const QStringList &words)
         gripper->registers().releaseAll();
         return ok();
     }
-    const std::optional<int> address = parseNumber(words.at(1), 0, kMaxWord);
+    const std::optional<int> address = parseNumber(words.at(1), 0, maxWord);
     if (!address)
         return error(QStringLiteral("a register is a number of 0 to 65535"));
     gripper->registers().release(static_cast<quint16>(*address));
@@ -204,9 +204,9 @@ Self::Reply CommandInterpreter::get(const QStringList &words)
     SimulatedGripper *gripper = gripperOf(words.first());
     if (gripper == nullptr)
         return noGripper(words.first());
-    const std::optional<int> address = parseNumber(words.at(1), 0, kMaxWord);
+    const std::optional<int> address = parseNumber(words.at(1), 0, maxWord);
     const std::optional<int> count =
-        parseNumber(words.value(2, QStringLiteral("1")), 1, kMaxGetCount);
+        parseNumber(words.value(2, QStringLiteral("1")), 1, maxGetCount);
     if (!address || !count)
         return error(QStringLiteral("a register is 0 to 65535, a count 1 to 125"));
     const auto first = static_cast<quint16>(*address);
@@ -221,17 +221,17 @@ Self::Reply CommandInterpreter::get(const QStringList &words)
 Self::Reply CommandInterpreter::object(const QStringList &words)
 {
     const bool isNone = words.at(1) == QLatin1String("none");
-    const std::optional<int> position = parseNumber(words.at(1), 0, kMaxPosition);
+    const std::optional<int> position = parseNumber(words.at(1), 0, maxPosition);
     if (!isNone && !position)
         return error(QStringLiteral("a position is 0 to 255, or none"));
     return done(
-        m_simulator.setObject(toSlaveId(words.first()), position.value_or(GripperBody::__noObject)),
+        m_simulator.setObject(toSlaveId(words.first()), position.value_or(GripperBody::noObject)),
         words.first());
 }
 
 Self::Reply CommandInterpreter::faultCode(const QStringList &words)
 {
-    const std::optional<int> code = parseNumber(words.at(1), 0, kMaxFaultCode);
+    const std::optional<int> code = parseNumber(words.at(1), 0, maxFaultCode);
     if (!code)
         return error(QStringLiteral("a fault code is 0 to 15"));
     return done(m_simulator.setFaultCode(toSlaveId(words.first()), static_cast<quint8>(*code)),
@@ -292,7 +292,7 @@ Self::Reply CommandInterpreter::plug(const QStringList & /*words*/)
 Self::Reply CommandInterpreter::help(const QStringList & /*words*/)
 {
     Reply reply;
-    for (const Command &command : __commands) {
+    for (const Command &command : commands) {
         const QString call = QStringLiteral("%1 %2").arg(QLatin1String(command.name),
                                                          QLatin1String(command.arguments));
         reply.lines.append(

@@ -38,7 +38,7 @@ private:
         int maxWords;
         Reply (CommandInterpreter::*run)(const QStringList &words);
     };
-    static const Command __commands[];
+    static const Command commands[];
 
     static Reply ok(const QString &text = QString()) { return {true, text}; }
     static Reply error(const QString &text) { return {false, text}; }

@@ -17,7 +17,7 @@ struct KindRow
     int defaultValue;
 };
 
-constexpr KindRow kKinds[] = {
+constexpr KindRow kindRows[] = {
     {"deaf", "request not heard: not carried out, not answered", FaultKind::Deaf, 0, 0, 0},
     {"silent", "request carried out, not answered", FaultKind::Silent, 0, 0, 0},
     {"late", "answer VALUE ms late", FaultKind::Late, 1, 60000, 80},
@@ -38,7 +38,7 @@ constexpr KindRow kKinds[] = {
     {"doubleAck", "single byte of the bootloader sent twice", FaultKind::DoubleAck, 0, 0, 0},
 };
 
-constexpr int kMaxShare = 100;
+constexpr int maxSharePercent = 100;
 
 bool takesValue(const KindRow &row)
 {
@@ -47,7 +47,7 @@ bool takesValue(const KindRow &row)
 
 const KindRow *rowOf(const QString &name)
 {
-    for (const KindRow &row : kKinds) {
+    for (const KindRow &row : kindRows) {
         if (name.compare(QLatin1String(row.name), Qt::CaseInsensitive) == 0)
             return &row;
     }
@@ -56,7 +56,7 @@ const KindRow *rowOf(const QString &name)
 
 const KindRow &rowOf(FaultKind kind)
 {
-    return kKinds[static_cast<int>(kind)];
+    return kindRows[static_cast<int>(kind)];
 }
 
 bool takeHowOften(const QString &word, Fault *fault)
@@ -65,7 +65,7 @@ bool takeHowOften(const QString &word, Fault *fault)
         return true;
     const bool isShare = word.endsWith(QLatin1Char('%'));
     const std::optional<int> number =
-        isShare ? parseNumber(word.chopped(1), 1, kMaxShare) : parseNumber(word, 1, INT_MAX);
+        isShare ? parseNumber(word.chopped(1), 1, maxSharePercent) : parseNumber(word, 1, INT_MAX);
     if (!number)
         return false;
     (isShare ? fault->sharePercent : fault->remaining) = *number;
@@ -142,9 +142,9 @@ QString scopeText(const Fault &fault)
 
 QString howOftenText(const Fault &fault)
 {
-    if (fault.remaining != Fault::__unlimited)
+    if (fault.remaining != Fault::unlimited)
         return QString::number(fault.remaining);
-    if (fault.sharePercent < kMaxShare)
+    if (fault.sharePercent < maxSharePercent)
         return QStringLiteral("%1%").arg(fault.sharePercent);
     return QStringLiteral("always");
 }
@@ -178,7 +178,7 @@ QString faultText(const Fault &fault)
 QStringList faultHelp()
 {
     QStringList lines;
-    for (const KindRow &row : kKinds) {
+    for (const KindRow &row : kindRows) {
         QString line = QStringLiteral("  %1 %2")
                            .arg(QLatin1String(row.name), -16)
                            .arg(QLatin1String(row.meaning));

@@ -6,7 +6,7 @@
 namespace sim {
 
 namespace {
-constexpr int kMaxYear = 0xFFFF;
+constexpr int maxYear = 0xFFFF;
 }
 
 std::optional<PerGripperText> PerGripperText::fromWord(const QString &word)
@@ -15,7 +15,7 @@ std::optional<PerGripperText> PerGripperText::fromWord(const QString &word)
     if (equals < 0)
         return std::nullopt;
     const std::optional<int> slaveId =
-        parseNumber(word.left(equals), map::kMinSlaveId, map::kMaxSlaveId);
+        parseNumber(word.left(equals), map::minSlaveId, map::maxSlaveId);
     if (!slaveId)
         return std::nullopt;
     return PerGripperText{static_cast<quint8>(*slaveId), word.mid(equals + 1)};
@@ -47,7 +47,7 @@ bool GripperOptions::take(const QString &word)
     const QString value = word.section(QLatin1Char('='), 1);
     if (word.startsWith(QLatin1String("serial=")))
         return identity.setSerial(value);
-    const std::optional<int> year = parseNumber(value, 0, kMaxYear);
+    const std::optional<int> year = parseNumber(value, 0, maxYear);
     if (!word.startsWith(QLatin1String("year=")) || !year)
         return false;
     identity.year = static_cast<quint16>(*year);

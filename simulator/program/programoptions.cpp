@@ -9,10 +9,10 @@
 namespace sim {
 
 namespace {
-constexpr int kMaxPosition = 255;
-constexpr int kMaxTimeMs = 600000;
-constexpr int kMaxMode = 0777;
-constexpr int kMaxBitsPerSecond = 10000000;
+constexpr int maxPosition = 255;
+constexpr int maxTimeMs = 600000;
+constexpr int maxPortMode = 0777;
+constexpr int maxBitsPerSecond = 10000000;
 
 /// The options by name, so that declaring and asking cannot differ.
 struct Names
@@ -132,11 +132,11 @@ private:
 
     void readNumbers()
     {
-        m_options.config.timing.bootMs = number(Names::boot(), kMaxTimeMs);
-        m_options.config.timing.bootloaderBootMs = number(Names::bootloaderBoot(), kMaxTimeMs);
+        m_options.config.timing.bootMs = number(Names::boot(), maxTimeMs);
+        m_options.config.timing.bootloaderBootMs = number(Names::bootloaderBoot(), maxTimeMs);
         m_options.config.timing.bootloaderBitsPerSecond =
-            number(Names::bootloaderSpeed(), kMaxBitsPerSecond);
-        m_options.config.timing.activationMs = number(Names::activation(), kMaxTimeMs);
+            number(Names::bootloaderSpeed(), maxBitsPerSecond);
+        m_options.config.timing.activationMs = number(Names::activation(), maxTimeMs);
         m_options.config.seed = static_cast<quint32>(number(Names::seed(), INT_MAX));
     }
 
@@ -147,7 +147,7 @@ private:
         bool ok = false;
         const QString text = m_parser.value(Names::mode());
         m_options.config.portMode = text.toUInt(&ok, 8);
-        if (!ok || m_options.config.portMode == 0 || m_options.config.portMode > kMaxMode)
+        if (!ok || m_options.config.portMode == 0 || m_options.config.portMode > maxPortMode)
             refuse(Names::mode(), text);
     }
 
@@ -193,8 +193,7 @@ private:
         const QStringList words = m_parser.values(Names::object());
         for (const QString &word : words) {
             const auto object = PerGripperText::fromWord(word);
-            const auto position =
-                object ? parseNumber(object->text, 0, kMaxPosition) : std::nullopt;
+            const auto position = object ? parseNumber(object->text, 0, maxPosition) : std::nullopt;
             if (!position || gripperOf(object->slaveId) == nullptr)
                 refuse(Names::object(), word);
             else

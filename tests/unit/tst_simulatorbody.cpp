@@ -11,8 +11,8 @@ using VacuumStatus = GripperBody::VacuumStatus;
 Q_DECLARE_METATYPE(ObjectFlag)
 
 namespace {
-constexpr qint64 kMs = 1000;
-constexpr qint64 kActivationMs = 1500;
+constexpr qint64 usPerMs = 1000;
+constexpr qint64 activationMs = 1500;
 
 BodyCommand active()
 {
@@ -35,7 +35,7 @@ BodyCommand goTo(quint8 position, quint8 speed = 255, quint8 force = 0)
 struct Bench
 {
     explicit Bench(bool isVacuum)
-        : body(isVacuum, kActivationMs * kMs)
+        : body(isVacuum, activationMs * usPerMs)
     {
     }
 
@@ -43,16 +43,16 @@ struct Bench
     {
         Bench bench(isVacuum);
         bench.command(active());
-        bench.pass(kActivationMs);
+        bench.pass(activationMs);
         return bench;
     }
 
-    void command(const BodyCommand &command) { body.setCommand(command, nowMs * kMs); }
-    void object(int position) { body.setObject(position, nowMs * kMs); }
+    void command(const BodyCommand &command) { body.setCommand(command, nowMs * usPerMs); }
+    void object(int position) { body.setObject(position, nowMs * usPerMs); }
     void pass(qint64 ms)
     {
         nowMs += ms;
-        body.advance(nowMs * kMs);
+        body.advance(nowMs * usPerMs);
     }
 
     GripperBody body;
@@ -95,7 +95,7 @@ void TestSimulatorBody::activationTakesItsTimeAndEndsInStatus3()
     QCOMPARE(bench.body.status(), Status::Reset);
     bench.command(active());
     QCOMPARE(bench.body.status(), Status::Activating);
-    bench.pass(kActivationMs - 1);
+    bench.pass(activationMs - 1);
     QCOMPARE(bench.body.status(), Status::Activating);
     bench.pass(1);
     QCOMPARE(bench.body.status(), Status::Active);
@@ -107,7 +107,7 @@ void TestSimulatorBody::goToBeforeTheActivationStartsWhenItEnds()
     Bench bench(false);
     bench.command(goTo(100));
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::None);
-    bench.pass(kActivationMs);
+    bench.pass(activationMs);
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::Moving);
     bench.pass(1000);
     QCOMPARE(bench.body.position(), quint8(100));
@@ -197,7 +197,7 @@ void TestSimulatorBody::movementGoesOnWhenTheObjectIsTakenAway()
     bench.object(140);
     bench.command(goTo(200));
     bench.pass(1000);
-    bench.object(GripperBody::__noObject);
+    bench.object(GripperBody::noObject);
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::Moving);
     bench.pass(1000);
     QCOMPARE(bench.body.position(), quint8(200));
@@ -243,7 +243,7 @@ void TestSimulatorBody::shownFaultCodeSurvivesWritesUntilTheDeactivation()
     bench.body.setFaultCode(7);
     bench.command(BodyCommand());
     bench.command(active());
-    bench.pass(kActivationMs);
+    bench.pass(activationMs);
     QCOMPARE(bench.body.faultCode(), quint8(7));
     bench.command(BodyCommand());
     QCOMPARE(bench.body.faultCode(), quint8(0));
@@ -260,16 +260,16 @@ void TestSimulatorBody::autoReleaseOpensAndThenWaitsForADeactivation()
     QCOMPARE(bench.body.status(), Status::Releasing);
     bench.pass(1000);
     QCOMPARE(bench.body.position(), quint8(100));
-    QCOMPARE(bench.body.faultCode(), GripperBody::__faultReleasing);
+    QCOMPARE(bench.body.faultCode(), GripperBody::releasingFaultCode);
     bench.pass(1000);
     QCOMPARE(bench.body.position(), quint8(0));
-    QCOMPARE(bench.body.faultCode(), GripperBody::__faultReleased);
+    QCOMPARE(bench.body.faultCode(), GripperBody::releasedFaultCode);
     bench.command(goTo(100));
     bench.pass(1000);
     QCOMPARE(bench.body.position(), quint8(0));
     bench.command(BodyCommand());
     bench.command(active());
-    bench.pass(kActivationMs);
+    bench.pass(activationMs);
     QCOMPARE(bench.body.status(), Status::Active);
 }
 
@@ -357,7 +357,7 @@ void TestSimulatorBody::restartForgetsCommandsAndKeepsCounters()
     Bench bench = Bench::activated();
     bench.command(goTo(200));
     bench.pass(1000);
-    bench.body.restart(bench.nowMs * kMs);
+    bench.body.restart(bench.nowMs * usPerMs);
     QCOMPARE(bench.body.status(), Status::Reset);
     QVERIFY(!bench.body.command().goTo);
     QCOMPARE(bench.body.cycles(), 1U);

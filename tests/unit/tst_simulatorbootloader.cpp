@@ -8,17 +8,17 @@
 // the bootloader follow the application note AN3155, checksums worked out by hand; the CRCs of
 // Modbus frames come from a few lines of Python.
 namespace {
-const char *const kAck = "79";
-const char *const kNack = "1f";
-const char *const kReadVersion = "09 03 01 f4 00 03 44 8d";
-const char *const kIntoRom = "09 10 01 90 00 01 02 2a 00 d3 60";
-const char *const kIntoOwn = "09 10 01 90 00 01 02 35 00 db 50";
-const char *const kResetAnswer = "09 10 01 90 00 01 01 50";
+const char *const ack = "79";
+const char *const nack = "1f";
+const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
+const char *const romBootloaderRequest = "09 10 01 90 00 01 02 2a 00 d3 60";
+const char *const ownBootloaderRequest = "09 10 01 90 00 01 02 35 00 db 50";
+const char *const resetAnswer = "09 10 01 90 00 01 01 50";
 // At 0x08008000, where the third sector begins.
-const char *const kWriteWord = "31 ce 08 00 80 00 88 03 01 02 03 04 07";
-const char *const kReadWord = "11 ee 08 00 80 00 88 03 fc";
-constexpr int kRomBaud = 19200;
-constexpr int kOwnBaud = 115200;
+const char *const writeWordRequest = "31 ce 08 00 80 00 88 03 01 02 03 04 07";
+const char *const readWordRequest = "11 ee 08 00 80 00 88 03 fc";
+constexpr int romBaud = 19200;
+constexpr int ownBaud = 115200;
 
 /// A gripper that has arrived in its bootloader.
 struct BootloaderBench : SimulatorBench
@@ -38,7 +38,7 @@ struct BootloaderBench : SimulatorBench
     }
 
     QByteArray tell(const char *hex) { return ask(hex, baudRate); }
-    void synchronise() { QCOMPARE(tell("7f"), QByteArray(kAck)); }
+    void synchronise() { QCOMPARE(tell("7f"), QByteArray(ack)); }
 
     int baudRate;
 };
@@ -99,7 +99,7 @@ QList<QByteArray> upgradePieces(quint32 start, const QByteArray &eraseAll, const
 
 QList<QByteArray> upgradePieces(const BootloaderBench &bench, const QString &version)
 {
-    const bool isRom = bench.baudRate == kRomBaud;
+    const bool isRom = bench.baudRate == romBaud;
     return upgradePieces(bench.gripper.bootloader().firmwareStart,
                          QByteArray::fromHex(isRom ? "ffff00" : "ff00"),
                          sim::FirmwareImage::make(version, 1024));
@@ -110,7 +110,7 @@ int send(BootloaderBench &bench, const QList<QByteArray> &pieces)
 {
     int count = 0;
     for (const QByteArray &piece : pieces) {
-        if (bench.tell(piece.toHex().constData()) != kAck)
+        if (bench.tell(piece.toHex().constData()) != ack)
             return count;
         ++count;
     }
@@ -173,12 +173,16 @@ void TestSimulatorBootloader::resetWordLeadsIntoTheOneBootloaderThatThereIs_data
     QTest::addColumn<QByteArray>("word");
     QTest::addColumn<int>("baudRate");
     for (const char *version : {"TA3-1.6.13", "TB1-1.4.2"}) {
-        QTest::addRow("%s own", version) << QByteArray(version) << QByteArray(kIntoOwn) << kRomBaud;
-        QTest::addRow("%s rom", version) << QByteArray(version) << QByteArray(kIntoRom) << kRomBaud;
+        QTest::addRow("%s own", version)
+            << QByteArray(version) << QByteArray(ownBootloaderRequest) << romBaud;
+        QTest::addRow("%s rom", version)
+            << QByteArray(version) << QByteArray(romBootloaderRequest) << romBaud;
     }
     for (const char *version : {"TE1-2.0.1", "TF1-2.0.1"}) {
-        QTest::addRow("%s own", version) << QByteArray(version) << QByteArray(kIntoOwn) << kOwnBaud;
-        QTest::addRow("%s rom", version) << QByteArray(version) << QByteArray(kIntoRom) << kOwnBaud;
+        QTest::addRow("%s own", version)
+            << QByteArray(version) << QByteArray(ownBootloaderRequest) << ownBaud;
+        QTest::addRow("%s rom", version)
+            << QByteArray(version) << QByteArray(romBootloaderRequest) << ownBaud;
     }
 }
 
@@ -188,10 +192,10 @@ void TestSimulatorBootloader::resetWordLeadsIntoTheOneBootloaderThatThereIs()
     QFETCH(QByteArray, word);
     QFETCH(int, baudRate);
     SimulatorBench bench(version.constData());
-    QCOMPARE(bench.ask(word.constData()), QByteArray(kResetAnswer));
+    QCOMPARE(bench.ask(word.constData()), QByteArray(resetAnswer));
     bench.timeline.advanceMs(300);
     QCOMPARE(bench.gripper.state(), State::Bootloader);
-    QCOMPARE(bench.ask("7f", baudRate), QByteArray(kAck));
+    QCOMPARE(bench.ask("7f", baudRate), QByteArray(ack));
 }
 
 void TestSimulatorBootloader::otherWordsAreStillRefused()
@@ -207,10 +211,10 @@ void TestSimulatorBootloader::bootloaderBootsSilentlyForItsTime()
     SimulatorBench bench;
     bench.gripper.restartIntoBootloader();
     bench.timeline.advanceMs(299);
-    QCOMPARE(bench.ask("7f", kRomBaud), QByteArray());
+    QCOMPARE(bench.ask("7f", romBaud), QByteArray());
     QVERIFY(bench.gripper.isBooting());
     bench.timeline.advanceMs(1);
-    QCOMPARE(bench.ask("7f", kRomBaud), QByteArray(kAck));
+    QCOMPARE(bench.ask("7f", romBaud), QByteArray(ack));
 }
 
 void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly_data()
@@ -218,8 +222,8 @@ void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly_data()
     QTest::addColumn<QByteArray>("version");
     QTest::addColumn<int>("wrong");
     QTest::addColumn<int>("right");
-    QTest::newRow("rom") << QByteArray("TA3-1.6.13") << kOwnBaud << kRomBaud;
-    QTest::newRow("own") << QByteArray("TE1-2.0.1") << kRomBaud << kOwnBaud;
+    QTest::newRow("rom") << QByteArray("TA3-1.6.13") << ownBaud << romBaud;
+    QTest::newRow("own") << QByteArray("TE1-2.0.1") << romBaud << ownBaud;
 }
 
 void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly()
@@ -230,23 +234,23 @@ void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly()
     BootloaderBench bench(version.constData());
     QCOMPARE(bench.ask("7f", wrong), QByteArray());
     QCOMPARE(bench.ask("7f", 57600), QByteArray());
-    QCOMPARE(bench.ask("7f", right), QByteArray(kAck));
+    QCOMPARE(bench.ask("7f", right), QByteArray(ack));
 }
 
 void TestSimulatorBootloader::nothingElseSynchronises()
 {
     BootloaderBench bench("TE1-2.0.1");
     QCOMPARE(bench.tell("00 ff"), QByteArray());
-    QCOMPARE(bench.tell(kReadVersion), QByteArray());
-    QCOMPARE(bench.tell("7f"), QByteArray(kAck));
+    QCOMPARE(bench.tell(versionRequest), QByteArray());
+    QCOMPARE(bench.tell("7f"), QByteArray(ack));
 }
 
 void TestSimulatorBootloader::secondSynchronisationCountsAsHalfACommandAndIsRefusedWithTheThird()
 {
     BootloaderBench bench;
-    QCOMPARE(bench.tell("7f"), QByteArray(kAck));
+    QCOMPARE(bench.tell("7f"), QByteArray(ack));
     QCOMPARE(bench.tell("7f"), QByteArray());
-    QCOMPARE(bench.tell("7f"), QByteArray(kNack));
+    QCOMPARE(bench.tell("7f"), QByteArray(nack));
     QCOMPARE(bench.tell("02 fd"), QByteArray("79 01 04 13 79"));
 }
 
@@ -320,7 +324,7 @@ void TestSimulatorBootloader::refusedRequestLeavesTheNextOneAlone()
 {
     BootloaderBench bench;
     bench.synchronise();
-    QCOMPARE(bench.tell("00 00"), QByteArray(kNack));
+    QCOMPARE(bench.tell("00 00"), QByteArray(nack));
     QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
 }
 
@@ -337,7 +341,7 @@ void TestSimulatorBootloader::blockWithAWrongChecksumIsNotWritten()
     BootloaderBench bench;
     bench.synchronise();
     QCOMPARE(bench.tell("31 ce 08 00 80 00 88 03 01 02 03 04 00"), QByteArray("79 79 1f"));
-    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 ff ff ff ff"));
+    QCOMPARE(bench.tell(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
 }
 
 void TestSimulatorBootloader::writingClearsBitsAndOnlyErasingSetsThem()
@@ -346,9 +350,9 @@ void TestSimulatorBootloader::writingClearsBitsAndOnlyErasingSetsThem()
     bench.synchronise();
     bench.tell("31 ce 08 00 80 00 88 03 f0 f0 f0 f0 03");
     bench.tell("31 ce 08 00 80 00 88 03 3c 3c 3c 3c 03");
-    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 30 30 30 30"));
+    QCOMPARE(bench.tell(readWordRequest), QByteArray("79 79 79 30 30 30 30"));
     bench.tell("44 bb 00 00 00 02 02");
-    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 ff ff ff ff"));
+    QCOMPARE(bench.tell(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
 }
 
 void TestSimulatorBootloader::erasingTouchesTheNamedSectorsOnly()
@@ -356,24 +360,24 @@ void TestSimulatorBootloader::erasingTouchesTheNamedSectorsOnly()
     BootloaderBench bench;
     sim::FlashMemory &flash = bench.gripper.flash();
     flash.eraseAll();
-    const QByteArray zeros(sim::FlashMemory::__size, '\0');
-    flash.write(sim::FlashMemory::__start, zeros);
+    const QByteArray zeros(sim::FlashMemory::sizeBytes, '\0');
+    flash.write(sim::FlashMemory::startAddress, zeros);
     bench.synchronise();
     // Sectors 1 and 4: 16 KiB from 0x4000, and 64 KiB from 0x10000.
     QCOMPARE(bench.tell("44 bb 00 01 00 01 00 04 04"), QByteArray("79 79"));
     QByteArray expected = zeros;
     expected.replace(0x4000, 0x4000, QByteArray(0x4000, '\xFF'));
     expected.replace(0x10000, 0x10000, QByteArray(0x10000, '\xFF'));
-    QVERIFY(flash.from(sim::FlashMemory::__start) == expected);
+    QVERIFY(flash.from(sim::FlashMemory::startAddress) == expected);
 }
 
 void TestSimulatorBootloader::eraseIsAllOrNothing()
 {
     BootloaderBench bench;
-    const QByteArray before = bench.gripper.flash().from(sim::FlashMemory::__start);
+    const QByteArray before = bench.gripper.flash().from(sim::FlashMemory::startAddress);
     bench.synchronise();
     QCOMPARE(bench.tell("44 bb 00 01 00 00 00 0c 0d"), QByteArray("79 1f"));
-    QVERIFY(bench.gripper.flash().from(sim::FlashMemory::__start) == before);
+    QVERIFY(bench.gripper.flash().from(sim::FlashMemory::startAddress) == before);
 }
 
 void TestSimulatorBootloader::ownBootloaderCannotBeOverwritten()
@@ -410,12 +414,12 @@ void TestSimulatorBootloader::upgradeEndsInTheNewFirmware()
     QVERIFY(bench.gripper.isBooting());
     bench.timeline.advanceMs(800);
     QCOMPARE(bench.gripper.state(), State::Firmware);
-    QCOMPARE(bench.ask(kReadVersion), answer);
+    QCOMPARE(bench.ask(versionRequest), answer);
     QCOMPARE(bench.gripper.identity().versionText(), QString::fromLatin1(to));
     // It is there to stay.
     bench.gripper.restart();
     bench.timeline.advanceMs(800);
-    QCOMPARE(bench.ask(kReadVersion), answer);
+    QCOMPARE(bench.ask(versionRequest), answer);
 }
 
 void TestSimulatorBootloader::goElsewhereIsRefused()
@@ -503,9 +507,9 @@ void TestSimulatorBootloader::nackedBlockIsNotWritten()
     BootloaderBench bench;
     bench.synchronise();
     bench.misbehave("nackWrite 1");
-    QCOMPARE(bench.tell(kWriteWord), QByteArray("79 79 1f"));
-    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 ff ff ff ff"));
-    QCOMPARE(bench.tell(kWriteWord), QByteArray("79 79 79"));
+    QCOMPARE(bench.tell(writeWordRequest), QByteArray("79 79 1f"));
+    QCOMPARE(bench.tell(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
+    QCOMPARE(bench.tell(writeWordRequest), QByteArray("79 79 79"));
 }
 
 void TestSimulatorBootloader::badVerifyStoresTheLastByteInverted()
@@ -513,8 +517,8 @@ void TestSimulatorBootloader::badVerifyStoresTheLastByteInverted()
     BootloaderBench bench;
     bench.synchronise();
     bench.misbehave("badVerify 1");
-    QCOMPARE(bench.tell(kWriteWord), QByteArray("79 79 79"));
-    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 01 02 03 fb"));
+    QCOMPARE(bench.tell(writeWordRequest), QByteArray("79 79 79"));
+    QCOMPARE(bench.tell(readWordRequest), QByteArray("79 79 79 01 02 03 fb"));
 }
 
 void TestSimulatorBootloader::refusedGoLeavesItInTheBootloader()
@@ -557,7 +561,7 @@ void TestSimulatorBootloader::bootloaderFaultsAreNotUsedUpByModbusRequests()
 {
     SimulatorBench bench;
     bench.misbehave("nackWrite 1");
-    QVERIFY(!bench.ask(kReadVersion).isEmpty());
+    QVERIFY(!bench.ask(versionRequest).isEmpty());
     QCOMPARE(bench.gripper.faults().faults().size(), 1);
 }
 
@@ -567,16 +571,16 @@ void TestSimulatorBootloader::bytesTakeTheirTimeWhenThatIsWanted()
     SlowBench bench(11000);
     QCOMPARE(bench.tell("7f"), QByteArray());
     QCOMPARE(bench.answeredAfterMs(1), QByteArray());
-    QCOMPARE(bench.answeredAfterMs(1), QByteArray(kAck));
+    QCOMPARE(bench.answeredAfterMs(1), QByteArray(ack));
     QCOMPARE(bench.tell("02 fd"), QByteArray());
     QCOMPARE(bench.answeredAfterMs(6), QByteArray());
     QCOMPARE(bench.answeredAfterMs(1), QByteArray("79 01 04 13 79"));
     QCOMPARE(bench.tell("21 de"), QByteArray());
-    QCOMPARE(bench.answeredAfterMs(3), QByteArray(kAck));
+    QCOMPARE(bench.answeredAfterMs(3), QByteArray(ack));
     QCOMPARE(bench.tell("08 00 00 00 08"), QByteArray());
     QCOMPARE(bench.answeredAfterMs(5), QByteArray());
     QCOMPARE(bench.gripper.state(), State::Bootloader);
-    QCOMPARE(bench.answeredAfterMs(1), QByteArray(kAck));
+    QCOMPARE(bench.answeredAfterMs(1), QByteArray(ack));
     QCOMPARE(bench.gripper.state(), State::Booting);
 }
 
@@ -598,7 +602,7 @@ void TestSimulatorBootloader::traceTellsTheRateOfWhatIsNoModbus()
     QCOMPARE(sim::traceLine(bench.seen.at(1)), QStringLiteral("     300.000 < 79 @19200"));
     bench.rest();
     SimulatorBench other;
-    other.ask(kReadVersion);
+    other.ask(versionRequest);
     QCOMPARE(sim::traceLine(other.seen.at(0)),
              QStringLiteral("       0.000 > 09 03 01 f4 00 03 44 8d"));
     QCOMPARE(sim::traceLine(other.seen.at(1)),

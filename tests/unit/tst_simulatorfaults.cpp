@@ -4,9 +4,9 @@
 #include <QTest>
 
 namespace {
-const char *const kReadVersion = "09 03 01 f4 00 03 44 8d";
-const char *const kVersionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
-const char *const kActivate = "09 10 03 e8 00 03 06 01 00 00 00 00 00 72 e1";
+const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
+const char *const versionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
+const char *const activateRequest = "09 10 03 e8 00 03 06 01 00 00 00 00 00 72 e1";
 
 bool isActivated(SimulatorBench &bench)
 {
@@ -53,7 +53,7 @@ void TestSimulatorFaults::faultChangesTheAnswer_data()
     row("bad CRC", "badCrc", "09 03 06 54 41 33 01 06 0e ab 71");
     row("truncated", "truncated always 4", "09 03 06 54 41 33 01");
     row("truncated to nothing", "truncated always 200", "");
-    row("echo", "echo", QByteArray(kReadVersion) + ' ' + kVersionAnswer);
+    row("echo", "echo", QByteArray(versionRequest) + ' ' + versionAnswer);
 }
 
 void TestSimulatorFaults::faultChangesTheAnswer()
@@ -62,28 +62,28 @@ void TestSimulatorFaults::faultChangesTheAnswer()
     QFETCH(QByteArray, answer);
     SimulatorBench bench;
     bench.misbehave(words.constData());
-    QCOMPARE(bench.ask(kReadVersion), answer);
+    QCOMPARE(bench.ask(versionRequest), answer);
     bench.gripper.faults().clear();
     bench.rest();
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
 void TestSimulatorFaults::lateAnswerComesAfterItsDelayAndNotBefore()
 {
     SimulatorBench bench;
     bench.misbehave("late always 80");
-    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    QCOMPARE(bench.ask(versionRequest), QByteArray());
     bench.timeline.advanceMs(79);
     QCOMPARE(bench.answered(), QByteArray());
     bench.timeline.advanceMs(1);
-    QCOMPARE(bench.answered(), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.answered(), QByteArray(versionAnswer));
 }
 
 void TestSimulatorFaults::deafGripperDoesNotCarryTheRequestOut()
 {
     SimulatorBench bench;
     bench.misbehave("deaf");
-    QCOMPARE(bench.ask(kActivate), QByteArray());
+    QCOMPARE(bench.ask(activateRequest), QByteArray());
     QVERIFY(!isActivated(bench));
 }
 
@@ -91,7 +91,7 @@ void TestSimulatorFaults::silentGripperCarriesTheRequestOut()
 {
     SimulatorBench bench;
     bench.misbehave("silent");
-    QCOMPARE(bench.ask(kActivate), QByteArray());
+    QCOMPARE(bench.ask(activateRequest), QByteArray());
     QVERIFY(isActivated(bench));
 }
 
@@ -99,7 +99,7 @@ void TestSimulatorFaults::exceptionIsNotCarriedOut()
 {
     SimulatorBench bench;
     bench.misbehave("exception always 3");
-    QCOMPARE(bench.ask(kActivate), QByteArray("09 90 03 8d c3"));
+    QCOMPARE(bench.ask(activateRequest), QByteArray("09 90 03 8d c3"));
     QVERIFY(!isActivated(bench));
 }
 
@@ -108,8 +108,8 @@ void TestSimulatorFaults::noiseAndTrailingBytesSurroundAWholeAnswer()
     SimulatorBench bench;
     bench.misbehave("noise always 2");
     bench.misbehave("trailing always 5");
-    bench.ask(kReadVersion);
-    const QByteArray answer = QByteArray::fromHex(kVersionAnswer);
+    bench.ask(versionRequest);
+    const QByteArray answer = QByteArray::fromHex(versionAnswer);
     QCOMPARE(bench.sent.size(), answer.size() + 7);
     QCOMPARE(bench.sent.mid(2, answer.size()), answer);
 }
@@ -118,9 +118,9 @@ void TestSimulatorFaults::countedFaultEndsAfterItsRequests()
 {
     SimulatorBench bench;
     bench.misbehave("silent 2");
-    QCOMPARE(bench.ask(kReadVersion), QByteArray());
-    QCOMPARE(bench.ask(kReadVersion), QByteArray());
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask(versionRequest), QByteArray());
+    QCOMPARE(bench.ask(versionRequest), QByteArray());
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
     QVERIFY(bench.gripper.faults().faults().isEmpty());
 }
 
@@ -130,7 +130,7 @@ void TestSimulatorFaults::shareStrikesThatManyRequests()
     bench.misbehave("silent 30%");
     int silent = 0;
     for (int i = 0; i < 1000; ++i)
-        silent += bench.ask(kReadVersion).isEmpty() ? 1 : 0;
+        silent += bench.ask(versionRequest).isEmpty() ? 1 : 0;
     // Seeded, so this is no game of chance: 300, give or take three deviations.
     QVERIFY2(qAbs(silent - 300) < 45, qPrintable(QString::number(silent)));
 }
@@ -143,9 +143,9 @@ void TestSimulatorFaults::sameSeedGivesTheSameRun()
         bench.misbehave("silent 50%");
         bench.misbehave("noise 50% 4");
         for (int i = 0; i < 20; ++i)
-            run.append(bench.ask(kReadVersion) + "\n");
+            run.append(bench.ask(versionRequest) + "\n");
     }
-    QVERIFY(runs[0].contains(kVersionAnswer));
+    QVERIFY(runs[0].contains(versionAnswer));
     QCOMPARE(runs[0], runs[1]);
 }
 
@@ -153,13 +153,13 @@ void TestSimulatorFaults::scopedFaultLeavesOtherRequestsAlone()
 {
     SimulatorBench bench;
     bench.misbehave("silent on writes");
-    QCOMPARE(bench.ask(kActivate), QByteArray());
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask(activateRequest), QByteArray());
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
     bench.misbehave("silent on reads");
-    QCOMPARE(bench.ask(kReadVersion), QByteArray());
-    QVERIFY(!bench.ask(kActivate).isEmpty());
+    QCOMPARE(bench.ask(versionRequest), QByteArray());
+    QVERIFY(!bench.ask(activateRequest).isEmpty());
     bench.misbehave("silent 1 on 2000");
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
     QCOMPARE(bench.ask("09 03 07 d0 00 03 04 0e"), QByteArray());
     QVERIFY(!bench.ask("09 03 07 d0 00 03 04 0e").isEmpty());
 }
@@ -169,8 +169,8 @@ void TestSimulatorFaults::requestsForOthersDoNotUseTheFaultUp()
     SimulatorBench bench;
     bench.misbehave("silent 1");
     bench.ask("02 03 01 f4 00 03 45 f6");
-    QCOMPARE(bench.ask(kReadVersion), QByteArray());
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask(versionRequest), QByteArray());
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
 void TestSimulatorFaults::faultsCombine()
@@ -179,9 +179,9 @@ void TestSimulatorFaults::faultsCombine()
     bench.misbehave("late 1 20");
     bench.misbehave("badCrc 1");
     bench.misbehave("echo 1");
-    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    QCOMPARE(bench.ask(versionRequest), QByteArray());
     bench.timeline.advanceMs(20);
-    QCOMPARE(bench.answered(), QByteArray(kReadVersion) + " 09 03 06 54 41 33 01 06 0e ab 71");
+    QCOMPARE(bench.answered(), QByteArray(versionRequest) + " 09 03 06 54 41 33 01 06 0e ab 71");
 }
 
 void TestSimulatorFaults::textOfAFaultReadsBackAsTheSameFault_data()

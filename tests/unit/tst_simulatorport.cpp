@@ -21,9 +21,9 @@
 using sim::BusSimulator;
 
 namespace {
-const char *const kReadVersion = "09 03 01 f4 00 03 44 8d";
-const char *const kVersionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
-constexpr int kNobody = 65534;
+const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
+const char *const versionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
+constexpr int ordinaryUserId = 65534;
 
 /// A line with one gripper and a link in a directory of its own.
 struct Bench
@@ -57,8 +57,8 @@ void openAsMaster(QSerialPort &port, const QString &name)
 /// Sends the version request and waits for all of the answer.
 QByteArray askVersion(QSerialPort &port)
 {
-    port.write(QByteArray::fromHex(kReadVersion));
-    const int expected = QByteArray::fromHex(kVersionAnswer).size();
+    port.write(QByteArray::fromHex(versionRequest));
+    const int expected = QByteArray::fromHex(versionAnswer).size();
     QByteArray answer;
     QElapsedTimer clock;
     clock.start();
@@ -74,7 +74,7 @@ template <typename Action>
 auto asOrdinaryUser(Action action)
 {
     const bool isRoot = ::geteuid() == 0;
-    if (isRoot && ::seteuid(kNobody) != 0)
+    if (isRoot && ::seteuid(ordinaryUserId) != 0)
         qFatal("cannot become an ordinary user");
     const auto result = action();
     if (isRoot && ::seteuid(0) != 0)
@@ -115,7 +115,7 @@ void TestSimulatorPort::masterInTheSameProcessGetsItsAnswer()
     QVERIFY2(bench.simulator.plug(), qPrintable(bench.simulator.errorString()));
     QSerialPort port;
     openAsMaster(port, bench.simulator.linkPath());
-    QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+    QCOMPARE(askVersion(port), QByteArray(versionAnswer));
 }
 
 void TestSimulatorPort::portMayBeOpenedAgainAndAgain()
@@ -125,7 +125,7 @@ void TestSimulatorPort::portMayBeOpenedAgainAndAgain()
     for (int i = 0; i < 20; ++i) {
         QSerialPort port;
         openAsMaster(port, bench.simulator.portPath());
-        QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+        QCOMPARE(askVersion(port), QByteArray(versionAnswer));
         port.close();
         if (i % 2 == 0)
             QTest::qWait(5);
@@ -158,7 +158,7 @@ void TestSimulatorPort::otherRateIsNotAnswered()
     openAsMaster(port, bench.simulator.portPath());
     port.setBaudRate(QSerialPort::Baud19200);
     QSignalSpy seen(&bench.simulator, &BusSimulator::frameSeen);
-    port.write(QByteArray::fromHex(kReadVersion));
+    port.write(QByteArray::fromHex(versionRequest));
     QTRY_COMPARE(seen.size(), 1);
     QTest::qWait(50);
     QCOMPARE(port.readAll(), QByteArray());
@@ -189,7 +189,7 @@ void TestSimulatorPort::closedPortKeepsNoOldAnswers()
     QCOMPARE(::tcgetattr(master, &settings), 0);
     QCOMPARE(::cfsetspeed(&settings, B115200), 0);
     QCOMPARE(::tcsetattr(master, TCSANOW, &settings), 0);
-    const QByteArray request = QByteArray::fromHex(kReadVersion);
+    const QByteArray request = QByteArray::fromHex(versionRequest);
     QCOMPARE(::write(master, request.constData(), static_cast<size_t>(request.size())),
              ssize_t(request.size()));
     QTRY_COMPARE(seen.size(), 2);
@@ -211,7 +211,7 @@ void TestSimulatorPort::idleClosedPortCausesNoEvents()
     {
         QSerialPort port;
         openAsMaster(port, bench.simulator.portPath());
-        QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+        QCOMPARE(askVersion(port), QByteArray(versionAnswer));
     }
     QTest::qWait(50);
     // A turn of the event loop with nothing to do blocks, so a watchdog has to end it.
@@ -256,7 +256,7 @@ void TestSimulatorPort::exclusiveUseEndsWithTheMasterThatDied()
     if (again >= 0)
         ::close(again);
     openAsMaster(port, bench.simulator.linkPath());
-    QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+    QCOMPARE(askVersion(port), QByteArray(versionAnswer));
 }
 
 void TestSimulatorPort::ordinaryUserGetsANewPortWhenOneIsStuck()
@@ -275,7 +275,7 @@ void TestSimulatorPort::ordinaryUserGetsANewPortWhenOneIsStuck()
     QVERIFY(isRenewed);
     QSerialPort port;
     openAsMaster(port, bench.simulator.linkPath());
-    QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+    QCOMPARE(askVersion(port), QByteArray(versionAnswer));
 }
 
 void TestSimulatorPort::linkIsThereWhilePluggedIn()
@@ -320,7 +320,7 @@ void TestSimulatorPort::plugBringsTheGrippersBack()
     QVERIFY(bench.simulator.plug());
     QSerialPort port;
     openAsMaster(port, bench.simulator.linkPath());
-    QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+    QCOMPARE(askVersion(port), QByteArray(versionAnswer));
 }
 
 void TestSimulatorPort::existingFileIsNotReplaced()
@@ -383,8 +383,8 @@ void TestSimulatorPort::logKeepsTheFrames()
     openAsMaster(port, bench.simulator.portPath());
     askVersion(port);
     QCOMPARE(bench.simulator.frames().size(), 2);
-    QCOMPARE(bench.simulator.frames().first().bytes, QByteArray::fromHex(kReadVersion));
-    QCOMPARE(bench.simulator.frames().last().bytes, QByteArray::fromHex(kVersionAnswer));
+    QCOMPARE(bench.simulator.frames().first().bytes, QByteArray::fromHex(versionRequest));
+    QCOMPARE(bench.simulator.frames().last().bytes, QByteArray::fromHex(versionAnswer));
     bench.simulator.clearFrames();
     QVERIFY(bench.simulator.frames().isEmpty());
 }
