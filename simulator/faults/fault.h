@@ -1,9 +1,10 @@
 #pragma once
 
 #include <QByteArray>
-#include <QMetaType>
+#include <QObject>
 
 namespace sim {
+Q_NAMESPACE
 
 /// The ways in which a gripper misbehaves, in the order in which they are applied.
 enum class FaultKind {
@@ -27,6 +28,7 @@ enum class FaultKind {
     DiesDuringWrite,  ///< half of a block is written, then the power fails
     DoubleAck,        ///< an answer of a single byte comes twice
 };
+Q_ENUM_NS(FaultKind)
 
 /// Whether the bootloader has this fault, and not the firmware.
 constexpr bool isOfBootloader(FaultKind kind)

@@ -1,6 +1,7 @@
 #include "faulttext.h"
 #include "tst_simulatorbench.h"
 
+#include <QMetaEnum>
 #include <QTest>
 
 namespace {
@@ -32,6 +33,7 @@ private slots:
     void scopedFaultLeavesOtherRequestsAlone();
     void requestsForOthersDoNotUseTheFaultUp();
     void faultsCombine();
+    void everyKindHasItsRow();
     void textOfAFaultReadsBackAsTheSameFault_data();
     void textOfAFaultReadsBackAsTheSameFault();
     void wordsThatAreNoFaultAreRefused_data();
@@ -182,6 +184,17 @@ void TestSimulatorFaults::faultsCombine()
     QCOMPARE(bench.ask(versionRequest), QByteArray());
     bench.timeline.advanceMs(20);
     QCOMPARE(bench.answered(), QByteArray(versionRequest) + " 09 03 06 54 41 33 01 06 0e ab 71");
+}
+
+void TestSimulatorFaults::everyKindHasItsRow()
+{
+    const auto kinds = QMetaEnum::fromType<sim::FaultKind>();
+    for (int i = 0; i < kinds.keyCount(); ++i) {
+        QString error;
+        const auto fault = sim::parseFault({QString::fromLatin1(kinds.key(i))}, &error);
+        QVERIFY2(fault && static_cast<int>(fault->kind) == kinds.value(i), kinds.key(i));
+    }
+    QCOMPARE(sim::faultHelp().size(), kinds.keyCount());
 }
 
 void TestSimulatorFaults::textOfAFaultReadsBackAsTheSameFault_data()
