@@ -26,15 +26,13 @@ public:
     /// Removes what a killed simulator left. To be called before a pty is opened, which might
     /// get the very number that the old link names.
     void removeStale() const;
-    /// Links path() to `ptsPath` ("/dev/pts/4"). False when it cannot; errorString() says why.
-    bool create(const QString &ptsPath);
+    /// Links path() to `ptsPath` ("/dev/pts/4"). Throws Failure when it cannot.
+    void create(const QString &ptsPath);
     void remove();
-    const QString &errorString() const { return m_error; }
 
 private:
     QString m_path;
     QString m_target;
-    QString m_error;
 };
 
 } // namespace sim

@@ -1,6 +1,7 @@
 #include "ptyport.h"
 
 #include "baudrates.h"
+#include "failure.h"
 
 #include <QFile>
 
@@ -28,6 +29,13 @@ void closeFd(int *fd)
         ::close(*fd);
     *fd = -1;
 }
+
+/// Reports the system call that has just failed.
+[[noreturn]] void fail(const char *what)
+{
+    throw Failure{QStringLiteral("%1: %2").arg(QLatin1String(what),
+                                               QString::fromLocal8Bit(std::strerror(errno)))};
+}
 } // namespace
 
 PtyPort::PtyPort(unsigned mode, QObject *parent)
@@ -41,14 +49,18 @@ PtyPort::~PtyPort()
     close();
 }
 
-bool PtyPort::open()
+void PtyPort::open()
 {
     if (isOpen())
-        return true;
-    if (openNearEnd() && makeRaw() && watchOpening())
-        return true;
-    close();
-    return false;
+        return;
+    try {
+        openNearEnd();
+        makeRaw();
+        watchOpening();
+    } catch (const Failure &) {
+        close();
+        throw;
+    }
 }
 
 void PtyPort::close()
@@ -82,55 +94,45 @@ void PtyPort::write(const QByteArray &bytes)
     Q_UNUSED(written)
 }
 
-bool PtyPort::openNearEnd()
+void PtyPort::openNearEnd()
 {
     m_fd = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (m_fd < 0 || ::grantpt(m_fd) != 0 || ::unlockpt(m_fd) != 0)
-        return fail("no pseudo-terminal");
+        fail("no pseudo-terminal");
     std::array<char, maxPathLength> path = {};
     if (::ptsname_r(m_fd, path.data(), path.size()) != 0)
-        return fail("no name for the pseudo-terminal");
+        fail("no name for the pseudo-terminal");
     m_path = QFile::decodeName(path.data());
     if (m_mode != 0 && ::chmod(path.data(), m_mode) != 0)
-        return fail("cannot set the mode of the port");
-    return true;
+        fail("cannot set the mode of the port");
 }
 
 /// The settings of the far end can be set from here; they outlast its closing.
-bool PtyPort::makeRaw()
+void PtyPort::makeRaw()
 {
     termios settings = {};
     if (::tcgetattr(m_fd, &settings) != 0)
-        return fail("cannot read the settings of the port");
+        fail("cannot read the settings of the port");
     ::cfmakeraw(&settings);
     settings.c_cflag |= CLOCAL | CREAD;
     ::cfsetspeed(&settings, B9600);
     if (::tcsetattr(m_fd, TCSANOW, &settings) != 0)
-        return fail("cannot set the port to raw");
+        fail("cannot set the port to raw");
     m_readable = std::make_unique<QSocketNotifier>(m_fd, QSocketNotifier::Read);
     connect(m_readable.get(), &QSocketNotifier::activated, this, &PtyPort::onReadable);
-    return true;
 }
 
 /// While nobody has the far end open, reading reports an error at once and for ever; only the
 /// file system tells when it is opened again.
-bool PtyPort::watchOpening()
+void PtyPort::watchOpening()
 {
     m_watchFd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (m_watchFd < 0)
-        return fail("cannot watch the port");
+        fail("cannot watch the port");
     if (::inotify_add_watch(m_watchFd, QFile::encodeName(m_path).constData(), IN_OPEN) < 0)
-        return fail("cannot watch the port");
+        fail("cannot watch the port");
     m_opened = std::make_unique<QSocketNotifier>(m_watchFd, QSocketNotifier::Read);
     connect(m_opened.get(), &QSocketNotifier::activated, this, &PtyPort::onOpened);
-    return true;
-}
-
-bool PtyPort::fail(const char *what)
-{
-    m_error = QStringLiteral("%1: %2").arg(QLatin1String(what),
-                                           QString::fromLocal8Bit(std::strerror(errno)));
-    return false;
 }
 
 void PtyPort::onReadable()

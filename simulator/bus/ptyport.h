@@ -18,16 +18,15 @@ public:
     explicit PtyPort(unsigned mode = 0, QObject *parent = nullptr);
     ~PtyPort() override;
 
-    /// Makes a new pty, raw, at 9600 baud like an adapter that was just plugged in. False when
-    /// the system has none left; errorString() says why.
-    bool open();
+    /// Makes a new pty, raw, at 9600 baud like an adapter that was just plugged in. Throws Failure
+    /// when it cannot, and leaves nothing open then.
+    void open();
     /// Hangs up: the master sees its port disappear.
     void close();
     bool isOpen() const { return m_fd >= 0; }
 
     /// The far end, such as "/dev/pts/4"; empty while closed.
     const QString &path() const { return m_path; }
-    const QString &errorString() const { return m_error; }
     /// The rate that the master has set, 0 for one that has no standard name.
     int baudRate() const;
 
@@ -42,10 +41,9 @@ signals:
     void stuck();
 
 private:
-    bool openNearEnd();
-    bool makeRaw();
-    bool watchOpening();
-    bool fail(const char *what);
+    void openNearEnd();
+    void makeRaw();
+    void watchOpening();
     void onReadable();
     void onOpened();
     void onMasterLeft();
@@ -57,7 +55,6 @@ private:
     int m_fd = -1;
     int m_watchFd = -1;
     QString m_path;
-    QString m_error;
     std::unique_ptr<QSocketNotifier> m_readable;
     std::unique_ptr<QSocketNotifier> m_opened;
 };

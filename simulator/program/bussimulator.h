@@ -38,13 +38,12 @@ public:
     BusSimulator();
     ~BusSimulator() override;
 
-    /// Opens the pty and makes the link. False when it cannot, or the link's place is taken;
-    /// errorString() then says why, and nothing is left open. True when plugged in already.
-    bool plug();
+    /// Opens the pty and makes the link. Throws Failure when it cannot, or when the path of the
+    /// link is taken, and leaves nothing open then. Does nothing when plugged in.
+    void plug();
     /// Removes the link and hangs up: the master's port vanishes. Harmless when unplugged.
     void unplug();
     bool isPlugged() const { return m_port.isOpen(); }
-    const QString &errorString() const { return m_error; }
     /// The pty that a master opens, empty while unplugged. Another one after every plug().
     const QString &portPath() const { return m_port.path(); }
     /// The configured link, empty for none.
@@ -97,7 +96,6 @@ private:
     PtyPort m_port;
     OwnLink m_link;
     FrameLog m_log;
-    QString m_error;
     std::vector<std::unique_ptr<SimulatedGripper>> m_grippers;
 };
 

@@ -25,9 +25,8 @@ signals:
 private:
     struct Reply
     {
-        bool isOk = true;
-        QString text;           ///< behind "ok" or "error"
-        QStringList lines = {}; ///< before it
+        QString text = {};      ///< printed after "ok"
+        QStringList lines = {}; ///< printed before it
     };
     struct Command
     {
@@ -36,16 +35,9 @@ private:
         const char *meaning;
         int minWords;
         int maxWords;
-        Reply (CommandInterpreter::*run)(const QStringList &words);
+        Reply (CommandInterpreter::*run)(const QStringList &words); ///< throws Failure
     };
     static const Command commands[];
-
-    static Reply ok(const QString &text = QString()) { return {true, text}; }
-    static Reply error(const QString &text) { return {false, text}; }
-    static Reply usage(const Command &command);
-    static Reply noGripper(const QString &word);
-    static Reply done(bool isDone, const QString &word);
-    static QStringList toLines(const Reply &reply);
 
     Reply run(const QStringList &words);
     Reply add(const QStringList &words);
@@ -67,7 +59,8 @@ private:
 
     using PutRegister = bool (RegisterBank::*)(quint16 address, quint16 value);
     Reply putRegister(const QStringList &words, PutRegister put);
-    SimulatedGripper *gripperOf(const QString &word) const;
+    /// The gripper with the slave id `word`. Throws Failure when there is no such gripper.
+    SimulatedGripper &gripperOf(const QString &word) const;
     QStringList linesOf(SimulatedGripper &gripper) const;
 
     BusSimulator &m_simulator;

@@ -1,5 +1,6 @@
 #include "faulttext.h"
 
+#include "failure.h"
 #include "numbers.h"
 
 #include <algorithm>
@@ -47,13 +48,13 @@ bool takesValue(const KindRow &row)
     return row.maxValue > 0;
 }
 
-const KindRow *rowOf(const QString &name)
+const KindRow &rowOf(const QString &name)
 {
     for (const KindRow &row : kindRows) {
         if (name.compare(QLatin1String(row.name), Qt::CaseInsensitive) == 0)
-            return &row;
+            return row;
     }
-    return nullptr;
+    throw Failure{QStringLiteral("unknown kind of fault \"%1\", see help").arg(name)};
 }
 
 /// Every kind has a row, which the tests check.
@@ -63,70 +64,55 @@ const KindRow &rowOf(FaultKind kind)
                          [kind](const KindRow &row) { return row.kind == kind; });
 }
 
-bool takeHowOften(const QString &word, Fault *fault)
+void takeHowOften(const QString &word, Fault *fault)
 {
     if (word == QLatin1String("always"))
-        return true;
+        return;
     const bool isShare = word.endsWith(QLatin1Char('%'));
     const std::optional<int> number =
         isShare ? parseNumber(word.chopped(1), 1, maxSharePercent) : parseNumber(word, 1, INT_MAX);
     if (!number)
-        return false;
+        throw Failure{
+            QStringLiteral("HOWOFTEN is a number of requests, a share such as 30%, or always")};
     (isShare ? fault->sharePercent : fault->remaining) = *number;
-    return true;
 }
 
-bool takeScope(const QString &word, Fault *fault)
+void takeScope(const QString &word, Fault *fault)
 {
     if (word == QLatin1String("reads")) {
         fault->scope = Fault::Scope::Reads;
-        return true;
+        return;
     }
     if (word == QLatin1String("writes")) {
         fault->scope = Fault::Scope::Writes;
-        return true;
+        return;
     }
     const std::optional<int> address = parseNumber(word, 0, 0xFFFF);
+    if (!address)
+        throw Failure{QStringLiteral("SCOPE is reads, writes or a register")};
     fault->scope = Fault::Scope::StartAddress;
-    fault->address = static_cast<quint16>(address.value_or(0));
-    return address.has_value();
+    fault->address = static_cast<quint16>(*address);
 }
 
 /// Takes "on SCOPE" off the end of `words`, if it is there.
-bool takeScopeWords(QStringList *words, Fault *fault)
+void takeScopeWords(QStringList *words, const KindRow &row, Fault *fault)
 {
     if (words->size() < 2 || words->at(words->size() - 2) != QLatin1String("on"))
-        return true;
-    const QString scope = words->takeLast();
+        return;
+    if (isOfBootloader(row.kind))
+        throw Failure{QStringLiteral("%1 takes no SCOPE").arg(QLatin1String(row.name))};
+    takeScope(words->takeLast(), fault);
     words->removeLast();
-    return takeScope(scope, fault);
 }
 
-bool takeValue(const QString &word, const KindRow &row, Fault *fault)
+void takeValue(const QString &word, const KindRow &row, Fault *fault)
 {
+    if (!takesValue(row))
+        throw Failure{QStringLiteral("%1 takes no VALUE").arg(QLatin1String(row.name))};
     const std::optional<int> value = parseNumber(word, row.minValue, row.maxValue);
-    fault->value = value.value_or(row.defaultValue);
-    return takesValue(row) && value.has_value();
-}
-
-/// What is wrong with `words` (KIND left out), empty for nothing; `fault` is filled on the way.
-QString takeWords(QStringList words, const KindRow &row, Fault *fault)
-{
-    const int count = words.size();
-    if (!takeScopeWords(&words, fault))
-        return QStringLiteral("no such scope: it is reads, writes or a register");
-    if (isOfBootloader(row.kind) && words.size() < count)
-        return QStringLiteral("%1 takes no scope").arg(QLatin1String(row.name));
-    if (words.size() > 2)
-        return QStringLiteral("too many words for a fault");
-    if (!words.isEmpty() && !takeHowOften(words.first(), fault))
-        return QStringLiteral("how often is a number of requests, a share such as 30%, or always");
-    if (words.size() == 2 && !takeValue(words.last(), row, fault)) {
-        return takesValue(row)
-                   ? QStringLiteral("the value is %1 to %2").arg(row.minValue).arg(row.maxValue)
-                   : QStringLiteral("%1 takes no value").arg(QLatin1String(row.name));
-    }
-    return QString();
+    if (!value)
+        throw Failure{QStringLiteral("VALUE is %1 to %2").arg(row.minValue).arg(row.maxValue)};
+    fault->value = *value;
 }
 
 QString scopeText(const Fault &fault)
@@ -154,19 +140,19 @@ QString howOftenText(const Fault &fault)
 }
 } // namespace
 
-std::optional<Fault> parseFault(QStringList words, QString *error)
+Fault parseFault(QStringList words)
 {
-    const KindRow *row = words.isEmpty() ? nullptr : rowOf(words.takeFirst());
-    if (row == nullptr) {
-        *error = QStringLiteral("no such kind of fault, see help");
-        return std::nullopt;
-    }
+    const KindRow &row = rowOf(words.isEmpty() ? QString() : words.takeFirst());
     Fault fault;
-    fault.kind = row->kind;
-    fault.value = row->defaultValue;
-    *error = takeWords(words, *row, &fault);
-    if (!error->isEmpty())
-        return std::nullopt;
+    fault.kind = row.kind;
+    fault.value = row.defaultValue;
+    takeScopeWords(&words, row, &fault);
+    if (words.size() > 2)
+        throw Failure{QStringLiteral("too many words for a fault")};
+    if (!words.isEmpty())
+        takeHowOften(words.first(), &fault);
+    if (words.size() == 2)
+        takeValue(words.last(), row, &fault);
     return fault;
 }
 

@@ -4,16 +4,14 @@
 
 #include <QStringList>
 
-#include <optional>
-
 namespace sim {
 
 /// The faults as words: KIND [HOWOFTEN [VALUE]] [on SCOPE]. HOWOFTEN is a number of requests, a
 /// share such as "30%", or "always", which is also what is meant without it. SCOPE is "reads",
 /// "writes" or the first register of a request.
 ///
-/// Nothing when `words` are not that; `error` then tells what is wrong.
-std::optional<Fault> parseFault(QStringList words, QString *error);
+/// Throws Failure for other words.
+Fault parseFault(QStringList words);
 
 /// `fault` in those words.
 QString faultText(const Fault &fault);

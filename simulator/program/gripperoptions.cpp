@@ -1,6 +1,7 @@
 #include "gripperoptions.h"
 
 #include "devicemap.h"
+#include "failure.h"
 #include "numbers.h"
 
 namespace sim {
@@ -21,23 +22,22 @@ std::optional<PerGripperText> PerGripperText::fromWord(const QString &word)
     return PerGripperText{static_cast<quint8>(*slaveId), word.mid(equals + 1)};
 }
 
-std::optional<GripperOptions> GripperOptions::fromWords(const QStringList &words, QString *error)
+GripperOptions GripperOptions::fromWords(const QStringList &words)
 {
     const auto start = PerGripperText::fromWord(words.value(0));
     const auto identity =
         start ? GripperIdentity::fromVersion(start->slaveId, start->text) : std::nullopt;
     if (!identity) {
-        *error = QStringLiteral("not a gripper: \"%1\"; it is ID=VERSION with an id of 1 to 247 "
-                                "and a version such as TA3-1.6.14 (TA, TB, TE or TF)")
-                     .arg(words.value(0));
-        return std::nullopt;
+        throw Failure{
+            QStringLiteral("\"%1\" is not a gripper; write ID=VERSION with an ID of 1 to 247 "
+                           "and a VERSION such as TA3-1.6.14 (TA, TB, TE or TF)")
+                .arg(words.value(0))};
     }
     GripperOptions options{start->slaveId, *identity};
     for (const QString &word : words.mid(1)) {
-        if (options.take(word))
-            continue;
-        *error = QStringLiteral("\"%1\" is neither serial=ABC-0042 nor year=2023").arg(word);
-        return std::nullopt;
+        if (!options.take(word))
+            throw Failure{
+                QStringLiteral("\"%1\" is neither serial=ABC-0042 nor year=2023").arg(word)};
     }
     return options;
 }

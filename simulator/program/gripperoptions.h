@@ -15,8 +15,8 @@ struct GripperOptions
     quint8 slaveId = 0;
     GripperIdentity identity;
 
-    /// Nothing when `words` are not that; `error` then tells what is wrong.
-    static std::optional<GripperOptions> fromWords(const QStringList &words, QString *error);
+    /// Throws Failure for other words.
+    static GripperOptions fromWords(const QStringList &words);
     /// Takes one of the optional words. False when it is not one.
     bool take(const QString &word);
 };

@@ -1,5 +1,6 @@
 #include "programoptions.h"
 
+#include "failure.h"
 #include "numbers.h"
 
 #include <QCommandLineParser>
@@ -74,7 +75,7 @@ void declare(QCommandLineParser *parser)
     parser->addHelpOption();
 }
 
-/// Reads a parsed command line into the options, stopping at the first thing that is wrong.
+/// Reads a parsed command line into the options. Throws Failure at the first wrong value.
 class Reader
 {
 public:
@@ -96,24 +97,16 @@ public:
     }
 
 private:
-    void refuse(const QString &text)
+    [[noreturn]] static void refuse(const QString &name, const QString &value)
     {
-        if (m_options.outcome != ProgramOptions::Outcome::Run)
-            return;
-        m_options.outcome = ProgramOptions::Outcome::Refuse;
-        m_options.text = text;
-    }
-
-    void refuse(const QString &name, const QString &value)
-    {
-        refuse(QStringLiteral("not a value for --%1: \"%2\"").arg(name, value));
+        throw Failure{QStringLiteral("wrong value for --%1: \"%2\", see --help").arg(name, value)};
     }
 
     void readSwitches()
     {
         if (!m_parser.positionalArguments().isEmpty()) {
-            refuse(QStringLiteral("what is \"%1\"? See --help")
-                       .arg(m_parser.positionalArguments().first()));
+            throw Failure{QStringLiteral("unexpected argument \"%1\", see --help")
+                              .arg(m_parser.positionalArguments().first())};
         }
         if (!m_parser.isSet(Names::noLink()))
             m_options.config.linkPath = m_parser.value(Names::link());
@@ -127,7 +120,7 @@ private:
         const std::optional<int> value = parseNumber(m_parser.value(name), 0, max);
         if (!value)
             refuse(name, m_parser.value(name));
-        return value.value_or(0);
+        return *value;
     }
 
     void readNumbers()
@@ -164,14 +157,11 @@ private:
     {
         const QStringList words = m_parser.values(Names::gripper());
         for (const QString &word : words) {
-            QString problem;
-            const auto gripper = GripperOptions::fromWords({word}, &problem);
-            if (!gripper)
-                refuse(problem);
-            else if (gripperOf(gripper->slaveId) != nullptr)
-                refuse(QStringLiteral("two grippers with slave id %1").arg(gripper->slaveId));
-            else
-                m_options.grippers.append(*gripper);
+            const GripperOptions gripper = GripperOptions::fromWords({word});
+            if (gripperOf(gripper.slaveId) != nullptr)
+                throw Failure{
+                    QStringLiteral("two grippers have the slave id %1").arg(gripper.slaveId)};
+            m_options.grippers.append(gripper);
         }
     }
 
@@ -196,8 +186,7 @@ private:
             const auto position = object ? parseNumber(object->text, 0, maxPosition) : std::nullopt;
             if (!position || gripperOf(object->slaveId) == nullptr)
                 refuse(Names::object(), word);
-            else
-                m_options.objects.insert(object->slaveId, *position);
+            m_options.objects.insert(object->slaveId, *position);
         }
     }
 
@@ -211,17 +200,12 @@ ProgramOptions ProgramOptions::fromArguments(const QStringList &arguments)
     QCommandLineParser parser;
     declare(&parser);
     ProgramOptions options;
-    if (!parser.parse(arguments)) {
-        options.outcome = Outcome::Refuse;
-        options.text = parser.errorText();
-        return options;
-    }
-    if (parser.isSet(Names::help())) {
-        options.outcome = Outcome::Explain;
-        options.text = parser.helpText();
-        return options;
-    }
-    Reader(parser, &options).read();
+    if (!parser.parse(arguments))
+        throw Failure{parser.errorText()};
+    if (parser.isSet(Names::help()))
+        options.helpText = parser.helpText();
+    else
+        Reader(parser, &options).read();
     return options;
 }
 

@@ -10,14 +10,8 @@ namespace sim {
 /// What the command line asks for.
 struct ProgramOptions
 {
-    enum class Outcome {
-        Run,     ///< go on with these options
-        Explain, ///< print `text` on standard output and end well
-        Refuse,  ///< print `text` on standard error and end as a usage error
-    };
-
-    Outcome outcome = Outcome::Run;
-    QString text;
+    /// The text that --help asks for. When it is not empty, nothing else counts.
+    QString helpText;
     BusSimulator::Config config;
     QVector<GripperOptions> grippers;
     QMap<quint8, int> objects; ///< slave id to position
@@ -25,7 +19,7 @@ struct ProgramOptions
     QString traceFile; ///< empty: standard output
     bool quitAtEndOfInput = false;
 
-    /// `arguments` with the program's name in front.
+    /// `arguments` begin with the name of the program. Throws Failure for a wrong command line.
     static ProgramOptions fromArguments(const QStringList &arguments);
 };
 

@@ -1,3 +1,4 @@
+#include "failure.h"
 #include "faulttext.h"
 #include "tst_simulatorbench.h"
 
@@ -190,9 +191,8 @@ void TestSimulatorFaults::everyKindHasItsRow()
 {
     const auto kinds = QMetaEnum::fromType<sim::FaultKind>();
     for (int i = 0; i < kinds.keyCount(); ++i) {
-        QString error;
-        const auto fault = sim::parseFault({QString::fromLatin1(kinds.key(i))}, &error);
-        QVERIFY2(fault && static_cast<int>(fault->kind) == kinds.value(i), kinds.key(i));
+        const sim::Fault fault = sim::parseFault({QString::fromLatin1(kinds.key(i))});
+        QCOMPARE(static_cast<int>(fault.kind), kinds.value(i));
     }
     QCOMPARE(sim::faultHelp().size(), kinds.keyCount());
 }
@@ -223,13 +223,8 @@ void TestSimulatorFaults::textOfAFaultReadsBackAsTheSameFault()
 {
     QFETCH(QString, words);
     QFETCH(QString, text);
-    QString error;
-    const auto fault = sim::parseFault(words.split(QLatin1Char(' ')), &error);
-    QVERIFY2(fault.has_value(), qPrintable(error));
-    QCOMPARE(sim::faultText(*fault), text);
-    const auto again = sim::parseFault(text.split(QLatin1Char(' ')), &error);
-    QVERIFY2(again.has_value(), qPrintable(error));
-    QCOMPARE(sim::faultText(*again), text);
+    QCOMPARE(sim::faultText(sim::parseFault(words.split(QLatin1Char(' ')))), text);
+    QCOMPARE(sim::faultText(sim::parseFault(text.split(QLatin1Char(' ')))), text);
 }
 
 void TestSimulatorFaults::wordsThatAreNoFaultAreRefused_data()
@@ -259,9 +254,7 @@ void TestSimulatorFaults::wordsThatAreNoFaultAreRefused_data()
 void TestSimulatorFaults::wordsThatAreNoFaultAreRefused()
 {
     QFETCH(QString, words);
-    QString error;
-    QVERIFY(!sim::parseFault(words.split(QLatin1Char(' ')), &error).has_value());
-    QVERIFY(!error.isEmpty());
+    QVERIFY_EXCEPTION_THROWN(sim::parseFault(words.split(QLatin1Char(' '))), sim::Failure);
 }
 
 QTEST_GUILESS_MAIN(TestSimulatorFaults)
