@@ -42,12 +42,12 @@ quint8 checksumOf(const QByteArray &bytes)
 }
 
 /// Whether the last byte is the checksum of all before it.
-bool isSound(const QByteArray &bytes)
+bool hasValidChecksum(const QByteArray &bytes)
 {
     return checksumOf(bytes) == 0;
 }
 
-bool isComplemented(const QByteArray &pair)
+bool isComplementPair(const QByteArray &pair)
 {
     return (byteAt(pair, 0) ^ byteAt(pair, 1)) == byteMask;
 }
@@ -76,12 +76,12 @@ using Self = BootloaderProtocol;
 const Self::Command Self::commands[] = {
     {boot::getCommand, Step::Command, &Self::describeCommands},
     {boot::getVersionCommand, Step::Command, &Self::describeVersion},
-    {boot::getIdCommand, Step::Command, &Self::describeProduct},
-    {boot::readMemoryCommand, Step::Address, &Self::justAcknowledge},
-    {boot::goCommand, Step::Address, &Self::justAcknowledge},
-    {boot::writeMemoryCommand, Step::Address, &Self::justAcknowledge},
-    {boot::eraseCommand, Step::Sectors, &Self::justAcknowledge},
-    {boot::extendedEraseCommand, Step::WideSectors, &Self::justAcknowledge},
+    {boot::getIdCommand, Step::Command, &Self::describeProductId},
+    {boot::readMemoryCommand, Step::Address, &Self::acceptCommand},
+    {boot::goCommand, Step::Address, &Self::acceptCommand},
+    {boot::writeMemoryCommand, Step::Address, &Self::acceptCommand},
+    {boot::eraseCommand, Step::Sectors, &Self::acceptCommand},
+    {boot::extendedEraseCommand, Step::WideSectors, &Self::acceptCommand},
 };
 
 BootloaderProtocol::BootloaderProtocol(const BootloaderKind &kind, FlashMemory &flash,
@@ -100,18 +100,18 @@ void BootloaderProtocol::reset()
     m_blocks = 0;
 }
 
-QByteArray BootloaderProtocol::take(quint8 byte)
+QByteArray BootloaderProtocol::receive(quint8 byte)
 {
     m_event = Event::None;
     m_pending.append(static_cast<char>(byte));
-    if (m_pending.size() < wantedLength())
+    if (m_pending.size() < expectedLength())
         return QByteArray();
     const QByteArray bytes = m_pending;
     m_pending.clear();
-    return takeWhole(bytes);
+    return handleRequest(bytes);
 }
 
-int BootloaderProtocol::wantedLength() const
+int BootloaderProtocol::expectedLength() const
 {
     switch (m_step) {
     case Step::Synchronisation:
@@ -131,7 +131,7 @@ int BootloaderProtocol::wantedLength() const
     return 1;
 }
 
-QByteArray BootloaderProtocol::takeWhole(const QByteArray &bytes)
+QByteArray BootloaderProtocol::handleRequest(const QByteArray &bytes)
 {
     const Step step = m_step;
     // What is refused, and what is done, leads back to the next command.
@@ -143,24 +143,24 @@ QByteArray BootloaderProtocol::takeWhole(const QByteArray &bytes)
         m_step = Step::Synchronisation;
         return QByteArray();
     case Step::Command:
-        return takeCommand(bytes);
+        return handleCommand(bytes);
     case Step::Address:
-        return takeAddress(bytes);
+        return handleAddress(bytes);
     case Step::ReadCount:
-        return takeReadCount(bytes);
+        return handleReadCount(bytes);
     case Step::Block:
-        return takeBlock(bytes);
+        return handleBlock(bytes);
     case Step::Sectors:
-        return takeSectors(bytes, 1);
+        return handleSectors(bytes, 1);
     case Step::WideSectors:
-        return takeSectors(bytes, 2);
+        return handleSectors(bytes, 2);
     }
     return QByteArray();
 }
 
-QByteArray BootloaderProtocol::takeCommand(const QByteArray &bytes)
+QByteArray BootloaderProtocol::handleCommand(const QByteArray &bytes)
 {
-    if (!isComplemented(bytes))
+    if (!isComplementPair(bytes))
         return refuse();
     for (const Command &command : commands) {
         if (command.code != byteAt(bytes, 0))
@@ -172,9 +172,9 @@ QByteArray BootloaderProtocol::takeCommand(const QByteArray &bytes)
     return refuse();
 }
 
-QByteArray BootloaderProtocol::takeAddress(const QByteArray &bytes)
+QByteArray BootloaderProtocol::handleAddress(const QByteArray &bytes)
 {
-    if (!isSound(bytes))
+    if (!hasValidChecksum(bytes))
         return refuse();
     m_address = numberIn(bytes, 0, addressLength - 1);
     if (m_command == boot::readMemoryCommand)
@@ -201,25 +201,25 @@ QByteArray BootloaderProtocol::go()
     return acknowledge();
 }
 
-QByteArray BootloaderProtocol::takeReadCount(const QByteArray &bytes)
+QByteArray BootloaderProtocol::handleReadCount(const QByteArray &bytes)
 {
     const int count = byteAt(bytes, 0) + 1;
-    if (!isComplemented(bytes) || !m_flash.contains(m_address, count))
+    if (!isComplementPair(bytes) || !m_flash.contains(m_address, count))
         return refuse();
     return acknowledge() + m_flash.read(m_address, count);
 }
 
-QByteArray BootloaderProtocol::takeBlock(const QByteArray &bytes)
+QByteArray BootloaderProtocol::handleBlock(const QByteArray &bytes)
 {
     QByteArray data = bytes.mid(1, bytes.size() - 2);
     const bool isAllowed =
         data.size() % wordSize == 0 && m_flash.isWritable(m_address, data.size());
-    if (!isSound(bytes) || !isAllowed || m_faults.strike(FaultKind::NackWrite))
+    if (!hasValidChecksum(bytes) || !isAllowed || m_faults.strike(FaultKind::NackWrite))
         return refuse();
     ++m_blocks;
-    if (diesNow()) {
+    if (isPowerFailing()) {
         m_flash.write(m_address, data.left(data.size() / 2));
-        m_event = Event::Die;
+        m_event = Event::PowerFailure;
         return QByteArray();
     }
     if (m_faults.strike(FaultKind::BadVerify))
@@ -228,15 +228,15 @@ QByteArray BootloaderProtocol::takeBlock(const QByteArray &bytes)
     return acknowledge();
 }
 
-bool BootloaderProtocol::diesNow()
+bool BootloaderProtocol::isPowerFailing()
 {
     const std::optional<int> block = m_faults.valueOf(FaultKind::DiesDuringWrite);
     return block == m_blocks && m_faults.strike(FaultKind::DiesDuringWrite);
 }
 
-QByteArray BootloaderProtocol::takeSectors(const QByteArray &bytes, int width)
+QByteArray BootloaderProtocol::handleSectors(const QByteArray &bytes, int width)
 {
-    if (!isSound(bytes))
+    if (!hasValidChecksum(bytes))
         // The count that means all sectors has its complement behind it, not itself.
         return width == 1 && byteAt(bytes, 0) == allSectors && byteAt(bytes, 1) == 0
                    ? eraseSectors(bytes.left(width), width)
@@ -263,7 +263,7 @@ QByteArray BootloaderProtocol::eraseSectors(const QByteArray &sectors, int width
     return acknowledge();
 }
 
-QByteArray BootloaderProtocol::justAcknowledge() const
+QByteArray BootloaderProtocol::acceptCommand() const
 {
     return acknowledge();
 }
@@ -286,7 +286,7 @@ QByteArray BootloaderProtocol::describeVersion() const
     return acknowledge() + single(m_kind.version) + QByteArray(2, '\0') + acknowledge();
 }
 
-QByteArray BootloaderProtocol::describeProduct() const
+QByteArray BootloaderProtocol::describeProductId() const
 {
     return acknowledge() + single(1) + single(boot::productId >> 8) +
            single(boot::productId & byteMask) + acknowledge();

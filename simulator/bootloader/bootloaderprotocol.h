@@ -18,9 +18,9 @@ class BootloaderProtocol
 public:
     /// What is to happen beside the answer.
     enum class Event {
-        None,  ///< it listens on
-        Start, ///< the firmware is to be started once the answer has gone out
-        Die,   ///< the power fails: no answer, nothing more
+        None,         ///< it listens on
+        Start,        ///< the firmware is to be started once the answer has gone out
+        PowerFailure, ///< the power fails: no answer, nothing more
     };
 
     /// Everything referred to must outlive the protocol.
@@ -29,7 +29,7 @@ public:
     /// As after power-on: waits for the synchronisation byte.
     void reset();
     /// Takes one byte and gives the answer to it, nothing for most.
-    QByteArray take(quint8 byte);
+    QByteArray receive(quint8 byte);
     /// What the last byte has brought about.
     Event event() const { return m_event; }
 
@@ -51,22 +51,22 @@ private:
     };
     static const Command commands[];
 
-    int wantedLength() const;
-    QByteArray takeWhole(const QByteArray &bytes);
-    QByteArray takeCommand(const QByteArray &bytes);
-    QByteArray takeAddress(const QByteArray &bytes);
-    QByteArray takeReadCount(const QByteArray &bytes);
-    QByteArray takeBlock(const QByteArray &bytes);
-    QByteArray takeSectors(const QByteArray &bytes, int width);
+    int expectedLength() const;
+    QByteArray handleRequest(const QByteArray &bytes);
+    QByteArray handleCommand(const QByteArray &bytes);
+    QByteArray handleAddress(const QByteArray &bytes);
+    QByteArray handleReadCount(const QByteArray &bytes);
+    QByteArray handleBlock(const QByteArray &bytes);
+    QByteArray handleSectors(const QByteArray &bytes, int width);
     QByteArray acceptAddress(Step next, bool isAllowed);
     QByteArray go();
     QByteArray eraseSectors(const QByteArray &sectors, int width);
-    bool diesNow();
+    bool isPowerFailing();
 
-    QByteArray justAcknowledge() const;
+    QByteArray acceptCommand() const;
     QByteArray describeCommands() const;
     QByteArray describeVersion() const;
-    QByteArray describeProduct() const;
+    QByteArray describeProductId() const;
 
     const BootloaderKind &m_kind;
     FlashMemory &m_flash;

@@ -28,14 +28,14 @@ void Line::receive(const QByteArray &bytes, int baudRate)
     const qint64 nowUs = m_timeline.nowUs();
     // The timer may come later than the bytes that follow the gap.
     if (m_isInFrame && nowUs - m_lastByteUs >= frameGapUs)
-        announceSilence();
+        notifySilence();
     m_lastByteUs = nowUs;
     m_isInFrame = true;
     m_baudRate = baudRate;
     m_monitor.append(bytes);
     const QVector<LineListener *> listeners = m_listeners;
     for (LineListener *listener : listeners)
-        listener->hear(bytes, baudRate);
+        listener->receive(bytes, baudRate);
     // Only now: no answer waits for whoever listens to the reports.
     reportRequests();
     if (!m_isWatching)
@@ -56,7 +56,7 @@ void Line::transmit(const QByteArray &bytes, int baudRate, bool isModbus)
 void Line::reset()
 {
     if (m_isInFrame)
-        announceSilence();
+        notifySilence();
 }
 
 void Line::watchForSilence(qint64 delayUs)
@@ -74,17 +74,17 @@ void Line::onGapElapsed()
     if (quietUs < frameGapUs)
         watchForSilence(frameGapUs - quietUs);
     else
-        announceSilence();
+        notifySilence();
 }
 
-void Line::announceSilence()
+void Line::notifySilence()
 {
     m_isInFrame = false;
     m_monitor.endFrame();
     reportRequests();
     const QVector<LineListener *> listeners = m_listeners;
     for (LineListener *listener : listeners)
-        listener->hearSilence();
+        listener->onSilence();
 }
 
 void Line::reportRequests()

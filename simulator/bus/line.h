@@ -46,7 +46,7 @@ signals:
 private:
     void watchForSilence(qint64 delayUs);
     void onGapElapsed();
-    void announceSilence();
+    void notifySilence();
     void reportRequests();
 
     Timeline &m_timeline;

@@ -14,9 +14,9 @@ public:
     virtual ~LineListener() = default;
 
     /// Bytes that came in at `baudRate`, in the pieces in which they arrived.
-    virtual void hear(const QByteArray &bytes, int baudRate) = 0;
+    virtual void receive(const QByteArray &bytes, int baudRate) = 0;
     /// The line has been quiet long enough to end any frame.
-    virtual void hearSilence() = 0;
+    virtual void onSilence() = 0;
 };
 
 } // namespace sim

@@ -153,7 +153,7 @@ void PtyPort::onMasterLeft()
     emit masterLeft();
     if (!isOpen())
         return;
-    if (!refreshFarEnd()) {
+    if (!resetFarEnd()) {
         emit stuck();
         return;
     }
@@ -167,7 +167,7 @@ void PtyPort::onMasterLeft()
 
 /// Leaves the far end as a serial port is when it is opened for the first time: without unread
 /// input, and not kept for one user. False when it cannot be opened any more.
-bool PtyPort::refreshFarEnd()
+bool PtyPort::resetFarEnd()
 {
     int fd =
         ::open(QFile::encodeName(m_path).constData(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);

@@ -47,7 +47,7 @@ private:
     void onReadable();
     void onOpened();
     void onMasterLeft();
-    bool refreshFarEnd();
+    bool resetFarEnd();
     bool readAll();
     void drainWatch();
 

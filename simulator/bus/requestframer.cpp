@@ -17,7 +17,7 @@ bool isFixedLength(quint8 function)
     return function >= 0x01 && function <= 0x06;
 }
 
-bool carriesByteCount(quint8 function)
+bool hasByteCount(quint8 function)
 {
     return function == 0x0F || function == 0x10;
 }
@@ -30,7 +30,7 @@ int requestLength(const QByteArray &bytes)
     const auto function = static_cast<quint8>(bytes.at(1));
     if (isFixedLength(function))
         return fixedRequestLength;
-    if (carriesByteCount(function))
+    if (hasByteCount(function))
         return lengthWithoutData + static_cast<quint8>(bytes.at(byteCountOffset));
     return unknownLength;
 }
@@ -50,10 +50,10 @@ void RequestFramer::endFrame()
 std::optional<RequestFramer::Frame> RequestFramer::take()
 {
     if (m_pending.isEmpty()) {
-        m_isLost = m_isLost && !m_isQuiet;
+        m_isOutOfStep = m_isOutOfStep && !m_isQuiet;
         return std::nullopt;
     }
-    if (!m_isLost) {
+    if (!m_isOutOfStep) {
         std::optional<Frame> frame = takeByLength();
         if (frame)
             return frame;
@@ -63,14 +63,14 @@ std::optional<RequestFramer::Frame> RequestFramer::take()
     if (m_pending.size() < maxFrameLength)
         return std::nullopt;
     const Frame noise = takeAll();
-    m_isLost = true;
+    m_isOutOfStep = true;
     return noise;
 }
 
 void RequestFramer::clear()
 {
     m_pending.clear();
-    m_isLost = false;
+    m_isOutOfStep = false;
 }
 
 std::optional<RequestFramer::Frame> RequestFramer::takeByLength()
@@ -80,7 +80,7 @@ std::optional<RequestFramer::Frame> RequestFramer::takeByLength()
         return std::nullopt;
     const QByteArray bytes = m_pending.left(length);
     if (!hasValidCrc(bytes)) {
-        m_isLost = true;
+        m_isOutOfStep = true;
         return std::nullopt;
     }
     m_pending.remove(0, length);

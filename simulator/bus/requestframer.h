@@ -31,7 +31,7 @@ private:
 
     QByteArray m_pending;
     bool m_isQuiet = false;
-    bool m_isLost = false;
+    bool m_isOutOfStep = false;
 };
 
 } // namespace sim

@@ -27,11 +27,11 @@ void BootloaderMode::clear()
 {
     m_protocol.reset();
     m_session = std::make_unique<QObject>();
-    m_heardBytes = 0;
+    m_receivedBytes = 0;
     m_isOver = false;
 }
 
-void BootloaderMode::hear(const QByteArray &bytes, int baudRate)
+void BootloaderMode::receive(const QByteArray &bytes, int baudRate)
 {
     if (baudRate != m_kind.baudRate)
         return;
@@ -39,23 +39,23 @@ void BootloaderMode::hear(const QByteArray &bytes, int baudRate)
         // The bootloader no longer listens once it has started the firmware.
         if (m_isOver)
             return;
-        ++m_heardBytes;
-        take(static_cast<quint8>(byte));
+        ++m_receivedBytes;
+        receiveByte(static_cast<quint8>(byte));
     }
 }
 
-void BootloaderMode::take(quint8 byte)
+void BootloaderMode::receiveByte(quint8 byte)
 {
-    const QByteArray bytes = m_protocol.take(byte);
+    const QByteArray bytes = m_protocol.receive(byte);
     switch (m_protocol.event()) {
     case BootloaderProtocol::Event::None:
         break;
     case BootloaderProtocol::Event::Start:
         m_isOver = true;
         break;
-    case BootloaderProtocol::Event::Die:
+    case BootloaderProtocol::Event::PowerFailure:
         m_isOver = true;
-        m_gripper.die();
+        m_gripper.cutPower();
         return;
     }
     if (!bytes.isEmpty())
@@ -68,9 +68,9 @@ void BootloaderMode::answer(QByteArray bytes)
         bytes += bytes;
     const bool isSilent = m_faults.strike(FaultKind::SilentBootloader).has_value();
     const bool isStarting = m_isOver;
-    const int byteCount = m_heardBytes + bytes.size();
-    m_heardBytes = 0;
-    afterItsTime(byteCount, [this, bytes, isSilent, isStarting] {
+    const int byteCount = m_receivedBytes + bytes.size();
+    m_receivedBytes = 0;
+    afterTransmission(byteCount, [this, bytes, isSilent, isStarting] {
         if (!isSilent)
             m_gripper.sendFromBootloader(bytes, m_kind.baudRate);
         if (isStarting)
@@ -78,7 +78,7 @@ void BootloaderMode::answer(QByteArray bytes)
     });
 }
 
-void BootloaderMode::afterItsTime(int byteCount, const std::function<void()> &action)
+void BootloaderMode::afterTransmission(int byteCount, const std::function<void()> &action)
 {
     if (m_bitsPerSecond == 0) {
         action();

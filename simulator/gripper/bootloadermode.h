@@ -24,15 +24,15 @@ public:
     BootloaderMode(ModeHost &gripper, const BootloaderKind &kind, FlashMemory &flash,
                    FaultPlan &faults, Timeline &timeline, int bitsPerSecond);
 
-    void hear(const QByteArray &bytes, int baudRate) override;
-    void hearSilence() override {}
+    void receive(const QByteArray &bytes, int baudRate) override;
+    void onSilence() override {}
     /// Returns to the state after power-on and drops everything that is pending.
     void clear();
 
 private:
-    void take(quint8 byte);
+    void receiveByte(quint8 byte);
     void answer(QByteArray bytes);
-    void afterItsTime(int byteCount, const std::function<void()> &action);
+    void afterTransmission(int byteCount, const std::function<void()> &action);
 
     ModeHost &m_gripper;
     const BootloaderKind &m_kind;
@@ -42,7 +42,7 @@ private:
     BootloaderProtocol m_protocol;
     /// Owner of all pending actions: replacing it cancels them.
     std::unique_ptr<QObject> m_session;
-    int m_heardBytes = 0;
+    int m_receivedBytes = 0;
     bool m_isOver = false;
 };
 

@@ -16,7 +16,7 @@ FirmwareMode::FirmwareMode(ModeHost &gripper, RegisterBank &registers, FaultPlan
 {
 }
 
-void FirmwareMode::hear(const QByteArray &bytes, int baudRate)
+void FirmwareMode::receive(const QByteArray &bytes, int baudRate)
 {
     // A receiver at another rate sees no valid bytes.
     if (baudRate != map::firmwareBaudRate)
@@ -25,7 +25,7 @@ void FirmwareMode::hear(const QByteArray &bytes, int baudRate)
     answerRequests();
 }
 
-void FirmwareMode::hearSilence()
+void FirmwareMode::onSilence()
 {
     m_framer.endFrame();
     answerRequests();
@@ -57,11 +57,11 @@ void FirmwareMode::answer(const QByteArray &request)
         m_gripper.send(m_faults.mangle(hits, request, answer), map::firmwareBaudRate,
                        hits.value(FaultKind::Late, 0));
     }
-    obeyResetCommand();
+    executeResetCommand();
 }
 
 /// Runs after the answer, so that the master learns that the gripper took the command.
-void FirmwareMode::obeyResetCommand()
+void FirmwareMode::executeResetCommand()
 {
     const std::optional<quint16> command = m_registers.takeResetCommand();
     if (!command)

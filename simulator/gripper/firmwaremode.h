@@ -17,8 +17,8 @@ public:
     /// All references must outlive the mode.
     FirmwareMode(ModeHost &gripper, RegisterBank &registers, FaultPlan &faults, quint8 slaveId);
 
-    void hear(const QByteArray &bytes, int baudRate) override;
-    void hearSilence() override;
+    void receive(const QByteArray &bytes, int baudRate) override;
+    void onSilence() override;
     /// Drops a request that has arrived in part.
     void clear();
     /// The id under which the firmware answers.
@@ -28,7 +28,7 @@ public:
 private:
     void answerRequests();
     void answer(const QByteArray &request);
-    void obeyResetCommand();
+    void executeResetCommand();
     bool isForUs(const RequestFramer::Frame &frame) const;
 
     ModeHost &m_gripper;

@@ -30,7 +30,7 @@ void GripperBody::advance(qint64 nowUs)
     if (m_status == Status::Releasing && m_faultCode == releasingFaultCode &&
         m_travel.isOverAt(nowUs))
         m_faultCode = releasedFaultCode;
-    account(nowUs);
+    updateCounters(nowUs);
 }
 
 void GripperBody::setCommand(const BodyCommand &command, qint64 nowUs)
@@ -105,7 +105,7 @@ quint32 GripperBody::usage() const
 }
 
 /// Brings the counters up to `untilUs`: the present movement has ruled since the last time.
-void GripperBody::account(qint64 untilUs)
+void GripperBody::updateCounters(qint64 untilUs)
 {
     m_steps +=
         static_cast<quint32>(qAbs(m_travel.positionAt(untilUs) - m_travel.positionAt(m_nowUs)));
@@ -119,7 +119,7 @@ void GripperBody::account(qint64 untilUs)
 
 void GripperBody::startTravel(const Travel &travel)
 {
-    account(travel.startUs());
+    updateCounters(travel.startUs());
     m_travel = travel;
     m_isBlocked = false;
 }

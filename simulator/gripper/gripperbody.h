@@ -76,7 +76,7 @@ public:
     quint32 starts() const { return m_isVacuum ? m_pumpStarts : m_activations; }
 
 private:
-    void account(qint64 untilUs);
+    void updateCounters(qint64 untilUs);
     void startTravel(const Travel &travel);
     void retarget(qint64 nowUs, bool isNewMove);
     void deactivate(qint64 nowUs);

@@ -19,7 +19,7 @@ public:
     /// The gripper is silent for the bootloader's boot time, then runs the bootloader.
     virtual void restartIntoBootloader() = 0;
     /// Cuts the power until restart().
-    virtual void die() = 0;
+    virtual void cutPower() = 0;
 
 protected:
     ~ModeHost() = default;

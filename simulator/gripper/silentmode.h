@@ -8,8 +8,8 @@ namespace sim {
 class SilentMode : public LineListener
 {
 public:
-    void hear(const QByteArray & /*bytes*/, int /*baudRate*/) override {}
-    void hearSilence() override {}
+    void receive(const QByteArray & /*bytes*/, int /*baudRate*/) override {}
+    void onSilence() override {}
 };
 
 } // namespace sim

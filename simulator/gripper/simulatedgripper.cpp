@@ -47,7 +47,7 @@ void SimulatedGripper::restartIntoBootloader()
     boot(m_timing.bootloaderBootMs, [this] { startBootloader(); });
 }
 
-void SimulatedGripper::die()
+void SimulatedGripper::cutPower()
 {
     stop(State::Dead);
 }
@@ -90,14 +90,14 @@ void SimulatedGripper::startBootloader()
     m_state = State::Bootloader;
 }
 
-void SimulatedGripper::hear(const QByteArray &bytes, int baudRate)
+void SimulatedGripper::receive(const QByteArray &bytes, int baudRate)
 {
-    m_mode->hear(bytes, baudRate);
+    m_mode->receive(bytes, baudRate);
 }
 
-void SimulatedGripper::hearSilence()
+void SimulatedGripper::onSilence()
 {
-    m_mode->hearSilence();
+    m_mode->onSilence();
 }
 
 void SimulatedGripper::send(const QByteArray &bytes, int baudRate, int delayMs)

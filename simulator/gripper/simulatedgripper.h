@@ -58,10 +58,10 @@ public:
 
     void restart() override;
     void restartIntoBootloader() override;
-    void die() override;
+    void cutPower() override;
 
-    void hear(const QByteArray &bytes, int baudRate) override;
-    void hearSilence() override;
+    void receive(const QByteArray &bytes, int baudRate) override;
+    void onSilence() override;
 
 private:
     void send(const QByteArray &bytes, int baudRate, int delayMs) override;

@@ -14,7 +14,7 @@ quint16 word(int high, int low)
     return static_cast<quint16>((high & 0xFF) << 8 | (low & 0xFF));
 }
 
-bool takeByte(const QString &text, quint8 *byte)
+bool readByte(const QString &text, quint8 *byte)
 {
     bool ok = false;
     const uint value = text.toUInt(&ok);
@@ -40,8 +40,8 @@ bool GripperIdentity::setVersion(const QString &text)
     if (!match.hasMatch())
         return false;
     letters = match.captured(1).toLatin1();
-    return takeByte(match.captured(2), &major) && takeByte(match.captured(3), &minor) &&
-           takeByte(match.captured(4), &patch);
+    return readByte(match.captured(2), &major) && readByte(match.captured(3), &minor) &&
+           readByte(match.captured(4), &patch);
 }
 
 bool GripperIdentity::setSerial(const QString &text)

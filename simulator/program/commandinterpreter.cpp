@@ -202,8 +202,9 @@ Self::Reply CommandInterpreter::object(const QStringList &words)
 {
     const quint8 slaveId = gripperOf(words.first()).slaveId();
     const bool isNone = words.at(1) == QLatin1String("none");
-    m_simulator.setObject(slaveId, isNone ? GripperBody::noObject
-                                          : toNumber(words.at(1), 0, maxPosition, "POSITION"));
+    m_simulator.setObject(slaveId,
+                          isNone ? GripperBody::noObject
+                                 : toNumber(words.at(1), 0, maxPosition, "POSITION, unless none,"));
     return {};
 }
 
@@ -228,11 +229,11 @@ Self::Reply CommandInterpreter::show(const QStringList & /*words*/)
                            ? QStringLiteral("port %1").arg(m_simulator.portPath())
                            : QStringLiteral("port unplugged"));
     for (SimulatedGripper *gripper : m_simulator.grippers())
-        reply.lines.append(linesOf(*gripper));
+        reply.lines.append(describe(*gripper));
     return reply;
 }
 
-QStringList CommandInterpreter::linesOf(SimulatedGripper &gripper) const
+QStringList CommandInterpreter::describe(SimulatedGripper &gripper) const
 {
     const GripperIdentity &identity = gripper.identity();
     const GripperBody &body = gripper.registers().body();

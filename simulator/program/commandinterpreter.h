@@ -61,7 +61,7 @@ private:
     Reply putRegister(const QStringList &words, PutRegister put);
     /// The gripper with the slave id `word`. Throws Failure when there is no such gripper.
     SimulatedGripper &gripperOf(const QString &word) const;
-    QStringList linesOf(SimulatedGripper &gripper) const;
+    QStringList describe(SimulatedGripper &gripper) const;
 
     BusSimulator &m_simulator;
 };

@@ -64,7 +64,7 @@ const KindRow &rowOf(FaultKind kind)
                          [kind](const KindRow &row) { return row.kind == kind; });
 }
 
-void takeHowOften(const QString &word, Fault *fault)
+void readHowOften(const QString &word, Fault *fault)
 {
     if (word == QLatin1String("always"))
         return;
@@ -77,7 +77,7 @@ void takeHowOften(const QString &word, Fault *fault)
     (isShare ? fault->sharePercent : fault->remaining) = *number;
 }
 
-void takeScope(const QString &word, Fault *fault)
+void readScope(const QString &word, Fault *fault)
 {
     if (word == QLatin1String("reads")) {
         fault->scope = Fault::Scope::Reads;
@@ -95,17 +95,17 @@ void takeScope(const QString &word, Fault *fault)
 }
 
 /// Takes "on SCOPE" off the end of `words`, if it is there.
-void takeScopeWords(QStringList *words, const KindRow &row, Fault *fault)
+void readScopeWords(QStringList *words, const KindRow &row, Fault *fault)
 {
     if (words->size() < 2 || words->at(words->size() - 2) != QLatin1String("on"))
         return;
     if (isOfBootloader(row.kind))
         throw Failure{QStringLiteral("%1 takes no SCOPE").arg(QLatin1String(row.name))};
-    takeScope(words->takeLast(), fault);
+    readScope(words->takeLast(), fault);
     words->removeLast();
 }
 
-void takeValue(const QString &word, const KindRow &row, Fault *fault)
+void readValue(const QString &word, const KindRow &row, Fault *fault)
 {
     if (!takesValue(row))
         throw Failure{QStringLiteral("%1 takes no VALUE").arg(QLatin1String(row.name))};
@@ -146,13 +146,13 @@ Fault parseFault(QStringList words)
     Fault fault;
     fault.kind = row.kind;
     fault.value = row.defaultValue;
-    takeScopeWords(&words, row, &fault);
+    readScopeWords(&words, row, &fault);
     if (words.size() > 2)
         throw Failure{QStringLiteral("too many words for a fault")};
     if (!words.isEmpty())
-        takeHowOften(words.first(), &fault);
+        readHowOften(words.first(), &fault);
     if (words.size() == 2)
-        takeValue(words.last(), row, &fault);
+        readValue(words.last(), row, &fault);
     return fault;
 }
 

@@ -35,14 +35,14 @@ GripperOptions GripperOptions::fromWords(const QStringList &words)
     }
     GripperOptions options{start->slaveId, *identity};
     for (const QString &word : words.mid(1)) {
-        if (!options.take(word))
+        if (!options.applyWord(word))
             throw Failure{
                 QStringLiteral("\"%1\" is neither serial=ABC-0042 nor year=2023").arg(word)};
     }
     return options;
 }
 
-bool GripperOptions::take(const QString &word)
+bool GripperOptions::applyWord(const QString &word)
 {
     const QString value = word.section(QLatin1Char('='), 1);
     if (word.startsWith(QLatin1String("serial=")))

@@ -18,7 +18,7 @@ struct GripperOptions
     /// Throws Failure for other words.
     static GripperOptions fromWords(const QStringList &words);
     /// Takes one of the optional words. False when it is not one.
-    bool take(const QString &word);
+    bool applyWord(const QString &word);
 };
 
 /// Text such as "9=something", taken apart.

@@ -172,7 +172,7 @@ private:
             const auto extra = PerGripperText::fromWord(word);
             GripperOptions *gripper = extra ? gripperOf(extra->slaveId) : nullptr;
             const bool isTaken =
-                gripper != nullptr && gripper->take(name + QLatin1Char('=') + extra->text);
+                gripper != nullptr && gripper->applyWord(name + QLatin1Char('=') + extra->text);
             if (!isTaken)
                 refuse(name, word);
         }

@@ -29,10 +29,10 @@ void StandardInput::onReadable()
         return;
     }
     m_pending.append(buffer.data(), static_cast<int>(count));
-    takeLines();
+    emitLines();
 }
 
-void StandardInput::takeLines()
+void StandardInput::emitLines()
 {
     for (int end = m_pending.indexOf('\n'); end >= 0; end = m_pending.indexOf('\n')) {
         const QByteArray line = m_pending.left(end);

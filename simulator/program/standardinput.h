@@ -21,7 +21,7 @@ signals:
 
 private:
     void onReadable();
-    void takeLines();
+    void emitLines();
     void end();
 
     QSocketNotifier m_notifier;

@@ -38,13 +38,13 @@ struct SimulatorBench : QObject
     /// What came back since the last ask(), as hex.
     QByteArray answered() const { return sent.toHex(' '); }
 
-    void misbehave(const char *words)
+    void setFault(const char *words)
     {
         gripper.faults().set(sim::parseFault(QString::fromLatin1(words).split(QLatin1Char(' '))));
     }
 
     /// Lets the line rest long enough to end any frame.
-    void rest() { timeline.advanceMs(10); }
+    void waitForSilence() { timeline.advanceMs(10); }
 
     sim::ManualTimeline timeline;
     sim::RandomSource random{1};

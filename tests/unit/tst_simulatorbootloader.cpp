@@ -37,8 +37,8 @@ struct BootloaderBench : SimulatorBench
         timeline.advanceMs(300);
     }
 
-    QByteArray tell(const char *hex) { return ask(hex, baudRate); }
-    void synchronise() { QCOMPARE(tell("7f"), QByteArray(ack)); }
+    QByteArray askBootloader(const char *hex) { return ask(hex, baudRate); }
+    void synchronise() { QCOMPARE(askBootloader("7f"), QByteArray(ack)); }
 
     int baudRate;
 };
@@ -106,11 +106,11 @@ QList<QByteArray> upgradePieces(const BootloaderBench &bench, const QString &ver
 }
 
 /// How many of the pieces were acknowledged before the first that was not.
-int send(BootloaderBench &bench, const QList<QByteArray> &pieces)
+int sendPieces(BootloaderBench &bench, const QList<QByteArray> &pieces)
 {
     int count = 0;
     for (const QByteArray &piece : pieces) {
-        if (bench.tell(piece.toHex().constData()) != ack)
+        if (bench.askBootloader(piece.toHex().constData()) != ack)
             return count;
         ++count;
     }
@@ -125,49 +125,49 @@ class TestSimulatorBootloader : public QObject
     Q_OBJECT
 
 private slots:
-    void resetWordLeadsIntoTheOneBootloaderThatThereIs_data();
-    void resetWordLeadsIntoTheOneBootloaderThatThereIs();
-    void otherWordsAreStillRefused();
-    void bootloaderBootsSilentlyForItsTime();
-    void synchronisationIsHeardAtTheRightRateOnly_data();
-    void synchronisationIsHeardAtTheRightRateOnly();
-    void nothingElseSynchronises();
-    void secondSynchronisationCountsAsHalfACommandAndIsRefusedWithTheThird();
+    void everyResetCommandLeadsIntoTheOnlyBootloader_data();
+    void everyResetCommandLeadsIntoTheOnlyBootloader();
+    void otherResetCommandsAreRefused();
+    void gripperIsSilentUntilTheBootloaderRuns();
+    void synchronisationIsAnsweredAtTheRightRateOnly_data();
+    void synchronisationIsAnsweredAtTheRightRateOnly();
+    void otherBytesDoNotSynchronise();
+    void secondAndThirdSynchronisationAreARefusedCommand();
     void requestIsAnswered_data();
     void requestIsAnswered();
-    void unsoundRequestIsRefused_data();
-    void unsoundRequestIsRefused();
-    void refusedRequestLeavesTheNextOneAlone();
+    void invalidRequestIsRefused_data();
+    void invalidRequestIsRefused();
+    void requestAfterARefusedOneIsAnswered();
     void writtenBytesAreReadBack();
     void blockWithAWrongChecksumIsNotWritten();
     void writingClearsBitsAndOnlyErasingSetsThem();
     void erasingTouchesTheNamedSectorsOnly();
-    void eraseIsAllOrNothing();
+    void eraseOfAnUnknownSectorErasesNothing();
     void ownBootloaderCannotBeOverwritten();
     void upgradeEndsInTheNewFirmware_data();
     void upgradeEndsInTheNewFirmware();
-    void goElsewhereIsRefused();
-    void goWithoutValidFirmwareComesBackInTheBootloader();
-    void storedSlaveIdCountsAfterAnUpgrade();
-    void powerCutIsSurvivedByASecondAttempt_data();
-    void powerCutIsSurvivedByASecondAttempt();
-    void silentBootloaderIsSilentThatOften();
-    void nackedBlockIsNotWritten();
+    void goToAnotherAddressIsRefused();
+    void goWithoutValidFirmwareRestartsTheBootloader();
+    void storedSlaveIdAppliesAfterAnUpgrade();
+    void secondAttemptSucceedsAfterAPowerCut_data();
+    void secondAttemptSucceedsAfterAPowerCut();
+    void silentBootloaderOmitsThatManyAnswers();
+    void refusedBlockIsNotWritten();
     void badVerifyStoresTheLastByteInverted();
-    void refusedGoLeavesItInTheBootloader();
-    void dyingGripperWritesHalfABlockAndIsDeadUntilRestarted();
-    void doubledAcknowledgeHasTwoBytes();
-    void bootloaderFaultsAreNotUsedUpByModbusRequests();
-    void bytesTakeTheirTimeWhenThatIsWanted();
-    void whatWasUnderWayDiesWithThePower();
-    void traceTellsTheRateOfWhatIsNoModbus();
-    void imageFromElsewhereIsRecognised();
-    void spoiltImageIsNoFirmware_data();
-    void spoiltImageIsNoFirmware();
-    void imageHasTheSizeAskedFor();
+    void refusedGoLeavesTheGripperInTheBootloader();
+    void powerFailureWritesHalfABlockAndLastsUntilTheRestart();
+    void doubleAckSendsTheByteTwice();
+    void modbusRequestsDoNotCountForBootloaderFaults();
+    void configuredRateDelaysAnswers();
+    void restartCancelsDelayedAnswers();
+    void traceShowsTheRateOfBootloaderBytes();
+    void foreignImageIsRecognised();
+    void damagedImageHasNoVersion_data();
+    void damagedImageHasNoVersion();
+    void imageHasTheGivenSize();
 };
 
-void TestSimulatorBootloader::resetWordLeadsIntoTheOneBootloaderThatThereIs_data()
+void TestSimulatorBootloader::everyResetCommandLeadsIntoTheOnlyBootloader_data()
 {
     QTest::addColumn<QByteArray>("version");
     QTest::addColumn<QByteArray>("word");
@@ -186,7 +186,7 @@ void TestSimulatorBootloader::resetWordLeadsIntoTheOneBootloaderThatThereIs_data
     }
 }
 
-void TestSimulatorBootloader::resetWordLeadsIntoTheOneBootloaderThatThereIs()
+void TestSimulatorBootloader::everyResetCommandLeadsIntoTheOnlyBootloader()
 {
     QFETCH(QByteArray, version);
     QFETCH(QByteArray, word);
@@ -198,7 +198,7 @@ void TestSimulatorBootloader::resetWordLeadsIntoTheOneBootloaderThatThereIs()
     QCOMPARE(bench.ask("7f", baudRate), QByteArray(ack));
 }
 
-void TestSimulatorBootloader::otherWordsAreStillRefused()
+void TestSimulatorBootloader::otherResetCommandsAreRefused()
 {
     SimulatorBench bench;
     // 0x3501 at register 400.
@@ -206,7 +206,7 @@ void TestSimulatorBootloader::otherWordsAreStillRefused()
     QCOMPARE(bench.gripper.state(), State::Firmware);
 }
 
-void TestSimulatorBootloader::bootloaderBootsSilentlyForItsTime()
+void TestSimulatorBootloader::gripperIsSilentUntilTheBootloaderRuns()
 {
     SimulatorBench bench;
     bench.gripper.restartIntoBootloader();
@@ -217,7 +217,7 @@ void TestSimulatorBootloader::bootloaderBootsSilentlyForItsTime()
     QCOMPARE(bench.ask("7f", romBaud), QByteArray(ack));
 }
 
-void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly_data()
+void TestSimulatorBootloader::synchronisationIsAnsweredAtTheRightRateOnly_data()
 {
     QTest::addColumn<QByteArray>("version");
     QTest::addColumn<int>("wrong");
@@ -226,7 +226,7 @@ void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly_data()
     QTest::newRow("own") << QByteArray("TE1-2.0.1") << romBaud << ownBaud;
 }
 
-void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly()
+void TestSimulatorBootloader::synchronisationIsAnsweredAtTheRightRateOnly()
 {
     QFETCH(QByteArray, version);
     QFETCH(int, wrong);
@@ -237,21 +237,21 @@ void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly()
     QCOMPARE(bench.ask("7f", right), QByteArray(ack));
 }
 
-void TestSimulatorBootloader::nothingElseSynchronises()
+void TestSimulatorBootloader::otherBytesDoNotSynchronise()
 {
     BootloaderBench bench("TE1-2.0.1");
-    QCOMPARE(bench.tell("00 ff"), QByteArray());
-    QCOMPARE(bench.tell(versionRequest), QByteArray());
-    QCOMPARE(bench.tell("7f"), QByteArray(ack));
+    QCOMPARE(bench.askBootloader("00 ff"), QByteArray());
+    QCOMPARE(bench.askBootloader(versionRequest), QByteArray());
+    QCOMPARE(bench.askBootloader("7f"), QByteArray(ack));
 }
 
-void TestSimulatorBootloader::secondSynchronisationCountsAsHalfACommandAndIsRefusedWithTheThird()
+void TestSimulatorBootloader::secondAndThirdSynchronisationAreARefusedCommand()
 {
     BootloaderBench bench;
-    QCOMPARE(bench.tell("7f"), QByteArray(ack));
-    QCOMPARE(bench.tell("7f"), QByteArray());
-    QCOMPARE(bench.tell("7f"), QByteArray(nack));
-    QCOMPARE(bench.tell("02 fd"), QByteArray("79 01 04 13 79"));
+    QCOMPARE(bench.askBootloader("7f"), QByteArray(ack));
+    QCOMPARE(bench.askBootloader("7f"), QByteArray());
+    QCOMPARE(bench.askBootloader("7f"), QByteArray(nack));
+    QCOMPARE(bench.askBootloader("02 fd"), QByteArray("79 01 04 13 79"));
 }
 
 void TestSimulatorBootloader::requestIsAnswered_data()
@@ -284,10 +284,10 @@ void TestSimulatorBootloader::requestIsAnswered()
     QFETCH(QByteArray, answer);
     BootloaderBench bench(version.constData());
     bench.synchronise();
-    QCOMPARE(bench.tell(request.constData()), answer);
+    QCOMPARE(bench.askBootloader(request.constData()), answer);
 }
 
-void TestSimulatorBootloader::unsoundRequestIsRefused_data()
+void TestSimulatorBootloader::invalidRequestIsRefused_data()
 {
     QTest::addColumn<QByteArray>("request");
     QTest::addColumn<QByteArray>("answer");
@@ -310,49 +310,49 @@ void TestSimulatorBootloader::unsoundRequestIsRefused_data()
     row("go with a wrong checksum", "21 de 08 00 00 00 00", "79 1f");
 }
 
-void TestSimulatorBootloader::unsoundRequestIsRefused()
+void TestSimulatorBootloader::invalidRequestIsRefused()
 {
     QFETCH(QByteArray, request);
     QFETCH(QByteArray, answer);
     BootloaderBench bench;
     bench.synchronise();
-    QCOMPARE(bench.tell(request.constData()), answer);
-    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+    QCOMPARE(bench.askBootloader(request.constData()), answer);
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
 }
 
-void TestSimulatorBootloader::refusedRequestLeavesTheNextOneAlone()
+void TestSimulatorBootloader::requestAfterARefusedOneIsAnswered()
 {
     BootloaderBench bench;
     bench.synchronise();
-    QCOMPARE(bench.tell("00 00"), QByteArray(nack));
-    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+    QCOMPARE(bench.askBootloader("00 00"), QByteArray(nack));
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
 }
 
 void TestSimulatorBootloader::writtenBytesAreReadBack()
 {
     BootloaderBench bench;
     bench.synchronise();
-    QCOMPARE(bench.tell("31 ce 08 0f ff fc 04 03 a1 b2 c3 d4 07"), QByteArray("79 79 79"));
-    QCOMPARE(bench.tell("11 ee 08 0f ff fc 04 03 fc"), QByteArray("79 79 79 a1 b2 c3 d4"));
+    QCOMPARE(bench.askBootloader("31 ce 08 0f ff fc 04 03 a1 b2 c3 d4 07"), QByteArray("79 79 79"));
+    QCOMPARE(bench.askBootloader("11 ee 08 0f ff fc 04 03 fc"), QByteArray("79 79 79 a1 b2 c3 d4"));
 }
 
 void TestSimulatorBootloader::blockWithAWrongChecksumIsNotWritten()
 {
     BootloaderBench bench;
     bench.synchronise();
-    QCOMPARE(bench.tell("31 ce 08 00 80 00 88 03 01 02 03 04 00"), QByteArray("79 79 1f"));
-    QCOMPARE(bench.tell(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
+    QCOMPARE(bench.askBootloader("31 ce 08 00 80 00 88 03 01 02 03 04 00"), QByteArray("79 79 1f"));
+    QCOMPARE(bench.askBootloader(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
 }
 
 void TestSimulatorBootloader::writingClearsBitsAndOnlyErasingSetsThem()
 {
     BootloaderBench bench;
     bench.synchronise();
-    bench.tell("31 ce 08 00 80 00 88 03 f0 f0 f0 f0 03");
-    bench.tell("31 ce 08 00 80 00 88 03 3c 3c 3c 3c 03");
-    QCOMPARE(bench.tell(readWordRequest), QByteArray("79 79 79 30 30 30 30"));
-    bench.tell("44 bb 00 00 00 02 02");
-    QCOMPARE(bench.tell(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
+    bench.askBootloader("31 ce 08 00 80 00 88 03 f0 f0 f0 f0 03");
+    bench.askBootloader("31 ce 08 00 80 00 88 03 3c 3c 3c 3c 03");
+    QCOMPARE(bench.askBootloader(readWordRequest), QByteArray("79 79 79 30 30 30 30"));
+    bench.askBootloader("44 bb 00 00 00 02 02");
+    QCOMPARE(bench.askBootloader(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
 }
 
 void TestSimulatorBootloader::erasingTouchesTheNamedSectorsOnly()
@@ -364,19 +364,19 @@ void TestSimulatorBootloader::erasingTouchesTheNamedSectorsOnly()
     flash.write(sim::FlashMemory::startAddress, zeros);
     bench.synchronise();
     // Sectors 1 and 4: 16 KiB from 0x4000, and 64 KiB from 0x10000.
-    QCOMPARE(bench.tell("44 bb 00 01 00 01 00 04 04"), QByteArray("79 79"));
+    QCOMPARE(bench.askBootloader("44 bb 00 01 00 01 00 04 04"), QByteArray("79 79"));
     QByteArray expected = zeros;
     expected.replace(0x4000, 0x4000, QByteArray(0x4000, '\xFF'));
     expected.replace(0x10000, 0x10000, QByteArray(0x10000, '\xFF'));
     QVERIFY(flash.from(sim::FlashMemory::startAddress) == expected);
 }
 
-void TestSimulatorBootloader::eraseIsAllOrNothing()
+void TestSimulatorBootloader::eraseOfAnUnknownSectorErasesNothing()
 {
     BootloaderBench bench;
     const QByteArray before = bench.gripper.flash().from(sim::FlashMemory::startAddress);
     bench.synchronise();
-    QCOMPARE(bench.tell("44 bb 00 01 00 00 00 0c 0d"), QByteArray("79 1f"));
+    QCOMPARE(bench.askBootloader("44 bb 00 01 00 00 00 0c 0d"), QByteArray("79 1f"));
     QVERIFY(bench.gripper.flash().from(sim::FlashMemory::startAddress) == before);
 }
 
@@ -384,11 +384,11 @@ void TestSimulatorBootloader::ownBootloaderCannotBeOverwritten()
 {
     BootloaderBench bench("TE1-2.0.1");
     bench.synchronise();
-    QCOMPARE(bench.tell("31 ce 08 07 ff fc 0c"), QByteArray("79 1f"));
-    QCOMPARE(bench.tell("31 ce 08 08 00 00 00 03 00 00 00 00 03"), QByteArray("79 79 79"));
+    QCOMPARE(bench.askBootloader("31 ce 08 07 ff fc 0c"), QByteArray("79 1f"));
+    QCOMPARE(bench.askBootloader("31 ce 08 08 00 00 00 03 00 00 00 00 03"), QByteArray("79 79 79"));
     // Sector 7 ends where the firmware begins.
-    QCOMPARE(bench.tell("43 bc 00 07 07"), QByteArray("79 1f"));
-    QCOMPARE(bench.tell("43 bc 00 08 08"), QByteArray("79 79"));
+    QCOMPARE(bench.askBootloader("43 bc 00 07 07"), QByteArray("79 1f"));
+    QCOMPARE(bench.askBootloader("43 bc 00 08 08"), QByteArray("79 79"));
 }
 
 void TestSimulatorBootloader::upgradeEndsInTheNewFirmware_data()
@@ -410,7 +410,7 @@ void TestSimulatorBootloader::upgradeEndsInTheNewFirmware()
     QFETCH(QByteArray, answer);
     BootloaderBench bench(from.constData());
     const QList<QByteArray> pieces = upgradePieces(bench, QString::fromLatin1(to));
-    QCOMPARE(send(bench, pieces), pieces.size());
+    QCOMPARE(sendPieces(bench, pieces), pieces.size());
     QVERIFY(bench.gripper.isBooting());
     bench.timeline.advanceMs(800);
     QCOMPARE(bench.gripper.state(), State::Firmware);
@@ -422,39 +422,39 @@ void TestSimulatorBootloader::upgradeEndsInTheNewFirmware()
     QCOMPARE(bench.ask(versionRequest), answer);
 }
 
-void TestSimulatorBootloader::goElsewhereIsRefused()
+void TestSimulatorBootloader::goToAnotherAddressIsRefused()
 {
     BootloaderBench bench("TE1-2.0.1");
     bench.synchronise();
-    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 1f"));
+    QCOMPARE(bench.askBootloader("21 de 08 00 00 00 08"), QByteArray("79 1f"));
     QCOMPARE(bench.gripper.state(), State::Bootloader);
-    QCOMPARE(bench.tell("21 de 08 08 00 00 00"), QByteArray("79 79"));
+    QCOMPARE(bench.askBootloader("21 de 08 08 00 00 00"), QByteArray("79 79"));
     QVERIFY(bench.gripper.isBooting());
 }
 
-void TestSimulatorBootloader::goWithoutValidFirmwareComesBackInTheBootloader()
+void TestSimulatorBootloader::goWithoutValidFirmwareRestartsTheBootloader()
 {
     BootloaderBench bench;
     bench.synchronise();
-    bench.tell("44 bb ff ff 00");
-    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 79"));
+    bench.askBootloader("44 bb ff ff 00");
+    QCOMPARE(bench.askBootloader("21 de 08 00 00 00 08"), QByteArray("79 79"));
     bench.timeline.advanceMs(300);
     QCOMPARE(bench.gripper.state(), State::Bootloader);
     // It has forgotten the synchronisation.
-    QCOMPARE(bench.tell("01 fe"), QByteArray());
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray());
     bench.synchronise();
 }
 
-void TestSimulatorBootloader::storedSlaveIdCountsAfterAnUpgrade()
+void TestSimulatorBootloader::storedSlaveIdAppliesAfterAnUpgrade()
 {
     BootloaderBench bench;
     bench.gripper.registers().set(434, 0x0104);
-    send(bench, upgradePieces(bench, QStringLiteral("TA3-1.6.14")));
+    sendPieces(bench, upgradePieces(bench, QStringLiteral("TA3-1.6.14")));
     bench.timeline.advanceMs(800);
     QCOMPARE(int(bench.gripper.slaveId()), 4);
 }
 
-void TestSimulatorBootloader::powerCutIsSurvivedByASecondAttempt_data()
+void TestSimulatorBootloader::secondAttemptSucceedsAfterAPowerCut_data()
 {
     QTest::addColumn<QByteArray>("from");
     QTest::addColumn<QByteArray>("to");
@@ -472,7 +472,7 @@ void TestSimulatorBootloader::powerCutIsSurvivedByASecondAttempt_data()
     }
 }
 
-void TestSimulatorBootloader::powerCutIsSurvivedByASecondAttempt()
+void TestSimulatorBootloader::secondAttemptSucceedsAfterAPowerCut()
 {
     QFETCH(QByteArray, from);
     QFETCH(QByteArray, to);
@@ -481,126 +481,126 @@ void TestSimulatorBootloader::powerCutIsSurvivedByASecondAttempt()
     BootloaderBench bench(from.constData());
     const QList<QByteArray> pieces = upgradePieces(bench, QString::fromLatin1(to));
     QCOMPARE(pieces.size(), 17);
-    QCOMPARE(send(bench, pieces.mid(0, piece)), piece);
+    QCOMPARE(sendPieces(bench, pieces.mid(0, piece)), piece);
     bench.gripper.restart();
-    QCOMPARE(bench.tell(pieces.at(piece).toHex().constData()), QByteArray());
+    QCOMPARE(bench.askBootloader(pieces.at(piece).toHex().constData()), QByteArray());
     bench.timeline.advanceMs(800);
     QCOMPARE(bench.gripper.state(), isComplete ? State::Firmware : State::Bootloader);
     bench.enter();
-    QCOMPARE(send(bench, pieces), pieces.size());
+    QCOMPARE(sendPieces(bench, pieces), pieces.size());
     bench.timeline.advanceMs(800);
     QCOMPARE(bench.gripper.state(), State::Firmware);
     QCOMPARE(bench.gripper.identity().versionText(), QString::fromLatin1(to));
 }
 
-void TestSimulatorBootloader::silentBootloaderIsSilentThatOften()
+void TestSimulatorBootloader::silentBootloaderOmitsThatManyAnswers()
 {
     BootloaderBench bench;
-    bench.misbehave("silentBootloader 2");
-    QCOMPARE(bench.tell("7f"), QByteArray());
-    QCOMPARE(bench.tell("01 fe"), QByteArray());
-    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+    bench.setFault("silentBootloader 2");
+    QCOMPARE(bench.askBootloader("7f"), QByteArray());
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray());
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
 }
 
-void TestSimulatorBootloader::nackedBlockIsNotWritten()
+void TestSimulatorBootloader::refusedBlockIsNotWritten()
 {
     BootloaderBench bench;
     bench.synchronise();
-    bench.misbehave("nackWrite 1");
-    QCOMPARE(bench.tell(writeWordRequest), QByteArray("79 79 1f"));
-    QCOMPARE(bench.tell(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
-    QCOMPARE(bench.tell(writeWordRequest), QByteArray("79 79 79"));
+    bench.setFault("nackWrite 1");
+    QCOMPARE(bench.askBootloader(writeWordRequest), QByteArray("79 79 1f"));
+    QCOMPARE(bench.askBootloader(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
+    QCOMPARE(bench.askBootloader(writeWordRequest), QByteArray("79 79 79"));
 }
 
 void TestSimulatorBootloader::badVerifyStoresTheLastByteInverted()
 {
     BootloaderBench bench;
     bench.synchronise();
-    bench.misbehave("badVerify 1");
-    QCOMPARE(bench.tell(writeWordRequest), QByteArray("79 79 79"));
-    QCOMPARE(bench.tell(readWordRequest), QByteArray("79 79 79 01 02 03 fb"));
+    bench.setFault("badVerify 1");
+    QCOMPARE(bench.askBootloader(writeWordRequest), QByteArray("79 79 79"));
+    QCOMPARE(bench.askBootloader(readWordRequest), QByteArray("79 79 79 01 02 03 fb"));
 }
 
-void TestSimulatorBootloader::refusedGoLeavesItInTheBootloader()
+void TestSimulatorBootloader::refusedGoLeavesTheGripperInTheBootloader()
 {
     BootloaderBench bench;
     bench.synchronise();
-    bench.misbehave("refuseGo 1");
-    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 1f"));
+    bench.setFault("refuseGo 1");
+    QCOMPARE(bench.askBootloader("21 de 08 00 00 00 08"), QByteArray("79 1f"));
     QCOMPARE(bench.gripper.state(), State::Bootloader);
-    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 79"));
+    QCOMPARE(bench.askBootloader("21 de 08 00 00 00 08"), QByteArray("79 79"));
 }
 
-void TestSimulatorBootloader::dyingGripperWritesHalfABlockAndIsDeadUntilRestarted()
+void TestSimulatorBootloader::powerFailureWritesHalfABlockAndLastsUntilTheRestart()
 {
     BootloaderBench bench;
-    bench.misbehave("diesDuringWrite 1 2");
+    bench.setFault("diesDuringWrite 1 2");
     bench.synchronise();
-    bench.tell("44 bb ff ff 00");
-    QCOMPARE(bench.tell("31 ce 08 00 00 00 08 03 01 02 03 04 07"), QByteArray("79 79 79"));
-    QCOMPARE(bench.tell("31 ce 08 00 00 04 0c 03 05 06 07 08 0f"), QByteArray("79 79"));
+    bench.askBootloader("44 bb ff ff 00");
+    QCOMPARE(bench.askBootloader("31 ce 08 00 00 00 08 03 01 02 03 04 07"), QByteArray("79 79 79"));
+    QCOMPARE(bench.askBootloader("31 ce 08 00 00 04 0c 03 05 06 07 08 0f"), QByteArray("79 79"));
     QCOMPARE(bench.gripper.state(), State::Dead);
     QCOMPARE(bench.gripper.flash().read(0x08000000, 8), QByteArray::fromHex("010203040506ffff"));
     bench.timeline.advanceMs(10000);
-    QCOMPARE(bench.tell("7f"), QByteArray());
+    QCOMPARE(bench.askBootloader("7f"), QByteArray());
     bench.gripper.restart();
     bench.timeline.advanceMs(300);
     bench.synchronise();
 }
 
-void TestSimulatorBootloader::doubledAcknowledgeHasTwoBytes()
+void TestSimulatorBootloader::doubleAckSendsTheByteTwice()
 {
     BootloaderBench bench;
-    bench.misbehave("doubleAck");
-    QCOMPARE(bench.tell("7f"), QByteArray("79 79"));
-    QCOMPARE(bench.tell("7f 7f"), QByteArray("1f 1f"));
-    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+    bench.setFault("doubleAck");
+    QCOMPARE(bench.askBootloader("7f"), QByteArray("79 79"));
+    QCOMPARE(bench.askBootloader("7f 7f"), QByteArray("1f 1f"));
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
 }
 
-void TestSimulatorBootloader::bootloaderFaultsAreNotUsedUpByModbusRequests()
+void TestSimulatorBootloader::modbusRequestsDoNotCountForBootloaderFaults()
 {
     SimulatorBench bench;
-    bench.misbehave("nackWrite 1");
+    bench.setFault("nackWrite 1");
     QVERIFY(!bench.ask(versionRequest).isEmpty());
     QCOMPARE(bench.gripper.faults().faults().size(), 1);
 }
 
-void TestSimulatorBootloader::bytesTakeTheirTimeWhenThatIsWanted()
+void TestSimulatorBootloader::configuredRateDelaysAnswers()
 {
     // Eleven bits a byte: one byte a millisecond, there and back.
     SlowBench bench(11000);
-    QCOMPARE(bench.tell("7f"), QByteArray());
+    QCOMPARE(bench.askBootloader("7f"), QByteArray());
     QCOMPARE(bench.answeredAfterMs(1), QByteArray());
     QCOMPARE(bench.answeredAfterMs(1), QByteArray(ack));
-    QCOMPARE(bench.tell("02 fd"), QByteArray());
+    QCOMPARE(bench.askBootloader("02 fd"), QByteArray());
     QCOMPARE(bench.answeredAfterMs(6), QByteArray());
     QCOMPARE(bench.answeredAfterMs(1), QByteArray("79 01 04 13 79"));
-    QCOMPARE(bench.tell("21 de"), QByteArray());
+    QCOMPARE(bench.askBootloader("21 de"), QByteArray());
     QCOMPARE(bench.answeredAfterMs(3), QByteArray(ack));
-    QCOMPARE(bench.tell("08 00 00 00 08"), QByteArray());
+    QCOMPARE(bench.askBootloader("08 00 00 00 08"), QByteArray());
     QCOMPARE(bench.answeredAfterMs(5), QByteArray());
     QCOMPARE(bench.gripper.state(), State::Bootloader);
     QCOMPARE(bench.answeredAfterMs(1), QByteArray(ack));
     QCOMPARE(bench.gripper.state(), State::Booting);
 }
 
-void TestSimulatorBootloader::whatWasUnderWayDiesWithThePower()
+void TestSimulatorBootloader::restartCancelsDelayedAnswers()
 {
     SlowBench bench(110);
-    bench.tell("7f");
+    bench.askBootloader("7f");
     bench.gripper.restart();
     QCOMPARE(bench.answeredAfterMs(2000), QByteArray());
     QCOMPARE(bench.gripper.state(), State::Firmware);
 }
 
-void TestSimulatorBootloader::traceTellsTheRateOfWhatIsNoModbus()
+void TestSimulatorBootloader::traceShowsTheRateOfBootloaderBytes()
 {
     BootloaderBench bench;
-    bench.tell("7f");
+    bench.askBootloader("7f");
     QCOMPARE(bench.seen.size(), 2);
     QCOMPARE(sim::traceLine(bench.seen.at(0)), QStringLiteral("     300.000 > 7f @19200"));
     QCOMPARE(sim::traceLine(bench.seen.at(1)), QStringLiteral("     300.000 < 79 @19200"));
-    bench.rest();
+    bench.waitForSilence();
     SimulatorBench other;
     other.ask(versionRequest);
     QCOMPARE(sim::traceLine(other.seen.at(0)),
@@ -619,14 +619,14 @@ QByteArray foreignImage()
 }
 } // namespace
 
-void TestSimulatorBootloader::imageFromElsewhereIsRecognised()
+void TestSimulatorBootloader::foreignImageIsRecognised()
 {
     QCOMPARE(sim::FirmwareImage::versionIn(foreignImage()), QStringLiteral("TB1-1.4.3"));
     QCOMPARE(sim::FirmwareImage::versionIn(foreignImage() + QByteArray(100, '\xFF')),
              QStringLiteral("TB1-1.4.3"));
 }
 
-void TestSimulatorBootloader::spoiltImageIsNoFirmware_data()
+void TestSimulatorBootloader::damagedImageHasNoVersion_data()
 {
     QTest::addColumn<QByteArray>("flash");
     QTest::newRow("erased") << QByteArray(1000, '\xFF');
@@ -638,13 +638,13 @@ void TestSimulatorBootloader::spoiltImageIsNoFirmware_data()
     QTest::newRow("head only") << foreignImage().replace("size=133", "size=128").left(128);
 }
 
-void TestSimulatorBootloader::spoiltImageIsNoFirmware()
+void TestSimulatorBootloader::damagedImageHasNoVersion()
 {
     QFETCH(QByteArray, flash);
     QCOMPARE(sim::FirmwareImage::versionIn(flash), QString());
 }
 
-void TestSimulatorBootloader::imageHasTheSizeAskedFor()
+void TestSimulatorBootloader::imageHasTheGivenSize()
 {
     QCOMPARE(sim::FirmwareImage::make(QStringLiteral("TF1-2.0.2")).size(), 16384);
     const QByteArray image = sim::FirmwareImage::make(QStringLiteral("TF1-2.0.2"), 3001);

@@ -37,31 +37,31 @@ class TestSimulatorCommands : public QObject
     Q_OBJECT
 
 private slots:
-    void badLineIsAnErrorInOneLine_data();
-    void badLineIsAnErrorInOneLine();
+    void wrongCommandGetsOneErrorLine_data();
+    void wrongCommandGetsOneErrorLine();
     void emptyLinesAndCommentsHaveNoAnswer();
-    void setPinsWhatIsWorkedOutAndStoresTheRest();
+    void setPinsComputedRegistersAndStoresOthers();
     void releaseEndsOnePinOrAll();
     void getReadsTheVersion();
-    void grippersComeAndGo();
+    void addAndRemoveChangeTheLine();
     void addTakesSerialAndYear();
     void faultAndClearReachTheGripper();
     void faultCodeShowsInTheStatusBlock();
     void objectStopsTheFingers();
     void restartMakesTheGripperBoot();
-    void showTellsWhatRunsInsteadOfTheFirmware();
-    void plugAndUnplugFollowTheLine();
+    void showNamesTheStateWithoutFirmware();
+    void plugAndUnplugChangeThePort();
     void showListsEverythingAndEndsWithOk();
     void helpListsEveryCommandAndFault();
-    void quitAsksForTheEnd();
+    void quitIsForwarded();
     void optionsDescribeTheLine();
-    void defaultsNeedNoOptions();
-    void badOptionsAreRefused_data();
-    void badOptionsAreRefused();
-    void helpExplains();
+    void optionsHaveDefaults();
+    void wrongOptionsAreRefused_data();
+    void wrongOptionsAreRefused();
+    void helpOptionGivesTheHelpText();
 };
 
-void TestSimulatorCommands::badLineIsAnErrorInOneLine_data()
+void TestSimulatorCommands::wrongCommandGetsOneErrorLine_data()
 {
     QTest::addColumn<QString>("line");
     const char *const rows[] = {"dance",
@@ -93,7 +93,7 @@ void TestSimulatorCommands::badLineIsAnErrorInOneLine_data()
         QTest::newRow(row) << QString::fromLatin1(row);
 }
 
-void TestSimulatorCommands::badLineIsAnErrorInOneLine()
+void TestSimulatorCommands::wrongCommandGetsOneErrorLine()
 {
     QFETCH(QString, line);
     Bench bench;
@@ -110,7 +110,7 @@ void TestSimulatorCommands::emptyLinesAndCommentsHaveNoAnswer()
     QCOMPARE(bench.execute("# fault 9 silent"), QStringList());
 }
 
-void TestSimulatorCommands::setPinsWhatIsWorkedOutAndStoresTheRest()
+void TestSimulatorCommands::setPinsComputedRegistersAndStoresOthers()
 {
     Bench bench;
     QCOMPARE(bench.answer("set 9 2001 0x0300"), QStringLiteral("ok"));
@@ -139,7 +139,7 @@ void TestSimulatorCommands::getReadsTheVersion()
     QCOMPARE(bench.answer("get 9 500 3"), QStringLiteral("ok 0x5441 0x3301 0x060e"));
 }
 
-void TestSimulatorCommands::grippersComeAndGo()
+void TestSimulatorCommands::addAndRemoveChangeTheLine()
 {
     Bench bench;
     QCOMPARE(bench.answer("add 2=TE1-2.0.2"), QStringLiteral("ok"));
@@ -200,20 +200,20 @@ void TestSimulatorCommands::restartMakesTheGripperBoot()
     QVERIFY(bench.simulator.gripper(3) != nullptr);
 }
 
-void TestSimulatorCommands::showTellsWhatRunsInsteadOfTheFirmware()
+void TestSimulatorCommands::showNamesTheStateWithoutFirmware()
 {
     Bench bench;
     bench.simulator.gripper(9)->restartIntoBootloader();
     bench.timeline.advanceMs(300);
     QVERIFY(bench.execute("show").at(1).endsWith(QLatin1String("year=2024 bootloader")));
-    bench.simulator.gripper(9)->die();
+    bench.simulator.gripper(9)->cutPower();
     QVERIFY(bench.execute("show").at(1).endsWith(QLatin1String("year=2024 dead")));
     QCOMPARE(bench.answer("restart 9"), QStringLiteral("ok"));
     bench.timeline.advanceMs(800);
     QVERIFY(bench.execute("show").at(1).endsWith(QLatin1String("year=2024")));
 }
 
-void TestSimulatorCommands::plugAndUnplugFollowTheLine()
+void TestSimulatorCommands::plugAndUnplugChangeThePort()
 {
     Bench bench;
     QVERIFY(bench.answer("plug").startsWith(QLatin1String("ok /dev/pts/")));
@@ -256,7 +256,7 @@ void TestSimulatorCommands::helpListsEveryCommandAndFault()
     QVERIFY(help.endsWith(QLatin1String("\nok")));
 }
 
-void TestSimulatorCommands::quitAsksForTheEnd()
+void TestSimulatorCommands::quitIsForwarded()
 {
     Bench bench;
     QSignalSpy asked(&bench.interpreter, &sim::CommandInterpreter::quitRequested);
@@ -288,7 +288,7 @@ void TestSimulatorCommands::optionsDescribeTheLine()
     QVERIFY(options.quitAtEndOfInput);
 }
 
-void TestSimulatorCommands::defaultsNeedNoOptions()
+void TestSimulatorCommands::optionsHaveDefaults()
 {
     const ProgramOptions options = optionsOf("");
     QCOMPARE(options.config.linkPath, QStringLiteral("/dev/ttyTool"));
@@ -297,7 +297,7 @@ void TestSimulatorCommands::defaultsNeedNoOptions()
     QVERIFY(optionsOf("--no-link").config.linkPath.isEmpty());
 }
 
-void TestSimulatorCommands::badOptionsAreRefused_data()
+void TestSimulatorCommands::wrongOptionsAreRefused_data()
 {
     QTest::addColumn<QString>("arguments");
     const char *const rows[] = {"--gripper 9",
@@ -321,13 +321,13 @@ void TestSimulatorCommands::badOptionsAreRefused_data()
         QTest::newRow(row) << QString::fromLatin1(row);
 }
 
-void TestSimulatorCommands::badOptionsAreRefused()
+void TestSimulatorCommands::wrongOptionsAreRefused()
 {
     QFETCH(QString, arguments);
     QVERIFY_EXCEPTION_THROWN(optionsOf(arguments.toLatin1().constData()), sim::Failure);
 }
 
-void TestSimulatorCommands::helpExplains()
+void TestSimulatorCommands::helpOptionGivesTheHelpText()
 {
     QVERIFY(optionsOf("--help").helpText.contains(QLatin1String("--gripper")));
 }

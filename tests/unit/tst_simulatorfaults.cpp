@@ -29,16 +29,16 @@ private slots:
     void exceptionIsNotCarriedOut();
     void noiseAndTrailingBytesSurroundAWholeAnswer();
     void countedFaultEndsAfterItsRequests();
-    void shareStrikesThatManyRequests();
+    void shareStrikesThatPartOfTheRequests();
     void sameSeedGivesTheSameRun();
-    void scopedFaultLeavesOtherRequestsAlone();
-    void requestsForOthersDoNotUseTheFaultUp();
+    void scopedFaultDoesNotStrikeOtherRequests();
+    void requestsForOtherGrippersDoNotCount();
     void faultsCombine();
     void everyKindHasItsRow();
     void textOfAFaultReadsBackAsTheSameFault_data();
     void textOfAFaultReadsBackAsTheSameFault();
-    void wordsThatAreNoFaultAreRefused_data();
-    void wordsThatAreNoFaultAreRefused();
+    void wrongWordsAreRefused_data();
+    void wrongWordsAreRefused();
 };
 
 void TestSimulatorFaults::faultChangesTheAnswer_data()
@@ -64,17 +64,17 @@ void TestSimulatorFaults::faultChangesTheAnswer()
     QFETCH(QByteArray, words);
     QFETCH(QByteArray, answer);
     SimulatorBench bench;
-    bench.misbehave(words.constData());
+    bench.setFault(words.constData());
     QCOMPARE(bench.ask(versionRequest), answer);
     bench.gripper.faults().clear();
-    bench.rest();
+    bench.waitForSilence();
     QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
 void TestSimulatorFaults::lateAnswerComesAfterItsDelayAndNotBefore()
 {
     SimulatorBench bench;
-    bench.misbehave("late always 80");
+    bench.setFault("late always 80");
     QCOMPARE(bench.ask(versionRequest), QByteArray());
     bench.timeline.advanceMs(79);
     QCOMPARE(bench.answered(), QByteArray());
@@ -85,7 +85,7 @@ void TestSimulatorFaults::lateAnswerComesAfterItsDelayAndNotBefore()
 void TestSimulatorFaults::deafGripperDoesNotCarryTheRequestOut()
 {
     SimulatorBench bench;
-    bench.misbehave("deaf");
+    bench.setFault("deaf");
     QCOMPARE(bench.ask(activateRequest), QByteArray());
     QVERIFY(!isActivated(bench));
 }
@@ -93,7 +93,7 @@ void TestSimulatorFaults::deafGripperDoesNotCarryTheRequestOut()
 void TestSimulatorFaults::silentGripperCarriesTheRequestOut()
 {
     SimulatorBench bench;
-    bench.misbehave("silent");
+    bench.setFault("silent");
     QCOMPARE(bench.ask(activateRequest), QByteArray());
     QVERIFY(isActivated(bench));
 }
@@ -101,7 +101,7 @@ void TestSimulatorFaults::silentGripperCarriesTheRequestOut()
 void TestSimulatorFaults::exceptionIsNotCarriedOut()
 {
     SimulatorBench bench;
-    bench.misbehave("exception always 3");
+    bench.setFault("exception always 3");
     QCOMPARE(bench.ask(activateRequest), QByteArray("09 90 03 8d c3"));
     QVERIFY(!isActivated(bench));
 }
@@ -109,8 +109,8 @@ void TestSimulatorFaults::exceptionIsNotCarriedOut()
 void TestSimulatorFaults::noiseAndTrailingBytesSurroundAWholeAnswer()
 {
     SimulatorBench bench;
-    bench.misbehave("noise always 2");
-    bench.misbehave("trailing always 5");
+    bench.setFault("noise always 2");
+    bench.setFault("trailing always 5");
     bench.ask(versionRequest);
     const QByteArray answer = QByteArray::fromHex(versionAnswer);
     QCOMPARE(bench.sent.size(), answer.size() + 7);
@@ -120,17 +120,17 @@ void TestSimulatorFaults::noiseAndTrailingBytesSurroundAWholeAnswer()
 void TestSimulatorFaults::countedFaultEndsAfterItsRequests()
 {
     SimulatorBench bench;
-    bench.misbehave("silent 2");
+    bench.setFault("silent 2");
     QCOMPARE(bench.ask(versionRequest), QByteArray());
     QCOMPARE(bench.ask(versionRequest), QByteArray());
     QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
     QVERIFY(bench.gripper.faults().faults().isEmpty());
 }
 
-void TestSimulatorFaults::shareStrikesThatManyRequests()
+void TestSimulatorFaults::shareStrikesThatPartOfTheRequests()
 {
     SimulatorBench bench;
-    bench.misbehave("silent 30%");
+    bench.setFault("silent 30%");
     int silent = 0;
     for (int i = 0; i < 1000; ++i)
         silent += bench.ask(versionRequest).isEmpty() ? 1 : 0;
@@ -143,8 +143,8 @@ void TestSimulatorFaults::sameSeedGivesTheSameRun()
     QByteArray runs[2];
     for (QByteArray &run : runs) {
         SimulatorBench bench;
-        bench.misbehave("silent 50%");
-        bench.misbehave("noise 50% 4");
+        bench.setFault("silent 50%");
+        bench.setFault("noise 50% 4");
         for (int i = 0; i < 20; ++i)
             run.append(bench.ask(versionRequest) + "\n");
     }
@@ -152,25 +152,25 @@ void TestSimulatorFaults::sameSeedGivesTheSameRun()
     QCOMPARE(runs[0], runs[1]);
 }
 
-void TestSimulatorFaults::scopedFaultLeavesOtherRequestsAlone()
+void TestSimulatorFaults::scopedFaultDoesNotStrikeOtherRequests()
 {
     SimulatorBench bench;
-    bench.misbehave("silent on writes");
+    bench.setFault("silent on writes");
     QCOMPARE(bench.ask(activateRequest), QByteArray());
     QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
-    bench.misbehave("silent on reads");
+    bench.setFault("silent on reads");
     QCOMPARE(bench.ask(versionRequest), QByteArray());
     QVERIFY(!bench.ask(activateRequest).isEmpty());
-    bench.misbehave("silent 1 on 2000");
+    bench.setFault("silent 1 on 2000");
     QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
     QCOMPARE(bench.ask("09 03 07 d0 00 03 04 0e"), QByteArray());
     QVERIFY(!bench.ask("09 03 07 d0 00 03 04 0e").isEmpty());
 }
 
-void TestSimulatorFaults::requestsForOthersDoNotUseTheFaultUp()
+void TestSimulatorFaults::requestsForOtherGrippersDoNotCount()
 {
     SimulatorBench bench;
-    bench.misbehave("silent 1");
+    bench.setFault("silent 1");
     bench.ask("02 03 01 f4 00 03 45 f6");
     QCOMPARE(bench.ask(versionRequest), QByteArray());
     QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
@@ -179,9 +179,9 @@ void TestSimulatorFaults::requestsForOthersDoNotUseTheFaultUp()
 void TestSimulatorFaults::faultsCombine()
 {
     SimulatorBench bench;
-    bench.misbehave("late 1 20");
-    bench.misbehave("badCrc 1");
-    bench.misbehave("echo 1");
+    bench.setFault("late 1 20");
+    bench.setFault("badCrc 1");
+    bench.setFault("echo 1");
     QCOMPARE(bench.ask(versionRequest), QByteArray());
     bench.timeline.advanceMs(20);
     QCOMPARE(bench.answered(), QByteArray(versionRequest) + " 09 03 06 54 41 33 01 06 0e ab 71");
@@ -227,7 +227,7 @@ void TestSimulatorFaults::textOfAFaultReadsBackAsTheSameFault()
     QCOMPARE(sim::faultText(sim::parseFault(text.split(QLatin1Char(' ')))), text);
 }
 
-void TestSimulatorFaults::wordsThatAreNoFaultAreRefused_data()
+void TestSimulatorFaults::wrongWordsAreRefused_data()
 {
     QTest::addColumn<QString>("words");
     const char *const rows[] = {"sulking",
@@ -251,7 +251,7 @@ void TestSimulatorFaults::wordsThatAreNoFaultAreRefused_data()
         QTest::newRow(row) << QString::fromLatin1(row);
 }
 
-void TestSimulatorFaults::wordsThatAreNoFaultAreRefused()
+void TestSimulatorFaults::wrongWordsAreRefused()
 {
     QFETCH(QString, words);
     QVERIFY_EXCEPTION_THROWN(sim::parseFault(words.split(QLatin1Char(' '))), sim::Failure);

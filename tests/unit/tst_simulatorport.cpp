@@ -101,24 +101,24 @@ class TestSimulatorPort : public QObject
 
 private slots:
     void masterInTheSameProcessGetsItsAnswer();
-    void portMayBeOpenedAgainAndAgain();
-    void answerIsOnItsWayWithinAMillisecond();
-    void otherRateIsNotAnswered();
+    void portCanBeOpenedManyTimes();
+    void answerIsSentWithinAMillisecond();
+    void requestAtAnotherRateIsNotAnswered();
     void newPortRunsAt9600Baud();
-    void closedPortKeepsNoOldAnswers();
+    void unreadAnswersAreDroppedWhenThePortCloses();
     void idleClosedPortCausesNoEvents();
-    void nobodyButTheMasterHoldsThePort();
-    void exclusiveUseEndsWithTheMasterThatDied();
-    void ordinaryUserGetsANewPortWhenOneIsStuck();
-    void linkIsThereWhilePluggedIn();
+    void onlyTheMasterHoldsThePort();
+    void exclusiveUseEndsWhenTheMasterDies();
+    void stuckPortIsReplacedForAnOrdinaryUser();
+    void linkExistsWhilePluggedIn();
     void unplugHangsTheMasterUp();
     void plugBringsTheGrippersBack();
     void existingFileIsNotReplaced();
     void foreignDanglingLinkIsNotReplaced();
     void liveLinkOfAnotherSimulatorIsNotReplaced();
     void staleLinkOfAKilledSimulatorIsReplaced();
-    void linkThatBecameSomebodyElsesStays();
-    void logKeepsTheFrames();
+    void foreignLinkInItsPlaceIsNotRemoved();
+    void framesAreKeptUntilCleared();
 };
 
 void TestSimulatorPort::masterInTheSameProcessGetsItsAnswer()
@@ -130,7 +130,7 @@ void TestSimulatorPort::masterInTheSameProcessGetsItsAnswer()
     QCOMPARE(askVersion(port), QByteArray(versionAnswer));
 }
 
-void TestSimulatorPort::portMayBeOpenedAgainAndAgain()
+void TestSimulatorPort::portCanBeOpenedManyTimes()
 {
     Bench bench;
     bench.simulator.plug();
@@ -144,7 +144,7 @@ void TestSimulatorPort::portMayBeOpenedAgainAndAgain()
     }
 }
 
-void TestSimulatorPort::answerIsOnItsWayWithinAMillisecond()
+void TestSimulatorPort::answerIsSentWithinAMillisecond()
 {
     Bench bench;
     bench.simulator.plug();
@@ -162,7 +162,7 @@ void TestSimulatorPort::answerIsOnItsWayWithinAMillisecond()
     QVERIFY2(delaysUs.at(10) < 1000, qPrintable(QString::number(delaysUs.at(10))));
 }
 
-void TestSimulatorPort::otherRateIsNotAnswered()
+void TestSimulatorPort::requestAtAnotherRateIsNotAnswered()
 {
     Bench bench;
     bench.simulator.plug();
@@ -190,7 +190,7 @@ void TestSimulatorPort::newPortRunsAt9600Baud()
     QCOMPARE(settings.c_lflag & (ICANON | ECHO | ISIG), tcflag_t(0));
 }
 
-void TestSimulatorPort::closedPortKeepsNoOldAnswers()
+void TestSimulatorPort::unreadAnswersAreDroppedWhenThePortCloses()
 {
     Bench bench;
     bench.simulator.plug();
@@ -238,7 +238,7 @@ void TestSimulatorPort::idleClosedPortCausesNoEvents()
     QVERIFY2(turns < 10, qPrintable(QString::number(turns)));
 }
 
-void TestSimulatorPort::nobodyButTheMasterHoldsThePort()
+void TestSimulatorPort::onlyTheMasterHoldsThePort()
 {
     Bench bench;
     bench.simulator.plug();
@@ -248,7 +248,7 @@ void TestSimulatorPort::nobodyButTheMasterHoldsThePort()
         QVERIFY(descriptor.symLinkTarget() != bench.simulator.portPath());
 }
 
-void TestSimulatorPort::exclusiveUseEndsWithTheMasterThatDied()
+void TestSimulatorPort::exclusiveUseEndsWhenTheMasterDies()
 {
     Bench bench;
     bench.simulator.plug();
@@ -271,7 +271,7 @@ void TestSimulatorPort::exclusiveUseEndsWithTheMasterThatDied()
     QCOMPARE(askVersion(port), QByteArray(versionAnswer));
 }
 
-void TestSimulatorPort::ordinaryUserGetsANewPortWhenOneIsStuck()
+void TestSimulatorPort::stuckPortIsReplacedForAnOrdinaryUser()
 {
     Bench bench;
     QVERIFY(QFile::setPermissions(bench.directory.path(),
@@ -293,7 +293,7 @@ void TestSimulatorPort::ordinaryUserGetsANewPortWhenOneIsStuck()
     QCOMPARE(askVersion(port), QByteArray(versionAnswer));
 }
 
-void TestSimulatorPort::linkIsThereWhilePluggedIn()
+void TestSimulatorPort::linkExistsWhilePluggedIn()
 {
     Bench bench;
     const QString link = bench.simulator.linkPath();
@@ -378,7 +378,7 @@ void TestSimulatorPort::staleLinkOfAKilledSimulatorIsReplaced()
     QCOMPARE(QFileInfo(bench.simulator.linkPath()).canonicalFilePath(), bench.simulator.portPath());
 }
 
-void TestSimulatorPort::linkThatBecameSomebodyElsesStays()
+void TestSimulatorPort::foreignLinkInItsPlaceIsNotRemoved()
 {
     Bench bench;
     bench.simulator.plug();
@@ -389,7 +389,7 @@ void TestSimulatorPort::linkThatBecameSomebodyElsesStays()
     QCOMPARE(QFileInfo(bench.simulator.linkPath()).symLinkTarget(), QStringLiteral("/dev/null"));
 }
 
-void TestSimulatorPort::logKeepsTheFrames()
+void TestSimulatorPort::framesAreKeptUntilCleared()
 {
     Bench bench;
     bench.simulator.plug();

@@ -21,20 +21,20 @@ private slots:
     void requestInPiecesIsAnsweredAfterItsLastByte();
     void twoRequestsInOnePieceGetTwoAnswers();
     void requestAfterGarbageAndSilenceIsAnswered();
-    void requestRightBehindGarbageIsIgnoredLikeByARealReceiver();
+    void requestDirectlyAfterGarbageIsIgnored();
     void lateTimerDoesNotHideTheSilenceBeforeARequest();
-    void floodWithoutSilenceIsForgottenAtTheNextSilence();
+    void noiseIsDroppedAtTheNextSilence();
     void unknownFunctionIsRefusedAfterTheSilence();
     void writeWithWrongByteCountIsRefusedAfterTheSilence();
     void identityIsStoredOnlyOnCommandWithItsCharactersReordered();
     void settingsWithoutStoreWordAreLostInARestart();
-    void storedSlaveIdCountsFromTheRestartOn();
+    void storedSlaveIdAppliesAfterTheRestart();
     void slaveIdOutsideTheRangeIsRefused();
     void speedLimitNeedsItsCommandWord();
     void bootingGripperIsSilentForTheBootTime();
-    void restartDuringABootBeginsItAnew();
-    void pinnedRegisterReadsItsPinWhateverIsWritten();
-    void everyFrameIsReportedWithForeignOnesAndNoise();
+    void restartDuringABootStartsTheBootAgain();
+    void pinnedRegisterKeepsItsValueWhenWritten();
+    void framesForOthersAndNoiseAreReported();
     void answerIsLostWhenTheMasterHasChangedTheRate();
 };
 
@@ -115,15 +115,15 @@ void TestSimulatorProtocol::requestAfterGarbageAndSilenceIsAnswered()
 {
     SimulatorBench bench;
     bench.ask("09 03 ff 00 13");
-    bench.rest();
+    bench.waitForSilence();
     QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
-void TestSimulatorProtocol::requestRightBehindGarbageIsIgnoredLikeByARealReceiver()
+void TestSimulatorProtocol::requestDirectlyAfterGarbageIsIgnored()
 {
     SimulatorBench bench;
     QCOMPARE(bench.ask("55 09 03 01 f4 00 03 44 8d"), QByteArray());
-    bench.rest();
+    bench.waitForSilence();
     QCOMPARE(bench.answered(), QByteArray());
     QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
@@ -131,14 +131,14 @@ void TestSimulatorProtocol::requestRightBehindGarbageIsIgnoredLikeByARealReceive
 void TestSimulatorProtocol::lateTimerDoesNotHideTheSilenceBeforeARequest()
 {
     // A clock whose actions never come: only the arrival times tell of the silence.
-    class DeafTimeline : public sim::Timeline
+    class StoppedTimeline : public sim::Timeline
     {
     public:
         qint64 nowUs() const override { return now; }
         void onNextDueChanged() override {}
         qint64 now = 0;
     };
-    DeafTimeline timeline;
+    StoppedTimeline timeline;
     sim::Line line(timeline);
     sim::RandomSource random;
     const auto identity = sim::GripperIdentity::fromVersion(9, QStringLiteral("TA3-1.6.14"));
@@ -152,14 +152,14 @@ void TestSimulatorProtocol::lateTimerDoesNotHideTheSilenceBeforeARequest()
     QCOMPARE(sent.toHex(' '), QByteArray(versionAnswer));
 }
 
-void TestSimulatorProtocol::floodWithoutSilenceIsForgottenAtTheNextSilence()
+void TestSimulatorProtocol::noiseIsDroppedAtTheNextSilence()
 {
     SimulatorBench bench;
     const QByteArray noise(300, 'U');
     for (int i = 0; i < 20; ++i)
         bench.line.receive(noise, 115200);
     QCOMPARE(bench.ask(versionRequest), QByteArray());
-    bench.rest();
+    bench.waitForSilence();
     QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
@@ -168,7 +168,7 @@ void TestSimulatorProtocol::unknownFunctionIsRefusedAfterTheSilence()
     SimulatorBench bench;
     // ReportSlaveIdRequest of pymodbus.
     QCOMPARE(bench.ask("09 11 c7 ec"), QByteArray());
-    bench.rest();
+    bench.waitForSilence();
     QCOMPARE(bench.answered(), QByteArray("09 91 01 0d 92"));
 }
 
@@ -177,7 +177,7 @@ void TestSimulatorProtocol::writeWithWrongByteCountIsRefusedAfterTheSilence()
     SimulatorBench bench;
     // A write of 3 registers that says 4 bytes, CRC by pymodbus' computeCRC.
     QCOMPARE(bench.ask("09 10 03 e8 00 03 04 01 00 00 00 00 00 51 21"), QByteArray());
-    bench.rest();
+    bench.waitForSilence();
     QCOMPARE(bench.answered(), QByteArray("09 90 03 8d c3"));
 }
 
@@ -207,7 +207,7 @@ void TestSimulatorProtocol::settingsWithoutStoreWordAreLostInARestart()
     QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
-void TestSimulatorProtocol::storedSlaveIdCountsFromTheRestartOn()
+void TestSimulatorProtocol::storedSlaveIdAppliesAfterTheRestart()
 {
     SimulatorBench bench;
     QVector<quint16> settings = bench.gripper.registers().read(430, 5);
@@ -220,7 +220,7 @@ void TestSimulatorProtocol::storedSlaveIdCountsFromTheRestartOn()
     QCOMPARE(bench.ask(restartRequest), QByteArray(restartAnswer));
     bench.timeline.advanceMs(1000);
     QCOMPARE(bench.ask(versionRequest), QByteArray());
-    bench.rest();
+    bench.waitForSilence();
     QCOMPARE(bench.ask("03 03 01 f4 00 03 44 27"), QByteArray("03 03 06 54 41 33 01 06 0e d5 2e"));
 }
 
@@ -254,11 +254,11 @@ void TestSimulatorProtocol::bootingGripperIsSilentForTheBootTime()
     QVERIFY(bench.gripper.isBooting());
     bench.timeline.advanceMs(1);
     QVERIFY(!bench.gripper.isBooting());
-    bench.rest();
+    bench.waitForSilence();
     QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
-void TestSimulatorProtocol::restartDuringABootBeginsItAnew()
+void TestSimulatorProtocol::restartDuringABootStartsTheBootAgain()
 {
     SimulatorBench bench;
     bench.gripper.restart();
@@ -270,7 +270,7 @@ void TestSimulatorProtocol::restartDuringABootBeginsItAnew()
     QVERIFY(!bench.gripper.isBooting());
 }
 
-void TestSimulatorProtocol::pinnedRegisterReadsItsPinWhateverIsWritten()
+void TestSimulatorProtocol::pinnedRegisterKeepsItsValueWhenWritten()
 {
     SimulatorBench bench;
     sim::RegisterBank &registers = bench.gripper.registers();
@@ -285,7 +285,7 @@ void TestSimulatorProtocol::pinnedRegisterReadsItsPinWhateverIsWritten()
     QVERIFY(!registers.pin(700, 1));
 }
 
-void TestSimulatorProtocol::everyFrameIsReportedWithForeignOnesAndNoise()
+void TestSimulatorProtocol::framesForOthersAndNoiseAreReported()
 {
     SimulatorBench bench;
     bench.timeline.advanceMs(7);
@@ -313,7 +313,7 @@ void TestSimulatorProtocol::answerIsLostWhenTheMasterHasChangedTheRate()
     late.value = 50;
     bench.gripper.faults().set(late);
     QCOMPARE(bench.ask(versionRequest), QByteArray());
-    bench.rest();
+    bench.waitForSilence();
     bench.ask("7f", 19200);
     bench.timeline.advanceMs(100);
     QCOMPARE(bench.answered(), QByteArray());
