@@ -2,7 +2,7 @@
 
 #include <QtGlobal>
 
-/// The bytes of the STM32 ROM bootloader's protocol on a serial line.
+/// The bytes of the serial protocol of the STM32 ROM bootloader.
 namespace sim::boot {
 
 constexpr quint8 synchronisationByte = 0x7F;
@@ -18,7 +18,7 @@ constexpr quint8 writeMemoryCommand = 0x31;
 constexpr quint8 eraseCommand = 0x43;
 constexpr quint8 extendedEraseCommand = 0x44;
 
-/// The product id of the microcontroller: an STM32F405 with 1 MiB of flash.
+/// The product id of an STM32F405, which has 1 MiB of flash.
 constexpr quint16 productId = 0x0413;
 
 } // namespace sim::boot

@@ -41,7 +41,7 @@ quint8 checksumOf(const QByteArray &bytes)
     return sum;
 }
 
-/// Whether the last byte is the checksum of all before it.
+/// Whether the last byte is the checksum of the others.
 bool hasValidChecksum(const QByteArray &bytes)
 {
     return checksumOf(bytes) == 0;
@@ -134,7 +134,7 @@ int BootloaderProtocol::expectedLength() const
 QByteArray BootloaderProtocol::handleRequest(const QByteArray &bytes)
 {
     const Step step = m_step;
-    // What is refused, and what is done, leads back to the next command.
+    // A refused or completed request is followed by the next command.
     m_step = Step::Command;
     switch (step) {
     case Step::Synchronisation:
@@ -237,18 +237,18 @@ bool BootloaderProtocol::isPowerFailing()
 QByteArray BootloaderProtocol::handleSectors(const QByteArray &bytes, int width)
 {
     if (!hasValidChecksum(bytes))
-        // The count that means all sectors has its complement behind it, not itself.
+        // The count for all sectors is followed by its complement instead of a checksum.
         return width == 1 && byteAt(bytes, 0) == allSectors && byteAt(bytes, 1) == 0
                    ? eraseSectors(bytes.left(width), width)
                    : refuse();
     return eraseSectors(bytes.chopped(1), width);
 }
 
-/// All or nothing: a sector that cannot be erased refuses the others too.
+/// Erases nothing when one of the sectors cannot be erased.
 QByteArray BootloaderProtocol::eraseSectors(const QByteArray &sectors, int width)
 {
     if (sectors.size() == width) {
-        // Of the words that stand for many only the one for all sectors is known here.
+        // The other special counts mean a bank, which this flash does not have.
         if (sectors != QByteArray(width, static_cast<char>(allSectors)))
             return refuse();
         m_flash.eraseAll();
@@ -282,7 +282,7 @@ QByteArray BootloaderProtocol::describeCommands() const
 
 QByteArray BootloaderProtocol::describeVersion() const
 {
-    // Two bytes of options that no bootloader uses any more.
+    // The two option bytes of this answer are obsolete and 0.
     return acknowledge() + single(m_kind.version) + QByteArray(2, '\0') + acknowledge();
 }
 

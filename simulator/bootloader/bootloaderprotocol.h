@@ -11,37 +11,38 @@ namespace sim {
 class FaultPlan;
 class FlashMemory;
 
-/// The bootloader's side of the protocol: bytes in, answers out, the flash changed on the way.
-/// Knows nothing of time and lines. Every byte that it waits for may take for ever.
+/// The bootloader's side of the protocol. It receives bytes, returns answers and changes the flash.
+/// It knows neither time nor line, so there is no time-out between two bytes.
 class BootloaderProtocol
 {
 public:
-    /// What is to happen beside the answer.
+    /// The action of the caller besides sending the answer.
     enum class Event {
-        None,         ///< it listens on
-        Start,        ///< the firmware is to be started once the answer has gone out
-        PowerFailure, ///< the power fails: no answer, nothing more
+        None,         ///< nothing
+        Start,        ///< starts the firmware after the answer is sent
+        PowerFailure, ///< cuts the power; there is no answer
     };
 
-    /// Everything referred to must outlive the protocol.
+    /// All references must outlive the protocol.
     BootloaderProtocol(const BootloaderKind &kind, FlashMemory &flash, FaultPlan &faults);
 
-    /// As after power-on: waits for the synchronisation byte.
+    /// Returns to the state after power-on, which waits for the synchronisation byte.
     void reset();
-    /// Takes one byte and gives the answer to it, nothing for most.
+    /// Handles one byte. Returns the answer, which is empty unless the byte completes a request.
     QByteArray receive(quint8 byte);
-    /// What the last byte has brought about.
+    /// The event that the latest byte caused.
     Event event() const { return m_event; }
 
 private:
+    /// The part of a request that arrives next.
     enum class Step {
-        Synchronisation, ///< the byte from which the real one learns the rate
+        Synchronisation, ///< the byte from which a real bootloader measures the rate
         Command,         ///< the command and its complement
         Address,         ///< four bytes, highest first, and their checksum
-        ReadCount,       ///< the count less one and its complement
-        Block,           ///< the count less one, the bytes, the checksum of all
-        Sectors,         ///< the count less one, or 0xFF for all, the sectors, the checksum
-        WideSectors,     ///< the same in words, 0xFFFF for all
+        ReadCount,       ///< the count minus one and its complement
+        Block,           ///< the count minus one, the bytes, the checksum of all
+        Sectors,         ///< the count minus one (0xFF means all), the sectors, the checksum
+        WideSectors,     ///< the same in words of 16 bits
     };
     struct Command
     {

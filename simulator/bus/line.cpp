@@ -26,7 +26,7 @@ void Line::removeListener(LineListener *listener)
 void Line::receive(const QByteArray &bytes, int baudRate)
 {
     const qint64 nowUs = m_timeline.nowUs();
-    // The timer may come later than the bytes that follow the gap.
+    // The timer of the silence may fire only after these bytes.
     if (m_isInFrame && nowUs - m_lastByteUs >= frameGapUs)
         notifySilence();
     m_lastByteUs = nowUs;
@@ -36,7 +36,7 @@ void Line::receive(const QByteArray &bytes, int baudRate)
     const QVector<LineListener *> listeners = m_listeners;
     for (LineListener *listener : listeners)
         listener->receive(bytes, baudRate);
-    // Only now: no answer waits for whoever listens to the reports.
+    // Reports come last, so that they do not delay an answer.
     reportRequests();
     if (!m_isWatching)
         watchForSilence(frameGapUs);
@@ -47,7 +47,7 @@ void Line::transmit(const QByteArray &bytes, int baudRate, bool isModbus)
     if (baudRate != m_baudRate)
         return;
     emit bytesToMaster(bytes);
-    // What is being answered belongs before the answer, even if only a silence would end it.
+    // The request is reported before its answer, even if only a silence would end it.
     m_monitor.endFrame();
     reportRequests();
     emit frameSeen({m_timeline.nowUs(), FrameRecord::Direction::Answer, bytes, baudRate, isModbus});

@@ -4,10 +4,10 @@
 
 namespace sim {
 
-/// The function codes that the gripper's firmware carries out.
+/// The function codes that the firmware of a gripper supports.
 constexpr quint8 readHoldingRegisters = 0x03;
 constexpr quint8 writeMultipleRegisters = 0x10;
-/// Set in the function code of an exception answer.
+/// The bit that marks the function code of an exception answer.
 constexpr quint8 exceptionFlag = 0x80;
 
 enum class ModbusException : quint8 {

@@ -16,7 +16,7 @@
 namespace sim {
 
 namespace {
-/// What the link at `path` says, unchanged; empty when it is no link.
+/// The target of the link at `path` as it is spelt. Empty when `path` is not a link.
 QString linkText(const QString &path)
 {
     std::array<char, PATH_MAX> text = {};

@@ -65,7 +65,7 @@ void PtyPort::open()
 
 void PtyPort::close()
 {
-    // Either may be the one whose signal brought us here: deleted when that is over.
+    // This may run inside a signal of either notifier, so they are deleted later.
     for (auto *notifier : {&m_readable, &m_opened}) {
         if (!*notifier)
             continue;
@@ -87,7 +87,7 @@ int PtyPort::baudRate() const
 
 void PtyPort::write(const QByteArray &bytes)
 {
-    // With the port closed the bytes would wait in it for whoever opens it next.
+    // While no master has the port open, the bytes would wait for the next master.
     if (!isOpen() || !m_readable->isEnabled())
         return;
     const ssize_t written = ::write(m_fd, bytes.constData(), static_cast<size_t>(bytes.size()));
@@ -107,7 +107,7 @@ void PtyPort::openNearEnd()
         fail("cannot set the mode of the port");
 }
 
-/// The settings of the far end can be set from here; they outlast its closing.
+/// Both ends share their settings, which stay when the far end is closed.
 void PtyPort::makeRaw()
 {
     termios settings = {};
@@ -122,8 +122,8 @@ void PtyPort::makeRaw()
     connect(m_readable.get(), &QSocketNotifier::activated, this, &PtyPort::onReadable);
 }
 
-/// While nobody has the far end open, reading reports an error at once and for ever; only the
-/// file system tells when it is opened again.
+/// While the far end is closed, the near end is always readable and each read fails. The file
+/// system reports when the far end is opened again.
 void PtyPort::watchOpening()
 {
     m_watchFd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -157,16 +157,16 @@ void PtyPort::onMasterLeft()
         emit stuck();
         return;
     }
-    // Our own opening of the far end was reported too. Forget the reports, then look: a master
-    // who came in between makes reading possible again, one who comes from now on is reported.
+    // resetFarEnd() has opened the far end, which was reported as well. A read decides whether a
+    // master opened it before the reports are dropped; a later opening is reported again.
     drainWatch();
     m_readable->setEnabled(true);
     if (!readAll() && isOpen())
         m_readable->setEnabled(false);
 }
 
-/// Leaves the far end as a serial port is when it is opened for the first time: without unread
-/// input, and not kept for one user. False when it cannot be opened any more.
+/// Drops unread input and ends exclusive use, so that the next master finds a fresh port. Returns
+/// false when exclusive use prevents that.
 bool PtyPort::resetFarEnd()
 {
     int fd =
@@ -179,7 +179,7 @@ bool PtyPort::resetFarEnd()
     return true;
 }
 
-/// Takes in all that is there. False when nobody has the far end open.
+/// Reads everything that has arrived. Returns false when the far end is closed.
 bool PtyPort::readAll()
 {
     std::array<char, bufferSize> buffer = {};

@@ -27,7 +27,7 @@ void RealTimeline::onNextDueChanged()
         m_timer.stop();
         return;
     }
-    // Rounded up: an action never comes before its time.
+    // Rounded up, so that no action runs before its time.
     const qint64 waitUs = qMax<qint64>(0, nextDueUs() - nowUs());
     m_timer.start(static_cast<int>((waitUs + usPerMs - 1) / usPerMs));
 }

@@ -9,7 +9,7 @@ constexpr int unknownLength = 0;
 constexpr int fixedRequestLength = 8;
 constexpr int byteCountOffset = 6;
 constexpr int lengthWithoutData = 9;
-// Longer than any request (a write of 256 data bytes and more); the rest is noise.
+// Longer than any request, so that more bytes without a silence can only be noise.
 constexpr int maxFrameLength = 1024;
 
 bool isFixedLength(quint8 function)
@@ -22,7 +22,7 @@ bool hasByteCount(quint8 function)
     return function == 0x0F || function == 0x10;
 }
 
-/// The length that the request at the front of `bytes` has, as far as they tell it.
+/// The length of the request at the start of `bytes`, if these bytes determine it.
 int requestLength(const QByteArray &bytes)
 {
     if (bytes.size() < fixedRequestLength)

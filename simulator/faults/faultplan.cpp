@@ -61,7 +61,7 @@ std::optional<int> FaultPlan::valueOf(FaultKind kind) const
     return it == m_faults.end() ? std::nullopt : std::optional<int>(it.value().value);
 }
 
-/// The fault behind `it`, which itself is gone when it has struck for the last time.
+/// Removes the fault at `it` when it has struck for the last time. Returns the next fault.
 FaultPlan::Faults::iterator FaultPlan::countDown(Faults::iterator it, bool isStruck)
 {
     if (isStruck && it.value().remaining != Fault::unlimited)

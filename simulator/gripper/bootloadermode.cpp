@@ -6,7 +6,7 @@
 namespace sim {
 
 namespace {
-/// Start bit, eight data bits, parity, stop bit.
+/// Start bit, eight data bits, parity bit, stop bit.
 constexpr qint64 bitsPerByte = 11;
 constexpr qint64 usPerSecond = 1000000;
 } // namespace
@@ -36,7 +36,7 @@ void BootloaderMode::receive(const QByteArray &bytes, int baudRate)
     if (baudRate != m_kind.baudRate)
         return;
     for (const char byte : bytes) {
-        // The bootloader no longer listens once it has started the firmware.
+        // Bytes after the start of the firmware are lost.
         if (m_isOver)
             return;
         ++m_receivedBytes;

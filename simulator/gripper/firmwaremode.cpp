@@ -18,7 +18,7 @@ FirmwareMode::FirmwareMode(ModeHost &gripper, RegisterBank &registers, FaultPlan
 
 void FirmwareMode::receive(const QByteArray &bytes, int baudRate)
 {
-    // A receiver at another rate sees no valid bytes.
+    // At another rate a receiver gets no valid bytes.
     if (baudRate != map::firmwareBaudRate)
         return;
     m_framer.append(bytes);
@@ -60,7 +60,7 @@ void FirmwareMode::answer(const QByteArray &request)
     executeResetCommand();
 }
 
-/// Runs after the answer, so that the master learns that the gripper took the command.
+/// Runs after the answer, so that the master gets the answer to its reset command.
 void FirmwareMode::executeResetCommand()
 {
     const std::optional<quint16> command = m_registers.takeResetCommand();
@@ -68,7 +68,7 @@ void FirmwareMode::executeResetCommand()
         return;
     if (*command == map::restartCommand)
         m_gripper.restart();
-    else // Both words lead here: each gripper has one bootloader.
+    else // Both bootloader commands lead here, because a gripper has only one bootloader.
         m_gripper.restartIntoBootloader();
 }
 

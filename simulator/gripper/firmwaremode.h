@@ -9,8 +9,8 @@ namespace sim {
 
 class FaultPlan;
 
-/// The application firmware: hears requests at 115200 baud, answers those for its own slave id
-/// as its faults allow, and restarts on command.
+/// A gripper that runs its firmware. It receives Modbus requests at 115200 baud, applies the faults
+/// to its answers, and restarts on command.
 class FirmwareMode : public LineListener
 {
 public:
@@ -19,9 +19,9 @@ public:
 
     void receive(const QByteArray &bytes, int baudRate) override;
     void onSilence() override;
-    /// Drops a request that has arrived in part.
+    /// Drops a request that has arrived only in part.
     void clear();
-    /// The id under which the firmware answers.
+    /// The slave id that the firmware answers to.
     quint8 slaveId() const { return m_slaveId; }
     void setSlaveId(quint8 slaveId) { m_slaveId = slaveId; }
 

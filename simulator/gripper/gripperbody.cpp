@@ -5,9 +5,9 @@ namespace sim {
 namespace {
 constexpr int fullyOpen = 0;
 constexpr int fullyClosed = 255;
-constexpr int baseRate = 50;         // steps a second at speed 0
-constexpr int ratePerSpeed = 2;      // and for every unit of speed
-constexpr int autoReleaseRate = 100; // whatever the speed
+constexpr int baseRate = 50;         // steps per second at speed 0
+constexpr int ratePerSpeed = 2;      // added for each unit of speed
+constexpr int autoReleaseRate = 100; // does not depend on the speed
 constexpr int movingCurrent = 8;
 constexpr int speedPerCurrent = 16;
 constexpr int pushingCurrent = 32;
@@ -104,13 +104,13 @@ quint32 GripperBody::usage() const
     return m_isVacuum ? static_cast<quint32>(m_pumpUs / usPerSecond) : m_steps;
 }
 
-/// Brings the counters up to `untilUs`: the present movement has ruled since the last time.
+/// Updates the counters to `untilUs`. The current movement has lasted since the previous update.
 void GripperBody::updateCounters(qint64 untilUs)
 {
     m_steps +=
         static_cast<quint32>(qAbs(m_travel.positionAt(untilUs) - m_travel.positionAt(m_nowUs)));
     if (m_travel.isRising() || m_isBlocked) {
-        // A leak keeps the pump running after the level has stopped rising.
+        // With a leak the pump runs on after the level has stopped rising.
         const qint64 pumpEndUs = m_isBlocked ? untilUs : qMin(untilUs, m_travel.endUs());
         m_pumpUs += qMax<qint64>(0, pumpEndUs - m_nowUs);
     }
@@ -141,7 +141,7 @@ void GripperBody::retarget(qint64 nowUs, bool isNewMove)
 
 void GripperBody::deactivate(qint64 nowUs)
 {
-    // Only the change clears a code: one that is shown while deactivated stays.
+    // Only a change to deactivated clears the fault code, not a repeated command.
     if (m_status == Status::Reset)
         return;
     m_status = Status::Reset;
@@ -154,7 +154,7 @@ void GripperBody::beginActivation(qint64 nowUs)
     ++m_activations;
     m_status = Status::Activating;
     m_activeFromUs = nowUs + m_activationUs;
-    // The fingers open fully on the way, and are open by the end of it.
+    // The fingers open fully during the activation.
     const int from = m_travel.positionAt(nowUs);
     const qint64 rateForAll = from * usPerSecond / qMax<qint64>(1, m_activationUs) + 1;
     startTravel(Travel::move(from, fullyOpen, static_cast<int>(rateForAll), nowUs));
@@ -178,12 +178,12 @@ void GripperBody::beginAutoRelease(qint64 nowUs)
     startTravel(Travel::move(m_travel.positionAt(nowUs), to, autoReleaseRate, nowUs));
 }
 
-/// Where the body is to be by the present command.
+/// The position that the current command requests.
 int GripperBody::goal() const
 {
     if (m_status == Status::Active && m_command.goTo)
         return m_command.position;
-    // Without a go-to fingers stay where they are, and a cup lets its vacuum go.
+    // Without a go-to, fingers keep their position and vacuum falls to 0.
     return m_isVacuum ? 0 : m_travel.positionAt(m_nowUs);
 }
 

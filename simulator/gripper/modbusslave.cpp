@@ -13,7 +13,7 @@ constexpr int byteCountOffset = 6;
 constexpr int dataOffset = 7;
 constexpr int crcLength = 2;
 constexpr int readRequestLength = 8;
-// What one frame can carry.
+// The numbers of registers that fit into one frame.
 constexpr int maxReadCount = 125;
 constexpr int maxWriteCount = 123;
 

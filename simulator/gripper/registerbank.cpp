@@ -247,7 +247,7 @@ ModbusException RegisterBank::writeSettings(int offset, const QVector<quint16> &
 
 ModbusException RegisterBank::writeSpeedLimit(int offset, const QVector<quint16> &values)
 {
-    // The limit is taken only together with its command word.
+    // The limit is valid only together with its command.
     if (offset != 0 || values.size() != 2 || values.first() != map::speedLimitCommand)
         return ModbusException::IllegalValue;
     m_speedLimit = values.last();

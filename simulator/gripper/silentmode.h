@@ -4,7 +4,7 @@
 
 namespace sim {
 
-/// A gripper that is starting up: hears nothing, answers nothing.
+/// A gripper that boots or has no power. It ignores everything.
 class SilentMode : public LineListener
 {
 public:

@@ -55,7 +55,7 @@ void SimulatedGripper::cutPower()
 void SimulatedGripper::boot(int durationMs, const std::function<void()> &end)
 {
     stop(State::Booting);
-    // A restart during a boot begins it anew: only the latest one ends it.
+    // A restart during a boot starts the boot again, so only the latest action may end it.
     const int boot = m_stops;
     m_timeline.after(this, durationMs * usPerMs, [this, boot, end] {
         if (boot == m_stops)
@@ -76,7 +76,7 @@ void SimulatedGripper::stop(State state)
 void SimulatedGripper::startFirmware()
 {
     const QString version = FirmwareImage::versionIn(m_flash.from(m_bootloader.firmwareStart));
-    // The same firmware leaves alone what a test has put into the version registers.
+    // The same firmware does not overwrite version registers that a command has set.
     if (version != m_identity.versionText() && m_identity.setVersion(version))
         m_registers.setVersion(m_identity);
     m_firmwareMode.setSlaveId(m_registers.storedSlaveId());

@@ -2,14 +2,14 @@
 
 #include <QtGlobal>
 
-/// The gripper's holding registers as the simulator offers them: addresses, fields and the
-/// command words. Bit 0 is the least significant bit; a 32-bit value has its low word first.
+/// The holding registers of a gripper: addresses, fields and command words. Bit 0 is the least
+/// significant bit. A 32-bit value has its low word first. Counts are numbers of registers.
 namespace sim::map {
 
-constexpr quint16 resetAddress = 400;         ///< restart commands, reads as 0
-constexpr quint16 identityStoreAddress = 401; ///< stores the identity, reads as 0
-constexpr quint16 settingsAddress = 430;      ///< settings block with its trailer
-constexpr quint16 speedLimitAddress = 438;    ///< command word, then the speed limit at 200 N
+constexpr quint16 resetAddress = 400;         ///< takes restart commands, reads 0
+constexpr quint16 identityStoreAddress = 401; ///< takes the store command, reads 0
+constexpr quint16 settingsAddress = 430;      ///< the settings and their store command
+constexpr quint16 speedLimitAddress = 438;    ///< a command, then the speed limit at 200 N
 constexpr quint16 versionAddress = 500;       ///< product letters and version numbers
 constexpr quint16 identityAddress = 510;      ///< serial number (4) and production year (1)
 constexpr quint16 checksumAddress = 515;      ///< checksum of the microcontroller, 32 bits
@@ -23,7 +23,7 @@ constexpr int storeCommandOffset = 6; ///< in the settings block
 constexpr quint16 storeSettingsCommand = 0x0036;
 constexpr int versionCount = 3;
 constexpr int identityCount = 5;
-constexpr int serialTextCount = 2; ///< registers of characters in the serial number
+constexpr int serialTextCount = 2; ///< characters of the serial number, two each
 constexpr int counterCount = 6;
 constexpr int outputCount = 3;
 constexpr int inputCount = 3;

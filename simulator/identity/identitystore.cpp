@@ -10,7 +10,7 @@ quint16 swapped(quint16 value)
     return static_cast<quint16>(value << 8 | value >> 8);
 }
 
-/// The same place in the other byte order; only characters change theirs.
+/// Converts between the written and the read byte order, which differ for characters only.
 quint16 reordered(int offset, quint16 value)
 {
     return offset < map::serialTextCount ? swapped(value) : value;

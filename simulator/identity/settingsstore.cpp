@@ -5,7 +5,7 @@
 namespace sim {
 
 namespace {
-// What the block holds beside the slave id. Masters hand it back as they read it.
+// The values up to the register of the slave id. Masters read them and write them back unchanged.
 constexpr quint16 factorySettings[] = {0x0003, 0x0008, 0x0001, 0x0000, 0x0100};
 
 quint8 slaveIdIn(const QVector<quint16> &settings)

@@ -21,7 +21,7 @@ QString wordText(quint16 value)
     return QStringLiteral("0x%1").arg(value, 4, 16, QLatin1Char('0'));
 }
 
-/// What is to be told of a gripper that does not run its firmware, with a blank before it.
+/// The state as it is appended to a line, empty for a gripper that runs its firmware.
 QString stateText(const SimulatedGripper &gripper)
 {
     switch (gripper.state()) {

@@ -6,7 +6,7 @@
 
 namespace sim {
 
-/// The commands of the simulator, one a line: a table of names with what they do.
+/// Executes the text commands of the simulator. A table has one row for each command.
 class CommandInterpreter : public QObject
 {
     Q_OBJECT
@@ -15,8 +15,8 @@ public:
     /// `simulator` must outlive the interpreter.
     explicit CommandInterpreter(BusSimulator &simulator, QObject *parent = nullptr);
 
-    /// Carries one line out and gives the lines to print. The last of them, and no other, begins
-    /// with "ok" or "error". An empty line and one that begins with "#" give none.
+    /// Executes one line and returns the lines to print. The last line begins with "ok" or "error",
+    /// the others do not. Returns nothing for an empty line and for a line that begins with "#".
     QStringList execute(const QString &line);
 
 signals:

@@ -15,7 +15,7 @@ struct KindRow
     const char *name;
     const char *meaning;
     FaultKind kind;
-    int minValue; // no value is taken where min and max are 0
+    int minValue; // minimum and maximum are 0 for a kind without VALUE
     int maxValue;
     int defaultValue;
 };
@@ -57,7 +57,7 @@ const KindRow &rowOf(const QString &name)
     throw Failure{QStringLiteral("unknown kind of fault \"%1\", see help").arg(name)};
 }
 
-/// Every kind has a row, which the tests check.
+/// The tests check that every kind has a row.
 const KindRow &rowOf(FaultKind kind)
 {
     return *std::find_if(std::begin(kindRows), std::end(kindRows),
@@ -94,7 +94,7 @@ void readScope(const QString &word, Fault *fault)
     fault->address = static_cast<quint16>(*address);
 }
 
-/// Takes "on SCOPE" off the end of `words`, if it is there.
+/// Reads "on SCOPE" at the end of `words`, if present, and removes it.
 void readScopeWords(QStringList *words, const KindRow &row, Fault *fault)
 {
     if (words->size() < 2 || words->at(words->size() - 2) != QLatin1String("on"))

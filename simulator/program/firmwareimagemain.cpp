@@ -1,4 +1,4 @@
-// Makes firmware images for the simulated grippers.
+// The program gripper-firmware-image.
 #include "firmwareimage.h"
 #include "flashmemory.h"
 #include "gripperidentity.h"
@@ -16,7 +16,7 @@ enum ExitCode { Done = 0, CannotWrite = 1, WrongUsage = 2 };
 constexpr char usageText[] =
     "usage: gripper-firmware-image VERSION FILE [SIZE]\n"
     "Makes a firmware image for the grippers of gripper-simulator.\n"
-    "VERSION is such as TA3-1.6.14, SIZE in bytes (16384) at most 1048576.\n";
+    "VERSION: for example TA3-1.6.14. SIZE: bytes, 16384 by default, at most 1048576.\n";
 
 int refuse()
 {

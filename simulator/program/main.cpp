@@ -11,10 +11,10 @@
 #include <unistd.h>
 
 namespace {
-/// What docs/simulator.md promises.
+/// Documented in docs/simulator.md.
 enum ExitCode { Ended = 0, CannotStart = 1, WrongUsage = 2 };
 
-/// A descriptor of 0 to 2 that is closed would be given to the next thing that is opened.
+/// Opens descriptors 0 to 2 that are closed, so that no pty gets one of these numbers.
 void occupyStandardDescriptors()
 {
     int fd = ::open("/dev/null", O_RDWR);
@@ -38,7 +38,7 @@ int run(const sim::ProgramOptions &options)
 int main(int argc, char *argv[])
 {
     occupyStandardDescriptors();
-    // Whoever read our output may go away; the line stays.
+    // The line stays when the reader of the output closes its pipe.
     std::signal(SIGPIPE, SIG_IGN);
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("gripper-simulator"));

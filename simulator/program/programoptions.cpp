@@ -15,7 +15,7 @@ constexpr int maxTimeMs = 600000;
 constexpr int maxPortMode = 0777;
 constexpr int maxBitsPerSecond = 10000000;
 
-/// The options by name, so that declaring and asking cannot differ.
+/// The names of the options, for their declaration and their reading.
 struct Names
 {
     static QString gripper() { return QStringLiteral("gripper"); }

@@ -7,19 +7,20 @@
 
 namespace sim {
 
-/// What the command line asks for.
+/// The settings from the command line.
 struct ProgramOptions
 {
-    /// The text that --help asks for. When it is not empty, nothing else counts.
+    /// The text to print for --help. If it is not empty, the other settings are not read.
     QString helpText;
     BusSimulator::Config config;
     QVector<GripperOptions> grippers;
-    QMap<quint8, int> objects; ///< slave id to position
+    QMap<quint8, int> objects; ///< position of the object for a slave id
     bool trace = false;
-    QString traceFile; ///< empty: standard output
+    QString traceFile; ///< empty means standard output
     bool quitAtEndOfInput = false;
 
-    /// `arguments` begin with the name of the program. Throws Failure for a wrong command line.
+    /// Reads `arguments`, the first of which is the name of the program. Throws Failure when they
+    /// are wrong.
     static ProgramOptions fromArguments(const QStringList &arguments);
 };
 

@@ -12,7 +12,7 @@ constexpr int quitSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 volatile int s_eventFd = -1;
 
-/// Only async-signal-safe calls here; the event loop does the rest.
+/// Makes only async-signal-safe calls.
 void onSignal(int /*number*/)
 {
     const eventfd_t one = 1;

@@ -9,7 +9,7 @@ namespace sim {
 namespace {
 void writeLine(QFile *file, const QString &line)
 {
-    // In one piece and at once: whoever waits for the line reads it from a pipe.
+    // Written at once and in one piece for readers that wait at a pipe.
     file->write(line.toUtf8() + '\n');
     file->flush();
 }

@@ -10,8 +10,8 @@
 
 namespace sim {
 
-/// The program around a BusSimulator: commands from standard input, answers and the trace to
-/// standard output, the end on a signal.
+/// The program gripper-simulator: reads commands from standard input, prints answers and the trace,
+/// and asks to quit on a signal or a command.
 class SimulatorProgram : public QObject
 {
     Q_OBJECT
@@ -19,7 +19,7 @@ class SimulatorProgram : public QObject
 public:
     explicit SimulatorProgram(const ProgramOptions &options, QObject *parent = nullptr);
 
-    /// Plugs the line in and prints the line that says so. Throws Failure when it cannot.
+    /// Plugs the simulator in and prints the ready line. Throws Failure when it cannot.
     void start();
 
 signals:

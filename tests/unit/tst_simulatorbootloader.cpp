@@ -4,9 +4,9 @@
 
 #include <QTest>
 
-// The bytes come from elsewhere: those of the master were recorded from stm32flash 0.7, those of
-// the bootloader follow the application note AN3155, checksums worked out by hand; the CRCs of
-// Modbus frames come from a few lines of Python.
+// The bytes do not come from the code under test. Those of the master were recorded from stm32flash
+// 0.7. Those of the bootloader follow the application note AN3155, with checksums computed by hand.
+// A Python script computed the CRCs of the Modbus frames.
 namespace {
 const char *const ack = "79";
 const char *const nack = "1f";
@@ -20,7 +20,7 @@ const char *const readWordRequest = "11 ee 08 00 80 00 88 03 fc";
 constexpr int romBaud = 19200;
 constexpr int ownBaud = 115200;
 
-/// A gripper that has arrived in its bootloader.
+/// A gripper that runs its bootloader.
 struct BootloaderBench : SimulatorBench
 {
     explicit BootloaderBench(const char *version = "TA3-1.6.13",
@@ -43,7 +43,7 @@ struct BootloaderBench : SimulatorBench
     int baudRate;
 };
 
-/// Bytes take their time on its line.
+/// A bootloader with a configured rate, which delays its answers.
 struct SlowBench : BootloaderBench
 {
     explicit SlowBench(int bitsPerSecond)
@@ -81,7 +81,7 @@ QByteArray addressBytes(quint32 address)
     return withChecksum(bytes);
 }
 
-/// What a flashing tool sends, in the order in which it sends it; each piece is acknowledged.
+/// The pieces that a flashing tool sends, in their order. The bootloader acknowledges each.
 QList<QByteArray> upgradePieces(quint32 start, const QByteArray &eraseAll, const QByteArray &image)
 {
     QList<QByteArray> pieces{QByteArray::fromHex("7f")};
@@ -105,7 +105,7 @@ QList<QByteArray> upgradePieces(const BootloaderBench &bench, const QString &ver
                          sim::FirmwareImage::make(version, 1024));
 }
 
-/// How many of the pieces were acknowledged before the first that was not.
+/// Sends the pieces until one is not acknowledged. Returns the number of those acknowledged.
 int sendPieces(BootloaderBench &bench, const QList<QByteArray> &pieces)
 {
     int count = 0;
@@ -416,7 +416,7 @@ void TestSimulatorBootloader::upgradeEndsInTheNewFirmware()
     QCOMPARE(bench.gripper.state(), State::Firmware);
     QCOMPARE(bench.ask(versionRequest), answer);
     QCOMPARE(bench.gripper.identity().versionText(), QString::fromLatin1(to));
-    // It is there to stay.
+    // The new firmware also starts after a restart.
     bench.gripper.restart();
     bench.timeline.advanceMs(800);
     QCOMPARE(bench.ask(versionRequest), answer);
@@ -440,7 +440,7 @@ void TestSimulatorBootloader::goWithoutValidFirmwareRestartsTheBootloader()
     QCOMPARE(bench.askBootloader("21 de 08 00 00 00 08"), QByteArray("79 79"));
     bench.timeline.advanceMs(300);
     QCOMPARE(bench.gripper.state(), State::Bootloader);
-    // It has forgotten the synchronisation.
+    // After the restart it needs a new synchronisation.
     QCOMPARE(bench.askBootloader("01 fe"), QByteArray());
     bench.synchronise();
 }
@@ -460,9 +460,9 @@ void TestSimulatorBootloader::secondAttemptSucceedsAfterAPowerCut_data()
     QTest::addColumn<QByteArray>("to");
     QTest::addColumn<int>("piece");
     QTest::addColumn<bool>("isComplete");
-    // An upgrade of 1024 bytes has 17 pieces: 0 synchronises, 1 and 2 erase, 3 to 14 write,
-    // 15 and 16 start. Until the erasing the old firmware is there, after the last block the
-    // new one.
+    // An upgrade of 1024 bytes has 17 pieces: 0 synchronises, 1 and 2 erase, 3 to 14 write, 15 and
+    // 16 start. The flash has the old firmware until the erase and the new one after the last
+    // block.
     for (const int piece : {0, 1, 2, 3, 4, 5, 6, 10, 14, 15, 16}) {
         const bool isComplete = piece <= 2 || piece >= 15;
         QTest::addRow("rom, before piece %d", piece)
@@ -567,7 +567,7 @@ void TestSimulatorBootloader::modbusRequestsDoNotCountForBootloaderFaults()
 
 void TestSimulatorBootloader::configuredRateDelaysAnswers()
 {
-    // Eleven bits a byte: one byte a millisecond, there and back.
+    // With eleven bits per byte, each byte of request and answer takes a millisecond.
     SlowBench bench(11000);
     QCOMPARE(bench.askBootloader("7f"), QByteArray());
     QCOMPARE(bench.answeredAfterMs(1), QByteArray());
@@ -610,7 +610,7 @@ void TestSimulatorBootloader::traceShowsTheRateOfBootloaderBytes()
 }
 
 namespace {
-/// Put together with Python: the digest is hashlib's, over the three lines and the body "hello".
+/// An image made with Python. hashlib computed the digest of the three lines and the body "hello".
 QByteArray foreignImage()
 {
     const QByteArray head = "gripper-simulator firmware\nversion=TB1-1.4.3\nsize=133\n"

@@ -10,7 +10,7 @@ using sim::BusSimulator;
 using sim::ProgramOptions;
 
 namespace {
-/// A line that is not plugged in, with a gripper, and its commands.
+/// A line with one gripper, which is not plugged in, and the interpreter of its commands.
 struct Bench
 {
     Bench() { simulator.addGripper(9, QStringLiteral("TA3-1.6.14")); }

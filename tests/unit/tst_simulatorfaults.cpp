@@ -134,7 +134,7 @@ void TestSimulatorFaults::shareStrikesThatPartOfTheRequests()
     int silent = 0;
     for (int i = 0; i < 1000; ++i)
         silent += bench.ask(versionRequest).isEmpty() ? 1 : 0;
-    // Seeded, so this is no game of chance: 300, give or take three deviations.
+    // The seed makes the number repeatable. It is 300 with a tolerance of three deviations.
     QVERIFY2(qAbs(silent - 300) < 45, qPrintable(QString::number(silent)));
 }
 

@@ -26,7 +26,7 @@ const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
 const char *const versionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
 constexpr int ordinaryUserId = 65534;
 
-/// A line with one gripper and a link in a directory of its own.
+/// A line with one gripper and with a link in a temporary directory.
 struct Bench
 {
     Bench()
@@ -66,7 +66,7 @@ void openAsMaster(QSerialPort &port, const QString &name)
     QVERIFY2(port.open(QIODevice::ReadWrite), qPrintable(port.errorString()));
 }
 
-/// Sends the version request and waits for all of the answer.
+/// Sends the version request and waits for the complete answer.
 QByteArray askVersion(QSerialPort &port)
 {
     port.write(QByteArray::fromHex(versionRequest));
@@ -158,7 +158,7 @@ void TestSimulatorPort::answerIsSentWithinAMillisecond()
         delaysUs.append(frames.at(i).timeUs - frames.at(i - 1).timeUs);
     QCOMPARE(delaysUs.size(), 20);
     std::sort(delaysUs.begin(), delaysUs.end());
-    // The median: a loaded machine may take the processor away now and then.
+    // The median, because a loaded machine delays some answers.
     QVERIFY2(delaysUs.at(10) < 1000, qPrintable(QString::number(delaysUs.at(10))));
 }
 
@@ -205,7 +205,7 @@ void TestSimulatorPort::unreadAnswersAreDroppedWhenThePortCloses()
     QCOMPARE(::write(master, request.constData(), static_cast<size_t>(request.size())),
              ssize_t(request.size()));
     QTRY_COMPARE(seen.size(), 2);
-    // The answer is there, and nothing reads it.
+    // The answer has arrived, but nothing reads it.
     ::close(master);
     QTest::qWait(20);
     const int fd = ::open(bench.path().constData(), O_RDWR | O_NOCTTY | O_NONBLOCK);
@@ -226,7 +226,7 @@ void TestSimulatorPort::idleClosedPortCausesNoEvents()
         QCOMPARE(askVersion(port), QByteArray(versionAnswer));
     }
     QTest::qWait(50);
-    // A turn of the event loop with nothing to do blocks, so a watchdog has to end it.
+    // An idle event loop blocks, so a watchdog ends it.
     int turns = 0;
     QTimer watchdog;
     watchdog.setSingleShot(true);
@@ -255,7 +255,7 @@ void TestSimulatorPort::exclusiveUseEndsWhenTheMasterDies()
     const int fd = ::open(bench.path().constData(), O_RDWR | O_NOCTTY);
     QVERIFY(fd >= 0);
     QCOMPARE(::ioctl(fd, TIOCEXCL), 0);
-    // Closed without giving the exclusive use back, as the kernel does for a killed process.
+    // Closes the port without ending the exclusive use, as the kernel does for a killed process.
     ::close(fd);
     QTest::qWait(50);
     QVERIFY(bench.simulator.isPlugged());
@@ -263,7 +263,8 @@ void TestSimulatorPort::exclusiveUseEndsWhenTheMasterDies()
     const QByteArray path = QFile::encodeName(bench.simulator.linkPath());
     const int again = asOrdinaryUser([&] { return ::open(path.constData(), O_RDWR | O_NOCTTY); });
     const int reason = errno;
-    // As root the pty belongs to root, so an ordinary user may not open it: anything but "busy".
+    // If the test runs as root, the pty belongs to root, and an ordinary user may not open it. Any
+    // error other than EBUSY shows that the exclusive use has ended.
     QVERIFY(again >= 0 || reason != EBUSY);
     if (again >= 0)
         ::close(again);

@@ -130,7 +130,7 @@ void TestSimulatorProtocol::requestDirectlyAfterGarbageIsIgnored()
 
 void TestSimulatorProtocol::lateTimerDoesNotHideTheSilenceBeforeARequest()
 {
-    // A clock whose actions never come: only the arrival times tell of the silence.
+    // A clock that never calls an action: only the arrival times show the silence.
     class StoppedTimeline : public sim::Timeline
     {
     public:
@@ -175,7 +175,7 @@ void TestSimulatorProtocol::unknownFunctionIsRefusedAfterTheSilence()
 void TestSimulatorProtocol::writeWithWrongByteCountIsRefusedAfterTheSilence()
 {
     SimulatorBench bench;
-    // A write of 3 registers that says 4 bytes, CRC by pymodbus' computeCRC.
+    // A write of 3 registers with a byte count of 4. The CRC comes from pymodbus' computeCRC.
     QCOMPARE(bench.ask("09 10 03 e8 00 03 04 01 00 00 00 00 00 51 21"), QByteArray());
     bench.waitForSilence();
     QCOMPARE(bench.answered(), QByteArray("09 90 03 8d c3"));
@@ -186,7 +186,7 @@ void TestSimulatorProtocol::identityIsStoredOnlyOnCommandWithItsCharactersReorde
     SimulatorBench bench;
     sim::RegisterBank &registers = bench.gripper.registers();
     const QVector<quint16> before = registers.read(510, 5);
-    // "XYZ", first character in the low byte; 70000; 2025.
+    // "XYZ" with its first character in the low byte, then 70000, then 2025.
     QCOMPARE(registers.write(510, {0x5958, 0x005A, 4464, 1}), sim::ModbusException::None);
     QCOMPARE(registers.write(514, {2025}), sim::ModbusException::None);
     QCOMPARE(registers.read(510, 5), before);
