@@ -21,24 +21,26 @@ struct KindRow
 };
 
 constexpr KindRow kindRows[] = {
-    {"deaf", "request not heard: not carried out, not answered", FaultKind::Deaf, 0, 0, 0},
-    {"silent", "request carried out, not answered", FaultKind::Silent, 0, 0, 0},
-    {"late", "answer VALUE ms late", FaultKind::Late, 1, 60000, 80},
-    {"exception", "exception answer VALUE, not carried out", FaultKind::Exception, 1, 255, 4},
-    {"wrongId", "answer under slave id VALUE", FaultKind::WrongId, 0, 255, 250},
-    {"wrongFunction", "answer with function code VALUE", FaultKind::WrongFunction, 0, 255, 4},
-    {"badCrc", "answer with a wrong CRC", FaultKind::BadCrc, 0, 0, 0},
-    {"truncated", "the last VALUE bytes of the answer missing", FaultKind::Truncated, 1, 255, 3},
-    {"trailing", "VALUE random bytes behind the answer", FaultKind::Trailing, 1, 255, 3},
-    {"noise", "VALUE random bytes before the answer", FaultKind::Noise, 1, 255, 3},
-    {"echo", "the request before the answer", FaultKind::Echo, 0, 0, 0},
-    {"silentBootloader", "answer of the bootloader missing", FaultKind::SilentBootloader, 0, 0, 0},
-    {"nackWrite", "block refused by the bootloader", FaultKind::NackWrite, 0, 0, 0},
-    {"badVerify", "block stored with its last byte inverted", FaultKind::BadVerify, 0, 0, 0},
-    {"refuseGo", "start of the firmware refused", FaultKind::RefuseGo, 0, 0, 0},
-    {"diesDuringWrite", "power fails while block VALUE is written", FaultKind::DiesDuringWrite, 1,
-     65535, 3},
-    {"doubleAck", "single byte of the bootloader sent twice", FaultKind::DoubleAck, 0, 0, 0},
+    {"deaf", "neither carries out nor answers the request", FaultKind::Deaf, 0, 0, 0},
+    {"silent", "carries out the request and does not answer", FaultKind::Silent, 0, 0, 0},
+    {"late", "answers VALUE ms late", FaultKind::Late, 1, 60000, 80},
+    {"exception", "answers with exception VALUE instead of carrying out the request",
+     FaultKind::Exception, 1, 255, 4},
+    {"wrongId", "answers with slave id VALUE", FaultKind::WrongId, 0, 255, 250},
+    {"wrongFunction", "answers with function code VALUE", FaultKind::WrongFunction, 0, 255, 4},
+    {"badCrc", "answers with a wrong CRC (last byte inverted)", FaultKind::BadCrc, 0, 0, 0},
+    {"truncated", "omits the last VALUE bytes of the answer", FaultKind::Truncated, 1, 255, 3},
+    {"trailing", "sends VALUE random bytes after the answer", FaultKind::Trailing, 1, 255, 3},
+    {"noise", "sends VALUE random bytes before the answer", FaultKind::Noise, 1, 255, 3},
+    {"echo", "sends the request back before the answer", FaultKind::Echo, 0, 0, 0},
+    {"silentBootloader", "carries out the request and does not answer", FaultKind::SilentBootloader,
+     0, 0, 0},
+    {"nackWrite", "refuses the block and does not write it", FaultKind::NackWrite, 0, 0, 0},
+    {"badVerify", "stores the last byte of the block inverted", FaultKind::BadVerify, 0, 0, 0},
+    {"refuseGo", "refuses to start the firmware", FaultKind::RefuseGo, 0, 0, 0},
+    {"diesDuringWrite", "loses power after half of block VALUE, until a restart",
+     FaultKind::DiesDuringWrite, 1, 65535, 3},
+    {"doubleAck", "sends an answer of one byte twice", FaultKind::DoubleAck, 0, 0, 0},
 };
 
 constexpr int maxSharePercent = 100;
@@ -172,8 +174,12 @@ QStringList faultHelp()
         QString line = QStringLiteral("  %1 %2")
                            .arg(QLatin1String(row.name), -16)
                            .arg(QLatin1String(row.meaning));
-        if (takesValue(row))
-            line += QStringLiteral(" (default %1)").arg(row.defaultValue);
+        if (takesValue(row)) {
+            line += QStringLiteral(" (%1 to %2, default %3)")
+                        .arg(row.minValue)
+                        .arg(row.maxValue)
+                        .arg(row.defaultValue);
+        }
         lines.append(line);
     }
     return lines;

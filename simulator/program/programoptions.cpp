@@ -36,41 +36,55 @@ struct Names
     static QString help() { return QStringLiteral("help"); }
 };
 
+QCommandLineOption withDefault(const QString &name, const QString &description,
+                               const QString &valueName, const QString &value)
+{
+    return {name, QStringLiteral("%1 Default: %2.").arg(description, value), valueName, value};
+}
+
+QCommandLineOption durationMs(const QString &name, const QString &what, int value)
+{
+    return withDefault(name, QStringLiteral("Duration of %1.").arg(what), QStringLiteral("MS"),
+                       QString::number(value));
+}
+
 void declare(QCommandLineParser *parser)
 {
+    const BusSimulator::Config defaults;
     parser->setApplicationDescription(QStringLiteral(
-        "Simulates a serial line with grippers on it. Commands come on standard input; the "
-        "command \"help\" lists them."));
+        "Simulates a serial line with grippers. It reads commands from standard input; the command "
+        "\"help\" lists them."));
     parser->addOptions({
         {Names::gripper(),
-         QStringLiteral("A gripper on the line, such as 9=TA3-1.6.14. May be repeated."),
+         QStringLiteral("A gripper on the line, such as 9=TA3-1.6.14. Can be repeated."),
          QStringLiteral("ID=VERSION")},
-        {Names::serial(), QStringLiteral("Its serial number, such as 9=ABC-0042."),
+        {Names::serial(), QStringLiteral("Serial number of a gripper, such as 9=ABC-0042."),
          QStringLiteral("ID=TEXT")},
-        {Names::year(), QStringLiteral("Its production year, such as 9=2023."),
+        {Names::year(), QStringLiteral("Production year of a gripper, such as 9=2023."),
          QStringLiteral("ID=YEAR")},
-        {Names::object(), QStringLiteral("An object that stops it at a position of 0 to 255."),
+        {Names::object(),
+         QStringLiteral("An object that stops a gripper at a position of 0 to 255."),
          QStringLiteral("ID=POSITION")},
-        {Names::link(), QStringLiteral("Link to make to the line's pty."), QStringLiteral("PATH"),
-         QStringLiteral("/dev/ttyTool")},
-        {Names::noLink(), QStringLiteral("Make no link.")},
+        withDefault(Names::link(), QStringLiteral("Path of the link to the pty."),
+                    QStringLiteral("PATH"), QStringLiteral("/dev/ttyTool")),
+        {Names::noLink(), QStringLiteral("Makes no link.")},
         {Names::mode(), QStringLiteral("Octal permission bits of the pty, such as 666."),
          QStringLiteral("MODE")},
-        {Names::boot(), QStringLiteral("How long a restart takes."), QStringLiteral("MS"),
-         QStringLiteral("800")},
-        {Names::bootloaderBoot(), QStringLiteral("How long a restart into the bootloader takes."),
-         QStringLiteral("MS"), QStringLiteral("300")},
-        {Names::bootloaderSpeed(),
-         QStringLiteral("How fast the bootloader's bytes pass, 0 for as fast as they come."),
-         QStringLiteral("BITS"), QStringLiteral("0")},
-        {Names::activation(), QStringLiteral("How long an activation takes."), QStringLiteral("MS"),
-         QStringLiteral("1500")},
-        {Names::seed(), QStringLiteral("Seed of what happens by chance."), QStringLiteral("N"),
-         QStringLiteral("1")},
-        {Names::trace(), QStringLiteral("Print every frame on standard output.")},
-        {Names::traceFile(), QStringLiteral("Write every frame to a file."),
-         QStringLiteral("FILE")},
-        {Names::quit(), QStringLiteral("End when standard input ends.")},
+        durationMs(Names::boot(), QStringLiteral("a restart"), defaults.timing.bootMs),
+        durationMs(Names::bootloaderBoot(), QStringLiteral("a restart into the bootloader"),
+                   defaults.timing.bootloaderBootMs),
+        withDefault(Names::bootloaderSpeed(),
+                    QStringLiteral("Bits per second of the bootloader, which delay its answers; 0 "
+                                   "means no delay."),
+                    QStringLiteral("BITS"),
+                    QString::number(defaults.timing.bootloaderBitsPerSecond)),
+        durationMs(Names::activation(), QStringLiteral("an activation"),
+                   defaults.timing.activationMs),
+        withDefault(Names::seed(), QStringLiteral("Seed of all random decisions."),
+                    QStringLiteral("N"), QString::number(defaults.seed)),
+        {Names::trace(), QStringLiteral("Prints every frame on standard output.")},
+        {Names::traceFile(), QStringLiteral("Writes every frame to FILE."), QStringLiteral("FILE")},
+        {Names::quit(), QStringLiteral("Ends the simulator when standard input ends.")},
     });
     parser->addHelpOption();
 }

@@ -4,9 +4,9 @@
 
 #include <QTest>
 
-// The bytes do not come from the code under test. Those of the master were recorded from stm32flash
-// 0.7. Those of the bootloader follow the application note AN3155, with checksums computed by hand.
-// A Python script computed the CRCs of the Modbus frames.
+// The bytes do not come from the code under test. The bytes of the master are a recording of
+// stm32flash 0.7. The bytes of the bootloader follow the application note AN3155, with checksums
+// computed by hand. A Python script computed the CRCs of the Modbus frames.
 namespace {
 const char *const ack = "79";
 const char *const nack = "1f";

@@ -52,7 +52,6 @@ private slots:
     void showNamesTheStateWithoutFirmware();
     void plugAndUnplugChangeThePort();
     void showListsEverythingAndEndsWithOk();
-    void helpListsEveryCommandAndFault();
     void quitIsForwarded();
     void optionsDescribeTheLine();
     void optionsHaveDefaults();
@@ -234,26 +233,6 @@ void TestSimulatorCommands::showListsEverythingAndEndsWithOk()
                           QStringLiteral("  status=0 position=0 object=0 current=0 fault=0"),
                           QStringLiteral("  fault silent 5 on writes"),
                           QStringLiteral("  pin 2001 0x0300"), QStringLiteral("ok")}));
-}
-
-void TestSimulatorCommands::helpListsEveryCommandAndFault()
-{
-    Bench bench;
-    const QString help = bench.answer("help");
-    const char *const names[] = {"add",           "remove",    "fault",     "clear",
-                                 "set",           "pin",       "release",   "get",
-                                 "object",        "faultcode", "restart",   "show",
-                                 "unplug",        "plug",      "help",      "quit",
-                                 "deaf",          "silent",    "late",      "badCrc",
-                                 "truncated",     "trailing",  "exception", "wrongId",
-                                 "wrongFunction", "noise",     "echo",      "silentBootloader",
-                                 "nackWrite",     "badVerify", "refuseGo",  "diesDuringWrite",
-                                 "doubleAck"};
-    for (const char *name : names)
-        QVERIFY2(help.contains(QStringLiteral("\n  %1 ").arg(QLatin1String(name))) ||
-                     help.startsWith(QStringLiteral("  %1 ").arg(QLatin1String(name))),
-                 name);
-    QVERIFY(help.endsWith(QLatin1String("\nok")));
 }
 
 void TestSimulatorCommands::quitIsForwarded()
