@@ -9,9 +9,9 @@ namespace sim {
 namespace {
 constexpr quint32 ownFirmwareStart = 0x08080000;
 
-constexpr BootloaderKind romBootloader{"rom", 19200, FlashMemory::startAddress, 0x31,
+constexpr BootloaderKind romBootloader{19200, FlashMemory::startAddress, 0x31,
                                        boot::extendedEraseCommand};
-constexpr BootloaderKind ownBootloader{"own", 115200, ownFirmwareStart, 0x22, boot::eraseCommand};
+constexpr BootloaderKind ownBootloader{115200, ownFirmwareStart, 0x22, boot::eraseCommand};
 } // namespace
 
 const BootloaderKind &bootloaderOf(const GripperIdentity &identity)

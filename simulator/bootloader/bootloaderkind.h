@@ -1,6 +1,6 @@
 #pragma once
 
-#include <QByteArray>
+#include <QtGlobal>
 
 namespace sim {
 
@@ -10,7 +10,6 @@ struct GripperIdentity;
 /// STM32 ROM bootloader.
 struct BootloaderKind
 {
-    const char *name;      ///< one word
     int baudRate;          ///< it ignores bytes at any other rate
     quint32 firmwareStart; ///< start of the firmware; lower addresses are write-protected
     quint8 version;        ///< one hexadecimal digit each: 0x31 is version 3.1

@@ -15,7 +15,6 @@ enum class ModbusException : quint8 {
     IllegalFunction = 1,
     IllegalAddress = 2,
     IllegalValue = 3,
-    DeviceFailure = 4,
 };
 
 /// The big-endian word at `offset` of `bytes`.

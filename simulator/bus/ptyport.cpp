@@ -157,8 +157,8 @@ void PtyPort::onMasterLeft()
         emit stuck();
         return;
     }
-    // resetFarEnd() has opened the far end, which was reported as well. A read decides whether a
-    // master opened it before the reports are dropped; a later opening is reported again.
+    // The watch has also reported the opening by resetFarEnd(), so its reports are dropped. A read
+    // then shows whether a master opened the port meanwhile. A later opening is reported again.
     drainWatch();
     m_readable->setEnabled(true);
     if (!readAll() && isOpen())

@@ -110,7 +110,7 @@ void GripperBody::updateCounters(qint64 untilUs)
     m_steps +=
         static_cast<quint32>(qAbs(m_travel.positionAt(untilUs) - m_travel.positionAt(m_nowUs)));
     if (m_travel.isRising() || m_isBlocked) {
-        // With a leak the pump runs on after the level has stopped rising.
+        // With a leak the pump still runs after the level has stopped rising.
         const qint64 pumpEndUs = m_isBlocked ? untilUs : qMin(untilUs, m_travel.endUs());
         m_pumpUs += qMax<qint64>(0, pumpEndUs - m_nowUs);
     }

@@ -9,7 +9,7 @@
 using Rows = QList<QStringList>;
 
 namespace {
-/// What the manuals must repeat of an option.
+/// An option as the manuals must repeat it.
 struct Option
 {
     QString call; ///< such as "--boot-ms MS"
