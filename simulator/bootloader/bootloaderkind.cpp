@@ -7,15 +7,16 @@
 namespace sim {
 
 namespace {
-constexpr quint32 kOwnFirmwareStart = 0x08080000;
+constexpr quint32 ownFirmwareStart = 0x08080000;
 
-constexpr BootloaderKind kRom{"rom", 19200, FlashMemory::__start, 0x31, boot::kExtendedErase};
-constexpr BootloaderKind kOwn{"own", 115200, kOwnFirmwareStart, 0x22, boot::kErase};
+constexpr BootloaderKind romBootloader{19200, FlashMemory::startAddress, 0x31,
+                                       boot::extendedEraseCommand};
+constexpr BootloaderKind ownBootloader{115200, ownFirmwareStart, 0x22, boot::eraseCommand};
 } // namespace
 
 const BootloaderKind &bootloaderOf(const GripperIdentity &identity)
 {
-    return identity.isVacuum() ? kOwn : kRom;
+    return identity.isVacuum() ? ownBootloader : romBootloader;
 }
 
 } // namespace sim

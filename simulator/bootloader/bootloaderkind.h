@@ -1,23 +1,22 @@
 #pragma once
 
-#include <QByteArray>
+#include <QtGlobal>
 
 namespace sim {
 
 struct GripperIdentity;
 
-/// One of the two bootloaders that grippers have. Both take the commands of the STM32 ROM
-/// bootloader; they differ in where they listen and in what they may write.
+/// The properties of one of the two kinds of bootloader. Both kinds understand the commands of the
+/// STM32 ROM bootloader.
 struct BootloaderKind
 {
-    const char *name;      ///< one word
-    int baudRate;          ///< the only rate at which it hears anything
-    quint32 firmwareStart; ///< where the firmware begins; nothing below can be written or erased
-    quint8 version;        ///< as two digits, 0x31 for 3.1
-    quint8 eraseCommand;   ///< the one that it names among its commands; it takes both
+    int baudRate;          ///< it ignores bytes at any other rate
+    quint32 firmwareStart; ///< start of the firmware; lower addresses are write-protected
+    quint8 version;        ///< one hexadecimal digit each: 0x31 is version 3.1
+    quint8 eraseCommand;   ///< the erase command in its command list; it accepts both
 };
 
-/// The bootloader that a gripper of this family has.
+/// The kind of bootloader in a gripper with this identity.
 const BootloaderKind &bootloaderOf(const GripperIdentity &identity);
 
 } // namespace sim

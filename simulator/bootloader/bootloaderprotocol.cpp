@@ -7,11 +7,11 @@
 namespace sim {
 
 namespace {
-constexpr quint8 kAll = 0xFF;
-constexpr quint8 kSpecialWords = 0xFF; ///< first byte of a word that stands for many sectors
-constexpr int kAddressLength = 5;
-constexpr int kWordAlignment = 4;
-constexpr quint8 kByteMask = 0xFF;
+constexpr quint8 allSectors = 0xFF;           ///< each byte of the count that means all sectors
+constexpr quint32 firstSpecialCount = 0xFFF0; ///< in words; from here on counts mean many sectors
+constexpr int addressLength = 5;
+constexpr int wordSize = 4;
+constexpr quint8 byteMask = 0xFF;
 
 quint8 byteAt(const QByteArray &bytes, int offset)
 {
@@ -25,12 +25,12 @@ QByteArray single(quint8 byte)
 
 QByteArray acknowledge()
 {
-    return single(boot::kAcknowledge);
+    return single(boot::ackByte);
 }
 
 QByteArray refuse()
 {
-    return single(boot::kRefuse);
+    return single(boot::nackByte);
 }
 
 quint8 checksumOf(const QByteArray &bytes)
@@ -41,15 +41,15 @@ quint8 checksumOf(const QByteArray &bytes)
     return sum;
 }
 
-/// Whether the last byte is the checksum of all before it.
-bool isSound(const QByteArray &bytes)
+/// Whether the last byte is the checksum of the others.
+bool hasValidChecksum(const QByteArray &bytes)
 {
     return checksumOf(bytes) == 0;
 }
 
-bool isComplemented(const QByteArray &pair)
+bool isComplementPair(const QByteArray &pair)
 {
-    return (byteAt(pair, 0) ^ byteAt(pair, 1)) == kByteMask;
+    return (byteAt(pair, 0) ^ byteAt(pair, 1)) == byteMask;
 }
 
 quint32 numberIn(const QByteArray &bytes, int offset, int width)
@@ -64,8 +64,8 @@ int lengthOfSectors(const QByteArray &pending, int width)
 {
     if (pending.size() < width)
         return width;
-    const bool isSpecial =
-        width == 1 ? byteAt(pending, 0) == kAll : numberIn(pending, 0, width) >= 0xFFF0;
+    const bool isSpecial = width == 1 ? byteAt(pending, 0) == allSectors
+                                      : numberIn(pending, 0, width) >= firstSpecialCount;
     const int count = isSpecial ? 0 : static_cast<int>(numberIn(pending, 0, width)) + 1;
     return width * (1 + count) + 1;
 }
@@ -73,15 +73,15 @@ int lengthOfSectors(const QByteArray &pending, int width)
 
 using Self = BootloaderProtocol;
 
-const Self::Command Self::__commands[] = {
-    {boot::kGet, Step::Command, &Self::describeCommands},
-    {boot::kGetVersion, Step::Command, &Self::describeVersion},
-    {boot::kGetId, Step::Command, &Self::describeProduct},
-    {boot::kReadMemory, Step::Address, &Self::justAcknowledge},
-    {boot::kGo, Step::Address, &Self::justAcknowledge},
-    {boot::kWriteMemory, Step::Address, &Self::justAcknowledge},
-    {boot::kErase, Step::Sectors, &Self::justAcknowledge},
-    {boot::kExtendedErase, Step::WideSectors, &Self::justAcknowledge},
+const Self::Command Self::commands[] = {
+    {boot::getCommand, Step::Command, &Self::describeCommands},
+    {boot::getVersionCommand, Step::Command, &Self::describeVersion},
+    {boot::getIdCommand, Step::Command, &Self::describeProductId},
+    {boot::readMemoryCommand, Step::Address, &Self::acceptCommand},
+    {boot::goCommand, Step::Address, &Self::acceptCommand},
+    {boot::writeMemoryCommand, Step::Address, &Self::acceptCommand},
+    {boot::eraseCommand, Step::Sectors, &Self::acceptCommand},
+    {boot::extendedEraseCommand, Step::WideSectors, &Self::acceptCommand},
 };
 
 BootloaderProtocol::BootloaderProtocol(const BootloaderKind &kind, FlashMemory &flash,
@@ -100,18 +100,18 @@ void BootloaderProtocol::reset()
     m_blocks = 0;
 }
 
-QByteArray BootloaderProtocol::take(quint8 byte)
+QByteArray BootloaderProtocol::receive(quint8 byte)
 {
     m_event = Event::None;
     m_pending.append(static_cast<char>(byte));
-    if (m_pending.size() < wantedLength())
+    if (m_pending.size() < expectedLength())
         return QByteArray();
     const QByteArray bytes = m_pending;
     m_pending.clear();
-    return takeWhole(bytes);
+    return handleRequest(bytes);
 }
 
-int BootloaderProtocol::wantedLength() const
+int BootloaderProtocol::expectedLength() const
 {
     switch (m_step) {
     case Step::Synchronisation:
@@ -120,7 +120,7 @@ int BootloaderProtocol::wantedLength() const
     case Step::ReadCount:
         return 2;
     case Step::Address:
-        return kAddressLength;
+        return addressLength;
     case Step::Block:
         return byteAt(m_pending, 0) + 3;
     case Step::Sectors:
@@ -131,38 +131,38 @@ int BootloaderProtocol::wantedLength() const
     return 1;
 }
 
-QByteArray BootloaderProtocol::takeWhole(const QByteArray &bytes)
+QByteArray BootloaderProtocol::handleRequest(const QByteArray &bytes)
 {
     const Step step = m_step;
-    // What is refused, and what is done, leads back to the next command.
+    // A refused or completed request is followed by the next command.
     m_step = Step::Command;
     switch (step) {
     case Step::Synchronisation:
-        if (byteAt(bytes, 0) == boot::kSynchronise)
+        if (byteAt(bytes, 0) == boot::synchronisationByte)
             return acknowledge();
         m_step = Step::Synchronisation;
         return QByteArray();
     case Step::Command:
-        return takeCommand(bytes);
+        return handleCommand(bytes);
     case Step::Address:
-        return takeAddress(bytes);
+        return handleAddress(bytes);
     case Step::ReadCount:
-        return takeReadCount(bytes);
+        return handleReadCount(bytes);
     case Step::Block:
-        return takeBlock(bytes);
+        return handleBlock(bytes);
     case Step::Sectors:
-        return takeSectors(bytes, 1);
+        return handleSectors(bytes, 1);
     case Step::WideSectors:
-        return takeSectors(bytes, 2);
+        return handleSectors(bytes, 2);
     }
     return QByteArray();
 }
 
-QByteArray BootloaderProtocol::takeCommand(const QByteArray &bytes)
+QByteArray BootloaderProtocol::handleCommand(const QByteArray &bytes)
 {
-    if (!isComplemented(bytes))
+    if (!isComplementPair(bytes))
         return refuse();
-    for (const Command &command : __commands) {
+    for (const Command &command : commands) {
         if (command.code != byteAt(bytes, 0))
             continue;
         m_command = command.code;
@@ -172,16 +172,16 @@ QByteArray BootloaderProtocol::takeCommand(const QByteArray &bytes)
     return refuse();
 }
 
-QByteArray BootloaderProtocol::takeAddress(const QByteArray &bytes)
+QByteArray BootloaderProtocol::handleAddress(const QByteArray &bytes)
 {
-    if (!isSound(bytes))
+    if (!hasValidChecksum(bytes))
         return refuse();
-    m_address = numberIn(bytes, 0, kAddressLength - 1);
-    if (m_command == boot::kReadMemory)
+    m_address = numberIn(bytes, 0, addressLength - 1);
+    if (m_command == boot::readMemoryCommand)
         return acceptAddress(Step::ReadCount, m_flash.contains(m_address, 1));
-    if (m_command == boot::kWriteMemory)
-        return acceptAddress(Step::Block, m_flash.isWritable(m_address, kWordAlignment) &&
-                                              m_address % kWordAlignment == 0);
+    if (m_command == boot::writeMemoryCommand)
+        return acceptAddress(Step::Block,
+                             m_flash.isWritable(m_address, wordSize) && m_address % wordSize == 0);
     return go();
 }
 
@@ -201,25 +201,25 @@ QByteArray BootloaderProtocol::go()
     return acknowledge();
 }
 
-QByteArray BootloaderProtocol::takeReadCount(const QByteArray &bytes)
+QByteArray BootloaderProtocol::handleReadCount(const QByteArray &bytes)
 {
     const int count = byteAt(bytes, 0) + 1;
-    if (!isComplemented(bytes) || !m_flash.contains(m_address, count))
+    if (!isComplementPair(bytes) || !m_flash.contains(m_address, count))
         return refuse();
     return acknowledge() + m_flash.read(m_address, count);
 }
 
-QByteArray BootloaderProtocol::takeBlock(const QByteArray &bytes)
+QByteArray BootloaderProtocol::handleBlock(const QByteArray &bytes)
 {
     QByteArray data = bytes.mid(1, bytes.size() - 2);
     const bool isAllowed =
-        data.size() % kWordAlignment == 0 && m_flash.isWritable(m_address, data.size());
-    if (!isSound(bytes) || !isAllowed || m_faults.strike(FaultKind::NackWrite))
+        data.size() % wordSize == 0 && m_flash.isWritable(m_address, data.size());
+    if (!hasValidChecksum(bytes) || !isAllowed || m_faults.strike(FaultKind::NackWrite))
         return refuse();
     ++m_blocks;
-    if (diesNow()) {
+    if (isPowerFailing()) {
         m_flash.write(m_address, data.left(data.size() / 2));
-        m_event = Event::Die;
+        m_event = Event::PowerFailure;
         return QByteArray();
     }
     if (m_faults.strike(FaultKind::BadVerify))
@@ -228,28 +228,28 @@ QByteArray BootloaderProtocol::takeBlock(const QByteArray &bytes)
     return acknowledge();
 }
 
-bool BootloaderProtocol::diesNow()
+bool BootloaderProtocol::isPowerFailing()
 {
     const std::optional<int> block = m_faults.valueOf(FaultKind::DiesDuringWrite);
     return block == m_blocks && m_faults.strike(FaultKind::DiesDuringWrite);
 }
 
-QByteArray BootloaderProtocol::takeSectors(const QByteArray &bytes, int width)
+QByteArray BootloaderProtocol::handleSectors(const QByteArray &bytes, int width)
 {
-    if (!isSound(bytes))
-        // The count that means all sectors has its complement behind it, not itself.
-        return width == 1 && byteAt(bytes, 0) == kAll && byteAt(bytes, 1) == 0
+    if (!hasValidChecksum(bytes))
+        // The count for all sectors is followed by its complement instead of a checksum.
+        return width == 1 && byteAt(bytes, 0) == allSectors && byteAt(bytes, 1) == 0
                    ? eraseSectors(bytes.left(width), width)
                    : refuse();
     return eraseSectors(bytes.chopped(1), width);
 }
 
-/// All or nothing: a sector that cannot be erased refuses the others too.
+/// Erases nothing when one of the sectors cannot be erased.
 QByteArray BootloaderProtocol::eraseSectors(const QByteArray &sectors, int width)
 {
     if (sectors.size() == width) {
-        // Of the words that stand for many only the one for all sectors is known here.
-        if (sectors != QByteArray(width, static_cast<char>(kSpecialWords)))
+        // The other special counts mean a bank, which this flash does not have.
+        if (sectors != QByteArray(width, static_cast<char>(allSectors)))
             return refuse();
         m_flash.eraseAll();
         return acknowledge();
@@ -263,7 +263,7 @@ QByteArray BootloaderProtocol::eraseSectors(const QByteArray &sectors, int width
     return acknowledge();
 }
 
-QByteArray BootloaderProtocol::justAcknowledge() const
+QByteArray BootloaderProtocol::acceptCommand() const
 {
     return acknowledge();
 }
@@ -271,7 +271,7 @@ QByteArray BootloaderProtocol::justAcknowledge() const
 QByteArray BootloaderProtocol::describeCommands() const
 {
     QByteArray list = single(m_kind.version);
-    for (const Command &command : __commands) {
+    for (const Command &command : commands) {
         const bool isOtherErase = command.next != Step::Address && command.next != Step::Command &&
                                   command.code != m_kind.eraseCommand;
         if (!isOtherErase)
@@ -282,14 +282,14 @@ QByteArray BootloaderProtocol::describeCommands() const
 
 QByteArray BootloaderProtocol::describeVersion() const
 {
-    // Two bytes of options that no bootloader uses any more.
+    // The two option bytes of this answer are obsolete and 0.
     return acknowledge() + single(m_kind.version) + QByteArray(2, '\0') + acknowledge();
 }
 
-QByteArray BootloaderProtocol::describeProduct() const
+QByteArray BootloaderProtocol::describeProductId() const
 {
-    return acknowledge() + single(1) + single(boot::kProductId >> 8) +
-           single(boot::kProductId & kByteMask) + acknowledge();
+    return acknowledge() + single(1) + single(boot::productId >> 8) +
+           single(boot::productId & byteMask) + acknowledge();
 }
 
 } // namespace sim

@@ -11,37 +11,38 @@ namespace sim {
 class FaultPlan;
 class FlashMemory;
 
-/// The bootloader's side of the protocol: bytes in, answers out, the flash changed on the way.
-/// Knows nothing of time and lines. Every byte that it waits for may take for ever.
+/// The bootloader's side of the protocol. It receives bytes, returns answers and changes the flash.
+/// It knows neither time nor line, so there is no time-out between two bytes.
 class BootloaderProtocol
 {
 public:
-    /// What is to happen beside the answer.
+    /// The action of the caller besides sending the answer.
     enum class Event {
-        None,  ///< it listens on
-        Start, ///< the firmware is to be started once the answer has gone out
-        Die,   ///< the power fails: no answer, nothing more
+        None,         ///< nothing
+        Start,        ///< starts the firmware after the answer is sent
+        PowerFailure, ///< cuts the power; there is no answer
     };
 
-    /// Everything referred to must outlive the protocol.
+    /// All references must outlive the protocol.
     BootloaderProtocol(const BootloaderKind &kind, FlashMemory &flash, FaultPlan &faults);
 
-    /// As after power-on: waits for the synchronisation byte.
+    /// Returns to the state after power-on, which waits for the synchronisation byte.
     void reset();
-    /// Takes one byte and gives the answer to it, nothing for most.
-    QByteArray take(quint8 byte);
-    /// What the last byte has brought about.
+    /// Handles one byte. Returns the answer, which is empty unless the byte completes a request.
+    QByteArray receive(quint8 byte);
+    /// The event that the latest byte caused.
     Event event() const { return m_event; }
 
 private:
+    /// The part of a request that arrives next.
     enum class Step {
-        Synchronisation, ///< the byte from which the real one learns the rate
+        Synchronisation, ///< the byte from which a real bootloader measures the rate
         Command,         ///< the command and its complement
         Address,         ///< four bytes, highest first, and their checksum
-        ReadCount,       ///< the count less one and its complement
-        Block,           ///< the count less one, the bytes, the checksum of all
-        Sectors,         ///< the count less one, or 0xFF for all, the sectors, the checksum
-        WideSectors,     ///< the same in words, 0xFFFF for all
+        ReadCount,       ///< the count minus one and its complement
+        Block,           ///< the count minus one, the bytes, the checksum of all
+        Sectors,         ///< the count minus one (0xFF means all), the sectors, the checksum
+        WideSectors,     ///< the same in words of 16 bits
     };
     struct Command
     {
@@ -49,24 +50,24 @@ private:
         Step next;
         QByteArray (BootloaderProtocol::*answer)() const;
     };
-    static const Command __commands[];
+    static const Command commands[];
 
-    int wantedLength() const;
-    QByteArray takeWhole(const QByteArray &bytes);
-    QByteArray takeCommand(const QByteArray &bytes);
-    QByteArray takeAddress(const QByteArray &bytes);
-    QByteArray takeReadCount(const QByteArray &bytes);
-    QByteArray takeBlock(const QByteArray &bytes);
-    QByteArray takeSectors(const QByteArray &bytes, int width);
+    int expectedLength() const;
+    QByteArray handleRequest(const QByteArray &bytes);
+    QByteArray handleCommand(const QByteArray &bytes);
+    QByteArray handleAddress(const QByteArray &bytes);
+    QByteArray handleReadCount(const QByteArray &bytes);
+    QByteArray handleBlock(const QByteArray &bytes);
+    QByteArray handleSectors(const QByteArray &bytes, int width);
     QByteArray acceptAddress(Step next, bool isAllowed);
     QByteArray go();
     QByteArray eraseSectors(const QByteArray &sectors, int width);
-    bool diesNow();
+    bool isPowerFailing();
 
-    QByteArray justAcknowledge() const;
+    QByteArray acceptCommand() const;
     QByteArray describeCommands() const;
     QByteArray describeVersion() const;
-    QByteArray describeProduct() const;
+    QByteArray describeProductId() const;
 
     const BootloaderKind &m_kind;
     FlashMemory &m_flash;

@@ -3,9 +3,9 @@
 namespace sim {
 
 namespace {
-constexpr char kErased = '\xFF';
-constexpr int kKiB = 1024;
-constexpr int kSectorKiB[] = {16, 16, 16, 16, 64, 128, 128, 128, 128, 128, 128, 128};
+constexpr char erasedByte = '\xFF';
+constexpr int bytesPerKiB = 1024;
+constexpr int sectorSizesKiB[] = {16, 16, 16, 16, 64, 128, 128, 128, 128, 128, 128, 128};
 
 struct Span
 {
@@ -17,22 +17,22 @@ Span spanOf(int sector)
 {
     Span span;
     for (int i = 0; i < sector; ++i)
-        span.offset += kSectorKiB[i] * kKiB;
-    span.size = kSectorKiB[sector] * kKiB;
+        span.offset += sectorSizesKiB[i] * bytesPerKiB;
+    span.size = sectorSizesKiB[sector] * bytesPerKiB;
     return span;
 }
 } // namespace
 
 FlashMemory::FlashMemory(quint32 protectedBelow)
     : m_protectedBelow(protectedBelow)
-    , m_bytes(__size, kErased)
+    , m_bytes(sizeBytes, erasedByte)
 {
 }
 
 bool FlashMemory::contains(quint32 address, int count) const
 {
-    return address >= __start && count <= __size &&
-           address - __start <= static_cast<quint32>(__size - count);
+    return address >= startAddress && count <= sizeBytes &&
+           address - startAddress <= static_cast<quint32>(sizeBytes - count);
 }
 
 bool FlashMemory::isWritable(quint32 address, int count) const
@@ -59,19 +59,19 @@ void FlashMemory::write(quint32 address, const QByteArray &bytes)
 
 bool FlashMemory::isErasable(int sector) const
 {
-    return sector >= 0 && sector < __sectorCount &&
-           __start + static_cast<quint32>(spanOf(sector).offset) >= m_protectedBelow;
+    return sector >= 0 && sector < sectorCount &&
+           startAddress + static_cast<quint32>(spanOf(sector).offset) >= m_protectedBelow;
 }
 
 void FlashMemory::erase(int sector)
 {
     const Span span = spanOf(sector);
-    m_bytes.replace(span.offset, span.size, QByteArray(span.size, kErased));
+    m_bytes.replace(span.offset, span.size, QByteArray(span.size, erasedByte));
 }
 
 void FlashMemory::eraseAll()
 {
-    for (int sector = 0; sector < __sectorCount; ++sector) {
+    for (int sector = 0; sector < sectorCount; ++sector) {
         if (isErasable(sector))
             erase(sector);
     }

@@ -4,7 +4,7 @@
 
 namespace sim {
 
-/// The bits a second that a termios speed constant stands for; 0 for one that is not known.
+/// Converts a termios speed constant to bits per second. Returns 0 for an unknown constant.
 int baudRateOf(speed_t speed);
 
 } // namespace sim

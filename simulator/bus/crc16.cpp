@@ -3,22 +3,22 @@
 namespace sim {
 
 namespace {
-constexpr unsigned kStart = 0xFFFF;
-constexpr unsigned kPolynomial = 0xA001;
-constexpr int kShortestFrame = 4;
+constexpr unsigned initialCrc = 0xFFFF;
+constexpr unsigned polynomial = 0xA001;
+constexpr int minFrameLength = 4;
 
 unsigned addByte(unsigned crc, quint8 byte)
 {
     crc ^= byte;
     for (int bit = 0; bit < 8; ++bit)
-        crc = (crc & 1U) != 0 ? (crc >> 1) ^ kPolynomial : crc >> 1;
+        crc = (crc & 1U) != 0 ? (crc >> 1) ^ polynomial : crc >> 1;
     return crc;
 }
 } // namespace
 
 quint16 crc16(const QByteArray &bytes)
 {
-    unsigned crc = kStart;
+    unsigned crc = initialCrc;
     for (const char byte : bytes)
         crc = addByte(crc, static_cast<quint8>(byte));
     return static_cast<quint16>(crc);
@@ -35,7 +35,7 @@ QByteArray withCrc(const QByteArray &bytes)
 
 bool hasValidCrc(const QByteArray &frame)
 {
-    return frame.size() >= kShortestFrame && withCrc(frame.chopped(2)) == frame;
+    return frame.size() >= minFrameLength && withCrc(frame.chopped(2)) == frame;
 }
 
 } // namespace sim

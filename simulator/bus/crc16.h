@@ -4,13 +4,14 @@
 
 namespace sim {
 
-/// CRC-16 of Modbus RTU over `bytes`; 0xFFFF for none.
+/// The CRC-16 of Modbus RTU over `bytes`. It is 0xFFFF for no bytes.
 quint16 crc16(const QByteArray &bytes);
 
-/// `bytes` with their CRC behind them, low byte first.
+/// Returns `bytes` followed by their CRC, low byte first.
 QByteArray withCrc(const QByteArray &bytes);
 
-/// Whether the last two bytes of `frame` are the CRC of all before them. False below 4 bytes.
+/// Whether the last two bytes of `frame` are the CRC of the other bytes. False for less than 4
+/// bytes.
 bool hasValidCrc(const QByteArray &frame);
 
 } // namespace sim

@@ -3,24 +3,24 @@
 namespace sim {
 
 namespace {
-constexpr double kUsPerMs = 1000.0;
-constexpr int kTimeWidth = 12;
-constexpr int kTimeDecimals = 3;
+constexpr double usPerMs = 1000.0;
+constexpr int timeWidth = 12;
+constexpr int timeDecimals = 3;
 } // namespace
 
 void FrameLog::append(const FrameRecord &frame)
 {
     m_frames.append(frame);
-    if (m_frames.size() > __maxFrames)
+    if (m_frames.size() > maxFrames)
         m_frames.removeFirst();
 }
 
 QString traceLine(const FrameRecord &frame)
 {
-    const double timeMs = static_cast<double>(frame.timeUs) / kUsPerMs;
+    const double timeMs = static_cast<double>(frame.timeUs) / usPerMs;
     const bool isRequest = frame.direction == FrameRecord::Direction::Request;
     const QString line = QStringLiteral("%1 %2 %3")
-                             .arg(timeMs, kTimeWidth, 'f', kTimeDecimals)
+                             .arg(timeMs, timeWidth, 'f', timeDecimals)
                              .arg(isRequest ? QLatin1Char('>') : QLatin1Char('<'))
                              .arg(QString::fromLatin1(frame.bytes.toHex(' ')));
     return frame.isModbus ? line : QStringLiteral("%1 @%2").arg(line).arg(frame.baudRate);

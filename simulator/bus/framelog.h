@@ -7,12 +7,11 @@
 
 namespace sim {
 
-/// The latest frames of the line, oldest first.
+/// Keeps the latest frames of the line, oldest first.
 class FrameLog
 {
 public:
-    /// So many are kept.
-    static constexpr int __maxFrames = 10000;
+    static constexpr int maxFrames = 10000;
 
     void append(const FrameRecord &frame);
     void clear() { m_frames.clear(); }
@@ -22,9 +21,9 @@ private:
     QList<FrameRecord> m_frames;
 };
 
-/// One line of the trace, without line ending: milliseconds, ">" for a frame from the master or
-/// "<" for an answer, the bytes in hex, all separated by one space; the time is padded on the
-/// left. Behind what is no Modbus stands "@" with the rate.
+/// One line of the trace, without line ending. It has the time in milliseconds (padded on the
+/// left), ">" for a request or "<" for an answer, and the bytes in hexadecimal. A frame that is not
+/// Modbus is followed by "@" and the baud rate.
 QString traceLine(const FrameRecord &frame);
 
 } // namespace sim

@@ -5,19 +5,19 @@
 
 namespace sim {
 
-/// One frame as it passed on the line.
+/// One frame that passed on the line.
 struct FrameRecord
 {
     enum class Direction {
-        Request, ///< from the master: for us, for others, or noise
+        Request, ///< from the master: a request to any slave id, or noise
         Answer,  ///< from a gripper
     };
 
-    qint64 timeUs = 0; ///< last byte heard, or answer sent; on the simulator's timeline
+    qint64 timeUs = 0; ///< arrival of the last byte, or sending of the answer
     Direction direction = Direction::Request;
     QByteArray bytes;
-    int baudRate = 0;      ///< at which they passed
-    bool isModbus = false; ///< a whole request of Modbus, or an answer of a firmware
+    int baudRate = 0;      ///< the rate of the bytes
+    bool isModbus = false; ///< a complete Modbus request, or an answer from a firmware
 };
 
 } // namespace sim

@@ -26,20 +26,20 @@ void Line::removeListener(LineListener *listener)
 void Line::receive(const QByteArray &bytes, int baudRate)
 {
     const qint64 nowUs = m_timeline.nowUs();
-    // The timer may come later than the bytes that follow the gap.
-    if (m_isInFrame && nowUs - m_lastByteUs >= __gapUs)
-        announceSilence();
+    // The timer of the silence may fire only after these bytes.
+    if (m_isInFrame && nowUs - m_lastByteUs >= frameGapUs)
+        notifySilence();
     m_lastByteUs = nowUs;
     m_isInFrame = true;
     m_baudRate = baudRate;
     m_monitor.append(bytes);
     const QVector<LineListener *> listeners = m_listeners;
     for (LineListener *listener : listeners)
-        listener->hear(bytes, baudRate);
-    // Only now: no answer waits for whoever listens to the reports.
+        listener->receive(bytes, baudRate);
+    // Reports come last, so that they do not delay an answer.
     reportRequests();
     if (!m_isWatching)
-        watchForSilence(__gapUs);
+        watchForSilence(frameGapUs);
 }
 
 void Line::transmit(const QByteArray &bytes, int baudRate, bool isModbus)
@@ -47,7 +47,7 @@ void Line::transmit(const QByteArray &bytes, int baudRate, bool isModbus)
     if (baudRate != m_baudRate)
         return;
     emit bytesToMaster(bytes);
-    // What is being answered belongs before the answer, even if only a silence would end it.
+    // The request is reported before its answer, even if only a silence would end it.
     m_monitor.endFrame();
     reportRequests();
     emit frameSeen({m_timeline.nowUs(), FrameRecord::Direction::Answer, bytes, baudRate, isModbus});
@@ -56,7 +56,7 @@ void Line::transmit(const QByteArray &bytes, int baudRate, bool isModbus)
 void Line::reset()
 {
     if (m_isInFrame)
-        announceSilence();
+        notifySilence();
 }
 
 void Line::watchForSilence(qint64 delayUs)
@@ -71,27 +71,27 @@ void Line::onGapElapsed()
     if (!m_isInFrame)
         return;
     const qint64 quietUs = m_timeline.nowUs() - m_lastByteUs;
-    if (quietUs < __gapUs)
-        watchForSilence(__gapUs - quietUs);
+    if (quietUs < frameGapUs)
+        watchForSilence(frameGapUs - quietUs);
     else
-        announceSilence();
+        notifySilence();
 }
 
-void Line::announceSilence()
+void Line::notifySilence()
 {
     m_isInFrame = false;
     m_monitor.endFrame();
     reportRequests();
     const QVector<LineListener *> listeners = m_listeners;
     for (LineListener *listener : listeners)
-        listener->hearSilence();
+        listener->onSilence();
 }
 
 void Line::reportRequests()
 {
     while (const auto frame = m_monitor.take())
         emit frameSeen({m_lastByteUs, FrameRecord::Direction::Request, frame->bytes, m_baudRate,
-                        frame->isValid && m_baudRate == map::kBaudRate});
+                        frame->isValid && m_baudRate == map::firmwareBaudRate});
 }
 
 } // namespace sim

@@ -11,32 +11,31 @@ namespace sim {
 class LineListener;
 class Timeline;
 
-/// The shared wire: hands everything that the master sends to every listener, marks the
-/// silences, and carries answers back. It interprets nothing; it only cuts the traffic into
-/// frames to report them.
+/// The wire that all grippers share. It passes the bytes from the master to every listener, detects
+/// silences, and passes answers to the master. It cuts the traffic into frames only to report them.
 class Line : public QObject
 {
     Q_OBJECT
 
 public:
-    /// After this long without a byte a frame is over.
-    static constexpr qint64 __gapUs = 5000;
+    /// A frame ends after this time without a byte.
+    static constexpr qint64 frameGapUs = 5000;
 
     /// `timeline` must outlive the line.
     explicit Line(Timeline &timeline, QObject *parent = nullptr);
 
-    /// A listener must be removed before it is destroyed.
+    /// The listener must be removed before it is destroyed.
     void addListener(LineListener *listener);
     void removeListener(LineListener *listener);
 
-    /// Bytes from the master, who runs the line at `baudRate` at this moment.
+    /// Takes bytes from the master, whose port is set to `baudRate`.
     void receive(const QByteArray &bytes, int baudRate);
-    /// Bytes from a device that sends at `baudRate`, its firmware (Modbus) or its bootloader.
-    /// Lost when the master listens at another rate.
+    /// Sends bytes of a gripper at `baudRate`; `isModbus` is false for its bootloader. The bytes
+    /// are lost when the port of the master has another rate.
     void transmit(const QByteArray &bytes, int baudRate, bool isModbus);
-    /// Nobody is at the other end any more: whatever is half received is dropped.
+    /// The master has closed the port: ends the frame that has arrived in part.
     void reset();
-    /// The master's rate as last seen by receive().
+    /// The baud rate of the latest bytes from the master.
     int baudRate() const { return m_baudRate; }
 
 signals:
@@ -46,7 +45,7 @@ signals:
 private:
     void watchForSilence(qint64 delayUs);
     void onGapElapsed();
-    void announceSilence();
+    void notifySilence();
     void reportRequests();
 
     Timeline &m_timeline;

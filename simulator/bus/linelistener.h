@@ -4,7 +4,7 @@
 
 namespace sim {
 
-/// Whoever hears what the master sends: a gripper's firmware, a starting gripper, a monitor.
+/// Receives what the master sends. A gripper and each of its modes are listeners.
 class LineListener
 {
 public:
@@ -13,10 +13,10 @@ public:
     LineListener &operator=(const LineListener &) = delete;
     virtual ~LineListener() = default;
 
-    /// Bytes that came in at `baudRate`, in the pieces in which they arrived.
-    virtual void hear(const QByteArray &bytes, int baudRate) = 0;
-    /// The line has been quiet long enough to end any frame.
-    virtual void hearSilence() = 0;
+    /// Called with the bytes of each read from the port, which was set to `baudRate`.
+    virtual void receive(const QByteArray &bytes, int baudRate) = 0;
+    /// Called when the line has been quiet for Line::frameGapUs, which ends any frame.
+    virtual void onSilence() = 0;
 };
 
 } // namespace sim

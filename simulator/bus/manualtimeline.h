@@ -4,7 +4,7 @@
 
 namespace sim {
 
-/// A clock that stands still until a test moves it.
+/// A clock that only advanceMs() moves.
 class ManualTimeline : public Timeline
 {
     Q_OBJECT
@@ -14,7 +14,7 @@ public:
 
     qint64 nowUs() const override { return m_nowUs; }
 
-    /// Moves the clock on by `ms`, stopping at every action that becomes due to call it.
+    /// Moves the clock forward by `ms`. Calls every action that becomes due, at its time.
     void advanceMs(qint64 ms);
 
 protected:

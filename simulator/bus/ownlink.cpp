@@ -1,5 +1,7 @@
 #include "ownlink.h"
 
+#include "failure.h"
+
 #include <QFile>
 #include <QRegularExpression>
 
@@ -14,7 +16,7 @@
 namespace sim {
 
 namespace {
-/// What the link at `path` says, unchanged; empty when it is no link.
+/// The target of the link at `path` as it is spelt. Empty when `path` is not a link.
 QString linkText(const QString &path)
 {
     std::array<char, PATH_MAX> text = {};
@@ -37,6 +39,17 @@ QString ownSpelling(const QString &ptsPath)
     return target.insert(target.lastIndexOf(QLatin1Char('/')), QStringLiteral("/."));
 }
 
+QString creationProblem(const QString &path, int cause)
+{
+    if (cause == EEXIST) {
+        return QStringLiteral("%1 exists and is not a link that a simulator left; remove it or "
+                              "choose another path with --link")
+            .arg(path);
+    }
+    return QStringLiteral("cannot create the link %1: %2")
+        .arg(path, QString::fromLocal8Bit(std::strerror(cause)));
+}
+
 bool isOwnSpelling(const QString &target)
 {
     static const QRegularExpression pattern(QStringLiteral("^/dev/pts/\\./[0-9]+\\z"));
@@ -56,24 +69,15 @@ void OwnLink::removeStale() const
         ::unlink(QFile::encodeName(m_path).constData());
 }
 
-bool OwnLink::create(const QString &ptsPath)
+void OwnLink::create(const QString &ptsPath)
 {
     if (m_path.isEmpty())
-        return true;
+        return;
     const QString target = ownSpelling(ptsPath);
-    if (::symlink(QFile::encodeName(target).constData(), QFile::encodeName(m_path).constData()) ==
-        0) {
-        m_target = target;
-        return true;
-    }
-    const int cause = errno;
-    m_error = cause == EEXIST
-                  ? QStringLiteral("%1 is there already and is not a link that a simulator left; "
-                                   "remove it or choose another path with --link")
-                        .arg(m_path)
-                  : QStringLiteral("cannot create the link %1: %2")
-                        .arg(m_path, QString::fromLocal8Bit(std::strerror(cause)));
-    return false;
+    if (::symlink(QFile::encodeName(target).constData(), QFile::encodeName(m_path).constData()) !=
+        0)
+        throw Failure{creationProblem(m_path, errno)};
+    m_target = target;
 }
 
 void OwnLink::remove()

@@ -4,12 +4,11 @@
 
 namespace sim {
 
-/// The symbolic link under which the line is found. Creates it only where nothing is, and
-/// removes it only while it still is what was created.
+/// Owns the symbolic link to the pty. It creates the link only at a free path. It removes the link
+/// only if the path still has the target that it created.
 ///
-/// The link spells its target in a way of its own, "/dev/pts/./4". A link of that spelling
-/// whose target is gone was left by a simulator that was killed, and is replaced; anything else
-/// in its place is somebody else's and stays.
+/// The target has an unusual spelling, "/dev/pts/./4", which marks the links of this program. Such
+/// a link without an existing target was left by a killed simulator and can be replaced.
 class OwnLink
 {
 public:
@@ -19,22 +18,20 @@ public:
     /// Removes the link.
     ~OwnLink();
 
-    /// The path to create, empty for none. To be called while no link is there.
+    /// Sets the path of the link; empty means no link. Must not be called while the link exists.
     void setPath(const QString &path) { m_path = path; }
     const QString &path() const { return m_path; }
 
-    /// Removes what a killed simulator left. To be called before a pty is opened, which might
-    /// get the very number that the old link names.
+    /// Removes the link that a killed simulator left. Must be called before the pty is opened: a
+    /// new pty can get the number in the old link, which then looks like a link in use.
     void removeStale() const;
-    /// Links path() to `ptsPath` ("/dev/pts/4"). False when it cannot; errorString() says why.
-    bool create(const QString &ptsPath);
+    /// Makes path() a link to `ptsPath`, such as "/dev/pts/4". Throws Failure when it cannot.
+    void create(const QString &ptsPath);
     void remove();
-    const QString &errorString() const { return m_error; }
 
 private:
     QString m_path;
     QString m_target;
-    QString m_error;
 };
 
 } // namespace sim

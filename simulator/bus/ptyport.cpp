@@ -1,6 +1,7 @@
 #include "ptyport.h"
 
 #include "baudrates.h"
+#include "failure.h"
 
 #include <QFile>
 
@@ -19,14 +20,21 @@
 namespace sim {
 
 namespace {
-constexpr int kReadSize = 4096;
-constexpr int kPathSize = 64;
+constexpr int bufferSize = 4096;
+constexpr int maxPathLength = 64;
 
 void closeFd(int *fd)
 {
     if (*fd >= 0)
         ::close(*fd);
     *fd = -1;
+}
+
+/// Reports the system call that has just failed.
+[[noreturn]] void fail(const char *what)
+{
+    throw Failure{QStringLiteral("%1: %2").arg(QLatin1String(what),
+                                               QString::fromLocal8Bit(std::strerror(errno)))};
 }
 } // namespace
 
@@ -41,19 +49,23 @@ PtyPort::~PtyPort()
     close();
 }
 
-bool PtyPort::open()
+void PtyPort::open()
 {
     if (isOpen())
-        return true;
-    if (openNearEnd() && makeRaw() && watchOpening())
-        return true;
-    close();
-    return false;
+        return;
+    try {
+        openNearEnd();
+        makeRaw();
+        watchOpening();
+    } catch (const Failure &) {
+        close();
+        throw;
+    }
 }
 
 void PtyPort::close()
 {
-    // Either may be the one whose signal brought us here: deleted when that is over.
+    // This may run inside a signal of either notifier, so they are deleted later.
     for (auto *notifier : {&m_readable, &m_opened}) {
         if (!*notifier)
             continue;
@@ -75,62 +87,52 @@ int PtyPort::baudRate() const
 
 void PtyPort::write(const QByteArray &bytes)
 {
-    // With the port closed the bytes would wait in it for whoever opens it next.
+    // While no master has the port open, the bytes would wait for the next master.
     if (!isOpen() || !m_readable->isEnabled())
         return;
     const ssize_t written = ::write(m_fd, bytes.constData(), static_cast<size_t>(bytes.size()));
     Q_UNUSED(written)
 }
 
-bool PtyPort::openNearEnd()
+void PtyPort::openNearEnd()
 {
     m_fd = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (m_fd < 0 || ::grantpt(m_fd) != 0 || ::unlockpt(m_fd) != 0)
-        return fail("no pseudo-terminal");
-    std::array<char, kPathSize> path = {};
+        fail("no pseudo-terminal");
+    std::array<char, maxPathLength> path = {};
     if (::ptsname_r(m_fd, path.data(), path.size()) != 0)
-        return fail("no name for the pseudo-terminal");
+        fail("no name for the pseudo-terminal");
     m_path = QFile::decodeName(path.data());
     if (m_mode != 0 && ::chmod(path.data(), m_mode) != 0)
-        return fail("cannot set the mode of the port");
-    return true;
+        fail("cannot set the mode of the port");
 }
 
-/// The settings of the far end can be set from here; they outlast its closing.
-bool PtyPort::makeRaw()
+/// Both ends share their settings, which stay when the far end is closed.
+void PtyPort::makeRaw()
 {
     termios settings = {};
     if (::tcgetattr(m_fd, &settings) != 0)
-        return fail("cannot read the settings of the port");
+        fail("cannot read the settings of the port");
     ::cfmakeraw(&settings);
     settings.c_cflag |= CLOCAL | CREAD;
     ::cfsetspeed(&settings, B9600);
     if (::tcsetattr(m_fd, TCSANOW, &settings) != 0)
-        return fail("cannot set the port to raw");
+        fail("cannot set the port to raw");
     m_readable = std::make_unique<QSocketNotifier>(m_fd, QSocketNotifier::Read);
     connect(m_readable.get(), &QSocketNotifier::activated, this, &PtyPort::onReadable);
-    return true;
 }
 
-/// While nobody has the far end open, reading reports an error at once and for ever; only the
-/// file system tells when it is opened again.
-bool PtyPort::watchOpening()
+/// While the far end is closed, the near end is always readable and each read fails. The file
+/// system reports when the far end is opened again.
+void PtyPort::watchOpening()
 {
     m_watchFd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (m_watchFd < 0)
-        return fail("cannot watch the port");
+        fail("cannot watch the port");
     if (::inotify_add_watch(m_watchFd, QFile::encodeName(m_path).constData(), IN_OPEN) < 0)
-        return fail("cannot watch the port");
+        fail("cannot watch the port");
     m_opened = std::make_unique<QSocketNotifier>(m_watchFd, QSocketNotifier::Read);
     connect(m_opened.get(), &QSocketNotifier::activated, this, &PtyPort::onOpened);
-    return true;
-}
-
-bool PtyPort::fail(const char *what)
-{
-    m_error = QStringLiteral("%1: %2").arg(QLatin1String(what),
-                                           QString::fromLocal8Bit(std::strerror(errno)));
-    return false;
 }
 
 void PtyPort::onReadable()
@@ -151,21 +153,21 @@ void PtyPort::onMasterLeft()
     emit masterLeft();
     if (!isOpen())
         return;
-    if (!refreshFarEnd()) {
+    if (!resetFarEnd()) {
         emit stuck();
         return;
     }
-    // Our own opening of the far end was reported too. Forget the reports, then look: a master
-    // who came in between makes reading possible again, one who comes from now on is reported.
+    // The watch has also reported the opening by resetFarEnd(), so its reports are dropped. A read
+    // then shows whether a master opened the port meanwhile. A later opening is reported again.
     drainWatch();
     m_readable->setEnabled(true);
     if (!readAll() && isOpen())
         m_readable->setEnabled(false);
 }
 
-/// Leaves the far end as a serial port is when it is opened for the first time: without unread
-/// input, and not kept for one user. False when it cannot be opened any more.
-bool PtyPort::refreshFarEnd()
+/// Drops unread input and ends exclusive use, so that the next master finds a fresh port. Returns
+/// false when exclusive use prevents that.
+bool PtyPort::resetFarEnd()
 {
     int fd =
         ::open(QFile::encodeName(m_path).constData(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
@@ -177,10 +179,10 @@ bool PtyPort::refreshFarEnd()
     return true;
 }
 
-/// Takes in all that is there. False when nobody has the far end open.
+/// Reads everything that has arrived. Returns false when the far end is closed.
 bool PtyPort::readAll()
 {
-    std::array<char, kReadSize> buffer = {};
+    std::array<char, bufferSize> buffer = {};
     while (isOpen()) {
         const ssize_t count = ::read(m_fd, buffer.data(), buffer.size());
         if (count > 0) {
@@ -195,7 +197,7 @@ bool PtyPort::readAll()
 
 void PtyPort::drainWatch()
 {
-    alignas(inotify_event) std::array<char, kReadSize> buffer = {};
+    alignas(inotify_event) std::array<char, bufferSize> buffer = {};
     while (::read(m_watchFd, buffer.data(), buffer.size()) > 0) {
     }
 }

@@ -7,49 +7,49 @@
 
 namespace sim {
 
-/// The near end of a pseudo-terminal whose far end a master opens as its serial port. Keeps only
-/// its own end open, so that tools which look who uses the port see the master alone.
+/// Owns the near end of a pseudo-terminal. A master opens the far end as its serial port. This
+/// class does not keep the far end open, so tools that list the users of the port list only the
+/// master.
 class PtyPort : public QObject
 {
     Q_OBJECT
 
 public:
-    /// `mode`: permission bits of the far end, or 0 for the system's own.
+    /// `mode` has the permission bits of the far end; 0 means the default of the system.
     explicit PtyPort(unsigned mode = 0, QObject *parent = nullptr);
     ~PtyPort() override;
 
-    /// Makes a new pty, raw, at 9600 baud like an adapter that was just plugged in. False when
-    /// the system has none left; errorString() says why.
-    bool open();
-    /// Hangs up: the master sees its port disappear.
+    /// Makes a new pty. It is raw and has 9600 baud, like an adapter that was just plugged in.
+    /// Throws Failure when it cannot, and leaves nothing open then.
+    void open();
+    /// Hangs up: the port of the master disappears.
     void close();
     bool isOpen() const { return m_fd >= 0; }
 
-    /// The far end, such as "/dev/pts/4"; empty while closed.
+    /// The path of the far end, such as "/dev/pts/4". Empty while closed.
     const QString &path() const { return m_path; }
-    const QString &errorString() const { return m_error; }
-    /// The rate that the master has set, 0 for one that has no standard name.
+    /// The rate that the master has set. 0 for a rate that is not in baudrates.cpp.
     int baudRate() const;
 
-    /// Sends without waiting. What the master does not take in time is lost, as on a wire.
+    /// Sends without waiting. Bytes that the pty has no room for are lost, as on a wire.
     void write(const QByteArray &bytes);
 
 signals:
     void received(const QByteArray &bytes, int baudRate);
     /// The master closed the port, or died.
     void masterLeft();
-    /// The master died with exclusive use of the port, which nobody can lift: it takes a new pty.
+    /// The master died with exclusive use of the port, and this process may not end that use. Only
+    /// a new pty can be opened again.
     void stuck();
 
 private:
-    bool openNearEnd();
-    bool makeRaw();
-    bool watchOpening();
-    bool fail(const char *what);
+    void openNearEnd();
+    void makeRaw();
+    void watchOpening();
     void onReadable();
     void onOpened();
     void onMasterLeft();
-    bool refreshFarEnd();
+    bool resetFarEnd();
     bool readAll();
     void drainWatch();
 
@@ -57,7 +57,6 @@ private:
     int m_fd = -1;
     int m_watchFd = -1;
     QString m_path;
-    QString m_error;
     std::unique_ptr<QSocketNotifier> m_readable;
     std::unique_ptr<QSocketNotifier> m_opened;
 };

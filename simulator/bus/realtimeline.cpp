@@ -3,8 +3,8 @@
 namespace sim {
 
 namespace {
-constexpr qint64 kNsPerUs = 1000;
-constexpr qint64 kUsPerMs = 1000;
+constexpr qint64 nsPerUs = 1000;
+constexpr qint64 usPerMs = 1000;
 } // namespace
 
 RealTimeline::RealTimeline(QObject *parent)
@@ -18,7 +18,7 @@ RealTimeline::RealTimeline(QObject *parent)
 
 qint64 RealTimeline::nowUs() const
 {
-    return m_clock.nsecsElapsed() / kNsPerUs;
+    return m_clock.nsecsElapsed() / nsPerUs;
 }
 
 void RealTimeline::onNextDueChanged()
@@ -27,9 +27,9 @@ void RealTimeline::onNextDueChanged()
         m_timer.stop();
         return;
     }
-    // Rounded up: an action never comes before its time.
+    // Rounded up, so that no action runs before its time.
     const qint64 waitUs = qMax<qint64>(0, nextDueUs() - nowUs());
-    m_timer.start(static_cast<int>((waitUs + kUsPerMs - 1) / kUsPerMs));
+    m_timer.start(static_cast<int>((waitUs + usPerMs - 1) / usPerMs));
 }
 
 void RealTimeline::onTimeout()

@@ -7,8 +7,8 @@
 
 namespace sim {
 
-/// The monotonic clock of the machine. Sleeps in the event loop until an action is due; with
-/// none due there is no timer at all.
+/// The monotonic clock of the machine. It calls the actions from the event loop. No timer runs
+/// while no action waits.
 class RealTimeline : public Timeline
 {
     Q_OBJECT

@@ -5,34 +5,34 @@
 namespace sim {
 
 namespace {
-constexpr int kUnknownLength = 0;
-constexpr int kFixedLength = 8;
-constexpr int kByteCountOffset = 6;
-constexpr int kLengthBesideData = 9;
-// Longer than any request (a write of 256 data bytes and more); the rest is noise.
-constexpr int kLongestFrame = 1024;
+constexpr int unknownLength = 0;
+constexpr int fixedRequestLength = 8;
+constexpr int byteCountOffset = 6;
+constexpr int lengthWithoutData = 9;
+// Longer than any request, so that more bytes without a silence can only be noise.
+constexpr int maxFrameLength = 1024;
 
 bool isFixedLength(quint8 function)
 {
     return function >= 0x01 && function <= 0x06;
 }
 
-bool carriesByteCount(quint8 function)
+bool hasByteCount(quint8 function)
 {
     return function == 0x0F || function == 0x10;
 }
 
-/// The length that the request at the front of `bytes` has, as far as they tell it.
+/// The length of the request at the start of `bytes`, if these bytes determine it.
 int requestLength(const QByteArray &bytes)
 {
-    if (bytes.size() < kFixedLength)
-        return kUnknownLength;
+    if (bytes.size() < fixedRequestLength)
+        return unknownLength;
     const auto function = static_cast<quint8>(bytes.at(1));
     if (isFixedLength(function))
-        return kFixedLength;
-    if (carriesByteCount(function))
-        return kLengthBesideData + static_cast<quint8>(bytes.at(kByteCountOffset));
-    return kUnknownLength;
+        return fixedRequestLength;
+    if (hasByteCount(function))
+        return lengthWithoutData + static_cast<quint8>(bytes.at(byteCountOffset));
+    return unknownLength;
 }
 } // namespace
 
@@ -50,37 +50,37 @@ void RequestFramer::endFrame()
 std::optional<RequestFramer::Frame> RequestFramer::take()
 {
     if (m_pending.isEmpty()) {
-        m_isLost = m_isLost && !m_isQuiet;
+        m_isOutOfStep = m_isOutOfStep && !m_isQuiet;
         return std::nullopt;
     }
-    if (!m_isLost) {
+    if (!m_isOutOfStep) {
         std::optional<Frame> frame = takeByLength();
         if (frame)
             return frame;
     }
     if (m_isQuiet)
         return takeAll();
-    if (m_pending.size() < kLongestFrame)
+    if (m_pending.size() < maxFrameLength)
         return std::nullopt;
     const Frame noise = takeAll();
-    m_isLost = true;
+    m_isOutOfStep = true;
     return noise;
 }
 
 void RequestFramer::clear()
 {
     m_pending.clear();
-    m_isLost = false;
+    m_isOutOfStep = false;
 }
 
 std::optional<RequestFramer::Frame> RequestFramer::takeByLength()
 {
     const int length = requestLength(m_pending);
-    if (length == kUnknownLength || m_pending.size() < length)
+    if (length == unknownLength || m_pending.size() < length)
         return std::nullopt;
     const QByteArray bytes = m_pending.left(length);
     if (!hasValidCrc(bytes)) {
-        m_isLost = true;
+        m_isOutOfStep = true;
         return std::nullopt;
     }
     m_pending.remove(0, length);

@@ -6,22 +6,22 @@
 
 namespace sim {
 
-/// Cuts the master's byte stream into request frames: by their length where the function code
-/// tells it, otherwise at the next silence. Bytes that make no valid request by their length
-/// wait for the silence too, because nothing says where the next request would begin.
+/// Cuts the bytes from the master into request frames. A request whose function code determines its
+/// length ends there; any other ends at the next silence. After a bad CRC the start of the next
+/// request is unknown, so all bytes up to the next silence form one frame.
 class RequestFramer
 {
 public:
     struct Frame
     {
         QByteArray bytes;
-        bool isValid = false; ///< the CRC is right
+        bool isValid = false; ///< the CRC is correct
     };
 
     void append(const QByteArray &bytes);
-    /// The line went quiet: what is left is one frame.
+    /// The line is quiet: the remaining bytes form one frame.
     void endFrame();
-    /// The next frame that is complete, if any.
+    /// Removes and returns the next complete frame, if there is one.
     std::optional<Frame> take();
     void clear();
 
@@ -31,7 +31,7 @@ private:
 
     QByteArray m_pending;
     bool m_isQuiet = false;
-    bool m_isLost = false;
+    bool m_isOutOfStep = false;
 };
 
 } // namespace sim

@@ -13,7 +13,7 @@ void Timeline::after(const QObject *owner, qint64 delayUs, std::function<void()>
 void Timeline::runDue(qint64 nowUs)
 {
     while (!m_due.empty() && m_due.begin()->first <= nowUs) {
-        // Taken out first: the call may add actions of its own.
+        // Removed before the call, which may add actions.
         const Action action = std::move(m_due.begin()->second);
         m_due.erase(m_due.begin());
         if (action.owner)

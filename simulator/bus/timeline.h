@@ -8,8 +8,8 @@
 
 namespace sim {
 
-/// The clock of the simulated line, and the calls that are due on it. Times are microseconds
-/// since the timeline began and never go back.
+/// The clock of the simulated line and the queue of delayed actions. Times are microseconds since
+/// the start of the timeline and never decrease.
 class Timeline : public QObject
 {
     Q_OBJECT
@@ -17,19 +17,19 @@ class Timeline : public QObject
 public:
     using QObject::QObject;
 
-    /// Microseconds since the beginning.
+    /// Microseconds since the start.
     virtual qint64 nowUs() const = 0;
 
-    /// Calls `action` once, `delayUs` (0 or more) from now, unless `owner` is gone by then.
+    /// Calls `action` once after `delayUs` (0 or more), unless `owner` is destroyed before.
     void after(const QObject *owner, qint64 delayUs, std::function<void()> action);
 
 protected:
-    /// Calls every action that is due by `nowUs`, in order of time.
+    /// Calls every action that is due at `nowUs` or before, in the order of their times.
     void runDue(qint64 nowUs);
     bool hasDue() const { return !m_due.empty(); }
-    /// When the next action is due. Only to be asked while hasDue().
+    /// The time of the next action. Must only be called while hasDue().
     qint64 nextDueUs() const { return m_due.begin()->first; }
-    /// The next action may have become another one.
+    /// Called when the next action may have changed.
     virtual void onNextDueChanged() = 0;
 
 private:

@@ -1,53 +1,56 @@
 #pragma once
 
 #include <QByteArray>
-#include <QMetaType>
+#include <QObject>
 
 namespace sim {
+Q_NAMESPACE
 
-/// The ways in which a gripper misbehaves, in the order in which they are applied.
+/// The ways in which a gripper misbehaves.
 enum class FaultKind {
-    Deaf,          ///< does not hear the request: not carried out, not answered
-    Silent,        ///< carries it out and does not answer
+    // Faults of the firmware.
+    Deaf,          ///< neither carries the request out nor answers it
+    Silent,        ///< carries the request out and does not answer it
     Late,          ///< answers after a delay
-    Exception,     ///< answers an exception instead of carrying it out
+    Exception,     ///< answers with an exception and does not carry the request out
     WrongId,       ///< answers under another slave id
     WrongFunction, ///< answers with another function code
     BadCrc,        ///< answers with a wrong CRC
-    Truncated,     ///< the end of the answer is missing
-    Trailing,      ///< bytes follow the answer
-    Noise,         ///< bytes come before the answer
-    Echo,          ///< the request comes back before the answer
+    Truncated,     ///< omits the end of the answer
+    Trailing,      ///< sends random bytes after the answer
+    Noise,         ///< sends random bytes before the answer
+    Echo,          ///< sends the request back before the answer
 
-    // Of the bootloader, each with its own occasions.
-    SilentBootloader, ///< an answer does not come
-    NackWrite,        ///< a block is refused and not written
-    BadVerify,        ///< the last byte of a block is stored inverted
-    RefuseGo,         ///< the start of the firmware is refused
-    DiesDuringWrite,  ///< half of a block is written, then the power fails
-    DoubleAck,        ///< an answer of a single byte comes twice
+    // Faults of the bootloader, which stay last. Each has occasions of its own.
+    SilentBootloader, ///< omits an answer
+    NackWrite,        ///< refuses a block and does not write it
+    BadVerify,        ///< stores the last byte of a block inverted
+    RefuseGo,         ///< refuses to start the firmware
+    DiesDuringWrite,  ///< loses power after half of a block is written
+    DoubleAck,        ///< sends an answer of one byte twice
 };
+Q_ENUM_NS(FaultKind)
 
-/// Whether the bootloader has this fault, and not the firmware.
+/// Whether this is a fault of the bootloader. Otherwise it is a fault of the firmware.
 constexpr bool isOfBootloader(FaultKind kind)
 {
     return kind >= FaultKind::SilentBootloader;
 }
 
-/// One fault and the requests that it strikes.
+/// One fault and the requests that it applies to.
 struct Fault
 {
     enum class Scope { AnyRequest, Reads, Writes, StartAddress };
-    static constexpr int __unlimited = -1;
+    static constexpr int unlimited = -1;
 
     FaultKind kind = FaultKind::Silent;
-    int remaining = __unlimited; ///< requests that it still strikes
-    int sharePercent = 100;      ///< how many of a hundred requests it strikes, by chance
-    int value = 0;               ///< milliseconds, bytes or code, as the kind says
+    int remaining = unlimited; ///< number of requests that it will still strike
+    int sharePercent = 100;    ///< probability that it strikes a request
+    int value = 0;             ///< milliseconds, bytes or a code, as the kind requires
     Scope scope = Scope::AnyRequest;
-    quint16 address = 0; ///< the first register, for Scope::StartAddress
+    quint16 address = 0; ///< first register of the request, for Scope::StartAddress
 
-    /// Whether `request` (with CRC) is within the scope.
+    /// Whether `request`, which includes its CRC, is within the scope.
     bool concerns(const QByteArray &request) const;
 };
 

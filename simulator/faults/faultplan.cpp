@@ -6,7 +6,7 @@
 namespace sim {
 
 namespace {
-constexpr unsigned kHundred = 100;
+constexpr unsigned wholePercent = 100;
 
 void invertLastByte(QByteArray *frame)
 {
@@ -61,17 +61,17 @@ std::optional<int> FaultPlan::valueOf(FaultKind kind) const
     return it == m_faults.end() ? std::nullopt : std::optional<int>(it.value().value);
 }
 
-/// The fault behind `it`, which itself is gone when it has struck for the last time.
+/// Removes the fault at `it` when it has struck for the last time. Returns the next fault.
 FaultPlan::Faults::iterator FaultPlan::countDown(Faults::iterator it, bool isStruck)
 {
-    if (isStruck && it.value().remaining != Fault::__unlimited)
+    if (isStruck && it.value().remaining != Fault::unlimited)
         --it.value().remaining;
     return it.value().remaining == 0 ? m_faults.erase(it) : std::next(it);
 }
 
 bool FaultPlan::strikes(const Fault &fault)
 {
-    return m_random() % kHundred < static_cast<unsigned>(fault.sharePercent);
+    return m_random() % wholePercent < static_cast<unsigned>(fault.sharePercent);
 }
 
 QByteArray FaultPlan::mangle(const FaultHits &hits, const QByteArray &request, QByteArray answer)

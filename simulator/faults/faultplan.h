@@ -10,9 +10,9 @@
 
 namespace sim {
 
-/// The faults that one request meets, each with its value.
+/// The faults that strike one request, each with its value.
 using FaultHits = QMap<FaultKind, int>;
-/// Shared by all grippers of a line, so that one seed decides a whole run.
+/// All grippers of a line share one source, so one seed determines a whole run.
 using RandomSource = std::mt19937;
 
 /// The faults of one gripper, at most one of each kind.
@@ -22,20 +22,21 @@ public:
     /// `random` must outlive the plan.
     explicit FaultPlan(RandomSource &random);
 
-    /// Adds `fault`, in place of one of the same kind.
+    /// Adds `fault`. It replaces a fault of the same kind.
     void set(const Fault &fault);
     void clear() { m_faults.clear(); }
     QVector<Fault> faults() const { return m_faults.values().toVector(); }
 
-    /// Decides which faults of the firmware `request` meets, and counts it for those that are
-    /// limited.
+    /// Decides which faults of the firmware strike `request`. Counts the request for the faults
+    /// with a limited number.
     FaultHits draw(const QByteArray &request);
-    /// Decides whether this occasion meets the fault `kind` of the bootloader, and counts it.
-    /// Gives the fault's value when it does.
+    /// Decides whether the fault `kind` of the bootloader strikes this occasion, and counts it.
+    /// Returns the value of the fault if it strikes.
     std::optional<int> strike(FaultKind kind);
-    /// The value of the fault `kind`, if there is one; this is no occasion.
+    /// The value of the fault `kind`, if there is one. Does not count as an occasion.
     std::optional<int> valueOf(FaultKind kind) const;
-    /// The answer as the faults in `hits` leave it, out of the `answer` without CRC.
+    /// Makes the frame to send from `answer`, which has no CRC yet: adds the CRC and applies
+    /// `hits`.
     QByteArray mangle(const FaultHits &hits, const QByteArray &request, QByteArray answer);
 
 private:

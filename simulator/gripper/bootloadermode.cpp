@@ -6,9 +6,9 @@
 namespace sim {
 
 namespace {
-/// Start bit, eight data bits, parity, stop bit.
-constexpr qint64 kBitsPerByte = 11;
-constexpr qint64 kUsPerSecond = 1000000;
+/// Start bit, eight data bits, parity bit, stop bit.
+constexpr qint64 bitsPerByte = 11;
+constexpr qint64 usPerSecond = 1000000;
 } // namespace
 
 BootloaderMode::BootloaderMode(ModeHost &gripper, const BootloaderKind &kind, FlashMemory &flash,
@@ -27,35 +27,35 @@ void BootloaderMode::clear()
 {
     m_protocol.reset();
     m_session = std::make_unique<QObject>();
-    m_heardBytes = 0;
+    m_receivedBytes = 0;
     m_isOver = false;
 }
 
-void BootloaderMode::hear(const QByteArray &bytes, int baudRate)
+void BootloaderMode::receive(const QByteArray &bytes, int baudRate)
 {
     if (baudRate != m_kind.baudRate)
         return;
     for (const char byte : bytes) {
-        // The bootloader no longer listens once it has started the firmware.
+        // Bytes after the start of the firmware are lost.
         if (m_isOver)
             return;
-        ++m_heardBytes;
-        take(static_cast<quint8>(byte));
+        ++m_receivedBytes;
+        receiveByte(static_cast<quint8>(byte));
     }
 }
 
-void BootloaderMode::take(quint8 byte)
+void BootloaderMode::receiveByte(quint8 byte)
 {
-    const QByteArray bytes = m_protocol.take(byte);
+    const QByteArray bytes = m_protocol.receive(byte);
     switch (m_protocol.event()) {
     case BootloaderProtocol::Event::None:
         break;
     case BootloaderProtocol::Event::Start:
         m_isOver = true;
         break;
-    case BootloaderProtocol::Event::Die:
+    case BootloaderProtocol::Event::PowerFailure:
         m_isOver = true;
-        m_gripper.die();
+        m_gripper.cutPower();
         return;
     }
     if (!bytes.isEmpty())
@@ -68,9 +68,9 @@ void BootloaderMode::answer(QByteArray bytes)
         bytes += bytes;
     const bool isSilent = m_faults.strike(FaultKind::SilentBootloader).has_value();
     const bool isStarting = m_isOver;
-    const int byteCount = m_heardBytes + bytes.size();
-    m_heardBytes = 0;
-    afterItsTime(byteCount, [this, bytes, isSilent, isStarting] {
+    const int byteCount = m_receivedBytes + bytes.size();
+    m_receivedBytes = 0;
+    afterTransmission(byteCount, [this, bytes, isSilent, isStarting] {
         if (!isSilent)
             m_gripper.sendFromBootloader(bytes, m_kind.baudRate);
         if (isStarting)
@@ -78,13 +78,13 @@ void BootloaderMode::answer(QByteArray bytes)
     });
 }
 
-void BootloaderMode::afterItsTime(int byteCount, const std::function<void()> &action)
+void BootloaderMode::afterTransmission(int byteCount, const std::function<void()> &action)
 {
     if (m_bitsPerSecond == 0) {
         action();
         return;
     }
-    m_timeline.after(m_session.get(), byteCount * kBitsPerByte * kUsPerSecond / m_bitsPerSecond,
+    m_timeline.after(m_session.get(), byteCount * bitsPerByte * usPerSecond / m_bitsPerSecond,
                      action);
 }
 

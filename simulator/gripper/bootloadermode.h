@@ -14,25 +14,25 @@ namespace sim {
 class FaultPlan;
 class Timeline;
 
-/// The bootloader: hears one baud rate, answers as its faults allow, and takes the time of the
-/// configured rate.
+/// A gripper that runs its bootloader. It receives bytes at one baud rate, applies the faults to
+/// its answers, and delays them by the transmission time at the configured rate.
 class BootloaderMode : public LineListener
 {
 public:
-    /// All references must outlive the mode. Bytes pass at `bitsPerSecond`; 0 means without
-    /// delay.
+    /// All references must outlive the mode. `bitsPerSecond` determines the delay of an answer; 0
+    /// means no delay.
     BootloaderMode(ModeHost &gripper, const BootloaderKind &kind, FlashMemory &flash,
                    FaultPlan &faults, Timeline &timeline, int bitsPerSecond);
 
-    void hear(const QByteArray &bytes, int baudRate) override;
-    void hearSilence() override {}
-    /// Returns to the state after power-on and drops everything that is pending.
+    void receive(const QByteArray &bytes, int baudRate) override;
+    void onSilence() override {}
+    /// Returns to the state after power-on and cancels all delayed answers.
     void clear();
 
 private:
-    void take(quint8 byte);
+    void receiveByte(quint8 byte);
     void answer(QByteArray bytes);
-    void afterItsTime(int byteCount, const std::function<void()> &action);
+    void afterTransmission(int byteCount, const std::function<void()> &action);
 
     ModeHost &m_gripper;
     const BootloaderKind &m_kind;
@@ -40,9 +40,9 @@ private:
     Timeline &m_timeline;
     int m_bitsPerSecond;
     BootloaderProtocol m_protocol;
-    /// Owner of all pending actions: replacing it cancels them.
+    /// The owner of all delayed actions. Replacing it cancels them.
     std::unique_ptr<QObject> m_session;
-    int m_heardBytes = 0;
+    int m_receivedBytes = 0;
     bool m_isOver = false;
 };
 

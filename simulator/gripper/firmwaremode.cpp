@@ -16,16 +16,16 @@ FirmwareMode::FirmwareMode(ModeHost &gripper, RegisterBank &registers, FaultPlan
 {
 }
 
-void FirmwareMode::hear(const QByteArray &bytes, int baudRate)
+void FirmwareMode::receive(const QByteArray &bytes, int baudRate)
 {
-    // A receiver at another rate sees no valid bytes.
-    if (baudRate != map::kBaudRate)
+    // At another rate a receiver gets no valid bytes.
+    if (baudRate != map::firmwareBaudRate)
         return;
     m_framer.append(bytes);
     answerRequests();
 }
 
-void FirmwareMode::hearSilence()
+void FirmwareMode::onSilence()
 {
     m_framer.endFrame();
     answerRequests();
@@ -54,21 +54,21 @@ void FirmwareMode::answer(const QByteArray &request)
             ? ModbusSlave::exceptionAnswer(request, hits.value(FaultKind::Exception))
             : m_slave.answer(request);
     if (!hits.contains(FaultKind::Silent)) {
-        m_gripper.send(m_faults.mangle(hits, request, answer), map::kBaudRate,
+        m_gripper.send(m_faults.mangle(hits, request, answer), map::firmwareBaudRate,
                        hits.value(FaultKind::Late, 0));
     }
-    obeyResetCommand();
+    executeResetCommand();
 }
 
-/// Runs after the answer, so that the master learns that the gripper took the command.
-void FirmwareMode::obeyResetCommand()
+/// Runs after the answer, so that the master gets the answer to its reset command.
+void FirmwareMode::executeResetCommand()
 {
     const std::optional<quint16> command = m_registers.takeResetCommand();
     if (!command)
         return;
-    if (*command == map::kRestartFirmware)
+    if (*command == map::restartCommand)
         m_gripper.restart();
-    else // Both words lead here: each gripper has one bootloader.
+    else // Both bootloader commands lead here, because a gripper has only one bootloader.
         m_gripper.restartIntoBootloader();
 }
 

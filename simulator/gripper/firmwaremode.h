@@ -9,26 +9,26 @@ namespace sim {
 
 class FaultPlan;
 
-/// The application firmware: hears requests at 115200 baud, answers those for its own slave id
-/// as its faults allow, and restarts on command.
+/// A gripper that runs its firmware. It receives Modbus requests at 115200 baud, applies the faults
+/// to its answers, and restarts on command.
 class FirmwareMode : public LineListener
 {
 public:
     /// All references must outlive the mode.
     FirmwareMode(ModeHost &gripper, RegisterBank &registers, FaultPlan &faults, quint8 slaveId);
 
-    void hear(const QByteArray &bytes, int baudRate) override;
-    void hearSilence() override;
-    /// Drops a request that has arrived in part.
+    void receive(const QByteArray &bytes, int baudRate) override;
+    void onSilence() override;
+    /// Drops a request that has arrived only in part.
     void clear();
-    /// The id under which the firmware answers.
+    /// The slave id that the firmware answers to.
     quint8 slaveId() const { return m_slaveId; }
     void setSlaveId(quint8 slaveId) { m_slaveId = slaveId; }
 
 private:
     void answerRequests();
     void answer(const QByteArray &request);
-    void obeyResetCommand();
+    void executeResetCommand();
     bool isForUs(const RequestFramer::Frame &frame) const;
 
     ModeHost &m_gripper;

@@ -3,18 +3,18 @@
 namespace sim {
 
 namespace {
-constexpr int kFullyOpen = 0;
-constexpr int kFullyClosed = 255;
-constexpr int kBaseRate = 50;         // steps a second at speed 0
-constexpr int kRatePerSpeed = 2;      // and for every unit of speed
-constexpr int kAutoReleaseRate = 100; // whatever the speed
-constexpr int kMovingCurrent = 8;
-constexpr int kSpeedPerCurrent = 16;
-constexpr int kPushingCurrent = 32;
-constexpr int kForceNumerator = 7;
-constexpr int kForceDenominator = 8;
-constexpr qint64 kCurrentRiseUs = 200000;
-constexpr qint64 kUsPerSecond = 1000000;
+constexpr int fullyOpen = 0;
+constexpr int fullyClosed = 255;
+constexpr int baseRate = 50;         // steps per second at speed 0
+constexpr int ratePerSpeed = 2;      // added for each unit of speed
+constexpr int autoReleaseRate = 100; // does not depend on the speed
+constexpr int movingCurrent = 8;
+constexpr int speedPerCurrent = 16;
+constexpr int pushingCurrent = 32;
+constexpr int forceNumerator = 7;
+constexpr int forceDenominator = 8;
+constexpr qint64 currentRiseUs = 200000;
+constexpr qint64 usPerSecond = 1000000;
 } // namespace
 
 GripperBody::GripperBody(bool isVacuum, qint64 activationUs)
@@ -27,10 +27,10 @@ void GripperBody::advance(qint64 nowUs)
 {
     if (m_status == Status::Activating && nowUs >= m_activeFromUs)
         endActivation();
-    if (m_status == Status::Releasing && m_faultCode == __faultReleasing &&
+    if (m_status == Status::Releasing && m_faultCode == releasingFaultCode &&
         m_travel.isOverAt(nowUs))
-        m_faultCode = __faultReleased;
-    account(nowUs);
+        m_faultCode = releasedFaultCode;
+    updateCounters(nowUs);
 }
 
 void GripperBody::setCommand(const BodyCommand &command, qint64 nowUs)
@@ -89,28 +89,28 @@ GripperBody::VacuumStatus GripperBody::vacuumStatus() const
 
 quint8 GripperBody::motorCurrent() const
 {
-    const int moving = kMovingCurrent + m_command.speed / kSpeedPerCurrent;
+    const int moving = movingCurrent + m_command.speed / speedPerCurrent;
     if (isMoving())
         return static_cast<quint8>(moving);
     if (!m_isBlocked)
         return 0;
-    const int pushing = kPushingCurrent + m_command.force * kForceNumerator / kForceDenominator;
-    const qint64 pushedUs = qMin(m_nowUs - m_travel.endUs(), kCurrentRiseUs);
-    return static_cast<quint8>(moving + (pushing - moving) * pushedUs / kCurrentRiseUs);
+    const int pushing = pushingCurrent + m_command.force * forceNumerator / forceDenominator;
+    const qint64 pushedUs = qMin(m_nowUs - m_travel.endUs(), currentRiseUs);
+    return static_cast<quint8>(moving + (pushing - moving) * pushedUs / currentRiseUs);
 }
 
 quint32 GripperBody::usage() const
 {
-    return m_isVacuum ? static_cast<quint32>(m_pumpUs / kUsPerSecond) : m_steps;
+    return m_isVacuum ? static_cast<quint32>(m_pumpUs / usPerSecond) : m_steps;
 }
 
-/// Brings the counters up to `untilUs`: the present movement has ruled since the last time.
-void GripperBody::account(qint64 untilUs)
+/// Updates the counters to `untilUs`. The current movement has lasted since the previous update.
+void GripperBody::updateCounters(qint64 untilUs)
 {
     m_steps +=
         static_cast<quint32>(qAbs(m_travel.positionAt(untilUs) - m_travel.positionAt(m_nowUs)));
     if (m_travel.isRising() || m_isBlocked) {
-        // A leak keeps the pump running after the level has stopped rising.
+        // With a leak the pump still runs after the level has stopped rising.
         const qint64 pumpEndUs = m_isBlocked ? untilUs : qMin(untilUs, m_travel.endUs());
         m_pumpUs += qMax<qint64>(0, pumpEndUs - m_nowUs);
     }
@@ -119,7 +119,7 @@ void GripperBody::account(qint64 untilUs)
 
 void GripperBody::startTravel(const Travel &travel)
 {
-    account(travel.startUs());
+    updateCounters(travel.startUs());
     m_travel = travel;
     m_isBlocked = false;
 }
@@ -129,7 +129,7 @@ void GripperBody::retarget(qint64 nowUs, bool isNewMove)
     const int from = m_travel.positionAt(nowUs);
     const int wanted = goal();
     const bool wasPumping = m_isBlocked || (m_travel.isRising() && !m_travel.isOverAt(nowUs));
-    const bool isStopped = m_object != __noObject && from <= m_object && wanted > m_object;
+    const bool isStopped = m_object != noObject && from <= m_object && wanted > m_object;
     startTravel(Travel::move(from, isStopped ? m_object : wanted, rate(), nowUs));
     m_isBlocked = isStopped;
     const bool isRising = m_travel.isRising() || m_isBlocked;
@@ -141,7 +141,7 @@ void GripperBody::retarget(qint64 nowUs, bool isNewMove)
 
 void GripperBody::deactivate(qint64 nowUs)
 {
-    // Only the change clears a code: one that is shown while deactivated stays.
+    // Only a change to deactivated clears the fault code, not a repeated command.
     if (m_status == Status::Reset)
         return;
     m_status = Status::Reset;
@@ -154,15 +154,15 @@ void GripperBody::beginActivation(qint64 nowUs)
     ++m_activations;
     m_status = Status::Activating;
     m_activeFromUs = nowUs + m_activationUs;
-    // The fingers open fully on the way, and are open by the end of it.
+    // The fingers open fully during the activation.
     const int from = m_travel.positionAt(nowUs);
-    const qint64 rateForAll = from * kUsPerSecond / qMax<qint64>(1, m_activationUs) + 1;
-    startTravel(Travel::move(from, kFullyOpen, static_cast<int>(rateForAll), nowUs));
+    const qint64 rateForAll = from * usPerSecond / qMax<qint64>(1, m_activationUs) + 1;
+    startTravel(Travel::move(from, fullyOpen, static_cast<int>(rateForAll), nowUs));
 }
 
 void GripperBody::endActivation()
 {
-    startTravel(Travel::rest(kFullyOpen, m_activeFromUs));
+    startTravel(Travel::rest(fullyOpen, m_activeFromUs));
     m_status = Status::Active;
     if (m_command.autoRelease)
         beginAutoRelease(m_activeFromUs);
@@ -173,23 +173,23 @@ void GripperBody::endActivation()
 void GripperBody::beginAutoRelease(qint64 nowUs)
 {
     m_status = Status::Releasing;
-    m_faultCode = __faultReleasing;
-    const int to = m_command.autoReleaseCloses && !m_isVacuum ? kFullyClosed : kFullyOpen;
-    startTravel(Travel::move(m_travel.positionAt(nowUs), to, kAutoReleaseRate, nowUs));
+    m_faultCode = releasingFaultCode;
+    const int to = m_command.autoReleaseCloses && !m_isVacuum ? fullyClosed : fullyOpen;
+    startTravel(Travel::move(m_travel.positionAt(nowUs), to, autoReleaseRate, nowUs));
 }
 
-/// Where the body is to be by the present command.
+/// The position that the current command requests.
 int GripperBody::goal() const
 {
     if (m_status == Status::Active && m_command.goTo)
         return m_command.position;
-    // Without a go-to fingers stay where they are, and a cup lets its vacuum go.
+    // Without a go-to, fingers keep their position and vacuum falls to 0.
     return m_isVacuum ? 0 : m_travel.positionAt(m_nowUs);
 }
 
 int GripperBody::rate() const
 {
-    return kBaseRate + kRatePerSpeed * m_command.speed;
+    return baseRate + ratePerSpeed * m_command.speed;
 }
 
 } // namespace sim

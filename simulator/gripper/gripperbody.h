@@ -6,7 +6,7 @@
 
 namespace sim {
 
-/// What the master has commanded, out of the output registers.
+/// The command of the master, decoded from the output registers.
 struct BodyCommand
 {
     bool activate = false;
@@ -19,44 +19,44 @@ struct BodyCommand
     quint8 force = 0;
 };
 
-/// The moving part of a gripper: fingers, or the vacuum of a cup with its pump. Everything is
-/// worked out from the clock whenever somebody asks; nothing runs in between.
+/// The moving part of a gripper: its fingers, or its vacuum with the pump. advance() computes the
+/// state from the clock, so no timer runs during a movement.
 class GripperBody
 {
 public:
     enum class Status : quint8 {
         Reset = 0,      ///< not activated
         Activating = 1, ///< activation under way
-        Releasing = 2,  ///< auto-release under way or done, waits for a deactivation
+        Releasing = 2,  ///< auto-release under way or complete, until a deactivation
         Active = 3,     ///< ready for go-to
     };
     enum class ObjectFlag : quint8 {
-        None = 0,    ///< no go-to asked for
+        None = 0,    ///< no go-to requested
         Moving = 1,  ///< on the way to the requested position
-        Held = 2,    ///< stopped by an object (vacuum: by a leak) before it
+        Held = 2,    ///< stopped before it by an object (vacuum: by a leak)
         Arrived = 3, ///< at the requested position
     };
     enum class VacuumStatus : quint8 {
-        None = 0,     ///< no vacuum asked for
-        Building = 1, ///< the pump builds it up
-        Holding = 2,  ///< at the requested level, pump off
+        None = 0,     ///< no vacuum requested
+        Building = 1, ///< the pump runs and the level rises
+        Holding = 2,  ///< at the requested level, the pump is off
         Leaking = 3,  ///< the pump runs and cannot reach the level
     };
-    static constexpr int __noObject = -1;
-    static constexpr quint8 __faultReleasing = 1; ///< shown while an auto-release moves
-    static constexpr quint8 __faultReleased = 2;  ///< shown after it, until deactivated
+    static constexpr int noObject = -1;
+    static constexpr quint8 releasingFaultCode = 1; ///< during the movement of an auto-release
+    static constexpr quint8 releasedFaultCode = 2;  ///< after that movement, until a deactivation
 
-    /// A deactivated body. An activation takes `activationUs`.
+    /// Makes a deactivated body. An activation takes `activationUs`.
     GripperBody(bool isVacuum, qint64 activationUs);
 
-    /// Works everything out up to `nowUs`. To be called before the queries below.
+    /// Computes the state at `nowUs`, which the queries below return.
     void advance(qint64 nowUs);
     void setCommand(const BodyCommand &command, qint64 nowUs);
-    /// Power lost and back: deactivated, no command. Counters stay.
+    /// The power was off: deactivates and clears the command. Keeps the counters.
     void restart(qint64 nowUs);
-    /// An object that stops a rising position at 0 to 255, or __noObject.
+    /// Puts an object at `position` (0 to 255), which stops a rising position, or noObject.
     void setObject(int position, qint64 nowUs);
-    /// The code to show, 0 to 15, until a deactivation clears it.
+    /// Sets the fault code (0 to 15), which a deactivation clears.
     void setFaultCode(quint8 code) { m_faultCode = code; }
 
     const BodyCommand &command() const { return m_command; }
@@ -68,15 +68,15 @@ public:
     quint8 position() const { return static_cast<quint8>(m_travel.positionAt(m_nowUs)); }
     quint8 motorCurrent() const;
 
-    /// Movements that closed the fingers, or built up vacuum.
+    /// Number of movements that closed the fingers or raised the vacuum.
     quint32 cycles() const { return m_cycles; }
-    /// Vacuum: seconds of pump running. Fingers: position steps travelled.
+    /// Vacuum: seconds that the pump ran. Fingers: steps that they moved.
     quint32 usage() const;
-    /// Vacuum: starts of the pump. Fingers: activations.
+    /// Vacuum: number of pump starts. Fingers: number of activations.
     quint32 starts() const { return m_isVacuum ? m_pumpStarts : m_activations; }
 
 private:
-    void account(qint64 untilUs);
+    void updateCounters(qint64 untilUs);
     void startTravel(const Travel &travel);
     void retarget(qint64 nowUs, bool isNewMove);
     void deactivate(qint64 nowUs);
@@ -95,7 +95,7 @@ private:
     Travel m_travel;
     bool m_isBlocked = false;
     BodyCommand m_command;
-    int m_object = __noObject;
+    int m_object = noObject;
     quint8 m_faultCode = 0;
     quint32 m_cycles = 0;
     quint32 m_activations = 0;

@@ -8,18 +8,17 @@ namespace sim {
 
 class RegisterBank;
 
-/// The Modbus side of the firmware: carries requests out on a register bank. Frames come with
-/// their CRC; answers leave without.
+/// Executes Modbus requests on a register bank. Requests include their CRC, answers do not.
 class ModbusSlave
 {
 public:
     /// `registers` must outlive the slave.
     explicit ModbusSlave(RegisterBank &registers);
 
-    /// Carries `request` out and gives the answer, an exception answer included.
+    /// Executes `request` and returns the answer, which may be an exception answer.
     QByteArray answer(const QByteArray &request);
 
-    /// The exception answer `code` to `request`.
+    /// Makes the exception answer to `request` with the exception `code`.
     static QByteArray exceptionAnswer(const QByteArray &request, int code);
 
 private:

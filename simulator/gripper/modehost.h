@@ -4,22 +4,23 @@
 
 namespace sim {
 
-/// The services of a gripper that its running program (a mode) uses.
+/// The gripper as its modes see it. A mode is a program that the gripper runs.
 class ModeHost
 {
 public:
-    /// Sends `bytes` as a Modbus answer at `baudRate`, `delayMs` from now.
+    /// Sends `bytes` as a Modbus answer at `baudRate` after `delayMs`.
     virtual void send(const QByteArray &bytes, int baudRate, int delayMs) = 0;
-    /// Sends `bytes` as a bootloader's answer at `baudRate`, at once.
+    /// Sends `bytes` as the answer of a bootloader at `baudRate`, without delay.
     virtual void sendFromBootloader(const QByteArray &bytes, int baudRate) = 0;
 
-    /// Cuts the power for a moment: the gripper is silent for the boot time. Then it runs the
-    /// firmware in its flash under the stored id, or its bootloader if the flash holds none.
+    /// Switches the gripper off and on. It is silent for the boot time. Then it runs the firmware
+    /// in its flash under the stored slave id, or its bootloader if the flash has no valid
+    /// firmware.
     virtual void restart() = 0;
-    /// The gripper is silent for the bootloader's boot time, then runs the bootloader.
+    /// Restarts the gripper. It is silent for the bootloader's boot time, then runs the bootloader.
     virtual void restartIntoBootloader() = 0;
-    /// Cuts the power until restart().
-    virtual void die() = 0;
+    /// Switches the gripper off until restart().
+    virtual void cutPower() = 0;
 
 protected:
     ~ModeHost() = default;

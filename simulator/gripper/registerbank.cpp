@@ -6,8 +6,8 @@
 namespace sim {
 
 namespace {
-constexpr quint16 kFactorySpeedLimit = 80;
-constexpr quint32 kChecksumFactor = 2654435761U;
+constexpr quint16 factorySpeedLimit = 80;
+constexpr quint32 checksumFactor = 2654435761U;
 
 quint16 halfOf(quint32 value, int offset)
 {
@@ -34,34 +34,35 @@ BodyCommand decodeOutputs(const QVector<quint16> &outputs)
 {
     const quint16 flags = outputs.at(0);
     BodyCommand command;
-    command.activate = bitOf(flags, map::kActivateBit);
-    command.mode = static_cast<quint8>(flags >> map::kModeShift & map::kModeMask);
-    command.goTo = bitOf(flags, map::kGoToBit);
-    command.autoRelease = bitOf(flags, map::kAutoReleaseBit);
-    command.autoReleaseCloses = bitOf(flags, map::kAutoReleaseDirectionBit);
-    command.position = static_cast<quint8>(outputs.at(1) & map::kByteMask);
-    command.force = static_cast<quint8>(outputs.at(2) & map::kByteMask);
-    command.speed = static_cast<quint8>(outputs.at(2) >> map::kHighByte);
+    command.activate = bitOf(flags, map::activateBit);
+    command.mode = static_cast<quint8>(flags >> map::modeShift & map::modeMask);
+    command.goTo = bitOf(flags, map::goToBit);
+    command.autoRelease = bitOf(flags, map::autoReleaseBit);
+    command.autoReleaseCloses = bitOf(flags, map::autoReleaseDirectionBit);
+    command.position = static_cast<quint8>(outputs.at(1) & map::byteMask);
+    command.force = static_cast<quint8>(outputs.at(2) & map::byteMask);
+    command.speed = static_cast<quint8>(outputs.at(2) >> map::highByteShift);
     return command;
 }
 } // namespace
 
 using Bank = RegisterBank;
 
-const Bank::Block Bank::__blocks[] = {
-    {map::kReset, 1, &Bank::readNothing, &Bank::writeReset, nullptr},
-    {map::kIdentityStore, 1, &Bank::readNothing, &Bank::writeIdentityStore, nullptr},
-    {map::kSettings, map::kSettingsCount, &Bank::readSettings, &Bank::writeSettings,
+const Bank::Block Bank::blocks[] = {
+    {map::resetAddress, 1, &Bank::readNothing, &Bank::writeReset, nullptr},
+    {map::identityStoreAddress, 1, &Bank::readNothing, &Bank::writeIdentityStore, nullptr},
+    {map::settingsAddress, map::settingsCount, &Bank::readSettings, &Bank::writeSettings,
      &Bank::storeSettings},
-    {map::kSpeedLimit, 2, &Bank::readSpeedLimit, &Bank::writeSpeedLimit, &Bank::storeSpeedLimit},
-    {map::kVersion, map::kVersionCount, &Bank::readVersion, nullptr, &Bank::storeVersion},
-    {map::kIdentity, map::kIdentityCount, &Bank::readIdentity, &Bank::writeIdentity,
+    {map::speedLimitAddress, 2, &Bank::readSpeedLimit, &Bank::writeSpeedLimit,
+     &Bank::storeSpeedLimit},
+    {map::versionAddress, map::versionCount, &Bank::readVersion, nullptr, &Bank::storeVersion},
+    {map::identityAddress, map::identityCount, &Bank::readIdentity, &Bank::writeIdentity,
      &Bank::storeIdentity},
-    {map::kChecksum, 2, &Bank::readChecksum, nullptr, &Bank::storeChecksum},
-    {map::kCounters, map::kCounterCount, &Bank::readCounters, nullptr, nullptr},
-    {map::kOutputs, map::kOutputCount, &Bank::readOutputs, &Bank::writeOutputs,
+    {map::checksumAddress, 2, &Bank::readChecksum, nullptr, &Bank::storeChecksum},
+    {map::countersAddress, map::counterCount, &Bank::readCounters, nullptr, nullptr},
+    {map::outputsAddress, map::outputCount, &Bank::readOutputs, &Bank::writeOutputs,
      &Bank::storeOutputs},
-    {map::kInputs, map::kInputCount, &Bank::readInputs, nullptr, nullptr},
+    {map::inputsAddress, map::inputCount, &Bank::readInputs, nullptr, nullptr},
 };
 
 RegisterBank::RegisterBank(const GripperIdentity &identity, quint8 slaveId, qint64 activationUs,
@@ -71,15 +72,15 @@ RegisterBank::RegisterBank(const GripperIdentity &identity, quint8 slaveId, qint
     , m_settings(slaveId)
     , m_body(identity.isVacuum(), activationUs)
     , m_version(identity.versionRegisters())
-    , m_outputs(map::kOutputCount)
-    , m_checksum(identity.serialNumber * kChecksumFactor)
-    , m_speedLimit(kFactorySpeedLimit)
+    , m_outputs(map::outputCount)
+    , m_checksum(identity.serialNumber * checksumFactor)
+    , m_speedLimit(factorySpeedLimit)
 {
 }
 
 const Bank::Block *RegisterBank::blockOf(quint16 address)
 {
-    for (const Block &block : __blocks) {
+    for (const Block &block : blocks) {
         if (address >= block.first && address < block.first + block.count)
             return &block;
     }
@@ -202,8 +203,8 @@ quint16 RegisterBank::readInputs(int offset) const
     const BodyCommand &command = m_body.command();
     const quint16 words[] = {
         readStatus(),
-        static_cast<quint16>(command.position | field(m_body.faultCode(), map::kFaultShift)),
-        static_cast<quint16>(m_body.motorCurrent() | field(m_body.position(), map::kHighByte)),
+        static_cast<quint16>(command.position | field(m_body.faultCode(), map::faultShift)),
+        static_cast<quint16>(m_body.motorCurrent() | field(m_body.position(), map::highByteShift)),
     };
     return words[offset];
 }
@@ -214,18 +215,17 @@ quint16 RegisterBank::readStatus() const
     const auto vacuum = static_cast<unsigned>(m_body.vacuumStatus());
     const auto status = static_cast<unsigned>(m_body.status());
     const auto object = static_cast<unsigned>(m_body.objectFlag());
-    return static_cast<quint16>(
-        vacuum | field(command.activate ? 1 : 0, map::kActivateBit) |
-        field(command.mode, map::kModeShift) | field(command.goTo ? 1 : 0, map::kGoToBit) |
-        field(status, map::kStatusShift) | field(object, map::kObjectShift));
+    return static_cast<quint16>(vacuum | field(command.activate ? 1 : 0, map::activateBit) |
+                                field(command.mode, map::modeShift) |
+                                field(command.goTo ? 1 : 0, map::goToBit) |
+                                field(status, map::statusShift) | field(object, map::objectShift));
 }
 
 ModbusException RegisterBank::writeReset(int /*offset*/, const QVector<quint16> &values)
 {
     const quint16 command = values.first();
-    const bool isKnown = command == map::kRestartFirmware ||
-                         command == map::kRestartIntoRomBootloader ||
-                         command == map::kRestartIntoOwnBootloader;
+    const bool isKnown = command == map::restartCommand || command == map::romBootloaderCommand ||
+                         command == map::ownBootloaderCommand;
     if (!isKnown)
         return ModbusException::IllegalValue;
     m_resetCommand = command;
@@ -234,7 +234,7 @@ ModbusException RegisterBank::writeReset(int /*offset*/, const QVector<quint16> 
 
 ModbusException RegisterBank::writeIdentityStore(int /*offset*/, const QVector<quint16> &values)
 {
-    if (values.first() != map::kStoreIdentity)
+    if (values.first() != map::storeIdentityCommand)
         return ModbusException::IllegalValue;
     m_identity.store();
     return ModbusException::None;
@@ -247,8 +247,8 @@ ModbusException RegisterBank::writeSettings(int offset, const QVector<quint16> &
 
 ModbusException RegisterBank::writeSpeedLimit(int offset, const QVector<quint16> &values)
 {
-    // The limit is taken only together with its command word.
-    if (offset != 0 || values.size() != 2 || values.first() != map::kSetSpeedLimit)
+    // The limit is valid only together with its command.
+    if (offset != 0 || values.size() != 2 || values.first() != map::speedLimitCommand)
         return ModbusException::IllegalValue;
     m_speedLimit = values.last();
     return ModbusException::None;

@@ -13,8 +13,8 @@ namespace sim {
 
 class Timeline;
 
-/// All holding registers of one gripper: a table of blocks, each with what reading and writing
-/// it does. Owns the gripper's memory and its moving part; knows nothing of frames.
+/// Owns all holding registers of one gripper, its permanent memory and its moving part. A table has
+/// one row for each block of registers, with the functions that read and write the block.
 class RegisterBank
 {
 public:
@@ -24,28 +24,29 @@ public:
 
     /// Whether every one of `count` registers from `first` on exists.
     bool exists(quint16 first, int count) const;
-    /// The present values, pins included. Only to be asked for registers that exist.
+    /// Returns the current values, or the pinned ones. The registers must exist.
     QVector<quint16> read(quint16 first, int count);
-    /// Writes as a master does. The values must lie in one block that can be written.
+    /// Writes as a master does. All registers must be in one writable block.
     ModbusException write(quint16 first, const QVector<quint16> &values);
 
-    /// Puts `value` into a register that stores, or pins one that is worked out. False when
-    /// there is no such register.
+    /// Stores `value` in a register, or pins the register if its value is computed. Returns false
+    /// when there is no such register.
     bool set(quint16 address, quint16 value);
-    /// Makes reads of `address` give `value` until released. False when it does not exist.
+    /// Makes reads of `address` return `value` until release(). Returns false when there is no such
+    /// register.
     bool pin(quint16 address, quint16 value);
     void release(quint16 address) { m_pins.remove(address); }
     void releaseAll() { m_pins.clear(); }
     const QMap<quint16, quint16> &pins() const { return m_pins; }
 
-    /// The reset command that was written since the last call, if any.
+    /// Removes and returns the reset command, if one was written since the previous call.
     std::optional<quint16> takeResetCommand();
-    /// What the firmware that runs from now on says of its version.
+    /// Sets the version registers to that of the firmware which starts now.
     void setVersion(const GripperIdentity &identity) { m_version = identity.versionRegisters(); }
-    /// The firmware starts again: commands are gone, settings come from permanent memory.
+    /// The gripper restarts: clears the outputs and reloads the settings from permanent memory.
     void restart();
 
-    /// The moving part, worked out up to now.
+    /// The moving part in its current state.
     GripperBody &body();
     quint8 storedSlaveId() const { return m_settings.storedSlaveId(); }
 
@@ -55,12 +56,12 @@ private:
         quint16 first;
         int count;
         quint16 (RegisterBank::*read)(int offset) const;
-        /// Null: read only.
+        /// Null for a block that is read-only.
         ModbusException (RegisterBank::*write)(int offset, const QVector<quint16> &values);
-        /// Null: worked out, so that setting it means pinning it.
+        /// Null for computed registers, which set() pins.
         void (RegisterBank::*store)(int offset, quint16 value);
     };
-    static const Block __blocks[];
+    static const Block blocks[];
     static const Block *blockOf(quint16 address);
 
     quint16 readNothing(int offset) const;

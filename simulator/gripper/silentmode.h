@@ -4,12 +4,12 @@
 
 namespace sim {
 
-/// A gripper that is starting up: hears nothing, answers nothing.
+/// A gripper that boots or has no power. It ignores everything.
 class SilentMode : public LineListener
 {
 public:
-    void hear(const QByteArray & /*bytes*/, int /*baudRate*/) override {}
-    void hearSilence() override {}
+    void receive(const QByteArray & /*bytes*/, int /*baudRate*/) override {}
+    void onSilence() override {}
 };
 
 } // namespace sim

@@ -6,7 +6,7 @@
 namespace sim {
 
 namespace {
-constexpr qint64 kUsPerMs = 1000;
+constexpr qint64 usPerMs = 1000;
 }
 
 SimulatedGripper::SimulatedGripper(quint8 slaveId, const GripperIdentity &identity,
@@ -17,7 +17,7 @@ SimulatedGripper::SimulatedGripper(quint8 slaveId, const GripperIdentity &identi
     , m_bootloader(bootloaderOf(identity))
     , m_line(line)
     , m_timeline(timeline)
-    , m_registers(identity, slaveId, timing.activationMs * kUsPerMs, timeline)
+    , m_registers(identity, slaveId, timing.activationMs * usPerMs, timeline)
     , m_faults(random)
     , m_flash(m_bootloader.firmwareStart)
     , m_firmwareMode(*this, m_registers, m_faults, slaveId)
@@ -47,7 +47,7 @@ void SimulatedGripper::restartIntoBootloader()
     boot(m_timing.bootloaderBootMs, [this] { startBootloader(); });
 }
 
-void SimulatedGripper::die()
+void SimulatedGripper::cutPower()
 {
     stop(State::Dead);
 }
@@ -55,9 +55,9 @@ void SimulatedGripper::die()
 void SimulatedGripper::boot(int durationMs, const std::function<void()> &end)
 {
     stop(State::Booting);
-    // A restart during a boot begins it anew: only the latest one ends it.
+    // A restart during a boot starts the boot again, so only the latest action may end it.
     const int boot = m_stops;
-    m_timeline.after(this, durationMs * kUsPerMs, [this, boot, end] {
+    m_timeline.after(this, durationMs * usPerMs, [this, boot, end] {
         if (boot == m_stops)
             end();
     });
@@ -76,7 +76,7 @@ void SimulatedGripper::stop(State state)
 void SimulatedGripper::startFirmware()
 {
     const QString version = FirmwareImage::versionIn(m_flash.from(m_bootloader.firmwareStart));
-    // The same firmware leaves alone what a test has put into the version registers.
+    // The same firmware does not overwrite version registers that a command has set.
     if (version != m_identity.versionText() && m_identity.setVersion(version))
         m_registers.setVersion(m_identity);
     m_firmwareMode.setSlaveId(m_registers.storedSlaveId());
@@ -90,14 +90,14 @@ void SimulatedGripper::startBootloader()
     m_state = State::Bootloader;
 }
 
-void SimulatedGripper::hear(const QByteArray &bytes, int baudRate)
+void SimulatedGripper::receive(const QByteArray &bytes, int baudRate)
 {
-    m_mode->hear(bytes, baudRate);
+    m_mode->receive(bytes, baudRate);
 }
 
-void SimulatedGripper::hearSilence()
+void SimulatedGripper::onSilence()
 {
-    m_mode->hearSilence();
+    m_mode->onSilence();
 }
 
 void SimulatedGripper::send(const QByteArray &bytes, int baudRate, int delayMs)
@@ -106,7 +106,7 @@ void SimulatedGripper::send(const QByteArray &bytes, int baudRate, int delayMs)
         m_line.transmit(bytes, baudRate, true);
         return;
     }
-    m_timeline.after(this, delayMs * kUsPerMs,
+    m_timeline.after(this, delayMs * usPerMs,
                      [this, bytes, baudRate] { m_line.transmit(bytes, baudRate, true); });
 }
 

@@ -18,17 +18,17 @@ namespace sim {
 class Line;
 class Timeline;
 
-/// How long a gripper takes for what takes long.
+/// The durations that a gripper needs.
 struct GripperTiming
 {
-    int bootMs = 800;                ///< from the restart command until it answers again
-    int activationMs = 1500;         ///< from the activation bit until status 3
-    int bootloaderBootMs = 300;      ///< from the restart command until the bootloader answers
-    int bootloaderBitsPerSecond = 0; ///< how fast its bytes pass, 0 for as fast as they come
+    int bootMs = 800;           ///< from the restart command to the first answer
+    int activationMs = 1500;    ///< from the activation bit to status 3
+    int bootloaderBootMs = 300; ///< from the restart command to the first answer of the bootloader
+    int bootloaderBitsPerSecond = 0; ///< the rate that delays its answers; 0 means no delay
 };
 
-/// One gripper on the line: its registers, its misbehaviours, and the program that it runs at
-/// present. A mode is a listener of its own, so a new program of the gripper is a new mode.
+/// One gripper on the line. It owns its registers, faults and flash, and one mode for each program
+/// that it can run. The current mode gets everything that the gripper receives.
 class SimulatedGripper : public QObject, public LineListener, private ModeHost
 {
     Q_OBJECT
@@ -37,16 +37,17 @@ public:
     enum class State {
         Firmware,   ///< answers Modbus requests
         Bootloader, ///< answers the bootloader's commands
-        Booting,    ///< on the way into one of them, silent
+        Booting,    ///< between restart and first answer, silent
         Dead,       ///< without power, silent
     };
 
-    /// Everything referred to must outlive the gripper. It joins `line` until it is destroyed.
+    /// All references must outlive the gripper. The gripper is a listener of `line` until
+    /// destroyed.
     SimulatedGripper(quint8 slaveId, const GripperIdentity &identity, const GripperTiming &timing,
                      Line &line, Timeline &timeline, RandomSource &random);
     ~SimulatedGripper() override;
 
-    /// The id under which it answers, or answered before the restart that is under way.
+    /// The slave id that the gripper answers to. During a restart, the id before the restart.
     quint8 slaveId() const { return m_firmwareMode.slaveId(); }
     const GripperIdentity &identity() const { return m_identity; }
     RegisterBank &registers() { return m_registers; }
@@ -58,10 +59,10 @@ public:
 
     void restart() override;
     void restartIntoBootloader() override;
-    void die() override;
+    void cutPower() override;
 
-    void hear(const QByteArray &bytes, int baudRate) override;
-    void hearSilence() override;
+    void receive(const QByteArray &bytes, int baudRate) override;
+    void onSilence() override;
 
 private:
     void send(const QByteArray &bytes, int baudRate, int delayMs) override;

@@ -3,7 +3,7 @@
 namespace sim {
 
 namespace {
-constexpr qint64 kUsPerSecond = 1000000;
+constexpr qint64 usPerSecond = 1000000;
 }
 
 Travel Travel::rest(int position, qint64 nowUs)
@@ -17,7 +17,7 @@ Travel Travel::move(int from, int to, int ratePerSecond, qint64 nowUs)
     travel.m_from = from;
     travel.m_to = to;
     travel.m_startUs = nowUs;
-    travel.m_endUs = nowUs + qAbs(to - from) * kUsPerSecond / ratePerSecond;
+    travel.m_endUs = nowUs + qAbs(to - from) * usPerSecond / ratePerSecond;
     return travel;
 }
 

@@ -4,14 +4,14 @@
 
 namespace sim {
 
-/// One movement at a constant rate between two positions of 0 to 255, or a rest. Pure
-/// arithmetic on a clock in microseconds: nothing has to run while it lasts.
+/// One movement at a constant rate between two positions of 0 to 255, or a rest at one position. It
+/// computes the position for any time, in microseconds.
 class Travel
 {
 public:
-    /// At rest at `position` since `nowUs`.
+    /// Makes a rest at `position` that starts at `nowUs`.
     static Travel rest(int position, qint64 nowUs);
-    /// From `from` to `to` at `ratePerSecond` (1 or more) steps a second, begun at `nowUs`.
+    /// Makes a movement of `ratePerSecond` (1 or more) steps per second that starts at `nowUs`.
     static Travel move(int from, int to, int ratePerSecond, qint64 nowUs);
 
     int positionAt(qint64 nowUs) const;

@@ -6,16 +6,16 @@
 namespace sim {
 
 namespace {
-constexpr quint32 kSeed = 20011;
-constexpr quint32 kFactor = 1664525;
-constexpr quint32 kIncrement = 1013904223;
+constexpr quint32 bodySeed = 20011;
+constexpr quint32 bodyFactor = 1664525;
+constexpr quint32 bodyIncrement = 1013904223;
 
 QByteArray bodyOf(int size)
 {
     QByteArray body;
-    quint32 state = kSeed;
+    quint32 state = bodySeed;
     for (int i = 0; i < size; ++i) {
-        state = state * kFactor + kIncrement;
+        state = state * bodyFactor + bodyIncrement;
         body.append(static_cast<char>(state >> 24));
     }
     return body;
@@ -29,11 +29,11 @@ QByteArray digestOf(const QByteArray &lines, const QByteArray &body)
 
 QByteArray FirmwareImage::make(const QString &version, int size)
 {
-    const QByteArray body = bodyOf(size - __headSize);
+    const QByteArray body = bodyOf(size - headSize);
     const QByteArray lines = "gripper-simulator firmware\nversion=" + version.toLatin1() +
                              "\nsize=" + QByteArray::number(size) + '\n';
     const QByteArray head = lines + "sha1=" + digestOf(lines, body) + '\n';
-    return head.leftJustified(__headSize, '\0') + body;
+    return head.leftJustified(headSize, '\0') + body;
 }
 
 QString FirmwareImage::versionIn(const QByteArray &flash)
@@ -41,12 +41,11 @@ QString FirmwareImage::versionIn(const QByteArray &flash)
     static const QRegularExpression pattern(
         QStringLiteral("^(gripper-simulator firmware\nversion=([!-~]{1,32})\nsize=([0-9]{1,7})\n)"
                        "sha1=([0-9a-f]{40})\n"));
-    const QRegularExpressionMatch match =
-        pattern.match(QString::fromLatin1(flash.left(__headSize)));
+    const QRegularExpressionMatch match = pattern.match(QString::fromLatin1(flash.left(headSize)));
     const int size = match.captured(3).toInt();
-    if (!match.hasMatch() || size <= __headSize || size > flash.size())
+    if (!match.hasMatch() || size <= headSize || size > flash.size())
         return QString();
-    const QByteArray body = flash.mid(__headSize, size - __headSize);
+    const QByteArray body = flash.mid(headSize, size - headSize);
     if (digestOf(match.captured(1).toLatin1(), body) != match.captured(4).toLatin1())
         return QString();
     return match.captured(2);

@@ -5,21 +5,22 @@
 
 namespace sim {
 
-/// The simulator's own firmware images: a head of text that carries the version, and a body
-/// without meaning, so that every byte of it counts in a verification.
+/// The format of the simulator's firmware images: a text head and a pseudo-random body. The random
+/// bytes make a verification notice every byte that is lost or moved.
 ///
-/// The head has 128 bytes: the lines "gripper-simulator firmware", "version=TA3-1.6.14",
-/// "size=16384" (of the whole image in bytes) and "sha1=" with the 40 hexadecimal digits of the
-/// three lines before it and the body, each ended by a line feed; then zeros.
+/// The head has 128 bytes: four lines, each ended by a line feed, then zeros. The lines are
+/// "gripper-simulator firmware", "version=TA3-1.6.14", "size=16384" (bytes of the whole image) and
+/// "sha1=" with 40 hexadecimal digits. The digest covers the first three lines and the body.
 class FirmwareImage
 {
 public:
-    static constexpr int __headSize = 128;
-    static constexpr int __defaultSize = 16384;
+    static constexpr int headSize = 128;
+    static constexpr int defaultSize = 16384;
 
-    /// An image of `size` bytes (more than the head has). `version` is not checked.
-    static QByteArray make(const QString &version, int size = __defaultSize);
-    /// The version of the whole and unspoilt image at the front of `flash`; empty without one.
+    /// Makes an image of `size` bytes, at least one more than the head. Does not check `version`.
+    static QByteArray make(const QString &version, int size = defaultSize);
+    /// Returns the version of the image at the start of `flash`. Returns an empty text when the
+    /// image is missing, incomplete or damaged.
     static QString versionIn(const QByteArray &flash);
 };
 

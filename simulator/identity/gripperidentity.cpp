@@ -7,26 +7,26 @@
 namespace sim {
 
 namespace {
-constexpr quint32 kFirstSerialNumber = 1000;
+constexpr quint32 serialNumberBase = 1000;
 
 quint16 word(int high, int low)
 {
     return static_cast<quint16>((high & 0xFF) << 8 | (low & 0xFF));
 }
 
-bool takeByte(const QString &text, quint8 *byte)
+bool readByte(const QString &text, quint8 *byte)
 {
     bool ok = false;
     const uint value = text.toUInt(&ok);
     *byte = static_cast<quint8>(value);
-    return ok && value <= map::kByteMask;
+    return ok && value <= map::byteMask;
 }
 } // namespace
 
 std::optional<GripperIdentity> GripperIdentity::fromVersion(quint8 slaveId, const QString &version)
 {
     GripperIdentity identity;
-    identity.serialNumber = kFirstSerialNumber + slaveId;
+    identity.serialNumber = serialNumberBase + slaveId;
     if (!identity.setVersion(version))
         return std::nullopt;
     return identity;
@@ -40,8 +40,8 @@ bool GripperIdentity::setVersion(const QString &text)
     if (!match.hasMatch())
         return false;
     letters = match.captured(1).toLatin1();
-    return takeByte(match.captured(2), &major) && takeByte(match.captured(3), &minor) &&
-           takeByte(match.captured(4), &patch);
+    return readByte(match.captured(2), &major) && readByte(match.captured(3), &minor) &&
+           readByte(match.captured(4), &patch);
 }
 
 bool GripperIdentity::setSerial(const QString &text)
@@ -82,7 +82,7 @@ QVector<quint16> GripperIdentity::versionRegisters() const
 
 QVector<quint16> GripperIdentity::identityRegisters() const
 {
-    const QByteArray text = serialPrefix.leftJustified(map::kSerialTextCount * 2, '\0', true);
+    const QByteArray text = serialPrefix.leftJustified(map::serialTextCount * 2, '\0', true);
     return {word(text.at(0), text.at(1)), word(text.at(2), text.at(3)),
             static_cast<quint16>(serialNumber), static_cast<quint16>(serialNumber >> 16), year};
 }

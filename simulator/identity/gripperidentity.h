@@ -7,7 +7,7 @@
 
 namespace sim {
 
-/// What a gripper is from the factory on.
+/// The version, serial number and production year of a gripper.
 struct GripperIdentity
 {
     QByteArray letters; ///< three characters, the first two are the family code
@@ -18,25 +18,25 @@ struct GripperIdentity
     quint32 serialNumber = 0;
     quint16 year = 2024;
 
-    /// A gripper of `version` (see setVersion) with the serial number that it has unless it is
-    /// told otherwise: 1000 + `slaveId`. Nothing when `version` is no version text.
+    /// The identity for `version` (see setVersion) with the default serial number SIM-(1000 +
+    /// `slaveId`). Empty when `version` is not a version text.
     static std::optional<GripperIdentity> fromVersion(quint8 slaveId, const QString &version);
 
-    /// Takes a version text such as "TA3-1.6.14": one of the families TA, TB,
-    /// TE and TF, a third character, three numbers of 0 to 255. False for any other text.
+    /// Sets the version from a text such as "TA3-1.6.14": the family (TA, TB, TE or TF), a third
+    /// character, and three numbers of 0 to 255. Returns false for any other text.
     bool setVersion(const QString &text);
-    /// Takes a serial number such as "ABC-0042": one to three letters or digits, "-", a decimal
-    /// number of 32 bits. False for any other text.
+    /// Sets the serial number from a text such as "ABC-0042": one to three letters or digits, "-",
+    /// and a decimal number of 32 bits. Returns false for any other text.
     bool setSerial(const QString &text);
 
     QString versionText() const;
     QString serialText() const;
-    /// Whether the family holds by vacuum.
+    /// Whether the gripper holds its object by vacuum.
     bool isVacuum() const;
 
-    /// The version block as the registers carry it: first character in the high byte.
+    /// The registers of the version block. The first character is in the high byte.
     QVector<quint16> versionRegisters() const;
-    /// The identity block as the registers carry it: first character in the high byte.
+    /// The registers of the identity block. The first character is in the high byte.
     QVector<quint16> identityRegisters() const;
 };
 

@@ -10,18 +10,18 @@ quint16 swapped(quint16 value)
     return static_cast<quint16>(value << 8 | value >> 8);
 }
 
-/// The same place in the other byte order; only characters change theirs.
+/// Converts between the written and the read byte order, which differ for characters only.
 quint16 reordered(int offset, quint16 value)
 {
-    return offset < map::kSerialTextCount ? swapped(value) : value;
+    return offset < map::serialTextCount ? swapped(value) : value;
 }
 } // namespace
 
 IdentityStore::IdentityStore(const GripperIdentity &identity)
 {
     const QVector<quint16> registers = identity.identityRegisters();
-    m_stored.resize(map::kIdentityCount);
-    m_staged.resize(map::kIdentityCount);
+    m_stored.resize(map::identityCount);
+    m_staged.resize(map::identityCount);
     for (int i = 0; i < registers.size(); ++i)
         setStored(i, registers.at(i));
 }

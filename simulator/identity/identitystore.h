@@ -4,20 +4,20 @@
 
 namespace sim {
 
-/// Serial number and production year in the gripper's permanent memory. What a master writes
-/// waits until it is told to be stored, and is not read back before.
+/// The serial number and production year in the permanent memory of a gripper. Values that a
+/// master writes are staged. Reads return the stored values until store() replaces them.
 class IdentityStore
 {
 public:
     explicit IdentityStore(const GripperIdentity &identity);
 
     quint16 value(int offset) const { return m_stored.at(offset); }
-    /// Keeps `values` from `offset` on until store().
+    /// Keeps `values` for the registers from `offset` on until store().
     void stage(int offset, const QVector<quint16> &values);
-    /// Stores what is staged. Masters send the first character of a register in its low byte and
-    /// read it from the high byte, so the bytes of the characters change places here.
+    /// Stores the staged values. A master writes the first character of a register to the low byte
+    /// and reads it from the high byte, so this swaps the bytes of the characters.
     void store();
-    /// Sets one register as it reads, without staging.
+    /// Sets the value that a read of one register returns.
     void setStored(int offset, quint16 value);
 
 private:

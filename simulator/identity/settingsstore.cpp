@@ -5,27 +5,27 @@
 namespace sim {
 
 namespace {
-// What the block holds beside the slave id. Masters hand it back as they read it.
-constexpr quint16 kFactorySettings[] = {0x0003, 0x0008, 0x0001, 0x0000, 0x0100};
+// The values up to the register of the slave id. Masters read them and write them back unchanged.
+constexpr quint16 factorySettings[] = {0x0003, 0x0008, 0x0001, 0x0000, 0x0100};
 
 quint8 slaveIdIn(const QVector<quint16> &settings)
 {
-    return static_cast<quint8>(settings.at(map::kSlaveIdOffset) & map::kByteMask);
+    return static_cast<quint8>(settings.at(map::slaveIdOffset) & map::byteMask);
 }
 
 void clearTrailer(QVector<quint16> *settings)
 {
-    for (int i = map::kSlaveIdOffset + 1; i < map::kSettingsCount; ++i)
+    for (int i = map::slaveIdOffset + 1; i < map::settingsCount; ++i)
         (*settings)[i] = 0;
 }
 } // namespace
 
 SettingsStore::SettingsStore(quint8 slaveId)
-    : m_stored(map::kSettingsCount)
+    : m_stored(map::settingsCount)
 {
-    for (int i = 0; i <= map::kSlaveIdOffset; ++i)
-        m_stored[i] = kFactorySettings[i];
-    m_stored[map::kSlaveIdOffset] |= slaveId;
+    for (int i = 0; i <= map::slaveIdOffset; ++i)
+        m_stored[i] = factorySettings[i];
+    m_stored[map::slaveIdOffset] |= slaveId;
     m_working = m_stored;
 }
 
@@ -35,9 +35,9 @@ bool SettingsStore::write(int offset, const QVector<quint16> &values)
     for (int i = 0; i < values.size(); ++i)
         changed[offset + i] = values.at(i);
     const quint8 slaveId = slaveIdIn(changed);
-    if (slaveId < map::kMinSlaveId || slaveId > map::kMaxSlaveId)
+    if (slaveId < map::minSlaveId || slaveId > map::maxSlaveId)
         return false;
-    const bool isStored = changed.at(map::kStoreOffset) == map::kStoreSettings;
+    const bool isStored = changed.at(map::storeCommandOffset) == map::storeSettingsCommand;
     clearTrailer(&changed);
     m_working = changed;
     if (isStored)

@@ -1,6 +1,7 @@
 #include "bussimulator.h"
 
 #include "devicemap.h"
+#include "failure.h"
 #include "realtimeline.h"
 
 #include <algorithm>
@@ -34,21 +35,18 @@ BusSimulator::BusSimulator()
 
 BusSimulator::~BusSimulator() = default;
 
-bool BusSimulator::plug()
+void BusSimulator::plug()
 {
     if (isPlugged())
-        return true;
+        return;
     m_link.removeStale();
-    if (!m_port.open()) {
-        m_error = m_port.errorString();
-        return false;
-    }
-    if (!m_link.create(m_port.path())) {
-        m_error = m_link.errorString();
+    m_port.open();
+    try {
+        m_link.create(m_port.path());
+    } catch (const Failure &) {
         m_port.close();
-        return false;
+        throw;
     }
-    return true;
 }
 
 void BusSimulator::unplug()
@@ -61,13 +59,17 @@ void BusSimulator::unplug()
 void BusSimulator::onStuck()
 {
     unplug();
-    if (plug())
-        emit portRenewed();
+    try {
+        plug();
+    } catch (const Failure &) {
+        return; // The line stays unplugged, which the command "show" reports.
+    }
+    emit portRenewed();
 }
 
 SimulatedGripper *BusSimulator::addGripper(quint8 slaveId, const GripperIdentity &identity)
 {
-    const bool isInRange = slaveId >= map::kMinSlaveId && slaveId <= map::kMaxSlaveId;
+    const bool isInRange = slaveId >= map::minSlaveId && slaveId <= map::maxSlaveId;
     if (!isInRange || gripper(slaveId) != nullptr)
         return nullptr;
     m_grippers.push_back(std::make_unique<SimulatedGripper>(slaveId, identity, m_config.timing,

@@ -13,11 +13,12 @@
 
 namespace sim {
 
-/// A serial line with grippers on it, at the far end of a pty. Runs in the event loop of its
-/// thread and never blocks it, so it can stand in the same process as the master.
+/// Owns a simulated serial line: the grippers, the pty and the link to it. It runs in the event
+/// loop of its thread and never blocks, so the master can run in the same process.
 ///
-/// Operations that take a slave id act on the gripper that answers under it (the one added
-/// first, should two have come to share it), and return false or null when there is none.
+/// An operation with a slave id acts on the gripper that answers to this id. If several grippers
+/// share the id, it acts on the one that was added first. It returns false or null for an unused
+/// id.
 class BusSimulator : public QObject
 {
     Q_OBJECT
@@ -25,65 +26,66 @@ class BusSimulator : public QObject
 public:
     struct Config
     {
-        QString linkPath;      ///< link to make to the pty, empty for none
-        unsigned portMode = 0; ///< permission bits of the pty, 0 for the system's own
-        quint32 seed = 1;      ///< of everything that happens by chance
-        GripperTiming timing;  ///< of every gripper that is added
+        QString linkPath;      ///< path of the link to the pty; empty means no link
+        unsigned portMode = 0; ///< permission bits of the pty; 0 means the system's default
+        quint32 seed = 1;      ///< seed of all random decisions
+        GripperTiming timing;  ///< timing of every gripper
     };
 
-    /// A line that is not plugged in. Without a `timeline` of its own it follows the machine's
-    /// clock; one that is given must outlive the simulator.
+    /// Makes a line that is not plugged in. A `timeline` must outlive the simulator; without one,
+    /// the simulator uses the clock of the machine.
     explicit BusSimulator(const Config &config, Timeline *timeline = nullptr,
                           QObject *parent = nullptr);
     BusSimulator();
     ~BusSimulator() override;
 
-    /// Opens the pty and makes the link. False when it cannot, or the link's place is taken;
-    /// errorString() then says why, and nothing is left open. True when plugged in already.
-    bool plug();
-    /// Removes the link and hangs up: the master's port vanishes. Harmless when unplugged.
+    /// Opens the pty and makes the link. Does nothing while plugged in. Throws Failure when it
+    /// cannot, or when the path of the link is taken, and leaves nothing open then.
+    void plug();
+    /// Removes the link and hangs up, so the port of the master disappears. Does nothing while
+    /// unplugged.
     void unplug();
     bool isPlugged() const { return m_port.isOpen(); }
-    const QString &errorString() const { return m_error; }
-    /// The pty that a master opens, empty while unplugged. Another one after every plug().
+    /// The path of the pty that a master opens. Empty while unplugged. Every plug() changes it.
     const QString &portPath() const { return m_port.path(); }
-    /// The configured link, empty for none.
+    /// The configured path of the link. Empty means no link.
     const QString &linkPath() const { return m_link.path(); }
 
-    /// Null when `slaveId` is not 1 to 247 or is taken. Owned by the simulator.
+    /// Adds a gripper, which the simulator owns. Returns null when `slaveId` is not 1 to 247 or
+    /// taken.
     SimulatedGripper *addGripper(quint8 slaveId, const GripperIdentity &identity);
-    /// The same with a version text such as "TA3-1.6.14"; null too when it is not one. The serial
-    /// number is "SIM-" and 1000 + `slaveId`.
+    /// Adds a gripper with the identity that GripperIdentity::fromVersion() makes of `version`.
+    /// Returns null also when `version` is not a version text.
     SimulatedGripper *addGripper(quint8 slaveId, const QString &version);
     bool removeGripper(quint8 slaveId);
     SimulatedGripper *gripper(quint8 slaveId) const;
-    /// In the order in which they were added.
+    /// All grippers, in the order in which they were added.
     QVector<SimulatedGripper *> grippers() const;
 
     bool setFault(quint8 slaveId, const Fault &fault);
     bool clearFaults(quint8 slaveId);
-    /// Stores `value`, or pins it in a register that the gripper works out itself. False also
-    /// when there is no such register.
+    /// Stores `value`, or pins it if the gripper computes the register. Returns false also when
+    /// there is no such register.
     bool setRegister(quint8 slaveId, quint16 address, quint16 value);
-    /// Makes reads give `value` until released, whatever the register holds.
+    /// Makes reads return `value` until releaseRegisters().
     bool pinRegister(quint8 slaveId, quint16 address, quint16 value);
     bool releaseRegisters(quint8 slaveId);
-    /// What a read of one register gives at this moment; nothing when it does not exist.
+    /// The value that a read of the register returns now. Empty when there is no such register.
     std::optional<quint16> registerValue(quint8 slaveId, quint16 address) const;
-    /// Puts an object at `position` (0 to 255), or takes it away (GripperBody::__noObject).
+    /// Puts an object at `position` (0 to 255), or removes it (GripperBody::noObject).
     bool setObject(quint8 slaveId, int position);
-    /// Shows a fault code of 0 to 15 until the next deactivation.
+    /// Sets the fault code (0 to 15), which the next deactivation clears.
     bool setFaultCode(quint8 slaveId, quint8 code);
     bool restartGripper(quint8 slaveId);
 
-    /// The latest frames seen, FrameLog::__maxFrames at most, oldest first.
+    /// The latest frames, at most FrameLog::maxFrames, oldest first.
     const QList<FrameRecord> &frames() const { return m_log.frames(); }
     void clearFrames() { m_log.clear(); }
 
 signals:
-    /// Every frame, those that nobody answers included, in the order of the line.
+    /// Emitted for every frame on the line, also for unanswered requests and noise.
     void frameSeen(const sim::FrameRecord &frame);
-    /// The port was hung up on its own account and is back, on another pty.
+    /// The simulator has replaced a stuck pty by a new one.
     void portRenewed();
 
 private:
@@ -97,7 +99,6 @@ private:
     PtyPort m_port;
     OwnLink m_link;
     FrameLog m_log;
-    QString m_error;
     std::vector<std::unique_ptr<SimulatedGripper>> m_grippers;
 };
 

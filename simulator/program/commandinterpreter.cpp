@@ -1,6 +1,7 @@
 #include "commandinterpreter.h"
 
 #include "devicemap.h"
+#include "failure.h"
 #include "faulttext.h"
 #include "gripperoptions.h"
 #include "numbers.h"
@@ -10,17 +11,17 @@
 namespace sim {
 
 namespace {
-constexpr int kMaxWord = 0xFFFF;
-constexpr int kMaxPosition = 255;
-constexpr int kMaxFaultCode = 15;
-constexpr int kMaxGetCount = 125;
+constexpr int maxWord = 0xFFFF;
+constexpr int maxPosition = 255;
+constexpr int maxFaultCode = 15;
+constexpr int maxGetCount = 125;
 
 QString wordText(quint16 value)
 {
     return QStringLiteral("0x%1").arg(value, 4, 16, QLatin1Char('0'));
 }
 
-/// What is to be told of a gripper that does not run its firmware, with a blank before it.
+/// The state as it is appended to a line, empty for a gripper that runs its firmware.
 QString stateText(const SimulatedGripper &gripper)
 {
     switch (gripper.state()) {
@@ -36,35 +37,46 @@ QString stateText(const SimulatedGripper &gripper)
     return QString();
 }
 
-quint8 toSlaveId(const QString &word)
+int toNumber(const QString &word, int min, int max, const char *name)
 {
-    // 0 is nobody's id.
-    return static_cast<quint8>(parseNumber(word, map::kMinSlaveId, map::kMaxSlaveId).value_or(0));
+    const std::optional<int> number = parseNumber(word, min, max);
+    if (!number) {
+        throw Failure{QStringLiteral("%1 is a number of %2 to %3, not \"%4\"")
+                          .arg(QLatin1String(name))
+                          .arg(min)
+                          .arg(max)
+                          .arg(word)};
+    }
+    return *number;
+}
+
+quint16 toWord(const QString &word, const char *name)
+{
+    return static_cast<quint16>(toNumber(word, 0, maxWord, name));
 }
 } // namespace
 
 using Self = CommandInterpreter;
 
-const Self::Command Self::__commands[] = {
-    {"add", "ID=VERSION [serial=TEXT] [year=N]", "puts a gripper on the line", 1, 3, &Self::add},
-    {"remove", "ID", "takes it off the line", 1, 1, &Self::remove},
-    {"fault", "ID KIND [HOWOFTEN [VALUE]] [on SCOPE]", "makes it misbehave", 2, INT_MAX,
+const Self::Command Self::commands[] = {
+    {"add", "ID=VERSION [serial=TEXT] [year=YEAR]", "adds a gripper", 1, 3, &Self::add},
+    {"remove", "ID", "removes a gripper", 1, 1, &Self::remove},
+    {"fault", "ID KIND [HOWOFTEN [VALUE]] [on SCOPE]", "makes a gripper misbehave", 2, INT_MAX,
      &Self::fault},
-    {"clear", "[ID]", "ends all misbehaviour", 0, 1, &Self::clear},
-    {"set", "ID REGISTER VALUE", "changes a register; one that is worked out is pinned", 3, 3,
+    {"clear", "[ID]", "ends all faults of one gripper, or of all", 0, 1, &Self::clear},
+    {"set", "ID REGISTER VALUE", "changes a register, or pins it if its value is computed", 3, 3,
      &Self::set},
-    {"pin", "ID REGISTER VALUE", "makes reads give VALUE, whatever is written", 3, 3, &Self::pin},
-    {"release", "ID [REGISTER]", "ends pins", 1, 2, &Self::release},
+    {"pin", "ID REGISTER VALUE", "makes reads of a register return VALUE", 3, 3, &Self::pin},
+    {"release", "ID [REGISTER]", "ends one pin of a gripper, or all", 1, 2, &Self::release},
     {"get", "ID REGISTER [COUNT]", "reads registers as a master would", 2, 3, &Self::get},
-    {"object", "ID POSITION|none", "puts an object in the way, or takes it away", 2, 2,
-     &Self::object},
-    {"faultcode", "ID CODE", "shows a fault code until the next deactivation", 2, 2,
+    {"object", "ID POSITION|none", "puts an object in the way, or removes it", 2, 2, &Self::object},
+    {"faultcode", "ID CODE", "sets the fault code until the next deactivation", 2, 2,
      &Self::faultCode},
-    {"restart", "ID", "power off and on", 1, 1, &Self::restart},
-    {"show", "", "prints the state of the line", 0, 0, &Self::show},
-    {"unplug", "", "hangs the port up", 0, 0, &Self::unplug},
-    {"plug", "", "brings the port back", 0, 0, &Self::plug},
-    {"help", "", "prints this", 0, 0, &Self::help},
+    {"restart", "ID", "switches a gripper off and on", 1, 1, &Self::restart},
+    {"show", "", "prints the port and the grippers", 0, 0, &Self::show},
+    {"unplug", "", "removes the link and hangs up the port", 0, 0, &Self::unplug},
+    {"plug", "", "opens a new port and makes the link again", 0, 0, &Self::plug},
+    {"help", "", "prints the commands and the faults", 0, 0, &Self::help},
     {"quit", "", "ends the simulator", 0, 0, &Self::quit},
 };
 
@@ -79,84 +91,67 @@ QStringList CommandInterpreter::execute(const QString &line)
     const QString text = line.simplified();
     if (text.isEmpty() || text.startsWith(QLatin1Char('#')))
         return {};
-    return toLines(run(text.split(QLatin1Char(' '))));
-}
-
-QStringList CommandInterpreter::toLines(const Reply &reply)
-{
-    QStringList lines = reply.lines;
-    const QString last = reply.isOk ? QStringLiteral("ok") : QStringLiteral("error");
-    lines.append(reply.text.isEmpty() ? last : last + QLatin1Char(' ') + reply.text);
-    return lines;
+    try {
+        const Reply reply = run(text.split(QLatin1Char(' ')));
+        return reply.lines + QStringList{QStringLiteral("ok %1").arg(reply.text).trimmed()};
+    } catch (const Failure &failure) {
+        return {QStringLiteral("error %1").arg(failure.text)};
+    }
 }
 
 Self::Reply CommandInterpreter::run(const QStringList &words)
 {
-    for (const Command &command : __commands) {
+    for (const Command &command : commands) {
         if (words.first() != QLatin1String(command.name))
             continue;
         const int count = words.size() - 1;
-        if (count < command.minWords || count > command.maxWords)
-            return usage(command);
+        if (count < command.minWords || count > command.maxWords) {
+            throw Failure{QStringLiteral("usage: %1 %2")
+                              .arg(QLatin1String(command.name), QLatin1String(command.arguments))
+                              .trimmed()};
+        }
         return (this->*command.run)(words.mid(1));
     }
-    return error(QStringLiteral("no such command: %1, see help").arg(words.first()));
+    throw Failure{QStringLiteral("unknown command \"%1\", see help").arg(words.first())};
 }
 
-Self::Reply CommandInterpreter::usage(const Command &command)
+SimulatedGripper &CommandInterpreter::gripperOf(const QString &word) const
 {
-    return error(QStringLiteral("usage: %1 %2")
-                     .arg(QLatin1String(command.name), QLatin1String(command.arguments))
-                     .trimmed());
-}
-
-Self::Reply CommandInterpreter::noGripper(const QString &word)
-{
-    return error(QStringLiteral("no gripper has the slave id %1").arg(word));
-}
-
-Self::Reply CommandInterpreter::done(bool isDone, const QString &word)
-{
-    return isDone ? ok() : noGripper(word);
-}
-
-SimulatedGripper *CommandInterpreter::gripperOf(const QString &word) const
-{
-    return m_simulator.gripper(toSlaveId(word));
+    const std::optional<int> slaveId = parseNumber(word, map::minSlaveId, map::maxSlaveId);
+    SimulatedGripper *gripper =
+        slaveId ? m_simulator.gripper(static_cast<quint8>(*slaveId)) : nullptr;
+    if (gripper == nullptr)
+        throw Failure{QStringLiteral("no gripper has the slave id %1").arg(word)};
+    return *gripper;
 }
 
 Self::Reply CommandInterpreter::add(const QStringList &words)
 {
-    QString problem;
-    const std::optional<GripperOptions> options = GripperOptions::fromWords(words, &problem);
-    if (!options)
-        return error(problem);
-    if (m_simulator.addGripper(options->slaveId, options->identity) == nullptr)
-        return error(QStringLiteral("slave id %1 is taken").arg(options->slaveId));
-    return ok();
+    const GripperOptions options = GripperOptions::fromWords(words);
+    if (m_simulator.addGripper(options.slaveId, options.identity) == nullptr)
+        throw Failure{QStringLiteral("slave id %1 is taken").arg(options.slaveId)};
+    return {};
 }
 
 Self::Reply CommandInterpreter::remove(const QStringList &words)
 {
-    return done(m_simulator.removeGripper(toSlaveId(words.first())), words.first());
+    m_simulator.removeGripper(gripperOf(words.first()).slaveId());
+    return {};
 }
 
 Self::Reply CommandInterpreter::fault(const QStringList &words)
 {
-    QString problem;
-    const std::optional<Fault> fault = parseFault(words.mid(1), &problem);
-    if (!fault)
-        return error(problem);
-    return done(m_simulator.setFault(toSlaveId(words.first()), *fault), words.first());
+    gripperOf(words.first()).faults().set(parseFault(words.mid(1)));
+    return {};
 }
 
 Self::Reply CommandInterpreter::clear(const QStringList &words)
 {
-    if (!words.isEmpty())
-        return done(m_simulator.clearFaults(toSlaveId(words.first())), words.first());
-    for (SimulatedGripper *gripper : m_simulator.grippers())
+    const QVector<SimulatedGripper *> grippers =
+        words.isEmpty() ? m_simulator.grippers() : QVector{&gripperOf(words.first())};
+    for (SimulatedGripper *gripper : grippers)
         gripper->faults().clear();
-    return ok();
+    return {};
 }
 
 Self::Reply CommandInterpreter::set(const QStringList &words)
@@ -171,76 +166,59 @@ Self::Reply CommandInterpreter::pin(const QStringList &words)
 
 Self::Reply CommandInterpreter::putRegister(const QStringList &words, PutRegister put)
 {
-    SimulatedGripper *gripper = gripperOf(words.at(0));
-    const std::optional<int> address = parseNumber(words.at(1), 0, kMaxWord);
-    const std::optional<int> value = parseNumber(words.at(2), 0, kMaxWord);
-    if (gripper == nullptr)
-        return noGripper(words.at(0));
-    if (!address || !value)
-        return error(QStringLiteral("a register and its value are numbers of 0 to 65535"));
-    if (!(gripper->registers().*put)(static_cast<quint16>(*address), static_cast<quint16>(*value)))
-        return error(QStringLiteral("no such register: %1").arg(words.at(1)));
-    return ok();
+    SimulatedGripper &gripper = gripperOf(words.at(0));
+    const quint16 address = toWord(words.at(1), "REGISTER");
+    const quint16 value = toWord(words.at(2), "VALUE");
+    if (!(gripper.registers().*put)(address, value))
+        throw Failure{QStringLiteral("no such register: %1").arg(words.at(1))};
+    return {};
 }
 
 Self::Reply CommandInterpreter::release(const QStringList &words)
 {
-    SimulatedGripper *gripper = gripperOf(words.first());
-    if (gripper == nullptr)
-        return noGripper(words.first());
-    if (words.size() == 1) {
-        gripper->registers().releaseAll();
-        return ok();
-    }
-    const std::optional<int> address = parseNumber(words.at(1), 0, kMaxWord);
-    if (!address)
-        return error(QStringLiteral("a register is a number of 0 to 65535"));
-    gripper->registers().release(static_cast<quint16>(*address));
-    return ok();
+    RegisterBank &registers = gripperOf(words.first()).registers();
+    if (words.size() == 1)
+        registers.releaseAll();
+    else
+        registers.release(toWord(words.at(1), "REGISTER"));
+    return {};
 }
 
 Self::Reply CommandInterpreter::get(const QStringList &words)
 {
-    SimulatedGripper *gripper = gripperOf(words.first());
-    if (gripper == nullptr)
-        return noGripper(words.first());
-    const std::optional<int> address = parseNumber(words.at(1), 0, kMaxWord);
-    const std::optional<int> count =
-        parseNumber(words.value(2, QStringLiteral("1")), 1, kMaxGetCount);
-    if (!address || !count)
-        return error(QStringLiteral("a register is 0 to 65535, a count 1 to 125"));
-    const auto first = static_cast<quint16>(*address);
-    if (!gripper->registers().exists(first, *count))
-        return error(QStringLiteral("no such registers"));
+    RegisterBank &registers = gripperOf(words.first()).registers();
+    const quint16 first = toWord(words.at(1), "REGISTER");
+    const int count = toNumber(words.value(2, QStringLiteral("1")), 1, maxGetCount, "COUNT");
+    if (!registers.exists(first, count))
+        throw Failure{QStringLiteral("no such registers")};
     QStringList values;
-    for (const quint16 value : gripper->registers().read(first, *count))
+    for (const quint16 value : registers.read(first, count))
         values.append(wordText(value));
-    return ok(values.join(QLatin1Char(' ')));
+    return {values.join(QLatin1Char(' '))};
 }
 
 Self::Reply CommandInterpreter::object(const QStringList &words)
 {
+    const quint8 slaveId = gripperOf(words.first()).slaveId();
     const bool isNone = words.at(1) == QLatin1String("none");
-    const std::optional<int> position = parseNumber(words.at(1), 0, kMaxPosition);
-    if (!isNone && !position)
-        return error(QStringLiteral("a position is 0 to 255, or none"));
-    return done(
-        m_simulator.setObject(toSlaveId(words.first()), position.value_or(GripperBody::__noObject)),
-        words.first());
+    m_simulator.setObject(slaveId,
+                          isNone ? GripperBody::noObject
+                                 : toNumber(words.at(1), 0, maxPosition, "POSITION, unless none,"));
+    return {};
 }
 
 Self::Reply CommandInterpreter::faultCode(const QStringList &words)
 {
-    const std::optional<int> code = parseNumber(words.at(1), 0, kMaxFaultCode);
-    if (!code)
-        return error(QStringLiteral("a fault code is 0 to 15"));
-    return done(m_simulator.setFaultCode(toSlaveId(words.first()), static_cast<quint8>(*code)),
-                words.first());
+    SimulatedGripper &gripper = gripperOf(words.first());
+    const int code = toNumber(words.at(1), 0, maxFaultCode, "CODE");
+    gripper.registers().body().setFaultCode(static_cast<quint8>(code));
+    return {};
 }
 
 Self::Reply CommandInterpreter::restart(const QStringList &words)
 {
-    return done(m_simulator.restartGripper(toSlaveId(words.first())), words.first());
+    gripperOf(words.first()).restart();
+    return {};
 }
 
 Self::Reply CommandInterpreter::show(const QStringList & /*words*/)
@@ -250,11 +228,11 @@ Self::Reply CommandInterpreter::show(const QStringList & /*words*/)
                            ? QStringLiteral("port %1").arg(m_simulator.portPath())
                            : QStringLiteral("port unplugged"));
     for (SimulatedGripper *gripper : m_simulator.grippers())
-        reply.lines.append(linesOf(*gripper));
+        reply.lines.append(describe(*gripper));
     return reply;
 }
 
-QStringList CommandInterpreter::linesOf(SimulatedGripper &gripper) const
+QStringList CommandInterpreter::describe(SimulatedGripper &gripper) const
 {
     const GripperIdentity &identity = gripper.identity();
     const GripperBody &body = gripper.registers().body();
@@ -281,18 +259,19 @@ QStringList CommandInterpreter::linesOf(SimulatedGripper &gripper) const
 Self::Reply CommandInterpreter::unplug(const QStringList & /*words*/)
 {
     m_simulator.unplug();
-    return ok();
+    return {};
 }
 
 Self::Reply CommandInterpreter::plug(const QStringList & /*words*/)
 {
-    return m_simulator.plug() ? ok(m_simulator.portPath()) : error(m_simulator.errorString());
+    m_simulator.plug();
+    return {m_simulator.portPath()};
 }
 
 Self::Reply CommandInterpreter::help(const QStringList & /*words*/)
 {
     Reply reply;
-    for (const Command &command : __commands) {
+    for (const Command &command : commands) {
         const QString call = QStringLiteral("%1 %2").arg(QLatin1String(command.name),
                                                          QLatin1String(command.arguments));
         reply.lines.append(
@@ -306,7 +285,7 @@ Self::Reply CommandInterpreter::help(const QStringList & /*words*/)
 Self::Reply CommandInterpreter::quit(const QStringList & /*words*/)
 {
     emit quitRequested();
-    return ok();
+    return {};
 }
 
 } // namespace sim

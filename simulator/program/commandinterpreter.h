@@ -6,7 +6,7 @@
 
 namespace sim {
 
-/// The commands of the simulator, one a line: a table of names with what they do.
+/// Executes the text commands of the simulator. A table has one row for each command.
 class CommandInterpreter : public QObject
 {
     Q_OBJECT
@@ -15,8 +15,8 @@ public:
     /// `simulator` must outlive the interpreter.
     explicit CommandInterpreter(BusSimulator &simulator, QObject *parent = nullptr);
 
-    /// Carries one line out and gives the lines to print. The last of them, and no other, begins
-    /// with "ok" or "error". An empty line and one that begins with "#" give none.
+    /// Executes one line and returns the lines to print. The last line begins with "ok" or "error",
+    /// the others do not. Returns nothing for an empty line and for a line that begins with "#".
     QStringList execute(const QString &line);
 
 signals:
@@ -25,9 +25,8 @@ signals:
 private:
     struct Reply
     {
-        bool isOk = true;
-        QString text;           ///< behind "ok" or "error"
-        QStringList lines = {}; ///< before it
+        QString text = {};      ///< printed after "ok"
+        QStringList lines = {}; ///< printed before it
     };
     struct Command
     {
@@ -36,16 +35,9 @@ private:
         const char *meaning;
         int minWords;
         int maxWords;
-        Reply (CommandInterpreter::*run)(const QStringList &words);
+        Reply (CommandInterpreter::*run)(const QStringList &words); ///< throws Failure
     };
-    static const Command __commands[];
-
-    static Reply ok(const QString &text = QString()) { return {true, text}; }
-    static Reply error(const QString &text) { return {false, text}; }
-    static Reply usage(const Command &command);
-    static Reply noGripper(const QString &word);
-    static Reply done(bool isDone, const QString &word);
-    static QStringList toLines(const Reply &reply);
+    static const Command commands[];
 
     Reply run(const QStringList &words);
     Reply add(const QStringList &words);
@@ -67,8 +59,9 @@ private:
 
     using PutRegister = bool (RegisterBank::*)(quint16 address, quint16 value);
     Reply putRegister(const QStringList &words, PutRegister put);
-    SimulatedGripper *gripperOf(const QString &word) const;
-    QStringList linesOf(SimulatedGripper &gripper) const;
+    /// The gripper with the slave id `word`. Throws Failure when there is no such gripper.
+    SimulatedGripper &gripperOf(const QString &word) const;
+    QStringList describe(SimulatedGripper &gripper) const;
 
     BusSimulator &m_simulator;
 };

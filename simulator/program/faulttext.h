@@ -4,21 +4,17 @@
 
 #include <QStringList>
 
-#include <optional>
-
 namespace sim {
 
-/// The faults as words: KIND [HOWOFTEN [VALUE]] [on SCOPE]. HOWOFTEN is a number of requests, a
-/// share such as "30%", or "always", which is also what is meant without it. SCOPE is "reads",
-/// "writes" or the first register of a request.
-///
-/// Nothing when `words` are not that; `error` then tells what is wrong.
-std::optional<Fault> parseFault(QStringList words, QString *error);
+/// Reads a fault from the words KIND [HOWOFTEN [VALUE]] [on SCOPE]. HOWOFTEN is a number of
+/// requests, a share such as "30%", or "always", which is the default. SCOPE is "reads", "writes"
+/// or the first register of a request. Throws Failure for other words.
+Fault parseFault(QStringList words);
 
-/// `fault` in those words.
+/// Writes `fault` in the words that parseFault() reads.
 QString faultText(const Fault &fault);
 
-/// One line for every kind: its name, what it does, what its value means.
+/// Returns one line for each kind, with its name, its effect and its VALUE.
 QStringList faultHelp();
 
 } // namespace sim

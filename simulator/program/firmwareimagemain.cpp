@@ -1,4 +1,4 @@
-// Makes firmware images for the simulated grippers.
+// The program gripper-firmware-image.
 #include "firmwareimage.h"
 #include "flashmemory.h"
 #include "gripperidentity.h"
@@ -13,13 +13,14 @@
 namespace {
 enum ExitCode { Done = 0, CannotWrite = 1, WrongUsage = 2 };
 
-constexpr char kUsage[] = "usage: gripper-firmware-image VERSION FILE [SIZE]\n"
-                          "Makes a firmware image for the grippers of gripper-simulator.\n"
-                          "VERSION is such as TA3-1.6.14, SIZE in bytes (16384) at most 1048576.\n";
+constexpr char usageText[] =
+    "usage: gripper-firmware-image VERSION FILE [SIZE]\n"
+    "Makes a firmware image for the grippers of gripper-simulator.\n"
+    "VERSION: for example TA3-1.6.14. SIZE: bytes, 16384 by default, at most 1048576.\n";
 
 int refuse()
 {
-    std::fputs(kUsage, stderr);
+    std::fputs(usageText, stderr);
     return WrongUsage;
 }
 } // namespace
@@ -30,12 +31,12 @@ int main(int argc, char *argv[])
     const QStringList words = QCoreApplication::arguments().mid(1);
     if (words == QStringList{QStringLiteral("--help")} ||
         words == QStringList{QStringLiteral("-h")}) {
-        std::fputs(kUsage, stdout);
+        std::fputs(usageText, stdout);
         return Done;
     }
     const auto size =
-        sim::parseNumber(words.value(2, QString::number(sim::FirmwareImage::__defaultSize)),
-                         sim::FirmwareImage::__headSize + 1, sim::FlashMemory::__size);
+        sim::parseNumber(words.value(2, QString::number(sim::FirmwareImage::defaultSize)),
+                         sim::FirmwareImage::headSize + 1, sim::FlashMemory::sizeBytes);
     sim::GripperIdentity identity;
     if (words.size() < 2 || words.size() > 3 || !size || !identity.setVersion(words.first()))
         return refuse();

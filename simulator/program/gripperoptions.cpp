@@ -1,12 +1,13 @@
 #include "gripperoptions.h"
 
 #include "devicemap.h"
+#include "failure.h"
 #include "numbers.h"
 
 namespace sim {
 
 namespace {
-constexpr int kMaxYear = 0xFFFF;
+constexpr int maxYear = 0xFFFF;
 }
 
 std::optional<PerGripperText> PerGripperText::fromWord(const QString &word)
@@ -15,39 +16,38 @@ std::optional<PerGripperText> PerGripperText::fromWord(const QString &word)
     if (equals < 0)
         return std::nullopt;
     const std::optional<int> slaveId =
-        parseNumber(word.left(equals), map::kMinSlaveId, map::kMaxSlaveId);
+        parseNumber(word.left(equals), map::minSlaveId, map::maxSlaveId);
     if (!slaveId)
         return std::nullopt;
     return PerGripperText{static_cast<quint8>(*slaveId), word.mid(equals + 1)};
 }
 
-std::optional<GripperOptions> GripperOptions::fromWords(const QStringList &words, QString *error)
+GripperOptions GripperOptions::fromWords(const QStringList &words)
 {
     const auto start = PerGripperText::fromWord(words.value(0));
     const auto identity =
         start ? GripperIdentity::fromVersion(start->slaveId, start->text) : std::nullopt;
     if (!identity) {
-        *error = QStringLiteral("not a gripper: \"%1\"; it is ID=VERSION with an id of 1 to 247 "
-                                "and a version such as TA3-1.6.14 (TA, TB, TE or TF)")
-                     .arg(words.value(0));
-        return std::nullopt;
+        throw Failure{
+            QStringLiteral("\"%1\" is not a gripper; write ID=VERSION with an ID of 1 to 247 "
+                           "and a VERSION such as TA3-1.6.14 (TA, TB, TE or TF)")
+                .arg(words.value(0))};
     }
     GripperOptions options{start->slaveId, *identity};
     for (const QString &word : words.mid(1)) {
-        if (options.take(word))
-            continue;
-        *error = QStringLiteral("\"%1\" is neither serial=ABC-0042 nor year=2023").arg(word);
-        return std::nullopt;
+        if (!options.applyWord(word))
+            throw Failure{
+                QStringLiteral("\"%1\" is neither serial=ABC-0042 nor year=2023").arg(word)};
     }
     return options;
 }
 
-bool GripperOptions::take(const QString &word)
+bool GripperOptions::applyWord(const QString &word)
 {
     const QString value = word.section(QLatin1Char('='), 1);
     if (word.startsWith(QLatin1String("serial=")))
         return identity.setSerial(value);
-    const std::optional<int> year = parseNumber(value, 0, kMaxYear);
+    const std::optional<int> year = parseNumber(value, 0, maxYear);
     if (!word.startsWith(QLatin1String("year=")) || !year)
         return false;
     identity.year = static_cast<quint16>(*year);

@@ -8,26 +8,26 @@
 
 namespace sim {
 
-/// A gripper as a user describes it: "9=TA3-1.6.14", and optionally "serial=ABC-0042" and
-/// "year=2023".
+/// A gripper that a user has described, such as "9=TA3-1.6.14 serial=ABC-0042 year=2023".
 struct GripperOptions
 {
     quint8 slaveId = 0;
     GripperIdentity identity;
 
-    /// Nothing when `words` are not that; `error` then tells what is wrong.
-    static std::optional<GripperOptions> fromWords(const QStringList &words, QString *error);
-    /// Takes one of the optional words. False when it is not one.
-    bool take(const QString &word);
+    /// Reads ID=VERSION and the optional words serial=TEXT and year=YEAR. Throws Failure for
+    /// others.
+    static GripperOptions fromWords(const QStringList &words);
+    /// Applies one of the optional words. Returns false for any other word.
+    bool applyWord(const QString &word);
 };
 
-/// Text such as "9=something", taken apart.
+/// A slave id and the text for it, from a word such as "9=text".
 struct PerGripperText
 {
     quint8 slaveId = 0; ///< 1 to 247
     QString text;
 
-    /// Nothing when `word` is not of that form.
+    /// Empty when `word` does not have this form.
     static std::optional<PerGripperText> fromWord(const QString &word);
 };
 

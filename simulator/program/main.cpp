@@ -1,3 +1,4 @@
+#include "failure.h"
 #include "programoptions.h"
 #include "simulatorprogram.h"
 
@@ -10,10 +11,10 @@
 #include <unistd.h>
 
 namespace {
-/// What docs/simulator.md promises.
+/// Documented in docs/simulator.md.
 enum ExitCode { Ended = 0, CannotStart = 1, WrongUsage = 2 };
 
-/// A descriptor of 0 to 2 that is closed would be given to the next thing that is opened.
+/// Opens descriptors 0 to 2 that are closed, so that no pty gets one of these numbers.
 void occupyStandardDescriptors()
 {
     int fd = ::open("/dev/null", O_RDWR);
@@ -23,18 +24,10 @@ void occupyStandardDescriptors()
         ::close(fd);
 }
 
-void complain(const QString &text)
-{
-    std::fprintf(stderr, "gripper-simulator: %s\n", text.toLocal8Bit().constData());
-}
-
 int run(const sim::ProgramOptions &options)
 {
     sim::SimulatorProgram program(options);
-    if (!program.start()) {
-        complain(program.errorString());
-        return CannotStart;
-    }
+    program.start();
     QObject::connect(&program, &sim::SimulatorProgram::quitRequested, QCoreApplication::instance(),
                      &QCoreApplication::quit);
     QCoreApplication::exec();
@@ -45,20 +38,22 @@ int run(const sim::ProgramOptions &options)
 int main(int argc, char *argv[])
 {
     occupyStandardDescriptors();
-    // Whoever read our output may go away; the line stays.
+    // The line stays when the reader of the output closes its pipe.
     std::signal(SIGPIPE, SIG_IGN);
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("gripper-simulator"));
-    const auto options = sim::ProgramOptions::fromArguments(QCoreApplication::arguments());
-    switch (options.outcome) {
-    case sim::ProgramOptions::Outcome::Explain:
-        std::fputs(options.text.toLocal8Bit().constData(), stdout);
-        return Ended;
-    case sim::ProgramOptions::Outcome::Refuse:
-        complain(options.text);
-        return WrongUsage;
-    case sim::ProgramOptions::Outcome::Run:
-        break;
+    // A wrong command line and a line that cannot be made have different exit codes.
+    ExitCode codeOfFailure = WrongUsage;
+    try {
+        const auto options = sim::ProgramOptions::fromArguments(QCoreApplication::arguments());
+        if (!options.helpText.isEmpty()) {
+            std::fputs(options.helpText.toLocal8Bit().constData(), stdout);
+            return Ended;
+        }
+        codeOfFailure = CannotStart;
+        return run(options);
+    } catch (const sim::Failure &failure) {
+        std::fprintf(stderr, "gripper-simulator: %s\n", failure.text.toLocal8Bit().constData());
+        return codeOfFailure;
     }
-    return run(options);
 }

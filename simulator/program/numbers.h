@@ -6,8 +6,8 @@
 
 namespace sim {
 
-/// A decimal number, or a hexadecimal one behind "0x", of `min` to `max`; nothing for any other
-/// text.
+/// Reads a decimal number, or a hexadecimal number after "0x". Empty when `text` is not a number of
+/// `min` to `max`.
 std::optional<int> parseNumber(const QString &text, int min, int max);
 
 } // namespace sim

@@ -1,5 +1,6 @@
 #include "programoptions.h"
 
+#include "failure.h"
 #include "numbers.h"
 
 #include <QCommandLineParser>
@@ -9,12 +10,12 @@
 namespace sim {
 
 namespace {
-constexpr int kMaxPosition = 255;
-constexpr int kMaxTimeMs = 600000;
-constexpr int kMaxMode = 0777;
-constexpr int kMaxBitsPerSecond = 10000000;
+constexpr int maxPosition = 255;
+constexpr int maxTimeMs = 600000;
+constexpr int maxPortMode = 0777;
+constexpr int maxBitsPerSecond = 10000000;
 
-/// The options by name, so that declaring and asking cannot differ.
+/// The names of the options, for their declaration and their reading.
 struct Names
 {
     static QString gripper() { return QStringLiteral("gripper"); }
@@ -35,46 +36,60 @@ struct Names
     static QString help() { return QStringLiteral("help"); }
 };
 
+QCommandLineOption withDefault(const QString &name, const QString &description,
+                               const QString &valueName, const QString &value)
+{
+    return {name, QStringLiteral("%1 Default: %2.").arg(description, value), valueName, value};
+}
+
+QCommandLineOption durationMs(const QString &name, const QString &what, int value)
+{
+    return withDefault(name, QStringLiteral("Duration of %1.").arg(what), QStringLiteral("MS"),
+                       QString::number(value));
+}
+
 void declare(QCommandLineParser *parser)
 {
+    const BusSimulator::Config defaults;
     parser->setApplicationDescription(QStringLiteral(
-        "Simulates a serial line with grippers on it. Commands come on standard input; the "
-        "command \"help\" lists them."));
+        "Simulates a serial line with grippers. It reads commands from standard input; the command "
+        "\"help\" lists them."));
     parser->addOptions({
         {Names::gripper(),
-         QStringLiteral("A gripper on the line, such as 9=TA3-1.6.14. May be repeated."),
+         QStringLiteral("A gripper on the line, such as 9=TA3-1.6.14. Can be repeated."),
          QStringLiteral("ID=VERSION")},
-        {Names::serial(), QStringLiteral("Its serial number, such as 9=ABC-0042."),
+        {Names::serial(), QStringLiteral("Serial number of a gripper, such as 9=ABC-0042."),
          QStringLiteral("ID=TEXT")},
-        {Names::year(), QStringLiteral("Its production year, such as 9=2023."),
+        {Names::year(), QStringLiteral("Production year of a gripper, such as 9=2023."),
          QStringLiteral("ID=YEAR")},
-        {Names::object(), QStringLiteral("An object that stops it at a position of 0 to 255."),
+        {Names::object(),
+         QStringLiteral("An object that stops a gripper at a position of 0 to 255."),
          QStringLiteral("ID=POSITION")},
-        {Names::link(), QStringLiteral("Link to make to the line's pty."), QStringLiteral("PATH"),
-         QStringLiteral("/dev/ttyTool")},
-        {Names::noLink(), QStringLiteral("Make no link.")},
+        withDefault(Names::link(), QStringLiteral("Path of the link to the pty."),
+                    QStringLiteral("PATH"), QStringLiteral("/dev/ttyTool")),
+        {Names::noLink(), QStringLiteral("Makes no link.")},
         {Names::mode(), QStringLiteral("Octal permission bits of the pty, such as 666."),
          QStringLiteral("MODE")},
-        {Names::boot(), QStringLiteral("How long a restart takes."), QStringLiteral("MS"),
-         QStringLiteral("800")},
-        {Names::bootloaderBoot(), QStringLiteral("How long a restart into the bootloader takes."),
-         QStringLiteral("MS"), QStringLiteral("300")},
-        {Names::bootloaderSpeed(),
-         QStringLiteral("How fast the bootloader's bytes pass, 0 for as fast as they come."),
-         QStringLiteral("BITS"), QStringLiteral("0")},
-        {Names::activation(), QStringLiteral("How long an activation takes."), QStringLiteral("MS"),
-         QStringLiteral("1500")},
-        {Names::seed(), QStringLiteral("Seed of what happens by chance."), QStringLiteral("N"),
-         QStringLiteral("1")},
-        {Names::trace(), QStringLiteral("Print every frame on standard output.")},
-        {Names::traceFile(), QStringLiteral("Write every frame to a file."),
-         QStringLiteral("FILE")},
-        {Names::quit(), QStringLiteral("End when standard input ends.")},
+        durationMs(Names::boot(), QStringLiteral("a restart"), defaults.timing.bootMs),
+        durationMs(Names::bootloaderBoot(), QStringLiteral("a restart into the bootloader"),
+                   defaults.timing.bootloaderBootMs),
+        withDefault(Names::bootloaderSpeed(),
+                    QStringLiteral("Bits per second of the bootloader, which delay its answers; 0 "
+                                   "means no delay."),
+                    QStringLiteral("BITS"),
+                    QString::number(defaults.timing.bootloaderBitsPerSecond)),
+        durationMs(Names::activation(), QStringLiteral("an activation"),
+                   defaults.timing.activationMs),
+        withDefault(Names::seed(), QStringLiteral("Seed of all random decisions."),
+                    QStringLiteral("N"), QString::number(defaults.seed)),
+        {Names::trace(), QStringLiteral("Prints every frame on standard output.")},
+        {Names::traceFile(), QStringLiteral("Writes every frame to FILE."), QStringLiteral("FILE")},
+        {Names::quit(), QStringLiteral("Ends the simulator when standard input ends.")},
     });
     parser->addHelpOption();
 }
 
-/// Reads a parsed command line into the options, stopping at the first thing that is wrong.
+/// Reads a parsed command line into the options. Throws Failure at the first wrong value.
 class Reader
 {
 public:
@@ -96,24 +111,16 @@ public:
     }
 
 private:
-    void refuse(const QString &text)
+    [[noreturn]] static void refuse(const QString &name, const QString &value)
     {
-        if (m_options.outcome != ProgramOptions::Outcome::Run)
-            return;
-        m_options.outcome = ProgramOptions::Outcome::Refuse;
-        m_options.text = text;
-    }
-
-    void refuse(const QString &name, const QString &value)
-    {
-        refuse(QStringLiteral("not a value for --%1: \"%2\"").arg(name, value));
+        throw Failure{QStringLiteral("wrong value for --%1: \"%2\", see --help").arg(name, value)};
     }
 
     void readSwitches()
     {
         if (!m_parser.positionalArguments().isEmpty()) {
-            refuse(QStringLiteral("what is \"%1\"? See --help")
-                       .arg(m_parser.positionalArguments().first()));
+            throw Failure{QStringLiteral("unexpected argument \"%1\", see --help")
+                              .arg(m_parser.positionalArguments().first())};
         }
         if (!m_parser.isSet(Names::noLink()))
             m_options.config.linkPath = m_parser.value(Names::link());
@@ -127,16 +134,16 @@ private:
         const std::optional<int> value = parseNumber(m_parser.value(name), 0, max);
         if (!value)
             refuse(name, m_parser.value(name));
-        return value.value_or(0);
+        return *value;
     }
 
     void readNumbers()
     {
-        m_options.config.timing.bootMs = number(Names::boot(), kMaxTimeMs);
-        m_options.config.timing.bootloaderBootMs = number(Names::bootloaderBoot(), kMaxTimeMs);
+        m_options.config.timing.bootMs = number(Names::boot(), maxTimeMs);
+        m_options.config.timing.bootloaderBootMs = number(Names::bootloaderBoot(), maxTimeMs);
         m_options.config.timing.bootloaderBitsPerSecond =
-            number(Names::bootloaderSpeed(), kMaxBitsPerSecond);
-        m_options.config.timing.activationMs = number(Names::activation(), kMaxTimeMs);
+            number(Names::bootloaderSpeed(), maxBitsPerSecond);
+        m_options.config.timing.activationMs = number(Names::activation(), maxTimeMs);
         m_options.config.seed = static_cast<quint32>(number(Names::seed(), INT_MAX));
     }
 
@@ -147,7 +154,7 @@ private:
         bool ok = false;
         const QString text = m_parser.value(Names::mode());
         m_options.config.portMode = text.toUInt(&ok, 8);
-        if (!ok || m_options.config.portMode == 0 || m_options.config.portMode > kMaxMode)
+        if (!ok || m_options.config.portMode == 0 || m_options.config.portMode > maxPortMode)
             refuse(Names::mode(), text);
     }
 
@@ -164,14 +171,11 @@ private:
     {
         const QStringList words = m_parser.values(Names::gripper());
         for (const QString &word : words) {
-            QString problem;
-            const auto gripper = GripperOptions::fromWords({word}, &problem);
-            if (!gripper)
-                refuse(problem);
-            else if (gripperOf(gripper->slaveId) != nullptr)
-                refuse(QStringLiteral("two grippers with slave id %1").arg(gripper->slaveId));
-            else
-                m_options.grippers.append(*gripper);
+            const GripperOptions gripper = GripperOptions::fromWords({word});
+            if (gripperOf(gripper.slaveId) != nullptr)
+                throw Failure{
+                    QStringLiteral("two grippers have the slave id %1").arg(gripper.slaveId)};
+            m_options.grippers.append(gripper);
         }
     }
 
@@ -182,7 +186,7 @@ private:
             const auto extra = PerGripperText::fromWord(word);
             GripperOptions *gripper = extra ? gripperOf(extra->slaveId) : nullptr;
             const bool isTaken =
-                gripper != nullptr && gripper->take(name + QLatin1Char('=') + extra->text);
+                gripper != nullptr && gripper->applyWord(name + QLatin1Char('=') + extra->text);
             if (!isTaken)
                 refuse(name, word);
         }
@@ -193,12 +197,10 @@ private:
         const QStringList words = m_parser.values(Names::object());
         for (const QString &word : words) {
             const auto object = PerGripperText::fromWord(word);
-            const auto position =
-                object ? parseNumber(object->text, 0, kMaxPosition) : std::nullopt;
+            const auto position = object ? parseNumber(object->text, 0, maxPosition) : std::nullopt;
             if (!position || gripperOf(object->slaveId) == nullptr)
                 refuse(Names::object(), word);
-            else
-                m_options.objects.insert(object->slaveId, *position);
+            m_options.objects.insert(object->slaveId, *position);
         }
     }
 
@@ -212,17 +214,12 @@ ProgramOptions ProgramOptions::fromArguments(const QStringList &arguments)
     QCommandLineParser parser;
     declare(&parser);
     ProgramOptions options;
-    if (!parser.parse(arguments)) {
-        options.outcome = Outcome::Refuse;
-        options.text = parser.errorText();
-        return options;
-    }
-    if (parser.isSet(Names::help())) {
-        options.outcome = Outcome::Explain;
-        options.text = parser.helpText();
-        return options;
-    }
-    Reader(parser, &options).read();
+    if (!parser.parse(arguments))
+        throw Failure{parser.errorText()};
+    if (parser.isSet(Names::help()))
+        options.helpText = parser.helpText();
+    else
+        Reader(parser, &options).read();
     return options;
 }
 

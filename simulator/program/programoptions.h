@@ -7,25 +7,20 @@
 
 namespace sim {
 
-/// What the command line asks for.
+/// The settings from the command line.
 struct ProgramOptions
 {
-    enum class Outcome {
-        Run,     ///< go on with these options
-        Explain, ///< print `text` on standard output and end well
-        Refuse,  ///< print `text` on standard error and end as a usage error
-    };
-
-    Outcome outcome = Outcome::Run;
-    QString text;
+    /// The text to print for --help. If it is not empty, the other settings are not read.
+    QString helpText;
     BusSimulator::Config config;
     QVector<GripperOptions> grippers;
-    QMap<quint8, int> objects; ///< slave id to position
+    QMap<quint8, int> objects; ///< position of the object for a slave id
     bool trace = false;
-    QString traceFile; ///< empty: standard output
+    QString traceFile; ///< empty means standard output
     bool quitAtEndOfInput = false;
 
-    /// `arguments` with the program's name in front.
+    /// Reads `arguments`, the first of which is the name of the program. Throws Failure when they
+    /// are wrong.
     static ProgramOptions fromArguments(const QStringList &arguments);
 };
 

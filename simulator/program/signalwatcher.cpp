@@ -8,11 +8,11 @@
 namespace sim {
 
 namespace {
-constexpr int kQuitSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+constexpr int quitSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 volatile int s_eventFd = -1;
 
-/// Only async-signal-safe calls here; the event loop does the rest.
+/// Makes only async-signal-safe calls.
 void onSignal(int /*number*/)
 {
     const eventfd_t one = 1;
@@ -25,7 +25,7 @@ void setHandlers(void (*handler)(int))
     struct sigaction action = {};
     action.sa_handler = handler;
     action.sa_flags = SA_RESTART;
-    for (const int number : kQuitSignals)
+    for (const int number : quitSignals)
         ::sigaction(number, &action, nullptr);
 }
 } // namespace

@@ -7,8 +7,8 @@
 
 namespace sim {
 
-/// Turns SIGINT, SIGTERM, SIGHUP and SIGQUIT into a signal of the event loop. One at a time in
-/// a process.
+/// Emits quitRequested() from the event loop on SIGINT, SIGTERM, SIGHUP and SIGQUIT. A process must
+/// have only one instance at a time.
 class SignalWatcher : public QObject
 {
     Q_OBJECT

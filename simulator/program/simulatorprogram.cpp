@@ -1,5 +1,7 @@
 #include "simulatorprogram.h"
 
+#include "failure.h"
+
 #include <cstdio>
 
 namespace sim {
@@ -7,7 +9,7 @@ namespace sim {
 namespace {
 void writeLine(QFile *file, const QString &line)
 {
-    // In one piece and at once: whoever waits for the line reads it from a pipe.
+    // Written at once and in one piece for readers that wait at a pipe.
     file->write(line.toUtf8() + '\n');
     file->flush();
 }
@@ -27,33 +29,28 @@ SimulatorProgram::SimulatorProgram(const ProgramOptions &options, QObject *paren
     addGrippers();
 }
 
-bool SimulatorProgram::start()
+void SimulatorProgram::start()
 {
-    if (!openOutput())
-        return false;
+    openOutput();
     if (m_options.trace) {
         QFile *trace = m_options.traceFile.isEmpty() ? &m_output : &m_trace;
         connect(&m_simulator, &BusSimulator::frameSeen, this,
                 [trace](const FrameRecord &frame) { writeLine(trace, traceLine(frame)); });
     }
-    if (!m_simulator.plug()) {
-        m_error = m_simulator.errorString();
-        return false;
-    }
+    m_simulator.plug();
     print(readyLine());
-    return true;
 }
 
-bool SimulatorProgram::openOutput()
+void SimulatorProgram::openOutput()
 {
     m_output.open(stdout, QIODevice::WriteOnly);
     if (m_options.traceFile.isEmpty())
-        return true;
+        return;
     m_trace.setFileName(m_options.traceFile);
-    if (m_trace.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return true;
-    m_error = QStringLiteral("cannot write %1: %2").arg(m_options.traceFile, m_trace.errorString());
-    return false;
+    if (!m_trace.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        throw Failure{
+            QStringLiteral("cannot write %1: %2").arg(m_options.traceFile, m_trace.errorString())};
+    }
 }
 
 void SimulatorProgram::addGrippers()

@@ -10,8 +10,8 @@
 
 namespace sim {
 
-/// The program around a BusSimulator: commands from standard input, answers and the trace to
-/// standard output, the end on a signal.
+/// The program gripper-simulator: reads commands from standard input, prints answers and the trace,
+/// and asks to quit on a signal or a command.
 class SimulatorProgram : public QObject
 {
     Q_OBJECT
@@ -19,16 +19,14 @@ class SimulatorProgram : public QObject
 public:
     explicit SimulatorProgram(const ProgramOptions &options, QObject *parent = nullptr);
 
-    /// Opens the line and prints the line that says so. False when it cannot; errorString()
-    /// then says why.
-    bool start();
-    const QString &errorString() const { return m_error; }
+    /// Plugs the simulator in and prints the ready line. Throws Failure when it cannot.
+    void start();
 
 signals:
     void quitRequested();
 
 private:
-    bool openOutput();
+    void openOutput();
     void addGrippers();
     void onLine(const QString &line);
     void onEndOfInput();
@@ -42,7 +40,6 @@ private:
     SignalWatcher m_signals;
     QFile m_output;
     QFile m_trace;
-    QString m_error;
 };
 
 } // namespace sim

@@ -8,7 +8,7 @@
 namespace sim {
 
 namespace {
-constexpr int kReadSize = 4096;
+constexpr int bufferSize = 4096;
 }
 
 StandardInput::StandardInput(QObject *parent)
@@ -20,7 +20,7 @@ StandardInput::StandardInput(QObject *parent)
 
 void StandardInput::onReadable()
 {
-    std::array<char, kReadSize> buffer = {};
+    std::array<char, bufferSize> buffer = {};
     const ssize_t count = ::read(STDIN_FILENO, buffer.data(), buffer.size());
     if (count < 0 && (errno == EAGAIN || errno == EINTR))
         return;
@@ -29,10 +29,10 @@ void StandardInput::onReadable()
         return;
     }
     m_pending.append(buffer.data(), static_cast<int>(count));
-    takeLines();
+    emitLines();
 }
 
-void StandardInput::takeLines()
+void StandardInput::emitLines()
 {
     for (int end = m_pending.indexOf('\n'); end >= 0; end = m_pending.indexOf('\n')) {
         const QByteArray line = m_pending.left(end);

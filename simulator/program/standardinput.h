@@ -5,7 +5,7 @@
 
 namespace sim {
 
-/// Standard input as lines, without ever blocking the event loop.
+/// Reads lines from standard input without blocking the event loop.
 class StandardInput : public QObject
 {
     Q_OBJECT
@@ -14,14 +14,14 @@ public:
     explicit StandardInput(QObject *parent = nullptr);
 
 signals:
-    /// One line, without its ending. A last line without one counts too.
+    /// One line without its line ending. The last line may have no line ending.
     void lineRead(const QString &line);
-    /// There will be no more lines.
+    /// Standard input has ended.
     void ended();
 
 private:
     void onReadable();
-    void takeLines();
+    void emitLines();
     void end();
 
     QSocketNotifier m_notifier;

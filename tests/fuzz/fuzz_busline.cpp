@@ -11,6 +11,7 @@
 
 #include "finding.h"
 #include "kvmodbuscustom.h"
+#include "ptypair.h"
 #include "quitsignals.h"
 #include "waits.h"
 
@@ -20,10 +21,8 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <pty.h>
 #include <sched.h>
 #include <sys/ioctl.h>
-#include <termios.h>
 #include <unistd.h>
 
 namespace {
@@ -109,17 +108,7 @@ private:
 class FarEnd
 {
 public:
-    FarEnd()
-    {
-        termios raw{};
-        ::cfmakeraw(&raw);
-        std::array<char, 64> name{};
-        if (::openpty(&m_lineEnd, &m_portEnd, name.data(), &raw, nullptr) != 0)
-            qFatal("no pseudo-terminal to be had");
-        m_portName = QString::fromLatin1(name.data());
-    }
-
-    QString portName() const { return m_portName; }
+    QString portName() const { return m_pty.portName(); }
     void setAnswer(const QList<QByteArray> &pieces) { m_pieces = pieces; }
     bool hasAnswered() const { return m_pieces.isEmpty(); }
     void sendNextPiece() { send(m_pieces.takeFirst()); }
@@ -127,22 +116,22 @@ public:
     /// Returns only when the bytes have passed the kernel.
     void send(const QByteArray &bytes) const
     {
-        const int before = unread(m_portEnd);
-        if (::write(m_lineEnd, bytes.constData(), static_cast<std::size_t>(bytes.size())) !=
+        const int before = unread(m_pty.portEnd());
+        if (::write(m_pty.lineEnd(), bytes.constData(), static_cast<std::size_t>(bytes.size())) !=
             bytes.size())
             qFatal("the line does not take the bytes");
-        awaitUnread(m_portEnd, before + bytes.size());
+        awaitUnread(m_pty.portEnd(), before + bytes.size());
     }
 
     /// What has come, at least `count` bytes unless they do not come at all.
     QByteArray receive(int count) const
     {
         QByteArray received;
-        if (!awaitUnread(m_lineEnd, count))
+        if (!awaitUnread(m_pty.lineEnd(), count))
             return received;
-        received.resize(unread(m_lineEnd));
+        received.resize(unread(m_pty.lineEnd()));
         received.resize(static_cast<int>(
-            ::read(m_lineEnd, received.data(), static_cast<std::size_t>(received.size()))));
+            ::read(m_pty.lineEnd(), received.data(), static_cast<std::size_t>(received.size()))));
         return received;
     }
 
@@ -164,9 +153,7 @@ private:
         return unread(descriptor) >= count;
     }
 
-    int m_lineEnd = -1;
-    int m_portEnd = -1;
-    QString m_portName;
+    PtyPair m_pty;
     QList<QByteArray> m_pieces;
 };
 

@@ -3,7 +3,6 @@
 #include <array>
 #include <csignal>
 #include <poll.h>
-#include <pty.h>
 #include <sys/types.h>
 #include <termios.h>
 #include <unistd.h>
@@ -17,12 +16,6 @@ constexpr int idleMs = 20;
 
 BootloaderEnd::BootloaderEnd()
 {
-    termios raw{};
-    ::cfmakeraw(&raw);
-    std::array<char, 64> name{};
-    if (::openpty(&m_lineEnd, &m_portEnd, name.data(), &raw, nullptr) != 0)
-        qFatal("no pseudo-terminal to be had");
-    m_portName = QString::fromLatin1(name.data());
     m_thread = std::thread([this] { run(); });
 }
 
@@ -30,8 +23,6 @@ BootloaderEnd::~BootloaderEnd()
 {
     m_ends = true;
     m_thread.join();
-    ::close(m_lineEnd);
-    ::close(m_portEnd);
 }
 
 void BootloaderEnd::setAnswers(const QList<QByteArray> &answers)
@@ -64,11 +55,11 @@ void BootloaderEnd::raiseAtKnock(int knock, int signalNumber)
 void BootloaderEnd::run()
 {
     while (!m_ends) {
-        pollfd line{m_lineEnd, POLLIN, 0};
+        pollfd line{m_pty.lineEnd(), POLLIN, 0};
         if (::poll(&line, 1, idleMs) <= 0)
             continue;
         std::array<char, 64> bytes{};
-        const ssize_t count = ::read(m_lineEnd, bytes.data(), bytes.size());
+        const ssize_t count = ::read(m_pty.lineEnd(), bytes.data(), bytes.size());
         for (ssize_t i = 0; i < count; ++i)
             hear(bytes[static_cast<std::size_t>(i)]);
     }
@@ -85,7 +76,7 @@ void BootloaderEnd::hear(char byte)
     if (m_knocks.size() == m_signalKnock)
         ::kill(::getpid(), m_signalNumber);
     const QByteArray answer = m_answers.isEmpty() ? QByteArray() : m_answers.takeFirst();
-    if (::write(m_lineEnd, answer.constData(), static_cast<std::size_t>(answer.size())) !=
+    if (::write(m_pty.lineEnd(), answer.constData(), static_cast<std::size_t>(answer.size())) !=
         answer.size())
         qFatal("the line does not take the bytes");
 }
@@ -93,7 +84,7 @@ void BootloaderEnd::hear(char byte)
 int BootloaderEnd::baudRate() const
 {
     termios settings{};
-    ::tcgetattr(m_portEnd, &settings);
+    ::tcgetattr(m_pty.portEnd(), &settings);
     switch (::cfgetospeed(&settings)) {
     case B19200:
         return 19200;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ptypair.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QString>
@@ -20,7 +22,7 @@ public:
     BootloaderEnd &operator=(const BootloaderEnd &) = delete;
 
     /// The full path of the end that a serial port opens.
-    QString portName() const { return m_portName; }
+    QString portName() const { return m_pty.portName(); }
 
     /// What the knocks from now on are answered with, one each; an empty one is silence, and so is
     /// what comes after the last. Forgets the knocks so far.
@@ -39,9 +41,7 @@ private:
     void hear(char byte);
     int baudRate() const;
 
-    int m_lineEnd = -1;
-    int m_portEnd = -1; // kept open, so that the line survives the port being closed
-    QString m_portName;
+    PtyPair m_pty;
     mutable std::mutex m_mutex;
     QList<QByteArray> m_answers;
     QList<int> m_knocks;

@@ -5,7 +5,6 @@
 #include <QTimer>
 
 #include <array>
-#include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <termios.h>
@@ -16,20 +15,13 @@ PtyLine::PtyLine(QObject *parent)
 {
     // Answers are timed: where this process may, it goes in front of the tests beside it.
     ::setpriority(PRIO_PROCESS, 0, -10);
-    termios raw{};
-    ::cfmakeraw(&raw);
-    std::array<char, 64> name{};
-    if (::openpty(&m_lineEnd, &m_portEnd, name.data(), &raw, nullptr) != 0)
-        qFatal("no pseudo-terminal to be had");
-    m_portName = QString::fromLatin1(name.data());
-    m_notifier = new QSocketNotifier(m_lineEnd, QSocketNotifier::Read, this);
+    m_notifier = new QSocketNotifier(m_pty.lineEnd(), QSocketNotifier::Read, this);
     connect(m_notifier, &QSocketNotifier::activated, this, [this] { onReadyRead(); });
 }
 
 PtyLine::~PtyLine()
 {
     hangUp();
-    ::close(m_portEnd);
 }
 
 void PtyLine::script(int requestLength, const QList<QByteArray> &answer, int delayMs)
@@ -48,7 +40,7 @@ QList<QByteArray> PtyLine::requests() const
 void PtyLine::onReadyRead()
 {
     std::array<char, 4096> bytes{};
-    const ssize_t count = ::read(m_lineEnd, bytes.data(), bytes.size());
+    const ssize_t count = ::read(m_pty.lineEnd(), bytes.data(), bytes.size());
     if (count <= 0)
         return;
     m_received.append(bytes.data(), static_cast<int>(count));
@@ -74,8 +66,8 @@ void PtyLine::sendPieces(const QList<QByteArray> &pieces, int delayMs)
 
 void PtyLine::send(const QByteArray &bytes)
 {
-    if (m_lineEnd >= 0 && ::write(m_lineEnd, bytes.constData(),
-                                  static_cast<std::size_t>(bytes.size())) != bytes.size())
+    if (m_pty.lineEnd() >= 0 && ::write(m_pty.lineEnd(), bytes.constData(),
+                                        static_cast<std::size_t>(bytes.size())) != bytes.size())
         qFatal("the line does not take the bytes");
 }
 
@@ -85,7 +77,7 @@ bool PtyLine::blockUntilUnread(int count) const
     clock.start();
     int unread = 0;
     while (unread < count && !clock.hasExpired(1000)) {
-        ::ioctl(m_portEnd, FIONREAD, &unread);
+        ::ioctl(m_pty.portEnd(), FIONREAD, &unread);
         ::usleep(1000);
     }
     return unread >= count;
@@ -93,21 +85,18 @@ bool PtyLine::blockUntilUnread(int count) const
 
 void PtyLine::hangUp()
 {
-    if (m_lineEnd < 0)
-        return;
     m_notifier->setEnabled(false);
-    ::close(m_lineEnd);
-    m_lineEnd = -1;
+    m_pty.hangUp();
 }
 
 void PtyLine::setTransmissionStopped(bool stopped)
 {
-    ::tcflow(m_portEnd, stopped ? TCOOFF : TCOON);
+    ::tcflow(m_pty.portEnd(), stopped ? TCOOFF : TCOON);
 }
 
 termios PtyLine::settings() const
 {
     termios settings{};
-    ::tcgetattr(m_portEnd, &settings);
+    ::tcgetattr(m_pty.portEnd(), &settings);
     return settings;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ptypair.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QObject>
@@ -18,7 +20,7 @@ public:
     ~PtyLine() override;
 
     /// The full path of the end that a serial port opens.
-    QString portName() const { return m_portName; }
+    QString portName() const { return m_pty.portName(); }
 
     /// The next request is complete with its `requestLength`-th byte and gets `answer`, in pieces
     /// that are `delayMs` apart, the first one `delayMs` after the request. Calls queue up.
@@ -54,10 +56,8 @@ private:
     void onReadyRead();
     void sendPieces(const QList<QByteArray> &pieces, int delayMs);
 
-    int m_lineEnd = -1;
-    int m_portEnd = -1; // kept open, so that its settings and its unread bytes can be looked at
+    PtyPair m_pty;
     QSocketNotifier *m_notifier = nullptr;
-    QString m_portName;
     QByteArray m_received;
     QList<QByteArray> m_requests;
     QList<Exchange> m_script;

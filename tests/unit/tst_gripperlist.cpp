@@ -536,7 +536,7 @@ void tst_GripperList::accessThatKeepsFailingClosesTheLinkAfterSixCalls()
 {
     QFETCH(int, address);
     standBeforeAccess();
-    m_line->silence(9, static_cast<quint16>(address), sim::Fault::__unlimited);
+    m_line->silence(9, static_cast<quint16>(address), sim::Fault::unlimited);
 
     tick();
 

@@ -10,10 +10,10 @@
 #include <QObject>
 #include <QTest>
 
-/// A line with one gripper and a clock that only the test moves; no pty, no event loop.
+/// A line with one gripper and a clock that only the test moves. It needs no pty and no event loop.
 ///
-/// The frames that the tests spell out come from another generator: pymodbus 3.0.0
-/// (ModbusRtuFramer.buildPacket), CRC included.
+/// Another generator made the frames in the tests, with their CRC: pymodbus 3.0.0
+/// (ModbusRtuFramer.buildPacket).
 struct SimulatorBench : QObject
 {
     explicit SimulatorBench(const char *version = "TA3-1.6.14", quint8 slaveId = 9,
@@ -27,7 +27,7 @@ struct SimulatorBench : QObject
                 [this](const sim::FrameRecord &frame) { seen.append(frame); });
     }
 
-    /// Sends `hex` as the master and gives what comes back at once, as hex.
+    /// Sends `hex` as the master and returns the immediate answer as hex.
     QByteArray ask(const char *hex, int baudRate = 115200)
     {
         sent.clear();
@@ -35,20 +35,16 @@ struct SimulatorBench : QObject
         return sent.toHex(' ');
     }
 
-    /// What came back since the last ask(), as hex.
+    /// Everything that the gripper sent since ask(), as hex.
     QByteArray answered() const { return sent.toHex(' '); }
 
-    void misbehave(const char *words)
+    void setFault(const char *words)
     {
-        QString error;
-        const auto fault =
-            sim::parseFault(QString::fromLatin1(words).split(QLatin1Char(' ')), &error);
-        QVERIFY2(fault.has_value(), qPrintable(error));
-        gripper.faults().set(*fault);
+        gripper.faults().set(sim::parseFault(QString::fromLatin1(words).split(QLatin1Char(' '))));
     }
 
-    /// Lets the line rest long enough to end any frame.
-    void rest() { timeline.advanceMs(10); }
+    /// Moves the clock far enough to end any frame.
+    void waitForSilence() { timeline.advanceMs(10); }
 
     sim::ManualTimeline timeline;
     sim::RandomSource random{1};

@@ -11,8 +11,8 @@ using VacuumStatus = GripperBody::VacuumStatus;
 Q_DECLARE_METATYPE(ObjectFlag)
 
 namespace {
-constexpr qint64 kMs = 1000;
-constexpr qint64 kActivationMs = 1500;
+constexpr qint64 usPerMs = 1000;
+constexpr qint64 activationMs = 1500;
 
 BodyCommand active()
 {
@@ -35,7 +35,7 @@ BodyCommand goTo(quint8 position, quint8 speed = 255, quint8 force = 0)
 struct Bench
 {
     explicit Bench(bool isVacuum)
-        : body(isVacuum, kActivationMs * kMs)
+        : body(isVacuum, activationMs * usPerMs)
     {
     }
 
@@ -43,16 +43,16 @@ struct Bench
     {
         Bench bench(isVacuum);
         bench.command(active());
-        bench.pass(kActivationMs);
+        bench.advanceMs(activationMs);
         return bench;
     }
 
-    void command(const BodyCommand &command) { body.setCommand(command, nowMs * kMs); }
-    void object(int position) { body.setObject(position, nowMs * kMs); }
-    void pass(qint64 ms)
+    void command(const BodyCommand &command) { body.setCommand(command, nowMs * usPerMs); }
+    void object(int position) { body.setObject(position, nowMs * usPerMs); }
+    void advanceMs(qint64 ms)
     {
         nowMs += ms;
-        body.advance(nowMs * kMs);
+        body.advance(nowMs * usPerMs);
     }
 
     GripperBody body;
@@ -69,24 +69,24 @@ private slots:
     void goToBeforeTheActivationStartsWhenItEnds();
     void speedSetsTheRate_data();
     void speedSetsTheRate();
-    void sameCommandAgainDoesNotDisturbAMovement();
-    void withoutGoToTheFingersStopWhereTheyAre();
-    void newSpeedAppliesToTheRestOfTheWay();
-    void objectStopsAClosingMovementAndShows();
+    void repeatedCommandDoesNotChangeAMovement();
+    void withoutGoToTheFingersStop();
+    void newSpeedAppliesToTheRestOfTheMovement();
+    void objectStopsAClosingMovement();
     void objectDoesNotStopAnOpeningMovement();
-    void movementGoesOnWhenTheObjectIsTakenAway();
-    void currentRisesWhilePushingByForce();
-    void deactivationResetsEverythingShown();
-    void shownFaultCodeSurvivesWritesUntilTheDeactivation();
+    void movementContinuesWhenTheObjectIsRemoved();
+    void currentRisesWithTheForceAgainstAnObject();
+    void deactivationClearsTheStatus();
+    void faultCodeStaysUntilTheDeactivation();
     void autoReleaseOpensAndThenWaitsForADeactivation();
-    void autoReleaseClosesWhenAskedTo();
+    void autoReleaseClosesWithTheDirectionBit();
     void cyclesCountClosingMovements();
     void fingersCountStepsAndActivations();
     void vacuumBuildsUpAndIsHeldWithThePumpOff();
     void leakKeepsThePumpRunning();
-    void withoutGoToTheVacuumGoes();
+    void withoutGoToTheVacuumFalls();
     void fingersNeverShowAVacuumStatus();
-    void restartForgetsCommandsAndKeepsCounters();
+    void restartClearsCommandsAndKeepsCounters();
 };
 
 void TestSimulatorBody::activationTakesItsTimeAndEndsInStatus3()
@@ -95,9 +95,9 @@ void TestSimulatorBody::activationTakesItsTimeAndEndsInStatus3()
     QCOMPARE(bench.body.status(), Status::Reset);
     bench.command(active());
     QCOMPARE(bench.body.status(), Status::Activating);
-    bench.pass(kActivationMs - 1);
+    bench.advanceMs(activationMs - 1);
     QCOMPARE(bench.body.status(), Status::Activating);
-    bench.pass(1);
+    bench.advanceMs(1);
     QCOMPARE(bench.body.status(), Status::Active);
     QCOMPARE(static_cast<int>(bench.body.status()), 3);
 }
@@ -107,9 +107,9 @@ void TestSimulatorBody::goToBeforeTheActivationStartsWhenItEnds()
     Bench bench(false);
     bench.command(goTo(100));
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::None);
-    bench.pass(kActivationMs);
+    bench.advanceMs(activationMs);
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::Moving);
-    bench.pass(1000);
+    bench.advanceMs(1000);
     QCOMPARE(bench.body.position(), quint8(100));
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::Arrived);
 }
@@ -129,52 +129,52 @@ void TestSimulatorBody::speedSetsTheRate()
     QFETCH(int, positionAfter100Ms);
     Bench bench = Bench::activated();
     bench.command(goTo(255, static_cast<quint8>(speed)));
-    bench.pass(100);
+    bench.advanceMs(100);
     QCOMPARE(static_cast<int>(bench.body.position()), positionAfter100Ms);
 }
 
-void TestSimulatorBody::sameCommandAgainDoesNotDisturbAMovement()
+void TestSimulatorBody::repeatedCommandDoesNotChangeAMovement()
 {
     Bench bench = Bench::activated();
     for (int i = 0; i < 100; ++i) {
         bench.command(goTo(200, 25));
-        bench.pass(10);
+        bench.advanceMs(10);
     }
     QCOMPARE(bench.body.position(), quint8(100));
     QCOMPARE(bench.body.cycles(), 1U);
 }
 
-void TestSimulatorBody::withoutGoToTheFingersStopWhereTheyAre()
+void TestSimulatorBody::withoutGoToTheFingersStop()
 {
     Bench bench = Bench::activated();
     bench.command(goTo(200, 25));
-    bench.pass(500);
+    bench.advanceMs(500);
     bench.command(active());
-    bench.pass(5000);
+    bench.advanceMs(5000);
     QCOMPARE(bench.body.position(), quint8(50));
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::None);
     QCOMPARE(bench.body.motorCurrent(), quint8(0));
 }
 
-void TestSimulatorBody::newSpeedAppliesToTheRestOfTheWay()
+void TestSimulatorBody::newSpeedAppliesToTheRestOfTheMovement()
 {
     Bench bench = Bench::activated();
     bench.command(goTo(200, 25));
-    bench.pass(500);
+    bench.advanceMs(500);
     bench.command(goTo(200, 75));
-    bench.pass(500);
+    bench.advanceMs(500);
     QCOMPARE(bench.body.position(), quint8(150));
     QCOMPARE(bench.body.cycles(), 1U);
 }
 
-void TestSimulatorBody::objectStopsAClosingMovementAndShows()
+void TestSimulatorBody::objectStopsAClosingMovement()
 {
     Bench bench = Bench::activated();
     bench.object(140);
     bench.command(goTo(200));
-    bench.pass(100);
+    bench.advanceMs(100);
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::Moving);
-    bench.pass(2000);
+    bench.advanceMs(2000);
     QCOMPARE(bench.body.position(), quint8(140));
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::Held);
 }
@@ -183,67 +183,67 @@ void TestSimulatorBody::objectDoesNotStopAnOpeningMovement()
 {
     Bench bench = Bench::activated();
     bench.command(goTo(200));
-    bench.pass(1000);
+    bench.advanceMs(1000);
     bench.object(140);
     bench.command(goTo(10));
-    bench.pass(1000);
+    bench.advanceMs(1000);
     QCOMPARE(bench.body.position(), quint8(10));
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::Arrived);
 }
 
-void TestSimulatorBody::movementGoesOnWhenTheObjectIsTakenAway()
+void TestSimulatorBody::movementContinuesWhenTheObjectIsRemoved()
 {
     Bench bench = Bench::activated();
     bench.object(140);
     bench.command(goTo(200));
-    bench.pass(1000);
-    bench.object(GripperBody::__noObject);
+    bench.advanceMs(1000);
+    bench.object(GripperBody::noObject);
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::Moving);
-    bench.pass(1000);
+    bench.advanceMs(1000);
     QCOMPARE(bench.body.position(), quint8(200));
     QCOMPARE(bench.body.cycles(), 1U);
 }
 
-void TestSimulatorBody::currentRisesWhilePushingByForce()
+void TestSimulatorBody::currentRisesWithTheForceAgainstAnObject()
 {
     Bench bench = Bench::activated();
     bench.object(56);
     bench.command(goTo(200, 255, 255));
-    bench.pass(50);
+    bench.advanceMs(50);
     QCOMPARE(bench.body.motorCurrent(), quint8(23));
-    bench.pass(150);
+    bench.advanceMs(150);
     const quint8 early = bench.body.motorCurrent();
     QVERIFY(early > 23);
     QVERIFY(early < 255);
-    bench.pass(200);
+    bench.advanceMs(200);
     QCOMPARE(bench.body.motorCurrent(), quint8(255));
     bench.command(goTo(200, 255, 80));
     QCOMPARE(bench.body.motorCurrent(), quint8(102));
 }
 
-void TestSimulatorBody::deactivationResetsEverythingShown()
+void TestSimulatorBody::deactivationClearsTheStatus()
 {
     Bench bench = Bench::activated();
     bench.object(100);
     bench.command(goTo(200));
-    bench.pass(1000);
+    bench.advanceMs(1000);
     bench.body.setFaultCode(7);
     bench.command(BodyCommand());
     QCOMPARE(bench.body.status(), Status::Reset);
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::None);
     QCOMPARE(bench.body.faultCode(), quint8(0));
     QCOMPARE(bench.body.motorCurrent(), quint8(0));
-    bench.pass(1000);
+    bench.advanceMs(1000);
     QCOMPARE(bench.body.position(), quint8(100));
 }
 
-void TestSimulatorBody::shownFaultCodeSurvivesWritesUntilTheDeactivation()
+void TestSimulatorBody::faultCodeStaysUntilTheDeactivation()
 {
     Bench bench(false);
     bench.body.setFaultCode(7);
     bench.command(BodyCommand());
     bench.command(active());
-    bench.pass(kActivationMs);
+    bench.advanceMs(activationMs);
     QCOMPARE(bench.body.faultCode(), quint8(7));
     bench.command(BodyCommand());
     QCOMPARE(bench.body.faultCode(), quint8(0));
@@ -253,34 +253,34 @@ void TestSimulatorBody::autoReleaseOpensAndThenWaitsForADeactivation()
 {
     Bench bench = Bench::activated();
     bench.command(goTo(200));
-    bench.pass(1000);
+    bench.advanceMs(1000);
     BodyCommand release = goTo(200);
     release.autoRelease = true;
     bench.command(release);
     QCOMPARE(bench.body.status(), Status::Releasing);
-    bench.pass(1000);
+    bench.advanceMs(1000);
     QCOMPARE(bench.body.position(), quint8(100));
-    QCOMPARE(bench.body.faultCode(), GripperBody::__faultReleasing);
-    bench.pass(1000);
+    QCOMPARE(bench.body.faultCode(), GripperBody::releasingFaultCode);
+    bench.advanceMs(1000);
     QCOMPARE(bench.body.position(), quint8(0));
-    QCOMPARE(bench.body.faultCode(), GripperBody::__faultReleased);
+    QCOMPARE(bench.body.faultCode(), GripperBody::releasedFaultCode);
     bench.command(goTo(100));
-    bench.pass(1000);
+    bench.advanceMs(1000);
     QCOMPARE(bench.body.position(), quint8(0));
     bench.command(BodyCommand());
     bench.command(active());
-    bench.pass(kActivationMs);
+    bench.advanceMs(activationMs);
     QCOMPARE(bench.body.status(), Status::Active);
 }
 
-void TestSimulatorBody::autoReleaseClosesWhenAskedTo()
+void TestSimulatorBody::autoReleaseClosesWithTheDirectionBit()
 {
     Bench bench = Bench::activated();
     BodyCommand release = active();
     release.autoRelease = true;
     release.autoReleaseCloses = true;
     bench.command(release);
-    bench.pass(3000);
+    bench.advanceMs(3000);
     QCOMPARE(bench.body.position(), quint8(255));
 }
 
@@ -289,9 +289,9 @@ void TestSimulatorBody::cyclesCountClosingMovements()
     Bench bench = Bench::activated();
     for (int i = 0; i < 3; ++i) {
         bench.command(goTo(200));
-        bench.pass(1000);
+        bench.advanceMs(1000);
         bench.command(goTo(0));
-        bench.pass(1000);
+        bench.advanceMs(1000);
     }
     QCOMPARE(bench.body.cycles(), 3U);
 }
@@ -300,9 +300,9 @@ void TestSimulatorBody::fingersCountStepsAndActivations()
 {
     Bench bench = Bench::activated();
     bench.command(goTo(200));
-    bench.pass(1000);
+    bench.advanceMs(1000);
     bench.command(goTo(150));
-    bench.pass(1000);
+    bench.advanceMs(1000);
     QCOMPARE(bench.body.usage(), 250U);
     QCOMPARE(bench.body.starts(), 1U);
 }
@@ -312,12 +312,12 @@ void TestSimulatorBody::vacuumBuildsUpAndIsHeldWithThePumpOff()
     Bench bench = Bench::activated(true);
     QCOMPARE(bench.body.vacuumStatus(), VacuumStatus::None);
     bench.command(goTo(200, 25)); // 100 a second
-    bench.pass(1900);
+    bench.advanceMs(1900);
     QCOMPARE(bench.body.vacuumStatus(), VacuumStatus::Building);
     QCOMPARE(bench.body.position(), quint8(190));
-    bench.pass(100);
+    bench.advanceMs(100);
     QCOMPARE(bench.body.vacuumStatus(), VacuumStatus::Holding);
-    bench.pass(60000);
+    bench.advanceMs(60000);
     QCOMPARE(bench.body.usage(), 2U);
     QCOMPARE(bench.body.starts(), 1U);
 }
@@ -327,20 +327,20 @@ void TestSimulatorBody::leakKeepsThePumpRunning()
     Bench bench = Bench::activated(true);
     bench.object(100);
     bench.command(goTo(200, 25));
-    bench.pass(61000);
+    bench.advanceMs(61000);
     QCOMPARE(bench.body.vacuumStatus(), VacuumStatus::Leaking);
     QCOMPARE(bench.body.objectFlag(), ObjectFlag::Held);
     QCOMPARE(bench.body.usage(), 61U);
 }
 
-void TestSimulatorBody::withoutGoToTheVacuumGoes()
+void TestSimulatorBody::withoutGoToTheVacuumFalls()
 {
     Bench bench = Bench::activated(true);
     bench.command(goTo(200));
-    bench.pass(1000);
+    bench.advanceMs(1000);
     bench.command(active());
     QCOMPARE(bench.body.vacuumStatus(), VacuumStatus::None);
-    bench.pass(5000);
+    bench.advanceMs(5000);
     QCOMPARE(bench.body.position(), quint8(0));
 }
 
@@ -348,16 +348,16 @@ void TestSimulatorBody::fingersNeverShowAVacuumStatus()
 {
     Bench bench = Bench::activated(false);
     bench.command(goTo(200));
-    bench.pass(100);
+    bench.advanceMs(100);
     QCOMPARE(bench.body.vacuumStatus(), VacuumStatus::None);
 }
 
-void TestSimulatorBody::restartForgetsCommandsAndKeepsCounters()
+void TestSimulatorBody::restartClearsCommandsAndKeepsCounters()
 {
     Bench bench = Bench::activated();
     bench.command(goTo(200));
-    bench.pass(1000);
-    bench.body.restart(bench.nowMs * kMs);
+    bench.advanceMs(1000);
+    bench.body.restart(bench.nowMs * usPerMs);
     QCOMPARE(bench.body.status(), Status::Reset);
     QVERIFY(!bench.body.command().goTo);
     QCOMPARE(bench.body.cycles(), 1U);

@@ -4,23 +4,23 @@
 
 #include <QTest>
 
-// The bytes come from elsewhere: those of the master were recorded from stm32flash 0.7, those of
-// the bootloader follow the application note AN3155, checksums worked out by hand; the CRCs of
-// Modbus frames come from a few lines of Python.
+// The bytes do not come from the code under test. The bytes of the master are a recording of
+// stm32flash 0.7. The bytes of the bootloader follow the application note AN3155, with checksums
+// computed by hand. A Python script computed the CRCs of the Modbus frames.
 namespace {
-const char *const kAck = "79";
-const char *const kNack = "1f";
-const char *const kReadVersion = "09 03 01 f4 00 03 44 8d";
-const char *const kIntoRom = "09 10 01 90 00 01 02 2a 00 d3 60";
-const char *const kIntoOwn = "09 10 01 90 00 01 02 35 00 db 50";
-const char *const kResetAnswer = "09 10 01 90 00 01 01 50";
+const char *const ack = "79";
+const char *const nack = "1f";
+const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
+const char *const romBootloaderRequest = "09 10 01 90 00 01 02 2a 00 d3 60";
+const char *const ownBootloaderRequest = "09 10 01 90 00 01 02 35 00 db 50";
+const char *const resetAnswer = "09 10 01 90 00 01 01 50";
 // At 0x08008000, where the third sector begins.
-const char *const kWriteWord = "31 ce 08 00 80 00 88 03 01 02 03 04 07";
-const char *const kReadWord = "11 ee 08 00 80 00 88 03 fc";
-constexpr int kRomBaud = 19200;
-constexpr int kOwnBaud = 115200;
+const char *const writeWordRequest = "31 ce 08 00 80 00 88 03 01 02 03 04 07";
+const char *const readWordRequest = "11 ee 08 00 80 00 88 03 fc";
+constexpr int romBaud = 19200;
+constexpr int ownBaud = 115200;
 
-/// A gripper that has arrived in its bootloader.
+/// A gripper that runs its bootloader.
 struct BootloaderBench : SimulatorBench
 {
     explicit BootloaderBench(const char *version = "TA3-1.6.13",
@@ -37,13 +37,13 @@ struct BootloaderBench : SimulatorBench
         timeline.advanceMs(300);
     }
 
-    QByteArray tell(const char *hex) { return ask(hex, baudRate); }
-    void synchronise() { QCOMPARE(tell("7f"), QByteArray(kAck)); }
+    QByteArray askBootloader(const char *hex) { return ask(hex, baudRate); }
+    void synchronise() { QCOMPARE(askBootloader("7f"), QByteArray(ack)); }
 
     int baudRate;
 };
 
-/// Bytes take their time on its line.
+/// A bootloader with a configured rate, which delays its answers.
 struct SlowBench : BootloaderBench
 {
     explicit SlowBench(int bitsPerSecond)
@@ -81,7 +81,7 @@ QByteArray addressBytes(quint32 address)
     return withChecksum(bytes);
 }
 
-/// What a flashing tool sends, in the order in which it sends it; each piece is acknowledged.
+/// The pieces that a flashing tool sends, in their order. The bootloader acknowledges each.
 QList<QByteArray> upgradePieces(quint32 start, const QByteArray &eraseAll, const QByteArray &image)
 {
     QList<QByteArray> pieces{QByteArray::fromHex("7f")};
@@ -99,18 +99,18 @@ QList<QByteArray> upgradePieces(quint32 start, const QByteArray &eraseAll, const
 
 QList<QByteArray> upgradePieces(const BootloaderBench &bench, const QString &version)
 {
-    const bool isRom = bench.baudRate == kRomBaud;
+    const bool isRom = bench.baudRate == romBaud;
     return upgradePieces(bench.gripper.bootloader().firmwareStart,
                          QByteArray::fromHex(isRom ? "ffff00" : "ff00"),
                          sim::FirmwareImage::make(version, 1024));
 }
 
-/// How many of the pieces were acknowledged before the first that was not.
-int send(BootloaderBench &bench, const QList<QByteArray> &pieces)
+/// Sends the pieces until one is not acknowledged. Returns the number of those acknowledged.
+int sendPieces(BootloaderBench &bench, const QList<QByteArray> &pieces)
 {
     int count = 0;
     for (const QByteArray &piece : pieces) {
-        if (bench.tell(piece.toHex().constData()) != kAck)
+        if (bench.askBootloader(piece.toHex().constData()) != ack)
             return count;
         ++count;
     }
@@ -125,76 +125,80 @@ class TestSimulatorBootloader : public QObject
     Q_OBJECT
 
 private slots:
-    void resetWordLeadsIntoTheOneBootloaderThatThereIs_data();
-    void resetWordLeadsIntoTheOneBootloaderThatThereIs();
-    void otherWordsAreStillRefused();
-    void bootloaderBootsSilentlyForItsTime();
-    void synchronisationIsHeardAtTheRightRateOnly_data();
-    void synchronisationIsHeardAtTheRightRateOnly();
-    void nothingElseSynchronises();
-    void secondSynchronisationCountsAsHalfACommandAndIsRefusedWithTheThird();
+    void everyResetCommandLeadsIntoTheOnlyBootloader_data();
+    void everyResetCommandLeadsIntoTheOnlyBootloader();
+    void otherResetCommandsAreRefused();
+    void gripperIsSilentUntilTheBootloaderRuns();
+    void synchronisationIsAnsweredAtTheRightRateOnly_data();
+    void synchronisationIsAnsweredAtTheRightRateOnly();
+    void otherBytesDoNotSynchronise();
+    void secondAndThirdSynchronisationAreARefusedCommand();
     void requestIsAnswered_data();
     void requestIsAnswered();
-    void unsoundRequestIsRefused_data();
-    void unsoundRequestIsRefused();
-    void refusedRequestLeavesTheNextOneAlone();
+    void invalidRequestIsRefused_data();
+    void invalidRequestIsRefused();
+    void requestAfterARefusedOneIsAnswered();
     void writtenBytesAreReadBack();
     void blockWithAWrongChecksumIsNotWritten();
     void writingClearsBitsAndOnlyErasingSetsThem();
     void erasingTouchesTheNamedSectorsOnly();
-    void eraseIsAllOrNothing();
+    void eraseOfAnUnknownSectorErasesNothing();
     void ownBootloaderCannotBeOverwritten();
     void upgradeEndsInTheNewFirmware_data();
     void upgradeEndsInTheNewFirmware();
-    void goElsewhereIsRefused();
-    void goWithoutValidFirmwareComesBackInTheBootloader();
-    void storedSlaveIdCountsAfterAnUpgrade();
-    void powerCutIsSurvivedByASecondAttempt_data();
-    void powerCutIsSurvivedByASecondAttempt();
-    void silentBootloaderIsSilentThatOften();
-    void nackedBlockIsNotWritten();
+    void goToAnotherAddressIsRefused();
+    void goWithoutValidFirmwareRestartsTheBootloader();
+    void storedSlaveIdAppliesAfterAnUpgrade();
+    void secondAttemptSucceedsAfterAPowerCut_data();
+    void secondAttemptSucceedsAfterAPowerCut();
+    void silentBootloaderOmitsThatManyAnswers();
+    void refusedBlockIsNotWritten();
     void badVerifyStoresTheLastByteInverted();
-    void refusedGoLeavesItInTheBootloader();
-    void dyingGripperWritesHalfABlockAndIsDeadUntilRestarted();
-    void doubledAcknowledgeHasTwoBytes();
-    void bootloaderFaultsAreNotUsedUpByModbusRequests();
-    void bytesTakeTheirTimeWhenThatIsWanted();
-    void whatWasUnderWayDiesWithThePower();
-    void traceTellsTheRateOfWhatIsNoModbus();
-    void imageFromElsewhereIsRecognised();
-    void spoiltImageIsNoFirmware_data();
-    void spoiltImageIsNoFirmware();
-    void imageHasTheSizeAskedFor();
+    void refusedGoLeavesTheGripperInTheBootloader();
+    void powerFailureWritesHalfABlockAndLastsUntilTheRestart();
+    void doubleAckSendsTheByteTwice();
+    void modbusRequestsDoNotCountForBootloaderFaults();
+    void configuredRateDelaysAnswers();
+    void restartCancelsDelayedAnswers();
+    void traceShowsTheRateOfBootloaderBytes();
+    void foreignImageIsRecognised();
+    void damagedImageHasNoVersion_data();
+    void damagedImageHasNoVersion();
+    void imageHasTheGivenSize();
 };
 
-void TestSimulatorBootloader::resetWordLeadsIntoTheOneBootloaderThatThereIs_data()
+void TestSimulatorBootloader::everyResetCommandLeadsIntoTheOnlyBootloader_data()
 {
     QTest::addColumn<QByteArray>("version");
     QTest::addColumn<QByteArray>("word");
     QTest::addColumn<int>("baudRate");
     for (const char *version : {"TA3-1.6.13", "TB1-1.4.2"}) {
-        QTest::addRow("%s own", version) << QByteArray(version) << QByteArray(kIntoOwn) << kRomBaud;
-        QTest::addRow("%s rom", version) << QByteArray(version) << QByteArray(kIntoRom) << kRomBaud;
+        QTest::addRow("%s own", version)
+            << QByteArray(version) << QByteArray(ownBootloaderRequest) << romBaud;
+        QTest::addRow("%s rom", version)
+            << QByteArray(version) << QByteArray(romBootloaderRequest) << romBaud;
     }
     for (const char *version : {"TE1-2.0.1", "TF1-2.0.1"}) {
-        QTest::addRow("%s own", version) << QByteArray(version) << QByteArray(kIntoOwn) << kOwnBaud;
-        QTest::addRow("%s rom", version) << QByteArray(version) << QByteArray(kIntoRom) << kOwnBaud;
+        QTest::addRow("%s own", version)
+            << QByteArray(version) << QByteArray(ownBootloaderRequest) << ownBaud;
+        QTest::addRow("%s rom", version)
+            << QByteArray(version) << QByteArray(romBootloaderRequest) << ownBaud;
     }
 }
 
-void TestSimulatorBootloader::resetWordLeadsIntoTheOneBootloaderThatThereIs()
+void TestSimulatorBootloader::everyResetCommandLeadsIntoTheOnlyBootloader()
 {
     QFETCH(QByteArray, version);
     QFETCH(QByteArray, word);
     QFETCH(int, baudRate);
     SimulatorBench bench(version.constData());
-    QCOMPARE(bench.ask(word.constData()), QByteArray(kResetAnswer));
+    QCOMPARE(bench.ask(word.constData()), QByteArray(resetAnswer));
     bench.timeline.advanceMs(300);
     QCOMPARE(bench.gripper.state(), State::Bootloader);
-    QCOMPARE(bench.ask("7f", baudRate), QByteArray(kAck));
+    QCOMPARE(bench.ask("7f", baudRate), QByteArray(ack));
 }
 
-void TestSimulatorBootloader::otherWordsAreStillRefused()
+void TestSimulatorBootloader::otherResetCommandsAreRefused()
 {
     SimulatorBench bench;
     // 0x3501 at register 400.
@@ -202,27 +206,27 @@ void TestSimulatorBootloader::otherWordsAreStillRefused()
     QCOMPARE(bench.gripper.state(), State::Firmware);
 }
 
-void TestSimulatorBootloader::bootloaderBootsSilentlyForItsTime()
+void TestSimulatorBootloader::gripperIsSilentUntilTheBootloaderRuns()
 {
     SimulatorBench bench;
     bench.gripper.restartIntoBootloader();
     bench.timeline.advanceMs(299);
-    QCOMPARE(bench.ask("7f", kRomBaud), QByteArray());
+    QCOMPARE(bench.ask("7f", romBaud), QByteArray());
     QVERIFY(bench.gripper.isBooting());
     bench.timeline.advanceMs(1);
-    QCOMPARE(bench.ask("7f", kRomBaud), QByteArray(kAck));
+    QCOMPARE(bench.ask("7f", romBaud), QByteArray(ack));
 }
 
-void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly_data()
+void TestSimulatorBootloader::synchronisationIsAnsweredAtTheRightRateOnly_data()
 {
     QTest::addColumn<QByteArray>("version");
     QTest::addColumn<int>("wrong");
     QTest::addColumn<int>("right");
-    QTest::newRow("rom") << QByteArray("TA3-1.6.13") << kOwnBaud << kRomBaud;
-    QTest::newRow("own") << QByteArray("TE1-2.0.1") << kRomBaud << kOwnBaud;
+    QTest::newRow("rom") << QByteArray("TA3-1.6.13") << ownBaud << romBaud;
+    QTest::newRow("own") << QByteArray("TE1-2.0.1") << romBaud << ownBaud;
 }
 
-void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly()
+void TestSimulatorBootloader::synchronisationIsAnsweredAtTheRightRateOnly()
 {
     QFETCH(QByteArray, version);
     QFETCH(int, wrong);
@@ -230,24 +234,24 @@ void TestSimulatorBootloader::synchronisationIsHeardAtTheRightRateOnly()
     BootloaderBench bench(version.constData());
     QCOMPARE(bench.ask("7f", wrong), QByteArray());
     QCOMPARE(bench.ask("7f", 57600), QByteArray());
-    QCOMPARE(bench.ask("7f", right), QByteArray(kAck));
+    QCOMPARE(bench.ask("7f", right), QByteArray(ack));
 }
 
-void TestSimulatorBootloader::nothingElseSynchronises()
+void TestSimulatorBootloader::otherBytesDoNotSynchronise()
 {
     BootloaderBench bench("TE1-2.0.1");
-    QCOMPARE(bench.tell("00 ff"), QByteArray());
-    QCOMPARE(bench.tell(kReadVersion), QByteArray());
-    QCOMPARE(bench.tell("7f"), QByteArray(kAck));
+    QCOMPARE(bench.askBootloader("00 ff"), QByteArray());
+    QCOMPARE(bench.askBootloader(versionRequest), QByteArray());
+    QCOMPARE(bench.askBootloader("7f"), QByteArray(ack));
 }
 
-void TestSimulatorBootloader::secondSynchronisationCountsAsHalfACommandAndIsRefusedWithTheThird()
+void TestSimulatorBootloader::secondAndThirdSynchronisationAreARefusedCommand()
 {
     BootloaderBench bench;
-    QCOMPARE(bench.tell("7f"), QByteArray(kAck));
-    QCOMPARE(bench.tell("7f"), QByteArray());
-    QCOMPARE(bench.tell("7f"), QByteArray(kNack));
-    QCOMPARE(bench.tell("02 fd"), QByteArray("79 01 04 13 79"));
+    QCOMPARE(bench.askBootloader("7f"), QByteArray(ack));
+    QCOMPARE(bench.askBootloader("7f"), QByteArray());
+    QCOMPARE(bench.askBootloader("7f"), QByteArray(nack));
+    QCOMPARE(bench.askBootloader("02 fd"), QByteArray("79 01 04 13 79"));
 }
 
 void TestSimulatorBootloader::requestIsAnswered_data()
@@ -280,10 +284,10 @@ void TestSimulatorBootloader::requestIsAnswered()
     QFETCH(QByteArray, answer);
     BootloaderBench bench(version.constData());
     bench.synchronise();
-    QCOMPARE(bench.tell(request.constData()), answer);
+    QCOMPARE(bench.askBootloader(request.constData()), answer);
 }
 
-void TestSimulatorBootloader::unsoundRequestIsRefused_data()
+void TestSimulatorBootloader::invalidRequestIsRefused_data()
 {
     QTest::addColumn<QByteArray>("request");
     QTest::addColumn<QByteArray>("answer");
@@ -306,49 +310,49 @@ void TestSimulatorBootloader::unsoundRequestIsRefused_data()
     row("go with a wrong checksum", "21 de 08 00 00 00 00", "79 1f");
 }
 
-void TestSimulatorBootloader::unsoundRequestIsRefused()
+void TestSimulatorBootloader::invalidRequestIsRefused()
 {
     QFETCH(QByteArray, request);
     QFETCH(QByteArray, answer);
     BootloaderBench bench;
     bench.synchronise();
-    QCOMPARE(bench.tell(request.constData()), answer);
-    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+    QCOMPARE(bench.askBootloader(request.constData()), answer);
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
 }
 
-void TestSimulatorBootloader::refusedRequestLeavesTheNextOneAlone()
+void TestSimulatorBootloader::requestAfterARefusedOneIsAnswered()
 {
     BootloaderBench bench;
     bench.synchronise();
-    QCOMPARE(bench.tell("00 00"), QByteArray(kNack));
-    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+    QCOMPARE(bench.askBootloader("00 00"), QByteArray(nack));
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
 }
 
 void TestSimulatorBootloader::writtenBytesAreReadBack()
 {
     BootloaderBench bench;
     bench.synchronise();
-    QCOMPARE(bench.tell("31 ce 08 0f ff fc 04 03 a1 b2 c3 d4 07"), QByteArray("79 79 79"));
-    QCOMPARE(bench.tell("11 ee 08 0f ff fc 04 03 fc"), QByteArray("79 79 79 a1 b2 c3 d4"));
+    QCOMPARE(bench.askBootloader("31 ce 08 0f ff fc 04 03 a1 b2 c3 d4 07"), QByteArray("79 79 79"));
+    QCOMPARE(bench.askBootloader("11 ee 08 0f ff fc 04 03 fc"), QByteArray("79 79 79 a1 b2 c3 d4"));
 }
 
 void TestSimulatorBootloader::blockWithAWrongChecksumIsNotWritten()
 {
     BootloaderBench bench;
     bench.synchronise();
-    QCOMPARE(bench.tell("31 ce 08 00 80 00 88 03 01 02 03 04 00"), QByteArray("79 79 1f"));
-    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 ff ff ff ff"));
+    QCOMPARE(bench.askBootloader("31 ce 08 00 80 00 88 03 01 02 03 04 00"), QByteArray("79 79 1f"));
+    QCOMPARE(bench.askBootloader(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
 }
 
 void TestSimulatorBootloader::writingClearsBitsAndOnlyErasingSetsThem()
 {
     BootloaderBench bench;
     bench.synchronise();
-    bench.tell("31 ce 08 00 80 00 88 03 f0 f0 f0 f0 03");
-    bench.tell("31 ce 08 00 80 00 88 03 3c 3c 3c 3c 03");
-    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 30 30 30 30"));
-    bench.tell("44 bb 00 00 00 02 02");
-    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 ff ff ff ff"));
+    bench.askBootloader("31 ce 08 00 80 00 88 03 f0 f0 f0 f0 03");
+    bench.askBootloader("31 ce 08 00 80 00 88 03 3c 3c 3c 3c 03");
+    QCOMPARE(bench.askBootloader(readWordRequest), QByteArray("79 79 79 30 30 30 30"));
+    bench.askBootloader("44 bb 00 00 00 02 02");
+    QCOMPARE(bench.askBootloader(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
 }
 
 void TestSimulatorBootloader::erasingTouchesTheNamedSectorsOnly()
@@ -356,35 +360,35 @@ void TestSimulatorBootloader::erasingTouchesTheNamedSectorsOnly()
     BootloaderBench bench;
     sim::FlashMemory &flash = bench.gripper.flash();
     flash.eraseAll();
-    const QByteArray zeros(sim::FlashMemory::__size, '\0');
-    flash.write(sim::FlashMemory::__start, zeros);
+    const QByteArray zeros(sim::FlashMemory::sizeBytes, '\0');
+    flash.write(sim::FlashMemory::startAddress, zeros);
     bench.synchronise();
     // Sectors 1 and 4: 16 KiB from 0x4000, and 64 KiB from 0x10000.
-    QCOMPARE(bench.tell("44 bb 00 01 00 01 00 04 04"), QByteArray("79 79"));
+    QCOMPARE(bench.askBootloader("44 bb 00 01 00 01 00 04 04"), QByteArray("79 79"));
     QByteArray expected = zeros;
     expected.replace(0x4000, 0x4000, QByteArray(0x4000, '\xFF'));
     expected.replace(0x10000, 0x10000, QByteArray(0x10000, '\xFF'));
-    QVERIFY(flash.from(sim::FlashMemory::__start) == expected);
+    QVERIFY(flash.from(sim::FlashMemory::startAddress) == expected);
 }
 
-void TestSimulatorBootloader::eraseIsAllOrNothing()
+void TestSimulatorBootloader::eraseOfAnUnknownSectorErasesNothing()
 {
     BootloaderBench bench;
-    const QByteArray before = bench.gripper.flash().from(sim::FlashMemory::__start);
+    const QByteArray before = bench.gripper.flash().from(sim::FlashMemory::startAddress);
     bench.synchronise();
-    QCOMPARE(bench.tell("44 bb 00 01 00 00 00 0c 0d"), QByteArray("79 1f"));
-    QVERIFY(bench.gripper.flash().from(sim::FlashMemory::__start) == before);
+    QCOMPARE(bench.askBootloader("44 bb 00 01 00 00 00 0c 0d"), QByteArray("79 1f"));
+    QVERIFY(bench.gripper.flash().from(sim::FlashMemory::startAddress) == before);
 }
 
 void TestSimulatorBootloader::ownBootloaderCannotBeOverwritten()
 {
     BootloaderBench bench("TE1-2.0.1");
     bench.synchronise();
-    QCOMPARE(bench.tell("31 ce 08 07 ff fc 0c"), QByteArray("79 1f"));
-    QCOMPARE(bench.tell("31 ce 08 08 00 00 00 03 00 00 00 00 03"), QByteArray("79 79 79"));
+    QCOMPARE(bench.askBootloader("31 ce 08 07 ff fc 0c"), QByteArray("79 1f"));
+    QCOMPARE(bench.askBootloader("31 ce 08 08 00 00 00 03 00 00 00 00 03"), QByteArray("79 79 79"));
     // Sector 7 ends where the firmware begins.
-    QCOMPARE(bench.tell("43 bc 00 07 07"), QByteArray("79 1f"));
-    QCOMPARE(bench.tell("43 bc 00 08 08"), QByteArray("79 79"));
+    QCOMPARE(bench.askBootloader("43 bc 00 07 07"), QByteArray("79 1f"));
+    QCOMPARE(bench.askBootloader("43 bc 00 08 08"), QByteArray("79 79"));
 }
 
 void TestSimulatorBootloader::upgradeEndsInTheNewFirmware_data()
@@ -406,59 +410,59 @@ void TestSimulatorBootloader::upgradeEndsInTheNewFirmware()
     QFETCH(QByteArray, answer);
     BootloaderBench bench(from.constData());
     const QList<QByteArray> pieces = upgradePieces(bench, QString::fromLatin1(to));
-    QCOMPARE(send(bench, pieces), pieces.size());
+    QCOMPARE(sendPieces(bench, pieces), pieces.size());
     QVERIFY(bench.gripper.isBooting());
     bench.timeline.advanceMs(800);
     QCOMPARE(bench.gripper.state(), State::Firmware);
-    QCOMPARE(bench.ask(kReadVersion), answer);
+    QCOMPARE(bench.ask(versionRequest), answer);
     QCOMPARE(bench.gripper.identity().versionText(), QString::fromLatin1(to));
-    // It is there to stay.
+    // The new firmware also starts after a restart.
     bench.gripper.restart();
     bench.timeline.advanceMs(800);
-    QCOMPARE(bench.ask(kReadVersion), answer);
+    QCOMPARE(bench.ask(versionRequest), answer);
 }
 
-void TestSimulatorBootloader::goElsewhereIsRefused()
+void TestSimulatorBootloader::goToAnotherAddressIsRefused()
 {
     BootloaderBench bench("TE1-2.0.1");
     bench.synchronise();
-    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 1f"));
+    QCOMPARE(bench.askBootloader("21 de 08 00 00 00 08"), QByteArray("79 1f"));
     QCOMPARE(bench.gripper.state(), State::Bootloader);
-    QCOMPARE(bench.tell("21 de 08 08 00 00 00"), QByteArray("79 79"));
+    QCOMPARE(bench.askBootloader("21 de 08 08 00 00 00"), QByteArray("79 79"));
     QVERIFY(bench.gripper.isBooting());
 }
 
-void TestSimulatorBootloader::goWithoutValidFirmwareComesBackInTheBootloader()
+void TestSimulatorBootloader::goWithoutValidFirmwareRestartsTheBootloader()
 {
     BootloaderBench bench;
     bench.synchronise();
-    bench.tell("44 bb ff ff 00");
-    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 79"));
+    bench.askBootloader("44 bb ff ff 00");
+    QCOMPARE(bench.askBootloader("21 de 08 00 00 00 08"), QByteArray("79 79"));
     bench.timeline.advanceMs(300);
     QCOMPARE(bench.gripper.state(), State::Bootloader);
-    // It has forgotten the synchronisation.
-    QCOMPARE(bench.tell("01 fe"), QByteArray());
+    // After the restart it needs a new synchronisation.
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray());
     bench.synchronise();
 }
 
-void TestSimulatorBootloader::storedSlaveIdCountsAfterAnUpgrade()
+void TestSimulatorBootloader::storedSlaveIdAppliesAfterAnUpgrade()
 {
     BootloaderBench bench;
     bench.gripper.registers().set(434, 0x0104);
-    send(bench, upgradePieces(bench, QStringLiteral("TA3-1.6.14")));
+    sendPieces(bench, upgradePieces(bench, QStringLiteral("TA3-1.6.14")));
     bench.timeline.advanceMs(800);
     QCOMPARE(int(bench.gripper.slaveId()), 4);
 }
 
-void TestSimulatorBootloader::powerCutIsSurvivedByASecondAttempt_data()
+void TestSimulatorBootloader::secondAttemptSucceedsAfterAPowerCut_data()
 {
     QTest::addColumn<QByteArray>("from");
     QTest::addColumn<QByteArray>("to");
     QTest::addColumn<int>("piece");
     QTest::addColumn<bool>("isComplete");
-    // An upgrade of 1024 bytes has 17 pieces: 0 synchronises, 1 and 2 erase, 3 to 14 write,
-    // 15 and 16 start. Until the erasing the old firmware is there, after the last block the
-    // new one.
+    // An upgrade of 1024 bytes has 17 pieces: 0 synchronises, 1 and 2 erase, 3 to 14 write, 15 and
+    // 16 start. The flash has the old firmware until the erase and the new one after the last
+    // block.
     for (const int piece : {0, 1, 2, 3, 4, 5, 6, 10, 14, 15, 16}) {
         const bool isComplete = piece <= 2 || piece >= 15;
         QTest::addRow("rom, before piece %d", piece)
@@ -468,7 +472,7 @@ void TestSimulatorBootloader::powerCutIsSurvivedByASecondAttempt_data()
     }
 }
 
-void TestSimulatorBootloader::powerCutIsSurvivedByASecondAttempt()
+void TestSimulatorBootloader::secondAttemptSucceedsAfterAPowerCut()
 {
     QFETCH(QByteArray, from);
     QFETCH(QByteArray, to);
@@ -477,128 +481,128 @@ void TestSimulatorBootloader::powerCutIsSurvivedByASecondAttempt()
     BootloaderBench bench(from.constData());
     const QList<QByteArray> pieces = upgradePieces(bench, QString::fromLatin1(to));
     QCOMPARE(pieces.size(), 17);
-    QCOMPARE(send(bench, pieces.mid(0, piece)), piece);
+    QCOMPARE(sendPieces(bench, pieces.mid(0, piece)), piece);
     bench.gripper.restart();
-    QCOMPARE(bench.tell(pieces.at(piece).toHex().constData()), QByteArray());
+    QCOMPARE(bench.askBootloader(pieces.at(piece).toHex().constData()), QByteArray());
     bench.timeline.advanceMs(800);
     QCOMPARE(bench.gripper.state(), isComplete ? State::Firmware : State::Bootloader);
     bench.enter();
-    QCOMPARE(send(bench, pieces), pieces.size());
+    QCOMPARE(sendPieces(bench, pieces), pieces.size());
     bench.timeline.advanceMs(800);
     QCOMPARE(bench.gripper.state(), State::Firmware);
     QCOMPARE(bench.gripper.identity().versionText(), QString::fromLatin1(to));
 }
 
-void TestSimulatorBootloader::silentBootloaderIsSilentThatOften()
+void TestSimulatorBootloader::silentBootloaderOmitsThatManyAnswers()
 {
     BootloaderBench bench;
-    bench.misbehave("silentBootloader 2");
-    QCOMPARE(bench.tell("7f"), QByteArray());
-    QCOMPARE(bench.tell("01 fe"), QByteArray());
-    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+    bench.setFault("silentBootloader 2");
+    QCOMPARE(bench.askBootloader("7f"), QByteArray());
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray());
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
 }
 
-void TestSimulatorBootloader::nackedBlockIsNotWritten()
+void TestSimulatorBootloader::refusedBlockIsNotWritten()
 {
     BootloaderBench bench;
     bench.synchronise();
-    bench.misbehave("nackWrite 1");
-    QCOMPARE(bench.tell(kWriteWord), QByteArray("79 79 1f"));
-    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 ff ff ff ff"));
-    QCOMPARE(bench.tell(kWriteWord), QByteArray("79 79 79"));
+    bench.setFault("nackWrite 1");
+    QCOMPARE(bench.askBootloader(writeWordRequest), QByteArray("79 79 1f"));
+    QCOMPARE(bench.askBootloader(readWordRequest), QByteArray("79 79 79 ff ff ff ff"));
+    QCOMPARE(bench.askBootloader(writeWordRequest), QByteArray("79 79 79"));
 }
 
 void TestSimulatorBootloader::badVerifyStoresTheLastByteInverted()
 {
     BootloaderBench bench;
     bench.synchronise();
-    bench.misbehave("badVerify 1");
-    QCOMPARE(bench.tell(kWriteWord), QByteArray("79 79 79"));
-    QCOMPARE(bench.tell(kReadWord), QByteArray("79 79 79 01 02 03 fb"));
+    bench.setFault("badVerify 1");
+    QCOMPARE(bench.askBootloader(writeWordRequest), QByteArray("79 79 79"));
+    QCOMPARE(bench.askBootloader(readWordRequest), QByteArray("79 79 79 01 02 03 fb"));
 }
 
-void TestSimulatorBootloader::refusedGoLeavesItInTheBootloader()
+void TestSimulatorBootloader::refusedGoLeavesTheGripperInTheBootloader()
 {
     BootloaderBench bench;
     bench.synchronise();
-    bench.misbehave("refuseGo 1");
-    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 1f"));
+    bench.setFault("refuseGo 1");
+    QCOMPARE(bench.askBootloader("21 de 08 00 00 00 08"), QByteArray("79 1f"));
     QCOMPARE(bench.gripper.state(), State::Bootloader);
-    QCOMPARE(bench.tell("21 de 08 00 00 00 08"), QByteArray("79 79"));
+    QCOMPARE(bench.askBootloader("21 de 08 00 00 00 08"), QByteArray("79 79"));
 }
 
-void TestSimulatorBootloader::dyingGripperWritesHalfABlockAndIsDeadUntilRestarted()
+void TestSimulatorBootloader::powerFailureWritesHalfABlockAndLastsUntilTheRestart()
 {
     BootloaderBench bench;
-    bench.misbehave("diesDuringWrite 1 2");
+    bench.setFault("diesDuringWrite 1 2");
     bench.synchronise();
-    bench.tell("44 bb ff ff 00");
-    QCOMPARE(bench.tell("31 ce 08 00 00 00 08 03 01 02 03 04 07"), QByteArray("79 79 79"));
-    QCOMPARE(bench.tell("31 ce 08 00 00 04 0c 03 05 06 07 08 0f"), QByteArray("79 79"));
+    bench.askBootloader("44 bb ff ff 00");
+    QCOMPARE(bench.askBootloader("31 ce 08 00 00 00 08 03 01 02 03 04 07"), QByteArray("79 79 79"));
+    QCOMPARE(bench.askBootloader("31 ce 08 00 00 04 0c 03 05 06 07 08 0f"), QByteArray("79 79"));
     QCOMPARE(bench.gripper.state(), State::Dead);
     QCOMPARE(bench.gripper.flash().read(0x08000000, 8), QByteArray::fromHex("010203040506ffff"));
     bench.timeline.advanceMs(10000);
-    QCOMPARE(bench.tell("7f"), QByteArray());
+    QCOMPARE(bench.askBootloader("7f"), QByteArray());
     bench.gripper.restart();
     bench.timeline.advanceMs(300);
     bench.synchronise();
 }
 
-void TestSimulatorBootloader::doubledAcknowledgeHasTwoBytes()
+void TestSimulatorBootloader::doubleAckSendsTheByteTwice()
 {
     BootloaderBench bench;
-    bench.misbehave("doubleAck");
-    QCOMPARE(bench.tell("7f"), QByteArray("79 79"));
-    QCOMPARE(bench.tell("7f 7f"), QByteArray("1f 1f"));
-    QCOMPARE(bench.tell("01 fe"), QByteArray("79 31 00 00 79"));
+    bench.setFault("doubleAck");
+    QCOMPARE(bench.askBootloader("7f"), QByteArray("79 79"));
+    QCOMPARE(bench.askBootloader("7f 7f"), QByteArray("1f 1f"));
+    QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
 }
 
-void TestSimulatorBootloader::bootloaderFaultsAreNotUsedUpByModbusRequests()
+void TestSimulatorBootloader::modbusRequestsDoNotCountForBootloaderFaults()
 {
     SimulatorBench bench;
-    bench.misbehave("nackWrite 1");
-    QVERIFY(!bench.ask(kReadVersion).isEmpty());
+    bench.setFault("nackWrite 1");
+    QVERIFY(!bench.ask(versionRequest).isEmpty());
     QCOMPARE(bench.gripper.faults().faults().size(), 1);
 }
 
-void TestSimulatorBootloader::bytesTakeTheirTimeWhenThatIsWanted()
+void TestSimulatorBootloader::configuredRateDelaysAnswers()
 {
-    // Eleven bits a byte: one byte a millisecond, there and back.
+    // With eleven bits per byte, each byte of request and answer takes a millisecond.
     SlowBench bench(11000);
-    QCOMPARE(bench.tell("7f"), QByteArray());
+    QCOMPARE(bench.askBootloader("7f"), QByteArray());
     QCOMPARE(bench.answeredAfterMs(1), QByteArray());
-    QCOMPARE(bench.answeredAfterMs(1), QByteArray(kAck));
-    QCOMPARE(bench.tell("02 fd"), QByteArray());
+    QCOMPARE(bench.answeredAfterMs(1), QByteArray(ack));
+    QCOMPARE(bench.askBootloader("02 fd"), QByteArray());
     QCOMPARE(bench.answeredAfterMs(6), QByteArray());
     QCOMPARE(bench.answeredAfterMs(1), QByteArray("79 01 04 13 79"));
-    QCOMPARE(bench.tell("21 de"), QByteArray());
-    QCOMPARE(bench.answeredAfterMs(3), QByteArray(kAck));
-    QCOMPARE(bench.tell("08 00 00 00 08"), QByteArray());
+    QCOMPARE(bench.askBootloader("21 de"), QByteArray());
+    QCOMPARE(bench.answeredAfterMs(3), QByteArray(ack));
+    QCOMPARE(bench.askBootloader("08 00 00 00 08"), QByteArray());
     QCOMPARE(bench.answeredAfterMs(5), QByteArray());
     QCOMPARE(bench.gripper.state(), State::Bootloader);
-    QCOMPARE(bench.answeredAfterMs(1), QByteArray(kAck));
+    QCOMPARE(bench.answeredAfterMs(1), QByteArray(ack));
     QCOMPARE(bench.gripper.state(), State::Booting);
 }
 
-void TestSimulatorBootloader::whatWasUnderWayDiesWithThePower()
+void TestSimulatorBootloader::restartCancelsDelayedAnswers()
 {
     SlowBench bench(110);
-    bench.tell("7f");
+    bench.askBootloader("7f");
     bench.gripper.restart();
     QCOMPARE(bench.answeredAfterMs(2000), QByteArray());
     QCOMPARE(bench.gripper.state(), State::Firmware);
 }
 
-void TestSimulatorBootloader::traceTellsTheRateOfWhatIsNoModbus()
+void TestSimulatorBootloader::traceShowsTheRateOfBootloaderBytes()
 {
     BootloaderBench bench;
-    bench.tell("7f");
+    bench.askBootloader("7f");
     QCOMPARE(bench.seen.size(), 2);
     QCOMPARE(sim::traceLine(bench.seen.at(0)), QStringLiteral("     300.000 > 7f @19200"));
     QCOMPARE(sim::traceLine(bench.seen.at(1)), QStringLiteral("     300.000 < 79 @19200"));
-    bench.rest();
+    bench.waitForSilence();
     SimulatorBench other;
-    other.ask(kReadVersion);
+    other.ask(versionRequest);
     QCOMPARE(sim::traceLine(other.seen.at(0)),
              QStringLiteral("       0.000 > 09 03 01 f4 00 03 44 8d"));
     QCOMPARE(sim::traceLine(other.seen.at(1)),
@@ -606,7 +610,7 @@ void TestSimulatorBootloader::traceTellsTheRateOfWhatIsNoModbus()
 }
 
 namespace {
-/// Put together with Python: the digest is hashlib's, over the three lines and the body "hello".
+/// An image made with Python. hashlib computed the digest of the three lines and the body "hello".
 QByteArray foreignImage()
 {
     const QByteArray head = "gripper-simulator firmware\nversion=TB1-1.4.3\nsize=133\n"
@@ -615,14 +619,14 @@ QByteArray foreignImage()
 }
 } // namespace
 
-void TestSimulatorBootloader::imageFromElsewhereIsRecognised()
+void TestSimulatorBootloader::foreignImageIsRecognised()
 {
     QCOMPARE(sim::FirmwareImage::versionIn(foreignImage()), QStringLiteral("TB1-1.4.3"));
     QCOMPARE(sim::FirmwareImage::versionIn(foreignImage() + QByteArray(100, '\xFF')),
              QStringLiteral("TB1-1.4.3"));
 }
 
-void TestSimulatorBootloader::spoiltImageIsNoFirmware_data()
+void TestSimulatorBootloader::damagedImageHasNoVersion_data()
 {
     QTest::addColumn<QByteArray>("flash");
     QTest::newRow("erased") << QByteArray(1000, '\xFF');
@@ -634,13 +638,13 @@ void TestSimulatorBootloader::spoiltImageIsNoFirmware_data()
     QTest::newRow("head only") << foreignImage().replace("size=133", "size=128").left(128);
 }
 
-void TestSimulatorBootloader::spoiltImageIsNoFirmware()
+void TestSimulatorBootloader::damagedImageHasNoVersion()
 {
     QFETCH(QByteArray, flash);
     QCOMPARE(sim::FirmwareImage::versionIn(flash), QString());
 }
 
-void TestSimulatorBootloader::imageHasTheSizeAskedFor()
+void TestSimulatorBootloader::imageHasTheGivenSize()
 {
     QCOMPARE(sim::FirmwareImage::make(QStringLiteral("TF1-2.0.2")).size(), 16384);
     const QByteArray image = sim::FirmwareImage::make(QStringLiteral("TF1-2.0.2"), 3001);

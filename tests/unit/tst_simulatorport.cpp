@@ -1,4 +1,5 @@
 #include "bussimulator.h"
+#include "failure.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -21,11 +22,11 @@
 using sim::BusSimulator;
 
 namespace {
-const char *const kReadVersion = "09 03 01 f4 00 03 44 8d";
-const char *const kVersionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
-constexpr int kNobody = 65534;
+const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
+const char *const versionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
+constexpr int ordinaryUserId = 65534;
 
-/// A line with one gripper and a link in a directory of its own.
+/// A line with one gripper and with a link in a temporary directory.
 struct Bench
 {
     Bench()
@@ -47,6 +48,17 @@ struct Bench
     BusSimulator simulator;
 };
 
+/// The text of the failure, empty when the simulator could be plugged in.
+QString failureOfPlugging(BusSimulator &simulator)
+{
+    try {
+        simulator.plug();
+    } catch (const sim::Failure &failure) {
+        return failure.text;
+    }
+    return QString();
+}
+
 void openAsMaster(QSerialPort &port, const QString &name)
 {
     port.setPortName(name);
@@ -54,11 +66,11 @@ void openAsMaster(QSerialPort &port, const QString &name)
     QVERIFY2(port.open(QIODevice::ReadWrite), qPrintable(port.errorString()));
 }
 
-/// Sends the version request and waits for all of the answer.
+/// Sends the version request and waits for the complete answer.
 QByteArray askVersion(QSerialPort &port)
 {
-    port.write(QByteArray::fromHex(kReadVersion));
-    const int expected = QByteArray::fromHex(kVersionAnswer).size();
+    port.write(QByteArray::fromHex(versionRequest));
+    const int expected = QByteArray::fromHex(versionAnswer).size();
     QByteArray answer;
     QElapsedTimer clock;
     clock.start();
@@ -74,7 +86,7 @@ template <typename Action>
 auto asOrdinaryUser(Action action)
 {
     const bool isRoot = ::geteuid() == 0;
-    if (isRoot && ::seteuid(kNobody) != 0)
+    if (isRoot && ::seteuid(ordinaryUserId) != 0)
         qFatal("cannot become an ordinary user");
     const auto result = action();
     if (isRoot && ::seteuid(0) != 0)
@@ -89,53 +101,53 @@ class TestSimulatorPort : public QObject
 
 private slots:
     void masterInTheSameProcessGetsItsAnswer();
-    void portMayBeOpenedAgainAndAgain();
-    void answerIsOnItsWayWithinAMillisecond();
-    void otherRateIsNotAnswered();
+    void portCanBeOpenedManyTimes();
+    void answerIsSentWithinAMillisecond();
+    void requestAtAnotherRateIsNotAnswered();
     void newPortRunsAt9600Baud();
-    void closedPortKeepsNoOldAnswers();
+    void unreadAnswersAreDroppedWhenThePortCloses();
     void idleClosedPortCausesNoEvents();
-    void nobodyButTheMasterHoldsThePort();
-    void exclusiveUseEndsWithTheMasterThatDied();
-    void ordinaryUserGetsANewPortWhenOneIsStuck();
-    void linkIsThereWhilePluggedIn();
+    void onlyTheMasterHoldsThePort();
+    void exclusiveUseEndsWhenTheMasterDies();
+    void stuckPortIsReplacedForAnOrdinaryUser();
+    void linkExistsWhilePluggedIn();
     void unplugHangsTheMasterUp();
     void plugBringsTheGrippersBack();
     void existingFileIsNotReplaced();
     void foreignDanglingLinkIsNotReplaced();
     void liveLinkOfAnotherSimulatorIsNotReplaced();
     void staleLinkOfAKilledSimulatorIsReplaced();
-    void linkThatBecameSomebodyElsesStays();
-    void logKeepsTheFrames();
+    void foreignLinkInItsPlaceIsNotRemoved();
+    void framesAreKeptUntilCleared();
 };
 
 void TestSimulatorPort::masterInTheSameProcessGetsItsAnswer()
 {
     Bench bench;
-    QVERIFY2(bench.simulator.plug(), qPrintable(bench.simulator.errorString()));
+    bench.simulator.plug();
     QSerialPort port;
     openAsMaster(port, bench.simulator.linkPath());
-    QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+    QCOMPARE(askVersion(port), QByteArray(versionAnswer));
 }
 
-void TestSimulatorPort::portMayBeOpenedAgainAndAgain()
+void TestSimulatorPort::portCanBeOpenedManyTimes()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     for (int i = 0; i < 20; ++i) {
         QSerialPort port;
         openAsMaster(port, bench.simulator.portPath());
-        QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+        QCOMPARE(askVersion(port), QByteArray(versionAnswer));
         port.close();
         if (i % 2 == 0)
             QTest::qWait(5);
     }
 }
 
-void TestSimulatorPort::answerIsOnItsWayWithinAMillisecond()
+void TestSimulatorPort::answerIsSentWithinAMillisecond()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     QSerialPort port;
     openAsMaster(port, bench.simulator.portPath());
     for (int i = 0; i < 20; ++i)
@@ -146,19 +158,19 @@ void TestSimulatorPort::answerIsOnItsWayWithinAMillisecond()
         delaysUs.append(frames.at(i).timeUs - frames.at(i - 1).timeUs);
     QCOMPARE(delaysUs.size(), 20);
     std::sort(delaysUs.begin(), delaysUs.end());
-    // The median: a loaded machine may take the processor away now and then.
+    // The median, because a loaded machine delays some answers.
     QVERIFY2(delaysUs.at(10) < 1000, qPrintable(QString::number(delaysUs.at(10))));
 }
 
-void TestSimulatorPort::otherRateIsNotAnswered()
+void TestSimulatorPort::requestAtAnotherRateIsNotAnswered()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     QSerialPort port;
     openAsMaster(port, bench.simulator.portPath());
     port.setBaudRate(QSerialPort::Baud19200);
     QSignalSpy seen(&bench.simulator, &BusSimulator::frameSeen);
-    port.write(QByteArray::fromHex(kReadVersion));
+    port.write(QByteArray::fromHex(versionRequest));
     QTRY_COMPARE(seen.size(), 1);
     QTest::qWait(50);
     QCOMPARE(port.readAll(), QByteArray());
@@ -168,7 +180,7 @@ void TestSimulatorPort::otherRateIsNotAnswered()
 void TestSimulatorPort::newPortRunsAt9600Baud()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     const int fd = ::open(bench.path().constData(), O_RDWR | O_NOCTTY);
     QVERIFY(fd >= 0);
     termios settings = {};
@@ -178,10 +190,10 @@ void TestSimulatorPort::newPortRunsAt9600Baud()
     QCOMPARE(settings.c_lflag & (ICANON | ECHO | ISIG), tcflag_t(0));
 }
 
-void TestSimulatorPort::closedPortKeepsNoOldAnswers()
+void TestSimulatorPort::unreadAnswersAreDroppedWhenThePortCloses()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     QSignalSpy seen(&bench.simulator, &BusSimulator::frameSeen);
     const int master = ::open(bench.path().constData(), O_RDWR | O_NOCTTY);
     QVERIFY(master >= 0);
@@ -189,11 +201,11 @@ void TestSimulatorPort::closedPortKeepsNoOldAnswers()
     QCOMPARE(::tcgetattr(master, &settings), 0);
     QCOMPARE(::cfsetspeed(&settings, B115200), 0);
     QCOMPARE(::tcsetattr(master, TCSANOW, &settings), 0);
-    const QByteArray request = QByteArray::fromHex(kReadVersion);
+    const QByteArray request = QByteArray::fromHex(versionRequest);
     QCOMPARE(::write(master, request.constData(), static_cast<size_t>(request.size())),
              ssize_t(request.size()));
     QTRY_COMPARE(seen.size(), 2);
-    // The answer is there, and nothing reads it.
+    // The answer has arrived, but nothing reads it.
     ::close(master);
     QTest::qWait(20);
     const int fd = ::open(bench.path().constData(), O_RDWR | O_NOCTTY | O_NONBLOCK);
@@ -207,14 +219,14 @@ void TestSimulatorPort::closedPortKeepsNoOldAnswers()
 void TestSimulatorPort::idleClosedPortCausesNoEvents()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     {
         QSerialPort port;
         openAsMaster(port, bench.simulator.portPath());
-        QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+        QCOMPARE(askVersion(port), QByteArray(versionAnswer));
     }
     QTest::qWait(50);
-    // A turn of the event loop with nothing to do blocks, so a watchdog has to end it.
+    // An idle event loop blocks, so a watchdog ends it.
     int turns = 0;
     QTimer watchdog;
     watchdog.setSingleShot(true);
@@ -226,24 +238,24 @@ void TestSimulatorPort::idleClosedPortCausesNoEvents()
     QVERIFY2(turns < 10, qPrintable(QString::number(turns)));
 }
 
-void TestSimulatorPort::nobodyButTheMasterHoldsThePort()
+void TestSimulatorPort::onlyTheMasterHoldsThePort()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     const QFileInfoList descriptors =
         QDir(QStringLiteral("/proc/self/fd")).entryInfoList(QDir::Files | QDir::System);
     for (const QFileInfo &descriptor : descriptors)
         QVERIFY(descriptor.symLinkTarget() != bench.simulator.portPath());
 }
 
-void TestSimulatorPort::exclusiveUseEndsWithTheMasterThatDied()
+void TestSimulatorPort::exclusiveUseEndsWhenTheMasterDies()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     const int fd = ::open(bench.path().constData(), O_RDWR | O_NOCTTY);
     QVERIFY(fd >= 0);
     QCOMPARE(::ioctl(fd, TIOCEXCL), 0);
-    // Closed without giving the exclusive use back, as the kernel does for a killed process.
+    // Closes the port without ending the exclusive use, as the kernel does for a killed process.
     ::close(fd);
     QTest::qWait(50);
     QVERIFY(bench.simulator.isPlugged());
@@ -251,21 +263,25 @@ void TestSimulatorPort::exclusiveUseEndsWithTheMasterThatDied()
     const QByteArray path = QFile::encodeName(bench.simulator.linkPath());
     const int again = asOrdinaryUser([&] { return ::open(path.constData(), O_RDWR | O_NOCTTY); });
     const int reason = errno;
-    // As root the pty belongs to root, so an ordinary user may not open it: anything but "busy".
+    // If the test runs as root, the pty belongs to root, and an ordinary user may not open it. Any
+    // error other than EBUSY shows that the exclusive use has ended.
     QVERIFY(again >= 0 || reason != EBUSY);
     if (again >= 0)
         ::close(again);
     openAsMaster(port, bench.simulator.linkPath());
-    QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+    QCOMPARE(askVersion(port), QByteArray(versionAnswer));
 }
 
-void TestSimulatorPort::ordinaryUserGetsANewPortWhenOneIsStuck()
+void TestSimulatorPort::stuckPortIsReplacedForAnOrdinaryUser()
 {
     Bench bench;
     QVERIFY(QFile::setPermissions(bench.directory.path(),
                                   QFile::Permissions(0x7777))); // rwx for all
-    const bool isPlugged = asOrdinaryUser([&] { return bench.simulator.plug(); });
-    QVERIFY2(isPlugged, qPrintable(bench.simulator.errorString()));
+    const bool isPlugged = asOrdinaryUser([&] {
+        bench.simulator.plug();
+        return bench.simulator.isPlugged();
+    });
+    QVERIFY(isPlugged);
     QSignalSpy renewed(&bench.simulator, &BusSimulator::portRenewed);
     const int fd = ::open(bench.path().constData(), O_RDWR | O_NOCTTY);
     QVERIFY(fd >= 0);
@@ -275,22 +291,22 @@ void TestSimulatorPort::ordinaryUserGetsANewPortWhenOneIsStuck()
     QVERIFY(isRenewed);
     QSerialPort port;
     openAsMaster(port, bench.simulator.linkPath());
-    QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+    QCOMPARE(askVersion(port), QByteArray(versionAnswer));
 }
 
-void TestSimulatorPort::linkIsThereWhilePluggedIn()
+void TestSimulatorPort::linkExistsWhilePluggedIn()
 {
     Bench bench;
     const QString link = bench.simulator.linkPath();
     QVERIFY(!QFileInfo::exists(link));
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     QCOMPARE(QFileInfo(link).canonicalFilePath(), bench.simulator.portPath());
     bench.simulator.unplug();
     QVERIFY(!QFileInfo(link).isSymLink());
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     {
         BusSimulator other(Bench::configFor(bench.directory.filePath(QStringLiteral("other"))));
-        QVERIFY(other.plug());
+        other.plug();
         QVERIFY(QFileInfo(other.linkPath()).isSymLink());
     }
     QVERIFY(!QFileInfo(bench.directory.filePath(QStringLiteral("other"))).isSymLink());
@@ -299,7 +315,7 @@ void TestSimulatorPort::linkIsThereWhilePluggedIn()
 void TestSimulatorPort::unplugHangsTheMasterUp()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     const int fd = ::open(bench.path().constData(), O_RDWR | O_NOCTTY | O_NONBLOCK);
     QVERIFY(fd >= 0);
     char byte = 0;
@@ -315,12 +331,12 @@ void TestSimulatorPort::unplugHangsTheMasterUp()
 void TestSimulatorPort::plugBringsTheGrippersBack()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     bench.simulator.unplug();
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     QSerialPort port;
     openAsMaster(port, bench.simulator.linkPath());
-    QCOMPARE(askVersion(port), QByteArray(kVersionAnswer));
+    QCOMPARE(askVersion(port), QByteArray(versionAnswer));
 }
 
 void TestSimulatorPort::existingFileIsNotReplaced()
@@ -330,8 +346,7 @@ void TestSimulatorPort::existingFileIsNotReplaced()
     QVERIFY(file.open(QIODevice::WriteOnly));
     file.write("precious");
     file.close();
-    QVERIFY(!bench.simulator.plug());
-    QVERIFY(bench.simulator.errorString().contains(bench.simulator.linkPath()));
+    QVERIFY(failureOfPlugging(bench.simulator).contains(bench.simulator.linkPath()));
     QVERIFY(!bench.simulator.isPlugged());
     QCOMPARE(file.size(), qint64(8));
 }
@@ -341,7 +356,7 @@ void TestSimulatorPort::foreignDanglingLinkIsNotReplaced()
     Bench bench;
     const QByteArray link = QFile::encodeName(bench.simulator.linkPath());
     QCOMPARE(::symlink("/dev/pts/99999", link.constData()), 0);
-    QVERIFY(!bench.simulator.plug());
+    QVERIFY(!failureOfPlugging(bench.simulator).isEmpty());
     QCOMPARE(QFileInfo(bench.simulator.linkPath()).symLinkTarget(),
              QStringLiteral("/dev/pts/99999"));
 }
@@ -349,9 +364,9 @@ void TestSimulatorPort::foreignDanglingLinkIsNotReplaced()
 void TestSimulatorPort::liveLinkOfAnotherSimulatorIsNotReplaced()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     BusSimulator other(Bench::configFor(bench.simulator.linkPath()));
-    QVERIFY(!other.plug());
+    QVERIFY(!failureOfPlugging(other).isEmpty());
     QCOMPARE(QFileInfo(bench.simulator.linkPath()).canonicalFilePath(), bench.simulator.portPath());
 }
 
@@ -360,14 +375,14 @@ void TestSimulatorPort::staleLinkOfAKilledSimulatorIsReplaced()
     Bench bench;
     const QByteArray link = QFile::encodeName(bench.simulator.linkPath());
     QCOMPARE(::symlink("/dev/pts/./99999", link.constData()), 0);
-    QVERIFY2(bench.simulator.plug(), qPrintable(bench.simulator.errorString()));
+    bench.simulator.plug();
     QCOMPARE(QFileInfo(bench.simulator.linkPath()).canonicalFilePath(), bench.simulator.portPath());
 }
 
-void TestSimulatorPort::linkThatBecameSomebodyElsesStays()
+void TestSimulatorPort::foreignLinkInItsPlaceIsNotRemoved()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     const QByteArray link = QFile::encodeName(bench.simulator.linkPath());
     QCOMPARE(::unlink(link.constData()), 0);
     QCOMPARE(::symlink("/dev/null", link.constData()), 0);
@@ -375,16 +390,16 @@ void TestSimulatorPort::linkThatBecameSomebodyElsesStays()
     QCOMPARE(QFileInfo(bench.simulator.linkPath()).symLinkTarget(), QStringLiteral("/dev/null"));
 }
 
-void TestSimulatorPort::logKeepsTheFrames()
+void TestSimulatorPort::framesAreKeptUntilCleared()
 {
     Bench bench;
-    QVERIFY(bench.simulator.plug());
+    bench.simulator.plug();
     QSerialPort port;
     openAsMaster(port, bench.simulator.portPath());
     askVersion(port);
     QCOMPARE(bench.simulator.frames().size(), 2);
-    QCOMPARE(bench.simulator.frames().first().bytes, QByteArray::fromHex(kReadVersion));
-    QCOMPARE(bench.simulator.frames().last().bytes, QByteArray::fromHex(kVersionAnswer));
+    QCOMPARE(bench.simulator.frames().first().bytes, QByteArray::fromHex(versionRequest));
+    QCOMPARE(bench.simulator.frames().last().bytes, QByteArray::fromHex(versionAnswer));
     bench.simulator.clearFrames();
     QVERIFY(bench.simulator.frames().isEmpty());
 }

@@ -3,10 +3,10 @@
 #include <QTest>
 
 namespace {
-const char *const kReadVersion = "09 03 01 f4 00 03 44 8d";
-const char *const kVersionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
-const char *const kRestart = "09 10 01 90 00 01 02 56 00 f3 a0";
-const char *const kRestartAnswer = "09 10 01 90 00 01 01 50";
+const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
+const char *const versionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
+const char *const restartRequest = "09 10 01 90 00 01 02 56 00 f3 a0";
+const char *const restartAnswer = "09 10 01 90 00 01 01 50";
 } // namespace
 
 class TestSimulatorProtocol : public QObject
@@ -21,20 +21,20 @@ private slots:
     void requestInPiecesIsAnsweredAfterItsLastByte();
     void twoRequestsInOnePieceGetTwoAnswers();
     void requestAfterGarbageAndSilenceIsAnswered();
-    void requestRightBehindGarbageIsIgnoredLikeByARealReceiver();
+    void requestDirectlyAfterGarbageIsIgnored();
     void lateTimerDoesNotHideTheSilenceBeforeARequest();
-    void floodWithoutSilenceIsForgottenAtTheNextSilence();
+    void noiseIsDroppedAtTheNextSilence();
     void unknownFunctionIsRefusedAfterTheSilence();
     void writeWithWrongByteCountIsRefusedAfterTheSilence();
     void identityIsStoredOnlyOnCommandWithItsCharactersReordered();
     void settingsWithoutStoreWordAreLostInARestart();
-    void storedSlaveIdCountsFromTheRestartOn();
+    void storedSlaveIdAppliesAfterTheRestart();
     void slaveIdOutsideTheRangeIsRefused();
     void speedLimitNeedsItsCommandWord();
     void bootingGripperIsSilentForTheBootTime();
-    void restartDuringABootBeginsItAnew();
-    void pinnedRegisterReadsItsPinWhateverIsWritten();
-    void everyFrameIsReportedWithForeignOnesAndNoise();
+    void restartDuringABootStartsTheBootAgain();
+    void pinnedRegisterKeepsItsValueWhenWritten();
+    void framesForOthersAndNoiseAreReported();
     void answerIsLostWhenTheMasterHasChangedTheRate();
 };
 
@@ -42,13 +42,13 @@ void TestSimulatorProtocol::requestGetsItsAnswerAtOnce_data()
 {
     QTest::addColumn<QByteArray>("request");
     QTest::addColumn<QByteArray>("answer");
-    QTest::newRow("version") << QByteArray(kReadVersion) << QByteArray(kVersionAnswer);
+    QTest::newRow("version") << QByteArray(versionRequest) << QByteArray(versionAnswer);
     QTest::newRow("inputs after power-on")
         << QByteArray("09 03 07 d0 00 03 04 0e") << QByteArray("09 03 06 00 00 00 00 00 00 46 b5");
     QTest::newRow("write of the outputs")
         << QByteArray("09 10 03 e8 00 03 06 01 00 00 00 00 00 72 e1")
         << QByteArray("09 10 03 e8 00 03 01 30");
-    QTest::newRow("restart") << QByteArray(kRestart) << QByteArray(kRestartAnswer);
+    QTest::newRow("restart") << QByteArray(restartRequest) << QByteArray(restartAnswer);
     QTest::newRow("no such register")
         << QByteArray("09 03 02 bc 00 01 45 1e") << QByteArray("09 83 02 41 33");
     QTest::newRow("block and beyond")
@@ -76,7 +76,7 @@ void TestSimulatorProtocol::requestIsNotAnswered_data()
     QTest::newRow("other slave id") << QByteArray("02 03 01 f4 00 03 45 f6") << 115200;
     QTest::newRow("broadcast") << QByteArray("00 03 01 f4 00 03 44 14") << 115200;
     QTest::newRow("bad CRC") << QByteArray("09 03 01 f4 00 03 44 8c") << 115200;
-    QTest::newRow("wrong rate") << QByteArray(kReadVersion) << 19200;
+    QTest::newRow("wrong rate") << QByteArray(versionRequest) << 19200;
     QTest::newRow("incomplete") << QByteArray("09 03 01 f4 00 03 44") << 115200;
     QTest::newRow("single byte") << QByteArray("7f") << 115200;
 }
@@ -91,7 +91,7 @@ void TestSimulatorProtocol::requestIsNotAnswered()
     QCOMPARE(bench.answered(), QByteArray());
     QCOMPARE(bench.seen.size(), 1);
     QCOMPARE(bench.seen.first().bytes, QByteArray::fromHex(request));
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
 void TestSimulatorProtocol::requestInPiecesIsAnsweredAfterItsLastByte()
@@ -101,44 +101,44 @@ void TestSimulatorProtocol::requestInPiecesIsAnsweredAfterItsLastByte()
     bench.timeline.advanceMs(3);
     QCOMPARE(bench.ask("f4 00 03 44"), QByteArray());
     bench.timeline.advanceMs(3);
-    QCOMPARE(bench.ask("8d"), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask("8d"), QByteArray(versionAnswer));
 }
 
 void TestSimulatorProtocol::twoRequestsInOnePieceGetTwoAnswers()
 {
     SimulatorBench bench;
     QCOMPARE(bench.ask("09 03 01 f4 00 03 44 8d 09 03 07 d0 00 03 04 0e"),
-             QByteArray(kVersionAnswer) + " 09 03 06 00 00 00 00 00 00 46 b5");
+             QByteArray(versionAnswer) + " 09 03 06 00 00 00 00 00 00 46 b5");
 }
 
 void TestSimulatorProtocol::requestAfterGarbageAndSilenceIsAnswered()
 {
     SimulatorBench bench;
     bench.ask("09 03 ff 00 13");
-    bench.rest();
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    bench.waitForSilence();
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
-void TestSimulatorProtocol::requestRightBehindGarbageIsIgnoredLikeByARealReceiver()
+void TestSimulatorProtocol::requestDirectlyAfterGarbageIsIgnored()
 {
     SimulatorBench bench;
     QCOMPARE(bench.ask("55 09 03 01 f4 00 03 44 8d"), QByteArray());
-    bench.rest();
+    bench.waitForSilence();
     QCOMPARE(bench.answered(), QByteArray());
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
 void TestSimulatorProtocol::lateTimerDoesNotHideTheSilenceBeforeARequest()
 {
-    // A clock whose actions never come: only the arrival times tell of the silence.
-    class DeafTimeline : public sim::Timeline
+    // A clock that never calls an action: only the arrival times show the silence.
+    class StoppedTimeline : public sim::Timeline
     {
     public:
         qint64 nowUs() const override { return now; }
         void onNextDueChanged() override {}
         qint64 now = 0;
     };
-    DeafTimeline timeline;
+    StoppedTimeline timeline;
     sim::Line line(timeline);
     sim::RandomSource random;
     const auto identity = sim::GripperIdentity::fromVersion(9, QStringLiteral("TA3-1.6.14"));
@@ -147,20 +147,20 @@ void TestSimulatorProtocol::lateTimerDoesNotHideTheSilenceBeforeARequest()
     connect(&line, &sim::Line::bytesToMaster, this,
             [&sent](const QByteArray &bytes) { sent.append(bytes); });
     line.receive(QByteArray::fromHex("09 03 ff"), 115200);
-    timeline.now = sim::Line::__gapUs;
-    line.receive(QByteArray::fromHex(kReadVersion), 115200);
-    QCOMPARE(sent.toHex(' '), QByteArray(kVersionAnswer));
+    timeline.now = sim::Line::frameGapUs;
+    line.receive(QByteArray::fromHex(versionRequest), 115200);
+    QCOMPARE(sent.toHex(' '), QByteArray(versionAnswer));
 }
 
-void TestSimulatorProtocol::floodWithoutSilenceIsForgottenAtTheNextSilence()
+void TestSimulatorProtocol::noiseIsDroppedAtTheNextSilence()
 {
     SimulatorBench bench;
     const QByteArray noise(300, 'U');
     for (int i = 0; i < 20; ++i)
         bench.line.receive(noise, 115200);
-    QCOMPARE(bench.ask(kReadVersion), QByteArray());
-    bench.rest();
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask(versionRequest), QByteArray());
+    bench.waitForSilence();
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
 void TestSimulatorProtocol::unknownFunctionIsRefusedAfterTheSilence()
@@ -168,16 +168,16 @@ void TestSimulatorProtocol::unknownFunctionIsRefusedAfterTheSilence()
     SimulatorBench bench;
     // ReportSlaveIdRequest of pymodbus.
     QCOMPARE(bench.ask("09 11 c7 ec"), QByteArray());
-    bench.rest();
+    bench.waitForSilence();
     QCOMPARE(bench.answered(), QByteArray("09 91 01 0d 92"));
 }
 
 void TestSimulatorProtocol::writeWithWrongByteCountIsRefusedAfterTheSilence()
 {
     SimulatorBench bench;
-    // A write of 3 registers that says 4 bytes, CRC by pymodbus' computeCRC.
+    // A write of 3 registers with a byte count of 4. The CRC comes from pymodbus' computeCRC.
     QCOMPARE(bench.ask("09 10 03 e8 00 03 04 01 00 00 00 00 00 51 21"), QByteArray());
-    bench.rest();
+    bench.waitForSilence();
     QCOMPARE(bench.answered(), QByteArray("09 90 03 8d c3"));
 }
 
@@ -186,7 +186,7 @@ void TestSimulatorProtocol::identityIsStoredOnlyOnCommandWithItsCharactersReorde
     SimulatorBench bench;
     sim::RegisterBank &registers = bench.gripper.registers();
     const QVector<quint16> before = registers.read(510, 5);
-    // "XYZ", first character in the low byte; 70000; 2025.
+    // "XYZ" with its first character in the low byte, then 70000, then 2025.
     QCOMPARE(registers.write(510, {0x5958, 0x005A, 4464, 1}), sim::ModbusException::None);
     QCOMPARE(registers.write(514, {2025}), sim::ModbusException::None);
     QCOMPARE(registers.read(510, 5), before);
@@ -204,10 +204,10 @@ void TestSimulatorProtocol::settingsWithoutStoreWordAreLostInARestart()
     bench.gripper.restart();
     bench.timeline.advanceMs(1000);
     QCOMPARE(registers.read(434, 1), QVector<quint16>{before});
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
-void TestSimulatorProtocol::storedSlaveIdCountsFromTheRestartOn()
+void TestSimulatorProtocol::storedSlaveIdAppliesAfterTheRestart()
 {
     SimulatorBench bench;
     QVector<quint16> settings = bench.gripper.registers().read(430, 5);
@@ -216,11 +216,11 @@ void TestSimulatorProtocol::storedSlaveIdCountsFromTheRestartOn()
     QCOMPARE(bench.gripper.registers().write(430, settings + QVector<quint16>{0, 0x0036}),
              sim::ModbusException::None);
     QCOMPARE(bench.gripper.registers().read(430, 5), settings);
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
-    QCOMPARE(bench.ask(kRestart), QByteArray(kRestartAnswer));
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
+    QCOMPARE(bench.ask(restartRequest), QByteArray(restartAnswer));
     bench.timeline.advanceMs(1000);
-    QCOMPARE(bench.ask(kReadVersion), QByteArray());
-    bench.rest();
+    QCOMPARE(bench.ask(versionRequest), QByteArray());
+    bench.waitForSilence();
     QCOMPARE(bench.ask("03 03 01 f4 00 03 44 27"), QByteArray("03 03 06 54 41 33 01 06 0e d5 2e"));
 }
 
@@ -248,17 +248,17 @@ void TestSimulatorProtocol::speedLimitNeedsItsCommandWord()
 void TestSimulatorProtocol::bootingGripperIsSilentForTheBootTime()
 {
     SimulatorBench bench;
-    bench.ask(kRestart);
+    bench.ask(restartRequest);
     bench.timeline.advanceMs(799);
-    QCOMPARE(bench.ask(kReadVersion), QByteArray());
+    QCOMPARE(bench.ask(versionRequest), QByteArray());
     QVERIFY(bench.gripper.isBooting());
     bench.timeline.advanceMs(1);
     QVERIFY(!bench.gripper.isBooting());
-    bench.rest();
-    QCOMPARE(bench.ask(kReadVersion), QByteArray(kVersionAnswer));
+    bench.waitForSilence();
+    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
-void TestSimulatorProtocol::restartDuringABootBeginsItAnew()
+void TestSimulatorProtocol::restartDuringABootStartsTheBootAgain()
 {
     SimulatorBench bench;
     bench.gripper.restart();
@@ -270,7 +270,7 @@ void TestSimulatorProtocol::restartDuringABootBeginsItAnew()
     QVERIFY(!bench.gripper.isBooting());
 }
 
-void TestSimulatorProtocol::pinnedRegisterReadsItsPinWhateverIsWritten()
+void TestSimulatorProtocol::pinnedRegisterKeepsItsValueWhenWritten()
 {
     SimulatorBench bench;
     sim::RegisterBank &registers = bench.gripper.registers();
@@ -285,22 +285,22 @@ void TestSimulatorProtocol::pinnedRegisterReadsItsPinWhateverIsWritten()
     QVERIFY(!registers.pin(700, 1));
 }
 
-void TestSimulatorProtocol::everyFrameIsReportedWithForeignOnesAndNoise()
+void TestSimulatorProtocol::framesForOthersAndNoiseAreReported()
 {
     SimulatorBench bench;
     bench.timeline.advanceMs(7);
     bench.ask("02 03 01 f4 00 03 45 f6");
     bench.ask("7f", 19200);
     bench.timeline.advanceMs(20);
-    bench.ask(kReadVersion);
+    bench.ask(versionRequest);
     using Direction = sim::FrameRecord::Direction;
     QCOMPARE(bench.seen.size(), 4);
     QCOMPARE(bench.seen.at(0).bytes, QByteArray::fromHex("02 03 01 f4 00 03 45 f6"));
     QCOMPARE(bench.seen.at(0).timeUs, qint64(7000));
     QCOMPARE(bench.seen.at(1).bytes, QByteArray::fromHex("7f"));
-    QCOMPARE(bench.seen.at(2).bytes, QByteArray::fromHex(kReadVersion));
+    QCOMPARE(bench.seen.at(2).bytes, QByteArray::fromHex(versionRequest));
     QCOMPARE(bench.seen.at(2).direction, Direction::Request);
-    QCOMPARE(bench.seen.at(3).bytes, QByteArray::fromHex(kVersionAnswer));
+    QCOMPARE(bench.seen.at(3).bytes, QByteArray::fromHex(versionAnswer));
     QCOMPARE(bench.seen.at(3).direction, Direction::Answer);
     QCOMPARE(bench.seen.at(3).timeUs, qint64(27000));
 }
@@ -312,8 +312,8 @@ void TestSimulatorProtocol::answerIsLostWhenTheMasterHasChangedTheRate()
     late.kind = sim::FaultKind::Late;
     late.value = 50;
     bench.gripper.faults().set(late);
-    QCOMPARE(bench.ask(kReadVersion), QByteArray());
-    bench.rest();
+    QCOMPARE(bench.ask(versionRequest), QByteArray());
+    bench.waitForSilence();
     bench.ask("7f", 19200);
     bench.timeline.advanceMs(100);
     QCOMPARE(bench.answered(), QByteArray());

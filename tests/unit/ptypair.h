@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QString>
+
+/// Owns both ends of a raw pseudo-terminal. A serial port opens the port end by its name; the test
+/// reads and writes the line end. The port end also stays open here, so the line survives when the
+/// port closes, and its settings and unread bytes can be examined.
+class PtyPair
+{
+public:
+    /// Ends the process when the system has no pseudo-terminal.
+    PtyPair();
+    ~PtyPair();
+
+    PtyPair(const PtyPair &) = delete;
+    PtyPair &operator=(const PtyPair &) = delete;
+
+    /// The descriptor of the line end; -1 after hangUp().
+    int lineEnd() const { return m_lineEnd; }
+    int portEnd() const { return m_portEnd; }
+    /// The full path of the port end.
+    const QString &portName() const { return m_portName; }
+
+    /// Closes the line end, so the port end is hung up. Does nothing the second time.
+    void hangUp();
+
+private:
+    int m_lineEnd = -1;
+    int m_portEnd = -1;
+    QString m_portName;
+};
