@@ -42,7 +42,7 @@ int flash(const FlasherOptions &options)
     SerialPortLock lock(options.device);
     if (!lock.take(kLockWaitMs))
         return end(FlasherOutcome::PortFailed, lock.problem());
-    Stm32FlashRun run(options, serialMode, image.size());
+    Stm32FlashRun run(options, serialMode, image);
     const FlasherOutcome outcome = run.execute();
     // Until the firmware has booted the line stays ours: a scan that came earlier would miss it.
     if (outcome == FlasherOutcome::Done && options.startsFirmware)

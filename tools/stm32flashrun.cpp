@@ -18,10 +18,11 @@ QString hex(quint32 address)
 } // namespace
 
 Stm32FlashRun::Stm32FlashRun(const FlasherOptions &options, const QString &serialMode,
-                             qint64 imageSize)
+                             const FirmwareFile &image)
     : m_options(options)
     , m_serialMode(serialMode)
-    , m_output(options.target.address + static_cast<quint32>(imageSize))
+    , m_imagePath(image.pathOfCopy())
+    , m_output(options.target.address + static_cast<quint32>(image.size()))
 {
 }
 
@@ -32,14 +33,15 @@ void Stm32FlashRun::Child::setupChildProcess()
         ::_exit(1);
 }
 
-QStringList Stm32FlashRun::arguments(const FlasherOptions &options, const QString &serialMode)
+QStringList Stm32FlashRun::arguments(const FlasherOptions &options, const QString &serialMode,
+                                     const QString &imagePath)
 {
     const QString address = hex(options.target.address);
     QStringList words{QStringLiteral("-b"), QString::number(options.target.baudRate),
                       QStringLiteral("-m"), serialMode,
                       // A binary whatever it looks like: text of a certain form would be unpacked.
                       QStringLiteral("-f"), QStringLiteral("-S"), address, QStringLiteral("-w"),
-                      options.imagePath,
+                      imagePath,
                       // Without this a flash that did not keep the bytes counts as success.
                       QStringLiteral("-v")};
     if (options.startsFirmware)
@@ -54,7 +56,7 @@ FlasherOutcome Stm32FlashRun::execute()
               .arg(m_options.target.baudRate)
               .arg(m_serialMode)});
     m_process.setStandardInputFile(QProcess::nullDevice());
-    m_process.start(QStringLiteral("stm32flash"), arguments(m_options, m_serialMode));
+    m_process.start(QStringLiteral("stm32flash"), arguments(m_options, m_serialMode, m_imagePath));
     if (!m_process.waitForStarted(kForEver)) {
         m_problem = QStringLiteral("stm32flash cannot be started (is it installed?): ") +
                     m_process.errorString();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "firmwarefile.h"
 #include "flasheroptions.h"
 #include "stm32flashoutput.h"
 
@@ -11,15 +12,17 @@
 class Stm32FlashRun
 {
 public:
-    /// `serialMode` is "8e1" or "8n1", `imageSize` in bytes.
-    Stm32FlashRun(const FlasherOptions &options, const QString &serialMode, qint64 imageSize);
+    /// `serialMode` is "8e1" or "8n1".
+    Stm32FlashRun(const FlasherOptions &options, const QString &serialMode,
+                  const FirmwareFile &image);
 
     /// Runs it to its end, blocking; prints what it tells when the options want that.
     FlasherOutcome execute();
     /// What went wrong, empty for nothing known.
     const QString &problem() const { return m_problem; }
 
-    static QStringList arguments(const FlasherOptions &options, const QString &serialMode);
+    static QStringList arguments(const FlasherOptions &options, const QString &serialMode,
+                                 const QString &imagePath);
 
 private:
     /// Dies with us.
@@ -37,6 +40,7 @@ private:
 
     FlasherOptions m_options;
     QString m_serialMode;
+    QString m_imagePath;
     QString m_problem;
     Stm32FlashOutput m_output;
     Child m_process;

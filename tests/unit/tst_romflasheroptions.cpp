@@ -107,11 +107,11 @@ void TestRomflasherOptions::stm32flashGetsItsArguments_data()
     QTest::addColumn<QString>("expected");
     QTest::newRow("rom, started")
         << QByteArray("-p /dev/ttyUSB0 -b 19200 -f a.bin -d -g")
-        << QStringLiteral("-b 19200 -m 8e1 -f -S 0x08000000 -w a.bin -v -g 0x08000000 "
+        << QStringLiteral("-b 19200 -m 8e1 -f -S 0x08000000 -w copy -v -g 0x08000000 "
                           "/dev/ttyUSB0");
     QTest::newRow("own, not started")
         << QByteArray("-p /dev/ttyTool -b 115200 -f e.bin")
-        << QStringLiteral("-b 115200 -m 8e1 -f -S 0x08080000 -w e.bin -v /dev/ttyTool");
+        << QStringLiteral("-b 115200 -m 8e1 -f -S 0x08080000 -w copy -v /dev/ttyTool");
 }
 
 void TestRomflasherOptions::stm32flashGetsItsArguments()
@@ -119,8 +119,9 @@ void TestRomflasherOptions::stm32flashGetsItsArguments()
     QFETCH(QByteArray, arguments);
     QFETCH(QString, expected);
     const FlasherOptions options = optionsOf(arguments.constData());
-    QCOMPARE(Stm32FlashRun::arguments(options, QStringLiteral("8e1")).join(QLatin1Char(' ')),
-             expected);
+    const QStringList words =
+        Stm32FlashRun::arguments(options, QStringLiteral("8e1"), QStringLiteral("copy"));
+    QCOMPARE(words.join(QLatin1Char(' ')), expected);
 }
 
 void TestRomflasherOptions::everyFailureHasItsCodeAndSaysWhatToDoNext_data()
@@ -155,7 +156,8 @@ void TestRomflasherOptions::missingStm32flashIsSaid()
 {
     const QByteArray path = qgetenv("PATH");
     qputenv("PATH", "/nowhere");
-    Stm32FlashRun run(optionsOf("-p /dev/ttyTool -b 19200 -f a.bin"), QStringLiteral("8e1"), 4);
+    const FirmwareFile image(QCoreApplication::applicationFilePath(), 1 << 30);
+    Stm32FlashRun run(optionsOf("-p /dev/ttyTool -b 19200 -f a.bin"), QStringLiteral("8e1"), image);
     const FlasherOutcome outcome = run.execute();
     qputenv("PATH", path);
     QCOMPARE(outcome, FlasherOutcome::CannotBegin);
