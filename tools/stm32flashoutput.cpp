@@ -75,7 +75,7 @@ QStringList Stm32FlashOutput::takeLine(const QString &line)
         return {};
     if (!line.endsWith(QLatin1String(" done.")))
         m_complaint = QStringLiteral("the bootloader refused to start the firmware");
-    else if (m_stage == Stage::Written)
+    else if (m_stage == Stage::Written || !m_endAddress)
         m_stage = Stage::Started;
     return {line};
 }

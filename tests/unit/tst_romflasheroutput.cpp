@@ -42,6 +42,7 @@ private slots:
     void complaintsAreShownAsTheyCome();
     void imageThatEndsBeyondTheFlashIsNotDone();
     void startOfAnIncompleteFirmwareIsNotDone();
+    void startWithoutWritingIsDone();
     void writingWithoutVerificationIsNotDone();
 };
 
@@ -174,6 +175,15 @@ void TestRomflasherOutput::startOfAnIncompleteFirmwareIsNotDone()
                       "\rWrote and verified address 0x080003e8 (33.32%) Done.\n\n" +
                       kStarted);
     QCOMPARE(reader.outcome(0, true), FlasherOutcome::WriteFailed);
+}
+
+void TestRomflasherOutput::startWithoutWritingIsDone()
+{
+    Stm32FlashOutput reader;
+    reader.takeOutput(kHead + kPort + kDevice);
+    QCOMPARE(reader.outcome(0, true), FlasherOutcome::WriteFailed);
+    reader.takeOutput(kStarted);
+    QCOMPARE(reader.outcome(0, true), FlasherOutcome::Done);
 }
 
 void TestRomflasherOutput::writingWithoutVerificationIsNotDone()
