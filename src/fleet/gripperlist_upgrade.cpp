@@ -2,6 +2,7 @@
 #include "gripperlist.h"
 
 #include <QDebug>
+#include <QScopedValueRollback>
 
 #include <algorithm>
 #include <array>
@@ -41,6 +42,9 @@ bool GripperList::isDeviceInBootloaderMode(const Gripper &gripper)
 
 bool GripperList::jumpToBootloader(const Gripper &gripper)
 {
+    if (m_upgradeService.isUpgrading())
+        return false;
+    const QScopedValueRollback<bool> running(m_jumpRunning, true);
     if (isDeviceInBootloaderMode(gripper))
         return true;
     const bool isInBootloader = hasStBootloader(gripper)
@@ -52,18 +56,15 @@ bool GripperList::jumpToBootloader(const Gripper &gripper)
 
 bool GripperList::upgradeFirmware(const Gripper &gripper)
 {
-    if (m_upgradeService.isUpgrading())
-        return false;
-    if (!jumpToBootloader(gripper))
-        return false;
-    // Another one may have been started while this one waited.
-    if (m_upgradeService.isUpgrading())
+    // A jump that waits for its answer opens the port again when it resumes.
+    if (m_jumpRunning || !jumpToBootloader(gripper))
         return false;
     const auto *firmware =
         std::find_if(firmwares.begin(), firmwares.end(),
                      [&](const Firmware &row) { return (this->*row.isFamily)(gripper); });
     if (firmware == firmwares.end())
         return false;
+    ++m_scanDisturbances;
     m_modbus.disconnectFromDevice();
     while (isPello(gripper) && m_modbus.isConnected())
         m_modbus.disconnectFromDevice();
@@ -93,6 +94,10 @@ void GripperList::unmuteOnUpgradeFinished()
 {
     qInfo() << "unmuteOnUpgradeFinished";
     setMuted(false);
+    if (!m_scanRequested)
+        return;
+    m_scanRequested = false;
+    restartDiscovery(LinkStatus::Scanning);
 }
 
 int GripperList::getUpgradeStatus() const
