@@ -229,6 +229,8 @@ GripperList::Gripper GripperList::currentGripper() const
 
 void GripperList::discoverState()
 {
+    // Looking at ports blocks the thread, and setting the rate may disturb an answer.
+    m_modbus.waitUntilQuiet();
     if (quitRequested())
         return;
     if (m_modbus.isConnected()) {
@@ -280,8 +282,9 @@ void GripperList::scan(const QString &portName)
     scanUndisturbed(portName);
 }
 
-/// False when another scan ran from its beginning to its end inside this one's waits. That one took
-/// answers away from this one, and has brought the list and the loop up to date already.
+/// False when another scan ran from its beginning to its end inside this one's waits. That one has
+/// brought the list and the loop up to date already. Clients may have changed the grippers that it
+/// found, and this scan's objects for the same grippers do not know of that.
 bool GripperList::scanUndisturbed(const QString &portName)
 {
     openLink(portName);

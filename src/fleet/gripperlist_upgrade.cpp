@@ -34,6 +34,8 @@ bool GripperList::hasStBootloader(const Gripper &gripper) const
 
 bool GripperList::isDeviceInBootloaderMode(const Gripper &gripper)
 {
+    // The link may have been closed under a request whose answer is still to come.
+    m_modbus.waitUntilQuiet();
     return gripper->detectBootloader(hasStBootloader(gripper) ? QSerialPort::Baud19200
                                                               : QSerialPort::Baud115200,
                                      detectionRetries);
