@@ -229,6 +229,8 @@ GripperList::Gripper GripperList::currentGripper() const
 
 void GripperList::discoverState()
 {
+    // Looking at ports blocks the thread, and setting the rate may disturb an answer.
+    m_modbus.waitUntilQuiet();
     if (quitRequested() || m_upgradeService.isUpgrading())
         return;
     if (m_modbus.isConnected()) {
@@ -280,9 +282,10 @@ void GripperList::scan(const QString &portName)
     scanUndisturbed(portName);
 }
 
-/// False when the line was not this scan's alone. Another scan that ran from its beginning to its
-/// end inside this one's waits took answers away from this one, and has brought the list and the
-/// loop up to date already. An upgrade that began there closed the link.
+/// False when this scan's result does not count. Another scan that ran from its beginning to its end
+/// inside this one's waits has brought the list and the loop up to date already. Clients may have
+/// changed the grippers that it found, and this scan's objects for the same grippers do not know of
+/// that. An upgrade that began inside the waits closed the link.
 bool GripperList::scanUndisturbed(const QString &portName)
 {
     if (m_upgradeService.isUpgrading())

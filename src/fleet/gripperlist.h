@@ -87,13 +87,14 @@ public:
     /// Whether the gripper's bootloader is that of the microcontroller's ROM.
     bool hasStBootloader(const Gripper &gripper) const;
 
-    /// Whether the gripper's bootloader answers on the port now; needs the link closed. Blocks the
-    /// thread for up to 5.1 s.
+    /// Whether the gripper's bootloader answers on the port now; needs the link closed. Pumps
+    /// events until the line is quiet, then blocks the thread for up to 5.1 s.
     bool isDeviceInBootloaderMode(const Gripper &gripper);
 
-    /// Sends the gripper into its bootloader; true when it answers there. Polling is muted
-    /// afterwards, unless it was there already. False at once while the flashing program runs.
-    /// Pumps events, then blocks for up to 5.1 s, twice when the link is closed.
+    /// Sends the gripper into its bootloader; true when it answers there, also when the answer to
+    /// the reset was lost. Polling is muted afterwards, unless it was there already; ticks stay out
+    /// meanwhile. False at once while the flashing program runs. Pumps events, then blocks for up to
+    /// 5.1 s, twice when the link is closed.
     bool jumpToBootloader(const Gripper &gripper);
 
     /// Sends the gripper into its bootloader and starts the flashing program with the firmware of
@@ -119,8 +120,8 @@ public:
     static constexpr quint8 __max_slave_id = 9;
 
 public slots:
-    /// One tick of the state loop. Does nothing while a tick, a blocking scan or a slave id move is
-    /// under way, while polling is muted, or while the flashing program runs.
+    /// One tick of the state loop. Does nothing while a tick, a blocking scan, a slave id move, a
+    /// bootloader jump or the flashing program is running, or while polling is muted.
     void onTimerStateLoopTimeout();
 
     /// The flashing program has ended, with whatever result: polling continues, with a scan if one
@@ -146,6 +147,7 @@ private:
         Timeout = 3        ///< A gripper stopped answering; the link was closed.
     };
 
+    bool isInBootloaderWithoutAnswer(const Gripper &gripper);
     void jumpPendingToBootloader();
     void runStep();
     void discoverTick();

@@ -35,6 +35,8 @@ bool GripperList::hasStBootloader(const Gripper &gripper) const
 
 bool GripperList::isDeviceInBootloaderMode(const Gripper &gripper)
 {
+    // The link may have been closed under a request whose answer is still to come.
+    m_modbus.waitUntilQuiet();
     return gripper->detectBootloader(hasStBootloader(gripper) ? QSerialPort::Baud19200
                                                               : QSerialPort::Baud115200,
                                      detectionRetries);
@@ -45,13 +47,29 @@ bool GripperList::jumpToBootloader(const Gripper &gripper)
     if (m_upgradeService.isUpgrading())
         return false;
     const QScopedValueRollback<bool> running(m_jumpRunning, true);
+    // Inside the wait of another operation the flag stays set for that one.
+    const QScopedValueRollback<bool> busy(m_busy, true);
     if (isDeviceInBootloaderMode(gripper))
         return true;
-    const bool isInBootloader = hasStBootloader(gripper)
-                                    ? gripper->jumpToStBootloader(jumpTimeoutMs)
-                                    : gripper->jumpToTavrinBootloader(jumpTimeoutMs);
+    bool isInBootloader = hasStBootloader(gripper) ? gripper->jumpToStBootloader(jumpTimeoutMs)
+                                                   : gripper->jumpToTavrinBootloader(jumpTimeoutMs);
+    // The link is open only when no answer to the reset came, or a damaged one. The gripper may
+    // have obeyed all the same.
+    if (!isInBootloader && m_modbus.isConnected())
+        isInBootloader = isInBootloaderWithoutAnswer(gripper);
     setMuted(true);
     return isInBootloader;
+}
+
+/// A link that leads to no bootloader is open again afterwards, at its own rate: once unmuted,
+/// polling continues on it.
+bool GripperList::isInBootloaderWithoutAnswer(const Gripper &gripper)
+{
+    m_modbus.disconnectFromDevice();
+    if (isDeviceInBootloaderMode(gripper))
+        return true;
+    m_modbus.connectToDevice();
+    return false;
 }
 
 bool GripperList::upgradeFirmware(const Gripper &gripper)
