@@ -178,6 +178,7 @@ void ClientSocket::giveUp()
 {
     m_inputEnded = true;
     endOutput();
+    updateInterests();
     reportEndIfOver();
 }
 
