@@ -75,7 +75,7 @@ function(gripperd_add_library name)
   target_precompile_headers(${name} REUSE_FROM gripperd_precompiled)
 endfunction()
 
-# gripperd_add_program(NAME SOURCES... [DEPENDS targets...]): a program that users run.
+# gripperd_add_program(NAME SOURCES... [DEPENDS targets...]): a program that users, or tests, run.
 function(gripperd_add_program name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "DEPENDS")
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})

@@ -133,6 +133,7 @@ private slots:
     void slaveIdIsTheLowByte();
     void productCodeDecides_data();
     void productCodeDecides();
+    void gripperInErrorIsNotValid();
     void closedLinkIsNeverAsked();
     void everyFailureEndsWithInitilizationError_data();
     void everyFailureEndsWithInitilizationError();
@@ -147,6 +148,7 @@ private slots:
     void firstPollComesAfterLateIdentityAnswers();
     void absentGripperIsGivenUpAtOnce();
     void firstPollSeedsTheOutputImage();
+    void initOutputKeepsTheRequestsThatNoEchoShows();
     void freshGripperWritesOnItsFirstPoll();
 
     // Input image
@@ -286,12 +288,20 @@ void tst_KvPelloGripper::firstRequestComesAfterTheRateHasSettled()
 
 void tst_KvPelloGripper::eventsAreHandledDuringConstruction()
 {
-    int ticks = 0;
-    QTimer timer;
-    connect(&timer, &QTimer::timeout, this, [&] { ++ticks; });
-    timer.start(10);
+    // The first pause lasts 200 ms. Timers fire in the order in which they are due, so all of these
+    // fire inside the pause on the slowest machine, too.
+    QList<int> fired;
+    QList<int> due;
+    QObject context;
+    for (int ms = 0; ms < 200; ms += 20) {
+        due.append(ms);
+        QTimer::singleShot(ms, Qt::PreciseTimer, &context, [&fired, ms] { fired.append(ms); });
+    }
+    QList<QList<int>> firedBeforeRequest;
+    m_master->setOnRequest([&] { firedBeforeRequest.append(fired); });
     const KvPelloGripper gripper(*m_master, slave);
-    QVERIFY2(ticks >= 5, qPrintable(QString::number(ticks)));
+    QCOMPARE(firedBeforeRequest.value(0), QList<int>()); // the rate
+    QCOMPARE(firedBeforeRequest.value(1), due);          // the first read
 }
 
 void tst_KvPelloGripper::slaveIdIsTheLowByte()
@@ -330,6 +340,18 @@ void tst_KvPelloGripper::productCodeDecides()
     const QStringList requests = m_master->takeRequests();
     QCOMPARE(requests.contains(QStringLiteral("read 9 514 1")), accepted);
     QCOMPARE(requests.contains(QStringLiteral("read 9 2000 3")), accepted);
+}
+
+void tst_KvPelloGripper::gripperInErrorIsNotValid()
+{
+    const auto gripper = makeGripper();
+    QVERIFY(gripper->isValidDevice());
+    // The gripper's version is known, so no read clears the error.
+    gripper->setError(KvDeviceBase::CommunicationError);
+    QVERIFY(!gripper->isValidDevice());
+    gripper->clearError();
+    QVERIFY(gripper->isValidDevice());
+    QCOMPARE(m_master->takeRequests(), QStringList());
 }
 
 void tst_KvPelloGripper::closedLinkIsNeverAsked()
@@ -501,6 +523,20 @@ void tst_KvPelloGripper::firstPollSeedsTheOutputImage()
     QCOMPARE(gripper->getGoToRequest(), quint8{1});
     QCOMPARE(gripper->getPositionRequest(), quint8{0xAB});
     QCOMPARE(gripper->getActivateRequest(), quint8{0});
+}
+
+void tst_KvPelloGripper::initOutputKeepsTheRequestsThatNoEchoShows()
+{
+    const auto gripper = makeGripper();
+    for (const OutputFlag &flag : outputFlags)
+        (*gripper.*flag.set)();
+    for (const OutputByte &byte : outputBytes)
+        (*gripper.*byte.set)(0xFF);
+    QVERIFY(gripper->initOutput());
+    QCOMPARE(written(*gripper), outputWrite(0x32F0, 0xFF00, 0xFFFF)); // go-to and position follow
+    m_master->setRegisters(slave, inputAddress, {0x0900, 0x00AB, 0});
+    QVERIFY(gripper->initOutput());
+    QCOMPARE(written(*gripper), outputWrite(0x3BF0, 0xFFAB, 0xFFFF));
 }
 
 void tst_KvPelloGripper::freshGripperWritesOnItsFirstPoll()
