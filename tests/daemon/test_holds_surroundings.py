@@ -1,5 +1,8 @@
-"""Signals and limits that the daemon inherits from the program that starts it."""
+"""Signals and limits that the daemon inherits, and a process id that it shares with the one before."""
 
+import contextlib
+import os
+import pathlib
 import resource
 import signal
 import subprocess
@@ -10,10 +13,12 @@ from harness.daemon import QUIT_LIMIT
 from harness.line import Line, Slave
 from harness.ports import ENVIRONMENT, FakePorts
 from harness.simulator import Simulator
+from harness.upgrades import children_of, is_alive
 from harness.waiting import eventually
 
 QUIT_SIGNALS = [signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGTERM]
 ALL_SIGNALS = signal.valid_signals()
+LOCK = pathlib.Path("/run/lock/LCK..ttyTool")
 
 
 def ignore_ended_children():
@@ -111,3 +116,36 @@ def test_a_log_file_at_its_size_limit_does_not_end_the_daemon(tmp_path, line, co
     finally:
         process.kill()
         process.wait()
+
+
+@contextlib.contextmanager
+def daemon_in_a_container(folder, *options, log=subprocess.DEVNULL):
+    """The first process of process ids of its own; gives its id outside of them."""
+    container = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc", *options]
+    outside = spawn([*container, binary("gripperd")], cwd=folder, stderr=log)
+    try:
+        yield eventually(lambda: children_of(outside.pid), what="the first process")[0]
+    finally:
+        outside.kill()
+        outside.wait()
+
+
+def test_the_lock_of_a_killed_daemon_with_the_same_process_id_is_removed(tmp_path, line):
+    with daemon_in_a_container(tmp_path) as pid:
+        line.wait_until_polled(9, timeout=10)
+        os.kill(pid, signal.SIGKILL)
+        eventually(lambda: not is_alive(pid))
+    assert LOCK.read_text(encoding="ascii").startswith("1\n")
+    with daemon_in_a_container(tmp_path):
+        line.wait_until_polled(9, timeout=10)
+
+
+def test_the_lock_of_a_running_daemon_with_the_same_process_id_stays(tmp_path, line):
+    with daemon_in_a_container(tmp_path), open(tmp_path / "log", "wb") as log:
+        line.wait_until_polled(9, timeout=10)
+        lock = LOCK.stat()
+        with daemon_in_a_container(tmp_path, "--net", log=log):
+            # It has tried the port between two of these.
+            eventually(lambda: (tmp_path / "log").read_text().count("availablePorts") == 2)
+        assert os.path.samestat(LOCK.stat(), lock)
+        assert "Connected" not in (tmp_path / "log").read_text()
