@@ -319,7 +319,7 @@ void tst_LogHandler::longLineThatNobodyReadsCostsNoTimeAndIsCompletedLater()
     clock.start();
     myMessageOutput(QtInfoMsg, QMessageLogContext(), message);
     for (int i = 0; i < 1'000; ++i)
-        myMessageOutput(QtInfoMsg, QMessageLogContext(), message);
+        myMessageOutput(QtInfoMsg, QMessageLogContext(), i < 10 ? message : QStringLiteral("lost"));
     QVERIFY2(clock.elapsed() < 5'000, qPrintable(QString::number(clock.elapsed())));
 
     QByteArray read = log.takeAll();
