@@ -292,8 +292,9 @@ void Server::decodeSetVariables(ClientSocket *socket, const Request &match, cons
             break;
         }
         hasWaited = hasWaited || variable->mayWait;
-        reply =
-            variable->apply({gripperList, gripper, selectedSlaveId, pair.value}).value_or(reply);
+        // A scan may have replaced the object that the batch began with.
+        const Gripper latest = gripper ? gripperList.latest(gripper) : gripper;
+        reply = variable->apply({gripperList, latest, selectedSlaveId, pair.value}).value_or(reply);
     }
     write(socket, reply);
 }

@@ -151,6 +151,11 @@ void tst_GripperList::init()
     m_list->openLink(m_line->path());
     m_list->m_modbus.setConstraints(ModbusConstraints(patientTimeoutMs, 10, 2));
     m_list->m_grippers = m_found;
+    // What an access that failed has left.
+    for (const auto &gripper : qAsConst(m_found)) {
+        while (gripper->isNewOutput())
+            QVERIFY(gripper->updateOutput());
+    }
     m_list->m_linkStatus = LinkStatus::Running;
     m_list->m_scanRequested = false;
     m_list->m_muted = false;

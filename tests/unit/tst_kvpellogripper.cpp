@@ -7,6 +7,7 @@
 #include <QTest>
 #include <QTimer>
 
+#include <functional>
 #include <memory>
 
 namespace {
@@ -116,6 +117,8 @@ QString outputWrite(quint16 action, quint16 position = 0, quint16 motion = 0)
 
 } // namespace
 
+Q_DECLARE_METATYPE(std::function<void(KvPelloGripper &)>)
+
 class tst_KvPelloGripper : public QObject
 {
     Q_OBJECT
@@ -166,6 +169,9 @@ private slots:
     void unusedOutputBitsStayZero();
     void onlyAChangeMarksNewOutput();
     void sentImageIsNoLongerNewEvenWhenTheWriteFails();
+    void outputChangedBetweenTheAttemptsIsWrittenOnceMore_data();
+    void outputChangedBetweenTheAttemptsIsWrittenOnceMore();
+    void outputRepeatedUnchangedIsNotWrittenOnceMore();
     void gettersAndSettersNeverTouchTheBus();
 
     // Activation
@@ -177,6 +183,15 @@ private slots:
     void clearedActivationWithdrawsAPendingOne();
     void failedActivationWriteGoesOnWhereItWas();
     void pollAloneDoesNotChangeTheActivationSent();
+
+    // Replacement by a scan
+    void unsentFieldIsTakenOver_data();
+    void unsentFieldIsTakenOver();
+    void sentFieldIsNotTakenOver();
+    void fieldSetDuringTheWriteIsTakenOver();
+    void fieldSetToItsOldValueIsTakenOverOnceAReplacementIsExpected();
+    void activationThatIsNotCarriedOutIsTakenOver_data();
+    void activationThatIsNotCarriedOutIsTakenOver();
 
     // Maintenance
     void countersAreLowWordFirst();
@@ -736,6 +751,46 @@ void tst_KvPelloGripper::sentImageIsNoLongerNewEvenWhenTheWriteFails()
     QCOMPARE(written(*gripper), outputWrite(0, 120, 0x0100));
 }
 
+void tst_KvPelloGripper::outputChangedBetweenTheAttemptsIsWrittenOnceMore_data()
+{
+    QTest::addColumn<QVector<quint8>>("positions"); // one before each attempt
+    QTest::newRow("two attempts") << QVector<quint8>{1, 2};
+    QTest::newRow("changed at the second of three") << QVector<quint8>{1, 2, 2};
+    QTest::newRow("changed back") << QVector<quint8>{1, 2, 1};
+}
+
+// The acknowledgement may be that of the first attempt, which comes late.
+void tst_KvPelloGripper::outputChangedBetweenTheAttemptsIsWrittenOnceMore()
+{
+    QFETCH(QVector<quint8>, positions);
+    const auto gripper = makeGripper();
+    written(*gripper);
+    m_master->refuseWrites(outputAddress, KvModbusAbstract::TimeoutError);
+    const quint8 last = positions.takeLast();
+    for (const quint8 position : qAsConst(positions)) {
+        gripper->setPositionRequest(position);
+        QVERIFY(!gripper->updateOutput());
+    }
+    m_master->acknowledgeWrites(outputAddress);
+    gripper->setPositionRequest(last);
+    QCOMPARE(written(*gripper), outputWrite(0, last));
+    QVERIFY(gripper->isNewOutput());
+    QCOMPARE(written(*gripper), outputWrite(0, last));
+    QVERIFY(!gripper->isNewOutput());
+}
+
+void tst_KvPelloGripper::outputRepeatedUnchangedIsNotWrittenOnceMore()
+{
+    const auto gripper = makeGripper();
+    written(*gripper);
+    gripper->setPositionRequest(1);
+    m_master->refuseWrites(outputAddress, KvModbusAbstract::TimeoutError);
+    QVERIFY(!gripper->updateOutput());
+    m_master->acknowledgeWrites(outputAddress);
+    QCOMPARE(written(*gripper), outputWrite(0, 1));
+    QVERIFY(!gripper->isNewOutput());
+}
+
 void tst_KvPelloGripper::gettersAndSettersNeverTouchTheBus()
 {
     const auto gripper = makeGripper();
@@ -862,6 +917,120 @@ void tst_KvPelloGripper::pollAloneDoesNotChangeTheActivationSent()
     poll(*gripper, {0x0000, 0x0000, 0});
     QVERIFY(!gripper->isNewOutput());
     QCOMPARE(written(*gripper), outputWrite(0x0900, 0x0040));
+}
+
+void tst_KvPelloGripper::unsentFieldIsTakenOver_data()
+{
+    QTest::addColumn<int>("index");
+    for (int i = 0; i < outputFlags.size(); ++i)
+        QTest::newRow(outputFlags[i].name) << i;
+    for (int i = 0; i < outputBytes.size(); ++i)
+        QTest::newRow(outputBytes[i].name) << outputFlags.size() + i;
+}
+
+void tst_KvPelloGripper::unsentFieldIsTakenOver()
+{
+    QFETCH(int, index);
+    const auto old = makeGripper();
+    written(*old);
+    if (index < outputFlags.size())
+        (*old.*outputFlags[index].set)();
+    else
+        (*old.*outputBytes[index - outputFlags.size()].set)(77);
+    const auto fresh = makeGripper();
+    fresh->takeOverUnsent(*old);
+    QVERIFY(fresh->isNewOutput());
+    QCOMPARE(written(*fresh), written(*old));
+    QVERIFY(written(*fresh) != outputWrite(0));
+    // Nothing is left to take over: the device has it.
+    const auto next = makeGripper();
+    next->takeOverUnsent(*fresh);
+    QCOMPARE(written(*next), outputWrite(0));
+}
+
+void tst_KvPelloGripper::sentFieldIsNotTakenOver()
+{
+    const auto old = makeGripper();
+    old->setSpeedRequest(1);
+    written(*old);
+    old->setSpeedRequest(1);
+    old->setForceRequest(2);
+    const auto fresh = makeGripper();
+    fresh->takeOverUnsent(*old);
+    QCOMPARE(written(*fresh), outputWrite(0, 0, 2));
+}
+
+void tst_KvPelloGripper::fieldSetDuringTheWriteIsTakenOver()
+{
+    const auto old = makeGripper();
+    old->setSpeedRequest(1);
+    m_master->setOnRequest([&] { old->setForceRequest(2); });
+    QVERIFY(old->updateOutput());
+    m_master->setOnRequest([] {});
+    const auto fresh = makeGripper();
+    fresh->takeOverUnsent(*old);
+    QCOMPARE(written(*fresh), outputWrite(0, 0, 2));
+}
+
+void tst_KvPelloGripper::fieldSetToItsOldValueIsTakenOverOnceAReplacementIsExpected()
+{
+    const auto old = makeGripper();
+    written(*old);
+    old->expectReplacement();
+    old->clearGoToRequest();
+    old->setPositionRequest(0);
+    m_master->setRegisters(slave, inputAddress, {0x0900, 0x00AB, 0});
+    const auto fresh = makeGripper();
+    fresh->takeOverUnsent(*old);
+    QCOMPARE(written(*fresh), outputWrite(0x0100, 0));
+}
+
+void tst_KvPelloGripper::activationThatIsNotCarriedOutIsTakenOver_data()
+{
+    using Steps = std::function<void(KvPelloGripper &)>;
+    QTest::addColumn<Steps>("steps");
+    QTest::addColumn<quint16>("statusWord"); // that the new object reads
+    QTest::addColumn<quint16>("action");     // that it writes
+    const auto unanswered = [this](KvPelloGripper &gripper) {
+        m_master->refuseWrites(outputAddress, KvModbusAbstract::TimeoutError);
+        gripper.updateOutput();
+        m_master->acknowledgeWrites(outputAddress);
+    };
+    QTest::newRow("asked for") << Steps([](auto &g) { g.setActivateRequest(); }) << quint16{0x0000}
+                               << quint16{0x0100};
+    QTest::newRow("of an active gripper")
+        << Steps([](auto &g) { g.setActivateRequest(); }) << quint16{0x3100} << quint16{0x0000};
+    QTest::newRow("reset so far") << Steps([this](auto &g) {
+        poll(g, {0x3100, 0, 0});
+        g.setActivateRequest();
+        g.updateOutput();
+    }) << quint16{0x0000} << quint16{0x0100};
+    QTest::newRow("sent, not acknowledged") << Steps([=](auto &g) {
+        poll(g, {0x0000, 0, 0});
+        g.setActivateRequest();
+        unanswered(g);
+    }) << quint16{0x0000} << quint16{0x0100};
+    QTest::newRow("withdrawn") << Steps([](auto &g) { g.clearActivateRequest(); })
+                               << quint16{0x3100} << quint16{0x0000};
+    QTest::newRow("carried out") << Steps([this](auto &g) {
+        poll(g, {0x0000, 0, 0});
+        g.setActivateRequest();
+        g.updateOutput();
+    }) << quint16{0x0000} << quint16{0x0000};
+}
+
+void tst_KvPelloGripper::activationThatIsNotCarriedOutIsTakenOver()
+{
+    QFETCH(std::function<void(KvPelloGripper &)>, steps);
+    QFETCH(quint16, statusWord);
+    QFETCH(quint16, action);
+    const auto old = makeGripper();
+    written(*old);
+    steps(*old);
+    m_master->setRegisters(slave, inputAddress, {statusWord, 0, 0});
+    const auto fresh = makeGripper();
+    fresh->takeOverUnsent(*old);
+    QCOMPARE(written(*fresh), outputWrite(action));
 }
 
 void tst_KvPelloGripper::countersAreLowWordFirst()

@@ -103,6 +103,7 @@ private slots:
     void requestsBehindAScanAreAnsweredAfterIt();
     void newRequestDuringAScanTakesThoseInFrontAlong();
     void scansNest();
+    void pairAfterAScanReachesTheNewGripper();
     void clientMayVanishDuringItsScan_data();
     void clientMayVanishDuringItsScan();
     void otherClientMayVanishDuringAScan();
@@ -139,7 +140,10 @@ private:
     void selectNobody(ClientEnd &client);
     void onNextFrame(const std::function<void()> &action);
     bool isClientless() const;
-    quint8 positionRequest() const { return m_gripper->getPositionRequest(); }
+    // The one in the list now: a scan replaces it.
+    Server::Gripper latestGripper() const { return m_server->gripperList.latest(m_gripper); }
+    quint8 positionRequest() const { return latestGripper()->getPositionRequest(); }
+    quint8 speedRequest() const { return latestGripper()->getSpeedRequest(); }
 
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<SimulatedLine> m_line;
@@ -795,6 +799,18 @@ void tst_Server::scansNest()
     QTRY_COMPARE(other.received(), QByteArray("ack"));
 }
 
+void tst_Server::pairAfterAScanReachesTheNewGripper()
+{
+    ClientEnd &client = connectClient();
+    client.send("SET SCN_BLOCK 1 POS 120\nSET SPE 55\n");
+    QTRY_COMPARE(client.received(), QByteArray("ackack"));
+    const Server::Gripper fresh = m_server->gripperList.getGripperFromSlaveId(9);
+    QVERIFY(fresh != m_gripper);
+    QCOMPARE(fresh->getPositionRequest(), quint8{120});
+    QCOMPARE(fresh->getSpeedRequest(), quint8{55});
+    fresh->setSpeedRequest(0);
+}
+
 void tst_Server::clientMayVanishDuringItsScan_data()
 {
     QTest::addColumn<Departure>("leave");
@@ -846,8 +862,8 @@ void tst_Server::clientsMayVanishDuringNestedScans()
     outer.send("SET SCN_BLOCK\nSET POS 33\n");
     QTRY_COMPARE(positionRequest(), quint8{33});
     QTRY_VERIFY(isClientless());
-    QCOMPARE(m_gripper->getSpeedRequest(), quint8{44});
-    m_gripper->setSpeedRequest(0);
+    QCOMPARE(speedRequest(), quint8{44});
+    latestGripper()->setSpeedRequest(0);
 }
 
 void tst_Server::halfClosedClientGetsTheReplyToItsScan()
@@ -874,10 +890,10 @@ void tst_Server::requestsOfAClientThatClosesAtOnceAreCarriedOut()
         requests += "SET POS 1\n";
     client.send(requests + "SET POS 2\nSET SPE 3\n");
     (client.*leave)();
-    QTRY_COMPARE(m_gripper->getSpeedRequest(), quint8{3});
+    QTRY_COMPARE(speedRequest(), quint8{3});
     QCOMPARE(positionRequest(), quint8{2});
     QTRY_VERIFY(isClientless());
-    m_gripper->setSpeedRequest(0);
+    latestGripper()->setSpeedRequest(0);
 }
 
 void tst_Server::endBehindAFullReadIsNoEarlierThanItsRequests_data()
@@ -900,9 +916,9 @@ void tst_Server::endBehindAFullReadIsNoEarlierThanItsRequests()
     const QByteArray requests("SET SCN_BLOCK\nSET SPE 3\n");
     client.send(requests + QByteArray(16 * 1024 + beyond - requests.size(), 'x'));
     (client.*leave)();
-    QTRY_COMPARE(m_gripper->getSpeedRequest(), quint8{3});
+    QTRY_COMPARE(speedRequest(), quint8{3});
     QTRY_VERIFY(isClientless());
-    m_gripper->setSpeedRequest(0);
+    latestGripper()->setSpeedRequest(0);
 }
 
 void tst_Server::endBehindAFullReadCostsNoReplies_data()
@@ -1058,7 +1074,7 @@ void tst_Server::postponedRequestsAreCarriedOutInTheOrderOfTheirComing()
         QCOMPARE(newcomer.received(), QByteArray());
     }
     QTRY_COMPARE(newcomer.received(), QByteArray("nak"));
-    m_gripper->setSpeedRequest(0);
+    latestGripper()->setSpeedRequest(0);
 }
 
 void tst_Server::clientMayVanishWhileItsRequestWaitsItsTurn_data()
