@@ -11,6 +11,7 @@ namespace {
 constexpr int baudRateSettleMs = 200;
 constexpr int identityPauseMs = 50;
 constexpr int identityAttempts = 6;
+constexpr int surplusAnswersMs = 100;
 constexpr int speedLimitPauseMs = 50;
 constexpr int settingsStoredPauseMs = 2500;
 constexpr int beforeRestartPauseMs = 400;
@@ -61,7 +62,12 @@ bool KvPelloGripper::identify()
     readUntilKnown([this] { return !getFirmwareVersion().isEmpty(); });
     readUntilKnown([this] { return getProductionYear() != 0; });
     readUntilKnown([this] { return !getSerialNumber().isEmpty(); });
-    return error() == NoError && attemptsLeft >= 1;
+    if (error() != NoError || attemptsLeft < 1)
+        return false;
+    // A firmware version that arrives twice has the length of the status block that is read next.
+    // The link drops what arrives before that request.
+    qSleepWhileProcessingEvents(surplusAnswersMs);
+    return true;
 }
 
 bool KvPelloGripper::isValidDevice()
@@ -77,7 +83,8 @@ bool KvPelloGripper::updateInput()
 {
     const QVector<quint16> words =
         modbusReadRegisters(RegisterMap::inputAddress, RegisterMap::inputCount);
-    if (words.size() < RegisterMap::inputCount)
+    // An even later copy of the firmware version is no status block either.
+    if (words.size() < RegisterMap::inputCount || isFirmwareVersion(words))
         return false;
     decodeInput(words);
     return updateCycleNumber() && updateNumberOfSecondsPumpIsOn() &&

@@ -18,7 +18,7 @@ public:
     static constexpr qint32 __baudRate = 115200;
 
     /// Sets the link to 115200 baud, identifies the device and seeds the output image from it;
-    /// pumps events for 200 ms and more. Check error()
+    /// pumps events for 200 ms and more, for 300 ms and more when the device answers. Check error()
     /// afterwards: an object that ends with any other than NoError is not used. A failure always
     /// ends with InitilizationError; what led to it is told by errorOccurred().
     KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObject *parent = nullptr);
@@ -27,8 +27,8 @@ public:
     /// Whether the firmware version starts with the code of a known product family.
     bool isValidDevice() override;
 
-    /// Reads the input block and the three counters. False when any of these reads failed; the
-    /// image then keeps what was not read.
+    /// Reads the input block and the three counters. False when any of these reads failed or when
+    /// the input block is the firmware version; the image then keeps what was not read.
     bool updateInput();
 
     /// Reads the input block and takes activation, go-to and position request over into the output

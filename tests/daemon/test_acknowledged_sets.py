@@ -1,9 +1,14 @@
-"""Acknowledged values reach the gripper, past late answers and scans."""
+"""Acknowledged values reach the gripper, past late answers, scans and doubled answers."""
 
 import pytest
+from harness import modbus
+from harness.line import Line, Slave
 from harness.waiting import eventually
 
 GO_TO = 0x0800
+# An active gripper that holds a part at 120: every bit that its status and its output share.
+HOLDING_STATUS = [0x7900, 0x0078, 0x6400]
+HOLDING_OUTPUT = [0x0900, 0x0078]
 
 
 def is_write(request):
@@ -110,3 +115,50 @@ def test_a_batch_that_another_clients_scan_interrupts_reaches_the_gripper(found,
     assert client.receive(6) == b"ackack"
     assert scanning.receive(3) == b"ack"
     eventually(lambda: output(line) == [0, 120, 50 << 8], 3.0, lambda: output(line))
+
+
+def holding_line():
+    line = Line(Slave(9))
+    line[9].put(2000, *HOLDING_STATUS)
+    return line
+
+
+def version_answer(line):
+    return modbus.read_answer(9, line[9].get(500, 3))
+
+
+def assert_only_the_held_values_are_written(line):
+    line.wait_for(is_write, 1)
+    line.wait_until_polled(9, 2)
+    assert {tuple(r.values[:2]) for r in line.since(0, is_write)} == {tuple(HOLDING_OUTPUT)}
+
+
+@pytest.mark.parametrize("delay", [0.032, 0.036])
+def test_a_version_that_arrives_twice_is_no_status(start_daemon, delay):
+    with holding_line() as line:
+
+        def twice(request):
+            if request.is_read(500):
+                return [(0.0, version_answer(line)), (delay, version_answer(line))]
+            # Long enough for the second copy to arrive in the wait for this one.
+            status = modbus.read_answer(9, HOLDING_STATUS)
+            return [(0.02, status)] if request.is_read(2000) else None
+
+        line[9].script = twice
+        start_daemon()
+        assert_only_the_held_values_are_written(line)
+        # One probe: the gripper was found all the same.
+        assert len([r for r in line.since(0) if r.slave == 9 and r.is_read(500)]) == 1
+
+
+def test_a_version_that_arrives_in_place_of_the_status_is_not_believed(start_daemon):
+    with holding_line() as line:
+
+        def once_in_its_place(request):
+            if not request.is_read(2000) or line.since(0, lambda r: r.is_read(2000)):
+                return None
+            return [(0.0, version_answer(line)), (0.015, modbus.read_answer(9, HOLDING_STATUS))]
+
+        line[9].script = once_in_its_place
+        start_daemon()
+        assert_only_the_held_values_are_written(line)

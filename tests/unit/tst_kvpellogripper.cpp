@@ -144,6 +144,8 @@ private slots:
     void yearIsAskedAgainAfterAPause();
     void failedFirstPollRejectsTheGripper_data();
     void failedFirstPollRejectsTheGripper();
+    void firstPollComesAfterLateIdentityAnswers();
+    void absentGripperIsGivenUpAtOnce();
     void firstPollSeedsTheOutputImage();
     void freshGripperWritesOnItsFirstPoll();
 
@@ -360,6 +362,8 @@ void tst_KvPelloGripper::everyFailureEndsWithInitilizationError_data()
                              << QList<Error>{none, silent, failed};
     QTest::newRow("no status") << true << known << Words{2024} << Words{}
                                << QList<Error>{none, none, none, silent, failed};
+    QTest::newRow("version once more")
+        << true << known << Words{2024} << known << QList<Error>{none, none, none, none, failed};
     QTest::newRow("no failure") << true << known << Words{2024} << Words{0, 0, 0}
                                 << QList<Error>{none, none, none, none};
 }
@@ -461,6 +465,27 @@ void tst_KvPelloGripper::failedFirstPollRejectsTheGripper()
     m_master->setRegisters(slave, address, {1});
     const KvPelloGripper gripper(*m_master, slave);
     QCOMPARE(gripper.error(), KvDeviceBase::InitilizationError);
+}
+
+void tst_KvPelloGripper::firstPollComesAfterLateIdentityAnswers()
+{
+    QElapsedTimer clock;
+    QList<qint64> times;
+    m_master->setOnRequest([&] { times.append(clock.elapsed()); });
+    clock.start();
+    const KvPelloGripper gripper(*m_master, slave);
+    // After the rate, the version, the year and the serial number.
+    QVERIFY(times.size() > 4);
+    QVERIFY2(times[4] - times[3] >= 96, qPrintable(QString::number(times[4] - times[3])));
+}
+
+void tst_KvPelloGripper::absentGripperIsGivenUpAtOnce()
+{
+    QElapsedTimer clock;
+    m_master->setRegisters(slave, versionAddress, {});
+    m_master->setOnRequest([&] { clock.start(); });
+    const KvPelloGripper gripper(*m_master, slave);
+    QVERIFY2(clock.elapsed() < 80, qPrintable(QString::number(clock.elapsed())));
 }
 
 void tst_KvPelloGripper::firstPollSeedsTheOutputImage()
