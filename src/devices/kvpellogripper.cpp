@@ -225,7 +225,10 @@ bool KvPelloGripper::updateCounter(quint16 address, quint32 &counter)
         modbus().readRegisters(getSlaveId(), address, RegisterMap::counterCount);
     if (words.size() < RegisterMap::counterCount)
         return false;
-    counter = doubleWord(words);
+    // The answers of the three counters have the same length. Of two that arrive together the first
+    // one may be that of another counter; the old value stays until the next visit.
+    if (!modbus().isAnswerAmbiguous())
+        counter = doubleWord(words);
     return true;
 }
 

@@ -109,7 +109,8 @@ public:
     quint32 getNumberOfPumpActivations() const { return m_numberOfPumpActivations; }
 
     /// Each reads one counter into its cache; false, and the cache as it was, when the read fails.
-    /// Leaves the device error alone.
+    /// An answer that may be that to another counter leaves the cache as it was, too. Leaves the
+    /// device error alone.
     bool updateCycleNumber();
     bool updateNumberOfSecondsPumpIsOn();
     bool updateNumberOfPumpActivations();

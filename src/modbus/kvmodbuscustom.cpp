@@ -165,7 +165,9 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
         answer = m_serialPort.readAll();
     if (answer.size() < answerLength || !answer.startsWith(request.left(2)))
         return TimeoutError;
+    const QByteArray next = answer.mid(answerLength, answerLength);
     answer.truncate(answerLength);
+    setAnswerAmbiguous(next.size() == answerLength && next != answer);
     return verifyCRC(answer) ? NoError : BadCrcError;
 }
 

@@ -108,6 +108,8 @@ private slots:
     void writeIsAcknowledged();
     void acceptedAnswers_data();
     void acceptedAnswers();
+    void otherAnswerAfterItMakesAnAnswerAmbiguous_data();
+    void otherAnswerAfterItMakesAnAnswerAmbiguous();
     void rejectedAnswers_data();
     void rejectedAnswers();
     void answerInPiecesIsPutTogether();
@@ -449,6 +451,28 @@ void tst_KvModbusCustom::acceptedAnswers()
     QFETCH(QByteArray, answer);
     QCOMPARE(accessAnsweredBy(answer, isRead), Words{isRead ? quint16{0x07E8} : quint16{1}});
     QCOMPARE(m_master->error(), KvModbusAbstract::NoError);
+}
+
+void tst_KvModbusCustom::otherAnswerAfterItMakesAnAnswerAmbiguous_data()
+{
+    QTest::addColumn<QByteArray>("rest");
+    QTest::addColumn<bool>("isAmbiguous");
+    const QByteArray other = hex("09030200005985");
+    QTest::newRow("nothing") << QByteArray() << false;
+    QTest::newRow("a byte") << QByteArray(1, '\0') << false;
+    QTest::newRow("most of an answer") << other.chopped(1) << false;
+    QTest::newRow("the same answer") << oneRegister << false;
+    QTest::newRow("another answer") << other << true;
+}
+
+void tst_KvModbusCustom::otherAnswerAfterItMakesAnAnswerAmbiguous()
+{
+    QFETCH(QByteArray, rest);
+    QFETCH(bool, isAmbiguous);
+    QCOMPARE(accessAnsweredBy(oneRegister + rest, true), Words{0x07E8});
+    QCOMPARE(m_master->isAnswerAmbiguous(), isAmbiguous);
+    QCOMPARE(accessAnsweredBy(oneRegister, true), Words{0x07E8});
+    QVERIFY(!m_master->isAnswerAmbiguous());
 }
 
 void tst_KvModbusCustom::rejectedAnswers_data()

@@ -161,6 +161,7 @@ private slots:
     void longPollIsDecodedFromItsFirstWords();
     void failedCounterKeepsItsValueAndEndsThePoll_data();
     void failedCounterKeepsItsValueAndEndsThePoll();
+    void counterOfAnAmbiguousAnswerKeepsItsValue();
     void countersLeaveTheDeviceErrorAlone();
 
     // Output image
@@ -663,6 +664,20 @@ void tst_KvPelloGripper::failedCounterKeepsItsValueAndEndsThePoll()
              counters);
     QCOMPARE(gripper->getPosition(), quint8{123}); // the status had been read
     QVERIFY(m_master->takeRequests().last().startsWith(QStringLiteral("read 9 %1 ").arg(address)));
+}
+
+void tst_KvPelloGripper::counterOfAnAmbiguousAnswerKeepsItsValue()
+{
+    const auto gripper = makeGripper();
+    m_master->setRegisters(slave, cyclesAddress, {7, 0});
+    QVERIFY(gripper->updateInput());
+    m_master->setRegisters(slave, cyclesAddress, {8, 0});
+    m_master->setAnswerAmbiguous(true);
+    QVERIFY(gripper->updateInput());
+    QCOMPARE(gripper->getNumberOfCycles(), 7U);
+    m_master->setAnswerAmbiguous(false);
+    QVERIFY(gripper->updateInput());
+    QCOMPARE(gripper->getNumberOfCycles(), 8U);
 }
 
 void tst_KvPelloGripper::countersLeaveTheDeviceErrorAlone()
