@@ -11,7 +11,7 @@ from harness.children import spawn
 from harness.effort import effort
 
 ISOLATED = pathlib.Path(__file__).parents[2] / "scripts" / "isolated"
-SIDE_BY_SIDE = 6
+SIDE_BY_SIDE = effort(6, 12)
 LATENCIES_MS = [0, 4, 8, 15, 22, 30]
 
 
@@ -32,8 +32,8 @@ def lines():
         for line in (
             (latency, 1, several),
             (latency, 4, several),
-            (latency, 1, {"NID": 18}),
-            (latency, 3, {"NID": 18}),
+            (latency, 1, {"NID": 84}),
+            (latency, 3, {"NID": 84}),
         )
     ]
 
