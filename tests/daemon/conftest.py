@@ -150,3 +150,18 @@ def line():
 def found(line, start_daemon):
     """A daemon that has found the gripper of `line`."""
     return start_daemon().wait_until_found(9)
+
+
+@pytest.fixture(scope="module")
+def module_line():
+    """As `line`, for all tests of a file; every test leaves it as it was."""
+    with Line(Slave(9)) as plugged:
+        yield plugged
+
+
+@pytest.fixture(scope="module")
+def module_found(module_line, start_module_daemon):
+    """As `found`, for all tests of a file. The daemon has done its first write."""
+    daemon = start_module_daemon().wait_until_found(9)
+    module_line.wait_for(lambda r: r.is_write(1000))
+    return daemon

@@ -1,11 +1,9 @@
 """Grippers sent into their bootloaders: what is written, what is looked for, what is told."""
 
-import signal
 import time
 
 import pytest
 from harness.benches import Bench, benches
-from harness.daemon import QUIT_LIMIT
 from harness.upgrades import polls_nothing
 from harness.waiting import eventually
 
@@ -172,18 +170,6 @@ def test_a_jump_whose_answer_is_lost_is_acknowledged(make_bench, fault):
     bench.line.tell("restart 9")
     assert bench.client.set("MUTE 0") == "ack"
     bench.line.wait_until_polled(9, 2)
-
-
-@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=["TERM", "INT"])
-def test_a_quit_signal_during_detection_ends_the_daemon(make_bench, number):
-    bench = make_bench()
-    bench.line.tell("fault 9 silentBootloader always")
-    foreign_mark = len(bench.line.foreign)
-    bench.client.send("SET BLD 1\n")
-    eventually(lambda: len(bench.line.foreign) > foreign_mark + 2)
-    status, seconds = bench.daemon.stop(number)
-    assert status == 0
-    assert seconds < QUIT_LIMIT
 
 
 def test_replies_of_other_clients_are_sent_before_detection_blocks(make_bench):

@@ -14,10 +14,6 @@ def is_probe(request):
     return request.is_read(500)
 
 
-def probes(line, since=0):
-    return [r.slave for r in line.since(since, is_probe)]
-
-
 def test_probes_9_2_3_4_in_this_order_and_no_other(start_daemon):
     slaves = [Slave(slave_id) for slave_id in (1, 5, 6, 7, 8)]
     with Line(*slaves) as line:

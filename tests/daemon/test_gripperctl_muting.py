@@ -62,12 +62,7 @@ def test_rename_that_loses_its_connection_unmutes():
 
 
 def test_rename_looks_for_those_that_have_come_since_the_last_scan():
-    def answer(request):
-        if request == "SET SCN_BLOCK":
-            daemon.values["SID"] = "[2, 9]"
-        return daemon.usual(request)
-
-    with ScriptedDaemon(answer) as daemon:
+    with ScriptedDaemon(changes={"SET SCN_BLOCK": {"SID": "[2, 9]"}}) as daemon:
         text = badly(gripperctl.REFUSED, "--host", daemon.host, "rename", "9", "2")
         assert "id 2 is in use" in text
         assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "MUTE 0"]
@@ -105,13 +100,7 @@ def test_upgrade_interrupted_waits_for_the_answer_and_unmutes():
 
 
 def test_upgrade_interrupted_during_flashing_leaves_the_line_to_the_flasher():
-    def answer(request):
-        reply = daemon.usual(request)
-        if request == "SET UPG 1":
-            daemon.values["UPG"] = "1"
-        return reply
-
-    with ScriptedDaemon(answer) as daemon:
+    with ScriptedDaemon(changes={"SET UPG 1": {"UPG": "1"}}) as daemon:
         process = start_ctl("--host", daemon.host, "upgrade", "--yes")
         daemon.wait_for("SET UPG 1")
         process.stderr.readline()
@@ -144,10 +133,7 @@ def test_a_second_interruption_ends_at_once():
 
 
 def test_a_jump_that_is_refused_is_unmuted():
-    def answer(request):
-        return b"nak" if request == "SET UPG 1" else daemon.usual(request)
-
-    with ScriptedDaemon(answer) as daemon:
+    with ScriptedDaemon(refused=["SET UPG 1"]) as daemon:
         text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
         assert "Polling goes on, and gripper 9 runs firmware TA3-1.0.0" in text
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0", "SCN_BLOCK", "SID 9"]
@@ -155,11 +141,9 @@ def test_a_jump_that_is_refused_is_unmuted():
 
 def test_a_failed_upgrade_is_told_although_the_scan_behind_it_is_interrupted():
     def answer(request):
-        if request == "SET SCN_BLOCK":
-            return None
-        return b"nak" if request == "SET UPG 1" else daemon.usual(request)
+        return None if request == "SET SCN_BLOCK" else daemon.usual(request)
 
-    with ScriptedDaemon(answer) as daemon:
+    with ScriptedDaemon(answer, refused=["SET UPG 1"]) as daemon:
         process = start_ctl("--host", daemon.host, "upgrade", "--yes")
         daemon.wait_for("SET SCN_BLOCK")
         process.send_signal(signal.SIGINT)
@@ -177,13 +161,7 @@ def test_an_upgrade_under_way_keeps_others_from_the_line():
 
 
 def test_an_upgrade_that_another_client_was_first_with_keeps_the_line():
-    def answer(request):
-        if request == "SET UPG 1":
-            daemon.values["UPG"] = "1"
-            return b"nak"
-        return daemon.usual(request)
-
-    with ScriptedDaemon(answer) as daemon:
+    with ScriptedDaemon(changes={"SET UPG 1": {"UPG": "1"}}, refused=["SET UPG 1"]) as daemon:
         text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
         assert "an upgrade is under way" in text
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
@@ -264,12 +242,7 @@ def test_a_flasher_that_has_ended_before_it_was_seen_shows_in_the_link():
 
 
 def test_a_flasher_that_has_ended_before_the_first_look_shows_in_the_link():
-    def answer(request):
-        if request == "SET UPG 1":
-            daemon.values["DRI"] = "ERR_SCANNING (EIO)"
-        return daemon.usual(request)
-
-    with ScriptedDaemon(answer) as daemon:
+    with ScriptedDaemon(changes={"SET UPG 1": {"DRI": "ERR_SCANNING (EIO)"}}) as daemon:
         text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
         assert "firmware TA3-1.0.0, as before" in text
 

@@ -2,7 +2,6 @@
 
 import time
 
-from harness.daemon import SANITIZED
 from harness.waiting import eventually
 
 
@@ -58,18 +57,6 @@ def test_the_rest_of_a_packet_is_not_lost_to_a_request_during_the_wait(found, li
     assert client.receive(3) == b"ack"
 
 
-def test_many_scans_of_many_clients_do_not_overflow_the_stack(found, line, connect):
-    clients = [connect() for _ in range(50)]
-    for _ in range(40):
-        for client in clients:
-            client.send("SET SCN_BLOCK\n")
-    other = connect()
-    assert other.get("VER", timeout=20) == "MZV-2.0.0"
-    status, seconds = found.stop()
-    assert status == 0
-    assert seconds < (5.0 if SANITIZED else 1.0)
-
-
 def test_commands_of_a_client_that_closes_at_once_are_carried_out_in_order(found, line, connect):
     line.wait_until_polled(9, 2)
     for round_number in range(20):
@@ -118,22 +105,6 @@ def test_commands_sent_during_its_scan_by_a_client_that_closes_are_carried_out(
     client.send("SET MUTE 0\n")
     client.close()
     line.wait_until_polled(9, 2)
-
-
-def test_a_client_that_vanishes_during_its_scan_leaves_no_trace(found, line, connect):
-    line.wait_until_polled(9)
-    before = found.descriptors()
-    for leave in ("close", "reset", "close", "reset"):
-        mark, log_mark = line.mark(), found.mark()
-        client = connect()
-        client.send("SET SCN_BLOCK\n")
-        line.wait_for(is_probe, 1, mark)
-        getattr(client, leave)()
-        found.wait_until_found(9, since=log_mark)
-        found.wait_for_line("socket->deleteLater", log_mark)
-    eventually(lambda: len(found.descriptors()) == len(before))
-    line.wait_until_polled(9, 2)
-    assert connect().get("SID") == "[9]"
 
 
 def test_a_client_that_vanishes_within_nested_scans_leaves_no_trace(found, line, connect):

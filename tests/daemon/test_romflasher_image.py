@@ -1,7 +1,6 @@
 """The flasher and its image: one that changes during the flash, one that cannot be written."""
 
 import os
-import time
 
 import pytest
 from harness.children import binary, spawn

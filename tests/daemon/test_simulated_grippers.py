@@ -152,25 +152,6 @@ def test_a_fault_that_spoils_nothing_is_no_failure(client, simulator, daemon, co
     assert [m for m in daemon.messages(mark) if "fail counter" in m] == []
 
 
-def test_a_line_that_loses_one_answer_in_five_is_lived_with(client, simulator, daemon):
-    mark = daemon.mark()
-    simulator.tell("fault 9 silent 20% on 604")
-    simulator.wait_until_polled(9, 20)
-    simulator.tell("clear")
-    assert client.get("DRI") == "RUNNING"
-    assert any("fail counter" in m for m in daemon.messages(mark))
-
-
-def test_unplugged_and_plugged_again(client, simulator, daemon):
-    simulator.tell("unplug")
-    eventually(lambda: client.get("DRI") == "ERR_SCANNING (EIO)")
-    eventually(lambda: client.get("SID") == "[]")
-    mark = daemon.mark()
-    simulator.tell("plug")
-    daemon.wait_until_found(9, 2, since=mark)
-    eventually(lambda: client.get("DRI") == "RUNNING")
-
-
 def test_a_gripper_taken_off_the_line_is_dropped_and_found_again(client, simulator, daemon):
     mark = daemon.mark()
     simulator.tell("remove 2")

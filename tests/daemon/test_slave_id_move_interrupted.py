@@ -72,20 +72,6 @@ def test_a_move_within_a_move_ends_both_and_the_gripper_is_found(found, line, co
     assert other.get("SID") == "[3]"
 
 
-@pytest.mark.parametrize("leave", ["close", "reset"])
-def test_a_client_that_vanishes_leaves_the_move_to_its_end(found, line, connect, leave):
-    client = quiet_client(line, connect)
-    before, log_mark = len(found.descriptors()), found.mark()
-    start_move(line, client)
-    getattr(client, leave)()
-    found.wait_for_line(MOVED, log_mark, timeout=10)
-    other = connect()
-    assert other.set("MUTE 0 SID 2") == "ack"
-    line.wait_until_polled(2, 2)
-    assert other.get("SID") == "[2]"
-    assert len(found.descriptors()) == before
-
-
 def test_onto_a_used_id_replaces_the_gripper_there(line, start_daemon, connect):
     line.slaves[2] = Slave(2, "TE1-2.0.2")
     found = start_daemon().wait_until_found(2, 9)

@@ -3,7 +3,6 @@
 import statistics
 import time
 
-import pytest
 from harness.daemon import SANITIZED
 from harness.waiting import eventually
 
@@ -56,22 +55,6 @@ def test_one_visit_takes_four_steps_of_10_ms(found, line):
     # From the first request to the fourth: three steps.
     steps = [requests[i + 3].at - requests[i].at for i in starts]
     assert 0.0295 < statistics.median(steps) < 0.036, steps
-
-
-@pytest.mark.parametrize("value", ["0", "1"])
-def test_throttle_sent_every_20_ms_does_not_starve_the_ticks(found, line, connect, value):
-    client = connect()
-    line.wait_for(lambda r: r.is_write(1000))
-    mark = line.mark()
-    client.socket.settimeout(0.02)
-    sent = 0
-    while sent < 75:
-        client.send(f"SET THROTTLE {value}\n")
-        sent += 1
-        # Paces the sending: nothing else comes within these 20 ms.
-        assert client.receive(3) == b"ack"
-        assert client.receive_until_silent(0.02) == b""
-    assert len(line.since(mark, lambda r: r.is_read(2000))) >= (15 if SANITIZED else 22)
 
 
 def test_a_new_interval_during_a_tick_starts_no_tick_inside_it(found, line, connect):

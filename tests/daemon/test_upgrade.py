@@ -191,18 +191,6 @@ def test_a_daemon_stopped_during_flashing_ends_and_leaves_no_flasher(make_bench,
     assert "unmuteOnUpgradeFinished" not in bench.messages()
 
 
-def test_a_client_that_vanishes_during_its_upgrade_changes_nothing(make_bench, tmp_path):
-    put_flasher(tmp_path, "sleep 0.5")
-    bench = make_bench()
-    bench.client.send("SET UPG 1\n")
-    bench.client.reset()
-    other = bench.connect()
-    eventually(lambda: other.get("UPG") == "1")
-    bench.wait_for_the_unmuting()
-    bench.back_to_firmware()
-    bench.line.wait_until_polled(9, 2)
-
-
 def test_an_upgrade_that_finds_no_bootloader_is_refused_and_starts_no_flasher(
     make_bench, tmp_path
 ):
@@ -214,12 +202,6 @@ def test_an_upgrade_that_finds_no_bootloader_is_refused_and_starts_no_flasher(
     bench.back_to_firmware()
     assert polls_nothing(bench.line, 1.5)
     assert bench.client.get("UPG") == "0"
-
-
-def test_the_last_pair_that_decides_makes_the_reply(make_bench):
-    bench = make_bench()
-    bench.line.tell("fault 9 silentBootloader always")
-    assert bench.client.set("UPG 1 MOD 0", timeout=15) == "ack"
 
 
 def test_the_flasher_has_the_line_for_itself(make_bench, tmp_path):

@@ -9,7 +9,7 @@ from typing import NamedTuple
 import pytest
 from harness.daemon import LOG_LINE, SANITIZED, Daemon
 from harness.effort import effort
-from harness.line import Line, Slave
+
 from harness.syscalls import FailingCall, failing_from_the_start
 from harness.waiting import eventually
 
@@ -92,16 +92,14 @@ def is_answered(client, ends_connections):
     return answer.startswith(b"VER MZV-2.0.0\n")
 
 
-@pytest.fixture(scope="module")
-def line():
-    """One line and one daemon for all rows: each of them leaves the daemon as it was."""
-    with Line(Slave(9)) as plugged:
-        yield plugged
+@pytest.fixture
+def line(module_line):
+    return module_line
 
 
-@pytest.fixture(scope="module")
-def daemon(line, start_module_daemon):
-    return start_module_daemon().wait_until_found(9)
+@pytest.fixture
+def daemon(module_found):
+    return module_found
 
 
 @pytest.fixture

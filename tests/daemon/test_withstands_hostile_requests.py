@@ -6,7 +6,7 @@ import pytest
 from harness.client import Client
 from harness.daemon import RELEASE
 from harness.effort import effort
-from harness.line import Line, Slave
+
 from harness.load import (
     SLOWNESS,
     VISITS_BESIDE_WRITES,
@@ -34,17 +34,14 @@ UNKNOWN_NAMES = (
 )
 
 
-@pytest.fixture(scope="module")
-def line():
-    with Line(Slave(9)) as plugged:
-        yield plugged
+@pytest.fixture
+def line(module_line):
+    return module_line
 
 
-@pytest.fixture(scope="module")
-def found(line, start_module_daemon):
-    daemon = start_module_daemon().wait_until_found(9)
-    line.wait_for(lambda r: r.is_write(1000))
-    return daemon
+@pytest.fixture
+def found(module_found):
+    return module_found
 
 
 @pytest.fixture(autouse=True)

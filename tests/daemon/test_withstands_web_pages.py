@@ -12,7 +12,7 @@ import socket
 import pytest
 from harness.browser import Browser, PageServer
 from harness.client import PORT, Client
-from harness.line import Line, Slave
+
 from harness.load import WORST_LIMIT, Bystander
 from harness.netsplit import NEAR, OtherMachine
 from harness.waiting import eventually
@@ -110,21 +110,18 @@ def page(attack, target):
     return text.replace("ATTACK", ATTACKS[attack][1])
 
 
-@pytest.fixture(scope="module")
-def line():
-    with Line(Slave(9)) as plugged:
-        yield plugged
+@pytest.fixture
+def line(module_line):
+    return module_line
+
+
+@pytest.fixture
+def found(module_found):
+    return module_found
 
 
 @pytest.fixture(scope="module")
-def found(line, start_module_daemon):
-    daemon = start_module_daemon().wait_until_found(9)
-    line.wait_for(lambda r: r.is_write(1000))
-    return daemon
-
-
-@pytest.fixture(scope="module")
-def operator(found):
+def operator(module_found):
     """An ordinary client that stays."""
     with Client() as client:
         yield client

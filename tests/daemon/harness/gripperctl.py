@@ -58,16 +58,19 @@ def run_to_end(process, timeout=15):
 
 
 class ScriptedDaemon:
-    """Answers every connection by `answer(request)`: bytes, or None for no answer at all.
+    """Answers every connection by `answer(request)`: bytes, or None for no answer.
 
-    What it was asked stands in `requests`, in the order of its coming.
+    By default GETs have the values of `values`, and SETs an "ack". `changes` maps a request to the
+    values from then on. The requests in `refused` get a "nak". `requests` keeps all requests.
     """
 
     VALUES = {"SID": "[9]", "DRI": "RUNNING", "VER": "0", "UPG": "0", "FWV": "TA3-1.0.0"}
     VALUES |= {"STA": "3", "FLT": "00", "SNU": "ABC-1", "PYE": "2024"}
 
-    def __init__(self, answer=None, **values):
+    def __init__(self, answer=None, changes=None, refused=(), **values):
         self.values = {**self.VALUES, **values}
+        self.changes = changes or {}
+        self.refused = refused
         self.answer = answer or self.usual
         self.requests = []
         self.changed = threading.Condition()
@@ -85,6 +88,9 @@ class ScriptedDaemon:
         self.listener.close()
 
     def usual(self, request):
+        self.values.update(self.changes.get(request, {}))
+        if request in self.refused:
+            return b"nak"
         if request.startswith("GET "):
             name = request[4:]
             return f"{name} {self.values.get(name, '0')}\n".encode()
