@@ -65,7 +65,7 @@ def test_a_set_during_a_scan_reaches_the_gripper(found, line, connect, scan, sla
     eventually(lambda: output(line) == [0x0100, 120, 50 << 8], 2.0, lambda: output(line))
 
 
-def test_a_set_to_the_value_of_before_the_scan_reaches_the_gripper(found, line, connect):
+def test_a_set_back_to_the_old_value_during_a_scan_reaches_the_gripper(found, line, connect):
     scanning, client = connect(), connect()
     assert client.set("SPE 50 FOR 60") == "ack"
     eventually(lambda: output(line) == [0, 0, 50 << 8 | 60])
@@ -80,7 +80,7 @@ def test_a_set_to_the_value_of_before_the_scan_reaches_the_gripper(found, line, 
     assert output(line) == [0, 0, 50 << 8]
 
 
-def test_a_set_that_was_not_written_before_the_scan_reaches_the_gripper(found, line, connect):
+def test_a_set_just_before_a_scan_reaches_the_gripper(found, line, connect):
     client = connect()
     assert client.set("MUTE 1") == "ack"
     line.wait_until_quiet()
@@ -95,7 +95,7 @@ def test_a_set_that_was_not_written_before_the_scan_reaches_the_gripper(found, l
     [("SET SCN_BLOCK 1 POS 120\n", b"ack"), ("SET SCN_BLOCK\nSET POS 120\n", b"ackack")],
     ids=["same request", "same packet"],
 )
-def test_what_follows_a_scan_in_its_batch_reaches_the_gripper(
+def test_a_set_after_a_scan_in_one_batch_reaches_the_gripper(
     found, line, connect, packet, replies
 ):
     client = connect()
@@ -104,7 +104,7 @@ def test_what_follows_a_scan_in_its_batch_reaches_the_gripper(
     eventually(lambda: output(line) == [0, 120, 0], 2.0, lambda: output(line))
 
 
-def test_a_batch_that_another_clients_scan_interrupts_reaches_the_gripper(found, line, connect):
+def test_a_batch_with_a_scan_inside_another_clients_scan_reaches_the_gripper(found, line, connect):
     scanning, client = connect(), connect()
     line.wait_until_polled(9, 2)
     mark = line.mark()
@@ -134,7 +134,7 @@ def assert_only_the_held_values_are_written(line):
 
 
 @pytest.mark.parametrize("delay", [0.032, 0.036])
-def test_a_version_that_arrives_twice_is_no_status(start_daemon, delay):
+def test_a_version_that_arrives_twice_is_not_read_as_status(start_daemon, delay):
     with holding_line() as line:
 
         def twice(request):
@@ -151,7 +151,7 @@ def test_a_version_that_arrives_twice_is_no_status(start_daemon, delay):
         assert len([r for r in line.since(0) if r.slave == 9 and r.is_read(500)]) == 1
 
 
-def test_a_version_that_arrives_in_place_of_the_status_is_not_believed(start_daemon):
+def test_a_version_in_place_of_the_status_is_refused(start_daemon):
     with holding_line() as line:
 
         def once_in_its_place(request):

@@ -97,7 +97,7 @@ def test_a_port_that_appears_later_is_found(start_daemon, connect):
         assert connect().get("FWV") == "TA3-1.6.14"
 
 
-def test_a_path_that_is_no_serial_port_is_no_port(start_daemon, connect):
+def test_a_path_that_is_not_a_serial_port_is_skipped(start_daemon, connect):
     with open("/dev/ttyTool", "w", encoding="ascii"):
         pass
     try:
@@ -118,7 +118,7 @@ def test_polling_begins_with_the_second_gripper(start_daemon):
     assert [r.slave for r in polled] == [9, 2, 9, 2]
 
 
-def test_a_scan_finds_what_has_come_and_drops_what_has_gone(start_daemon, connect):
+def test_a_scan_finds_new_grippers_and_drops_missing_ones(start_daemon, connect):
     with Line(Slave(9), Slave(2), Slave(4)) as line:
         line[4].listening = False
         start_daemon().wait_until_found(9, 2)
@@ -147,7 +147,7 @@ def lock_or_device_names(daemon):
     return ["/dev/ttyTool" for name in daemon.descriptors() if name == target]
 
 
-def test_the_new_gripper_starts_from_what_the_device_does(found, line, connect):
+def test_a_found_gripper_starts_from_the_state_of_the_device(found, line, connect):
     client = connect()
     assert client.set("POS 77 SPE 88 GTO 1") == "ack"
     eventually(lambda: line[9].get(1001) == [77])
@@ -187,7 +187,7 @@ def test_noise_between_the_requests_does_not_spoil_the_next(start_daemon, connec
             assert client.get("SID") == "[4]"
 
 
-def test_what_lies_in_the_kernel_is_discarded_before_a_request(found, line, connect):
+def test_unread_input_in_the_kernel_is_discarded_before_a_request(found, line, connect):
     """Answers that came while the daemon had no chance to fetch them."""
     client = connect()
     line[9].put(2002, 0x6400)
@@ -207,7 +207,7 @@ def test_what_lies_in_the_kernel_is_discarded_before_a_request(found, line, conn
 
 
 @pytest.mark.parametrize("rounds", [4])
-def test_scan_after_scan_leaves_nothing_behind(found, line, connect, rounds):
+def test_repeated_scans_leak_nothing(found, line, connect, rounds):
     client = connect()
     assert client.set("SCN_BLOCK") == "ack"
     before = found.descriptors()

@@ -56,19 +56,19 @@ def test_activates_a_gripper(simulator):
     assert 0x1100 in seen
 
 
-def test_an_id_that_is_not_there_does_not_answer(simulator):
+def test_an_id_without_a_gripper_does_not_answer(simulator):
     status, registers, text = mbpoll(5, 500)
     assert (status != 0 or "timed out" in text) and registers == []
     assert "timed out" in text
 
 
-def test_a_register_that_is_not_there_is_refused(simulator):
+def test_an_unknown_register_is_refused(simulator):
     _, registers, text = mbpoll(9, 3000)
     assert registers == []
     assert "Illegal data address" in text
 
 
-def test_a_function_that_is_not_there_is_refused(simulator):
+def test_an_unknown_function_is_refused(simulator):
     command = ["mbpoll", *LINE[:-2], "-t", "3", "-a", "9", "-r", "2000", "-c", "1", "-1"]
     done = subprocess.run(
         [*command, "/dev/ttyTool"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=10

@@ -97,11 +97,11 @@ def test_needs_no_gripper(client, name, ending, slave_id):
 
 @pytest.mark.parametrize("ending", ENDINGS, ids=repr)
 @pytest.mark.parametrize("name", UNKNOWN_TO_GET)
-def test_name_that_get_does_not_know_is_a_question_mark(client, name, ending):
+def test_unknown_name_is_a_question_mark(client, name, ending):
     assert_answer(client, name, ending, "?")
 
 
-def test_asking_never_touches_the_line_or_the_output(client, grippers):
+def test_a_get_sends_nothing_and_changes_no_output(client, grippers):
     grippers.wait_until_polled(9)
     assert client.set("MUTE 1") == "ack"
     grippers.wait_until_quiet()

@@ -45,7 +45,7 @@ def test_serial_number_text(start_daemon, connect, registers, texts):
         assert values(connect(), "SNU") == texts
 
 
-def test_every_family_is_found_and_tells_its_version(start_daemon, connect):
+def test_every_family_is_found_with_its_version(start_daemon, connect):
     versions = ["TA3-1.6.14", "TB1-1.4.3", "TE1-2.0.2", "TF1-255.0.128"]
     with Line(*(Slave(n, version) for n, version in zip(IDS, versions))):
         start_daemon().wait_until_found(*IDS)

@@ -61,7 +61,7 @@ def test_five_failed_writes_end_in_a_time_out_too(found, line, connect):
     eventually(lambda: client.get("DRI") == "RUNNING")
 
 
-def test_time_out_stands_until_a_gripper_is_found_again(found, line, connect):
+def test_time_out_remains_until_a_gripper_is_found_again(found, line, connect):
     client = connect()
     line[9].listening = False
     eventually(lambda: client.get("DRI") == "ERR_TIMEOUT")
@@ -76,7 +76,7 @@ def test_time_out_stands_until_a_gripper_is_found_again(found, line, connect):
     assert client.get("POS") == "0"
 
 
-def test_one_silent_gripper_of_two_takes_the_link_down_and_is_dropped(start_daemon, connect):
+def test_one_silent_gripper_of_two_closes_the_link_and_is_dropped(start_daemon, connect):
     with Line(Slave(9), Slave(2)) as line:
         daemon = start_daemon().wait_until_found(9, 2)
         client, mark = connect(), daemon.mark()
@@ -157,7 +157,7 @@ HARMLESS = {
 
 
 @pytest.mark.parametrize("kind", list(HARMLESS))
-def test_what_does_not_spoil_an_answer(found, line, connect, kind):
+def test_an_answer_that_stays_valid_is_no_failure(found, line, connect, kind):
     line.wait_until_polled(9, 2)
     line[9].put(2002, 0x2A00)
     line[9].put(600, 7, 0)

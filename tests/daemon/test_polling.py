@@ -50,7 +50,7 @@ def test_the_first_visit_always_writes_and_later_ones_do_not(start_daemon):
     assert sorted((r.slave, r.address, r.count) for r in writes) == [(2, 1000, 3), (9, 1000, 3)]
 
 
-def test_a_write_stands_between_the_visits_of_its_gripper_and_the_next(start_daemon, connect):
+def test_a_write_comes_between_the_visits_of_its_gripper_and_the_next(start_daemon, connect):
     with Line(Slave(9), Slave(2)) as line:
         start_daemon().wait_until_found(9, 2)
         settle(line, 9, 2)
@@ -67,7 +67,7 @@ def test_a_write_stands_between_the_visits_of_its_gripper_and_the_next(start_dae
     assert (requests[at + 1].slave, requests[at + 1].address) == (2, 2000)
 
 
-def test_setting_what_is_set_already_writes_nothing(found, line, connect):
+def test_setting_the_same_value_again_writes_nothing(found, line, connect):
     client = connect()
     assert client.set("POS 50 SPE 60 LGN 1") == "ack"
     eventually(lambda: line[9].get(1000, 3) == [0x0080, 50, 60 << 8])
@@ -80,7 +80,7 @@ def test_setting_what_is_set_already_writes_nothing(found, line, connect):
     line.wait_for(lambda r: r.is_write() and r.values == [0x0080, 51, 60 << 8], since=mark)
 
 
-def test_changes_between_two_visits_go_out_in_one_write(found, line, connect):
+def test_changes_between_two_visits_share_one_write(found, line, connect):
     settle(line, 9)
     mark = line.mark()
     assert connect().set("POS 1 POS 2 SPE 3 FOR 4") == "ack"
@@ -88,7 +88,7 @@ def test_changes_between_two_visits_go_out_in_one_write(found, line, connect):
     assert [r.values for r in line.since(mark, lambda r: r.is_write())] == [[0, 2, 0x0304]]
 
 
-def test_a_change_during_the_write_goes_out_with_the_next(found, line, connect):
+def test_a_change_during_the_write_is_in_the_next_write(found, line, connect):
     client = connect()
     settle(line, 9)
     late = []
@@ -143,7 +143,7 @@ def test_deactivating_is_written_even_if_nothing_changes(found, line, connect):
     assert [r.values[0] for r in line.since(mark, lambda r: r.is_write())] == [0]
 
 
-def test_what_an_active_gripper_does_is_not_changed_by_finding_it(start_daemon):
+def test_discovery_does_not_change_what_an_active_gripper_does(start_daemon):
     busy = Slave(9)
     busy.put(2000, 0x3900, 200, 0)
     with Line(busy) as line:
@@ -194,7 +194,7 @@ def test_mute_stops_all_traffic_and_clients_are_answered_from_the_image(found, l
     eventually(lambda: client.get("POS") == "170")
 
 
-def test_mute_holds_back_discovery_too(start_daemon, connect):
+def test_mute_stops_discovery_too(start_daemon, connect):
     daemon = start_daemon()
     daemon.wait_for_line("availablePorts")
     assert connect().set("MUTE 1") == "ack"
@@ -260,7 +260,7 @@ def test_a_short_status_answer_changes_nothing(found, line, connect):
 
 
 @pytest.mark.parametrize("copied, polled, name", [(600, 602, "PON"), (604, 600, "NCY")])
-def test_a_second_copy_of_a_counter_is_no_other_counter(
+def test_a_second_copy_of_a_counter_changes_no_other_counter(
     found, line, connect, copied, polled, name
 ):
     client = connect()

@@ -45,7 +45,7 @@ def connected_ports(daemon):
     return [m.split('"')[1] for m in daemon.messages() if m.startswith("Connected serial port")]
 
 
-def test_only_usb_and_acm_ports_are_looked_at(start):
+def test_only_usb_and_acm_ports_are_considered(start):
     names = ["ttyACM0", "ttyS0", "ttyUSB10", "ttyTool", "ttyusb0", "ttyAMA0", "xttyUSB0", "ttyUS"]
     with FakePorts(*names):
         texts = port_messages(start(local_fuser="exit 0"))
@@ -104,7 +104,7 @@ def test_without_a_local_fuser_the_one_on_the_path_decides(start):
         daemon.wait_until_found(9)
 
 
-def test_with_a_local_fuser_the_one_on_the_path_is_not_asked(start):
+def test_with_a_local_fuser_the_one_on_the_path_does_not_run(start):
     with FakePorts("ttyUSB0"), Line(Slave(9), link="/dev/ttyUSB0"):
         daemon = start(local_fuser="system")
         assert port_messages(daemon)[1:] == ['command :  "./fuser /dev/ttyUSB0"', "error :  1"]
@@ -189,7 +189,7 @@ def test_requests_have_62_ms_for_three_registers_on_a_usb_port(start):
     assert all(0.062 <= gap < 0.09 for gap in gaps), gaps
 
 
-def test_replies_are_sent_before_fuser_holds_up_the_thread(start, tmp_path, connect):
+def test_replies_are_sent_before_fuser_blocks_the_thread(start, tmp_path, connect):
     # Shows that it runs, and runs until "hold" is gone, two seconds at most.
     script = (
         "[ -e hold ] || exit 0; echo >running; n=0; "
@@ -206,7 +206,7 @@ def test_replies_are_sent_before_fuser_holds_up_the_thread(start, tmp_path, conn
                 if sent - received // 3 < 200:
                     client.send("SET XYZ 1\n" * 20)
                     sent += 20
-                received += len(client.receive_what_is_there())
+                received += len(client.receive_available())
             handled = unhandled_lines_once_they_stop(daemon, mark)
             assert 0 < handled <= sent
             client.receive(3 * handled - received, timeout=0.5)
@@ -225,7 +225,7 @@ def unhandled_lines_once_they_stop(daemon, mark):
     return seen
 
 
-def test_a_port_that_goes_is_replaced_by_another(start, connect):
+def test_another_port_replaces_a_removed_one(start, connect):
     with FakePorts("ttyUSB0", "ttyUSB1"):
         first = Line(Slave(9), link="/dev/ttyUSB0").plug()
         with Line(Slave(2), link="/dev/ttyUSB1"):

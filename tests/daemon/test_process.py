@@ -76,7 +76,7 @@ def test_a_second_quit_signal_does_no_harm(found):
     assert found.wait_for_end() == 0
 
 
-def test_other_signals_are_left_as_they_are(found):
+def test_other_signals_keep_their_default_action(found):
     with open(f"/proc/{found.pid}/status", encoding="ascii") as status:
         fields = dict(entry.rstrip("\n").split(":\t") for entry in status)
     masks = {name: int(fields[name], 16) for name in ("SigCgt", "SigBlk")}
@@ -103,12 +103,12 @@ def assert_aborts(daemon):
         daemon.kill()
 
 
-def test_taken_port_is_a_fatal_line_and_an_abort(found, tmp_path, connect):
+def test_port_in_use_is_a_fatal_line_and_an_abort(found, tmp_path, connect):
     assert_aborts(Daemon(tmp_path))
     assert connect().get("VER") == "MZV-2.0.0"
 
 
-def test_port_taken_by_another_program_is_fatal_too(tmp_path):
+def test_port_used_by_another_program_is_fatal_too(tmp_path):
     with socket.create_server(("127.0.0.1", PORT)):
         assert_aborts(Daemon(tmp_path))
 

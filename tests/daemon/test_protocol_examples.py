@@ -68,11 +68,11 @@ class Stage:
         self.pending = None
 
     def prepare(self):
-        self.simulator.tell("clear")
+        self.simulator.command("clear")
         self.put_both_on_the_line()
-        self.simulator.tell("object 9 none")
-        self.simulator.tell("object 2 none")
-        self.simulator.tell("release 2")
+        self.simulator.command("object 9 none")
+        self.simulator.command("object 2 none")
+        self.simulator.command("release 2")
         self.calm(9)
         self.calm(2)
         self.log_mark = self.daemon.mark()
@@ -81,11 +81,11 @@ class Stage:
         with Client() as client:
             if client.get("SID") == "[2, 9]":
                 return
-            for line in self.simulator.tell("show"):
+            for line in self.simulator.command("show"):
                 if line.startswith("gripper "):
-                    self.simulator.tell("remove " + line.split()[1])
+                    self.simulator.command("remove " + line.split()[1])
             for gripper in (FINGERS, VACUUM):
-                self.simulator.tell("add " + gripper)
+                self.simulator.command("add " + gripper)
             client.set("MUTE 0 SCN_BLOCK")
             eventually(lambda: client.get("SID") == "[2, 9]")
 
@@ -151,8 +151,8 @@ class Stage:
         line = self.daemon.wait_for_line(re.escape(text), self.log_mark)
         self.log_mark = self.daemon.lines.index(line, self.log_mark) + 1
 
-    def tell_simulator(self, text):
-        self.simulator.tell(text)
+    def command_simulator(self, text):
+        self.simulator.command(text)
 
     STEPS = {
         ">": send,
@@ -160,7 +160,7 @@ class Stage:
         "?": repeat,
         ".": pause,
         "!": find_in_log,
-        "$": tell_simulator,
+        "$": command_simulator,
     }
 
 
@@ -216,7 +216,7 @@ def test_client_fails_when_there_is_no_gripper(run_client, daemon, language):
     assert run_client(language, 30) == ("from ?\nto 30: ack\n", "", 1)
 
 
-def test_clients_move_the_gripper_and_tell_from_where(run_client, stage):
+def test_clients_move_the_gripper_and_print_the_former_position(run_client, stage):
     position = 0
     for language, goal in zip(LANGUAGES, (30, 20, 40)):
         expected = f"from {position}\nto {goal}: ack\n"
@@ -240,7 +240,7 @@ def test_every_variable_has_an_example(keyword, expected):
     assert set(expected) - shown == set()
 
 
-def test_links_within_the_document_lead_somewhere():
+def test_links_within_the_document_have_targets():
     titles = re.findall(r"^#+ (.*)$", DOCUMENT, re.MULTILINE)
     anchors = {re.sub(r"[^\w -]", "", title).lower().replace(" ", "-") for title in titles}
     links = re.findall(r"\]\(#([^)]*)\)", DOCUMENT)

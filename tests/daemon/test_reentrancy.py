@@ -32,7 +32,7 @@ def test_other_clients_are_answered_during_a_scan(found, line, connect):
     assert client.receive(3) == b"ack"
 
 
-def test_what_stands_behind_a_scan_in_its_packet_comes_after_it(found, line, connect):
+def test_requests_after_a_scan_in_its_packet_are_answered_after_it(found, line, connect):
     client = connect()
     client.send("SET SCN_BLOCK\nGET VER\n")
     assert client.receive(3 + 14) == b"ackVER MZV-2.0.0\n"
@@ -83,7 +83,7 @@ def test_commands_of_a_client_that_resets_are_carried_out(found, line, connect):
     assert carried_out == 20
 
 
-def test_commands_behind_a_scan_of_a_client_that_closes_are_carried_out(found, line, connect):
+def test_commands_after_the_scan_of_a_client_that_closes_are_carried_out(found, line, connect):
     assert connect().set("MUTE 1") == "ack"
     line.wait_until_quiet()
     client = connect()
@@ -107,7 +107,7 @@ def test_commands_sent_during_its_scan_by_a_client_that_closes_are_carried_out(
     line.wait_until_polled(9, 2)
 
 
-def test_a_client_that_vanishes_within_nested_scans_leaves_no_trace(found, line, connect):
+def test_clients_that_vanish_within_nested_scans_leave_no_trace(found, line, connect):
     line.wait_until_polled(9)
     before, log_mark = found.descriptors(), found.mark()
     for _ in range(3):
@@ -141,7 +141,7 @@ def test_a_half_closed_client_gets_the_replies_of_all_that_it_sent(found, line, 
         assert client.receive_to_end() == b"VER MZV-2.0.0\n" * 50 + b"ack"
 
 
-def test_ticks_go_on_after_all_these_waits(found, line, connect):
+def test_ticks_continue_after_many_scans(found, line, connect):
     clients = [connect() for _ in range(5)]
     for client in clients:
         client.send("SET SCN_BLOCK\n")

@@ -5,7 +5,7 @@ import os
 import pytest
 from harness.children import binary, spawn
 from harness.flashing import (
-    BOTH, ROM, FlashSimulator, arguments, flash, held_lock, make_image,
+    BOTH, ROM, FlashSimulator, arguments, flash, lock_of_this_process, make_image,
 )
 
 QUICK = "--bootloader-boot-ms=100"
@@ -89,7 +89,7 @@ def starts_after(bench, path, code, **options):
 
 
 @BOTH
-def test_g_starts_the_firmware_that_is_there(bench, tmp_path):
+def test_g_starts_the_present_firmware(bench, tmp_path):
     text = starts_after(bench, tmp_path / "missing.bin", 2)
     assert "missing.bin is not there; " + STARTED in text
     assert bench.state() == "firmware"
@@ -97,8 +97,8 @@ def test_g_starts_the_firmware_that_is_there(bench, tmp_path):
 
 
 @ROM_ONLY
-def test_a_refused_start_of_the_firmware_that_is_there_is_told(bench, tmp_path):
-    bench.tell(f"fault {bench.id} refuseGo")
+def test_a_refused_start_of_the_present_firmware_is_reported(bench, tmp_path):
+    bench.command(f"fault {bench.id} refuseGo")
     assert WAITING in starts_after(bench, tmp_path, 2)
 
 
@@ -110,10 +110,10 @@ def test_without_stm32flash_it_says_that_nothing_was_written(bench, tmp_path):
 
 
 @ROM_ONLY
-def test_a_line_that_another_holds_is_not_touched_to_start_the_firmware(bench, tmp_path):
+def test_a_locked_line_is_not_touched_to_start_the_firmware(bench, tmp_path):
     mark = len(bench.chunks)
     path = make_image(tmp_path, bench.after, 600)
-    with held_lock():
+    with lock_of_this_process():
         assert WAITING in starts_after(bench, path, 3)
         assert WAITING in starts_after(bench, tmp_path / "missing.bin", 2)
     assert bench.chunks[mark:] == []

@@ -33,12 +33,12 @@ def test_after_a_power_cut_the_second_attempt_succeeds(kind, tmp_path, point, co
             [binary("romflasher"), *arguments(slow, path, "-g")], stderr=subprocess.DEVNULL
         )
         slow.wait_for_chunk(point)
-        slow.tell(f"restart {slow.id}")
+        slow.command(f"restart {slow.id}")
         assert process.wait(60) in codes
         eventually(lambda: slow.state() in ("firmware", "bootloader"))
         if slow.state() == "firmware":
             slow.into_bootloader()
         assert flash(slow, path).returncode == 0
-        slow.tell(f"restart {slow.id}")
+        slow.command(f"restart {slow.id}")
         eventually(lambda: slow.state() == "firmware")
         assert slow.version() == slow.after

@@ -85,7 +85,7 @@ def test_a_blocking_scan_does_not_wait_for_the_pause(start_daemon, connect):
         assert len([m for m in daemon.messages() if "availablePorts" in m]) == 2
 
 
-def test_no_tick_comes_into_a_blocking_scan(found, line, connect):
+def test_no_tick_runs_during_a_blocking_scan(found, line, connect):
     client = connect()
     assert client.set("MUTE 1") == "ack"
     line.wait_until_quiet()

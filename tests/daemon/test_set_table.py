@@ -140,7 +140,7 @@ def test_replies_have_no_line_ending(client):
     assert client.receive_until_silent(0.1) == b""
 
 
-def test_an_undiscovered_slave_id_is_selected_all_the_same(client):
+def test_an_undiscovered_slave_id_is_selected_too(client):
     assert client.get("FWV") == "TA3-1.6.14"
     assert client.set("SID 5") == "nak"
     assert client.get("FWV") == "?"
@@ -215,7 +215,7 @@ def test_slave_id_move_without_a_gripper_is_acknowledged_and_moves_nothing(
     assert grippers.since(line_mark, lambda r: r.address in range(400, 440)) == []
 
 
-def test_character_3_is_taken_out_of_the_request_text(client, grippers):
+def test_character_3_is_removed_from_the_request_text(client, grippers):
     # It is no part of a request, so all that it can do is keep one from being seen.
     client.send("SET PO\x03S 44\n")
     assert client.receive_until_silent(0.1) == b""
@@ -223,7 +223,7 @@ def test_character_3_is_taken_out_of_the_request_text(client, grippers):
     wait_for_registers(grippers, [0, 45, 0])
 
 
-def test_a_daemon_with_the_same_unknown_name_20000_times_stays_small(client, daemon):
+def test_an_unknown_name_20000_times_costs_no_memory(client, daemon):
     before, mark = daemon.resident_kib(), daemon.mark()
     client.send("SET" + " XYZ 1" * 20_000 + "\n")
     assert client.receive(3, timeout=30) == b"ack"

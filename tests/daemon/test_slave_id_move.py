@@ -161,7 +161,7 @@ def test_failed_move_is_logged_acknowledged_and_moves_nothing(
     line.wait_until_polled(9, 2)
 
 
-def test_a_write_that_is_not_answered_counts_as_done(found, line, quiet):
+def test_an_unanswered_write_counts_as_done(found, line, quiet):
     slave = line[9]
 
     def script(request):
@@ -178,7 +178,7 @@ def test_a_write_that_is_not_answered_counts_as_done(found, line, quiet):
     assert quiet.get("SID") == "[2]"
 
 
-def test_the_id_that_it_has_writes_nothing_and_the_scan_finds_it_again(found, line, quiet):
+def test_a_move_to_the_same_id_writes_nothing_and_scans(found, line, quiet):
     mark, log_mark, started = line.mark(), found.mark(), time.monotonic()
     quiet.send("SET NID 9\n")
     line.wait_for(lambda r: r.is_read(500), since=mark)
@@ -203,7 +203,7 @@ def test_without_a_gripper_at_the_id_nothing_is_moved_or_logged(found, line, qui
     assert quiet.get("SID") == "[9]"
 
 
-def test_an_id_that_is_never_probed_loses_the_gripper(found, line, quiet):
+def test_a_move_to_an_id_that_is_never_probed_loses_the_gripper(found, line, quiet):
     log_mark = found.mark()
     assert quiet.set("NID 7", timeout=15) == "ack"
     assert "update slave id from  9  to  7" in found.messages(log_mark)

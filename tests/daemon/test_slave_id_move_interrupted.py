@@ -40,7 +40,7 @@ def polls(line, mark):
 
 
 @pytest.mark.parametrize("disturbance", ["SCN_BLOCK", "THROTTLE 1", "SCN"])
-def test_another_request_does_not_set_polling_free(found, line, connect, disturbance):
+def test_another_request_does_not_resume_polling(found, line, connect, disturbance):
     client = quiet_client(line, connect)
     log_mark = found.mark()
     mark = start_move(line, client)
@@ -72,7 +72,7 @@ def test_a_move_within_a_move_ends_both_and_the_gripper_is_found(found, line, co
     assert other.get("SID") == "[3]"
 
 
-def test_onto_a_used_id_replaces_the_gripper_there(line, start_daemon, connect):
+def test_a_move_onto_a_used_id_replaces_the_gripper_there(line, start_daemon, connect):
     line.slaves[2] = Slave(2, "TE1-2.0.2")
     found = start_daemon().wait_until_found(2, 9)
     client = quiet_client(line, connect)

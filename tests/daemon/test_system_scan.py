@@ -98,7 +98,7 @@ def test_a_system_without_ports_has_none_to_scan(scan):
         ("kill -9 $$", None, ["local"], False),
     ],
 )
-def test_the_fusers_decide(scan, tmp_path, asked, local, on_path, programs, free):
+def test_the_fusers_select_the_free_ports(scan, tmp_path, asked, local, on_path, programs, free):
     folder = tmp_path / "path"
     folder.mkdir()
     if local is not None:
@@ -112,7 +112,7 @@ def test_the_fusers_decide(scan, tmp_path, asked, local, on_path, programs, free
 
 
 @pytest.mark.parametrize("has_local_fuser", [True, False])
-def test_a_port_that_another_process_holds_is_neither_listed_nor_asked(
+def test_a_port_that_another_process_holds_is_neither_listed_nor_probed(
     scan, tmp_path, has_local_fuser
 ):
     if has_local_fuser:
@@ -128,7 +128,7 @@ def test_a_port_that_another_process_holds_is_neither_listed_nor_asked(
             assert held.since(0) == []
 
 
-def test_a_scan_of_all_ids_gives_the_grippers_of_each_port_that_has_some(scan, tmp_path):
+def test_a_scan_of_all_ids_gives_the_grippers_of_each_port(scan, tmp_path):
     install_fuser(tmp_path, "exit 1")
     first, other = Slave(9, serial=1), Slave(3, serial=2, version="TB1-0.0.1")
     rates = set()
@@ -146,7 +146,7 @@ def test_a_scan_of_all_ids_gives_the_grippers_of_each_port_that_has_some(scan, t
     assert rates == {115200}
 
 
-def test_a_scan_of_one_id_asks_for_that_id_on_every_port(scan, tmp_path):
+def test_a_scan_of_one_id_probes_it_on_every_port(scan, tmp_path):
     install_fuser(tmp_path, "exit 1")
     # 5 is an id that a scan of all ids does not ask for.
     with FakePorts("ttyUSB1", "ttyACM0", "ttyUSB0", "ttyUSB2"):
@@ -187,7 +187,7 @@ def test_silence_costs_62_ms_for_three_registers_also_on_an_acm_port(scan, tmp_p
 
 @pytest.mark.parametrize("step", ["grippers", "gripper=9"])
 @pytest.mark.parametrize("delay, found", [(0.03, True), (0.15, False)])
-def test_an_answer_on_an_acm_port_has_as_long_as_on_any_other(
+def test_an_acm_port_has_the_same_deadline_as_others(
     scan, tmp_path, step, delay, found
 ):
     install_fuser(tmp_path, "exit 1")

@@ -36,7 +36,7 @@ def test_unthrottled_visits_come_as_fast_as_the_line_allows(found, line, connect
     assert 0.041 < statistics.median(periods) < 0.0495, periods
 
 
-def test_throttling_again_brings_back_the_50_ms(found, line, connect):
+def test_throttling_again_restores_the_50_ms(found, line, connect):
     client = connect()
     assert client.set("THROTTLE 0") == "ack"
     visit_periods(line, 3)
@@ -80,7 +80,7 @@ def test_an_idle_daemon_with_one_gripper_uses_little(found, line):
         assert found.resident_kib() < 20_000
 
 
-def test_requests_are_answered_at_once_while_the_line_is_waited_for(found, line, connect):
+def test_requests_are_answered_at_once_while_the_daemon_waits_for_the_line(found, line, connect):
     client = connect()
     line[9].listening = False
     found.wait_for_line("fail counter")

@@ -28,7 +28,7 @@ class UpgradeBench(Bench):
 
     def back_to_firmware(self):
         """The stand-ins flash nothing: the gripper goes on with what it has."""
-        self.line.tell("restart 9")
+        self.line.command("restart 9")
 
 
 @pytest.fixture
@@ -73,7 +73,7 @@ def test_the_firmware_is_polled_again_after_success(make_bench, tmp_path):
 @pytest.mark.parametrize(
     "end", ["exit 1", "exit 5", "exit 255", "kill -KILL $$", "kill -SEGV $$", "kill -TERM $$"]
 )
-def test_polling_goes_on_after_a_flasher_that_fails(make_bench, tmp_path, end):
+def test_polling_continues_after_a_flasher_that_fails(make_bench, tmp_path, end):
     put_flasher(tmp_path, end)
     bench = make_bench()
     assert bench.upgrade() == "ack"
@@ -98,7 +98,7 @@ def test_a_missing_flasher_is_acknowledged_and_leaves_polling_muted(make_bench, 
     bench.line.wait_until_polled(9, 2)
 
 
-def test_a_flasher_that_may_not_be_executed_is_like_a_missing_one(make_bench, tmp_path):
+def test_a_flasher_that_is_not_executable_is_like_a_missing_one(make_bench, tmp_path):
     put_flasher(tmp_path, "exit 0")
     (tmp_path / "romflasher").chmod(0o644)
     bench = make_bench()
@@ -130,7 +130,7 @@ def test_a_second_upgrade_is_refused_while_the_first_runs(make_bench, tmp_path):
     eventually(lambda: bench.client.get("UPG") == "0")
 
 
-def test_of_two_upgrades_at_the_same_moment_one_flashes(make_bench, tmp_path):
+def test_one_of_two_simultaneous_upgrades_flashes(make_bench, tmp_path):
     """The second one begins while the first waits for its gripper."""
     put_flasher(tmp_path, "while ! [ -e go ]; do sleep 0.05; done")
     bench = make_bench()
@@ -164,7 +164,7 @@ def test_output_and_errors_are_logged_quoted(make_bench, tmp_path):
 
 
 @pytest.mark.parametrize("length", [16384, 300000])
-def test_output_is_logged_to_its_end_however_long(make_bench, tmp_path, length):
+def test_output_of_any_length_is_logged_to_its_end(make_bench, tmp_path, length):
     put_flasher(
         tmp_path,
         f"(head -c {length} /dev/zero | tr '\\0' x; echo 'the error') >&2",
@@ -196,7 +196,7 @@ def test_an_upgrade_that_finds_no_bootloader_is_refused_and_starts_no_flasher(
 ):
     put_flasher(tmp_path, "exit 0")
     bench = make_bench()
-    bench.line.tell("fault 9 silentBootloader always")
+    bench.line.command("fault 9 silentBootloader always")
     assert bench.upgrade() == "nak"
     assert not (tmp_path / "arguments").exists()
     bench.back_to_firmware()
@@ -204,7 +204,7 @@ def test_an_upgrade_that_finds_no_bootloader_is_refused_and_starts_no_flasher(
     assert bench.client.get("UPG") == "0"
 
 
-def test_the_flasher_has_the_line_for_itself(make_bench, tmp_path):
+def test_the_port_is_closed_while_the_flasher_runs(make_bench, tmp_path):
     """The port is closed: the flasher may open it for its exclusive use."""
     put_flasher(tmp_path, "ls -l /proc/$PPID/fd >descriptors; exit 0")
     bench = make_bench()

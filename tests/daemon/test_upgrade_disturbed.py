@@ -23,7 +23,7 @@ def make_bench(start_daemon, connect, tmp_path):
 DISTURBANCES = ["SCN_BLOCK", "MUTE 0", "MUTE 0 SCN_BLOCK", "SCN", "NID 2", "BLD 1", "THROTTLE 1"]
 
 
-def test_the_flash_succeeds_whatever_is_asked_meanwhile(make_bench):
+def test_no_request_disturbs_the_flash(make_bench):
     bench = make_bench(FINGERS, NEIGHBOUR, bits=40000, size=5000)
     disturber = bench.connect()
     assert bench.client.set("UPG 1", timeout=15) == "ack"
@@ -45,7 +45,7 @@ def test_the_flash_succeeds_whatever_is_asked_meanwhile(make_bench):
     assert bench.client.get("SID") == "[4, 9]"
 
 
-def test_a_scan_right_behind_the_upgrade_stays_off_the_port_behind_a_link(make_bench):
+def test_a_scan_right_after_the_upgrade_does_not_open_the_linked_port(make_bench):
     """fuser calls the port free until stm32flash has opened it: the lock has to keep it."""
     link = pathlib.Path("/dev/ttyTool")
     link.symlink_to("ttyUSB0")
@@ -105,7 +105,7 @@ def lockless(start_daemon, connect, tmp_path):
         bench = make()
         assert bench.client.set("UPG 1", timeout=15) == "ack"
         # The trace comes before this answer, the daemon's last byte included.
-        bench.line.tell("show")
+        bench.line.command("show")
         yield bench
 
 
@@ -116,7 +116,7 @@ def has_port_open(bench):
 REQUESTS = {"SCN": "ack", "SCN_BLOCK": "ack", "NID 2": "ack", "BLD 1": "nak", "UPG 1": "nak"}
 
 
-def test_the_daemon_stays_off_a_line_that_no_lock_keeps(lockless, tmp_path):
+def test_the_daemon_opens_no_port_even_without_a_lock(lockless, tmp_path):
     line, client = lockless.line, lockless.connect()
     mark, foreign, log = line.mark(), len(line.foreign), lockless.daemon.mark()
     assert client.set("MUTE 0") == "ack"
@@ -127,7 +127,7 @@ def test_the_daemon_stays_off_a_line_that_no_lock_keeps(lockless, tmp_path):
     assert line.since(mark) == []
     assert len(line.foreign) == foreign
     # One discovery answers all the scans that were asked for.
-    line.tell("restart 9")
+    line.command("restart 9")
     (tmp_path / "end").touch()
     lockless.daemon.wait_until_found(4, 9, since=log)
     line.wait_until_polled(4, 3)
@@ -142,7 +142,7 @@ def test_an_unmuted_daemon_polls_nothing_during_the_flash(lockless, tmp_path):
     time.sleep(0.3)
     assert lockless.line.since(mark) == []
     assert lockless.daemon.messages(log) == []
-    lockless.line.tell("restart 9")
+    lockless.line.command("restart 9")
     (tmp_path / "end").touch()
     eventually(lambda: lockless.client.get("DRI") == "RUNNING")
     lockless.line.wait_until_polled(9, 2)

@@ -18,7 +18,7 @@ def seconds_until(condition, timeout=10.0):
     return time.monotonic() - started
 
 
-def test_a_daemon_that_was_stopped_for_a_while_goes_on(found, line, connect, figure):
+def test_a_stopped_daemon_continues_after_sigcont(found, line, connect, figure):
     clients = [connect() for _ in range(50)]
     found.process.send_signal(signal.SIGSTOP)
     for number, client in enumerate(clients):
@@ -35,7 +35,7 @@ def test_a_daemon_that_was_stopped_for_a_while_goes_on(found, line, connect, fig
     figure(f"requests of 50 clients answered {answered * 1000:.0f} ms after it went on")
 
 
-def test_a_daemon_that_was_killed_leaves_nothing_in_the_way_of_the_next(start_daemon, line, figure):
+def test_the_next_daemon_starts_after_a_killed_one(start_daemon, line, figure):
     worst = 0.0
     for _ in range(effort(2, 50)):
         daemon = start_daemon()
@@ -50,7 +50,7 @@ def test_a_daemon_that_was_killed_leaves_nothing_in_the_way_of_the_next(start_da
     figure(f"the next one has found the gripper {worst:.1f} s after the kill, at worst")
 
 
-def test_a_working_directory_that_was_removed_changes_nothing(tmp_path, start_daemon, connect, line):
+def test_a_removed_working_directory_changes_nothing(tmp_path, start_daemon, connect, line):
     folder = tmp_path / "gone"
     folder.mkdir()
     daemon = start_daemon(cwd=folder)
@@ -85,7 +85,7 @@ def test_grippers_that_lose_their_power_come_back_by_themselves(start_daemon, co
         figure(f"three grippers found again {worst:.1f} s after their power, at worst")
 
 
-def test_chatter_on_the_line_spoils_answers_but_not_the_daemon(found, line, connect, figure):
+def test_the_daemon_survives_chatter_on_the_line(found, line, connect, figure):
     """As when a gripper is cabled up live, or the shield is broken."""
     randomness = random.Random(1)
     client = connect()
@@ -106,7 +106,7 @@ def test_chatter_on_the_line_spoils_answers_but_not_the_daemon(found, line, conn
     figure(f"{bursts} bursts of chatter, {visits} visits, {share * 100:.1f} % of a core")
 
 
-def test_a_gripper_swapped_for_another_of_the_same_id_is_known_after_a_scan(start_daemon, connect):
+def test_a_scan_finds_a_gripper_that_replaces_one_of_the_same_id(start_daemon, connect):
     with Line(Slave(9, serial=1, year=2020)) as line:
         start_daemon().wait_until_found(9)
         client = connect()

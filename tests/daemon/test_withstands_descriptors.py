@@ -76,10 +76,10 @@ def simulated():
 
 def find_again(daemon, line):
     """Another port under the same name, and a fuser that looks at one more."""
-    line.tell("unplug")
+    line.command("unplug")
     mark = daemon.mark()
     daemon.wait_for_line("availablePorts", mark)
-    line.tell("plug")
+    line.command("plug")
     daemon.wait_until_found(9, since=mark)
     codes = [m.split()[3] for m in daemon.messages(mark) if m.startswith("Info: error : ")]
     # No local fuser, nobody found by the system's.

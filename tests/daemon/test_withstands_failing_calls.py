@@ -152,7 +152,7 @@ def test_a_call_that_fails_for_a_while(disturbed, figure, row):
     assert share < LARGEST_SHARE
 
 
-def test_no_epoll_descriptor_at_the_start(tmp_path):
+def test_a_start_without_an_epoll_descriptor_fails(tmp_path):
     daemon = Daemon(tmp_path, under=failing_from_the_start("epoll_create1", "EMFILE"))
     try:
         assert daemon.wait_for_end() == -signal.SIGABRT

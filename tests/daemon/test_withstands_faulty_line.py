@@ -136,7 +136,7 @@ class Bench:
                 # Of every length that makes an answer arrive behind one of the next requests.
                 delay = 40 + 13 * ((round_number + index) % 10)
                 commands.append(f"fault {slave_id} late {SHARE} {delay} on reads")
-        self.line.tell_all(commands)
+        self.line.command_all(commands)
 
     def _fault(self, slave_id, kind, share, other):
         # Under the id of a gripper that exists; late, nobody could tell it from that one's own.
@@ -145,7 +145,7 @@ class Bench:
 
     def run_numbers(self):
         self.number += 1
-        self.line.tell_all([c for slave_id in IDS for c in numbered(slave_id, self.number)])
+        self.line.command_all([c for slave_id in IDS for c in numbered(slave_id, self.number)])
 
     def run(self, seconds):
         keeper = Client()
@@ -178,7 +178,7 @@ class Bench:
         if not self._resting:
             self._resting = True
             self.rests += 1
-            self.line.tell_all(["clear"])
+            self.line.command_all(["clear"])
 
     def exchanges(self):
         """(request, what came back before the next one) of all reads of the polled registers."""
@@ -314,7 +314,7 @@ def report(bench, figure, readers, started, ended):
     return exchanges
 
 
-def test_clients_see_only_what_valid_frames_carried_and_in_their_order(make_bench, figure):
+def test_clients_see_the_values_of_valid_frames_in_order(make_bench, figure):
     bench = make_bench(with_late=False)
     readers, started, ended = watch(bench, effort(45, 450))
     exchanges = report(bench, figure, readers, started, ended)
@@ -324,7 +324,7 @@ def test_clients_see_only_what_valid_frames_carried_and_in_their_order(make_benc
     assert went_back(readers) == 0
 
 
-def test_late_answers_bring_old_values_at_the_worst(make_bench, figure):
+def test_late_answers_show_old_values_at_worst(make_bench, figure):
     bench = make_bench(with_late=True)
     readers, started, ended = watch(bench, effort(15, 150))
     report(bench, figure, readers, started, ended)

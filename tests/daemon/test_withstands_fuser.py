@@ -45,7 +45,7 @@ def a_whole_round(daemon):
 
 
 @pytest.mark.parametrize("local", [CRASH, NOT_EXECUTABLE], ids=["crashes", "no_program"])
-def test_a_port_nobody_can_judge_is_not_free(
+def test_a_port_that_no_fuser_can_judge_is_not_free(
     start, connect, tmp_path, path_folder, figure, local
 ):
     put(tmp_path, local)
@@ -87,7 +87,7 @@ def test_a_fuser_that_hangs(start, connect, tmp_path, figure):
         assert clients[0].get("DRI") == "RUNNING"
 
 
-def test_ports_that_say_nothing(start, connect, tmp_path, figure):
+def test_silent_ports(start, connect, tmp_path, figure):
     put(tmp_path, FREE)
     names = [f"ttyUSB{n}" for n in range(3)]
     with FakePorts(*names), Line() as tool:

@@ -14,10 +14,10 @@ class PluggableSimulator(Simulator):
     """Comes and goes like the scripted line."""
 
     def unplug(self):
-        self.tell("unplug")
+        self.command("unplug")
 
     def plug(self):
-        self.tell("plug")
+        self.command("plug")
 
 
 def is_quiet(line):

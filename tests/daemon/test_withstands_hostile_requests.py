@@ -84,7 +84,7 @@ def test_a_megabyte_of_set_without_its_line_ending(found, line, connect, figure)
     attack(found, line, connect, figure, once)
 
 
-def test_the_megabyte_of_set_is_carried_out_when_its_line_ending_comes(
+def test_a_megabyte_of_set_is_carried_out_with_its_line_ending(
     found, line, connect, figure
 ):
     def once(client, number):
@@ -139,7 +139,7 @@ def test_a_valid_set_of_20000_names_is_carried_out(
     attack(found, line, connect, figure, once, VISITS_BESIDE_WRITES)
 
 
-def test_a_set_of_20000_unknown_names_is_logged_in_short(found, line, connect):
+def test_a_set_of_20000_unknown_names_is_logged_once_in_short(found, line, connect):
     client, mark, request = connect(timeout=20), found.mark(), UNKNOWN_NAMES.format(1)
     client.send(request)
     assert client.receive(3) == b"ack"
@@ -150,7 +150,7 @@ def test_a_set_of_20000_unknown_names_is_logged_in_short(found, line, connect):
 
 
 @pytest.mark.parametrize("more, reply", [(0, b"ack"), (1, b"")], ids=["longest", "too long"])
-def test_a_set_of_a_mebibyte_is_the_longest(found, line, connect, more, reply):
+def test_the_longest_set_is_a_mebibyte(found, line, connect, more, reply):
     client, other = connect(timeout=20), connect()
     assert other.set("POS 11 SPE 12") == "ack"
     eventually(lambda: line[9].get(1001, 2) == [11, 12 << 8])
@@ -197,7 +197,7 @@ def test_throttle_sent_every_10_ms(line, connect, figure, requests, fastest, slo
 
 
 @pytest.mark.parametrize("leave", ["close", "reset"])
-def test_the_mute_of_a_client_that_vanished_is_seen_and_undone_by_another(
+def test_another_client_sees_and_undoes_the_mute_of_a_vanished_client(
     line, connect, figure, leave
 ):
     other = connect()

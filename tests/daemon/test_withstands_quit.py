@@ -16,7 +16,7 @@ from harness.effort import LARGE, effort
 from harness.flashing import make_image
 from harness.line import Line, Slave
 from harness.moving import SETTINGS, MovingSlave
-from harness.ports import ENVIRONMENT, FakePorts, open_by_nobody
+from harness.ports import ENVIRONMENT, FakePorts, is_not_open
 from harness.simulator import Simulator
 from harness.upgrades import (
     children_of, is_alive, noted_process, put_flasher, put_real_flasher,
@@ -100,8 +100,8 @@ class FlashStage(Stage):
     def restore(self):
         # New ones: one whose flashing was cut off has no firmware.
         for slave_id in IDS:
-            self.line.tell(f"remove {slave_id}")
-            self.line.tell(f"add {slave_id}=TA3-1.6.13")
+            self.line.command(f"remove {slave_id}")
+            self.line.command(f"add {slave_id}=TA3-1.6.13")
 
 
 # The states. Each returns when the daemon is in it.
@@ -202,12 +202,12 @@ def client_that_does_not_read(stage):
             client.socket.send(b"GET VER\n" * 4096)
 
 
-def knocking(request, expect_reset):
+def detecting(request, expect_reset):
     """The blocking look for a bootloader: of a running firmware, or after the restart."""
 
     def enter(stage):
         stage.start_and_find()
-        stage.line.tell("fault 9 silentBootloader always")
+        stage.line.command("fault 9 silentBootloader always")
         mark, foreign_mark = stage.line.mark(), len(stage.line.foreign)
         stage.connect().send(request + "\n")
         if expect_reset:
@@ -263,8 +263,8 @@ STATES = {
     "move_stored_2500": (Stage, moving(True, is_settings_write, pause=0.3)),
     "many_clients": (Stage, many_clients),
     "client_that_does_not_read": (Stage, client_that_does_not_read),
-    "bootloader_of_firmware": (FlashStage, knocking("SET BLD 1", False)),
-    "bootloader_after_restart": (FlashStage, knocking("SET UPG 1", True)),
+    "bootloader_of_firmware": (FlashStage, detecting("SET BLD 1", False)),
+    "bootloader_after_restart": (FlashStage, detecting("SET UPG 1", True)),
     "stubborn_flasher": (FlashStage, stubborn_flasher),
 }
 # Seconds each, and told with one signal by the tests of the move and of the upgrade.
@@ -274,7 +274,7 @@ SLOW_STATES = {
     "move_restart": (Stage, moving(False, is_restart)),
     "move_restarting_3000": (Stage, moving(True, is_restart, pause=0.3)),
     "move_scan": (Stage, moving(True, lambda r: r.is_read(500))),
-    "bootloader_by_itself": (FlashStage, knocking("SET BLD 1", True)),
+    "bootloader_by_itself": (FlashStage, detecting("SET BLD 1", True)),
     "real_flasher": (FlashStage, real_flasher),
 }
 CHOSEN = {**STATES, **(SLOW_STATES if LARGE else {})}
@@ -286,16 +286,16 @@ def signals_for(state):
     return SIGNALS if LARGE else [SIGNALS[turn % len(SIGNALS)]]
 
 
-def quit_in_form(daemon, number):
+def quit_cleanly(daemon, number):
     """The seconds that it takes; nothing of it stays."""
     children = children_of(daemon.pid)
-    port_in_use = not open_by_nobody("/dev/ttyTool")
+    port_in_use = not is_not_open("/dev/ttyTool")
     status, seconds = daemon.stop(number)
     assert status == 0, daemon.lines[-20:]
     assert seconds < QUIT_LIMIT, f"{number.name}: {seconds:.2f} s"
     assert daemon.standard_output() == b""
     eventually(lambda: not any(is_alive(child) for child in children), 0.5, "the children's end")
-    assert eventually(lambda: open_by_nobody("/dev/ttyTool"), 0.5), port_in_use
+    assert eventually(lambda: is_not_open("/dev/ttyTool"), 0.5), port_in_use
     assert not any(is_alive(holder) for holder in lock_holders())
     return seconds
 
@@ -313,13 +313,13 @@ def test_a_quit_signal_ends_the_daemon(state, tmp_path, connect, figure):
     with kind(tmp_path, connect) as stage:
         for number in numbers * ROUNDS:
             enter(stage)
-            seconds.append(quit_in_form(stage.daemon, number))
+            seconds.append(quit_cleanly(stage.daemon, number))
             stage.daemon.kill()
             stage.restore()
         stage.start()
         # Read of a gripper only that has answered to its id.
         stage.line.wait_for(lambda r: r.slave == 9 and r.is_read(514), since=stage.line.mark())
-        quit_in_form(stage.daemon, numbers[0])
+        quit_cleanly(stage.daemon, numbers[0])
     names = ", ".join(number.name for number in numbers)
     figure(
         f"{names}: {1000 * statistics.median(seconds):.0f} ms (median), "

@@ -84,7 +84,7 @@ def spoilt(slave_id):
     return slave
 
 
-def unhurried(slave_id):
+def answer_slowly(slave_id):
     """Leaves time for a request to come while the daemon waits for the first answer of a probe."""
     slave = Slave(slave_id)
     slave.script = lambda r: [(0.02, slave.plain_answer(r))] if is_probe(r) else None
@@ -113,7 +113,7 @@ class ShownGrippers:
         now, ids = time.monotonic(), self.client.get("SID")
         if self.watch.worst() > STALL_LIMIT:
             self.stalled_at = now
-            self.watch.start_over()
+            self.watch.reset_worst()
         if now - self.stalled_at < STALL_COUNTS_FOR:
             self.left_out += 1
         else:
@@ -131,7 +131,7 @@ STALL_COUNTS_FOR = 3.0
 def test_scans_of_many_clients_at_the_same_moment(start_daemon, connect, figure):
     """The first ones come while another one waits for an answer, which they wait for too."""
     count = effort(20, 200)
-    with Line(*(unhurried(slave_id) for slave_id in GRIPPERS), spoilt(4)) as line:
+    with Line(*(answer_slowly(slave_id) for slave_id in GRIPPERS), spoilt(4)) as line:
         daemon = start_daemon(before_exec=with_little_stack).wait_until_found(*GRIPPERS)
         clients = [connect() for _ in range(count)]
         disturber, prober = connect(), connect()
@@ -252,7 +252,7 @@ def queue(line, start_daemon, connect):
     return Queue(line, start_daemon().wait_until_found(*GRIPPERS), connect)
 
 
-def test_past_the_limit_they_wait_for_their_turn(queue, figure):
+def test_requests_beyond_the_limit_wait_for_their_turn(queue, figure):
     count = effort(40, 200)
     queue.ask(count)
     replies = Replies(queue.clients)
@@ -269,7 +269,7 @@ def test_past_the_limit_they_wait_for_their_turn(queue, figure):
     )
 
 
-def test_what_a_waiting_client_sends_later_is_not_begun_before_it(queue):
+def test_later_requests_of_a_waiting_client_wait_too(queue):
     queue.ask(LIMIT + 4)
     waiting = queue.numbers_that_wait()
     for number in waiting:

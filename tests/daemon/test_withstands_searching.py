@@ -43,7 +43,7 @@ def test_other_clients_have_their_turn_between_the_scans_of_one_request(
 
 
 @pytest.mark.parametrize("ports", [(), ("ttyUSB0", "ttyUSB1", "ttyUSB2")])
-def test_scans_without_a_line_keep_nobody_waiting(start_daemon, connect, ports, figure):
+def test_scans_without_a_line_delay_no_client(start_daemon, connect, ports, figure):
     with FakePorts(*ports):
         daemon = start_daemon(environment=ENVIRONMENT)
         other = connect()
@@ -62,7 +62,7 @@ def test_scans_without_a_line_keep_nobody_waiting(start_daemon, connect, ports, 
     )
 
 
-def test_a_gripper_behind_a_silent_port_is_found_though_clients_scan(
+def test_a_gripper_after_a_silent_port_is_found_while_clients_scan(
     start_daemon, connect, figure
 ):
     """Every scan comes inside the one before, which is still busy with the silent port."""

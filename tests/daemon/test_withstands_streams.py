@@ -80,7 +80,7 @@ def test_streams_closed_at_start(tmp_path, connect, line, figure, closed):
         judge_pauses(line, mark, figure)
 
 
-def test_a_flasher_has_streams_of_its_own_when_all_were_closed(tmp_path, connect, figure):
+def test_a_flasher_gets_its_own_streams_when_all_were_closed(tmp_path, connect, figure):
     put_flasher(tmp_path, "(ls -l /proc/$$/fd >streams); echo told; sleep 0.2; exit 0")
     with Simulator("9=TA3-1.6.13", "--boot-ms=200", "--bootloader-boot-ms=100") as simulated:
         with daemon_with(tmp_path, (0, 1, 2)):
@@ -89,7 +89,7 @@ def test_a_flasher_has_streams_of_its_own_when_all_were_closed(tmp_path, connect
             assert client.set("UPG 1", timeout=15) == "ack"
             assert noted_process(tmp_path)
             eventually(lambda: client.get("UPG") == "0")
-            simulated.tell("restart 9")
+            simulated.command("restart 9")
             simulated.wait_until_polled(9, 2)
             assert simulated.foreign == [b"\x7f"] * len(simulated.foreign)
         listed = (tmp_path / "streams").read_text(encoding="ascii")
@@ -98,7 +98,7 @@ def test_a_flasher_has_streams_of_its_own_when_all_were_closed(tmp_path, connect
         figure(f"{len(simulated.foreign)} bytes on the line beside requests, all of the detection")
 
 
-def test_the_reader_of_the_log_goes_away(tmp_path, connect, line, figure):
+def test_the_log_loses_its_reader(tmp_path, connect, line, figure):
     reader, writer = os.pipe()
     with daemon_with(tmp_path, stderr=writer):
         os.close(writer)
@@ -110,7 +110,7 @@ def test_the_reader_of_the_log_goes_away(tmp_path, connect, line, figure):
         judge_pauses(line, mark, figure)
 
 
-def test_the_log_goes_to_a_full_disk(tmp_path, connect, line, figure):
+def test_the_log_is_on_a_full_disk(tmp_path, connect, line, figure):
     with open("/dev/full", "wb") as full, daemon_with(tmp_path, stderr=full):
         line.wait_until_polled(9, timeout=10)
         mark = line.mark()
@@ -118,7 +118,7 @@ def test_the_log_goes_to_a_full_disk(tmp_path, connect, line, figure):
         judge_pauses(line, mark, figure)
 
 
-def test_nobody_reads_the_log_and_its_pipe_is_full(tmp_path, connect, line, figure):
+def test_the_pipe_of_the_log_is_full(tmp_path, connect, line, figure):
     reader, writer = os.pipe()
     fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, PIPE_BYTES)
     with daemon_with(tmp_path, stderr=writer):
@@ -135,7 +135,7 @@ def test_nobody_reads_the_log_and_its_pipe_is_full(tmp_path, connect, line, figu
         client = connect()
         assert client.get("VER") == "MZV-2.0.0"
         log = []
-        eventually(lambda: log.append(read_what_is_there(reader)) or told_of_a_client(log))
+        eventually(lambda: log.append(read_what_is_there(reader)) or mentions_a_client(log))
         assert b"log lines lost" in b"".join(log)
     os.close(reader)
 
@@ -147,5 +147,5 @@ def read_what_is_there(descriptor):
         return b""
 
 
-def told_of_a_client(log):
+def mentions_a_client(log):
     return b"onClientSocketConnection" in b"".join(log)

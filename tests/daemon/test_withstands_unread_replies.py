@@ -157,7 +157,7 @@ def clients():
         client.socket.close()
 
 
-def test_replies_that_are_not_read_wait_and_all_come(start_daemon, clients, figure):
+def test_unread_replies_wait_and_all_arrive(start_daemon, clients, figure):
     # Grippers of a process of their own answer in time, whatever this one has to do.
     with Simulator("9=TA3-1.6.14", "2=TB1-1.4.3", "3=TA3-1.6.14", "4=TB1-1.4.3") as line:
         daemon = start_daemon().wait_until_found(2, 3, 4, 9)

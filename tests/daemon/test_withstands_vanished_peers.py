@@ -95,7 +95,7 @@ def seconds_until_gone(found, mark, since, count, limit):
     return seconds
 
 
-def test_a_vanished_peer_is_given_up(found, line, other_machine, figure):
+def test_the_daemon_closes_the_connection_of_a_vanished_peer(found, line, other_machine, figure):
     """With the short times; the daemon's own are looked at above."""
     before = len(found.descriptors())
     peer = other_machine.connect()
@@ -127,7 +127,7 @@ def test_vanished_peers_are_gone_within_five_minutes(found, line, connect, other
 
 
 @pytest.mark.skipif(not LARGE, reason="takes five minutes")
-def test_a_peer_that_is_there_but_does_not_read_loses_nothing(found, other_machine, figure):
+def test_a_live_peer_that_does_not_read_loses_nothing(found, other_machine, figure):
     client = other_machine.connect(SMALL_BUFFER)
     client.socket.settimeout(0.3)
     request, sent = b"GET VER\n" * 512, 0

@@ -67,11 +67,11 @@ class Bench:
 
     def boot_the_firmware(self):
         """No request and no stand-in for the flasher brings it back by itself."""
-        self.line.tell("restart 9")
+        self.line.command("restart 9")
         eventually(lambda: "year=" in self.gripper(), what=self.gripper)
 
     def gripper(self):
-        return next(text for text in self.line.tell("show") if text.startswith("gripper 9"))
+        return next(text for text in self.line.command("show") if text.startswith("gripper 9"))
 
     def end(self, figure):
         eventually(
@@ -100,13 +100,13 @@ def make_bench(start_daemon, connect, tmp_path):
             words = [f"{slave_id}=TE1-2.0.2" for slave_id in spoilt]
             line = lines.enter_context(Simulator("9=TA3-1.6.13", *words, *QUICK_BOOT))
             for slave_id in spoilt:
-                line.tell(f"fault {slave_id} badCrc always")
+                line.command(f"fault {slave_id} badCrc always")
             return Bench(line, start_daemon, connect, tmp_path).ready()
 
         yield make
 
 
-def test_in_their_scan(make_bench, figure):
+def test_during_their_scan(make_bench, figure):
     bench = make_bench()
     for number in range(effort(5, 200)):
 
@@ -118,19 +118,19 @@ def test_in_their_scan(make_bench, figure):
     bench.end(figure)
 
 
-def told_to_restart(bench):
+def restart_requested(bench):
     return lambda mark, _: bench.line.wait_for(lambda r: r.is_write(400), since=mark)
 
 
-def bootloader_looked_for(bench):
+def detection_started(bench):
     """The daemon blocks by then: it learns only afterwards who has gone."""
     return lambda _, foreign: eventually(lambda: len(bench.line.foreign) > foreign)
 
 
-MOMENTS = (told_to_restart, bootloader_looked_for)
+MOMENTS = (restart_requested, detection_started)
 
 
-def test_in_their_jump_to_the_bootloader(make_bench, figure):
+def test_during_their_jump_to_the_bootloader(make_bench, figure):
     bench = make_bench()
     for number in range(effort(5, 200)):
         bench.mute()
@@ -142,7 +142,7 @@ def test_in_their_jump_to_the_bootloader(make_bench, figure):
     bench.end(figure)
 
 
-def test_in_their_upgrade(make_bench, tmp_path, figure):
+def test_during_their_upgrade(make_bench, tmp_path, figure):
     put_flasher(tmp_path, FLASHER)
     bench = make_bench()
     for number in range(effort(5, 200)):
@@ -159,7 +159,7 @@ def test_in_their_upgrade(make_bench, tmp_path, figure):
     bench.end(figure)
 
 
-def test_in_their_slave_id_move(make_bench, figure):
+def test_during_their_slave_id_move(make_bench, figure):
     """Every second move comes to nothing: the gripper does not hear its new id."""
     bench = make_bench(spoilt=(3, 4))
     here, other = 9, 2
@@ -167,7 +167,7 @@ def test_in_their_slave_id_move(make_bench, figure):
         bench.mute()
         mark, address = bench.daemon.mark(), 430
         if number % 2:
-            bench.line.tell(f"fault {here} deaf 1 on writes")
+            bench.line.command(f"fault {here} deaf 1 on writes")
         elif number % 4:
             address = 400
 

@@ -29,13 +29,13 @@ class SoakLine(Simulator):
         self.frames = Counter()
         self.last_visit = time.monotonic()
         self.last_write = {}
-        self._telling = threading.Lock()
+        self._commanding = threading.Lock()
         grippers = [f"{n}={v}" for n, v in VERSIONS.items()]
         super().__init__(*grippers, "--boot-ms=300", "--bootloader-boot-ms=100")
 
-    def tell(self, command):
-        with self._telling:
-            return super().tell(command)
+    def command(self, command):
+        with self._commanding:
+            return super().command(command)
 
     def _read(self):
         for line in self.process.stdout:
@@ -58,7 +58,7 @@ class SoakLine(Simulator):
 
     def grippers(self):
         """Slave id -> the rest of its line."""
-        lines = [line.split(maxsplit=2) for line in self.tell("show")]
+        lines = [line.split(maxsplit=2) for line in self.command("show")]
         return {int(words[1]): words[2] for words in lines if words[:1] == ["gripper"]}
 
 
@@ -104,17 +104,17 @@ class Disturber:
             with self.world.maintenance:
                 slave_id = rng.choice(list(self.line.grippers()))
                 if rng.random() < 0.4:
-                    self.line.tell("clear")
+                    self.line.command("clear")
                 else:
-                    self.line.tell(f"fault {slave_id} {rng.choice(FAULTS)} {rng.randrange(1, 11)}%")
+                    self.line.command(f"fault {slave_id} {rng.choice(FAULTS)} {rng.randrange(1, 11)}%")
                     self.world.count("faults set")
 
     def _unplugging(self, rng):
         while self.world.pause(10 + 20 * rng.random()):
             with self.world.maintenance, self.world.excuse("unplugged"):
-                self.line.tell("unplug")
+                self.line.command("unplug")
                 self.world.pause(2 * rng.random())
-                self.line.tell("plug")
+                self.line.command("plug")
                 self.world.count("unplugs")
 
     def _moves(self, rng):
@@ -127,14 +127,14 @@ class Disturber:
     def _move(self):
         """Like an upgrade: straight into polling and scans, and if those have spoilt it, once more
         without them."""
-        self.line.tell("clear")
+        self.line.command("clear")
         old = next(n for n in self.line.grippers() if n in SPARE)
         if not self._try_to_move(old, quiet=False):
             return
         if old in self.line.grippers():
             self.world.count("moves repeated")
             # The id may be stored and not be in force yet; asked for once more, it counts as done.
-            self.line.tell(f"restart {old}")
+            self.line.command(f"restart {old}")
             self.world.pause(1)
         if old in self.line.grippers():
             with self.world.no_scans():
@@ -193,7 +193,7 @@ class Disturber:
     def _upgrade(self):
         """Straight into the polling, where the answer to the reset may be taken by what it has
         interrupted; if that is what happens, once more on a quiet line."""
-        self.line.tell("clear")
+        self.line.command("clear")
         for quiet in (False, True):
             reply, state = self._attempt(quiet)
             if reply is None or is_upgraded(reply, state):
@@ -218,7 +218,7 @@ class Disturber:
             state = self.line.grippers()[9]
             # Wherever that has left it: its power is switched off and on.
             if not is_upgraded(reply, state):
-                self.line.tell("restart 9")
+                self.line.command("restart 9")
         return reply, state
 
 

@@ -89,7 +89,7 @@ class Soak:
             self.world.judge("connections", not thread.is_alive(), f"{thread.name} never ended")
         if not self.daemon.is_running():
             return
-        self.line.tell("clear")
+        self.line.command("clear")
         try:
             with StrictClient(self.world, "last client") as client:
                 client.order("MUTE 0 THROTTLE 0")

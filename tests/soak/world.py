@@ -98,7 +98,7 @@ class World:
     def note_stall(self):
         """Called once a second."""
         self._stalls.append((time.monotonic(), self._watch.worst()))
-        self._watch.start_over()
+        self._watch.reset_worst()
         del self._stalls[:-3600]
 
     def worst_stall(self, since):
