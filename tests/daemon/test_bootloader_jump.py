@@ -1,4 +1,4 @@
-"""Grippers sent into their bootloaders: what is written, what is looked for, what is told."""
+"""Jumps into the bootloader: the writes, the search for the bootloader, the replies."""
 
 import time
 
@@ -13,7 +13,7 @@ SYNC = b"\x7f"
 
 class JumpBench(Bench):
     def silence(self):
-        """A quiet line, so that nothing but the jump is on it."""
+        """Mutes polling, so the jump is the only traffic on the line."""
         assert self.client.set("MUTE 1") == "ack"
         eventually(lambda: polls_nothing(self.line, 0.15))
 
@@ -25,8 +25,8 @@ class JumpBench(Bench):
         return [(r.slave, r.values) for r in self.line.since(self.mark, lambda r: r.is_write(400))]
 
     def sync_bytes(self):
-        """(byte, rate) of what is no Modbus since the jump."""
-        # Its answer comes behind all that the simulator has told before.
+        """Returns (byte, rate) of all bytes that are not Modbus since the jump."""
+        # The simulator answers after all trace lines that it has printed before.
         self.line.command("show")
         since = self.foreign_mark
         pairs = zip(self.line.foreign[since:], self.line.foreign_rates[since:])
@@ -86,7 +86,7 @@ def test_a_gripper_in_its_bootloader_gets_no_reset_and_polling_stays_on(make_ben
     assert bench.resets() == []
     assert set(bench.sync_bytes()) == {(SYNC, 19200)}
     assert bench.client.set("MUTE 0") == "ack"
-    # Unmuted, but away: the gripper is forgotten by the next discovery.
+    # Polling is not muted, so the next discovery drops the gripper.
     eventually(lambda: bench.client.get("SID") == "[]")
 
 
@@ -101,7 +101,7 @@ def test_the_first_reset_value_of_the_process_is_used_for_all_families(make_benc
     assert bench.client.set("SID 2") == "ack"
     bench.silence()
     assert bench.jump() == "ack"
-    # Meant was 0x3500; the rate is that of the gripper's own bootloader all the same.
+    # The right word is 0x3500. The rate is nevertheless that of the gripper's own bootloader.
     assert bench.resets() == [(2, [ROM])]
     assert set(bench.sync_bytes()) == {(SYNC, 115200)}
 
@@ -113,8 +113,8 @@ def test_a_negative_acknowledge_counts_as_a_bootloader(make_bench):
     assert bench.jump() == "ack"
     assert bench.jump() == "ack"
     assert bench.resets() == []
-    # The first byte is taken for half a command, the second makes it a wrong one; an answer that
-    # comes later than 50 ms costs one more.
+    # The bootloader reads the first byte as half a command, and the second completes a wrong one.
+    # An answer after more than 50 ms costs one more byte.
     assert len(bench.sync_bytes()) >= 2
 
 
@@ -142,7 +142,7 @@ def test_a_silent_bootloader_is_refused_after_51_attempts_and_polling_is_muted(m
 
 
 def test_after_a_refused_reset_the_daemon_searches_and_the_link_stays_open(make_bench):
-    """A lost answer and a refusal look the same; the search finds a running firmware."""
+    """The daemon cannot tell a lost answer from a refusal; its search finds a running firmware."""
     bench = make_bench()
     bench.silence()
     bench.line.command("fault 9 exception always 3 on 400")
@@ -150,7 +150,7 @@ def test_after_a_refused_reset_the_daemon_searches_and_the_link_stays_open(make_
     assert bench.resets() == [(9, [ROM])]
     assert bench.sync_bytes() == [(SYNC, 19200)] * 51
     assert bench.state(9) == "firmware"
-    # Muted even so, on an open link.
+    # The link is open, but polling is muted.
     assert polls_nothing(bench.line, 0.5)
     mark = bench.daemon.mark()
     assert bench.client.set("MUTE 0") == "ack"

@@ -1,4 +1,4 @@
-"""Clients: many, slow, half-closed, vanished."""
+"""Clients: many at once, half-closed, in long bursts."""
 
 import resource
 import subprocess
@@ -65,7 +65,7 @@ def test_replies_do_not_wait_for_acknowledgements(found, connect):
     for _ in range(100):
         assert client.get("VER") == "MZV-2.0.0"
         assert client.set("XYZ 1") == "ack"
-    # With delayed small segments this takes 40 ms a round.
+    # With a delay of small segments, each round takes 40 ms.
     assert time.monotonic() - started < 2.0
 
 

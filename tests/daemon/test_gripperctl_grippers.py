@@ -1,4 +1,4 @@
-"""gripperctl against the real daemon and simulated grippers: looking and moving."""
+"""gripperctl with the real daemon and simulated grippers: status and movements."""
 
 import os
 import re
@@ -21,14 +21,14 @@ def simulator():
 @pytest.fixture(scope="module")
 def daemon(simulator, start_module_daemon):
     daemon = start_module_daemon().wait_until_found(9, 2)
-    # Ten times as many looks: the tests wait for less.
+    # Ten times as many visits make the tests faster.
     succeed("set", "THROTTLE", "0")
     return daemon
 
 
 @pytest.fixture
 def client(simulator, daemon, connect):
-    """Everything as after the start, but for where the fingers are."""
+    """All state as after the start, except the positions of the fingers."""
     client = connect()
     for command in ("clear", "release 9", "object 9 none", "object 2 none"):
         simulator.command(command)
@@ -56,9 +56,9 @@ def test_status_shows_every_gripper(client):
 
 
 def test_status_is_json_for_scripts(client):
-    told = as_json("status", "--gripper", "9")
-    assert told["driver"] == "MZV-2.0.0" and told["link"] == "RUNNING"
-    (fingers,) = told["grippers"]
+    result = as_json("status", "--gripper", "9")
+    assert result["driver"] == "MZV-2.0.0" and result["link"] == "RUNNING"
+    (fingers,) = result["grippers"]
     assert fingers["id"] == 9 and fingers["serialNumber"] == "QRS-0017" and fingers["year"] == 2023
     assert fingers["position"] == int(client.get("POS"))
     assert fingers["cycles"] == int(client.get("NCY"))
@@ -109,13 +109,13 @@ def test_movements_end_with_their_result(active, simulator):
     moved = succeed("move", "100", "--speed", "255", "--force", "9", "--wait")
     assert moved == "gripper 9 reached 100\n"
     assert (active.get("POS"), active.get("SPE"), active.get("FOR")) == ("100", "255", "9")
-    # The same once more is reached already.
+    # The gripper already is at this position.
     assert succeed("move", "100", "--wait") == "gripper 9 reached 100\n"
     simulator.command("object 9 140")
     assert succeed("close", "--wait") == "gripper 9 met an object at 140, on its way to 255\n"
-    told = as_json("close", "--wait")
-    assert told["object"] == "object" and told["position"] == 140
-    assert told["requestedPosition"] == 255
+    result = as_json("close", "--wait")
+    assert result["object"] == "object" and result["position"] == 140
+    assert result["requestedPosition"] == 255
     assert succeed("open", "--wait") == "gripper 9 reached 0\n"
 
 
@@ -161,7 +161,7 @@ def test_no_other_gripper_moves_instead_of_a_missing_one(active, simulator):
     eventually(lambda: active.get("SID") == "[2]", 10)
     before = succeed("--gripper", "2", "get", "PRE", "GTO")
     assert "no gripper 9, but there are 2" in fail(gripperctl.NO_GRIPPER, "move", "77")
-    # In this time it would have been written and seen.
+    # This is enough time for a write.
     time.sleep(0.3)
     assert succeed("--gripper", "2", "get", "PRE", "GTO") == before != "PRE 077\nGTO 1\n"
     simulator.command("clear")
@@ -184,7 +184,7 @@ def test_a_gripper_is_removed_during_a_movement(active, simulator, daemon):
 
 
 def test_a_daemon_that_ends_during_a_movement(simulator, start_daemon, daemon):
-    """The last one: the daemon of this file is gone afterwards."""
+    """This test must be the last: it ends the daemon of this file."""
     succeed("activate", "--wait")
     succeed("open", "--speed", "255", "--wait")
     process = start_ctl("move", "255", "--speed", "0", "--wait")

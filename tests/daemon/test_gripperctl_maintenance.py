@@ -1,4 +1,4 @@
-"""gripperctl against the real daemon and simulated grippers: scans, ids, firmware."""
+"""gripperctl with the real daemon and simulated grippers: scans, ids, firmware."""
 
 import pytest
 from harness import gripperctl
@@ -11,7 +11,7 @@ from harness.waiting import eventually
 
 @pytest.fixture(scope="module")
 def folder(tmp_path_factory):
-    """Where the daemon runs and looks for its flasher."""
+    """The working directory of the daemon, where it expects its flasher."""
     folder = tmp_path_factory.mktemp("work")
     (folder / "firmware").mkdir()
     make_image(folder / "firmware", "TA3-1.6.14", 4096)
@@ -31,7 +31,7 @@ def daemon(simulator, start_module_daemon, folder):
 
 @pytest.fixture
 def found(simulator, daemon, folder, connect):
-    """Both grippers run their firmware and are known; there is no flasher."""
+    """The daemon has found both grippers, which run their firmware. There is no flasher."""
     (folder / "romflasher").unlink(missing_ok=True)
     simulator.command("clear")
     client = connect()
@@ -60,12 +60,12 @@ def test_a_gripper_that_keeps_its_id(found, simulator):
 
 
 def upgrade_and_restart(simulator):
-    """Switches the gripper off and on when it is looked for; what the upgrade tells."""
+    """Restarts the gripper during the scan after the upgrade. Returns the result."""
     process = start_ctl("upgrade", "--yes")
-    # The first scan comes before the upgrade.
+    # The first scan is before the upgrade.
     while not process.stderr.readline().startswith("gripper 9: entering"):
         assert process.poll() is None
-    # Whether a flasher that ends at once is seen while it runs is a matter of luck.
+    # gripperctl may miss a flasher that ends at once.
     while not process.stderr.readline().startswith("scanning"):
         assert process.poll() is None
     simulator.command("restart 9")
@@ -108,7 +108,8 @@ def test_an_upgrade_is_refused_while_another_gripper_is_in_its_bootloader(found,
     simulator.command("restart 2")
 
 
-# These leave another gripper behind, so they are the last ones.
+# These tests change the grippers, so they must be the last.
+
 
 def test_an_upgrade_ends_with_both_versions(found, folder):
     put_real_flasher(folder)
@@ -128,7 +129,7 @@ def test_a_gripper_gets_another_id(found, simulator):
     assert "id 4 is in use" in fail(gripperctl.REFUSED, "rename", "9", "4")
     simulator.command("remove 4")
     eventually(lambda: succeed("get", "SID") == "[2, 9]\n")
-    told = as_json("rename", "9", "3")
-    assert (told["old"], told["new"]) == (9, 3)
+    result = as_json("rename", "9", "3")
+    assert (result["old"], result["new"]) == (9, 3)
     assert succeed("get", "SID") == "[2, 3]\n"
     simulator.wait_until_polled(3)

@@ -1,4 +1,4 @@
-"""The manual page, the completion and --help tell the same."""
+"""The manual page, the completion and --help agree."""
 
 import json
 import os
@@ -54,7 +54,7 @@ def test_every_page_is_well_formed_and_of_this_version(path):
 
 @pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
 def test_every_page_refers_to_existing_pages(path):
-    """Those of ours by their files; others belong to packages that may be missing here."""
+    """Only our own pages are checked: other packages may be missing here."""
     ours = {page.name for page in PAGES}
     named = re.findall(r"^\.(?:BR|IR) ([\w-]+) \((\d)\)", path.read_text(), re.MULTILINE)
     assert any(name.startswith("gripper") for name, _ in named)
@@ -79,7 +79,7 @@ def test_the_page_lists_every_exit_code_and_the_version(page):
 
 
 def members(tree):
-    """The names of an object and of those in its lists."""
+    """Returns the names of an object's members and of the members in its lists."""
     for name, value in tree.items():
         yield name
         for inner in value if isinstance(value, list) else []:
@@ -102,12 +102,12 @@ def test_the_page_names_every_member_of_the_json(page, words, tmp_path):
 
     with ScriptedDaemon(answer, GTO="1", PRE="000", OBJ="3") as daemon:
         run = ctl("--json", "--host", daemon.host, *words, cwd=tmp_path)
-    told = set(members(json.loads(run.stdout)))
-    assert told <= set(re.findall(r"\w+", page)), told
+    seen = set(members(json.loads(run.stdout)))
+    assert seen <= set(re.findall(r"\w+", page)), seen
     chapter = page.split("\nJSON\n")[1].split("\nNOTES\n")[0]
     entry = re.search(rf"^ +(?:[a-z]+, )*{words[0]}\b.*\n((?: {{10,}}.*\n)*)", chapter, re.MULTILINE)
-    assert {"error", "exitCode"} <= told or told <= set(re.findall(r"\w+", entry[0])), entry[0]
-    assert ("error" in told) == (run.returncode != 0) == (words[-1] == "999"), run
+    assert {"error", "exitCode"} <= seen or seen <= set(re.findall(r"\w+", entry[0])), entry[0]
+    assert ("error" in seen) == (run.returncode != 0) == (words[-1] == "999"), run
 
 
 def test_every_command_has_its_help():
@@ -121,7 +121,7 @@ def test_the_version():
 
 
 def completed(*words):
-    """What bash offers for the last word."""
+    """Returns the words that bash offers for the last word."""
     script = 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); '
     script += '_gripperctl; printf "%s\\n" "${COMPREPLY[@]}"'
     run = subprocess.run(
@@ -137,7 +137,7 @@ def test_commands_are_completed():
     assert completed("re") == ["release", "rename", "record"]
     assert completed("--host", "robot", "sta") == ["status"]
     assert completed("--timeout", "1") == []
-    # As bash cuts "--host robot:63352" and "--gripper=3".
+    # bash splits "--host robot:63352" and "--gripper=3" in this way.
     assert completed("--host", "robot", ":", "63352", "sta") == ["status"]
     assert completed("--host", "robot", ":", "6") == []
     assert completed("--gripper", "=", "3", "sta") == ["status"]

@@ -1,4 +1,4 @@
-"""gripperctl against a scripted daemon: polling is never left muted."""
+"""gripperctl with a scripted daemon: it never leaves polling muted."""
 
 import signal
 import threading
@@ -9,10 +9,10 @@ from harness.gripperctl import ScriptedDaemon, fail, ctl, run_to_end, start_ctl
 
 
 class HoldingDaemon(ScriptedDaemon):
-    """Answers one request only when it is released, and has these values from then on."""
+    """Answers the request `held` only after a release, and has new values from then on."""
 
     def __init__(self, held, reply=b"ack", **values):
-        self.held, self.reply, self.values_behind = held, reply, values
+        self.held, self.reply, self.later_values = held, reply, values
         self.release = threading.Event()
         super().__init__()
 
@@ -24,11 +24,11 @@ class HoldingDaemon(ScriptedDaemon):
         if request != self.held:
             return super().usual(request)
         self.release.wait(10)
-        self.values.update(self.values_behind)
+        self.values.update(self.later_values)
         return self.reply
 
     def start(self, *words):
-        """A client whose request is being held."""
+        """Returns a client whose request waits for the release."""
         process = start_ctl("--host", self.host, *words)
         self.wait_for(self.held)
         return process
@@ -168,7 +168,7 @@ def test_an_upgrade_is_refused_when_another_client_was_faster():
 
 
 def flashing_and_then(values):
-    """An answer function of a daemon that flashes for a moment and then has these values."""
+    """Returns an answer function: the daemon flashes briefly and then has these values."""
     seen = []
 
     def answer(daemon, request):
@@ -232,7 +232,7 @@ def test_the_link_shows_a_flasher_that_ended_unseen():
     def answer(request):
         if request == "GET DRI" and "UPG 1" in daemon.sets():
             looks.append(1)
-            # Polling goes on, finds the port closed, and opens it.
+            # Polling continues, finds the port closed and opens it.
             daemon.values["DRI"] = "ERR_SCANNING (EIO)" if 3 < len(looks) < 9 else "RUNNING"
         return daemon.usual(request)
 

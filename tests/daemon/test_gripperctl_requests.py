@@ -1,4 +1,4 @@
-"""gripperctl against a scripted daemon: what it asks, how it takes what it is answered."""
+"""gripperctl with a scripted daemon: its requests, and how it reads the replies."""
 
 import json
 import re
@@ -130,7 +130,7 @@ def test_no_gripper_is_guessed(ids, words, code, said):
 
 
 def test_values_of_the_former_movement_do_not_end_this_one():
-    """The old request was reached; the new one is only seen at the third look."""
+    """The former movement has ended; the values show the new request only at the third GET."""
     looks = []
 
     def answer(request):
@@ -147,7 +147,7 @@ def test_values_of_the_former_movement_do_not_end_this_one():
 
 
 def changing(times, trigger):
-    """An answer function: the values change that many seconds after the request of the trigger."""
+    """Returns an answer function: values change at these seconds after the trigger request."""
     begin = []
 
     def answer(daemon, request):
@@ -164,7 +164,7 @@ def changing(times, trigger):
 
 
 def test_a_request_that_was_replaced_before_it_showed_does_not_end_a_movement():
-    """Told to go to 100 a moment ago, and back to 0 now: the gripper has taken both."""
+    """The gripper has accepted a movement to 100, and shortly afterwards one to 0."""
     times = [
         (0.15, {"PRE": "100", "OBJ": "1", "POS": "9"}),
         (0.25, {"PRE": "000", "POS": "5"}),
@@ -205,9 +205,9 @@ def test_a_running_activation_is_awaited_and_not_repeated():
 @pytest.mark.parametrize("words", [["move", "90"], ["activate", "--again"]], ids=" ".join)
 def test_a_former_value_is_not_reported_as_the_result(words):
     with ScriptedDaemon(OBJ="3", POS="40") as daemon:
-        told = as_json("--host", daemon.host, *words)
-        assert told["gripper"] == 9 and "was told to" in told["text"]
-        assert not {"object", "position", "current", "status", "fault"} & set(told)
+        result = as_json("--host", daemon.host, *words)
+        assert result["gripper"] == 9 and "was told to" in result["text"]
+        assert not {"object", "position", "current", "status", "fault"} & set(result)
 
 
 def test_ctrl_c_leaves_the_movement_running_and_says_so():
@@ -257,12 +257,12 @@ def test_a_problem_is_one_line_of_json_with_all_details():
     with ScriptedDaemon(XYZ="?") as daemon:
         run = ctl("--host", daemon.host, "--json", "get", "STA", "XYZ")
         assert run.returncode == gripperctl.REFUSED
-        told = json.loads(run.stdout)
-        assert (told["STA"], told["XYZ"], told["exitCode"]) == ("3", "?", 1)
-        assert "no value of XYZ" in told["error"]
+        result = json.loads(run.stdout)
+        assert (result["STA"], result["XYZ"], result["exitCode"]) == ("3", "?", 1)
+        assert "no value of XYZ" in result["error"]
 
 
-# Each of these ends badly here, for one reason or another.
+# Each of these commands fails here.
 @pytest.mark.parametrize("words", [
     [], ["fly"], ["move"], ["--speed"], ["status", "--gripper", "3"], ["get", "XYZ"], ["set", "MOD", "2"],
     ["activate", "--wait"], ["move", "9", "--wait"], ["open"], ["release"], ["led", "pink"],
@@ -275,9 +275,9 @@ def test_every_problem_is_one_line_of_json(words):
 
     with ScriptedDaemon(answer, STA="0", FLT="05", XYZ="?", UPG="1") as daemon:
         run = ctl("--json", "--host", daemon.host, "--timeout", "0.3", *words)
-        told = json.loads(run.stdout)
-        assert told["exitCode"] == run.returncode != gripperctl.DONE
-        assert "gripperctl: " + told["error"] in run.stderr
+        result = json.loads(run.stdout)
+        assert result["exitCode"] == run.returncode != gripperctl.DONE
+        assert "gripperctl: " + result["error"] in run.stderr
 
 
 @pytest.mark.parametrize("words,pairs", [

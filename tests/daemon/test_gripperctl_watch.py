@@ -1,4 +1,4 @@
-"""gripperctl against the real daemon and simulated grippers: watching, recording, drawing."""
+"""gripperctl with the real daemon and simulated grippers: watch, record, plot."""
 
 import json
 import os
@@ -32,13 +32,13 @@ def daemon(simulator, start_module_daemon):
 
 @pytest.fixture
 def moved(daemon):
-    """Gripper 9 stands at 128."""
+    """Gripper 9 is at 128."""
     succeed("activate", "--wait")
     succeed("move", "128", "--speed", "255", "--wait")
 
 
 class Terminal:
-    """A real terminal of its own: a tmux server that only this test knows."""
+    """A real terminal: a tmux server for this test only."""
 
     def __init__(self, folder):
         self.socket = str(folder / "tmux")
@@ -62,9 +62,9 @@ class Terminal:
         return self.tmux("capture-pane", "-p").splitlines()
 
     def state(self):
-        """(on its second screen, with a cursor)"""
-        told = self.tmux("display-message", "-p", "#{alternate_on} #{cursor_flag}").split()
-        return tuple(word == "1" for word in told)
+        """Returns (is on the alternate screen, has a cursor)."""
+        flags = self.tmux("display-message", "-p", "#{alternate_on} #{cursor_flag}").split()
+        return tuple(word == "1" for word in flags)
 
     def wait_for(self, pattern, timeout=5.0):
         expression = re.compile(pattern)
@@ -90,13 +90,13 @@ def test_a_live_view_in_a_terminal(moved, terminal):
     assert terminal.wait_for(r"^ 2 Zentra inactive")
     assert terminal.state() == (True, False)
     assert all(len(line) <= COLUMNS for line in terminal.shown())
-    # It moves, and the view with it: the requested position is marked before it is reached.
+    # The view shows the requested position before the gripper has reached it.
     succeed("move", "255", "--speed", "0")
     bar = terminal.wait_for(r"^ 9 .*\[(#+-+\|)\] .*-> 255 .* moving")[1]
     assert bar.endswith("-|")
     terminal.press("C-c")
     terminal.wait_for("^ended with 0")
-    # What stood on the terminal before is there again.
+    # The terminal shows its former content again.
     terminal.wait_for("gripperctl watch")
     assert not any("link RUNNING" in line for line in terminal.shown())
     assert terminal.state() == (False, True)
@@ -165,7 +165,8 @@ def test_a_gripper_that_does_not_exist(daemon, command, tmp_path):
     assert list(tmp_path.iterdir()) == []
 
 
-# Recording and drawing
+# Recording and plotting
+
 
 @pytest.fixture(scope="module")
 def recording(daemon, tmp_path_factory):

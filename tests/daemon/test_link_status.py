@@ -1,4 +1,4 @@
-"""What clients are told of the link, and how it comes back."""
+"""The status of the link that clients see, and the recovery of the link."""
 
 import pytest
 from harness import modbus
@@ -13,7 +13,7 @@ def fail_lines(daemon, since=0):
 
 
 def fails(count, address=2000):
-    """A script that is silent for the next `count` requests to this address."""
+    """Returns a script that does not answer the next `count` requests to this address."""
     left = [count]
 
     def script(request):
@@ -45,7 +45,7 @@ def test_a_sixth_call_that_succeeds_still_counts_as_failure(found, line, connect
     assert fail_lines(found) == FAILURES
     status_reads = line.since(mark, lambda r: r.is_read(2000))
     assert len(status_reads) >= 6
-    # The link was closed, so the ports were looked for again, and the gripper found.
+    # The daemon has closed the link, searched for ports and found the gripper again.
     eventually(lambda: client.get("DRI") == "RUNNING")
     assert len([m for m in found.messages() if "availablePorts" in m]) == 2
 
@@ -123,13 +123,13 @@ FAULTS = {
 
 
 @pytest.mark.parametrize("kind", list(FAULTS))
-def test_one_spoilt_answer_is_one_failure(found, line, connect, kind):
+def test_one_invalid_answer_is_one_failure(found, line, connect, kind):
     line.wait_until_polled(9, 2)
     line[9].put(2002, 0x2A00)
     done = []
 
     def script(request):
-        # The last read of a visit: what comes late meets the next one.
+        # The last read of a visit: a late answer meets the next visit.
         if not request.is_read(604) or done:
             return None
         done.append(request)
@@ -140,7 +140,7 @@ def test_one_spoilt_answer_is_one_failure(found, line, connect, kind):
     line.wait_until_polled(9, 3)
     counts = fail_lines(found)
     if kind == "late":
-        # The second try may be spoilt by the late answer; the third cannot be.
+        # The late answer may spoil the second try, but not the third.
         counts = counts[:1]
         assert len(fail_lines(found)) <= 2
     assert counts == FAILURES[:1]
@@ -199,5 +199,5 @@ def test_an_exception_is_waited_out_for_the_whole_deadline(found, line):
     line.wait_until_polled(9)
     requests = line.since(mark)
     at = next(i for i, r in enumerate(requests) if r.at == refused[0].at)
-    # Three registers have 32 + 30 ms, in steps of 10.
+    # The deadline for three registers is 32 + 30 ms, checked every 10 ms.
     assert 0.062 <= requests[at + 1].at - requests[at].at < 0.085

@@ -1,4 +1,4 @@
-"""What the polling loop does on the line."""
+"""The traffic of the polling loop."""
 
 import pytest
 from harness import modbus
@@ -13,7 +13,7 @@ def shape(requests):
 
 
 def settle(line, *slave_ids):
-    """Returns when the first writes after the discovery are over."""
+    """Waits for the first writes after the discovery."""
     for slave_id in slave_ids:
         line.wait_for(lambda r, n=slave_id: r.slave == n and r.is_write(1000))
     for slave_id in slave_ids:
@@ -114,12 +114,12 @@ def test_a_gripper_that_is_active_is_reset_before_it_is_activated_anew(found, li
     assert client.get("ACT") == "1"
     mark = line.mark()
     assert client.set("ACT 1") == "ack"
-    # The reset is repeated until the gripper reports itself inactive.
+    # The daemon repeats the reset until the gripper reports that it is inactive.
     resets = line.wait_for(lambda r: r.is_write(), 3, mark)
     assert [r.values[0] & 0x0100 for r in resets] == [0, 0, 0]
     line[9].put(2000, 0)
     line.wait_for(lambda r: r.is_write() and r.values[0] == 0x0100, 1, mark)
-    # One more write carries the activation, then the output is no longer new.
+    # One more write has the activation. After it, no output is new.
     line.wait_until_polled(9, 4)
     values = [r.values[0] for r in line.since(mark, lambda r: r.is_write())]
     first = values.index(0x0100)
@@ -168,7 +168,7 @@ def test_a_failed_write_is_repeated_within_its_tick(found, line, connect):
     writes = line.wait_for(lambda r: r.is_write(), 3, mark)
     line.wait_until_polled(9, 2)
     assert [r.values for r in line.since(mark, lambda r: r.is_write())] == [[0, 7, 0]] * 3
-    # The write of three registers has 62 ms.
+    # The deadline for a write of three registers is 62 ms.
     assert all(b.at - a.at > 0.06 for a, b in zip(writes, writes[1:]))
     assert found.messages(log_mark)[1:] == [
         "gripper->updateOutput() fail counter:  1",
@@ -228,7 +228,7 @@ def test_a_failed_counter_read_keeps_its_value_and_ends_the_visit(found, line, c
     line[9].script = lambda r: b"" if r.is_read(address) else None
     mark, log_mark = line.mark(), found.mark()
     found.wait_for_line(r"updateInput\(\) fail counter:  2 ", log_mark)
-    # The status fields of the same visits are fresh all the same.
+    # The status fields of the same visits are nevertheless fresh.
     assert client.get("POS") == "51"
     assert client.get(names[address]) == str({600: 1, 602: 2, 604: 3}[address])
     line[9].script = None
@@ -276,7 +276,7 @@ def test_a_second_copy_of_a_counter_changes_no_other_counter(
     mark = line.mark()
     while len(line.since(mark, lambda r: r.is_read(2000))) < 4:
         assert client.get(name) == own
-    # A new value shows as soon as the copies end.
+    # After the copies, the counter has its new value.
     line[9].put(polled, 999)
     line[9].script = None
     eventually(lambda: client.get(name) == "999")

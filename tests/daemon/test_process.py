@@ -1,4 +1,4 @@
-"""Start, end and log of the process."""
+"""Start, end and log of the daemon's process."""
 
 import os
 import re

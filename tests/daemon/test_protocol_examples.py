@@ -1,6 +1,6 @@
-"""The examples of docs/protocol.md, and the clients in examples/, on the real daemon.
+"""The examples of docs/protocol.md, and the clients in examples/, with the real daemon.
 
-What the lines of an example mean is told at the top of that document.
+The top of that document explains the lines of an example.
 """
 
 import pathlib
@@ -33,7 +33,7 @@ REPETITION = 0.005
 
 
 class Example:
-    """One fenced block: where it stands, and its lines as (mark, text)."""
+    """One fenced block: its place in the document, and its lines as (mark, text)."""
 
     def __init__(self, document, match):
         line = document.count("\n", 0, match.start()) + 1
@@ -58,7 +58,7 @@ EXAMPLES = examples_of(DOCUMENT)
 
 
 class Stage:
-    """What an example is played on: two grippers, a daemon that has found them, a client."""
+    """The set-up of an example: two grippers, a daemon that has found them, a client."""
 
     def __init__(self, simulator, daemon):
         self.simulator = simulator
@@ -90,7 +90,7 @@ class Stage:
             eventually(lambda: client.get("SID") == "[2, 9]")
 
     def calm(self, slave_id):
-        """Active, open, nothing asked for, whatever the example before has left behind."""
+        """Makes the gripper active and open, without requests of former examples."""
         with Client() as client:
             client.set(f"SID {slave_id}")
             client.set(CALM + " THROTTLE 0")
@@ -111,11 +111,11 @@ class Stage:
             before = ""
             for mark, text in example.steps:
                 if before == mark == ">":
-                    # So that the daemon does not get both at once.
+                    # A pause, so that the daemon does not read both at once.
                     time.sleep(MOMENT)
                 self.STEPS[mark](self, visible(text) if mark in "<>?" else text)
                 before = mark
-            # Nothing has come that the example does not tell of.
+            # The daemon has sent nothing that the example does not show.
             assert self.client.get("PCO") == "0"
 
     def send(self, text):
@@ -166,9 +166,9 @@ class Stage:
 
 @pytest.fixture(scope="module")
 def daemon(start_module_daemon, tmp_path_factory):
-    """Finds no line until there is a stage."""
+    """A daemon that finds a line only when there is a stage."""
     folder = tmp_path_factory.mktemp("daemon")
-    # An upgrade of which only the protocol is looked at.
+    # The examples check only the protocol of an upgrade.
     put_flasher(folder, "sleep 0.3")
     return start_module_daemon(cwd=folder)
 
@@ -188,7 +188,7 @@ def stage(shared_stage):
 
 @pytest.fixture(scope="module")
 def run_client(tmp_path_factory):
-    """run_client(language, goal) gives what it prints, what it complains of, and its status."""
+    """run_client(language, goal) returns standard output, standard error and exit status."""
     program = tmp_path_factory.mktemp("client") / "move"
     compiler = next(found for name in ("c++", "g++", "clang++") if (found := shutil.which(name)))
     warnings = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror"]
@@ -252,7 +252,7 @@ def test_a_set_is_on_the_line_within_a_period(stage, figure):
     waits = []
     with Client() as client:
         for position in range(1, effort(8, 50) + 1):
-            # Longer than it takes until the next write is possible, and at another time each time.
+            # Long enough for the next write, and at a different moment of the period each time.
             time.sleep(0.15 + position * 37 % 100 / 1000)
             mark, asked = stage.simulator.mark(), time.monotonic()
             assert client.set(f"POS {position}") == "ack"
@@ -263,11 +263,11 @@ def test_a_set_is_on_the_line_within_a_period(stage, figure):
         f"two grippers: on the line after {median * 1000:.0f} ms (median), "
         f"{max(waits) * 1000:.0f} ms (longest of {len(waits)})"
     )
-    # Every gripper has its turn within 100 ms; one answer that comes late costs as much again.
+    # Every gripper has its turn within 100 ms. One late answer doubles this.
     assert median < 0.15
 
 
-# A gripper that was moved takes a scan to be put back: that comes last.
+# After a slave id move, a scan is needed to restore the line. These examples come last.
 MOVES_LAST = sorted(EXAMPLES, key=lambda example: "SET NID" in example.requests())
 
 

@@ -1,4 +1,4 @@
-"""Requests that arrive while another one waits for the line."""
+"""Requests that arrive while another request waits for the line."""
 
 import time
 
@@ -52,7 +52,7 @@ def test_the_rest_of_a_packet_is_not_lost_to_a_request_during_the_wait(found, li
     client.send("SET SCN_BLOCK\nGET V")
     line.wait_for(is_probe, 1, mark)
     client.send("ER\n")
-    # Finished by the later packet, so answered in it.
+    # The later packet completes the request, so the daemon answers it at once.
     assert client.receive_line(0.5) == b"VER MZV-2.0.0\n"
     assert client.receive(3) == b"ack"
 
@@ -73,8 +73,8 @@ def test_commands_of_a_client_that_resets_are_carried_out(found, line, connect):
     for round_number in range(20):
         goal = 100 + round_number
         client = connect()
-        # The reset throws away what the daemon has not yet taken from the kernel,
-        # so it must have had its turn: another client sees that it had.
+        # A reset drops the bytes that the daemon has not yet read. The reply to another client
+        # shows that the daemon has had a turn.
         client.send(f"SET POS {goal}\n")
         assert connect().get("VER") == "MZV-2.0.0"
         client.reset()
@@ -90,7 +90,7 @@ def test_commands_after_the_scan_of_a_client_that_closes_are_carried_out(found, 
     client.send("SET SCN_BLOCK\nSET SID 9\nSET MUTE 0\n")
     mark = line.mark()
     client.close()
-    # Only if all three were carried out does the polling go on.
+    # Polling continues only after all three commands.
     line.wait_for(lambda r: r.slave == 4 and is_probe(r), 1, mark)
     eventually(lambda: len(line.since(mark, lambda r: r.is_read(2000))) > 2)
 

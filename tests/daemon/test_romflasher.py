@@ -1,4 +1,4 @@
-"""The flasher with the real stm32flash, and that one alone, against simulated bootloaders."""
+"""stm32flash alone, and the flasher with stm32flash, on simulated bootloaders."""
 
 import hashlib
 import os
@@ -150,7 +150,7 @@ def test_failure_has_its_code_and_one_line(bench, image, fault, code, text):
     assert result.stderr.startswith("romflasher: " + text)
     assert result.stderr.count("\n") == 1
     bench.command("clear")
-    # What the line says to do: off and on, into the bootloader, again.
+    # The message asks for this: power off and on, into the bootloader, flash again.
     bench.command(f"restart {bench.id}")
     eventually(lambda: bench.state() in ("firmware", "bootloader"))
     if bench.state() == "firmware":
@@ -255,7 +255,7 @@ def slow_bench():
 
 
 def slow_flashing(simulator, path):
-    """A flasher that has begun to write and has a long way to go."""
+    """Returns a flasher that has begun to write and needs a long time."""
     process = spawn(
         [binary("romflasher"), *arguments(simulator, path, "-d", "-g")],
         stdout=subprocess.PIPE, stderr=subprocess.PIPE,
@@ -273,7 +273,7 @@ def test_no_process_keeps_the_line_when_the_flasher_is_ended(slow_bench, image, 
     eventually(lambda: is_not_open(PORT), 2.0)
     process.stdout.close()
     process.stderr.close()
-    # The lock that it left is nobody's.
+    # The remaining lock names no live process.
     slow_bench.command("restart 9")
     eventually(lambda: slow_bench.state() == "bootloader")
     assert flash(slow_bench, image(slow_bench.after)).returncode == 0

@@ -1,4 +1,4 @@
-"""The flasher and its image: one that changes during the flash, one that cannot be written."""
+"""The flasher with an image that changes during the flash, or that it cannot write."""
 
 import os
 
@@ -16,7 +16,7 @@ def truncate(path):
 
 
 def overwrite(path):
-    """As a copy over the file does it."""
+    """Overwrites the image as a copy to the same file does."""
     with open(path, "r+b") as file:
         file.write(bytes(path.stat().st_size))
 
@@ -34,7 +34,7 @@ def test_an_image_that_changes_during_the_flash_is_written_as_it_was(tmp_path, c
         assert bench.version() == bench.after
 
 
-# An image that cannot be written leaves the firmware that is there, and -g starts that.
+# If the flasher cannot write an image, the gripper keeps its firmware, and -g starts it.
 
 NOTHING = "nothing was written"
 STARTED = NOTHING + ", and the firmware that is there was started"

@@ -8,8 +8,8 @@ from harness.flashing import BOTH, FlashSimulator, arguments, flash, make_image
 from harness.waiting import eventually
 
 CUTS = [
-    # What the master sends as the power fails, and how the flasher may end. A cut takes a
-    # moment, in which the next step may have begun.
+    # The last bytes of the master before the power cut, and the possible exit codes. A cut takes a
+    # moment, so the next step may have begun.
     ("synchronisation", lambda data: data == b"\x7f", {4, 5}),
     ("get id", lambda data: data == b"\x02\xfd", {4, 5}),
     ("erase command", lambda data: data in (b"\x44\xbb", b"\x43\xbc"), {5}),

@@ -1,4 +1,4 @@
-"""The daemon on a line of grippers that behave, and misbehave, like grippers."""
+"""The daemon on a line of simulated grippers, with and without faults."""
 
 import time
 

@@ -1,4 +1,4 @@
-"""The upgrade of a gripper with a stand-in for the flasher: how it is started, heard and ended."""
+"""Upgrades with a stand-in for the flasher: its start, its output and its end."""
 
 import signal
 import time
@@ -27,7 +27,7 @@ class UpgradeBench(Bench):
         self.daemon.wait_for_line("unmuteOnUpgradeFinished", self.log_mark)
 
     def back_to_firmware(self):
-        """The stand-ins flash nothing: the gripper goes on with what it has."""
+        """Restarts the gripper with its present firmware: the stand-ins flash nothing."""
         self.line.command("restart 9")
 
 
@@ -48,13 +48,13 @@ def test_command_line_file_and_rate_of_the_family(make_bench, tmp_path, family):
     ]
     bench.wait_for_the_unmuting()
     expected = [COMMAND.format(rate, file)]
-    # Of one family the start is logged.
+    # The daemon logs the start for one family only.
     if family == "TA":
         expected.append("upgrade started :  true")
     expected.append("unmuteOnUpgradeFinished")
-    told = [m for m in bench.messages() if m.startswith(("command : ", "upgrade", "unmute"))]
-    # A scan may look at ports with commands of its own.
-    assert [m for m in told if "fuser" not in m] == expected
+    messages = [m for m in bench.messages() if m.startswith(("command : ", "upgrade", "unmute"))]
+    # A scan may log its own commands.
+    assert [m for m in messages if "fuser" not in m] == expected
 
 
 def test_the_firmware_is_polled_again_after_success(make_bench, tmp_path):
@@ -119,7 +119,7 @@ def test_a_second_upgrade_is_refused_while_the_first_runs(make_bench, tmp_path):
     assert bench.client.set("UPG 1") == "nak"
     assert bench.connect().set("UPG 1") == "nak"
     assert time.monotonic() - started < 0.5
-    # Nothing went over the line for them, nor did a poll.
+    # Neither these requests nor polling used the line.
     time.sleep(0.3)
     assert bench.line.since(mark) == []
     assert len(bench.line.foreign) == foreign
@@ -131,7 +131,7 @@ def test_a_second_upgrade_is_refused_while_the_first_runs(make_bench, tmp_path):
 
 
 def test_one_of_two_simultaneous_upgrades_flashes(make_bench, tmp_path):
-    """The second one begins while the first waits for its gripper."""
+    """The second upgrade begins while the first waits for its gripper."""
     put_flasher(tmp_path, "while ! [ -e go ]; do sleep 0.05; done")
     bench = make_bench()
     bench.client.set("MUTE 1")
@@ -205,7 +205,7 @@ def test_an_upgrade_that_finds_no_bootloader_is_refused_and_starts_no_flasher(
 
 
 def test_the_port_is_closed_while_the_flasher_runs(make_bench, tmp_path):
-    """The port is closed: the flasher may open it for its exclusive use."""
+    """The flasher can open the port for exclusive use."""
     put_flasher(tmp_path, "ls -l /proc/$PPID/fd >descriptors; exit 0")
     bench = make_bench()
     assert bench.upgrade() == "ack"

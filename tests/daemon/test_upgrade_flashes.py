@@ -52,7 +52,7 @@ def test_after_a_killed_flasher_a_flash_by_hand_succeeds(make_bench, tmp_path):
     bench.wait_for_the_end()
     eventually(lambda: not any(is_alive(pid) for pid in family), 0.5)
     assert bench.client.get("UPG") == "0"
-    # It has no firmware and is not found any more.
+    # The gripper has no firmware, so discovery does not find it.
     eventually(lambda: bench.client.get("SID") == "[]")
     assert bench.client.set("MUTE 1") == "ack"
     bench.line.command("restart 9")
@@ -67,9 +67,9 @@ def test_a_failing_flasher_logs_its_reason_and_polling_continues(make_bench):
     bench.line.command("fault 9 nackWrite always")
     bench.start()
     bench.wait_for_the_end()
-    told = [m for m in bench.messages() if m.startswith('"')]
-    assert "flash it again" in told[-1]
-    # Nothing is found at the end of a line that is looked at again and again.
+    messages = [m for m in bench.messages() if m.startswith('"')]
+    assert "flash it again" in messages[-1]
+    # The daemon searches repeatedly and finds no gripper.
     mark = bench.daemon.mark()
     for _ in range(2):
         bench.daemon.wait_for_line("availablePorts", mark)
@@ -82,6 +82,6 @@ def test_a_missing_image_ends_the_upgrade_and_polling_continues(make_bench):
     assert bench.client.set("UPG 1", timeout=15) == "ack"
     bench.wait_for_the_end()
     assert any(m.startswith('"') and bench.image.name in m for m in bench.messages())
-    # The flasher has started the firmware that is there.
+    # The flasher has started the present firmware.
     bench.line.wait_until_polled(9, 2)
     assert bench.client.get("FWV") == FINGERS[0]

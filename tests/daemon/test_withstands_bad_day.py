@@ -1,4 +1,4 @@
-"""What else may happen to a machine in a robot cell."""
+"""Rare events of a robot cell: stopped or killed daemons, lost power, noise, a swapped gripper."""
 
 import pathlib
 import random
@@ -32,7 +32,7 @@ def test_a_stopped_daemon_continues_after_sigcont(found, line, connect, figure):
     answered = time.monotonic() - started
     line.wait_for(lambda r: r.is_read(2000), 3, mark)
     assert clients[0].get("DRI") == "RUNNING"
-    figure(f"requests of 50 clients answered {answered * 1000:.0f} ms after it went on")
+    figure(f"requests of 50 clients answered {answered * 1000:.0f} ms after SIGCONT")
 
 
 def test_the_next_daemon_starts_after_a_killed_one(start_daemon, line, figure):
@@ -47,7 +47,7 @@ def test_the_next_daemon_starts_after_a_killed_one(start_daemon, line, figure):
         worst = max(worst, time.monotonic() - started)
         following.kill()
     assert worst < 3.0
-    figure(f"the next one has found the gripper {worst:.1f} s after the kill, at worst")
+    figure(f"the next daemon found the gripper at most {worst:.1f} s after the kill")
 
 
 def test_a_removed_working_directory_changes_nothing(tmp_path, start_daemon, connect, line):
@@ -62,7 +62,7 @@ def test_a_removed_working_directory_changes_nothing(tmp_path, start_daemon, con
     eventually(lambda: client.get("DRI") == "ERR_SCANNING (EIO)")
     line.plug()
     eventually(lambda: client.get("DRI") == "RUNNING", 10)
-    # There is neither a flasher nor a firmware: the gripper stays, and polling goes on.
+    # There is neither a flasher nor an image, so the gripper keeps its firmware.
     assert client.set("SID 9") == "ack"
     assert client.get("FWV") == "TA3-1.6.14"
 
@@ -82,11 +82,11 @@ def test_grippers_that_lose_their_power_come_back_by_themselves(start_daemon, co
             worst = max(worst, seconds_until(lambda: client.get("SID") == "[2, 3, 9]"))
         line.wait_until_polled(9)
         assert worst < 5.0
-        figure(f"three grippers found again {worst:.1f} s after their power, at worst")
+        figure(f"three grippers found again at most {worst:.1f} s after power on")
 
 
 def test_the_daemon_survives_chatter_on_the_line(found, line, connect, figure):
-    """As when a gripper is cabled up live, or the shield is broken."""
+    """A broken shield or a gripper that is connected under power causes such noise."""
     randomness = random.Random(1)
     client = connect()
     line[9].put(2002, 0x7B00)
@@ -128,6 +128,6 @@ def test_a_second_daemon_started_by_mistake_does_not_disturb_the_first(found, li
     assert line.garbage == []
     line.wait_until_polled(9)
     reads = line.since(mark, lambda r: r.is_read(500))
-    # The other one never asked anything.
+    # The second daemon sent no request.
     assert reads == []
     assert connect().get("DRI") == "RUNNING"

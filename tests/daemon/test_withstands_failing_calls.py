@@ -15,8 +15,8 @@ from harness.waiting import eventually
 
 SECONDS = effort(2, 30)
 CLIENTS_A_SECOND = 10
-# A loop that retries without a pause makes ten thousand calls, even under strace. A client retries
-# 20 times a second.
+# A loop without a pause makes ten thousand calls a second, even under strace. A client retries 20
+# times a second.
 CALLS_A_SECOND = 1000
 # The share of one processor.
 LARGEST_SHARE = 0.4 if SANITIZED else 0.2
@@ -82,7 +82,7 @@ def ask(client):
 
 
 def is_answered(client, ends_connections):
-    """False for a connection that has ended; a client without an answer fails the test."""
+    """Returns False if the connection has ended. Fails the test if the client gets no answer."""
     client.socket.settimeout(10)
     try:
         answer = client.socket.recv(65536)
@@ -104,9 +104,10 @@ def daemon(module_found):
 
 @pytest.fixture
 def disturbed(line, daemon, connect, tmp_path):
-    """disturbed(row, lasting) makes calls fail, with clients asking and a line plugged again.
+    """disturbed(row, lasting) makes calls fail while clients send requests.
 
-    Returns failing calls a second and the share of a processor that the daemon used.
+    For "openat" it also plugs the line in again. It returns the failing calls per second and the
+    share of a processor that the daemon used.
     """
 
     def disturb(row, lasting):

@@ -1,4 +1,4 @@
-"""The line hangs up in the middle of an access, as when its adapter is pulled out, and comes back."""
+"""The line hangs up during an access, as a removed adapter does, and returns."""
 
 import pytest
 from harness.effort import effort

@@ -1,4 +1,4 @@
-"""Requests that are made to cost: the client that sends them is the only one who may notice."""
+"""Requests that are designed to be expensive delay only the client that sends them."""
 
 import time
 
@@ -21,9 +21,9 @@ from harness.waiting import eventually
 FLOODS = True
 
 ROUNDS = effort(5, 100)
-# Enough for what looks on to see the attack, and little else.
+# Long enough for the observers to measure the attack.
 SECONDS = 1.5
-# A hundred lines of a thousand characters, and some. Of one round.
+# The bytes of log in one round: a hundred lines of a thousand characters, and some more.
 LOG_LIMIT = 150_000
 
 MEBIBYTE = 1 << 20
@@ -45,7 +45,7 @@ def found(module_found):
 
 
 @pytest.fixture(autouse=True)
-def polled_as_at_the_start(found, line):
+def polls_normally(found, line):
     line.wait_until_polled(9)
     yield
     with Client() as client:
@@ -53,7 +53,7 @@ def polled_as_at_the_start(found, line):
 
 
 def attack(found, line, connect, figure, once, visited=VISITS_USUAL, worst=WORST_LIMIT):
-    """Calls once(client, round) again and again while others look on."""
+    """Calls once(client, round) repeatedly and measures the effect on others."""
     client, written, number = connect(timeout=20), 0, 0
     with Bystander() as bystander:
         visits, ends = Visits(line), time.monotonic() + SECONDS
@@ -63,13 +63,13 @@ def attack(found, line, connect, figure, once, visited=VISITS_USUAL, worst=WORST
             written, number = max(written, log_bytes(found, log)), number + 1
         figure(visits.check(worst, visited))
     figure(bystander.check(worst))
-    figure(f"{number} rounds, {written} bytes of log in one at most")
+    figure(f"{number} rounds, at most {written} bytes of log in one")
     bystander.check_longest(worst)
     assert written < LOG_LIMIT
 
 
 def position(number):
-    """Another one in every round."""
+    """Returns a different position for each round."""
     return number % 250 + 1
 
 
@@ -77,7 +77,7 @@ def test_a_megabyte_of_set_without_its_line_ending(found, line, connect, figure)
     def once(_, __):
         client = connect()
         client.send(MEGABYTE_OF_SET)
-        # It may still become a request: no reply before its line ending.
+        # The text may still become a request, so there is no reply before its line ending.
         assert client.receive_until_silent(0.2) == b""
         client.close()
 
@@ -93,7 +93,7 @@ def test_a_megabyte_of_set_is_carried_out_with_its_line_ending(
         assert client.receive(3) == b"ack"
         eventually(lambda: line[9].get(1001) == [position(number)])
 
-    # A hundred thousand pairs in one go: in slow builds others notice, but not for long.
+    # The daemon processes a hundred thousand pairs. In slow builds this delays others a little.
     visited, worst = (VISITS_BESIDE_WRITES, WORST_LIMIT) if RELEASE else (0.6, 0.5 * SLOWNESS)
     attack(found, line, connect, figure, once, visited, worst)
 
@@ -133,7 +133,7 @@ def test_a_valid_set_of_20000_names_is_carried_out(
     def once(client, number):
         client.send(request_text.format(position(number)))
         assert client.receive(3) == b"ack"
-        # What stands last in the request.
+        # These are the last values of the request.
         eventually(lambda: line[9].get(1001, 2) == [position(number), speed_and_force])
 
     attack(found, line, connect, figure, once, VISITS_BESIDE_WRITES)
@@ -145,8 +145,8 @@ def test_a_set_of_20000_unknown_names_is_logged_once_in_short(found, line, conne
     assert client.receive(3) == b"ack"
     whole = 'SET UNHANDLED REQUEST : "' + request.replace("\n", '\\n"')
     cut = f"{whole[:1000]}... ({len(whole) - 1000} more characters)"
-    told = [text for text in found.messages(mark) if text.startswith("SET UNHANDLED")]
-    assert told == [cut] * 100 + ["SET UNHANDLED REQUEST : 19899 more pairs"]
+    logged = [text for text in found.messages(mark) if text.startswith("SET UNHANDLED")]
+    assert logged == [cut] * 100 + ["SET UNHANDLED REQUEST : 19899 more pairs"]
 
 
 @pytest.mark.parametrize("more, reply", [(0, b"ack"), (1, b"")], ids=["longest", "too long"])
@@ -177,9 +177,9 @@ def send_every_10_ms(client, requests, seconds):
     "requests, fastest, slowest",
     [
         (["SET THROTTLE 1\n"], 0.048, 0.056),
-        # Four requests of 10 ms each, and the next tick of 5 ms.
+        # A visit has four requests of 10 ms each; the next tick follows after 5 ms.
         (["SET THROTTLE 0\n"], 0.040, 0.0475),
-        # When the slow period begins at the end of a visit, the next comes that much later.
+        # A slow period may begin at the end of a visit and delays the next one.
         (["SET THROTTLE 0\n", "SET THROTTLE 1\n"], 0.040, 0.096),
     ],
     ids=["slow", "fast", "both in turn"],

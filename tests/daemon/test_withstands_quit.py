@@ -1,7 +1,7 @@
-"""Quit signals in whatever the daemon is doing.
+"""Quit signals in every state of the daemon.
 
-Other files send a signal in many of these states; here every signal has its turn (in every run
-another one per state, by hand all of them), no child stays, and the next daemon finds the grippers.
+No child remains, and the next daemon finds the grippers. Each state gets one of the signals, and all
+of them under scripts/robustness.
 """
 
 import os
@@ -26,7 +26,7 @@ from harness.waiting import eventually
 FLOODS = True
 SIGNALS = [signal.SIGQUIT, signal.SIGINT, signal.SIGTERM, signal.SIGHUP]
 ROUNDS = effort(1, 3)
-# All ids that are looked for answer, so that a discovery takes no longer than it must.
+# All probed ids answer, so a discovery is as short as possible.
 IDS = (9, 2, 3, 4)
 MOVED_TO = 7
 CLIENTS = 1000
@@ -34,7 +34,7 @@ LOCKS = "/run/lock"
 
 
 class Stage:
-    """A line and, once started, a daemon; each state of the table brings them into itself."""
+    """A line and a daemon. A function of the table STATES brings them into its state."""
 
     def __init__(self, folder, connect):
         self.folder = folder
@@ -61,7 +61,7 @@ class Stage:
         return self.line.mark()
 
     def ask_quietly(self, request):
-        """Sends it when nothing else is on the line; the mark from before."""
+        """Sends a request on a silent line. Returns the mark from before."""
         client = self.connect()
         assert client.set("MUTE 1") == "ack"
         self.line.wait_until_quiet()
@@ -70,7 +70,7 @@ class Stage:
         return mark
 
     def restore(self):
-        """Every gripper where the next daemon looks for it."""
+        """Restores every gripper at a probed id."""
         for slave in self.line.slaves.values():
             slave.listening = True
         if self.moving.id != 9:
@@ -80,7 +80,7 @@ class Stage:
 
 
 class FlashStage(Stage):
-    """The same with a simulated gripper, which has a bootloader."""
+    """A stage with simulated grippers, which have bootloaders."""
 
     def __init__(self, folder, connect):
         super().__init__(folder, connect)
@@ -98,13 +98,13 @@ class FlashStage(Stage):
         self.line.__exit__()
 
     def restore(self):
-        # New ones: one whose flashing was cut off has no firmware.
+        # A gripper has no firmware after an interrupted flash, so replace all of them.
         for slave_id in IDS:
             self.line.command(f"remove {slave_id}")
             self.line.command(f"add {slave_id}=TA3-1.6.13")
 
 
-# The states. Each returns when the daemon is in it.
+# The states: each function returns when the daemon is in its state.
 
 
 def before_any_port(stage):
@@ -162,7 +162,7 @@ def blocking_scan(stage):
 
 
 def moving(answered, wanted, count=1, pause=0.0):
-    """A slave id move with its request number `count` of this kind seen, `pause` seconds ago."""
+    """Returns the state of a move, `pause` seconds after its request number `count` of a kind."""
 
     def enter(stage):
         stage.start_and_find()
@@ -203,7 +203,7 @@ def client_that_does_not_read(stage):
 
 
 def detecting(request, expect_reset):
-    """The blocking look for a bootloader: of a running firmware, or after the restart."""
+    """Returns the state of the blocking search for a bootloader, before or after the reset."""
 
     def enter(stage):
         stage.start_and_find()
@@ -267,7 +267,7 @@ STATES = {
     "bootloader_after_restart": (FlashStage, detecting("SET UPG 1", True)),
     "stubborn_flasher": (FlashStage, stubborn_flasher),
 }
-# Seconds each, and told with one signal by the tests of the move and of the upgrade.
+# These take seconds each. test_slave_id_move_quit.py has the moves in every run.
 SLOW_STATES = {
     "move_second_read": (Stage, moving(False, is_settings_read, 2)),
     "move_before_restart_400": (Stage, moving(True, is_settings_read, 2, 0.1)),
@@ -281,13 +281,13 @@ CHOSEN = {**STATES, **(SLOW_STATES if LARGE else {})}
 
 
 def signals_for(state):
-    """One after the other in turn, or all."""
+    """Returns one signal, in turn for each state, or all of them."""
     turn = list(CHOSEN).index(state)
     return SIGNALS if LARGE else [SIGNALS[turn % len(SIGNALS)]]
 
 
 def quit_cleanly(daemon, number):
-    """The seconds that it takes; nothing of it stays."""
+    """Ends the daemon and checks that no process remains. Returns the seconds until its end."""
     children = children_of(daemon.pid)
     port_in_use = not is_not_open("/dev/ttyTool")
     status, seconds = daemon.stop(number)
@@ -301,7 +301,7 @@ def quit_cleanly(daemon, number):
 
 
 def lock_holders():
-    """A killed flasher's lock stays, and is taken over: its process is no more."""
+    """Returns the process ids in the lock files. The lock of a killed flasher may remain."""
     return [int(lock.read_text().split()[0]) for lock in pathlib.Path(LOCKS).iterdir()]
 
 
@@ -317,7 +317,7 @@ def test_a_quit_signal_ends_the_daemon(state, tmp_path, connect, figure):
             stage.daemon.kill()
             stage.restore()
         stage.start()
-        # Read of a gripper only that has answered to its id.
+        # The daemon reads this register only after a valid answer to the probe.
         stage.line.wait_for(lambda r: r.slave == 9 and r.is_read(514), since=stage.line.mark())
         quit_cleanly(stage.daemon, numbers[0])
     names = ", ".join(number.name for number in numbers)

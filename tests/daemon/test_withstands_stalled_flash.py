@@ -1,4 +1,4 @@
-"""A stm32flash that stands still: for a moment in every run, for good in the large version."""
+"""A stalled stm32flash: briefly in every run, for good under scripts/robustness."""
 
 import os
 import signal

@@ -1,4 +1,4 @@
-"""Standard input, output and error that are closed, full, or read by nobody."""
+"""Standard streams that are closed, full or without a reader."""
 
 import contextlib
 import fcntl
@@ -25,7 +25,7 @@ LONGEST_PAUSE = 0.3 * (1 if RELEASE else 4)
 
 @contextlib.contextmanager
 def daemon_with(folder, closed=(), **streams):
-    """A daemon with the given streams, without those that are `closed`; must quit in form."""
+    """A daemon with the given streams, without the `closed` ones. It must quit cleanly."""
     streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, **streams}
 
     def close_them():
@@ -46,7 +46,7 @@ def daemon_with(folder, closed=(), **streams):
 
 
 def assert_serves(line, connect):
-    """Answers with exactly the bytes that belong there, and polls with nothing between."""
+    """Checks that clients receive only their replies, and the line only requests."""
     client = connect()
     for _ in range(20):
         client.send(UNHANDLED + "GET VER\n")
@@ -57,10 +57,10 @@ def assert_serves(line, connect):
 
 
 def judge_pauses(line, mark, figure):
-    """The polling has gone on since then."""
+    """Checks that polling has had no long pause since the mark."""
     times = [request.at for request in line.since(mark)]
     longest = max(later - earlier for earlier, later in zip(times, times[1:]))
-    figure(f"longest pause of the polling {longest * 1000:.0f} ms")
+    figure(f"longest pause of polling {longest * 1000:.0f} ms")
     assert longest < LONGEST_PAUSE
 
 
@@ -95,7 +95,7 @@ def test_a_flasher_gets_its_own_streams_when_all_were_closed(tmp_path, connect, 
         listed = (tmp_path / "streams").read_text(encoding="ascii")
         assert [f" {n} -> pipe:" in listed for n in range(3)] == [True] * 3, listed
         assert "socket" not in listed and "/dev/pts/" not in listed, listed
-        figure(f"{len(simulated.foreign)} bytes on the line beside requests, all of the detection")
+        figure(f"{len(simulated.foreign)} other bytes on the line, all from the detection")
 
 
 def test_the_log_loses_its_reader(tmp_path, connect, line, figure):
@@ -125,10 +125,10 @@ def test_the_pipe_of_the_log_is_full(tmp_path, connect, line, figure):
         os.close(writer)
         line.wait_until_polled(9, timeout=10)
         mark = line.mark()
-        # Much more than the pipe takes.
+        # Much more than the pipe holds.
         assert_serves(line, connect)
         judge_pauses(line, mark, figure)
-        # Whoever reads again finds whole lines, the newest ones too.
+        # A new reader gets whole lines, including the newest.
         os.set_blocking(reader, False)
         text = b"".join(iter(lambda: read_what_is_there(reader), b""))
         assert text.endswith(b" ((null):0, (null))\n")
