@@ -49,7 +49,7 @@ def test_every_page_is_well_formed_and_of_this_version(path):
     )
     assert run.stderr == ""
     head = next(line for line in path.read_text().splitlines() if line.startswith(".TH"))
-    assert f'"gripperd {well("--version").split()[1]}"' in head
+    assert f'"gripperd {succeed("--version").split()[1]}"' in head
 
 
 @pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
