@@ -1,5 +1,5 @@
-#include "flasheroptions.h"
 #include "flasheroutcome.h"
+#include "options.h"
 #include "stm32flashrun.h"
 
 #include <QElapsedTimer>
@@ -7,13 +7,15 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+using namespace flasher;
+
 namespace {
-FlasherOptions optionsOf(const char *arguments)
+Options optionsOf(const char *arguments)
 {
-    return FlasherOptions::fromArguments(QString::fromLatin1(arguments)
-                                             .prepend(QLatin1String("romflasher "))
-                                             .simplified()
-                                             .split(QLatin1Char(' ')));
+    return Options::fromArguments(QString::fromLatin1(arguments)
+                                      .prepend(QLatin1String("romflasher "))
+                                      .simplified()
+                                      .split(QLatin1Char(' ')));
 }
 } // namespace
 
@@ -51,9 +53,9 @@ void TestRomflasherOptions::bothBootloadersHaveTheirAddressAndRoom()
     QFETCH(QByteArray, baudRate);
     QFETCH(quint32, address);
     QFETCH(qint64, capacity);
-    const FlasherOptions options =
+    const Options options =
         optionsOf("-p /dev/ttyS3 -b " + baudRate + " -f firmware/TF1-2.0.2.bin -d -g");
-    QCOMPARE(options.outcome, FlasherOptions::Outcome::Run);
+    QCOMPARE(options.outcome, Options::Outcome::Run);
     QCOMPARE(options.device, QStringLiteral("/dev/ttyS3"));
     QCOMPARE(options.imagePath, QStringLiteral("firmware/TF1-2.0.2.bin"));
     QCOMPARE(options.target.baudRate, baudRate.toInt());
@@ -65,8 +67,8 @@ void TestRomflasherOptions::bothBootloadersHaveTheirAddressAndRoom()
 
 void TestRomflasherOptions::flagsAreOffUnlessGiven()
 {
-    const FlasherOptions options = optionsOf("-f image -b 19200 -p /dev/ttyTool");
-    QCOMPARE(options.outcome, FlasherOptions::Outcome::Run);
+    const Options options = optionsOf("-f image -b 19200 -p /dev/ttyTool");
+    QCOMPARE(options.outcome, Options::Outcome::Run);
     QVERIFY(!options.isVerbose);
     QVERIFY(!options.startsFirmware);
 }
@@ -92,16 +94,16 @@ void TestRomflasherOptions::badArgumentsAreRefused_data()
 void TestRomflasherOptions::badArgumentsAreRefused()
 {
     QFETCH(QByteArray, arguments);
-    const FlasherOptions options = optionsOf(arguments.constData());
-    QCOMPARE(options.outcome, FlasherOptions::Outcome::Refuse);
+    const Options options = optionsOf(arguments.constData());
+    QCOMPARE(options.outcome, Options::Outcome::Refuse);
     QVERIFY(!options.text.isEmpty());
     QVERIFY(!options.text.contains(QLatin1Char('\n')));
 }
 
 void TestRomflasherOptions::helpExplains()
 {
-    const FlasherOptions options = optionsOf("--help");
-    QCOMPARE(options.outcome, FlasherOptions::Outcome::Explain);
+    const Options options = optionsOf("--help");
+    QCOMPARE(options.outcome, Options::Outcome::Explain);
     for (const char *word : {"-p", "-b", "-f", "-d", "-g", "0x08080000", "Exit codes"})
         QVERIFY2(options.text.contains(QLatin1String(word)), word);
 }
@@ -123,7 +125,7 @@ void TestRomflasherOptions::stm32flashGetsItsArguments()
 {
     QFETCH(QByteArray, arguments);
     QFETCH(QString, expected);
-    const FlasherOptions options = optionsOf(arguments.constData());
+    const Options options = optionsOf(arguments.constData());
     const QStringList words =
         Stm32FlashRun::writeArguments(options, QStringLiteral("8e1"), QStringLiteral("copy"));
     QCOMPARE(words.join(QLatin1Char(' ')), expected);
@@ -162,7 +164,7 @@ void TestRomflasherOptions::everyFailureHasItsCodeAndSaysWhatToDoNext()
 
 void TestRomflasherOptions::startWritesNothing()
 {
-    const FlasherOptions options = optionsOf("-p /dev/ttyUSB0 -b 115200 -f e.bin -g");
+    const Options options = optionsOf("-p /dev/ttyUSB0 -b 115200 -f e.bin -g");
     const QStringList words = Stm32FlashRun::startArguments(options, QStringLiteral("8e1"));
     QCOMPARE(words.join(QLatin1Char(' ')),
              QStringLiteral("-b 115200 -m 8e1 -g 0x08080000 /dev/ttyUSB0"));

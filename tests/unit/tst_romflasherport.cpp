@@ -13,6 +13,8 @@
 
 #include <sys/sysmacros.h>
 
+using namespace flasher;
+
 class TestRomflasherPort : public QObject
 {
     Q_OBJECT

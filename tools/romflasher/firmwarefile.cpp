@@ -7,6 +7,8 @@
 
 #include <sys/mman.h>
 
+namespace flasher {
+
 FirmwareFile::FirmwareFile(const QString &path, qint64 capacity)
     : m_problem(takeCopy(path, capacity))
 {
@@ -53,3 +55,5 @@ QString FirmwareFile::takeCopy(const QString &path, qint64 capacity)
     m_size = bytes.size();
     return QString();
 }
+
+} // namespace flasher

@@ -3,6 +3,8 @@
 #include <QFile>
 #include <QString>
 
+namespace flasher {
+
 /// A firmware image, checked and copied before the line is touched. stm32flash reads its file for
 /// minutes, so it gets the copy, which nobody else can change.
 class FirmwareFile
@@ -24,3 +26,5 @@ private:
     QFile m_copy;
     QString m_problem;
 };
+
+} // namespace flasher

@@ -1,5 +1,7 @@
 #include "flasheroutcome.h"
 
+namespace flasher {
+
 namespace {
 struct Row
 {
@@ -8,7 +10,7 @@ struct Row
     const char *nextStep;
 };
 
-constexpr Row kRows[] = {
+constexpr Row rows[] = {
     {FlasherOutcome::CannotBegin, "cannot begin", "fix that and try again"},
     {FlasherOutcome::PortFailed, "port not available", "free the port and try again"},
     {FlasherOutcome::NoBootloader, "no bootloader answered",
@@ -24,7 +26,7 @@ constexpr Row kRows[] = {
 
 QString lineFor(FlasherOutcome outcome, const QString &problem)
 {
-    for (const Row &row : kRows) {
+    for (const Row &row : rows) {
         if (row.outcome != outcome)
             continue;
         const QString cause = problem.isEmpty() ? QStringLiteral("stm32flash gave up") : problem;
@@ -33,3 +35,5 @@ QString lineFor(FlasherOutcome outcome, const QString &problem)
     }
     return QString();
 }
+
+} // namespace flasher

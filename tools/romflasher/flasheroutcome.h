@@ -2,6 +2,8 @@
 
 #include <QString>
 
+namespace flasher {
+
 /// How a flashing ends. The values are the exit codes of the program.
 enum class FlasherOutcome {
     Done = 0,         ///< written, verified, and started when that was asked for
@@ -16,3 +18,5 @@ enum class FlasherOutcome {
 /// The one line that tells what happened, why (`problem`, if it is known) and what to do next.
 /// Empty for Done.
 QString lineFor(FlasherOutcome outcome, const QString &problem);
+
+} // namespace flasher

@@ -1,7 +1,7 @@
 // The flashing program that the daemon starts.
 #include "firmwarefile.h"
-#include "flasheroptions.h"
 #include "flasheroutcome.h"
+#include "options.h"
 #include "parentwatch.h"
 #include "serialdevice.h"
 #include "serialportlock.h"
@@ -14,11 +14,13 @@
 
 #include <unistd.h>
 
+using namespace flasher;
+
 namespace {
 /// A scan that is under way when the line is wanted holds it for less than this.
-constexpr int kLockWaitMs = 3000;
+constexpr int lockWaitMs = 3000;
 /// The time that the daemon, too, gives a gripper to restart its firmware.
-constexpr unsigned long kBootWaitMs = 3000;
+constexpr unsigned long bootWaitMs = 3000;
 
 /// The one line that tells what happened, why and what to do next, on standard error.
 int end(FlasherOutcome outcome, const QString &problem)
@@ -37,7 +39,7 @@ struct HeldPort
         : lock(device)
     {
         serialMode = serialModeOf(device, &problem);
-        if (problem.isEmpty() && !lock.take(kLockWaitMs))
+        if (problem.isEmpty() && !lock.take(lockWaitMs))
             problem = lock.problem();
     }
 
@@ -49,12 +51,12 @@ struct HeldPort
 /// Until the firmware has booted the line stays ours: a scan that came earlier would miss it.
 void waitForBoot()
 {
-    QThread::msleep(kBootWaitMs);
+    QThread::msleep(bootWaitMs);
 }
 
 /// The end of a run that wrote nothing. A gripper that -g should have started is in its bootloader
 /// unless `isStarted`.
-int endUnwritten(const FlasherOptions &options, FlasherOutcome outcome, const QString &problem,
+int endUnwritten(const Options &options, FlasherOutcome outcome, const QString &problem,
                  bool isStarted = false)
 {
     if (!options.startsFirmware)
@@ -66,7 +68,7 @@ int endUnwritten(const FlasherOptions &options, FlasherOutcome outcome, const QS
     return end(outcome, problem + QLatin1String(fate));
 }
 
-int write(const FlasherOptions &options, const FirmwareFile &image)
+int write(const Options &options, const FirmwareFile &image)
 {
     const HeldPort port(options.device);
     if (!port.problem.isEmpty())
@@ -80,7 +82,7 @@ int write(const FlasherOptions &options, const FirmwareFile &image)
     return end(outcome, run.problem());
 }
 
-bool startPresentFirmware(const FlasherOptions &options)
+bool startPresentFirmware(const Options &options)
 {
     const HeldPort port(options.device);
     if (!port.problem.isEmpty() ||
@@ -90,7 +92,7 @@ bool startPresentFirmware(const FlasherOptions &options)
     return true;
 }
 
-int flash(const FlasherOptions &options)
+int flash(const Options &options)
 {
     const FirmwareFile image(options.imagePath, options.target.capacity);
     if (image.problem().isEmpty())
@@ -107,14 +109,14 @@ int main(int argc, char *argv[])
         return static_cast<int>(FlasherOutcome::CannotBegin);
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("romflasher"));
-    const auto options = FlasherOptions::fromArguments(QCoreApplication::arguments());
+    const auto options = Options::fromArguments(QCoreApplication::arguments());
     switch (options.outcome) {
-    case FlasherOptions::Outcome::Explain:
+    case Options::Outcome::Explain:
         std::fputs(options.text.toLocal8Bit().constData(), stdout);
         return static_cast<int>(FlasherOutcome::Done);
-    case FlasherOptions::Outcome::Refuse:
+    case Options::Outcome::Refuse:
         return end(FlasherOutcome::CannotBegin, options.text);
-    case FlasherOptions::Outcome::Run:
+    case Options::Outcome::Run:
         break;
     }
     return flash(options);

@@ -8,15 +8,17 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+namespace flasher {
+
 namespace {
 // The Unix98 majors of the kernel's list of devices.
-constexpr unsigned kFirstPtySlaveMajor = 136;
-constexpr unsigned kLastPtySlaveMajor = 143;
+constexpr unsigned firstPtySlaveMajor = 136;
+constexpr unsigned lastPtySlaveMajor = 143;
 } // namespace
 
 bool isPseudoTerminalSlave(dev_t device)
 {
-    return major(device) >= kFirstPtySlaveMajor && major(device) <= kLastPtySlaveMajor;
+    return major(device) >= firstPtySlaveMajor && major(device) <= lastPtySlaveMajor;
 }
 
 QString serialModeOf(const QString &path, QString *problem)
@@ -33,3 +35,5 @@ QString serialModeOf(const QString &path, QString *problem)
     }
     return isPseudoTerminalSlave(status.st_rdev) ? QStringLiteral("8n1") : QStringLiteral("8e1");
 }
+
+} // namespace flasher

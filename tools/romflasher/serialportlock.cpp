@@ -4,12 +4,14 @@
 
 #include <utility>
 
+namespace flasher {
+
 namespace {
 // QSerialPort's own list, in its order.
-constexpr const char *kFolders[] = {"/var/lock",       "/etc/locks", "/var/spool/locks",
-                                    "/var/spool/uucp", "/tmp",       "/data/local/tmp"};
+constexpr const char *lockFolders[] = {"/var/lock",       "/etc/locks", "/var/spool/locks",
+                                       "/var/spool/uucp", "/tmp",       "/data/local/tmp"};
 // As many as the kernel follows.
-constexpr int kMostLinks = 40;
+constexpr int maxLinks = 40;
 
 QString describeFailure(const QLockFile &lock, const QString &path)
 {
@@ -30,7 +32,7 @@ SerialPortLock::SerialPortLock(const QString &device)
 {
     QFileInfo name(device);
     m_paths.append(pathOf(device));
-    for (int links = 0; name.isSymLink() && links < kMostLinks; ++links) {
+    for (int links = 0; name.isSymLink() && links < maxLinks; ++links) {
         name.setFile(name.symLinkTarget());
         m_paths.append(pathOf(name.filePath()));
     }
@@ -42,7 +44,7 @@ QString SerialPortLock::pathOf(const QString &device)
     const QString prefix = QStringLiteral("/dev/");
     QString name = device.startsWith(prefix) ? device.mid(prefix.size()) : device;
     name.replace(QLatin1Char('/'), QLatin1Char('_'));
-    for (const char *folder : kFolders) {
+    for (const char *folder : lockFolders) {
         const QFileInfo info{QLatin1String(folder)};
         QString path = info.filePath() + QStringLiteral("/LCK..") + name;
         if (info.isReadable() && (QFileInfo::exists(path) || info.isWritable()))
@@ -69,3 +71,5 @@ bool SerialPortLock::take(int timeoutMs)
     }
     return true;
 }
+
+} // namespace flasher

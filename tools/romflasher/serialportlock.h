@@ -7,6 +7,8 @@
 #include <memory>
 #include <vector>
 
+namespace flasher {
+
 /// The lock file with which QSerialPort keeps a port to itself, taken by the same names, so that
 /// whoever opens ports with it stays off the line. Given back at destruction.
 class SerialPortLock
@@ -30,3 +32,5 @@ private:
     QString m_problem;
     std::vector<std::unique_ptr<QLockFile>> m_locks;
 };
+
+} // namespace flasher

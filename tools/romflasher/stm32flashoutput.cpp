@@ -2,8 +2,10 @@
 
 #include <QRegularExpression>
 
+namespace flasher {
+
 namespace {
-constexpr int kPercentPerTenth = 10;
+constexpr int percentPerTenth = 10;
 
 /// Cuts the lines that are complete off the front of `pending`. Progress lines end in carriage
 /// returns; empty ones are left out.
@@ -87,7 +89,7 @@ QStringList Stm32FlashOutput::takeProgress(const QString &line)
     const QRegularExpressionMatch match = pattern.match(line);
     if (!match.hasMatch())
         return {};
-    const int tenths = match.captured(2).toInt() / kPercentPerTenth;
+    const int tenths = match.captured(2).toInt() / percentPerTenth;
     if (match.captured(1).toUInt(nullptr, 16) == m_endAddress &&
         line.endsWith(QLatin1String("Done.")))
         m_stage = Stage::Written;
@@ -95,7 +97,7 @@ QStringList Stm32FlashOutput::takeProgress(const QString &line)
         return {};
     m_shownTenths = tenths;
     return {QStringLiteral("Wrote and verified %1 % (up to %2)")
-                .arg(tenths * kPercentPerTenth)
+                .arg(tenths * percentPerTenth)
                 .arg(match.captured(1))};
 }
 
@@ -115,3 +117,5 @@ FlasherOutcome Stm32FlashOutput::outcome(int exitCode, bool startsFirmware) cons
     }
     return FlasherOutcome::WriteFailed;
 }
+
+} // namespace flasher

@@ -7,6 +7,8 @@
 
 #include <optional>
 
+namespace flasher {
+
 /// Reads what stm32flash 0.7 prints: how far it has come, what went wrong, and the lines that
 /// are worth showing. Its exit code alone tells little: it is 1 for every failure, and 0 when
 /// the start of the firmware was refused.
@@ -48,3 +50,5 @@ private:
     int m_shownTenths = 0;
     QString m_complaint;
 };
+
+} // namespace flasher

@@ -8,8 +8,10 @@
 
 #include <unistd.h>
 
+namespace flasher {
+
 namespace {
-constexpr int kForEver = -1;
+constexpr int forEver = -1;
 
 QString hex(quint32 address)
 {
@@ -17,8 +19,7 @@ QString hex(quint32 address)
 }
 } // namespace
 
-Stm32FlashRun::Stm32FlashRun(const FlasherOptions &options, const QString &serialMode,
-                             int stallLimitMs)
+Stm32FlashRun::Stm32FlashRun(const Options &options, const QString &serialMode, int stallLimitMs)
     : m_options(options)
     , m_serialMode(serialMode)
     , m_stallLimitMs(stallLimitMs)
@@ -32,7 +33,7 @@ void Stm32FlashRun::Child::setupChildProcess()
         ::_exit(1);
 }
 
-QStringList Stm32FlashRun::writeArguments(const FlasherOptions &options, const QString &serialMode,
+QStringList Stm32FlashRun::writeArguments(const Options &options, const QString &serialMode,
                                           const QString &imagePath)
 {
     const QString address = hex(options.target.address);
@@ -48,7 +49,7 @@ QStringList Stm32FlashRun::writeArguments(const FlasherOptions &options, const Q
     return words << options.device;
 }
 
-QStringList Stm32FlashRun::startArguments(const FlasherOptions &options, const QString &serialMode)
+QStringList Stm32FlashRun::startArguments(const Options &options, const QString &serialMode)
 {
     return {QStringLiteral("-b"), QString::number(options.target.baudRate),
             QStringLiteral("-m"), serialMode,
@@ -76,7 +77,7 @@ FlasherOutcome Stm32FlashRun::execute(const QStringList &arguments, bool startsF
 {
     m_process.setStandardInputFile(QProcess::nullDevice());
     m_process.start(QStringLiteral("stm32flash"), arguments);
-    if (!m_process.waitForStarted(kForEver)) {
+    if (!m_process.waitForStarted(forEver)) {
         m_problem = QStringLiteral("stm32flash cannot be started (is it installed?): ") +
                     m_process.errorString();
         return FlasherOutcome::CannotBegin;
@@ -99,7 +100,7 @@ bool Stm32FlashRun::reachesItsEnd()
     const bool isStalled = m_process.state() != QProcess::NotRunning;
     if (isStalled) {
         m_process.kill();
-        m_process.waitForFinished(kForEver);
+        m_process.waitForFinished(forEver);
     }
     takeOutput();
     return !isStalled;
@@ -120,3 +121,5 @@ void Stm32FlashRun::show(const QStringList &lines) const
         std::fflush(stdout);
     }
 }
+
+} // namespace flasher

@@ -1,11 +1,13 @@
 #pragma once
 
 #include "firmwarefile.h"
-#include "flasheroptions.h"
+#include "options.h"
 #include "stm32flashoutput.h"
 
 #include <QCoreApplication>
 #include <QProcess>
+
+namespace flasher {
 
 /// One run of stm32flash, the program that speaks the ROM bootloader's protocol. It does not
 /// outlive this process. An object is good for one run.
@@ -17,7 +19,7 @@ public:
 
     /// `serialMode` is "8e1" or "8n1". stm32flash is killed when it prints nothing for
     /// `stallLimitMs`.
-    Stm32FlashRun(const FlasherOptions &options, const QString &serialMode,
+    Stm32FlashRun(const Options &options, const QString &serialMode,
                   int stallLimitMs = usualStallLimitMs);
 
     /// Writes and verifies the image, and starts it when the options want that. Blocks to the end;
@@ -28,9 +30,9 @@ public:
     /// The cause of a failure, empty when none is known.
     const QString &problem() const { return m_problem; }
 
-    static QStringList writeArguments(const FlasherOptions &options, const QString &serialMode,
+    static QStringList writeArguments(const Options &options, const QString &serialMode,
                                       const QString &imagePath);
-    static QStringList startArguments(const FlasherOptions &options, const QString &serialMode);
+    static QStringList startArguments(const Options &options, const QString &serialMode);
 
 private:
     /// Dies with us.
@@ -48,10 +50,12 @@ private:
     void show(const QStringList &lines) const;
     void takeOutput();
 
-    FlasherOptions m_options;
+    Options m_options;
     QString m_serialMode;
     int m_stallLimitMs;
     QString m_problem;
     Stm32FlashOutput m_output;
     Child m_process;
 };
+
+} // namespace flasher

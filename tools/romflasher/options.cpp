@@ -1,18 +1,20 @@
-#include "flasheroptions.h"
+#include "options.h"
 
 #include <QCommandLineParser>
 
+namespace flasher {
+
 namespace {
-constexpr quint32 kFlashStart = 0x08000000;
-constexpr quint32 kFlashEnd = 0x08100000;
+constexpr quint32 flashStart = 0x08000000;
+constexpr quint32 flashEnd = 0x08100000;
 
 constexpr BootloaderTarget targetAt(int baudRate, quint32 address)
 {
-    return {baudRate, address, static_cast<qint64>(kFlashEnd - address)};
+    return {baudRate, address, static_cast<qint64>(flashEnd - address)};
 }
 
-constexpr BootloaderTarget kTargets[] = {
-    targetAt(19200, kFlashStart), // the ROM bootloader, which no firmware can overwrite
+constexpr BootloaderTarget targets[] = {
+    targetAt(19200, flashStart),  // the ROM bootloader, which no firmware can overwrite
     targetAt(115200, 0x08080000), // the gripper's own, which lies below the firmware
 };
 
@@ -52,7 +54,7 @@ void declare(QCommandLineParser *parser)
 
 const BootloaderTarget *targetOf(const QString &baudRate)
 {
-    for (const BootloaderTarget &target : kTargets) {
+    for (const BootloaderTarget &target : targets) {
         if (baudRate == QString::number(target.baudRate))
             return &target;
     }
@@ -77,24 +79,24 @@ QString problemIn(const QCommandLineParser &parser)
     return QString();
 }
 
-FlasherOptions refuse(const QString &problem)
+Options refuse(const QString &problem)
 {
-    FlasherOptions options;
-    options.outcome = FlasherOptions::Outcome::Refuse;
+    Options options;
+    options.outcome = Options::Outcome::Refuse;
     options.text = problem + QStringLiteral(", see --help");
     return options;
 }
 
-FlasherOptions explain(const QString &text)
+Options explain(const QString &text)
 {
-    FlasherOptions options;
-    options.outcome = FlasherOptions::Outcome::Explain;
+    Options options;
+    options.outcome = Options::Outcome::Explain;
     options.text = text;
     return options;
 }
 } // namespace
 
-FlasherOptions FlasherOptions::fromArguments(const QStringList &arguments)
+Options Options::fromArguments(const QStringList &arguments)
 {
     QCommandLineParser parser;
     declare(&parser);
@@ -105,7 +107,7 @@ FlasherOptions FlasherOptions::fromArguments(const QStringList &arguments)
     const QString problem = problemIn(parser);
     if (!problem.isEmpty())
         return refuse(problem);
-    FlasherOptions options;
+    Options options;
     options.device = parser.value(Names::port());
     options.imagePath = parser.value(Names::file());
     options.target = *targetOf(parser.value(Names::baudRate()));
@@ -113,3 +115,5 @@ FlasherOptions FlasherOptions::fromArguments(const QStringList &arguments)
     options.startsFirmware = parser.isSet(Names::go());
     return options;
 }
+
+} // namespace flasher

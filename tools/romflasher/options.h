@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 
+namespace flasher {
+
 /// One of the two bootloaders: the rate at which it listens and where its firmware goes.
 struct BootloaderTarget
 {
@@ -12,7 +14,7 @@ struct BootloaderTarget
 };
 
 /// What the command line asks for.
-struct FlasherOptions
+struct Options
 {
     enum class Outcome {
         Run,     ///< go on with these options
@@ -29,5 +31,7 @@ struct FlasherOptions
     bool startsFirmware = false;
 
     /// `arguments` with the program's name in front.
-    static FlasherOptions fromArguments(const QStringList &arguments);
+    static Options fromArguments(const QStringList &arguments);
 };
+
+} // namespace flasher
