@@ -184,8 +184,8 @@ def test_a_gripper_that_runs_its_firmware_is_no_bootloader(image):
 
 WRONG_IMAGES = [
     (b"", "is empty"),
-    (b"x" * 524289, "has 524289 bytes, and there is room for 524288"),
-    (None, "is not there"),
+    (b"x" * 524289, "has 524289 bytes, but there is room for 524288 only"),
+    (None, "does not exist"),
 ]
 
 

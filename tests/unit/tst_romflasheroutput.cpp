@@ -4,9 +4,9 @@
 
 using namespace flasher;
 
-Q_DECLARE_METATYPE(FlasherOutcome)
+Q_DECLARE_METATYPE(ExitCode)
 
-// What stm32flash prints was recorded from version 0.7.
+// Recorded from stm32flash 0.7.
 namespace {
 const QByteArray head("stm32flash 0.7\n\nhttp://stm32flash.sourceforge.net/\n\n"
                       "Using Parser : Raw BINARY\nLocation     : 0x8000000\n"
@@ -37,91 +37,87 @@ class TestRomflasherOutput : public QObject
     Q_OBJECT
 
 private slots:
-    void endIsUnderstood_data();
-    void endIsUnderstood();
-    void progressIsOneLineForTenPercent();
-    void piecesMakeTheSameLines();
-    void complaintsAreShownAsTheyCome();
-    void imageThatEndsBeyondTheFlashIsNotDone();
+    void resultFollowsFromTheOutput_data();
+    void resultFollowsFromTheOutput();
+    void progressIsOneLinePerTenPercent();
+    void piecesOfTheOutputGiveTheSameLines();
+    void errorsAreShownLineByLine();
+    void imageLargerThanTheFlashIsNotDone();
     void startOfAnIncompleteFirmwareIsNotDone();
     void startWithoutWritingIsDone();
     void writingWithoutVerificationIsNotDone();
 };
 
-void TestRomflasherOutput::endIsUnderstood_data()
+void TestRomflasherOutput::resultFollowsFromTheOutput_data()
 {
     QTest::addColumn<QByteArray>("output");
     QTest::addColumn<QByteArray>("errors");
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<bool>("startsFirmware");
-    QTest::addColumn<FlasherOutcome>("outcome");
+    QTest::addColumn<ExitCode>("result");
     QTest::addColumn<QString>("complaint");
     const QByteArray none;
     const QString fine;
-    QTest::newRow("started") << written + started << none << 0 << true << FlasherOutcome::Done
-                             << fine;
+    QTest::newRow("started") << written + started << none << 0 << true << ExitCode::Done << fine;
     QTest::newRow("written, no start wanted")
-        << written << none << 0 << false << FlasherOutcome::Done << fine;
+        << written << none << 0 << false << ExitCode::Done << fine;
     QTest::newRow("synchronised before")
         << written + started << QByteArray("Warning: the interface was not closed properly.\n") << 0
-        << true << FlasherOutcome::Done << fine;
+        << true << ExitCode::Done << fine;
     QTest::newRow("start refused")
         << written + notStarted << QByteArray("Warning: the interface was not closed properly.\n")
-        << 0 << true << FlasherOutcome::NotStarted
+        << 0 << true << ExitCode::NotStarted
         << QStringLiteral("the bootloader refused to start the firmware");
     QTest::newRow("port missing") << head
                                   << QByteArray("Error probing interface \"serial_posix\"\n"
                                                 "Cannot handle device \"/dev/ttyNone\"\n"
                                                 "Failed to open port: /dev/ttyNone\n")
-                                  << 1 << true << FlasherOutcome::PortFailed
+                                  << 1 << true << ExitCode::PortFailed
                                   << QStringLiteral("Failed to open port: /dev/ttyNone");
-    QTest::newRow("nobody answers")
-        << head + portLine << QByteArray("Failed to init device, timeout.\n") << 1 << true
-        << FlasherOutcome::NoBootloader << QStringLiteral("Failed to init device, timeout");
+    QTest::newRow("no answer") << head + portLine << QByteArray("Failed to init device, timeout.\n")
+                               << 1 << true << ExitCode::NoBootloader
+                               << QStringLiteral("Failed to init device, timeout");
     QTest::newRow("erasing refused")
         << head + portLine + device + erasing
         << QByteArray("Erase failed.\nFailed to erase memory\n") << 1 << true
-        << FlasherOutcome::WriteFailed << QStringLiteral("Failed to erase memory");
+        << ExitCode::WriteFailed << QStringLiteral("Failed to erase memory");
     QTest::newRow("block refused")
         << head + portLine + device + erasing
         << QByteArray("Failed to write memory at address 0x08000000\n") << 1 << true
-        << FlasherOutcome::WriteFailed
-        << QStringLiteral("Failed to write memory at address 0x08000000");
+        << ExitCode::WriteFailed << QStringLiteral("Failed to write memory at address 0x08000000");
     QTest::newRow("wrong content")
         << head + portLine + device + erasing
         << QByteArray("Failed to verify at address 0x080000ff, expected 0xd2 and found 0x2d\n") << 1
-        << true << FlasherOutcome::WriteFailed
+        << true << ExitCode::WriteFailed
         << QStringLiteral("Failed to verify at address 0x080000ff, expected 0xd2 and found 0x2d");
     QTest::newRow("power cut")
         << head + portLine + device + erasing + firstBlocks
         << QByteArray("Failed to read ACK byte\nFailed to write memory at address 0x08000400\n")
-        << 1 << true << FlasherOutcome::WriteFailed
+        << 1 << true << ExitCode::WriteFailed
         << QStringLiteral("Failed to write memory at address 0x08000400");
-    QTest::newRow("killed while it writes")
-        << head + portLine + device + erasing + firstBlocks << none << -1 << true
-        << FlasherOutcome::WriteFailed << fine;
+    QTest::newRow("killed while it writes") << head + portLine + device + erasing + firstBlocks
+                                            << none << -1 << true << ExitCode::WriteFailed << fine;
     QTest::newRow("killed before it starts the firmware")
-        << written << none << -1 << true << FlasherOutcome::NotStarted << fine;
-    QTest::newRow("silent success")
-        << none << none << 0 << true << FlasherOutcome::PortFailed << fine;
+        << written << none << -1 << true << ExitCode::NotStarted << fine;
+    QTest::newRow("silent success") << none << none << 0 << true << ExitCode::PortFailed << fine;
 }
 
-void TestRomflasherOutput::endIsUnderstood()
+void TestRomflasherOutput::resultFollowsFromTheOutput()
 {
     QFETCH(QByteArray, output);
     QFETCH(QByteArray, errors);
     QFETCH(int, exitCode);
     QFETCH(bool, startsFirmware);
-    QFETCH(FlasherOutcome, outcome);
+    QFETCH(ExitCode, result);
     QFETCH(QString, complaint);
     Stm32FlashOutput reader(endAddress);
     reader.takeOutput(output);
     reader.takeErrors(errors);
-    QCOMPARE(reader.outcome(exitCode, startsFirmware), outcome);
+    QCOMPARE(reader.result(exitCode, startsFirmware), result);
     QCOMPARE(reader.complaint(), complaint);
 }
 
-void TestRomflasherOutput::progressIsOneLineForTenPercent()
+void TestRomflasherOutput::progressIsOneLinePerTenPercent()
 {
     Stm32FlashOutput reader(endAddress);
     QCOMPARE(reader.takeOutput(written + started),
@@ -140,7 +136,7 @@ void TestRomflasherOutput::progressIsOneLineForTenPercent()
              }));
 }
 
-void TestRomflasherOutput::piecesMakeTheSameLines()
+void TestRomflasherOutput::piecesOfTheOutputGiveTheSameLines()
 {
     Stm32FlashOutput whole(endAddress);
     Stm32FlashOutput pieces(endAddress);
@@ -148,10 +144,10 @@ void TestRomflasherOutput::piecesMakeTheSameLines()
     for (const char byte : written + started)
         lines += pieces.takeOutput(QByteArray(1, byte));
     QCOMPARE(lines, whole.takeOutput(written + started));
-    QCOMPARE(pieces.outcome(0, true), FlasherOutcome::Done);
+    QCOMPARE(pieces.result(0, true), ExitCode::Done);
 }
 
-void TestRomflasherOutput::complaintsAreShownAsTheyCome()
+void TestRomflasherOutput::errorsAreShownLineByLine()
 {
     Stm32FlashOutput reader(endAddress);
     QCOMPARE(reader.takeErrors("Erase failed.\nFailed to"),
@@ -160,14 +156,14 @@ void TestRomflasherOutput::complaintsAreShownAsTheyCome()
              QStringList{QStringLiteral("Failed to erase memory")});
 }
 
-void TestRomflasherOutput::imageThatEndsBeyondTheFlashIsNotDone()
+void TestRomflasherOutput::imageLargerThanTheFlashIsNotDone()
 {
     // Recorded: 600 KiB for a flash of which 512 are left. stm32flash exits with 0.
     Stm32FlashOutput reader(0x08080000 + 614400);
     reader.takeOutput(head + portLine + device + erasing +
                       "\rWrote and verified address 0x080fff00 (85.29%) "
                       "\rWrote and verified address 0x08100000 (85.33%) Done.\n\n");
-    QCOMPARE(reader.outcome(0, false), FlasherOutcome::WriteFailed);
+    QCOMPARE(reader.result(0, false), ExitCode::WriteFailed);
 }
 
 void TestRomflasherOutput::startOfAnIncompleteFirmwareIsNotDone()
@@ -178,16 +174,16 @@ void TestRomflasherOutput::startOfAnIncompleteFirmwareIsNotDone()
                       "\rWrote and verified address 0x08000300 (25.59%) "
                       "\rWrote and verified address 0x080003e8 (33.32%) Done.\n\n" +
                       started);
-    QCOMPARE(reader.outcome(0, true), FlasherOutcome::WriteFailed);
+    QCOMPARE(reader.result(0, true), ExitCode::WriteFailed);
 }
 
 void TestRomflasherOutput::startWithoutWritingIsDone()
 {
     Stm32FlashOutput reader;
     reader.takeOutput(head + portLine + device);
-    QCOMPARE(reader.outcome(0, true), FlasherOutcome::WriteFailed);
+    QCOMPARE(reader.result(0, true), ExitCode::WriteFailed);
     reader.takeOutput(started);
-    QCOMPARE(reader.outcome(0, true), FlasherOutcome::Done);
+    QCOMPARE(reader.result(0, true), ExitCode::Done);
 }
 
 void TestRomflasherOutput::writingWithoutVerificationIsNotDone()
@@ -195,7 +191,7 @@ void TestRomflasherOutput::writingWithoutVerificationIsNotDone()
     Stm32FlashOutput reader(endAddress);
     reader.takeOutput(head + portLine + device + erasing +
                       "\rWrote address 0x08000bb9 (100.00%) Done.\n\n");
-    QCOMPARE(reader.outcome(0, false), FlasherOutcome::WriteFailed);
+    QCOMPARE(reader.result(0, false), ExitCode::WriteFailed);
 }
 
 QTEST_GUILESS_MAIN(TestRomflasherOutput)

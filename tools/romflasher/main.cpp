@@ -1,6 +1,6 @@
 // The flashing program that the daemon starts.
+#include "failure.h"
 #include "firmwarefile.h"
-#include "flasheroutcome.h"
 #include "options.h"
 #include "parentwatch.h"
 #include "serialdevice.h"
@@ -14,110 +14,115 @@
 
 #include <unistd.h>
 
-using namespace flasher;
+namespace flasher {
 
 namespace {
-/// A scan that is under way when the line is wanted holds it for less than this.
+
+// A scan that already runs gives the line back within this time.
 constexpr int lockWaitMs = 3000;
-/// The time that the daemon, too, gives a gripper to restart its firmware.
+// The daemon gives a gripper the same time to restart its firmware.
 constexpr unsigned long bootWaitMs = 3000;
 
-/// The one line that tells what happened, why and what to do next, on standard error.
-int end(FlasherOutcome outcome, const QString &problem)
-{
-    if (outcome != FlasherOutcome::Done) {
-        std::fprintf(stderr, "romflasher: %s\n",
-                     lineFor(outcome, problem).toLocal8Bit().constData());
-    }
-    return static_cast<int>(outcome);
-}
-
-/// The port, kept from others for as long as this lives.
+/// Keeps other programs off the port as long as it exists.
 struct HeldPort
 {
+    /// Throws Failure if the port is missing or another process keeps it.
     explicit HeldPort(const QString &device)
-        : lock(device)
+        : serialMode(serialModeOf(device))
+        , lock(device)
     {
-        serialMode = serialModeOf(device, &problem);
-        if (problem.isEmpty() && !lock.take(lockWaitMs))
-            problem = lock.problem();
+        lock.take(lockWaitMs);
     }
 
-    QString problem;
     QString serialMode;
     SerialPortLock lock;
 };
 
-/// Until the firmware has booted the line stays ours: a scan that came earlier would miss it.
+/// Called with the port still held: a scan during the boot would miss the gripper.
 void waitForBoot()
 {
     QThread::msleep(bootWaitMs);
 }
 
-/// The end of a run that wrote nothing. A gripper that -g should have started is in its bootloader
-/// unless `isStarted`.
-int endUnwritten(const Options &options, FlasherOutcome outcome, const QString &problem,
-                 bool isStarted = false)
-{
-    if (!options.startsFirmware)
-        return end(outcome, problem);
-    const char *fate = isStarted
-                           ? "; nothing was written, and the firmware that is there was started"
-                           : "; nothing was written: switch the gripper off and on to start "
-                             "the firmware that is there";
-    return end(outcome, problem + QLatin1String(fate));
-}
-
-int write(const Options &options, const FirmwareFile &image)
-{
-    const HeldPort port(options.device);
-    if (!port.problem.isEmpty())
-        return endUnwritten(options, FlasherOutcome::PortFailed, port.problem);
-    Stm32FlashRun run(options, port.serialMode);
-    const FlasherOutcome outcome = run.write(image);
-    if (outcome == FlasherOutcome::CannotBegin || outcome == FlasherOutcome::PortFailed)
-        return endUnwritten(options, outcome, run.problem());
-    if (outcome == FlasherOutcome::Done && options.startsFirmware)
-        waitForBoot();
-    return end(outcome, run.problem());
-}
-
+/// Returns whether the present firmware runs.
 bool startPresentFirmware(const Options &options)
 {
-    const HeldPort port(options.device);
-    if (!port.problem.isEmpty() ||
-        Stm32FlashRun(options, port.serialMode).start() != FlasherOutcome::Done)
+    try {
+        const HeldPort port(options.device);
+        Stm32FlashRun(options, port.serialMode).start();
+        waitForBoot();
+        return true;
+    } catch (const Failure &) {
         return false;
-    waitForBoot();
-    return true;
+    }
 }
 
-int flash(const Options &options)
+/// Completes the failure of a -g run that wrote nothing: the user must know which firmware runs.
+Failure withoutWriting(const Failure &failure, bool isStarted)
 {
-    const FirmwareFile image(options.imagePath, options.target.capacity);
-    if (image.problem().isEmpty())
-        return write(options, image);
-    return endUnwritten(options, FlasherOutcome::CannotBegin, image.problem(),
-                        options.startsFirmware && startPresentFirmware(options));
+    const char *state = isStarted ? "; nothing was written, and the present firmware was started"
+                                  : "; nothing was written: switch the gripper off and on to start "
+                                    "the present firmware";
+    return {failure.code, failure.cause + QLatin1String(state)};
 }
+
+/// With -g, an image that cannot be used starts the present firmware.
+FirmwareFile imageFor(const Options &options)
+{
+    try {
+        return FirmwareFile(options.imagePath, options.target.capacity);
+    } catch (const Failure &failure) {
+        if (!options.startsFirmware)
+            throw;
+        throw withoutWriting(failure, startPresentFirmware(options));
+    }
+}
+
+void write(const Options &options, const FirmwareFile &image)
+{
+    try {
+        const HeldPort port(options.device);
+        Stm32FlashRun(options, port.serialMode).write(image);
+        if (options.startsFirmware)
+            waitForBoot();
+    } catch (const Failure &failure) {
+        const bool isUntouched =
+            failure.code == ExitCode::CannotBegin || failure.code == ExitCode::PortFailed;
+        if (!options.startsFirmware || !isUntouched)
+            throw;
+        throw withoutWriting(failure, false);
+    }
+}
+
+void run(const Options &options)
+{
+    if (options.helpText.isEmpty())
+        write(options, imageFor(options));
+    else
+        std::fputs(options.helpText.toLocal8Bit().constData(), stdout);
+}
+
+int exitCodeOf(const QStringList &arguments)
+{
+    try {
+        run(Options::fromArguments(arguments));
+        return static_cast<int>(ExitCode::Done);
+    } catch (const Failure &failure) {
+        std::fprintf(stderr, "romflasher: %s\n", lineFor(failure).toLocal8Bit().constData());
+        return static_cast<int>(failure.code);
+    }
+}
+
 } // namespace
+
+} // namespace flasher
 
 int main(int argc, char *argv[])
 {
-    // Whoever started us is gone, should we have another parent already.
-    if (!endWithParent(::getppid()))
-        return static_cast<int>(FlasherOutcome::CannotBegin);
+    // False if the parent died during this call.
+    if (!flasher::endWithParent(::getppid()))
+        return static_cast<int>(flasher::ExitCode::CannotBegin);
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("romflasher"));
-    const auto options = Options::fromArguments(QCoreApplication::arguments());
-    switch (options.outcome) {
-    case Options::Outcome::Explain:
-        std::fputs(options.text.toLocal8Bit().constData(), stdout);
-        return static_cast<int>(FlasherOutcome::Done);
-    case Options::Outcome::Refuse:
-        return end(FlasherOutcome::CannotBegin, options.text);
-    case Options::Outcome::Run:
-        break;
-    }
-    return flash(options);
+    return flasher::exitCodeOf(QCoreApplication::arguments());
 }

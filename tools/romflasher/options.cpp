@@ -1,10 +1,14 @@
 #include "options.h"
 
+#include "failure.h"
+
 #include <QCommandLineParser>
+#include <QRegularExpression>
 
 namespace flasher {
 
 namespace {
+
 constexpr quint32 flashStart = 0x08000000;
 constexpr quint32 flashEnd = 0x08100000;
 
@@ -15,10 +19,10 @@ constexpr BootloaderTarget targetAt(int baudRate, quint32 address)
 
 constexpr BootloaderTarget targets[] = {
     targetAt(19200, flashStart),  // the ROM bootloader, which no firmware can overwrite
-    targetAt(115200, 0x08080000), // the gripper's own, which lies below the firmware
+    targetAt(115200, 0x08080000), // the gripper's own bootloader, at lower addresses
 };
 
-/// The options by name, so that declaring and asking cannot differ.
+/// The option names, for both the declaration and the look-up.
 struct Names
 {
     static QString port() { return QStringLiteral("p"); }
@@ -36,13 +40,14 @@ void declare(QCommandLineParser *parser)
                        "and verifies it.\n\n"
                        "Exit codes: 0 done, 2 cannot begin, 3 port, 4 no bootloader answered,\n"
                        "5 write or verification failed, 6 written but not started, 7 no progress.\n"
-                       "With -g, 2 starts the firmware that is there if it can."));
+                       "With -g, if the image cannot be used, romflasher starts the present "
+                       "firmware and ends with 2."));
     parser->addOptions({
         {Names::port(), QStringLiteral("The serial port, such as /dev/ttyUSB0."),
          QStringLiteral("DEVICE")},
         {Names::baudRate(),
-         QStringLiteral("19200 for the ROM bootloader, which writes from 0x08000000 on; 115200 "
-                        "for the gripper's own, which writes from 0x08080000 on."),
+         QStringLiteral("19200: the ROM bootloader, which writes from 0x08000000 on. 115200: the "
+                        "gripper's own bootloader, which writes from 0x08080000 on."),
          QStringLiteral("BAUD")},
         {Names::file(), QStringLiteral("The firmware image, plain binary."),
          QStringLiteral("FILE")},
@@ -52,48 +57,34 @@ void declare(QCommandLineParser *parser)
     parser->addHelpOption();
 }
 
-const BootloaderTarget *targetOf(const QString &baudRate)
+[[noreturn]] void refuse(const QString &problem)
+{
+    throw Failure{ExitCode::CannotBegin, problem + QStringLiteral(", see romflasher --help")};
+}
+
+BootloaderTarget targetFor(const QString &baudRate)
 {
     for (const BootloaderTarget &target : targets) {
         if (baudRate == QString::number(target.baudRate))
-            return &target;
+            return target;
     }
-    return nullptr;
+    refuse(QStringLiteral("-b takes 19200 or 115200, not \"%1\"").arg(baudRate));
 }
 
-/// What is wrong with the words on the command line, empty for nothing.
-QString problemIn(const QCommandLineParser &parser)
+void checkWords(const QCommandLineParser &parser)
 {
-    if (!parser.positionalArguments().isEmpty())
-        return QStringLiteral("what is \"%1\"?").arg(parser.positionalArguments().first());
+    if (!parser.positionalArguments().isEmpty()) {
+        refuse(
+            QStringLiteral("unexpected argument \"%1\"").arg(parser.positionalArguments().first()));
+    }
     for (const QString &name : {Names::port(), Names::baudRate(), Names::file()}) {
         if (parser.values(name).size() > 1)
-            return QStringLiteral("-%1 is given twice").arg(name);
+            refuse(QStringLiteral("-%1 is given twice").arg(name));
         if (parser.value(name).isEmpty())
-            return QStringLiteral("-%1 is missing").arg(name);
+            refuse(QStringLiteral("-%1 is missing").arg(name));
     }
-    if (targetOf(parser.value(Names::baudRate())) == nullptr) {
-        return QStringLiteral("-b is 19200 or 115200, not \"%1\"")
-            .arg(parser.value(Names::baudRate()));
-    }
-    return QString();
 }
 
-Options refuse(const QString &problem)
-{
-    Options options;
-    options.outcome = Options::Outcome::Refuse;
-    options.text = problem + QStringLiteral(", see --help");
-    return options;
-}
-
-Options explain(const QString &text)
-{
-    Options options;
-    options.outcome = Options::Outcome::Explain;
-    options.text = text;
-    return options;
-}
 } // namespace
 
 Options Options::fromArguments(const QStringList &arguments)
@@ -101,16 +92,16 @@ Options Options::fromArguments(const QStringList &arguments)
     QCommandLineParser parser;
     declare(&parser);
     if (!parser.parse(arguments))
-        return refuse(parser.errorText());
-    if (parser.isSet(Names::help()))
-        return explain(parser.helpText());
-    const QString problem = problemIn(parser);
-    if (!problem.isEmpty())
-        return refuse(problem);
+        refuse(parser.errorText().remove(QRegularExpression(QStringLiteral("\\.$"))));
     Options options;
+    if (parser.isSet(Names::help())) {
+        options.helpText = parser.helpText();
+        return options;
+    }
+    checkWords(parser);
     options.device = parser.value(Names::port());
     options.imagePath = parser.value(Names::file());
-    options.target = *targetOf(parser.value(Names::baudRate()));
+    options.target = targetFor(parser.value(Names::baudRate()));
     options.isVerbose = parser.isSet(Names::details());
     options.startsFirmware = parser.isSet(Names::go());
     return options;

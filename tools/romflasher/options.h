@@ -5,32 +5,25 @@
 
 namespace flasher {
 
-/// One of the two bootloaders: the rate at which it listens and where its firmware goes.
+/// One of the two bootloaders.
 struct BootloaderTarget
 {
     int baudRate;
-    quint32 address; ///< first byte of the firmware in the flash
+    quint32 address; ///< of the first byte of the firmware in the flash
     qint64 capacity; ///< bytes from there to the end of the flash
 };
 
-/// What the command line asks for.
+/// The contents of the command line.
 struct Options
 {
-    enum class Outcome {
-        Run,     ///< go on with these options
-        Explain, ///< print `text` on standard output and end well
-        Refuse,  ///< print `text` on standard error and end as CannotBegin
-    };
-
-    Outcome outcome = Outcome::Run;
-    QString text;
+    QString helpText; ///< not empty if --help is given; the other members are then unset
     QString device;
     QString imagePath;
     BootloaderTarget target = {};
     bool isVerbose = false;
     bool startsFirmware = false;
 
-    /// `arguments` with the program's name in front.
+    /// `arguments` begins with the program's name. Throws Failure for a wrong command line.
     static Options fromArguments(const QStringList &arguments);
 };
 

@@ -4,8 +4,8 @@
 
 namespace flasher {
 
-/// Makes the kernel kill this process when its parent ends, however that happens. Asks for it
-/// late: false when the parent, `parentPid`, had ended before.
+/// Makes the kernel kill this process when its parent ends. Returns false if the parent, process
+/// `parentPid`, ended before this call.
 bool endWithParent(pid_t parentPid);
 
 } // namespace flasher

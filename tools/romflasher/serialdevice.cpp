@@ -1,9 +1,10 @@
 #include "serialdevice.h"
 
+#include "failure.h"
+
 #include <QFile>
 
 #include <cerrno>
-#include <cstring>
 
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -11,9 +12,11 @@
 namespace flasher {
 
 namespace {
-// The Unix98 majors of the kernel's list of devices.
+
+// The Unix98 pseudo-terminals in the device list of the kernel.
 constexpr unsigned firstPtySlaveMajor = 136;
 constexpr unsigned lastPtySlaveMajor = 143;
+
 } // namespace
 
 bool isPseudoTerminalSlave(dev_t device)
@@ -21,17 +24,17 @@ bool isPseudoTerminalSlave(dev_t device)
     return major(device) >= firstPtySlaveMajor && major(device) <= lastPtySlaveMajor;
 }
 
-QString serialModeOf(const QString &path, QString *problem)
+QString serialModeOf(const QString &path)
 {
     struct stat status = {};
     if (::stat(QFile::encodeName(path).constData(), &status) != 0) {
-        *problem = QStringLiteral("the port %1 cannot be used: %2")
-                       .arg(path, QString::fromLocal8Bit(std::strerror(errno)));
-        return QString();
+        throw Failure{
+            ExitCode::PortFailed,
+            QStringLiteral("the port %1 cannot be used: %2").arg(path, qt_error_string(errno))};
     }
     if (!S_ISCHR(status.st_mode)) {
-        *problem = QStringLiteral("the port %1 is no serial device").arg(path);
-        return QString();
+        throw Failure{ExitCode::PortFailed,
+                      QStringLiteral("the port %1 is not a serial device").arg(path)};
     }
     return isPseudoTerminalSlave(status.st_rdev) ? QStringLiteral("8n1") : QStringLiteral("8e1");
 }

@@ -1,5 +1,7 @@
 #include "serialportlock.h"
 
+#include "failure.h"
+
 #include <QFileInfo>
 
 #include <utility>
@@ -7,25 +9,32 @@
 namespace flasher {
 
 namespace {
-// QSerialPort's own list, in its order.
+
+// The list of QSerialPort, in its order.
 constexpr const char *lockFolders[] = {"/var/lock",       "/etc/locks", "/var/spool/locks",
                                        "/var/spool/uucp", "/tmp",       "/data/local/tmp"};
-// As many as the kernel follows.
+// The kernel follows as many links.
 constexpr int maxLinks = 40;
 
-QString describeFailure(const QLockFile &lock, const QString &path)
+[[noreturn]] void fail(const QString &problem)
+{
+    throw Failure{ExitCode::PortFailed, problem};
+}
+
+[[noreturn]] void failUnlocked(const QLockFile &lock, const QString &path)
 {
     qint64 pid = 0;
     QString host;
     QString program;
     if (lock.error() != QLockFile::LockFailedError)
-        return QStringLiteral("the lock file %1 cannot be made").arg(path);
+        fail(QStringLiteral("the lock file %1 cannot be created").arg(path));
     if (!lock.getLockInfo(&pid, &host, &program))
-        return QStringLiteral("the lock file %1 is somebody else's").arg(path);
-    return QStringLiteral("the port is held by process %1 (%2), says %3")
-        .arg(pid)
-        .arg(program, path);
+        fail(QStringLiteral("the lock file %1 belongs to an unknown process").arg(path));
+    fail(QStringLiteral("process %1 (%2) has the port, according to %3")
+             .arg(pid)
+             .arg(program, path));
 }
+
 } // namespace
 
 SerialPortLock::SerialPortLock(const QString &device)
@@ -53,23 +62,18 @@ QString SerialPortLock::pathOf(const QString &device)
     return QString();
 }
 
-bool SerialPortLock::take(int timeoutMs)
+void SerialPortLock::take(int timeoutMs)
 {
     for (const QString &path : qAsConst(m_paths)) {
-        if (path.isEmpty()) {
-            m_problem = QStringLiteral("no folder for the port's lock file can be written");
-            return false;
-        }
+        if (path.isEmpty())
+            fail(QStringLiteral("no folder for the lock file of the port is writable"));
         auto lock = std::make_unique<QLockFile>(path);
-        // Only the death of its holder makes a lock stale: a flashing may take minutes.
+        // Only the death of its owner makes a lock stale: flashing may take minutes.
         lock->setStaleLockTime(0);
-        if (!lock->tryLock(timeoutMs)) {
-            m_problem = describeFailure(*lock, path);
-            return false;
-        }
+        if (!lock->tryLock(timeoutMs))
+            failUnlocked(*lock, path);
         m_locks.push_back(std::move(lock));
     }
-    return true;
 }
 
 } // namespace flasher

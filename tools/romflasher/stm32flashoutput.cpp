@@ -7,8 +7,8 @@ namespace flasher {
 namespace {
 constexpr int percentPerTenth = 10;
 
-/// Cuts the lines that are complete off the front of `pending`. Progress lines end in carriage
-/// returns; empty ones are left out.
+/// Removes the complete lines from `pending` and returns those that are not empty. A progress line
+/// ends in a carriage return.
 QStringList takeLines(QByteArray *pending)
 {
     pending->replace('\r', '\n');
@@ -44,7 +44,7 @@ QStringList Stm32FlashOutput::takeErrors(const QByteArray &bytes)
     m_errors += bytes;
     QStringList lines = takeLines(&m_errors);
     for (const QString &line : qAsConst(lines)) {
-        // A bootloader that has been detected before is told of with a warning.
+        // stm32flash warns of a bootloader that another run has detected before.
         if (!line.startsWith(QLatin1String("Warning: ")))
             m_complaint = withoutStop(line.trimmed());
     }
@@ -56,7 +56,7 @@ QStringList Stm32FlashOutput::takeLine(const QString &line)
     struct Row
     {
         const char *start; ///< of the line
-        Stage stage;       ///< that it shows to be reached
+        Stage stage;       ///< the line shows that this stage is reached
         bool isShown;
     };
     static const Row rows[] = {
@@ -101,21 +101,21 @@ QStringList Stm32FlashOutput::takeProgress(const QString &line)
                 .arg(match.captured(1))};
 }
 
-FlasherOutcome Stm32FlashOutput::outcome(int exitCode, bool startsFirmware) const
+ExitCode Stm32FlashOutput::result(int exitCode, bool startsFirmware) const
 {
     switch (m_stage) {
     case Stage::Opening:
-        return FlasherOutcome::PortFailed;
+        return ExitCode::PortFailed;
     case Stage::Connecting:
-        return FlasherOutcome::NoBootloader;
+        return ExitCode::NoBootloader;
     case Stage::Erasing:
-        return FlasherOutcome::WriteFailed;
+        return ExitCode::WriteFailed;
     case Stage::Written:
-        return startsFirmware || exitCode != 0 ? FlasherOutcome::NotStarted : FlasherOutcome::Done;
+        return startsFirmware || exitCode != 0 ? ExitCode::NotStarted : ExitCode::Done;
     case Stage::Started:
-        return FlasherOutcome::Done;
+        return ExitCode::Done;
     }
-    return FlasherOutcome::WriteFailed;
+    return ExitCode::WriteFailed;
 }
 
 } // namespace flasher

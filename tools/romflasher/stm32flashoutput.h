@@ -1,6 +1,6 @@
 #pragma once
 
-#include "flasheroutcome.h"
+#include "failure.h"
 
 #include <QByteArray>
 #include <QStringList>
@@ -9,35 +9,35 @@
 
 namespace flasher {
 
-/// Reads what stm32flash 0.7 prints: how far it has come, what went wrong, and the lines that
-/// are worth showing. Its exit code alone tells little: it is 1 for every failure, and 0 when
-/// the start of the firmware was refused.
+/// Reads the output of stm32flash 0.7: its progress, its last error, and the lines worth showing.
+/// The exit code alone says little: it is 1 for every failure, and 0 when the bootloader refused to
+/// start the firmware.
 class Stm32FlashOutput
 {
 public:
-    /// The run writes nothing and starts the firmware that is there.
+    /// For a run that starts the present firmware and writes nothing.
     Stm32FlashOutput() = default;
-    /// The run writes. `endAddress` is the one after the image's last byte: stm32flash stops
-    /// without a word where the flash of the device that it has found ends.
+    /// For a run that writes. `endAddress` follows the last byte of the image: at the end of the
+    /// flash that it knows, stm32flash stops without an error.
     explicit Stm32FlashOutput(quint32 endAddress);
 
-    /// The next piece of its standard output; gives what there is to show of it, a line each.
+    /// Takes the next bytes of standard output. Returns the lines to show.
     QStringList takeOutput(const QByteArray &bytes);
-    /// The same of its standard error.
+    /// Takes the next bytes of standard error. Returns the lines to show.
     QStringList takeErrors(const QByteArray &bytes);
 
-    /// What its end means. `exitCode` below 0 stands for a crash.
-    FlasherOutcome outcome(int exitCode, bool startsFirmware) const;
-    /// The last thing that it complained of, empty for none.
+    /// The result of a run that ended. An `exitCode` below 0 stands for a crash.
+    ExitCode result(int exitCode, bool startsFirmware) const;
+    /// The last error in the output; empty if there is none.
     const QString &complaint() const { return m_complaint; }
 
 private:
     enum class Stage {
         Opening,    ///< the port is not open yet
-        Connecting, ///< the port is open, nobody has answered yet
-        Erasing,    ///< the bootloader has answered, its flash is touched from now on
+        Connecting, ///< the port is open, and no bootloader has answered yet
+        Erasing,    ///< the bootloader has answered; from now on the flash changes
         Written,    ///< the last byte is written and verified
-        Started,    ///< the firmware runs, complete
+        Started,    ///< the complete firmware runs
     };
 
     QStringList takeLine(const QString &line);

@@ -9,33 +9,30 @@
 
 namespace flasher {
 
-/// One run of stm32flash, the program that speaks the ROM bootloader's protocol. It does not
-/// outlive this process. An object is good for one run.
+/// Owns one run of stm32flash, the program that speaks the protocol of the ROM bootloader. The
+/// child never outlives this process. An object is good for one run.
 class Stm32FlashRun
 {
 public:
-    /// Real flashes print something with every block of 256 bytes.
+    /// A real flashing prints progress with every block of 256 bytes.
     static constexpr int usualStallLimitMs = 30'000;
 
-    /// `serialMode` is "8e1" or "8n1". stm32flash is killed when it prints nothing for
-    /// `stallLimitMs`.
+    /// `serialMode` is "8e1" or "8n1". A child that prints nothing for `stallLimitMs` is killed.
     Stm32FlashRun(const Options &options, const QString &serialMode,
                   int stallLimitMs = usualStallLimitMs);
 
-    /// Writes and verifies the image, and starts it when the options want that. Blocks to the end;
-    /// prints details when the options want that.
-    FlasherOutcome write(const FirmwareFile &image);
-    /// Starts the firmware that is in the flash, and writes nothing. Blocks and prints as write().
-    FlasherOutcome start();
-    /// The cause of a failure, empty when none is known.
-    const QString &problem() const { return m_problem; }
+    /// Writes and verifies the image, and starts it if the options say so. Blocks until the child
+    /// ends, and prints details if the options say so. Throws Failure.
+    void write(const FirmwareFile &image);
+    /// Starts the present firmware and writes nothing. Blocks, prints and throws as write() does.
+    void start();
 
     static QStringList writeArguments(const Options &options, const QString &serialMode,
                                       const QString &imagePath);
     static QStringList startArguments(const Options &options, const QString &serialMode);
 
 private:
-    /// Dies with us.
+    /// A child that dies with this process.
     class Child : public QProcess
     {
     protected:
@@ -45,15 +42,14 @@ private:
         const qint64 m_parentPid = QCoreApplication::applicationPid();
     };
 
-    FlasherOutcome execute(const QStringList &arguments, bool startsFirmware);
-    bool reachesItsEnd();
+    void execute(const QStringList &arguments, bool startsFirmware);
+    void waitForEnd();
     void show(const QStringList &lines) const;
     void takeOutput();
 
     Options m_options;
     QString m_serialMode;
     int m_stallLimitMs;
-    QString m_problem;
     Stm32FlashOutput m_output;
     Child m_process;
 };
