@@ -6,6 +6,8 @@
 
 #include <QTest>
 
+using namespace gripperctl;
+
 namespace {
 
 Options optionsOf(const char *words)

@@ -5,6 +5,8 @@
 
 #include <QTest>
 
+using namespace gripperctl;
+
 class TestGripperctlProtocol : public QObject
 {
     Q_OBJECT
@@ -65,12 +67,12 @@ void TestGripperctlProtocol::whatIsNoHostIsRefused()
 
 void TestGripperctlProtocol::repliesAreCutAtTheFirstBlank()
 {
-    const auto reply = protocol::parseReply(QStringLiteral("DRI ERR_SCANNING (EIO)"));
+    const auto reply = parseReply(QStringLiteral("DRI ERR_SCANNING (EIO)"));
     QVERIFY(reply);
     QCOMPARE(reply->name, QStringLiteral("DRI"));
     QCOMPARE(reply->value, QStringLiteral("ERR_SCANNING (EIO)"));
     // A serial number that could not be read is empty.
-    QCOMPARE(protocol::parseReply(QStringLiteral("SNU "))->value, QString());
+    QCOMPARE(parseReply(QStringLiteral("SNU "))->value, QString());
 }
 
 void TestGripperctlProtocol::whatIsNoReplyIsNotTakenForOne_data()
@@ -83,7 +85,7 @@ void TestGripperctlProtocol::whatIsNoReplyIsNotTakenForOne_data()
 void TestGripperctlProtocol::whatIsNoReplyIsNotTakenForOne()
 {
     QFETCH(QString, line);
-    QVERIFY(!protocol::parseReply(line));
+    QVERIFY(!parseReply(line));
 }
 
 void TestGripperctlProtocol::listsOfIds_data()
@@ -100,7 +102,7 @@ void TestGripperctlProtocol::listsOfIds_data()
 void TestGripperctlProtocol::listsOfIds()
 {
     QFETCH(bool, isList);
-    const auto ids = protocol::parseIds(QString::fromLatin1(QTest::currentDataTag()));
+    const auto ids = parseIds(QString::fromLatin1(QTest::currentDataTag()));
     QCOMPARE(ids.has_value(), isList);
     QTEST(ids.value_or(QVector<int>()), "ids");
 }
@@ -120,7 +122,7 @@ void TestGripperctlProtocol::wordsOfARequest()
 {
     QFETCH(bool, isRequest);
     const QString words = QString::fromLatin1(QTest::currentDataTag());
-    QCOMPARE(protocol::problemInPairs(words.split(QLatin1Char(' '))).isEmpty(), isRequest);
+    QCOMPARE(problemInPairs(words.split(QLatin1Char(' '))).isEmpty(), isRequest);
 }
 
 void TestGripperctlProtocol::theGripperThatIsMeant_data()

@@ -7,6 +7,8 @@
 
 #include <QTest>
 
+using namespace gripperctl;
+
 namespace {
 
 /// A gripper of these values over those of one that has arrived at 100.
@@ -30,7 +32,7 @@ Snapshot snapshotOf(const QVector<GripperState> &grippers, const char *link = "R
 
 QString textFrom(const QStringList &lines)
 {
-    return (QStringList{recording::header()} + lines).join(QLatin1Char('\n'));
+    return (QStringList{recordingHeader()} + lines).join(QLatin1Char('\n'));
 }
 
 } // namespace
@@ -123,7 +125,7 @@ void TestGripperctlViews::barsMarkPositionAndRequest()
 {
     QFETCH(int, position);
     QFETCH(int, requested);
-    QTEST(watchview::bar(position, requested, 10), "drawn");
+    QTEST(positionBar(position, requested, 10), "drawn");
 }
 
 void TestGripperctlViews::theScreenIsNeverWiderThanTheTerminal_data()
@@ -137,7 +139,7 @@ void TestGripperctlViews::theScreenIsNeverWiderThanTheTerminal()
 {
     QFETCH(int, width);
     const Snapshot snapshot = snapshotOf({gripperOf("FWV=TE1-2.0.2", 2), gripperOf("OBJ=1")});
-    const QStringList lines = watchview::screen(snapshot, QStringLiteral("robot:1"), width);
+    const QStringList lines = watchScreen(snapshot, QStringLiteral("robot:1"), width);
     QCOMPARE(lines.size(), 3);
     for (const QString &line : lines)
         QVERIFY2(line.size() <= width, qPrintable(line));
@@ -149,12 +151,11 @@ void TestGripperctlViews::theScreenIsNeverWiderThanTheTerminal()
 
 void TestGripperctlViews::aPlainLineHasNoBlanksInItsValues()
 {
-    const QStringList lines =
-        watchview::plainLines(snapshotOf({gripperOf("")}, "ERR_SCANNING (EIO)"));
+    const QStringList lines = watchLines(snapshotOf({gripperOf("")}, "ERR_SCANNING (EIO)"));
     QCOMPARE(lines, QStringList{QStringLiteral(
                         "2024-05-06T07:08:09.010Z link=ERR_SCANNING_(EIO) gripper=9 status=active "
                         "position=100 requested=100 current=0 object=reached fault=0")});
-    const QStringList empty = watchview::plainLines(snapshotOf({}));
+    const QStringList empty = watchLines(snapshotOf({}));
     QCOMPARE(empty.first(),
              QStringLiteral("2024-05-06T07:08:09.010Z link=RUNNING no grippers found"));
 }
@@ -163,10 +164,10 @@ void TestGripperctlViews::aRecordingIsReadAsItWasWritten()
 {
     const Snapshot snapshot =
         snapshotOf({gripperOf("POS=1 PRE=255 COU=33", 2), gripperOf("DRI=ERR_TIMEOUT")});
-    const QStringList lines = recording::lines(snapshot, 1.25);
+    const QStringList lines = recordingLines(snapshot, 1.25);
     QCOMPARE(lines.first(),
              QStringLiteral("2024-05-06T07:08:09.010Z,1.250,2,1,255,33,reached,0,RUNNING"));
-    const QVector<Sample> samples = recording::parse(textFrom(lines));
+    const QVector<Sample> samples = parseRecording(textFrom(lines));
     QCOMPARE(samples.size(), 2);
     QCOMPARE(samples.at(0).seconds, 1.25);
     QCOMPARE(samples.at(0).gripper, 2);
@@ -177,7 +178,7 @@ void TestGripperctlViews::aRecordingIsReadAsItWasWritten()
     QVERIFY(!samples.at(1).isLive);
     const QString asSpreadsheetsWrite =
         textFrom(lines).replace(QLatin1Char('\n'), QLatin1String("\r\n"));
-    QVERIFY(recording::parse(asSpreadsheetsWrite).first().isLive);
+    QVERIFY(parseRecording(asSpreadsheetsWrite).first().isLive);
 }
 
 void TestGripperctlViews::aTimeWithoutALinkIsAGapInTheCurve()
@@ -196,7 +197,7 @@ void TestGripperctlViews::brokenRecordingsNameTheirLine()
 {
     const QString good = QStringLiteral("t,0.1,9,1,2,3,-,0,RUNNING");
     try {
-        recording::parse(textFrom({good, QStringLiteral("t,0.1,9,1,2,x,-,0,RUNNING")}));
+        parseRecording(textFrom({good, QStringLiteral("t,0.1,9,1,2,x,-,0,RUNNING")}));
         QFAIL("taken for a recording");
     } catch (const Failure &failure) {
         QCOMPARE(failure.code, ExitCode::LocalProblem);

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <iterator>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int scanTimeoutMs = 60'000;
@@ -55,3 +57,5 @@ bool scanUntilFound(Session &session, int id)
 {
     return scanForMissing(session, {id}).isEmpty();
 }
+
+} // namespace gripperctl

@@ -2,6 +2,8 @@
 
 #include "gripperstate.h"
 
+namespace gripperctl {
+
 class Session;
 
 /// Throws a Failure while the line belongs to a flashing program.
@@ -17,3 +19,5 @@ QVector<int> scanForMissing(Session &session, const QVector<int> &ids);
 /// Scans again and again until the gripper is there, which takes a while after a restart. False if
 /// it does not come.
 bool scanUntilFound(Session &session, int id);
+
+} // namespace gripperctl

@@ -5,6 +5,8 @@
 
 #include <initializer_list>
 
+namespace gripperctl {
+
 class Session;
 
 /// One command: what it takes, what it says of itself, what it does.
@@ -30,3 +32,5 @@ const QVector<CommandRow> &commandTable();
 
 /// Null for a name that no command has.
 const CommandRow *findCommand(const QString &name);
+
+} // namespace gripperctl

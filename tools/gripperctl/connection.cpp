@@ -7,6 +7,8 @@
 
 #include <algorithm>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int sliceMs = 50;
@@ -64,7 +66,7 @@ Values Connection::get(const QStringList &names, const Wait &wait)
     Values values;
     for (int replies = 0; replies < names.size(); ++replies) {
         const QByteArray line = readLine(request, wait);
-        const auto reply = protocol::parseReply(QString::fromUtf8(line));
+        const auto reply = parseReply(QString::fromUtf8(line));
         // A reply that had to wait for the bus comes behind later ones: the name tells.
         if (!reply || !names.contains(reply->name, Qt::CaseInsensitive))
             failBecauseForeign(line);
@@ -97,7 +99,7 @@ bool Connection::select(int slaveId)
 QVector<int> Connection::grippers()
 {
     const QString value = get(QStringLiteral("SID"));
-    const auto ids = protocol::parseIds(value);
+    const auto ids = parseIds(value);
     if (!ids)
         failBecauseForeign(value.toUtf8());
     return *ids;
@@ -161,3 +163,5 @@ void Connection::failBecauseForeign(const QByteArray &reply) const
                                  "at --host")
                       .arg(m_endpoint.text(), shown)};
 }
+
+} // namespace gripperctl

@@ -7,6 +7,8 @@
 
 #include <functional>
 
+namespace gripperctl {
+
 /// One connection to the daemon: a request, then its reply, each in a call that waits for it.
 /// Every call may throw a Failure: connection lost, no answer in time, interrupted. After a
 /// time-out the connection is closed, since a late reply would be taken for that to the next
@@ -55,3 +57,5 @@ private:
     Wait m_wait;
     QTcpSocket m_socket;
 };
+
+} // namespace gripperctl

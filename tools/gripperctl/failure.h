@@ -3,6 +3,8 @@
 #include <QJsonObject>
 #include <QString>
 
+namespace gripperctl {
+
 /// How a run ends. Scripts look at these numbers, so they stay as they are.
 enum class ExitCode {
     Done = 0,
@@ -22,3 +24,5 @@ struct Failure
     QString text;
     QJsonObject known = {}; ///< what was found out all the same
 };
+
+} // namespace gripperctl

@@ -7,6 +7,8 @@
 
 #include <QElapsedTimer>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int answerTimeoutMs = 10'000;
@@ -93,3 +95,5 @@ FlasherEnd waitForFlasher(Session &session, MutedPolling &muted, const Values &a
     muted.unmute();
     return hasNeverStarted ? FlasherEnd::NeverStarted : FlasherEnd::Ended;
 }
+
+} // namespace gripperctl

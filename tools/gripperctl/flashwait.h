@@ -2,6 +2,8 @@
 
 #include "protocol.h"
 
+namespace gripperctl {
+
 class MutedPolling;
 class Session;
 
@@ -17,3 +19,5 @@ enum class FlasherEnd {
 /// from before it. Polling goes on when it returns. If it throws before the flasher has ended,
 /// polling is left to the daemon.
 FlasherEnd waitForFlasher(Session &session, MutedPolling &muted, const Values &atFirst);
+
+} // namespace gripperctl

@@ -2,6 +2,8 @@
 
 #include "connection.h"
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int familyLetter = 1;
@@ -31,7 +33,7 @@ const QStringList &GripperState::names()
 
 bool GripperState::isThere() const
 {
-    return text("STA") != protocol::noValue();
+    return text("STA") != noValue();
 }
 
 QString GripperState::family() const
@@ -87,7 +89,7 @@ QString GripperState::objectText() const
 
 QString GripperState::text(const char *name) const
 {
-    return m_values.value(QString::fromLatin1(name), protocol::noValue());
+    return m_values.value(QString::fromLatin1(name), noValue());
 }
 
 int GripperState::number(const char *name) const
@@ -112,3 +114,5 @@ QJsonObject GripperState::toJson() const
         {QStringLiteral("cycles"), text("NCY").toDouble()},
     };
 }
+
+} // namespace gripperctl

@@ -4,6 +4,8 @@
 
 #include <QJsonObject>
 
+namespace gripperctl {
+
 class Connection;
 
 /// One gripper as the daemon knew it at one moment.
@@ -56,3 +58,5 @@ private:
     int m_id;
     Values m_values;
 };
+
+} // namespace gripperctl

@@ -3,6 +3,8 @@
 #include "commandtable.h"
 #include "optiontable.h"
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int column = 26;
@@ -81,3 +83,5 @@ QString helpFor(const CommandRow &command)
              QString::fromLatin1(command.details), optionsText(&command),
              QString::fromLatin1(command.example));
 }
+
+} // namespace gripperctl

@@ -7,6 +7,8 @@
 
 #include <csignal>
 
+namespace gripperctl {
+
 namespace {
 
 volatile std::sig_atomic_t signalSeen = 0;
@@ -55,3 +57,5 @@ void pauseFor(int milliseconds)
         throwIfInterrupted();
     }
 }
+
+} // namespace gripperctl

@@ -11,6 +11,8 @@
 
 #include <fcntl.h>
 
+namespace gripperctl {
+
 namespace {
 
 /// Those that are closed: otherwise the connection gets their numbers, and what is printed with
@@ -77,14 +79,16 @@ int runWith(const QStringList &words)
 
 } // namespace
 
+} // namespace gripperctl
+
 int main(int argc, char *argv[])
 {
-    openStandardStreams();
+    gripperctl::openStandardStreams();
     try {
         const QCoreApplication application(argc, argv);
-        return runWith(QCoreApplication::arguments().mid(1));
+        return gripperctl::runWith(QCoreApplication::arguments().mid(1));
     } catch (const std::exception &exception) {
         qCritical("gripperctl: %s", exception.what());
-        return numberOf(ExitCode::LocalProblem);
+        return static_cast<int>(gripperctl::ExitCode::LocalProblem);
     }
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+namespace gripperctl {
+
 class GripperState;
 
 /// How far a request for a position has come.
@@ -15,3 +17,5 @@ enum class Motion {
 /// Judges by one look. What the gripper says of objects belongs to the request that it shows, so it
 /// means nothing before that is the one for `position`.
 Motion judgeMotion(const GripperState &state, int position);
+
+} // namespace gripperctl

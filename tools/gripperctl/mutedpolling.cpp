@@ -4,6 +4,8 @@
 #include "interruption.h"
 #include "session.h"
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int silenceMs = 300;
@@ -65,3 +67,5 @@ void MutedPolling::unmuteWhateverHappened()
             QStringLiteral("polling may still be muted: gripperctl set MUTE 0"));
     }
 }
+
+} // namespace gripperctl

@@ -1,5 +1,7 @@
 #pragma once
 
+namespace gripperctl {
+
 class Session;
 
 /// Polling is muted as long as this lives, however it ends, unless a flasher has the line by then:
@@ -27,3 +29,5 @@ private:
     Session &m_session;
     bool m_isOver = false;
 };
+
+} // namespace gripperctl

@@ -7,6 +7,8 @@
 #include <QCommandLineParser>
 #include <QRegularExpression>
 
+namespace gripperctl {
+
 namespace {
 
 [[noreturn]] void refuse(const QString &problem, const QString &command = QString())
@@ -128,3 +130,5 @@ void checkAgainst(const CommandRow &command, const Options &options)
                options.command);
     }
 }
+
+} // namespace gripperctl

@@ -7,6 +7,8 @@
 
 #include <optional>
 
+namespace gripperctl {
+
 /// What the command line asks for.
 struct Options
 {
@@ -30,3 +32,5 @@ struct CommandRow;
 
 /// Throws a Failure if the command does not take these arguments and options.
 void checkAgainst(const CommandRow &command, const Options &options);
+
+} // namespace gripperctl

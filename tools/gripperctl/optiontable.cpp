@@ -1,5 +1,7 @@
 #include "optiontable.h"
 
+namespace gripperctl {
+
 namespace {
 
 using Kind = OptionRow::Kind;
@@ -67,3 +69,5 @@ const QVector<OptionRow> &commandOptions()
     };
     return rows;
 }
+
+} // namespace gripperctl

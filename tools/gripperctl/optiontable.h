@@ -3,6 +3,8 @@
 #include <QString>
 #include <QVector>
 
+namespace gripperctl {
+
 /// One option of the command line.
 struct OptionRow
 {
@@ -29,3 +31,5 @@ const QVector<OptionRow> &generalOptions();
 
 /// Those that only some take.
 const QVector<OptionRow> &commandOptions();
+
+} // namespace gripperctl

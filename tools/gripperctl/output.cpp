@@ -9,6 +9,8 @@
 
 #include <unistd.h>
 
+namespace gripperctl {
+
 namespace {
 
 void writeError(const QString &text)
@@ -92,3 +94,5 @@ void Output::problem(const QString &text, int exitCode, const QJsonObject &known
     json.insert(QStringLiteral("exitCode"), exitCode);
     writeOut(asLine(json) + '\n');
 }
+
+} // namespace gripperctl

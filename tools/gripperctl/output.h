@@ -3,6 +3,8 @@
 #include <QJsonObject>
 #include <QString>
 
+namespace gripperctl {
+
 /// What the user sees. Results go to standard output, as text or as JSON; problems and what is
 /// being waited for go to standard error.
 class Output
@@ -42,3 +44,5 @@ private:
 
 /// Writes `text` to standard output at once; false if nobody reads it any more.
 bool writeOut(const QByteArray &text);
+
+} // namespace gripperctl

@@ -3,6 +3,8 @@
 #include "failure.h"
 #include "interruption.h"
 
+namespace gripperctl {
+
 Pacer::Pacer(int intervalMs)
     : m_intervalMs(intervalMs)
 {
@@ -21,3 +23,5 @@ bool Pacer::waitForNext(qint64 endMs)
     }
     return true;
 }
+
+} // namespace gripperctl

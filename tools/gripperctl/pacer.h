@@ -2,6 +2,8 @@
 
 #include <QElapsedTimer>
 
+namespace gripperctl {
+
 /// Looks at a steady pace: the time that a look takes does not add up.
 class Pacer
 {
@@ -18,3 +20,5 @@ private:
     qint64 m_nextMs = 0;
     QElapsedTimer m_sinceStart;
 };
+
+} // namespace gripperctl

@@ -2,6 +2,8 @@
 
 #include <QMap>
 
+namespace gripperctl {
+
 namespace {
 
 using ByGripper = QMap<int, QVector<Sample>>;
@@ -72,3 +74,5 @@ QByteArray plotScript(const QVector<Sample> &samples, bool isPng)
         plotCommand(groups, {QStringLiteral("$g%1 using 1:4 with lines lc %2 title 'gripper %1'")});
     return script + "unset multiplot\n";
 }
+
+} // namespace gripperctl

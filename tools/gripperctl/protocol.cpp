@@ -6,7 +6,7 @@
 #include <array>
 #include <iterator>
 
-namespace protocol {
+namespace gripperctl {
 
 namespace {
 
@@ -108,4 +108,4 @@ const QVector<int> &scannedIds()
     return ids;
 }
 
-} // namespace protocol
+} // namespace gripperctl

@@ -7,11 +7,10 @@
 
 #include <optional>
 
+namespace gripperctl {
+
 /// Values by the name of their variable.
 using Values = QMap<QString, QString>;
-
-/// The text protocol of the daemon, as far as it can be told without a connection.
-namespace protocol {
 
 /// What a GET is answered for a name that nobody knows, or without a gripper.
 QString noValue();
@@ -51,4 +50,4 @@ QString problemInPairs(const QStringList &words);
 /// The ids that a scan asks for. A gripper with any other is never found again.
 const QVector<int> &scannedIds();
 
-} // namespace protocol
+} // namespace gripperctl

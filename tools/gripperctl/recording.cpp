@@ -2,7 +2,7 @@
 
 #include "failure.h"
 
-namespace recording {
+namespace gripperctl {
 
 namespace {
 
@@ -57,12 +57,12 @@ Sample sampleFrom(const QStringList &fields, int line)
 
 } // namespace
 
-QString header()
+QString recordingHeader()
 {
     return QStringLiteral("time,seconds,gripper,position,requested,current,object,fault,link");
 }
 
-QStringList lines(const Snapshot &snapshot, double seconds)
+QStringList recordingLines(const Snapshot &snapshot, double seconds)
 {
     QStringList lines;
     for (const GripperState &gripper : snapshot.grippers)
@@ -70,11 +70,11 @@ QStringList lines(const Snapshot &snapshot, double seconds)
     return lines;
 }
 
-QVector<Sample> parse(const QString &text)
+QVector<Sample> parseRecording(const QString &text)
 {
     // Spreadsheets end their lines in two characters.
     const QStringList all = QString(text).remove(QLatin1Char('\r')).split(QLatin1Char('\n'));
-    if (all.first() != header())
+    if (all.first() != recordingHeader())
         fail(1);
     QVector<Sample> samples;
     for (int line = 1; line < all.size(); ++line) {
@@ -84,4 +84,4 @@ QVector<Sample> parse(const QString &text)
     return samples;
 }
 
-} // namespace recording
+} // namespace gripperctl

@@ -3,6 +3,8 @@
 #include "failure.h"
 #include "interruption.h"
 
+namespace gripperctl {
+
 namespace {
 
 // The daemon stands still for up to five seconds while it looks for a bootloader.
@@ -75,3 +77,5 @@ QString listOfIds(const QVector<int> &ids)
         words.append(QString::number(id));
     return words.isEmpty() ? QStringLiteral("none") : words.join(QStringLiteral(", "));
 }
+
+} // namespace gripperctl

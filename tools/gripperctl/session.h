@@ -6,6 +6,8 @@
 
 #include <memory>
 
+namespace gripperctl {
+
 /// What a command works with: the command line, the connection, the output.
 class Session
 {
@@ -39,3 +41,5 @@ int chooseGripper(const QVector<int> &found, std::optional<int> wanted, const QS
 
 /// "2, 9", or "none".
 QString listOfIds(const QVector<int> &ids);
+
+} // namespace gripperctl

@@ -4,6 +4,8 @@
 
 #include <QDateTime>
 
+namespace gripperctl {
+
 class Session;
 
 /// The driver and its grippers at about one moment.
@@ -19,3 +21,5 @@ struct Snapshot
 
     QJsonObject toJson() const;
 };
+
+} // namespace gripperctl

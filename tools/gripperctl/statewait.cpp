@@ -6,6 +6,8 @@
 
 #include <QElapsedTimer>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int lookEveryMs = 30;
@@ -60,3 +62,5 @@ GripperState waitForState(Session &session, int id, const Goal &goal)
         pauseFor(lookEveryMs);
     }
 }
+
+} // namespace gripperctl

@@ -4,6 +4,8 @@
 
 #include <functional>
 
+namespace gripperctl {
+
 class Session;
 
 /// What a gripper is waited for.
@@ -19,3 +21,5 @@ struct Goal
 /// Failure when the time is over, or when the gripper has been gone for three seconds: a disturbed
 /// line loses it for less.
 GripperState waitForState(Session &session, int id, const Goal &goal);
+
+} // namespace gripperctl

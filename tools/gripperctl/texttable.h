@@ -3,6 +3,8 @@
 #include <QStringList>
 #include <QVector>
 
+namespace gripperctl {
+
 /// Rows of words in columns as wide as their widest word.
 class TextTable
 {
@@ -17,3 +19,5 @@ public:
 private:
     QVector<QStringList> m_rows;
 };
+
+} // namespace gripperctl

@@ -1,6 +1,6 @@
 #include "watchview.h"
 
-namespace watchview {
+namespace gripperctl {
 
 namespace {
 
@@ -37,7 +37,7 @@ QString lineOf(const GripperState &gripper, int width)
     const QString right = behind(gripper);
     const int room = width - left.size() - right.size() - 4;
     const int cells = qBound(narrowestBar, room, widestBar);
-    const QString drawn = bar(gripper.position(), gripper.requestedPosition(), cells);
+    const QString drawn = positionBar(gripper.position(), gripper.requestedPosition(), cells);
     return QStringLiteral("%1 [%2] %3").arg(left, drawn, right);
 }
 
@@ -58,7 +58,7 @@ QString plainLineOf(const Snapshot &snapshot, const GripperState &gripper)
 
 } // namespace
 
-QString bar(int position, int requested, int cells)
+QString positionBar(int position, int requested, int cells)
 {
     QString drawn(cells, QLatin1Char('-'));
     const int end = cellOf(position, cells);
@@ -68,7 +68,7 @@ QString bar(int position, int requested, int cells)
     return drawn;
 }
 
-QStringList screen(const Snapshot &snapshot, const QString &host, int width)
+QStringList watchScreen(const Snapshot &snapshot, const QString &host, int width)
 {
     QStringList lines{QStringLiteral("gripperd %1 on %2  link %3  %4  Ctrl-C ends")
                           .arg(snapshot.driver, host, snapshot.link,
@@ -82,7 +82,7 @@ QStringList screen(const Snapshot &snapshot, const QString &host, int width)
     return lines;
 }
 
-QStringList plainLines(const Snapshot &snapshot)
+QStringList watchLines(const Snapshot &snapshot)
 {
     QStringList lines;
     for (const GripperState &gripper : snapshot.grippers)
@@ -95,4 +95,4 @@ QStringList plainLines(const Snapshot &snapshot)
     return lines;
 }
 
-} // namespace watchview
+} // namespace gripperctl

@@ -4,6 +4,8 @@
 #include "session.h"
 #include "statewait.h"
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int activationTimeoutMs = 20'000;
@@ -52,7 +54,7 @@ GripperState waitForActivation(Session &session, const GripperState &before)
 
 } // namespace
 
-void commands::activate(Session &session)
+void runActivate(Session &session)
 {
     const int id = session.selectGripper();
     const GripperState before = GripperState::read(session.connection(), id);
@@ -73,3 +75,5 @@ void commands::activate(Session &session)
     refuseFaulty(after);
     tell(session, after, QStringLiteral("is active"));
 }
+
+} // namespace gripperctl

@@ -7,6 +7,8 @@
 
 #include <QElapsedTimer>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int opened = 0;
@@ -125,7 +127,7 @@ void moveTo(Session &session, int position)
 
 } // namespace
 
-void commands::move(Session &session)
+void runMove(Session &session)
 {
     const QString word = session.options().arguments.first();
     bool isNumber = false;
@@ -139,12 +141,14 @@ void commands::move(Session &session)
     moveTo(session, position);
 }
 
-void commands::open(Session &session)
+void runOpen(Session &session)
 {
     moveTo(session, opened);
 }
 
-void commands::close(Session &session)
+void runClose(Session &session)
 {
     moveTo(session, closed);
 }
+
+} // namespace gripperctl

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int plotTimeoutMs = 60'000;
@@ -24,7 +26,7 @@ QVector<Sample> read(const QString &path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         fail(QStringLiteral("cannot read %1: %2").arg(path, file.errorString()));
-    const QVector<Sample> samples = recording::parse(QString::fromUtf8(file.readAll()));
+    const QVector<Sample> samples = parseRecording(QString::fromUtf8(file.readAll()));
     const auto isLive = [](const Sample &sample) { return sample.isLive; };
     if (std::none_of(samples.begin(), samples.end(), isLive))
         fail(QStringLiteral("nothing was recorded in %1 while the link ran").arg(path));
@@ -76,7 +78,7 @@ void write(const QString &path, const QByteArray &picture)
 
 } // namespace
 
-void commands::plot(Session &session)
+void runPlot(Session &session)
 {
     const QString picturePath = pictureFor(session.options());
     const bool wantsPng = isPng(picturePath);
@@ -85,3 +87,5 @@ void commands::plot(Session &session)
     session.output().result(QStringLiteral("drew %1").arg(picturePath),
                             {{QStringLiteral("file"), picturePath}});
 }
+
+} // namespace gripperctl

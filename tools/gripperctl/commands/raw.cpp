@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int slowTimeoutMs = 60'000;
@@ -14,7 +16,7 @@ QStringList upperNames(const QStringList &words)
 {
     QStringList names;
     for (const QString &word : words) {
-        if (!protocol::isGetName(word)) {
+        if (!isGetName(word)) {
             throw Failure{
                 ExitCode::WrongUsage,
                 QStringLiteral("a value has a name of three letters, not \"%1\"").arg(word)};
@@ -60,7 +62,7 @@ template <typename Wanted>
 bool anyNamed(const QStringList &words, Wanted isWanted)
 {
     return std::any_of(words.begin(), words.end(), [&](const QString &word) {
-        const protocol::SetName *row = protocol::findSetName(word);
+        const SetName *row = findSetName(word);
         return row != nullptr && isWanted(*row);
     });
 }
@@ -87,13 +89,13 @@ bool sendIntoBootloader(Session &session, const QStringList &words)
 
 } // namespace
 
-void commands::get(Session &session)
+void runGet(Session &session)
 {
     const QStringList names = upperNames(session.options().arguments);
-    if (!std::all_of(names.begin(), names.end(), protocol::isDaemonValue))
+    if (!std::all_of(names.begin(), names.end(), isDaemonValue))
         session.selectGripper();
     const Values values = session.connection().get(names);
-    const QString unknown = values.key(protocol::noValue());
+    const QString unknown = values.key(noValue());
     if (!unknown.isEmpty()) {
         session.output().partialResult(textOf(values, names));
         throw Failure{ExitCode::Refused,
@@ -102,10 +104,10 @@ void commands::get(Session &session)
     session.output().result(textOf(values, names), jsonOf(values));
 }
 
-void commands::set(Session &session)
+void runSet(Session &session)
 {
     const QStringList words = session.options().arguments;
-    const QString problem = protocol::problemInPairs(words);
+    const QString problem = problemInPairs(words);
     if (!problem.isEmpty())
         throw Failure{ExitCode::WrongUsage, problem};
     refuseGuarded(words);
@@ -119,3 +121,5 @@ void commands::set(Session &session)
     session.output().result(QStringLiteral("ack"),
                             {{QStringLiteral("reply"), QStringLiteral("ack")}});
 }
+
+} // namespace gripperctl

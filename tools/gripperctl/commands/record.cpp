@@ -9,6 +9,8 @@
 
 #include <limits>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int usualIntervalMs = 100;
@@ -21,7 +23,7 @@ public:
     {
         if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate))
             fail();
-        append({recording::header()});
+        append({recordingHeader()});
     }
 
     void append(const QStringList &lines)
@@ -55,13 +57,13 @@ void recordInto(RecordingFile &file, Session &session)
     Pacer pacer(session.options().milliseconds("interval").value_or(usualIntervalMs));
     do {
         const double seconds = static_cast<double>(pacer.elapsedMs()) / 1000;
-        file.append(recording::lines(Snapshot::take(session), seconds));
+        file.append(recordingLines(Snapshot::take(session), seconds));
     } while (pacer.waitForNext(endMs) && pacer.elapsedMs() < endMs);
 }
 
 } // namespace
 
-void commands::record(Session &session)
+void runRecord(Session &session)
 {
     const QString path = session.options().arguments.first();
     if (session.options().has("gripper"))
@@ -81,3 +83,5 @@ void commands::record(Session &session)
         QStringLiteral("%1 lines in %2").arg(file.sampleCount()).arg(path),
         {{QStringLiteral("file"), path}, {QStringLiteral("lines"), file.sampleCount()}});
 }
+
+} // namespace gripperctl

@@ -6,6 +6,8 @@
 
 #include <QElapsedTimer>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int releaseTimeoutMs = 30'000;
@@ -34,7 +36,7 @@ private:
 
 } // namespace
 
-void commands::release(Session &session)
+void runRelease(Session &session)
 {
     const int id = session.selectGripper();
     const GripperState before = GripperState::read(session.connection(), id);
@@ -59,3 +61,5 @@ void commands::release(Session &session)
                                 .arg(text),
                             {{QStringLiteral("gripper"), id}, {QStringLiteral("text"), text}});
 }
+
+} // namespace gripperctl

@@ -5,6 +5,8 @@
 #include "mutedpolling.h"
 #include "session.h"
 
+namespace gripperctl {
+
 namespace {
 
 // The gripper needs six seconds, the scan behind that a few more.
@@ -23,13 +25,13 @@ int idFrom(const QString &word)
 
 void refuseUnscanned(int id)
 {
-    if (protocol::scannedIds().contains(id))
+    if (scannedIds().contains(id))
         return;
     throw Failure{ExitCode::WrongUsage,
                   QStringLiteral("no scan ever looks for id %1, so the gripper would be lost for "
                                  "good: take %2")
                       .arg(id)
-                      .arg(listOfIds(protocol::scannedIds()))};
+                      .arg(listOfIds(scannedIds()))};
 }
 
 void refuseInUse(int id, const QVector<int> &found)
@@ -98,7 +100,7 @@ QString moveOnSilentLine(Session &session, int from, int to)
 
 } // namespace
 
-void commands::rename(Session &session)
+void runRename(Session &session)
 {
     const int from = idFrom(session.options().arguments.at(0));
     const int to = idFrom(session.options().arguments.at(1));
@@ -121,3 +123,5 @@ void commands::rename(Session &session)
                              {QStringLiteral("new"), to},
                              {QStringLiteral("serialNumber"), serialNumber}});
 }
+
+} // namespace gripperctl

@@ -10,6 +10,8 @@
 
 #include <unistd.h>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int jumpTimeoutMs = 60'000;
@@ -146,7 +148,7 @@ void judge(Session &session, int id, const QString &before, const QString &after
 
 } // namespace
 
-void commands::upgrade(Session &session)
+void runUpgrade(Session &session)
 {
     const int id = session.selectGripper();
     const GripperState before = GripperState::read(session.connection(), id);
@@ -166,3 +168,5 @@ void commands::upgrade(Session &session)
     session.connection().select(id);
     judge(session, id, before.firmware(), session.connection().get(QStringLiteral("FWV")));
 }
+
+} // namespace gripperctl

@@ -15,6 +15,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int usualIntervalMs = 200;
@@ -99,8 +101,7 @@ public:
 
 bool showPlain(Session &session, const Snapshot &snapshot)
 {
-    return session.output().result(watchview::plainLines(snapshot).join(QLatin1Char('\n')),
-                                   snapshot.toJson());
+    return session.output().result(watchLines(snapshot).join(QLatin1Char('\n')), snapshot.toJson());
 }
 
 /// Looks until the count is reached, nobody reads any more, or Ctrl-C.
@@ -124,13 +125,13 @@ void lookUntilInterrupted(Session &session)
     const Screen screen;
     const QString host = session.options().endpoint.text();
     look(session, [&](const Snapshot &snapshot) {
-        return screen.show(watchview::screen(snapshot, host, screenWidth()));
+        return screen.show(watchScreen(snapshot, host, screenWidth()));
     });
 }
 
 } // namespace
 
-void commands::watch(Session &session)
+void runWatch(Session &session)
 {
     if (session.options().has("gripper"))
         session.selectGripper();
@@ -141,3 +142,5 @@ void commands::watch(Session &session)
             throw;
     }
 }
+
+} // namespace gripperctl
