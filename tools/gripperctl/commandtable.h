@@ -3,7 +3,8 @@
 #include <QString>
 #include <QVector>
 
-#include <initializer_list>
+#include <set>
+#include <string_view>
 
 namespace gripperctl {
 
@@ -16,8 +17,8 @@ struct CommandRow
     const char *arguments; ///< as the help shows them
     int fewestArguments;
     int mostArguments;
-    const char *options; ///< names, each between blanks
-    const char *summary; ///< one line
+    std::set<std::string_view> options; ///< names from commandOptions()
+    const char *summary;                ///< one line
     const char *details;
     const char *example; ///< without the program's name
     /// Returns when it is done, throws a Failure otherwise.
