@@ -1,4 +1,5 @@
 #include "failure.h"
+#include "gripperidentity.h"
 #include "motion.h"
 #include "plotscript.h"
 #include "recording.h"
@@ -45,8 +46,9 @@ class TestGripperctlViews : public QObject
 
 private slots:
     void columnsAreAsWideAsTheirWidestWord();
-    void theSecondLetterTellsTheFamily_data();
-    void theSecondLetterTellsTheFamily();
+    void secondLetterDecidesTheFamily_data();
+    void secondLetterDecidesTheFamily();
+    void familiesAreThoseOfTheSimulator();
     void movementsAreJudgedByTheirOwnRequest_data();
     void movementsAreJudgedByTheirOwnRequest();
     void barsMarkPositionAndRequest_data();
@@ -67,7 +69,7 @@ void TestGripperctlViews::columnsAreAsWideAsTheirWidestWord()
     QCOMPARE(table.lines().join(QLatin1Char('\n')), QStringLiteral("ID    NAME\n1000\n      x"));
 }
 
-void TestGripperctlViews::theSecondLetterTellsTheFamily_data()
+void TestGripperctlViews::secondLetterDecidesTheFamily_data()
 {
     QTest::addColumn<QString>("family");
     QTest::addColumn<bool>("isVacuum");
@@ -79,11 +81,25 @@ void TestGripperctlViews::theSecondLetterTellsTheFamily_data()
         QTest::newRow(version) << "" << false;
 }
 
-void TestGripperctlViews::theSecondLetterTellsTheFamily()
+void TestGripperctlViews::secondLetterDecidesTheFamily()
 {
     const GripperState gripper = gripperOf(QTest::currentDataTag());
     QTEST(gripper.family(), "family");
     QTEST(gripper.isVacuum(), "isVacuum");
+}
+
+void TestGripperctlViews::familiesAreThoseOfTheSimulator()
+{
+    int known = 0;
+    for (char letter = 'A'; letter <= 'Z'; ++letter) {
+        const QString version = QStringLiteral("T%1x-1.0.0").arg(QLatin1Char(letter));
+        const auto identity = sim::GripperIdentity::fromVersion(9, version);
+        const GripperState gripper = gripperOf(("FWV=" + version.toLatin1()).constData());
+        QCOMPARE(!gripper.family().isEmpty(), identity.has_value());
+        QCOMPARE(gripper.isVacuum(), identity && identity->isVacuum());
+        known += identity ? 1 : 0;
+    }
+    QVERIFY(known > 0);
 }
 
 void TestGripperctlViews::movementsAreJudgedByTheirOwnRequest_data()

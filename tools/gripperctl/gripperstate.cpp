@@ -2,11 +2,36 @@
 
 #include "connection.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace gripperctl {
 
 namespace {
 
-constexpr int familyLetter = 1;
+struct FamilyRow
+{
+    char letter; ///< the second character of the firmware version
+    const char *name;
+    bool isVacuum;
+};
+
+constexpr FamilyRow families[] = {
+    {'A', "Pello", false},
+    {'B', "Varno", false},
+    {'E', "Zentra", true},
+    {'F', "Sorbix", true},
+};
+
+/// Null for a version of no known family.
+const FamilyRow *findFamily(const QString &firmware)
+{
+    const auto *row =
+        std::find_if(std::begin(families), std::end(families), [&](const FamilyRow &known) {
+            return firmware.midRef(1, 1) == QLatin1Char(known.letter);
+        });
+    return row == std::end(families) ? nullptr : row;
+}
 
 } // namespace
 
@@ -38,23 +63,14 @@ bool GripperState::isThere() const
 
 QString GripperState::family() const
 {
-    switch (firmware().size() > familyLetter ? firmware().at(familyLetter).toLatin1() : '?') {
-    case 'A':
-        return QStringLiteral("Pello");
-    case 'B':
-        return QStringLiteral("Varno");
-    case 'E':
-        return QStringLiteral("Zentra");
-    case 'F':
-        return QStringLiteral("Sorbix");
-    default:
-        return QString();
-    }
+    const FamilyRow *row = findFamily(firmware());
+    return row == nullptr ? QString() : QString::fromLatin1(row->name);
 }
 
 bool GripperState::isVacuum() const
 {
-    return family() == QLatin1String("Zentra") || family() == QLatin1String("Sorbix");
+    const FamilyRow *row = findFamily(firmware());
+    return row != nullptr && row->isVacuum;
 }
 
 QString GripperState::statusText() const

@@ -33,7 +33,7 @@ public:
 
     QString firmware() const { return text("FWV"); }
     QString serialNumber() const { return text("SNU"); }
-    /// By the second letter of the firmware version; empty for none that is known.
+    /// The product family, from the second letter of the firmware version; empty if it is unknown.
     QString family() const;
     bool isVacuum() const;
 

@@ -15,8 +15,15 @@ constexpr int opened = 0;
 constexpr int closed = 255;
 // At the lowest speed the whole way takes a few seconds.
 constexpr int motionTimeoutMs = 30'000;
-// Of four grippers, as many as a scan finds, each is seen every 200 ms, and writes come in between.
-constexpr qint64 oldestValueMs = 400;
+// The daemon reads or writes one gripper in this time.
+constexpr int pollingStepMs = 50;
+
+/// A value that the daemon shows is never older. A scan finds one gripper per id at most; in the
+/// worst case the daemon writes each of them between two reads.
+qint64 maxValueAgeMs()
+{
+    return 2 * pollingStepMs * scannedIds().size();
+}
 
 QString requestFor(const Options &options, int position)
 {
@@ -57,7 +64,7 @@ GripperState waitForEnd(Session &session, const GripperState &before, int positi
     sinceRequest.start();
     const auto isOver = [=](const GripperState &state) {
         const Motion motion = judgeMotion(state, position);
-        const bool isFresh = !isShownAlready || sinceRequest.elapsed() > oldestValueMs;
+        const bool isFresh = !isShownAlready || sinceRequest.elapsed() > maxValueAgeMs();
         return isFresh && motion != Motion::NotTaken && motion != Motion::UnderWay;
     };
     const Goal goal{QStringLiteral("moving to %1").arg(position),
