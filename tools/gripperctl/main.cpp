@@ -4,26 +4,15 @@
 #include "helptext.h"
 #include "options.h"
 #include "session.h"
+#include "standarddescriptors.h"
 
 #include <QCoreApplication>
 
 #include <exception>
 
-#include <fcntl.h>
-
 namespace gripperctl {
 
 namespace {
-
-/// Those that are closed: otherwise the connection gets their numbers, and what is printed with
-/// them.
-void openStandardStreams()
-{
-    for (int descriptor = 0; descriptor <= 2; ++descriptor) {
-        if (::fcntl(descriptor, F_GETFD) == -1)
-            ::open("/dev/null", O_RDWR);
-    }
-}
 
 int numberOf(ExitCode code)
 {
@@ -83,7 +72,7 @@ int runWith(const QStringList &words)
 
 int main(int argc, char *argv[])
 {
-    gripperctl::openStandardStreams();
+    tools::occupyStandardDescriptors();
     try {
         const QCoreApplication application(argc, argv);
         return gripperctl::runWith(QCoreApplication::arguments().mid(1));

@@ -5,6 +5,7 @@
 #include "parentwatch.h"
 #include "serialdevice.h"
 #include "serialportlock.h"
+#include "standarddescriptors.h"
 #include "stm32flashrun.h"
 
 #include <QCoreApplication>
@@ -122,6 +123,7 @@ int main(int argc, char *argv[])
     // False if the parent died during this call.
     if (!flasher::endWithParent(::getppid()))
         return static_cast<int>(flasher::ExitCode::CannotBegin);
+    tools::occupyStandardDescriptors();
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("romflasher"));
     return flasher::exitCodeOf(QCoreApplication::arguments());
