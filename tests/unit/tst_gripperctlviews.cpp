@@ -12,7 +12,7 @@ using namespace gripperctl;
 
 namespace {
 
-/// A gripper of these values over those of one that has arrived at 100.
+/// A gripper that has arrived at 100, except for the given `values`.
 GripperState gripperOf(const char *values, int id = 9)
 {
     Values all;
@@ -45,23 +45,23 @@ class TestGripperctlViews : public QObject
     Q_OBJECT
 
 private slots:
-    void columnsAreAsWideAsTheirWidestWord();
+    void columnIsAsWideAsItsWidestWord();
     void secondLetterDecidesTheFamily_data();
     void secondLetterDecidesTheFamily();
     void familiesAreThoseOfTheSimulator();
-    void movementsAreJudgedByTheirOwnRequest_data();
-    void movementsAreJudgedByTheirOwnRequest();
-    void barsMarkPositionAndRequest_data();
-    void barsMarkPositionAndRequest();
-    void theScreenIsNeverWiderThanTheTerminal_data();
-    void theScreenIsNeverWiderThanTheTerminal();
-    void aPlainLineHasNoBlanksInItsValues();
-    void aRecordingIsReadAsItWasWritten();
-    void aTimeWithoutALinkIsAGapInTheCurve();
-    void brokenRecordingsNameTheirLine();
+    void motionIsJudgedByItsOwnRequest_data();
+    void motionIsJudgedByItsOwnRequest();
+    void barMarksPositionAndRequest_data();
+    void barMarksPositionAndRequest();
+    void screenIsNeverWiderThanTheTerminal_data();
+    void screenIsNeverWiderThanTheTerminal();
+    void plainLineHasNoBlanksInItsValues();
+    void parsedRecordingEqualsTheWrittenOne();
+    void timeWithoutALinkIsAGapInTheCurve();
+    void messageNamesTheWrongLineOfARecording();
 };
 
-void TestGripperctlViews::columnsAreAsWideAsTheirWidestWord()
+void TestGripperctlViews::columnIsAsWideAsItsWidestWord()
 {
     TextTable table({QStringLiteral("ID"), QStringLiteral("NAME")});
     table.addRow({QStringLiteral("1000"), QString()});
@@ -102,7 +102,7 @@ void TestGripperctlViews::familiesAreThoseOfTheSimulator()
     QVERIFY(known > 0);
 }
 
-void TestGripperctlViews::movementsAreJudgedByTheirOwnRequest_data()
+void TestGripperctlViews::motionIsJudgedByItsOwnRequest_data()
 {
     QTest::addColumn<int>("position");
     QTest::addColumn<Motion>("motion");
@@ -118,13 +118,13 @@ void TestGripperctlViews::movementsAreJudgedByTheirOwnRequest_data()
     QTest::newRow("PRE=007") << 7 << Motion::Reached;
 }
 
-void TestGripperctlViews::movementsAreJudgedByTheirOwnRequest()
+void TestGripperctlViews::motionIsJudgedByItsOwnRequest()
 {
     QFETCH(int, position);
     QTEST(judgeMotion(gripperOf(QTest::currentDataTag()), position), "motion");
 }
 
-void TestGripperctlViews::barsMarkPositionAndRequest_data()
+void TestGripperctlViews::barMarksPositionAndRequest_data()
 {
     QTest::addColumn<int>("position");
     QTest::addColumn<int>("requested");
@@ -137,21 +137,21 @@ void TestGripperctlViews::barsMarkPositionAndRequest_data()
     QTest::newRow("just moving") << 1 << 255 << "#--------|";
 }
 
-void TestGripperctlViews::barsMarkPositionAndRequest()
+void TestGripperctlViews::barMarksPositionAndRequest()
 {
     QFETCH(int, position);
     QFETCH(int, requested);
     QTEST(positionBar(position, requested, 10), "drawn");
 }
 
-void TestGripperctlViews::theScreenIsNeverWiderThanTheTerminal_data()
+void TestGripperctlViews::screenIsNeverWiderThanTheTerminal_data()
 {
     QTest::addColumn<int>("width");
     for (const int width : {1, 40, 80, 81, 200, 500})
         QTest::addRow("%d", width) << width;
 }
 
-void TestGripperctlViews::theScreenIsNeverWiderThanTheTerminal()
+void TestGripperctlViews::screenIsNeverWiderThanTheTerminal()
 {
     QFETCH(int, width);
     const Snapshot snapshot = snapshotOf({gripperOf("FWV=TE1-2.0.2", 2), gripperOf("OBJ=1")});
@@ -165,7 +165,7 @@ void TestGripperctlViews::theScreenIsNeverWiderThanTheTerminal()
     }
 }
 
-void TestGripperctlViews::aPlainLineHasNoBlanksInItsValues()
+void TestGripperctlViews::plainLineHasNoBlanksInItsValues()
 {
     const QStringList lines = watchLines(snapshotOf({gripperOf("")}, "ERR_SCANNING (EIO)"));
     QCOMPARE(lines, QStringList{QStringLiteral(
@@ -176,7 +176,7 @@ void TestGripperctlViews::aPlainLineHasNoBlanksInItsValues()
              QStringLiteral("2024-05-06T07:08:09.010Z link=RUNNING no grippers found"));
 }
 
-void TestGripperctlViews::aRecordingIsReadAsItWasWritten()
+void TestGripperctlViews::parsedRecordingEqualsTheWrittenOne()
 {
     const Snapshot snapshot =
         snapshotOf({gripperOf("POS=1 PRE=255 COU=33", 2), gripperOf("DRI=ERR_TIMEOUT")});
@@ -197,7 +197,7 @@ void TestGripperctlViews::aRecordingIsReadAsItWasWritten()
     QVERIFY(parseRecording(asSpreadsheetsWrite).first().isLive);
 }
 
-void TestGripperctlViews::aTimeWithoutALinkIsAGapInTheCurve()
+void TestGripperctlViews::timeWithoutALinkIsAGapInTheCurve()
 {
     const QByteArray script = plotScript({{0.0, 9, 1, 2, 3, true},
                                           {0.1, 9, 1, 2, 3, false},
@@ -209,12 +209,12 @@ void TestGripperctlViews::aTimeWithoutALinkIsAGapInTheCurve()
     QVERIFY(script.startsWith("set terminal pngcairo"));
 }
 
-void TestGripperctlViews::brokenRecordingsNameTheirLine()
+void TestGripperctlViews::messageNamesTheWrongLineOfARecording()
 {
     const QString good = QStringLiteral("t,0.1,9,1,2,3,-,0,RUNNING");
     try {
         parseRecording(textFrom({good, QStringLiteral("t,0.1,9,1,2,x,-,0,RUNNING")}));
-        QFAIL("taken for a recording");
+        QFAIL("no failure");
     } catch (const Failure &failure) {
         QCOMPARE(failure.code, ExitCode::LocalProblem);
         QVERIFY(failure.text.startsWith(QLatin1String("line 3 ")));

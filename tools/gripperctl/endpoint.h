@@ -6,7 +6,7 @@
 
 namespace gripperctl {
 
-/// Where a daemon listens.
+/// The address of a daemon.
 struct Endpoint
 {
     static constexpr quint16 usualPort = 63352;
@@ -14,10 +14,10 @@ struct Endpoint
     QString host = QStringLiteral("127.0.0.1");
     quint16 port = usualPort;
 
-    /// As it is written on the command line; an IPv6 address stands in brackets.
+    /// HOST:PORT, as on the command line; an IPv6 address is in brackets.
     QString text() const;
 
-    /// HOST, HOST:PORT, [IPV6] or [IPV6]:PORT; nothing if it is none of these.
+    /// Reads HOST, HOST:PORT, [IPV6] or [IPV6]:PORT. Empty for any other text.
     static std::optional<Endpoint> fromText(const QString &text);
 };
 

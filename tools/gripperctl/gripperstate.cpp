@@ -48,8 +48,8 @@ GripperState GripperState::read(Connection &connection, int id)
 
 const QStringList &GripperState::names()
 {
-    // The request that is shown comes before what became of it: should a poll come in between, the
-    // answer is never older than the request.
+    // The request comes first: if a poll changes the values during the reply, the outcome is never
+    // older than the request.
     static const QStringList all = QStringLiteral("PRE GTO STA OBJ FLT POS COU ACT NCY FWV SNU PYE "
                                                   "DRI")
                                        .split(QLatin1Char(' '));

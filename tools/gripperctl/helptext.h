@@ -6,7 +6,6 @@ namespace gripperctl {
 
 struct CommandRow;
 
-/// What --help prints.
 QString generalHelp();
 QString helpFor(const CommandRow &command);
 

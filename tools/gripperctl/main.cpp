@@ -23,13 +23,14 @@ const CommandRow &commandOf(const Options &options)
 {
     if (options.command.isEmpty()) {
         throw Failure{ExitCode::WrongUsage,
-                      QStringLiteral("which command? gripperctl --help lists them")};
+                      QStringLiteral("no command given; gripperctl --help lists the commands")};
     }
     const CommandRow *command = findCommand(options.command);
     if (command == nullptr) {
-        throw Failure{ExitCode::WrongUsage,
-                      QStringLiteral("there is no command \"%1\"; gripperctl --help lists them")
-                          .arg(options.command)};
+        throw Failure{
+            ExitCode::WrongUsage,
+            QStringLiteral("there is no command \"%1\"; gripperctl --help lists the commands")
+                .arg(options.command)};
     }
     return *command;
 }

@@ -43,7 +43,7 @@ bool Output::result(const QString &text, const QJsonObject &json) const
     errno = 0;
     if (writeOut((m_isJson ? asLine(json) : text.toLocal8Bit()) + '\n'))
         return true;
-    // Who reads no more has seen enough, and who interrupts, too.
+    // The reader closed the pipe, or the user pressed Ctrl-C: neither needs a message.
     if (errno == EPIPE || errno == EINTR)
         return false;
     throw Failure{ExitCode::LocalProblem,

@@ -4,7 +4,7 @@
 
 namespace gripperctl {
 
-/// Looks at a steady pace: the time that a look takes does not add up.
+/// Keeps a steady interval between looks; the time that a look takes does not add up.
 class Pacer
 {
 public:
@@ -12,7 +12,8 @@ public:
 
     qint64 elapsedMs() const { return m_sinceStart.elapsed(); }
 
-    /// Waits for the next look, or until `endMs` if that comes first. False when interrupted.
+    /// Blocks until the next look, at most until `endMs` after the start. Returns false if
+    /// interrupted.
     bool waitForNext(qint64 endMs);
 
 private:

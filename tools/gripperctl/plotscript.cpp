@@ -18,7 +18,7 @@ ByGripper grouped(const QVector<Sample> &samples)
 
 QByteArray dataLine(const Sample &sample)
 {
-    // A blank line breaks the curve: nothing is known of that time.
+    // A blank line makes a gap in the curve, because the values of this time are unknown.
     if (!sample.isLive)
         return "\n";
     return QStringLiteral("%1 %2 %3 %4\n")
@@ -37,7 +37,8 @@ QByteArray dataBlock(int gripper, const QVector<Sample> &samples)
     return block + "EOD\n";
 }
 
-/// "plot" with one curve for each gripper and form; %1 in a form is the gripper, %2 its colour.
+/// A "plot" command with one curve per gripper and form. In a form, %1 is the gripper and %2 its
+/// colour.
 QByteArray plotCommand(const ByGripper &groups, const QStringList &forms)
 {
     QStringList curves;

@@ -24,10 +24,11 @@ QString lineOf(const Snapshot &snapshot, const GripperState &gripper, double sec
 
 [[noreturn]] void fail(int line)
 {
-    throw Failure{ExitCode::LocalProblem,
-                  QStringLiteral("line %1 is none of a recording: was the file made by gripperctl "
-                                 "record?")
-                      .arg(line)};
+    throw Failure{
+        ExitCode::LocalProblem,
+        QStringLiteral("line %1 is not part of a recording: use a file that gripperctl record "
+                       "made")
+            .arg(line)};
 }
 
 int wholeIn(const QStringList &fields, Column column, int line)
@@ -72,7 +73,7 @@ QStringList recordingLines(const Snapshot &snapshot, double seconds)
 
 QVector<Sample> parseRecording(const QString &text)
 {
-    // Spreadsheets end their lines in two characters.
+    // Spreadsheets end a line with CR and LF.
     const QStringList all = QString(text).remove(QLatin1Char('\r')).split(QLatin1Char('\n'));
     if (all.first() != recordingHeader())
         fail(1);

@@ -8,7 +8,7 @@ namespace gripperctl {
 
 class Session;
 
-/// The driver and its grippers at about one moment.
+/// The driver and its grippers at about the same time.
 struct Snapshot
 {
     QDateTime time;
@@ -16,7 +16,8 @@ struct Snapshot
     QString link;
     QVector<GripperState> grippers; ///< in ascending order of their ids
 
-    /// All grippers, or only the one that --gripper names. One that goes meanwhile is left out.
+    /// Reads all grippers, or only the one of --gripper. Leaves out a gripper that disappears
+    /// meanwhile.
     static Snapshot take(Session &session);
 
     QJsonObject toJson() const;

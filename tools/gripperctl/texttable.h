@@ -5,7 +5,7 @@
 
 namespace gripperctl {
 
-/// Rows of words in columns as wide as their widest word.
+/// Rows of words; each column is as wide as its widest word.
 class TextTable
 {
 public:
@@ -13,7 +13,7 @@ public:
 
     void addRow(const QStringList &row);
 
-    /// One line each, the header first; no blanks at the ends of lines.
+    /// One line per row, the header first, without blanks at the end.
     QStringList lines() const;
 
 private:

@@ -4,16 +4,16 @@ namespace gripperctl {
 
 namespace {
 
-constexpr int greatest = 255;
-constexpr int narrowestBar = 10;
-constexpr int widestBar = 100;
+constexpr int maxPosition = 255;
+constexpr int minBarWidth = 10;
+constexpr int maxBarWidth = 100;
 
 int cellOf(int position, int cells)
 {
-    return (qBound(0, position, greatest) * (cells - 1) + greatest / 2) / greatest;
+    return (qBound(0, position, maxPosition) * (cells - 1) + maxPosition / 2) / maxPosition;
 }
 
-QString before(const GripperState &gripper)
+QString textBeforeBar(const GripperState &gripper)
 {
     return QStringLiteral("%1 %2 %3")
         .arg(gripper.id(), 2)
@@ -21,7 +21,7 @@ QString before(const GripperState &gripper)
         .arg(gripper.statusText(), -10);
 }
 
-QString behind(const GripperState &gripper)
+QString textAfterBar(const GripperState &gripper)
 {
     return QStringLiteral("%1 -> %2  current %3  %4 fault %5")
         .arg(gripper.position(), 3)
@@ -33,10 +33,10 @@ QString behind(const GripperState &gripper)
 
 QString lineOf(const GripperState &gripper, int width)
 {
-    const QString left = before(gripper);
-    const QString right = behind(gripper);
+    const QString left = textBeforeBar(gripper);
+    const QString right = textAfterBar(gripper);
     const int room = width - left.size() - right.size() - 4;
-    const int cells = qBound(narrowestBar, room, widestBar);
+    const int cells = qBound(minBarWidth, room, maxBarWidth);
     const QString drawn = positionBar(gripper.position(), gripper.requestedPosition(), cells);
     return QStringLiteral("%1 [%2] %3").arg(left, drawn, right);
 }

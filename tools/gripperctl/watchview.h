@@ -4,14 +4,14 @@
 
 namespace gripperctl {
 
-/// `cells` characters for 0 to 255: '#' up to the position, '|' at the requested one.
+/// A bar of `cells` characters for 0 to 255: '#' up to `position`, '|' at `requested`.
 QString positionBar(int position, int requested, int cells);
 
-/// For a terminal of that width: a head line, and a line with a bar for each gripper. No line is
-/// longer.
+/// The live view: a head line, and a line with a bar for each gripper. No line has more than
+/// `width` characters.
 QStringList watchScreen(const Snapshot &snapshot, const QString &host, int width);
 
-/// For a file: a line for each gripper, of NAME=VALUE words.
+/// The view without a terminal: a line of NAME=VALUE words for each gripper.
 QStringList watchLines(const Snapshot &snapshot);
 
 } // namespace gripperctl

@@ -4,7 +4,7 @@
 
 namespace flasher {
 
-/// How a run ends. Scripts and the daemon's log show these numbers.
+/// How a run ends. Scripts compare these numbers, so they never change.
 enum class ExitCode {
     Done = 0,         ///< written, verified and, with -g, started
     CannotBegin = 2,  ///< wrong arguments, image or installation; nothing was written

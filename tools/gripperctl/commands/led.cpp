@@ -14,11 +14,12 @@ const QStringList colours{QStringLiteral("red"), QStringLiteral("green"), QStrin
 void check(const QStringList &words)
 {
     for (const QString &word : words) {
-        const bool standsAlone = (word == automatic || word == off) && words.size() == 1;
-        if (!colours.contains(word) && !standsAlone) {
+        const bool isOnlyWord = (word == automatic || word == off) && words.size() == 1;
+        if (!colours.contains(word) && !isOnlyWord) {
             throw Failure{
                 ExitCode::WrongUsage,
-                QStringLiteral("led takes red, green and blue, or off, or auto, not \"%1\"")
+                QStringLiteral("led takes any of red, green and blue, or only off, or only auto, "
+                               "not \"%1\"")
                     .arg(words.join(QLatin1Char(' ')))};
         }
     }

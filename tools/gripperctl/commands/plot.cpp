@@ -29,7 +29,9 @@ QVector<Sample> read(const QString &path)
     const QVector<Sample> samples = parseRecording(QString::fromUtf8(file.readAll()));
     const auto isLive = [](const Sample &sample) { return sample.isLive; };
     if (std::none_of(samples.begin(), samples.end(), isLive))
-        fail(QStringLiteral("nothing was recorded in %1 while the link ran").arg(path));
+        fail(QStringLiteral("%1 has no values from a running link: record again while "
+                            "gripperctl status shows link RUNNING")
+                 .arg(path));
     return samples;
 }
 
@@ -47,7 +49,7 @@ bool isPng(const QString &path)
     const QString suffix = QFileInfo(path).suffix().toLower();
     if (suffix != QLatin1String("png") && suffix != QLatin1String("svg")) {
         throw Failure{ExitCode::WrongUsage,
-                      QStringLiteral("%1 should end in .svg or .png").arg(path)};
+                      QStringLiteral("the output %1 must end in .svg or .png").arg(path)};
     }
     return suffix == QLatin1String("png");
 }
@@ -57,14 +59,14 @@ QByteArray draw(const QByteArray &script)
     QProcess gnuplot;
     gnuplot.start(QStringLiteral("gnuplot"), QStringList());
     if (!gnuplot.waitForStarted())
-        fail(QStringLiteral("cannot start gnuplot: sudo apt install gnuplot-nox"));
+        fail(QStringLiteral("cannot start gnuplot: install it with sudo apt install gnuplot-nox"));
     gnuplot.write(script);
     gnuplot.closeWriteChannel();
     const bool isDone = gnuplot.waitForFinished(plotTimeoutMs);
     QByteArray picture = gnuplot.readAllStandardOutput();
     if (!isDone || gnuplot.exitCode() != 0 || picture.isEmpty()) {
-        const QString told = QString::fromLocal8Bit(gnuplot.readAllStandardError()).simplified();
-        fail(QStringLiteral("gnuplot failed: %1").arg(told));
+        const QString errors = QString::fromLocal8Bit(gnuplot.readAllStandardError()).simplified();
+        fail(QStringLiteral("gnuplot failed: %1").arg(errors));
     }
     return picture;
 }
