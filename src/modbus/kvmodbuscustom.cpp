@@ -1,5 +1,6 @@
 #include "kvmodbuscustom.h"
 
+#include "portlock.h"
 #include "portusage.h"
 #include "quitsignals.h"
 #include "waits.h"
@@ -73,7 +74,10 @@ void KvModbusCustom::initialize()
 
 bool KvModbusCustom::connectToDevice()
 {
-    return m_serialPort.isOpen() || m_serialPort.open(QIODevice::ReadWrite);
+    if (m_serialPort.isOpen())
+        return true;
+    removeStaleLockOfOwnProcess(m_serialPort.portName());
+    return m_serialPort.open(QIODevice::ReadWrite);
 }
 
 void KvModbusCustom::disconnectFromDevice()

@@ -6,6 +6,7 @@
 #include <QSignalSpy>
 #include <QTest>
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 
@@ -25,6 +26,15 @@ const QStringList inputReads9 = listOf("9 read 2000, 9 read 600, 9 read 602, 9 r
 const QStringList inputReads2 = listOf("2 read 2000, 2 read 600, 2 read 602, 2 read 604");
 const QString write9 = QStringLiteral("9 write 1000");
 const QByteArray running("RUNNING");
+
+// Whether a request went out before the answer to the one before it had come.
+bool hasRequestInsideARequest(const QStringList &traffic)
+{
+    const auto areRequests = [](const QString &first, const QString &second) {
+        return first != QLatin1String("answer") && second != QLatin1String("answer");
+    };
+    return std::adjacent_find(traffic.begin(), traffic.end(), areRequests) != traffic.end();
+}
 
 // Runs inside the next wait for the line, once.
 template <class Action>
@@ -794,19 +804,19 @@ void tst_GripperList::intervalChangedInsideATickLetsNoTickInside()
     connect(&client, &QTimer::timeout, m_list.get(), [&] {
         throttled = !throttled;
         m_list->setThrottled(throttled);
+        // Ticks inside ticks would never end.
+        if (hasRequestInsideARequest(m_line->traffic()))
+            m_list->m_stateLoopTimer->stop();
     });
     client.start(7);
 
-    QTRY_VERIFY_WITH_TIMEOUT(m_line->requests().size() >= 40, 60'000);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        m_line->requests().size() >= 40 || !m_list->m_stateLoopTimer->isActive(), 60'000);
     m_list->m_stateLoopTimer->stop();
     QTRY_VERIFY(!m_list->m_tickRunning);
 
     const QStringList traffic = m_line->traffic();
-    for (int i = 1; i < traffic.size(); ++i) {
-        const bool twoRequestsInARow =
-            traffic[i] != QLatin1String("answer") && traffic[i - 1] != QLatin1String("answer");
-        QVERIFY2(!twoRequestsInARow, qPrintable(traffic.join(QLatin1Char('\n'))));
-    }
+    QVERIFY2(!hasRequestInsideARequest(traffic), qPrintable(traffic.join(QLatin1Char('\n'))));
     QCOMPARE(m_log->infos(), QStringList());
 }
 
