@@ -28,7 +28,7 @@ constexpr Row rows[] = {
 
 QString lineFor(const Failure &failure)
 {
-    const QString cause =
+    QString cause =
         failure.cause.isEmpty() ? QStringLiteral("stm32flash gave no reason") : failure.cause;
     for (const Row &row : rows) {
         if (row.code == failure.code) {

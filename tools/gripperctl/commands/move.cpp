@@ -16,7 +16,7 @@ constexpr int closedPosition = 255;
 // At the lowest speed, the full travel takes a few seconds.
 constexpr int motionTimeoutMs = 30'000;
 // The daemon reads or writes one gripper in this time.
-constexpr int pollingStepMs = 50;
+constexpr qint64 pollingStepMs = 50;
 
 /// A value that the daemon shows is never older. A scan finds one gripper per id at most; in the
 /// worst case the daemon writes each of them between two reads.
