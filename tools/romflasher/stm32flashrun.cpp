@@ -60,7 +60,7 @@ QStringList Stm32FlashRun::startArguments(const Options &options, const QString 
 void Stm32FlashRun::write(const FirmwareFile &image)
 {
     m_output = Stm32FlashOutput(m_options.target.address + static_cast<quint32>(image.size()));
-    show({QStringLiteral("writing %1 to %2 over %3, %4 baud, %5")
+    show({QStringLiteral("%1 goes to %2 over %3, %4 baud, %5")
               .arg(m_options.imagePath, hex(m_options.target.address), m_options.device)
               .arg(m_options.target.baudRate)
               .arg(m_serialMode)});
