@@ -1,4 +1,5 @@
 #include "loghandler.h"
+#include "ptypair.h"
 
 #include <QDebug>
 #include <QElapsedTimer>
@@ -63,13 +64,11 @@ Ends pipeEnds()
     return {ends[0], ends[1]};
 }
 
-// As an ordinary terminal is: it makes "\r\n" of a line's end.
 Ends terminalEnds()
 {
-    const int ends = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ::grantpt(ends);
-    ::unlockpt(ends);
-    return {ends, ::open(::ptsname(ends), O_RDWR | O_NOCTTY | O_CLOEXEC)};
+    const PtyPair pair(PtyPair::Mode::Terminal);
+    return {::fcntl(pair.lineEnd(), F_DUPFD_CLOEXEC, 0),
+            ::fcntl(pair.portEnd(), F_DUPFD_CLOEXEC, 0)};
 }
 
 // Standard error can be read here as long as this exists.

@@ -2,11 +2,13 @@
 
 #include <QRegularExpression>
 
-namespace {
-constexpr int kPercentPerTenth = 10;
+namespace flasher {
 
-/// Cuts the lines that are complete off the front of `pending`. Progress lines end in carriage
-/// returns; empty ones are left out.
+namespace {
+constexpr int percentPerTenth = 10;
+
+/// Removes the complete lines from `pending` and returns those that are not empty. A progress line
+/// ends in a carriage return.
 QStringList takeLines(QByteArray *pending)
 {
     pending->replace('\r', '\n');
@@ -42,7 +44,7 @@ QStringList Stm32FlashOutput::takeErrors(const QByteArray &bytes)
     m_errors += bytes;
     QStringList lines = takeLines(&m_errors);
     for (const QString &line : qAsConst(lines)) {
-        // A bootloader that has been detected before is told of with a warning.
+        // stm32flash warns of a bootloader that another run has detected before.
         if (!line.startsWith(QLatin1String("Warning: ")))
             m_complaint = withoutStop(line.trimmed());
     }
@@ -54,7 +56,7 @@ QStringList Stm32FlashOutput::takeLine(const QString &line)
     struct Row
     {
         const char *start; ///< of the line
-        Stage stage;       ///< that it shows to be reached
+        Stage stage;       ///< the line shows that this stage is reached
         bool isShown;
     };
     static const Row rows[] = {
@@ -87,7 +89,7 @@ QStringList Stm32FlashOutput::takeProgress(const QString &line)
     const QRegularExpressionMatch match = pattern.match(line);
     if (!match.hasMatch())
         return {};
-    const int tenths = match.captured(2).toInt() / kPercentPerTenth;
+    const int tenths = match.captured(2).toInt() / percentPerTenth;
     if (match.captured(1).toUInt(nullptr, 16) == m_endAddress &&
         line.endsWith(QLatin1String("Done.")))
         m_stage = Stage::Written;
@@ -95,23 +97,25 @@ QStringList Stm32FlashOutput::takeProgress(const QString &line)
         return {};
     m_shownTenths = tenths;
     return {QStringLiteral("Wrote and verified %1 % (up to %2)")
-                .arg(tenths * kPercentPerTenth)
+                .arg(tenths * percentPerTenth)
                 .arg(match.captured(1))};
 }
 
-FlasherOutcome Stm32FlashOutput::outcome(int exitCode, bool startsFirmware) const
+ExitCode Stm32FlashOutput::result(int exitCode, bool startsFirmware) const
 {
     switch (m_stage) {
     case Stage::Opening:
-        return FlasherOutcome::PortFailed;
+        return ExitCode::PortFailed;
     case Stage::Connecting:
-        return FlasherOutcome::NoBootloader;
+        return ExitCode::NoBootloader;
     case Stage::Erasing:
-        return FlasherOutcome::WriteFailed;
+        return ExitCode::WriteFailed;
     case Stage::Written:
-        return startsFirmware || exitCode != 0 ? FlasherOutcome::NotStarted : FlasherOutcome::Done;
+        return startsFirmware || exitCode != 0 ? ExitCode::NotStarted : ExitCode::Done;
     case Stage::Started:
-        return FlasherOutcome::Done;
+        return ExitCode::Done;
     }
-    return FlasherOutcome::WriteFailed;
+    return ExitCode::WriteFailed;
 }
+
+} // namespace flasher

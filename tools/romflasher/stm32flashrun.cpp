@@ -8,8 +8,10 @@
 
 #include <unistd.h>
 
+namespace flasher {
+
 namespace {
-constexpr int kForEver = -1;
+constexpr int noTimeout = -1;
 
 QString hex(quint32 address)
 {
@@ -17,38 +19,37 @@ QString hex(quint32 address)
 }
 } // namespace
 
-Stm32FlashRun::Stm32FlashRun(const FlasherOptions &options, const QString &serialMode,
-                             int stallLimitMs)
+Stm32FlashRun::Stm32FlashRun(const Options &options, const QString &serialMode, int stallLimitMs)
     : m_options(options)
     , m_serialMode(serialMode)
     , m_stallLimitMs(stallLimitMs)
 {
 }
 
-/// Between fork and exec.
+/// Runs between fork and exec.
 void Stm32FlashRun::Child::setupChildProcess()
 {
     if (!endWithParent(static_cast<pid_t>(m_parentPid)))
         ::_exit(1);
 }
 
-QStringList Stm32FlashRun::writeArguments(const FlasherOptions &options, const QString &serialMode,
+QStringList Stm32FlashRun::writeArguments(const Options &options, const QString &serialMode,
                                           const QString &imagePath)
 {
     const QString address = hex(options.target.address);
     QStringList words{QStringLiteral("-b"), QString::number(options.target.baudRate),
                       QStringLiteral("-m"), serialMode,
-                      // A binary whatever it looks like: text of a certain form would be unpacked.
+                      // Without -f, stm32flash unpacks an image that looks like Intel HEX.
                       QStringLiteral("-f"), QStringLiteral("-S"), address, QStringLiteral("-w"),
                       imagePath,
-                      // Without this a flash that did not keep the bytes counts as success.
+                      // Without -v, a flash that did not keep the bytes counts as success.
                       QStringLiteral("-v")};
     if (options.startsFirmware)
         words << QStringLiteral("-g") << address;
     return words << options.device;
 }
 
-QStringList Stm32FlashRun::startArguments(const FlasherOptions &options, const QString &serialMode)
+QStringList Stm32FlashRun::startArguments(const Options &options, const QString &serialMode)
 {
     return {QStringLiteral("-b"), QString::number(options.target.baudRate),
             QStringLiteral("-m"), serialMode,
@@ -56,53 +57,55 @@ QStringList Stm32FlashRun::startArguments(const FlasherOptions &options, const Q
             options.device};
 }
 
-FlasherOutcome Stm32FlashRun::write(const FirmwareFile &image)
+void Stm32FlashRun::write(const FirmwareFile &image)
 {
     m_output = Stm32FlashOutput(m_options.target.address + static_cast<quint32>(image.size()));
     show({QStringLiteral("%1 goes to %2 over %3, %4 baud, %5")
               .arg(m_options.imagePath, hex(m_options.target.address), m_options.device)
               .arg(m_options.target.baudRate)
               .arg(m_serialMode)});
-    return execute(writeArguments(m_options, m_serialMode, image.pathOfCopy()),
-                   m_options.startsFirmware);
+    execute(writeArguments(m_options, m_serialMode, image.pathOfCopy()), m_options.startsFirmware);
 }
 
-FlasherOutcome Stm32FlashRun::start()
+void Stm32FlashRun::start()
 {
-    return execute(startArguments(m_options, m_serialMode), true);
+    execute(startArguments(m_options, m_serialMode), true);
 }
 
-FlasherOutcome Stm32FlashRun::execute(const QStringList &arguments, bool startsFirmware)
+void Stm32FlashRun::execute(const QStringList &arguments, bool startsFirmware)
 {
     m_process.setStandardInputFile(QProcess::nullDevice());
     m_process.start(QStringLiteral("stm32flash"), arguments);
-    if (!m_process.waitForStarted(kForEver)) {
-        m_problem = QStringLiteral("stm32flash cannot be started (is it installed?): ") +
-                    m_process.errorString();
-        return FlasherOutcome::CannotBegin;
+    if (!m_process.waitForStarted(noTimeout)) {
+        throw Failure{ExitCode::CannotBegin,
+                      QStringLiteral("stm32flash cannot be started (is it installed?): ") +
+                          m_process.errorString()};
     }
-    if (!reachesItsEnd()) {
-        m_problem = QStringLiteral("stm32flash printed nothing for %1 s and was ended")
-                        .arg(m_stallLimitMs / 1000.0);
-        return FlasherOutcome::Stalled;
-    }
+    waitForEnd();
     const bool hasCrashed = m_process.exitStatus() == QProcess::CrashExit;
-    m_problem = hasCrashed ? QStringLiteral("stm32flash died") : m_output.complaint();
-    return m_output.outcome(hasCrashed ? -1 : m_process.exitCode(), startsFirmware);
+    const ExitCode code = m_output.result(hasCrashed ? -1 : m_process.exitCode(), startsFirmware);
+    if (code != ExitCode::Done) {
+        throw Failure{code,
+                      hasCrashed ? QStringLiteral("stm32flash crashed") : m_output.complaint()};
+    }
 }
 
-/// False when it had to be killed.
-bool Stm32FlashRun::reachesItsEnd()
+/// Throws Failure if it had to kill a stalled child.
+void Stm32FlashRun::waitForEnd()
 {
     while (m_process.waitForReadyRead(m_stallLimitMs))
         takeOutput();
     const bool isStalled = m_process.state() != QProcess::NotRunning;
     if (isStalled) {
         m_process.kill();
-        m_process.waitForFinished(kForEver);
+        m_process.waitForFinished(noTimeout);
     }
     takeOutput();
-    return !isStalled;
+    if (isStalled) {
+        throw Failure{ExitCode::Stalled,
+                      QStringLiteral("stm32flash printed nothing for %1 s and was killed")
+                          .arg(m_stallLimitMs / 1000.0)};
+    }
 }
 
 void Stm32FlashRun::takeOutput()
@@ -120,3 +123,5 @@ void Stm32FlashRun::show(const QStringList &lines) const
         std::fflush(stdout);
     }
 }
+
+} // namespace flasher
