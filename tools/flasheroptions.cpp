@@ -33,7 +33,8 @@ void declare(QCommandLineParser *parser)
         QStringLiteral("Writes firmware into a gripper that is in its bootloader, with stm32flash, "
                        "and verifies it.\n\n"
                        "Exit codes: 0 done, 2 cannot begin, 3 port, 4 no bootloader answered,\n"
-                       "5 write or verification failed, 6 written but not started."));
+                       "5 write or verification failed, 6 written but not started, 7 no progress.\n"
+                       "With -g, 2 starts the firmware that is there if it can."));
     parser->addOptions({
         {Names::port(), QStringLiteral("The serial port, such as /dev/ttyUSB0."),
          QStringLiteral("DEVICE")},

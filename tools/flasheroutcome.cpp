@@ -9,14 +9,16 @@ struct Row
 };
 
 constexpr Row kRows[] = {
-    {FlasherOutcome::CannotBegin, "cannot begin", "mend that and try again"},
+    {FlasherOutcome::CannotBegin, "cannot begin", "fix that and try again"},
     {FlasherOutcome::PortFailed, "port not available", "free the port and try again"},
     {FlasherOutcome::NoBootloader, "no bootloader answered",
-     "switch the gripper off and on, send it into its bootloader, and try again"},
+     "nothing was written: switch the gripper off and on, send it into its bootloader, and try "
+     "again"},
     {FlasherOutcome::WriteFailed, "firmware not written",
      "switch the gripper off and on, and flash it again"},
     {FlasherOutcome::NotStarted, "firmware written but not started",
      "switch the gripper off and on to start it"},
+    {FlasherOutcome::Stalled, "no progress", "switch the gripper off and on, and flash it again"},
 };
 } // namespace
 

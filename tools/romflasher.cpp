@@ -30,24 +30,73 @@ int end(FlasherOutcome outcome, const QString &problem)
     return static_cast<int>(outcome);
 }
 
+/// The port, kept from others for as long as this lives.
+struct HeldPort
+{
+    explicit HeldPort(const QString &device)
+        : lock(device)
+    {
+        serialMode = serialModeOf(device, &problem);
+        if (problem.isEmpty() && !lock.take(kLockWaitMs))
+            problem = lock.problem();
+    }
+
+    QString problem;
+    QString serialMode;
+    SerialPortLock lock;
+};
+
+/// Until the firmware has booted the line stays ours: a scan that came earlier would miss it.
+void waitForBoot()
+{
+    QThread::msleep(kBootWaitMs);
+}
+
+/// The end of a run that wrote nothing. A gripper that -g should have started is in its bootloader
+/// unless `isStarted`.
+int endUnwritten(const FlasherOptions &options, FlasherOutcome outcome, const QString &problem,
+                 bool isStarted = false)
+{
+    if (!options.startsFirmware)
+        return end(outcome, problem);
+    const char *fate = isStarted
+                           ? "; nothing was written, and the firmware that is there was started"
+                           : "; nothing was written: switch the gripper off and on to start "
+                             "the firmware that is there";
+    return end(outcome, problem + QLatin1String(fate));
+}
+
+int write(const FlasherOptions &options, const FirmwareFile &image)
+{
+    const HeldPort port(options.device);
+    if (!port.problem.isEmpty())
+        return endUnwritten(options, FlasherOutcome::PortFailed, port.problem);
+    Stm32FlashRun run(options, port.serialMode);
+    const FlasherOutcome outcome = run.write(image);
+    if (outcome == FlasherOutcome::CannotBegin || outcome == FlasherOutcome::PortFailed)
+        return endUnwritten(options, outcome, run.problem());
+    if (outcome == FlasherOutcome::Done && options.startsFirmware)
+        waitForBoot();
+    return end(outcome, run.problem());
+}
+
+bool startPresentFirmware(const FlasherOptions &options)
+{
+    const HeldPort port(options.device);
+    if (!port.problem.isEmpty() ||
+        Stm32FlashRun(options, port.serialMode).start() != FlasherOutcome::Done)
+        return false;
+    waitForBoot();
+    return true;
+}
+
 int flash(const FlasherOptions &options)
 {
     const FirmwareFile image(options.imagePath, options.target.capacity);
-    if (!image.problem().isEmpty())
-        return end(FlasherOutcome::CannotBegin, image.problem());
-    QString problem;
-    const QString serialMode = serialModeOf(options.device, &problem);
-    if (!problem.isEmpty())
-        return end(FlasherOutcome::PortFailed, problem);
-    SerialPortLock lock(options.device);
-    if (!lock.take(kLockWaitMs))
-        return end(FlasherOutcome::PortFailed, lock.problem());
-    Stm32FlashRun run(options, serialMode, image.size());
-    const FlasherOutcome outcome = run.execute();
-    // Until the firmware has booted the line stays ours: a scan that came earlier would miss it.
-    if (outcome == FlasherOutcome::Done && options.startsFirmware)
-        QThread::msleep(kBootWaitMs);
-    return end(outcome, run.problem());
+    if (image.problem().isEmpty())
+        return write(options, image);
+    return endUnwritten(options, FlasherOutcome::CannotBegin, image.problem(),
+                        options.startsFirmware && startPresentFirmware(options));
 }
 } // namespace
 

@@ -73,10 +73,10 @@ QStringList Stm32FlashOutput::takeLine(const QString &line)
         return takeProgress(line);
     if (!line.startsWith(QLatin1String("Starting execution ")))
         return {};
-    if (line.endsWith(QLatin1String(" done.")))
-        m_stage = Stage::Started;
-    else
+    if (!line.endsWith(QLatin1String(" done.")))
         m_complaint = QStringLiteral("the bootloader refused to start the firmware");
+    else if (m_stage == Stage::Written || !m_endAddress)
+        m_stage = Stage::Started;
     return {line};
 }
 

@@ -5,14 +5,18 @@
 #include <QByteArray>
 #include <QStringList>
 
+#include <optional>
+
 /// Reads what stm32flash 0.7 prints: how far it has come, what went wrong, and the lines that
 /// are worth showing. Its exit code alone tells little: it is 1 for every failure, and 0 when
 /// the start of the firmware was refused.
 class Stm32FlashOutput
 {
 public:
-    /// `endAddress` is the one behind the image's last byte: stm32flash stops without a word
-    /// where the flash of the device that it has found ends.
+    /// The run writes nothing and starts the firmware that is there.
+    Stm32FlashOutput() = default;
+    /// The run writes. `endAddress` is the one after the image's last byte: stm32flash stops
+    /// without a word where the flash of the device that it has found ends.
     explicit Stm32FlashOutput(quint32 endAddress);
 
     /// The next piece of its standard output; gives what there is to show of it, a line each.
@@ -31,13 +35,13 @@ private:
         Connecting, ///< the port is open, nobody has answered yet
         Erasing,    ///< the bootloader has answered, its flash is touched from now on
         Written,    ///< the last byte is written and verified
-        Started,    ///< and the firmware runs
+        Started,    ///< the firmware runs, complete
     };
 
     QStringList takeLine(const QString &line);
     QStringList takeProgress(const QString &line);
 
-    quint32 m_endAddress;
+    std::optional<quint32> m_endAddress;
     QByteArray m_output;
     QByteArray m_errors;
     Stage m_stage = Stage::Opening;

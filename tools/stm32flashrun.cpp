@@ -18,10 +18,10 @@ QString hex(quint32 address)
 } // namespace
 
 Stm32FlashRun::Stm32FlashRun(const FlasherOptions &options, const QString &serialMode,
-                             qint64 imageSize)
+                             int stallLimitMs)
     : m_options(options)
     , m_serialMode(serialMode)
-    , m_output(options.target.address + static_cast<quint32>(imageSize))
+    , m_stallLimitMs(stallLimitMs)
 {
 }
 
@@ -32,14 +32,15 @@ void Stm32FlashRun::Child::setupChildProcess()
         ::_exit(1);
 }
 
-QStringList Stm32FlashRun::arguments(const FlasherOptions &options, const QString &serialMode)
+QStringList Stm32FlashRun::writeArguments(const FlasherOptions &options, const QString &serialMode,
+                                          const QString &imagePath)
 {
     const QString address = hex(options.target.address);
     QStringList words{QStringLiteral("-b"), QString::number(options.target.baudRate),
                       QStringLiteral("-m"), serialMode,
                       // A binary whatever it looks like: text of a certain form would be unpacked.
                       QStringLiteral("-f"), QStringLiteral("-S"), address, QStringLiteral("-w"),
-                      options.imagePath,
+                      imagePath,
                       // Without this a flash that did not keep the bytes counts as success.
                       QStringLiteral("-v")};
     if (options.startsFirmware)
@@ -47,26 +48,61 @@ QStringList Stm32FlashRun::arguments(const FlasherOptions &options, const QStrin
     return words << options.device;
 }
 
-FlasherOutcome Stm32FlashRun::execute()
+QStringList Stm32FlashRun::startArguments(const FlasherOptions &options, const QString &serialMode)
 {
+    return {QStringLiteral("-b"), QString::number(options.target.baudRate),
+            QStringLiteral("-m"), serialMode,
+            QStringLiteral("-g"), hex(options.target.address),
+            options.device};
+}
+
+FlasherOutcome Stm32FlashRun::write(const FirmwareFile &image)
+{
+    m_output = Stm32FlashOutput(m_options.target.address + static_cast<quint32>(image.size()));
     show({QStringLiteral("%1 goes to %2 over %3, %4 baud, %5")
               .arg(m_options.imagePath, hex(m_options.target.address), m_options.device)
               .arg(m_options.target.baudRate)
               .arg(m_serialMode)});
+    return execute(writeArguments(m_options, m_serialMode, image.pathOfCopy()),
+                   m_options.startsFirmware);
+}
+
+FlasherOutcome Stm32FlashRun::start()
+{
+    return execute(startArguments(m_options, m_serialMode), true);
+}
+
+FlasherOutcome Stm32FlashRun::execute(const QStringList &arguments, bool startsFirmware)
+{
     m_process.setStandardInputFile(QProcess::nullDevice());
-    m_process.start(QStringLiteral("stm32flash"), arguments(m_options, m_serialMode));
+    m_process.start(QStringLiteral("stm32flash"), arguments);
     if (!m_process.waitForStarted(kForEver)) {
         m_problem = QStringLiteral("stm32flash cannot be started (is it installed?): ") +
                     m_process.errorString();
         return FlasherOutcome::CannotBegin;
     }
-    while (m_process.waitForReadyRead(kForEver))
-        takeOutput();
-    m_process.waitForFinished(kForEver);
-    takeOutput();
+    if (!reachesItsEnd()) {
+        m_problem = QStringLiteral("stm32flash printed nothing for %1 s and was ended")
+                        .arg(m_stallLimitMs / 1000.0);
+        return FlasherOutcome::Stalled;
+    }
     const bool hasCrashed = m_process.exitStatus() == QProcess::CrashExit;
     m_problem = hasCrashed ? QStringLiteral("stm32flash died") : m_output.complaint();
-    return m_output.outcome(hasCrashed ? -1 : m_process.exitCode(), m_options.startsFirmware);
+    return m_output.outcome(hasCrashed ? -1 : m_process.exitCode(), startsFirmware);
+}
+
+/// False when it had to be killed.
+bool Stm32FlashRun::reachesItsEnd()
+{
+    while (m_process.waitForReadyRead(m_stallLimitMs))
+        takeOutput();
+    const bool isStalled = m_process.state() != QProcess::NotRunning;
+    if (isStalled) {
+        m_process.kill();
+        m_process.waitForFinished(kForEver);
+    }
+    takeOutput();
+    return !isStalled;
 }
 
 void Stm32FlashRun::takeOutput()

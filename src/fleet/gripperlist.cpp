@@ -105,7 +105,7 @@ void GripperList::onTimerStateLoopTimeout()
 {
     if (m_stateLoopTimer->interval() != m_tickIntervalMs)
         m_stateLoopTimer->setInterval(m_tickIntervalMs);
-    if (m_tickRunning || m_busy || m_muted)
+    if (m_tickRunning || m_busy || m_muted || m_upgradeService.isUpgrading())
         return;
     const QScopedValueRollback<bool> running(m_tickRunning, true);
     jumpPendingToBootloader();
@@ -229,7 +229,9 @@ GripperList::Gripper GripperList::currentGripper() const
 
 void GripperList::discoverState()
 {
-    if (quitRequested())
+    // Looking at ports blocks the thread, and setting the rate may disturb an answer.
+    m_modbus.waitUntilQuiet();
+    if (quitRequested() || m_upgradeService.isUpgrading())
         return;
     if (m_modbus.isConnected()) {
         if (!scanUndisturbed(m_modbus.getPortName()))
@@ -280,19 +282,23 @@ void GripperList::scan(const QString &portName)
     scanUndisturbed(portName);
 }
 
-/// False when another scan ran from its beginning to its end inside this one's waits. That one took
-/// answers away from this one, and has brought the list and the loop up to date already.
+/// False when this scan's result does not count. Another scan that ran from its beginning to its end
+/// inside this one's waits has brought the list and the loop up to date already. Clients may have
+/// changed the grippers that it found, and this scan's objects for the same grippers do not know of
+/// that. An upgrade that began inside the waits closed the link.
 bool GripperList::scanUndisturbed(const QString &portName)
 {
+    if (m_upgradeService.isUpgrading())
+        return false;
     openLink(portName);
     if (!m_modbus.isConnected())
         return true;
-    const unsigned int scansEnded = m_scansEnded;
+    const unsigned int disturbances = m_scanDisturbances;
     const QVector<Gripper> found = KvPelloGripperFinder::instance()->scanPort(m_modbus);
     if (quitRequested())
         return false;
-    const bool isUndisturbed = m_scansEnded == scansEnded;
-    ++m_scansEnded;
+    const bool isUndisturbed = m_scanDisturbances == disturbances;
+    ++m_scanDisturbances;
     if (isUndisturbed) {
         for (quint8 slaveId = __min_slave_id; slaveId <= __max_slave_id; ++slaveId)
             takeOver(slaveId, found);

@@ -21,6 +21,9 @@
 /// grippers, reads each one's inputs and writes its outputs when they changed. Clients read and
 /// change the images of the grippers that this list hands out; the loop carries them to the bus.
 ///
+/// While the flashing program runs, the list opens no port and sends nothing. Requests keep their
+/// replies, the list stays as it is, and a scan that was asked for follows when the program ends.
+///
 /// Whatever touches the bus pumps events, so a client's request may run inside it and replace or
 /// remove every gripper: after a wait nothing but a shared pointer in hand is certain.
 class GripperList : public QObject
@@ -84,19 +87,20 @@ public:
     /// Whether the gripper's bootloader is that of the microcontroller's ROM.
     bool hasStBootloader(const Gripper &gripper) const;
 
-    /// Whether the gripper's bootloader answers on the port now; needs the link closed. Blocks the
-    /// thread for up to 5.1 s.
+    /// Whether the gripper's bootloader answers on the port now; needs the link closed. Pumps
+    /// events until the line is quiet, then blocks the thread for up to 5.1 s.
     bool isDeviceInBootloaderMode(const Gripper &gripper);
 
-    /// Sends the gripper into its bootloader; true when it answers there. Polling is muted
-    /// afterwards, unless it was there already. Pumps events, then blocks for up to 5.1 s, twice
-    /// when the link is closed.
+    /// Sends the gripper into its bootloader; true when it answers there, also when the answer to
+    /// the reset was lost. Polling is muted afterwards, unless it was there already; ticks stay out
+    /// meanwhile. False at once while the flashing program runs. Pumps events, then blocks for up to
+    /// 5.1 s, twice when the link is closed.
     bool jumpToBootloader(const Gripper &gripper);
 
     /// Sends the gripper into its bootloader and starts the flashing program with the firmware of
-    /// its family. True once that was tried: how it ended shows when polling resumes. False when an
-    /// upgrade is running, or when there is no bootloader or no firmware for the gripper; polling
-    /// then stays muted.
+    /// its family. True once that was tried: how it ended shows when polling resumes. False when a
+    /// jump or an upgrade is running, or when there is no bootloader or no firmware for the
+    /// gripper; polling then stays muted.
     bool upgradeFirmware(const Gripper &gripper);
 
     /// Has the gripper sent into its bootloader at the next tick that is not held back.
@@ -116,11 +120,12 @@ public:
     static constexpr quint8 __max_slave_id = 9;
 
 public slots:
-    /// One tick of the state loop. Does nothing while a tick, a blocking scan or a slave id move is
-    /// under way, or while polling is muted.
+    /// One tick of the state loop. Does nothing while a tick, a blocking scan, a slave id move, a
+    /// bootloader jump or the flashing program is running, or while polling is muted.
     void onTimerStateLoopTimeout();
 
-    /// The flashing program has ended, however: polling goes on.
+    /// The flashing program has ended, with whatever result: polling continues, with a scan if one
+    /// was asked for meanwhile.
     void unmuteOnUpgradeFinished();
 
 private:
@@ -142,6 +147,7 @@ private:
         Timeout = 3        ///< A gripper stopped answering; the link was closed.
     };
 
+    bool isInBootloaderWithoutAnswer(const Gripper &gripper);
     void jumpPendingToBootloader();
     void runStep();
     void discoverTick();
@@ -174,6 +180,9 @@ private:
     bool m_scanRequested = false;
     QList<Gripper> m_pendingBootloader;
     bool m_tickRunning = false;
-    unsigned int m_scansEnded = 0;
+    bool m_jumpRunning = false;
+    /// Counts what spoils a scan that is suspended in its waits: scans that end, upgrades that
+    /// begin.
+    unsigned int m_scanDisturbances = 0;
     int m_tickIntervalMs;
 };

@@ -2,6 +2,7 @@
 #include "gripperlist.h"
 
 #include <QDebug>
+#include <QScopedValueRollback>
 
 #include <algorithm>
 #include <array>
@@ -34,6 +35,8 @@ bool GripperList::hasStBootloader(const Gripper &gripper) const
 
 bool GripperList::isDeviceInBootloaderMode(const Gripper &gripper)
 {
+    // The link may have been closed under a request whose answer is still to come.
+    m_modbus.waitUntilQuiet();
     return gripper->detectBootloader(hasStBootloader(gripper) ? QSerialPort::Baud19200
                                                               : QSerialPort::Baud115200,
                                      detectionRetries);
@@ -41,29 +44,45 @@ bool GripperList::isDeviceInBootloaderMode(const Gripper &gripper)
 
 bool GripperList::jumpToBootloader(const Gripper &gripper)
 {
+    if (m_upgradeService.isUpgrading())
+        return false;
+    const QScopedValueRollback<bool> running(m_jumpRunning, true);
+    // Inside the wait of another operation the flag stays set for that one.
+    const QScopedValueRollback<bool> busy(m_busy, true);
     if (isDeviceInBootloaderMode(gripper))
         return true;
-    const bool isInBootloader = hasStBootloader(gripper)
-                                    ? gripper->jumpToStBootloader(jumpTimeoutMs)
-                                    : gripper->jumpToTavrinBootloader(jumpTimeoutMs);
+    bool isInBootloader = hasStBootloader(gripper) ? gripper->jumpToStBootloader(jumpTimeoutMs)
+                                                   : gripper->jumpToTavrinBootloader(jumpTimeoutMs);
+    // The link is open only when no answer to the reset came, or a damaged one. The gripper may
+    // have obeyed all the same.
+    if (!isInBootloader && m_modbus.isConnected())
+        isInBootloader = isInBootloaderWithoutAnswer(gripper);
     setMuted(true);
     return isInBootloader;
 }
 
+/// A link that leads to no bootloader is open again afterwards, at its own rate: once unmuted,
+/// polling continues on it.
+bool GripperList::isInBootloaderWithoutAnswer(const Gripper &gripper)
+{
+    m_modbus.disconnectFromDevice();
+    if (isDeviceInBootloaderMode(gripper))
+        return true;
+    m_modbus.connectToDevice();
+    return false;
+}
+
 bool GripperList::upgradeFirmware(const Gripper &gripper)
 {
-    if (m_upgradeService.isUpgrading())
-        return false;
-    if (!jumpToBootloader(gripper))
-        return false;
-    // Another one may have been started while this one waited.
-    if (m_upgradeService.isUpgrading())
+    // A jump that waits for its answer opens the port again when it resumes.
+    if (m_jumpRunning || !jumpToBootloader(gripper))
         return false;
     const auto *firmware =
         std::find_if(firmwares.begin(), firmwares.end(),
                      [&](const Firmware &row) { return (this->*row.isFamily)(gripper); });
     if (firmware == firmwares.end())
         return false;
+    ++m_scanDisturbances;
     m_modbus.disconnectFromDevice();
     while (isPello(gripper) && m_modbus.isConnected())
         m_modbus.disconnectFromDevice();
@@ -93,6 +112,10 @@ void GripperList::unmuteOnUpgradeFinished()
 {
     qInfo() << "unmuteOnUpgradeFinished";
     setMuted(false);
+    if (!m_scanRequested)
+        return;
+    m_scanRequested = false;
+    restartDiscovery(LinkStatus::Scanning);
 }
 
 int GripperList::getUpgradeStatus() const

@@ -5,7 +5,7 @@
 #include "waits.h"
 
 #include <QDeadlineTimer>
-#include <QElapsedTimer>
+#include <QScopedValueRollback>
 #include <QSerialPortInfo>
 #include <QSocketNotifier>
 
@@ -68,6 +68,7 @@ void KvModbusCustom::initialize()
     m_serialPort.setStopBits(QSerialPort::OneStop);
     connect(&m_serialPort, &QSerialPort::errorOccurred, this,
             &KvModbusCustom::onSerialPortErrorOccurred);
+    connect(&m_serialPort, &QSerialPort::readyRead, this, &KvModbusCustom::onReadyRead);
 }
 
 bool KvModbusCustom::connectToDevice()
@@ -148,40 +149,71 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
 {
     if (!isConnected())
         return NotConnectedError;
+    waitUntilQuiet();
+    // The wait ends early only when the application quits.
+    if (m_unfinished != nullptr)
+        return TimeoutError;
+    // A client or a serial error may have closed the port meanwhile.
+    if (!isConnected())
+        return NotConnectedError;
 
     discardPending();
-    QElapsedTimer clock;
-    clock.start();
+    Exchange exchange{answerLength,
+                      constraints().getTimeout() +
+                          static_cast<qint64>(constraints().getTimeoutFactor()) * registerCount,
+                      {},
+                      {}};
+    exchange.clock.start();
+    const QScopedValueRollback<Exchange *> unfinished(m_unfinished, &exchange);
     const bool isSent = sendRequest(request);
-    forgetToldInput();
+    dropPendingNotifications();
     if (!isSent)
         return TimeoutError;
 
-    awaitInput(constraints().getTimeout() +
-                   static_cast<qint64>(constraints().getTimeoutFactor()) * registerCount,
-               answerLength, clock);
-    // A serial error closes the port, and with it goes what had arrived.
-    if (m_serialPort.isOpen())
-        answer = m_serialPort.readAll();
+    waitUntilQuiet();
+    answer = exchange.answer;
     if (answer.size() < answerLength || !answer.startsWith(request.left(2)))
         return TimeoutError;
-    answer.truncate(answerLength);
     return verifyCRC(answer) ? NoError : BadCrcError;
 }
 
-/// Drops everything that has arrived, so that a late answer to an earlier request is not taken for
-/// the next one: what the event loop has fetched and what still waits in the kernel. And what an
-/// earlier request could not write in time: it has been reported as failed.
+/// The steps are also those of the request that awaits its own answer. A request that began inside
+/// a step has ended when the step ends, so the unfinished exchange is the same one or none.
+void KvModbusCustom::waitUntilQuiet()
+{
+    while (m_unfinished != nullptr && !quitRequested()) {
+        if (m_unfinished->clock.hasExpired(m_unfinished->deadlineMs))
+            m_unfinished = nullptr;
+        else
+            qSleepWhileProcessingEvents(pollingStepMs);
+    }
+}
+
+/// Keeps an answer for its request, which may be suspended or find the port closed later.
+void KvModbusCustom::onReadyRead()
+{
+    const QByteArray input = m_serialPort.readAll();
+    if (m_unfinished == nullptr)
+        return;
+    QByteArray &answer = m_unfinished->answer;
+    answer += input.left(m_unfinished->answerLength - answer.size());
+    if (answer.size() == m_unfinished->answerLength)
+        m_unfinished = nullptr;
+}
+
+/// Drops the input that still waits in the kernel: a late answer to an earlier request must not
+/// count as the answer to the next one. Also drops the part of an earlier request that could not be
+/// written in time, as the master has reported that request as failed.
 void KvModbusCustom::discardPending()
 {
     m_serialPort.clear(QSerialPort::AllDirections);
 }
 
-/// This turn of the event loop may still be about to tell the port of input that has been dropped,
-/// or read, since: another request's answer, when this one was begun by a client of the same turn.
-/// The port takes finding nothing then for an error of the line. Whoever is switched off is not
-/// told any more; new input is told on the next turn.
-void KvModbusCustom::forgetToldInput()
+/// A turn of the event loop collects its notifications before it delivers them. When a client's
+/// request runs first in such a turn, the port's notification may concern input that the request
+/// has dropped or read. QSerialPort treats finding nothing then as an error of the line. Switching
+/// a notifier off removes its pending notification; new input causes another one in the next turn.
+void KvModbusCustom::dropPendingNotifications()
 {
     const auto notifiers =
         m_serialPort.findChildren<QSocketNotifier *>(QString(), Qt::FindDirectChildrenOnly);
@@ -202,13 +234,6 @@ bool KvModbusCustom::sendRequest(const QByteArray &request)
            m_serialPort.waitForBytesWritten(static_cast<int>(deadline.remainingTime())))
         continue;
     return m_serialPort.isOpen() && m_serialPort.bytesToWrite() == 0;
-}
-
-void KvModbusCustom::awaitInput(qint64 deadlineMs, int byteCount, const QElapsedTimer &clock)
-{
-    while (!quitRequested() && !clock.hasExpired(deadlineMs) &&
-           m_serialPort.bytesAvailable() < byteCount)
-        qSleepWhileProcessingEvents(pollingStepMs);
 }
 
 quint16 KvModbusCustom::computeCRC(const QByteArray &bytes)

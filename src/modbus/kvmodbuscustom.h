@@ -2,14 +2,15 @@
 
 #include "kvmodbusabstract.h"
 
+#include <QElapsedTimer>
 #include <QSerialPort>
 
-class QElapsedTimer;
-
 /// A Modbus RTU master on one serial port: functions 0x03 and 0x10, 8 data bits, no parity, one
-/// stop bit. Every request is a single attempt that polls the port in steps of 10 ms and pumps
-/// events meanwhile, so another request may run inside it; the last one to end decides error().
-/// Writing the request blocks the thread for at most 50 ms. A serial error closes the port.
+/// stop bit. Every request is a single attempt that waits for its answer in steps of 10 ms and
+/// pumps events meanwhile. A request that begins inside this wait sends nothing until the answer is
+/// there or its time is over, so requests never overlap on the line. The last one to end decides
+/// error(). Writing the request blocks the thread for at most 50 ms. A serial error closes the
+/// port. Input that arrives while no answer is awaited is dropped at once.
 class KvModbusCustom : public KvModbusAbstract
 {
     Q_OBJECT
@@ -33,6 +34,10 @@ public:
     /// The rate in baud, both directions.
     int getBaudrate() const;
 
+    /// Returns when no answer is awaited on the line, or when the application quits. Pumps events
+    /// until then. A caller that blocks the thread, or uses the port otherwise, calls this first.
+    void waitUntilQuiet();
+
     /// CRC-16 as Modbus RTU uses it; 0xFFFF for no bytes.
     static quint16 computeCRC(const QByteArray &bytes);
 
@@ -48,15 +53,27 @@ public:
 
 private slots:
     void onSerialPortErrorOccurred(QSerialPort::SerialPortError error);
+    void onReadyRead();
 
 private:
+    /// A request on the line. It ends when its answer is complete or its time is over.
+    struct Exchange
+    {
+        int answerLength;
+        qint64 deadlineMs;
+        QElapsedTimer clock;
+        QByteArray answer; ///< At most answerLength bytes, so that a flood takes no memory.
+    };
+
     void initialize();
     KvModbusError exchange(const QByteArray &request, int registerCount, int answerLength,
                            QByteArray &answer);
     bool sendRequest(const QByteArray &request);
     void discardPending();
-    void forgetToldInput();
-    void awaitInput(qint64 deadlineMs, int byteCount, const QElapsedTimer &clock);
+    void dropPendingNotifications();
 
     QSerialPort m_serialPort;
+    /// The one that has not ended yet, if any: on the stack of the request that began it, which may
+    /// be suspended below another one.
+    Exchange *m_unfinished = nullptr;
 };

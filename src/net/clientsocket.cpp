@@ -205,6 +205,7 @@ void ClientSocket::giveUp()
 {
     m_inputEnded = true;
     endOutput();
+    updateInterests();
     reportEndIfOver();
 }
 

@@ -55,6 +55,9 @@ public:
     /// hour for that.
     void giveUpIfUnheardFor(int limitMs);
 
+    /// Ends the connection: nothing more is read, and no reply leaves any more.
+    void giveUp();
+
     /// Between hold() and release() disconnected() is not emitted: a request is being carried out.
     void hold();
     void release();
@@ -72,7 +75,6 @@ private:
     void pauseSending();
     void shutDown();
     void endOutput();
-    void giveUp();
     void updateInterests();
     void reportEndIfOver();
 

@@ -87,7 +87,7 @@ void Server::onClientSocketConnection()
     if (socket == nullptr)
         return;
     clientSockets.append(socket);
-    bufferBySocket.insert(socket, RequestScanner());
+    bufferBySocket.insert(socket, Input());
     slaveIdBySocket.insert(socket, firstSlaveId);
     connect(socket, &QTcpSocket::readyRead, this, &Server::onClientSocketReadData);
     connect(socket, &QTcpSocket::disconnected, this, &Server::onClientSocketDisconnect);
@@ -114,8 +114,25 @@ void Server::readBatch(ClientSocket *socket)
         return;
     if (count == bytesPerRead)
         count += readToLineEnd(socket, bytes.data() + bytesPerRead);
-    bufferBySocket[socket].append(bytes.data(), static_cast<std::size_t>(count));
+    const std::string_view received(bytes.data(), static_cast<std::size_t>(count));
+    Input &input = bufferBySocket[socket];
+    // The check comes before anything of this read is carried out. Earlier reads of an undecided
+    // line can have carried out GETs only: a SET needs a line ending, and a line ending decides.
+    const FirstLine::Protocol protocol = input.firstLine.read(received);
+    if (protocol == FirstLine::Protocol::Http || protocol == FirstLine::Protocol::Tls) {
+        refuse(socket, protocol);
+        return;
+    }
+    input.requests.append(received.data(), received.size());
     processSocket(socket);
+}
+
+void Server::refuse(ClientSocket *socket, FirstLine::Protocol protocol)
+{
+    qInfo() << "Closed" << socket << "because it began with"
+            << (protocol == FirstLine::Protocol::Http ? "an HTTP request." : "a TLS handshake.")
+            << "This port does not serve web browsers.";
+    socket->giveUp();
 }
 
 void Server::processSocket(ClientSocket *socket)
@@ -140,7 +157,7 @@ void Server::carryOutBatch(const Batch &batch, std::size_t share)
 
 void Server::carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std::size_t share)
 {
-    RequestScanner &buffer = bufferBySocket[socket];
+    RequestScanner &buffer = bufferBySocket[socket].requests;
     Request request;
     std::size_t done = 0;
     while (!socket->isPaused() && buffer.takeNext(request)) {

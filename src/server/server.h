@@ -1,5 +1,6 @@
 #pragma once
 
+#include "firstline.h"
 #include "gripperlist.h"
 #include "modbusconstraintsfactory.h"
 #include "requestscanner.h"
@@ -24,6 +25,9 @@ class ClientSocket;
 /// other, the next one that would wait is postponed until one of those is over, and with it all
 /// that its client sends behind it; postponed requests are carried out in the order of their
 /// coming.
+///
+/// Closes a connection that begins with HTTP or TLS, and carries out nothing of it: a web page can
+/// make a browser send requests to this port.
 class Server : public QObject
 {
     Q_OBJECT
@@ -114,7 +118,15 @@ private:
         std::optional<Request> request;
     };
 
+    /// What a client has sent.
+    struct Input
+    {
+        FirstLine firstLine;
+        RequestScanner requests;
+    };
+
     void readBatch(ClientSocket *socket);
+    static void refuse(ClientSocket *socket, FirstLine::Protocol protocol);
     void carryOutBatch(const Batch &batch, std::size_t share);
     void carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std::size_t share);
     bool prepareToWait(ClientSocket *socket, bool hasWaited);
@@ -129,7 +141,7 @@ private:
 
     ClientListener *tcpServer;
     QVector<ClientSocket *> clientSockets;
-    QMap<ClientSocket *, RequestScanner> bufferBySocket;
+    QMap<ClientSocket *, Input> bufferBySocket;
     QMap<ClientSocket *, int> slaveIdBySocket;
     QHostAddress listenAddress;
     GripperList gripperList;

@@ -143,17 +143,35 @@ def test_a_silent_bootloader_is_refused_after_51_attempts_and_polling_is_muted(m
     bench.line.wait_until_polled(9, 2)
 
 
-def test_a_gripper_that_refuses_the_reset_is_not_looked_for(make_bench):
-    """The link is still open then, and looking needs it closed."""
+def test_a_refused_reset_is_looked_for_and_leaves_the_link_as_it_was(make_bench):
+    """A lost answer and a refusal look the same; the search finds a running firmware."""
     bench = make_bench()
     bench.silence()
     bench.line.tell("fault 9 exception always 3 on 400")
     assert bench.jump() == "nak"
     assert bench.resets() == [(9, [ROM])]
-    assert bench.knocks() == []
+    assert bench.knocks() == [(SYNC, 19200)] * 51
     assert bench.state(9) == "firmware"
-    # Muted even so.
+    # Muted even so, on an open link.
     assert polls_nothing(bench.line, 0.5)
+    mark = bench.daemon.mark()
+    assert bench.client.set("MUTE 0") == "ack"
+    bench.line.wait_until_polled(9, 2)
+    assert bench.daemon.messages(mark) == []
+
+
+@pytest.mark.parametrize("fault", ["silent 1", "badCrc 1", "truncated 1", "late 1 200"])
+def test_a_jump_whose_answer_is_lost_is_acknowledged(make_bench, fault):
+    bench = make_bench()
+    bench.silence()
+    bench.line.tell(f"fault 9 {fault} on 400")
+    assert bench.jump() == "ack"
+    assert bench.resets() == [(9, [ROM])]
+    assert bench.state(9) == "bootloader"
+    assert not any("/dev/pts/" in name for name in bench.daemon.descriptors())
+    bench.line.tell("restart 9")
+    assert bench.client.set("MUTE 0") == "ack"
+    bench.line.wait_until_polled(9, 2)
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=["TERM", "INT"])

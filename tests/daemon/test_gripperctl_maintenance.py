@@ -62,6 +62,9 @@ def test_a_gripper_that_keeps_its_id(found, simulator):
 def upgrade_and_restart(simulator):
     """Switches the gripper off and on when it is looked for; what the upgrade tells."""
     process = start_ctl("upgrade", "--yes")
+    # The first scan comes before the upgrade.
+    while not process.stderr.readline().startswith("gripper 9: entering"):
+        assert process.poll() is None
     # Whether a flasher that ends at once is seen while it runs is a matter of luck.
     while not process.stderr.readline().startswith("scanning"):
         assert process.poll() is None
@@ -93,6 +96,18 @@ def test_a_gripper_that_refuses_its_bootloader_runs_on(found, simulator):
     simulator.wait_until_polled(9)
 
 
+def test_an_upgrade_is_refused_beside_a_gripper_in_its_bootloader(found, simulator, folder):
+    put_real_flasher(folder)
+    assert ctl("--gripper", "2", "set", "BLD", "1").returncode == gripperctl.DONE
+    text = badly(gripperctl.REFUSED, "upgrade", "--yes")
+    assert "gripper 2 does not answer" in text and "switch it off and on" in text.lower()
+    simulator.wait_until_polled(9)
+    grippers = " ".join(simulator.tell("show"))
+    assert "gripper 9 TA3-1.6.13 serial=" in grippers
+    assert "gripper 2 TE1-2.0.1 serial=SIM-1002 year=2024 bootloader" in grippers
+    simulator.tell("restart 2")
+
+
 # These leave another gripper behind, so they are the last ones.
 
 def test_an_upgrade_ends_with_both_versions(found, folder):
@@ -101,8 +116,9 @@ def test_an_upgrade_ends_with_both_versions(found, folder):
     assert run.returncode == gripperctl.DONE, run
     assert run.stdout == "gripper 9: firmware TA3-1.6.13 -> TA3-1.6.14\n"
     stages = run.stderr.splitlines()
-    assert stages[0] == "gripper 9: entering its bootloader ..."
-    assert stages[1] == "writing the firmware ..."
+    assert stages[0].startswith("scanning the line")
+    assert stages[1] == "gripper 9: entering its bootloader ..."
+    assert stages[2] == "writing the firmware ..."
 
 
 def test_a_gripper_gets_another_id(found, simulator):

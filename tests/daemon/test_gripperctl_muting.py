@@ -223,7 +223,8 @@ def test_a_gripper_that_does_not_come_back_after_flashing():
         text = badly(gripperctl.NO_GRIPPER, "--host", daemon.host, "upgrade", "--yes")
         assert "does not answer after the upgrade: its firmware may be incomplete" in text
         # The daemon has unmuted polling itself.
-        assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"] + ["SCN_BLOCK"] * 3
+        requests = ["SID 9", "MUTE 1", "SCN_BLOCK", "UPG 1"] + ["SCN_BLOCK"] * 3
+        assert daemon.sets() == requests
 
 
 def test_the_bootloader_gets_a_silent_line_and_keeps_it():

@@ -3,18 +3,18 @@
 import hashlib
 import os
 import signal
-import socket
 import subprocess
 import termios
 import time
 
 import pytest
 from harness.children import binary, spawn
-from harness.flashing import BOTH, OWN, PORT, ROM, FlashSimulator, arguments, flash, make_image
+from harness.flashing import (
+    BOTH, LOCK, OWN, PORT, PROGRAM, ROM, FlashSimulator, arguments, flash, held_lock, make_image,
+    put_lock,
+)
 from harness.ports import open_by_nobody
 from harness.waiting import eventually
-
-LOCK = "/var/lock/LCK..ttyTool"
 
 
 @pytest.fixture
@@ -196,7 +196,7 @@ def test_a_wrong_image_is_refused_before_the_line_is_touched(bench, tmp_path, co
     if content is not None:
         path.write_bytes(content)
     mark = len(bench.chunks)
-    result = flash(bench, path, "-g")
+    result = flash(bench, path)
     assert result.returncode == 2
     assert text in result.stderr
     assert bench.chunks[mark:] == []
@@ -229,20 +229,13 @@ def test_a_missing_port_is_told(image):
     assert "/dev/ttyNone" in result.stderr
 
 
-def lock_text(pid, program):
-    return f"{pid}\n{program}\n{socket.gethostname()}\n"
-
-
 @pytest.mark.parametrize("kind", [ROM], ids=["rom"])
 def test_a_port_that_somebody_holds_is_left_alone(bench, image):
-    with open(LOCK, "w", encoding="ascii") as lock:
-        program = os.path.basename(os.readlink("/proc/self/exe"))
-        lock.write(lock_text(os.getpid(), program))
     mark = len(bench.chunks)
-    result = flash(bench, image(bench.after))
-    os.unlink(LOCK)
+    with held_lock():
+        result = flash(bench, image(bench.after))
     assert result.returncode == 3
-    assert f"process {os.getpid()} ({program})" in result.stderr
+    assert f"process {os.getpid()} ({PROGRAM})" in result.stderr
     assert bench.chunks[mark:] == []
 
 
@@ -250,8 +243,7 @@ def test_a_port_that_somebody_holds_is_left_alone(bench, image):
 def test_the_lock_of_a_dead_process_is_taken_over(bench, image):
     dead = subprocess.Popen(["true"])
     dead.wait()
-    with open(LOCK, "w", encoding="ascii") as lock:
-        lock.write(lock_text(dead.pid, "gripperd"))
+    put_lock(dead.pid, "gripperd")
     assert flash(bench, image(bench.after)).returncode == 0
     assert not os.path.exists(LOCK)
 

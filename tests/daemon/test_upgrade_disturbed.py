@@ -4,9 +4,14 @@ import pathlib
 import time
 
 import pytest
-from harness.benches import benches
-from harness.flashbench import FlashBench
+from harness.benches import Bench, benches
+from harness.flashbench import FINGERS, FlashBench
 from harness.ports import ENVIRONMENT, FakePorts
+from harness.upgrades import put_flasher
+from harness.waiting import eventually
+
+# It stays in its firmware and answers whoever scans.
+NEIGHBOUR = "4=TB1-1.4.3"
 
 
 @pytest.fixture
@@ -15,17 +20,21 @@ def make_bench(start_daemon, connect, tmp_path):
         yield make
 
 
-@pytest.mark.parametrize(
-    "disturbance", ["MUTE 0", "MUTE 0 SCN_BLOCK", "SCN_BLOCK", "NID 2", "BLD 1", "THROTTLE 1"]
-)
-def test_the_flash_succeeds(make_bench, disturbance):
-    bench = make_bench(bits=40000, size=5000)
-    bench.start()
-    mark, foreign_mark = bench.line.mark(), len(bench.line.foreign)
+DISTURBANCES = ["SCN_BLOCK", "MUTE 0", "MUTE 0 SCN_BLOCK", "SCN", "NID 2", "BLD 1", "THROTTLE 1"]
+
+
+def test_the_flash_succeeds_whatever_is_asked_meanwhile(make_bench):
+    bench = make_bench(FINGERS, NEIGHBOUR, bits=40000, size=5000)
     disturber = bench.connect()
-    for _ in range(3):
-        assert disturber.set(disturbance, timeout=15) in ("ack", "nak")
-        time.sleep(0.3)
+    assert bench.client.set("UPG 1", timeout=15) == "ack"
+    mark, foreign_mark = bench.line.mark(), len(bench.line.foreign)
+    # First as soon as the flasher has been started, then while it has the line.
+    for _ in range(2):
+        for disturbance in DISTURBANCES:
+            reply = "nak" if disturbance == "BLD 1" else "ack"
+            assert disturber.set(disturbance, timeout=15) == reply, disturbance
+            assert bench.client.get("SID") == "[4, 9]", disturbance
+        bench.daemon.wait_for_line("Erasing", bench.log_mark)
     assert bench.client.get("UPG") == "1", "over before it was disturbed"
     bench.daemon.wait_for_line("verified 100 %", bench.log_mark, timeout=30)
     # All that was on the line is the flasher's.
@@ -33,6 +42,7 @@ def test_the_flash_succeeds(make_bench, disturbance):
     assert set(bench.line.foreign_rates[foreign_mark:]) == {19200}
     bench.wait_for_the_end()
     bench.wait_for_the_new_version()
+    assert bench.client.get("SID") == "[4, 9]"
 
 
 def test_a_scan_right_behind_the_upgrade_stays_off_the_port_behind_a_link(make_bench):
@@ -50,3 +60,89 @@ def test_a_scan_right_behind_the_upgrade_stays_off_the_port_behind_a_link(make_b
             bench.wait_for_the_end()
     finally:
         link.unlink()
+
+
+def test_a_scan_in_the_same_request_waits_for_the_end_of_the_flash(make_bench):
+    bench = make_bench(FINGERS, NEIGHBOUR)
+    assert bench.client.set("UPG 1 SCN_BLOCK 1", timeout=15) == "ack"
+    assert bench.client.get("UPG") == "1"
+    assert bench.client.get("SID") == "[4, 9]"
+    bench.wait_for_the_end()
+    bench.wait_for_the_new_version()
+    assert bench.client.get("SID") == "[4, 9]"
+
+
+def test_an_upgrade_inside_a_scan_keeps_the_line_and_the_list(make_bench):
+    bench = make_bench(FINGERS, NEIGHBOUR)
+    bench.client.set("MUTE 1")
+    other = bench.connect()
+    mark = bench.line.mark()
+    other.send("SET SCN_BLOCK\n")
+    # No gripper has this id, so the scan waits for a while.
+    bench.line.wait_for(lambda request: request.slave == 2, since=mark)
+    assert bench.client.set("UPG 1", timeout=15) == "ack"
+    mark = bench.line.mark()
+    assert other.receive(3, timeout=15) == b"ack"
+    assert bench.client.get("UPG") == "1"
+    assert bench.client.get("SID") == "[4, 9]"
+    bench.daemon.wait_for_line("verified 100 %", bench.log_mark, timeout=30)
+    assert bench.line.since(mark) == []
+    bench.wait_for_the_end()
+    bench.wait_for_the_new_version()
+
+
+class LocklessBench(Bench):
+    """Its flasher takes no lock file and runs until the file `end` is there."""
+
+    def __init__(self, start_daemon, connect, folder):
+        put_flasher(folder, "until [ -e end ]; do sleep 0.02; done")
+        super().__init__(start_daemon, connect, "9=TA3-1.6.13", NEIGHBOUR, cwd=folder)
+
+
+@pytest.fixture
+def lockless(start_daemon, connect, tmp_path):
+    with benches(LocklessBench, start_daemon, connect, tmp_path) as make:
+        bench = make()
+        assert bench.client.set("UPG 1", timeout=15) == "ack"
+        # The trace comes before this answer, the daemon's last byte included.
+        bench.line.tell("show")
+        yield bench
+
+
+def has_port_open(bench):
+    return any("/dev/pts/" in name or "ttyTool" in name for name in bench.daemon.descriptors())
+
+
+REQUESTS = {"SCN": "ack", "SCN_BLOCK": "ack", "NID 2": "ack", "BLD 1": "nak", "UPG 1": "nak"}
+
+
+def test_the_daemon_stays_off_a_line_that_no_lock_keeps(lockless, tmp_path):
+    line, client = lockless.line, lockless.connect()
+    mark, foreign, log = line.mark(), len(line.foreign), lockless.daemon.mark()
+    assert client.set("MUTE 0") == "ack"
+    for request, reply in REQUESTS.items():
+        assert client.set(request, timeout=15) == reply, request
+        assert not has_port_open(lockless), request
+        assert client.get("SID") == "[4, 9]", request
+    assert line.since(mark) == []
+    assert len(line.foreign) == foreign
+    # One discovery answers all the scans that were asked for.
+    line.tell("restart 9")
+    (tmp_path / "end").touch()
+    lockless.daemon.wait_until_found(4, 9, since=log)
+    line.wait_until_polled(4, 3)
+    found = [m for m in lockless.daemon.messages(log) if m.startswith("Connected serial port")]
+    assert len(found) == 1
+
+
+def test_an_unmuted_daemon_polls_nothing_during_the_flash(lockless, tmp_path):
+    mark, log = lockless.line.mark(), lockless.daemon.mark()
+    assert lockless.client.set("MUTE 0 THROTTLE 0") == "ack"
+    # Many times the period of the ticks.
+    time.sleep(0.3)
+    assert lockless.line.since(mark) == []
+    assert lockless.daemon.messages(log) == []
+    lockless.line.tell("restart 9")
+    (tmp_path / "end").touch()
+    eventually(lambda: lockless.client.get("DRI") == "RUNNING")
+    lockless.line.wait_until_polled(9, 2)

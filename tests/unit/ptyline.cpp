@@ -46,6 +46,7 @@ void PtyLine::onReadyRead()
     m_received.append(bytes.data(), static_cast<int>(count));
     while (!m_script.isEmpty() && m_received.size() >= m_script.first().requestLength) {
         const Exchange exchange = m_script.takeFirst();
+        m_overlaps += m_piecesDue > 0 ? 1 : 0;
         m_requests.append(m_received.left(exchange.requestLength));
         m_received.remove(0, exchange.requestLength);
         sendPieces(exchange.answer, exchange.delayMs);
@@ -57,10 +58,15 @@ void PtyLine::sendPieces(const QList<QByteArray> &pieces, int delayMs)
     int dueMs = 0;
     for (const QByteArray &piece : pieces) {
         dueMs += delayMs;
-        if (dueMs == 0)
+        if (dueMs == 0) {
             send(piece);
-        else
-            QTimer::singleShot(dueMs, Qt::PreciseTimer, this, [this, piece] { send(piece); });
+            continue;
+        }
+        ++m_piecesDue;
+        QTimer::singleShot(dueMs, Qt::PreciseTimer, this, [this, piece] {
+            --m_piecesDue;
+            send(piece);
+        });
     }
 }
 

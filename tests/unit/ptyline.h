@@ -29,6 +29,9 @@ public:
     /// Requests that were complete, in their order. What came without a script is one more.
     QList<QByteArray> requests() const;
 
+    /// Requests that came while an answer to an earlier one was still due.
+    int overlaps() const { return m_overlaps; }
+
     /// Puts `bytes` on the line at once, whether or not somebody asked.
     void send(const QByteArray &bytes);
 
@@ -61,4 +64,6 @@ private:
     QByteArray m_received;
     QList<QByteArray> m_requests;
     QList<Exchange> m_script;
+    int m_piecesDue = 0;
+    int m_overlaps = 0;
 };

@@ -95,6 +95,7 @@ private slots:
 
     void peerThatWasNotHeardForTooLongIsGivenUp();
     void requestsOfAPeerThatIsGivenUpAreRead();
+    void clientThatIsGivenUpIsNeitherReadNorAnswered();
 
     void disconnectedComesOnceAndFromTheEventLoop();
     void holdDefersDisconnected();
@@ -478,6 +479,26 @@ void tst_ClientSocket::requestsOfAPeerThatIsGivenUpAreRead()
     QTest::qWait(100);
     m_socket->giveUpIfUnheardFor(50);
     QCOMPARE(readAll(), request);
+    QTRY_COMPARE(disconnected.size(), 1);
+}
+
+void tst_ClientSocket::clientThatIsGivenUpIsNeitherReadNorAnswered()
+{
+    QSignalSpy disconnected(m_socket.get(), &QTcpSocket::disconnected);
+    QSignalSpy readyRead(m_socket.get(), &QTcpSocket::readyRead);
+    m_client->send(request);
+    m_socket->addReply("POS 1\n");
+    m_socket->hold();
+    m_socket->giveUp();
+    handleWaitingEvents();
+    QCOMPARE(readyRead.size(), 0);
+    QCOMPARE(readAll(), QByteArray());
+    m_socket->addReply("POS 2\n");
+    m_socket->sendReplies();
+    QCOMPARE(m_client->received(), QByteArray());
+    QCOMPARE(disconnected.size(), 0);
+
+    m_socket->release();
     QTRY_COMPARE(disconnected.size(), 1);
 }
 

@@ -98,6 +98,10 @@ private slots:
     void blockingScanReportsScanningMeanwhile();
     void blockingScanKeepsTicksOut();
     void blockingScanInsideAnotherGivesTheBusyFlagBackAsFound();
+    void jumpKeepsTicksOutAndGivesTheBusyFlagBackAsFound_data();
+    void jumpKeepsTicksOutAndGivesTheBusyFlagBackAsFound();
+    void jumpInsideATickWaitsForTheAnswerOfTheTick();
+    void scanSetsNoRateWhileAnAnswerIsAwaited();
     void everyObjectMayBeReplacedWhileAStepWaits();
     void gripperMayBeRemovedWhileAStepWaits();
     void loopGoesOnFromTheFirstGripperWhenItsEntryIsRemoved();
@@ -110,6 +114,7 @@ private:
     using LinkStatus = GripperList::LinkStatus;
 
     void stand(LoopStep step, std::optional<quint8> position);
+    void deafenToReset(quint8 slaveId);
     void tick() { m_list->onTimerStateLoopTimeout(); }
     bool isPausing() const { return m_list->m_scanBackOffTimer->isActive(); }
     void addAccessRows();
@@ -176,6 +181,15 @@ void tst_GripperList::stand(LoopStep step, std::optional<quint8> position)
 {
     m_list->m_loopStep = step;
     m_list->m_currentSlaveId = position;
+}
+
+void tst_GripperList::deafenToReset(quint8 slaveId)
+{
+    sim::Fault deaf;
+    deaf.kind = sim::FaultKind::Deaf;
+    deaf.scope = sim::Fault::Scope::StartAddress;
+    deaf.address = 400;
+    m_line->bus().setFault(slaveId, deaf);
 }
 
 void tst_GripperList::freshListIsScanningAndHasNothing()
@@ -868,6 +882,65 @@ void tst_GripperList::blockingScanInsideAnotherGivesTheBusyFlagBackAsFound()
     QVERIFY(!m_list->m_busy);
     QCOMPARE(m_list->getPrintableState(), running);
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
+}
+
+void tst_GripperList::jumpKeepsTicksOutAndGivesTheBusyFlagBackAsFound_data()
+{
+    QTest::addColumn<bool>("isBusy");
+    QTest::newRow("alone") << false;
+    QTest::newRow("inside another operation") << true;
+}
+
+void tst_GripperList::jumpKeepsTicksOutAndGivesTheBusyFlagBackAsFound()
+{
+    QFETCH(bool, isBusy);
+    m_list->m_busy = isBusy;
+    m_list->m_modbus.setConstraints(ModbusConstraints(50, 0, 2));
+    deafenToReset(9);
+    stand(LoopStep::ReadInput, 2);
+    int ticks = 0;
+    duringTheNextWait([&] {
+        ++ticks;
+        tick();
+    });
+
+    QVERIFY(!m_list->jumpToBootloader(m_found[9]));
+
+    QCOMPARE(ticks, 1);
+    QCOMPARE(m_line->requests(), QStringList{QStringLiteral("9 write 400")});
+    QCOMPARE(m_list->m_busy, isBusy);
+    QVERIFY(m_list->m_muted);
+    // The line takes what the detection has sent, so that no later test finds it.
+    QTest::qWait(50);
+}
+
+void tst_GripperList::jumpInsideATickWaitsForTheAnswerOfTheTick()
+{
+    m_list->m_modbus.setConstraints(ModbusConstraints(200, 0, 2));
+    m_line->delay(9, 2000, 60);
+    deafenToReset(9);
+    stand(LoopStep::ReadInput, 9);
+    duringTheNextWait([&] { QVERIFY(!m_list->jumpToBootloader(m_found[9])); });
+
+    tick();
+
+    QCOMPARE(m_line->traffic().mid(0, 3),
+             (QStringList{QStringLiteral("9 read 2000"), QStringLiteral("answer"),
+                          QStringLiteral("9 write 400")}));
+}
+
+void tst_GripperList::scanSetsNoRateWhileAnAnswerIsAwaited()
+{
+    m_list->m_modbus.setConstraints(ModbusConstraints(200, 0, 2));
+    m_list->m_modbus.setBaudRate(57600);
+    m_line->delay(9, 2000, 60);
+    int rateAtTheAnswer = 0;
+    QTimer::singleShot(50, Qt::PreciseTimer, m_list.get(),
+                       [&] { rateAtTheAnswer = m_list->m_modbus.getBaudrate(); });
+    duringTheNextWait([&] { m_list->requestScanBlock(); });
+    m_list->m_modbus.readRegisters(9, 2000, 3);
+    QCOMPARE(rateAtTheAnswer, 57600);
+    QCOMPARE(m_list->m_modbus.getBaudrate(), 115200);
 }
 
 void tst_GripperList::everyObjectMayBeReplacedWhileAStepWaits()

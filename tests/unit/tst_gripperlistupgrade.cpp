@@ -5,9 +5,11 @@
 #include "scriptedmaster.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
 
 #include <memory>
 
@@ -42,6 +44,7 @@ private slots:
     void bootloaderModeIsLookedForAtItsRate_data();
     void bootloaderModeIsLookedForAtItsRate();
     void bootloaderModeIsLookedForFiftyOneTimes();
+    void bootloaderModeIsLookedForOnAQuietLine();
     void openLinkIsNoBootloaderMode();
 
     void gripperInItsBootloaderIsNeitherResetNorMuted_data();
@@ -209,6 +212,22 @@ void tst_GripperList::bootloaderModeIsLookedForFiftyOneTimes()
     m_end.setAnswers({});
     QVERIFY(!m_list->isDeviceInBootloaderMode(m_gripper));
     QTRY_COMPARE(m_end.knocks().size(), 51);
+}
+
+void tst_GripperList::bootloaderModeIsLookedForOnAQuietLine()
+{
+    m_list->m_modbus.setConstraints({150, 0, 2});
+    m_master.setOpen(false);
+    QElapsedTimer clock;
+    clock.start();
+    qint64 detectedAfterMs = 0;
+    QTimer::singleShot(0, m_list.get(), [&] {
+        m_list->m_modbus.disconnectFromDevice();
+        QVERIFY(m_list->isDeviceInBootloaderMode(m_gripper));
+        detectedAfterMs = clock.elapsed();
+    });
+    m_list->m_modbus.readRegisters(9, 2000, 3);
+    QVERIFY2(detectedAfterMs >= 150, qPrintable(QString::number(detectedAfterMs)));
 }
 
 void tst_GripperList::openLinkIsNoBootloaderMode()

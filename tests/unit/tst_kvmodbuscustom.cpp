@@ -12,9 +12,10 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <fcntl.h>
-#include <memory>
+#include <functional>
 #include <termios.h>
 #include <unistd.h>
 #include <vector>
@@ -59,6 +60,64 @@ const QByteArray oneRegister = hex("09030207e85bfb");
 const QByteArray writeDone = hex("091003e800030130");
 const QByteArray readRefused = hex("0983024133");
 const QByteArray writeRefused = hex("0990024c03");
+
+// An answer of slave 9 to a read of three registers.
+const QByteArray threeRegisters = hex("0903063900f3ab12340c0f");
+const Words threeValues{0x3900, 0xF3AB, 0x1234};
+
+/// Sixteen readable descriptors beside the port. A turn of the event loop that finds all of them
+/// delivers at least one before the port's. The first one that it delivers calls `act`.
+class ManyNotifiers
+{
+public:
+    explicit ManyNotifiers(std::function<void()> act)
+        : m_act(std::move(act))
+    {
+        for (Pipe &pipe : m_pipes) {
+            if (::pipe2(pipe.ends.data(), O_CLOEXEC) != 0)
+                qFatal("no pipe to be had");
+            pipe.notifier.reset(new QSocketNotifier(pipe.ends[0], QSocketNotifier::Read));
+            QObject::connect(pipe.notifier.data(), &QSocketNotifier::activated,
+                             pipe.notifier.data(), [this] { onNotified(); });
+        }
+    }
+
+    ~ManyNotifiers()
+    {
+        for (Pipe &pipe : m_pipes) {
+            pipe.notifier.reset();
+            ::close(pipe.ends[0]);
+            ::close(pipe.ends[1]);
+        }
+    }
+
+    Q_DISABLE_COPY(ManyNotifiers)
+
+    void notify()
+    {
+        for (const Pipe &pipe : m_pipes) {
+            if (::write(pipe.ends[1], "x", 1) != 1)
+                qFatal("the pipe does not take a byte");
+        }
+    }
+
+private:
+    struct Pipe
+    {
+        std::array<int, 2> ends{};
+        QScopedPointer<QSocketNotifier> notifier;
+    };
+
+    void onNotified()
+    {
+        for (const Pipe &pipe : m_pipes)
+            pipe.notifier->setEnabled(false);
+        m_act();
+    }
+
+    std::function<void()> m_act;
+    std::array<Pipe, 16> m_pipes;
+};
 
 QByteArray withBitFlipped(QByteArray frame, int position)
 {
@@ -137,20 +196,33 @@ private slots:
     void seriousErrorsCloseThePort();
     void hungUpLineIsClosedOnceAndStaysSilent();
     void hangUpDuringARequestEndsInATimeout();
-    void hangUpAfterTheAnswerArrivedLosesIt();
+    void hangUpAfterPartOfTheAnswerEndsInATimeout();
+    void hangUpAfterTheAnswerArrivedKeepsIt();
     void requestOnALineJustHungUpFails_data();
     void requestOnALineJustHungUpFails();
     void replacedLineCanBeOpenedAfterAHangUp();
 
     void requestMayRunInsideTheWaitOfAnother();
     void requestInATurnThatFoundAnAnswerLeavesThePortOpen();
-    void stolenAnswerIsATimeoutOfItsOwner();
+    void nestedRequestWaitsForTheOuterAnswerAndKeepsIt_data();
+    void nestedRequestWaitsForTheOuterAnswerAndKeepsIt();
+    void nestedRequestWaitsForTheOuterDeadline_data();
+    void nestedRequestWaitsForTheOuterDeadline();
+    void threeLevelsOfRequestsGetTheirOwnAnswers();
+    void requestsOfOneTurnGoOutOneAfterTheOther();
+    void nestedRequestInTheTurnOfTheOuterAnswerLeavesBothTheirAnswers();
+    void answerIsKeptWhenANestedRequestClosesThePort();
+    void nestedRequestSendsNothingWhenThePortClosesDuringItsWait();
+    void quietLineIsWaitedForAlsoWhenThePortIsClosed();
+    void floodDuringARequestEndsIt();
     void portClosedInsideTheWaitIsATimeout();
     void portReopenedInsideTheWaitServesTheNextRequest();
 
-    void quitSignalEndsTheWaitForAnAnswer();
+    void quitSignalEndsTheWaitsForAnAnswerAndForTheLine();
 
 private:
+    void askLater(int delayMs, Words &values);
+
     Words access(bool isRead);
     Words accessAnsweredBy(const QByteArray &answer, bool isRead);
 
@@ -176,6 +248,13 @@ void tst_KvModbusCustom::cleanup()
     m_line.reset();
     qInstallMessageHandler(m_keptHandler);
     QCOMPARE(s_warnings, QStringList());
+}
+
+/// Begins another read of one register `delayMs` from now, inside the wait of the one under way.
+void tst_KvModbusCustom::askLater(int delayMs, Words &values)
+{
+    QTimer::singleShot(delayMs, Qt::PreciseTimer, this,
+                       [&] { values = m_master->readRegisters(9, 514, 1); });
 }
 
 /// Reads a register, or writes 1 into another: what was read, or written. Empty on failure.
@@ -795,7 +874,7 @@ void tst_KvModbusCustom::hangUpDuringARequestEndsInATimeout()
     QCOMPARE(m_master->error(), KvModbusAbstract::NotConnectedError);
 }
 
-void tst_KvModbusCustom::hangUpAfterTheAnswerArrivedLosesIt()
+void tst_KvModbusCustom::hangUpAfterPartOfTheAnswerEndsInATimeout()
 {
     m_master->setConstraints({150, 0, 2});
     QTimer::singleShot(20, this, [&] {
@@ -805,6 +884,18 @@ void tst_KvModbusCustom::hangUpAfterTheAnswerArrivedLosesIt()
     });
     QCOMPARE(m_master->readRegisters(9, 514, 1), Words());
     QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError);
+    QVERIFY(!m_master->isConnected());
+}
+
+void tst_KvModbusCustom::hangUpAfterTheAnswerArrivedKeepsIt()
+{
+    QTimer::singleShot(20, this, [&] {
+        m_line->send(oneRegister);
+        qSleepWhileProcessingEvents(20);
+        m_line->hangUp();
+        QTRY_VERIFY(!m_master->isConnected());
+    });
+    QCOMPARE(m_master->readRegisters(9, 514, 1), Words{0x07E8});
     QVERIFY(!m_master->isConnected());
 }
 
@@ -861,46 +952,177 @@ void tst_KvModbusCustom::requestMayRunInsideTheWaitOfAnother()
 
 void tst_KvModbusCustom::requestInATurnThatFoundAnAnswerLeavesThePortOpen()
 {
-    // With one turn that is told of everything. Several, so that one is told before the port.
-    bool isAsked = false;
     Words values;
-    std::vector<std::unique_ptr<QSocketNotifier>> others;
-    std::vector<int> descriptors;
-    for (int i = 0; i < 16; ++i) {
-        int ends[2];
-        QCOMPARE(::pipe2(ends, O_CLOEXEC), 0);
-        descriptors.insert(descriptors.end(), {ends[0], ends[1]});
-        QCOMPARE(::write(ends[1], "x", 1), ssize_t{1});
-        others.push_back(std::make_unique<QSocketNotifier>(ends[0], QSocketNotifier::Read));
-        connect(others.back().get(), &QSocketNotifier::activated, this, [&] {
-            if (!isAsked) {
-                isAsked = true;
-                values = m_master->readRegisters(9, 2000, 3);
-            }
-        });
-    }
+    ManyNotifiers notifiers([&] { values = m_master->readRegisters(9, 2000, 3); });
+    notifiers.notify();
     m_line->send(oneRegister);
     QVERIFY(m_line->blockUntilUnread(oneRegister.size()));
-    m_line->script(readRequestLength, {hex("0903063900f3ab12340c0f")});
+    m_line->script(readRequestLength, {threeRegisters});
     QCoreApplication::processEvents();
-    others.clear();
-    for (const int descriptor : descriptors)
-        ::close(descriptor);
-    QVERIFY(isAsked);
-    QCOMPARE(values, (Words{0x3900, 0xF3AB, 0x1234}));
+    QCOMPARE(values, threeValues);
     QVERIFY(m_master->isConnected());
 }
 
-void tst_KvModbusCustom::stolenAnswerIsATimeoutOfItsOwner()
+void tst_KvModbusCustom::nestedRequestWaitsForTheOuterAnswerAndKeepsIt_data()
 {
-    m_master->setConstraints({200, 0, 2});
-    m_line->script(readRequestLength, {oneRegister}, 80);
-    m_line->script(readRequestLength, {});
+    QTest::addColumn<QList<QByteArray>>("pieces");
+    QTest::newRow("in one piece") << QList<QByteArray>{threeRegisters};
+    QTest::newRow("in pieces") << QList<QByteArray>{
+        threeRegisters.left(1), threeRegisters.mid(1, 6), threeRegisters.mid(7)};
+    QTest::newRow("longer") << QList<QByteArray>{threeRegisters + writeDone};
+}
+
+void tst_KvModbusCustom::nestedRequestWaitsForTheOuterAnswerAndKeepsIt()
+{
+    QFETCH(QList<QByteArray>, pieces);
+    m_line->script(readRequestLength, pieces, 60);
+    m_line->script(readRequestLength, {oneRegister}, 30);
     Words innerValues;
-    QTimer::singleShot(30, this, [&] { innerValues = m_master->readRegisters(9, 514, 1); });
-    QCOMPARE(m_master->readRegisters(9, 514, 1), Words());
+    askLater(20, innerValues);
+    QSignalSpy errors(m_master.data(), &KvModbusAbstract::errorOccurred);
+    QCOMPARE(m_master->readRegisters(9, 2000, 3), threeValues);
+    QCOMPARE(m_master->error(), KvModbusAbstract::NoError);
+    QCOMPARE(innerValues, Words{0x07E8});
+    QCOMPARE(errors.size(), 2);
+    QCOMPARE(m_line->overlaps(), 0);
+}
+
+void tst_KvModbusCustom::nestedRequestWaitsForTheOuterDeadline_data()
+{
+    QTest::addColumn<QByteArray>("outerAnswer");
+    QTest::newRow("silence") << QByteArray();
+    QTest::newRow("part of an answer") << threeRegisters.chopped(1);
+    QTest::newRow("exception") << readRefused;
+}
+
+void tst_KvModbusCustom::nestedRequestWaitsForTheOuterDeadline()
+{
+    QFETCH(QByteArray, outerAnswer);
+    m_master->setConstraints({200, 0, 2});
+    m_line->script(readRequestLength, {outerAnswer});
+    m_line->script(readRequestLength, {oneRegister});
+    Words innerValues;
+    askLater(20, innerValues);
+    QElapsedTimer clock;
+    clock.start();
+    // The second request is on the line a deadline after the first one, and not two.
+    QTimer::singleShot(180, Qt::PreciseTimer, this,
+                       [&] { QVERIFY(clock.elapsed() >= 200 || m_line->requests().size() == 1); });
+    QCOMPARE(m_master->readRegisters(9, 2000, 3), Words());
+    QVERIFY2(clock.elapsed() < 400, qPrintable(QString::number(clock.elapsed())));
     QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError);
     QCOMPARE(innerValues, Words{0x07E8});
+    QCOMPARE(m_line->requests().size(), 2);
+}
+
+void tst_KvModbusCustom::threeLevelsOfRequestsGetTheirOwnAnswers()
+{
+    m_line->script(readRequestLength, {threeRegisters}, 60);
+    m_line->script(readRequestLength, {oneRegister}, 60);
+    m_line->script(readRequestLength, {oneRegister}, 60);
+    // One begins while the first is on the line, another one while the second is.
+    Words values;
+    Words others;
+    askLater(20, values);
+    QTimer::singleShot(80, Qt::PreciseTimer, this, [&] {
+        QCOMPARE(m_line->requests().size(), 2);
+        others = m_master->readRegisters(9, 514, 1);
+    });
+    QCOMPARE(m_master->readRegisters(9, 2000, 3), threeValues);
+    QCOMPARE(values, Words{0x07E8});
+    QCOMPARE(others, Words{0x07E8});
+    QCOMPARE(m_line->overlaps(), 0);
+}
+
+void tst_KvModbusCustom::requestsOfOneTurnGoOutOneAfterTheOther()
+{
+    constexpr int others = 20;
+    m_line->script(readRequestLength, {threeRegisters}, 40);
+    std::vector<Words> values(others);
+    for (Words &each : values) {
+        m_line->script(readRequestLength, {oneRegister}, 5);
+        askLater(10, each);
+    }
+    QCOMPARE(m_master->readRegisters(9, 2000, 3), threeValues);
+    for (const Words &each : values)
+        QCOMPARE(each, Words{0x07E8});
+    QCOMPARE(m_line->overlaps(), 0);
+}
+
+void tst_KvModbusCustom::nestedRequestInTheTurnOfTheOuterAnswerLeavesBothTheirAnswers()
+{
+    m_line->script(readRequestLength, {});
+    m_line->script(readRequestLength, {oneRegister});
+    Words innerValues;
+    ManyNotifiers notifiers([&] { innerValues = m_master->readRegisters(9, 514, 1); });
+    QTimer::singleShot(20, this, [&] {
+        notifiers.notify();
+        m_line->send(threeRegisters);
+        QVERIFY(m_line->blockUntilUnread(threeRegisters.size()));
+    });
+    QCOMPARE(m_master->readRegisters(9, 2000, 3), threeValues);
+    QCOMPARE(innerValues, Words{0x07E8});
+    QVERIFY(m_master->isConnected());
+}
+
+void tst_KvModbusCustom::answerIsKeptWhenANestedRequestClosesThePort()
+{
+    m_line->script(readRequestLength, {threeRegisters}, 40);
+    m_line->script(readRequestLength, {oneRegister});
+    Words innerValues;
+    QTimer::singleShot(20, this, [&] {
+        innerValues = m_master->readRegisters(9, 514, 1);
+        m_master->disconnectFromDevice();
+    });
+    QCOMPARE(m_master->readRegisters(9, 2000, 3), threeValues);
+    QCOMPARE(innerValues, Words{0x07E8});
+    QVERIFY(!m_master->isConnected());
+}
+
+void tst_KvModbusCustom::nestedRequestSendsNothingWhenThePortClosesDuringItsWait()
+{
+    m_master->setConstraints({200, 0, 2});
+    Words innerValues;
+    Error innerError = KvModbusAbstract::InternalError;
+    QTimer::singleShot(20, this, [&] {
+        innerValues = m_master->readRegisters(9, 514, 1);
+        innerError = m_master->error();
+    });
+    QTimer::singleShot(60, this, [&] { m_master->disconnectFromDevice(); });
+    QCOMPARE(m_master->readRegisters(9, 2000, 3), Words());
+    QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError);
+    QCOMPARE(innerValues, Words());
+    QCOMPARE(innerError, KvModbusAbstract::NotConnectedError);
+    QCOMPARE(m_line->requests().size(), 1);
+}
+
+void tst_KvModbusCustom::quietLineIsWaitedForAlsoWhenThePortIsClosed()
+{
+    m_master->waitUntilQuiet();
+    m_master->setConstraints({200, 0, 2});
+    QElapsedTimer clock;
+    clock.start();
+    qint64 quietAfterMs = 0;
+    QTimer::singleShot(20, this, [&] {
+        m_master->disconnectFromDevice();
+        m_master->waitUntilQuiet();
+        quietAfterMs = clock.elapsed();
+    });
+    QCOMPARE(m_master->readRegisters(9, 2000, 3), Words());
+    QVERIFY2(quietAfterMs >= 200, qPrintable(QString::number(quietAfterMs)));
+}
+
+void tst_KvModbusCustom::floodDuringARequestEndsIt()
+{
+    m_line->script(readRequestLength, {});
+    QTimer::singleShot(20, this, [&] { m_line->send(QByteArray(4000, 'x')); });
+    QElapsedTimer clock;
+    clock.start();
+    QCOMPARE(m_master->readRegisters(9, 2000, 3), Words());
+    QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+    QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError);
+    m_line->script(readRequestLength, {oneRegister});
+    QCOMPARE(m_master->readRegisters(9, 514, 1), Words{0x07E8});
 }
 
 void tst_KvModbusCustom::portClosedInsideTheWaitIsATimeout()
@@ -927,15 +1149,24 @@ void tst_KvModbusCustom::portReopenedInsideTheWaitServesTheNextRequest()
 }
 
 // The last one: a quit signal is for the whole life of a process.
-void tst_KvModbusCustom::quitSignalEndsTheWaitForAnAnswer()
+void tst_KvModbusCustom::quitSignalEndsTheWaitsForAnAnswerAndForTheLine()
 {
     quitOnSignals({SIGUSR1});
     m_master->setConstraints({20000, 0, 2});
-    QTimer::singleShot(30, this, [] { std::raise(SIGUSR1); });
+    Words innerValues;
+    Error innerError = KvModbusAbstract::InternalError;
+    QTimer::singleShot(30, this, [&] {
+        innerValues = m_master->readRegisters(9, 514, 1);
+        innerError = m_master->error();
+    });
+    QTimer::singleShot(60, this, [] { std::raise(SIGUSR1); });
     QElapsedTimer clock;
     clock.start();
     QCOMPARE(m_master->readRegisters(9, 514, 1), Words());
     QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError);
+    QCOMPARE(innerValues, Words());
+    QCOMPARE(innerError, KvModbusAbstract::TimeoutError);
+    QCOMPARE(m_line->requests(), QList<QByteArray>{hex("090302020001253a")});
     QVERIFY(!m_master->writeRegisters(9, 1000, {1}));
     QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
 }

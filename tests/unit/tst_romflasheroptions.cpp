@@ -2,6 +2,9 @@
 #include "flasheroutcome.h"
 #include "stm32flashrun.h"
 
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTemporaryDir>
 #include <QTest>
 
 namespace {
@@ -29,6 +32,8 @@ private slots:
     void stm32flashGetsItsArguments();
     void everyFailureHasItsCodeAndSaysWhatToDoNext_data();
     void everyFailureHasItsCodeAndSaysWhatToDoNext();
+    void startWritesNothing();
+    void stm32flashThatStallsIsEnded();
     void missingStm32flashIsSaid();
 };
 
@@ -107,11 +112,11 @@ void TestRomflasherOptions::stm32flashGetsItsArguments_data()
     QTest::addColumn<QString>("expected");
     QTest::newRow("rom, started")
         << QByteArray("-p /dev/ttyUSB0 -b 19200 -f a.bin -d -g")
-        << QStringLiteral("-b 19200 -m 8e1 -f -S 0x08000000 -w a.bin -v -g 0x08000000 "
+        << QStringLiteral("-b 19200 -m 8e1 -f -S 0x08000000 -w copy -v -g 0x08000000 "
                           "/dev/ttyUSB0");
     QTest::newRow("own, not started")
         << QByteArray("-p /dev/ttyTool -b 115200 -f e.bin")
-        << QStringLiteral("-b 115200 -m 8e1 -f -S 0x08080000 -w e.bin -v /dev/ttyTool");
+        << QStringLiteral("-b 115200 -m 8e1 -f -S 0x08080000 -w copy -v /dev/ttyTool");
 }
 
 void TestRomflasherOptions::stm32flashGetsItsArguments()
@@ -119,8 +124,9 @@ void TestRomflasherOptions::stm32flashGetsItsArguments()
     QFETCH(QByteArray, arguments);
     QFETCH(QString, expected);
     const FlasherOptions options = optionsOf(arguments.constData());
-    QCOMPARE(Stm32FlashRun::arguments(options, QStringLiteral("8e1")).join(QLatin1Char(' ')),
-             expected);
+    const QStringList words =
+        Stm32FlashRun::writeArguments(options, QStringLiteral("8e1"), QStringLiteral("copy"));
+    QCOMPARE(words.join(QLatin1Char(' ')), expected);
 }
 
 void TestRomflasherOptions::everyFailureHasItsCodeAndSaysWhatToDoNext_data()
@@ -129,19 +135,22 @@ void TestRomflasherOptions::everyFailureHasItsCodeAndSaysWhatToDoNext_data()
     QTest::addColumn<QString>("line");
     QTest::newRow("done") << 0 << QString();
     QTest::newRow("cannot begin") << 2
-                                  << QStringLiteral("cannot begin: why; mend that and try again");
+                                  << QStringLiteral("cannot begin: why; fix that and try again");
     QTest::newRow("port") << 3
                           << QStringLiteral("port not available: why; free the port and try again");
     QTest::newRow("no bootloader")
         << 4
-        << QStringLiteral("no bootloader answered: why; switch the gripper off and on, send it "
-                          "into its bootloader, and try again");
+        << QStringLiteral("no bootloader answered: why; nothing was written: switch the gripper "
+                          "off and on, send it into its bootloader, and try again");
     QTest::newRow("write") << 5
                            << QStringLiteral("firmware not written: why; switch the gripper off "
                                              "and on, and flash it again");
     QTest::newRow("start") << 6
                            << QStringLiteral("firmware written but not started: why; switch the "
                                              "gripper off and on to start it");
+    QTest::newRow("no progress") << 7
+                                 << QStringLiteral("no progress: why; switch the gripper off and "
+                                                   "on, and flash it again");
 }
 
 void TestRomflasherOptions::everyFailureHasItsCodeAndSaysWhatToDoNext()
@@ -151,12 +160,43 @@ void TestRomflasherOptions::everyFailureHasItsCodeAndSaysWhatToDoNext()
     QCOMPARE(lineFor(static_cast<FlasherOutcome>(code), QStringLiteral("why")), line);
 }
 
+void TestRomflasherOptions::startWritesNothing()
+{
+    const FlasherOptions options = optionsOf("-p /dev/ttyUSB0 -b 115200 -f e.bin -g");
+    const QStringList words = Stm32FlashRun::startArguments(options, QStringLiteral("8e1"));
+    QCOMPARE(words.join(QLatin1Char(' ')),
+             QStringLiteral("-b 115200 -m 8e1 -g 0x08080000 /dev/ttyUSB0"));
+}
+
+void TestRomflasherOptions::stm32flashThatStallsIsEnded()
+{
+    const QTemporaryDir folder;
+    QFile program(folder.filePath(QStringLiteral("stm32flash")));
+    QVERIFY(program.open(QIODevice::WriteOnly));
+    // Its output comes in time twice, and then no more.
+    program.write("#!/bin/sh\nfor i in 1 2; do /bin/sleep 0.3; echo; done\nexec /bin/sleep 60\n");
+    program.close();
+    QVERIFY(program.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
+    const QByteArray path = qgetenv("PATH");
+    qputenv("PATH", QFile::encodeName(folder.path()));
+    Stm32FlashRun run(optionsOf("-p /dev/ttyTool -b 19200 -f a.bin"), QStringLiteral("8e1"), 500);
+    QElapsedTimer timer;
+    timer.start();
+    const FlasherOutcome outcome = run.start();
+    qputenv("PATH", path);
+    QCOMPARE(outcome, FlasherOutcome::Stalled);
+    QVERIFY2(timer.elapsed() >= 600 + 500, qPrintable(QString::number(timer.elapsed())));
+    QVERIFY(timer.elapsed() < 10'000);
+    QCOMPARE(run.problem(), QStringLiteral("stm32flash printed nothing for 0.5 s and was ended"));
+}
+
 void TestRomflasherOptions::missingStm32flashIsSaid()
 {
     const QByteArray path = qgetenv("PATH");
     qputenv("PATH", "/nowhere");
-    Stm32FlashRun run(optionsOf("-p /dev/ttyTool -b 19200 -f a.bin"), QStringLiteral("8e1"), 4);
-    const FlasherOutcome outcome = run.execute();
+    const FirmwareFile image(QCoreApplication::applicationFilePath(), 1 << 30);
+    Stm32FlashRun run(optionsOf("-p /dev/ttyTool -b 19200 -f a.bin"), QStringLiteral("8e1"));
+    const FlasherOutcome outcome = run.write(image);
     qputenv("PATH", path);
     QCOMPARE(outcome, FlasherOutcome::CannotBegin);
     QVERIFY2(run.problem().contains(QLatin1String("stm32flash")), qPrintable(run.problem()));

@@ -41,6 +41,8 @@ private slots:
     void piecesMakeTheSameLines();
     void complaintsAreShownAsTheyCome();
     void imageThatEndsBeyondTheFlashIsNotDone();
+    void startOfAnIncompleteFirmwareIsNotDone();
+    void startWithoutWritingIsDone();
     void writingWithoutVerificationIsNotDone();
 };
 
@@ -162,6 +164,26 @@ void TestRomflasherOutput::imageThatEndsBeyondTheFlashIsNotDone()
                       "\rWrote and verified address 0x080fff00 (85.29%) "
                       "\rWrote and verified address 0x08100000 (85.33%) Done.\n\n");
     QCOMPARE(reader.outcome(0, false), FlasherOutcome::WriteFailed);
+}
+
+void TestRomflasherOutput::startOfAnIncompleteFirmwareIsNotDone()
+{
+    // Recorded: the image was truncated to 1000 bytes during the flash. stm32flash exits with 0.
+    Stm32FlashOutput reader(kEnd);
+    reader.takeOutput(kHead + kPort + kDevice + kErase +
+                      "\rWrote and verified address 0x08000300 (25.59%) "
+                      "\rWrote and verified address 0x080003e8 (33.32%) Done.\n\n" +
+                      kStarted);
+    QCOMPARE(reader.outcome(0, true), FlasherOutcome::WriteFailed);
+}
+
+void TestRomflasherOutput::startWithoutWritingIsDone()
+{
+    Stm32FlashOutput reader;
+    reader.takeOutput(kHead + kPort + kDevice);
+    QCOMPARE(reader.outcome(0, true), FlasherOutcome::WriteFailed);
+    reader.takeOutput(kStarted);
+    QCOMPARE(reader.outcome(0, true), FlasherOutcome::Done);
 }
 
 void TestRomflasherOutput::writingWithoutVerificationIsNotDone()

@@ -226,8 +226,14 @@ void TestRomflasherPort::imageIsLookedAt()
     const FirmwareFile image(path, 1000);
     QCOMPARE(image.problem(),
              problem.isEmpty() ? QString() : QStringLiteral("the image %1 ").arg(path) + problem);
-    if (problem.isEmpty())
-        QCOMPARE(image.size(), size);
+    if (!problem.isEmpty())
+        return;
+    QCOMPARE(image.size(), size);
+    // What happens to the file from now on does not reach the copy.
+    QVERIFY(QFile::remove(path));
+    QFile copy(image.pathOfCopy());
+    QVERIFY(copy.open(QIODevice::ReadOnly));
+    QCOMPARE(copy.readAll(), QByteArray(static_cast<int>(size), 'x'));
 }
 
 QTEST_GUILESS_MAIN(TestRomflasherPort)

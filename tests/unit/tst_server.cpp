@@ -73,6 +73,14 @@ private slots:
     void bytesBehindAZeroByteAreDroppedUntilTheNextRead();
     void clientsDoNotShareTheirBuffers();
 
+    void foreignProtocolIsRefused_data();
+    void foreignProtocolIsRefused();
+    void otherFirstLinesAreServed_data();
+    void otherFirstLinesAreServed();
+    void firstLineIsServedUntilItIsDecided();
+    void refusedClientGetsNoReply();
+    void httpBehindTheFirstLineIsServed();
+
     void selectionAppliesFromTheNextBatch();
     void selectionWithoutAGripperIsKept();
     void eachClientHasItsOwnSelection();
@@ -136,6 +144,7 @@ private:
     ClientEnd &adoptLocalClient();
     ClientSocket *socketOf(int client) { return m_server->clientSockets.at(client); }
     QByteArray answerTo(ClientEnd &client, const QByteArray &request);
+    static void sendAsOneRead(ClientEnd &client, const QByteArray &packet);
     void selectNobody(ClientEnd &client);
     void onNextFrame(const std::function<void()> &action);
     bool isClientless() const;
@@ -172,7 +181,7 @@ void tst_Server::initTestCase()
 
 void tst_Server::init()
 {
-    // Scans inside each other take answers away from each other, and may lose a gripper.
+    // A test may have moved a gripper or ended with the link closed.
     if (m_server->gripperList.getDiscoveredSlaveIds() != QVector<quint8>{2, 9})
         m_server->gripperList.scan(m_line->path());
     m_gripper = m_server->gripperList.getGripperFromSlaveId(9);
@@ -219,7 +228,7 @@ ClientEnd &tst_Server::adoptLocalClient()
     socket->setSocketDescriptor(ends.serverEnd, QAbstractSocket::ConnectedState,
                                 QIODevice::ReadWrite);
     m_server->clientSockets.append(socket);
-    m_server->bufferBySocket.insert(socket, RequestScanner());
+    m_server->bufferBySocket.insert(socket, {});
     m_server->slaveIdBySocket.insert(socket, 9);
     connect(socket, &QTcpSocket::readyRead, m_server.get(), &Server::onClientSocketReadData);
     connect(socket, &QTcpSocket::disconnected, m_server.get(), &Server::onClientSocketDisconnect);
@@ -238,6 +247,13 @@ QByteArray tst_Server::answerTo(ClientEnd &client, const QByteArray &request)
     QByteArray answer = client.take();
     answer.chop(lastReply.size());
     return answer;
+}
+
+// What is sent later comes with another read.
+void tst_Server::sendAsOneRead(ClientEnd &client, const QByteArray &packet)
+{
+    client.send(packet);
+    QCoreApplication::processEvents();
 }
 
 void tst_Server::selectNobody(ClientEnd &client)
@@ -297,7 +313,7 @@ void tst_Server::newClientAddressesNineAndHasAnEmptyBuffer()
 {
     ClientEnd &client = connectClient();
     QCOMPARE(m_server->slaveIdBySocket.value(socketOf(0)), 9);
-    QCOMPARE(m_server->bufferBySocket[socketOf(0)].bytesKept(), std::size_t{0});
+    QCOMPARE(m_server->bufferBySocket[socketOf(0)].requests.bytesKept(), std::size_t{0});
     QCOMPARE(answerTo(client, "GET POS\n"), QByteArray("POS 200\n"));
 }
 
@@ -319,7 +335,7 @@ void tst_Server::disconnectedClientLeavesNothingBehind()
     ClientEnd &client = connectClient();
     const QPointer<ClientSocket> socket(socketOf(0));
     client.send("SET POS 1 GTO 1");
-    QTRY_VERIFY(m_server->bufferBySocket[socketOf(0)].bytesKept() > 0);
+    QTRY_VERIFY(m_server->bufferBySocket[socketOf(0)].requests.bytesKept() > 0);
     client.close();
     QTRY_VERIFY(isClientless());
     QTRY_VERIFY(socket.isNull());
@@ -378,7 +394,7 @@ void tst_Server::setWaitsForItsLineEnding()
 {
     ClientEnd &client = connectClient();
     client.send("SET POS 100");
-    QTRY_VERIFY(m_server->bufferBySocket[socketOf(0)].bytesKept() == 11);
+    QTRY_VERIFY(m_server->bufferBySocket[socketOf(0)].requests.bytesKept() == 11);
     QCOMPARE(client.received(), QByteArray());
     QCOMPARE(positionRequest(), quint8{0});
     client.send("\r");
@@ -397,7 +413,7 @@ void tst_Server::requestInTwoPacketsIsAnsweredOnceItIsComplete()
 {
     ClientEnd &client = connectClient();
     client.send("GET P");
-    QTRY_VERIFY(m_server->bufferBySocket[socketOf(0)].bytesKept() == 5);
+    QTRY_VERIFY(m_server->bufferBySocket[socketOf(0)].requests.bytesKept() == 5);
     QCOMPARE(client.received(), QByteArray());
     QCOMPARE(answerTo(client, "OS\n"), QByteArray("POS 200\n"));
 }
@@ -441,9 +457,106 @@ void tst_Server::clientsDoNotShareTheirBuffers()
     ClientEnd &second = connectClient();
     first.send("GET P");
     second.send("GET S");
-    QTRY_VERIFY(m_server->bufferBySocket[socketOf(1)].bytesKept() == 5);
+    QTRY_VERIFY(m_server->bufferBySocket[socketOf(1)].requests.bytesKept() == 5);
     QCOMPARE(answerTo(first, "OS\n"), QByteArray("POS 200\n"));
     QCOMPARE(answerTo(second, "TA\n"), QByteArray("STA 3\n"));
+}
+
+void tst_Server::foreignProtocolIsRefused_data()
+{
+    QTest::addColumn<QList<QByteArray>>("packets");
+    QTest::addColumn<QString>("protocol");
+
+    const QString http = QStringLiteral("an HTTP request.");
+    const QString tls = QStringLiteral("a TLS handshake.");
+    const QByteArray body = "\r\n\r\nSET POS 114 SPE 255 FOR 255 GTO 1\n";
+    QTest::newRow("head and body")
+        << QList<QByteArray>{"POST / HTTP/1.1\r\nHost: a" + body} << http;
+    QTest::newRow("head, then body")
+        << QList<QByteArray>{"POST / HTTP/1.1\r\nHost: a\r\n", body} << http;
+    QTest::newRow("version in two packets")
+        << QList<QByteArray>{"POST / HTTP/1", ".1\r\nHost: a" + body} << http;
+    QTest::newRow("line ending by itself")
+        << QList<QByteArray>{"POST / HTTP/1.1", "\n", body} << http;
+    QTest::newRow("longer than a read")
+        << QList<QByteArray>{"POST /" + QByteArray(100'000, 'x') + " HTTP/1.1" + body} << http;
+    QTest::newRow("request in a header")
+        << QList<QByteArray>{"GET / HTTP/1.1\r\nAccept-Language: SET POS 99" + body} << http;
+    QTest::newRow("TLS") << QList<QByteArray>{QByteArray("\x16\x03\x01\x02\x00\x01", 6) + body}
+                         << tls;
+    QTest::newRow("TLS byte by byte") << QList<QByteArray>{"\x16", "\x03", body} << tls;
+}
+
+void tst_Server::foreignProtocolIsRefused()
+{
+    QFETCH(QList<QByteArray>, packets);
+    QFETCH(QString, protocol);
+    ClientEnd &other = connectClient();
+    ClientEnd &client = connectClient();
+    m_log->clear();
+    for (const QByteArray &packet : packets) {
+        if (m_server->clientSockets.size() == 2)
+            sendAsOneRead(client, packet);
+    }
+    QTRY_VERIFY(client.hasEnded());
+    QCOMPARE(client.received(), QByteArray());
+    QCOMPARE(m_log->infos().size(), 3);
+    const QRegularExpression line(
+        QStringLiteral("Closed QTcpSocket\\(0x[0-9a-f]+\\) because it began with (.*) "
+                       "This port does not serve web browsers\\."));
+    QCOMPARE(line.match(m_log->infos().first()).captured(1), protocol);
+    QCOMPARE(answerTo(other, "GET POS\n"), QByteArray("POS 200\n"));
+    QCOMPARE(positionRequest(), quint8{0});
+}
+
+void tst_Server::otherFirstLinesAreServed_data()
+{
+    QTest::addColumn<QByteArray>("text");
+
+    QTest::newRow("garbage") << QByteArray("\xff\xfe !\"$%");
+    QTest::newRow("control character") << QByteArray("\x16 ");
+    QTest::newRow("empty line") << QByteArray("\r\nPOST / HTTP/1.1\r\n");
+    QTest::newRow("lower case version") << QByteArray("POST / http/1.1\r\n");
+    QTest::newRow("no version") << QByteArray("GET /pos\r\n");
+    QTest::newRow("zero byte") << QByteArray("POST /\0 HTTP/1.1\n", 18);
+    QTest::newRow("long") << QByteArray(100'000, 'x');
+}
+
+void tst_Server::otherFirstLinesAreServed()
+{
+    QFETCH(QByteArray, text);
+    ClientEnd &client = connectClient();
+    // The next read: bytes behind a zero byte are dropped.
+    sendAsOneRead(client, text);
+    QCOMPARE(answerTo(client, "\nSET POS 5\n"), QByteArray("ack"));
+    QCOMPARE(positionRequest(), quint8{5});
+}
+
+void tst_Server::firstLineIsServedUntilItIsDecided()
+{
+    ClientEnd &client = connectClient();
+    for (const char c : QByteArrayLiteral("GET POS")) {
+        QCOMPARE(client.received(), QByteArray());
+        sendAsOneRead(client, QByteArray(1, c));
+    }
+    QTRY_COMPARE(client.received(), QByteArray("200"));
+    client.send(" HTTP/1.1\n");
+    QTRY_VERIFY(client.hasEnded());
+    QCOMPARE(client.received(), QByteArray("200"));
+}
+
+void tst_Server::refusedClientGetsNoReply()
+{
+    ClientEnd &client = connectClient();
+    client.send("GET POS HTTP/1.1\nGET POS\n");
+    QTRY_VERIFY(client.hasEnded());
+    QCOMPARE(client.received(), QByteArray());
+}
+
+void tst_Server::httpBehindTheFirstLineIsServed()
+{
+    QCOMPARE(answerTo(connectClient(), "GET POS\nPOST / HTTP/1.1\r\n\r\nSET POS 6\n"),
+             QByteArray("POS 200\nack"));
 }
 
 void tst_Server::selectionAppliesFromTheNextBatch()

@@ -341,7 +341,8 @@ void tst_SetVariables::operationThatFailsIsRefusedAndLeavesThePollingMuted()
     m_line->bus().setFault(9, deaf);
     QCOMPARE(set(name, 1), Reply("nak"));
     QCOMPARE(m_line->requests(), QStringList{QStringLiteral("9 write 400")});
-    QCOMPARE(requestsWithin(200), 0);
+    // The bytes of the detection, which blocked the simulator too, count as requests at first.
+    QTRY_COMPARE(requestsWithin(200), 0);
 }
 
 // The last one: the gripper is at another id from here on.

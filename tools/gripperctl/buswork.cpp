@@ -4,6 +4,9 @@
 #include "interruption.h"
 #include "session.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace {
 
 constexpr int scanTimeoutMs = 60'000;
@@ -32,13 +35,23 @@ QVector<int> scanNow(Session &session)
     return session.connection().grippers();
 }
 
-bool scanUntilFound(Session &session, int id)
+QVector<int> scanForMissing(Session &session, const QVector<int> &ids)
 {
+    QVector<int> missing;
     for (int attempt = 0; attempt < attempts; ++attempt) {
         if (attempt > 0)
             pauseFor(pauseMs);
-        if (scanNow(session).contains(id))
-            return true;
+        const QVector<int> found = scanNow(session);
+        missing.clear();
+        std::copy_if(ids.begin(), ids.end(), std::back_inserter(missing),
+                     [&found](int id) { return !found.contains(id); });
+        if (missing.isEmpty())
+            break;
     }
-    return false;
+    return missing;
+}
+
+bool scanUntilFound(Session &session, int id)
+{
+    return scanForMissing(session, {id}).isEmpty();
 }

@@ -3,7 +3,7 @@
 class Session;
 
 /// Polling is muted as long as this lives, however it ends, unless a flasher has the line by then:
-/// a request that takes the line is disturbed by a poll that is under way.
+/// no poll delays a request that takes the line.
 class MutedPolling
 {
 public:

@@ -13,7 +13,7 @@ class FlashBench(Bench):
     """Started in `folder`, which holds ./romflasher and the image."""
 
     def __init__(
-        self, start_daemon, connect, folder, versions=FINGERS, bits=0, size=4099, **options
+        self, start_daemon, connect, folder, versions=FINGERS, *others, bits=0, size=4099, **options
     ):
         before, self.after = versions
         put_real_flasher(folder)
@@ -21,7 +21,7 @@ class FlashBench(Bench):
         self.image = make_image(folder / "firmware", self.after, size)
         speed = [f"--bootloader-bps={bits}"]
         super().__init__(
-            start_daemon, connect, f"9={before}", options=speed, cwd=folder, **options
+            start_daemon, connect, f"9={before}", *others, options=speed, cwd=folder, **options
         )
 
     def start(self):

@@ -1,6 +1,8 @@
 """The flasher and the bootloaders that it is tried on."""
 
+import contextlib
 import os
+import socket
 import subprocess
 import termios
 import threading
@@ -14,6 +16,8 @@ from .simulator import Simulator
 from .waiting import eventually
 
 PORT = "/dev/ttyTool"
+LOCK = "/var/lock/LCK..ttyTool"
+PROGRAM = os.path.basename(os.readlink("/proc/self/exe"))
 # Of a family: id, version before, version after, restart word, rate, where the firmware begins.
 ROM = (9, "TA3-1.6.13", "TA3-1.6.14", 0x2A00, 19200, 0x08000000)
 OWN = (2, "TE1-2.0.1", "TE1-2.0.2", 0x3500, 115200, 0x08080000)
@@ -90,3 +94,18 @@ def flash(simulator, path, *flags, **options):
         [binary("romflasher"), *arguments(simulator, path, *flags)],
         capture_output=True, text=True, timeout=60, **options,
     )
+
+
+def put_lock(pid, program):
+    with open(LOCK, "w", encoding="ascii") as lock:
+        lock.write(f"{pid}\n{program}\n{socket.gethostname()}\n")
+
+
+@contextlib.contextmanager
+def held_lock():
+    """This process holds the port."""
+    put_lock(os.getpid(), PROGRAM)
+    try:
+        yield
+    finally:
+        os.unlink(LOCK)

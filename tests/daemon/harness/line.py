@@ -25,6 +25,9 @@ def version_registers(version):
     return [letters[0] << 8 | letters[1], letters[2] << 8 | a, b << 8 | c]
 
 
+SYNCHRONISATION = 0x7F
+
+
 class Slave:
     """One register image. `script(request)` may return the bytes to answer with,
     b"" for silence, a list of (delay in s, bytes), or None for the plain answer."""
@@ -74,6 +77,7 @@ class Line(RequestLog):
         for slave in slaves:
             slave.line = self
         self.garbage = []
+        self.bootloader_answer = None  # to a synchronisation byte; None without a bootloader
         self._master = None
         self._thread = None
         self._wake = None
@@ -160,6 +164,10 @@ class Line(RequestLog):
     def _take_requests(self, buffer, now):
         due = []
         while buffer:
+            if self.bootloader_answer is not None and buffer[0] == SYNCHRONISATION:
+                del buffer[0]
+                due.append((now, self.bootloader_answer))
+                continue
             try:
                 request, used = modbus.cut_request(buffer, now)
             except AssertionError:

@@ -54,6 +54,23 @@ class OtherMachine:
 
     def connect(self, receive_buffer=None):
         """A client there, with a receive buffer of its own size if one is given."""
+        far = self._socket()
+        if receive_buffer:
+            far.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+        client = FarClient(far)
+        self._clients.append(client)
+        client.socket.settimeout(client.timeout)
+        client.socket.connect((NEAR, PORT))
+        return client
+
+    def listen(self, port):
+        """A socket that listens there; the caller closes it."""
+        far = self._socket()
+        far.bind((FAR, port))
+        far.listen()
+        return far
+
+    def _socket(self):
         made = []
 
         def make():
@@ -69,13 +86,7 @@ class OtherMachine:
         thread.join()
         if isinstance(made[0], OSError):
             raise made[0]
-        if receive_buffer:
-            made[0].setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-        client = FarClient(made[0])
-        self._clients.append(client)
-        client.socket.settimeout(client.timeout)
-        client.socket.connect((NEAR, PORT))
-        return client
+        return made[0]
 
     def vanish(self):
         """Whatever is sent there from now on is lost, and nothing tells the sender so."""

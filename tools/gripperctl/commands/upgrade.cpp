@@ -74,11 +74,32 @@ QString presentState(Session &session, int id)
     throw Failure{ExitCode::Refused, problem + QLatin1Char(' ') + state};
 }
 
+/// A gripper in its bootloader would take the firmware that is meant for another. The list still
+/// has it until somebody scans. A list with one gripper needs no scan, which would lose that one.
+void refuseBesideBootloader(Session &session, int id)
+{
+    const QVector<int> listed = session.connection().grippers();
+    if (listed == QVector<int>{id})
+        return;
+    const QVector<int> missing = scanForMissing(session, listed);
+    if (missing.isEmpty())
+        return;
+    throw Failure{
+        ExitCode::Refused,
+        QStringLiteral("nothing was written, because gripper %1 does not answer: if it is "
+                       "in its bootloader, it would take the firmware of gripper %2. "
+                       "Switch it off and on, or unplug it. Upgrade only when gripperctl "
+                       "scan shows it, or when it is unplugged")
+            .arg(listOfIds(missing))
+            .arg(id)};
+}
+
 /// Returns when the flasher has ended and polling goes on.
 void flash(Session &session, int id)
 {
     MutedPolling muted(session);
     muted.letLineFallSilent();
+    refuseBesideBootloader(session, id);
     const Values atFirst = linkValues(session);
     if (!requestUpgrade(session, id)) {
         // One of another client is refused so, too.

@@ -1,0 +1,120 @@
+"""The flasher and its image: one that changes during the flash, one that cannot be written."""
+
+import os
+import time
+
+import pytest
+from harness.children import binary, spawn
+from harness.flashing import (
+    BOTH, ROM, FlashSimulator, arguments, flash, held_lock, make_image,
+)
+
+QUICK = "--bootloader-boot-ms=100"
+
+
+def truncate(path):
+    os.truncate(path, 300)
+
+
+def overwrite(path):
+    """As a copy over the file does it."""
+    with open(path, "r+b") as file:
+        file.write(bytes(path.stat().st_size))
+
+
+@pytest.mark.parametrize("change", [truncate, overwrite])
+def test_an_image_that_changes_during_the_flash_is_written_as_it_was(tmp_path, change):
+    with FlashSimulator(ROM, QUICK, "--bootloader-bps=50000") as bench:
+        bench.into_bootloader()
+        path = make_image(tmp_path, bench.after, 2000)
+        process = spawn([binary("romflasher"), *arguments(bench, path, "-g")])
+        bench.wait_for_chunk(lambda data: data == b"\x31\xce")
+        change(path)
+        assert process.wait(20) == 0
+        assert bench.state() == "firmware"
+        assert bench.version() == bench.after
+
+
+# An image that cannot be written leaves the firmware that is there, and -g starts that.
+
+NOTHING = "nothing was written"
+STARTED = NOTHING + ", and the firmware that is there was started"
+WAITING = NOTHING + ": switch the gripper off and on to start the firmware that is there"
+
+
+@pytest.fixture
+def bench(kind):
+    with FlashSimulator(kind, QUICK) as simulator:
+        yield simulator.into_bootloader()
+
+
+def missing(path):
+    pass
+
+
+def empty(path):
+    path.touch()
+
+
+def device(path):
+    path.symlink_to("/dev/zero")
+
+
+def too_large(path):
+    path.write_bytes(b"x" * (1 << 20 | 1))
+
+
+ROM_ONLY = pytest.mark.parametrize("kind", [ROM], ids=["rom"])
+USELESS = [missing, empty, os.mkdir, os.mkfifo, device, too_large]
+
+
+@ROM_ONLY
+def test_an_image_that_cannot_be_written_is_refused_before_the_line_is_touched(bench, tmp_path):
+    mark = len(bench.chunks)
+    for number, make in enumerate(USELESS):
+        path = tmp_path / str(number)
+        make(path)
+        result = flash(bench, path)
+        assert result.returncode == 2, make
+        assert str(path) in result.stderr
+        assert STARTED not in result.stderr
+    assert bench.chunks[mark:] == []
+    assert bench.state() == "bootloader"
+
+
+def starts_after(bench, path, code, **options):
+    result = flash(bench, path, "-g", **options)
+    assert result.returncode == code
+    assert result.stderr.count("\n") == 1
+    return result.stderr
+
+
+@BOTH
+def test_g_starts_the_firmware_that_is_there(bench, tmp_path):
+    text = starts_after(bench, tmp_path / "missing.bin", 2)
+    assert "missing.bin is not there; " + STARTED in text
+    assert bench.state() == "firmware"
+    assert bench.version() == bench.before
+
+
+@ROM_ONLY
+def test_a_refused_start_of_the_firmware_that_is_there_is_told(bench, tmp_path):
+    bench.tell(f"fault {bench.id} refuseGo")
+    assert WAITING in starts_after(bench, tmp_path, 2)
+
+
+@ROM_ONLY
+def test_without_stm32flash_it_says_that_nothing_was_written(bench, tmp_path):
+    path = make_image(tmp_path, bench.after, 600)
+    text = starts_after(bench, path, 2, env={**os.environ, "PATH": str(tmp_path)})
+    assert "stm32flash cannot be started" in text and WAITING in text
+
+
+@ROM_ONLY
+def test_a_line_that_another_holds_is_not_touched_to_start_the_firmware(bench, tmp_path):
+    mark = len(bench.chunks)
+    path = make_image(tmp_path, bench.after, 600)
+    with held_lock():
+        assert WAITING in starts_after(bench, path, 3)
+        assert WAITING in starts_after(bench, tmp_path / "missing.bin", 2)
+    assert bench.chunks[mark:] == []
