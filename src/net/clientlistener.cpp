@@ -1,6 +1,6 @@
 #include "clientlistener.h"
 
-#include "clientsocket.h"
+#include "clientconnection.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,19 +12,20 @@ namespace {
 
 constexpr int connectionQueueLength = 4096;
 constexpr int acceptRetryMs = 500;
-// Probes come every 20 s.
-constexpr int unheardCheckMs = 20'000;
-// A peer that does not read is asked every two minutes in the end, and one answer may be lost.
-constexpr int unheardLimitMs = 270'000;
-// The kernel takes 2 ms for the memory of ten thousand clients, so it gets a part at a time.
+// As often as the kernel probes a silent peer.
+constexpr int silenceCheckMs = 20'000;
+// The kernel probes the window of a peer that does not read every two minutes at last. One answer
+// may get lost.
+constexpr int silenceLimitMs = 270'000;
+// Returning the memory of 10,000 clients at once takes the kernel 2 ms, so parts return earlier.
 constexpr int memoryReturnMs = 20;
-// The event loop then serves everything else before the next ones.
+// All other events come before the next connections.
 constexpr int acceptedPerTurn = 32;
-// The serial port and its lock file, and what starting a child process takes.
+// For the serial port, its lock file and the start of a child process.
 constexpr rlim_t reservedDescriptors = 32;
 
-/// Descriptors are handed out from the lowest free number on, so a number tells how many are in
-/// use.
+/// The greatest descriptor for a client. The kernel assigns the lowest free number, so a number
+/// shows how many are in use.
 int lastClientDescriptor()
 {
     rlimit limit{};
@@ -32,8 +33,8 @@ int lastClientDescriptor()
     return static_cast<int>(limit.rlim_cur - std::min(limit.rlim_cur, reservedDescriptors));
 }
 
-/// Whether the error ended one connection in the queue, so that the next one can be accepted. The
-/// kernel reports network errors of a new connection through accept().
+/// Returns whether the error concerns only the first connection in the queue, so that the next one
+/// can be accepted. accept() also reports network errors of the new connection.
 bool concernsOneConnection(int error)
 {
     switch (error) {
@@ -56,7 +57,7 @@ bool concernsOneConnection(int error)
 } // namespace
 
 ClientListener::ClientListener(QObject *parent)
-    : QTcpServer(parent)
+    : QObject(parent)
     , m_poller(nullptr)
 {
     m_acceptRetry.setSingleShot(true);
@@ -64,53 +65,42 @@ ClientListener::ClientListener(QObject *parent)
     connect(&m_acceptRetry, &QTimer::timeout, this, &ClientListener::updateAccepting);
     m_memoryReturn.setSingleShot(true);
     m_memoryReturn.setInterval(memoryReturnMs);
-    // By itself the C library returns only free memory at the end of the heap.
+    // Without this call the C library returns only free memory at the end of the heap.
     connect(&m_memoryReturn, &QTimer::timeout, this, [] { ::malloc_trim(0); });
-    auto *unheardCheck = new QTimer(this);
-    connect(unheardCheck, &QTimer::timeout, this, &ClientListener::giveUpUnheardPeers);
-    unheardCheck->start(unheardCheckMs);
+    auto *silenceCheck = new QTimer(this);
+    connect(silenceCheck, &QTimer::timeout, this, &ClientListener::shutDownSilentConnections);
+    silenceCheck->start(silenceCheckMs);
 }
 
-// Ends all connections as long as this is still the object that they report to and wait with.
+// The connections use the poller and report to this object, so they end before its members.
 ClientListener::~ClientListener()
 {
-    qDeleteAll(findChildren<QTcpSocket *>());
-    m_notifier.reset();
-    close();
+    qDeleteAll(findChildren<ClientConnection *>());
 }
 
 bool ClientListener::listenOn(quint16 port)
 {
-    if (!listen(QHostAddress(QHostAddress::Any), port))
+    if (!m_server.listen(QHostAddress(QHostAddress::Any), port))
         return false;
-    const auto descriptor = static_cast<int>(socketDescriptor());
-    // Listening again changes nothing but the length of the queue.
+    const auto descriptor = static_cast<int>(m_server.socketDescriptor());
+    // A second listen() only changes the length of the queue.
     ::listen(descriptor, connectionQueueLength);
     m_lastClientDescriptor = lastClientDescriptor();
-    pauseAccepting();
+    m_server.pauseAccepting();
     m_notifier = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
     connect(m_notifier.get(), &QSocketNotifier::activated, this,
             &ClientListener::acceptConnections);
     return true;
 }
 
-bool ClientListener::hasPendingConnections() const
-{
-    return !m_pending.isEmpty();
-}
-
-QTcpSocket *ClientListener::nextPendingConnection()
-{
-    return m_pending.isEmpty() ? nullptr : m_pending.dequeue();
-}
-
 void ClientListener::acceptConnections()
 {
+    const auto listening = static_cast<int>(m_server.socketDescriptor());
     for (int count = 0; count < acceptedPerTurn && !m_isFull; ++count) {
-        const int descriptor =
-            ::accept4(static_cast<int>(socketDescriptor()), nullptr, nullptr, SOCK_CLOEXEC);
+        const int descriptor = ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
         if (descriptor >= 0) {
-            addClient(descriptor);
+            m_isFull = descriptor >= m_lastClientDescriptor;
+            addConnection(descriptor);
         } else if (errno == EAGAIN) {
             return;
         } else if (!concernsOneConnection(errno)) {
@@ -121,17 +111,14 @@ void ClientListener::acceptConnections()
     updateAccepting();
 }
 
-void ClientListener::addClient(int descriptor)
+void ClientListener::addConnection(int descriptor)
 {
-    auto *socket = new ClientSocket(m_poller, this);
-    socket->setSocketDescriptor(descriptor, QAbstractSocket::ConnectedState, QIODevice::ReadWrite);
-    connect(socket, &QObject::destroyed, this, &ClientListener::onClientDestroyed);
-    m_isFull = descriptor >= m_lastClientDescriptor;
-    m_pending.enqueue(socket);
-    emit newConnection();
+    auto *connection = new ClientConnection(m_poller, descriptor, this);
+    connect(connection, &QObject::destroyed, this, &ClientListener::onConnectionDestroyed);
+    emit newConnection(connection);
 }
 
-void ClientListener::onClientDestroyed()
+void ClientListener::onConnectionDestroyed()
 {
     m_isFull = false;
     updateAccepting();
@@ -145,9 +132,9 @@ void ClientListener::updateAccepting()
     m_notifier->setEnabled(!m_isFull && !m_acceptRetry.isActive());
 }
 
-void ClientListener::giveUpUnheardPeers()
+void ClientListener::shutDownSilentConnections()
 {
-    const auto sockets = findChildren<QTcpSocket *>();
-    for (QTcpSocket *socket : sockets)
-        static_cast<ClientSocket *>(socket)->giveUpIfUnheardFor(unheardLimitMs);
+    const auto connections = findChildren<ClientConnection *>();
+    for (ClientConnection *connection : connections)
+        connection->shutDownIfSilentFor(silenceLimitMs);
 }

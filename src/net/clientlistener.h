@@ -2,47 +2,50 @@
 
 #include "socketpoller.h"
 
-#include <QQueue>
 #include <QTcpServer>
 #include <QTimer>
 
 #include <memory>
 
-class ClientSocket;
+class ClientConnection;
 
-/// The listening server: hands out every connection as a ClientSocket and has a queue long enough
-/// for a crowd of clients that connect at once. Keeps descriptors in reserve for the serial port
-/// and for child processes: clients past that wait in the queue until another one leaves.
+/// Listens for clients and accepts them. Owns all connections and the poller that they share.
 ///
-/// Accepts connections itself: the base class retries without a pause once accept() keeps failing.
-class ClientListener : public QTcpServer
+/// Keeps descriptors in reserve for the serial port and for child processes. Clients beyond that
+/// wait in the kernel's queue until another client leaves. After an error of accept() that is
+/// likely to persist, pauses before the next attempt.
+class ClientListener : public QObject
 {
     Q_OBJECT
 
 public:
     explicit ClientListener(QObject *parent);
+    /// Closes all connections.
     ~ClientListener() override;
 
-    /// Listens on all addresses, IPv4 and IPv6. Returns whether it does.
+    /// Listens on all addresses, IPv4 and IPv6. Returns false if the port is not available.
     bool listenOn(quint16 port);
 
-    /// The one that all clients share.
-    SocketPoller &poller() { return m_poller; }
+    /// The port that is listened on; 0 before listenOn().
+    quint16 port() const { return m_server.serverPort(); }
 
-    bool hasPendingConnections() const override;
-    /// The connection that newConnection() announces, or null.
-    QTcpSocket *nextPendingConnection() override;
+    /// Serves a connection. Takes ownership of its `descriptor`.
+    void addConnection(int descriptor);
+
+signals:
+    /// A client has connected. The listener owns the connection; the receiver deletes it with
+    /// deleteLater() once it has ended.
+    void newConnection(ClientConnection *connection);
 
 private:
     void acceptConnections();
-    void addClient(int descriptor);
-    void onClientDestroyed();
+    void onConnectionDestroyed();
     void updateAccepting();
-    void giveUpUnheardPeers();
+    void shutDownSilentConnections();
 
     SocketPoller m_poller;
+    QTcpServer m_server; ///< Only listens: it would retry a failing accept() without a pause.
     std::unique_ptr<QSocketNotifier> m_notifier;
-    QQueue<ClientSocket *> m_pending;
     QTimer m_acceptRetry; ///< Runs while accepting pauses after an error.
     QTimer m_memoryReturn;
     int m_lastClientDescriptor = 0;

@@ -1,7 +1,7 @@
 #include "server.h"
 
+#include "clientconnection.h"
 #include "clientlistener.h"
-#include "clientsocket.h"
 #include "getvariables.h"
 #include "pairreader.h"
 #include "quitsignals.h"
@@ -20,27 +20,27 @@ namespace {
 // thousand clients that send long ones do not keep the others waiting; the rest follows in shares,
 // one client's share on each turn of the event loop. In bytes of requests, as is the time they
 // take.
-constexpr int bytesPerRead = 16 * 1024;
-constexpr int lineRest = 64;
+constexpr std::size_t bytesPerRead = 16 * 1024;
+constexpr std::size_t lineRest = 64;
 constexpr std::size_t firstShare = 256;
 constexpr std::size_t laterShare = 4096;
 constexpr int firstSlaveId = GripperList::__max_slave_id;
 
-void write(ClientSocket *socket, std::string_view reply)
+void write(ClientConnection *client, std::string_view reply)
 {
-    if (socket != nullptr)
-        socket->addReply(reply);
+    if (client != nullptr)
+        client->addReply(reply);
 }
 
 /// So that a GET does not lose its line ending to the next batch: of what follows a full read as
 /// much as belongs to its last line, `lineRest` bytes at most. Returns how much that was.
-int readToLineEnd(ClientSocket *socket, char *rest)
+std::size_t readToLineEnd(ClientConnection *client, char *rest)
 {
     const auto isLineEnd = [](char c) { return c == '\n' || c == '\r'; };
-    int count = 0;
-    while (count < lineRest && !isLineEnd(rest[count - 1]) && socket->read(rest + count, 1) == 1)
-        ++count;
-    return count;
+    char *end = rest;
+    while (end < rest + lineRest && !isLineEnd(end[-1]) && client->read(end, 1) == 1)
+        ++end;
+    return static_cast<std::size_t>(end - rest);
 }
 
 bool mayWait(const Request &request, const Server::Gripper &gripper)
@@ -69,7 +69,7 @@ Server::Server()
         qFatal("%s",
                qPrintable(QStringLiteral("Unable to start the server on port %1").arg(__port)));
     catchUnixSignals(quitSignals, {});
-    connect(tcpServer, &QTcpServer::newConnection, this, &Server::onClientSocketConnection);
+    connect(tcpServer, &ClientListener::newConnection, this, &Server::onClientSocketConnection);
 }
 
 Server::~Server() = default;
@@ -81,110 +81,106 @@ void Server::catchUnixSignals(const QVector<int> &quitSignals, const QVector<int
     quitOnSignals(quitSignals);
 }
 
-void Server::onClientSocketConnection()
+void Server::onClientSocketConnection(ClientConnection *client)
 {
-    auto *socket = static_cast<ClientSocket *>(tcpServer->nextPendingConnection());
-    if (socket == nullptr)
-        return;
-    clientSockets.append(socket);
-    bufferBySocket.insert(socket, Input());
-    slaveIdBySocket.insert(socket, firstSlaveId);
-    connect(socket, &QTcpSocket::readyRead, this, &Server::onClientSocketReadData);
-    connect(socket, &QTcpSocket::disconnected, this, &Server::onClientSocketDisconnect);
-    qInfo() << "onClientSocketConnection: " << socket;
+    clientSockets.append(client);
+    bufferBySocket.insert(client, Input());
+    slaveIdBySocket.insert(client, firstSlaveId);
+    connect(client, &ClientConnection::readable, this,
+            [this, client] { onClientSocketReadData(client); });
+    connect(client, &ClientConnection::ended, this,
+            [this, client] { onClientSocketDisconnect(client); });
+    qInfo() << "onClientSocketConnection: " << client;
 }
 
-void Server::onClientSocketReadData()
+void Server::onClientSocketReadData(ClientConnection *client)
 {
-    ClientSocket *socket = ClientSocket::notifying();
-    if (socket == nullptr)
-        return;
-    // From the first read on: what the next one finds may be the end.
-    socket->hold();
-    readBatch(socket);
-    socket->release();
+    // Before the first read: a later one may find the end of the client's side.
+    client->hold();
+    readBatch(client);
+    client->release();
 }
 
-void Server::readBatch(ClientSocket *socket)
+void Server::readBatch(ClientConnection *client)
 {
     // Used up before anything pumps events, so a nested call may use it again.
     static std::array<char, bytesPerRead + lineRest> bytes;
-    qint64 count = socket->read(bytes.data(), bytesPerRead);
-    if (count <= 0)
+    std::size_t count = client->read(bytes.data(), bytesPerRead);
+    if (count == 0)
         return;
     if (count == bytesPerRead)
-        count += readToLineEnd(socket, bytes.data() + bytesPerRead);
-    const std::string_view received(bytes.data(), static_cast<std::size_t>(count));
-    Input &input = bufferBySocket[socket];
+        count += readToLineEnd(client, bytes.data() + bytesPerRead);
+    const std::string_view received(bytes.data(), count);
+    Input &input = bufferBySocket[client];
     // The check comes before anything of this read is carried out. Earlier reads of an undecided
     // line can have carried out GETs only: a SET needs a line ending, and a line ending decides.
     const FirstLine::Protocol protocol = input.firstLine.read(received);
     if (protocol == FirstLine::Protocol::Http || protocol == FirstLine::Protocol::Tls) {
-        refuse(socket, protocol);
+        refuse(client, protocol);
         return;
     }
     input.requests.append(received.data(), received.size());
-    processSocket(socket);
+    processSocket(client);
 }
 
-void Server::refuse(ClientSocket *socket, FirstLine::Protocol protocol)
+void Server::refuse(ClientConnection *client, FirstLine::Protocol protocol)
 {
-    qInfo() << "Closed" << socket << "because it began with"
+    qInfo() << "Closed" << client << "because it began with"
             << (protocol == FirstLine::Protocol::Http ? "an HTTP request." : "a TLS handshake.")
             << "This port does not serve web browsers.";
-    socket->giveUp();
+    client->drop();
 }
 
-void Server::processSocket(ClientSocket *socket)
+void Server::processSocket(ClientConnection *client)
 {
     const Gripper gripper =
-        gripperList.getGripperFromSlaveId(static_cast<quint8>(slaveIdBySocket[socket]));
-    carryOutBatch({socket, gripper, std::nullopt}, firstShare);
+        gripperList.getGripperFromSlaveId(static_cast<quint8>(slaveIdBySocket[client]));
+    carryOutBatch({client, gripper, std::nullopt}, firstShare);
     resumePostponedLater();
 }
 
 void Server::carryOutBatch(const Batch &batch, std::size_t share)
 {
     // Keeps the client, and with it its entries, until its requests are carried out.
-    batch.socket->hold();
+    batch.client->hold();
     ++m_depth;
     if (batch.request)
-        carryOut(batch.socket, *batch.request, batch.gripper);
-    carryOutBuffered(batch.socket, batch.gripper, share);
+        carryOut(batch.client, *batch.request, batch.gripper);
+    carryOutBuffered(batch.client, batch.gripper, share);
     --m_depth;
-    batch.socket->release();
+    batch.client->release();
 }
 
-void Server::carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std::size_t share)
+void Server::carryOutBuffered(ClientConnection *client, const Gripper &gripper, std::size_t share)
 {
-    RequestScanner &buffer = bufferBySocket[socket].requests;
+    RequestScanner &buffer = bufferBySocket[client].requests;
     Request request;
     std::size_t done = 0;
-    while (!socket->isPaused() && buffer.takeNext(request)) {
+    while (!client->isPaused() && buffer.takeNext(request)) {
         if (mustBePostponed(request, gripper)) {
-            leave({socket, gripper, request}, m_postponed);
+            leave({client, gripper, request}, m_postponed);
             break;
         }
         const unsigned int waitsBefore = m_waits;
-        carryOut(socket, request, gripper);
+        carryOut(client, request, gripper);
         // What waits, or blocks, is a share of its own.
         done += m_waits == waitsBefore ? request.text.size() : share;
-        if (done >= share && buffer.bytesKept() > 0 && !socket->isPaused()) {
-            leave({socket, gripper, std::nullopt}, m_unfinished);
+        if (done >= share && buffer.bytesKept() > 0 && !client->isPaused()) {
+            leave({client, gripper, std::nullopt}, m_unfinished);
             continueUnfinishedLater();
         }
     }
-    socket->sendReplies();
+    client->sendReplies();
 }
 
 /// What was answered before must not wait for what may wait, or block, now; and of several such
 /// pairs in one request each leaves everybody else, the state loop too, a turn before the next.
 /// False when nothing is to be begun any more because the daemon ends.
-bool Server::prepareToWait(ClientSocket *socket, bool hasWaited)
+bool Server::prepareToWait(ClientConnection *client, bool hasWaited)
 {
     ++m_waits;
-    if (socket != nullptr)
-        socket->sendReplies();
+    if (client != nullptr)
+        client->sendReplies();
     if (hasWaited)
         qSleepWhileProcessingEvents(0);
     return !quitRequested();
@@ -193,8 +189,8 @@ bool Server::prepareToWait(ClientSocket *socket, bool hasWaited)
 /// Until it is taken, nothing else of its client is carried out, and the client stays.
 void Server::leave(const Batch &batch, QQueue<Batch> &queue)
 {
-    batch.socket->hold();
-    batch.socket->setPaused(true);
+    batch.client->hold();
+    batch.client->pause();
     queue.enqueue(batch);
 }
 
@@ -202,7 +198,7 @@ void Server::leave(const Batch &batch, QQueue<Batch> &queue)
 Server::Batch Server::take(QQueue<Batch> &queue)
 {
     Batch batch = queue.dequeue();
-    batch.socket->setPaused(false);
+    batch.client->resume();
     return batch;
 }
 
@@ -223,16 +219,16 @@ void Server::continueUnfinished()
     // Also when this one waits on the bus.
     continueUnfinishedLater();
     carryOutBatch(next, laterShare);
-    next.socket->release();
+    next.client->release();
     resumePostponedLater();
 }
 
-void Server::carryOut(ClientSocket *socket, const Request &request, const Gripper &gripper)
+void Server::carryOut(ClientConnection *client, const Request &request, const Gripper &gripper)
 {
     if (request.kind == Request::Kind::Set)
-        decodeSetVariables(socket, request, gripper);
+        decodeSetVariables(client, request, gripper);
     else
-        decodeGetVariables(socket, request, gripper);
+        decodeGetVariables(client, request, gripper);
 }
 
 /// A GET never has to be: what it would ask the device for is known of every gripper in the list.
@@ -259,11 +255,12 @@ void Server::resumePostponed()
     const Batch next = take(m_postponed);
     carryOutBatch(next, firstShare);
     m_resuming = false;
-    next.socket->release();
+    next.client->release();
     resumePostponedLater();
 }
 
-void Server::decodeGetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper)
+void Server::decodeGetVariables(ClientConnection *client, const Request &match,
+                                const Gripper &gripper)
 {
     const std::string_view name = match.variable();
     if (name.empty())
@@ -277,21 +274,22 @@ void Server::decodeGetVariables(ClientSocket *socket, const Request &match, cons
     if (variable == nullptr || (variable->needsGripper() && !gripper)) {
         reply.push_back('?');
     } else {
-        if (variable->mayWait() && socket != nullptr)
-            socket->sendReplies();
+        if (variable->mayWait() && client != nullptr)
+            client->sendReplies();
         variable->appendValue({gripperList, gripper.data()}, reply);
     }
 
     if (match.hasLineEnding)
         reply.push_back('\n');
-    write(socket, reply);
+    write(client, reply);
 }
 
-void Server::decodeSetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper)
+void Server::decodeSetVariables(ClientConnection *client, const Request &match,
+                                const Gripper &gripper)
 {
     std::string_view reply = __acknowledge;
     int nobodysSlaveId = 0;
-    const auto selection = slaveIdBySocket.find(socket);
+    const auto selection = slaveIdBySocket.find(client);
     int &selectedSlaveId = selection != slaveIdBySocket.end() ? selection.value() : nobodysSlaveId;
 
     bool hasWaited = false;
@@ -304,7 +302,7 @@ void Server::decodeSetVariables(ClientSocket *socket, const Request &match, cons
             unhandled.log();
             continue;
         }
-        if (variable->mayWait && !prepareToWait(socket, hasWaited)) {
+        if (variable->mayWait && !prepareToWait(client, hasWaited)) {
             reply = __notAcknowledge;
             break;
         }
@@ -312,7 +310,7 @@ void Server::decodeSetVariables(ClientSocket *socket, const Request &match, cons
         reply =
             variable->apply({gripperList, gripper, selectedSlaveId, pair.value}).value_or(reply);
     }
-    write(socket, reply);
+    write(client, reply);
 }
 
 std::string_view Server::handleSetGripperModeRequest(const Gripper &gripper, quint8 mode)
@@ -329,16 +327,13 @@ std::string_view Server::handleSetGripperModeRequest(const Gripper &gripper, qui
     }
 }
 
-void Server::onClientSocketDisconnect()
+void Server::onClientSocketDisconnect(ClientConnection *client)
 {
-    ClientSocket *socket = ClientSocket::notifying();
-    qInfo() << "onClientSocketDisconnect: " << (socket != nullptr ? socket : sender());
-    if (socket == nullptr)
-        return;
-    disconnect(socket, nullptr, this, nullptr);
-    clientSockets.removeOne(socket);
-    slaveIdBySocket.remove(socket);
-    bufferBySocket.remove(socket);
-    socket->deleteLater();
-    qInfo() << "socket->deleteLater: " << socket;
+    qInfo() << "onClientSocketDisconnect: " << client;
+    disconnect(client, nullptr, this, nullptr);
+    clientSockets.removeOne(client);
+    slaveIdBySocket.remove(client);
+    bufferBySocket.remove(client);
+    client->deleteLater();
+    qInfo() << "socket->deleteLater: " << client;
 }

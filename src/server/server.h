@@ -15,7 +15,7 @@
 #include <string_view>
 
 class ClientListener;
-class ClientSocket;
+class ClientConnection;
 
 /// The daemon's interface to its clients: accepts them on port 63352, cuts GET and SET requests out
 /// of what they send and answers them. Owns the gripper list, and so the whole driver.
@@ -43,13 +43,13 @@ public:
     /// Ignores each of `ignoreSignals`; lets each of `quitSignals` end the event loop with code 0.
     void catchUnixSignals(const QVector<int> &quitSignals, const QVector<int> &ignoreSignals);
 
-    /// Answers one GET request. Without `socket` nothing is written; without `gripper` the
+    /// Answers one GET request. Without `client` nothing is written; without `gripper` the
     /// variables that need one answer "?". May pump events.
-    void decodeGetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper);
+    void decodeGetVariables(ClientConnection *client, const Request &match, const Gripper &gripper);
 
     /// Carries out the pairs of one SET request, left to right, and writes one reply. Without
-    /// `socket` no reply is written. Pumps events for the pairs that wait on the bus.
-    void decodeSetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper);
+    /// `client` no reply is written. Pumps events for the pairs that wait on the bus.
+    void decodeSetVariables(ClientConnection *client, const Request &match, const Gripper &gripper);
 
     /// 0 is manual, 1 automatic; any other mode changes nothing and returns "nak".
     static std::string_view handleSetGripperModeRequest(const Gripper &gripper, quint8 mode);
@@ -99,12 +99,12 @@ public:
     static constexpr std::string_view __bootloaderMode = "BLD";
 
 public slots:
-    void onClientSocketConnection();
-    void onClientSocketDisconnect();
-    void onClientSocketReadData();
+    void onClientSocketConnection(ClientConnection *client);
+    void onClientSocketDisconnect(ClientConnection *client);
+    void onClientSocketReadData(ClientConnection *client);
     /// Answers every request that is complete in the client's buffer, with the gripper that the
     /// client has selected when this call begins.
-    void processSocket(ClientSocket *socket);
+    void processSocket(ClientConnection *client);
 
 private:
     friend class tst_Server;
@@ -113,7 +113,7 @@ private:
     /// the client's buffer; with the gripper that all of them address.
     struct Batch
     {
-        ClientSocket *socket;
+        ClientConnection *client;
         Gripper gripper;
         std::optional<Request> request;
     };
@@ -125,24 +125,24 @@ private:
         RequestScanner requests;
     };
 
-    void readBatch(ClientSocket *socket);
-    static void refuse(ClientSocket *socket, FirstLine::Protocol protocol);
+    void readBatch(ClientConnection *client);
+    static void refuse(ClientConnection *client, FirstLine::Protocol protocol);
     void carryOutBatch(const Batch &batch, std::size_t share);
-    void carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std::size_t share);
-    bool prepareToWait(ClientSocket *socket, bool hasWaited);
+    void carryOutBuffered(ClientConnection *client, const Gripper &gripper, std::size_t share);
+    bool prepareToWait(ClientConnection *client, bool hasWaited);
     static void leave(const Batch &batch, QQueue<Batch> &queue);
     static Batch take(QQueue<Batch> &queue);
     void continueUnfinishedLater();
     void continueUnfinished();
-    void carryOut(ClientSocket *socket, const Request &request, const Gripper &gripper);
+    void carryOut(ClientConnection *client, const Request &request, const Gripper &gripper);
     bool mustBePostponed(const Request &request, const Gripper &gripper) const;
     void resumePostponedLater();
     void resumePostponed();
 
     ClientListener *tcpServer;
-    QVector<ClientSocket *> clientSockets;
-    QMap<ClientSocket *, Input> bufferBySocket;
-    QMap<ClientSocket *, int> slaveIdBySocket;
+    QVector<ClientConnection *> clientSockets;
+    QMap<ClientConnection *, Input> bufferBySocket;
+    QMap<ClientConnection *, int> slaveIdBySocket;
     QHostAddress listenAddress;
     GripperList gripperList;
     ModbusConstraintsFactory constraintsFactory;
