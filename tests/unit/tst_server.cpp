@@ -104,6 +104,8 @@ private slots:
     void requestsWithoutAClientAreCarriedOutSilently();
     void emptyMatchIsNotAnswered();
 
+    void requestMayWaitIfOneOfItsPairsDoes_data();
+    void requestMayWaitIfOneOfItsPairsDoes();
     void requestOfTheSameClientIsAnsweredDuringItsScan();
     void requestOfAnotherClientIsAnsweredDuringAScan();
     void repliesInFrontOfAScanLeaveBeforeIt();
@@ -122,23 +124,11 @@ private slots:
     void endBehindAFullReadCostsNoReplies_data();
     void endBehindAFullReadCostsNoReplies();
 
-    void longBatchesLeaveOthersTheirTurn();
     void longBatchIsAnsweredInOrderAndFromOneGripper();
-    void longBatchOfAClientThatClosesIsCarriedOut();
-    void othersGoOnWhileALongBatchWaitsForAScan();
-
-    void requestThatWouldNestTooDeepWaitsItsTurn();
-    void nothingOfAClientOvertakesItsPostponedRequest();
-    void requestsThatDoNotWaitAreCarriedOutAtAnyDepth();
-    void postponedRequestsAreCarriedOutInTheOrderOfTheirComing();
-    void clientMayVanishWhileItsRequestWaitsItsTurn_data();
-    void clientMayVanishWhileItsRequestWaitsItsTurn();
 
     void clientThatDoesNotReadIsNotReadEither();
 
 private:
-    void pretendDepth(int depth) { m_server->m_depth = depth; }
-    void endPretendedDepth();
     ClientEnd &connectClient();
     ClientEnd &adoptLocalClient();
     ClientConnection *socketOf(int client) { return m_server->clientSockets.at(client); }
@@ -816,6 +806,33 @@ void tst_Server::emptyMatchIsNotAnswered()
     QCOMPARE(answerTo(client, "GET STA\n"), QByteArray("STA 3\n"));
 }
 
+void tst_Server::requestMayWaitIfOneOfItsPairsDoes_data()
+{
+    QTest::addColumn<QByteArray>("request");
+    QTest::addColumn<bool>("withGripper");
+    QTest::addColumn<bool>("withoutGripper");
+
+    const auto row = [](const char *request, bool withGripper, bool withoutGripper) {
+        QTest::newRow(QByteArray(request).simplified().constData())
+            << QByteArray(request) << withGripper << withoutGripper;
+    };
+    row("SET SCN_BLOCK\n", true, true);
+    row("SET XYZ POS 1 NID 4 MOD 1\n", true, true);
+    row("SET BLD\n", true, false);
+    row("SET POS 44 UPG 1\n", true, false);
+    row("SET POS 44 SCN MUTE 1 SID 9\n", false, false);
+    // The identity of a gripper in the list is already known.
+    row("GET FWV\n", false, false);
+    row("GET POS\n", false, false);
+}
+
+void tst_Server::requestMayWaitIfOneOfItsPairsDoes()
+{
+    QFETCH(QByteArray, request);
+    QTEST(m_server->mayWait(requestOf(request), m_gripper), "withGripper");
+    QTEST(m_server->mayWait(requestOf(request), {}), "withoutGripper");
+}
+
 void tst_Server::requestOfTheSameClientIsAnsweredDuringItsScan()
 {
     ClientEnd &client = connectClient();
@@ -1016,18 +1033,6 @@ void tst_Server::endBehindAFullReadCostsNoReplies()
     QTRY_VERIFY(isClientless());
 }
 
-void tst_Server::longBatchesLeaveOthersTheirTurn()
-{
-    ClientEnd &greedy = connectClient();
-    ClientEnd &modest = connectClient();
-    greedy.send(QByteArray("GET DST\n").repeated(2000));
-    modest.send("GET VER\n");
-    while (modest.received().isEmpty())
-        QCoreApplication::processEvents();
-    QVERIFY(greedy.received().size() < 2000 * 6 / 2);
-    QTRY_COMPARE(greedy.received().size(), 2000 * 6);
-}
-
 void tst_Server::longBatchIsAnsweredInOrderAndFromOneGripper()
 {
     ClientEnd &client = connectClient();
@@ -1044,129 +1049,6 @@ void tst_Server::longBatchIsAnsweredInOrderAndFromOneGripper()
     client.take();
     client.send("GET POS\n");
     QTRY_COMPARE(client.received(), QByteArray("POS 100\n"));
-}
-
-void tst_Server::longBatchOfAClientThatClosesIsCarriedOut()
-{
-    ClientEnd &client = connectClient();
-    client.send(QByteArray("SET POS 1\n").repeated(1000) + "SET POS 77\n");
-    client.close();
-    QTRY_COMPARE(positionRequest(), quint8{77});
-    QTRY_VERIFY(isClientless());
-}
-
-void tst_Server::othersGoOnWhileALongBatchWaitsForAScan()
-{
-    ClientEnd &waiting = connectClient();
-    ClientEnd &other = connectClient();
-    const QByteArray gets = QByteArray("GET DST\n").repeated(1000);
-    int answeredDuringTheScan = 0;
-    connect(&m_line->bus(), &sim::BusSimulator::frameSeen, &m_line->bus(), [&] {
-        if (m_line->requests().last() == QStringLiteral("4 read 500"))
-            answeredDuringTheScan = other.received().size();
-    });
-    waiting.send(gets + "SET SCN_BLOCK\n");
-    other.send(gets);
-    QTRY_COMPARE(waiting.received(), QByteArray("DST 0\n").repeated(1000) + "ack");
-    QObject::disconnect(&m_line->bus(), nullptr, &m_line->bus(), nullptr);
-    QCOMPARE(answeredDuringTheScan, 1000 * 6);
-}
-
-// As when the outermost of the requests that wait is over.
-void tst_Server::endPretendedDepth()
-{
-    pretendDepth(0);
-    m_server->resumePostponedLater();
-}
-
-void tst_Server::requestThatWouldNestTooDeepWaitsItsTurn()
-{
-    ClientEnd &client = connectClient();
-    pretendDepth(Server::__nestingLimit);
-    client.send("GET DST\nSET SCN_BLOCK\nGET VER\n");
-    QTRY_COMPARE(client.received(), QByteArray("DST 0\n"));
-    QTest::qWait(50);
-    QCOMPARE(client.received(), QByteArray("DST 0\n"));
-    QCOMPARE(m_line->requests(), QStringList());
-    endPretendedDepth();
-    QTRY_COMPARE(client.received(), QByteArray("DST 0\nackVER MZV-2.0.0\n"));
-    QVERIFY(m_server->gripperList.getGripperFromSlaveId(9) != m_gripper);
-}
-
-void tst_Server::nothingOfAClientOvertakesItsPostponedRequest()
-{
-    ClientEnd &client = connectClient();
-    pretendDepth(Server::__nestingLimit);
-    client.send("SET SCN_BLOCK MOD 2\n");
-    QTest::qWait(50);
-    client.send("GET PCO\n");
-    QTest::qWait(50);
-    QCOMPARE(client.received(), QByteArray());
-    endPretendedDepth();
-    // It arrives during the scan now, as a request behind any other scan.
-    QTRY_COMPARE(client.received(), QByteArray("PCO 0\nnak"));
-}
-
-void tst_Server::requestsThatDoNotWaitAreCarriedOutAtAnyDepth()
-{
-    ClientEnd &client = connectClient();
-    pretendDepth(10 * Server::__nestingLimit);
-    // Without a gripper there is nothing that BLD could wait for.
-    client.send("SET SID 7\n");
-    QTRY_COMPARE(client.received(), QByteArray("nak"));
-    client.take();
-    client.send("SET BLD 1 UPG\nSET SID 9\n");
-    QTRY_COMPARE(client.received(), QByteArray("ackack"));
-    client.take();
-    client.send("SET POS 44 SCN MUTE 1\nGET FWV\nGET SNU\nGET PYE\n");
-    QTRY_COMPARE(client.received(), QByteArray("ackFWV TA3-1.6.14\nSNU SIM-1009\nPYE 2024\n"));
-    QCOMPARE(positionRequest(), quint8{44});
-    endPretendedDepth();
-    m_log->clear();
-}
-
-void tst_Server::postponedRequestsAreCarriedOutInTheOrderOfTheirComing()
-{
-    const QList<QByteArray> scans{"NID 9", "SCN_BLOCK", "NID 9"};
-    pretendDepth(Server::__nestingLimit);
-    for (int i = 0; i < scans.size(); ++i) {
-        ClientEnd &client = connectClient();
-        client.send("SET SPE " + QByteArray::number(i + 1) + "\nSET " + scans[i] + "\n");
-        QTRY_COMPARE(client.received(), QByteArray("ack"));
-    }
-    // The slot that became free is not for a newcomer.
-    pretendDepth(0);
-    ClientEnd &newcomer = connectClient();
-    newcomer.send("SET SCN_BLOCK MOD 2\n");
-    for (int i = 0; i < scans.size(); ++i) {
-        QTRY_COMPARE(m_clients[static_cast<std::size_t>(i)]->received(), QByteArray("ackack"));
-        for (std::size_t later = static_cast<std::size_t>(i) + 1; later < 3; ++later)
-            QCOMPARE(m_clients[later]->received(), QByteArray("ack"));
-        QCOMPARE(newcomer.received(), QByteArray());
-    }
-    QTRY_COMPARE(newcomer.received(), QByteArray("nak"));
-    m_gripper->setSpeedRequest(0);
-}
-
-void tst_Server::clientMayVanishWhileItsRequestWaitsItsTurn_data()
-{
-    clientMayVanishDuringItsScan_data();
-}
-
-void tst_Server::clientMayVanishWhileItsRequestWaitsItsTurn()
-{
-    QFETCH(Departure, leave);
-    ClientEnd &client = connectClient();
-    pretendDepth(Server::__nestingLimit);
-    client.send("GET DST\nSET SCN_BLOCK\nSET POS 33\n");
-    QTRY_COMPARE(client.received(), QByteArray("DST 0\n"));
-    (client.*leave)();
-    QTest::qWait(50);
-    QCOMPARE(m_server->clientSockets.size(), 1);
-    endPretendedDepth();
-    QTRY_COMPARE(positionRequest(), quint8{33});
-    QTRY_VERIFY(isClientless());
-    QVERIFY(m_server->gripperList.getGripperFromSlaveId(9) != m_gripper);
 }
 
 void tst_Server::clientThatDoesNotReadIsNotReadEither()
