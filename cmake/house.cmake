@@ -1,4 +1,4 @@
-# Settings of every target: warnings, definitions, sanitizers.
+# Settings of every target: warnings, definitions, sanitizers, hardening.
 add_library(gripperd_house INTERFACE)
 target_compile_options(
   gripperd_house
@@ -18,6 +18,19 @@ if(GRIPPERD_SANITIZE)
   target_compile_options(gripperd_house INTERFACE -fsanitize=address,undefined
                                                   -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(gripperd_house INTERFACE -fsanitize=address,undefined)
+endif()
+if(GRIPPERD_HARDEN)
+  include(CheckPIESupported)
+  check_pie_supported(LANGUAGES CXX)
+  set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+  # Undefined first: a package build brings a level of its own.
+  target_compile_options(gripperd_house INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3
+                                                  -fstack-protector-strong)
+  target_compile_definitions(gripperd_house INTERFACE _GLIBCXX_ASSERTIONS)
+  target_link_options(gripperd_house INTERFACE -Wl,-z,relro -Wl,-z,now)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|i[3-6]86)$")
+    target_compile_options(gripperd_house INTERFACE -fcf-protection)
+  endif()
 endif()
 
 # gripperd_precompile(NAME LIBRARIES targets... HEADERS headers...): precompiles headers that most files
@@ -75,7 +88,7 @@ function(gripperd_add_library name)
   target_precompile_headers(${name} REUSE_FROM gripperd_precompiled)
 endfunction()
 
-# gripperd_add_program(NAME SOURCES... [DEPENDS targets...]): a program that users run.
+# gripperd_add_program(NAME SOURCES... [DEPENDS targets...]): a program that users, or tests, run.
 function(gripperd_add_program name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "DEPENDS")
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})

@@ -1,10 +1,12 @@
 #include "loghandler.h"
 
+#include <QByteArray>
+#include <QDeadlineTimer>
 #include <QString>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <climits>
 #include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
@@ -12,24 +14,22 @@
 
 namespace {
 
-// One bad client must not fill the disk with a single line.
-constexpr int maxMessageLength = 1000;
 // Enough for a reader that is slow, and little for those who wait for the daemon meanwhile.
 constexpr int slowReaderWaitMs = 20;
 
-const char *formatOf(QtMsgType type)
+const char *severityOf(QtMsgType type)
 {
     switch (type) {
     case QtDebugMsg:
-        return "Debug: %s (%s:%u, %s)\n";
+        return "Debug";
     case QtInfoMsg:
-        return "Info: %s (%s:%u, %s)\n";
+        return "Info";
     case QtWarningMsg:
-        return "Warning: %s (%s:%u, %s)\n";
+        return "Warning";
     case QtCriticalMsg:
-        return "Critical: %s (%s:%u, %s)\n";
+        return "Critical";
     case QtFatalMsg:
-        return "Fatal: %s (%s:%u, %s)\n";
+        return "Fatal";
     }
     return nullptr;
 }
@@ -39,18 +39,9 @@ const char *printable(const char *text)
     return text != nullptr ? text : "(null)";
 }
 
-QByteArray cut(const QString &message)
-{
-    if (message.size() <= maxMessageLength)
-        return message.toLocal8Bit();
-    return message.left(maxMessageLength).toLocal8Bit() + "... (" +
-           QByteArray::number(message.size() - maxMessageLength) + " more characters)";
-}
-
-/// Where lines are written to while it exists. A terminal takes the part of a line that fits and
-/// lets the writer wait for the rest, without a limit if nobody reads it: that is why a terminal is
-/// opened once more, not to be waited for. What we were given stays as it is: it is shared with
-/// others.
+/// Standard error for one line. A terminal takes the part of a write that fits, and the writer
+/// waits for the rest, without a limit if nobody reads it. So a terminal is opened once more,
+/// without waiting. The descriptor of the process stays as it is: it is shared with others.
 class Output
 {
 public:
@@ -67,14 +58,34 @@ public:
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
 
-    /// Waits a little for a reader that is slow, not again for one that has stopped. A pipe is
-    /// ready when there is room for 4 KiB, which is more than any line of ours has, with the one
-    /// about lost lines in front of it.
+    /// Writes as much as the reader has room for, and returns how much that is. Bytes that can
+    /// never be written count as written. Waits for a reader that is slow, but not for one that has
+    /// stopped.
+    int write(const QByteArray &bytes) const
+    {
+        int done = 0;
+        while (done < bytes.size() && isReady()) {
+            // A pipe that is ready has room for this much, so the write does not block.
+            const auto piece = std::min(bytes.size() - done, PIPE_BUF);
+            const ssize_t written =
+                ::write(descriptor(), bytes.constData() + done, static_cast<std::size_t>(piece));
+            if (written >= 0)
+                done += static_cast<int>(written);
+            else if (errno == EAGAIN)
+                break;
+            else if (errno != EINTR)
+                return bytes.size();
+        }
+        return done;
+    }
+
+private:
     bool isReady() const
     {
         static bool readerHasStopped = false;
         pollfd output{descriptor(), POLLOUT, 0};
-        int ready = ::poll(&output, 1, readerHasStopped ? 0 : slowReaderWaitMs);
+        int ready =
+            ::poll(&output, 1, readerHasStopped ? 0 : static_cast<int>(m_deadline.remainingTime()));
         // Interrupted by a signal, which says nothing about the reader.
         if (ready < 0)
             ready = ::poll(&output, 1, 0);
@@ -82,66 +93,50 @@ public:
         return !readerHasStopped;
     }
 
-    /// Writes what could not be written of the lines before, then `line`. False if something is
-    /// left of them.
-    bool write(const QByteArray &line) const
-    {
-        static QByteArray unwritten;
-        unwritten += line;
-        if (unwritten.isEmpty())
-            return true;
-        const ssize_t written = ::write(descriptor(), unwritten.constData(),
-                                        static_cast<std::size_t>(unwritten.size()));
-        // Of what takes nothing any more nothing is kept.
-        const bool isTakenLater = written >= 0 || errno == EAGAIN || errno == EINTR;
-        unwritten.remove(0, isTakenLater ? static_cast<int>(std::max<ssize_t>(written, 0))
-                                         : unwritten.size());
-        return unwritten.isEmpty();
-    }
-
-private:
     int descriptor() const { return m_terminal >= 0 ? m_terminal : STDERR_FILENO; }
 
+    QDeadlineTimer m_deadline{slowReaderWaitMs};
     int m_terminal = -1;
 };
 
 QByteArray lineOf(QtMsgType type, const QByteArray &message, const QMessageLogContext &context)
 {
-    const auto print = [&](char *text, std::size_t size) {
-        return std::snprintf(text, size, formatOf(type), message.constData(),
-                             printable(context.file), static_cast<unsigned int>(context.line),
-                             printable(context.function));
-    };
-    QByteArray line(print(nullptr, 0), Qt::Uninitialized);
-    print(line.data(), static_cast<std::size_t>(line.size()) + 1);
-    return line;
+    return severityOf(type) + (": " + message) + " (" + printable(context.file) + ':' +
+           QByteArray::number(static_cast<unsigned int>(context.line)) + ", " +
+           printable(context.function) + ")\n";
 }
 
-/// Writes the line, or counts it when nobody reads; what was counted is told in front of the next.
+/// Writes the line, or counts it when nobody reads; the next line reports how many were lost. A
+/// line that has begun is completed before the next one begins, and is all that is kept.
 void writeOrCount(const QByteArray &line)
 {
+    static QByteArray begun;
     static unsigned int lostLines = 0;
     const Output output;
-    if (!output.isReady() || !output.write({})) {
+    begun.remove(0, output.write(begun));
+    if (!begun.isEmpty()) {
         ++lostLines;
         return;
     }
+    QByteArray text = line;
     if (lostLines > 0)
-        output.write(
+        text.prepend(
             lineOf(QtWarningMsg,
                    "log lines lost because nobody read them: " + QByteArray::number(lostLines),
                    QMessageLogContext()));
-    lostLines = 0;
-    output.write(line);
+    const int written = output.write(text);
+    lostLines = written > 0 ? 0 : lostLines + 1;
+    if (written > 0)
+        begun = text.mid(written);
 }
 
 } // namespace
 
 void myMessageOutput(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    if (formatOf(type) == nullptr)
+    if (severityOf(type) == nullptr)
         return;
-    writeOrCount(lineOf(type, cut(message), context));
+    writeOrCount(lineOf(type, message.toLocal8Bit(), context));
     if (type == QtFatalMsg)
         std::abort();
 }

@@ -27,11 +27,29 @@ void raiseDescriptorLimit()
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// A parent's choice would make waitpid() never report a child, and keep quit signals from us.
+void resetInheritedSignals()
+{
+    ::signal(SIGCHLD, SIG_DFL);
+    sigset_t none{};
+    ::sigemptyset(&none);
+    ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
+}
+
+void failWritesWithoutSignal()
+{
+    ::signal(SIGPIPE, SIG_IGN);
+    // Child processes would inherit SIG_IGN, which QProcess undoes for SIGPIPE only. A handler ends
+    // with exec.
+    ::signal(SIGXFSZ, [](int) {});
+}
+
 } // namespace
 
 void prepareProcess()
 {
     occupyStandardDescriptors();
     raiseDescriptorLimit();
-    ::signal(SIGPIPE, SIG_IGN);
+    resetInheritedSignals();
+    failWritesWithoutSignal();
 }

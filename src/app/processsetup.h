@@ -4,5 +4,7 @@
 /// - Standard descriptors that were closed are opened on /dev/null, so that log lines never end up
 ///   in a socket or on the serial line.
 /// - The limit of open descriptors is raised as far as the process may.
-/// - A broken pipe is an error of the write, not the end of the process.
+/// - Signals that the parent blocks reach the process, and so do the ends of its child processes.
+/// - A broken pipe and a file at its size limit fail the write and do not end the process. Child
+///   processes start with the default for both.
 void prepareProcess();

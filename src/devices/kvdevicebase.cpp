@@ -44,6 +44,13 @@ QString paddingOfExpected(quint32 number)
     return number <= 999 ? QStringLiteral("0") : QString();
 }
 
+QString versionText(const QVector<quint16> &words)
+{
+    return threeLetters(words) + QLatin1Char('-') + QString::number(lowByte(words[1])) +
+           QLatin1Char('.') + QString::number(highByte(words[2])) + QLatin1Char('.') +
+           QString::number(lowByte(words[2]));
+}
+
 QString withoutNul(QString text)
 {
     return text.remove(QChar(QChar::Null));
@@ -104,11 +111,14 @@ QString KvDeviceBase::getFirmwareVersion()
         modbusReadRegisters(RegisterMap::firmwareVersionAddress, RegisterMap::firmwareVersionCount);
     if (words.size() < RegisterMap::firmwareVersionCount)
         return m_firmwareVersion;
-    m_firmwareVersion = threeLetters(words) + QLatin1Char('-') +
-                        QString::number(lowByte(words[1])) + QLatin1Char('.') +
-                        QString::number(highByte(words[2])) + QLatin1Char('.') +
-                        QString::number(lowByte(words[2]));
+    m_firmwareVersion = versionText(words);
     return m_firmwareVersion;
+}
+
+bool KvDeviceBase::isFirmwareVersion(const QVector<quint16> &words) const
+{
+    // The text shows every bit of the three words.
+    return versionText(words) == m_firmwareVersion;
 }
 
 quint16 KvDeviceBase::getProductionYear()

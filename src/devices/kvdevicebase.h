@@ -101,6 +101,9 @@ protected:
     KvModbusAbstract &modbus() const { return m_modbus; }
     void setSlaveId(quint8 slaveId) { m_slaveId = slaveId; }
 
+    /// Whether `words` are the three registers that the cached firmware version was made of.
+    bool isFirmwareVersion(const QVector<quint16> &words) const;
+
 private:
     bool writeIdentity(const QString &prefix, quint32 number, quint16 year);
     bool identityReadsBack(const QString &serialNumber, quint16 year);

@@ -11,6 +11,7 @@ namespace {
 constexpr int baudRateSettleMs = 200;
 constexpr int identityPauseMs = 50;
 constexpr int identityAttempts = 6;
+constexpr int surplusAnswersMs = 100;
 constexpr int speedLimitPauseMs = 50;
 constexpr int settingsStoredPauseMs = 2500;
 constexpr int beforeRestartPauseMs = 400;
@@ -35,6 +36,7 @@ quint32 doubleWord(const QVector<quint16> &words)
 KvPelloGripper::KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObject *parent)
     : KvDeviceBase(modbus, slaveId, parent)
 {
+    m_output[ActivateOutput] = 1;
     modbus.setBaudRate(__baudRate);
     qSleepWhileProcessingEvents(baudRateSettleMs);
     if (!modbus.isConnected())
@@ -60,7 +62,12 @@ bool KvPelloGripper::identify()
     readUntilKnown([this] { return !getFirmwareVersion().isEmpty(); });
     readUntilKnown([this] { return getProductionYear() != 0; });
     readUntilKnown([this] { return !getSerialNumber().isEmpty(); });
-    return error() == NoError && attemptsLeft >= 1;
+    if (error() != NoError || attemptsLeft < 1)
+        return false;
+    // A firmware version that arrives twice has the length of the status block that is read next.
+    // The link drops what arrives before that request.
+    qSleepWhileProcessingEvents(surplusAnswersMs);
+    return true;
 }
 
 bool KvPelloGripper::isValidDevice()
@@ -76,7 +83,8 @@ bool KvPelloGripper::updateInput()
 {
     const QVector<quint16> words =
         modbusReadRegisters(RegisterMap::inputAddress, RegisterMap::inputCount);
-    if (words.size() < RegisterMap::inputCount)
+    // An even later copy of the firmware version is no status block either.
+    if (words.size() < RegisterMap::inputCount || isFirmwareVersion(words))
         return false;
     decodeInput(words);
     return updateCycleNumber() && updateNumberOfSecondsPumpIsOn() &&
@@ -102,44 +110,67 @@ bool KvPelloGripper::initOutput()
 {
     if (!updateInput())
         return false;
-    m_activateOutput = m_activateEcho;
-    m_goToRequest = m_goToEcho;
-    m_positionRequest = m_positionRequestEcho;
+    m_output[ActivateOutput] = m_activateEcho;
+    m_output[GoTo] = m_goToEcho;
+    m_output[PositionRequest] = m_positionRequestEcho;
     return true;
 }
 
 bool KvPelloGripper::updateOutput()
 {
-    return modbusWriteRegisters(RegisterMap::outputAddress, encodeOutput(nextActivateBit()));
+    const QVector<quint16> block = encodeOutput(nextActivateBit());
+    if (!m_isWriteUnanswered)
+        m_setSinceAttempt.reset();
+    m_isWriteUnanswered = !modbusWriteRegisters(RegisterMap::outputAddress, block);
+    if (m_isWriteUnanswered)
+        return false;
+    // The acknowledgement carries no value. It may be a late one of an earlier attempt, which did
+    // not have the fields that were set since.
+    m_unsent &= m_setSinceAttempt;
+    if (m_output[ActivateRequest] != 0)
+        m_unsent.set(ActivateRequest);
+    if (m_unsent.any())
+        m_newOutput = 1;
+    return true;
 }
 
 /// An active gripper is activated anew in two writes: first the reset, then, once it reports
 /// itself inactive, the activation. New output stays marked until neither is pending.
 quint8 KvPelloGripper::nextActivateBit()
 {
-    if (m_activateRequest == 0) {
+    if (m_output[ActivateRequest] == 0) {
         m_newOutput = 0;
     } else if (m_activateEcho != 0) {
-        m_activateOutput = 0;
+        change(ActivateOutput, 0);
     } else {
-        m_activateOutput = 1;
-        m_activateRequest = 0;
+        change(ActivateOutput, 1);
+        change(ActivateRequest, 0);
     }
-    return m_activateOutput;
+    return m_output[ActivateOutput];
 }
 
 QVector<quint16> KvPelloGripper::encodeOutput(quint8 activateBit) const
 {
     using namespace RegisterMap;
-    const int action = m_ledBypass << ledBypassShift | m_ledRed << ledRedShift |
-                       m_ledBlue << ledBlueShift | m_ledGreen << ledGreenShift |
-                       activateBit << activateShift | m_gripperModeRequest << gripperModeShift |
-                       m_goToRequest << goToShift | m_autoReleaseRequest << autoReleaseShift |
-                       m_autoReleaseDirectionRequest << autoReleaseDirectionShift;
-    const int position = m_maxPeakSupplyCurrent << maxPeakSupplyCurrentShift | m_positionRequest;
-    const int motion = m_speedRequest << speedShift | m_forceRequest;
+    const int action = m_output[LedBypass] << ledBypassShift | m_output[LedRed] << ledRedShift |
+                       m_output[LedBlue] << ledBlueShift | m_output[LedGreen] << ledGreenShift |
+                       activateBit << activateShift | m_output[GripperMode] << gripperModeShift |
+                       m_output[GoTo] << goToShift | m_output[AutoRelease] << autoReleaseShift |
+                       m_output[AutoReleaseDirection] << autoReleaseDirectionShift;
+    const int position =
+        m_output[MaxPeakSupplyCurrent] << maxPeakSupplyCurrentShift | m_output[PositionRequest];
+    const int motion = m_output[SpeedRequest] << speedShift | m_output[ForceRequest];
     return {static_cast<quint16>(action), static_cast<quint16>(position),
             static_cast<quint16>(motion)};
+}
+
+void KvPelloGripper::takeOverUnsent(const KvPelloGripper &predecessor)
+{
+    for (int i = 0; i < outputFieldCount; ++i) {
+        const auto field = static_cast<OutputField>(i);
+        if (predecessor.m_unsent.test(field))
+            store(field, predecessor.m_output[field]);
+    }
 }
 
 quint8 KvPelloGripper::getActivateEcho() const
@@ -149,23 +180,27 @@ quint8 KvPelloGripper::getActivateEcho() const
 
 void KvPelloGripper::setActivateRequest()
 {
-    m_activateRequest = 1;
-    m_newOutput = 1;
+    store(ActivateRequest, 1);
 }
 
 void KvPelloGripper::clearActivateRequest()
 {
-    m_activateRequest = 0;
-    m_activateOutput = 0;
+    store(ActivateRequest, 0);
+    store(ActivateOutput, 0);
+}
+
+void KvPelloGripper::store(OutputField field, quint8 value)
+{
+    m_output[field] = value;
+    m_unsent.set(field);
+    m_setSinceAttempt.set(field);
     m_newOutput = 1;
 }
 
-void KvPelloGripper::change(quint8 &field, quint8 value)
+void KvPelloGripper::change(OutputField field, quint8 value)
 {
-    if (field == value)
-        return;
-    field = value;
-    m_newOutput = 1;
+    if (m_output[field] != value || m_isBeingReplaced)
+        store(field, value);
 }
 
 bool KvPelloGripper::updateCycleNumber()
@@ -190,7 +225,10 @@ bool KvPelloGripper::updateCounter(quint16 address, quint32 &counter)
         modbus().readRegisters(getSlaveId(), address, RegisterMap::counterCount);
     if (words.size() < RegisterMap::counterCount)
         return false;
-    counter = doubleWord(words);
+    // The answers of the three counters have the same length. Of two that arrive together the first
+    // one may be that of another counter; the old value stays until the next visit.
+    if (!modbus().isAnswerAmbiguous())
+        counter = doubleWord(words);
     return true;
 }
 

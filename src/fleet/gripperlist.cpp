@@ -50,6 +50,11 @@ GripperList::Gripper GripperList::getGripperFromSlaveId(unsigned char slaveId) c
     return m_grippers.value(slaveId);
 }
 
+GripperList::Gripper GripperList::latest(const Gripper &gripper) const
+{
+    return m_grippers.value(gripper->getSlaveId(), gripper);
+}
+
 QVector<quint8> GripperList::getDiscoveredSlaveIds() const
 {
     return m_grippers.keys().toVector();
@@ -293,6 +298,8 @@ bool GripperList::scanUndisturbed(const QString &portName)
     openLink(portName);
     if (!m_modbus.isConnected())
         return true;
+    for (const Gripper &gripper : qAsConst(m_grippers))
+        gripper->expectReplacement();
     const unsigned int disturbances = m_scanDisturbances;
     const QVector<Gripper> found = KvPelloGripperFinder::instance()->scanPort(m_modbus);
     if (quitRequested())
@@ -315,10 +322,13 @@ void GripperList::takeOver(quint8 slaveId, const QVector<Gripper> &found)
         if (gripper->getSlaveId() == slaveId)
             match = gripper;
     }
-    if (match)
-        m_grippers.insert(slaveId, match);
-    else
+    if (!match) {
         removeGripper(slaveId);
+        return;
+    }
+    if (const Gripper predecessor = m_grippers.value(slaveId))
+        match->takeOverUnsent(*predecessor);
+    m_grippers.insert(slaveId, match);
 }
 
 /// A position that rested on the entry goes to the first gripper.

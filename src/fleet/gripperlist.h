@@ -40,6 +40,10 @@ public:
     /// Null when no gripper has that id.
     Gripper getGripperFromSlaveId(unsigned char slaveId) const;
 
+    /// The gripper in the list at the id of `gripper`, which a scan may have replaced; `gripper`
+    /// itself when there is none.
+    Gripper latest(const Gripper &gripper) const;
+
     /// Ascending.
     QVector<quint8> getDiscoveredSlaveIds() const;
 
@@ -61,8 +65,9 @@ public:
     void requestScanBlock();
 
     /// Brings the grippers up to date with what answers on `portName`. Changes nothing when the
-    /// port cannot be opened; leaves it open otherwise. Pumps events; when another scan has ended
-    /// meanwhile, that one's result stays.
+    /// port cannot be opened; leaves it open otherwise. A gripper that answers again is a new
+    /// object, with the fields that clients have set and the device has not acknowledged. Pumps
+    /// events; when another scan has ended meanwhile, that one's result stays.
     void scan(const QString &portName);
 
     /// Rescans the port in use, or looks for a port with grippers. Pumps events, and blocks the

@@ -54,6 +54,11 @@ public:
     /// Stores NoError without emitting anything.
     void clearError();
 
+    /// Whether another whole answer, unlike the one that counts, came with the latest one. The one
+    /// that counts may then be a late or doubled answer to an earlier request. Only meaningful
+    /// right after a request that succeeded.
+    bool isAnswerAmbiguous() const { return m_isAnswerAmbiguous; }
+
     /// Replaces the timing budget; it applies from the next request on.
     void setConstraints(const ModbusConstraints &constraints);
 
@@ -67,6 +72,8 @@ protected:
     /// Stores `error` and emits errorOccurred(), whatever the value.
     void setError(KvModbusError error);
 
+    void setAnswerAmbiguous(bool isAmbiguous) { m_isAnswerAmbiguous = isAmbiguous; }
+
     const ModbusConstraints &constraints() const { return m_constraints; }
 
 private slots:
@@ -76,4 +83,5 @@ private slots:
 private:
     ModbusConstraints m_constraints;
     KvModbusError m_error = NoError;
+    bool m_isAnswerAmbiguous = false;
 };

@@ -1,11 +1,12 @@
 #include "kvmodbuscustom.h"
 
+#include "portlock.h"
 #include "portusage.h"
 #include "quitsignals.h"
 #include "waits.h"
 
 #include <QDeadlineTimer>
-#include <QScopedValueRollback>
+#include <QScopeGuard>
 #include <QSerialPortInfo>
 #include <QSocketNotifier>
 
@@ -73,7 +74,10 @@ void KvModbusCustom::initialize()
 
 bool KvModbusCustom::connectToDevice()
 {
-    return m_serialPort.isOpen() || m_serialPort.open(QIODevice::ReadWrite);
+    if (m_serialPort.isOpen())
+        return true;
+    removeStaleLockOfOwnProcess(m_serialPort.portName());
+    return m_serialPort.open(QIODevice::ReadWrite);
 }
 
 void KvModbusCustom::disconnectFromDevice()
@@ -151,7 +155,7 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
         return NotConnectedError;
     waitUntilQuiet();
     // The wait ends early only when the application quits.
-    if (m_unfinished != nullptr)
+    if (isAnswerAwaited())
         return TimeoutError;
     // A client or a serial error may have closed the port meanwhile.
     if (!isConnected())
@@ -162,18 +166,26 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
                       constraints().getTimeout() +
                           static_cast<qint64>(constraints().getTimeoutFactor()) * registerCount,
                       {},
-                      {}};
+                      {},
+                      false};
     exchange.clock.start();
-    const QScopedValueRollback<Exchange *> unfinished(m_unfinished, &exchange);
+    m_latest = &exchange;
+    const auto leaveLine = qScopeGuard([&] {
+        if (m_latest == &exchange)
+            m_latest = nullptr;
+    });
     const bool isSent = sendRequest(request);
     dropPendingNotifications();
     if (!isSent)
         return TimeoutError;
 
     waitUntilQuiet();
-    answer = exchange.answer;
+    answer = exchange.input;
     if (answer.size() < answerLength || !answer.startsWith(request.left(2)))
         return TimeoutError;
+    const QByteArray next = answer.mid(answerLength, answerLength);
+    answer.truncate(answerLength);
+    setAnswerAmbiguous(next.size() == answerLength && next != answer);
     return verifyCRC(answer) ? NoError : BadCrcError;
 }
 
@@ -181,24 +193,30 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
 /// a step has ended when the step ends, so the unfinished exchange is the same one or none.
 void KvModbusCustom::waitUntilQuiet()
 {
-    while (m_unfinished != nullptr && !quitRequested()) {
-        if (m_unfinished->clock.hasExpired(m_unfinished->deadlineMs))
-            m_unfinished = nullptr;
+    while (isAnswerAwaited() && !quitRequested()) {
+        if (m_latest->clock.hasExpired(m_latest->deadlineMs))
+            m_latest->isOver = true;
         else
             qSleepWhileProcessingEvents(pollingStepMs);
     }
 }
 
-/// Keeps an answer for its request, which may be suspended or find the port closed later.
+bool KvModbusCustom::isAnswerAwaited() const
+{
+    return m_latest != nullptr && !m_latest->isOver;
+}
+
+/// Keeps an answer for its request, which may be suspended or find the port closed later. Also
+/// keeps what follows the answer until its request looks at it: a second answer makes the first
+/// doubtful.
 void KvModbusCustom::onReadyRead()
 {
     const QByteArray input = m_serialPort.readAll();
-    if (m_unfinished == nullptr)
+    if (m_latest == nullptr)
         return;
-    QByteArray &answer = m_unfinished->answer;
-    answer += input.left(m_unfinished->answerLength - answer.size());
-    if (answer.size() == m_unfinished->answerLength)
-        m_unfinished = nullptr;
+    m_latest->input += input.left(2 * m_latest->answerLength - m_latest->input.size());
+    if (m_latest->input.size() >= m_latest->answerLength)
+        m_latest->isOver = true;
 }
 
 /// Drops the input that still waits in the kernel: a late answer to an earlier request must not

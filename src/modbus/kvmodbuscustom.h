@@ -56,13 +56,14 @@ private slots:
     void onReadyRead();
 
 private:
-    /// A request on the line. It ends when its answer is complete or its time is over.
+    /// A request on the line, and the input that followed it.
     struct Exchange
     {
         int answerLength;
         qint64 deadlineMs;
         QElapsedTimer clock;
-        QByteArray answer; ///< At most answerLength bytes, so that a flood takes no memory.
+        QByteArray input; ///< Two answers at most, so that a flood takes no memory.
+        bool isOver;      ///< The answer is complete, or its time has passed.
     };
 
     void initialize();
@@ -72,8 +73,10 @@ private:
     void discardPending();
     void dropPendingNotifications();
 
+    bool isAnswerAwaited() const;
+
     QSerialPort m_serialPort;
-    /// The one that has not ended yet, if any: on the stack of the request that began it, which may
-    /// be suspended below another one.
-    Exchange *m_unfinished = nullptr;
+    /// The latest exchange on the line, until its request has looked at the input. It lies on the
+    /// stack of that request, which may be suspended below another one.
+    Exchange *m_latest = nullptr;
 };

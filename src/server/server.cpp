@@ -212,8 +212,9 @@ bool Server::decodeSetVariables(ClientConnection *client, const Request &request
                 break;
             }
         }
-        reply =
-            variable->apply({gripperList, gripper, selectedSlaveId, pair.value}).value_or(reply);
+        // A scan may have replaced the object of the gripper since the batch began.
+        const Gripper latest = gripper ? gripperList.latest(gripper) : gripper;
+        reply = variable->apply({gripperList, latest, selectedSlaveId, pair.value}).value_or(reply);
     }
     write(client, reply);
     return hasWaited;

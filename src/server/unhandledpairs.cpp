@@ -6,13 +6,23 @@ namespace {
 
 // A request of thousands of unknown names would fill the disk with copies of itself.
 constexpr int loggedPairs = 100;
+// One bad client must not fill the disk with a single line.
+constexpr int maxLineLength = 1000;
+
+QString cut(const QString &line)
+{
+    if (line.size() <= maxLineLength)
+        return line;
+    return line.left(maxLineLength) + QLatin1String("... (") +
+           QString::number(line.size() - maxLineLength) + QLatin1String(" more characters)");
+}
 
 QString lineOf(std::string_view request)
 {
     QString line;
     QDebug(&line) << "SET UNHANDLED REQUEST :"
                   << QString::fromLatin1(request.data(), static_cast<int>(request.size()));
-    return line.trimmed();
+    return cut(line.trimmed());
 }
 
 } // namespace
@@ -35,6 +45,6 @@ void UnhandledPairs::log()
         return;
     if (m_line.isEmpty())
         m_line = lineOf(m_request);
-    // A debug stream would copy the whole line, which may have a million characters.
+    // A debug stream would copy the line, and put quotes around it.
     qt_message_output(QtInfoMsg, QMessageLogContext(), m_line);
 }

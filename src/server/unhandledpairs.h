@@ -4,8 +4,8 @@
 
 #include <string_view>
 
-/// Logs the pairs of one SET request that nothing handles: for each of the first 100 a line with
-/// the whole request, and at the end how many more there were.
+/// Logs the pairs of one SET request that nothing handles. Each of the first 100 has a line with
+/// the whole request, cut after 1,000 characters. At the end a line says how many more there were.
 class UnhandledPairs
 {
 public:

@@ -257,3 +257,26 @@ def test_a_short_status_answer_changes_nothing(found, line, connect):
     short[0] = False
     line.wait_until_polled(9)
     assert client.get("DRI") == "RUNNING"
+
+
+@pytest.mark.parametrize("copied, polled, name", [(600, 602, "PON"), (604, 600, "NCY")])
+def test_a_second_copy_of_a_counter_is_no_other_counter(
+    found, line, connect, copied, polled, name
+):
+    client = connect()
+    line[9].put(600, 111, 0, 222, 0, 333, 0)
+    own = str(line[9].get(polled)[0])
+    eventually(lambda: client.get(name) == own)
+    copy = modbus.read_answer(9, line[9].get(copied, 2))
+
+    def copied_first(request):
+        return copy + line[9].plain_answer(request) if request.is_read(polled) else None
+
+    line[9].script = copied_first
+    mark = line.mark()
+    while len(line.since(mark, lambda r: r.is_read(2000))) < 4:
+        assert client.get(name) == own
+    # A new value shows as soon as the copies end.
+    line[9].put(polled, 999)
+    line[9].script = None
+    eventually(lambda: client.get(name) == "999")

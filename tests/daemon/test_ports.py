@@ -1,12 +1,11 @@
 """Which serial ports are tried, and in which order."""
 
 import os
-import shutil
 import time
 
 import pytest
 from harness.line import Line, Slave
-from harness.ports import ENVIRONMENT, FakePorts
+from harness.ports import ENVIRONMENT, FakePorts, install_fuser
 from harness.waiting import eventually
 
 
@@ -15,12 +14,8 @@ def start(start_daemon, tmp_path):
     """Starts the daemon where a ./fuser is or is not."""
 
     def start_with(local_fuser=None, path=None):
-        if local_fuser == "system":
-            os.symlink(shutil.which("fuser"), tmp_path / "fuser")
-        elif local_fuser is not None:
-            program = tmp_path / "fuser"
-            program.write_text(f"#!/bin/sh\n{local_fuser}\n")
-            program.chmod(0o755)
+        if local_fuser is not None:
+            install_fuser(tmp_path, local_fuser)
         environment = dict(ENVIRONMENT)
         if path is not None:
             environment["PATH"] = path

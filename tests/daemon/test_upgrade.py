@@ -163,6 +163,20 @@ def test_output_and_errors_are_logged_quoted(make_bench, tmp_path):
             assert line.startswith("Info: ")
 
 
+@pytest.mark.parametrize("length", [16384, 300000])
+def test_output_is_logged_to_its_end_however_long(make_bench, tmp_path, length):
+    put_flasher(
+        tmp_path,
+        f"(head -c {length} /dev/zero | tr '\\0' x; echo 'the error') >&2",
+    )
+    bench = make_bench()
+    assert bench.upgrade() == "ack"
+    bench.wait_for_the_unmuting()
+    chunks = [m for m in bench.messages() if m.startswith('"')]
+    assert [chunk[-1] for chunk in chunks] == ['"'] * len(chunks)
+    assert "".join(chunk[1:-1] for chunk in chunks) == "x" * length + r"the error\n"
+
+
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=["TERM", "INT"])
 def test_a_daemon_stopped_during_flashing_ends_and_leaves_no_flasher(make_bench, tmp_path, number):
     put_flasher(tmp_path, "trap '' TERM INT; exec sleep 60")

@@ -81,12 +81,16 @@ bool PtyLine::blockUntilUnread(int count) const
 {
     QElapsedTimer clock;
     clock.start();
-    int unread = 0;
-    while (unread < count && !clock.hasExpired(1000)) {
-        ::ioctl(m_pty.portEnd(), FIONREAD, &unread);
+    while (unreadCount() < count && !clock.hasExpired(1000))
         ::usleep(1000);
-    }
-    return unread >= count;
+    return unreadCount() >= count;
+}
+
+int PtyLine::unreadCount() const
+{
+    int count = 0;
+    ::ioctl(m_pty.portEnd(), FIONREAD, &count);
+    return count;
 }
 
 void PtyLine::hangUp()

@@ -39,6 +39,12 @@ public:
     /// reader. False after a second.
     bool blockUntilUnread(int count) const;
 
+    /// How many bytes wait in the kernel for the port's reader.
+    int unreadCount() const;
+
+    /// The descriptor of the line's own end, for a thread that reads what the port's end writes.
+    int lineEnd() const { return m_pty.lineEnd(); }
+
     /// Pulls the plug: the port's end sees a line that is hung up.
     void hangUp();
 

@@ -38,6 +38,9 @@ public:
     void setOpen(bool open) { m_open = open; }
     void setOpenable(bool openable) { m_openable = openable; }
 
+    /// Whether another answer comes with each one.
+    using KvModbusAbstract::setAnswerAmbiguous;
+
     /// Called at the start of every request.
     void setOnRequest(const std::function<void()> &onRequest) { m_onRequest = onRequest; }
 

@@ -7,6 +7,7 @@
 #include <QElapsedTimer>
 #include <QTest>
 
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -34,6 +35,13 @@ private slots:
     void pollingStartsWithTheSecondGripper();
     void rescanThatFindsNothingEmptiesTheListAndClosesTheLink();
     void rescanReplacesEveryGripperWithANewObject();
+    void fieldThatWasNotSentBeforeTheRescanReachesTheNewObject();
+    void fieldSetDuringTheScanReachesTheNewObject_data();
+    void fieldSetDuringTheScanReachesTheNewObject();
+    void fieldSetToItsOldValueDuringTheScanReachesTheNewObject();
+    void fieldSetDuringNestedScansReachesTheNewObject();
+    void searchOnAClosedLinkTakesNothingOver();
+    void latestGripperIsTheOneInTheList();
     void rescanTakesUpNewGrippersAndDropsThoseThatLeft();
     void clientsAreServedDuringAScan();
     void scanDisturbedByAnotherRemovesNothing_data();
@@ -43,10 +51,27 @@ private:
     using LoopStep = GripperList::LoopStep;
     using LinkStatus = GripperList::LinkStatus;
 
+    // Runs once, inside the wait for the answer to the next such request.
+    void onceSeen(SimulatedLine &line, const QString &request, const std::function<void()> &action);
+
     ModbusConstraintsFactory m_factory;
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<GripperList> m_list;
 };
+
+void tst_GripperList::onceSeen(SimulatedLine &line, const QString &request,
+                               const std::function<void()> &action)
+{
+    line.clearTraffic();
+    auto *once = new QObject(&line.bus());
+    connect(&line.bus(), &sim::BusSimulator::frameSeen, once, [=, &line] {
+        if (!line.requests().endsWith(request))
+            return;
+        QTimer::singleShot(0, this, action);
+        once->deleteLater();
+        disconnect(&line.bus(), nullptr, once, nullptr);
+    });
+}
 
 void tst_GripperList::initTestCase()
 {
@@ -231,7 +256,8 @@ void tst_GripperList::rescanReplacesEveryGripperWithANewObject()
     m_list->scan(line.path());
     const auto old = m_list->getGripperFromSlaveId(9);
     QVERIFY(old);
-    old->setPositionRequest(77);
+    old->setSpeedRequest(77);
+    QVERIFY(old->updateOutput());
 
     m_list->discoverState();
 
@@ -239,8 +265,122 @@ void tst_GripperList::rescanReplacesEveryGripperWithANewObject()
     QVERIFY(fresh);
     QVERIFY(fresh != old);
     // Whoever holds the old one keeps a stale copy.
-    QCOMPARE(old->getPositionRequest(), quint8{77});
-    QCOMPARE(fresh->getPositionRequest(), quint8{0});
+    QCOMPARE(old->getSpeedRequest(), quint8{77});
+    QCOMPARE(fresh->getSpeedRequest(), quint8{0});
+}
+
+void tst_GripperList::fieldThatWasNotSentBeforeTheRescanReachesTheNewObject()
+{
+    SimulatedLine line{{9, "TA3-1.6.14"}};
+    m_list->scan(line.path());
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    m_list->getGripperFromSlaveId(9)->setSpeedRequest(77);
+
+    m_list->discoverState();
+    m_list->discoverState();
+
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    QCOMPARE(m_list->getGripperFromSlaveId(9)->getSpeedRequest(), quint8{77});
+}
+
+void tst_GripperList::fieldSetDuringTheScanReachesTheNewObject_data()
+{
+    QTest::addColumn<QString>("setAt");
+    QTest::newRow("before its status is read") << "9 read 500";
+    QTest::newRow("while an absent id is probed") << "4 read 500";
+}
+
+void tst_GripperList::fieldSetDuringTheScanReachesTheNewObject()
+{
+    QFETCH(QString, setAt);
+    SimulatedLine line{{9, "TA3-1.6.14"}};
+    m_list->scan(line.path());
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    QVERIFY(m_list->getGripperFromSlaveId(9)->updateOutput());
+    onceSeen(line, setAt, [&] {
+        m_list->getGripperFromSlaveId(9)->setSpeedRequest(77);
+        m_list->getGripperFromSlaveId(9)->setActivateRequest();
+    });
+
+    m_list->discoverState();
+
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    const auto fresh = m_list->getGripperFromSlaveId(9);
+    QCOMPARE(fresh->getSpeedRequest(), quint8{77});
+    QCOMPARE(fresh->getActivateRequest(), quint8{1});
+}
+
+// The old object holds the value, the new one starts with another.
+void tst_GripperList::fieldSetToItsOldValueDuringTheScanReachesTheNewObject()
+{
+    SimulatedLine line{{9, "TA3-1.6.14"}};
+    m_list->scan(line.path());
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    const auto old = m_list->getGripperFromSlaveId(9);
+    old->setSpeedRequest(77);
+    old->setForceRequest(88);
+    QVERIFY(old->updateOutput());
+    onceSeen(line, QStringLiteral("9 read 604"), [&] { old->setSpeedRequest(77); });
+
+    m_list->discoverState();
+
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    QCOMPARE(m_list->getGripperFromSlaveId(9)->getSpeedRequest(), quint8{77});
+    QCOMPARE(m_list->getGripperFromSlaveId(9)->getForceRequest(), quint8{0});
+}
+
+void tst_GripperList::fieldSetDuringNestedScansReachesTheNewObject()
+{
+    SimulatedLine line{{9, "TA3-1.6.14"}};
+    m_list->scan(line.path());
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    QVERIFY(m_list->getGripperFromSlaveId(9)->updateOutput());
+    // Before the inner scan, inside it, and after it while the outer one goes on.
+    onceSeen(line, QStringLiteral("2 read 500"), [&] {
+        m_list->getGripperFromSlaveId(9)->setSpeedRequest(11);
+        onceSeen(line, QStringLiteral("3 read 500"),
+                 [&] { m_list->getGripperFromSlaveId(9)->setForceRequest(22); });
+        m_list->requestScanBlock();
+        m_list->getGripperFromSlaveId(9)->setMaxPeakSupplyCurrent(33);
+    });
+
+    m_list->requestScanBlock();
+
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    const auto fresh = m_list->getGripperFromSlaveId(9);
+    QCOMPARE(fresh->getSpeedRequest(), quint8{11});
+    QCOMPARE(fresh->getForceRequest(), quint8{22});
+    QCOMPARE(fresh->getMaxPeakSupplyCurrent(), quint8{33});
+}
+
+void tst_GripperList::searchOnAClosedLinkTakesNothingOver()
+{
+    SimulatedLine line{{9, "TA3-1.6.14"}};
+    m_list->scan(line.path());
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    m_list->getGripperFromSlaveId(9)->setSpeedRequest(77);
+    m_list->m_modbus.disconnectFromDevice();
+
+    m_list->discoverState();
+    m_list->scan(line.path());
+
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    QCOMPARE(m_list->getGripperFromSlaveId(9)->getSpeedRequest(), quint8{0});
+}
+
+void tst_GripperList::latestGripperIsTheOneInTheList()
+{
+    SimulatedLine line{{9, "TA3-1.6.14"}};
+    m_list->scan(line.path());
+    QVERIFY(m_list->getGripperFromSlaveId(9));
+    const auto old = m_list->getGripperFromSlaveId(9);
+    QCOMPARE(m_list->latest(old), old);
+    m_list->scan(line.path());
+    QVERIFY(m_list->latest(old) != old);
+    QCOMPARE(m_list->latest(old), m_list->getGripperFromSlaveId(9));
+    line.bus().removeGripper(9);
+    m_list->scan(line.path());
+    QCOMPARE(m_list->latest(old), old);
 }
 
 void tst_GripperList::rescanTakesUpNewGrippersAndDropsThoseThatLeft()

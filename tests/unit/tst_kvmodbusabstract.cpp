@@ -41,6 +41,7 @@ private slots:
     void noErrorBeforeTheFirstRequest();
     void eachErrorIsStoredNamedAndSignalled_data();
     void eachErrorIsStoredNamedAndSignalled();
+    void errorIsStoredBeforeItIsSignalled();
     void valueThatIsNoKeyHasNoName();
     void sameErrorIsSignalledEveryTime();
     void clearErrorIsSilent();
@@ -84,6 +85,18 @@ void tst_KvModbusAbstract::eachErrorIsStoredNamedAndSignalled()
     QCOMPARE(master.errorString(), QString::fromLatin1(QTest::currentDataTag()));
     QCOMPARE(errors.size(), 1);
     QCOMPARE(int(errorIn(errors[0])), value);
+}
+
+void tst_KvModbusAbstract::errorIsStoredBeforeItIsSignalled()
+{
+    IdleMaster master;
+    Error storedError = KvModbusAbstract::NoError;
+    connect(&master, &KvModbusAbstract::errorOccurred, &master,
+            [&] { storedError = master.error(); });
+    master.setError(KvModbusAbstract::BadCrcError);
+    QCOMPARE(storedError, KvModbusAbstract::BadCrcError);
+    master.setError(KvModbusAbstract::NoError);
+    QCOMPARE(storedError, KvModbusAbstract::NoError);
 }
 
 void tst_KvModbusAbstract::valueThatIsNoKeyHasNoName()

@@ -7,6 +7,7 @@
 #include <QTest>
 #include <QTimer>
 
+#include <functional>
 #include <memory>
 
 namespace {
@@ -116,6 +117,8 @@ QString outputWrite(quint16 action, quint16 position = 0, quint16 motion = 0)
 
 } // namespace
 
+Q_DECLARE_METATYPE(std::function<void(KvPelloGripper &)>)
+
 class tst_KvPelloGripper : public QObject
 {
     Q_OBJECT
@@ -130,6 +133,7 @@ private slots:
     void slaveIdIsTheLowByte();
     void productCodeDecides_data();
     void productCodeDecides();
+    void gripperInErrorIsNotValid();
     void closedLinkIsNeverAsked();
     void everyFailureEndsWithInitilizationError_data();
     void everyFailureEndsWithInitilizationError();
@@ -141,7 +145,10 @@ private slots:
     void yearIsAskedAgainAfterAPause();
     void failedFirstPollRejectsTheGripper_data();
     void failedFirstPollRejectsTheGripper();
+    void firstPollComesAfterLateIdentityAnswers();
+    void absentGripperIsGivenUpAtOnce();
     void firstPollSeedsTheOutputImage();
+    void initOutputKeepsTheRequestsThatNoEchoShows();
     void freshGripperWritesOnItsFirstPoll();
 
     // Input image
@@ -156,6 +163,7 @@ private slots:
     void longPollIsDecodedFromItsFirstWords();
     void failedCounterKeepsItsValueAndEndsThePoll_data();
     void failedCounterKeepsItsValueAndEndsThePoll();
+    void counterOfAnAmbiguousAnswerKeepsItsValue();
     void countersLeaveTheDeviceErrorAlone();
 
     // Output image
@@ -166,6 +174,9 @@ private slots:
     void unusedOutputBitsStayZero();
     void onlyAChangeMarksNewOutput();
     void sentImageIsNoLongerNewEvenWhenTheWriteFails();
+    void outputChangedBetweenTheAttemptsIsWrittenOnceMore_data();
+    void outputChangedBetweenTheAttemptsIsWrittenOnceMore();
+    void outputRepeatedUnchangedIsNotWrittenOnceMore();
     void gettersAndSettersNeverTouchTheBus();
 
     // Activation
@@ -177,6 +188,15 @@ private slots:
     void clearedActivationWithdrawsAPendingOne();
     void failedActivationWriteGoesOnWhereItWas();
     void pollAloneDoesNotChangeTheActivationSent();
+
+    // Replacement by a scan
+    void unsentFieldIsTakenOver_data();
+    void unsentFieldIsTakenOver();
+    void sentFieldIsNotTakenOver();
+    void fieldSetDuringTheWriteIsTakenOver();
+    void fieldSetToItsOldValueIsTakenOverOnceAReplacementIsExpected();
+    void activationThatIsNotCarriedOutIsTakenOver_data();
+    void activationThatIsNotCarriedOutIsTakenOver();
 
     // Maintenance
     void countersAreLowWordFirst();
@@ -268,12 +288,20 @@ void tst_KvPelloGripper::firstRequestComesAfterTheRateHasSettled()
 
 void tst_KvPelloGripper::eventsAreHandledDuringConstruction()
 {
-    int ticks = 0;
-    QTimer timer;
-    connect(&timer, &QTimer::timeout, this, [&] { ++ticks; });
-    timer.start(10);
+    // The first pause lasts 200 ms. Timers fire in the order in which they are due, so all of these
+    // fire inside the pause on the slowest machine, too.
+    QList<int> fired;
+    QList<int> due;
+    QObject context;
+    for (int ms = 0; ms < 200; ms += 20) {
+        due.append(ms);
+        QTimer::singleShot(ms, Qt::PreciseTimer, &context, [&fired, ms] { fired.append(ms); });
+    }
+    QList<QList<int>> firedBeforeRequest;
+    m_master->setOnRequest([&] { firedBeforeRequest.append(fired); });
     const KvPelloGripper gripper(*m_master, slave);
-    QVERIFY2(ticks >= 5, qPrintable(QString::number(ticks)));
+    QCOMPARE(firedBeforeRequest.value(0), QList<int>()); // the rate
+    QCOMPARE(firedBeforeRequest.value(1), due);          // the first read
 }
 
 void tst_KvPelloGripper::slaveIdIsTheLowByte()
@@ -314,6 +342,18 @@ void tst_KvPelloGripper::productCodeDecides()
     QCOMPARE(requests.contains(QStringLiteral("read 9 2000 3")), accepted);
 }
 
+void tst_KvPelloGripper::gripperInErrorIsNotValid()
+{
+    const auto gripper = makeGripper();
+    QVERIFY(gripper->isValidDevice());
+    // The gripper's version is known, so no read clears the error.
+    gripper->setError(KvDeviceBase::CommunicationError);
+    QVERIFY(!gripper->isValidDevice());
+    gripper->clearError();
+    QVERIFY(gripper->isValidDevice());
+    QCOMPARE(m_master->takeRequests(), QStringList());
+}
+
 void tst_KvPelloGripper::closedLinkIsNeverAsked()
 {
     m_master->setOpen(false);
@@ -345,6 +385,8 @@ void tst_KvPelloGripper::everyFailureEndsWithInitilizationError_data()
                              << QList<Error>{none, silent, failed};
     QTest::newRow("no status") << true << known << Words{2024} << Words{}
                                << QList<Error>{none, none, none, silent, failed};
+    QTest::newRow("version once more")
+        << true << known << Words{2024} << known << QList<Error>{none, none, none, none, failed};
     QTest::newRow("no failure") << true << known << Words{2024} << Words{0, 0, 0}
                                 << QList<Error>{none, none, none, none};
 }
@@ -448,6 +490,27 @@ void tst_KvPelloGripper::failedFirstPollRejectsTheGripper()
     QCOMPARE(gripper.error(), KvDeviceBase::InitilizationError);
 }
 
+void tst_KvPelloGripper::firstPollComesAfterLateIdentityAnswers()
+{
+    QElapsedTimer clock;
+    QList<qint64> times;
+    m_master->setOnRequest([&] { times.append(clock.elapsed()); });
+    clock.start();
+    const KvPelloGripper gripper(*m_master, slave);
+    // After the rate, the version, the year and the serial number.
+    QVERIFY(times.size() > 4);
+    QVERIFY2(times[4] - times[3] >= 96, qPrintable(QString::number(times[4] - times[3])));
+}
+
+void tst_KvPelloGripper::absentGripperIsGivenUpAtOnce()
+{
+    QElapsedTimer clock;
+    m_master->setRegisters(slave, versionAddress, {});
+    m_master->setOnRequest([&] { clock.start(); });
+    const KvPelloGripper gripper(*m_master, slave);
+    QVERIFY2(clock.elapsed() < 80, qPrintable(QString::number(clock.elapsed())));
+}
+
 void tst_KvPelloGripper::firstPollSeedsTheOutputImage()
 {
     // Every bit but the activation: only go-to and the position request are taken over.
@@ -460,6 +523,20 @@ void tst_KvPelloGripper::firstPollSeedsTheOutputImage()
     QCOMPARE(gripper->getGoToRequest(), quint8{1});
     QCOMPARE(gripper->getPositionRequest(), quint8{0xAB});
     QCOMPARE(gripper->getActivateRequest(), quint8{0});
+}
+
+void tst_KvPelloGripper::initOutputKeepsTheRequestsThatNoEchoShows()
+{
+    const auto gripper = makeGripper();
+    for (const OutputFlag &flag : outputFlags)
+        (*gripper.*flag.set)();
+    for (const OutputByte &byte : outputBytes)
+        (*gripper.*byte.set)(0xFF);
+    QVERIFY(gripper->initOutput());
+    QCOMPARE(written(*gripper), outputWrite(0x32F0, 0xFF00, 0xFFFF)); // go-to and position follow
+    m_master->setRegisters(slave, inputAddress, {0x0900, 0x00AB, 0});
+    QVERIFY(gripper->initOutput());
+    QCOMPARE(written(*gripper), outputWrite(0x3BF0, 0xFFAB, 0xFFFF));
 }
 
 void tst_KvPelloGripper::freshGripperWritesOnItsFirstPoll()
@@ -625,6 +702,20 @@ void tst_KvPelloGripper::failedCounterKeepsItsValueAndEndsThePoll()
     QVERIFY(m_master->takeRequests().last().startsWith(QStringLiteral("read 9 %1 ").arg(address)));
 }
 
+void tst_KvPelloGripper::counterOfAnAmbiguousAnswerKeepsItsValue()
+{
+    const auto gripper = makeGripper();
+    m_master->setRegisters(slave, cyclesAddress, {7, 0});
+    QVERIFY(gripper->updateInput());
+    m_master->setRegisters(slave, cyclesAddress, {8, 0});
+    m_master->setAnswerAmbiguous(true);
+    QVERIFY(gripper->updateInput());
+    QCOMPARE(gripper->getNumberOfCycles(), 7U);
+    m_master->setAnswerAmbiguous(false);
+    QVERIFY(gripper->updateInput());
+    QCOMPARE(gripper->getNumberOfCycles(), 8U);
+}
+
 void tst_KvPelloGripper::countersLeaveTheDeviceErrorAlone()
 {
     const auto gripper = makeGripper();
@@ -734,6 +825,46 @@ void tst_KvPelloGripper::sentImageIsNoLongerNewEvenWhenTheWriteFails()
     m_master->acknowledgeWrites(outputAddress);
     gripper->setSpeedRequest(1);
     QCOMPARE(written(*gripper), outputWrite(0, 120, 0x0100));
+}
+
+void tst_KvPelloGripper::outputChangedBetweenTheAttemptsIsWrittenOnceMore_data()
+{
+    QTest::addColumn<QVector<quint8>>("positions"); // one before each attempt
+    QTest::newRow("two attempts") << QVector<quint8>{1, 2};
+    QTest::newRow("changed at the second of three") << QVector<quint8>{1, 2, 2};
+    QTest::newRow("changed back") << QVector<quint8>{1, 2, 1};
+}
+
+// The acknowledgement may be that of the first attempt, which comes late.
+void tst_KvPelloGripper::outputChangedBetweenTheAttemptsIsWrittenOnceMore()
+{
+    QFETCH(QVector<quint8>, positions);
+    const auto gripper = makeGripper();
+    written(*gripper);
+    m_master->refuseWrites(outputAddress, KvModbusAbstract::TimeoutError);
+    const quint8 last = positions.takeLast();
+    for (const quint8 position : qAsConst(positions)) {
+        gripper->setPositionRequest(position);
+        QVERIFY(!gripper->updateOutput());
+    }
+    m_master->acknowledgeWrites(outputAddress);
+    gripper->setPositionRequest(last);
+    QCOMPARE(written(*gripper), outputWrite(0, last));
+    QVERIFY(gripper->isNewOutput());
+    QCOMPARE(written(*gripper), outputWrite(0, last));
+    QVERIFY(!gripper->isNewOutput());
+}
+
+void tst_KvPelloGripper::outputRepeatedUnchangedIsNotWrittenOnceMore()
+{
+    const auto gripper = makeGripper();
+    written(*gripper);
+    gripper->setPositionRequest(1);
+    m_master->refuseWrites(outputAddress, KvModbusAbstract::TimeoutError);
+    QVERIFY(!gripper->updateOutput());
+    m_master->acknowledgeWrites(outputAddress);
+    QCOMPARE(written(*gripper), outputWrite(0, 1));
+    QVERIFY(!gripper->isNewOutput());
 }
 
 void tst_KvPelloGripper::gettersAndSettersNeverTouchTheBus()
@@ -862,6 +993,120 @@ void tst_KvPelloGripper::pollAloneDoesNotChangeTheActivationSent()
     poll(*gripper, {0x0000, 0x0000, 0});
     QVERIFY(!gripper->isNewOutput());
     QCOMPARE(written(*gripper), outputWrite(0x0900, 0x0040));
+}
+
+void tst_KvPelloGripper::unsentFieldIsTakenOver_data()
+{
+    QTest::addColumn<int>("index");
+    for (int i = 0; i < outputFlags.size(); ++i)
+        QTest::newRow(outputFlags[i].name) << i;
+    for (int i = 0; i < outputBytes.size(); ++i)
+        QTest::newRow(outputBytes[i].name) << outputFlags.size() + i;
+}
+
+void tst_KvPelloGripper::unsentFieldIsTakenOver()
+{
+    QFETCH(int, index);
+    const auto old = makeGripper();
+    written(*old);
+    if (index < outputFlags.size())
+        (*old.*outputFlags[index].set)();
+    else
+        (*old.*outputBytes[index - outputFlags.size()].set)(77);
+    const auto fresh = makeGripper();
+    fresh->takeOverUnsent(*old);
+    QVERIFY(fresh->isNewOutput());
+    QCOMPARE(written(*fresh), written(*old));
+    QVERIFY(written(*fresh) != outputWrite(0));
+    // Nothing is left to take over: the device has it.
+    const auto next = makeGripper();
+    next->takeOverUnsent(*fresh);
+    QCOMPARE(written(*next), outputWrite(0));
+}
+
+void tst_KvPelloGripper::sentFieldIsNotTakenOver()
+{
+    const auto old = makeGripper();
+    old->setSpeedRequest(1);
+    written(*old);
+    old->setSpeedRequest(1);
+    old->setForceRequest(2);
+    const auto fresh = makeGripper();
+    fresh->takeOverUnsent(*old);
+    QCOMPARE(written(*fresh), outputWrite(0, 0, 2));
+}
+
+void tst_KvPelloGripper::fieldSetDuringTheWriteIsTakenOver()
+{
+    const auto old = makeGripper();
+    old->setSpeedRequest(1);
+    m_master->setOnRequest([&] { old->setForceRequest(2); });
+    QVERIFY(old->updateOutput());
+    m_master->setOnRequest([] {});
+    const auto fresh = makeGripper();
+    fresh->takeOverUnsent(*old);
+    QCOMPARE(written(*fresh), outputWrite(0, 0, 2));
+}
+
+void tst_KvPelloGripper::fieldSetToItsOldValueIsTakenOverOnceAReplacementIsExpected()
+{
+    const auto old = makeGripper();
+    written(*old);
+    old->expectReplacement();
+    old->clearGoToRequest();
+    old->setPositionRequest(0);
+    m_master->setRegisters(slave, inputAddress, {0x0900, 0x00AB, 0});
+    const auto fresh = makeGripper();
+    fresh->takeOverUnsent(*old);
+    QCOMPARE(written(*fresh), outputWrite(0x0100, 0));
+}
+
+void tst_KvPelloGripper::activationThatIsNotCarriedOutIsTakenOver_data()
+{
+    using Steps = std::function<void(KvPelloGripper &)>;
+    QTest::addColumn<Steps>("steps");
+    QTest::addColumn<quint16>("statusWord"); // that the new object reads
+    QTest::addColumn<quint16>("action");     // that it writes
+    const auto unanswered = [this](KvPelloGripper &gripper) {
+        m_master->refuseWrites(outputAddress, KvModbusAbstract::TimeoutError);
+        gripper.updateOutput();
+        m_master->acknowledgeWrites(outputAddress);
+    };
+    QTest::newRow("asked for") << Steps([](auto &g) { g.setActivateRequest(); }) << quint16{0x0000}
+                               << quint16{0x0100};
+    QTest::newRow("of an active gripper")
+        << Steps([](auto &g) { g.setActivateRequest(); }) << quint16{0x3100} << quint16{0x0000};
+    QTest::newRow("reset so far") << Steps([this](auto &g) {
+        poll(g, {0x3100, 0, 0});
+        g.setActivateRequest();
+        g.updateOutput();
+    }) << quint16{0x0000} << quint16{0x0100};
+    QTest::newRow("sent, not acknowledged") << Steps([=](auto &g) {
+        poll(g, {0x0000, 0, 0});
+        g.setActivateRequest();
+        unanswered(g);
+    }) << quint16{0x0000} << quint16{0x0100};
+    QTest::newRow("withdrawn") << Steps([](auto &g) { g.clearActivateRequest(); })
+                               << quint16{0x3100} << quint16{0x0000};
+    QTest::newRow("carried out") << Steps([this](auto &g) {
+        poll(g, {0x0000, 0, 0});
+        g.setActivateRequest();
+        g.updateOutput();
+    }) << quint16{0x0000} << quint16{0x0000};
+}
+
+void tst_KvPelloGripper::activationThatIsNotCarriedOutIsTakenOver()
+{
+    QFETCH(std::function<void(KvPelloGripper &)>, steps);
+    QFETCH(quint16, statusWord);
+    QFETCH(quint16, action);
+    const auto old = makeGripper();
+    written(*old);
+    steps(*old);
+    m_master->setRegisters(slave, inputAddress, {statusWord, 0, 0});
+    const auto fresh = makeGripper();
+    fresh->takeOverUnsent(*old);
+    QCOMPARE(written(*fresh), outputWrite(action));
 }
 
 void tst_KvPelloGripper::countersAreLowWordFirst()

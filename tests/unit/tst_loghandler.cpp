@@ -6,6 +6,7 @@
 #include <QTest>
 #include <QTextCodec>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -93,13 +94,19 @@ public:
 
     Q_DISABLE_COPY_MOVE(StandardErrorReader)
 
+    // 4 KiB at most.
+    QByteArray takePiece() const
+    {
+        char bytes[4096];
+        const auto count = ::read(m_ends[0], bytes, sizeof bytes);
+        return {bytes, static_cast<int>(std::max<ssize_t>(count, 0))};
+    }
+
     QByteArray takeAll() const
     {
         QByteArray all;
-        char bytes[4096];
-        for (auto count = ::read(m_ends[0], bytes, sizeof bytes); count > 0;
-             count = ::read(m_ends[0], bytes, sizeof bytes))
-            all.append(bytes, static_cast<int>(count));
+        for (QByteArray piece = takePiece(); !piece.isEmpty(); piece = takePiece())
+            all += piece;
         return all;
     }
 
@@ -142,6 +149,16 @@ QByteArray infoLine(const QString &message)
 
 const char *const withoutPlace = " ((null):0, (null))\n";
 
+// The handler may still have a part of a line to write, and lost lines to report.
+void drain(const StandardErrorReader &log)
+{
+    QByteArray read;
+    do {
+        myMessageOutput(QtInfoMsg, QMessageLogContext(), QStringLiteral("in between"));
+        read = log.takeAll().replace("\r\n", "\n");
+    } while (!read.endsWith("Info: in between" + QByteArray(withoutPlace)));
+}
+
 } // namespace
 
 class tst_LogHandler : public QObject
@@ -159,8 +176,11 @@ private slots:
     void formatCharactersOfTheMessageArePrintedAsTheyAre();
     void streamedItemsAreSeparatedByOneBlank();
     void messageIsPrintedInTheLocalEncoding();
-    void longMessageIsCutAndTheRestCounted_data();
-    void longMessageIsCutAndTheRestCounted();
+    void messageOfAnyLengthIsPrintedWhole_data();
+    void messageOfAnyLengthIsPrintedWhole();
+    void longLineThatNobodyReadsCostsNoTimeAndIsCompletedLater_data();
+    void longLineThatNobodyReadsCostsNoTimeAndIsCompletedLater();
+    void longLineCostsASlowReaderNoMoreTimeThanAShortOne();
     void readerThatHasStoppedCostsLinesButNoTime();
     void signalDoesNotMakeItWaitForAReaderThatHasStopped();
     void terminalThatNobodyReadsCostsLinesButNoTime();
@@ -267,24 +287,78 @@ void tst_LogHandler::messageIsPrintedInTheLocalEncoding()
     QCOMPARE(utf8, QByteArray("Info: \xC3\xA9") + withoutPlace);
 }
 
-void tst_LogHandler::longMessageIsCutAndTheRestCounted_data()
+void tst_LogHandler::messageOfAnyLengthIsPrintedWhole_data()
 {
     QTest::addColumn<int>("length");
-    QTest::addColumn<int>("printedLength");
-    QTest::addColumn<QByteArray>("remark");
-    QTest::newRow("empty") << 0 << 0 << QByteArray();
-    QTest::newRow("at the limit") << 1000 << 1000 << QByteArray();
-    QTest::newRow("one more") << 1001 << 1000 << QByteArray("... (1 more characters)");
-    QTest::newRow("far longer") << 160000 << 1000 << QByteArray("... (159000 more characters)");
+    for (const int length : {0, 1'000, 1'001, 4'095, 4'096, 4'097, 160'000, 3'000'000})
+        QTest::addRow("%d", length) << length;
 }
 
-void tst_LogHandler::longMessageIsCutAndTheRestCounted()
+void tst_LogHandler::messageOfAnyLengthIsPrintedWhole()
 {
     QFETCH(int, length);
-    QFETCH(int, printedLength);
-    QFETCH(QByteArray, remark);
     QCOMPARE(infoLine(QString(length, QLatin1Char('x'))),
-             "Info: " + QByteArray(printedLength, 'x') + remark + withoutPlace);
+             "Info: " + QByteArray(length, 'x') + withoutPlace);
+}
+
+void tst_LogHandler::longLineThatNobodyReadsCostsNoTimeAndIsCompletedLater_data()
+{
+    QTest::addColumn<bool>("isTerminal");
+    QTest::newRow("pipe") << false;
+    QTest::newRow("terminal") << true;
+}
+
+void tst_LogHandler::longLineThatNobodyReadsCostsNoTimeAndIsCompletedLater()
+{
+    QFETCH(bool, isTerminal);
+    const StandardErrorReader log(isTerminal ? terminalEnds() : pipeEnds());
+    drain(log);
+    // Longer than what pipe and terminal take.
+    const QString message(300'000, QLatin1Char('x'));
+    QElapsedTimer clock;
+    clock.start();
+    myMessageOutput(QtInfoMsg, QMessageLogContext(), message);
+    for (int i = 0; i < 1'000; ++i)
+        myMessageOutput(QtInfoMsg, QMessageLogContext(), i < 10 ? message : QStringLiteral("lost"));
+    QVERIFY2(clock.elapsed() < 5'000, qPrintable(QString::number(clock.elapsed())));
+
+    QByteArray read = log.takeAll();
+    QVERIFY(!read.contains('\n'));
+    // Each call completes as much of the line as there is room for; the last one has room for
+    // itself.
+    const QByteArray last = "Info: last" + QByteArray(withoutPlace);
+    int lost = 999;
+    while (!read.endsWith(last) && lost < 3'000) {
+        ++lost;
+        myMessageOutput(QtInfoMsg, QMessageLogContext(), QStringLiteral("last"));
+        read += log.takeAll();
+        read.replace("\r\n", "\n");
+    }
+    QCOMPARE(read, "Info: " + message.toLatin1() + withoutPlace +
+                       "Warning: log lines lost because nobody read them: " +
+                       QByteArray::number(lost) + withoutPlace + last);
+}
+
+void tst_LogHandler::longLineCostsASlowReaderNoMoreTimeThanAShortOne()
+{
+    const StandardErrorReader log;
+    drain(log);
+    std::atomic<bool> isOver{false};
+    std::thread reader([&] {
+        // Makes room for 4 KiB again and again, always in time to count as not stopped.
+        while (!isOver) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            log.takePiece();
+        }
+    });
+    QElapsedTimer clock;
+    clock.start();
+    myMessageOutput(QtInfoMsg, QMessageLogContext(), QString(1'000'000, QLatin1Char('x')));
+    const qint64 elapsed = clock.elapsed();
+    isOver = true;
+    reader.join();
+    QVERIFY2(elapsed < 300, qPrintable(QString::number(elapsed)));
+    drain(log);
 }
 
 void tst_LogHandler::readerThatHasStoppedCostsLinesButNoTime()

@@ -84,6 +84,7 @@ private slots:
     void laterRequestsOfABatchAreAnsweredAfterItsScan();
     void newRequestDuringAScanAlsoRunsEarlierOnes();
     void scansNest();
+    void pairAfterAScanReachesTheNewGripper();
     void clientMayVanishDuringItsScan_data();
     void clientMayVanishDuringItsScan();
     void otherClientMayVanishDuringAScan();
@@ -108,7 +109,10 @@ private:
     static void sendAsOneRead(ClientEnd &client, const QByteArray &packet);
     void onNextFrame(const std::function<void()> &action);
     bool isClientless() const;
-    quint8 positionRequest() const { return m_gripper->getPositionRequest(); }
+    // The one in the list now: a scan replaces it.
+    Server::Gripper latestGripper() const { return m_server->gripperList.latest(m_gripper); }
+    quint8 positionRequest() const { return latestGripper()->getPositionRequest(); }
+    quint8 speedRequest() const { return latestGripper()->getSpeedRequest(); }
 
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<SimulatedLine> m_line;
@@ -583,6 +587,18 @@ void tst_Server::scansNest()
     QTRY_COMPARE(other.received(), QByteArray("ack"));
 }
 
+void tst_Server::pairAfterAScanReachesTheNewGripper()
+{
+    ClientEnd &client = connectClient();
+    client.send("SET SCN_BLOCK 1 POS 120\nSET SPE 55\n");
+    QTRY_COMPARE(client.received(), QByteArray("ackack"));
+    const Server::Gripper fresh = m_server->gripperList.getGripperFromSlaveId(9);
+    QVERIFY(fresh != m_gripper);
+    QCOMPARE(fresh->getPositionRequest(), quint8{120});
+    QCOMPARE(fresh->getSpeedRequest(), quint8{55});
+    fresh->setSpeedRequest(0);
+}
+
 void tst_Server::clientMayVanishDuringItsScan_data()
 {
     QTest::addColumn<Departure>("leave");
@@ -634,8 +650,8 @@ void tst_Server::clientsMayVanishDuringNestedScans()
     outer.send("SET SCN_BLOCK\nSET POS 33\n");
     QTRY_COMPARE(positionRequest(), quint8{33});
     QTRY_VERIFY(isClientless());
-    QCOMPARE(m_gripper->getSpeedRequest(), quint8{44});
-    m_gripper->setSpeedRequest(0);
+    QCOMPARE(speedRequest(), quint8{44});
+    latestGripper()->setSpeedRequest(0);
 }
 
 void tst_Server::halfClosedClientGetsTheReplyToItsScan()
@@ -662,10 +678,10 @@ void tst_Server::requestsOfAClientThatClosesAtOnceAreProcessed()
         requests += "SET POS 1\n";
     client.send(requests + "SET POS 2\nSET SPE 3\n");
     (client.*leave)();
-    QTRY_COMPARE(m_gripper->getSpeedRequest(), quint8{3});
+    QTRY_COMPARE(speedRequest(), quint8{3});
     QCOMPARE(positionRequest(), quint8{2});
     QTRY_VERIFY(isClientless());
-    m_gripper->setSpeedRequest(0);
+    latestGripper()->setSpeedRequest(0);
 }
 
 void tst_Server::endAfterAFullReadWaitsForItsRequests_data()
@@ -688,9 +704,9 @@ void tst_Server::endAfterAFullReadWaitsForItsRequests()
     const QByteArray requests("SET SCN_BLOCK\nSET SPE 3\n");
     client.send(requests + QByteArray(16 * 1024 + beyond - requests.size(), 'x'));
     (client.*leave)();
-    QTRY_COMPARE(m_gripper->getSpeedRequest(), quint8{3});
+    QTRY_COMPARE(speedRequest(), quint8{3});
     QTRY_VERIFY(isClientless());
-    m_gripper->setSpeedRequest(0);
+    latestGripper()->setSpeedRequest(0);
 }
 
 void tst_Server::endAfterAFullReadLosesNoReply_data()

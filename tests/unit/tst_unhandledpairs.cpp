@@ -19,6 +19,8 @@ private slots:
     void handledRequestLogsNothing();
     void wholeRequestIsLoggedQuotedAndEscaped_data();
     void wholeRequestIsLoggedQuotedAndEscaped();
+    void longLineIsCutAndTheRestCounted_data();
+    void longLineIsCutAndTheRestCounted();
     void everyPairHasItsLine();
     void hundredPairsHaveALineEach();
     void moreThanAHundredPairsAreCounted_data();
@@ -75,6 +77,30 @@ void tst_UnhandledPairs::wholeRequestIsLoggedQuotedAndEscaped()
     QFETCH(QString, line);
     UnhandledPairs({request.constData(), static_cast<std::size_t>(request.size())}).log();
     QCOMPARE(m_log->infos(), QStringList(line));
+}
+
+void tst_UnhandledPairs::longLineIsCutAndTheRestCounted_data()
+{
+    QTest::addColumn<int>("length");
+    QTest::addColumn<int>("loggedLength");
+    QTest::addColumn<QString>("remark");
+    QTest::newRow("at the limit") << 1000 << 1000 << "";
+    QTest::newRow("one more") << 1001 << 1000 << "... (1 more characters)";
+    QTest::newRow("far longer") << 160'000 << 1000 << "... (159000 more characters)";
+}
+
+void tst_UnhandledPairs::longLineIsCutAndTheRestCounted()
+{
+    QFETCH(int, length);
+    QFETCH(int, loggedLength);
+    QFETCH(QString, remark);
+    // The texts around the request's digits, and the escaped line feed.
+    const QString start = QStringLiteral(R"(SET UNHANDLED REQUEST : "SET XYZ )");
+    const QString end = QStringLiteral(R"(\n")");
+    const QString digits(length - start.size() - end.size(), QLatin1Char('1'));
+    const QByteArray request = "SET XYZ " + digits.toLatin1() + '\n';
+    UnhandledPairs({request.constData(), static_cast<std::size_t>(request.size())}).log();
+    QCOMPARE(m_log->infos(), QStringList((start + digits + end).left(loggedLength) + remark));
 }
 
 void tst_UnhandledPairs::everyPairHasItsLine()

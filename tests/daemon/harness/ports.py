@@ -6,6 +6,7 @@ private mount namespace the two folders it reads are ours to fill.
 
 import os
 import pathlib
+import shutil
 import subprocess
 
 CLASS = pathlib.Path("/sys/class/tty")
@@ -22,7 +23,7 @@ def hide_the_machines_ports():
 
 
 class FakePorts:
-    """The ports that are enumerated, in the order of their names."""
+    """The ports that are enumerated, in the order given: that of their adapters, not of their names."""
 
     def __init__(self, *names):
         self.names = []
@@ -30,7 +31,7 @@ class FakePorts:
             self.add(name)
 
     def add(self, name):
-        adapter = DEVICES / "fakeusb" / name
+        adapter = DEVICES / "fakeusb" / f"{len(self.names):02}-{name}"
         port = adapter / "tty" / name
         port.mkdir(parents=True)
         (adapter / "uevent").write_text("DRIVER=usbfake\n")
@@ -49,6 +50,16 @@ class FakePorts:
         for name in self.names:
             (CLASS / name).unlink()
         subprocess.run(["rm", "-rf", DEVICES / "fakeusb"], check=True)
+
+
+def install_fuser(folder, script):
+    """Puts a ./fuser into the folder: the system's own ("system"), or one that runs these commands."""
+    program = pathlib.Path(folder) / "fuser"
+    if script == "system":
+        program.symlink_to(shutil.which("fuser"))
+    else:
+        program.write_text(f"#!/bin/sh\n{script}\n")
+        program.chmod(0o755)
 
 
 def open_by_nobody(path):

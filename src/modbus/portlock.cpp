@@ -1,0 +1,39 @@
+#include "portlock.h"
+
+#include <QCoreApplication>
+#include <QFileInfo>
+#include <QLockFile>
+
+namespace {
+
+// QSerialPort's list, in its order.
+constexpr const char *lockFolders[] = {"/var/lock",       "/etc/locks", "/var/spool/locks",
+                                       "/var/spool/uucp", "/tmp",       "/data/local/tmp"};
+
+/// The file that QSerialPort locks when it opens the port; empty when it finds no folder for it.
+QString lockFileOf(QString portName)
+{
+    portName.replace(QLatin1Char('/'), QLatin1Char('_'));
+    for (const char *const name : lockFolders) {
+        const QFileInfo folder{QLatin1String(name)};
+        const QString path = folder.filePath() + QLatin1String("/LCK..") + portName;
+        if (folder.isReadable() && (QFileInfo::exists(path) || folder.isWritable()))
+            return path;
+    }
+    return {};
+}
+
+} // namespace
+
+void removeStaleLockOfOwnProcess(const QString &portName)
+{
+    QLockFile lock(lockFileOf(portName));
+    qint64 holder = 0;
+    QString host;
+    QString program;
+    if (!lock.getLockInfo(&holder, &host, &program) || holder != QCoreApplication::applicationPid())
+        return;
+    // Leaves the file alone when a process holds it, this one or one in another container: the
+    // kernel keeps the lock itself.
+    lock.removeStaleLockFile();
+}

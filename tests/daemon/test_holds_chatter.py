@@ -1,0 +1,37 @@
+"""Chatter on the line that the daemon has not asked for: it costs no memory, and polling survives."""
+
+import pytest
+from harness import modbus
+from harness.daemon import SANITIZED
+from harness.effort import effort
+from harness.load import Memory
+from harness.moving import quiet_client
+
+FLOODS = True
+
+MEBIBYTE = 1 << 20
+# Another master's requests, and what answers them.
+CHATTER = 200 * (
+    modbus.with_crc(bytes.fromhex("060307d00003")) + modbus.read_answer(6, [0x3900, 0xF3AB, 0x1234])
+)
+# The sanitizer fills its quarantine of freed memory.
+QUARANTINE = {"ASAN_OPTIONS": "quarantine_size_mb=1:thread_local_quarantine_size_kb=64"}
+GROWTH_LIMIT_KIB = (8 if SANITIZED else 2) * 1024
+
+
+@pytest.mark.parametrize("is_muted", [True, False], ids=["muted", "polled"])
+def test_a_line_full_of_chatter(line, start_daemon, connect, figure, is_muted):
+    daemon = start_daemon(environment=QUARANTINE if SANITIZED else {}).wait_until_found(9)
+    client = quiet_client(line, connect)
+    if not is_muted:
+        assert client.set("MUTE 0") == "ack"
+    memory = Memory(daemon)
+    size = effort(200 if is_muted else 20, 1024) * MEBIBYTE
+    for _ in range(size // len(CHATTER)):
+        line.send(CHATTER)
+    assert client.get("VER") == "MZV-2.0.0"
+    growth = memory.growth_kib()
+    figure(f"{growth} KiB more resident memory at most, for {size // MEBIBYTE} MiB")
+    assert growth < GROWTH_LIMIT_KIB
+    assert client.set("MUTE 0") == "ack"
+    line.wait_until_polled(9, 2, timeout=15)
