@@ -125,8 +125,8 @@ void ClientConnection::pauseSending()
     });
 }
 
-/// The client sees the end of its connection instead of the replies. What it has sent can still be
-/// read.
+/// The client sees the end of its connection instead of the replies. Bytes that have arrived can
+/// still be read.
 void ClientConnection::shutDown()
 {
     endOutput();

@@ -11,10 +11,9 @@
 
 /// One client's connection. Owns the descriptor and pumps no events.
 ///
-/// - All that the client sent before it closed or reset the connection can still be read.
-/// - A client that closes its sending side still gets every reply, also replies to slow requests.
-/// - Replies leave at once when sendReplies() is called.
-/// - While more than `replyLimit` bytes of replies are unsent, the connection is not read.
+/// All bytes that the client sent before it closed or reset the connection can still be read. A
+/// client that closes only its sending side still gets every reply. While more than `replyLimit`
+/// bytes of replies are unsent, the connection is not read.
 class ClientConnection : public QObject, private SocketPoller::Listener
 {
     Q_OBJECT

@@ -1,22 +1,23 @@
 #pragma once
 
+#include "filedescriptor.h"
+
 #include <QSocketNotifier>
 
 #include <array>
 #include <memory>
 #include <sys/epoll.h>
 
-/// Tells any number of sockets when they can be read and written, at a cost that does not grow with
-/// those that are idle: they share one epoll descriptor, and the event loop looks at that one only.
+/// Reports to any number of sockets when they can be read and written. All sockets share one epoll
+/// descriptor, and the event loop watches only this descriptor, so idle sockets cost no time.
 ///
-/// Whoever is told may pump events, add and remove sockets, the one concerned included: what is
-/// still to be told is told from inside.
+/// A listener may pump events. It may add and remove sockets, including its own. The nested event
+/// loop then dispatches the rest of the batch.
 class SocketPoller : public QObject
 {
     Q_OBJECT
 
 public:
-    /// What a socket waits for.
     enum Interest : quint32 {
         Nothing = 0,
         Readable = EPOLLIN,
@@ -24,7 +25,8 @@ public:
     };
     Q_DECLARE_FLAGS(Interests, Interest)
 
-    /// One socket's ear. Is told only what it waits for; a broken connection counts as both.
+    /// Receives the events that one socket registered for. A broken connection is readable and
+    /// writable.
     class Listener
     {
     public:
@@ -35,7 +37,8 @@ public:
         ~Listener() = default;
     };
 
-    /// `descriptor` must stay open until this object is gone or nothing is waited for any more.
+    /// Connects a socket with its listener. `descriptor` must stay open as long as this object
+    /// exists.
     class Registration
     {
     public:
@@ -43,7 +46,8 @@ public:
         ~Registration();
         Q_DISABLE_COPY_MOVE(Registration)
 
-        /// What is told from now on. False, and nothing changed, when the kernel has no room.
+        /// Replaces the events that the listener receives. Returns false and changes nothing if the
+        /// kernel has no memory.
         bool setInterests(Interests interests);
 
     private:
@@ -55,23 +59,23 @@ public:
         Interests m_interests = Nothing;
     };
 
-    /// Aborts the process, after a fatal log line, when the kernel has no epoll descriptor left.
+    /// Aborts the process with a fatal log line if the kernel has no epoll descriptor left.
     explicit SocketPoller(QObject *parent);
-    ~SocketPoller() override;
 
 private:
-    /// Told in one turn of the event loop: timers and everybody else have theirs in between.
-    static constexpr int __batchSize = 128;
+    /// Events of one turn of the event loop. Between two turns it serves timers and other events.
+    static constexpr int batchSize = 128;
 
-    void tellBatch();
+    void dispatchBatch();
     void pause();
-    void tell(const epoll_event &event);
-    void forget(const Registration *registration);
+    static void dispatch(const epoll_event &event);
+    void removeFromBatch(const Registration *registration);
 
-    int m_epoll;
+    FileDescriptor m_epoll;
     std::unique_ptr<QSocketNotifier> m_notifier;
-    /// Shared by all levels of nested event loops: [m_next, m_end) is still to be told.
-    std::array<epoll_event, __batchSize> m_batch{};
+    /// All levels of nested event loops share the batch. Events [m_next, m_end) are not yet
+    /// dispatched.
+    std::array<epoll_event, batchSize> m_batch{};
     int m_next = 0;
     int m_end = 0;
 };

@@ -5,15 +5,15 @@
 #include <string>
 #include <string_view>
 
-/// Reads the name/value pairs of one SET request, left to right. A pair is what this pattern
-/// finds first:
+/// Reads the name/value pairs of one SET request from left to right. The next pair is the first
+/// match of this pattern:
 ///
 ///     "[ ]+(?<variable>[\w_]{3,9})([ ]+(?<value>[-\d]{1,3}))?"
 ///
-/// A pair that has been read is taken out of the text, and what stood in front of it then
-/// touches what stood behind it: "SET POS 1000" is POS with the value 100 and leaves "SET0",
-/// which holds no pair. Characters with code 3 count as not there. Takes time linear in the
-/// length of the request, and memory only once, for its own copy of the text; pumps no events.
+/// The reader removes each pair, which joins the text before and after it. From "SET POS 1000" it
+/// reads POS with the value 100. The rest is "SET0", which contains no pair. The reader ignores
+/// characters with code 3. Takes linear time and allocates once, for its copy of the text.
+/// Pumps no events.
 class PairReader
 {
 public:
@@ -21,15 +21,15 @@ public:
     {
         /// Three to nine name characters. Valid until the next call of next().
         std::string_view name;
-        /// The low 8 bits of the value: 255 for "-1", 44 for "300". 0 for a pair without a
-        /// value and for one that is no number ("-", "1-").
+        /// The low 8 bits of the value: 255 for "-1", 44 for "300". 0 if the pair has no value or
+        /// if the value is not a number ("-", "1-").
         std::uint8_t value = 0;
     };
 
-    /// `requestText` is the request from "SET" through its line ending; it is copied.
+    /// Copies `requestText`, which is the request from "SET" to the end of its line ending.
     explicit PairReader(std::string_view requestText);
 
-    /// Reads the next pair. False if there is none left; `pair` is then untouched.
+    /// Reads the next pair. Returns false and leaves `pair` unchanged if no pair is left.
     bool next(Pair &pair);
 
 private:
@@ -37,11 +37,10 @@ private:
     std::size_t nameEnd(std::size_t begin) const;
     std::size_t valueEnd(std::size_t begin) const;
     void readValue(std::size_t begin, Pair &pair);
-    void joinAround();
+    void unreadShortToken();
 
-    // One buffer with a gap: what has been passed over, what has been taken out, what is still
-    // to be read.
+    // One buffer with a gap: the text that was skipped, the removed pairs, the unread text.
     std::string m_text;
-    std::size_t m_passed = 0; ///< end of the text that has been passed over
-    std::size_t m_ahead = 0;  ///< start of the text that is still to be read
+    std::size_t m_skippedEnd = 0; ///< The end of the skipped text.
+    std::size_t m_unread = 0;     ///< The start of the unread text.
 };

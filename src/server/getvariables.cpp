@@ -34,8 +34,7 @@ void appendIds(std::string &reply, const QVector<quint8> &ids)
     reply.push_back(']');
 }
 
-/// Appends what `getter` of the selected gripper returns, in decimal with at least that many
-/// digits.
+/// Appends the result of `getter` in decimal, with at least `minimumDigits` digits.
 template <auto getter, int minimumDigits = 1>
 void gripperNumber(const GetSources &from, std::string &reply)
 {
@@ -143,7 +142,7 @@ constexpr bool hasOnlyNamesOfThatLength()
 }
 static_assert(hasOnlyNamesOfThatLength(), "a GET takes the first three characters of a name");
 
-/// Packs a name into a number: names of equal length then compare in a single step.
+/// Packs a name into a number, which compares in one step.
 constexpr std::uint32_t keyOf(std::string_view name)
 {
     std::uint32_t key = 0;

@@ -72,7 +72,7 @@ private:
     bool m_isSet = false;
 };
 
-// The socket of this process that listens; -1 if there is none.
+// Returns the listening socket of this process, or -1.
 int listeningDescriptor()
 {
     for (int descriptor = 0; descriptor < 1024; ++descriptor) {

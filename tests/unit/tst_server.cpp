@@ -109,7 +109,7 @@ private:
     static void sendAsOneRead(ClientEnd &client, const QByteArray &packet);
     void onNextFrame(const std::function<void()> &action);
     bool isClientless() const;
-    // The one in the list now: a scan replaces it.
+    // A scan replaces the object in the list.
     Server::Gripper latestGripper() const { return m_server->gripperList.latest(m_gripper); }
     quint8 positionRequest() const { return latestGripper()->getPositionRequest(); }
     quint8 speedRequest() const { return latestGripper()->getSpeedRequest(); }
@@ -184,7 +184,7 @@ ClientEnd &tst_Server::connectClient()
     return *m_clients.back();
 }
 
-// Adds a connection with small kernel buffers. Those of a TCP connection hold megabytes.
+// Adds a connection with small kernel buffers. The buffers of a TCP connection hold megabytes.
 ClientEnd &tst_Server::adoptLocalClient()
 {
     const DescriptorPair ends = localPair();
