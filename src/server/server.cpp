@@ -17,7 +17,7 @@
 namespace {
 
 // One read is one batch. A full read continues to the end of its last line, up to `lineRest` bytes.
-constexpr std::size_t bytesPerRead = 16 * 1024;
+constexpr std::size_t bytesPerRead = std::size_t(16) * 1024;
 constexpr std::size_t lineRest = 64;
 constexpr int firstSlaveId = GripperList::__max_slave_id;
 
