@@ -37,7 +37,7 @@ KvPelloGripper::KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObjec
     : KvDeviceBase(modbus, slaveId, parent)
 {
     m_output[ActivateOutput] = 1;
-    modbus.setBaudRate(__baudRate);
+    modbus.setBaudRate(baudRate);
     qSleepWhileProcessingEvents(baudRateSettleMs);
     if (!modbus.isConnected())
         setError(NotConnectedError);

@@ -15,7 +15,7 @@ class KvPelloGripper : public KvDeviceBase
 
 public:
     /// The rate of every gripper's firmware, in baud.
-    static constexpr qint32 __baudRate = 115200;
+    static constexpr qint32 baudRate = 115200;
 
     /// Sets the link to 115200 baud, identifies the device and seeds the output image from it;
     /// pumps events for 200 ms and more, for 300 ms and more when the device answers. Check error()

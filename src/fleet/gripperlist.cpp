@@ -278,7 +278,7 @@ void GripperList::openLink(const QString &portName)
 {
     m_modbus.setConstraints(m_constraintsFactory.getModbusConstraints(portName));
     m_modbus.setPortName(portName);
-    m_modbus.setBaudRate(KvPelloGripper::__baudRate);
+    m_modbus.setBaudRate(KvPelloGripper::baudRate);
     m_modbus.connectToDevice();
 }
 

@@ -15,14 +15,14 @@ constexpr std::size_t shortestName = 3;
 constexpr std::size_t longestName = 9;
 constexpr std::size_t longestValue = 3;
 
-// Stands for every character that is not ASCII: none of them belongs to a request, and no text
-// that has been read contains this byte.
+// Replaces each character that is not ASCII. No request contains one, and no text contains this
+// byte.
 constexpr char foreignCharacter = '\0';
 
-// QString::toUpper() moves the rest of its text for every letter that grows ("ß").
+// QString::toUpper() moves the rest of the text for every letter that becomes longer ("ß").
 constexpr int upperCaseChunk = 128;
 
-// What an idle client may own: enough for ordinary requests without allocating for each.
+// The most that an idle client keeps: ordinary requests fit without another allocation.
 constexpr std::size_t idleTextCapacity = 1024;
 constexpr std::size_t idleListCapacity = 64;
 
@@ -91,7 +91,7 @@ bool isBeginningOfSet(std::string_view text)
     return setKeyword.substr(0, text.size()) == text;
 }
 
-// Length of the longest end of `text` that is the beginning of a GET or of a SET keyword.
+// Returns the length of the longest end of `text` that may begin a GET or a SET keyword.
 std::size_t beginningAtEndOf(std::string_view text)
 {
     for (std::size_t length = std::min(text.size(), shortestGet - 1); length > 0; --length) {
@@ -102,29 +102,30 @@ std::size_t beginningAtEndOf(std::string_view text)
     return 0;
 }
 
-// What the tokens from some point to the line's end complete, read from the end to the front.
+// Reads the tokens of a line from its end to its start. Knows what the tokens read so far complete.
 class LineTail
 {
 public:
-    bool completesAnything() const { return m_behindName; }
-    bool completesFreshSet() const { return m_behindKeyword; }
+    bool completesAnything() const { return m_afterName; }
+    bool completesFreshSet() const { return m_afterKeyword; }
 
     void prepend(std::string_view token)
     {
-        const bool asName = isName(token) && m_behindName;
-        const bool asValue = isValue(token) && m_behindValue;
-        m_behindKeyword = asName;
-        m_behindValue = asName;
-        m_behindName = asName || asValue;
+        const bool asName = isName(token) && m_afterName;
+        const bool asValue = isValue(token) && m_afterValue;
+        m_afterKeyword = asName;
+        m_afterValue = asName;
+        m_afterName = asName || asValue;
     }
 
 private:
-    bool m_behindKeyword = false; // a SET needs at least one name
-    bool m_behindValue = true;
-    bool m_behindName = true;
+    // Whether the tokens read so far may follow a keyword, a value or a name. A SET needs a name.
+    bool m_afterKeyword = false;
+    bool m_afterValue = true;
+    bool m_afterName = true;
 };
 
-// Takes the last token, and the spaces behind it, off `line`.
+// Removes the last token and the spaces after it from `line`. Returns the token.
 std::string_view takeLastToken(std::string_view &line)
 {
     line = line.substr(0, line.find_last_not_of(' ') + 1);
@@ -145,7 +146,7 @@ std::string_view Request::variable() const
 
 void RequestScanner::append(const char *data, std::size_t size)
 {
-    // Moves less than it drops, so all moving together costs no more than receiving did.
+    // Each move is shorter than the text that it drops, so all moves together take linear time.
     if (m_cut - m_base > m_text.size() / 2)
         releaseFront();
     const std::string_view read = untilZero(data, size);
@@ -158,8 +159,8 @@ void RequestScanner::append(const char *data, std::size_t size)
     std::transform(added, added + read.size(), added, toUpperAscii);
 }
 
-// Upper-casing makes ASCII of some other letters ("ß" becomes "SS"), and decoding takes a byte
-// order mark off the front, so these reads go the long way.
+// The upper case of some other letters is ASCII ("ß" becomes "SS"), and decoding removes a byte
+// order mark. These reads need the complete conversion.
 void RequestScanner::appendDecoded(std::string_view read)
 {
     const QString text = QString::fromUtf8(read.data(), static_cast<int>(read.size()));
@@ -176,11 +177,11 @@ bool RequestScanner::takeNext(Request &request)
     for (;;) {
         if (cutGetAtFront(request))
             return true;
-        if (m_lineEnd == __nowhere)
+        if (m_lineEnd == none)
             findLineEnd();
         if (cutGet(request) || cutSet(request))
             return true;
-        if (m_lineEnd == __nowhere)
+        if (m_lineEnd == none)
             break;
         dropUntil(skipLineEndings(m_lineEnd));
     }
@@ -205,8 +206,8 @@ void RequestScanner::findLineEnd()
     findCompleteSets();
 }
 
-// One pass from the line's end to the front tells the fate of every SET in it. It can stop at
-// the first token that fits nowhere: nothing in front of that can be completed.
+// One pass from the end of the line finds all SETs that the line ending completes. It stops at the
+// first token that fits nowhere: no SET before this token can be complete.
 void RequestScanner::findCompleteSets()
 {
     const Position from = m_cut;
@@ -215,13 +216,13 @@ void RequestScanner::findCompleteSets()
     while (!line.empty() && tail.completesAnything()) {
         const std::string_view token = takeLastToken(line);
         const Position set = from + line.size() + token.size() - setKeyword.size();
-        if (endsWithSet(token) && tail.completesFreshSet() && m_lineEnd - set <= __longestRequest)
+        if (endsWithSet(token) && tail.completesFreshSet() && m_lineEnd - set <= maxRequestLength)
             m_complete.push_back(set);
         tail.prepend(token);
     }
 }
 
-// The first GET that ends in front of `limit`.
+// Returns the first GET that ends before `limit`, or `none`.
 RequestScanner::Position RequestScanner::findGet(Position limit)
 {
     const Position from = std::max(m_getSearched, m_cut);
@@ -232,10 +233,10 @@ RequestScanner::Position RequestScanner::findGet(Position limit)
             return from + at;
     }
     m_getSearched = from + text.size() - std::min(text.size(), shortestGet - 1);
-    return __nowhere;
+    return none;
 }
 
-// Nothing starts in front of it, so nothing else in the line matters.
+// A fast path: no request can start earlier, so the rest of the line does not matter.
 bool RequestScanner::cutGetAtFront(Request &request)
 {
     if (!beginsWithGet(view(m_cut, textEnd())))
@@ -244,14 +245,14 @@ bool RequestScanner::cutGetAtFront(Request &request)
     return true;
 }
 
-// A GET counts only if it starts in front of the first complete SET of the line.
+// A GET is cut only if it starts before the first complete SET of the line.
 bool RequestScanner::cutGet(Request &request)
 {
     Position limit = lineLimit();
     if (!m_complete.empty())
         limit = std::min(limit, m_complete.back() + shortestGet - 1);
     const Position start = findGet(limit);
-    if (start == __nowhere)
+    if (start == none)
         return false;
     cutGetAt(start, request);
     return true;
@@ -286,12 +287,12 @@ void RequestScanner::dropUntil(Position end)
 {
     m_cut = end;
     m_openSets.reset();
-    m_followed = end;
+    m_openSetsRead = end;
     if (m_lineEnd < end) {
-        m_lineEnd = __nowhere;
+        m_lineEnd = none;
         m_complete.clear();
     }
-    // A GET may swallow a keyword: "GET SET POS 1" reads the variable SET.
+    // A GET may contain a keyword: "GET SET POS 1" reads the variable SET.
     while (!m_complete.empty() && m_complete.back() < end)
         m_complete.pop_back();
 }
@@ -299,23 +300,23 @@ void RequestScanner::dropUntil(Position end)
 void RequestScanner::keepOpenLine()
 {
     const Position end = textEnd();
-    followUntil(end);
-    if (m_openSets.earliest() != __nowhere && end - m_openSets.earliest() > __longestRequest)
-        m_openSets.forget();
+    readOpenSetsUntil(end);
+    if (m_openSets.earliest() != none && end - m_openSets.earliest() > maxRequestLength)
+        m_openSets.dropSets();
     m_cut = std::min(m_openSets.earliest(), end - beginningAtEndOf(view(m_cut, end)));
     releaseFront();
     releaseMemory();
 }
 
-// While no SET is open only the start of the next one matters.
-void RequestScanner::followUntil(Position end)
+// While no SET is open, only the start of the next SET matters.
+void RequestScanner::readOpenSetsUntil(Position end)
 {
-    while (m_followed < end) {
+    while (m_openSetsRead < end) {
         if (m_openSets.isIdle())
-            m_followed += std::min(view(m_followed, end).find(setKeyword.front()),
-                                   static_cast<std::size_t>(end - m_followed));
-        for (const char c : view(m_followed, end)) {
-            m_openSets.follow(c, m_followed++);
+            m_openSetsRead += std::min(view(m_openSetsRead, end).find(setKeyword.front()),
+                                       static_cast<std::size_t>(end - m_openSetsRead));
+        for (const char c : view(m_openSetsRead, end)) {
+            m_openSets.read(c, m_openSetsRead++);
             if (m_openSets.isIdle())
                 break;
         }
@@ -369,20 +370,20 @@ void RequestScanner::OpenSets::reset()
     *this = OpenSets();
 }
 
-void RequestScanner::OpenSets::forget()
+void RequestScanner::OpenSets::dropSets()
 {
-    m_named = __nowhere;
-    m_fresh = __nowhere;
+    m_named = none;
+    m_fresh = none;
 }
 
-void RequestScanner::OpenSets::follow(char c, Position at)
+void RequestScanner::OpenSets::read(char c, Position at)
 {
     if (c == ' ')
         endToken(at);
     else
         extendToken(c);
-    const bool goesOn = m_keywordLength < setKeyword.size() && c == setKeyword[m_keywordLength];
-    if (goesOn)
+    const bool continues = m_keywordLength < setKeyword.size() && c == setKeyword[m_keywordLength];
+    if (continues)
         ++m_keywordLength;
     else
         m_keywordLength = c == setKeyword.front() ? 1 : 0;
@@ -390,7 +391,7 @@ void RequestScanner::OpenSets::follow(char c, Position at)
 
 bool RequestScanner::OpenSets::isIdle() const
 {
-    return earliest() == __nowhere && m_keywordLength == 0;
+    return earliest() == none && m_keywordLength == 0;
 }
 
 RequestScanner::Position RequestScanner::OpenSets::earliest() const
@@ -405,9 +406,9 @@ void RequestScanner::OpenSets::extendToken(char c)
     m_onlyValueCharacters = m_onlyValueCharacters && isValueCharacter(c);
     if (mayBecomeName())
         return;
-    m_fresh = __nowhere;
+    m_fresh = none;
     if (!m_valueMayFollow || !mayBecomeValue())
-        m_named = __nowhere;
+        m_named = none;
 }
 
 void RequestScanner::OpenSets::endToken(Position at)
@@ -420,9 +421,9 @@ void RequestScanner::OpenSets::endToken(Position at)
     } else if (m_valueMayFollow && mayBecomeValue()) {
         m_valueMayFollow = false;
     } else {
-        m_named = __nowhere;
+        m_named = none;
     }
-    m_fresh = m_keywordLength == setKeyword.size() ? at - setKeyword.size() : __nowhere;
+    m_fresh = m_keywordLength == setKeyword.size() ? at - setKeyword.size() : none;
     m_tokenLength = 0;
     m_onlyNameCharacters = true;
     m_onlyValueCharacters = true;

@@ -14,7 +14,7 @@ constexpr std::size_t shortestName = 3;
 constexpr std::size_t longestName = 9;
 constexpr std::size_t longestValue = 3;
 
-// All of `text` has to be one number; 0 if it is not.
+// Returns 0 if `text` as a whole is not a number.
 std::uint8_t lowByteOf(std::string_view text)
 {
     int value = 0;
@@ -34,25 +34,25 @@ PairReader::PairReader(std::string_view requestText)
 
 bool PairReader::next(Pair &pair)
 {
-    joinAround();
-    while (m_ahead < m_text.size()) {
-        const std::size_t name = std::min(m_text.find_first_not_of(' ', m_ahead), m_text.size());
+    unreadShortToken();
+    while (m_unread < m_text.size()) {
+        const std::size_t name = std::min(m_text.find_first_not_of(' ', m_unread), m_text.size());
         const std::size_t end = nameEnd(name);
-        if (name > m_ahead && end - name >= shortestName) {
+        if (name > m_unread && end - name >= shortestName) {
             pair.name = std::string_view(m_text).substr(name, end - name);
             readValue(end, pair);
             return true;
         }
-        skip(std::max(name, m_ahead + 1));
+        skip(std::max(name, m_unread + 1));
     }
     return false;
 }
 
 void PairReader::skip(std::size_t end)
 {
-    std::memmove(m_text.data() + m_passed, m_text.data() + m_ahead, end - m_ahead);
-    m_passed += end - m_ahead;
-    m_ahead = end;
+    std::memmove(m_text.data() + m_skippedEnd, m_text.data() + m_unread, end - m_unread);
+    m_skippedEnd += end - m_unread;
+    m_unread = end;
 }
 
 std::size_t PairReader::nameEnd(std::size_t begin) const
@@ -71,30 +71,30 @@ std::size_t PairReader::valueEnd(std::size_t begin) const
     return begin;
 }
 
-// Without a value the spaces behind the name stay: they belong to what comes next.
+// Without a value the spaces after the name stay unread: they belong to the next pair.
 void PairReader::readValue(std::size_t begin, Pair &pair)
 {
     const std::size_t value = std::min(m_text.find_first_not_of(' ', begin), m_text.size());
     const std::size_t end = valueEnd(value);
     const bool hasValue = value > begin && end > value;
     pair.value = hasValue ? lowByteOf(std::string_view(m_text).substr(value, end - value)) : 0;
-    m_ahead = hasValue ? end : begin;
+    m_unread = hasValue ? end : begin;
 }
 
-// A space and one or two name characters in front of the last pair were too short for a name;
-// with what stood behind that pair they may be one, so they are put back to be read again. This
-// writes into the gap, where the name of the last pair still stands: only next() may do it.
-void PairReader::joinAround()
+// A space and one or two name characters before the removed pair are too short for a name. Together
+// with the text after the pair they may be one, so they become unread again. This overwrites the
+// name of the last pair in the gap, which is valid only until next().
+void PairReader::unreadShortToken()
 {
-    while (m_passed > 0 && m_text[m_passed - 1] == ' ')
-        --m_passed;
-    std::size_t begin = m_passed;
-    while (begin > 0 && m_passed - begin < shortestName && isNameCharacter(m_text[begin - 1]))
+    while (m_skippedEnd > 0 && m_text[m_skippedEnd - 1] == ' ')
+        --m_skippedEnd;
+    std::size_t begin = m_skippedEnd;
+    while (begin > 0 && m_skippedEnd - begin < shortestName && isNameCharacter(m_text[begin - 1]))
         --begin;
-    if (begin == 0 || begin == m_passed || m_text[begin - 1] != ' ')
+    if (begin == 0 || begin == m_skippedEnd || m_text[begin - 1] != ' ')
         return;
-    const std::size_t length = m_passed - (begin - 1);
-    m_ahead -= length;
-    m_passed -= length;
-    std::memmove(m_text.data() + m_ahead, m_text.data() + m_passed, length);
+    const std::size_t length = m_skippedEnd - (begin - 1);
+    m_unread -= length;
+    m_skippedEnd -= length;
+    std::memmove(m_text.data() + m_unread, m_text.data() + m_skippedEnd, length);
 }

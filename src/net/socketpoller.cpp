@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <unistd.h>
 
 namespace {
 
@@ -14,7 +13,7 @@ constexpr quint32 readable = EPOLLIN | brokenConnection;
 constexpr quint32 writable = EPOLLOUT | brokenConnection;
 constexpr int waitRetryMs = 20;
 
-/// A failure ends the process: without this descriptor the daemon hears no client.
+/// Aborts the process on failure: without this descriptor the daemon cannot serve any client.
 int createEpoll()
 {
     const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
@@ -35,14 +34,15 @@ SocketPoller::Registration::Registration(SocketPoller &poller, int descriptor, L
 SocketPoller::Registration::~Registration()
 {
     setInterests(Nothing);
-    m_poller.forget(this);
+    m_poller.removeFromBatch(this);
 }
 
 bool SocketPoller::Registration::setInterests(Interests interests)
 {
     if (interests == m_interests)
         return true;
-    // A broken connection is told whatever is asked for: who waits for nothing must not be there.
+    // epoll reports a broken connection even to a socket without interests, again and again. Such a
+    // socket must leave the epoll set.
     int operation = EPOLL_CTL_MOD;
     if (m_interests == Nothing)
         operation = EPOLL_CTL_ADD;
@@ -51,7 +51,7 @@ bool SocketPoller::Registration::setInterests(Interests interests)
     epoll_event event{};
     event.events = interests;
     event.data.ptr = this;
-    if (::epoll_ctl(m_poller.m_epoll, operation, m_descriptor, &event) != 0)
+    if (::epoll_ctl(m_poller.m_epoll.get(), operation, m_descriptor, &event) != 0)
         return false;
     m_interests = interests;
     return true;
@@ -60,52 +60,48 @@ bool SocketPoller::Registration::setInterests(Interests interests)
 SocketPoller::SocketPoller(QObject *parent)
     : QObject(parent)
     , m_epoll(createEpoll())
-    , m_notifier(std::make_unique<QSocketNotifier>(m_epoll, QSocketNotifier::Read))
+    , m_notifier(std::make_unique<QSocketNotifier>(m_epoll.get(), QSocketNotifier::Read))
 {
-    connect(m_notifier.get(), &QSocketNotifier::activated, this, [this] { tellBatch(); });
+    connect(m_notifier.get(), &QSocketNotifier::activated, this, [this] { dispatchBatch(); });
 }
 
-SocketPoller::~SocketPoller()
-{
-    m_notifier.reset();
-    ::close(m_epoll);
-}
-
-void SocketPoller::tellBatch()
+void SocketPoller::dispatchBatch()
 {
     if (m_next == m_end) {
         m_next = 0;
-        const int count = ::epoll_wait(m_epoll, m_batch.data(), __batchSize, 0);
+        const int count = ::epoll_wait(m_epoll.get(), m_batch.data(), batchSize, 0);
         m_end = std::max(0, count);
         if (count < 0)
             pause();
     }
     while (m_next < m_end)
-        tell(m_batch[static_cast<std::size_t>(m_next++)]);
+        dispatch(m_batch[static_cast<std::size_t>(m_next++)]);
 }
 
-/// Without a pause the notifier reports the same sockets again at once.
+/// After a failure of epoll_wait() the descriptor stays readable: without a pause the event loop
+/// would spin.
 void SocketPoller::pause()
 {
     m_notifier->setEnabled(false);
     QTimer::singleShot(waitRetryMs, m_notifier.get(), [this] { m_notifier->setEnabled(true); });
 }
 
-void SocketPoller::tell(const epoll_event &event)
+void SocketPoller::dispatch(const epoll_event &event)
 {
     auto *registration = static_cast<Registration *>(event.data.ptr);
     if (registration == nullptr)
         return;
+    // A nested call may overwrite the event.
     const quint32 events = event.events;
     Listener &listener = registration->m_listener;
     if ((events & writable) != 0 && registration->m_interests.testFlag(Writable))
         listener.onWritable();
-    // Last: it may pump events, and nobody knows what is left of the socket then.
+    // Last: onReadable() may pump events, and the registration may be gone afterwards.
     if ((events & readable) != 0 && registration->m_interests.testFlag(Readable))
         listener.onReadable();
 }
 
-void SocketPoller::forget(const Registration *registration)
+void SocketPoller::removeFromBatch(const Registration *registration)
 {
     for (int i = m_next; i < m_end; ++i) {
         epoll_event &event = m_batch[static_cast<std::size_t>(i)];
