@@ -25,6 +25,12 @@ public:
     };
     Q_ENUM(KvDeviceError)
 
+    /// The rate of every firmware, in baud.
+    static constexpr qint32 firmwareBaudRate = 115200;
+
+    /// A search for a bootloader makes one attempt more than this.
+    static constexpr unsigned int bootloaderRetries = 50;
+
     /// Of `slaveId` the low 8 bits are used. `modbus` must outlive the device.
     KvDeviceBase(KvModbusAbstract &modbus, quint16 slaveId, QObject *parent);
     ~KvDeviceBase() override;

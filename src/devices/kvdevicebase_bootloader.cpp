@@ -1,16 +1,15 @@
 // The bootloader operations of KvDeviceBase.
 #include "kvdevicebase.h"
+#include "productfamily.h"
 #include "quitsignals.h"
 #include "registermap.h"
 #include "waits.h"
 
 namespace {
 
-constexpr qint32 firmwareBaudRate = 115200;
 constexpr int knockPauseMs = 100;
 constexpr unsigned int unusedTimeoutMs = 30000;
 constexpr int detectionWaitMs = 50;
-constexpr unsigned int detectionRetries = 50;
 
 constexpr char synchronisationByte = 0x7F;
 constexpr char acknowledge = 0x79;
@@ -94,12 +93,12 @@ bool KvDeviceBase::detectBootloader(QSerialPort::BaudRate baudRate, unsigned int
 
 bool KvDeviceBase::jumpToTavrinBootloader(unsigned int timeoutMs)
 {
-    resetDeviceToBootloader(RegisterMap::restartIntoOwnBootloader, false, timeoutMs);
-    return detectBootloader(QSerialPort::Baud115200, detectionRetries);
+    resetDeviceToBootloader(ownBootloader.restartCommand, false, timeoutMs);
+    return detectBootloader(ownBootloader.baudRate, bootloaderRetries);
 }
 
 bool KvDeviceBase::jumpToStBootloader(unsigned int timeoutMs)
 {
-    resetDeviceToBootloader(RegisterMap::restartIntoRomBootloader, false, timeoutMs);
-    return detectBootloader(QSerialPort::Baud19200, detectionRetries);
+    resetDeviceToBootloader(romBootloader.restartCommand, false, timeoutMs);
+    return detectBootloader(romBootloader.baudRate, bootloaderRetries);
 }

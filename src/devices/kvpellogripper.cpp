@@ -1,10 +1,8 @@
 #include "kvpellogripper.h"
 
+#include "productfamily.h"
 #include "registermap.h"
 #include "waits.h"
-
-#include <algorithm>
-#include <array>
 
 namespace {
 
@@ -17,9 +15,6 @@ constexpr int settingsStoredPauseMs = 2500;
 constexpr int beforeRestartPauseMs = 400;
 constexpr int restartPauseMs = 3000;
 constexpr quint8 activationCompleted = 3;
-
-const std::array<QLatin1String, 4> productCodes{QLatin1String("TA"), QLatin1String("TB"),
-                                                QLatin1String("TF"), QLatin1String("TE")};
 
 quint8 field(quint16 word, int shift, quint16 mask)
 {
@@ -37,7 +32,7 @@ KvPelloGripper::KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObjec
     : KvDeviceBase(modbus, slaveId, parent)
 {
     m_output[ActivateOutput] = 1;
-    modbus.setBaudRate(__baudRate);
+    modbus.setBaudRate(firmwareBaudRate);
     qSleepWhileProcessingEvents(baudRateSettleMs);
     if (!modbus.isConnected())
         setError(NotConnectedError);
@@ -73,10 +68,7 @@ bool KvPelloGripper::identify()
 bool KvPelloGripper::isValidDevice()
 {
     const QString version = getFirmwareVersion();
-    if (error() != NoError)
-        return false;
-    return std::any_of(productCodes.begin(), productCodes.end(),
-                       [&](QLatin1String code) { return version.startsWith(code); });
+    return error() == NoError && startsWithProductCode(version);
 }
 
 bool KvPelloGripper::updateInput()

@@ -14,13 +14,10 @@ class KvPelloGripper : public KvDeviceBase
     Q_OBJECT
 
 public:
-    /// The rate of every gripper's firmware, in baud.
-    static constexpr qint32 __baudRate = 115200;
-
-    /// Sets the link to 115200 baud, identifies the device and seeds the output image from it;
-    /// pumps events for 200 ms and more, for 300 ms and more when the device answers. Check error()
-    /// afterwards: an object that ends with any other than NoError is not used. A failure always
-    /// ends with InitilizationError; what led to it is told by errorOccurred().
+    /// Sets the link to the firmware's rate, identifies the device and seeds the output image from
+    /// it; pumps events for 200 ms and more, for 300 ms and more when the device answers. Check
+    /// error() afterwards: an object that ends with any other than NoError is not used. A failure
+    /// always ends with InitilizationError; what led to it is told by errorOccurred().
     KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObject *parent = nullptr);
     ~KvPelloGripper() override;
 

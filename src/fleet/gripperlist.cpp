@@ -14,15 +14,6 @@ constexpr int throttledIntervalMs = 50;
 constexpr int fastIntervalMs = 5;
 constexpr int scanBackOffMs = 1000;
 
-constexpr int familyLetterIndex = 1;
-
-bool isOfFamily(const GripperList::Gripper &gripper, char familyLetter)
-{
-    const QString version = gripper->getFirmwareVersion();
-    return version.size() > familyLetterIndex &&
-           version[familyLetterIndex] == QLatin1Char(familyLetter);
-}
-
 } // namespace
 
 GripperList::GripperList(const ModbusConstraintsFactory &constraintsFactory, QObject *parent)
@@ -278,7 +269,7 @@ void GripperList::openLink(const QString &portName)
 {
     m_modbus.setConstraints(m_constraintsFactory.getModbusConstraints(portName));
     m_modbus.setPortName(portName);
-    m_modbus.setBaudRate(KvPelloGripper::__baudRate);
+    m_modbus.setBaudRate(KvPelloGripper::firmwareBaudRate);
     m_modbus.connectToDevice();
 }
 
@@ -287,10 +278,10 @@ void GripperList::scan(const QString &portName)
     scanUndisturbed(portName);
 }
 
-/// False when this scan's result does not count. Another scan that ran from its beginning to its end
-/// inside this one's waits has brought the list and the loop up to date already. Clients may have
-/// changed the grippers that it found, and this scan's objects for the same grippers do not know of
-/// that. An upgrade that began inside the waits closed the link.
+/// False when this scan's result does not count. Another scan that ran from its beginning to its
+/// end inside this one's waits has brought the list and the loop up to date already. Clients may
+/// have changed the grippers that it found, and this scan's objects for the same grippers do not
+/// know of that. An upgrade that began inside the waits closed the link.
 bool GripperList::scanUndisturbed(const QString &portName)
 {
     if (m_upgradeService.isUpgrading())
@@ -365,22 +356,22 @@ QStringList GripperList::getAvailableSerialPorts() const
 
 bool GripperList::isPello(const Gripper &gripper) const
 {
-    return isOfFamily(gripper, 'A');
+    return productFamilyOf(gripper->getFirmwareVersion()) == &pelloFamily;
 }
 
 bool GripperList::isVarno(const Gripper &gripper) const
 {
-    return isOfFamily(gripper, 'B');
+    return productFamilyOf(gripper->getFirmwareVersion()) == &varnoFamily;
 }
 
 bool GripperList::isZentra(const Gripper &gripper) const
 {
-    return isOfFamily(gripper, 'E');
+    return productFamilyOf(gripper->getFirmwareVersion()) == &zentraFamily;
 }
 
 bool GripperList::isSorbix(const Gripper &gripper) const
 {
-    return isOfFamily(gripper, 'F');
+    return productFamilyOf(gripper->getFirmwareVersion()) == &sorbixFamily;
 }
 
 bool GripperList::updateGripperSlaveId(unsigned char oldId, unsigned char newId)

@@ -4,6 +4,7 @@
 #include "kvmodbuscustom.h"
 #include "kvpellogripper.h"
 #include "modbusconstraintsfactory.h"
+#include "productfamily.h"
 
 #include <QByteArray>
 #include <QList>
@@ -98,8 +99,8 @@ public:
 
     /// Sends the gripper into its bootloader; true when it answers there, also when the answer to
     /// the reset was lost. Polling is muted afterwards, unless it was there already; ticks stay out
-    /// meanwhile. False at once while the flashing program runs. Pumps events, then blocks for up to
-    /// 5.1 s, twice when the link is closed.
+    /// meanwhile. False at once while the flashing program runs. Pumps events, then blocks for up
+    /// to 5.1 s, twice when the link is closed.
     bool jumpToBootloader(const Gripper &gripper);
 
     /// Sends the gripper into its bootloader and starts the flashing program with the firmware of
@@ -115,10 +116,10 @@ public:
     int getUpgradeStatus() const;
 
     /// Firmware images, relative to the working directory.
-    static constexpr char __firmwareGripperA[] = "firmware/TA3-1.6.14.bin";
-    static constexpr char __firmwareGripperB[] = "firmware/TB1-1.4.3.bin";
-    static constexpr char __firmwareGripperE[] = "firmware/TE1-2.0.2.bin";
-    static constexpr char __firmwareGripperF[] = "firmware/TF1-2.0.2.bin";
+    static constexpr const char *__firmwareGripperA = pelloFamily.firmwareImage;
+    static constexpr const char *__firmwareGripperB = varnoFamily.firmwareImage;
+    static constexpr const char *__firmwareGripperE = zentraFamily.firmwareImage;
+    static constexpr const char *__firmwareGripperF = sorbixFamily.firmwareImage;
 
     static constexpr int __maxGripperCommunicationRetries = 5;
     static constexpr quint8 __min_slave_id = 1;

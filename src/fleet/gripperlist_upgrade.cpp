@@ -4,42 +4,30 @@
 #include <QDebug>
 #include <QScopedValueRollback>
 
-#include <algorithm>
-#include <array>
-
 namespace {
 
 constexpr unsigned int jumpTimeoutMs = 2000;
-constexpr unsigned int detectionRetries = 50;
 
-struct Firmware
+/// A gripper of no known family counts as one with its own bootloader.
+const Bootloader &bootloaderOf(const GripperList::Gripper &gripper)
 {
-    bool (GripperList::*isFamily)(const GripperList::Gripper &gripper) const;
-    const char *file;
-    QSerialPort::BaudRate baudRate;
-};
-
-constexpr std::array<Firmware, 4> firmwares{{
-    {&GripperList::isVarno, GripperList::__firmwareGripperB, QSerialPort::Baud19200},
-    {&GripperList::isPello, GripperList::__firmwareGripperA, QSerialPort::Baud19200},
-    {&GripperList::isZentra, GripperList::__firmwareGripperE, QSerialPort::Baud115200},
-    {&GripperList::isSorbix, GripperList::__firmwareGripperF, QSerialPort::Baud115200},
-}};
+    const ProductFamily *const family = productFamilyOf(gripper->getFirmwareVersion());
+    return family != nullptr ? *family->bootloader : ownBootloader;
+}
 
 } // namespace
 
 bool GripperList::hasStBootloader(const Gripper &gripper) const
 {
-    return isVarno(gripper) || isPello(gripper);
+    return &bootloaderOf(gripper) == &romBootloader;
 }
 
 bool GripperList::isDeviceInBootloaderMode(const Gripper &gripper)
 {
     // The link may have been closed under a request whose answer is still to come.
     m_modbus.waitUntilQuiet();
-    return gripper->detectBootloader(hasStBootloader(gripper) ? QSerialPort::Baud19200
-                                                              : QSerialPort::Baud115200,
-                                     detectionRetries);
+    return gripper->detectBootloader(bootloaderOf(gripper).baudRate,
+                                     KvPelloGripper::bootloaderRetries);
 }
 
 bool GripperList::jumpToBootloader(const Gripper &gripper)
@@ -77,18 +65,15 @@ bool GripperList::upgradeFirmware(const Gripper &gripper)
     // A jump that waits for its answer opens the port again when it resumes.
     if (m_jumpRunning || !jumpToBootloader(gripper))
         return false;
-    const auto *firmware =
-        std::find_if(firmwares.begin(), firmwares.end(),
-                     [&](const Firmware &row) { return (this->*row.isFamily)(gripper); });
-    if (firmware == firmwares.end())
+    const ProductFamily *const family = productFamilyOf(gripper->getFirmwareVersion());
+    if (family == nullptr)
         return false;
     ++m_scanDisturbances;
     m_modbus.disconnectFromDevice();
-    while (isPello(gripper) && m_modbus.isConnected())
-        m_modbus.disconnectFromDevice();
-    const bool isStarted = m_upgradeService.startUpgrade(
-        QString::fromLatin1(firmware->file), firmware->baudRate, m_modbus.getPortName());
-    if (isPello(gripper))
+    const bool isStarted =
+        m_upgradeService.startUpgrade(QString::fromLatin1(family->firmwareImage),
+                                      family->bootloader->baudRate, m_modbus.getPortName());
+    if (family == &pelloFamily)
         qInfo() << "upgrade started : " << (isStarted ? "true" : "false");
     return true;
 }

@@ -69,7 +69,7 @@ void KvPelloGripperFinder::onEachAvailablePort(
     for (const QString &portName : portNames) {
         KvModbusCustom link(nullptr);
         link.setConstraints(m_constraintsFactory.getModbusConstraints(portName));
-        link.setBaudRate(KvPelloGripper::__baudRate);
+        link.setBaudRate(KvPelloGripper::firmwareBaudRate);
         link.setPortName(portName);
         link.connectToDevice();
         visit(portName, link);

@@ -39,6 +39,7 @@ private slots:
     void cleanup();
     void cleanupTestCase();
 
+    void namedFirmwareImagesAreThoseOfTheFamilies();
     void familyHasItsBootloader_data();
     void familyHasItsBootloader();
     void bootloaderModeIsLookedForAtItsRate_data();
@@ -172,6 +173,14 @@ void tst_GripperList::addFamilyRows()
     row("TB", 'B', 19200, "firmware/TB1-1.4.3.bin");
     row("TE", 'E', 115200, "firmware/TE1-2.0.2.bin");
     row("TF", 'F', 115200, "firmware/TF1-2.0.2.bin");
+}
+
+void tst_GripperList::namedFirmwareImagesAreThoseOfTheFamilies()
+{
+    QCOMPARE(GripperList::__firmwareGripperA, "firmware/TA3-1.6.14.bin");
+    QCOMPARE(GripperList::__firmwareGripperB, "firmware/TB1-1.4.3.bin");
+    QCOMPARE(GripperList::__firmwareGripperE, "firmware/TE1-2.0.2.bin");
+    QCOMPARE(GripperList::__firmwareGripperF, "firmware/TF1-2.0.2.bin");
 }
 
 void tst_GripperList::familyHasItsBootloader_data()
