@@ -1,9 +1,9 @@
 #pragma once
 
 #include "kvmodbusabstract.h"
+#include "serialline.h"
 
 #include <QElapsedTimer>
-#include <QSerialPort>
 
 /// A Modbus RTU master on one serial port: functions 0x03 and 0x10, 8 data bits, no parity, one
 /// stop bit. Every request is a single attempt that waits for its answer in steps of 10 ms and
@@ -53,7 +53,7 @@ public:
 
 private slots:
     void onSerialPortErrorOccurred(QSerialPort::SerialPortError error);
-    void onReadyRead();
+    void onReceived(const QByteArray &input);
 
 private:
     /// A request on the line, and the input that followed it.
@@ -66,16 +66,11 @@ private:
         bool isOver;      ///< The answer is complete, or its time has passed.
     };
 
-    void initialize();
     KvModbusError exchange(const QByteArray &request, int registerCount, int answerLength,
                            QByteArray &answer);
-    bool sendRequest(const QByteArray &request);
-    void discardPending();
-    void dropPendingNotifications();
-
     bool isAnswerAwaited() const;
 
-    QSerialPort m_serialPort;
+    SerialLine m_line;
     /// The latest exchange on the line, until its request has looked at the input. It lies on the
     /// stack of that request, which may be suspended below another one.
     Exchange *m_latest = nullptr;
