@@ -10,6 +10,8 @@
 
 namespace {
 
+// Longer than a visit. A visit takes 42 ms, so with an interval of 40 ms every second tick would
+// come during a visit and do nothing: the period of the visits would be 80 ms.
 constexpr int throttledIntervalMs = 50;
 constexpr int fastIntervalMs = 5;
 constexpr int scanBackOffMs = 1000;
@@ -160,8 +162,8 @@ void GripperList::updateInputState()
         restartDiscovery(LinkStatus::ErrorScanning);
         return;
     }
-    if (!succeedsInTime([&] { return gripper->updateInput(); },
-                        "gripper->updateInput() fail counter: ")) {
+    if (!succeedsWithinRetries([&] { return gripper->updateInput(); },
+                               "gripper->updateInput() fail counter: ")) {
         onAccessFailed();
         return;
     }
@@ -180,8 +182,8 @@ void GripperList::updateOutputState()
         selectNextSlaveState();
         return;
     }
-    if (!succeedsInTime([&] { return gripper->updateOutput(); },
-                        "gripper->updateOutput() fail counter: ")) {
+    if (!succeedsWithinRetries([&] { return gripper->updateOutput(); },
+                               "gripper->updateOutput() fail counter: ")) {
         onAccessFailed();
         return;
     }
@@ -189,8 +191,10 @@ void GripperList::updateOutputState()
     m_linkStatus = LinkStatus::Running;
 }
 
-/// Up to six attempts. The sixth comes too late to count: its result is not looked at.
-bool GripperList::succeedsInTime(const std::function<bool()> &access, const char *failureText)
+/// Repeats a failed access until it succeeds or has failed __maxGripperCommunicationRetries times.
+/// After these failures one more attempt follows, but its result does not count.
+bool GripperList::succeedsWithinRetries(const std::function<bool()> &access,
+                                        const char *failureText)
 {
     int failCounter = 0;
     while (!access()) {

@@ -34,7 +34,7 @@ class GripperList : public QObject
 public:
     using Gripper = QSharedPointer<KvPelloGripper>;
 
-    /// `constraintsFactory` must outlive the list. Opens no port; the first tick does, 50 ms on.
+    /// `constraintsFactory` must outlive the list. Opens no port; the first tick does.
     GripperList(const ModbusConstraintsFactory &constraintsFactory, QObject *parent);
     ~GripperList() override;
 
@@ -56,7 +56,8 @@ public:
     /// Suspends polling, or lets it go on.
     void setMuted(bool muted);
 
-    /// Lets the state loop tick every 50 ms (true) or every 5 ms (false), from its next period on.
+    /// Lets the state loop tick at its ordinary interval (true) or as fast as the bus allows
+    /// (false). Applies from the next period.
     void setThrottled(bool throttled);
 
     /// Asks for a scan after the output step of the gripper being polled. Returns at once.
@@ -121,8 +122,12 @@ public:
     static constexpr const char *__firmwareGripperE = zentraFamily.firmwareImage;
     static constexpr const char *__firmwareGripperF = sorbixFamily.firmwareImage;
 
+    /// The loop gives up the link after so many failures of an access in a row.
     static constexpr int __maxGripperCommunicationRetries = 5;
+
+    /// A scan drops grippers with ids outside of this range and logs nothing.
     static constexpr quint8 __min_slave_id = 1;
+    /// Also the id that a new client addresses.
     static constexpr quint8 __max_slave_id = 9;
 
 public slots:
@@ -168,7 +173,7 @@ private:
     void takeOver(quint8 slaveId, const QVector<Gripper> &found);
     void removeGripper(quint8 slaveId);
     Gripper currentGripper() const;
-    static bool succeedsInTime(const std::function<bool()> &access, const char *failureText);
+    static bool succeedsWithinRetries(const std::function<bool()> &access, const char *failureText);
 
     KvModbusCustom m_modbus;
     QMap<quint8, Gripper> m_grippers;

@@ -21,8 +21,8 @@ public:
 
     static KvPelloGripperFinder *instance();
 
-    /// The grippers that answer on `link`, in the order of the ids probed: 9, 2, 3, 4. Opens the
-    /// link unless it is open and leaves it open; empty when it cannot be opened.
+    /// The grippers that answer on `link`, in the order of __slaveIdsToScan. Opens the link
+    /// unless it is open and leaves it open. Empty if the link cannot be opened.
     QVector<Gripper> scanPort(KvModbusAbstract &link);
 
     /// What answers on every USB serial port that nobody holds open, by full port path. Ports

@@ -6,10 +6,10 @@
 #include <QElapsedTimer>
 
 /// A Modbus RTU master on one serial port: functions 0x03 and 0x10, 8 data bits, no parity, one
-/// stop bit. Every request is a single attempt that waits for its answer in steps of 10 ms and
+/// stop bit. Every request is a single attempt that waits for its answer in short steps and
 /// pumps events meanwhile. A request that begins inside this wait sends nothing until the answer is
 /// there or its time is over, so requests never overlap on the line. The last one to end decides
-/// error(). Writing the request blocks the thread for at most 50 ms. A serial error closes the
+/// error(). Writing the request blocks the thread for a short time. A serial error closes the
 /// port. Input that arrives while no answer is awaited is dropped at once.
 class KvModbusCustom : public KvModbusAbstract
 {

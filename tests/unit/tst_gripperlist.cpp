@@ -26,6 +26,7 @@ const QStringList inputReads9 = listOf("9 read 2000, 9 read 600, 9 read 602, 9 r
 const QStringList inputReads2 = listOf("2 read 2000, 2 read 600, 2 read 602, 2 read 604");
 const QString write9 = QStringLiteral("9 write 1000");
 const QByteArray running("RUNNING");
+constexpr int retryLimit = GripperList::__maxGripperCommunicationRetries;
 
 // Whether a request went out before the answer to the one before it had come.
 bool hasRequestInsideARequest(const QStringList &traffic)
@@ -79,12 +80,12 @@ private slots:
     void accessWithoutACurrentGripperGoesToDiscover();
     void accessThatSucceedsGoesOn_data();
     void accessThatSucceedsGoesOn();
-    void accessThatFailsFourTimesStillSucceeds_data();
-    void accessThatFailsFourTimesStillSucceeds();
-    void sixthCallSucceedingStillCountsAsFailure_data();
-    void sixthCallSucceedingStillCountsAsFailure();
-    void accessThatKeepsFailingClosesTheLinkAfterSixCalls_data();
-    void accessThatKeepsFailingClosesTheLinkAfterSixCalls();
+    void accessBelowTheRetryLimitSucceeds_data();
+    void accessBelowTheRetryLimitSucceeds();
+    void successAfterTheRetryLimitCountsAsFailure_data();
+    void successAfterTheRetryLimitCountsAsFailure();
+    void accessThatKeepsFailingClosesTheLink_data();
+    void accessThatKeepsFailingClosesTheLink();
     void accessOnALostLinkReportsAScanningError_data();
     void accessOnALostLinkReportsAScanningError();
     void failingCounterFailsTheRead();
@@ -520,53 +521,53 @@ void tst_GripperList::accessThatSucceedsGoesOn()
     QCOMPARE(m_log->infos(), QStringList());
 }
 
-void tst_GripperList::accessThatFailsFourTimesStillSucceeds_data()
+void tst_GripperList::accessBelowTheRetryLimitSucceeds_data()
 {
     addAccessRows();
 }
 
-void tst_GripperList::accessThatFailsFourTimesStillSucceeds()
+void tst_GripperList::accessBelowTheRetryLimitSucceeds()
 {
     QFETCH(int, address);
     standBeforeAccess();
-    m_line->silence(9, static_cast<quint16>(address), 4);
+    m_line->silence(9, static_cast<quint16>(address), retryLimit - 1);
 
     tick();
 
     QTEST(static_cast<int>(m_list->m_loopStep), "stepAfter");
     QCOMPARE(m_list->getPrintableState(), running);
-    QCOMPARE(m_line->requests().count(accessRequest()), 5);
-    QCOMPARE(m_log->infos(), failureLines(4));
+    QCOMPARE(m_line->requests().count(accessRequest()), retryLimit);
+    QCOMPARE(m_log->infos(), failureLines(retryLimit - 1));
     QVERIFY(m_list->m_modbus.isConnected());
 }
 
-void tst_GripperList::sixthCallSucceedingStillCountsAsFailure_data()
+void tst_GripperList::successAfterTheRetryLimitCountsAsFailure_data()
 {
     addAccessRows();
 }
 
-void tst_GripperList::sixthCallSucceedingStillCountsAsFailure()
+void tst_GripperList::successAfterTheRetryLimitCountsAsFailure()
 {
     QFETCH(int, address);
     standBeforeAccess();
-    m_line->silence(9, static_cast<quint16>(address), 5);
+    m_line->silence(9, static_cast<quint16>(address), retryLimit);
 
     tick();
 
-    QCOMPARE(m_line->requests().count(accessRequest()), 6);
+    QCOMPARE(m_line->requests().count(accessRequest()), retryLimit + 1);
     QCOMPARE(m_line->traffic().last(), QStringLiteral("answer"));
     QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
     QCOMPARE(m_list->getPrintableState(), QByteArray("ERR_TIMEOUT"));
     QVERIFY(!m_list->m_modbus.isConnected());
-    QCOMPARE(m_log->infos(), failureLines(5));
+    QCOMPARE(m_log->infos(), failureLines(retryLimit));
 }
 
-void tst_GripperList::accessThatKeepsFailingClosesTheLinkAfterSixCalls_data()
+void tst_GripperList::accessThatKeepsFailingClosesTheLink_data()
 {
     addAccessRows();
 }
 
-void tst_GripperList::accessThatKeepsFailingClosesTheLinkAfterSixCalls()
+void tst_GripperList::accessThatKeepsFailingClosesTheLink()
 {
     QFETCH(int, address);
     standBeforeAccess();
@@ -574,12 +575,12 @@ void tst_GripperList::accessThatKeepsFailingClosesTheLinkAfterSixCalls()
 
     tick();
 
-    QCOMPARE(m_line->requests().count(accessRequest()), 6);
-    QCOMPARE(m_line->requests().size(), 6);
+    QCOMPARE(m_line->requests().count(accessRequest()), retryLimit + 1);
+    QCOMPARE(m_line->requests().size(), retryLimit + 1);
     QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
     QCOMPARE(m_list->getPrintableState(), QByteArray("ERR_TIMEOUT"));
     QVERIFY(!m_list->m_modbus.isConnected());
-    QCOMPARE(m_log->infos(), failureLines(5));
+    QCOMPARE(m_log->infos(), failureLines(retryLimit));
     // Only a discovery takes a gripper out of the list.
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
 }
@@ -598,7 +599,7 @@ void tst_GripperList::accessOnALostLinkReportsAScanningError()
 
     QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
     QCOMPARE(m_list->getPrintableState(), QByteArray("ERR_SCANNING (EIO)"));
-    QCOMPARE(m_log->infos(), failureLines(5));
+    QCOMPARE(m_log->infos(), failureLines(retryLimit));
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
 }
 
