@@ -1,26 +1,11 @@
 #pragma once
 
-#include "registermap.h"
+#include "bootloader.h"
 
 #include <QLatin1String>
-#include <QSerialPort>
 #include <QString>
 
 #include <array>
-
-/// A bootloader that grippers have.
-struct Bootloader
-{
-    quint16 restartCommand;         ///< Written to the reset register, it starts the bootloader.
-    QSerialPort::BaudRate baudRate; ///< The bootloader answers and is flashed at this rate.
-};
-
-/// The bootloader in the microcontroller's ROM.
-inline constexpr Bootloader romBootloader{RegisterMap::restartIntoRomBootloader,
-                                          QSerialPort::Baud19200};
-/// The bootloader that comes with the gripper's firmware.
-inline constexpr Bootloader ownBootloader{RegisterMap::restartIntoOwnBootloader,
-                                          QSerialPort::Baud115200};
 
 /// The facts that differ between the families. One class drives all of them.
 struct ProductFamily
@@ -45,6 +30,6 @@ inline constexpr std::array<const ProductFamily *, 4> productFamilies{&pelloFami
 /// Whether `firmwareVersion` starts with the code of a family.
 bool startsWithProductCode(const QString &firmwareVersion);
 
-/// The family whose code has the same second letter as `firmwareVersion`; null if there is none.
-/// The other letters are not compared.
+/// The family whose code has the same second letter as `firmwareVersion`, or null. The other
+/// letters are not compared.
 const ProductFamily *productFamilyOf(const QString &firmwareVersion);

@@ -8,7 +8,7 @@ namespace {
 
 constexpr unsigned int jumpTimeoutMs = 2000;
 
-/// A gripper of no known family counts as one with its own bootloader.
+/// A gripper of an unknown family counts as one with ownBootloader.
 const Bootloader &bootloaderOf(const GripperList::Gripper &gripper)
 {
     const ProductFamily *const family = productFamilyOf(gripper->getFirmwareVersion());
@@ -24,7 +24,7 @@ bool GripperList::hasStBootloader(const Gripper &gripper) const
 
 bool GripperList::isDeviceInBootloaderMode(const Gripper &gripper)
 {
-    // The link may have been closed under a request whose answer is still to come.
+    // A request may still wait for its answer although the link is closed.
     m_modbus.waitUntilQuiet();
     return gripper->detectBootloader(bootloaderOf(gripper).baudRate,
                                      KvPelloGripper::bootloaderRetries);
@@ -35,23 +35,22 @@ bool GripperList::jumpToBootloader(const Gripper &gripper)
     if (m_upgradeService.isUpgrading())
         return false;
     const QScopedValueRollback<bool> running(m_jumpRunning, true);
-    // Inside the wait of another operation the flag stays set for that one.
+    // If this runs inside the wait of another operation, the flag must stay set for that one.
     const QScopedValueRollback<bool> busy(m_busy, true);
     if (isDeviceInBootloaderMode(gripper))
         return true;
     bool isInBootloader = hasStBootloader(gripper) ? gripper->jumpToStBootloader(jumpTimeoutMs)
                                                    : gripper->jumpToTavrinBootloader(jumpTimeoutMs);
-    // The link is open only when no answer to the reset came, or a damaged one. The gripper may
-    // have obeyed all the same.
+    // The link is still open if the reset got no valid answer. The gripper may have obeyed anyway.
     if (!isInBootloader && m_modbus.isConnected())
-        isInBootloader = isInBootloaderWithoutAnswer(gripper);
+        isInBootloader = isInBootloaderAfterLostAnswer(gripper);
     setMuted(true);
     return isInBootloader;
 }
 
-/// A link that leads to no bootloader is open again afterwards, at its own rate: once unmuted,
-/// polling continues on it.
-bool GripperList::isInBootloaderWithoutAnswer(const Gripper &gripper)
+/// If no bootloader answers, opens the link again, at its old rate: polling continues on it when it
+/// is unmuted.
+bool GripperList::isInBootloaderAfterLostAnswer(const Gripper &gripper)
 {
     m_modbus.disconnectFromDevice();
     if (isDeviceInBootloaderMode(gripper))
@@ -62,7 +61,7 @@ bool GripperList::isInBootloaderWithoutAnswer(const Gripper &gripper)
 
 bool GripperList::upgradeFirmware(const Gripper &gripper)
 {
-    // A jump that waits for its answer opens the port again when it resumes.
+    // A jump that is waiting for its answer would open the port again while the program flashes.
     if (m_jumpRunning || !jumpToBootloader(gripper))
         return false;
     const ProductFamily *const family = productFamilyOf(gripper->getFirmwareVersion());

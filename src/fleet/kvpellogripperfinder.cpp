@@ -61,7 +61,7 @@ KvPelloGripperFinder::scanAllSerialPorts(quint16 slaveId)
     return gripperByPort;
 }
 
-/// The ports come as full paths, which the factory takes for ordinary ports, whatever their kind.
+/// The factory gets full paths, so every port has the default timing.
 void KvPelloGripperFinder::onEachAvailablePort(
     const std::function<void(const QString &portName, KvModbusCustom &link)> &visit)
 {

@@ -18,9 +18,6 @@ constexpr int readAnswerOverhead = 5;
 constexpr int writeAnswerLength = 8;
 constexpr int readAnswerDataOffset = 3;
 
-constexpr int writeWaitMs = 50;
-constexpr int pollingStepMs = 10;
-
 constexpr quint16 crcPolynomial = 0xA001;
 
 void appendBigEndian(QByteArray &bytes, quint16 value)
@@ -117,7 +114,7 @@ bool KvModbusCustom::writeRegisters(quint8 slaveId, quint16 startAddress,
 {
     const auto count = static_cast<quint16>(values.size());
     QByteArray request = requestHeader(slaveId, writeMultipleRegisters, startAddress, count);
-    // The byte count has one byte on the wire: of a larger number its low byte goes out.
+    // The frame has one byte for the byte count. It carries the low byte of a larger number.
     request.append(static_cast<char>(2 * count & 0xFF));
     for (const quint16 value : values)
         appendBigEndian(request, value);
@@ -129,8 +126,8 @@ bool KvModbusCustom::writeRegisters(quint8 slaveId, quint16 startAddress,
     return outcome == NoError;
 }
 
-/// One request and its answer. The answer's header pair must be the request's; its other fields
-/// are not compared, the CRC decides.
+/// Sends `request` and waits for its answer. The answer must begin with the slave id and the
+/// function of the request and have a valid CRC. Its other fields are not compared.
 KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &request,
                                                          int registerCount, int answerLength,
                                                          QByteArray &answer)
@@ -138,7 +135,7 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
     if (!isConnected())
         return NotConnectedError;
     waitUntilQuiet();
-    // The wait ends early only when the application quits.
+    // The wait ends early only if the application quits.
     if (isAnswerAwaited())
         return TimeoutError;
     // A client or a serial error may have closed the port meanwhile.
@@ -152,10 +149,10 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
                       {},
                       false};
     exchange.clock.start();
-    m_latest = &exchange;
+    m_latestExchange = &exchange;
     const auto leaveLine = qScopeGuard([&] {
-        if (m_latest == &exchange)
-            m_latest = nullptr;
+        if (m_latestExchange == &exchange)
+            m_latestExchange = nullptr;
     });
     // The answer is the input that follows the request. A late answer to an earlier request must
     // not count, and an earlier request that was reported as failed must not be sent now.
@@ -172,13 +169,13 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
     return verifyCRC(answer) ? NoError : BadCrcError;
 }
 
-/// The steps are also those of the request that awaits its own answer. A request that began inside
-/// a step has ended when the step ends, so the unfinished exchange is the same one or none.
+/// A request that begins inside a step ends before the step does. After a step, the open exchange
+/// is therefore the same as before, or over.
 void KvModbusCustom::waitUntilQuiet()
 {
     while (isAnswerAwaited() && !quitRequested()) {
-        if (m_latest->clock.hasExpired(m_latest->deadlineMs))
-            m_latest->isOver = true;
+        if (m_latestExchange->clock.hasExpired(m_latestExchange->deadlineMs))
+            m_latestExchange->isOver = true;
         else
             qSleepWhileProcessingEvents(pollingStepMs);
     }
@@ -186,18 +183,19 @@ void KvModbusCustom::waitUntilQuiet()
 
 bool KvModbusCustom::isAnswerAwaited() const
 {
-    return m_latest != nullptr && !m_latest->isOver;
+    return m_latestExchange != nullptr && !m_latestExchange->isOver;
 }
 
-/// Keeps the answer for its request, which may be suspended or may find the port closed later. Also
-/// keeps the input after the answer: a second answer makes the first one doubtful.
+/// Keeps the answer, because its request may be suspended and the port may close before it resumes.
+/// Also keeps the input after the answer, because a second answer makes the first one doubtful.
 void KvModbusCustom::onReceived(const QByteArray &input)
 {
-    if (m_latest == nullptr)
+    if (m_latestExchange == nullptr)
         return;
-    m_latest->input += input.left(2 * m_latest->answerLength - m_latest->input.size());
-    if (m_latest->input.size() >= m_latest->answerLength)
-        m_latest->isOver = true;
+    m_latestExchange->input +=
+        input.left(2 * m_latestExchange->answerLength - m_latestExchange->input.size());
+    if (m_latestExchange->input.size() >= m_latestExchange->answerLength)
+        m_latestExchange->isOver = true;
 }
 
 quint16 KvModbusCustom::computeCRC(const QByteArray &bytes)

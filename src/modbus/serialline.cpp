@@ -40,7 +40,7 @@ void SerialLine::setBaudRate(qint32 baudRate)
 
 bool SerialLine::send(const QByteArray &bytes, int timeoutMs)
 {
-    // Also empties the kernel's queues: the event loop has not fetched all of the input.
+    // Also empties the kernel's queues: the event loop may not have fetched all of the input.
     m_port.clear(QSerialPort::AllDirections);
     const bool isWritten = write(bytes, timeoutMs);
     dropPendingNotifications();
@@ -49,7 +49,7 @@ bool SerialLine::send(const QByteArray &bytes, int timeoutMs)
 
 bool SerialLine::write(const QByteArray &bytes, int timeoutMs)
 {
-    // If the adapter was unplugged, clear() has reported an error, and the port may be closed.
+    // If the adapter was unplugged, clear() has reported an error, and the port is closed.
     if (!m_port.isOpen() || m_port.write(bytes) != bytes.size())
         return false;
     const QDeadlineTimer deadline(timeoutMs);
@@ -62,8 +62,8 @@ bool SerialLine::write(const QByteArray &bytes, int timeoutMs)
 /// A turn of the event loop first collects its notifications and then delivers them. If a client's
 /// request runs between, the port's notification is still to come, but send() has dropped the
 /// input. QSerialPortPrivate::readNotification() then reads nothing and reports a ReadError, which
-/// closes a healthy link. To disable a notifier removes its pending notification. New input causes
-/// another notification in the next turn.
+/// closes a healthy link. Disabling a notifier removes its pending notification. New input causes
+/// another one in the next turn.
 void SerialLine::dropPendingNotifications()
 {
     const auto notifiers =

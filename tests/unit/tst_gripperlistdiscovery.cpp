@@ -203,7 +203,7 @@ void tst_GripperList::lastOfSeveralGrippersWithOneIdCounts()
     const auto second = GripperList::Gripper::create(master, quint16{3});
     const auto other = GripperList::Gripper::create(master, quint16{4});
 
-    m_list->takeOver(3, {first, second, other});
+    m_list->updateEntry(3, {first, second, other});
 
     QCOMPARE(m_list->getGripperFromSlaveId(3), second);
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{3}));

@@ -1014,13 +1014,13 @@ void tst_KvPelloGripper::unsentFieldIsTakenOver()
     else
         (*old.*outputBytes[index - outputFlags.size()].set)(77);
     const auto fresh = makeGripper();
-    fresh->takeOverUnsent(*old);
+    fresh->copyUnacknowledgedFields(*old);
     QVERIFY(fresh->isNewOutput());
     QCOMPARE(written(*fresh), written(*old));
     QVERIFY(written(*fresh) != outputWrite(0));
     // Nothing is left to take over: the device has it.
     const auto next = makeGripper();
-    next->takeOverUnsent(*fresh);
+    next->copyUnacknowledgedFields(*fresh);
     QCOMPARE(written(*next), outputWrite(0));
 }
 
@@ -1032,7 +1032,7 @@ void tst_KvPelloGripper::sentFieldIsNotTakenOver()
     old->setSpeedRequest(1);
     old->setForceRequest(2);
     const auto fresh = makeGripper();
-    fresh->takeOverUnsent(*old);
+    fresh->copyUnacknowledgedFields(*old);
     QCOMPARE(written(*fresh), outputWrite(0, 0, 2));
 }
 
@@ -1044,7 +1044,7 @@ void tst_KvPelloGripper::fieldSetDuringTheWriteIsTakenOver()
     QVERIFY(old->updateOutput());
     m_master->setOnRequest([] {});
     const auto fresh = makeGripper();
-    fresh->takeOverUnsent(*old);
+    fresh->copyUnacknowledgedFields(*old);
     QCOMPARE(written(*fresh), outputWrite(0, 0, 2));
 }
 
@@ -1057,7 +1057,7 @@ void tst_KvPelloGripper::fieldSetToItsOldValueIsTakenOverOnceAReplacementIsExpec
     old->setPositionRequest(0);
     m_master->setRegisters(slave, inputAddress, {0x0900, 0x00AB, 0});
     const auto fresh = makeGripper();
-    fresh->takeOverUnsent(*old);
+    fresh->copyUnacknowledgedFields(*old);
     QCOMPARE(written(*fresh), outputWrite(0x0100, 0));
 }
 
@@ -1105,7 +1105,7 @@ void tst_KvPelloGripper::activationThatIsNotCarriedOutIsTakenOver()
     steps(*old);
     m_master->setRegisters(slave, inputAddress, {statusWord, 0, 0});
     const auto fresh = makeGripper();
-    fresh->takeOverUnsent(*old);
+    fresh->copyUnacknowledgedFields(*old);
     QCOMPARE(written(*fresh), outputWrite(action));
 }
 
