@@ -71,6 +71,7 @@ class Stage:
         self.simulator.tell("clear")
         self.put_both_on_the_line()
         self.simulator.tell("object 9 none")
+        self.simulator.tell("object 2 none")
         self.simulator.tell("release 2")
         self.calm(9)
         self.calm(2)

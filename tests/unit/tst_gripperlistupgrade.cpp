@@ -11,6 +11,7 @@
 #include <QTest>
 #include <QTimer>
 
+#include <algorithm>
 #include <memory>
 
 namespace {
@@ -19,6 +20,8 @@ using Error = KvDeviceBase::KvDeviceError;
 
 constexpr quint16 resetAddress = 400;
 const QByteArray acknowledge("\x79");
+// As many as three searches can ask for.
+const QList<QByteArray> everyKnockAcknowledged = QVector<QByteArray>(3 * 51, acknowledge).toList();
 
 // The value that every reset of this process writes: initTestCase() passes it first.
 constexpr quint16 firstCommand = 0x1234;
@@ -80,6 +83,7 @@ private:
     GripperList::Gripper makeGripper(char familyLetter);
     void addFamilyRows();
     void writeProgram(const QByteArray &script);
+    QList<int> ratesOfKnocks() const;
     QStringList logOf(const char *start) const
     {
         return m_log->infosThatStartWith(QString::fromLatin1(start));
@@ -132,7 +136,7 @@ void tst_GripperList::init()
     m_master.acknowledgeWrites(resetAddress);
     m_master.setOpen(true);
     m_master.takeRequests();
-    m_end.setAnswers({acknowledge});
+    m_end.setAnswers(everyKnockAcknowledged);
     for (const auto &gripper : qAsConst(m_families))
         gripper->clearError();
 }
@@ -158,6 +162,15 @@ void tst_GripperList::writeProgram(const QByteArray &script)
     QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
     QVERIFY(file.write("#!/bin/sh\n" + script + '\n') > 0);
     QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+}
+
+// Each attempt of a search knocks, and on a busy machine an answer may miss the first one: knocks
+// at the same rate in a row count as one.
+QList<int> tst_GripperList::ratesOfKnocks() const
+{
+    QList<int> rates = m_end.knocks();
+    rates.erase(std::unique(rates.begin(), rates.end()), rates.end());
+    return rates;
 }
 
 void tst_GripperList::addFamilyRows()
@@ -211,7 +224,7 @@ void tst_GripperList::bootloaderModeIsLookedForAtItsRate()
     QFETCH(int, baudRate);
     m_master.setOpen(false);
     QVERIFY(m_list->isDeviceInBootloaderMode(m_families[family]));
-    QCOMPARE(m_end.knocks(), QList<int>{baudRate});
+    QCOMPARE(ratesOfKnocks(), QList<int>{baudRate});
     QCOMPARE(m_master.takeRequests(), QStringList());
 }
 
@@ -257,7 +270,7 @@ void tst_GripperList::gripperInItsBootloaderIsNeitherResetNorMuted()
     QFETCH(int, baudRate);
     m_master.setOpen(false);
     QVERIFY(m_list->jumpToBootloader(m_families[family]));
-    QCOMPARE(m_end.knocks(), QList<int>{baudRate});
+    QCOMPARE(ratesOfKnocks(), QList<int>{baudRate});
     QCOMPARE(m_master.takeRequests(), QStringList());
     QVERIFY(!m_list->m_muted);
 }
@@ -273,7 +286,7 @@ void tst_GripperList::jumpMutesThePolling()
     QFETCH(int, baudRate);
     QVERIFY(m_list->jumpToBootloader(m_families[family]));
     QCOMPARE(m_master.takeRequests(), resetAndClose);
-    QCOMPARE(m_end.knocks(), QList<int>{baudRate});
+    QCOMPARE(ratesOfKnocks(), QList<int>{baudRate});
     QVERIFY(m_list->m_muted);
 }
 
@@ -349,7 +362,7 @@ void tst_GripperList::upgradeOfAnUnknownFamilyFailsAfterTheJump()
     m_master.setOpen(!isInBootloader);
     QVERIFY(!m_list->upgradeFirmware(m_families['C']));
     QCOMPARE(m_master.takeRequests(), isInBootloader ? QStringList() : resetAndClose);
-    QCOMPARE(m_end.knocks(), QList<int>{115200});
+    QCOMPARE(ratesOfKnocks(), QList<int>{115200});
     QCOMPARE(m_list->m_muted, !isInBootloader);
     QCOMPARE(m_log->infos(), QStringList());
     QCOMPARE(m_list->getUpgradeStatus(), 0);
@@ -454,7 +467,7 @@ void tst_GripperList::pendingJumpIsCarriedOutByTheNextTick()
 
     m_list->onTimerStateLoopTimeout();
     QCOMPARE(m_master.takeRequests(), resetAndClose);
-    QCOMPARE(m_end.knocks(), QList<int>{19200});
+    QCOMPARE(ratesOfKnocks(), QList<int>{19200});
     QVERIFY(m_list->m_muted);
     QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
     QCOMPARE(m_list->m_linkStatus, GripperList::LinkStatus::Timeout);
@@ -470,12 +483,11 @@ void tst_GripperList::pendingJumpsAreCarriedOutInOrder()
 {
     m_list->m_scanBackOffTimer->start(60'000);
     // The link is closed by the first jump, so the second gripper is found in its bootloader.
-    m_end.setAnswers({acknowledge, acknowledge, acknowledge});
     m_list->resetToBootloader(m_families['E']);
     m_list->resetToBootloader(m_families['B']);
     m_list->resetToBootloader(m_families['F']);
     m_list->onTimerStateLoopTimeout();
-    QCOMPARE(m_end.knocks(), (QList<int>{115200, 19200, 115200}));
+    QCOMPARE(ratesOfKnocks(), (QList<int>{115200, 19200, 115200}));
     QVERIFY(m_list->m_pendingBootloader.isEmpty());
 }
 
