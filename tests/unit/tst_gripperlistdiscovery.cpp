@@ -46,6 +46,7 @@ private slots:
     void clientsAreServedDuringAScan();
     void scanDisturbedByAnotherRemovesNoGripper_data();
     void scanDisturbedByAnotherRemovesNoGripper();
+    void gripperThatOnlyTheInnerScanFindsStays();
 
 private:
     using LoopStep = GripperList::LoopStep;
@@ -454,6 +455,21 @@ void tst_GripperList::scanDisturbedByAnotherRemovesNoGripper()
     QCOMPARE(m_list->m_linkStatus, LinkStatus::Running);
     QVERIFY(!m_list->m_busy);
     disconnect(&line.bus(), nullptr, this, nullptr);
+}
+
+void tst_GripperList::gripperThatOnlyTheInnerScanFindsStays()
+{
+    SimulatedLine line{{2, "TE1-2.0.2"}};
+    m_list->scan(line.path());
+    // The outer scan has already probed the id 9.
+    onceSeen(line, QStringLiteral("2 read 500"), [&] {
+        line.bus().addGripper(9, QStringLiteral("TA3-1.6.14"));
+        m_list->requestScanBlock();
+    });
+
+    m_list->requestScanBlock();
+
+    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
 }
 
 QTEST_GUILESS_MAIN(tst_GripperList)
