@@ -15,6 +15,13 @@ namespace {
 constexpr int throttledIntervalMs = 50;
 constexpr int fastIntervalMs = 5;
 constexpr int scanBackOffMs = 1000;
+// A gripper that returns later must not carry out an old command.
+constexpr int predecessorsLifetimeMs = 5000;
+
+bool isSameDevice(const GripperList::Gripper &first, const GripperList::Gripper &second)
+{
+    return first->getSerialNumber() == second->getSerialNumber();
+}
 
 } // namespace
 
@@ -242,6 +249,8 @@ void GripperList::discoverState()
             startPolling();
         return;
     }
+    for (auto gripper = m_grippers.cbegin(); gripper != m_grippers.cend(); ++gripper)
+        keepPredecessor(gripper.key(), gripper.value());
     m_grippers.clear();
     m_currentSlaveId.reset();
     const QStringList portNames = getAvailableSerialPorts();
@@ -292,8 +301,9 @@ bool GripperList::scanUndisturbed(const QString &portName)
     openLink(portName);
     if (!m_modbus.isConnected())
         return true;
-    for (const Gripper &gripper : qAsConst(m_grippers))
-        gripper->expectReplacement();
+    expectReplacements();
+    if (m_predecessorsLifetime.hasExpired())
+        m_predecessors.clear();
     const unsigned int disturbances = m_scanDisturbances;
     const QVector<Gripper> found = KvPelloGripperFinder::instance()->scanPort(m_modbus);
     if (quitRequested())
@@ -320,9 +330,24 @@ void GripperList::updateEntry(quint8 slaveId, const QVector<Gripper> &found)
         removeGripper(slaveId);
         return;
     }
-    if (const Gripper predecessor = m_grippers.value(slaveId))
+    const Gripper removed = m_predecessors.take(slaveId);
+    const Gripper predecessor = m_grippers.value(slaveId, removed);
+    if (predecessor && isSameDevice(predecessor, match))
         match->copyUnacknowledgedFields(*predecessor);
     m_grippers.insert(slaveId, match);
+}
+
+void GripperList::expectReplacements()
+{
+    for (const Gripper &gripper : qAsConst(m_grippers))
+        gripper->expectReplacement();
+}
+
+void GripperList::keepPredecessor(quint8 slaveId, const Gripper &gripper)
+{
+    gripper->expectReplacement();
+    m_predecessors.insert(slaveId, gripper);
+    m_predecessorsLifetime.setRemainingTime(predecessorsLifetimeMs);
 }
 
 /// If the position was at this gripper, it moves to the first one.
@@ -388,10 +413,19 @@ bool GripperList::updateGripperSlaveId(unsigned char oldId, unsigned char newId)
         qInfo() << "fail to update slave id from " << oldId << " to " << newId;
         return false;
     }
+    // A scan inside the move may have found the gripper at either id, and clients may have set
+    // fields of the new object.
+    for (const quint8 slaveId : {oldId, newId}) {
+        const Gripper scanned = m_grippers.value(slaveId);
+        if (scanned && scanned != gripper && isSameDevice(scanned, gripper))
+            gripper->copyUnacknowledgedFields(*scanned);
+    }
     // The order matters if both ids are the same: the gripper then leaves the list until the next
     // discovery.
     m_grippers.insert(newId, gripper);
     removeGripper(oldId);
+    if (oldId == newId)
+        keepPredecessor(newId, gripper);
     qInfo() << "update slave id from " << oldId << " to " << newId;
     return true;
 }

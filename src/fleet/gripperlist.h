@@ -7,6 +7,7 @@
 #include "productfamily.h"
 
 #include <QByteArray>
+#include <QDeadlineTimer>
 #include <QList>
 #include <QMap>
 #include <QObject>
@@ -173,11 +174,17 @@ private:
     bool scanUndisturbed(const QString &portName);
     void updateEntry(quint8 slaveId, const QVector<Gripper> &found);
     void removeGripper(quint8 slaveId);
+    void expectReplacements();
+    void keepPredecessor(quint8 slaveId, const Gripper &gripper);
     Gripper currentGripper() const;
     static bool succeedsWithinRetries(const std::function<bool()> &access, const char *failureText);
 
     KvModbusCustom m_modbus;
     QMap<quint8, Gripper> m_grippers;
+    /// Grippers that left the list. A scan that finds them again soon copies the fields that
+    /// clients have set and the device has not acknowledged.
+    QMap<quint8, Gripper> m_predecessors;
+    QDeadlineTimer m_predecessorsLifetime;
     /// The slave id of the gripper that is polled now. Not an iterator, because a scan may replace
     /// or remove every entry while a step waits.
     std::optional<quint8> m_currentSlaveId;

@@ -68,6 +68,8 @@ bool GripperList::upgradeFirmware(const Gripper &gripper)
     if (family == nullptr)
         return false;
     ++m_scanDisturbances;
+    // The scan after the upgrade creates new objects.
+    expectReplacements();
     m_modbus.disconnectFromDevice();
     const bool isStarted =
         m_upgradeService.startUpgrade(QString::fromLatin1(family->firmwareImage),

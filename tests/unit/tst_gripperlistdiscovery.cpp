@@ -40,7 +40,8 @@ private slots:
     void fieldSetDuringTheScanReachesTheNewObject();
     void fieldSetToItsOldValueDuringTheScanReachesTheNewObject();
     void fieldSetDuringNestedScansReachesTheNewObject();
-    void discoveryOnAClosedLinkCopiesNoFields();
+    void gripperThatIsFoundAgainSoonKeepsUnsentFields_data();
+    void gripperThatIsFoundAgainSoonKeepsUnsentFields();
     void latestGripperIsTheOneInTheList();
     void rescanAddsNewGrippersAndRemovesMissingOnes();
     void clientsAreServedDuringAScan();
@@ -363,8 +364,17 @@ void tst_GripperList::fieldSetDuringNestedScansReachesTheNewObject()
     QCOMPARE(fresh->getMaxPeakSupplyCurrent(), quint8{33});
 }
 
-void tst_GripperList::discoveryOnAClosedLinkCopiesNoFields()
+void tst_GripperList::gripperThatIsFoundAgainSoonKeepsUnsentFields_data()
 {
+    QTest::addColumn<bool>("isTooLate");
+    QTest::addColumn<quint8>("speed");
+    QTest::newRow("soon") << false << quint8{77};
+    QTest::newRow("too late") << true << quint8{0};
+}
+
+void tst_GripperList::gripperThatIsFoundAgainSoonKeepsUnsentFields()
+{
+    QFETCH(bool, isTooLate);
     SimulatedLine line{{9, "TA3-1.6.14"}};
     m_list->scan(line.path());
     QVERIFY(m_list->getGripperFromSlaveId(9));
@@ -372,10 +382,13 @@ void tst_GripperList::discoveryOnAClosedLinkCopiesNoFields()
     m_list->m_modbus.disconnectFromDevice();
 
     m_list->discoverState();
+    QVERIFY(m_list->getDiscoveredSlaveIds().isEmpty());
+    if (isTooLate)
+        m_list->m_predecessorsLifetime.setRemainingTime(0);
     m_list->scan(line.path());
 
     QVERIFY(m_list->getGripperFromSlaveId(9));
-    QCOMPARE(m_list->getGripperFromSlaveId(9)->getSpeedRequest(), quint8{0});
+    QTEST(m_list->getGripperFromSlaveId(9)->getSpeedRequest(), "speed");
 }
 
 void tst_GripperList::latestGripperIsTheOneInTheList()
