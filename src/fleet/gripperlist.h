@@ -106,6 +106,10 @@ public:
     /// link is closed.
     bool jumpToBootloader(const Gripper &gripper);
 
+    /// Whether a bootloader jump waits for the answer to its reset. The line must stay quiet until
+    /// the jump has ended.
+    bool isJumpRunning() const { return m_jumpRunning; }
+
     /// Sends the gripper into its bootloader and starts the flashing program with the firmware of
     /// its family. Returns true also if the program does not start. Returns false at once while a
     /// jump or an upgrade is running. Returns false if no bootloader answers or if there is no

@@ -15,7 +15,7 @@ constexpr std::size_t laterShare = 4096;
 RequestTurns::RequestTurns(Handler &handler)
     : m_handler(handler)
     , m_unfinished([] { return true; }, [this](const Batch &batch) { process(batch, laterShare); })
-    , m_postponed([this] { return !m_isResuming && m_depth < nestingLimit; },
+    , m_postponed([this] { return mayResumePostponed(); },
                   [this](const Batch &batch) {
                       const QScopedValueRollback<bool> resuming(m_isResuming, true);
                       process(batch, firstShare);
@@ -63,7 +63,12 @@ void RequestTurns::processBuffer(const Batch &batch, std::size_t share)
 /// Requests that arrived earlier come first, even if the stack has room again.
 bool RequestTurns::mustPostpone(const Batch &batch, const Request &request) const
 {
-    if (m_depth <= nestingLimit && m_postponed.isEmpty())
+    if (m_depth <= nestingLimit && m_postponed.isEmpty() && m_handler.mayNest())
         return false;
     return m_handler.mayWait(request, batch.gripper);
+}
+
+bool RequestTurns::mayResumePostponed() const
+{
+    return !m_isResuming && m_depth < nestingLimit && m_handler.mayNest();
 }

@@ -9,9 +9,9 @@
 /// - The first 256 bytes of a batch are processed at once. The rest follows in shares of 4 KiB, one
 ///   share of one client on each turn of the event loop. A request that may wait is a whole share.
 /// - Requests that wait on the bus run inside each other's waits, at most `nestingLimit` deep.
-/// Beyond
-///   that, a request that may wait is postponed, and with it all later requests of its client.
-///   Postponed requests run one after another, in order of arrival.
+///   Beyond that, and while the handler allows no nesting, a request that may wait is postponed,
+///   and with it all later requests of its client. Postponed requests run one after another, in
+///   order of arrival.
 class RequestTurns
 {
 public:
@@ -26,6 +26,10 @@ public:
         /// Processes one request. May pump events. Returns whether it may have waited or blocked.
         virtual bool processRequest(ClientConnection *client, const Request &request,
                                     const QSharedPointer<KvPelloGripper> &gripper) = 0;
+
+        /// Whether a request that may wait may run inside another one's wait now. If this is false,
+        /// a request is running, and it becomes true before the end of that request.
+        virtual bool mayNest() const = 0;
 
     protected:
         ~Handler() = default;
@@ -45,6 +49,7 @@ private:
     void process(const Batch &batch, std::size_t share);
     void processBuffer(const Batch &batch, std::size_t share);
     bool mustPostpone(const Batch &batch, const Request &request) const;
+    bool mayResumePostponed() const;
 
     Handler &m_handler;
     TurnQueue m_unfinished; ///< Batches whose earlier shares have been processed.

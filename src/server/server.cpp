@@ -151,6 +151,13 @@ bool Server::mayWait(const Request &request, const Gripper &gripper) const
     return false;
 }
 
+/// Bytes between a reset and the search for the bootloader could reach the bootloader, which
+/// detects its baud rate by the first byte.
+bool Server::mayNest() const
+{
+    return !gripperList.isJumpRunning();
+}
+
 bool Server::processRequest(ClientConnection *client, const Request &request,
                             const Gripper &gripper)
 {

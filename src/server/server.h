@@ -69,6 +69,7 @@ private:
     };
 
     bool mayWait(const Request &request, const Gripper &gripper) const override;
+    bool mayNest() const override;
     bool processRequest(ClientConnection *client, const Request &request,
                         const Gripper &gripper) override;
     void readBatch(ClientConnection *client);

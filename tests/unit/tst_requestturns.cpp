@@ -44,6 +44,7 @@ public:
                  const QSharedPointer<KvPelloGripper> &gripper) const override;
     bool processRequest(ClientConnection *client, const Request &request,
                         const QSharedPointer<KvPelloGripper> &gripper) override;
+    bool mayNest() const override { return m_mayNest; }
 
 private slots:
     void init();
@@ -63,6 +64,7 @@ private slots:
     void postponedRequestsRunInOrderOneAfterAnother();
     void newRequestDoesNotOvertakePostponedOnes();
     void batchOfAPostponedRequestRunsToItsEnd();
+    void requestThatMustRunAlonePostponesOthersThatMayWait();
 
 private:
     Client &addClient();
@@ -75,6 +77,7 @@ private:
     std::function<void()> m_onWait;
     QList<QByteArray> m_processed; // texts without their line endings
     QVector<ClientConnection *> m_servedClients;
+    bool m_mayNest = true;
     int m_waiting = 0;
     int m_mostWaiting = 0;
 };
@@ -298,6 +301,21 @@ void tst_RequestTurns::batchOfAPostponedRequestRunsToItsEnd()
     nestToTheLimit([this] { start(addClient(), "SET WAIT AAA\nSET WAIT BBB\n"); });
     QTRY_COMPARE(m_processed.mid(RequestTurns::nestingLimit),
                  (QList<QByteArray>{"SET WAIT AAA", "SET WAIT BBB"}));
+}
+
+void tst_RequestTurns::requestThatMustRunAlonePostponesOthersThatMayWait()
+{
+    m_onWait = [this] {
+        m_onWait = nullptr;
+        m_mayNest = false;
+        start(addClient(), "GET AAA\nSET WAIT BBB\n");
+        QTest::qWait(20);
+        QCOMPARE(m_processed, QList<QByteArray>{"GET AAA"});
+        m_mayNest = true;
+    };
+    start(addClient(), "SET WAIT ONE\n");
+    QTRY_COMPARE(m_processed, (QList<QByteArray>{"GET AAA", "SET WAIT ONE", "SET WAIT BBB"}));
+    QCOMPARE(m_mostWaiting, 1);
 }
 
 QTEST_GUILESS_MAIN(tst_RequestTurns)
