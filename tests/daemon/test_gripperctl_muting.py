@@ -41,7 +41,7 @@ def test_rename_interrupted_unmutes_on_a_connection_of_its_own(number):
         process.send_signal(number)
         code, _, error = run_to_end(process)
         assert code == gripperctl.INTERRUPTED
-        assert "gripperd goes on with it" in error
+        assert "gripperd continues the renaming" in error
         assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
 
 
@@ -90,7 +90,7 @@ def test_polling_that_cannot_be_unmuted_is_said():
         process = daemon.start("rename", "9", "2")
     code, _, error = run_to_end(process)
     assert code == gripperctl.NO_CONNECTION
-    assert "polling may still be muted: gripperctl set MUTE 0" in error
+    assert "polling may still be muted: unmute it with gripperctl set MUTE 0" in error
 
 
 def test_upgrade_interrupted_waits_for_the_answer_and_unmutes():
@@ -119,7 +119,7 @@ def test_upgrade_interrupted_during_flashing_leaves_the_line_to_the_flasher():
         process.send_signal(signal.SIGINT)
         code, _, error = run_to_end(process)
         assert code == gripperctl.INTERRUPTED
-        assert "the flasher goes on" in error
+        assert "the flasher continues" in error
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
 
 
@@ -130,7 +130,7 @@ def test_upgrade_interrupted_before_the_flasher_is_seen_leaves_the_line_to_it():
         threading.Timer(0.3, daemon.release.set).start()
         code, _, error = run_to_end(process)
         assert code == gripperctl.INTERRUPTED
-        assert "the flasher goes on" in error
+        assert "the flasher continues" in error
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
 
 
@@ -149,7 +149,7 @@ def test_a_jump_that_is_refused_is_unmuted():
 
     with ScriptedDaemon(answer) as daemon:
         text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
-        assert "Polling goes on, and gripper 9 runs firmware TA3-1.0.0" in text
+        assert "Polling continues, and gripper 9 runs firmware TA3-1.0.0" in text
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0", "SCN_BLOCK", "SID 9"]
 
 
@@ -277,5 +277,5 @@ def test_a_flasher_that_has_ended_before_the_first_look_shows_in_the_link():
 def test_a_link_that_stands_still_shows_a_flasher_that_never_started():
     with ScriptedDaemon() as daemon:
         text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
-        assert "the flasher did not start, and polling stayed muted until now" in text
+        assert "the flasher did not start, and polling was muted until now" in text
         assert daemon.sets()[:4] == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0"]

@@ -91,8 +91,8 @@ class ScriptedDaemon:
         return b"ack"
 
     def drop(self):
-        """Ends all connections."""
-        for client in self.sockets:
+        """Ends the present connections; a client may reconnect meanwhile."""
+        for client in list(self.sockets):
             with contextlib.suppress(OSError):
                 client.shutdown(socket.SHUT_RDWR)
 
