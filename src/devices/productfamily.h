@@ -10,9 +10,9 @@
 /// The facts that differ between the families. One class drives all of them.
 struct ProductFamily
 {
-    QLatin1String code;        ///< Firmware versions start with these two letters.
-    const char *firmwareImage; ///< A path relative to the working directory.
-    const Bootloader *bootloader;
+    QLatin1String code;                  ///< Firmware versions start with these two letters.
+    const char *firmwareImage = nullptr; ///< A path relative to the working directory.
+    const Bootloader *bootloader = nullptr;
 };
 
 inline constexpr ProductFamily pelloFamily{QLatin1String("TA", 2), "firmware/TA3-1.6.14.bin",

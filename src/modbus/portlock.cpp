@@ -17,7 +17,7 @@ QString lockFileOf(QString portName)
     portName.replace(QLatin1Char('/'), QLatin1Char('_'));
     for (const char *const name : lockFolders) {
         const QFileInfo folder{QLatin1String(name)};
-        const QString path = folder.filePath() + QLatin1String("/LCK..") + portName;
+        QString path = folder.filePath() + QLatin1String("/LCK..") + portName;
         if (folder.isReadable() && (QFileInfo::exists(path) || folder.isWritable()))
             return path;
     }

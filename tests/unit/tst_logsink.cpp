@@ -1,4 +1,5 @@
 #include "logsink.h"
+#include "ptypair.h"
 
 #include <QElapsedTimer>
 #include <QMessageLogContext>
@@ -8,7 +9,6 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <sys/time.h>
 #include <thread>
@@ -29,13 +29,11 @@ Ends pipeEnds()
     return {ends[0], ends[1]};
 }
 
-// The terminal has its default settings: it makes "\r\n" of the end of a line.
 Ends terminalEnds()
 {
-    const int ends = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ::grantpt(ends);
-    ::unlockpt(ends);
-    return {ends, ::open(::ptsname(ends), O_RDWR | O_NOCTTY | O_CLOEXEC)};
+    const PtyPair pair(PtyPair::Mode::Terminal);
+    return {::fcntl(pair.lineEnd(), F_DUPFD_CLOEXEC, 0),
+            ::fcntl(pair.portEnd(), F_DUPFD_CLOEXEC, 0)};
 }
 
 /// A sink and the end where its lines arrive.
