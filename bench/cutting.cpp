@@ -93,7 +93,7 @@ void longestSet(benchmark::State &state)
 {
     constexpr std::size_t ending = 1;
     cutOnOneConnection(
-        state, "SET" + repeated(" AAA 111", RequestScanner::__longestRequest - 3 - ending) + '\n',
+        state, "SET" + repeated(" AAA 111", RequestScanner::maxRequestLength - 3 - ending) + '\n',
         1);
 }
 

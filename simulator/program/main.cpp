@@ -1,28 +1,16 @@
 #include "failure.h"
 #include "programoptions.h"
 #include "simulatorprogram.h"
+#include "standarddescriptors.h"
 
 #include <QCoreApplication>
 
 #include <csignal>
 #include <cstdio>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace {
 /// Documented in docs/simulator.md.
 enum ExitCode { Ended = 0, CannotStart = 1, WrongUsage = 2 };
-
-/// Opens descriptors 0 to 2 that are closed, so that no pty gets one of these numbers.
-void occupyStandardDescriptors()
-{
-    int fd = ::open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO)
-        fd = ::open("/dev/null", O_RDWR);
-    if (fd >= 0)
-        ::close(fd);
-}
 
 int run(const sim::ProgramOptions &options)
 {
@@ -37,7 +25,7 @@ int run(const sim::ProgramOptions &options)
 
 int main(int argc, char *argv[])
 {
-    occupyStandardDescriptors();
+    tools::occupyStandardDescriptors();
     // The line stays when the reader of the output closes its pipe.
     std::signal(SIGPIPE, SIG_IGN);
     const QCoreApplication application(argc, argv);

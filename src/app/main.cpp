@@ -9,12 +9,11 @@ int main(int argc, char *argv[])
 {
     qInstallMessageHandler(myMessageOutput);
     prepareProcess();
-    // With GLib's event loop, which Qt would take, an idle daemon makes half as many system calls
-    // more.
+    // Qt prefers GLib's event loop, which makes 50 % more system calls in an idle daemon.
     const char *const withoutGlib = "QT_NO_GLIB";
     qputenv(withoutGlib, "1");
     QCoreApplication application(argc, argv);
-    // Child processes choose for themselves.
+    // Child processes must not inherit it.
     qunsetenv(withoutGlib);
     QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
     Server server;

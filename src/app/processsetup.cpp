@@ -9,7 +9,7 @@ namespace {
 
 void occupyStandardDescriptors()
 {
-    // open() hands out the lowest free number, so this fills the gaps from below.
+    // open() returns the lowest free number, so this fills all gaps.
     int descriptor = 0;
     do
         descriptor = ::open("/dev/null", O_RDWR);
@@ -27,7 +27,8 @@ void raiseDescriptorLimit()
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// A parent's choice would make waitpid() never report a child, and keep quit signals from us.
+// The process inherits the settings of its parent. If SIGCHLD is ignored, waitpid() reports no
+// child. A blocked quit signal never reaches its handler.
 void resetInheritedSignals()
 {
     ::signal(SIGCHLD, SIG_DFL);
@@ -39,8 +40,7 @@ void resetInheritedSignals()
 void failWritesWithoutSignal()
 {
     ::signal(SIGPIPE, SIG_IGN);
-    // Child processes would inherit SIG_IGN, which QProcess undoes for SIGPIPE only. A handler ends
-    // with exec.
+    // A handler, because child processes would inherit SIG_IGN. QProcess resets only SIGPIPE.
     ::signal(SIGXFSZ, [](int) {});
 }
 

@@ -4,16 +4,16 @@
 
 #include <csignal>
 
-/// Lets each of `signalNumbers` end the application's event loop with exit code 0. The handler
-/// itself only notes the signal and wakes the event loop; a signal that comes before the loop runs
-/// is kept until it does. Needs an application object. Calling it again adds signals.
+/// Lets each of `signalNumbers` end the application's event loop with exit code 0. A signal that
+/// arrives before the loop runs ends it at its start. Needs an application object. Another call
+/// adds signals.
 void quitOnSignals(const QVector<int> &signalNumbers);
 
-/// Whether a quit signal has come. True from the signal's arrival on, also while the thread blocks
-/// outside the event loop: operations that block or repeat look here and end early.
+/// Whether a quit signal has arrived, also while the thread blocks outside of the event loop.
+/// Operations that block or repeat check this and end early.
 bool quitRequested();
 
-/// Holds signals back while it exists; those that came meanwhile are delivered at its end.
+/// Blocks signals while it exists. The process receives the signals that arrived when it ends.
 class HeldSignals
 {
 public:

@@ -7,7 +7,7 @@ void qSleepWhileProcessingEvents(int ms)
 {
     QEventLoop loop;
     QTimer timer;
-    // A coarse timer may fire early, and devices need the time they are given.
+    // A coarse timer may fire early, but devices need the whole pause.
     timer.setTimerType(Qt::PreciseTimer);
     QObject::connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
     timer.start(ms);

@@ -2,13 +2,13 @@
 
 class QObject;
 
-/// Pauses the caller for about `ms` milliseconds while the thread's events keep being dispatched:
-/// client requests, timers and serial data are handled inside the pause, so whatever they may
-/// change has to be looked at again afterwards. 0 passes once through the event loop.
-/// Once the application has been told to quit, the pause ends at once.
+/// Pauses the caller for about `ms` milliseconds and runs the event loop meanwhile. Client
+/// requests, timers and serial data are processed during the pause, so the caller must check
+/// afterwards everything that they may change. 0 runs the event loop once. After
+/// QCoreApplication::quit() every pause ends at once.
 void qSleepWhileProcessingEvents(int ms);
 
-/// Pumps events until `sender` emits `signal` (a string as SIGNAL() makes it) or until `timeoutMs`
-/// milliseconds have passed; 0 or less waits without limit.
-/// Returns whether the wait timed out: true after a time-out, false when the signal came first.
+/// Runs the event loop until `sender` emits `signal` (a string made by SIGNAL()) or until
+/// `timeoutMs` milliseconds have passed. With 0 or less it waits without a limit.
+/// Returns true after a time-out, false if the signal arrived first.
 bool qWaitForSignalWhileProcessingEvents(const QObject &sender, const char *signal, int timeoutMs);

@@ -28,7 +28,7 @@ QString threeLetters(const QVector<quint16> &words)
     return QString(letters, 3);
 }
 
-// 100 stays 100: the gripper's own tools print it so.
+// 100 gets no padding: the gripper's own tools print it like this.
 QString paddingOfRead(qint32 number)
 {
     if (number <= 99)
@@ -36,7 +36,7 @@ QString paddingOfRead(qint32 number)
     return number >= 101 && number <= 999 ? QStringLiteral("0") : QString();
 }
 
-// Not the bounds of paddingOfRead(): a number that was written is expected back with 0100.
+// The bounds differ from paddingOfRead(): this one expects 0100.
 QString paddingOfExpected(quint32 number)
 {
     if (number <= 99)
@@ -117,7 +117,7 @@ QString KvDeviceBase::getFirmwareVersion()
 
 bool KvDeviceBase::isFirmwareVersion(const QVector<quint16> &words) const
 {
-    // The text shows every bit of the three words.
+    // The text contains every bit of the three words.
     return versionText(words) == m_firmwareVersion;
 }
 
@@ -142,8 +142,8 @@ bool KvDeviceBase::setSerialNumberAndProductionYear(const QString &prefix, quint
                              year);
 }
 
-/// `prefix` has 4 characters. They go out with the first one in the low byte, which is not how
-/// getSerialNumber() reads them: the gripper stores them swapped.
+/// `prefix` has 4 characters. The first one of each pair is in the low byte, but getSerialNumber()
+/// reads it from the high byte: the gripper swaps them.
 bool KvDeviceBase::writeIdentity(const QString &prefix, quint32 number, quint16 year)
 {
     const QVector<quint16> serialNumber{
@@ -153,12 +153,12 @@ bool KvDeviceBase::writeIdentity(const QString &prefix, quint32 number, quint16 
         return false;
     if (!modbusWriteRegisters(RegisterMap::productionYearAddress, {year}))
         return false;
-    // The device may be busy storing and not answer this one.
+    // The device may store its data now and not answer.
     return modbusWriteRegisters(RegisterMap::commandAddress, {RegisterMap::storeIdentityCommand}) ||
            m_modbus.error() == KvModbusAbstract::TimeoutError;
 }
 
-/// What the last attempt reads is not looked at any more: 49 reads can confirm.
+/// The result of the last read is not compared.
 bool KvDeviceBase::identityReadsBack(const QString &serialNumber, quint16 year)
 {
     QString readSerialNumber;

@@ -1,4 +1,5 @@
 // The bootloader operations of KvDeviceBase.
+#include "bootloader.h"
 #include "kvdevicebase.h"
 #include "quitsignals.h"
 #include "registermap.h"
@@ -6,17 +7,15 @@
 
 namespace {
 
-constexpr qint32 firmwareBaudRate = 115200;
-constexpr int knockPauseMs = 100;
+constexpr int resetPauseMs = 100;
 constexpr unsigned int unusedTimeoutMs = 30000;
 constexpr int detectionWaitMs = 50;
-constexpr unsigned int detectionRetries = 50;
 
 constexpr char synchronisationByte = 0x7F;
 constexpr char acknowledge = 0x79;
 constexpr char negativeAcknowledge = 0x1F;
 
-/// One attempt. Either answer tells of a bootloader, but it must be that one byte alone.
+/// One attempt. The bootloader answers with exactly one byte. Both answers count.
 bool bootloaderAnswers(QSerialPort &port)
 {
     static const QByteArray msg(1, synchronisationByte);
@@ -42,21 +41,21 @@ bool KvDeviceBase::resetDeviceToBootloader(quint16 command, bool manual, unsigne
     m_modbus.setBaudRate(firmwareBaudRate);
     m_modbus.connectToDevice();
     m_manualResetTimer.setSingleShot(true);
-    // A coarse timer may give up early.
+    // A coarse timer may fire early.
     m_manualResetTimer.setTimerType(Qt::PreciseTimer);
     m_manualResetTimer.start(static_cast<int>(timeoutMs));
-    const bool isReset = knockUntilReset(command);
+    const bool isReset = repeatResetUntilAcknowledged(command);
     m_modbus.disconnectFromDevice();
     return isReset;
 }
 
-/// Once the application is quitting, pauses end at once and no timer runs out any more.
-bool KvDeviceBase::knockUntilReset(quint16 command)
+/// After a quit signal every pause ends at once, so the timer would never fire.
+bool KvDeviceBase::repeatResetUntilAcknowledged(quint16 command)
 {
     while (m_manualResetTimer.isActive() && !quitRequested()) {
         if (!m_modbus.isConnected())
             m_modbus.connectToDevice();
-        qSleepWhileProcessingEvents(knockPauseMs);
+        qSleepWhileProcessingEvents(resetPauseMs);
         if (resetDeviceToBootloader(command, false, unusedTimeoutMs))
             return true;
     }
@@ -90,16 +89,16 @@ bool KvDeviceBase::detectBootloader(QSerialPort::BaudRate baudRate, unsigned int
     return isDetected;
 }
 
-// A device that is in its bootloader already does not take the reset: detection settles the matter.
+// These ignore the result of the reset: a device that is already in its bootloader gives no answer.
 
 bool KvDeviceBase::jumpToTavrinBootloader(unsigned int timeoutMs)
 {
-    resetDeviceToBootloader(RegisterMap::restartIntoOwnBootloader, false, timeoutMs);
-    return detectBootloader(QSerialPort::Baud115200, detectionRetries);
+    resetDeviceToBootloader(ownBootloader.restartCommand, false, timeoutMs);
+    return detectBootloader(ownBootloader.baudRate, bootloaderRetries);
 }
 
 bool KvDeviceBase::jumpToStBootloader(unsigned int timeoutMs)
 {
-    resetDeviceToBootloader(RegisterMap::restartIntoRomBootloader, false, timeoutMs);
-    return detectBootloader(QSerialPort::Baud19200, detectionRetries);
+    resetDeviceToBootloader(romBootloader.restartCommand, false, timeoutMs);
+    return detectBootloader(romBootloader.baudRate, bootloaderRetries);
 }

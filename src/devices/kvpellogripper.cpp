@@ -1,10 +1,8 @@
 #include "kvpellogripper.h"
 
+#include "productfamily.h"
 #include "registermap.h"
 #include "waits.h"
-
-#include <algorithm>
-#include <array>
 
 namespace {
 
@@ -17,9 +15,6 @@ constexpr int settingsStoredPauseMs = 2500;
 constexpr int beforeRestartPauseMs = 400;
 constexpr int restartPauseMs = 3000;
 constexpr quint8 activationCompleted = 3;
-
-const std::array<QLatin1String, 4> productCodes{QLatin1String("TA"), QLatin1String("TB"),
-                                                QLatin1String("TF"), QLatin1String("TE")};
 
 quint8 field(quint16 word, int shift, quint16 mask)
 {
@@ -37,11 +32,11 @@ KvPelloGripper::KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObjec
     : KvDeviceBase(modbus, slaveId, parent)
 {
     m_output[ActivateOutput] = 1;
-    modbus.setBaudRate(__baudRate);
+    modbus.setBaudRate(firmwareBaudRate);
     qSleepWhileProcessingEvents(baudRateSettleMs);
     if (!modbus.isConnected())
         setError(NotConnectedError);
-    // A virtual call would not reach a subclass yet; it is this class's check that is meant.
+    // Not a virtual call: a subclass is not constructed yet.
     if (error() == NoError && !KvPelloGripper::isValidDevice())
         setError(InvalideDeviceError);
     if (!identify() || !initOutput())
@@ -50,8 +45,7 @@ KvPelloGripper::KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObjec
 
 KvPelloGripper::~KvPelloGripper() = default;
 
-/// Fills the identity caches; the three reads share one budget of attempts, of which one must be
-/// left at the end.
+/// Reads the identity. The three reads share one number of attempts, and one attempt must be left.
 bool KvPelloGripper::identify()
 {
     int attemptsLeft = identityAttempts;
@@ -64,8 +58,8 @@ bool KvPelloGripper::identify()
     readUntilKnown([this] { return !getSerialNumber().isEmpty(); });
     if (error() != NoError || attemptsLeft < 1)
         return false;
-    // A firmware version that arrives twice has the length of the status block that is read next.
-    // The link drops what arrives before that request.
+    // The next read is the input block. An answer with the firmware version that arrives twice has
+    // the same length. The link drops it if it arrives before that request.
     qSleepWhileProcessingEvents(surplusAnswersMs);
     return true;
 }
@@ -73,17 +67,14 @@ bool KvPelloGripper::identify()
 bool KvPelloGripper::isValidDevice()
 {
     const QString version = getFirmwareVersion();
-    if (error() != NoError)
-        return false;
-    return std::any_of(productCodes.begin(), productCodes.end(),
-                       [&](QLatin1String code) { return version.startsWith(code); });
+    return error() == NoError && startsWithProductCode(version);
 }
 
 bool KvPelloGripper::updateInput()
 {
     const QVector<quint16> words =
         modbusReadRegisters(RegisterMap::inputAddress, RegisterMap::inputCount);
-    // An even later copy of the firmware version is no status block either.
+    // A copy of the firmware version may arrive even later.
     if (words.size() < RegisterMap::inputCount || isFirmwareVersion(words))
         return false;
     decodeInput(words);
@@ -124,18 +115,19 @@ bool KvPelloGripper::updateOutput()
     m_isWriteUnanswered = !modbusWriteRegisters(RegisterMap::outputAddress, block);
     if (m_isWriteUnanswered)
         return false;
-    // The acknowledgement carries no value. It may be a late one of an earlier attempt, which did
-    // not have the fields that were set since.
-    m_unsent &= m_setSinceAttempt;
+    // An acknowledgement carries no value. It may be the late answer to an earlier attempt, which
+    // did not contain the fields that were set since.
+    m_unacknowledged &= m_setSinceAttempt;
     if (m_output[ActivateRequest] != 0)
-        m_unsent.set(ActivateRequest);
-    if (m_unsent.any())
+        m_unacknowledged.set(ActivateRequest);
+    if (m_unacknowledged.any())
         m_newOutput = 1;
     return true;
 }
 
-/// An active gripper is activated anew in two writes: first the reset, then, once it reports
-/// itself inactive, the activation. New output stays marked until neither is pending.
+/// A new activation of an active gripper takes two writes. The first one deactivates it. After the
+/// gripper reports that it is inactive, the second one activates it. New output stays marked until
+/// both are done.
 quint8 KvPelloGripper::nextActivateBit()
 {
     if (m_output[ActivateRequest] == 0) {
@@ -164,11 +156,11 @@ QVector<quint16> KvPelloGripper::encodeOutput(quint8 activateBit) const
             static_cast<quint16>(motion)};
 }
 
-void KvPelloGripper::takeOverUnsent(const KvPelloGripper &predecessor)
+void KvPelloGripper::copyUnacknowledgedFields(const KvPelloGripper &predecessor)
 {
     for (int i = 0; i < outputFieldCount; ++i) {
         const auto field = static_cast<OutputField>(i);
-        if (predecessor.m_unsent.test(field))
+        if (predecessor.m_unacknowledged.test(field))
             store(field, predecessor.m_output[field]);
     }
 }
@@ -192,7 +184,7 @@ void KvPelloGripper::clearActivateRequest()
 void KvPelloGripper::store(OutputField field, quint8 value)
 {
     m_output[field] = value;
-    m_unsent.set(field);
+    m_unacknowledged.set(field);
     m_setSinceAttempt.set(field);
     m_newOutput = 1;
 }
@@ -218,15 +210,15 @@ bool KvPelloGripper::updateNumberOfPumpActivations()
     return updateCounter(RegisterMap::pumpActivationsAddress, m_numberOfPumpActivations);
 }
 
-/// Asks the link itself, so that a failed counter leaves the device error as it is.
+/// Uses the link directly, so that a failed counter does not change error().
 bool KvPelloGripper::updateCounter(quint16 address, quint32 &counter)
 {
     const QVector<quint16> words =
         modbus().readRegisters(getSlaveId(), address, RegisterMap::counterCount);
     if (words.size() < RegisterMap::counterCount)
         return false;
-    // The answers of the three counters have the same length. Of two that arrive together the first
-    // one may be that of another counter; the old value stays until the next visit.
+    // The answers of the three counters have the same length. If two answers arrive together, the
+    // first one may belong to another counter. The old value stays until the next visit.
     if (!modbus().isAnswerAmbiguous())
         counter = doubleWord(words);
     return true;
@@ -294,7 +286,7 @@ bool KvPelloGripper::updateSlaveId(unsigned char newId)
     return true;
 }
 
-/// A device that has switched over already does not answer under its old id: a time-out counts as
+/// A device that already uses its new id does not answer under the old one, so a time-out counts as
 /// success.
 bool KvPelloGripper::writeSettings(QVector<quint16> settings, quint8 newId)
 {

@@ -5,52 +5,48 @@
 #include <array>
 #include <bitset>
 
-/// The driver's picture of one gripper: the input image, as last read from the device, and the
-/// output image, as it is written next. Getters and setters never touch the bus; updateInput(),
-/// initOutput(), updateOutput(), the construction and the maintenance reads do, pumping events
-/// while they wait. Serves every product family.
+/// A gripper of any product family. Holds the input image, which was last read from the device, and
+/// the output image, which is written next. The getters and setters of the images never use the
+/// bus. The constructor, the update functions and the maintenance functions use it and pump events.
 class KvPelloGripper : public KvDeviceBase
 {
     Q_OBJECT
 
 public:
-    /// The rate of every gripper's firmware, in baud.
-    static constexpr qint32 __baudRate = 115200;
-
-    /// Sets the link to 115200 baud, identifies the device and seeds the output image from it;
-    /// pumps events for 200 ms and more, for 300 ms and more when the device answers. Check error()
-    /// afterwards: an object that ends with any other than NoError is not used. A failure always
-    /// ends with InitilizationError; what led to it is told by errorOccurred().
+    /// Sets the link to the firmware's rate, identifies the device and starts the output image from
+    /// its state. Pumps events for at least 200 ms, and for at least 300 ms if the device answers.
+    /// After a failure, error() is InitilizationError and the object must not be used.
     KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObject *parent = nullptr);
     ~KvPelloGripper() override;
 
-    /// Whether the firmware version starts with the code of a known product family.
+    /// Whether the firmware version starts with the code of a product family.
     bool isValidDevice() override;
 
-    /// Reads the input block and the three counters. False when any of these reads failed or when
-    /// the input block is the firmware version; the image then keeps what was not read.
+    /// Reads the input block and the three counters. False if one of these reads failed or if the
+    /// input block is the firmware version. The image then keeps the values that were not read.
     bool updateInput();
 
-    /// Reads the input block and takes activation, go-to and position request over into the output
-    /// image, so that the first write does not change what the gripper is doing.
+    /// Reads the input and copies activation, go-to and position request to the output image, so
+    /// that the first write does not change the gripper's movement.
     bool initOutput();
 
-    /// Writes the output block, in the order that an activation needs. The image counts as sent
-    /// even when the write fails. Returns whether the device acknowledged. A write that follows a
-    /// failed one repeats it: what was set in between is new output again after the success.
+    /// Writes the output block and returns whether the device acknowledged it. The image counts as
+    /// sent also after a failure. A write after a failed one is its repetition: a field that was
+    /// set between the two is new output again after the success.
     bool updateOutput();
 
-    /// A scan has begun that will put a new object in this one's place. The new object starts with
-    /// other values, so from now on every field that a client sets counts, changed or not.
+    /// Call it when a scan begins that will replace this object. The new object starts with other
+    /// values, so from now on a field that a client sets counts also if its value stays the same.
     void expectReplacement() { m_isBeingReplaced = true; }
 
-    /// Takes over what clients have set on `predecessor` and the device has not acknowledged.
-    void takeOverUnsent(const KvPelloGripper &predecessor);
+    /// Copies the fields that clients have set on `predecessor` and the device has not
+    /// acknowledged.
+    void copyUnacknowledgedFields(const KvPelloGripper &predecessor);
 
     /// Whether the output image differs from what was last sent.
     bool isNewOutput() const { return m_newOutput != 0; }
 
-    /// True once the device is activated and has completed its activation (status 3).
+    /// 1 if the device is activated and has completed its activation (status 3), else 0.
     quint8 getActivateEcho() const;
     quint8 getGripperModeEcho() const { return m_gripperModeEcho; }
     quint8 getGoToEcho() const { return m_goToEcho; }
@@ -65,7 +61,7 @@ public:
     quint8 getLedRed() const { return m_output[LedRed]; }
     quint8 getLedBlue() const { return m_output[LedBlue]; }
     quint8 getLedGreen() const { return m_output[LedGreen]; }
-    /// The activation asked for and not yet carried out, not the bit last sent.
+    /// 1 if an activation is requested and not yet carried out. Not the bit that was last sent.
     quint8 getActivateRequest() const { return m_output[ActivateRequest]; }
     quint8 getGoToRequest() const { return m_output[GoTo]; }
     quint8 getAutoReleaseRequest() const { return m_output[AutoRelease]; }
@@ -75,13 +71,13 @@ public:
     quint8 getSpeedRequest() const { return m_output[SpeedRequest]; }
     quint8 getForceRequest() const { return m_output[ForceRequest]; }
 
-    /// Asks for an activation; always marks new output. A gripper that is active is deactivated
-    /// first, which takes a write of its own.
+    /// Requests an activation and always marks new output. An active gripper is first deactivated,
+    /// with a separate write.
     void setActivateRequest();
-    /// Withdraws the activation; always marks new output.
+    /// Withdraws the activation and always marks new output.
     void clearActivateRequest();
 
-    // Each of these marks new output only when it changes the image.
+    // Each of these marks new output only if it changes the image.
     void setGripperModeManual() { change(GripperMode, 0); }
     void setGripperModeAutomatic() { change(GripperMode, 1); }
     void setGoToRequest() { change(GoTo, 1); }
@@ -103,42 +99,41 @@ public:
     void setSpeedRequest(quint8 speed) { change(SpeedRequest, speed); }
     void setForceRequest(quint8 force) { change(ForceRequest, force); }
 
-    /// The counters as last read; 0 before.
+    /// The counters that were last read, or 0.
     quint32 getNumberOfCycles() const { return m_numberOfCycles; }
     quint32 getNumberOfSecondsPumpIsOn() const { return m_numberOfSecondsPumpIsOn; }
     quint32 getNumberOfPumpActivations() const { return m_numberOfPumpActivations; }
 
-    /// Each reads one counter into its cache; false, and the cache as it was, when the read fails.
-    /// An answer that may be that to another counter leaves the cache as it was, too. Leaves the
-    /// device error alone.
+    /// Each reads one counter. Returns false and keeps the old value if the read fails. Also keeps
+    /// the old value if the answer may belong to another counter. Does not change error().
     bool updateCycleNumber();
     bool updateNumberOfSecondsPumpIsOn();
     bool updateNumberOfPumpActivations();
 
-    /// Direct reads; 0 when the read fails.
+    /// Each reads from the device. 0 if the read fails.
     quint32 getOdometer();
     quint32 getMicroUniqueCRC();
     quint16 getActivationCountRange();
     quint16 get200NSpeedLimit();
 
-    /// Writes the speed limit at 200 N and reads it back after 50 ms. Returns true when the device
-    /// shows another value than `limit`, false when it shows `limit` or the write failed.
+    /// Writes the speed limit at 200 N and reads it back. Returns true if the device shows another
+    /// value than `limit`, and false if it shows `limit` or the write failed.
     bool set200NSpeedLimit(quint16 limit);
 
-    /// Stores `newId` in the device, checks it, restarts the firmware and from then on addresses
-    /// the device there. True when it carries the new id, at once if it did before; otherwise the
-    /// object keeps its id, and the device may or may not have stored the new one. Takes 5.9 s and
-    /// more and pumps events meanwhile. The range of `newId` is not checked.
+    /// Stores `newId` in the device, checks it, restarts the firmware and then uses the new id.
+    /// Returns true if the device has the new id, at once if it had it before. After a failure the
+    /// object keeps its id, but the device may have stored the new one. Pumps events for at least
+    /// 5.9 s. Does not check the range of `newId`.
     bool updateSlaveId(unsigned char newId);
 
 private:
-    /// The fields that clients set, and the activation bit that follows from them.
+    /// The fields that clients set, and the activation bit that results from them.
     enum OutputField {
         LedBypass,
         LedRed,
         LedBlue,
         LedGreen,
-        ActivateRequest, ///< Asked for and not yet carried out.
+        ActivateRequest, ///< Requested and not yet carried out.
         ActivateOutput,  ///< The bit that the next write sends.
         GripperMode,
         GoTo,
@@ -164,7 +159,7 @@ private:
     void store(OutputField field, quint8 value);
     void change(OutputField field, quint8 value);
 
-    // Until the first read nothing looks inactive, and the first poll always writes.
+    // Before the first read the gripper counts as active. The first visit always writes.
     quint8 m_activateEcho = 1;
     quint8 m_gripperModeEcho = 0;
     quint8 m_goToEcho = 0;
@@ -180,8 +175,8 @@ private:
     quint32 m_numberOfPumpActivations = 0;
     std::array<quint8, outputFieldCount> m_output{};
     quint8 m_newOutput = 1;
-    OutputFields m_unsent;            ///< Set, and not acknowledged by the device since.
+    OutputFields m_unacknowledged;    ///< Set by a client, not acknowledged by the device since.
     OutputFields m_setSinceAttempt;   ///< Set since the first attempt of the latest write.
-    bool m_isWriteUnanswered = false; ///< The latest attempt failed: the next one repeats it.
+    bool m_isWriteUnanswered = false; ///< The latest attempt failed, so the next one repeats it.
     bool m_isBeingReplaced = false;
 };

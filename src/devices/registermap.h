@@ -15,8 +15,8 @@ constexpr quint16 restartFirmware = 0x5600;
 // Communication settings
 constexpr quint16 settingsAddress = 430;
 constexpr quint16 settingsCount = 5;
-constexpr int settingsSlaveIdIndex = 4; // in the low byte; the high byte is another setting
-constexpr quint16 settingsTrailer[] = {0x0000, 0x0036}; // written behind the settings, always
+constexpr int settingsSlaveIdIndex = 4; // the low byte; the high byte is another setting
+constexpr quint16 settingsTrailer[] = {0x0000, 0x0036}; // the last words of every write
 
 // Identity
 constexpr quint16 commandAddress = 401;
@@ -27,7 +27,7 @@ constexpr quint16 serialNumberCount = 4;
 constexpr quint16 productionYearAddress = 514;
 constexpr quint16 storeIdentityCommand = 0x4900;
 
-// Output block, always written whole
+// Output block, written as a whole
 constexpr quint16 outputAddress = 1000;
 constexpr int ledBypassShift = 4;
 constexpr int ledRedShift = 5;
@@ -61,7 +61,7 @@ constexpr quint16 speedLimitCommand = 130;
 constexpr quint16 microUniqueCrcAddress = 515;
 constexpr quint16 cyclesAddress = 600;
 constexpr quint16 pumpSecondsAddress = 602;     // also the odometer
-constexpr quint16 pumpActivationsAddress = 604; // its low word alone is the activation count range
+constexpr quint16 pumpActivationsAddress = 604; // the low word is the activation count range
 constexpr quint16 counterCount = 2;
 
 } // namespace RegisterMap

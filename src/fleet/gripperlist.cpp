@@ -10,17 +10,17 @@
 
 namespace {
 
+// Keep this longer than a visit, which takes 42 ms. A tick that is due during a visit is lost: with
+// 40 ms, the period of the visits becomes 80 ms.
 constexpr int throttledIntervalMs = 50;
 constexpr int fastIntervalMs = 5;
 constexpr int scanBackOffMs = 1000;
+// A gripper that returns later must not carry out an old command.
+constexpr int predecessorsLifetimeMs = 5000;
 
-constexpr int familyLetterIndex = 1;
-
-bool isOfFamily(const GripperList::Gripper &gripper, char familyLetter)
+bool isSameDevice(const GripperList::Gripper &first, const GripperList::Gripper &second)
 {
-    const QString version = gripper->getFirmwareVersion();
-    return version.size() > familyLetterIndex &&
-           version[familyLetterIndex] == QLatin1Char(familyLetter);
+    return first->getSerialNumber() == second->getSerialNumber();
 }
 
 } // namespace
@@ -34,7 +34,7 @@ GripperList::GripperList(const ModbusConstraintsFactory &constraintsFactory, QOb
     , m_tickIntervalMs(throttledIntervalMs)
 {
     m_scanBackOffTimer->setSingleShot(true);
-    // A coarse timer may fire early: a failed discovery is repeated no sooner than this.
+    // A coarse timer may fire early.
     m_scanBackOffTimer->setTimerType(Qt::PreciseTimer);
     connect(m_stateLoopTimer, &QTimer::timeout, this, &GripperList::onTimerStateLoopTimeout);
     m_stateLoopTimer->setTimerType(Qt::PreciseTimer);
@@ -87,8 +87,8 @@ void GripperList::setMuted(bool muted)
 
 void GripperList::setThrottled(bool throttled)
 {
-    // The tick takes it up: setting it on the running timer would restart the period, and a client
-    // that sends it often enough would stop polling.
+    // The tick sets the timer. A change from here restarts the period: a client that sends THROTTLE
+    // often enough would stop polling.
     m_tickIntervalMs = throttled ? throttledIntervalMs : fastIntervalMs;
 }
 
@@ -100,7 +100,7 @@ void GripperList::requestScan()
 void GripperList::requestScanBlock()
 {
     m_loopStep = LoopStep::Discover;
-    // Inside the wait of another operation the flag stays set for that one.
+    // If this runs inside the wait of another operation, the flag must stay set for that one.
     const QScopedValueRollback<bool> busy(m_busy, true);
     m_linkStatus = LinkStatus::Scanning;
     discoverState();
@@ -169,8 +169,8 @@ void GripperList::updateInputState()
         restartDiscovery(LinkStatus::ErrorScanning);
         return;
     }
-    if (!succeedsInTime([&] { return gripper->updateInput(); },
-                        "gripper->updateInput() fail counter: ")) {
+    if (!succeedsWithinRetries([&] { return gripper->updateInput(); },
+                               "gripper->updateInput() fail counter: ")) {
         onAccessFailed();
         return;
     }
@@ -189,8 +189,8 @@ void GripperList::updateOutputState()
         selectNextSlaveState();
         return;
     }
-    if (!succeedsInTime([&] { return gripper->updateOutput(); },
-                        "gripper->updateOutput() fail counter: ")) {
+    if (!succeedsWithinRetries([&] { return gripper->updateOutput(); },
+                               "gripper->updateOutput() fail counter: ")) {
         onAccessFailed();
         return;
     }
@@ -198,8 +198,10 @@ void GripperList::updateOutputState()
     m_linkStatus = LinkStatus::Running;
 }
 
-/// Up to six attempts. The sixth comes too late to count: its result is not looked at.
-bool GripperList::succeedsInTime(const std::function<bool()> &access, const char *failureText)
+/// Repeats a failed access until it succeeds or has failed __maxGripperCommunicationRetries times.
+/// After these failures one more attempt follows, but its result does not count.
+bool GripperList::succeedsWithinRetries(const std::function<bool()> &access,
+                                        const char *failureText)
 {
     int failCounter = 0;
     while (!access()) {
@@ -234,7 +236,7 @@ GripperList::Gripper GripperList::currentGripper() const
 
 void GripperList::discoverState()
 {
-    // Looking at ports blocks the thread, and setting the rate may disturb an answer.
+    // The search for ports blocks the thread, and a new rate may disturb an answer.
     m_modbus.waitUntilQuiet();
     if (quitRequested() || m_upgradeService.isUpgrading())
         return;
@@ -247,6 +249,8 @@ void GripperList::discoverState()
             startPolling();
         return;
     }
+    for (auto gripper = m_grippers.cbegin(); gripper != m_grippers.cend(); ++gripper)
+        keepPredecessor(gripper.key(), gripper.value());
     m_grippers.clear();
     m_currentSlaveId.reset();
     const QStringList portNames = getAvailableSerialPorts();
@@ -254,7 +258,7 @@ void GripperList::discoverState()
         if (quitRequested())
             return;
         const bool isUndisturbed = scanUndisturbed(portName);
-        // The other scan knew this port only: without a gripper the search goes on.
+        // The other scan only scanned this port. If it found no gripper, the search continues.
         if (!isUndisturbed && !m_grippers.isEmpty())
             return;
         if (!m_grippers.isEmpty()) {
@@ -266,7 +270,7 @@ void GripperList::discoverState()
     }
 }
 
-/// The position is on the first gripper, so the next step advances to the second before it reads.
+/// The next step selects the second gripper before it reads.
 void GripperList::startPolling()
 {
     m_currentSlaveId = m_grippers.firstKey();
@@ -278,7 +282,7 @@ void GripperList::openLink(const QString &portName)
 {
     m_modbus.setConstraints(m_constraintsFactory.getModbusConstraints(portName));
     m_modbus.setPortName(portName);
-    m_modbus.setBaudRate(KvPelloGripper::__baudRate);
+    m_modbus.setBaudRate(KvPelloGripper::firmwareBaudRate);
     m_modbus.connectToDevice();
 }
 
@@ -287,10 +291,9 @@ void GripperList::scan(const QString &portName)
     scanUndisturbed(portName);
 }
 
-/// False when this scan's result does not count. Another scan that ran from its beginning to its end
-/// inside this one's waits has brought the list and the loop up to date already. Clients may have
-/// changed the grippers that it found, and this scan's objects for the same grippers do not know of
-/// that. An upgrade that began inside the waits closed the link.
+/// Returns whether the result of this scan counts. It does not if another scan ran inside the waits
+/// of this one. That scan has already updated the list and the loop, and clients may have changed
+/// its grippers. The result does not count either if an upgrade began and closed the link.
 bool GripperList::scanUndisturbed(const QString &portName)
 {
     if (m_upgradeService.isUpgrading())
@@ -298,8 +301,9 @@ bool GripperList::scanUndisturbed(const QString &portName)
     openLink(portName);
     if (!m_modbus.isConnected())
         return true;
-    for (const Gripper &gripper : qAsConst(m_grippers))
-        gripper->expectReplacement();
+    expectReplacements();
+    if (m_predecessorsLifetime.hasExpired())
+        m_predecessors.clear();
     const unsigned int disturbances = m_scanDisturbances;
     const QVector<Gripper> found = KvPelloGripperFinder::instance()->scanPort(m_modbus);
     if (quitRequested())
@@ -308,14 +312,14 @@ bool GripperList::scanUndisturbed(const QString &portName)
     ++m_scanDisturbances;
     if (isUndisturbed) {
         for (quint8 slaveId = __min_slave_id; slaveId <= __max_slave_id; ++slaveId)
-            takeOver(slaveId, found);
+            updateEntry(slaveId, found);
     }
     qInfo() << "Connected serial port :" << portName;
     qInfo() << m_grippers.keys();
     return isUndisturbed;
 }
 
-void GripperList::takeOver(quint8 slaveId, const QVector<Gripper> &found)
+void GripperList::updateEntry(quint8 slaveId, const QVector<Gripper> &found)
 {
     Gripper match;
     for (const Gripper &gripper : found) {
@@ -326,12 +330,27 @@ void GripperList::takeOver(quint8 slaveId, const QVector<Gripper> &found)
         removeGripper(slaveId);
         return;
     }
-    if (const Gripper predecessor = m_grippers.value(slaveId))
-        match->takeOverUnsent(*predecessor);
+    const Gripper removed = m_predecessors.take(slaveId);
+    const Gripper predecessor = m_grippers.value(slaveId, removed);
+    if (predecessor && isSameDevice(predecessor, match))
+        match->copyUnacknowledgedFields(*predecessor);
     m_grippers.insert(slaveId, match);
 }
 
-/// A position that rested on the entry goes to the first gripper.
+void GripperList::expectReplacements()
+{
+    for (const Gripper &gripper : qAsConst(m_grippers))
+        gripper->expectReplacement();
+}
+
+void GripperList::keepPredecessor(quint8 slaveId, const Gripper &gripper)
+{
+    gripper->expectReplacement();
+    m_predecessors.insert(slaveId, gripper);
+    m_predecessorsLifetime.setRemainingTime(predecessorsLifetimeMs);
+}
+
+/// If the position was at this gripper, it moves to the first one.
 void GripperList::removeGripper(quint8 slaveId)
 {
     m_grippers.remove(slaveId);
@@ -354,7 +373,7 @@ QStringList GripperList::getAvailableSerialPorts() const
         qInfo() << "command : " << command;
         qInfo() << "error : " << exitCode << "\n";
     };
-    // The tool-flange port comes first, whether or not the enumeration knows it.
+    // The tool-flange port comes first, also if the enumeration does not list it.
     QStringList portNames{QStringLiteral("ttyTool")};
     for (const QSerialPortInfo &port : present) {
         if (isUsbSerialPortName(port.portName()) && isPortFree(port.portName(), report))
@@ -365,27 +384,27 @@ QStringList GripperList::getAvailableSerialPorts() const
 
 bool GripperList::isPello(const Gripper &gripper) const
 {
-    return isOfFamily(gripper, 'A');
+    return productFamilyOf(gripper->getFirmwareVersion()) == &pelloFamily;
 }
 
 bool GripperList::isVarno(const Gripper &gripper) const
 {
-    return isOfFamily(gripper, 'B');
+    return productFamilyOf(gripper->getFirmwareVersion()) == &varnoFamily;
 }
 
 bool GripperList::isZentra(const Gripper &gripper) const
 {
-    return isOfFamily(gripper, 'E');
+    return productFamilyOf(gripper->getFirmwareVersion()) == &zentraFamily;
 }
 
 bool GripperList::isSorbix(const Gripper &gripper) const
 {
-    return isOfFamily(gripper, 'F');
+    return productFamilyOf(gripper->getFirmwareVersion()) == &sorbixFamily;
 }
 
 bool GripperList::updateGripperSlaveId(unsigned char oldId, unsigned char newId)
 {
-    // Inside the wait of another operation the flag stays set for that one.
+    // If this runs inside the wait of another operation, the flag must stay set for that one.
     const QScopedValueRollback<bool> busy(m_busy, true);
     const Gripper gripper = getGripperFromSlaveId(oldId);
     if (!gripper)
@@ -394,10 +413,19 @@ bool GripperList::updateGripperSlaveId(unsigned char oldId, unsigned char newId)
         qInfo() << "fail to update slave id from " << oldId << " to " << newId;
         return false;
     }
-    // In this order also when both ids are the same: the gripper then leaves the list until the
-    // next discovery finds it.
+    // A scan inside the move may have found the gripper at either id, and clients may have set
+    // fields of the new object.
+    for (const quint8 slaveId : {oldId, newId}) {
+        const Gripper scanned = m_grippers.value(slaveId);
+        if (scanned && scanned != gripper && isSameDevice(scanned, gripper))
+            gripper->copyUnacknowledgedFields(*scanned);
+    }
+    // The order matters if both ids are the same: the gripper then leaves the list until the next
+    // discovery.
     m_grippers.insert(newId, gripper);
     removeGripper(oldId);
+    if (oldId == newId)
+        keepPredecessor(newId, gripper);
     qInfo() << "update slave id from " << oldId << " to " << newId;
     return true;
 }

@@ -4,8 +4,10 @@
 #include "kvmodbuscustom.h"
 #include "kvpellogripper.h"
 #include "modbusconstraintsfactory.h"
+#include "productfamily.h"
 
 #include <QByteArray>
+#include <QDeadlineTimer>
 #include <QList>
 #include <QMap>
 #include <QObject>
@@ -17,15 +19,15 @@
 #include <functional>
 #include <optional>
 
-/// Owns the serial link and every gripper on it. A timer drives a state machine that discovers
-/// grippers, reads each one's inputs and writes its outputs when they changed. Clients read and
-/// change the images of the grippers that this list hands out; the loop carries them to the bus.
+/// Owns the serial link and every gripper on it. A timer drives a state machine, the state loop. It
+/// discovers grippers, reads their inputs and writes their outputs if they changed. Clients read
+/// and change the images of the grippers; only the list uses the bus.
 ///
-/// While the flashing program runs, the list opens no port and sends nothing. Requests keep their
-/// replies, the list stays as it is, and a scan that was asked for follows when the program ends.
+/// While the flashing program runs, the list opens no port and sends nothing, and it keeps its
+/// grippers. If a client requests a scan meanwhile, the scan follows when the program ends.
 ///
-/// Whatever touches the bus pumps events, so a client's request may run inside it and replace or
-/// remove every gripper: after a wait nothing but a shared pointer in hand is certain.
+/// Every function that uses the bus pumps events. A client's request may then replace or remove
+/// every gripper. After a wait, use only the shared pointers that you hold.
 class GripperList : public QObject
 {
     Q_OBJECT
@@ -33,15 +35,15 @@ class GripperList : public QObject
 public:
     using Gripper = QSharedPointer<KvPelloGripper>;
 
-    /// `constraintsFactory` must outlive the list. Opens no port; the first tick does, 50 ms on.
+    /// `constraintsFactory` must outlive the list. The first tick opens the port.
     GripperList(const ModbusConstraintsFactory &constraintsFactory, QObject *parent);
     ~GripperList() override;
 
-    /// Null when no gripper has that id.
+    /// Null if no gripper has this id.
     Gripper getGripperFromSlaveId(unsigned char slaveId) const;
 
-    /// The gripper in the list at the id of `gripper`, which a scan may have replaced; `gripper`
-    /// itself when there is none.
+    /// The gripper that the list has now at the id of `gripper`, because a scan may have replaced
+    /// it. `gripper` itself if the list has no gripper there.
     Gripper latest(const Gripper &gripper) const;
 
     /// Ascending.
@@ -52,107 +54,117 @@ public:
 
     QString getModbusName() const;
 
-    /// Suspends polling, or lets it go on.
+    /// Suspends polling (true) or continues it (false).
     void setMuted(bool muted);
 
-    /// Lets the state loop tick every 50 ms (true) or every 5 ms (false), from its next period on.
+    /// Lets the state loop tick at its ordinary interval (true) or as fast as the bus allows
+    /// (false). Applies from the next period.
     void setThrottled(bool throttled);
 
-    /// Asks for a scan after the output step of the gripper being polled. Returns at once.
+    /// Requests a scan after the next output step. Returns at once.
     void requestScan();
 
-    /// Scans in this call, whatever the state loop is doing; pumps events for a second and more.
+    /// Scans now, in any state of the loop. Pumps events.
     void requestScanBlock();
 
-    /// Brings the grippers up to date with what answers on `portName`. Changes nothing when the
-    /// port cannot be opened; leaves it open otherwise. A gripper that answers again is a new
-    /// object, with the fields that clients have set and the device has not acknowledged. Pumps
-    /// events; when another scan has ended meanwhile, that one's result stays.
+    /// Replaces the grippers by those that answer on `portName`. Opens the port and leaves it open;
+    /// changes nothing if this fails. A gripper that answers again is a new object with the fields
+    /// that clients have set and the device has not acknowledged. Pumps events. If another scan
+    /// ends meanwhile, the result of that scan stays.
     void scan(const QString &portName);
 
     /// Rescans the port in use, or looks for a port with grippers. Pumps events, and blocks the
     /// thread while `fuser` runs.
     void discoverState();
 
-    /// "ttyTool", then every USB serial port that no process holds open. Blocks the thread while
+    /// "ttyTool", then every USB serial port that no process has open. Blocks the thread while
     /// `fuser` runs.
     QStringList getAvailableSerialPorts() const;
 
-    /// Product families, told by the second character of the firmware version.
+    /// The product family, by the second character of the firmware version only.
     bool isPello(const Gripper &gripper) const;
     bool isVarno(const Gripper &gripper) const;
     bool isSorbix(const Gripper &gripper) const;
     bool isZentra(const Gripper &gripper) const;
 
-    /// Moves a gripper to another slave id, on the device and in this list; ticks stay out
-    /// meanwhile. Takes 5.9 s and more and pumps events. The id that the gripper already has
-    /// succeeds at once and takes the gripper off the list until the next discovery.
+    /// Moves a gripper to another slave id, on the device and in this list. Pumps events for as
+    /// long as KvPelloGripper::updateSlaveId(); no tick runs meanwhile. If both ids are the same,
+    /// returns true after one read, and the gripper leaves the list until the next discovery.
     bool updateGripperSlaveId(unsigned char oldId, unsigned char newId);
 
-    /// Whether the gripper's bootloader is that of the microcontroller's ROM.
+    /// Whether the gripper has romBootloader.
     bool hasStBootloader(const Gripper &gripper) const;
 
-    /// Whether the gripper's bootloader answers on the port now; needs the link closed. Pumps
-    /// events until the line is quiet, then blocks the thread for up to 5.1 s.
+    /// Whether the gripper's bootloader answers now. The link must be closed. Pumps events until
+    /// the line is quiet, then blocks the thread like KvDeviceBase::detectBootloader().
     bool isDeviceInBootloaderMode(const Gripper &gripper);
 
-    /// Sends the gripper into its bootloader; true when it answers there, also when the answer to
-    /// the reset was lost. Polling is muted afterwards, unless it was there already; ticks stay out
-    /// meanwhile. False at once while the flashing program runs. Pumps events, then blocks for up to
-    /// 5.1 s, twice when the link is closed.
+    /// Sends the gripper into its bootloader. Returns whether the bootloader answers, also if the
+    /// answer to the reset was lost. Mutes polling, unless the gripper was already in its
+    /// bootloader. No tick runs meanwhile. Returns false at once while the flashing program runs.
+    /// Pumps events, then blocks the thread like KvDeviceBase::detectBootloader(), twice if the
+    /// link is closed.
     bool jumpToBootloader(const Gripper &gripper);
 
+    /// Whether a bootloader jump waits for the answer to its reset. The line must stay quiet until
+    /// the jump has ended.
+    bool isJumpRunning() const { return m_jumpRunning; }
+
     /// Sends the gripper into its bootloader and starts the flashing program with the firmware of
-    /// its family. True once that was tried: how it ended shows when polling resumes. False when a
-    /// jump or an upgrade is running, or when there is no bootloader or no firmware for the
-    /// gripper; polling then stays muted.
+    /// its family. Returns true also if the program does not start. Returns false at once while a
+    /// jump or an upgrade is running. Returns false if no bootloader answers or if there is no
+    /// firmware for the gripper; polling stays as jumpToBootloader() left it.
     bool upgradeFirmware(const Gripper &gripper);
 
-    /// Has the gripper sent into its bootloader at the next tick that is not held back.
+    /// Sends the gripper into its bootloader at the next tick that runs.
     void resetToBootloader(const Gripper &gripper);
 
     /// 1 while the flashing program runs, else 0.
     int getUpgradeStatus() const;
 
     /// Firmware images, relative to the working directory.
-    static constexpr char __firmwareGripperA[] = "firmware/TA3-1.6.14.bin";
-    static constexpr char __firmwareGripperB[] = "firmware/TB1-1.4.3.bin";
-    static constexpr char __firmwareGripperE[] = "firmware/TE1-2.0.2.bin";
-    static constexpr char __firmwareGripperF[] = "firmware/TF1-2.0.2.bin";
+    static constexpr const char *__firmwareGripperA = pelloFamily.firmwareImage;
+    static constexpr const char *__firmwareGripperB = varnoFamily.firmwareImage;
+    static constexpr const char *__firmwareGripperE = zentraFamily.firmwareImage;
+    static constexpr const char *__firmwareGripperF = sorbixFamily.firmwareImage;
 
+    /// The loop gives up the link after so many failures of an access in a row.
     static constexpr int __maxGripperCommunicationRetries = 5;
+
+    /// A scan drops grippers with ids outside of this range and logs nothing.
     static constexpr quint8 __min_slave_id = 1;
+    /// Also the id that a new client addresses.
     static constexpr quint8 __max_slave_id = 9;
 
 public slots:
-    /// One tick of the state loop. Does nothing while a tick, a blocking scan, a slave id move, a
-    /// bootloader jump or the flashing program is running, or while polling is muted.
+    /// One tick of the state loop. Does nothing while polling is muted, and while a tick, a
+    /// blocking scan, a slave id move, a bootloader jump or the flashing program is running.
     void onTimerStateLoopTimeout();
 
-    /// The flashing program has ended, with whatever result: polling continues, with a scan if one
-    /// was asked for meanwhile.
+    /// Call it when the flashing program has ended. Continues polling, and scans first if a client
+    /// has requested a scan meanwhile.
     void unmuteOnUpgradeFinished();
 
 private:
     friend class tst_GripperList;
 
-    /// What the next tick does.
+    /// The work of the next tick.
     enum class LoopStep : qint32 {
-        Discover = 0,   ///< Look for grippers, unless the pause after a failure is still running.
-        SelectNext = 1, ///< Take up the next gripper and read it.
-        ReadInput = 2,  ///< Read the gripper at the current position.
-        WriteOutput = 3 ///< Write it if its outputs changed, or else go on to the next.
+        Discover = 0,   ///< Look for grippers, unless the pause after a failed discovery runs.
+        SelectNext = 1, ///< Select the next gripper and read it.
+        ReadInput = 2,  ///< Read the current gripper.
+        WriteOutput = 3 ///< Write the current gripper if its outputs changed, else read the next.
     };
 
-    /// What clients are told about the link.
+    /// The state of the link that clients see.
     enum class LinkStatus : qint32 {
-        Scanning = 0,      ///< No gripper has been found yet, or a scan was asked for.
+        Scanning = 0,      ///< No gripper has been found yet, or a client has requested a scan.
         Running = 1,       ///< The last access succeeded.
-        ErrorScanning = 2, ///< The link went down, or there was no gripper to poll.
-        Timeout = 3        ///< A gripper stopped answering; the link was closed.
+        ErrorScanning = 2, ///< The link went down, or the list has no gripper.
+        Timeout = 3        ///< A gripper gave no answer, so the loop closed the link.
     };
 
-    bool isInBootloaderWithoutAnswer(const Gripper &gripper);
+    bool isInBootloaderAfterLostAnswer(const Gripper &gripper);
     void jumpPendingToBootloader();
     void runStep();
     void discoverTick();
@@ -164,15 +176,21 @@ private:
     void startPolling();
     void openLink(const QString &portName);
     bool scanUndisturbed(const QString &portName);
-    void takeOver(quint8 slaveId, const QVector<Gripper> &found);
+    void updateEntry(quint8 slaveId, const QVector<Gripper> &found);
     void removeGripper(quint8 slaveId);
+    void expectReplacements();
+    void keepPredecessor(quint8 slaveId, const Gripper &gripper);
     Gripper currentGripper() const;
-    static bool succeedsInTime(const std::function<bool()> &access, const char *failureText);
+    static bool succeedsWithinRetries(const std::function<bool()> &access, const char *failureText);
 
     KvModbusCustom m_modbus;
     QMap<quint8, Gripper> m_grippers;
-    /// The slave id of the gripper being polled; none stands for the map's end. An id, because a
-    /// scan may replace or remove every entry while a step waits.
+    /// Grippers that left the list. A scan that finds them again soon copies the fields that
+    /// clients have set and the device has not acknowledged.
+    QMap<quint8, Gripper> m_predecessors;
+    QDeadlineTimer m_predecessorsLifetime;
+    /// The slave id of the gripper that is polled now. Not an iterator, because a scan may replace
+    /// or remove every entry while a step waits.
     std::optional<quint8> m_currentSlaveId;
     QTimer *m_stateLoopTimer;
     QTimer *m_scanBackOffTimer;
@@ -186,8 +204,8 @@ private:
     QList<Gripper> m_pendingBootloader;
     bool m_tickRunning = false;
     bool m_jumpRunning = false;
-    /// Counts what spoils a scan that is suspended in its waits: scans that end, upgrades that
-    /// begin.
+    /// Counts the events that make the result of a waiting scan invalid: another scan has ended, or
+    /// an upgrade has begun.
     unsigned int m_scanDisturbances = 0;
     int m_tickIntervalMs;
 };

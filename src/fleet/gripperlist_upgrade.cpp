@@ -4,42 +4,30 @@
 #include <QDebug>
 #include <QScopedValueRollback>
 
-#include <algorithm>
-#include <array>
-
 namespace {
 
 constexpr unsigned int jumpTimeoutMs = 2000;
-constexpr unsigned int detectionRetries = 50;
 
-struct Firmware
+/// A gripper of an unknown family counts as one with ownBootloader.
+const Bootloader &bootloaderOf(const GripperList::Gripper &gripper)
 {
-    bool (GripperList::*isFamily)(const GripperList::Gripper &gripper) const;
-    const char *file;
-    QSerialPort::BaudRate baudRate;
-};
-
-constexpr std::array<Firmware, 4> firmwares{{
-    {&GripperList::isVarno, GripperList::__firmwareGripperB, QSerialPort::Baud19200},
-    {&GripperList::isPello, GripperList::__firmwareGripperA, QSerialPort::Baud19200},
-    {&GripperList::isZentra, GripperList::__firmwareGripperE, QSerialPort::Baud115200},
-    {&GripperList::isSorbix, GripperList::__firmwareGripperF, QSerialPort::Baud115200},
-}};
+    const ProductFamily *const family = productFamilyOf(gripper->getFirmwareVersion());
+    return family != nullptr ? *family->bootloader : ownBootloader;
+}
 
 } // namespace
 
 bool GripperList::hasStBootloader(const Gripper &gripper) const
 {
-    return isVarno(gripper) || isPello(gripper);
+    return &bootloaderOf(gripper) == &romBootloader;
 }
 
 bool GripperList::isDeviceInBootloaderMode(const Gripper &gripper)
 {
-    // The link may have been closed under a request whose answer is still to come.
+    // A request may still wait for its answer although the link is closed.
     m_modbus.waitUntilQuiet();
-    return gripper->detectBootloader(hasStBootloader(gripper) ? QSerialPort::Baud19200
-                                                              : QSerialPort::Baud115200,
-                                     detectionRetries);
+    return gripper->detectBootloader(bootloaderOf(gripper).baudRate,
+                                     KvPelloGripper::bootloaderRetries);
 }
 
 bool GripperList::jumpToBootloader(const Gripper &gripper)
@@ -47,23 +35,22 @@ bool GripperList::jumpToBootloader(const Gripper &gripper)
     if (m_upgradeService.isUpgrading())
         return false;
     const QScopedValueRollback<bool> running(m_jumpRunning, true);
-    // Inside the wait of another operation the flag stays set for that one.
+    // If this runs inside the wait of another operation, the flag must stay set for that one.
     const QScopedValueRollback<bool> busy(m_busy, true);
     if (isDeviceInBootloaderMode(gripper))
         return true;
     bool isInBootloader = hasStBootloader(gripper) ? gripper->jumpToStBootloader(jumpTimeoutMs)
                                                    : gripper->jumpToTavrinBootloader(jumpTimeoutMs);
-    // The link is open only when no answer to the reset came, or a damaged one. The gripper may
-    // have obeyed all the same.
+    // The link is still open if the reset got no valid answer. The gripper may have obeyed anyway.
     if (!isInBootloader && m_modbus.isConnected())
-        isInBootloader = isInBootloaderWithoutAnswer(gripper);
+        isInBootloader = isInBootloaderAfterLostAnswer(gripper);
     setMuted(true);
     return isInBootloader;
 }
 
-/// A link that leads to no bootloader is open again afterwards, at its own rate: once unmuted,
-/// polling continues on it.
-bool GripperList::isInBootloaderWithoutAnswer(const Gripper &gripper)
+/// If no bootloader answers, opens the link again, at its old rate: polling continues on it when it
+/// is unmuted.
+bool GripperList::isInBootloaderAfterLostAnswer(const Gripper &gripper)
 {
     m_modbus.disconnectFromDevice();
     if (isDeviceInBootloaderMode(gripper))
@@ -74,21 +61,20 @@ bool GripperList::isInBootloaderWithoutAnswer(const Gripper &gripper)
 
 bool GripperList::upgradeFirmware(const Gripper &gripper)
 {
-    // A jump that waits for its answer opens the port again when it resumes.
+    // A jump that is waiting for its answer would open the port again while the program flashes.
     if (m_jumpRunning || !jumpToBootloader(gripper))
         return false;
-    const auto *firmware =
-        std::find_if(firmwares.begin(), firmwares.end(),
-                     [&](const Firmware &row) { return (this->*row.isFamily)(gripper); });
-    if (firmware == firmwares.end())
+    const ProductFamily *const family = productFamilyOf(gripper->getFirmwareVersion());
+    if (family == nullptr)
         return false;
     ++m_scanDisturbances;
+    // The scan after the upgrade creates new objects.
+    expectReplacements();
     m_modbus.disconnectFromDevice();
-    while (isPello(gripper) && m_modbus.isConnected())
-        m_modbus.disconnectFromDevice();
-    const bool isStarted = m_upgradeService.startUpgrade(
-        QString::fromLatin1(firmware->file), firmware->baudRate, m_modbus.getPortName());
-    if (isPello(gripper))
+    const bool isStarted =
+        m_upgradeService.startUpgrade(QString::fromLatin1(family->firmwareImage),
+                                      family->bootloader->baudRate, m_modbus.getPortName());
+    if (family == &pelloFamily)
         qInfo() << "upgrade started : " << (isStarted ? "true" : "false");
     return true;
 }

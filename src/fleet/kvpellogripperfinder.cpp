@@ -61,7 +61,7 @@ KvPelloGripperFinder::scanAllSerialPorts(quint16 slaveId)
     return gripperByPort;
 }
 
-/// The ports come as full paths, which the factory takes for ordinary ports, whatever their kind.
+/// The factory gets full paths, so every port has the default timing.
 void KvPelloGripperFinder::onEachAvailablePort(
     const std::function<void(const QString &portName, KvModbusCustom &link)> &visit)
 {
@@ -69,7 +69,7 @@ void KvPelloGripperFinder::onEachAvailablePort(
     for (const QString &portName : portNames) {
         KvModbusCustom link(nullptr);
         link.setConstraints(m_constraintsFactory.getModbusConstraints(portName));
-        link.setBaudRate(KvPelloGripper::__baudRate);
+        link.setBaudRate(KvPelloGripper::firmwareBaudRate);
         link.setPortName(portName);
         link.connectToDevice();
         visit(portName, link);

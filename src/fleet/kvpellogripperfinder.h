@@ -11,9 +11,9 @@
 
 class KvModbusCustom;
 
-/// Finds grippers by probing a fixed, short list of slave ids. One for the process, created on
-/// first use and never destroyed. Every scan pumps events while it waits; the whole-system scans
-/// also block the thread while `fuser` runs.
+/// Finds grippers by probing a short, fixed list of slave ids. The process has one finder, created
+/// at its first use and never destroyed. Every scan pumps events while it waits. The scans of all
+/// ports also block the thread while `fuser` runs.
 class KvPelloGripperFinder
 {
 public:
@@ -21,16 +21,16 @@ public:
 
     static KvPelloGripperFinder *instance();
 
-    /// The grippers that answer on `link`, in the order of the ids probed: 9, 2, 3, 4. Opens the
-    /// link unless it is open and leaves it open; empty when it cannot be opened.
+    /// The grippers that answer on `link`, in the order of __slaveIdsToScan. Opens the link
+    /// unless it is open and leaves it open. Empty if the link cannot be opened.
     QVector<Gripper> scanPort(KvModbusAbstract &link);
 
-    /// What answers on every USB serial port that nobody holds open, by full port path. Ports
-    /// without grippers are left out. The links are closed and gone afterwards: the grippers are
-    /// for inspection only, any bus access through them is invalid.
+    /// The grippers on every USB serial port that no process has open, by the full path of the
+    /// port. Ports without grippers are left out. The grippers are for inspection only: their links
+    /// no longer exist, so they must not use the bus.
     QMap<QString, QVector<Gripper>> scanAllSerialPorts();
 
-    /// The same for the one gripper with this slave id.
+    /// The same for the gripper with this slave id on each port.
     QMap<QString, Gripper> scanAllSerialPorts(quint16 slaveId);
 
 private:

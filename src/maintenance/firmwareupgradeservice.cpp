@@ -20,7 +20,7 @@ FirmwareUpgradeService::FirmwareUpgradeService()
 
 FirmwareUpgradeService::~FirmwareUpgradeService()
 {
-    // Nobody is told any more: whoever listens is being destroyed as well.
+    // The receiver of upgradeFinished() owns this object and is being destroyed, too.
     disconnect(&m_process, nullptr, this, nullptr);
     m_process.kill();
     m_process.waitForFinished();

@@ -7,9 +7,9 @@
 #include <QString>
 #include <QVector>
 
-/// The one interface through which a device talks to its bus. Requests report by their result and
-/// by error(), which every request overwrites: read it right after the request, before events are
-/// processed again. Nothing is thrown.
+/// A Modbus master, the only way from a device to its bus. Requests report by their result and by
+/// error(). Every request overwrites error(): read it directly after the request, before the event
+/// loop runs again.
 class KvModbusAbstract : public QObject
 {
     Q_OBJECT
@@ -18,8 +18,8 @@ public:
     enum KvModbusError {
         NoError = 0,      ///< The last request succeeded.
         TimeoutError = 1, ///< Not written in time, or no complete answer with the right header.
-        BadCrcError = 2,  ///< A complete answer came, its checksum is wrong.
-        NotConnectedError = 3, ///< The link is not open; nothing was sent. Reconnect first.
+        BadCrcError = 2,  ///< The checksum of a complete answer is wrong.
+        NotConnectedError = 3, ///< The link is closed, so nothing was sent. Reconnect first.
         InvalideError = 4,     ///< Reserved.
         InternalError = 5      ///< Reserved.
     };
@@ -34,32 +34,32 @@ public:
     virtual bool isConnected() = 0;
     virtual QString getPortName() const = 0;
 
-    /// Reads `count` holding registers of `slaveId` from `startAddress` on. Pumps events while it
-    /// waits, at most timeout + timeoutFactor * count milliseconds. Empty on any failure.
+    /// Reads `count` holding registers of `slaveId`, starting at `startAddress`. Pumps events for
+    /// at most timeout + timeoutFactor * count milliseconds. Empty on failure.
     virtual QVector<quint16> readRegisters(quint8 slaveId, quint16 startAddress, quint16 count) = 0;
 
-    /// Writes `values` to the holding registers of `slaveId` from `startAddress` on. Pumps events
-    /// while it waits, as readRegisters(). Returns whether the slave acknowledged the write.
+    /// Writes `values` to the holding registers of `slaveId`, starting at `startAddress`. Pumps
+    /// events like readRegisters(). Returns whether the slave acknowledged the write.
     virtual bool writeRegisters(quint8 slaveId, quint16 startAddress,
                                 const QVector<quint16> &values) = 0;
 
-    /// Sets the rate in baud, for both directions, at once if the link is open.
+    /// Sets the rate of both directions, in baud. An open link changes at once.
     virtual void setBaudRate(qint32 baudRate) = 0;
 
     KvModbusError error() const { return m_error; }
 
-    /// The key name of error(), such as "TimeoutError"; empty for a value that is no key.
+    /// The name of error(), such as "TimeoutError". Empty if the value has no name.
     QString errorString() const;
 
     /// Stores NoError without emitting anything.
     void clearError();
 
-    /// Whether another whole answer, unlike the one that counts, came with the latest one. The one
-    /// that counts may then be a late or doubled answer to an earlier request. Only meaningful
-    /// right after a request that succeeded.
+    /// Whether a second, different answer followed the answer to the latest request. The first one
+    /// may then be a late or doubled answer to an earlier request. Only meaningful directly after a
+    /// request that succeeded.
     bool isAnswerAmbiguous() const { return m_isAnswerAmbiguous; }
 
-    /// Replaces the timing budget; it applies from the next request on.
+    /// Sets the timing of the requests that follow.
     void setConstraints(const ModbusConstraints &constraints);
 
 signals:
@@ -69,7 +69,7 @@ signals:
     void disconnected();
 
 protected:
-    /// Stores `error` and emits errorOccurred(), whatever the value.
+    /// Stores `error` and emits errorOccurred(), also for NoError.
     void setError(KvModbusError error);
 
     void setAnswerAmbiguous(bool isAmbiguous) { m_isAnswerAmbiguous = isAmbiguous; }
@@ -77,7 +77,8 @@ protected:
     const ModbusConstraints &constraints() const { return m_constraints; }
 
 private slots:
-    /// For a master that is built on a framework Modbus device: forwards its state changes.
+    /// For a master that owns a QModbusDevice: turns its states into connected() and
+    /// disconnected().
     void onModbusStateChanged(QModbusDevice::State state);
 
 private:

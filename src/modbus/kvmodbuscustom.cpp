@@ -1,14 +1,11 @@
 #include "kvmodbuscustom.h"
 
-#include "portlock.h"
 #include "portusage.h"
 #include "quitsignals.h"
 #include "waits.h"
 
-#include <QDeadlineTimer>
 #include <QScopeGuard>
 #include <QSerialPortInfo>
-#include <QSocketNotifier>
 
 namespace {
 
@@ -20,9 +17,6 @@ constexpr int readAnswerOverhead = 5;
 // slave id, function code, start address, register count, CRC
 constexpr int writeAnswerLength = 8;
 constexpr int readAnswerDataOffset = 3;
-
-constexpr int writeWaitMs = 50;
-constexpr int pollingStepMs = 10;
 
 constexpr quint16 crcPolynomial = 0xA001;
 
@@ -53,7 +47,8 @@ QByteArray requestHeader(quint8 slaveId, char function, quint16 startAddress, qu
 KvModbusCustom::KvModbusCustom(QObject *parent)
     : KvModbusAbstract(parent)
 {
-    initialize();
+    connect(&m_line, &SerialLine::errorOccurred, this, &KvModbusCustom::onSerialPortErrorOccurred);
+    connect(&m_line, &SerialLine::received, this, &KvModbusCustom::onReceived);
 }
 
 KvModbusCustom::KvModbusCustom(const QString &portName, QObject *parent)
@@ -62,53 +57,39 @@ KvModbusCustom::KvModbusCustom(const QString &portName, QObject *parent)
     setPortName(portName);
 }
 
-void KvModbusCustom::initialize()
-{
-    m_serialPort.setDataBits(QSerialPort::Data8);
-    m_serialPort.setParity(QSerialPort::NoParity);
-    m_serialPort.setStopBits(QSerialPort::OneStop);
-    connect(&m_serialPort, &QSerialPort::errorOccurred, this,
-            &KvModbusCustom::onSerialPortErrorOccurred);
-    connect(&m_serialPort, &QSerialPort::readyRead, this, &KvModbusCustom::onReadyRead);
-}
-
 bool KvModbusCustom::connectToDevice()
 {
-    if (m_serialPort.isOpen())
-        return true;
-    removeStaleLockOfOwnProcess(m_serialPort.portName());
-    return m_serialPort.open(QIODevice::ReadWrite);
+    return m_line.open();
 }
 
 void KvModbusCustom::disconnectFromDevice()
 {
-    if (m_serialPort.isOpen())
-        m_serialPort.close();
+    m_line.close();
 }
 
 bool KvModbusCustom::isConnected()
 {
-    return m_serialPort.isOpen();
+    return m_line.isOpen();
 }
 
 QString KvModbusCustom::getPortName() const
 {
-    return m_serialPort.portName();
+    return m_line.portName();
 }
 
 void KvModbusCustom::setPortName(const QString &portName)
 {
-    m_serialPort.setPortName(portName);
+    m_line.setPortName(portName);
 }
 
 void KvModbusCustom::setBaudRate(qint32 baudRate)
 {
-    m_serialPort.setBaudRate(baudRate);
+    m_line.setBaudRate(baudRate);
 }
 
 int KvModbusCustom::getBaudrate() const
 {
-    return m_serialPort.baudRate();
+    return m_line.baudRate();
 }
 
 QVector<quint16> KvModbusCustom::readRegisters(quint8 slaveId, quint16 startAddress, quint16 count)
@@ -133,7 +114,7 @@ bool KvModbusCustom::writeRegisters(quint8 slaveId, quint16 startAddress,
 {
     const auto count = static_cast<quint16>(values.size());
     QByteArray request = requestHeader(slaveId, writeMultipleRegisters, startAddress, count);
-    // The byte count has one byte on the wire: of a larger number its low byte goes out.
+    // The frame has one byte for the byte count. It carries the low byte of a larger number.
     request.append(static_cast<char>(2 * count & 0xFF));
     for (const quint16 value : values)
         appendBigEndian(request, value);
@@ -145,8 +126,8 @@ bool KvModbusCustom::writeRegisters(quint8 slaveId, quint16 startAddress,
     return outcome == NoError;
 }
 
-/// One request and its answer. The answer's header pair must be the request's; its other fields
-/// are not compared, the CRC decides.
+/// Sends `request` and waits for its answer. The answer must begin with the slave id and the
+/// function of the request and have a valid CRC. Its other fields are not compared.
 KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &request,
                                                          int registerCount, int answerLength,
                                                          QByteArray &answer)
@@ -154,14 +135,13 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
     if (!isConnected())
         return NotConnectedError;
     waitUntilQuiet();
-    // The wait ends early only when the application quits.
+    // The wait ends early only if the application quits.
     if (isAnswerAwaited())
         return TimeoutError;
     // A client or a serial error may have closed the port meanwhile.
     if (!isConnected())
         return NotConnectedError;
 
-    discardPending();
     Exchange exchange{answerLength,
                       constraints().getTimeout() +
                           static_cast<qint64>(constraints().getTimeoutFactor()) * registerCount,
@@ -169,14 +149,14 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
                       {},
                       false};
     exchange.clock.start();
-    m_latest = &exchange;
+    m_latestExchange = &exchange;
     const auto leaveLine = qScopeGuard([&] {
-        if (m_latest == &exchange)
-            m_latest = nullptr;
+        if (m_latestExchange == &exchange)
+            m_latestExchange = nullptr;
     });
-    const bool isSent = sendRequest(request);
-    dropPendingNotifications();
-    if (!isSent)
+    // The answer is the input that follows the request. A late answer to an earlier request must
+    // not count, and an earlier request that was reported as failed must not be sent now.
+    if (!m_line.send(request, writeWaitMs))
         return TimeoutError;
 
     waitUntilQuiet();
@@ -189,13 +169,13 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
     return verifyCRC(answer) ? NoError : BadCrcError;
 }
 
-/// The steps are also those of the request that awaits its own answer. A request that began inside
-/// a step has ended when the step ends, so the unfinished exchange is the same one or none.
+/// A request that begins inside a step ends before the step does. After a step, the open exchange
+/// is therefore the same as before, or over.
 void KvModbusCustom::waitUntilQuiet()
 {
     while (isAnswerAwaited() && !quitRequested()) {
-        if (m_latest->clock.hasExpired(m_latest->deadlineMs))
-            m_latest->isOver = true;
+        if (m_latestExchange->clock.hasExpired(m_latestExchange->deadlineMs))
+            m_latestExchange->isOver = true;
         else
             qSleepWhileProcessingEvents(pollingStepMs);
     }
@@ -203,55 +183,19 @@ void KvModbusCustom::waitUntilQuiet()
 
 bool KvModbusCustom::isAnswerAwaited() const
 {
-    return m_latest != nullptr && !m_latest->isOver;
+    return m_latestExchange != nullptr && !m_latestExchange->isOver;
 }
 
-/// Keeps an answer for its request, which may be suspended or find the port closed later. Also
-/// keeps what follows the answer until its request looks at it: a second answer makes the first
-/// doubtful.
-void KvModbusCustom::onReadyRead()
+/// Keeps the answer, because its request may be suspended and the port may close before it resumes.
+/// Also keeps the input after the answer, because a second answer makes the first one doubtful.
+void KvModbusCustom::onReceived(const QByteArray &input)
 {
-    const QByteArray input = m_serialPort.readAll();
-    if (m_latest == nullptr)
+    if (m_latestExchange == nullptr)
         return;
-    m_latest->input += input.left(2 * m_latest->answerLength - m_latest->input.size());
-    if (m_latest->input.size() >= m_latest->answerLength)
-        m_latest->isOver = true;
-}
-
-/// Drops the input that still waits in the kernel: a late answer to an earlier request must not
-/// count as the answer to the next one. Also drops the part of an earlier request that could not be
-/// written in time, as the master has reported that request as failed.
-void KvModbusCustom::discardPending()
-{
-    m_serialPort.clear(QSerialPort::AllDirections);
-}
-
-/// A turn of the event loop collects its notifications before it delivers them. When a client's
-/// request runs first in such a turn, the port's notification may concern input that the request
-/// has dropped or read. QSerialPort treats finding nothing then as an error of the line. Switching
-/// a notifier off removes its pending notification; new input causes another one in the next turn.
-void KvModbusCustom::dropPendingNotifications()
-{
-    const auto notifiers =
-        m_serialPort.findChildren<QSocketNotifier *>(QString(), Qt::FindDirectChildrenOnly);
-    for (QSocketNotifier *notifier : notifiers) {
-        const bool isEnabled = notifier->isEnabled();
-        notifier->setEnabled(false);
-        notifier->setEnabled(isEnabled);
-    }
-}
-
-bool KvModbusCustom::sendRequest(const QByteArray &request)
-{
-    // Discarding on a line that was pulled out has closed the port.
-    if (!m_serialPort.isOpen() || m_serialPort.write(request) != request.size())
-        return false;
-    const QDeadlineTimer deadline(writeWaitMs);
-    while (m_serialPort.bytesToWrite() > 0 &&
-           m_serialPort.waitForBytesWritten(static_cast<int>(deadline.remainingTime())))
-        continue;
-    return m_serialPort.isOpen() && m_serialPort.bytesToWrite() == 0;
+    m_latestExchange->input +=
+        input.left(2 * m_latestExchange->answerLength - m_latestExchange->input.size());
+    if (m_latestExchange->input.size() >= m_latestExchange->answerLength)
+        m_latestExchange->isOver = true;
 }
 
 quint16 KvModbusCustom::computeCRC(const QByteArray &bytes)
@@ -285,10 +229,8 @@ bool KvModbusCustom::verifyCRC(const QByteArray &frame)
 
 void KvModbusCustom::onSerialPortErrorOccurred(QSerialPort::SerialPortError error)
 {
-    if (!m_serialPort.isOpen() || error == QSerialPort::NoError ||
-        error == QSerialPort::TimeoutError)
-        return;
-    m_serialPort.close();
+    if (error != QSerialPort::NoError && error != QSerialPort::TimeoutError)
+        m_line.close();
 }
 
 QVector<QString> KvModbusCustom::getAvailablePorts()

@@ -1,16 +1,19 @@
 #pragma once
 
 #include "kvmodbusabstract.h"
+#include "serialline.h"
 
 #include <QElapsedTimer>
-#include <QSerialPort>
 
-/// A Modbus RTU master on one serial port: functions 0x03 and 0x10, 8 data bits, no parity, one
-/// stop bit. Every request is a single attempt that waits for its answer in steps of 10 ms and
-/// pumps events meanwhile. A request that begins inside this wait sends nothing until the answer is
-/// there or its time is over, so requests never overlap on the line. The last one to end decides
-/// error(). Writing the request blocks the thread for at most 50 ms. A serial error closes the
-/// port. Input that arrives while no answer is awaited is dropped at once.
+/// A Modbus RTU master on one serial port, with the functions 0x03 and 0x10. Every request is a
+/// single attempt.
+///
+/// A request blocks the thread for at most writeWaitMs until it is written. It then pumps events
+/// and looks for its answer every pollingStepMs. Another request may begin inside this wait. It
+/// sends nothing before the first one has its answer or its deadline has passed, so requests never
+/// overlap on the line. The request that ends last decides error().
+///
+/// A serial error closes the port. The master drops input that arrives outside of a request.
 class KvModbusCustom : public KvModbusAbstract
 {
     Q_OBJECT
@@ -31,52 +34,50 @@ public:
     /// A bare device name ("ttyTool") or a path; takes effect when the port is opened next.
     void setPortName(const QString &portName);
 
-    /// The rate in baud, both directions.
+    /// The rate of both directions, in baud.
     int getBaudrate() const;
 
-    /// Returns when no answer is awaited on the line, or when the application quits. Pumps events
-    /// until then. A caller that blocks the thread, or uses the port otherwise, calls this first.
+    /// Pumps events until no request waits for its answer, or until the application quits. Call
+    /// this before you block the thread or use the port in another way.
     void waitUntilQuiet();
 
-    /// CRC-16 as Modbus RTU uses it; 0xFFFF for no bytes.
+    /// The CRC-16 of Modbus RTU. 0xFFFF for no bytes.
     static quint16 computeCRC(const QByteArray &bytes);
 
     /// Appends the CRC of `bytes`, low byte first.
     static void addCRC(QByteArray &bytes);
 
-    /// Whether the last two bytes are the CRC of those before them. `frame` has at least 2 bytes.
+    /// Whether the last two bytes are the CRC of the bytes before. `frame` has at least 2 bytes.
     static bool verifyCRC(const QByteArray &frame);
 
-    /// Full paths of the USB serial and modem-class ports that no process holds open, in the order
-    /// of the enumeration. Blocks the thread while `fuser` runs, once or twice a port.
+    /// Full paths of the USB serial and modem-class ports that no process has open, in the order of
+    /// the enumeration. Blocks the thread while `fuser` runs, once or twice for each port.
     static QVector<QString> getAvailablePorts();
+
+    static constexpr int writeWaitMs = 50;
+    static constexpr int pollingStepMs = 10;
 
 private slots:
     void onSerialPortErrorOccurred(QSerialPort::SerialPortError error);
-    void onReadyRead();
+    void onReceived(const QByteArray &input);
 
 private:
-    /// A request on the line, and the input that followed it.
+    /// A request on the line and the input that follows it.
     struct Exchange
     {
         int answerLength;
         qint64 deadlineMs;
         QElapsedTimer clock;
-        QByteArray input; ///< Two answers at most, so that a flood takes no memory.
-        bool isOver;      ///< The answer is complete, or its time has passed.
+        QByteArray input; ///< At most two answers long, so that a flood takes no memory.
+        bool isOver;      ///< The answer is complete, or the deadline has passed.
     };
 
-    void initialize();
     KvModbusError exchange(const QByteArray &request, int registerCount, int answerLength,
                            QByteArray &answer);
-    bool sendRequest(const QByteArray &request);
-    void discardPending();
-    void dropPendingNotifications();
-
     bool isAnswerAwaited() const;
 
-    QSerialPort m_serialPort;
-    /// The latest exchange on the line, until its request has looked at the input. It lies on the
-    /// stack of that request, which may be suspended below another one.
-    Exchange *m_latest = nullptr;
+    SerialLine m_line;
+    /// The latest exchange, until its request has read the input. It is on the stack of that
+    /// request, which other requests may suspend. Null if there is no exchange.
+    Exchange *m_latestExchange = nullptr;
 };

@@ -1,12 +1,12 @@
 #pragma once
 
-/// The timing budget of every request on one link. A request for N registers waits for its answer
-/// at most timeout + timeoutFactor * N milliseconds.
+/// The timing of the requests on one link. A request for N registers waits for its answer for at
+/// most timeout + timeoutFactor * N milliseconds.
 class ModbusConstraints
 {
 public:
-    /// `timeout` in milliseconds, `timeoutFactor` in milliseconds per register. `retries` is
-    /// carried for the callers; the transport itself makes one attempt.
+    /// `timeout` in milliseconds, `timeoutFactor` in milliseconds per register. `retries` is only
+    /// stored for the callers: a master makes one attempt.
     ModbusConstraints(int timeout, int timeoutFactor, int retries);
 
     int getTimeout() const { return m_timeout; }

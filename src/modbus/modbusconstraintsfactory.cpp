@@ -11,7 +11,7 @@ constexpr int retries = 2;
 
 ModbusConstraints ModbusConstraintsFactory::getModbusConstraints(const QString &portName) const
 {
-    // The tool flange has the default's budget today; this is where it would get its own.
+    // At present, the tool flange has the default timing.
     if (isG5ToolFlangeSerialConverter(portName))
         return {ordinaryTimeoutMs, timeoutFactorMs, retries};
     if (isTavrinWristCameraSerialConverter(portName))

@@ -4,16 +4,16 @@
 
 #include <QString>
 
-/// Chooses the timing budget of a link from the bare name of its port ("ttyUSB0", not a path).
-/// A full path matches no special port and gets the default.
+/// Chooses the timing of a link by the bare name of its port ("ttyUSB0", not a path). A full path
+/// is the name of no special port and gets the default.
 class ModbusConstraintsFactory
 {
 public:
     ModbusConstraints getModbusConstraints(const QString &portName) const;
 
-    /// The robot's tool-flange port: exactly "ttyTool".
+    /// The port at the robot's tool flange, "ttyTool".
     bool isG5ToolFlangeSerialConverter(const QString &portName) const;
 
-    /// A converter behind a USB modem-class device: any name that starts with "ttyACM".
+    /// A USB modem-class device: any name that starts with "ttyACM".
     bool isTavrinWristCameraSerialConverter(const QString &portName) const;
 };

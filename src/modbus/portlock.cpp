@@ -6,17 +6,18 @@
 
 namespace {
 
-// QSerialPort's list, in its order.
+// The folders that QSerialPort tries, in its order.
 constexpr const char *lockFolders[] = {"/var/lock",       "/etc/locks", "/var/spool/locks",
                                        "/var/spool/uucp", "/tmp",       "/data/local/tmp"};
 
-/// The file that QSerialPort locks when it opens the port; empty when it finds no folder for it.
+/// The file that QSerialPort locks when it opens the port. Empty if it finds no folder for the
+/// file.
 QString lockFileOf(QString portName)
 {
     portName.replace(QLatin1Char('/'), QLatin1Char('_'));
     for (const char *const name : lockFolders) {
         const QFileInfo folder{QLatin1String(name)};
-        const QString path = folder.filePath() + QLatin1String("/LCK..") + portName;
+        QString path = folder.filePath() + QLatin1String("/LCK..") + portName;
         if (folder.isReadable() && (QFileInfo::exists(path) || folder.isWritable()))
             return path;
     }
@@ -33,7 +34,6 @@ void removeStaleLockOfOwnProcess(const QString &portName)
     QString program;
     if (!lock.getLockInfo(&holder, &host, &program) || holder != QCoreApplication::applicationPid())
         return;
-    // Leaves the file alone when a process holds it, this one or one in another container: the
-    // kernel keeps the lock itself.
+    // Keeps the file if a process holds the lock, also in another container: the kernel knows.
     lock.removeStaleLockFile();
 }

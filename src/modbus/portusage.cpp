@@ -10,8 +10,8 @@ constexpr int crashedExitCode = -1;
 constexpr int notStartedExitCode = -2;
 constexpr int quitCheckIntervalMs = 50;
 
-/// Runs `program` with one argument to its end and returns its exit code. What it prints is
-/// dropped: the daemon's log holds its own lines only. A quit signal ends the program.
+/// Runs `program` with one argument to its end and returns its exit code. Drops the program's
+/// output, because the log contains only the daemon's own lines. A quit signal kills the program.
 int exitCodeOf(const QString &program, const QString &argument)
 {
     QProcess process;
@@ -50,7 +50,7 @@ bool isPortFree(const QString &portName, const CommandReport &report)
 {
     if (quitRequested())
         return false;
-    // fuser exits with 0 when somebody has the file open, and with a positive code when nobody has.
+    // fuser exits with 0 if a process has the file open, and with a positive code if none has.
     const int exitCode = runFuser(QStringLiteral("./fuser"), portName, report);
     if (exitCode >= 0)
         return exitCode > 0;

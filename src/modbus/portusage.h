@@ -4,15 +4,15 @@
 
 #include <functional>
 
-/// What isPortFree() tells about each command that it ran: the command line and its exit code,
-/// -1 when the program crashed, -2 when it could not be started.
+/// Receives the command line and the exit code of each command that isPortFree() ran. The code is
+/// -1 if the program crashed and -2 if it did not start.
 using CommandReport = std::function<void(const QString &command, int exitCode)>;
 
-/// Whether a port of this bare name may carry a gripper bus: "ttyUSB" or "ttyACM" and whatever
-/// follows, case-sensitive.
+/// Whether `portName` starts with "ttyUSB" or "ttyACM", case-sensitive. Grippers may be on such a
+/// port.
 bool isUsbSerialPortName(const QString &portName);
 
-/// Whether no process holds /dev/`portName` open, as `fuser` sees it: the one in the working
-/// directory, so that installations can ship their own, or else the one on the search path.
-/// False when neither can be run. Blocks the thread, without pumping events, while they run.
+/// Whether no process has /dev/`portName` open. Runs `fuser` in the working directory, so that
+/// installations can ship their own. If it cannot run, runs `fuser` on the search path. False if
+/// neither can run. Blocks the thread meanwhile, without pumping events.
 bool isPortFree(const QString &portName, const CommandReport &report = {});

@@ -1,6 +1,7 @@
 #include "getvariables.h"
 
-#include "server.h"
+#include "commandset.h"
+#include "gripperlist.h"
 
 #include <algorithm>
 #include <array>
@@ -33,8 +34,7 @@ void appendIds(std::string &reply, const QVector<quint8> &ids)
     reply.push_back(']');
 }
 
-/// Appends what `getter` of the selected gripper returns, in decimal with at least that many
-/// digits.
+/// Appends the result of `getter` in decimal, with at least `minimumDigits` digits.
 template <auto getter, int minimumDigits = 1>
 void gripperNumber(const GetSources &from, std::string &reply)
 {
@@ -61,67 +61,69 @@ constexpr std::string_view counter = "0 to 4294967295";
 constexpr std::string_view text = "text";
 
 constexpr GetVariable variables[] = {
-    {Server::__activateRequest, ValueSource::Gripper, flag,
+    {CommandSet::__activateRequest, ValueSource::Gripper, flag,
      "The gripper is active: its activation is complete.", gripperNumber<&G::getActivateEcho>},
-    {Server::__gripperMode, ValueSource::Gripper, twoBits, "The mode of the gripper.",
+    {CommandSet::__gripperMode, ValueSource::Gripper, twoBits, "The mode of the gripper.",
      gripperNumber<&G::getGripperModeEcho>},
-    {Server::__goto, ValueSource::Gripper, flag,
+    {CommandSet::__goto, ValueSource::Gripper, flag,
      "Go-to is on: the gripper goes to the requested position.", gripperNumber<&G::getGoToEcho>},
-    {Server::__status, ValueSource::Gripper, twoBits, "The status of the gripper; 3 is active.",
+    {CommandSet::__status, ValueSource::Gripper, twoBits, "The status of the gripper; 3 is active.",
      gripperNumber<&G::getStatus>},
-    {Server::__vacuumStatus, ValueSource::Gripper, twoBits, "The vacuum status.",
+    {CommandSet::__vacuumStatus, ValueSource::Gripper, twoBits, "The vacuum status.",
      gripperNumber<&G::getVacuumStatus>},
-    {Server::__objectDetected, ValueSource::Gripper, twoBits,
+    {CommandSet::__objectDetected, ValueSource::Gripper, twoBits,
      "The object detection: moving, stopped by an object, or at the position.",
      gripperNumber<&G::getObjectFlag>},
-    {Server::__fault, ValueSource::Gripper, "00 to 15",
+    {CommandSet::__fault, ValueSource::Gripper, "00 to 15",
      "The fault code, in two digits; 00 is no fault.", gripperNumber<&G::getFaultFlag, 2>},
-    {Server::__ledBypass, ValueSource::Request, flag,
+    {CommandSet::__ledBypass, ValueSource::Request, flag,
      "The LEDs show the requested colours instead of the state.", gripperNumber<&G::getLedBypass>},
-    {Server::__greenLed, ValueSource::Request, flag, "The green LED.",
+    {CommandSet::__greenLed, ValueSource::Request, flag, "The green LED.",
      gripperNumber<&G::getLedGreen>},
-    {Server::__redLed, ValueSource::Request, flag, "The red LED.", gripperNumber<&G::getLedRed>},
-    {Server::__blueLed, ValueSource::Request, flag, "The blue LED.", gripperNumber<&G::getLedBlue>},
-    {Server::__maxPeakSupplyCurrent, ValueSource::Request, byte, "The peak supply current.",
+    {CommandSet::__redLed, ValueSource::Request, flag, "The red LED.",
+     gripperNumber<&G::getLedRed>},
+    {CommandSet::__blueLed, ValueSource::Request, flag, "The blue LED.",
+     gripperNumber<&G::getLedBlue>},
+    {CommandSet::__maxPeakSupplyCurrent, ValueSource::Request, byte, "The peak supply current.",
      gripperNumber<&G::getMaxPeakSupplyCurrent>},
-    {Server::__positionRequestEcho, ValueSource::Gripper, "000 to 255",
+    {CommandSet::__positionRequestEcho, ValueSource::Gripper, "000 to 255",
      "The position request that the gripper has, in three digits.",
      gripperNumber<&G::getPositionRequestEcho, 3>},
-    {Server::__positionRequest, ValueSource::Gripper, byte,
+    {CommandSet::__positionRequest, ValueSource::Gripper, byte,
      "The measured position, not the requested one.", gripperNumber<&G::getPosition>},
-    {Server::__motorCurrent, ValueSource::Gripper, byte, "The motor current.",
+    {CommandSet::__motorCurrent, ValueSource::Gripper, byte, "The motor current.",
      gripperNumber<&G::getMotorCurrent>},
     {"DST", ValueSource::Constant, "0", "No meaning; some clients read it.", zero},
-    {Server::__serialNumber, ValueSource::Identity, text, "The serial number.",
+    {CommandSet::__serialNumber, ValueSource::Identity, text, "The serial number.",
      gripperText<&G::getSerialNumber>},
-    {Server::__productionYear, ValueSource::Identity, "1 to 65535", "The production year.",
+    {CommandSet::__productionYear, ValueSource::Identity, "1 to 65535", "The production year.",
      gripperNumber<&G::getProductionYear>},
-    {Server::__numberOfCycles, ValueSource::Gripper, counter, "The number of cycles.",
+    {CommandSet::__numberOfCycles, ValueSource::Gripper, counter, "The number of cycles.",
      gripperNumber<&G::getNumberOfCycles>},
-    {Server::__numberOfSecondsPumpIsOn, ValueSource::Gripper, counter,
+    {CommandSet::__numberOfSecondsPumpIsOn, ValueSource::Gripper, counter,
      "The seconds that the pump has run.", gripperNumber<&G::getNumberOfSecondsPumpIsOn>},
-    {Server::__numberOfPumpActivations, ValueSource::Gripper, counter,
+    {CommandSet::__numberOfPumpActivations, ValueSource::Gripper, counter,
      "The number of starts of the pump.", gripperNumber<&G::getNumberOfPumpActivations>},
-    {Server::__firmwareVersion, ValueSource::Identity, text, "The firmware version.",
+    {CommandSet::__firmwareVersion, ValueSource::Identity, text, "The firmware version.",
      gripperText<&G::getFirmwareVersion>},
     {"PCO", ValueSource::Constant, "0", "No meaning; some clients read it.", zero},
-    {Server::__driverVersion, ValueSource::Constant, driverVersion,
+    {CommandSet::__driverVersion, ValueSource::Constant, driverVersion,
      "The version of the protocol's driver.",
      [](const GetSources &, std::string &reply) { reply.append(driverVersion); }},
-    {Server::__speedRequest, ValueSource::Request, byte, "The requested speed.",
+    {CommandSet::__speedRequest, ValueSource::Request, byte, "The requested speed.",
      gripperNumber<&G::getSpeedRequest>},
-    {Server::__forceRequest, ValueSource::Request, byte, "The requested force.",
+    {CommandSet::__forceRequest, ValueSource::Request, byte, "The requested force.",
      gripperNumber<&G::getForceRequest>},
-    {Server::__printableState, ValueSource::Daemon, text, "The state of the link.",
+    {CommandSet::__printableState, ValueSource::Daemon, text, "The state of the link.",
      [](const GetSources &from, std::string &reply) {
          reply.append(from.gripperList.getPrintableState().toStdString());
      }},
-    {Server::__socketSlaveId, ValueSource::Daemon, "a list such as [2, 9]",
+    {CommandSet::__socketSlaveId, ValueSource::Daemon, "a list such as [2, 9]",
      "The slave ids of the grippers found, not the selection of the client.",
      [](const GetSources &from, std::string &reply) {
          appendIds(reply, from.gripperList.getDiscoveredSlaveIds());
      }},
-    {Server::__upgradeFirmware, ValueSource::Daemon, flag, "A firmware upgrade is running.",
+    {CommandSet::__upgradeFirmware, ValueSource::Daemon, flag, "A firmware upgrade is running.",
      [](const GetSources &from, std::string &reply) {
          appendNumber(reply, from.gripperList.getUpgradeStatus());
      }},
@@ -139,7 +141,7 @@ constexpr bool hasOnlyNamesOfThatLength()
 }
 static_assert(hasOnlyNamesOfThatLength(), "a GET takes the first three characters of a name");
 
-/// Packs a name into a number: names of equal length then compare in a single step.
+/// Packs a name into a number, which compares in one step.
 constexpr std::uint32_t keyOf(std::string_view name)
 {
     std::uint32_t key = 0;

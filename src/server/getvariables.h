@@ -18,8 +18,8 @@ struct GetSources
 /// Where the value of a GET comes from.
 enum class ValueSource {
     Gripper,  ///< The input image, as read on the last visit.
-    Request,  ///< The output image, as clients set it last.
-    Identity, ///< The identity cache; the device is asked as long as the cache is empty.
+    Request,  ///< The output image, as clients last set it.
+    Identity, ///< The identity cache. While it is empty, the GET reads the device.
     Daemon,   ///< The state of the daemon.
     Constant, ///< The same in every reply.
 };
@@ -33,18 +33,18 @@ struct GetVariable
     std::string_view meaning; ///< One sentence.
     void (*appendValue)(const GetSources &from, std::string &reply);
 
-    /// Without a selected gripper the reply to such a variable is "?".
+    /// Whether the reply is "?" without a selected gripper.
     constexpr bool needsGripper() const
     {
         return source == ValueSource::Gripper || source == ValueSource::Request || mayWait();
     }
 
-    /// appendValue() may wait on the bus, pumping events.
+    /// Whether appendValue() may wait on the bus, which pumps events.
     constexpr bool mayWait() const { return source == ValueSource::Identity; }
 };
 
 /// The GET table.
 TableRows<GetVariable> getVariables();
 
-/// The row of that name, null when there is none.
+/// The row with that name, or null.
 const GetVariable *findGetVariable(std::string_view name);

@@ -1,7 +1,7 @@
 #include "server.h"
 
+#include "clientconnection.h"
 #include "clientlistener.h"
-#include "clientsocket.h"
 #include "getvariables.h"
 #include "pairreader.h"
 #include "quitsignals.h"
@@ -16,43 +16,38 @@
 
 namespace {
 
-// One read is one batch. Of a long one only the first requests are carried out at once, so that a
-// thousand clients that send long ones do not keep the others waiting; the rest follows in shares,
-// one client's share on each turn of the event loop. In bytes of requests, as is the time they
-// take.
-constexpr int bytesPerRead = 16 * 1024;
-constexpr int lineRest = 64;
-constexpr std::size_t firstShare = 256;
-constexpr std::size_t laterShare = 4096;
+// One read is one batch. A full read continues to the end of its last line, up to `lineRest` bytes.
+constexpr std::size_t bytesPerRead = std::size_t(16) * 1024;
+constexpr std::size_t lineRest = 64;
 constexpr int firstSlaveId = GripperList::__max_slave_id;
 
-void write(ClientSocket *socket, std::string_view reply)
+void write(ClientConnection *client, std::string_view reply)
 {
-    if (socket != nullptr)
-        socket->addReply(reply);
+    if (client != nullptr)
+        client->addReply(reply);
 }
 
-/// So that a GET does not lose its line ending to the next batch: of what follows a full read as
-/// much as belongs to its last line, `lineRest` bytes at most. Returns how much that was.
-int readToLineEnd(ClientSocket *socket, char *rest)
+/// Reads the rest of the line that ends before `rest`, at most `lineRest` bytes, and returns its
+/// length. Otherwise the reply to a GET could lack its line ending, which came with the next read.
+std::size_t readToLineEnd(ClientConnection *client, char *rest)
 {
     const auto isLineEnd = [](char c) { return c == '\n' || c == '\r'; };
-    int count = 0;
-    while (count < lineRest && !isLineEnd(rest[count - 1]) && socket->read(rest + count, 1) == 1)
-        ++count;
-    return count;
+    char *end = rest;
+    while (end < rest + lineRest && !isLineEnd(end[-1]) && client->read(end, 1) == 1)
+        ++end;
+    return static_cast<std::size_t>(end - rest);
 }
 
-bool mayWait(const Request &request, const Server::Gripper &gripper)
+/// Call before a pair that may wait on the bus or block. Replies to earlier requests leave first.
+/// Before the second such pair of a request, all other clients and the state loop get a turn.
+/// Returns false if the daemon quits, so that the pair must not begin.
+bool prepareToWait(ClientConnection *client, bool hasWaited)
 {
-    PairReader pairs(request.text);
-    PairReader::Pair pair;
-    while (pairs.next(pair)) {
-        const SetVariable *variable = findSetVariable(pair.name);
-        if (variable != nullptr && variable->mayWait && (gripper || !variable->needsGripper))
-            return true;
-    }
-    return false;
+    if (client != nullptr)
+        client->sendReplies();
+    if (hasWaited)
+        qSleepWhileProcessingEvents(0);
+    return !quitRequested();
 }
 
 } // namespace
@@ -61,15 +56,17 @@ Server::Server()
     : tcpServer(new ClientListener(this))
     , listenAddress(QHostAddress::Any)
     , gripperList(constraintsFactory, nullptr)
+    , m_turns(*this)
 {
     const QVector<int> quitSignals{SIGQUIT, SIGINT, SIGTERM, SIGHUP};
-    // Who sees the port listening may stop the daemon: the signal must find its handler.
+    // Block quit signals until their handler is installed: one may arrive as soon as the port is
+    // open.
     const HeldSignals held(quitSignals);
     if (!tcpServer->listenOn(__port))
         qFatal("%s",
                qPrintable(QStringLiteral("Unable to start the server on port %1").arg(__port)));
     catchUnixSignals(quitSignals, {});
-    connect(tcpServer, &QTcpServer::newConnection, this, &Server::onClientSocketConnection);
+    connect(tcpServer, &ClientListener::newConnection, this, &Server::onClientSocketConnection);
 }
 
 Server::~Server() = default;
@@ -81,222 +78,132 @@ void Server::catchUnixSignals(const QVector<int> &quitSignals, const QVector<int
     quitOnSignals(quitSignals);
 }
 
-void Server::onClientSocketConnection()
+void Server::onClientSocketConnection(ClientConnection *client)
 {
-    auto *socket = static_cast<ClientSocket *>(tcpServer->nextPendingConnection());
-    if (socket == nullptr)
-        return;
-    clientSockets.append(socket);
-    bufferBySocket.insert(socket, Input());
-    slaveIdBySocket.insert(socket, firstSlaveId);
-    connect(socket, &QTcpSocket::readyRead, this, &Server::onClientSocketReadData);
-    connect(socket, &QTcpSocket::disconnected, this, &Server::onClientSocketDisconnect);
-    qInfo() << "onClientSocketConnection: " << socket;
+    clientSockets.append(client);
+    bufferBySocket.insert(client, Input());
+    slaveIdBySocket.insert(client, firstSlaveId);
+    connect(client, &ClientConnection::readable, this,
+            [this, client] { onClientSocketReadData(client); });
+    connect(client, &ClientConnection::ended, this,
+            [this, client] { onClientSocketDisconnect(client); });
+    qInfo() << "onClientSocketConnection: " << client;
 }
 
-void Server::onClientSocketReadData()
+void Server::onClientSocketReadData(ClientConnection *client)
 {
-    ClientSocket *socket = ClientSocket::notifying();
-    if (socket == nullptr)
-        return;
-    // From the first read on: what the next one finds may be the end.
-    socket->hold();
-    readBatch(socket);
-    socket->release();
+    // The second read of a batch may find the end of the client's side before the batch is
+    // processed.
+    client->hold();
+    readBatch(client);
+    client->release();
 }
 
-void Server::readBatch(ClientSocket *socket)
+void Server::readBatch(ClientConnection *client)
 {
-    // Used up before anything pumps events, so a nested call may use it again.
+    // The requests are copied before anything pumps events, so a nested call may use the array.
     static std::array<char, bytesPerRead + lineRest> bytes;
-    qint64 count = socket->read(bytes.data(), bytesPerRead);
-    if (count <= 0)
+    std::size_t count = client->read(bytes.data(), bytesPerRead);
+    if (count == 0)
         return;
     if (count == bytesPerRead)
-        count += readToLineEnd(socket, bytes.data() + bytesPerRead);
-    const std::string_view received(bytes.data(), static_cast<std::size_t>(count));
-    Input &input = bufferBySocket[socket];
-    // The check comes before anything of this read is carried out. Earlier reads of an undecided
-    // line can have carried out GETs only: a SET needs a line ending, and a line ending decides.
+        count += readToLineEnd(client, bytes.data() + bytesPerRead);
+    const std::string_view received(bytes.data(), count);
+    Input &input = bufferBySocket[client];
+    // Check before processing anything of this read. While the first line is undecided, earlier
+    // reads contained no complete SET: a SET needs a line ending, and a line ending decides.
     const FirstLine::Protocol protocol = input.firstLine.read(received);
     if (protocol == FirstLine::Protocol::Http || protocol == FirstLine::Protocol::Tls) {
-        refuse(socket, protocol);
+        refuse(client, protocol);
         return;
     }
     input.requests.append(received.data(), received.size());
-    processSocket(socket);
+    processSocket(client);
 }
 
-void Server::refuse(ClientSocket *socket, FirstLine::Protocol protocol)
+void Server::refuse(ClientConnection *client, FirstLine::Protocol protocol)
 {
-    qInfo() << "Closed" << socket << "because it began with"
+    qInfo() << "Closed" << client << "because it began with"
             << (protocol == FirstLine::Protocol::Http ? "an HTTP request." : "a TLS handshake.")
             << "This port does not serve web browsers.";
-    socket->giveUp();
+    client->drop();
 }
 
-void Server::processSocket(ClientSocket *socket)
+void Server::processSocket(ClientConnection *client)
 {
     const Gripper gripper =
-        gripperList.getGripperFromSlaveId(static_cast<quint8>(slaveIdBySocket[socket]));
-    carryOutBatch({socket, gripper, std::nullopt}, firstShare);
-    resumePostponedLater();
+        gripperList.getGripperFromSlaveId(static_cast<quint8>(slaveIdBySocket[client]));
+    m_turns.start({client, &bufferBySocket[client].requests, gripper, std::nullopt});
 }
 
-void Server::carryOutBatch(const Batch &batch, std::size_t share)
+/// A GET never waits in practice: the list holds only grippers whose identity it has read.
+bool Server::mayWait(const Request &request, const Gripper &gripper) const
 {
-    // Keeps the client, and with it its entries, until its requests are carried out.
-    batch.socket->hold();
-    ++m_depth;
-    if (batch.request)
-        carryOut(batch.socket, *batch.request, batch.gripper);
-    carryOutBuffered(batch.socket, batch.gripper, share);
-    --m_depth;
-    batch.socket->release();
-}
-
-void Server::carryOutBuffered(ClientSocket *socket, const Gripper &gripper, std::size_t share)
-{
-    RequestScanner &buffer = bufferBySocket[socket].requests;
-    Request request;
-    std::size_t done = 0;
-    while (!socket->isPaused() && buffer.takeNext(request)) {
-        if (mustBePostponed(request, gripper)) {
-            leave({socket, gripper, request}, m_postponed);
-            break;
-        }
-        const unsigned int waitsBefore = m_waits;
-        carryOut(socket, request, gripper);
-        // What waits, or blocks, is a share of its own.
-        done += m_waits == waitsBefore ? request.text.size() : share;
-        if (done >= share && buffer.bytesKept() > 0 && !socket->isPaused()) {
-            leave({socket, gripper, std::nullopt}, m_unfinished);
-            continueUnfinishedLater();
-        }
+    if (request.kind == Request::Kind::Get)
+        return false;
+    PairReader pairs(request.text);
+    PairReader::Pair pair;
+    while (pairs.next(pair)) {
+        const SetVariable *variable = findSetVariable(pair.name);
+        if (variable != nullptr && variable->mayWait && (gripper || !variable->needsGripper))
+            return true;
     }
-    socket->sendReplies();
+    return false;
 }
 
-/// What was answered before must not wait for what may wait, or block, now; and of several such
-/// pairs in one request each leaves everybody else, the state loop too, a turn before the next.
-/// False when nothing is to be begun any more because the daemon ends.
-bool Server::prepareToWait(ClientSocket *socket, bool hasWaited)
+/// Bytes between a reset and the search for the bootloader could reach the bootloader, which
+/// detects its baud rate by the first byte.
+bool Server::mayNest() const
 {
-    ++m_waits;
-    if (socket != nullptr)
-        socket->sendReplies();
-    if (hasWaited)
-        qSleepWhileProcessingEvents(0);
-    return !quitRequested();
+    return !gripperList.isJumpRunning();
 }
 
-/// Until it is taken, nothing else of its client is carried out, and the client stays.
-void Server::leave(const Batch &batch, QQueue<Batch> &queue)
-{
-    batch.socket->hold();
-    batch.socket->setPaused(true);
-    queue.enqueue(batch);
-}
-
-/// Its client is held still.
-Server::Batch Server::take(QQueue<Batch> &queue)
-{
-    Batch batch = queue.dequeue();
-    batch.socket->setPaused(false);
-    return batch;
-}
-
-/// Posted events that are posted meanwhile come on the next turn: sockets and timers are in
-/// between.
-void Server::continueUnfinishedLater()
-{
-    if (m_continuationPosted || m_unfinished.isEmpty())
-        return;
-    m_continuationPosted = true;
-    QMetaObject::invokeMethod(this, &Server::continueUnfinished, Qt::QueuedConnection);
-}
-
-void Server::continueUnfinished()
-{
-    m_continuationPosted = false;
-    const Batch next = take(m_unfinished);
-    // Also when this one waits on the bus.
-    continueUnfinishedLater();
-    carryOutBatch(next, laterShare);
-    next.socket->release();
-    resumePostponedLater();
-}
-
-void Server::carryOut(ClientSocket *socket, const Request &request, const Gripper &gripper)
+bool Server::processRequest(ClientConnection *client, const Request &request,
+                            const Gripper &gripper)
 {
     if (request.kind == Request::Kind::Set)
-        decodeSetVariables(socket, request, gripper);
-    else
-        decodeGetVariables(socket, request, gripper);
+        return decodeSetVariables(client, request, gripper);
+    decodeGetVariables(client, request, gripper);
+    return false;
 }
 
-/// A GET never has to be: what it would ask the device for is known of every gripper in the list.
-bool Server::mustBePostponed(const Request &request, const Gripper &gripper) const
+void Server::decodeGetVariables(ClientConnection *client, const Request &request,
+                                const Gripper &gripper)
 {
-    if (m_depth <= __nestingLimit && m_postponed.isEmpty())
-        return false;
-    return request.kind == Request::Kind::Set && mayWait(request, gripper);
-}
-
-/// From the event loop, which is that of the next outer wait: the stack has become shorter by then.
-void Server::resumePostponedLater()
-{
-    if (!m_postponed.isEmpty() && !m_resuming && m_depth < __nestingLimit)
-        QMetaObject::invokeMethod(this, &Server::resumePostponed, Qt::QueuedConnection);
-}
-
-void Server::resumePostponed()
-{
-    if (m_postponed.isEmpty() || m_resuming || m_depth >= __nestingLimit)
-        return;
-    // One after the other, so that their replies come in order too.
-    m_resuming = true;
-    const Batch next = take(m_postponed);
-    carryOutBatch(next, firstShare);
-    m_resuming = false;
-    next.socket->release();
-    resumePostponedLater();
-}
-
-void Server::decodeGetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper)
-{
-    const std::string_view name = match.variable();
+    const std::string_view name = request.variable();
     if (name.empty())
         return;
-    // An ordinary one fits into the object itself.
+    // Most replies fit into the string object and need no allocation.
     std::string reply;
-    if (match.hasLineEnding)
+    if (request.hasLineEnding)
         reply.append(name).push_back(' ');
 
     const GetVariable *variable = findGetVariable(name);
     if (variable == nullptr || (variable->needsGripper() && !gripper)) {
         reply.push_back('?');
     } else {
-        if (variable->mayWait() && socket != nullptr)
-            socket->sendReplies();
+        if (variable->mayWait() && client != nullptr)
+            client->sendReplies();
         variable->appendValue({gripperList, gripper.data()}, reply);
     }
 
-    if (match.hasLineEnding)
+    if (request.hasLineEnding)
         reply.push_back('\n');
-    write(socket, reply);
+    write(client, reply);
 }
 
-void Server::decodeSetVariables(ClientSocket *socket, const Request &match, const Gripper &gripper)
+bool Server::decodeSetVariables(ClientConnection *client, const Request &request,
+                                const Gripper &gripper)
 {
     std::string_view reply = __acknowledge;
-    int nobodysSlaveId = 0;
-    const auto selection = slaveIdBySocket.find(socket);
-    int &selectedSlaveId = selection != slaveIdBySocket.end() ? selection.value() : nobodysSlaveId;
+    int slaveIdWithoutClient = 0;
+    const auto selection = slaveIdBySocket.find(client);
+    int &selectedSlaveId =
+        selection != slaveIdBySocket.end() ? selection.value() : slaveIdWithoutClient;
 
     bool hasWaited = false;
-    UnhandledPairs unhandled(match.text);
-    PairReader pairs(match.text);
+    UnhandledPairs unhandled(request.text);
+    PairReader pairs(request.text);
     PairReader::Pair pair;
     while (pairs.next(pair)) {
         const SetVariable *variable = findSetVariable(pair.name);
@@ -304,42 +211,29 @@ void Server::decodeSetVariables(ClientSocket *socket, const Request &match, cons
             unhandled.log();
             continue;
         }
-        if (variable->mayWait && !prepareToWait(socket, hasWaited)) {
-            reply = __notAcknowledge;
-            break;
+        if (variable->mayWait) {
+            const bool mayBegin = prepareToWait(client, hasWaited);
+            hasWaited = true;
+            if (!mayBegin) {
+                reply = __notAcknowledge;
+                break;
+            }
         }
-        hasWaited = hasWaited || variable->mayWait;
-        // A scan may have replaced the object that the batch began with.
+        // A scan may have replaced the object of the gripper since the batch began.
         const Gripper latest = gripper ? gripperList.latest(gripper) : gripper;
         reply = variable->apply({gripperList, latest, selectedSlaveId, pair.value}).value_or(reply);
     }
-    write(socket, reply);
+    write(client, reply);
+    return hasWaited;
 }
 
-std::string_view Server::handleSetGripperModeRequest(const Gripper &gripper, quint8 mode)
+void Server::onClientSocketDisconnect(ClientConnection *client)
 {
-    switch (mode) {
-    case 0:
-        gripper->setGripperModeManual();
-        return __acknowledge;
-    case 1:
-        gripper->setGripperModeAutomatic();
-        return __acknowledge;
-    default:
-        return __notAcknowledge;
-    }
-}
-
-void Server::onClientSocketDisconnect()
-{
-    ClientSocket *socket = ClientSocket::notifying();
-    qInfo() << "onClientSocketDisconnect: " << (socket != nullptr ? socket : sender());
-    if (socket == nullptr)
-        return;
-    disconnect(socket, nullptr, this, nullptr);
-    clientSockets.removeOne(socket);
-    slaveIdBySocket.remove(socket);
-    bufferBySocket.remove(socket);
-    socket->deleteLater();
-    qInfo() << "socket->deleteLater: " << socket;
+    qInfo() << "onClientSocketDisconnect: " << client;
+    disconnect(client, nullptr, this, nullptr);
+    clientSockets.removeOne(client);
+    slaveIdBySocket.remove(client);
+    bufferBySocket.remove(client);
+    client->deleteLater();
+    qInfo() << "socket->deleteLater: " << client;
 }

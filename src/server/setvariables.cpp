@@ -1,6 +1,7 @@
 #include "setvariables.h"
 
-#include "server.h"
+#include "commandset.h"
+#include "gripperlist.h"
 
 #include <algorithm>
 #include <iterator>
@@ -17,7 +18,7 @@ constexpr bool mayWait = true;
 
 std::string_view acknowledgeIf(bool succeeded)
 {
-    return succeeded ? Server::__acknowledge : Server::__notAcknowledge;
+    return succeeded ? CommandSet::__acknowledge : CommandSet::__notAcknowledge;
 }
 
 template <auto set, auto clear>
@@ -45,7 +46,7 @@ Reply activate(const SetTarget &target)
 
 Reply setMode(const SetTarget &target)
 {
-    return Server::handleSetGripperModeRequest(target.gripper, target.value);
+    return CommandSet::handleSetGripperModeRequest(target.gripper, target.value);
 }
 
 Reply scanNow(const SetTarget &target)
@@ -75,7 +76,7 @@ Reply selectGripper(const SetTarget &target)
 {
     const bool isDiscovered = target.gripperList.getDiscoveredSlaveIds().contains(target.value);
     target.selectedSlaveId = target.value;
-    return isDiscovered ? Reply() : Server::__notAcknowledge;
+    return isDiscovered ? Reply() : CommandSet::__notAcknowledge;
 }
 
 Reply mute(const SetTarget &target)
@@ -107,52 +108,53 @@ constexpr std::string_view slaveId = "1 to 9";
 constexpr std::string_view never;
 
 constexpr SetVariable variables[] = {
-    {Server::__activateRequest, needsGripper, atOnce, onOff,
+    {CommandSet::__activateRequest, needsGripper, atOnce, onOff,
      "Activates or deactivates the gripper, and ends an automatic release.", never, activate},
-    {Server::__gripperMode, needsGripper, atOnce, onOff,
+    {CommandSet::__gripperMode, needsGripper, atOnce, onOff,
      "Sets the mode: manual (0) or automatic (1).", "the value is neither 0 nor 1", setMode},
-    {Server::__goto, needsGripper, atOnce, onOff,
+    {CommandSet::__goto, needsGripper, atOnce, onOff,
      "Switches the movement to the requested position on or off.", never,
      flag<&G::setGoToRequest, &G::clearGoToRequest>},
-    {Server::__automaticReleaseRoutine, needsGripper, atOnce, onOff,
+    {CommandSet::__automaticReleaseRoutine, needsGripper, atOnce, onOff,
      "Starts the automatic release.", never,
      flag<&G::setAutoReleaseRequest, &G::clearAutoReleaseRequest>},
-    {Server::__autoreleaseDirection, needsGripper, atOnce, onOff,
+    {CommandSet::__autoreleaseDirection, needsGripper, atOnce, onOff,
      "Sets the direction of the automatic release: opening (0) or closing (1).", never,
      flag<&G::setAutoReleaseDirectionRequest, &G::clearAutoReleaseDirectionRequest>},
-    {Server::__ledBypass, needsGripper, atOnce, onOff,
+    {CommandSet::__ledBypass, needsGripper, atOnce, onOff,
      "Lets the LEDs show the requested colours instead of the state.", never,
      flag<&G::setLedBypass, &G::clearLedBypass>},
-    {Server::__greenLed, needsGripper, atOnce, onOff, "Sets the green LED.", never,
+    {CommandSet::__greenLed, needsGripper, atOnce, onOff, "Sets the green LED.", never,
      flag<&G::setLedGreen, &G::clearLedGreen>},
-    {Server::__redLed, needsGripper, atOnce, onOff, "Sets the red LED.", never,
+    {CommandSet::__redLed, needsGripper, atOnce, onOff, "Sets the red LED.", never,
      flag<&G::setLedRed, &G::clearLedRed>},
-    {Server::__blueLed, needsGripper, atOnce, onOff, "Sets the blue LED.", never,
+    {CommandSet::__blueLed, needsGripper, atOnce, onOff, "Sets the blue LED.", never,
      flag<&G::setLedBlue, &G::clearLedBlue>},
-    {Server::__maxPeakSupplyCurrent, needsGripper, atOnce, byte, "Sets the peak supply current.",
-     never, number<&G::setMaxPeakSupplyCurrent>},
-    {Server::__positionRequest, needsGripper, atOnce, byte, "Requests a position.", never,
+    {CommandSet::__maxPeakSupplyCurrent, needsGripper, atOnce, byte,
+     "Sets the peak supply current.", never, number<&G::setMaxPeakSupplyCurrent>},
+    {CommandSet::__positionRequest, needsGripper, atOnce, byte, "Requests a position.", never,
      number<&G::setPositionRequest>},
-    {Server::__speedRequest, needsGripper, atOnce, byte, "Sets the speed.", never,
+    {CommandSet::__speedRequest, needsGripper, atOnce, byte, "Sets the speed.", never,
      number<&G::setSpeedRequest>},
-    {Server::__forceRequest, needsGripper, atOnce, byte, "Sets the force.", never,
+    {CommandSet::__forceRequest, needsGripper, atOnce, byte, "Sets the force.", never,
      number<&G::setForceRequest>},
-    {Server::__scanBlockRequest, needsNothing, mayWait, any,
+    {CommandSet::__scanBlockRequest, needsNothing, mayWait, any,
      "Scans; the reply comes after the scan.", never, scanNow},
-    {Server::__scanRequest, needsNothing, atOnce, any, "Requests a scan.", never, scanLater},
-    {Server::__updateGripperSlaveId, needsNothing, mayWait, slaveId,
+    {CommandSet::__scanRequest, needsNothing, atOnce, any, "Requests a scan.", never, scanLater},
+    {CommandSet::__updateGripperSlaveId, needsNothing, mayWait, slaveId,
      "Moves the selected gripper to another slave id, then scans.", never, moveGripper},
-    {Server::__socketSlaveId, needsNothing, atOnce, slaveId,
+    {CommandSet::__socketSlaveId, needsNothing, atOnce, slaveId,
      "Selects the gripper of this connection.", "no gripper was found at that id", selectGripper},
-    {Server::__muteSerialPort, needsNothing, atOnce, onOff,
+    {CommandSet::__muteSerialPort, needsNothing, atOnce, onOff,
      "Stops polling (1) or lets it continue (0), for all clients.", never, mute},
-    {Server::__commandLoopThrottleSpeed, needsNothing, atOnce, onOff,
+    {CommandSet::__commandLoopThrottleSpeed, needsNothing, atOnce, onOff,
      "Polls every 50 ms (1) or as fast as possible (0), for all clients.", never, throttle},
-    {Server::__upgradeFirmware, needsGripper, mayWait, any,
+    {CommandSet::__upgradeFirmware, needsGripper, mayWait, any,
      "Flashes the firmware of the gripper's family.",
      "an upgrade is running, or the gripper does not reach its bootloader", upgrade},
-    {Server::__bootloaderMode, needsGripper, mayWait, any, "Sends the gripper into its bootloader.",
-     "the gripper does not reach its bootloader", enterBootloader},
+    {CommandSet::__bootloaderMode, needsGripper, mayWait, any,
+     "Sends the gripper into its bootloader.", "the gripper does not reach its bootloader",
+     enterBootloader},
 };
 
 } // namespace

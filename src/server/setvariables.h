@@ -25,18 +25,18 @@ struct SetTarget
 struct SetVariable
 {
     std::string_view name;
-    bool needsGripper;      ///< Without a selected gripper the pair counts as unhandled.
-    bool mayWait;           ///< The action may wait on the bus, pumping events meanwhile, or block.
-    std::string_view range; ///< The values that have a meaning.
+    bool needsGripper;        ///< Without a selected gripper the pair counts as unhandled.
+    bool mayWait;             ///< The action may wait on the bus, which pumps events, or block.
+    std::string_view range;   ///< The values that have a meaning.
     std::string_view meaning; ///< One sentence.
     std::string_view refusal; ///< When the reply is "nak"; empty if the reply is always "ack".
-    /// Carries the pair out. Returns the new reply to the whole request; nothing leaves the reply
-    /// as it is.
+    /// Applies the pair. Returns the new reply to the whole request, or nothing if the reply does
+    /// not change.
     std::optional<std::string_view> (*apply)(const SetTarget &target);
 };
 
 /// The SET table.
 TableRows<SetVariable> setVariables();
 
-/// The row of that name, null when there is none.
+/// The row with that name, or null.
 const SetVariable *findSetVariable(std::string_view name);

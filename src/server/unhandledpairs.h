@@ -16,7 +16,7 @@ public:
     UnhandledPairs(const UnhandledPairs &) = delete;
     UnhandledPairs &operator=(const UnhandledPairs &) = delete;
 
-    /// One more pair is unhandled.
+    /// Logs one more unhandled pair.
     void log();
 
 private:

@@ -94,12 +94,12 @@ def test_an_active_gripper_is_activated_again_only_on_request(active, simulator)
 
 def test_activation_that_shows_a_fault(client, simulator):
     simulator.command("faultcode 9 7")
-    assert "shows fault 7" in fail(gripperctl.REFUSED, "activate", "--wait")
+    assert "has fault 7" in fail(gripperctl.REFUSED, "activate", "--wait")
 
 
 def test_an_inactive_gripper_gets_no_movement(client):
     before = client.get("PRE")
-    assert "is inactive and would not move: gripperctl activate" in fail(
+    assert "is inactive and cannot move: run gripperctl activate" in fail(
         gripperctl.REFUSED, "move", "33"
     )
     assert client.get("PRE") == before != "033"
@@ -127,7 +127,7 @@ def test_a_movement_without_waiting(active):
 def test_a_fault_on_the_way(active, simulator):
     simulator.command("faultcode 9 5")
     text = fail(gripperctl.REFUSED, "move", "200", "--wait")
-    assert re.search(r"gripper 9 shows fault 5 at position \d+", text)
+    assert re.search(r"gripper 9 has fault 5 at position \d+", text)
 
 
 def test_a_leak_is_reported_as_such(client, simulator):
@@ -144,7 +144,7 @@ def test_release_ends_when_the_fingers_stop(active):
 
 
 def test_release_of_an_inactive_gripper(client):
-    assert "lets go of nothing" in fail(gripperctl.REFUSED, "release")
+    assert "cannot let go" in fail(gripperctl.REFUSED, "release")
 
 
 def test_a_timeout_names_muted_polling_as_a_reason(active):
@@ -160,7 +160,7 @@ def test_no_other_gripper_moves_instead_of_a_missing_one(active, simulator):
     simulator.command("fault 9 deaf always")
     eventually(lambda: active.get("SID") == "[2]", 10)
     before = succeed("--gripper", "2", "get", "PRE", "GTO")
-    assert "no gripper 9, but there are 2" in fail(gripperctl.NO_GRIPPER, "move", "77")
+    assert "not list gripper 9 (listed: 2" in fail(gripperctl.NO_GRIPPER, "move", "77")
     # This is enough time for a write.
     time.sleep(0.3)
     assert succeed("--gripper", "2", "get", "PRE", "GTO") == before != "PRE 077\nGTO 1\n"
@@ -175,9 +175,9 @@ def test_a_gripper_is_removed_during_a_movement(active, simulator, daemon):
     simulator.command("unplug")
     _, error = process.communicate(timeout=15)
     assert process.returncode == gripperctl.NO_GRIPPER
-    assert "gripper 9 has gone from the line (link: ERR_SCANNING (EIO))" in error
-    assert "then gripperctl scan" in error
-    assert "no gripper was found" in fail(gripperctl.NO_GRIPPER, "move", "1")
+    assert "gripper 9 has disappeared from the line (link: ERR_SCANNING (EIO))" in error
+    assert "then run gripperctl scan" in error
+    assert "has found no gripper" in fail(gripperctl.NO_GRIPPER, "move", "1")
     assert "no grippers found" in succeed("status")
     simulator.command("plug")
     daemon.wait_until_found(9, 2, since=mark)
@@ -193,6 +193,6 @@ def test_a_daemon_that_ends_during_a_movement(simulator, start_daemon, daemon):
     _, error = process.communicate(timeout=15)
     assert process.returncode == gripperctl.NO_CONNECTION
     assert "lost the connection" in error
-    assert "is gripperd running? systemctl status gripperd" in fail(
+    assert "is gripperd running? See systemctl status gripperd" in fail(
         gripperctl.NO_CONNECTION, "status"
     )

@@ -74,7 +74,7 @@ def test_nothing_listens():
     with socket.create_server(("127.0.0.1", 0)) as taken:
         port = taken.getsockname()[1]
     text = fail(gripperctl.NO_CONNECTION, "--host", f"127.0.0.1:{port}", "status")
-    assert f"nothing listens on 127.0.0.1:{port}: is gripperd running? systemctl" in text
+    assert f"nothing listens on 127.0.0.1:{port}: is gripperd running? See systemctl" in text
 
 
 def test_an_unknown_host():
@@ -118,10 +118,10 @@ def test_chosen_gripper(ids, words, chosen):
 
 
 @pytest.mark.parametrize("ids,words,code,said", [
-    ("[3]", [], gripperctl.NO_GRIPPER, "no gripper 9, but there are 3: say --gripper ID"),
-    ("[2, 3]", [], gripperctl.NO_GRIPPER, "no gripper 9, but there are 2, 3: say --gripper ID"),
-    ("[2, 3]", ["--gripper", "9"], gripperctl.NO_GRIPPER, "no gripper 9, but there are 2, 3"),
-    ("[]", [], gripperctl.NO_GRIPPER, "no gripper was found (link: RUNNING)"),
+    ("[3]", [], gripperctl.NO_GRIPPER, "not list gripper 9 (listed: 3): use --gripper ID"),
+    ("[2, 3]", [], gripperctl.NO_GRIPPER, "not list gripper 9 (listed: 2, 3): use --gripper ID"),
+    ("[2, 3]", ["--gripper", "9"], gripperctl.NO_GRIPPER, "not list gripper 9 (listed: 2, 3)"),
+    ("[]", [], gripperctl.NO_GRIPPER, "has found no gripper (link: RUNNING)"),
 ])
 def test_no_gripper_is_guessed(ids, words, code, said):
     with ScriptedDaemon(SID=ids) as daemon:
@@ -191,7 +191,7 @@ def test_values_of_a_link_that_is_down_are_not_judged():
 def test_an_active_gripper_with_a_fault_is_no_success():
     with ScriptedDaemon(FLT="05") as daemon:
         text = fail(gripperctl.REFUSED, "--host", daemon.host, "activate")
-        assert "shows fault 5" in text and "activate --again" in text
+        assert "has fault 5" in text and "activate --again" in text
         assert daemon.sets() == ["SID 9"]
 
 
@@ -217,7 +217,7 @@ def test_ctrl_c_leaves_the_movement_running_and_says_so():
         process.send_signal(signal.SIGINT)
         code, _, error = run_to_end(process)
         assert code == gripperctl.INTERRUPTED
-        assert "gripper 9 goes on to 9. gripperctl --gripper 9 set GTO 0 stops it" in error
+        assert "gripper 9 continues to 9. gripperctl --gripper 9 set GTO 0 stops it" in error
 
 
 def test_a_gripper_that_ignores_the_request():

@@ -161,7 +161,7 @@ def test_output_without_a_reader_ends_the_watch(daemon):
 @pytest.mark.parametrize("command", ["watch", "record"])
 def test_a_gripper_that_does_not_exist(daemon, command, tmp_path):
     words = [tmp_path / "new.csv"] if command == "record" else []
-    assert "no gripper 4" in fail(gripperctl.NO_GRIPPER, "--gripper", "4", command, *words)
+    assert "not list gripper 4" in fail(gripperctl.NO_GRIPPER, "--gripper", "4", command, *words)
     assert list(tmp_path.iterdir()) == []
 
 
@@ -239,12 +239,12 @@ def test_drawing_needs_gnuplot(recording, tmp_path):
 
 @pytest.mark.parametrize("content,said", [
     (None, "cannot read"),
-    ("", "line 1 is none of a recording"),
-    ("1,2,3\n", "line 1 is none of a recording"),
-    ("HEADER\nx,0.1,9,far,0,0,-,0,RUNNING\n", "line 2 is none of a recording"),
-    ("HEADER\nx,0.1,9\n", "line 2 is none of a recording"),
-    ("HEADER\n", "nothing was recorded"),
-    ("HEADER\nx,0.1,9,1,0,0,-,0,ERR_TIMEOUT\n", "nothing was recorded"),
+    ("", "line 1 is not part of a recording"),
+    ("1,2,3\n", "line 1 is not part of a recording"),
+    ("HEADER\nx,0.1,9,far,0,0,-,0,RUNNING\n", "line 2 is not part of a recording"),
+    ("HEADER\nx,0.1,9\n", "line 2 is not part of a recording"),
+    ("HEADER\n", "has no values from a running link"),
+    ("HEADER\nx,0.1,9,1,0,0,-,0,ERR_TIMEOUT\n", "has no values from a running link"),
 ])
 def test_a_file_that_is_not_a_recording(tmp_path, content, said):
     path = tmp_path / "some.csv"

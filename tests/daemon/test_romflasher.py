@@ -126,6 +126,14 @@ def test_details_are_whole_lines_one_for_ten_percent(bench, image):
 
 
 @pytest.mark.parametrize("kind", [OWN], ids=["own"])
+def test_closed_standard_streams_do_no_harm(bench, image):
+    words = arguments(bench, image(bench.after), "-d", "-g")
+    shell = ["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", binary("romflasher"), *words]
+    assert subprocess.run(shell, timeout=60).returncode == 0
+    assert bench.version() == bench.after
+
+
+@pytest.mark.parametrize("kind", [OWN], ids=["own"])
 def test_without_d_nothing_is_printed(bench, image):
     result = flash(bench, image(bench.after))
     assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
@@ -184,8 +192,8 @@ def test_a_gripper_that_runs_its_firmware_is_reported(image):
 
 WRONG_IMAGES = [
     (b"", "is empty"),
-    (b"x" * 524289, "has 524289 bytes, and there is room for 524288"),
-    (None, "is not there"),
+    (b"x" * 524289, "has 524289 bytes, but there is room for 524288 only"),
+    (None, "does not exist"),
 ]
 
 

@@ -37,8 +37,8 @@ def test_an_image_that_changes_during_the_flash_is_written_as_it_was(tmp_path, c
 # If the flasher cannot write an image, the gripper keeps its firmware, and -g starts it.
 
 NOTHING = "nothing was written"
-STARTED = NOTHING + ", and the firmware that is there was started"
-WAITING = NOTHING + ": switch the gripper off and on to start the firmware that is there"
+STARTED = NOTHING + ", and the present firmware was started"
+WAITING = NOTHING + ": switch the gripper off and on to start the present firmware"
 
 
 @pytest.fixture
@@ -91,7 +91,7 @@ def starts_after(bench, path, code, **options):
 @BOTH
 def test_g_starts_the_present_firmware(bench, tmp_path):
     text = starts_after(bench, tmp_path / "missing.bin", 2)
-    assert "missing.bin is not there; " + STARTED in text
+    assert "missing.bin does not exist; " + STARTED in text
     assert bench.state() == "firmware"
     assert bench.version() == bench.before
 

@@ -2,8 +2,8 @@
 
 #include <QByteArray>
 
-/// The client's end of a connection, on a plain descriptor: nothing is buffered here, and a wait
-/// for something to arrive runs the event loop of the test.
+/// The client's end of a connection. Uses a plain descriptor without a buffer. Tests wait for bytes
+/// in their event loop.
 class ClientEnd
 {
 public:
@@ -18,19 +18,19 @@ public:
     static int connectTo(quint16 port);
 
     void send(const QByteArray &bytes);
-    /// As much as can be sent without waiting; returns how much that was.
+    /// Sends as much as possible without waiting and returns the number of bytes.
     int sendSome(const QByteArray &bytes);
-    /// Everything that has arrived so far.
+    /// All bytes that have arrived.
     const QByteArray &received();
-    /// The same, and forgets it.
+    /// Returns the bytes that have arrived and clears them.
     QByteArray take();
     /// Whether the other side has closed the connection.
     bool hasEnded();
 
-    /// Nothing more will be sent; replies are still read.
+    /// Ends the sending side. Replies can still be read.
     void halfClose();
     void close();
-    /// Breaks the connection off without a word.
+    /// Resets the connection.
     void reset();
 
 private:
@@ -39,7 +39,7 @@ private:
     bool m_ended = false;
 };
 
-/// Two ends of one connection; the second one is nobody's yet.
+/// Two ends of one connection. The test must give `serverEnd` to an owner.
 struct DescriptorPair
 {
     int clientEnd;

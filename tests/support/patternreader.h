@@ -5,7 +5,7 @@
 #include <QPair>
 #include <QRegularExpression>
 
-/// Reads the pairs of a SET with the pattern itself: the procedure that PairReader stands for.
+/// Reads the pairs of a SET with the pattern, as a reference for PairReader.
 class PatternReader
 {
 public:
@@ -14,10 +14,10 @@ public:
 
     Pairs pairsOf(const QByteArray &request);
 
-    /// Whether this is a whole SET request. A line on which the engine gives up is none.
+    /// Whether `line` is one SET request. False if the engine gives up.
     bool isRequest(const QByteArray &line);
 
-    /// Whether the engine has given up on pairs, so that those are worth nothing.
+    /// Whether the engine has given up on pairs. The pairs are then invalid.
     bool gaveUp() const { return m_gaveUp; }
     int linesGivenUp() const { return m_linesGivenUp; }
 

@@ -3,9 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
-/// Cuts requests out of a client's text with the two patterns themselves: the procedure that
-/// RequestScanner stands for. Its time grows exponentially with ambiguous text, up to a limit at
-/// which it gives up.
+/// Cuts requests out of a client's text with the two patterns, as a reference for RequestScanner.
+/// Ambiguous text takes exponential time. At a limit the engine gives up.
 class PatternScanner
 {
 public:
@@ -20,13 +19,13 @@ public:
     /// Adds the bytes of one read.
     void append(const QByteArray &packet);
 
-    /// Cuts the next request into `cut`. False if there is none, and on giving up.
+    /// Cuts the next request into `cut`. Returns false if no request is left or the engine gave up.
     bool takeNext(Cut &cut);
 
-    /// Whether the engine has reached its match limit, so that its answers are worth nothing.
+    /// Whether the engine has reached its match limit. Its answers are then invalid.
     bool gaveUp() const { return m_gaveUp; }
 
-    /// Length of the text from where the patterns can still match once more text arrives.
+    /// The length of the text that may still become part of a request.
     int lengthThatMayMatter();
 
 private:

@@ -5,12 +5,13 @@
 #include <termios.h>
 #include <unistd.h>
 
-PtyPair::PtyPair()
+PtyPair::PtyPair(Mode mode)
 {
     termios raw{};
     ::cfmakeraw(&raw);
     std::array<char, 64> name{};
-    if (::openpty(&m_lineEnd, &m_portEnd, name.data(), &raw, nullptr) != 0)
+    const termios *settings = mode == Mode::Raw ? &raw : nullptr;
+    if (::openpty(&m_lineEnd, &m_portEnd, name.data(), settings, nullptr) != 0)
         qFatal("cannot open a pseudo-terminal");
     m_portName = QString::fromLatin1(name.data());
 }

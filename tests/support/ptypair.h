@@ -2,14 +2,19 @@
 
 #include <QString>
 
-/// Owns both ends of a raw pseudo-terminal. A serial port opens the port end by its name; the test
+/// Owns both ends of a pseudo-terminal. A serial port opens the port end by its name; the test
 /// reads and writes the line end. The port end also stays open here, so the line survives when the
 /// port closes, and its settings and unread bytes can be examined.
 class PtyPair
 {
 public:
+    enum class Mode {
+        Raw,     ///< passes bytes unchanged, as a serial line does
+        Terminal ///< sends "\r\n" for a line end, as the terminal of a user does
+    };
+
     /// Ends the process when the system has no pseudo-terminal.
-    PtyPair();
+    explicit PtyPair(Mode mode = Mode::Raw);
     ~PtyPair();
 
     PtyPair(const PtyPair &) = delete;

@@ -7,13 +7,12 @@
 #include <QList>
 #include <QString>
 
-/// Feeds RequestScanner and PatternScanner with the same packets and compares everything that
-/// comes out of them.
+/// Feeds RequestScanner and PatternScanner with the same packets and compares their results.
 class ScannerDuel
 {
 public:
-    /// Adds one packet, then takes at most `takes` requests. False at the first difference;
-    /// `what` then tells it. Compares nothing any more once the patterns have given up.
+    /// Adds one packet, then takes at most `takes` requests. Returns false at the first difference
+    /// and describes it in `what`. Compares nothing after the patterns have given up.
     bool feed(const QByteArray &packet, int takes, QString &what);
 
     /// Whether the patterns have given up.

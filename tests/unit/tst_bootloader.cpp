@@ -22,13 +22,13 @@ using Jump = bool (KvDeviceBase::*)(unsigned int);
 
 constexpr quint16 resetAddress = 400;
 constexpr unsigned int longTimeoutMs = 60000;
-constexpr int wrongExitCode = 97;   // the claim does not hold
+constexpr int wrongExitCode = 97;   // the claim is false
 constexpr int unknownExitCode = 98; // there is no such scenario
 
 const QByteArray acknowledge("\x79");
 const QByteArray negativeAcknowledge("\x1F");
 
-// The value that every reset of the tests' process writes: initTestCase() passes it first.
+// Every reset of this process writes this value, because initTestCase() passes it first.
 constexpr quint16 firstCommand = 0x1234;
 const QString firstWrite = QStringLiteral("write 9 400: 0x1234");
 
@@ -42,10 +42,10 @@ public:
     bool isValidDevice() override { return true; }
 };
 
-// What concerns the whole process has a process of its own. The result is its exit code.
+// A scenario about the whole process runs in its own process. Its exit code is the result.
 using Scenario = std::function<int()>;
 
-/// Which value each of two jumps writes, in the first jumps of a process.
+/// The first two jumps of a process: checks the value that each one writes.
 int jumpsWrite(Jump first, Jump second, const char *value)
 {
     BootloaderEnd end;
@@ -76,7 +76,7 @@ int ownFirst()
                       "0x3500");
 }
 
-/// A first value whose write fails is the first value all the same.
+/// The first value counts also if its write fails.
 int failedFirst()
 {
     ScriptedMaster master(QStringLiteral("none"));
@@ -105,7 +105,7 @@ int quitDuringDetection()
     return end.knocks().size() == 3 ? 0 : wrongExitCode;
 }
 
-/// The answer to an attempt that is under way still counts.
+/// The answer to the running attempt still counts.
 int quitDuringTheAttemptThatIsAnswered()
 {
     quitOnSignals({SIGTERM});
@@ -172,7 +172,8 @@ const QMap<QString, Scenario> &scenarios()
     return all;
 }
 
-/// The exit code of this program run for one scenario; another one when it does not end in time.
+/// Runs this program for one scenario. Returns its exit code, or another one if it does not end in
+/// time.
 int runScenario(const QString &scenario, int timeoutMs)
 {
     QProcess process;
@@ -199,24 +200,24 @@ private slots:
     void initTestCase();
     void init();
 
-    void flashAddressesAreTexts();
+    void flashAddressesAreTheseTexts();
     void firstResetValueOfAProcessIsWrittenEveryTime_data();
     void firstResetValueOfAProcessIsWrittenEveryTime();
 
     void automaticResetClosesTheLink();
     void automaticResetThatFailsLeavesTheLinkOpen_data();
     void automaticResetThatFailsLeavesTheLinkOpen();
-    void firmwareRestartLeavesTheLinkAsItIs_data();
-    void firmwareRestartLeavesTheLinkAsItIs();
+    void firmwareRestartDoesNotChangeTheLink_data();
+    void firmwareRestartDoesNotChangeTheLink();
 
-    void manualResetKnocksUntilTheDeviceTakesIt();
+    void manualResetRepeatsUntilTheDeviceAcknowledges();
     void manualResetOpensTheLink();
-    void manualResetOpensALinkThatIsLostAgain();
+    void manualResetReopensALostLink();
     void manualResetThatTimesOutClosesTheLink_data();
     void manualResetThatTimesOutClosesTheLink();
-    void manualResetPausesBeforeEachKnock();
+    void manualResetPausesBeforeEachWrite();
     void manualResetIsAborted();
-    void manualResetStartsAnewAfterAnAbort();
+    void manualResetCanStartAgainAfterAnAbort();
     void abortWithoutAManualResetDoesNothing();
 
     void answerIsDetected_data();
@@ -224,8 +225,8 @@ private slots:
     void detectionMakesOneAttemptMoreThanRetries_data();
     void detectionMakesOneAttemptMoreThanRetries();
     void detectionStopsAtTheFirstAnswer();
-    void detectionGoesOnAfterAWrongAnswer_data();
-    void detectionGoesOnAfterAWrongAnswer();
+    void detectionContinuesAfterAWrongAnswer_data();
+    void detectionContinuesAfterAWrongAnswer();
     void attemptWaitsFiftyMilliseconds();
     void detectionUsesItsRate_data();
     void detectionUsesItsRate();
@@ -233,14 +234,14 @@ private slots:
     void detectionLeavesThePortFree();
     void detectionPumpsNoEvents();
     void detectionNeedsTheLinkClosed();
-    void detectionWithoutAPortLeavesTheErrorAlone();
+    void detectionWithoutAPortDoesNotChangeTheError();
 
     void jumpResetsAndDetects_data();
     void jumpResetsAndDetects();
     void jumpMakesFiftyOneAttempts_data();
     void jumpMakesFiftyOneAttempts();
-    void jumpThatIsNotTakenFindsTheLinkOpen_data();
-    void jumpThatIsNotTakenFindsTheLinkOpen();
+    void jumpAfterAFailedResetFindsTheLinkOpen_data();
+    void jumpAfterAFailedResetFindsTheLinkOpen();
     void jumpWithTheLinkClosedStillDetects_data();
     void jumpWithTheLinkClosedStillDetects();
 
@@ -272,7 +273,7 @@ void tst_Bootloader::init()
     m_end.setAnswers({});
 }
 
-void tst_Bootloader::flashAddressesAreTexts()
+void tst_Bootloader::flashAddressesAreTheseTexts()
 {
     QCOMPARE(QByteArray(KvDeviceBase::__bootLoaderRestartAddress), QByteArray("0x08000000"));
     QCOMPARE(QByteArray(KvDeviceBase::__bootLoaderFirmwareStartAddress), QByteArray("0x08080000"));
@@ -320,7 +321,7 @@ void tst_Bootloader::automaticResetThatFailsLeavesTheLinkOpen()
     QCOMPARE(m_device->error(), Error::CommunicationError);
 }
 
-void tst_Bootloader::firmwareRestartLeavesTheLinkAsItIs_data()
+void tst_Bootloader::firmwareRestartDoesNotChangeTheLink_data()
 {
     QTest::addColumn<bool>("open");
     QTest::addColumn<bool>("acknowledged");
@@ -329,7 +330,7 @@ void tst_Bootloader::firmwareRestartLeavesTheLinkAsItIs_data()
     QTest::newRow("link closed") << false << false;
 }
 
-void tst_Bootloader::firmwareRestartLeavesTheLinkAsItIs()
+void tst_Bootloader::firmwareRestartDoesNotChangeTheLink()
 {
     QFETCH(bool, open);
     QFETCH(bool, acknowledged);
@@ -342,7 +343,7 @@ void tst_Bootloader::firmwareRestartLeavesTheLinkAsItIs()
     QCOMPARE(m_device->error(), acknowledged ? Error::NoError : Error::CommunicationError);
 }
 
-void tst_Bootloader::manualResetKnocksUntilTheDeviceTakesIt()
+void tst_Bootloader::manualResetRepeatsUntilTheDeviceAcknowledges()
 {
     m_master->refuseWrites(resetAddress, KvModbusAbstract::TimeoutError);
     int writes = 0;
@@ -371,7 +372,7 @@ void tst_Bootloader::manualResetOpensTheLink()
     QVERIFY(!m_master->isConnected());
 }
 
-void tst_Bootloader::manualResetOpensALinkThatIsLostAgain()
+void tst_Bootloader::manualResetReopensALostLink()
 {
     m_master->setOpen(false);
     m_master->setOpenable(false);
@@ -404,7 +405,7 @@ void tst_Bootloader::manualResetThatTimesOutClosesTheLink()
     QVERIFY(!m_master->isConnected());
 }
 
-void tst_Bootloader::manualResetPausesBeforeEachKnock()
+void tst_Bootloader::manualResetPausesBeforeEachWrite()
 {
     m_master->refuseWrites(resetAddress, KvModbusAbstract::TimeoutError);
     QVector<qint64> knocksMs;
@@ -433,7 +434,7 @@ void tst_Bootloader::manualResetIsAborted()
     QVERIFY(!m_master->isConnected());
 }
 
-void tst_Bootloader::manualResetStartsAnewAfterAnAbort()
+void tst_Bootloader::manualResetCanStartAgainAfterAnAbort()
 {
     m_device->abortManualResetToBootLoader();
     QVERIFY(m_device->resetDeviceToBootloader(firstCommand, true, longTimeoutMs));
@@ -502,14 +503,14 @@ void tst_Bootloader::detectionStopsAtTheFirstAnswer()
     QCOMPARE(m_end.knocks().size(), 3);
 }
 
-void tst_Bootloader::detectionGoesOnAfterAWrongAnswer_data()
+void tst_Bootloader::detectionContinuesAfterAWrongAnswer_data()
 {
     QTest::addColumn<QByteArray>("wrong");
     QTest::newRow("two bytes") << acknowledge + acknowledge;
     QTest::newRow("garbage") << QByteArray("x");
 }
 
-void tst_Bootloader::detectionGoesOnAfterAWrongAnswer()
+void tst_Bootloader::detectionContinuesAfterAWrongAnswer()
 {
     QFETCH(QByteArray, wrong);
     m_master->setOpen(false);
@@ -583,7 +584,7 @@ void tst_Bootloader::detectionNeedsTheLinkClosed()
     QVERIFY(m_master->isConnected());
 }
 
-void tst_Bootloader::detectionWithoutAPortLeavesTheErrorAlone()
+void tst_Bootloader::detectionWithoutAPortDoesNotChangeTheError()
 {
     ScriptedMaster master(QStringLiteral("/dev/there-is-no-such-port"));
     Device device(master);
@@ -631,12 +632,12 @@ void tst_Bootloader::jumpMakesFiftyOneAttempts()
     QCOMPARE(m_end.knocks().count(baudRate), 51);
 }
 
-void tst_Bootloader::jumpThatIsNotTakenFindsTheLinkOpen_data()
+void tst_Bootloader::jumpAfterAFailedResetFindsTheLinkOpen_data()
 {
     addJumpRows();
 }
 
-void tst_Bootloader::jumpThatIsNotTakenFindsTheLinkOpen()
+void tst_Bootloader::jumpAfterAFailedResetFindsTheLinkOpen()
 {
     QFETCH(Jump, jump);
     m_master->refuseWrites(resetAddress, KvModbusAbstract::TimeoutError);
@@ -681,7 +682,7 @@ int main(int argc, char *argv[])
     QCoreApplication application(argc, argv);
     const QStringList arguments = QCoreApplication::arguments();
     if (arguments.value(1) == QLatin1String("--scenario")) {
-        ::alarm(20); // nobody is left behind
+        ::alarm(20); // ends the process if it hangs
         const Scenario scenario = scenarios().value(arguments.value(2));
         return scenario ? scenario() : unknownExitCode;
     }

@@ -17,7 +17,7 @@ std::string_view view(const QByteArray &bytes)
     return {bytes.constData(), static_cast<std::size_t>(bytes.size())};
 }
 
-// The same by a pattern, for a text as a whole.
+// Decides the whole text with patterns.
 Protocol protocolByPattern(const QByteArray &text)
 {
     static const QRegularExpression tls(QStringLiteral("^\\x16\\x03"));
@@ -40,7 +40,7 @@ Protocol protocolByPattern(const QByteArray &text)
     return isUndecided ? Protocol::Undecided : Protocol::Gripper;
 }
 
-// Request lines, and texts that nearly are, from a seed.
+// Makes request lines and similar texts from a seed.
 class TextMaker
 {
 public:
@@ -80,10 +80,10 @@ private slots:
     void protocolIsRecognised();
     void piecesMakeNoDifference_data() { protocolIsRecognised_data(); }
     void piecesMakeNoDifference();
-    void everyFirstByteIsJudged();
+    void everyFirstByteIsDecided();
     void nothingIsReadPastTheDecision();
     void longTargetIsRecognised();
-    void manyTextsAreJudgedAsByThePattern();
+    void manyTextsAreDecidedAsByThePattern();
 };
 
 void tst_FirstLine::protocolIsRecognised_data()
@@ -120,11 +120,11 @@ void tst_FirstLine::protocolIsRecognised_data()
     row("no version", "GET /\r\n", Protocol::Gripper);
     row("no digit in the version", "GET / HTTP/1.x\r\n", Protocol::Gripper);
     row("longer version", "GET / HTTP/1.10\r\n", Protocol::Gripper);
-    row("space behind the version", "GET / HTTP/1.1 \r\n", Protocol::Gripper);
-    row("two spaces in front of the target", "GET  / HTTP/1.1\r\n", Protocol::Gripper);
-    row("two spaces behind the target", "GET /  HTTP/1.1\r\n", Protocol::Gripper);
-    row("space in front", " GET / HTTP/1.1\r\n", Protocol::Gripper);
-    row("line ending in front", "\r\nGET / HTTP/1.1\r\n", Protocol::Gripper);
+    row("space after the version", "GET / HTTP/1.1 \r\n", Protocol::Gripper);
+    row("two spaces before the target", "GET  / HTTP/1.1\r\n", Protocol::Gripper);
+    row("two spaces after the target", "GET /  HTTP/1.1\r\n", Protocol::Gripper);
+    row("space before the line", " GET / HTTP/1.1\r\n", Protocol::Gripper);
+    row("line ending before the line", "\r\nGET / HTTP/1.1\r\n", Protocol::Gripper);
     row("line ending in the method", "GE\nT / HTTP/1.1\r\n", Protocol::Gripper);
     row("bracket in the method", "GE(T / HTTP/1.1\r\n", Protocol::Gripper);
     row("zero byte in the target", QByteArray("GET /\0 HTTP/1.1\r\n", 17), Protocol::Gripper);
@@ -134,7 +134,7 @@ void tst_FirstLine::protocolIsRecognised_data()
     row("TLS record type", "\x16", Protocol::Undecided);
     row("garbage like TLS", "\x16 ", Protocol::Gripper);
     row("TLS version alone", "\x03\x01", Protocol::Gripper);
-    row("TLS behind garbage", "a\x16\x03", Protocol::Gripper);
+    row("TLS after garbage", "a\x16\x03", Protocol::Gripper);
 }
 
 void tst_FirstLine::protocolIsRecognised()
@@ -158,7 +158,7 @@ void tst_FirstLine::piecesMakeNoDifference()
     QTEST(byteByByte.read({}), "protocol");
 }
 
-void tst_FirstLine::everyFirstByteIsJudged()
+void tst_FirstLine::everyFirstByteIsDecided()
 {
     for (int byte = 0; byte < 256; ++byte) {
         const QByteArray text(1, static_cast<char>(byte));
@@ -186,7 +186,7 @@ void tst_FirstLine::longTargetIsRecognised()
     QCOMPARE(line.read(" HTTP/1.1\r\n"), Protocol::Http);
 }
 
-void tst_FirstLine::manyTextsAreJudgedAsByThePattern()
+void tst_FirstLine::manyTextsAreDecidedAsByThePattern()
 {
     TextMaker maker;
     std::array<int, 4> counts{};

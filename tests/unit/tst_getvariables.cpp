@@ -19,7 +19,7 @@ std::string_view viewOf(const QByteArray &text)
 
 } // namespace
 
-/// The GET table on a gripper that holds another value in each of its fields.
+/// The GET table with a gripper that has a different value in each field.
 class tst_GetVariables : public QObject
 {
     Q_OBJECT
@@ -32,13 +32,13 @@ private slots:
     void numberIsPaddedToItsDigits_data();
     void numberIsPaddedToItsDigits();
     void largestNumbersAreUnsigned();
-    void activationCountsOnlyOnceItIsCompleted();
+    void activationCountsAfterItHasCompleted();
     void valueIsAppended();
     void unknownNameHasNoRow_data();
     void unknownNameHasNoRow();
     void idsOfAnEmptyListAreAnEmptyList();
-    void driverStateIsThatOfTheList();
-    void readingTheTableAsksNobody();
+    void driverStateIsTheStateOfTheList();
+    void readingTheTableSendsNoRequest();
 
 private:
     QByteArray valueOf(const QByteArray &name);
@@ -145,7 +145,7 @@ void tst_GetVariables::largestNumbersAreUnsigned()
     QCOMPARE(valueOf("COU"), QByteArray("255"));
 }
 
-void tst_GetVariables::activationCountsOnlyOnceItIsCompleted()
+void tst_GetVariables::activationCountsAfterItHasCompleted()
 {
     m_line->bus().pinRegister(9, 2000, 0x1100);
     QTRY_VERIFY(m_gripper->updateInput());
@@ -182,14 +182,14 @@ void tst_GetVariables::idsOfAnEmptyListAreAnEmptyList()
     QCOMPARE(value, std::string("[]"));
 }
 
-void tst_GetVariables::driverStateIsThatOfTheList()
+void tst_GetVariables::driverStateIsTheStateOfTheList()
 {
     m_list->requestScanBlock();
     QCOMPARE(valueOf("DRI"), QByteArray("RUNNING"));
 }
 
-// What was read when the gripper was found is kept.
-void tst_GetVariables::readingTheTableAsksNobody()
+// The identity was read when the gripper was found.
+void tst_GetVariables::readingTheTableSendsNoRequest()
 {
     m_line->clearTraffic();
     for (const char *name : {"SNU", "PYE", "FWV", "POS", "NCY", "SID"})

@@ -6,6 +6,8 @@
 
 #include <QTest>
 
+using namespace gripperctl;
+
 namespace {
 
 Options optionsOf(const char *words)
@@ -13,7 +15,7 @@ Options optionsOf(const char *words)
     return Options::fromWords(QString::fromLatin1(words).split(QLatin1Char(' ')));
 }
 
-/// Empty if the command takes them all.
+/// Empty if the command takes all words.
 QString problemWith(const char *words)
 {
     try {
@@ -32,10 +34,10 @@ class TestGripperctlOptions : public QObject
     Q_OBJECT
 
 private slots:
-    void valuesComeAsTheyWereGiven();
-    void optionsMayStandAnywhere();
-    void whatACommandDoesNotTakeIsNamed_data();
-    void whatACommandDoesNotTakeIsNamed();
+    void optionsHaveTheGivenValues();
+    void optionsMayBeAnywhere();
+    void messageNamesTheWordThatACommandDoesNotTake_data();
+    void messageNamesTheWordThatACommandDoesNotTake();
     void everyCommandTakesItsExample();
     void everyOptionOfACommandExists();
     void everyOptionIsTakenBySomeCommand();
@@ -43,7 +45,7 @@ private slots:
     void helpOfACommandNamesItsOwnOptionsOnly();
 };
 
-void TestGripperctlOptions::valuesComeAsTheyWereGiven()
+void TestGripperctlOptions::optionsHaveTheGivenValues()
 {
     const Options options =
         optionsOf("--host robot:9 --gripper=3 move 120 --speed 0 --timeout 0.25");
@@ -57,7 +59,7 @@ void TestGripperctlOptions::valuesComeAsTheyWereGiven()
     QVERIFY(!options.has("wait"));
 }
 
-void TestGripperctlOptions::optionsMayStandAnywhere()
+void TestGripperctlOptions::optionsMayBeAnywhere()
 {
     QVERIFY(optionsOf("--wait activate").has("wait"));
     QCOMPARE(optionsOf("plot -o a.svg b.csv").text("output"), QStringLiteral("a.svg"));
@@ -65,21 +67,21 @@ void TestGripperctlOptions::optionsMayStandAnywhere()
              QStringList{QStringLiteral("b.csv")});
 }
 
-void TestGripperctlOptions::whatACommandDoesNotTakeIsNamed_data()
+void TestGripperctlOptions::messageNamesTheWordThatACommandDoesNotTake_data()
 {
     QTest::addColumn<QString>("problem");
     QTest::newRow("scan --wait") << "scan does not take --wait; see gripperctl scan --help";
     QTest::newRow("scan 9") << "scan does not take \"9\"; see gripperctl scan --help";
     QTest::newRow("rename 9") << "rename needs OLD NEW; see gripperctl rename --help";
     QTest::newRow("move 1 --speed 300")
-        << "--speed is a number of 0 to 255, not \"300\"; see gripperctl --help";
+        << "--speed takes a number from 0 to 255, not \"300\"; see gripperctl --help";
     QTest::newRow("move 1 --speed 1.5")
-        << "--speed is a number of 0 to 255, not \"1.5\"; see gripperctl --help";
+        << "--speed takes a number from 0 to 255, not \"1.5\"; see gripperctl --help";
     QTest::newRow("move -1") << "Unknown option '1'; see gripperctl --help";
     QTest::newRow("open --json --json") << "";
 }
 
-void TestGripperctlOptions::whatACommandDoesNotTakeIsNamed()
+void TestGripperctlOptions::messageNamesTheWordThatACommandDoesNotTake()
 {
     QTEST(problemWith(QTest::currentDataTag()), "problem");
 }
@@ -95,11 +97,10 @@ void TestGripperctlOptions::everyCommandTakesItsExample()
 void TestGripperctlOptions::everyOptionOfACommandExists()
 {
     for (const CommandRow &command : commandTable()) {
-        int known = 0;
+        std::size_t known = 0;
         for (const OptionRow &option : commandOptions())
             known += command.takes(option.name) ? 1 : 0;
-        const QString names = QString::fromLatin1(command.options);
-        QCOMPARE(known, names.split(QLatin1Char(' '), Qt::SkipEmptyParts).size());
+        QCOMPARE(known, command.options.size());
     }
 }
 

@@ -5,27 +5,29 @@
 
 #include <QTest>
 
+using namespace gripperctl;
+
 class TestGripperctlProtocol : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void hostsAreReadAsTheyAreWritten_data();
-    void hostsAreReadAsTheyAreWritten();
-    void whatIsNoHostIsRefused_data();
-    void whatIsNoHostIsRefused();
-    void repliesAreCutAtTheFirstBlank();
-    void whatIsNoReplyIsNotTakenForOne_data();
-    void whatIsNoReplyIsNotTakenForOne();
-    void listsOfIds_data();
-    void listsOfIds();
-    void wordsOfARequest_data();
-    void wordsOfARequest();
-    void theGripperThatIsMeant_data();
-    void theGripperThatIsMeant();
+    void hostTextGivesHostAndPort_data();
+    void hostTextGivesHostAndPort();
+    void wrongHostTextIsRefused_data();
+    void wrongHostTextIsRefused();
+    void replyIsSplitAtTheFirstBlank();
+    void wrongReplyIsRefused_data();
+    void wrongReplyIsRefused();
+    void listOfIdsIsRead_data();
+    void listOfIdsIsRead();
+    void wordsOfASetAreChecked_data();
+    void wordsOfASetAreChecked();
+    void chosenGripperIsTheWantedOne_data();
+    void chosenGripperIsTheWantedOne();
 };
 
-void TestGripperctlProtocol::hostsAreReadAsTheyAreWritten_data()
+void TestGripperctlProtocol::hostTextGivesHostAndPort_data()
 {
     QTest::addColumn<QString>("host");
     QTest::addColumn<int>("port");
@@ -38,7 +40,7 @@ void TestGripperctlProtocol::hostsAreReadAsTheyAreWritten_data()
     QTest::newRow("[fe80::2]:80") << "fe80::2" << 80 << "[fe80::2]:80";
 }
 
-void TestGripperctlProtocol::hostsAreReadAsTheyAreWritten()
+void TestGripperctlProtocol::hostTextGivesHostAndPort()
 {
     QFETCH(QString, host);
     QFETCH(int, port);
@@ -49,7 +51,7 @@ void TestGripperctlProtocol::hostsAreReadAsTheyAreWritten()
     QTEST(endpoint->text(), "shown");
 }
 
-void TestGripperctlProtocol::whatIsNoHostIsRefused_data()
+void TestGripperctlProtocol::wrongHostTextIsRefused_data()
 {
     QTest::addColumn<QString>("text");
     for (const char *text :
@@ -57,36 +59,36 @@ void TestGripperctlProtocol::whatIsNoHostIsRefused_data()
         QTest::newRow(text) << text;
 }
 
-void TestGripperctlProtocol::whatIsNoHostIsRefused()
+void TestGripperctlProtocol::wrongHostTextIsRefused()
 {
     QFETCH(QString, text);
     QVERIFY(!Endpoint::fromText(text));
 }
 
-void TestGripperctlProtocol::repliesAreCutAtTheFirstBlank()
+void TestGripperctlProtocol::replyIsSplitAtTheFirstBlank()
 {
-    const auto reply = protocol::parseReply(QStringLiteral("DRI ERR_SCANNING (EIO)"));
+    const auto reply = parseReply(QStringLiteral("DRI ERR_SCANNING (EIO)"));
     QVERIFY(reply);
     QCOMPARE(reply->name, QStringLiteral("DRI"));
     QCOMPARE(reply->value, QStringLiteral("ERR_SCANNING (EIO)"));
-    // A serial number that could not be read is empty.
-    QCOMPARE(protocol::parseReply(QStringLiteral("SNU "))->value, QString());
+    // The daemon sends an empty serial number if it could not read it.
+    QCOMPARE(parseReply(QStringLiteral("SNU "))->value, QString());
 }
 
-void TestGripperctlProtocol::whatIsNoReplyIsNotTakenForOne_data()
+void TestGripperctlProtocol::wrongReplyIsRefused_data()
 {
     QTest::addColumn<QString>("line");
     for (const char *line : {"", "POS", "ackPOS 1", "PO 1", " POS 1", "P.S 1"})
         QTest::newRow(line) << line;
 }
 
-void TestGripperctlProtocol::whatIsNoReplyIsNotTakenForOne()
+void TestGripperctlProtocol::wrongReplyIsRefused()
 {
     QFETCH(QString, line);
-    QVERIFY(!protocol::parseReply(line));
+    QVERIFY(!parseReply(line));
 }
 
-void TestGripperctlProtocol::listsOfIds_data()
+void TestGripperctlProtocol::listOfIdsIsRead_data()
 {
     QTest::addColumn<bool>("isList");
     QTest::addColumn<QVector<int>>("ids");
@@ -97,15 +99,15 @@ void TestGripperctlProtocol::listsOfIds_data()
         QTest::newRow(text) << false << QVector<int>();
 }
 
-void TestGripperctlProtocol::listsOfIds()
+void TestGripperctlProtocol::listOfIdsIsRead()
 {
     QFETCH(bool, isList);
-    const auto ids = protocol::parseIds(QString::fromLatin1(QTest::currentDataTag()));
+    const auto ids = parseIds(QString::fromLatin1(QTest::currentDataTag()));
     QCOMPARE(ids.has_value(), isList);
     QTEST(ids.value_or(QVector<int>()), "ids");
 }
 
-void TestGripperctlProtocol::wordsOfARequest_data()
+void TestGripperctlProtocol::wordsOfASetAreChecked_data()
 {
     QTest::addColumn<bool>("isRequest");
     for (const char *words :
@@ -116,28 +118,36 @@ void TestGripperctlProtocol::wordsOfARequest_data()
         QTest::newRow(words) << false;
 }
 
-void TestGripperctlProtocol::wordsOfARequest()
+void TestGripperctlProtocol::wordsOfASetAreChecked()
 {
     QFETCH(bool, isRequest);
     const QString words = QString::fromLatin1(QTest::currentDataTag());
-    QCOMPARE(protocol::problemInPairs(words.split(QLatin1Char(' '))).isEmpty(), isRequest);
+    try {
+        checkPairs(words.split(QLatin1Char(' ')));
+        QVERIFY(isRequest);
+    } catch (const Failure &failure) {
+        QVERIFY(!isRequest);
+        QCOMPARE(failure.code, ExitCode::WrongUsage);
+        QVERIFY2(failure.text.endsWith(QLatin1String("; see gripperctl set --help")),
+                 qPrintable(failure.text));
+    }
 }
 
-void TestGripperctlProtocol::theGripperThatIsMeant_data()
+void TestGripperctlProtocol::chosenGripperIsTheWantedOne_data()
 {
     QTest::addColumn<QVector<int>>("found");
     QTest::addColumn<int>("wanted");
     QTest::addColumn<int>("chosen");
     QTest::addColumn<int>("exitCode");
-    QTest::newRow("9 is the usual one") << QVector<int>{2, 9} << 0 << 9 << 0;
-    QTest::newRow("the only one is another") << QVector<int>{4} << 0 << 0 << 5;
-    QTest::newRow("the one that is named") << QVector<int>{2, 3, 9} << 3 << 3 << 0;
-    QTest::newRow("all are others") << QVector<int>{2, 3} << 0 << 0 << 5;
-    QTest::newRow("not there") << QVector<int>{2, 9} << 3 << 0 << 5;
-    QTest::newRow("nobody there") << QVector<int>() << 9 << 0 << 5;
+    QTest::newRow("9 is the default") << QVector<int>{2, 9} << 0 << 9 << 0;
+    QTest::newRow("the only one is not 9") << QVector<int>{4} << 0 << 0 << 5;
+    QTest::newRow("wanted and found") << QVector<int>{2, 3, 9} << 3 << 3 << 0;
+    QTest::newRow("none is 9") << QVector<int>{2, 3} << 0 << 0 << 5;
+    QTest::newRow("wanted and not found") << QVector<int>{2, 9} << 3 << 0 << 5;
+    QTest::newRow("none found") << QVector<int>() << 9 << 0 << 5;
 }
 
-void TestGripperctlProtocol::theGripperThatIsMeant()
+void TestGripperctlProtocol::chosenGripperIsTheWantedOne()
 {
     QFETCH(QVector<int>, found);
     QFETCH(int, wanted);

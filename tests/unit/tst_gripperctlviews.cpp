@@ -1,4 +1,5 @@
 #include "failure.h"
+#include "gripperidentity.h"
 #include "motion.h"
 #include "plotscript.h"
 #include "recording.h"
@@ -7,9 +8,11 @@
 
 #include <QTest>
 
+using namespace gripperctl;
+
 namespace {
 
-/// A gripper of these values over those of one that has arrived at 100.
+/// A gripper that has arrived at 100, except for the given `values`.
 GripperState gripperOf(const char *values, int id = 9)
 {
     Values all;
@@ -30,7 +33,7 @@ Snapshot snapshotOf(const QVector<GripperState> &grippers, const char *link = "R
 
 QString textFrom(const QStringList &lines)
 {
-    return (QStringList{recording::header()} + lines).join(QLatin1Char('\n'));
+    return (QStringList{recordingHeader()} + lines).join(QLatin1Char('\n'));
 }
 
 } // namespace
@@ -42,22 +45,23 @@ class TestGripperctlViews : public QObject
     Q_OBJECT
 
 private slots:
-    void columnsAreAsWideAsTheirWidestWord();
-    void theSecondLetterTellsTheFamily_data();
-    void theSecondLetterTellsTheFamily();
-    void movementsAreJudgedByTheirOwnRequest_data();
-    void movementsAreJudgedByTheirOwnRequest();
-    void barsMarkPositionAndRequest_data();
-    void barsMarkPositionAndRequest();
-    void theScreenIsNeverWiderThanTheTerminal_data();
-    void theScreenIsNeverWiderThanTheTerminal();
-    void aPlainLineHasNoBlanksInItsValues();
-    void aRecordingIsReadAsItWasWritten();
-    void aTimeWithoutALinkIsAGapInTheCurve();
-    void brokenRecordingsNameTheirLine();
+    void columnIsAsWideAsItsWidestWord();
+    void secondLetterDecidesTheFamily_data();
+    void secondLetterDecidesTheFamily();
+    void familiesAreThoseOfTheSimulator();
+    void motionIsJudgedByItsOwnRequest_data();
+    void motionIsJudgedByItsOwnRequest();
+    void barMarksPositionAndRequest_data();
+    void barMarksPositionAndRequest();
+    void screenIsNeverWiderThanTheTerminal_data();
+    void screenIsNeverWiderThanTheTerminal();
+    void plainLineHasNoBlanksInItsValues();
+    void parsedRecordingEqualsTheWrittenOne();
+    void timeWithoutALinkIsAGapInTheCurve();
+    void messageNamesTheWrongLineOfARecording();
 };
 
-void TestGripperctlViews::columnsAreAsWideAsTheirWidestWord()
+void TestGripperctlViews::columnIsAsWideAsItsWidestWord()
 {
     TextTable table({QStringLiteral("ID"), QStringLiteral("NAME")});
     table.addRow({QStringLiteral("1000"), QString()});
@@ -65,7 +69,7 @@ void TestGripperctlViews::columnsAreAsWideAsTheirWidestWord()
     QCOMPARE(table.lines().join(QLatin1Char('\n')), QStringLiteral("ID    NAME\n1000\n      x"));
 }
 
-void TestGripperctlViews::theSecondLetterTellsTheFamily_data()
+void TestGripperctlViews::secondLetterDecidesTheFamily_data()
 {
     QTest::addColumn<QString>("family");
     QTest::addColumn<bool>("isVacuum");
@@ -77,14 +81,28 @@ void TestGripperctlViews::theSecondLetterTellsTheFamily_data()
         QTest::newRow(version) << "" << false;
 }
 
-void TestGripperctlViews::theSecondLetterTellsTheFamily()
+void TestGripperctlViews::secondLetterDecidesTheFamily()
 {
     const GripperState gripper = gripperOf(QTest::currentDataTag());
     QTEST(gripper.family(), "family");
     QTEST(gripper.isVacuum(), "isVacuum");
 }
 
-void TestGripperctlViews::movementsAreJudgedByTheirOwnRequest_data()
+void TestGripperctlViews::familiesAreThoseOfTheSimulator()
+{
+    int known = 0;
+    for (char letter = 'A'; letter <= 'Z'; ++letter) {
+        const QString version = QStringLiteral("T%1x-1.0.0").arg(QLatin1Char(letter));
+        const auto identity = sim::GripperIdentity::fromVersion(9, version);
+        const GripperState gripper = gripperOf(("FWV=" + version.toLatin1()).constData());
+        QCOMPARE(!gripper.family().isEmpty(), identity.has_value());
+        QCOMPARE(gripper.isVacuum(), identity && identity->isVacuum());
+        known += identity ? 1 : 0;
+    }
+    QVERIFY(known > 0);
+}
+
+void TestGripperctlViews::motionIsJudgedByItsOwnRequest_data()
 {
     QTest::addColumn<int>("position");
     QTest::addColumn<Motion>("motion");
@@ -100,13 +118,13 @@ void TestGripperctlViews::movementsAreJudgedByTheirOwnRequest_data()
     QTest::newRow("PRE=007") << 7 << Motion::Reached;
 }
 
-void TestGripperctlViews::movementsAreJudgedByTheirOwnRequest()
+void TestGripperctlViews::motionIsJudgedByItsOwnRequest()
 {
     QFETCH(int, position);
     QTEST(judgeMotion(gripperOf(QTest::currentDataTag()), position), "motion");
 }
 
-void TestGripperctlViews::barsMarkPositionAndRequest_data()
+void TestGripperctlViews::barMarksPositionAndRequest_data()
 {
     QTest::addColumn<int>("position");
     QTest::addColumn<int>("requested");
@@ -119,25 +137,25 @@ void TestGripperctlViews::barsMarkPositionAndRequest_data()
     QTest::newRow("just moving") << 1 << 255 << "#--------|";
 }
 
-void TestGripperctlViews::barsMarkPositionAndRequest()
+void TestGripperctlViews::barMarksPositionAndRequest()
 {
     QFETCH(int, position);
     QFETCH(int, requested);
-    QTEST(watchview::bar(position, requested, 10), "drawn");
+    QTEST(positionBar(position, requested, 10), "drawn");
 }
 
-void TestGripperctlViews::theScreenIsNeverWiderThanTheTerminal_data()
+void TestGripperctlViews::screenIsNeverWiderThanTheTerminal_data()
 {
     QTest::addColumn<int>("width");
     for (const int width : {1, 40, 80, 81, 200, 500})
         QTest::addRow("%d", width) << width;
 }
 
-void TestGripperctlViews::theScreenIsNeverWiderThanTheTerminal()
+void TestGripperctlViews::screenIsNeverWiderThanTheTerminal()
 {
     QFETCH(int, width);
     const Snapshot snapshot = snapshotOf({gripperOf("FWV=TE1-2.0.2", 2), gripperOf("OBJ=1")});
-    const QStringList lines = watchview::screen(snapshot, QStringLiteral("robot:1"), width);
+    const QStringList lines = watchScreen(snapshot, QStringLiteral("robot:1"), width);
     QCOMPARE(lines.size(), 3);
     for (const QString &line : lines)
         QVERIFY2(line.size() <= width, qPrintable(line));
@@ -147,26 +165,25 @@ void TestGripperctlViews::theScreenIsNeverWiderThanTheTerminal()
     }
 }
 
-void TestGripperctlViews::aPlainLineHasNoBlanksInItsValues()
+void TestGripperctlViews::plainLineHasNoBlanksInItsValues()
 {
-    const QStringList lines =
-        watchview::plainLines(snapshotOf({gripperOf("")}, "ERR_SCANNING (EIO)"));
+    const QStringList lines = watchLines(snapshotOf({gripperOf("")}, "ERR_SCANNING (EIO)"));
     QCOMPARE(lines, QStringList{QStringLiteral(
                         "2024-05-06T07:08:09.010Z link=ERR_SCANNING_(EIO) gripper=9 status=active "
                         "position=100 requested=100 current=0 object=reached fault=0")});
-    const QStringList empty = watchview::plainLines(snapshotOf({}));
+    const QStringList empty = watchLines(snapshotOf({}));
     QCOMPARE(empty.first(),
              QStringLiteral("2024-05-06T07:08:09.010Z link=RUNNING no grippers found"));
 }
 
-void TestGripperctlViews::aRecordingIsReadAsItWasWritten()
+void TestGripperctlViews::parsedRecordingEqualsTheWrittenOne()
 {
     const Snapshot snapshot =
         snapshotOf({gripperOf("POS=1 PRE=255 COU=33", 2), gripperOf("DRI=ERR_TIMEOUT")});
-    const QStringList lines = recording::lines(snapshot, 1.25);
+    const QStringList lines = recordingLines(snapshot, 1.25);
     QCOMPARE(lines.first(),
              QStringLiteral("2024-05-06T07:08:09.010Z,1.250,2,1,255,33,reached,0,RUNNING"));
-    const QVector<Sample> samples = recording::parse(textFrom(lines));
+    const QVector<Sample> samples = parseRecording(textFrom(lines));
     QCOMPARE(samples.size(), 2);
     QCOMPARE(samples.at(0).seconds, 1.25);
     QCOMPARE(samples.at(0).gripper, 2);
@@ -177,10 +194,10 @@ void TestGripperctlViews::aRecordingIsReadAsItWasWritten()
     QVERIFY(!samples.at(1).isLive);
     const QString asSpreadsheetsWrite =
         textFrom(lines).replace(QLatin1Char('\n'), QLatin1String("\r\n"));
-    QVERIFY(recording::parse(asSpreadsheetsWrite).first().isLive);
+    QVERIFY(parseRecording(asSpreadsheetsWrite).first().isLive);
 }
 
-void TestGripperctlViews::aTimeWithoutALinkIsAGapInTheCurve()
+void TestGripperctlViews::timeWithoutALinkIsAGapInTheCurve()
 {
     const QByteArray script = plotScript({{0.0, 9, 1, 2, 3, true},
                                           {0.1, 9, 1, 2, 3, false},
@@ -192,12 +209,12 @@ void TestGripperctlViews::aTimeWithoutALinkIsAGapInTheCurve()
     QVERIFY(script.startsWith("set terminal pngcairo"));
 }
 
-void TestGripperctlViews::brokenRecordingsNameTheirLine()
+void TestGripperctlViews::messageNamesTheWrongLineOfARecording()
 {
     const QString good = QStringLiteral("t,0.1,9,1,2,3,-,0,RUNNING");
     try {
-        recording::parse(textFrom({good, QStringLiteral("t,0.1,9,1,2,x,-,0,RUNNING")}));
-        QFAIL("taken for a recording");
+        parseRecording(textFrom({good, QStringLiteral("t,0.1,9,1,2,x,-,0,RUNNING")}));
+        QFAIL("no failure");
     } catch (const Failure &failure) {
         QCOMPARE(failure.code, ExitCode::LocalProblem);
         QVERIFY(failure.text.startsWith(QLatin1String("line 3 ")));

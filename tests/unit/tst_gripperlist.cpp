@@ -12,9 +12,9 @@
 
 namespace {
 
-// Far from the time-out of the accesses in here, whatever else the machine has to do.
+// Long enough for every answer, also on a busy machine.
 constexpr int patientTimeoutMs = 100;
-// For requests that all get their answer: however busy the machine is, only the answer ends them.
+// For tests in which every request gets its answer. Only the answer ends the wait.
 constexpr int unhurriedTimeoutMs = 4000;
 
 QStringList listOf(const char *texts)
@@ -26,8 +26,9 @@ const QStringList inputReads9 = listOf("9 read 2000, 9 read 600, 9 read 602, 9 r
 const QStringList inputReads2 = listOf("2 read 2000, 2 read 600, 2 read 602, 2 read 604");
 const QString write9 = QStringLiteral("9 write 1000");
 const QByteArray running("RUNNING");
+constexpr int retryLimit = GripperList::__maxGripperCommunicationRetries;
 
-// Whether a request went out before the answer to the one before it had come.
+// Whether a request was sent before the answer to the previous one.
 bool hasRequestInsideARequest(const QStringList &traffic)
 {
     const auto areRequests = [](const QString &first, const QString &second) {
@@ -36,7 +37,7 @@ bool hasRequestInsideARequest(const QStringList &traffic)
     return std::adjacent_find(traffic.begin(), traffic.end(), areRequests) != traffic.end();
 }
 
-// Runs inside the next wait for the line, once.
+// Runs `action` once, inside the next wait for the line.
 template <class Action>
 void duringTheNextWait(Action action)
 {
@@ -45,8 +46,8 @@ void duringTheNextWait(Action action)
 
 } // namespace
 
-/// The state loop. Ticks are called by hand, on a link to a line with grippers at 2 and 9, unless a
-/// test is about the timer.
+/// The state loop, on a line with grippers at 2 and 9. The tests call the ticks, except those about
+/// the timer.
 class tst_GripperList : public QObject
 {
     Q_OBJECT
@@ -60,8 +61,7 @@ private slots:
     void freshListIsScanningAndHasNothing();
     void linkStatusHasItsText_data();
     void linkStatusHasItsText();
-    void unknownSlaveIdIsNullAndEntersNothing();
-    void slaveIdsComeInAscendingOrder();
+    void unknownSlaveIdIsNullAndChangesNothing();
     void modbusNameIsThatOfThePortInUse();
 
     void discoverSendsNothingWhileItsPauseRuns();
@@ -77,14 +77,14 @@ private slots:
 
     void accessWithoutACurrentGripperGoesToDiscover_data();
     void accessWithoutACurrentGripperGoesToDiscover();
-    void accessThatSucceedsGoesOn_data();
-    void accessThatSucceedsGoesOn();
-    void accessThatFailsFourTimesStillSucceeds_data();
-    void accessThatFailsFourTimesStillSucceeds();
-    void sixthCallSucceedingStillCountsAsFailure_data();
-    void sixthCallSucceedingStillCountsAsFailure();
-    void accessThatKeepsFailingClosesTheLinkAfterSixCalls_data();
-    void accessThatKeepsFailingClosesTheLinkAfterSixCalls();
+    void accessThatSucceedsSelectsTheNextStep_data();
+    void accessThatSucceedsSelectsTheNextStep();
+    void accessBelowTheRetryLimitSucceeds_data();
+    void accessBelowTheRetryLimitSucceeds();
+    void successAfterTheRetryLimitCountsAsFailure_data();
+    void successAfterTheRetryLimitCountsAsFailure();
+    void accessThatKeepsFailingClosesTheLink_data();
+    void accessThatKeepsFailingClosesTheLink();
     void accessOnALostLinkReportsAScanningError_data();
     void accessOnALostLinkReportsAScanningError();
     void failingCounterFailsTheRead();
@@ -97,11 +97,11 @@ private slots:
     void mutedTickDoesNothing_data();
     void mutedTickDoesNothing();
     void busyTickDoesNothing();
-    void unmutedLoopGoesOnWhereItStood();
+    void unmutedLoopContinuesAtItsPosition();
 
     void newIntervalAppliesFromTheNextPeriod();
-    void intervalSetAgainAndAgainNeverStarvesTheTicks_data();
-    void intervalSetAgainAndAgainNeverStarvesTheTicks();
+    void intervalThatIsSetRepeatedlyStopsNoTicks_data();
+    void intervalThatIsSetRepeatedlyStopsNoTicks();
     void tickIsNotEnteredWhileItWaits();
     void intervalChangedInsideATickLetsNoTickInside();
 
@@ -109,28 +109,28 @@ private slots:
     void blockingScanIgnoresThePause();
     void blockingScanReportsScanningMeanwhile();
     void blockingScanKeepsTicksOut();
-    void blockingScanInsideAnotherGivesTheBusyFlagBackAsFound();
-    void jumpKeepsTicksOutAndGivesTheBusyFlagBackAsFound_data();
-    void jumpKeepsTicksOutAndGivesTheBusyFlagBackAsFound();
+    void blockingScanInsideAnotherRestoresTheBusyFlag();
+    void jumpKeepsTicksOutAndRestoresTheBusyFlag_data();
+    void jumpKeepsTicksOutAndRestoresTheBusyFlag();
     void jumpInsideATickWaitsForTheAnswerOfTheTick();
     void scanSetsNoRateWhileAnAnswerIsAwaited();
     void everyObjectMayBeReplacedWhileAStepWaits();
     void gripperMayBeRemovedWhileAStepWaits();
-    void loopGoesOnFromTheFirstGripperWhenItsEntryIsRemoved();
+    void positionMovesToTheFirstGripperWhenItsEntryIsRemoved();
 
-    void familyIsToldByTheSecondCharacterAlone_data();
-    void familyIsToldByTheSecondCharacterAlone();
+    void onlyTheSecondCharacterDecidesTheFamily_data();
+    void onlyTheSecondCharacterDecidesTheFamily();
 
 private:
     using LoopStep = GripperList::LoopStep;
     using LinkStatus = GripperList::LinkStatus;
 
-    void stand(LoopStep step, std::optional<quint8> position);
-    void deafenToReset(quint8 slaveId);
+    void setPosition(LoopStep step, std::optional<quint8> position);
+    void dropResetsTo(quint8 slaveId);
     void tick() { m_list->onTimerStateLoopTimeout(); }
     bool isPausing() const { return m_list->m_scanBackOffTimer->isActive(); }
     void addAccessRows();
-    void standBeforeAccess();
+    void prepareAccess();
     QString accessRequest() const;
     QStringList failureLines(int count) const;
 
@@ -149,7 +149,7 @@ void tst_GripperList::initTestCase()
         std::initializer_list<SimulatedLine::Gripper>{{2, "TE1-2.0.2"}, {9, "TA3-1.6.14"}});
     m_emptyLine = std::make_unique<SimulatedLine>(std::initializer_list<SimulatedLine::Gripper>{});
     m_list = std::make_unique<GripperList>(m_factory, nullptr);
-    // Nobody ticks before the event loop runs; from here on it is the tests that tick.
+    // No tick has run yet, because no event loop has run. From now on the tests call the ticks.
     m_list->m_stateLoopTimer->stop();
     m_list->openLink(m_line->path());
     m_list->m_modbus.setConstraints({unhurriedTimeoutMs, 0, 0});
@@ -171,7 +171,7 @@ void tst_GripperList::init()
     m_list->openLink(m_line->path());
     m_list->m_modbus.setConstraints(ModbusConstraints(patientTimeoutMs, 10, 2));
     m_list->m_grippers = m_found;
-    // What an access that failed has left.
+    // A failed access of an earlier test leaves new output.
     for (const auto &gripper : qAsConst(m_found)) {
         while (gripper->isNewOutput())
             QVERIFY(gripper->updateOutput());
@@ -180,7 +180,7 @@ void tst_GripperList::init()
     m_list->m_scanRequested = false;
     m_list->m_muted = false;
     m_list->m_busy = false;
-    stand(LoopStep::SelectNext, 2);
+    setPosition(LoopStep::SelectNext, 2);
     m_line->clearTraffic();
     m_log->clear();
 }
@@ -197,13 +197,13 @@ void tst_GripperList::cleanupTestCase()
     m_log.reset();
 }
 
-void tst_GripperList::stand(LoopStep step, std::optional<quint8> position)
+void tst_GripperList::setPosition(LoopStep step, std::optional<quint8> position)
 {
     m_list->m_loopStep = step;
     m_list->m_currentSlaveId = position;
 }
 
-void tst_GripperList::deafenToReset(quint8 slaveId)
+void tst_GripperList::dropResetsTo(quint8 slaveId)
 {
     sim::Fault deaf;
     deaf.kind = sim::FaultKind::Deaf;
@@ -226,12 +226,8 @@ void tst_GripperList::freshListIsScanningAndHasNothing()
     QVERIFY(!list.m_busy);
     QVERIFY(!list.m_scanRequested);
     QVERIFY(list.m_stateLoopTimer->isActive());
-    QVERIFY(!list.m_stateLoopTimer->isSingleShot());
     QCOMPARE(list.m_stateLoopTimer->interval(), 50);
     QVERIFY(!list.m_scanBackOffTimer->isActive());
-    QVERIFY(list.m_scanBackOffTimer->isSingleShot());
-    QCOMPARE(list.m_stateLoopTimer->parent(), &list);
-    QCOMPARE(list.m_scanBackOffTimer->parent(), &list);
 }
 
 void tst_GripperList::linkStatusHasItsText_data()
@@ -254,7 +250,7 @@ void tst_GripperList::linkStatusHasItsText()
     QTEST(m_list->getPrintableState(), "text");
 }
 
-void tst_GripperList::unknownSlaveIdIsNullAndEntersNothing()
+void tst_GripperList::unknownSlaveIdIsNullAndChangesNothing()
 {
     for (int slaveId = 0; slaveId <= 255; ++slaveId) {
         const auto gripper = m_list->getGripperFromSlaveId(static_cast<quint8>(slaveId));
@@ -264,13 +260,6 @@ void tst_GripperList::unknownSlaveIdIsNullAndEntersNothing()
     QCOMPARE(m_list->getGripperFromSlaveId(9)->getSlaveId(), quint8{9});
 }
 
-void tst_GripperList::slaveIdsComeInAscendingOrder()
-{
-    m_list->m_grippers.insert(3, m_found[2]);
-    m_list->m_grippers.insert(1, m_found[2]);
-    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{1, 2, 3, 9}));
-}
-
 void tst_GripperList::modbusNameIsThatOfThePortInUse()
 {
     QCOMPARE(m_list->getModbusName(), m_line->path().mid(QStringLiteral("/dev/").size()));
@@ -278,7 +267,7 @@ void tst_GripperList::modbusNameIsThatOfThePortInUse()
 
 void tst_GripperList::discoverSendsNothingWhileItsPauseRuns()
 {
-    stand(LoopStep::Discover, 2);
+    setPosition(LoopStep::Discover, 2);
     m_list->m_linkStatus = LinkStatus::Timeout;
     m_list->m_scanBackOffTimer->start(60'000);
 
@@ -292,7 +281,7 @@ void tst_GripperList::discoverSendsNothingWhileItsPauseRuns()
 void tst_GripperList::discoverThatFindsGrippersGoesToSelectNext()
 {
     m_list->m_grippers.clear();
-    stand(LoopStep::Discover, {});
+    setPosition(LoopStep::Discover, {});
     m_list->m_linkStatus = LinkStatus::Scanning;
 
     tick();
@@ -319,7 +308,7 @@ void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus()
     QFETCH(int, status);
     m_list->m_modbus.disconnectFromDevice();
     m_list->openLink(m_emptyLine->path());
-    stand(LoopStep::Discover, 9);
+    setPosition(LoopStep::Discover, 9);
     m_list->m_linkStatus = static_cast<LinkStatus>(status);
 
     tick();
@@ -327,14 +316,13 @@ void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus()
     QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
     QTEST(m_list->getPrintableState(), "text");
     QVERIFY(isPausing());
-    QVERIFY(m_list->m_scanBackOffTimer->isSingleShot());
     QCOMPARE(m_list->m_scanBackOffTimer->interval(), 1000);
     QVERIFY(m_list->m_grippers.isEmpty());
     QVERIFY(!m_list->m_modbus.isConnected());
 }
 
-// A timer that may be early fires early only in some phases of the clock's second: one of these is
-// the end of a first discovery, so the second one is started in time for it.
+// A coarse timer fires early only in some phases of the clock's second, for example at the end of a
+// first discovery. The second discovery therefore starts in this phase.
 void tst_GripperList::failedDiscoveryIsRepeatedNoSoonerThanASecondLater()
 {
     const auto millisecondOfTheSecond = [] {
@@ -346,7 +334,7 @@ void tst_GripperList::failedDiscoveryIsRepeatedNoSoonerThanASecondLater()
         m_list->m_scanBackOffTimer->stop();
         m_list->m_modbus.disconnectFromDevice();
         m_list->openLink(m_emptyLine->path());
-        stand(LoopStep::Discover, {});
+        setPosition(LoopStep::Discover, {});
         QElapsedTimer clock;
         clock.start();
         tick();
@@ -379,13 +367,13 @@ void tst_GripperList::failedDiscoveryIsRepeatedNoSoonerThanASecondLater()
 
     QVERIFY2(firstRequestMs < 1500, qPrintable(QString::number(firstRequestMs)));
     QVERIFY(firstRequestMs > pausedMs);
-    // The clock was started after the pause, and counts whole milliseconds only.
+    // The clock starts after the pause and counts whole milliseconds.
     QVERIFY2(pausedMs >= 998, qPrintable(QString::number(pausedMs)));
 }
 
 void tst_GripperList::selectNextWithARequestedScanGoesToDiscover()
 {
-    stand(LoopStep::SelectNext, 2);
+    setPosition(LoopStep::SelectNext, 2);
     m_list->requestScan();
     QVERIFY(m_list->m_scanRequested);
 
@@ -401,7 +389,7 @@ void tst_GripperList::selectNextWithARequestedScanGoesToDiscover()
 void tst_GripperList::selectNextWithoutGrippersGoesToDiscover()
 {
     m_list->m_grippers.clear();
-    stand(LoopStep::SelectNext, {});
+    setPosition(LoopStep::SelectNext, {});
 
     tick();
 
@@ -413,7 +401,7 @@ void tst_GripperList::selectNextWithoutGrippersGoesToDiscover()
 
 void tst_GripperList::selectNextAdvancesAndReadsInTheSameTick()
 {
-    stand(LoopStep::SelectNext, 2);
+    setPosition(LoopStep::SelectNext, 2);
     m_list->m_linkStatus = LinkStatus::Scanning;
 
     tick();
@@ -426,7 +414,7 @@ void tst_GripperList::selectNextAdvancesAndReadsInTheSameTick()
 
 void tst_GripperList::selectNextWithoutAPositionTakesTheFirst()
 {
-    stand(LoopStep::SelectNext, {});
+    setPosition(LoopStep::SelectNext, {});
 
     tick();
 
@@ -437,7 +425,7 @@ void tst_GripperList::selectNextWithoutAPositionTakesTheFirst()
 void tst_GripperList::oneGripperIsItsOwnSuccessor()
 {
     m_list->m_grippers.remove(2);
-    stand(LoopStep::SelectNext, 9);
+    setPosition(LoopStep::SelectNext, 9);
 
     tick();
     tick();
@@ -460,13 +448,13 @@ void tst_GripperList::addAccessRows()
                            << "gripper->updateOutput() fail counter: ";
 }
 
-// At the gripper 9, with an output to write.
-void tst_GripperList::standBeforeAccess()
+// The position is at gripper 9, which has new output.
+void tst_GripperList::prepareAccess()
 {
     QFETCH(int, step);
     const auto gripper = m_found[9];
     gripper->setSpeedRequest(static_cast<quint8>(gripper->getSpeedRequest() + 1));
-    stand(static_cast<LoopStep>(step), 9);
+    setPosition(static_cast<LoopStep>(step), 9);
     m_list->m_linkStatus = LinkStatus::Scanning;
 }
 
@@ -492,7 +480,7 @@ void tst_GripperList::accessWithoutACurrentGripperGoesToDiscover_data()
 
 void tst_GripperList::accessWithoutACurrentGripperGoesToDiscover()
 {
-    standBeforeAccess();
+    prepareAccess();
     m_list->m_currentSlaveId.reset();
 
     tick();
@@ -503,14 +491,14 @@ void tst_GripperList::accessWithoutACurrentGripperGoesToDiscover()
     QCOMPARE(m_line->requests(), QStringList());
 }
 
-void tst_GripperList::accessThatSucceedsGoesOn_data()
+void tst_GripperList::accessThatSucceedsSelectsTheNextStep_data()
 {
     addAccessRows();
 }
 
-void tst_GripperList::accessThatSucceedsGoesOn()
+void tst_GripperList::accessThatSucceedsSelectsTheNextStep()
 {
-    standBeforeAccess();
+    prepareAccess();
 
     tick();
 
@@ -520,67 +508,67 @@ void tst_GripperList::accessThatSucceedsGoesOn()
     QCOMPARE(m_log->infos(), QStringList());
 }
 
-void tst_GripperList::accessThatFailsFourTimesStillSucceeds_data()
+void tst_GripperList::accessBelowTheRetryLimitSucceeds_data()
 {
     addAccessRows();
 }
 
-void tst_GripperList::accessThatFailsFourTimesStillSucceeds()
+void tst_GripperList::accessBelowTheRetryLimitSucceeds()
 {
     QFETCH(int, address);
-    standBeforeAccess();
-    m_line->silence(9, static_cast<quint16>(address), 4);
+    prepareAccess();
+    m_line->silence(9, static_cast<quint16>(address), retryLimit - 1);
 
     tick();
 
     QTEST(static_cast<int>(m_list->m_loopStep), "stepAfter");
     QCOMPARE(m_list->getPrintableState(), running);
-    QCOMPARE(m_line->requests().count(accessRequest()), 5);
-    QCOMPARE(m_log->infos(), failureLines(4));
+    QCOMPARE(m_line->requests().count(accessRequest()), retryLimit);
+    QCOMPARE(m_log->infos(), failureLines(retryLimit - 1));
     QVERIFY(m_list->m_modbus.isConnected());
 }
 
-void tst_GripperList::sixthCallSucceedingStillCountsAsFailure_data()
+void tst_GripperList::successAfterTheRetryLimitCountsAsFailure_data()
 {
     addAccessRows();
 }
 
-void tst_GripperList::sixthCallSucceedingStillCountsAsFailure()
+void tst_GripperList::successAfterTheRetryLimitCountsAsFailure()
 {
     QFETCH(int, address);
-    standBeforeAccess();
-    m_line->silence(9, static_cast<quint16>(address), 5);
+    prepareAccess();
+    m_line->silence(9, static_cast<quint16>(address), retryLimit);
 
     tick();
 
-    QCOMPARE(m_line->requests().count(accessRequest()), 6);
+    QCOMPARE(m_line->requests().count(accessRequest()), retryLimit + 1);
     QCOMPARE(m_line->traffic().last(), QStringLiteral("answer"));
     QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
     QCOMPARE(m_list->getPrintableState(), QByteArray("ERR_TIMEOUT"));
     QVERIFY(!m_list->m_modbus.isConnected());
-    QCOMPARE(m_log->infos(), failureLines(5));
+    QCOMPARE(m_log->infos(), failureLines(retryLimit));
 }
 
-void tst_GripperList::accessThatKeepsFailingClosesTheLinkAfterSixCalls_data()
+void tst_GripperList::accessThatKeepsFailingClosesTheLink_data()
 {
     addAccessRows();
 }
 
-void tst_GripperList::accessThatKeepsFailingClosesTheLinkAfterSixCalls()
+void tst_GripperList::accessThatKeepsFailingClosesTheLink()
 {
     QFETCH(int, address);
-    standBeforeAccess();
+    prepareAccess();
     m_line->silence(9, static_cast<quint16>(address), sim::Fault::unlimited);
 
     tick();
 
-    QCOMPARE(m_line->requests().count(accessRequest()), 6);
-    QCOMPARE(m_line->requests().size(), 6);
+    QCOMPARE(m_line->requests().count(accessRequest()), retryLimit + 1);
+    QCOMPARE(m_line->requests().size(), retryLimit + 1);
     QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
     QCOMPARE(m_list->getPrintableState(), QByteArray("ERR_TIMEOUT"));
     QVERIFY(!m_list->m_modbus.isConnected());
-    QCOMPARE(m_log->infos(), failureLines(5));
-    // Only a discovery takes a gripper out of the list.
+    QCOMPARE(m_log->infos(), failureLines(retryLimit));
+    // Only a discovery removes a gripper from the list.
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
 }
 
@@ -591,20 +579,20 @@ void tst_GripperList::accessOnALostLinkReportsAScanningError_data()
 
 void tst_GripperList::accessOnALostLinkReportsAScanningError()
 {
-    standBeforeAccess();
+    prepareAccess();
     m_list->m_modbus.disconnectFromDevice();
 
     tick();
 
     QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
     QCOMPARE(m_list->getPrintableState(), QByteArray("ERR_SCANNING (EIO)"));
-    QCOMPARE(m_log->infos(), failureLines(5));
+    QCOMPARE(m_log->infos(), failureLines(retryLimit));
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
 }
 
 void tst_GripperList::failingCounterFailsTheRead()
 {
-    stand(LoopStep::ReadInput, 9);
+    setPosition(LoopStep::ReadInput, 9);
     m_line->silence(9, 604, 1);
 
     tick();
@@ -616,7 +604,7 @@ void tst_GripperList::failingCounterFailsTheRead()
 
 void tst_GripperList::grippersAreVisitedInAscendingOrder()
 {
-    stand(LoopStep::SelectNext, 2);
+    setPosition(LoopStep::SelectNext, 2);
     for (const auto &gripper : qAsConst(m_found)) {
         if (gripper->isNewOutput())
             QVERIFY(gripper->updateOutput());
@@ -633,7 +621,7 @@ void tst_GripperList::unchangedOutputIsNeverWrittenAndTheNextReadFollowsAtOnce()
 {
     QVERIFY(m_found[9]->updateOutput());
     QVERIFY(!m_found[9]->isNewOutput());
-    stand(LoopStep::WriteOutput, 9);
+    setPosition(LoopStep::WriteOutput, 9);
     m_line->clearTraffic();
 
     tick();
@@ -645,7 +633,7 @@ void tst_GripperList::unchangedOutputIsNeverWrittenAndTheNextReadFollowsAtOnce()
 
 void tst_GripperList::changedOutputIsWrittenOnTheNextTick()
 {
-    stand(LoopStep::SelectNext, 2);
+    setPosition(LoopStep::SelectNext, 2);
     m_found[9]->setPositionRequest(static_cast<quint8>(m_found[9]->getPositionRequest() ^ 1));
 
     tick();
@@ -661,7 +649,7 @@ void tst_GripperList::changedOutputIsWrittenOnTheNextTick()
 void tst_GripperList::outputChangedDuringTheReadIsWrittenOnTheNextTick()
 {
     QVERIFY(m_found[9]->updateOutput());
-    stand(LoopStep::ReadInput, 9);
+    setPosition(LoopStep::ReadInput, 9);
     m_line->clearTraffic();
     duringTheNextWait([this] {
         m_found[9]->setForceRequest(static_cast<quint8>(m_found[9]->getForceRequest() ^ 1));
@@ -687,7 +675,7 @@ void tst_GripperList::mutedTickDoesNothing()
 {
     QFETCH(int, step);
     m_found[9]->setActivateRequest();
-    stand(static_cast<LoopStep>(step), 9);
+    setPosition(static_cast<LoopStep>(step), 9);
     m_list->setMuted(true);
 
     tick();
@@ -703,16 +691,16 @@ void tst_GripperList::busyTickDoesNothing()
 {
     m_list->m_busy = true;
     for (const auto step : {LoopStep::Discover, LoopStep::SelectNext, LoopStep::ReadInput}) {
-        stand(step, 9);
+        setPosition(step, 9);
         tick();
         QCOMPARE(m_list->m_loopStep, step);
     }
     QCOMPARE(m_line->requests(), QStringList());
 }
 
-void tst_GripperList::unmutedLoopGoesOnWhereItStood()
+void tst_GripperList::unmutedLoopContinuesAtItsPosition()
 {
-    stand(LoopStep::ReadInput, 9);
+    setPosition(LoopStep::ReadInput, 9);
     m_list->setMuted(true);
     tick();
     m_list->setMuted(false);
@@ -739,7 +727,7 @@ void tst_GripperList::newIntervalAppliesFromTheNextPeriod()
     QVERIFY(m_list->m_stateLoopTimer->isActive());
 }
 
-void tst_GripperList::intervalSetAgainAndAgainNeverStarvesTheTicks_data()
+void tst_GripperList::intervalThatIsSetRepeatedlyStopsNoTicks_data()
 {
     QTest::addColumn<bool>("throttled");
     QTest::addColumn<bool>("alternating");
@@ -750,7 +738,7 @@ void tst_GripperList::intervalSetAgainAndAgainNeverStarvesTheTicks_data()
     QTest::newRow("in turn") << true << true << 8;
 }
 
-void tst_GripperList::intervalSetAgainAndAgainNeverStarvesTheTicks()
+void tst_GripperList::intervalThatIsSetRepeatedlyStopsNoTicks()
 {
     QFETCH(bool, throttled);
     QFETCH(bool, alternating);
@@ -768,7 +756,7 @@ void tst_GripperList::intervalSetAgainAndAgainNeverStarvesTheTicks()
     });
     client.start(2);
 
-    // 600 ms, or longer on a busy machine: a stall costs the client its turns, too.
+    // At least 600 ms. A stall of the machine delays the client, too.
     QTRY_VERIFY_WITH_TIMEOUT(sentCount >= 300, 60'000);
 
     QVERIFY2(ticks.size() >= atLeast, qPrintable(QString::number(ticks.size())));
@@ -776,7 +764,7 @@ void tst_GripperList::intervalSetAgainAndAgainNeverStarvesTheTicks()
 
 void tst_GripperList::tickIsNotEnteredWhileItWaits()
 {
-    stand(LoopStep::ReadInput, 9);
+    setPosition(LoopStep::ReadInput, 9);
     bool wasInside = false;
     duringTheNextWait([&] {
         wasInside = m_list->m_tickRunning;
@@ -791,7 +779,7 @@ void tst_GripperList::tickIsNotEnteredWhileItWaits()
     QCOMPARE(m_list->m_loopStep, LoopStep::WriteOutput);
 }
 
-// A timer whose interval is set gets a new id, and may then fire inside its own handler.
+// A new interval gives a timer a new id. It may then fire inside its own handler.
 void tst_GripperList::intervalChangedInsideATickLetsNoTickInside()
 {
     m_line->delay(9, 2000, 40);
@@ -804,7 +792,7 @@ void tst_GripperList::intervalChangedInsideATickLetsNoTickInside()
     connect(&client, &QTimer::timeout, m_list.get(), [&] {
         throttled = !throttled;
         m_list->setThrottled(throttled);
-        // Ticks inside ticks would never end.
+        // Otherwise, ticks inside ticks would never end.
         if (hasRequestInsideARequest(m_line->traffic()))
             m_list->m_stateLoopTimer->stop();
     });
@@ -823,7 +811,7 @@ void tst_GripperList::intervalChangedInsideATickLetsNoTickInside()
 void tst_GripperList::requestedScanWaitsForTheOutputStepAndKeepsTheLink()
 {
     m_found[9]->setSpeedRequest(static_cast<quint8>(m_found[9]->getSpeedRequest() + 1));
-    stand(LoopStep::WriteOutput, 9);
+    setPosition(LoopStep::WriteOutput, 9);
     const QString portName = m_list->getModbusName();
     duringTheNextWait([this] { m_list->requestScan(); });
 
@@ -887,7 +875,7 @@ void tst_GripperList::blockingScanKeepsTicksOut()
                                      listOf("3 read 500, 4 read 500"));
 }
 
-void tst_GripperList::blockingScanInsideAnotherGivesTheBusyFlagBackAsFound()
+void tst_GripperList::blockingScanInsideAnotherRestoresTheBusyFlag()
 {
     bool wasBusy = false;
     bool stayedBusy = false;
@@ -906,20 +894,20 @@ void tst_GripperList::blockingScanInsideAnotherGivesTheBusyFlagBackAsFound()
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
 }
 
-void tst_GripperList::jumpKeepsTicksOutAndGivesTheBusyFlagBackAsFound_data()
+void tst_GripperList::jumpKeepsTicksOutAndRestoresTheBusyFlag_data()
 {
     QTest::addColumn<bool>("isBusy");
     QTest::newRow("alone") << false;
     QTest::newRow("inside another operation") << true;
 }
 
-void tst_GripperList::jumpKeepsTicksOutAndGivesTheBusyFlagBackAsFound()
+void tst_GripperList::jumpKeepsTicksOutAndRestoresTheBusyFlag()
 {
     QFETCH(bool, isBusy);
     m_list->m_busy = isBusy;
     m_list->m_modbus.setConstraints(ModbusConstraints(50, 0, 2));
-    deafenToReset(9);
-    stand(LoopStep::ReadInput, 2);
+    dropResetsTo(9);
+    setPosition(LoopStep::ReadInput, 2);
     int ticks = 0;
     duringTheNextWait([&] {
         ++ticks;
@@ -932,7 +920,7 @@ void tst_GripperList::jumpKeepsTicksOutAndGivesTheBusyFlagBackAsFound()
     QCOMPARE(m_line->requests(), QStringList{QStringLiteral("9 write 400")});
     QCOMPARE(m_list->m_busy, isBusy);
     QVERIFY(m_list->m_muted);
-    // The line takes what the detection has sent, so that no later test finds it.
+    // The simulator reads the bytes of the detection, so that no later test receives them.
     QTest::qWait(50);
 }
 
@@ -940,8 +928,8 @@ void tst_GripperList::jumpInsideATickWaitsForTheAnswerOfTheTick()
 {
     m_list->m_modbus.setConstraints(ModbusConstraints(200, 0, 2));
     m_line->delay(9, 2000, 60);
-    deafenToReset(9);
-    stand(LoopStep::ReadInput, 9);
+    dropResetsTo(9);
+    setPosition(LoopStep::ReadInput, 9);
     duringTheNextWait([&] { QVERIFY(!m_list->jumpToBootloader(m_found[9])); });
 
     tick();
@@ -967,7 +955,7 @@ void tst_GripperList::scanSetsNoRateWhileAnAnswerIsAwaited()
 
 void tst_GripperList::everyObjectMayBeReplacedWhileAStepWaits()
 {
-    stand(LoopStep::ReadInput, 9);
+    setPosition(LoopStep::ReadInput, 9);
     duringTheNextWait([this] { m_list->requestScanBlock(); });
 
     tick();
@@ -975,7 +963,7 @@ void tst_GripperList::everyObjectMayBeReplacedWhileAStepWaits()
     QVERIFY(m_list->m_grippers[9] != m_found[9]);
     QVERIFY(m_list->m_grippers[2] != m_found[2]);
     QCOMPARE(m_list->getPrintableState(), running);
-    // The loop goes on with the new objects, which have an output to write.
+    // The loop continues with the new objects, which have new output.
     m_line->clearTraffic();
     for (int i = 0; i < 4; ++i)
         tick();
@@ -990,17 +978,17 @@ void tst_GripperList::gripperMayBeRemovedWhileAStepWaits()
     m_list->scan(line.path());
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{4}));
     QWeakPointer<KvPelloGripper> gripper = m_list->m_grippers[4];
-    bool livedOn = false;
-    stand(LoopStep::ReadInput, 4);
+    bool stayedAlive = false;
+    setPosition(LoopStep::ReadInput, 4);
     duringTheNextWait([&] {
         line.bus().removeGripper(4);
         m_list->scan(line.path());
-        livedOn = !gripper.isNull();
+        stayedAlive = !gripper.isNull();
     });
 
     tick();
 
-    QVERIFY(livedOn);
+    QVERIFY(stayedAlive);
     QVERIFY(gripper.isNull());
     QVERIFY(m_list->m_grippers.isEmpty());
     QVERIFY(!m_list->m_currentSlaveId);
@@ -1009,10 +997,10 @@ void tst_GripperList::gripperMayBeRemovedWhileAStepWaits()
     m_list->m_modbus.disconnectFromDevice();
 }
 
-void tst_GripperList::loopGoesOnFromTheFirstGripperWhenItsEntryIsRemoved()
+void tst_GripperList::positionMovesToTheFirstGripperWhenItsEntryIsRemoved()
 {
     m_list->m_grippers.insert(4, m_found[2]);
-    stand(LoopStep::WriteOutput, 9);
+    setPosition(LoopStep::WriteOutput, 9);
     m_list->removeGripper(9);
     QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(2));
 
@@ -1023,7 +1011,7 @@ void tst_GripperList::loopGoesOnFromTheFirstGripperWhenItsEntryIsRemoved()
     QVERIFY(!m_list->m_currentSlaveId);
 }
 
-void tst_GripperList::familyIsToldByTheSecondCharacterAlone_data()
+void tst_GripperList::onlyTheSecondCharacterDecidesTheFamily_data()
 {
     QTest::addColumn<QByteArray>("letters");
     QTest::addColumn<QByteArray>("families");
@@ -1038,7 +1026,7 @@ void tst_GripperList::familyIsToldByTheSecondCharacterAlone_data()
     QTest::newRow("no version") << QByteArray() << QByteArray();
 }
 
-void tst_GripperList::familyIsToldByTheSecondCharacterAlone()
+void tst_GripperList::onlyTheSecondCharacterDecidesTheFamily()
 {
     QFETCH(QByteArray, letters);
     SimulatedLine line{};

@@ -42,10 +42,9 @@ private slots:
     void cleanup();
     void cleanupTestCase();
 
+    void namedFirmwareImagesAreThoseOfTheFamilies();
     void familyHasItsBootloader_data();
     void familyHasItsBootloader();
-    void bootloaderModeIsLookedForAtItsRate_data();
-    void bootloaderModeIsLookedForAtItsRate();
     void bootloaderModeIsLookedForFiftyOneTimes();
     void bootloaderModeIsLookedForOnAQuietLine();
     void openLinkIsNoBootloaderMode();
@@ -54,7 +53,6 @@ private slots:
     void gripperInItsBootloaderIsNeitherResetNorMuted();
     void jumpMutesThePolling_data();
     void jumpMutesThePolling();
-    void jumpThatFailsMutesThePollingToo_data();
     void jumpThatFailsMutesThePollingToo();
 
     void familyIsFlashedWithItsFirmware_data();
@@ -64,12 +62,10 @@ private slots:
     void upgradeOfAnUnknownFamilyFailsAfterTheJump();
     void upgradeWithoutABootloaderFails();
     void secondUpgradeIsRefused();
-    void upgradeStatusTellsWhetherTheProgramRuns();
     void pollingIsUnmutedHoweverTheProgramEnds_data();
     void pollingIsUnmutedHoweverTheProgramEnds();
     void missingProgramLeavesThePollingMuted_data();
     void missingProgramLeavesThePollingMuted();
-    void destructionEndsTheProgramSilently();
 
     void pendingJumpIsCarriedOutByTheNextTick();
     void pendingJumpsAreCarriedOutInOrder();
@@ -187,6 +183,14 @@ void tst_GripperList::addFamilyRows()
     row("TF", 'F', 115200, "firmware/TF1-2.0.2.bin");
 }
 
+void tst_GripperList::namedFirmwareImagesAreThoseOfTheFamilies()
+{
+    QCOMPARE(GripperList::__firmwareGripperA, "firmware/TA3-1.6.14.bin");
+    QCOMPARE(GripperList::__firmwareGripperB, "firmware/TB1-1.4.3.bin");
+    QCOMPARE(GripperList::__firmwareGripperE, "firmware/TE1-2.0.2.bin");
+    QCOMPARE(GripperList::__firmwareGripperF, "firmware/TF1-2.0.2.bin");
+}
+
 void tst_GripperList::familyHasItsBootloader_data()
 {
     QTest::addColumn<char>("family");
@@ -202,21 +206,6 @@ void tst_GripperList::familyHasItsBootloader()
 {
     QFETCH(char, family);
     QTEST(m_list->hasStBootloader(m_families[family]), "isRom");
-}
-
-void tst_GripperList::bootloaderModeIsLookedForAtItsRate_data()
-{
-    addFamilyRows();
-}
-
-void tst_GripperList::bootloaderModeIsLookedForAtItsRate()
-{
-    QFETCH(char, family);
-    QFETCH(int, baudRate);
-    m_master.setOpen(false);
-    QVERIFY(m_list->isDeviceInBootloaderMode(m_families[family]));
-    QCOMPARE(ratesOfKnocks(), QList<int>{baudRate});
-    QCOMPARE(m_master.takeRequests(), QStringList());
 }
 
 void tst_GripperList::bootloaderModeIsLookedForFiftyOneTimes()
@@ -281,16 +270,10 @@ void tst_GripperList::jumpMutesThePolling()
     QVERIFY(m_list->m_muted);
 }
 
-void tst_GripperList::jumpThatFailsMutesThePollingToo_data()
-{
-    addFamilyRows();
-}
-
 void tst_GripperList::jumpThatFailsMutesThePollingToo()
 {
-    QFETCH(char, family);
     m_master.refuseWrites(resetAddress, KvModbusAbstract::TimeoutError);
-    QVERIFY(!m_list->jumpToBootloader(m_families[family]));
+    QVERIFY(!m_list->jumpToBootloader(m_gripper));
     QCOMPARE(m_master.takeRequests(), resetAndClose.mid(0, 1));
     QCOMPARE(m_end.knocks(), QList<int>());
     QVERIFY(m_list->m_muted);
@@ -387,18 +370,6 @@ void tst_GripperList::secondUpgradeIsRefused()
     QCOMPARE(m_list->getUpgradeStatus(), 1);
 }
 
-void tst_GripperList::upgradeStatusTellsWhetherTheProgramRuns()
-{
-    QCOMPARE(m_list->getUpgradeStatus(), 0);
-    QVERIFY(m_list->upgradeFirmware(m_gripper));
-    QCOMPARE(m_list->getUpgradeStatus(), 1);
-    QTest::qWait(100);
-    QCOMPARE(m_list->getUpgradeStatus(), 1);
-    QVERIFY(m_list->m_muted);
-    QVERIFY(QFile(QStringLiteral("end")).open(QIODevice::WriteOnly));
-    QTRY_COMPARE(m_list->getUpgradeStatus(), 0);
-}
-
 void tst_GripperList::pollingIsUnmutedHoweverTheProgramEnds_data()
 {
     QTest::addColumn<QByteArray>("script");
@@ -436,15 +407,6 @@ void tst_GripperList::missingProgramLeavesThePollingMuted()
                                    ? QStringList{QStringLiteral("upgrade started :  false")}
                                    : QStringList());
     QCOMPARE(logOf("command : ").size(), 1);
-}
-
-void tst_GripperList::destructionEndsTheProgramSilently()
-{
-    QVERIFY(m_list->upgradeFirmware(m_gripper));
-    QTRY_VERIFY(QFile::exists(QStringLiteral("called")));
-    m_list.reset();
-    QTest::qWait(50);
-    QCOMPARE(logOf("unmute"), QStringList());
 }
 
 void tst_GripperList::pendingJumpIsCarriedOutByTheNextTick()

@@ -6,8 +6,6 @@
 #include <QSignalSpy>
 #include <QTest>
 
-#include <type_traits>
-
 namespace {
 
 using Words = ScriptedMaster::Words;
@@ -51,16 +49,15 @@ class tst_KvDeviceBase : public QObject
 private slots:
     void init();
 
-    void itIsABaseClass();
     void slaveIdIsTheLowByte();
-    void readAsksTheMasterAndSetsTheError_data();
-    void readAsksTheMasterAndSetsTheError();
-    void writeAsksTheMasterAndSetsTheError();
+    void readSetsTheError_data();
+    void readSetsTheError();
+    void writeSetsTheError();
     void successClearsAnEarlierError();
     void eachErrorIsStoredNamedAndSignalled_data();
     void eachErrorIsStoredNamedAndSignalled();
     void errorIsStoredBeforeItIsSignalled();
-    void valueThatIsNoKeyHasNoName();
+    void unknownErrorHasNoName();
     void clearErrorIsSilentAndClearsTheMasterToo();
 
     void serialNumberIsDecoded_data();
@@ -68,19 +65,19 @@ private slots:
     void firmwareVersionIsDecoded_data();
     void firmwareVersionIsDecoded();
     void identityIsReadOnceAndKept();
-    void shortIdentityAnswerIsNoIdentity_data();
-    void shortIdentityAnswerIsNoIdentity();
-    void yearZeroIsAskedAgainEveryTime();
-    void failedYearIsAskedAgain();
-    void eachObjectHasAnIdentityOfItsOwn();
+    void shortIdentityAnswerIsRefused_data();
+    void shortIdentityAnswerIsRefused();
+    void yearZeroIsReadAgainEveryTime();
+    void yearIsReadAgainAfterAFailure();
+    void identityIsNotSharedBetweenObjects();
 
     void identityIsWrittenAsThreeWrites_data();
     void identityIsWrittenAsThreeWrites();
-    void refusedIdentityWriteEndsIt_data();
-    void refusedIdentityWriteEndsIt();
+    void refusedIdentityWriteEndsTheProgramming_data();
+    void refusedIdentityWriteEndsTheProgramming();
     void timeoutOfTheStoreCommandIsTolerated();
-    void expectedTextIsPaddedByItsOwnBounds_data();
-    void expectedTextIsPaddedByItsOwnBounds();
+    void expectedTextIsPaddedWithItsOwnBounds_data();
+    void expectedTextIsPaddedWithItsOwnBounds();
     void onlyTheFirst49ReadBacksCanConfirm_data();
     void onlyTheFirst49ReadBacksCanConfirm();
     void wrongYearIsNotConfirmed();
@@ -95,15 +92,6 @@ void tst_KvDeviceBase::init()
     m_master.reset(new ScriptedMaster);
 }
 
-void tst_KvDeviceBase::itIsABaseClass()
-{
-    QVERIFY(std::is_abstract_v<KvDeviceBase>);
-    QVERIFY(std::has_virtual_destructor_v<KvDeviceBase>);
-    const Device device(*m_master);
-    QCOMPARE(device.error(), KvDeviceBase::NoError);
-    QCOMPARE(m_master->takeRequests(), QStringList());
-}
-
 void tst_KvDeviceBase::slaveIdIsTheLowByte()
 {
     Device device(*m_master, 0x0109);
@@ -114,7 +102,7 @@ void tst_KvDeviceBase::slaveIdIsTheLowByte()
              QStringList({QStringLiteral("read 9 1 2"), QStringLiteral("write 9 3: 0x0004")}));
 }
 
-void tst_KvDeviceBase::readAsksTheMasterAndSetsTheError_data()
+void tst_KvDeviceBase::readSetsTheError_data()
 {
     QTest::addColumn<Words>("answer");
     QTest::addColumn<Error>("error");
@@ -124,7 +112,7 @@ void tst_KvDeviceBase::readAsksTheMasterAndSetsTheError_data()
     QTest::newRow("nothing") << Words{} << KvDeviceBase::CommunicationError;
 }
 
-void tst_KvDeviceBase::readAsksTheMasterAndSetsTheError()
+void tst_KvDeviceBase::readSetsTheError()
 {
     QFETCH(Words, answer);
     QFETCH(Error, error);
@@ -137,7 +125,7 @@ void tst_KvDeviceBase::readAsksTheMasterAndSetsTheError()
     QCOMPARE(m_master->takeRequests(), QStringList(QStringLiteral("read 9 2000 3")));
 }
 
-void tst_KvDeviceBase::writeAsksTheMasterAndSetsTheError()
+void tst_KvDeviceBase::writeSetsTheError()
 {
     Device device(*m_master);
     QSignalSpy errors(&device, &KvDeviceBase::errorOccurred);
@@ -199,7 +187,7 @@ void tst_KvDeviceBase::errorIsStoredBeforeItIsSignalled()
     QCOMPARE(storedError, KvDeviceBase::CommunicationError);
 }
 
-void tst_KvDeviceBase::valueThatIsNoKeyHasNoName()
+void tst_KvDeviceBase::unknownErrorHasNoName()
 {
     Device device(*m_master);
     device.setError(static_cast<Error>(5));
@@ -318,7 +306,7 @@ void tst_KvDeviceBase::identityIsReadOnceAndKept()
     QCOMPARE(errors.size(), 0);
 }
 
-void tst_KvDeviceBase::shortIdentityAnswerIsNoIdentity_data()
+void tst_KvDeviceBase::shortIdentityAnswerIsRefused_data()
 {
     QTest::addColumn<Words>("serialNumber");
     QTest::addColumn<Words>("version");
@@ -326,7 +314,7 @@ void tst_KvDeviceBase::shortIdentityAnswerIsNoIdentity_data()
     QTest::newRow("one short") << Words{0x4142, 0x4300, 42} << Words{0x5441, 0x3301};
 }
 
-void tst_KvDeviceBase::shortIdentityAnswerIsNoIdentity()
+void tst_KvDeviceBase::shortIdentityAnswerIsRefused()
 {
     QFETCH(Words, serialNumber);
     QFETCH(Words, version);
@@ -345,7 +333,7 @@ void tst_KvDeviceBase::shortIdentityAnswerIsNoIdentity()
     QCOMPARE(device.error(), KvDeviceBase::NoError);
 }
 
-void tst_KvDeviceBase::yearZeroIsAskedAgainEveryTime()
+void tst_KvDeviceBase::yearZeroIsReadAgainEveryTime()
 {
     m_master->setRegisters(slave, yearAddress, {0});
     Device device(*m_master);
@@ -356,7 +344,7 @@ void tst_KvDeviceBase::yearZeroIsAskedAgainEveryTime()
     QCOMPARE(m_master->takeRequests().size(), 3);
 }
 
-void tst_KvDeviceBase::failedYearIsAskedAgain()
+void tst_KvDeviceBase::yearIsReadAgainAfterAFailure()
 {
     m_master->setRegisters(slave, yearAddress, {2024});
     m_master->setNextAnswers(slave, yearAddress, {Words{}});
@@ -367,7 +355,7 @@ void tst_KvDeviceBase::failedYearIsAskedAgain()
     QCOMPARE(device.error(), KvDeviceBase::NoError);
 }
 
-void tst_KvDeviceBase::eachObjectHasAnIdentityOfItsOwn()
+void tst_KvDeviceBase::identityIsNotSharedBetweenObjects()
 {
     m_master->setRegisters(slave, yearAddress, {2024});
     m_master->setRegisters(2, yearAddress, {2023});
@@ -409,7 +397,7 @@ void tst_KvDeviceBase::identityIsWrittenAsThreeWrites()
     QFETCH(QString, prefix);
     QFETCH(quint32, number);
     QFETCH(QString, serialWrite);
-    m_master->refuseWrites(commandAddress, KvModbusAbstract::BadCrcError); // spares the read-back
+    m_master->refuseWrites(commandAddress, KvModbusAbstract::BadCrcError); // skips the read-back
     Device device(*m_master);
     QVERIFY(!device.setSerialNumberAndProductionYear(prefix, number, 2024));
     QCOMPARE(m_master->takeRequests(),
@@ -417,7 +405,7 @@ void tst_KvDeviceBase::identityIsWrittenAsThreeWrites()
                           QStringLiteral("write 9 401: 0x4900")}));
 }
 
-void tst_KvDeviceBase::refusedIdentityWriteEndsIt_data()
+void tst_KvDeviceBase::refusedIdentityWriteEndsTheProgramming_data()
 {
     QTest::addColumn<quint16>("address");
     QTest::addColumn<KvModbusAbstract::KvModbusError>("error");
@@ -429,7 +417,7 @@ void tst_KvDeviceBase::refusedIdentityWriteEndsIt_data()
         << commandAddress << KvModbusAbstract::NotConnectedError << 3;
 }
 
-void tst_KvDeviceBase::refusedIdentityWriteEndsIt()
+void tst_KvDeviceBase::refusedIdentityWriteEndsTheProgramming()
 {
     QFETCH(quint16, address);
     QFETCH(KvModbusAbstract::KvModbusError, error);
@@ -453,7 +441,7 @@ void tst_KvDeviceBase::timeoutOfTheStoreCommandIsTolerated()
     QCOMPARE(m_master->takeRequests().size(), 5);
 }
 
-void tst_KvDeviceBase::expectedTextIsPaddedByItsOwnBounds_data()
+void tst_KvDeviceBase::expectedTextIsPaddedWithItsOwnBounds_data()
 {
     QTest::addColumn<quint32>("number");
     QTest::addColumn<bool>("confirmed");
@@ -467,7 +455,7 @@ void tst_KvDeviceBase::expectedTextIsPaddedByItsOwnBounds_data()
     QTest::newRow("2147483648 is read as negative") << quint32{0x80000000} << false;
 }
 
-void tst_KvDeviceBase::expectedTextIsPaddedByItsOwnBounds()
+void tst_KvDeviceBase::expectedTextIsPaddedWithItsOwnBounds()
 {
     QFETCH(quint32, number);
     QFETCH(bool, confirmed);

@@ -35,7 +35,7 @@ using Error = KvModbusAbstract::KvModbusError;
 
 constexpr int readRequestLength = 8;
 
-// Qt's own complaints, which the daemon would print into its log.
+// Warnings of Qt. The daemon would print them to its log.
 QStringList s_warnings;
 
 void noteWarning(QtMsgType /*type*/, const QMessageLogContext & /*context*/, const QString &message)
@@ -71,8 +71,8 @@ const QByteArray writeRefused = hex("0990024c03");
 const QByteArray threeRegisters = hex("0903063900f3ab12340c0f");
 const Words threeValues{0x3900, 0xF3AB, 0x1234};
 
-/// Sixteen readable descriptors beside the port. A turn of the event loop that finds all of them
-/// delivers at least one before the port's. The first one that it delivers calls `act`.
+/// Sixteen readable descriptors besides the port. If a turn of the event loop finds all of them, it
+/// delivers at least one before the port's notification. The first one calls `act`.
 class ManyNotifiers
 {
 public:
@@ -81,7 +81,7 @@ public:
     {
         for (Pipe &pipe : m_pipes) {
             if (::pipe2(pipe.ends.data(), O_CLOEXEC) != 0)
-                qFatal("no pipe to be had");
+                qFatal("pipe2() failed");
             pipe.notifier.reset(new QSocketNotifier(pipe.ends[0], QSocketNotifier::Read));
             QObject::connect(pipe.notifier.data(), &QSocketNotifier::activated,
                              pipe.notifier.data(), [this] { onNotified(); });
@@ -103,7 +103,7 @@ public:
     {
         for (const Pipe &pipe : m_pipes) {
             if (::write(pipe.ends[1], "x", 1) != 1)
-                qFatal("the pipe does not take a byte");
+                qFatal("write() to the pipe failed");
         }
     }
 
@@ -125,8 +125,8 @@ private:
     std::array<Pipe, 16> m_pipes;
 };
 
-/// The shortest of four tries, or of more until one takes less than `enoughMs`: a busy machine
-/// makes an action longer, never shorter.
+/// The shortest of at least four tries. Tries more often until one takes less than `enoughMs`: a
+/// busy machine only makes an action longer.
 template <typename Action>
 qint64 shortestMs(int enoughMs, Action action)
 {
@@ -140,9 +140,9 @@ qint64 shortestMs(int enoughMs, Action action)
     return shortest;
 }
 
-/// Takes a request of `length` bytes off the line, on a thread of its own because the master blocks
-/// the caller's while it writes. Starts `hesitationMs` after the first byte has come. Gives the
-/// number of bytes that came.
+/// Reads a request of `length` bytes from the line, in a thread because the master blocks the
+/// caller while it writes. Starts `hesitationMs` after the first byte has arrived. Returns the
+/// number of bytes.
 std::future<int> takeRequestAfter(int hesitationMs, int lineEnd, int length)
 {
     return std::async(std::launch::async, [=] {
@@ -170,7 +170,7 @@ class tst_KvModbusCustom : public QObject
     Q_OBJECT
 
 public:
-    // As in the daemon: the loop tells all that one look has found.
+    // As in the daemon: a turn of this loop delivers all notifications that one poll has found.
     static void initMain() { qputenv("QT_NO_GLIB", "1"); }
 
 private slots:
@@ -183,7 +183,6 @@ private slots:
     void everyFlippedBitSpoilsTheChecksum();
 
     void portIsClosedAtFirst();
-    void portNameCanBeGivenAtConstruction();
     void lineIsOpenedWithEightDataBitsNoParityOneStopBit();
     void openingAnOpenPortLeavesItAlone();
     void portThatDoesNotExistCannotBeOpened();
@@ -198,7 +197,7 @@ private slots:
     void writeRequestIsTheseBytes_data();
     void writeRequestIsTheseBytes();
     void byteCountOfAWriteOf200ValuesIsItsLowByte();
-    void countOfAWriteIsTakenModulo65536();
+    void countOfAWriteIsModulo65536();
 
     void readGivesTheValuesInOrder_data();
     void readGivesTheValuesInOrder();
@@ -215,18 +214,18 @@ private slots:
     void silenceLastsTimeoutPlusFactorPerRegister();
     void incompleteAnswerCostsTheWholeDeadline_data();
     void incompleteAnswerCostsTheWholeDeadline();
-    void completeAnswerEndsTheWaitWhateverItSays_data();
-    void completeAnswerEndsTheWaitWhateverItSays();
-    void slowAnswerWithinTheDeadlineIsTaken();
-    void answerAfterTheDeadlineIsNotTaken();
+    void completeAnswerEndsTheWaitWithAnyContent_data();
+    void completeAnswerEndsTheWaitWithAnyContent();
+    void slowAnswerWithinTheDeadlineIsAccepted();
+    void answerAfterTheDeadlineIsRefused();
     void newTimingAppliesFromTheNextRequest();
     void broadcastEndsInATimeout();
 
-    void lateAnswerIsNotTakenForTheNextOne_data();
-    void lateAnswerIsNotTakenForTheNextOne();
+    void lateAnswerIsDroppedBeforeTheNextRequest_data();
+    void lateAnswerIsDroppedBeforeTheNextRequest();
 
     void closedPortSendsNothingAndFailsAtOnce();
-    void connectionStateIsAskedThroughTheInterface();
+    void overriddenConnectionStateCounts();
     void requestThatCannotBeWrittenTimesOut_data();
     void requestThatCannotBeWrittenTimesOut();
     void timeSpentWritingCountsAgainstTheDeadline();
@@ -262,7 +261,7 @@ private slots:
     void quitSignalEndsTheWaitsForAnAnswerAndForTheLine();
 
 private:
-    void askLater(int delayMs, Words &values);
+    void readLater(int delayMs, Words &values);
 
     Words access(bool isRead);
     Words accessAnsweredBy(const QByteArray &answer, bool isRead);
@@ -278,7 +277,7 @@ void tst_KvModbusCustom::init()
     m_keptHandler = qInstallMessageHandler(noteWarning);
     m_line.reset(new PtyLine);
     m_master.reset(new KvModbusCustom(m_line->portName(), nullptr));
-    // Answers come at once or never: the waits for the former are not to end early.
+    // Answers arrive at once or never, so a long timeout costs no time.
     m_master->setConstraints({2000, 0, 2});
     QVERIFY(m_master->connectToDevice());
 }
@@ -291,14 +290,14 @@ void tst_KvModbusCustom::cleanup()
     QCOMPARE(s_warnings, QStringList());
 }
 
-/// Begins another read of one register `delayMs` from now, inside the wait of the one under way.
-void tst_KvModbusCustom::askLater(int delayMs, Words &values)
+/// Begins another read of one register after `delayMs`, inside the wait of the running request.
+void tst_KvModbusCustom::readLater(int delayMs, Words &values)
 {
     QTimer::singleShot(delayMs, Qt::PreciseTimer, this,
                        [&] { values = m_master->readRegisters(9, 514, 1); });
 }
 
-/// Reads a register, or writes 1 into another: what was read, or written. Empty on failure.
+/// Reads a register, or writes 1 to another one. Returns the value. Empty on failure.
 Words tst_KvModbusCustom::access(bool isRead)
 {
     if (isRead)
@@ -356,15 +355,6 @@ void tst_KvModbusCustom::portIsClosedAtFirst()
     QVERIFY(!master.isConnected());
     QCOMPARE(master.getPortName(), QString());
     QCOMPARE(master.error(), KvModbusAbstract::NoError);
-}
-
-void tst_KvModbusCustom::portNameCanBeGivenAtConstruction()
-{
-    QObject parent;
-    auto *master = new KvModbusCustom(QStringLiteral("ttyTool"), &parent);
-    QCOMPARE(master->getPortName(), QStringLiteral("ttyTool"));
-    QCOMPARE(master->parent(), &parent);
-    QVERIFY(!master->isConnected());
 }
 
 void tst_KvModbusCustom::lineIsOpenedWithEightDataBitsNoParityOneStopBit()
@@ -502,9 +492,9 @@ void tst_KvModbusCustom::byteCountOfAWriteOf200ValuesIsItsLowByte()
     QCOMPARE(request.right(2).toHex(), QByteArray("eaa8"));
 }
 
-void tst_KvModbusCustom::countOfAWriteIsTakenModulo65536()
+void tst_KvModbusCustom::countOfAWriteIsModulo65536()
 {
-    // More than the line takes in time: what has gone out by then is looked at.
+    // The line does not take all bytes in time. The first ones are enough for this test.
     m_master->setConstraints({30, 0, 2});
     m_master->writeRegisters(9, 1000, countingFrom(0, 65537));
     qSleepWhileProcessingEvents(30);
@@ -556,10 +546,10 @@ void tst_KvModbusCustom::acceptedAnswers_data()
     QTest::addColumn<bool>("isRead");
     QTest::addColumn<QByteArray>("answer");
     QTest::newRow("read, one byte more") << true << oneRegister + '\0';
-    QTest::newRow("read, a second frame behind") << true << oneRegister + writeDone;
+    QTest::newRow("read, a second frame after it") << true << oneRegister + writeDone;
     QTest::newRow("read, other byte count") << true << hex("0903ff07e8ca0b");
     QTest::newRow("write, one byte more") << false << writeDone + '\0';
-    QTest::newRow("write, a second frame behind") << false << writeDone + oneRegister;
+    QTest::newRow("write, a second frame after it") << false << writeDone + oneRegister;
     QTest::newRow("write, other address and count") << false << hex("091000110063d16d");
 }
 
@@ -668,7 +658,7 @@ void tst_KvModbusCustom::silenceLastsTimeoutPlusFactorPerRegister()
     QFETCH(int, count);
     QFETCH(int, deadlineMs);
     m_master->setConstraints({timeoutMs, 10, 2});
-    // The master looks every 10 ms, or a little later.
+    // The master looks for the answer every polling step, or a little later.
     const int limitMs = deadlineMs + deadlineMs / 20 + 17;
     const qint64 shortest = shortestMs(limitMs, [&] {
         if (isRead)
@@ -703,7 +693,7 @@ void tst_KvModbusCustom::incompleteAnswerCostsTheWholeDeadline()
     QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError);
 }
 
-void tst_KvModbusCustom::completeAnswerEndsTheWaitWhateverItSays_data()
+void tst_KvModbusCustom::completeAnswerEndsTheWaitWithAnyContent_data()
 {
     QTest::addColumn<bool>("isRead");
     QTest::addColumn<QByteArray>("answer");
@@ -715,7 +705,7 @@ void tst_KvModbusCustom::completeAnswerEndsTheWaitWhateverItSays_data()
     QTest::newRow("write, damaged") << false << withBitFlipped(writeDone, 2);
 }
 
-void tst_KvModbusCustom::completeAnswerEndsTheWaitWhateverItSays()
+void tst_KvModbusCustom::completeAnswerEndsTheWaitWithAnyContent()
 {
     QFETCH(bool, isRead);
     QFETCH(QByteArray, answer);
@@ -725,7 +715,7 @@ void tst_KvModbusCustom::completeAnswerEndsTheWaitWhateverItSays()
     QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
 }
 
-void tst_KvModbusCustom::slowAnswerWithinTheDeadlineIsTaken()
+void tst_KvModbusCustom::slowAnswerWithinTheDeadlineIsAccepted()
 {
     m_master->setConstraints({200, 10, 2});
     m_line->script(readRequestLength, {oneRegister}, 150);
@@ -733,7 +723,7 @@ void tst_KvModbusCustom::slowAnswerWithinTheDeadlineIsTaken()
     QCOMPARE(m_master->error(), KvModbusAbstract::NoError);
 }
 
-void tst_KvModbusCustom::answerAfterTheDeadlineIsNotTaken()
+void tst_KvModbusCustom::answerAfterTheDeadlineIsRefused()
 {
     m_master->setConstraints({50, 10, 2});
     m_line->script(readRequestLength, {oneRegister}, 85);
@@ -761,14 +751,14 @@ void tst_KvModbusCustom::broadcastEndsInATimeout()
     QCOMPARE(m_line->requests().first().size(), 11 + readRequestLength);
 }
 
-void tst_KvModbusCustom::lateAnswerIsNotTakenForTheNextOne_data()
+void tst_KvModbusCustom::lateAnswerIsDroppedBeforeTheNextRequest_data()
 {
     QTest::addColumn<bool>("isFetched");
     QTest::newRow("fetched by the event loop") << true;
     QTest::newRow("still in the kernel") << false;
 }
 
-void tst_KvModbusCustom::lateAnswerIsNotTakenForTheNextOne()
+void tst_KvModbusCustom::lateAnswerIsDroppedBeforeTheNextRequest()
 {
     QFETCH(bool, isFetched);
     m_line->send(oneRegister);
@@ -805,7 +795,7 @@ void tst_KvModbusCustom::closedPortSendsNothingAndFailsAtOnce()
     QCOMPARE(m_line->requests(), QList<QByteArray>());
 }
 
-void tst_KvModbusCustom::connectionStateIsAskedThroughTheInterface()
+void tst_KvModbusCustom::overriddenConnectionStateCounts()
 {
     class Unplugged : public KvModbusCustom
     {
@@ -833,7 +823,7 @@ void tst_KvModbusCustom::requestThatCannotBeWrittenTimesOut()
 {
     QFETCH(bool, isRead);
     m_line->setTransmissionStopped(true);
-    // After 50 ms, whatever the deadline of the answer.
+    // The deadline of the answer does not matter.
     const int limitMs = 80;
     const qint64 shortest = shortestMs(limitMs, [&] {
         QCOMPARE(access(isRead), Words());
@@ -845,12 +835,12 @@ void tst_KvModbusCustom::requestThatCannotBeWrittenTimesOut()
 
 void tst_KvModbusCustom::timeSpentWritingCountsAgainstTheDeadline()
 {
-    // Writing takes longer than the answer may, so the master does not wait for an answer at all.
+    // The write takes longer than the deadline, so the master does not wait for an answer.
     m_master->setConstraints({10, 0, 2});
     const Words values = countingFrom(0, 20000);
     const int length = writeRequestLength(values.size());
     bool isWritten = false;
-    // A busy machine may exceed the 50 ms for writing.
+    // A busy machine may exceed the time for writing.
     for (int attempt = 0; attempt < 20 && !isWritten; ++attempt) {
         QObject context;
         bool isWaiting = false;
@@ -1028,7 +1018,7 @@ void tst_KvModbusCustom::requestMayRunInsideTheWaitOfAnother()
     QCOMPARE(m_master->readRegisters(9, 2000, 3), Words());
     QCOMPARE(innerValues, Words{0x07E8});
     QCOMPARE(innerError, KvModbusAbstract::NoError);
-    QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError); // the last one to end decides
+    QCOMPARE(m_master->error(), KvModbusAbstract::TimeoutError); // of the last request to end
     QCOMPARE(errors.size(), 2);
 }
 
@@ -1060,7 +1050,7 @@ void tst_KvModbusCustom::nestedRequestWaitsForTheOuterAnswerAndKeepsIt()
     m_line->script(readRequestLength, pieces, 60);
     m_line->script(readRequestLength, {oneRegister}, 30);
     Words innerValues;
-    askLater(20, innerValues);
+    readLater(20, innerValues);
     QSignalSpy errors(m_master.data(), &KvModbusAbstract::errorOccurred);
     QCOMPARE(m_master->readRegisters(9, 2000, 3), threeValues);
     QCOMPARE(m_master->error(), KvModbusAbstract::NoError);
@@ -1084,10 +1074,10 @@ void tst_KvModbusCustom::nestedRequestWaitsForTheOuterDeadline()
     m_line->script(readRequestLength, {outerAnswer});
     m_line->script(readRequestLength, {oneRegister});
     Words innerValues;
-    askLater(20, innerValues);
+    readLater(20, innerValues);
     QElapsedTimer clock;
     clock.start();
-    // The second request is on the line a deadline after the first one, and not two.
+    // The second request is on the line one deadline after the first one, not two deadlines.
     QTimer::singleShot(180, Qt::PreciseTimer, this,
                        [&] { QVERIFY(clock.elapsed() >= 200 || m_line->requests().size() == 1); });
     QCOMPARE(m_master->readRegisters(9, 2000, 3), Words());
@@ -1102,10 +1092,10 @@ void tst_KvModbusCustom::threeLevelsOfRequestsGetTheirOwnAnswers()
     m_line->script(readRequestLength, {threeRegisters}, 60);
     m_line->script(readRequestLength, {oneRegister}, 60);
     m_line->script(readRequestLength, {oneRegister}, 60);
-    // One begins while the first is on the line, another one while the second is.
+    // The second begins while the first is on the line, the third while the second is.
     Words values;
     Words others;
-    askLater(20, values);
+    readLater(20, values);
     QTimer::singleShot(80, Qt::PreciseTimer, this, [&] {
         QCOMPARE(m_line->requests().size(), 2);
         others = m_master->readRegisters(9, 514, 1);
@@ -1123,7 +1113,7 @@ void tst_KvModbusCustom::requestsOfOneTurnGoOutOneAfterTheOther()
     std::vector<Words> values(others);
     for (Words &each : values) {
         m_line->script(readRequestLength, {oneRegister}, 5);
-        askLater(10, each);
+        readLater(10, each);
     }
     QCOMPARE(m_master->readRegisters(9, 2000, 3), threeValues);
     for (const Words &each : values)
@@ -1230,7 +1220,7 @@ void tst_KvModbusCustom::portReopenedInsideTheWaitServesTheNextRequest()
     QCOMPARE(m_master->readRegisters(9, 514, 1), Words{0x07E8});
 }
 
-// The last one: a quit signal is for the whole life of a process.
+// Must be the last test: quitRequested() stays true in this process.
 void tst_KvModbusCustom::quitSignalEndsTheWaitsForAnAnswerAndForTheLine()
 {
     quitOnSignals({SIGUSR1});

@@ -54,7 +54,7 @@ struct OutputFlag
     const char *name;
     Setter set;
     Setter clear;
-    quint16 bit; // of the first word
+    quint16 bit; // in the first word
     Getter getter;
 };
 
@@ -129,7 +129,7 @@ private slots:
     // Construction
     void constructionAsksInThisOrder();
     void firstRequestComesAfterTheRateHasSettled();
-    void eventsAreHandledDuringConstruction();
+    void eventsAreProcessedDuringConstruction();
     void slaveIdIsTheLowByte();
     void productCodeDecides_data();
     void productCodeDecides();
@@ -139,15 +139,15 @@ private slots:
     void everyFailureEndsWithInitilizationError();
     void failedIdentityReadIsNotRepeated_data();
     void failedIdentityReadIsNotRepeated();
-    void fifthAttemptSucceedingIsAccepted();
-    void sixthAttemptSucceedingIsStillRejected();
-    void budgetOfSixIsNeverExceeded();
+    void successWithOneAttemptLeftIsAccepted();
+    void successWithNoAttemptLeftIsRejected();
+    void numberOfAttemptsIsLimited();
     void yearIsAskedAgainAfterAPause();
     void failedFirstPollRejectsTheGripper_data();
     void failedFirstPollRejectsTheGripper();
     void firstPollComesAfterLateIdentityAnswers();
-    void absentGripperIsGivenUpAtOnce();
-    void firstPollSeedsTheOutputImage();
+    void absentGripperGetsOneAttempt();
+    void firstPollStartsTheOutputImage();
     void initOutputKeepsTheRequestsThatNoEchoShows();
     void freshGripperWritesOnItsFirstPoll();
 
@@ -164,7 +164,7 @@ private slots:
     void failedCounterKeepsItsValueAndEndsThePoll_data();
     void failedCounterKeepsItsValueAndEndsThePoll();
     void counterOfAnAmbiguousAnswerKeepsItsValue();
-    void countersLeaveTheDeviceErrorAlone();
+    void countersDoNotChangeTheDeviceError();
 
     // Output image
     void eachFlagIsItsBitOnTheWire_data();
@@ -186,24 +186,24 @@ private slots:
     void activationAlwaysMarksNewOutput();
     void clearedActivationIsSentEvenIfNoneWasPending();
     void clearedActivationWithdrawsAPendingOne();
-    void failedActivationWriteGoesOnWhereItWas();
+    void failedActivationWriteIsRepeated();
     void pollAloneDoesNotChangeTheActivationSent();
 
     // Replacement by a scan
-    void unsentFieldIsTakenOver_data();
-    void unsentFieldIsTakenOver();
-    void sentFieldIsNotTakenOver();
-    void fieldSetDuringTheWriteIsTakenOver();
-    void fieldSetToItsOldValueIsTakenOverOnceAReplacementIsExpected();
-    void activationThatIsNotCarriedOutIsTakenOver_data();
-    void activationThatIsNotCarriedOutIsTakenOver();
+    void unacknowledgedFieldIsCopied_data();
+    void unacknowledgedFieldIsCopied();
+    void acknowledgedFieldIsNotCopied();
+    void fieldSetDuringTheWriteIsCopied();
+    void fieldSetToItsOldValueIsCopiedOnceAReplacementIsExpected();
+    void activationThatIsNotCarriedOutIsCopied_data();
+    void activationThatIsNotCarriedOutIsCopied();
 
     // Maintenance
     void countersAreLowWordFirst();
     void countersAreReadTogetherWithTheStatus();
     void odometerIsThePumpTime();
-    void directReadsAskTheirRegister_data();
-    void directReadsAskTheirRegister();
+    void directReadsUseTheirRegister_data();
+    void directReadsUseTheirRegister();
     void directReadsThatFailGiveZero_data();
     void directReadsThatFailGiveZero();
     void speedLimitThatIsShownReturnsFalse_data();
@@ -248,8 +248,7 @@ QString tst_KvPelloGripper::written(KvPelloGripper &gripper)
                                   : QStringLiteral("refused");
 }
 
-// A gripper under construction is known to its parent, and events are handled meanwhile: what it
-// announces can be seen.
+// The parent knows a gripper during its construction, so an event can connect to its signals.
 QList<Error> tst_KvPelloGripper::errorsOfConstruction()
 {
     QObject parent;
@@ -286,10 +285,10 @@ void tst_KvPelloGripper::firstRequestComesAfterTheRateHasSettled()
     QVERIFY2(times[1] - times[0] >= 185, qPrintable(QString::number(times[1] - times[0])));
 }
 
-void tst_KvPelloGripper::eventsAreHandledDuringConstruction()
+void tst_KvPelloGripper::eventsAreProcessedDuringConstruction()
 {
     // The first pause lasts 200 ms. Timers fire in the order in which they are due, so all of these
-    // fire inside the pause on the slowest machine, too.
+    // fire inside the pause, also on a slow machine.
     QList<int> fired;
     QList<int> due;
     QObject context;
@@ -346,7 +345,7 @@ void tst_KvPelloGripper::gripperInErrorIsNotValid()
 {
     const auto gripper = makeGripper();
     QVERIFY(gripper->isValidDevice());
-    // The gripper's version is known, so no read clears the error.
+    // The gripper knows its version, so no read clears the error.
     gripper->setError(KvDeviceBase::CommunicationError);
     QVERIFY(!gripper->isValidDevice());
     gripper->clearError();
@@ -428,7 +427,7 @@ void tst_KvPelloGripper::failedIdentityReadIsNotRepeated()
     QCOMPARE(requests.filter(QStringLiteral(" %1 ").arg(address)).size(), 1);
 }
 
-void tst_KvPelloGripper::fifthAttemptSucceedingIsAccepted()
+void tst_KvPelloGripper::successWithOneAttemptLeftIsAccepted()
 {
     // One attempt for the version, three for the year, one for the serial number.
     m_master->setNextAnswers(slave, yearAddress, {{0}, {0}});
@@ -437,7 +436,7 @@ void tst_KvPelloGripper::fifthAttemptSucceedingIsAccepted()
     QCOMPARE(m_master->takeRequests().filter(QStringLiteral("read 9 514 1")).size(), 3);
 }
 
-void tst_KvPelloGripper::sixthAttemptSucceedingIsStillRejected()
+void tst_KvPelloGripper::successWithNoAttemptLeftIsRejected()
 {
     m_master->setNextAnswers(slave, yearAddress, {{0}, {0}, {0}});
     KvPelloGripper gripper(*m_master, slave);
@@ -449,7 +448,7 @@ void tst_KvPelloGripper::sixthAttemptSucceedingIsStillRejected()
     QCOMPARE(m_master->takeRequests(), QStringList());
 }
 
-void tst_KvPelloGripper::budgetOfSixIsNeverExceeded()
+void tst_KvPelloGripper::numberOfAttemptsIsLimited()
 {
     m_master->setRegisters(slave, yearAddress, {0});
     const KvPelloGripper gripper(*m_master, slave);
@@ -502,7 +501,7 @@ void tst_KvPelloGripper::firstPollComesAfterLateIdentityAnswers()
     QVERIFY2(times[4] - times[3] >= 96, qPrintable(QString::number(times[4] - times[3])));
 }
 
-void tst_KvPelloGripper::absentGripperIsGivenUpAtOnce()
+void tst_KvPelloGripper::absentGripperGetsOneAttempt()
 {
     QElapsedTimer clock;
     m_master->setRegisters(slave, versionAddress, {});
@@ -511,9 +510,9 @@ void tst_KvPelloGripper::absentGripperIsGivenUpAtOnce()
     QVERIFY2(clock.elapsed() < 80, qPrintable(QString::number(clock.elapsed())));
 }
 
-void tst_KvPelloGripper::firstPollSeedsTheOutputImage()
+void tst_KvPelloGripper::firstPollStartsTheOutputImage()
 {
-    // Every bit but the activation: only go-to and the position request are taken over.
+    // Every bit except the activation. Only go-to and the position request are copied.
     m_master->setRegisters(slave, inputAddress, {0xFEFF, 0xFFAB, 0xFFFF});
     QCOMPARE(written(*makeGripper()), outputWrite(0x0800, 0x00AB));
     m_master->setRegisters(slave, inputAddress, {0x0100, 0, 0});
@@ -533,7 +532,7 @@ void tst_KvPelloGripper::initOutputKeepsTheRequestsThatNoEchoShows()
     for (const OutputByte &byte : outputBytes)
         (*gripper.*byte.set)(0xFF);
     QVERIFY(gripper->initOutput());
-    QCOMPARE(written(*gripper), outputWrite(0x32F0, 0xFF00, 0xFFFF)); // go-to and position follow
+    QCOMPARE(written(*gripper), outputWrite(0x32F0, 0xFF00, 0xFFFF)); // with go-to and position
     m_master->setRegisters(slave, inputAddress, {0x0900, 0x00AB, 0});
     QVERIFY(gripper->initOutput());
     QCOMPARE(written(*gripper), outputWrite(0x3BF0, 0xFFAB, 0xFFFF));
@@ -572,7 +571,7 @@ void tst_KvPelloGripper::everyInputBitReachesItsFieldOnly_data()
 void tst_KvPelloGripper::everyInputBitReachesItsFieldOnly()
 {
     QFETCH(Words, status);
-    // One gripper for all rows: a poll renews the whole image.
+    // One gripper serves all rows, because a poll renews the whole image.
     static ScriptedMaster s_master;
     setUpSlave(s_master);
     static KvPelloGripper s_gripper(s_master, slave);
@@ -698,7 +697,7 @@ void tst_KvPelloGripper::failedCounterKeepsItsValueAndEndsThePoll()
     QCOMPARE(QVector<quint32>({gripper->getNumberOfCycles(), gripper->getNumberOfSecondsPumpIsOn(),
                                gripper->getNumberOfPumpActivations()}),
              counters);
-    QCOMPARE(gripper->getPosition(), quint8{123}); // the status had been read
+    QCOMPARE(gripper->getPosition(), quint8{123}); // the status block was read
     QVERIFY(m_master->takeRequests().last().startsWith(QStringLiteral("read 9 %1 ").arg(address)));
 }
 
@@ -716,7 +715,7 @@ void tst_KvPelloGripper::counterOfAnAmbiguousAnswerKeepsItsValue()
     QCOMPARE(gripper->getNumberOfCycles(), 8U);
 }
 
-void tst_KvPelloGripper::countersLeaveTheDeviceErrorAlone()
+void tst_KvPelloGripper::countersDoNotChangeTheDeviceError()
 {
     const auto gripper = makeGripper();
     QSignalSpy errors(gripper.get(), &KvDeviceBase::errorOccurred);
@@ -810,7 +809,7 @@ void tst_KvPelloGripper::onlyAChangeMarksNewOutput()
     QVERIFY(!gripper->isNewOutput());
     gripper->setSpeedRequest(1);
     gripper->setSpeedRequest(0);
-    QVERIFY(gripper->isNewOutput()); // the gripper has not seen it, but it is a change each time
+    QVERIFY(gripper->isNewOutput()); // each change counts, although no write has succeeded
 }
 
 void tst_KvPelloGripper::sentImageIsNoLongerNewEvenWhenTheWriteFails()
@@ -829,13 +828,13 @@ void tst_KvPelloGripper::sentImageIsNoLongerNewEvenWhenTheWriteFails()
 
 void tst_KvPelloGripper::outputChangedBetweenTheAttemptsIsWrittenOnceMore_data()
 {
-    QTest::addColumn<QVector<quint8>>("positions"); // one before each attempt
+    QTest::addColumn<QVector<quint8>>("positions"); // one position before each attempt
     QTest::newRow("two attempts") << QVector<quint8>{1, 2};
     QTest::newRow("changed at the second of three") << QVector<quint8>{1, 2, 2};
     QTest::newRow("changed back") << QVector<quint8>{1, 2, 1};
 }
 
-// The acknowledgement may be that of the first attempt, which comes late.
+// The acknowledgement may be the late answer to the first attempt.
 void tst_KvPelloGripper::outputChangedBetweenTheAttemptsIsWrittenOnceMore()
 {
     QFETCH(QVector<quint8>, positions);
@@ -906,7 +905,7 @@ void tst_KvPelloGripper::activationOfAnActiveGripperTakesTwoWrites()
     QCOMPARE(written(*gripper), outputWrite(0x0000));
     QVERIFY(gripper->isNewOutput());
     QCOMPARE(gripper->getActivateRequest(), quint8{1});
-    // Until the gripper reports itself inactive the reset is repeated.
+    // The reset is repeated until the gripper reports that it is inactive.
     QCOMPARE(written(*gripper), outputWrite(0x0000));
     QVERIFY(gripper->isNewOutput());
 
@@ -944,7 +943,7 @@ void tst_KvPelloGripper::activationAlwaysMarksNewOutput()
 {
     const auto gripper = makeGripper();
     written(*gripper);
-    gripper->clearActivateRequest(); // nothing changes by it
+    gripper->clearActivateRequest(); // changes nothing
     QVERIFY(gripper->isNewOutput());
     written(*gripper);
     QVERIFY(!gripper->isNewOutput());
@@ -972,7 +971,7 @@ void tst_KvPelloGripper::clearedActivationWithdrawsAPendingOne()
     QVERIFY(!gripper->isNewOutput());
 }
 
-void tst_KvPelloGripper::failedActivationWriteGoesOnWhereItWas()
+void tst_KvPelloGripper::failedActivationWriteIsRepeated()
 {
     m_master->setRegisters(slave, inputAddress, {0x3100, 0, 0});
     const auto gripper = makeGripper();
@@ -995,7 +994,7 @@ void tst_KvPelloGripper::pollAloneDoesNotChangeTheActivationSent()
     QCOMPARE(written(*gripper), outputWrite(0x0900, 0x0040));
 }
 
-void tst_KvPelloGripper::unsentFieldIsTakenOver_data()
+void tst_KvPelloGripper::unacknowledgedFieldIsCopied_data()
 {
     QTest::addColumn<int>("index");
     for (int i = 0; i < outputFlags.size(); ++i)
@@ -1004,7 +1003,7 @@ void tst_KvPelloGripper::unsentFieldIsTakenOver_data()
         QTest::newRow(outputBytes[i].name) << outputFlags.size() + i;
 }
 
-void tst_KvPelloGripper::unsentFieldIsTakenOver()
+void tst_KvPelloGripper::unacknowledgedFieldIsCopied()
 {
     QFETCH(int, index);
     const auto old = makeGripper();
@@ -1014,17 +1013,17 @@ void tst_KvPelloGripper::unsentFieldIsTakenOver()
     else
         (*old.*outputBytes[index - outputFlags.size()].set)(77);
     const auto fresh = makeGripper();
-    fresh->takeOverUnsent(*old);
+    fresh->copyUnacknowledgedFields(*old);
     QVERIFY(fresh->isNewOutput());
     QCOMPARE(written(*fresh), written(*old));
     QVERIFY(written(*fresh) != outputWrite(0));
-    // Nothing is left to take over: the device has it.
+    // The device has acknowledged all fields.
     const auto next = makeGripper();
-    next->takeOverUnsent(*fresh);
+    next->copyUnacknowledgedFields(*fresh);
     QCOMPARE(written(*next), outputWrite(0));
 }
 
-void tst_KvPelloGripper::sentFieldIsNotTakenOver()
+void tst_KvPelloGripper::acknowledgedFieldIsNotCopied()
 {
     const auto old = makeGripper();
     old->setSpeedRequest(1);
@@ -1032,11 +1031,11 @@ void tst_KvPelloGripper::sentFieldIsNotTakenOver()
     old->setSpeedRequest(1);
     old->setForceRequest(2);
     const auto fresh = makeGripper();
-    fresh->takeOverUnsent(*old);
+    fresh->copyUnacknowledgedFields(*old);
     QCOMPARE(written(*fresh), outputWrite(0, 0, 2));
 }
 
-void tst_KvPelloGripper::fieldSetDuringTheWriteIsTakenOver()
+void tst_KvPelloGripper::fieldSetDuringTheWriteIsCopied()
 {
     const auto old = makeGripper();
     old->setSpeedRequest(1);
@@ -1044,11 +1043,11 @@ void tst_KvPelloGripper::fieldSetDuringTheWriteIsTakenOver()
     QVERIFY(old->updateOutput());
     m_master->setOnRequest([] {});
     const auto fresh = makeGripper();
-    fresh->takeOverUnsent(*old);
+    fresh->copyUnacknowledgedFields(*old);
     QCOMPARE(written(*fresh), outputWrite(0, 0, 2));
 }
 
-void tst_KvPelloGripper::fieldSetToItsOldValueIsTakenOverOnceAReplacementIsExpected()
+void tst_KvPelloGripper::fieldSetToItsOldValueIsCopiedOnceAReplacementIsExpected()
 {
     const auto old = makeGripper();
     written(*old);
@@ -1057,16 +1056,16 @@ void tst_KvPelloGripper::fieldSetToItsOldValueIsTakenOverOnceAReplacementIsExpec
     old->setPositionRequest(0);
     m_master->setRegisters(slave, inputAddress, {0x0900, 0x00AB, 0});
     const auto fresh = makeGripper();
-    fresh->takeOverUnsent(*old);
+    fresh->copyUnacknowledgedFields(*old);
     QCOMPARE(written(*fresh), outputWrite(0x0100, 0));
 }
 
-void tst_KvPelloGripper::activationThatIsNotCarriedOutIsTakenOver_data()
+void tst_KvPelloGripper::activationThatIsNotCarriedOutIsCopied_data()
 {
     using Steps = std::function<void(KvPelloGripper &)>;
     QTest::addColumn<Steps>("steps");
-    QTest::addColumn<quint16>("statusWord"); // that the new object reads
-    QTest::addColumn<quint16>("action");     // that it writes
+    QTest::addColumn<quint16>("statusWord"); // the new object reads this
+    QTest::addColumn<quint16>("action");     // the new object writes this
     const auto unanswered = [this](KvPelloGripper &gripper) {
         m_master->refuseWrites(outputAddress, KvModbusAbstract::TimeoutError);
         gripper.updateOutput();
@@ -1095,7 +1094,7 @@ void tst_KvPelloGripper::activationThatIsNotCarriedOutIsTakenOver_data()
     }) << quint16{0x0000} << quint16{0x0000};
 }
 
-void tst_KvPelloGripper::activationThatIsNotCarriedOutIsTakenOver()
+void tst_KvPelloGripper::activationThatIsNotCarriedOutIsCopied()
 {
     QFETCH(std::function<void(KvPelloGripper &)>, steps);
     QFETCH(quint16, statusWord);
@@ -1105,7 +1104,7 @@ void tst_KvPelloGripper::activationThatIsNotCarriedOutIsTakenOver()
     steps(*old);
     m_master->setRegisters(slave, inputAddress, {statusWord, 0, 0});
     const auto fresh = makeGripper();
-    fresh->takeOverUnsent(*old);
+    fresh->copyUnacknowledgedFields(*old);
     QCOMPARE(written(*fresh), outputWrite(action));
 }
 
@@ -1160,7 +1159,7 @@ quint32 directRead(KvPelloGripper &gripper, const QString &name)
 
 } // namespace
 
-void tst_KvPelloGripper::directReadsAskTheirRegister_data()
+void tst_KvPelloGripper::directReadsUseTheirRegister_data()
 {
     QTest::addColumn<quint16>("address");
     QTest::addColumn<int>("count");
@@ -1171,7 +1170,7 @@ void tst_KvPelloGripper::directReadsAskTheirRegister_data()
     QTest::newRow("speed limit") << quint16{439} << 1 << quint32{0x4567};
 }
 
-void tst_KvPelloGripper::directReadsAskTheirRegister()
+void tst_KvPelloGripper::directReadsUseTheirRegister()
 {
     QFETCH(quint16, address);
     QFETCH(int, count);
@@ -1182,7 +1181,7 @@ void tst_KvPelloGripper::directReadsAskTheirRegister()
     const QString name = QString::fromLatin1(QTest::currentDataTag());
     QCOMPARE(directRead(*gripper, name), value);
     QCOMPARE(gripper->error(), KvDeviceBase::NoError);
-    directRead(*gripper, name); // nothing is kept
+    directRead(*gripper, name); // every call reads again
     const QString request = QStringLiteral("read 9 %1 %2").arg(address).arg(count);
     QCOMPARE(m_master->takeRequests(), QStringList({request, request}));
 }

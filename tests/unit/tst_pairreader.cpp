@@ -40,7 +40,7 @@ public:
         return line + QByteArray(below(3), ' ') + (below(2) == 0 ? "\n" : "\r\n");
     }
 
-    // Not a request at all: short tokens, so that removing a pair often makes another.
+    // Any text. Its tokens are short, so that removing a pair often makes another pair.
     QByteArray anyText()
     {
         QByteArray text;
@@ -72,18 +72,18 @@ class tst_PairReader : public QObject
     Q_OBJECT
 
 private slots:
-    void pairsAreReadAsTheyStand_data();
-    void pairsAreReadAsTheyStand();
+    void pairsAreReadInOrder_data();
+    void pairsAreReadInOrder();
     void valueIsTheLowByteOfANumber_data();
     void valueIsTheLowByteOfANumber();
-    void nothingIsReadOnceThereIsNoPairLeft();
-    void readsWhatThePatternFindsInRequests();
-    void readsWhatThePatternFindsInAnyText();
+    void nothingIsReadAfterTheLastPair();
+    void readsTheMatchesOfThePatternInRequests();
+    void readsTheMatchesOfThePatternInAnyText();
     void longRequestTakesLinearTime_data();
     void longRequestTakesLinearTime();
 };
 
-void tst_PairReader::pairsAreReadAsTheyStand_data()
+void tst_PairReader::pairsAreReadInOrder_data()
 {
     QTest::addColumn<QByteArray>("request");
     QTest::addColumn<Pairs>("expected");
@@ -119,7 +119,7 @@ void tst_PairReader::pairsAreReadAsTheyStand_data()
     row("SET P\xC3\x96S POS 1\n", {{"POS", 1}});
 }
 
-void tst_PairReader::pairsAreReadAsTheyStand()
+void tst_PairReader::pairsAreReadInOrder()
 {
     QFETCH(QByteArray, request);
 
@@ -146,7 +146,7 @@ void tst_PairReader::valueIsTheLowByteOfANumber_data()
     row("-1", 255);
     row("-0", 0);
     row("-99", 157);
-    row("-100", 246); // reads "-10", the last digit stays in the text
+    row("-100", 246); // Reads "-10". The last digit stays in the text.
     row("-", 0);
     row("--", 0);
     row("1-", 0);
@@ -163,7 +163,7 @@ void tst_PairReader::valueIsTheLowByteOfANumber()
     QCOMPARE(pairsOf("SET POS " + value + "\n"), (Pairs{{"POS", expected}}));
 }
 
-void tst_PairReader::nothingIsReadOnceThereIsNoPairLeft()
+void tst_PairReader::nothingIsReadAfterTheLastPair()
 {
     PairReader reader("SET POS 1 2 \n");
     PairReader::Pair pair;
@@ -174,7 +174,7 @@ void tst_PairReader::nothingIsReadOnceThereIsNoPairLeft()
     QCOMPARE(int(pair.value), 1);
 }
 
-void tst_PairReader::readsWhatThePatternFindsInRequests()
+void tst_PairReader::readsTheMatchesOfThePatternInRequests()
 {
     constexpr int lines = 110000;
     LineMaker maker(20240611);
@@ -196,7 +196,7 @@ void tst_PairReader::readsWhatThePatternFindsInRequests()
     QVERIFY(compared >= 100000);
 }
 
-void tst_PairReader::readsWhatThePatternFindsInAnyText()
+void tst_PairReader::readsTheMatchesOfThePatternInAnyText()
 {
     constexpr int texts = 50000;
     LineMaker maker(7);

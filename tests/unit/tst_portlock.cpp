@@ -6,7 +6,7 @@
 #include <QSysInfo>
 #include <QTest>
 
-/// In a /run/lock of its own: the files are those of real ports.
+/// Runs with its own /run/lock, because the files have the names of real ports.
 class tst_PortLock : public QObject
 {
     Q_OBJECT
@@ -18,7 +18,7 @@ private slots:
     void onlyAStaleLockOfThisProcessIsRemoved();
     void lockOfAPortInAFolderIsFound();
     void lockThatIsHeldStays();
-    void missingLockIsNotMade();
+    void missingLockIsNotCreated();
 
 private:
     static void leaveLock(const QByteArray &content, const QString &name = QStringLiteral("ttyX"))
@@ -29,7 +29,7 @@ private:
     }
     static QString pathOf(const QString &name) { return QStringLiteral("/var/lock/LCK..") + name; }
 
-    /// As QLockFile writes it.
+    /// In the format of QLockFile.
     static QByteArray lockOf(qint64 processId)
     {
         return QByteArray::number(processId) + "\ntst_portlock\n" +
@@ -81,7 +81,7 @@ void tst_PortLock::lockThatIsHeldStays()
     QVERIFY(QFileInfo::exists(path));
 }
 
-void tst_PortLock::missingLockIsNotMade()
+void tst_PortLock::missingLockIsNotCreated()
 {
     removeStaleLockOfOwnProcess(QStringLiteral("ttyX"));
     QVERIFY(!QFileInfo::exists(pathOf(QStringLiteral("ttyX"))));

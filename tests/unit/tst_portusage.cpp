@@ -18,7 +18,7 @@
 
 namespace {
 
-// Qt's own complaints, which the daemon would print into its log.
+// Warnings of Qt. The daemon would print them to its log.
 QStringList s_warnings;
 
 void noteWarning(QtMsgType /*type*/, const QMessageLogContext & /*context*/, const QString &message)
@@ -26,7 +26,7 @@ void noteWarning(QtMsgType /*type*/, const QMessageLogContext & /*context*/, con
     s_warnings.append(message);
 }
 
-const QString none; // no such program
+const QString none; // the program does not exist
 const QString exitsWith0 = QStringLiteral("#!/bin/sh\nexit 0\n");
 const QString exitsWith1 = QStringLiteral("#!/bin/sh\nexit 1\n");
 const QString exitsWith255 = QStringLiteral("#!/bin/sh\nexit 255\n");
@@ -69,10 +69,10 @@ private slots:
     void reportMayBeLeftOut();
     void deviceIsTheOnlyArgument();
     void localProgramRunsInTheWorkingDirectory();
-    void itsOutputIsDropped();
-    void itsInputIsEmpty();
-    void eventsWaitWhileItRuns();
-    void quitSignalEndsIt();
+    void outputIsDropped();
+    void inputIsEmpty();
+    void noEventsRunMeanwhile();
+    void quitSignalKillsTheProgram();
 
 private:
     QScopedPointer<QTemporaryDir> m_workingDirectory;
@@ -220,7 +220,7 @@ void tst_PortUsage::localProgramRunsInTheWorkingDirectory()
              QDir(m_workingDirectory->path()).canonicalPath() + QLatin1Char('\n'));
 }
 
-void tst_PortUsage::itsOutputIsDropped()
+void tst_PortUsage::outputIsDropped()
 {
     const QString prints = QStringLiteral("#!/bin/sh\necho to-output\necho to-error >&2\n"
                                           ": > ran\nkill -9 $$\n");
@@ -245,9 +245,9 @@ void tst_PortUsage::itsOutputIsDropped()
     QCOMPARE(contentOf(QStringLiteral("record")), QString());
 }
 
-void tst_PortUsage::itsInputIsEmpty()
+void tst_PortUsage::inputIsEmpty()
 {
-    // The line would be there to read if the program had inherited the standard input.
+    // The program could read this line if it had inherited the standard input.
     std::array<int, 2> pipeEnds{};
     QCOMPARE(::pipe(pipeEnds.data()), 0);
     QCOMPARE(::write(pipeEnds[1], "line\n", 5), 5);
@@ -261,7 +261,7 @@ void tst_PortUsage::itsInputIsEmpty()
     QVERIFY(isFree);
 }
 
-void tst_PortUsage::eventsWaitWhileItRuns()
+void tst_PortUsage::noEventsRunMeanwhile()
 {
     installLocal(QStringLiteral("#!/bin/sh\n/bin/sleep 0.2\nexit 1\n"));
     bool eventHandled = false;
@@ -275,8 +275,8 @@ void tst_PortUsage::eventsWaitWhileItRuns()
     QVERIFY(eventHandled);
 }
 
-// The last one: a quit signal is for the whole life of a process.
-void tst_PortUsage::quitSignalEndsIt()
+// Must be the last test: quitRequested() stays true in this process.
+void tst_PortUsage::quitSignalKillsTheProgram()
 {
     const QString runsLong = QStringLiteral("#!/bin/sh\nexec /bin/sleep 30\n");
     installLocal(runsLong);

@@ -17,13 +17,13 @@
 namespace {
 
 constexpr int longWaitMs = 20000;
-constexpr int wrongExitCode = 97;   // the claim does not hold
+constexpr int wrongExitCode = 97;   // the claim is false
 constexpr int unknownExitCode = 98; // there is no such scenario
 
 const QVector<int> quitSignals{SIGQUIT, SIGINT, SIGTERM, SIGHUP};
 
-// A quit signal is for the whole life of a process, so each of these has a process of its own.
-// The result is its exit code.
+// quitRequested() stays true for the life of a process, so each scenario runs in its own process.
+// Its exit code is the result.
 using Scenario = std::function<int(int signalNumber)>;
 
 int quitFromTheLoop(int signalNumber)
@@ -172,7 +172,7 @@ struct Outcome
     qint64 elapsedMs;
 };
 
-// The code of a process that crashed is the signal's number.
+// The code of a crashed process is the number of the signal.
 Outcome run(const QString &scenario, int signalNumber)
 {
     QProcess process;
@@ -261,7 +261,7 @@ int main(int argc, char *argv[])
     QCoreApplication application(argc, argv);
     const QStringList arguments = QCoreApplication::arguments();
     if (arguments.value(1) == QLatin1String("--scenario")) {
-        ::alarm(longWaitMs / 1000); // nobody is left behind
+        ::alarm(longWaitMs / 1000); // ends the process if it hangs
         const Scenario scenario = scenarios().value(arguments.value(2));
         return scenario ? scenario(arguments.value(3).toInt()) : unknownExitCode;
     }

@@ -15,8 +15,8 @@
 
 namespace {
 
-std::atomic<std::size_t> allocations = 0; // blocks ever taken from the heap
-std::atomic<std::size_t> liveBytes = 0;   // bytes of the heap that are in use
+std::atomic<std::size_t> allocations = 0; // Blocks that were ever allocated.
+std::atomic<std::size_t> liveBytes = 0;   // Bytes of the heap in use.
 
 } // namespace
 
@@ -77,7 +77,7 @@ QList<QByteArray> scanPackets(const QList<QByteArray> &packets)
     return texts;
 }
 
-// Texts of the protocol and texts that nearly are, from a seed.
+// Makes texts of the protocol and similar texts from a seed.
 class TextMaker
 {
 public:
@@ -232,25 +232,25 @@ private slots:
     void requestsOfOnePacketAreCutInOrder();
     void requestsOfSeveralPacketsAreCutInOrder_data();
     void requestsOfSeveralPacketsAreCutInOrder();
-    void getTellsItsVariableAndWhetherItsLineEnded_data();
-    void getTellsItsVariableAndWhetherItsLineEnded();
-    void setHasNoVariableAndAlwaysALineEnding();
-    void textBehindAZeroByteOfTheSameReadIsDropped();
+    void getHasItsVariableAndItsLineEnding_data();
+    void getHasItsVariableAndItsLineEnding();
+    void setHasNoVariableAndALineEnding();
+    void textAfterAZeroByteOfTheSameReadIsDropped();
     void lettersWhoseUpperCaseIsAsciiBecomePartOfRequests_data();
     void lettersWhoseUpperCaseIsAsciiBecomePartOfRequests();
-    void lettersThatGrowAreReadInALongReadToo();
-    void byteOrderMarkAtTheStartOfAReadIsNoCharacter();
+    void lettersThatBecomeLongerAreReadInALongRead();
+    void byteOrderMarkAtTheStartOfAReadIsIgnored();
     void characterCutByAPacketBoundaryIsLost();
     void onlyTextThatMayBecomeARequestIsKept_data();
     void onlyTextThatMayBecomeARequestIsKept();
-    void failedTakeLeavesTheRequestUntouched();
-    void requestOutlivesWhatArrivesLater();
-    void bytesAppendedBetweenTakesJoinTheTextThatIsLeft();
-    void untakenRequestsDoNotKeepTakenOnesInMemory();
+    void failedTakeLeavesTheRequestUnchanged();
+    void laterTextDoesNotChangeARequest();
+    void bytesAppendedBetweenTakesJoinTheRest();
+    void takenRequestsUseNoMemory();
 
-    void patternsAreToldApartWhenTheyGiveUp();
-    void cutsWhatThePatternsMatch();
-    void cutsWhatThePatternsMatchWhileRequestsWait();
+    void patternsReportThatTheyGaveUp();
+    void cutsTheMatchesOfThePatterns();
+    void cutsTheMatchesOfThePatternsWhileRequestsWait();
 
     void hostileMegabyteTakesLinearTime_data();
     void hostileMegabyteTakesLinearTime();
@@ -259,16 +259,16 @@ private slots:
     void thousandAmbiguousLinesAreGarbage();
     void garbageIsNotKept_data();
     void garbageIsNotKept();
-    void setOfTwentyThousandPairsIsCutWhole_data();
-    void setOfTwentyThousandPairsIsCutWhole();
-    void longestRequestIsCut();
-    void longerThanTheLongestRequestIsGarbage();
-    void lineWithoutEndIsDroppedAtTheLongestRequest();
-    void requestBehindADroppedLineIsCut_data();
-    void requestBehindADroppedLineIsCut();
+    void setOfTwentyThousandPairsIsOneRequest_data();
+    void setOfTwentyThousandPairsIsOneRequest();
+    void requestOfMaximumLengthIsCut();
+    void requestOverTheMaximumLengthIsGarbage();
+    void lineWithoutEndIsDroppedAtTheMaximumLength();
+    void requestAfterADroppedLineIsCut_data();
+    void requestAfterADroppedLineIsCut();
     void plainGetAllocatesNothing();
     void shortSetsAllocateOnlyOnce();
-    void longRequestLeavesNoMemoryBehind();
+    void longRequestFreesItsMemory();
 };
 
 void tst_RequestScanner::requestsOfOnePacketAreCutInOrder_data()
@@ -283,10 +283,10 @@ void tst_RequestScanner::requestsOfOnePacketAreCutInOrder_data()
     row("GET without ending", "GET POS", {"GET POS"});
     row("GET with line feed", "GET POS\n", {"GET POS\n"});
     row("GET with both", "GET POS\r\n", {"GET POS\r\n"});
-    row("GET takes spaces and endings", "GET POS  \r\n\n\rGET STA",
+    row("GET includes spaces and endings", "GET POS  \r\n\n\rGET STA",
         {"GET POS  \r\n\n\r", "GET STA"});
-    row("GET ends at a space behind endings", "GET POS \n \nGET STA", {"GET POS \n", "GET STA"});
-    row("GET takes three of more", "GET POSITION\n", {"GET POS"});
+    row("GET ends at a space after endings", "GET POS \n \nGET STA", {"GET POS \n", "GET STA"});
+    row("GET includes three of more", "GET POSITION\n", {"GET POS"});
     row("GET of digits", "GET 123", {"GET 123"});
     row("GET of underscores", "GET ___", {"GET ___"});
     row("GET of GET", "GET GET POS", {"GET GET "});
@@ -303,7 +303,7 @@ void tst_RequestScanner::requestsOfOnePacketAreCutInOrder_data()
     row("lines of garbage before", "abc\n\r\n SET\nSET POS 1\n", {"SET POS 1\n"});
     row("SET without ending", "SET POS 100", {});
     row("SET with both", "SET POS 100\r\n", {"SET POS 100\r\n"});
-    row("SET takes all endings", "SET POS 100\n\r\r\n\nx", {"SET POS 100\n\r\r\n\n"});
+    row("SET includes all endings", "SET POS 100\n\r\r\n\nx", {"SET POS 100\n\r\r\n\n"});
     row("SET with many spaces", "SET   POS   100   \n", {"SET   POS   100   \n"});
     row("SET without name", "SET\n", {});
     row("SET with spaces only", "SET   \n", {});
@@ -329,13 +329,13 @@ void tst_RequestScanner::requestsOfOnePacketAreCutInOrder_data()
     row("two SETs", "SET POS 1\nSET GTO 1\n", {"SET POS 1\n", "SET GTO 1\n"});
     row("SETSET", "SETSET POS 1\n", {"SET POS 1\n"});
     row("SET as a name", "SET SET POS 1\n", {"SET SET POS 1\n"});
-    row("SET behind too long a name", "SET ABCDEFGSET POS 1\n", {"SET POS 1\n"});
-    row("SET behind SET that fails", "SET POS 1 2 SET POS 3\n", {"SET POS 3\n"});
+    row("SET after too long a name", "SET ABCDEFGSET POS 1\n", {"SET POS 1\n"});
+    row("SET after SET that fails", "SET POS 1 2 SET POS 3\n", {"SET POS 3\n"});
     row("SET within a name", "SET ABCSET POS 1\n", {"SET ABCSET POS 1\n"});
     row("GET of SET", "GET SET POS 1\n", {"GET SET "});
-    row("GET takes the start of SET", "GET XSET POS 1\n", {"GET XSE"});
-    row("GET takes one letter of SET", "GET XXSET POS 1\n", {"GET XXS"});
-    row("SET right behind GET", "GET ABCSET POS 1\n", {"GET ABC", "SET POS 1\n"});
+    row("GET includes the start of SET", "GET XSET POS 1\n", {"GET XSE"});
+    row("GET includes one letter of SET", "GET XXSET POS 1\n", {"GET XXS"});
+    row("SET directly after GET", "GET ABCSET POS 1\n", {"GET ABC", "SET POS 1\n"});
     row("GET of SET, then SET", "GET SET GET SET POS 1\n", {"GET SET ", "GET SET "});
     row("GET within a complete SET", "SET POS GET STA\n", {"SET POS GET STA\n"});
     row("GET within a SET without ending", "SET POS GET STA", {"GET STA"});
@@ -376,7 +376,7 @@ void tst_RequestScanner::requestsOfSeveralPacketsAreCutInOrder_data()
     QTest::newRow("SET in letters")
         << Texts{"x", "S", "E", "T", " ", "P", "O", "S", "\n"} << Texts{"SET POS\n"};
     QTest::newRow("SETSET in two") << Texts{"SETSE", "T POS 1\n"} << Texts{"SET POS 1\n"};
-    QTest::newRow("SET behind a name that grows too long")
+    QTest::newRow("SET after a name that grows too long")
         << Texts{"SET ABCDEFG", "SET", " POS 1\n"} << Texts{"SET POS 1\n"};
     QTest::newRow("GET within an incomplete SET")
         << Texts{"SET POS GET STA", "\nSET GTO 1\n"} << Texts{"GET STA", "SET GTO 1\n"};
@@ -396,7 +396,7 @@ void tst_RequestScanner::requestsOfSeveralPacketsAreCutInOrder()
     QCOMPARE(scanPackets(packets), expected);
 }
 
-void tst_RequestScanner::getTellsItsVariableAndWhetherItsLineEnded_data()
+void tst_RequestScanner::getHasItsVariableAndItsLineEnding_data()
 {
     QTest::addColumn<QByteArray>("packet");
     QTest::addColumn<QByteArray>("variable");
@@ -409,7 +409,7 @@ void tst_RequestScanner::getTellsItsVariableAndWhetherItsLineEnded_data()
     QTest::newRow("longer name") << QByteArray("GET POSI\n") << QByteArray("POS") << false;
 }
 
-void tst_RequestScanner::getTellsItsVariableAndWhetherItsLineEnded()
+void tst_RequestScanner::getHasItsVariableAndItsLineEnding()
 {
     QFETCH(QByteArray, packet);
     RequestScanner scanner;
@@ -422,7 +422,7 @@ void tst_RequestScanner::getTellsItsVariableAndWhetherItsLineEnded()
     QTEST(request.hasLineEnding, "hasLineEnding");
 }
 
-void tst_RequestScanner::setHasNoVariableAndAlwaysALineEnding()
+void tst_RequestScanner::setHasNoVariableAndALineEnding()
 {
     RequestScanner scanner;
     appendAll(scanner, "SET POS 1\n");
@@ -434,7 +434,7 @@ void tst_RequestScanner::setHasNoVariableAndAlwaysALineEnding()
     QVERIFY(request.hasLineEnding);
 }
 
-void tst_RequestScanner::textBehindAZeroByteOfTheSameReadIsDropped()
+void tst_RequestScanner::textAfterAZeroByteOfTheSameReadIsDropped()
 {
     const QByteArray zero(1, '\0');
 
@@ -475,7 +475,7 @@ void tst_RequestScanner::lettersWhoseUpperCaseIsAsciiBecomePartOfRequests()
     QCOMPARE(scanPackets({packet}), QList<QByteArray>{expected});
 }
 
-void tst_RequestScanner::lettersThatGrowAreReadInALongReadToo()
+void tst_RequestScanner::lettersThatBecomeLongerAreReadInALongRead()
 {
     const QByteArray line = "\xC3\x9F\xF0\x90\x90\xA8\n\xC5\xBF"
                             "et pos 1 gto 1\n";
@@ -483,7 +483,7 @@ void tst_RequestScanner::lettersThatGrowAreReadInALongReadToo()
     QCOMPARE(scanPackets({line.repeated(1000)}).count("SET POS 1 GTO 1\n"), 1000);
 }
 
-void tst_RequestScanner::byteOrderMarkAtTheStartOfAReadIsNoCharacter()
+void tst_RequestScanner::byteOrderMarkAtTheStartOfAReadIsIgnored()
 {
     QCOMPARE(scanPackets({"GET P", "\xEF\xBB\xBFOS"}), QList<QByteArray>{"GET POS"});
     QCOMPARE(scanPackets({"GET P\xEF\xBB\xBFOS"}), QList<QByteArray>{});
@@ -552,7 +552,7 @@ void tst_RequestScanner::onlyTextThatMayBecomeARequestIsKept()
     QCOMPARE(scanner.bytesKept(), static_cast<std::size_t>(kept.size()));
 }
 
-void tst_RequestScanner::failedTakeLeavesTheRequestUntouched()
+void tst_RequestScanner::failedTakeLeavesTheRequestUnchanged()
 {
     RequestScanner scanner;
     appendAll(scanner, "GET POS\nSET GTO 1");
@@ -563,7 +563,7 @@ void tst_RequestScanner::failedTakeLeavesTheRequestUntouched()
     QCOMPARE(bytes(request.text), QByteArray("GET POS\n"));
 }
 
-void tst_RequestScanner::requestOutlivesWhatArrivesLater()
+void tst_RequestScanner::laterTextDoesNotChangeARequest()
 {
     RequestScanner scanner;
     appendAll(scanner, "SET POS 1 GTO 1 ACT 1\nGET STA\n");
@@ -575,7 +575,7 @@ void tst_RequestScanner::requestOutlivesWhatArrivesLater()
     QCOMPARE(bytes(request.text), QByteArray("SET POS 1 GTO 1 ACT 1\n"));
 }
 
-void tst_RequestScanner::bytesAppendedBetweenTakesJoinTheTextThatIsLeft()
+void tst_RequestScanner::bytesAppendedBetweenTakesJoinTheRest()
 {
     RequestScanner scanner;
     appendAll(scanner, "GET STA\nSET POS 1\r");
@@ -587,7 +587,7 @@ void tst_RequestScanner::bytesAppendedBetweenTakesJoinTheTextThatIsLeft()
     QCOMPARE(scan(scanner, " 1\n"), QList<QByteArray>{"SET GTO 1\n"});
 }
 
-void tst_RequestScanner::untakenRequestsDoNotKeepTakenOnesInMemory()
+void tst_RequestScanner::takenRequestsUseNoMemory()
 {
     RequestScanner scanner;
     appendAll(scanner, repeated("GET POS\n", 100));
@@ -603,7 +603,7 @@ void tst_RequestScanner::untakenRequestsDoNotKeepTakenOnesInMemory()
     QCOMPARE(takeAll(scanner).size(), 13);
 }
 
-void tst_RequestScanner::patternsAreToldApartWhenTheyGiveUp()
+void tst_RequestScanner::patternsReportThatTheyGaveUp()
 {
     PatternScanner patterns;
     PatternScanner::Cut cut;
@@ -616,7 +616,7 @@ void tst_RequestScanner::patternsAreToldApartWhenTheyGiveUp()
     QVERIFY(patterns.gaveUp());
 }
 
-void tst_RequestScanner::cutsWhatThePatternsMatch()
+void tst_RequestScanner::cutsTheMatchesOfThePatterns()
 {
     constexpr int texts = 110000;
     TextMaker maker(20240611);
@@ -641,7 +641,7 @@ void tst_RequestScanner::cutsWhatThePatternsMatch()
     QVERIFY(givenUp < texts / 1000);
 }
 
-void tst_RequestScanner::cutsWhatThePatternsMatchWhileRequestsWait()
+void tst_RequestScanner::cutsTheMatchesOfThePatternsWhileRequestsWait()
 {
     constexpr int texts = 6000;
     TextMaker maker(7);
@@ -692,7 +692,7 @@ void tst_RequestScanner::hostileMegabyteTakesLinearTime_data()
     row("GET and spaces", "GET AAA" + repeated(" ", megabyte) + "\n", 1);
     row("carriage returns", repeated("\r", megabyte), 0);
     row("GET and line endings", "GET AAA" + repeated("\r\n", megabyte), 1);
-    row("letters that grow", repeated("\xC3\x9F", 4 * megabyte), 0);
+    row("letters that become longer", repeated("\xC3\x9F", 4 * megabyte), 0);
     row("lines", repeated("SET AAA 1\n", megabyte), megabyte / 10 + 1);
     row("foreign characters",
         repeated("\xC3\x9F\xC5\xBF"
@@ -768,7 +768,7 @@ void tst_RequestScanner::garbageIsNotKept()
     }
 }
 
-void tst_RequestScanner::setOfTwentyThousandPairsIsCutWhole_data()
+void tst_RequestScanner::setOfTwentyThousandPairsIsOneRequest_data()
 {
     QTest::addColumn<int>("packetSize");
 
@@ -776,7 +776,7 @@ void tst_RequestScanner::setOfTwentyThousandPairsIsCutWhole_data()
     QTest::newRow("small packets") << 100;
 }
 
-void tst_RequestScanner::setOfTwentyThousandPairsIsCutWhole()
+void tst_RequestScanner::setOfTwentyThousandPairsIsOneRequest()
 {
     QFETCH(int, packetSize);
     const QByteArray text = "SET" + QByteArray(" POS 100").repeated(20000) + "\r\n";
@@ -788,25 +788,25 @@ void tst_RequestScanner::setOfTwentyThousandPairsIsCutWhole()
              (QList<QByteArray>{text, "GET STA"}));
 }
 
-void tst_RequestScanner::longestRequestIsCut()
+void tst_RequestScanner::requestOfMaximumLengthIsCut()
 {
     QByteArray text = "SET POS" + repeated(" 111", megabyte);
-    text.truncate(static_cast<int>(RequestScanner::__longestRequest));
+    text.truncate(static_cast<int>(RequestScanner::maxRequestLength));
 
     QCOMPARE(scanPackets({text + "\n"}), QList<QByteArray>{text + "\n"});
     QCOMPARE(scanPackets({text, "\n"}), QList<QByteArray>{text + "\n"});
 }
 
-void tst_RequestScanner::longerThanTheLongestRequestIsGarbage()
+void tst_RequestScanner::requestOverTheMaximumLengthIsGarbage()
 {
     QByteArray text = "SET POS" + repeated(" 111", megabyte);
-    text.truncate(static_cast<int>(RequestScanner::__longestRequest) + 1);
+    text.truncate(static_cast<int>(RequestScanner::maxRequestLength) + 1);
 
     QCOMPARE(scanPackets({text + "\n"}), QList<QByteArray>{});
     QCOMPARE(scanPackets({text, "\n"}), QList<QByteArray>{});
 }
 
-void tst_RequestScanner::lineWithoutEndIsDroppedAtTheLongestRequest()
+void tst_RequestScanner::lineWithoutEndIsDroppedAtTheMaximumLength()
 {
     const QByteArray packet = repeated(" POS 100", megabyte / 16);
     RequestScanner scanner;
@@ -817,12 +817,12 @@ void tst_RequestScanner::lineWithoutEndIsDroppedAtTheLongestRequest()
         most = std::max(most, scanner.bytesKept());
     }
 
-    QVERIFY(most > RequestScanner::__longestRequest / 2);
-    QVERIFY(most <= RequestScanner::__longestRequest);
+    QVERIFY(most > RequestScanner::maxRequestLength / 2);
+    QVERIFY(most <= RequestScanner::maxRequestLength);
     QCOMPARE(scanner.bytesKept(), std::size_t(0));
 }
 
-void tst_RequestScanner::requestBehindADroppedLineIsCut_data()
+void tst_RequestScanner::requestAfterADroppedLineIsCut_data()
 {
     QTest::addColumn<QByteArray>("end");
     QTest::addColumn<QByteArray>("rest");
@@ -837,7 +837,7 @@ void tst_RequestScanner::requestBehindADroppedLineIsCut_data()
     row("GET begun when the line is dropped", " GET P", "OS", "GET POS");
 }
 
-void tst_RequestScanner::requestBehindADroppedLineIsCut()
+void tst_RequestScanner::requestAfterADroppedLineIsCut()
 {
     QFETCH(QByteArray, end);
     QFETCH(QByteArray, rest);
@@ -884,7 +884,7 @@ void tst_RequestScanner::shortSetsAllocateOnlyOnce()
     QCOMPARE(allocations.load(), before);
 }
 
-void tst_RequestScanner::longRequestLeavesNoMemoryBehind()
+void tst_RequestScanner::longRequestFreesItsMemory()
 {
     const QByteArray text = repeated("SET ", megabyte / 2) + "\n";
     RequestScanner scanner;

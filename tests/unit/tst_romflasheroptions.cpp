@@ -1,5 +1,5 @@
-#include "flasheroptions.h"
-#include "flasheroutcome.h"
+#include "flasherfailure.h"
+#include "options.h"
 #include "stm32flashrun.h"
 
 #include <QElapsedTimer>
@@ -7,14 +7,18 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+using namespace flasher;
+
 namespace {
-FlasherOptions optionsOf(const char *arguments)
+
+Options optionsOf(const char *arguments)
 {
-    return FlasherOptions::fromArguments(QString::fromLatin1(arguments)
-                                             .prepend(QLatin1String("romflasher "))
-                                             .simplified()
-                                             .split(QLatin1Char(' ')));
+    return Options::fromArguments(QString::fromLatin1(arguments)
+                                      .prepend(QLatin1String("romflasher "))
+                                      .simplified()
+                                      .split(QLatin1Char(' ')));
 }
+
 } // namespace
 
 class TestRomflasherOptions : public QObject
@@ -33,8 +37,8 @@ private slots:
     void everyFailureHasItsCodeAndSaysWhatToDoNext_data();
     void everyFailureHasItsCodeAndSaysWhatToDoNext();
     void startWritesNothing();
-    void stm32flashThatStallsIsEnded();
-    void missingStm32flashIsSaid();
+    void stalledStm32flashIsKilled();
+    void missingStm32flashIsReported();
 };
 
 void TestRomflasherOptions::bothBootloadersHaveTheirAddressAndRoom_data()
@@ -51,9 +55,8 @@ void TestRomflasherOptions::bothBootloadersHaveTheirAddressAndRoom()
     QFETCH(QByteArray, baudRate);
     QFETCH(quint32, address);
     QFETCH(qint64, capacity);
-    const FlasherOptions options =
+    const Options options =
         optionsOf("-p /dev/ttyS3 -b " + baudRate + " -f firmware/TF1-2.0.2.bin -d -g");
-    QCOMPARE(options.outcome, FlasherOptions::Outcome::Run);
     QCOMPARE(options.device, QStringLiteral("/dev/ttyS3"));
     QCOMPARE(options.imagePath, QStringLiteral("firmware/TF1-2.0.2.bin"));
     QCOMPARE(options.target.baudRate, baudRate.toInt());
@@ -65,8 +68,7 @@ void TestRomflasherOptions::bothBootloadersHaveTheirAddressAndRoom()
 
 void TestRomflasherOptions::flagsAreOffUnlessGiven()
 {
-    const FlasherOptions options = optionsOf("-f image -b 19200 -p /dev/ttyTool");
-    QCOMPARE(options.outcome, FlasherOptions::Outcome::Run);
+    const Options options = optionsOf("-f image -b 19200 -p /dev/ttyTool");
     QVERIFY(!options.isVerbose);
     QVERIFY(!options.startsFirmware);
 }
@@ -74,36 +76,37 @@ void TestRomflasherOptions::flagsAreOffUnlessGiven()
 void TestRomflasherOptions::badArgumentsAreRefused_data()
 {
     QTest::addColumn<QByteArray>("arguments");
-    const char *const rows[] = {"-b 19200 -f image",
-                                "-p /dev/ttyTool -f image",
-                                "-p /dev/ttyTool -b 19200",
-                                "-p /dev/ttyTool -b 9600 -f image",
-                                "-p /dev/ttyTool -b 019200 -f image",
-                                "-p /dev/ttyTool -b fast -f image",
-                                "-p /dev/ttyTool -p /dev/ttyS0 -b 19200 -f image",
-                                "-p /dev/ttyTool -b 19200 -b 115200 -f image",
-                                "-p /dev/ttyTool -b 19200 -f image more",
-                                "-p /dev/ttyTool -b 19200 -f image -x",
-                                "-p /dev/ttyTool -b 19200 -f"};
-    for (const char *row : rows)
-        QTest::newRow(row) << QByteArray(row);
+    QTest::addColumn<QString>("problem");
+    const auto row = [](const char *arguments, const char *problem) {
+        QTest::newRow(arguments) << QByteArray(arguments) << QString::fromLatin1(problem);
+    };
+    row("-b 19200 -f image", "-p is missing");
+    row("-p /dev/ttyTool -f image", "-b is missing");
+    row("-p /dev/ttyTool -b 19200", "-f is missing");
+    row("-p /dev/ttyTool -b 9600 -f image", "-b takes 19200 or 115200, not \"9600\"");
+    row("-p /dev/ttyTool -b 019200 -f image", "-b takes 19200 or 115200, not \"019200\"");
+    row("-p /dev/ttyTool -b fast -f image", "-b takes 19200 or 115200, not \"fast\"");
+    row("-p /dev/ttyTool -p /dev/ttyS0 -b 19200 -f image", "-p is given twice");
+    row("-p /dev/ttyTool -b 19200 -b 115200 -f image", "-b is given twice");
+    row("-p /dev/ttyTool -b 19200 -f image more", "unexpected argument \"more\"");
+    row("-p /dev/ttyTool -b 19200 -f image -x", "Unknown option 'x'");
+    row("-p /dev/ttyTool -b 19200 -f", "Missing value after '-f'");
 }
 
 void TestRomflasherOptions::badArgumentsAreRefused()
 {
     QFETCH(QByteArray, arguments);
-    const FlasherOptions options = optionsOf(arguments.constData());
-    QCOMPARE(options.outcome, FlasherOptions::Outcome::Refuse);
-    QVERIFY(!options.text.isEmpty());
-    QVERIFY(!options.text.contains(QLatin1Char('\n')));
+    QFETCH(QString, problem);
+    const Failure failure = failureOf([&] { optionsOf(arguments.constData()); });
+    QCOMPARE(failure.code, ExitCode::CannotBegin);
+    QCOMPARE(failure.cause, problem + QStringLiteral(", see romflasher --help"));
 }
 
 void TestRomflasherOptions::helpExplains()
 {
-    const FlasherOptions options = optionsOf("--help");
-    QCOMPARE(options.outcome, FlasherOptions::Outcome::Explain);
+    const QString text = optionsOf("--help").helpText;
     for (const char *word : {"-p", "-b", "-f", "-d", "-g", "0x08080000", "Exit codes"})
-        QVERIFY2(options.text.contains(QLatin1String(word)), word);
+        QVERIFY2(text.contains(QLatin1String(word)), word);
 }
 
 void TestRomflasherOptions::stm32flashGetsItsArguments_data()
@@ -123,7 +126,7 @@ void TestRomflasherOptions::stm32flashGetsItsArguments()
 {
     QFETCH(QByteArray, arguments);
     QFETCH(QString, expected);
-    const FlasherOptions options = optionsOf(arguments.constData());
+    const Options options = optionsOf(arguments.constData());
     const QStringList words =
         Stm32FlashRun::writeArguments(options, QStringLiteral("8e1"), QStringLiteral("copy"));
     QCOMPARE(words.join(QLatin1Char(' ')), expected);
@@ -133,9 +136,8 @@ void TestRomflasherOptions::everyFailureHasItsCodeAndSaysWhatToDoNext_data()
 {
     QTest::addColumn<int>("code");
     QTest::addColumn<QString>("line");
-    QTest::newRow("done") << 0 << QString();
     QTest::newRow("cannot begin") << 2
-                                  << QStringLiteral("cannot begin: why; fix that and try again");
+                                  << QStringLiteral("cannot begin: why; fix this and try again");
     QTest::newRow("port") << 3
                           << QStringLiteral("port not available: why; free the port and try again");
     QTest::newRow("no bootloader")
@@ -157,23 +159,23 @@ void TestRomflasherOptions::everyFailureHasItsCodeAndSaysWhatToDoNext()
 {
     QFETCH(int, code);
     QFETCH(QString, line);
-    QCOMPARE(lineFor(static_cast<FlasherOutcome>(code), QStringLiteral("why")), line);
+    QCOMPARE(lineFor({static_cast<ExitCode>(code), QStringLiteral("why")}), line);
 }
 
 void TestRomflasherOptions::startWritesNothing()
 {
-    const FlasherOptions options = optionsOf("-p /dev/ttyUSB0 -b 115200 -f e.bin -g");
+    const Options options = optionsOf("-p /dev/ttyUSB0 -b 115200 -f e.bin -g");
     const QStringList words = Stm32FlashRun::startArguments(options, QStringLiteral("8e1"));
     QCOMPARE(words.join(QLatin1Char(' ')),
              QStringLiteral("-b 115200 -m 8e1 -g 0x08080000 /dev/ttyUSB0"));
 }
 
-void TestRomflasherOptions::stm32flashThatStallsIsEnded()
+void TestRomflasherOptions::stalledStm32flashIsKilled()
 {
     const QTemporaryDir folder;
     QFile program(folder.filePath(QStringLiteral("stm32flash")));
     QVERIFY(program.open(QIODevice::WriteOnly));
-    // Its output comes in time twice, and then no more.
+    // It prints twice within the limit, and then nothing.
     program.write("#!/bin/sh\nfor i in 1 2; do /bin/sleep 0.3; echo; done\nexec /bin/sleep 60\n");
     program.close();
     QVERIFY(program.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
@@ -182,24 +184,25 @@ void TestRomflasherOptions::stm32flashThatStallsIsEnded()
     Stm32FlashRun run(optionsOf("-p /dev/ttyTool -b 19200 -f a.bin"), QStringLiteral("8e1"), 500);
     QElapsedTimer timer;
     timer.start();
-    const FlasherOutcome outcome = run.start();
+    const Failure failure = failureOf([&] { run.start(); });
     qputenv("PATH", path);
-    QCOMPARE(outcome, FlasherOutcome::Stalled);
+    QCOMPARE(failure.code, ExitCode::Stalled);
     QVERIFY2(timer.elapsed() >= 600 + 500, qPrintable(QString::number(timer.elapsed())));
     QVERIFY(timer.elapsed() < 10'000);
-    QCOMPARE(run.problem(), QStringLiteral("stm32flash printed nothing for 0.5 s and was ended"));
+    QCOMPARE(failure.cause, QStringLiteral("stm32flash printed nothing for 0.5 s and was killed"));
 }
 
-void TestRomflasherOptions::missingStm32flashIsSaid()
+void TestRomflasherOptions::missingStm32flashIsReported()
 {
     const QByteArray path = qgetenv("PATH");
     qputenv("PATH", "/nowhere");
     const FirmwareFile image(QCoreApplication::applicationFilePath(), 1 << 30);
     Stm32FlashRun run(optionsOf("-p /dev/ttyTool -b 19200 -f a.bin"), QStringLiteral("8e1"));
-    const FlasherOutcome outcome = run.write(image);
+    const Failure failure = failureOf([&] { run.write(image); });
     qputenv("PATH", path);
-    QCOMPARE(outcome, FlasherOutcome::CannotBegin);
-    QVERIFY2(run.problem().contains(QLatin1String("stm32flash")), qPrintable(run.problem()));
+    QCOMPARE(failure.code, ExitCode::CannotBegin);
+    QVERIFY2(failure.cause.startsWith(QLatin1String("stm32flash cannot be started")),
+             qPrintable(failure.cause));
 }
 
 QTEST_GUILESS_MAIN(TestRomflasherOptions)

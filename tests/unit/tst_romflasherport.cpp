@@ -1,5 +1,6 @@
 #include "firmwarefile.h"
-#include "ptyport.h"
+#include "flasherfailure.h"
+#include "ptypair.h"
 #include "serialdevice.h"
 #include "serialportlock.h"
 
@@ -13,41 +14,43 @@
 
 #include <sys/sysmacros.h>
 
+using namespace flasher;
+
 class TestRomflasherPort : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void onlyTheFarEndsOfPseudoTerminalsAreTakenForSuch_data();
-    void onlyTheFarEndsOfPseudoTerminalsAreTakenForSuch();
+    void majorNumberIdentifiesASlavePty_data();
+    void majorNumberIdentifiesASlavePty();
     void frameFormatFollowsTheDevice();
-    void whatIsNoDeviceIsRefused();
-    void lockFileIsNamedAsTheSerialPortLibraryDoes();
-    void openSerialPortKeepsUsOut();
-    void weKeepASerialPortOut();
-    void lockOfALinkIsOneOfThePortToo();
-    void portThatIsLetGoInTimeIsTaken();
+    void pathWithoutADeviceIsRefused();
+    void lockFileHasTheNameThatQSerialPortUses();
+    void openQSerialPortRefusesTheLock();
+    void lockRefusesAQSerialPort();
+    void lockOfALinkIsALockOfItsTarget();
+    void lockThatIsReleasedInTimeIsTaken();
     void lockOfADeadProcessIsTakenOver();
-    void lockOfALivingProcessIsNotTakenOverHoweverOldItIs();
-    void imageIsLookedAt_data();
-    void imageIsLookedAt();
+    void oldLockOfALivingProcessIsNotTakenOver();
+    void imageIsCheckedAndCopied_data();
+    void imageIsCheckedAndCopied();
 };
 
-void TestRomflasherPort::onlyTheFarEndsOfPseudoTerminalsAreTakenForSuch_data()
+void TestRomflasherPort::majorNumberIdentifiesASlavePty_data()
 {
     QTest::addColumn<unsigned>("number");
     QTest::addColumn<bool>("isPty");
-    QTest::newRow("first of ptys") << 136U << true;
-    QTest::newRow("last of ptys") << 143U << true;
-    QTest::newRow("before") << 135U << false;
-    QTest::newRow("behind") << 144U << false;
+    QTest::newRow("first slave pty") << 136U << true;
+    QTest::newRow("last slave pty") << 143U << true;
+    QTest::newRow("number before") << 135U << false;
+    QTest::newRow("number after") << 144U << false;
     QTest::newRow("built-in UART") << 4U << false;
-    QTest::newRow("near end of a pty") << 5U << false;
+    QTest::newRow("master pty") << 5U << false;
     QTest::newRow("USB converter") << 188U << false;
     QTest::newRow("USB modem") << 166U << false;
 }
 
-void TestRomflasherPort::onlyTheFarEndsOfPseudoTerminalsAreTakenForSuch()
+void TestRomflasherPort::majorNumberIdentifiesASlavePty()
 {
     QFETCH(unsigned, number);
     QFETCH(bool, isPty);
@@ -56,38 +59,34 @@ void TestRomflasherPort::onlyTheFarEndsOfPseudoTerminalsAreTakenForSuch()
 
 void TestRomflasherPort::frameFormatFollowsTheDevice()
 {
-    sim::PtyPort pty;
-    pty.open();
+    const PtyPair pty;
     const QTemporaryDir folder;
     const QString link = folder.filePath(QStringLiteral("ttyTool"));
-    QVERIFY(QFile::link(pty.path(), link));
-    QString problem;
-    QCOMPARE(serialModeOf(pty.path(), &problem), QStringLiteral("8n1"));
-    QCOMPARE(serialModeOf(link, &problem), QStringLiteral("8n1"));
-    QCOMPARE(serialModeOf(QStringLiteral("/dev/null"), &problem), QStringLiteral("8e1"));
-    QCOMPARE(problem, QString());
+    QVERIFY(QFile::link(pty.portName(), link));
+    QCOMPARE(serialModeOf(pty.portName()), QStringLiteral("8n1"));
+    QCOMPARE(serialModeOf(link), QStringLiteral("8n1"));
+    QCOMPARE(serialModeOf(QStringLiteral("/dev/null")), QStringLiteral("8e1"));
 }
 
-void TestRomflasherPort::whatIsNoDeviceIsRefused()
+void TestRomflasherPort::pathWithoutADeviceIsRefused()
 {
     const QTemporaryDir folder;
     for (const QString &path : {folder.path(), folder.filePath(QStringLiteral("missing"))}) {
-        QString problem;
-        QCOMPARE(serialModeOf(path, &problem), QString());
-        QVERIFY2(problem.contains(path), qPrintable(problem));
+        const Failure failure = failureOf([&] { serialModeOf(path); });
+        QCOMPARE(failure.code, ExitCode::PortFailed);
+        QVERIFY2(failure.cause.contains(path), qPrintable(failure.cause));
     }
 }
 
-void TestRomflasherPort::lockFileIsNamedAsTheSerialPortLibraryDoes()
+void TestRomflasherPort::lockFileHasTheNameThatQSerialPortUses()
 {
     QVERIFY(SerialPortLock::pathOf(QStringLiteral("/dev/ttyTool"))
                 .endsWith(QLatin1String("/LCK..ttyTool")));
-    sim::PtyPort pty;
-    pty.open();
+    const PtyPair pty;
     const QTemporaryDir folder;
     const QString link = folder.filePath(QStringLiteral("ttyTool"));
-    QVERIFY(QFile::link(pty.path(), link));
-    for (const QString &name : {pty.path(), link}) {
+    QVERIFY(QFile::link(pty.portName(), link));
+    for (const QString &name : {pty.portName(), link}) {
         const QString lock = SerialPortLock::pathOf(name);
         QVERIFY2(!QFile::exists(lock), qPrintable(lock));
         QSerialPort port(name);
@@ -98,53 +97,51 @@ void TestRomflasherPort::lockFileIsNamedAsTheSerialPortLibraryDoes()
     }
 }
 
-void TestRomflasherPort::openSerialPortKeepsUsOut()
+void TestRomflasherPort::openQSerialPortRefusesTheLock()
 {
-    sim::PtyPort pty;
-    pty.open();
-    QSerialPort port(pty.path());
+    const PtyPair pty;
+    QSerialPort port(pty.portName());
     QVERIFY(port.open(QIODevice::ReadWrite));
-    SerialPortLock lock(pty.path());
-    QVERIFY(!lock.take(0));
-    QVERIFY2(lock.problem().contains(QString::number(QCoreApplication::applicationPid())),
-             qPrintable(lock.problem()));
+    SerialPortLock lock(pty.portName());
+    const Failure failure = failureOf([&] { lock.take(0); });
+    QCOMPARE(failure.code, ExitCode::PortFailed);
+    QVERIFY2(failure.cause.contains(QString::number(QCoreApplication::applicationPid())),
+             qPrintable(failure.cause));
 }
 
-void TestRomflasherPort::weKeepASerialPortOut()
+void TestRomflasherPort::lockRefusesAQSerialPort()
 {
-    sim::PtyPort pty;
-    pty.open();
-    QSerialPort port(pty.path());
+    const PtyPair pty;
+    QSerialPort port(pty.portName());
     {
-        SerialPortLock lock(pty.path());
-        QVERIFY(lock.take(0));
+        SerialPortLock lock(pty.portName());
+        lock.take(0);
         QVERIFY(!port.open(QIODevice::ReadWrite));
         QCOMPARE(port.error(), QSerialPort::PermissionError);
     }
     QVERIFY(port.open(QIODevice::ReadWrite));
 }
 
-void TestRomflasherPort::lockOfALinkIsOneOfThePortToo()
+void TestRomflasherPort::lockOfALinkIsALockOfItsTarget()
 {
-    sim::PtyPort pty;
-    pty.open();
+    const PtyPair pty;
     const QTemporaryDir folder;
     const QString link = folder.filePath(QStringLiteral("ttyTool"));
-    QVERIFY(QFile::link(pty.path(), link));
-    for (const QString &name : {pty.path(), link}) {
+    QVERIFY(QFile::link(pty.portName(), link));
+    for (const QString &name : {pty.portName(), link}) {
         QSerialPort port(name);
         {
             SerialPortLock lock(link);
-            QVERIFY2(lock.take(0), qPrintable(lock.problem()));
+            lock.take(0);
             QVERIFY2(!port.open(QIODevice::ReadWrite), qPrintable(name));
         }
         QVERIFY(port.open(QIODevice::ReadWrite));
         SerialPortLock lock(link);
-        QVERIFY2(!lock.take(0), qPrintable(name));
+        QCOMPARE(failureOf([&] { lock.take(0); }).code, ExitCode::PortFailed);
     }
 }
 
-void TestRomflasherPort::portThatIsLetGoInTimeIsTaken()
+void TestRomflasherPort::lockThatIsReleasedInTimeIsTaken()
 {
     const QString device = QStringLiteral("/dev/ttyWaited");
     QFile file(SerialPortLock::pathOf(device));
@@ -156,9 +153,9 @@ void TestRomflasherPort::portThatIsLetGoInTimeIsTaken()
     }));
     thread->start();
     SerialPortLock lock(device);
-    const bool isTaken = lock.take(5000);
+    const Failure failure = failureOf([&] { lock.take(5000); });
     thread->wait();
-    QVERIFY2(isTaken, qPrintable(lock.problem()));
+    QVERIFY2(failure.code == ExitCode::Done, qPrintable(failure.cause));
 }
 
 void TestRomflasherPort::lockOfADeadProcessIsTakenOver()
@@ -166,17 +163,20 @@ void TestRomflasherPort::lockOfADeadProcessIsTakenOver()
     const QString device = QStringLiteral("/dev/ttyDead");
     QFile file(SerialPortLock::pathOf(device));
     QVERIFY(file.open(QIODevice::WriteOnly));
-    // Beyond the largest process id that there can be.
+    // Larger than the largest process id.
     file.write("4194305\ngripperd\n");
     file.write(QSysInfo::machineHostName().toUtf8() + '\n');
     file.close();
     SerialPortLock lock(device);
-    QVERIFY2(lock.take(0), qPrintable(lock.problem()));
+    lock.take(0);
+    file.close();
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readLine().trimmed(), QByteArray::number(QCoreApplication::applicationPid()));
 }
 
-void TestRomflasherPort::lockOfALivingProcessIsNotTakenOverHoweverOldItIs()
+void TestRomflasherPort::oldLockOfALivingProcessIsNotTakenOver()
 {
-    // Without the kernel's lock on it: only what it says keeps us out.
+    // The kernel has no lock on this file; only its content keeps others out.
     const QString device = QStringLiteral("/dev/ttyLiving");
     QFile file(SerialPortLock::pathOf(device));
     QVERIFY(file.open(QIODevice::WriteOnly));
@@ -186,13 +186,15 @@ void TestRomflasherPort::lockOfALivingProcessIsNotTakenOverHoweverOldItIs()
     QVERIFY(file.setFileTime(QDateTime::currentDateTime().addSecs(-3600),
                              QFileDevice::FileModificationTime));
     SerialPortLock lock(device);
-    const bool isTaken = lock.take(0);
+    const Failure failure = failureOf([&] { lock.take(0); });
     file.remove();
-    QVERIFY(!isTaken);
-    QVERIFY2(lock.problem().contains(QLatin1String("held by process")), qPrintable(lock.problem()));
+    QCOMPARE(failure.cause,
+             QStringLiteral("process %1 (tst_romflasherport) has the port, according to %2")
+                 .arg(QCoreApplication::applicationPid())
+                 .arg(file.fileName()));
 }
 
-void TestRomflasherPort::imageIsLookedAt_data()
+void TestRomflasherPort::imageIsCheckedAndCopied_data()
 {
     QTest::addColumn<QString>("path");
     QTest::addColumn<qint64>("size");
@@ -201,17 +203,18 @@ void TestRomflasherPort::imageIsLookedAt_data()
     QTest::newRow("just fits") << own << qint64(1000) << QString();
     QTest::newRow("small") << own << qint64(1) << QString();
     QTest::newRow("too large") << own << qint64(1001)
-                               << QStringLiteral("has 1001 bytes, and there is room for 1000");
+                               << QStringLiteral("has 1001 bytes, but there is room for 1000 only");
     QTest::newRow("empty") << own << qint64(0) << QStringLiteral("is empty");
     QTest::newRow("missing") << QStringLiteral("/nowhere/image.bin") << qint64(0)
-                             << QStringLiteral("is not there");
-    QTest::newRow("folder") << QDir::tempPath() << qint64(0) << QStringLiteral("is not a file");
-    // Opens, and fails when it is read, even for root.
+                             << QStringLiteral("does not exist");
+    QTest::newRow("folder") << QDir::tempPath() << qint64(0)
+                            << QStringLiteral("is not a regular file");
+    // open() succeeds and read() fails, for root as well.
     QTest::newRow("unreadable") << QStringLiteral("/proc/self/mem") << qint64(0)
                                 << QStringLiteral("cannot be read: Input/output error");
 }
 
-void TestRomflasherPort::imageIsLookedAt()
+void TestRomflasherPort::imageIsCheckedAndCopied()
 {
     QFETCH(QString, path);
     QFETCH(qint64, size);
@@ -223,13 +226,15 @@ void TestRomflasherPort::imageIsLookedAt()
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write(QByteArray(static_cast<int>(size), 'x'));
     }
-    const FirmwareFile image(path, 1000);
-    QCOMPARE(image.problem(),
-             problem.isEmpty() ? QString() : QStringLiteral("the image %1 ").arg(path) + problem);
-    if (!problem.isEmpty())
+    if (!problem.isEmpty()) {
+        const Failure failure = failureOf([&] { FirmwareFile(path, 1000); });
+        QCOMPARE(failure.code, ExitCode::CannotBegin);
+        QCOMPARE(failure.cause, QStringLiteral("the image %1 %2").arg(path, problem));
         return;
+    }
+    const FirmwareFile image(path, 1000);
     QCOMPARE(image.size(), size);
-    // What happens to the file from now on does not reach the copy.
+    // Later changes of the file do not reach the copy.
     QVERIFY(QFile::remove(path));
     QFile copy(image.pathOfCopy());
     QVERIFY(copy.open(QIODevice::ReadOnly));

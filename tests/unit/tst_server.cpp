@@ -1,8 +1,8 @@
 #include "server.h"
 
+#include "clientconnection.h"
 #include "clientend.h"
 #include "clientlistener.h"
-#include "clientsocket.h"
 #include "logcapture.h"
 #include "simulatedline.h"
 
@@ -32,17 +32,12 @@ Request requestOf(const QByteArray &text)
     return request;
 }
 
-QByteArray nameOfRow()
-{
-    return QByteArray(QTest::currentDataTag()).split(' ').first();
-}
-
 } // namespace
 
 Q_DECLARE_METATYPE(Departure)
 
-/// One server for all tests, in a network of its own. Its list does not poll; it has found the
-/// grippers 2, at position 100, and 9, at position 200. There is none at 7.
+/// All tests share one server in a network namespace. Its list does not poll. It has found the
+/// grippers 2, at position 100, and 9, at position 200, and no gripper at 7.
 class tst_Server : public QObject
 {
     Q_OBJECT
@@ -53,63 +48,41 @@ private slots:
     void cleanup();
     void cleanupTestCase();
 
-    void listensOnItsPort();
-    void quitSignalsAreCaughtAndOthersAreNot();
     void ignoredSignalIsIgnored();
 
     void newClientAddressesNineAndHasAnEmptyBuffer();
     void clientsAreKeptInTheOrderInWhichTheyCame();
     void disconnectedClientLeavesNothingBehind();
-    void comingAndGoingIsLogged();
-    void otherSendersAreIgnored();
+    void connectionAndDisconnectionAreLogged();
 
-    void getWithoutLineEndingIsAnsweredAtOnceWithTheBareValue();
-    void leftoverLineEndingsDoNotDisturbLaterRequests();
-    void setWaitsForItsLineEnding();
     void requestsInOnePacketAreAnsweredInOrder();
-    void requestInTwoPacketsIsAnsweredOnceItIsComplete();
-    void textIsCutIntoRequests_data();
-    void textIsCutIntoRequests();
-    void bytesBehindAZeroByteAreDroppedUntilTheNextRead();
     void clientsDoNotShareTheirBuffers();
 
     void foreignProtocolIsRefused_data();
     void foreignProtocolIsRefused();
-    void otherFirstLinesAreServed_data();
-    void otherFirstLinesAreServed();
     void firstLineIsServedUntilItIsDecided();
     void refusedClientGetsNoReply();
-    void httpBehindTheFirstLineIsServed();
+    void httpAfterTheFirstLineIsServed();
 
     void selectionAppliesFromTheNextBatch();
     void selectionWithoutAGripperIsKept();
     void eachClientHasItsOwnSelection();
-    void slaveIdIsNarrowedToEightBits();
 
-    void getVariableIsAnswered_data();
-    void getVariableIsAnswered();
-    void getVariableWithoutAGripperIsAnswered_data();
-    void getVariableWithoutAGripperIsAnswered();
-    void longNameIsAnsweredByItsFirstThreeCharacters();
-    void setVariableIsAnswered_data();
-    void setVariableIsAnswered();
-    void setVariableWithoutAGripperIsAnswered_data();
-    void setVariableWithoutAGripperIsAnswered();
     void setIsAnsweredOnceWithoutALineEnding_data();
     void setIsAnsweredOnceWithoutALineEnding();
     void setAppliesItsPairsFromLeftToRight();
-    void setTakesTheLowByteOfAValue_data();
-    void setTakesTheLowByteOfAValue();
     void unhandledPairIsLogged_data();
     void unhandledPairIsLogged();
-    void requestsWithoutAClientAreCarriedOutSilently();
-    void emptyMatchIsNotAnswered();
+    void requestsWithoutAClientAreProcessedWithoutReply();
+    void emptyRequestIsNotAnswered();
 
+    void requestMayWaitIfOneOfItsPairsDoes_data();
+    void requestMayWaitIfOneOfItsPairsDoes();
     void requestOfTheSameClientIsAnsweredDuringItsScan();
     void requestOfAnotherClientIsAnsweredDuringAScan();
-    void repliesInFrontOfAScanLeaveBeforeIt();
-    void requestsBehindAScanAreAnsweredAfterIt();
-    void newRequestDuringAScanTakesThoseInFrontAlong();
+    void earlierRepliesLeaveBeforeAScan();
+    void laterRequestsOfABatchAreAnsweredAfterItsScan();
+    void newRequestDuringAScanAlsoRunsEarlierOnes();
     void scansNest();
     void pairAfterAScanReachesTheNewGripper();
     void clientMayVanishDuringItsScan_data();
@@ -117,39 +90,26 @@ private slots:
     void otherClientMayVanishDuringAScan();
     void clientsMayVanishDuringNestedScans();
     void halfClosedClientGetsTheReplyToItsScan();
-    void requestsOfAClientThatClosesAtOnceAreCarriedOut_data();
-    void requestsOfAClientThatClosesAtOnceAreCarriedOut();
-    void endBehindAFullReadIsNoEarlierThanItsRequests_data();
-    void endBehindAFullReadIsNoEarlierThanItsRequests();
-    void endBehindAFullReadCostsNoReplies_data();
-    void endBehindAFullReadCostsNoReplies();
+    void requestsOfAClientThatClosesAtOnceAreProcessed_data();
+    void requestsOfAClientThatClosesAtOnceAreProcessed();
+    void endAfterAFullReadWaitsForItsRequests_data();
+    void endAfterAFullReadWaitsForItsRequests();
+    void endAfterAFullReadLosesNoReply_data();
+    void endAfterAFullReadLosesNoReply();
 
-    void longBatchesLeaveOthersTheirTurn();
     void longBatchIsAnsweredInOrderAndFromOneGripper();
-    void longBatchOfAClientThatClosesIsCarriedOut();
-    void othersGoOnWhileALongBatchWaitsForAScan();
 
-    void requestThatWouldNestTooDeepWaitsItsTurn();
-    void nothingOfAClientOvertakesItsPostponedRequest();
-    void requestsThatDoNotWaitAreCarriedOutAtAnyDepth();
-    void postponedRequestsAreCarriedOutInTheOrderOfTheirComing();
-    void clientMayVanishWhileItsRequestWaitsItsTurn_data();
-    void clientMayVanishWhileItsRequestWaitsItsTurn();
-
-    void clientThatDoesNotReadIsNotReadEither();
+    void clientThatDoesNotReadIsNotRead();
 
 private:
-    void pretendDepth(int depth) { m_server->m_depth = depth; }
-    void endPretendedDepth();
     ClientEnd &connectClient();
     ClientEnd &adoptLocalClient();
-    ClientSocket *socketOf(int client) { return m_server->clientSockets.at(client); }
+    ClientConnection *socketOf(int client) { return m_server->clientSockets.at(client); }
     QByteArray answerTo(ClientEnd &client, const QByteArray &request);
     static void sendAsOneRead(ClientEnd &client, const QByteArray &packet);
-    void selectNobody(ClientEnd &client);
     void onNextFrame(const std::function<void()> &action);
     bool isClientless() const;
-    // The one in the list now: a scan replaces it.
+    // A scan replaces the object in the list.
     Server::Gripper latestGripper() const { return m_server->gripperList.latest(m_gripper); }
     quint8 positionRequest() const { return latestGripper()->getPositionRequest(); }
     quint8 speedRequest() const { return latestGripper()->getSpeedRequest(); }
@@ -171,7 +131,7 @@ void tst_Server::initTestCase()
     m_line->bus().pinRegister(9, 2001, 0x0507);
     m_line->bus().pinRegister(9, 2002, 0xC821);
     m_server = std::make_unique<Server>();
-    // Nobody leaves the firmware: upgrades and jumps fail.
+    // Upgrades and jumps to the bootloader fail.
     sim::Fault deaf;
     deaf.kind = sim::FaultKind::Deaf;
     deaf.scope = sim::Fault::Scope::StartAddress;
@@ -199,7 +159,7 @@ void tst_Server::cleanup()
 {
     m_clients.clear();
     QTRY_VERIFY(isClientless());
-    QVERIFY(m_server->tcpServer->findChildren<QTcpSocket *>().isEmpty());
+    QVERIFY(m_server->tcpServer->findChildren<ClientConnection *>().isEmpty());
     QCOMPARE(m_log->warnings(), QStringList());
 }
 
@@ -224,23 +184,16 @@ ClientEnd &tst_Server::connectClient()
     return *m_clients.back();
 }
 
-// A connection that holds little on its way, where a TCP connection would take megabytes.
+// Adds a connection with small kernel buffers. The buffers of a TCP connection hold megabytes.
 ClientEnd &tst_Server::adoptLocalClient()
 {
     const DescriptorPair ends = localPair();
-    auto *socket = new ClientSocket(m_server->tcpServer->poller(), m_server->tcpServer);
-    socket->setSocketDescriptor(ends.serverEnd, QAbstractSocket::ConnectedState,
-                                QIODevice::ReadWrite);
-    m_server->clientSockets.append(socket);
-    m_server->bufferBySocket.insert(socket, {});
-    m_server->slaveIdBySocket.insert(socket, 9);
-    connect(socket, &QTcpSocket::readyRead, m_server.get(), &Server::onClientSocketReadData);
-    connect(socket, &QTcpSocket::disconnected, m_server.get(), &Server::onClientSocketDisconnect);
+    m_server->tcpServer->addConnection(ends.serverEnd);
     m_clients.push_back(std::make_unique<ClientEnd>(ends.clientEnd));
     return *m_clients.back();
 }
 
-// Everything that is answered, and nothing that belongs to another request.
+// Returns the complete answer to `request`. The reply to a second request marks its end.
 QByteArray tst_Server::answerTo(ClientEnd &client, const QByteArray &request)
 {
     client.take();
@@ -253,20 +206,15 @@ QByteArray tst_Server::answerTo(ClientEnd &client, const QByteArray &request)
     return answer;
 }
 
-// What is sent later comes with another read.
+// The server reads later packets separately.
 void tst_Server::sendAsOneRead(ClientEnd &client, const QByteArray &packet)
 {
     client.send(packet);
     QCoreApplication::processEvents();
 }
 
-void tst_Server::selectNobody(ClientEnd &client)
-{
-    QCOMPARE(answerTo(client, "SET SID 7\n"), QByteArray("nak"));
-    m_log->clear();
-}
-
-// What waits for the line runs inside the test's own wait, so the test acts from inside as well.
+// Runs `action` after the next frame. A request that waits for the line runs inside the test's own
+// wait, so the test acts from inside that wait.
 void tst_Server::onNextFrame(const std::function<void()> &action)
 {
     const auto connection = std::make_shared<QMetaObject::Connection>();
@@ -275,30 +223,6 @@ void tst_Server::onNextFrame(const std::function<void()> &action)
             disconnect(*connection);
             QTimer::singleShot(0, this, action);
         });
-}
-
-void tst_Server::listensOnItsPort()
-{
-    QCOMPARE(Server::__port, port);
-    QVERIFY(m_server->tcpServer->isListening());
-    QCOMPARE(m_server->tcpServer->serverPort(), port);
-    QCOMPARE(m_server->tcpServer->serverAddress(), QHostAddress(QHostAddress::Any));
-    QCOMPARE(m_server->tcpServer->parent(), m_server.get());
-}
-
-void tst_Server::quitSignalsAreCaughtAndOthersAreNot()
-{
-    const auto isCaught = [](int signalNumber) {
-        struct sigaction action
-        {
-        };
-        ::sigaction(signalNumber, nullptr, &action);
-        return action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN;
-    };
-    for (const int signalNumber : {SIGQUIT, SIGINT, SIGTERM, SIGHUP})
-        QVERIFY(isCaught(signalNumber));
-    for (const int signalNumber : {SIGUSR1, SIGUSR2, SIGCHLD, SIGALRM})
-        QVERIFY(!isCaught(signalNumber));
 }
 
 void tst_Server::ignoredSignalIsIgnored()
@@ -325,10 +249,10 @@ void tst_Server::clientsAreKeptInTheOrderInWhichTheyCame()
 {
     for (int i = 0; i < 3; ++i)
         connectClient();
-    const QVector<ClientSocket *> sockets = m_server->clientSockets;
+    const QVector<ClientConnection *> sockets = m_server->clientSockets;
     m_clients[1].reset();
     QTRY_COMPARE(m_server->clientSockets.size(), 2);
-    QCOMPARE(m_server->clientSockets, (QVector<ClientSocket *>{sockets[0], sockets[2]}));
+    QCOMPARE(m_server->clientSockets, (QVector<ClientConnection *>{sockets[0], sockets[2]}));
     QCOMPARE(m_server->slaveIdBySocket.keys().size(), 2);
     QVERIFY(!m_server->slaveIdBySocket.contains(sockets[1]));
     QVERIFY(!m_server->bufferBySocket.contains(sockets[1]));
@@ -337,7 +261,7 @@ void tst_Server::clientsAreKeptInTheOrderInWhichTheyCame()
 void tst_Server::disconnectedClientLeavesNothingBehind()
 {
     ClientEnd &client = connectClient();
-    const QPointer<ClientSocket> socket(socketOf(0));
+    const QPointer<ClientConnection> socket(socketOf(0));
     client.send("SET POS 1 GTO 1");
     QTRY_VERIFY(m_server->bufferBySocket[socketOf(0)].requests.bytesKept() > 0);
     client.close();
@@ -346,7 +270,7 @@ void tst_Server::disconnectedClientLeavesNothingBehind()
     QCOMPARE(positionRequest(), quint8{0});
 }
 
-void tst_Server::comingAndGoingIsLogged()
+void tst_Server::connectionAndDisconnectionAreLogged()
 {
     connectClient().close();
     QTRY_VERIFY(isClientless());
@@ -361,98 +285,11 @@ void tst_Server::comingAndGoingIsLogged()
     }
 }
 
-void tst_Server::otherSendersAreIgnored()
-{
-    connectClient();
-    m_log->clear();
-    QObject stranger;
-    connect(&stranger, &QObject::objectNameChanged, m_server.get(),
-            &Server::onClientSocketReadData);
-    connect(&stranger, &QObject::objectNameChanged, m_server.get(),
-            &Server::onClientSocketDisconnect);
-    stranger.setObjectName(QStringLiteral("named"));
-    QCOMPARE(m_server->clientSockets.size(), 1);
-    QCOMPARE(m_server->bufferBySocket.size(), 1);
-    QCOMPARE(m_log->infos().size(), 1);
-    QVERIFY(m_log->infos()[0].startsWith(QStringLiteral("onClientSocketDisconnect:  QObject(0x")));
-}
-
-void tst_Server::getWithoutLineEndingIsAnsweredAtOnceWithTheBareValue()
-{
-    ClientEnd &client = connectClient();
-    client.send("GET POS");
-    QTRY_COMPARE(client.received(), QByteArray("200"));
-}
-
-void tst_Server::leftoverLineEndingsDoNotDisturbLaterRequests()
-{
-    ClientEnd &client = connectClient();
-    client.send("GET POS");
-    QTRY_COMPARE(client.received(), QByteArray("200"));
-    client.send("\r\n");
-    QCOMPARE(answerTo(client, "GET STA\r\n"), QByteArray("STA 3\n"));
-    QCOMPARE(answerTo(client, "\n\r\n SET POS 5\n"), QByteArray("ack"));
-}
-
-void tst_Server::setWaitsForItsLineEnding()
-{
-    ClientEnd &client = connectClient();
-    client.send("SET POS 100");
-    QTRY_VERIFY(m_server->bufferBySocket[socketOf(0)].requests.bytesKept() == 11);
-    QCOMPARE(client.received(), QByteArray());
-    QCOMPARE(positionRequest(), quint8{0});
-    client.send("\r");
-    QTRY_COMPARE(client.received(), QByteArray("ack"));
-    QCOMPARE(positionRequest(), quint8{100});
-}
-
 void tst_Server::requestsInOnePacketAreAnsweredInOrder()
 {
     ClientEnd &client = connectClient();
     QCOMPARE(answerTo(client, "GET STA\nGET POS\nSET POS 3\nGET FLT\nSET MOD 2\nGET PRE\n"),
              QByteArray("STA 3\nPOS 200\nackFLT 05\nnakPRE 007\n"));
-}
-
-void tst_Server::requestInTwoPacketsIsAnsweredOnceItIsComplete()
-{
-    ClientEnd &client = connectClient();
-    client.send("GET P");
-    QTRY_VERIFY(m_server->bufferBySocket[socketOf(0)].requests.bytesKept() == 5);
-    QCOMPARE(client.received(), QByteArray());
-    QCOMPARE(answerTo(client, "OS\n"), QByteArray("POS 200\n"));
-}
-
-void tst_Server::textIsCutIntoRequests_data()
-{
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<QByteArray>("answer");
-
-    const auto row = [](const char *name, const char *text, const char *answer) {
-        QTest::newRow(name) << QByteArray(text) << QByteArray(answer);
-    };
-    row("text in front is dropped", "xyzGET STA\n", "STA 3\n");
-    row("lower case", "get pos\r\n", "POS 200\n");
-    row("two spaces behind GET", "GET  POS\nGET STA\n", "STA 3\n");
-    row("spaces behind SET", "SET    POS    7   \n", "ack");
-    row("spaces behind the name", "GET POS   \n", "POS 200\n");
-    row("several line endings", "GET POS\r\n\n\r\nGET STA\n", "POS 200\nSTA 3\n");
-    row("without line endings", "GET POSGET STA", "2003");
-    row("SET without a name", "SET\nSET \nSET PO 1\nGET STA\n", "STA 3\n");
-    row("GET as a name of a SET", "SET POS 1 GET STA\n", "ack");
-}
-
-void tst_Server::textIsCutIntoRequests()
-{
-    QFETCH(QByteArray, text);
-    QTEST(answerTo(connectClient(), text), "answer");
-}
-
-void tst_Server::bytesBehindAZeroByteAreDroppedUntilTheNextRead()
-{
-    ClientEnd &client = connectClient();
-    client.send(QByteArray("GET POS\n\0GET STA\n", 17));
-    QTRY_COMPARE(client.received(), QByteArray("POS 200\n"));
-    QCOMPARE(answerTo(client, "GET FLT\n"), QByteArray("FLT 05\n"));
 }
 
 void tst_Server::clientsDoNotShareTheirBuffers()
@@ -513,29 +350,6 @@ void tst_Server::foreignProtocolIsRefused()
     QCOMPARE(positionRequest(), quint8{0});
 }
 
-void tst_Server::otherFirstLinesAreServed_data()
-{
-    QTest::addColumn<QByteArray>("text");
-
-    QTest::newRow("garbage") << QByteArray("\xff\xfe !\"$%");
-    QTest::newRow("control character") << QByteArray("\x16 ");
-    QTest::newRow("empty line") << QByteArray("\r\nPOST / HTTP/1.1\r\n");
-    QTest::newRow("lower case version") << QByteArray("POST / http/1.1\r\n");
-    QTest::newRow("no version") << QByteArray("GET /pos\r\n");
-    QTest::newRow("zero byte") << QByteArray("POST /\0 HTTP/1.1\n", 18);
-    QTest::newRow("long") << QByteArray(100'000, 'x');
-}
-
-void tst_Server::otherFirstLinesAreServed()
-{
-    QFETCH(QByteArray, text);
-    ClientEnd &client = connectClient();
-    // The next read: bytes behind a zero byte are dropped.
-    sendAsOneRead(client, text);
-    QCOMPARE(answerTo(client, "\nSET POS 5\n"), QByteArray("ack"));
-    QCOMPARE(positionRequest(), quint8{5});
-}
-
 void tst_Server::firstLineIsServedUntilItIsDecided()
 {
     ClientEnd &client = connectClient();
@@ -557,7 +371,7 @@ void tst_Server::refusedClientGetsNoReply()
     QCOMPARE(client.received(), QByteArray());
 }
 
-void tst_Server::httpBehindTheFirstLineIsServed()
+void tst_Server::httpAfterTheFirstLineIsServed()
 {
     QCOMPARE(answerTo(connectClient(), "GET POS\nPOST / HTTP/1.1\r\n\r\nSET POS 6\n"),
              QByteArray("POS 200\nack"));
@@ -589,149 +403,6 @@ void tst_Server::eachClientHasItsOwnSelection()
     QCOMPARE(answerTo(first, "SET SID 2\n"), QByteArray("ack"));
     QCOMPARE(answerTo(second, "GET POS\n"), QByteArray("POS 200\n"));
     QCOMPARE(answerTo(first, "GET POS\n"), QByteArray("POS 100\n"));
-}
-
-void tst_Server::slaveIdIsNarrowedToEightBits()
-{
-    ClientEnd &client = connectClient();
-    m_server->slaveIdBySocket[socketOf(0)] = 256 + 2;
-    QCOMPARE(answerTo(client, "GET POS\n"), QByteArray("POS 100\n"));
-}
-
-void tst_Server::getVariableIsAnswered_data()
-{
-    QTest::addColumn<QByteArray>("value");
-
-    const auto row = [](const char *name, const char *value) {
-        QTest::newRow(name) << QByteArray(value);
-    };
-    row("ACT", "1");
-    row("MOD", "2");
-    row("GTO", "1");
-    row("STA", "3");
-    row("VST", "2");
-    row("OBJ", "1");
-    row("FLT", "05");
-    row("LBP", "0");
-    row("LGN", "0");
-    row("LRD", "0");
-    row("LBL", "0");
-    row("MSC", "0");
-    row("PRE", "007");
-    row("POS", "200");
-    row("COU", "33");
-    row("DST", "0");
-    row("SNU", "SIM-1009");
-    row("PYE", "2024");
-    row("NCY", "0");
-    row("PON", "0");
-    row("NPA", "0");
-    row("FWV", "TA3-1.6.14");
-    row("PCO", "0");
-    row("VER", "MZV-2.0.0");
-    row("SPE", "0");
-    row("FOR", "0");
-    row("DRI", "SCANNING");
-    row("SID", "[2, 9]");
-    row("UPG", "0");
-    for (const char *name : {"ATR", "ARD", "NID", "SCN", "BLD", "ABC", "___", "A_1", "123"})
-        row(name, "?");
-}
-
-void tst_Server::getVariableIsAnswered()
-{
-    QFETCH(QByteArray, value);
-    const QByteArray name = nameOfRow();
-    ClientEnd &client = connectClient();
-    for (const char *ending : {"\n", "\r", "\r\n", "\n\n", "  \r\n"})
-        QCOMPARE(answerTo(client, "GET " + name + ending), name + ' ' + value + '\n');
-    for (const char *ending : {"", " ", "   "})
-        QCOMPARE(answerTo(client, "GET " + name + ending), value);
-}
-
-void tst_Server::getVariableWithoutAGripperIsAnswered_data()
-{
-    QTest::addColumn<QByteArray>("value");
-
-    for (const char *name :
-         {"ACT", "MOD", "GTO", "STA", "VST", "OBJ", "FLT", "LBP", "LGN", "LRD", "LBL", "MSC",
-          "PRE", "POS", "COU", "SNU", "PYE", "NCY", "PON", "NPA", "FWV", "SPE", "FOR", "ABC"})
-        QTest::newRow(name) << QByteArray("?");
-    const auto row = [](const char *name, const char *value) {
-        QTest::newRow(name) << QByteArray(value);
-    };
-    row("DST", "0");
-    row("PCO", "0");
-    row("VER", "MZV-2.0.0");
-    row("DRI", "SCANNING");
-    row("SID", "[2, 9]");
-    row("UPG", "0");
-}
-
-void tst_Server::getVariableWithoutAGripperIsAnswered()
-{
-    QFETCH(QByteArray, value);
-    const QByteArray name = nameOfRow();
-    ClientEnd &client = connectClient();
-    selectNobody(client);
-    QCOMPARE(answerTo(client, "GET " + name + '\n'), name + ' ' + value + '\n');
-    QCOMPARE(answerTo(client, "GET " + name), value);
-}
-
-void tst_Server::longNameIsAnsweredByItsFirstThreeCharacters()
-{
-    ClientEnd &client = connectClient();
-    QCOMPARE(answerTo(client, "GET SCN_BLOCK\n"), QByteArray("?"));
-    QCOMPARE(answerTo(client, "GET POSITION\n"), QByteArray("200"));
-    QCOMPARE(answerTo(client, "GET THROTTLE\nGET STA\n"), QByteArray("?STA 3\n"));
-}
-
-void tst_Server::setVariableIsAnswered_data()
-{
-    QTest::addColumn<QByteArray>("reply");
-
-    for (const char *row :
-         {"ACT 1", "ACT 0", "MOD 0", "MOD 1",      "GTO 1",  "GTO 0",     "ATR 1",
-          "ATR 0", "ARD 1", "ARD 0", "LBP 1",      "LBP 0",  "LGN 1",     "LGN 0",
-          "LRD 1", "LRD 0", "LBL 1", "LBL 0",      "MSC 0",  "POS 0",     "SPE 0",
-          "FOR 0", "SCN",   "SID 9", "THROTTLE 1", "MUTE 1", "SCN_BLOCK", "NID 9"})
-        QTest::newRow(row) << QByteArray("ack");
-    for (const char *row : {"MOD 2", "SID 7", "UPG", "BLD"})
-        QTest::newRow(row) << QByteArray("nak");
-}
-
-void tst_Server::setVariableIsAnswered()
-{
-    ClientEnd &client = connectClient();
-    m_log->clear();
-    QTEST(answerTo(client, QByteArray("SET ") + QTest::currentDataTag() + '\n'), "reply");
-    QCOMPARE(m_log->infosThatStartWith(QStringLiteral("SET UNHANDLED")), QStringList());
-    m_log->clear();
-}
-
-void tst_Server::setVariableWithoutAGripperIsAnswered_data()
-{
-    QTest::addColumn<bool>("handled");
-
-    for (const char *row : {"ACT 1", "MOD 1", "MOD 2", "GTO 1", "ATR 1", "ARD 1", "LBP 1", "LGN 1",
-                            "LRD 1", "LBL 1", "MSC 1", "POS 1", "SPE 1", "FOR 1", "UPG", "BLD 1"})
-        QTest::newRow(row) << false;
-    for (const char *row : {"SCN", "SID 9", "THROTTLE 1", "MUTE 1", "SCN_BLOCK", "NID 4"})
-        QTest::newRow(row) << true;
-}
-
-void tst_Server::setVariableWithoutAGripperIsAnswered()
-{
-    QFETCH(bool, handled);
-    ClientEnd &client = connectClient();
-    selectNobody(client);
-    const QByteArray pair = QTest::currentDataTag();
-    QCOMPARE(answerTo(client, "SET " + pair + '\n'), QByteArray("ack"));
-    QStringList lines;
-    if (!handled)
-        lines.append(
-            QStringLiteral("SET UNHANDLED REQUEST : \"SET %1\\n\"").arg(QString::fromLatin1(pair)));
-    QCOMPARE(m_log->infosThatStartWith(QStringLiteral("SET UNHANDLED")), lines);
 }
 
 void tst_Server::setIsAnsweredOnceWithoutALineEnding_data()
@@ -775,31 +446,8 @@ void tst_Server::setAppliesItsPairsFromLeftToRight()
     QCOMPARE(answerTo(client, "SET ACT 0 GTO 0 SPE 0 FOR 0\n"), QByteArray("ack"));
     QCOMPARE(m_gripper->getAutoReleaseRequest(), quint8{0});
     QCOMPARE(m_gripper->getActivateRequest(), quint8{0});
-    // Only the image: nothing has gone out, and nobody polls.
+    // A SET changes only the image: nothing polls here, so nothing is sent.
     QCOMPARE(m_line->requests(), QStringList());
-}
-
-void tst_Server::setTakesTheLowByteOfAValue_data()
-{
-    QTest::addColumn<QByteArray>("request");
-    QTest::addColumn<int>("position");
-
-    QTest::newRow("negative") << QByteArray("SET POS -1\n") << 255;
-    QTest::newRow("256") << QByteArray("SET POS 256\n") << 0;
-    QTest::newRow("300") << QByteArray("SET POS 300\n") << 44;
-    QTest::newRow("four digits") << QByteArray("SET POS 1000\n") << 100;
-    QTest::newRow("no value") << QByteArray("SET POS\n") << 0;
-    QTest::newRow("no number") << QByteArray("SET POS 1-1\n") << 0;
-    QTest::newRow("leading zeros") << QByteArray("SET POS 007\n") << 7;
-}
-
-void tst_Server::setTakesTheLowByteOfAValue()
-{
-    QFETCH(QByteArray, request);
-    m_gripper->setPositionRequest(99);
-    QCOMPARE(answerTo(connectClient(), request), QByteArray("ack"));
-    QTEST(int(positionRequest()), "position");
-    QCOMPARE(m_log->infosThatStartWith(QStringLiteral("SET UNHANDLED")), QStringList());
 }
 
 void tst_Server::unhandledPairIsLogged_data()
@@ -829,7 +477,7 @@ void tst_Server::unhandledPairIsLogged()
     QCOMPARE(m_log->infosThatStartWith(QStringLiteral("SET UNHANDLED")), expected);
 }
 
-void tst_Server::requestsWithoutAClientAreCarriedOutSilently()
+void tst_Server::requestsWithoutAClientAreProcessedWithoutReply()
 {
     m_server->decodeSetVariables(nullptr, requestOf("SET POS 12 SID 2 XYZ\n"), m_gripper);
     QCOMPARE(positionRequest(), quint8{12});
@@ -839,11 +487,38 @@ void tst_Server::requestsWithoutAClientAreCarriedOutSilently()
     QCOMPARE(m_log->infosThatStartWith(QStringLiteral("SET UNHANDLED")).size(), 1);
 }
 
-void tst_Server::emptyMatchIsNotAnswered()
+void tst_Server::emptyRequestIsNotAnswered()
 {
     ClientEnd &client = connectClient();
     m_server->decodeGetVariables(socketOf(0), Request(), m_gripper);
     QCOMPARE(answerTo(client, "GET STA\n"), QByteArray("STA 3\n"));
+}
+
+void tst_Server::requestMayWaitIfOneOfItsPairsDoes_data()
+{
+    QTest::addColumn<QByteArray>("request");
+    QTest::addColumn<bool>("withGripper");
+    QTest::addColumn<bool>("withoutGripper");
+
+    const auto row = [](const char *request, bool withGripper, bool withoutGripper) {
+        QTest::newRow(QByteArray(request).simplified().constData())
+            << QByteArray(request) << withGripper << withoutGripper;
+    };
+    row("SET SCN_BLOCK\n", true, true);
+    row("SET XYZ POS 1 NID 4 MOD 1\n", true, true);
+    row("SET BLD\n", true, false);
+    row("SET POS 44 UPG 1\n", true, false);
+    row("SET POS 44 SCN MUTE 1 SID 9\n", false, false);
+    // The identity of a gripper in the list is already known.
+    row("GET FWV\n", false, false);
+    row("GET POS\n", false, false);
+}
+
+void tst_Server::requestMayWaitIfOneOfItsPairsDoes()
+{
+    QFETCH(QByteArray, request);
+    QTEST(m_server->mayWait(requestOf(request), m_gripper), "withGripper");
+    QTEST(m_server->mayWait(requestOf(request), {}), "withoutGripper");
 }
 
 void tst_Server::requestOfTheSameClientIsAnsweredDuringItsScan()
@@ -871,7 +546,7 @@ void tst_Server::requestOfAnotherClientIsAnsweredDuringAScan()
     QCOMPARE(before, QByteArray("POS 200\n"));
 }
 
-void tst_Server::repliesInFrontOfAScanLeaveBeforeIt()
+void tst_Server::earlierRepliesLeaveBeforeAScan()
 {
     ClientEnd &client = connectClient();
     QByteArray before;
@@ -881,7 +556,7 @@ void tst_Server::repliesInFrontOfAScanLeaveBeforeIt()
     QCOMPARE(before, QByteArray("DST 0\nack"));
 }
 
-void tst_Server::requestsBehindAScanAreAnsweredAfterIt()
+void tst_Server::laterRequestsOfABatchAreAnsweredAfterItsScan()
 {
     ClientEnd &client = connectClient();
     QByteArray during;
@@ -890,7 +565,7 @@ void tst_Server::requestsBehindAScanAreAnsweredAfterIt()
     QCOMPARE(during, QByteArray());
 }
 
-void tst_Server::newRequestDuringAScanTakesThoseInFrontAlong()
+void tst_Server::newRequestDuringAScanAlsoRunsEarlierOnes()
 {
     ClientEnd &client = connectClient();
     onNextFrame([&] { client.send("GET DST\n"); });
@@ -907,7 +582,7 @@ void tst_Server::scansNest()
         onNextFrame([&] { other.send("SET NID 9\n"); });
     });
     client.send("SET SCN_BLOCK\n");
-    // The one that came last is over first.
+    // The innermost scan ends first.
     QTRY_COMPARE(client.received(), QByteArray("nakack"));
     QTRY_COMPARE(other.received(), QByteArray("ack"));
 }
@@ -935,7 +610,7 @@ void tst_Server::clientMayVanishDuringItsScan()
 {
     QFETCH(Departure, leave);
     ClientEnd &client = connectClient();
-    const QPointer<ClientSocket> socket(socketOf(0));
+    const QPointer<ClientConnection> socket(socketOf(0));
     onNextFrame([&] { (client.*leave)(); });
     client.send("SET SCN_BLOCK SID 2\nSET POS 33\nGET POS\n");
     QTRY_COMPARE(positionRequest(), quint8{33});
@@ -948,7 +623,7 @@ void tst_Server::otherClientMayVanishDuringAScan()
 {
     ClientEnd &scanning = connectClient();
     ClientEnd &other = connectClient();
-    const QPointer<ClientSocket> socket(socketOf(1));
+    const QPointer<ClientConnection> socket(socketOf(1));
     bool goneDuringTheScan = false;
     onNextFrame([&] { other.close(); });
     connect(&m_line->bus(), &sim::BusSimulator::frameSeen, &m_line->bus(), [&] {
@@ -988,16 +663,16 @@ void tst_Server::halfClosedClientGetsTheReplyToItsScan()
     QCOMPARE(client.received(), QByteArray("ackPOS 200\n"));
 }
 
-void tst_Server::requestsOfAClientThatClosesAtOnceAreCarriedOut_data()
+void tst_Server::requestsOfAClientThatClosesAtOnceAreProcessed_data()
 {
     clientMayVanishDuringItsScan_data();
 }
 
-void tst_Server::requestsOfAClientThatClosesAtOnceAreCarriedOut()
+void tst_Server::requestsOfAClientThatClosesAtOnceAreProcessed()
 {
     QFETCH(Departure, leave);
     ClientEnd &client = connectClient();
-    // Of another size than what is read at a time.
+    // The size is no multiple of the size of a read.
     QByteArray requests;
     for (int i = 0; i < 10'000; ++i)
         requests += "SET POS 1\n";
@@ -1009,7 +684,7 @@ void tst_Server::requestsOfAClientThatClosesAtOnceAreCarriedOut()
     latestGripper()->setSpeedRequest(0);
 }
 
-void tst_Server::endBehindAFullReadIsNoEarlierThanItsRequests_data()
+void tst_Server::endAfterAFullReadWaitsForItsRequests_data()
 {
     QTest::addColumn<Departure>("leave");
     QTest::addColumn<int>("beyond");
@@ -1020,8 +695,8 @@ void tst_Server::endBehindAFullReadIsNoEarlierThanItsRequests_data()
     }
 }
 
-// The daemon reads on for the end of a line that it has read a part of.
-void tst_Server::endBehindAFullReadIsNoEarlierThanItsRequests()
+// After a full read the server reads the rest of the last line and may find the end.
+void tst_Server::endAfterAFullReadWaitsForItsRequests()
 {
     QFETCH(Departure, leave);
     QFETCH(int, beyond);
@@ -1034,20 +709,20 @@ void tst_Server::endBehindAFullReadIsNoEarlierThanItsRequests()
     latestGripper()->setSpeedRequest(0);
 }
 
-void tst_Server::endBehindAFullReadCostsNoReplies_data()
+void tst_Server::endAfterAFullReadLosesNoReply_data()
 {
     QTest::addColumn<int>("beyond");
     for (const int beyond : {-1, 0, 1, 6, 7, 8, 63, 64})
         QTest::addRow("%d", beyond) << beyond;
 }
 
-void tst_Server::endBehindAFullReadCostsNoReplies()
+void tst_Server::endAfterAFullReadLosesNoReply()
 {
     QFETCH(int, beyond);
     ClientEnd &client = connectClient();
     const int size = 16 * 1024 + beyond;
     const QByteArray request("GET DST");
-    // The last one is not ended.
+    // The last request has no line ending.
     const int ended = (size - request.size()) / (request.size() + 1);
     QByteArray requests = (request + "\n").repeated(ended);
     requests.prepend(QByteArray(size - requests.size() - request.size(), '\n'));
@@ -1056,18 +731,6 @@ void tst_Server::endBehindAFullReadCostsNoReplies()
     QTRY_VERIFY(client.hasEnded());
     QCOMPARE(client.received(), QByteArray("DST 0\n").repeated(ended) + "0");
     QTRY_VERIFY(isClientless());
-}
-
-void tst_Server::longBatchesLeaveOthersTheirTurn()
-{
-    ClientEnd &greedy = connectClient();
-    ClientEnd &modest = connectClient();
-    greedy.send(QByteArray("GET DST\n").repeated(2000));
-    modest.send("GET VER\n");
-    while (modest.received().isEmpty())
-        QCoreApplication::processEvents();
-    QVERIFY(greedy.received().size() < 2000 * 6 / 2);
-    QTRY_COMPARE(greedy.received().size(), 2000 * 6);
 }
 
 void tst_Server::longBatchIsAnsweredInOrderAndFromOneGripper()
@@ -1088,137 +751,14 @@ void tst_Server::longBatchIsAnsweredInOrderAndFromOneGripper()
     QTRY_COMPARE(client.received(), QByteArray("POS 100\n"));
 }
 
-void tst_Server::longBatchOfAClientThatClosesIsCarriedOut()
-{
-    ClientEnd &client = connectClient();
-    client.send(QByteArray("SET POS 1\n").repeated(1000) + "SET POS 77\n");
-    client.close();
-    QTRY_COMPARE(positionRequest(), quint8{77});
-    QTRY_VERIFY(isClientless());
-}
-
-void tst_Server::othersGoOnWhileALongBatchWaitsForAScan()
-{
-    ClientEnd &waiting = connectClient();
-    ClientEnd &other = connectClient();
-    const QByteArray gets = QByteArray("GET DST\n").repeated(1000);
-    int answeredDuringTheScan = 0;
-    connect(&m_line->bus(), &sim::BusSimulator::frameSeen, &m_line->bus(), [&] {
-        if (m_line->requests().last() == QStringLiteral("4 read 500"))
-            answeredDuringTheScan = other.received().size();
-    });
-    waiting.send(gets + "SET SCN_BLOCK\n");
-    other.send(gets);
-    QTRY_COMPARE(waiting.received(), QByteArray("DST 0\n").repeated(1000) + "ack");
-    QObject::disconnect(&m_line->bus(), nullptr, &m_line->bus(), nullptr);
-    QCOMPARE(answeredDuringTheScan, 1000 * 6);
-}
-
-// As when the outermost of the requests that wait is over.
-void tst_Server::endPretendedDepth()
-{
-    pretendDepth(0);
-    m_server->resumePostponedLater();
-}
-
-void tst_Server::requestThatWouldNestTooDeepWaitsItsTurn()
-{
-    ClientEnd &client = connectClient();
-    pretendDepth(Server::__nestingLimit);
-    client.send("GET DST\nSET SCN_BLOCK\nGET VER\n");
-    QTRY_COMPARE(client.received(), QByteArray("DST 0\n"));
-    QTest::qWait(50);
-    QCOMPARE(client.received(), QByteArray("DST 0\n"));
-    QCOMPARE(m_line->requests(), QStringList());
-    endPretendedDepth();
-    QTRY_COMPARE(client.received(), QByteArray("DST 0\nackVER MZV-2.0.0\n"));
-    QVERIFY(m_server->gripperList.getGripperFromSlaveId(9) != m_gripper);
-}
-
-void tst_Server::nothingOfAClientOvertakesItsPostponedRequest()
-{
-    ClientEnd &client = connectClient();
-    pretendDepth(Server::__nestingLimit);
-    client.send("SET SCN_BLOCK MOD 2\n");
-    QTest::qWait(50);
-    client.send("GET PCO\n");
-    QTest::qWait(50);
-    QCOMPARE(client.received(), QByteArray());
-    endPretendedDepth();
-    // It arrives during the scan now, as a request behind any other scan.
-    QTRY_COMPARE(client.received(), QByteArray("PCO 0\nnak"));
-}
-
-void tst_Server::requestsThatDoNotWaitAreCarriedOutAtAnyDepth()
-{
-    ClientEnd &client = connectClient();
-    pretendDepth(10 * Server::__nestingLimit);
-    // Without a gripper there is nothing that BLD could wait for.
-    client.send("SET SID 7\n");
-    QTRY_COMPARE(client.received(), QByteArray("nak"));
-    client.take();
-    client.send("SET BLD 1 UPG\nSET SID 9\n");
-    QTRY_COMPARE(client.received(), QByteArray("ackack"));
-    client.take();
-    client.send("SET POS 44 SCN MUTE 1\nGET FWV\nGET SNU\nGET PYE\n");
-    QTRY_COMPARE(client.received(), QByteArray("ackFWV TA3-1.6.14\nSNU SIM-1009\nPYE 2024\n"));
-    QCOMPARE(positionRequest(), quint8{44});
-    endPretendedDepth();
-    m_log->clear();
-}
-
-void tst_Server::postponedRequestsAreCarriedOutInTheOrderOfTheirComing()
-{
-    const QList<QByteArray> scans{"NID 9", "SCN_BLOCK", "NID 9"};
-    pretendDepth(Server::__nestingLimit);
-    for (int i = 0; i < scans.size(); ++i) {
-        ClientEnd &client = connectClient();
-        client.send("SET SPE " + QByteArray::number(i + 1) + "\nSET " + scans[i] + "\n");
-        QTRY_COMPARE(client.received(), QByteArray("ack"));
-    }
-    // The slot that became free is not for a newcomer.
-    pretendDepth(0);
-    ClientEnd &newcomer = connectClient();
-    newcomer.send("SET SCN_BLOCK MOD 2\n");
-    for (int i = 0; i < scans.size(); ++i) {
-        QTRY_COMPARE(m_clients[static_cast<std::size_t>(i)]->received(), QByteArray("ackack"));
-        for (std::size_t later = static_cast<std::size_t>(i) + 1; later < 3; ++later)
-            QCOMPARE(m_clients[later]->received(), QByteArray("ack"));
-        QCOMPARE(newcomer.received(), QByteArray());
-    }
-    QTRY_COMPARE(newcomer.received(), QByteArray("nak"));
-    latestGripper()->setSpeedRequest(0);
-}
-
-void tst_Server::clientMayVanishWhileItsRequestWaitsItsTurn_data()
-{
-    clientMayVanishDuringItsScan_data();
-}
-
-void tst_Server::clientMayVanishWhileItsRequestWaitsItsTurn()
-{
-    QFETCH(Departure, leave);
-    ClientEnd &client = connectClient();
-    pretendDepth(Server::__nestingLimit);
-    client.send("GET DST\nSET SCN_BLOCK\nSET POS 33\n");
-    QTRY_COMPARE(client.received(), QByteArray("DST 0\n"));
-    (client.*leave)();
-    QTest::qWait(50);
-    QCOMPARE(m_server->clientSockets.size(), 1);
-    endPretendedDepth();
-    QTRY_COMPARE(positionRequest(), quint8{33});
-    QTRY_VERIFY(isClientless());
-    QVERIFY(m_server->gripperList.getGripperFromSlaveId(9) != m_gripper);
-}
-
-void tst_Server::clientThatDoesNotReadIsNotReadEither()
+void tst_Server::clientThatDoesNotReadIsNotRead()
 {
     ClientEnd &client = adoptLocalClient();
     const QByteArray request("GET FWV\n");
     const QByteArray reply("FWV TA3-1.6.14\n");
     const QByteArray batch = request.repeated(8192);
-    // Until the server takes nothing more. It needs some turns for what it has read, and the kernel
-    // makes room in large pieces.
+    // Send until the server reads nothing more. It needs some turns for the requests that it has
+    // read, and the kernel makes room in large pieces.
     constexpr int manyTurns = 1000;
     qint64 sent = 0;
     int idleTurns = 0;
@@ -1229,10 +769,10 @@ void tst_Server::clientThatDoesNotReadIsNotReadEither()
         QCoreApplication::processEvents();
     }
     QVERIFY(idleTurns == manyTurns);
-    // 16 KiB and the rest of the last line.
+    // A read has 16 KiB and the rest of the last line.
     const qint64 repliesToOneRead = (16 * 1024 / request.size() + 1) * reply.size();
-    QVERIFY(socketOf(0)->bytesToWrite() > ClientSocket::__replyLimit);
-    QVERIFY(socketOf(0)->bytesToWrite() <= ClientSocket::__replyLimit + repliesToOneRead);
+    QVERIFY(socketOf(0)->unsentBytes() > ClientConnection::replyLimit);
+    QVERIFY(socketOf(0)->unsentBytes() <= ClientConnection::replyLimit + repliesToOneRead);
 
     QByteArray rest = request.mid(static_cast<int>(sent % request.size()));
     if (rest.size() == request.size())

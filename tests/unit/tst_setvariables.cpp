@@ -24,7 +24,7 @@ std::string_view viewOf(const QByteArray &text)
 
 Q_DECLARE_METATYPE(Getter)
 
-/// The SET table on the gripper 9 of a list that does not poll.
+/// The SET table with gripper 9 of a list that does not poll.
 class tst_SetVariables : public QObject
 {
     Q_OBJECT
@@ -35,31 +35,31 @@ private slots:
     void cleanup();
     void cleanupTestCase();
 
-    void onlyTheseMayWait();
+    void onlyOperationsOnTheBusMayWait();
     void unknownNameHasNoRow_data();
     void unknownNameHasNoRow();
 
     void flagIsSetByEveryValueButZero_data();
     void flagIsSetByEveryValueButZero();
-    void numberIsStoredAsItIs_data();
-    void numberIsStoredAsItIs();
+    void numberIsStoredUnchanged_data();
+    void numberIsStoredUnchanged();
 
-    void activationWithdrawsTheAutoReleaseFirst_data();
-    void activationWithdrawsTheAutoReleaseFirst();
+    void activationClearsTheAutoRelease_data();
+    void activationClearsTheAutoRelease();
     void deactivationIsSentWithTheNextWrite();
-    void modeIsAcknowledgedWhenItExists_data();
-    void modeIsAcknowledgedWhenItExists();
+    void modeIsAcknowledgedIfItExists_data();
+    void modeIsAcknowledgedIfItExists();
 
-    void selectionOfADiscoveredGripperKeepsTheReply();
-    void selectionOfAnUnknownIdIsRefusedAndKept();
+    void selectionOfADiscoveredGripperDoesNotChangeTheReply();
+    void selectionOfAnUnknownIdIsNakAndStored();
     void muteStopsThePolling();
-    void throttleLetsTheLoopTickSlowlyOrFast();
-    void scanIsOverAfterTheBlockingRequest();
-    void scanIsOnlyAskedForByTheOtherRequest();
-    void moveThatFailsScansAllTheSameAndKeepsReplyAndSelection();
-    void operationThatFailsIsRefusedAndLeavesThePollingMuted_data();
-    void operationThatFailsIsRefusedAndLeavesThePollingMuted();
-    void moveKeepsReplyAndSelectionAndScans();
+    void throttleChangesTheInterval();
+    void blockingScanRequestEndsAfterTheScan();
+    void scanRequestDoesNotScanAtOnce();
+    void failedMoveScansWithoutNewReplyOrSelection();
+    void failedOperationIsNakAndLeavesThePollingMuted_data();
+    void failedOperationIsNakAndLeavesThePollingMuted();
+    void moveScansWithoutNewReplyOrSelection();
 
 private:
     using Reply = std::optional<std::string_view>;
@@ -130,7 +130,7 @@ int tst_SetVariables::requestsWithin(int milliseconds)
     return m_line->requests().size();
 }
 
-void tst_SetVariables::onlyTheseMayWait()
+void tst_SetVariables::onlyOperationsOnTheBusMayWait()
 {
     QStringList waiting;
     for (const SetVariable &variable : setVariables()) {
@@ -190,7 +190,7 @@ void tst_SetVariables::flagIsSetByEveryValueButZero()
     QCOMPARE(m_line->requests(), QStringList());
 }
 
-void tst_SetVariables::numberIsStoredAsItIs_data()
+void tst_SetVariables::numberIsStoredUnchanged_data()
 {
     QTest::addColumn<Getter>("getter");
     QTest::addColumn<int>("value");
@@ -208,7 +208,7 @@ void tst_SetVariables::numberIsStoredAsItIs_data()
     }
 }
 
-void tst_SetVariables::numberIsStoredAsItIs()
+void tst_SetVariables::numberIsStoredUnchanged()
 {
     QFETCH(Getter, getter);
     QFETCH(int, value);
@@ -217,14 +217,14 @@ void tst_SetVariables::numberIsStoredAsItIs()
     QVERIFY(m_gripper->isNewOutput());
 }
 
-void tst_SetVariables::activationWithdrawsTheAutoReleaseFirst_data()
+void tst_SetVariables::activationClearsTheAutoRelease_data()
 {
     QTest::addColumn<int>("value");
     QTest::newRow("activate") << 1;
     QTest::newRow("deactivate") << 0;
 }
 
-void tst_SetVariables::activationWithdrawsTheAutoReleaseFirst()
+void tst_SetVariables::activationClearsTheAutoRelease()
 {
     QFETCH(int, value);
     QVERIFY(!set("ATR", 1));
@@ -241,7 +241,7 @@ void tst_SetVariables::deactivationIsSentWithTheNextWrite()
     QCOMPARE(*m_line->bus().registerValue(9, 1000) & 0x0100, 0);
 }
 
-void tst_SetVariables::modeIsAcknowledgedWhenItExists_data()
+void tst_SetVariables::modeIsAcknowledgedIfItExists_data()
 {
     QTest::addColumn<int>("mode");
     QTest::addColumn<QByteArray>("reply");
@@ -249,12 +249,12 @@ void tst_SetVariables::modeIsAcknowledgedWhenItExists_data()
 
     QTest::newRow("manual") << 0 << QByteArray("ack") << 0x0000;
     QTest::newRow("automatic") << 1 << QByteArray("ack") << 0x0200;
-    // What was sent last stays.
+    // The mode that was sent last does not change.
     QTest::newRow("no such mode") << 2 << QByteArray("nak") << 0x0200;
     QTest::newRow("last value") << 255 << QByteArray("nak") << 0x0200;
 }
 
-void tst_SetVariables::modeIsAcknowledgedWhenItExists()
+void tst_SetVariables::modeIsAcknowledgedIfItExists()
 {
     QFETCH(int, mode);
     QFETCH(QByteArray, reply);
@@ -263,14 +263,14 @@ void tst_SetVariables::modeIsAcknowledgedWhenItExists()
     QTEST(*m_line->bus().registerValue(9, 1000) & 0x0600, "sent");
 }
 
-void tst_SetVariables::selectionOfADiscoveredGripperKeepsTheReply()
+void tst_SetVariables::selectionOfADiscoveredGripperDoesNotChangeTheReply()
 {
     m_selectedSlaveId = 4;
     QVERIFY(!set("SID", 9));
     QCOMPARE(m_selectedSlaveId, 9);
 }
 
-void tst_SetVariables::selectionOfAnUnknownIdIsRefusedAndKept()
+void tst_SetVariables::selectionOfAnUnknownIdIsNakAndStored()
 {
     QCOMPARE(set("SID", 5), Reply("nak"));
     QCOMPARE(m_selectedSlaveId, 5);
@@ -283,14 +283,14 @@ void tst_SetVariables::muteStopsThePolling()
     QVERIFY(!set("MUTE", 0));
     QTRY_VERIFY(!m_line->requests().isEmpty());
     QVERIFY(!set("MUTE", 1));
-    // Whatever was under way has ended when the line was silent for longer than any time-out.
+    // The last exchange is over when the line has been silent for longer than any time-out.
     QTRY_COMPARE(requestsWithin(150), 0);
     QCOMPARE(requestsWithin(200), 0);
     QVERIFY(!set("MUTE", 255));
     QCOMPARE(requestsWithin(200), 0);
 }
 
-void tst_SetVariables::throttleLetsTheLoopTickSlowlyOrFast()
+void tst_SetVariables::throttleChangesTheInterval()
 {
     auto *ticks = m_list->findChild<QTimer *>();
     for (auto *timer : m_list->findChildren<QTimer *>()) {
@@ -303,14 +303,14 @@ void tst_SetVariables::throttleLetsTheLoopTickSlowlyOrFast()
     QTRY_COMPARE(ticks->interval(), 50);
 }
 
-void tst_SetVariables::scanIsOverAfterTheBlockingRequest()
+void tst_SetVariables::blockingScanRequestEndsAfterTheScan()
 {
     QVERIFY(!set("SCN_BLOCK", 0));
     QVERIFY(m_list->getGripperFromSlaveId(9) != m_gripper);
     QCOMPARE(m_list->getPrintableState(), QByteArray("RUNNING"));
 }
 
-void tst_SetVariables::scanIsOnlyAskedForByTheOtherRequest()
+void tst_SetVariables::scanRequestDoesNotScanAtOnce()
 {
     QVERIFY(!set("SCN", 0));
     QCOMPARE(m_line->requests(), QStringList());
@@ -320,7 +320,7 @@ void tst_SetVariables::scanIsOnlyAskedForByTheOtherRequest()
     QTRY_COMPARE(requestsWithin(150), 0);
 }
 
-void tst_SetVariables::moveThatFailsScansAllTheSameAndKeepsReplyAndSelection()
+void tst_SetVariables::failedMoveScansWithoutNewReplyOrSelection()
 {
     m_line->silence(9, 430, 1);
     QVERIFY(!set("NID", 4));
@@ -332,14 +332,14 @@ void tst_SetVariables::moveThatFailsScansAllTheSameAndKeepsReplyAndSelection()
     QCOMPARE(m_selectedSlaveId, 9);
 }
 
-void tst_SetVariables::operationThatFailsIsRefusedAndLeavesThePollingMuted_data()
+void tst_SetVariables::failedOperationIsNakAndLeavesThePollingMuted_data()
 {
     QTest::addColumn<QByteArray>("name");
     QTest::newRow("upgrade") << QByteArray("UPG");
     QTest::newRow("bootloader") << QByteArray("BLD");
 }
 
-void tst_SetVariables::operationThatFailsIsRefusedAndLeavesThePollingMuted()
+void tst_SetVariables::failedOperationIsNakAndLeavesThePollingMuted()
 {
     QFETCH(QByteArray, name);
     sim::Fault deaf;
@@ -354,13 +354,13 @@ void tst_SetVariables::operationThatFailsIsRefusedAndLeavesThePollingMuted()
     QTRY_COMPARE(requestsWithin(200), 0);
 }
 
-// The last one: the gripper is at another id from here on.
-void tst_SetVariables::moveKeepsReplyAndSelectionAndScans()
+// Must be the last test: it moves the gripper to another id.
+void tst_SetVariables::moveScansWithoutNewReplyOrSelection()
 {
     QVERIFY(!set("NID", 4));
     QCOMPARE(m_selectedSlaveId, 9);
     QCOMPARE(m_list->getDiscoveredSlaveIds(), QVector<quint8>{4});
-    // The scan has followed at once.
+    // The scan has replaced the object of the gripper.
     QVERIFY(m_list->getGripperFromSlaveId(4) != m_gripper);
 }
 

@@ -38,7 +38,7 @@ void setUpSlave(ScriptedMaster &master, quint8 slaveId)
 
 } // namespace
 
-/// Slave id moves, of a gripper at id 9 to id 4, on the gripper itself and in the list.
+/// Slave id moves of a gripper from 9 to 4, on the gripper and in the list.
 class tst_GripperList : public QObject
 {
     Q_OBJECT
@@ -57,11 +57,11 @@ private slots:
     void checkReadWithAnotherIdEndsTheMove();
     void failingRestartEndsTheMove();
 
-    void moveOfNobodyFailsSilently();
-    void moveThatFailsLeavesTheMap();
-    void moveToTheSameIdTakesTheGripperOffTheList();
-    void moveGivesTheBusyFlagBackAsFound_data();
-    void moveGivesTheBusyFlagBackAsFound();
+    void moveOfAMissingGripperFailsSilently();
+    void moveThatFailsDoesNotChangeTheMap();
+    void moveToTheSameIdRemovesTheGripperFromTheList();
+    void moveRestoresTheBusyFlag_data();
+    void moveRestoresTheBusyFlag();
     void moveSucceedsAndReplacesTheGripperAtTheNewId();
 
 private:
@@ -153,7 +153,7 @@ void tst_GripperList::writeErrorEndsTheMove()
     QCOMPARE(m_gripper->getSlaveId(), quint8{9});
 }
 
-// The write carries on after its time-out, and the check read comes back short.
+// A time-out of the write does not end the move. The check read then gives too few registers.
 void tst_GripperList::timedOutWriteLeadsToTheCheckRead()
 {
     m_master->setNextAnswers(9, settingsAddress, {settingsOf9, settingsOf4.mid(0, 4)});
@@ -185,7 +185,7 @@ void tst_GripperList::failingRestartEndsTheMove()
     QCOMPARE(m_gripper->getSlaveId(), quint8{9});
 }
 
-void tst_GripperList::moveOfNobodyFailsSilently()
+void tst_GripperList::moveOfAMissingGripperFailsSilently()
 {
     QVERIFY(!m_list->updateGripperSlaveId(7, 4));
     QCOMPARE(m_log->infos(), QStringList());
@@ -194,7 +194,7 @@ void tst_GripperList::moveOfNobodyFailsSilently()
     QCOMPARE(m_list->getDiscoveredSlaveIds(), QVector<quint8>{9});
 }
 
-void tst_GripperList::moveThatFailsLeavesTheMap()
+void tst_GripperList::moveThatFailsDoesNotChangeTheMap()
 {
     m_list->m_currentSlaveId = 9;
     QVERIFY(!m_list->updateGripperSlaveId(9, 4));
@@ -205,7 +205,7 @@ void tst_GripperList::moveThatFailsLeavesTheMap()
     QVERIFY(!m_list->m_busy);
 }
 
-void tst_GripperList::moveToTheSameIdTakesTheGripperOffTheList()
+void tst_GripperList::moveToTheSameIdRemovesTheGripperFromTheList()
 {
     m_master->setRegisters(9, settingsAddress, settingsOf9);
     m_list->m_currentSlaveId = 9;
@@ -217,7 +217,7 @@ void tst_GripperList::moveToTheSameIdTakesTheGripperOffTheList()
     QVERIFY(!m_list->m_busy);
 }
 
-void tst_GripperList::moveGivesTheBusyFlagBackAsFound_data()
+void tst_GripperList::moveRestoresTheBusyFlag_data()
 {
     QTest::addColumn<bool>("busy");
     QTest::addColumn<int>("id");
@@ -227,7 +227,7 @@ void tst_GripperList::moveGivesTheBusyFlagBackAsFound_data()
     }
 }
 
-void tst_GripperList::moveGivesTheBusyFlagBackAsFound()
+void tst_GripperList::moveRestoresTheBusyFlag()
 {
     QFETCH(bool, busy);
     QFETCH(int, id);
@@ -239,7 +239,7 @@ void tst_GripperList::moveGivesTheBusyFlagBackAsFound()
     QCOMPARE(m_list->m_busy, busy);
 }
 
-// The whole move with all its waits, once.
+// One whole move with all its waits.
 void tst_GripperList::moveSucceedsAndReplacesTheGripperAtTheNewId()
 {
     m_other = GripperList::Gripper::create(*m_master, quint16{4});
@@ -290,7 +290,7 @@ void tst_GripperList::moveSucceedsAndReplacesTheGripperAtTheNewId()
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 4}));
     QCOMPARE(m_list->getGripperFromSlaveId(4), m_gripper);
     QCOMPARE(m_gripper->getSlaveId(), quint8{4});
-    // Its entry is gone: the position is on the first.
+    // The entry is gone, so the position is at the first gripper.
     QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(2));
     QCOMPARE(m_list->m_loopStep, GripperList::LoopStep::WriteOutput);
     QCOMPARE(m_list->m_linkStatus, GripperList::LinkStatus::Timeout);

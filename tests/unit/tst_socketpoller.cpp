@@ -18,22 +18,22 @@ bool s_waitFails = false;
 int s_failedWaits = 0;
 bool s_removalFails = false;
 
-// One end of a connection that counts what it is told, and the other end, which makes it happen.
-class Ear final : public SocketPoller::Listener
+// Counts the events of one end of a connection. `peer` is the other end.
+class TestListener final : public SocketPoller::Listener
 {
 public:
-    explicit Ear(SocketPoller &poller)
-        : Ear(poller, localPair())
+    explicit TestListener(SocketPoller &poller)
+        : TestListener(poller, localPair())
     {
     }
 
-    ~Ear()
+    ~TestListener()
     {
         registration.reset();
         ::close(m_descriptor);
     }
 
-    Q_DISABLE_COPY_MOVE(Ear)
+    Q_DISABLE_COPY_MOVE(TestListener)
 
     void onReadable() override
     {
@@ -44,7 +44,7 @@ public:
 
     void onWritable() override { ++writable; }
 
-    void takeBytes()
+    void readBytes()
     {
         char bytes[64];
         [[maybe_unused]] const auto count = ::read(m_descriptor, bytes, sizeof bytes);
@@ -57,7 +57,7 @@ public:
     std::unique_ptr<SocketPoller::Registration> registration;
 
 private:
-    Ear(SocketPoller &poller, DescriptorPair ends)
+    TestListener(SocketPoller &poller, DescriptorPair ends)
         : peer(ends.clientEnd)
         , m_descriptor(ends.serverEnd)
     {
@@ -67,14 +67,14 @@ private:
     int m_descriptor;
 };
 
-void turn()
+void runEventLoop()
 {
     QCoreApplication::processEvents();
 }
 
 } // namespace
 
-// In place of the C library's: in a healthy process neither of these two fails.
+// Replace the functions of the C library, which do not fail in a healthy process.
 extern "C" int epoll_wait(int epoll, epoll_event *events, int maxEvents, int timeoutMs)
 {
     if (!s_waitFails)
@@ -99,93 +99,93 @@ class tst_SocketPoller : public QObject
     Q_OBJECT
 
 private slots:
-    void nothingIsToldUnasked();
-    void readableIsToldUntilItIsRead();
-    void writableIsToldAsLongAsItIsAskedFor();
-    void brokenConnectionIsToldToWhoeverWaits_data();
-    void brokenConnectionIsToldToWhoeverWaits();
-    void brokenConnectionOfWhoWaitsForNothingKeepsNobodyAwake();
-    void moreSocketsThanOneBatchAreAllTold();
-    void goneSocketIsNotToldFromTheSameBatch_data();
-    void goneSocketIsNotToldFromTheSameBatch();
-    void socketMayGoWhileItIsTold();
-    void restOfTheBatchIsToldFromInsideANestedLoop();
-    void newSocketsAreToldInsideANestedLoop();
-    void timersHaveTheirTurnBetweenBatches();
-    void restsWhileTheKernelReportsNothing();
+    void socketWithoutInterestsReceivesNoEvents();
+    void readableRepeatsUntilTheBytesAreRead();
+    void writableRepeatsUntilTheInterestEnds();
+    void brokenConnectionIsReadableAndWritable_data();
+    void brokenConnectionIsReadableAndWritable();
+    void brokenConnectionWithoutInterestsDoesNotWakeTheLoop();
+    void moreSocketsThanOneBatchReceiveTheirEvents();
+    void removedSocketReceivesNoEventOfTheSameBatch_data();
+    void removedSocketReceivesNoEventOfTheSameBatch();
+    void listenerMayRemoveItsOwnSocket();
+    void nestedLoopDispatchesTheRestOfTheBatch();
+    void nestedLoopDispatchesToNewSockets();
+    void timersRunBetweenBatches();
+    void pausesWhileEpollWaitFails();
 
 private:
     SocketPoller m_poller{nullptr};
 };
 
-void tst_SocketPoller::nothingIsToldUnasked()
+void tst_SocketPoller::socketWithoutInterestsReceivesNoEvents()
 {
-    Ear ear(m_poller);
-    ear.peer.send("x");
-    turn();
-    ear.registration->setInterests(SocketPoller::Readable);
-    ear.registration->setInterests(SocketPoller::Nothing);
-    turn();
-    QCOMPARE(ear.readable, 0);
-    QCOMPARE(ear.writable, 0);
+    TestListener listener(m_poller);
+    listener.peer.send("x");
+    runEventLoop();
+    listener.registration->setInterests(SocketPoller::Readable);
+    listener.registration->setInterests(SocketPoller::Nothing);
+    runEventLoop();
+    QCOMPARE(listener.readable, 0);
+    QCOMPARE(listener.writable, 0);
 }
 
-void tst_SocketPoller::readableIsToldUntilItIsRead()
+void tst_SocketPoller::readableRepeatsUntilTheBytesAreRead()
 {
-    Ear ear(m_poller);
-    ear.registration->setInterests(SocketPoller::Readable);
-    turn();
-    QCOMPARE(ear.readable, 0);
-    ear.peer.send("x");
-    turn();
-    turn();
-    QCOMPARE(ear.readable, 2);
-    ear.takeBytes();
-    turn();
-    QCOMPARE(ear.readable, 2);
-    QCOMPARE(ear.writable, 0);
+    TestListener listener(m_poller);
+    listener.registration->setInterests(SocketPoller::Readable);
+    runEventLoop();
+    QCOMPARE(listener.readable, 0);
+    listener.peer.send("x");
+    runEventLoop();
+    runEventLoop();
+    QCOMPARE(listener.readable, 2);
+    listener.readBytes();
+    runEventLoop();
+    QCOMPARE(listener.readable, 2);
+    QCOMPARE(listener.writable, 0);
 }
 
-void tst_SocketPoller::writableIsToldAsLongAsItIsAskedFor()
+void tst_SocketPoller::writableRepeatsUntilTheInterestEnds()
 {
-    Ear ear(m_poller);
-    ear.registration->setInterests(SocketPoller::Readable | SocketPoller::Writable);
-    turn();
-    turn();
-    QCOMPARE(ear.writable, 2);
-    ear.registration->setInterests(SocketPoller::Readable);
-    turn();
-    QCOMPARE(ear.writable, 2);
-    QCOMPARE(ear.readable, 0);
+    TestListener listener(m_poller);
+    listener.registration->setInterests(SocketPoller::Readable | SocketPoller::Writable);
+    runEventLoop();
+    runEventLoop();
+    QCOMPARE(listener.writable, 2);
+    listener.registration->setInterests(SocketPoller::Readable);
+    runEventLoop();
+    QCOMPARE(listener.writable, 2);
+    QCOMPARE(listener.readable, 0);
 }
 
-void tst_SocketPoller::brokenConnectionIsToldToWhoeverWaits_data()
+void tst_SocketPoller::brokenConnectionIsReadableAndWritable_data()
 {
     QTest::addColumn<int>("interests");
     QTest::addColumn<int>("readable");
     QTest::addColumn<int>("writable");
-    QTest::newRow("for bytes") << int(SocketPoller::Readable) << 1 << 0;
-    QTest::newRow("for room") << int(SocketPoller::Writable) << 0 << 1;
-    QTest::newRow("for both") << int(SocketPoller::Readable | SocketPoller::Writable) << 1 << 1;
+    QTest::newRow("reading") << int(SocketPoller::Readable) << 1 << 0;
+    QTest::newRow("writing") << int(SocketPoller::Writable) << 0 << 1;
+    QTest::newRow("both") << int(SocketPoller::Readable | SocketPoller::Writable) << 1 << 1;
 }
 
-void tst_SocketPoller::brokenConnectionIsToldToWhoeverWaits()
+void tst_SocketPoller::brokenConnectionIsReadableAndWritable()
 {
     QFETCH(int, interests);
-    Ear ear(m_poller);
-    ear.peer.close();
-    ear.registration->setInterests(SocketPoller::Interests(interests));
-    turn();
-    QTEST(ear.readable, "readable");
-    QTEST(ear.writable, "writable");
+    TestListener listener(m_poller);
+    listener.peer.close();
+    listener.registration->setInterests(SocketPoller::Interests(interests));
+    runEventLoop();
+    QTEST(listener.readable, "readable");
+    QTEST(listener.writable, "writable");
 }
 
-void tst_SocketPoller::brokenConnectionOfWhoWaitsForNothingKeepsNobodyAwake()
+void tst_SocketPoller::brokenConnectionWithoutInterestsDoesNotWakeTheLoop()
 {
-    Ear ear(m_poller);
-    ear.registration->setInterests(SocketPoller::Readable);
-    ear.registration->setInterests(SocketPoller::Nothing);
-    ear.peer.close();
+    TestListener listener(m_poller);
+    listener.registration->setInterests(SocketPoller::Readable);
+    listener.registration->setInterests(SocketPoller::Nothing);
+    listener.peer.close();
     int wakeUps = 0;
     const auto counting = connect(QAbstractEventDispatcher::instance(),
                                   &QAbstractEventDispatcher::awake, this, [&] { ++wakeUps; });
@@ -194,123 +194,125 @@ void tst_SocketPoller::brokenConnectionOfWhoWaitsForNothingKeepsNobodyAwake()
     QVERIFY2(wakeUps < 50, qPrintable(QString::number(wakeUps)));
 }
 
-void tst_SocketPoller::moreSocketsThanOneBatchAreAllTold()
+void tst_SocketPoller::moreSocketsThanOneBatchReceiveTheirEvents()
 {
-    std::vector<std::unique_ptr<Ear>> ears;
+    std::vector<std::unique_ptr<TestListener>> listeners;
     for (int i = 0; i < 300; ++i) {
-        ears.push_back(std::make_unique<Ear>(m_poller));
-        ears.back()->registration->setInterests(SocketPoller::Readable);
-        ears.back()->peer.send("x");
-        ears.back()->whenReadable = [ear = ears.back().get()] { ear->takeBytes(); };
+        listeners.push_back(std::make_unique<TestListener>(m_poller));
+        listeners.back()->registration->setInterests(SocketPoller::Readable);
+        listeners.back()->peer.send("x");
+        listeners.back()->whenReadable = [listener = listeners.back().get()] {
+            listener->readBytes();
+        };
     }
-    for (int turns = 0; turns < 5; ++turns)
-        turn();
-    for (const auto &ear : ears)
-        QCOMPARE(ear->readable, 1);
+    for (int passes = 0; passes < 5; ++passes)
+        runEventLoop();
+    for (const auto &listener : listeners)
+        QCOMPARE(listener->readable, 1);
 }
 
-void tst_SocketPoller::goneSocketIsNotToldFromTheSameBatch_data()
+void tst_SocketPoller::removedSocketReceivesNoEventOfTheSameBatch_data()
 {
     QTest::addColumn<bool>("removalFails");
-    QTest::newRow("the kernel forgets it") << false;
+    QTest::newRow("the kernel removes it") << false;
     QTest::newRow("the kernel keeps it") << true;
 }
 
-void tst_SocketPoller::goneSocketIsNotToldFromTheSameBatch()
+void tst_SocketPoller::removedSocketReceivesNoEventOfTheSameBatch()
 {
     QFETCH(bool, removalFails);
     s_removalFails = removalFails;
-    int told = 0;
-    auto one = std::make_unique<Ear>(m_poller);
-    auto other = std::make_unique<Ear>(m_poller);
-    for (auto *ear : {&one, &other}) {
-        auto &rest = ear == &one ? other : one;
-        (*ear)->registration->setInterests(SocketPoller::Readable);
-        (*ear)->peer.send("x");
-        (*ear)->whenReadable = [&told, &rest] {
-            ++told;
+    int events = 0;
+    auto one = std::make_unique<TestListener>(m_poller);
+    auto other = std::make_unique<TestListener>(m_poller);
+    for (auto *listener : {&one, &other}) {
+        auto &rest = listener == &one ? other : one;
+        (*listener)->registration->setInterests(SocketPoller::Readable);
+        (*listener)->peer.send("x");
+        (*listener)->whenReadable = [&events, &rest] {
+            ++events;
             rest.reset();
         };
     }
-    turn();
+    runEventLoop();
     s_removalFails = false;
-    QCOMPARE(told, 1);
+    QCOMPARE(events, 1);
     QVERIFY(!one || !other);
 }
 
-void tst_SocketPoller::socketMayGoWhileItIsTold()
+void tst_SocketPoller::listenerMayRemoveItsOwnSocket()
 {
-    Ear ear(m_poller);
-    ear.registration->setInterests(SocketPoller::Readable | SocketPoller::Writable);
-    ear.peer.send("x");
-    ear.whenReadable = [&] { ear.registration.reset(); };
-    turn();
-    turn();
-    QCOMPARE(ear.readable, 1);
+    TestListener listener(m_poller);
+    listener.registration->setInterests(SocketPoller::Readable | SocketPoller::Writable);
+    listener.peer.send("x");
+    listener.whenReadable = [&] { listener.registration.reset(); };
+    runEventLoop();
+    runEventLoop();
+    QCOMPARE(listener.readable, 1);
 }
 
-void tst_SocketPoller::restOfTheBatchIsToldFromInsideANestedLoop()
+void tst_SocketPoller::nestedLoopDispatchesTheRestOfTheBatch()
 {
-    Ear one(m_poller);
-    Ear other(m_poller);
-    int toldInside = 0;
-    for (Ear *ear : {&one, &other}) {
-        Ear *rest = ear == &one ? &other : &one;
-        ear->registration->setInterests(SocketPoller::Readable);
-        ear->peer.send("x");
-        ear->whenReadable = [&toldInside, ear, rest] {
-            ear->takeBytes();
+    TestListener one(m_poller);
+    TestListener other(m_poller);
+    int eventsInside = 0;
+    for (TestListener *listener : {&one, &other}) {
+        TestListener *rest = listener == &one ? &other : &one;
+        listener->registration->setInterests(SocketPoller::Readable);
+        listener->peer.send("x");
+        listener->whenReadable = [&eventsInside, listener, rest] {
+            listener->readBytes();
             const int before = rest->readable;
-            turn();
-            toldInside += rest->readable - before;
+            runEventLoop();
+            eventsInside += rest->readable - before;
         };
     }
-    turn();
+    runEventLoop();
     QCOMPARE(one.readable, 1);
     QCOMPARE(other.readable, 1);
-    QCOMPARE(toldInside, 1);
+    QCOMPARE(eventsInside, 1);
 }
 
-void tst_SocketPoller::newSocketsAreToldInsideANestedLoop()
+void tst_SocketPoller::nestedLoopDispatchesToNewSockets()
 {
-    Ear waiting(m_poller);
+    TestListener waiting(m_poller);
     waiting.registration->setInterests(SocketPoller::Readable);
     waiting.peer.send("x");
-    int toldInside = 0;
+    int eventsInside = 0;
     waiting.whenReadable = [&] {
-        waiting.takeBytes();
-        Ear fresh(m_poller);
+        waiting.readBytes();
+        TestListener fresh(m_poller);
         fresh.registration->setInterests(SocketPoller::Readable);
         fresh.peer.send("x");
-        turn();
-        toldInside = fresh.readable;
+        runEventLoop();
+        eventsInside = fresh.readable;
     };
-    turn();
-    QCOMPARE(toldInside, 1);
+    runEventLoop();
+    QCOMPARE(eventsInside, 1);
 }
 
-void tst_SocketPoller::timersHaveTheirTurnBetweenBatches()
+void tst_SocketPoller::timersRunBetweenBatches()
 {
-    Ear busy(m_poller);
+    TestListener busy(m_poller);
     busy.registration->setInterests(SocketPoller::Readable);
     busy.peer.send("x");
     QTest::qWait(30);
     QVERIFY(busy.readable > 1);
 }
 
-void tst_SocketPoller::restsWhileTheKernelReportsNothing()
+void tst_SocketPoller::pausesWhileEpollWaitFails()
 {
-    Ear ear(m_poller);
-    ear.registration->setInterests(SocketPoller::Readable);
-    ear.whenReadable = [&] { ear.takeBytes(); };
+    TestListener listener(m_poller);
+    listener.registration->setInterests(SocketPoller::Readable);
+    listener.whenReadable = [&] { listener.readBytes(); };
     s_waitFails = true;
-    ear.peer.send("x");
+    listener.peer.send("x");
     QTest::qWait(200);
     s_waitFails = false;
     QVERIFY2(s_failedWaits > 0 && s_failedWaits < 30, qPrintable(QString::number(s_failedWaits)));
-    QCOMPARE(ear.readable, 0);
+    QCOMPARE(listener.readable, 0);
 
-    QTRY_COMPARE(ear.readable, 1);
+    QTRY_COMPARE(listener.readable, 1);
 }
 
 QTEST_GUILESS_MAIN(tst_SocketPoller)

@@ -21,7 +21,7 @@ private slots:
     void wholeRequestIsLoggedQuotedAndEscaped();
     void longLineIsCutAndTheRestCounted_data();
     void longLineIsCutAndTheRestCounted();
-    void everyPairHasItsLine();
+    void everyPairHasALine();
     void hundredPairsHaveALineEach();
     void moreThanAHundredPairsAreCounted_data();
     void moreThanAHundredPairsAreCounted();
@@ -103,7 +103,7 @@ void tst_UnhandledPairs::longLineIsCutAndTheRestCounted()
     QCOMPARE(m_log->infos(), QStringList((start + digits + end).left(loggedLength) + remark));
 }
 
-void tst_UnhandledPairs::everyPairHasItsLine()
+void tst_UnhandledPairs::everyPairHasALine()
 {
     UnhandledPairs pairs("SET AAA BBB\n");
     pairs.log();

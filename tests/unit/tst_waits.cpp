@@ -19,9 +19,9 @@ signals:
 };
 
 constexpr int longWaitMs = 20000;
-constexpr int promptMs = 1000; // what ends at once, on a machine that is busy
+constexpr int promptMs = 1000; // "at once" on a busy machine
 
-// The shortest of three tries: a busy machine makes a wait longer, never shorter.
+// The shortest of three tries: a busy machine only makes a wait longer.
 template <typename Wait>
 qint64 shortestMs(Wait wait)
 {
@@ -35,7 +35,7 @@ qint64 shortestMs(Wait wait)
     return shortest;
 }
 
-// Runs `body` inside the application's own event loop, which `body` or a timer of it has to end.
+// Runs `body` inside the application's event loop. `body` must let the loop end.
 template <typename Body>
 int runInApplicationLoop(Body body)
 {
@@ -50,17 +50,17 @@ class tst_Waits : public QObject
     Q_OBJECT
 
 private slots:
-    void pauseLastsAboutAsLongAsAsked_data();
-    void pauseLastsAboutAsLongAsAsked();
+    void pauseLastsAboutItsTime_data();
+    void pauseLastsAboutItsTime();
     void timersRunDuringAPause();
-    void zeroPausePassesOnceThroughTheEventLoop();
+    void zeroPauseRunsTheEventLoopOnce();
     void innerPauseEndsOnlyItself();
     void outerPauseWaitsForALongerInnerOne();
     void quitEndsAPauseAtOnce();
-    void pauseAfterQuitIsNone();
+    void pauseAfterQuitEndsAtOnce();
 
-    void waitThatIsAnsweredReturnsFalseAtOnce();
-    void waitThatIsNotAnsweredReturnsTrueAfterTheTimeout();
+    void waitThatGetsItsSignalReturnsFalseAtOnce();
+    void waitWithoutItsSignalReturnsTrueAfterTheTimeout();
     void waitWithoutLimitEndsOnlyWithTheSignal_data();
     void waitWithoutLimitEndsOnlyWithTheSignal();
     void signalBeforeTheWaitDoesNotCount();
@@ -69,7 +69,7 @@ private slots:
     void quitEndsAWaitWithoutTimeout();
 };
 
-void tst_Waits::pauseLastsAboutAsLongAsAsked_data()
+void tst_Waits::pauseLastsAboutItsTime_data()
 {
     QTest::addColumn<int>("ms");
     QTest::newRow("a polling step") << 10;
@@ -77,19 +77,19 @@ void tst_Waits::pauseLastsAboutAsLongAsAsked_data()
     QTest::newRow("a change of the rate") << 200;
 }
 
-void tst_Waits::pauseLastsAboutAsLongAsAsked()
+void tst_Waits::pauseLastsAboutItsTime()
 {
     QFETCH(int, ms);
     const qint64 elapsed = shortestMs([ms] { qSleepWhileProcessingEvents(ms); });
-    // Coarse timers are allowed to be off by 5 %.
+    // Coarse timers may differ by 5 %.
     QVERIFY2(elapsed >= ms * 95 / 100 - 1, qPrintable(QString::number(elapsed)));
     QVERIFY2(elapsed < ms * 105 / 100 + 20, qPrintable(QString::number(elapsed)));
 }
 
 void tst_Waits::timersRunDuringAPause()
 {
-    // Timers fire in the order in which they are due: before the pause's own on the slowest
-    // machine, too.
+    // Timers fire in the order in which they are due, so all of these fire before the end of the
+    // pause, also on a slow machine.
     QList<int> fired;
     QList<int> due;
     QObject context;
@@ -101,7 +101,7 @@ void tst_Waits::timersRunDuringAPause()
     QCOMPARE(fired, due);
 }
 
-void tst_Waits::zeroPausePassesOnceThroughTheEventLoop()
+void tst_Waits::zeroPauseRunsTheEventLoopOnce()
 {
     int passes = 0;
     QTimer everyPass;
@@ -160,7 +160,7 @@ void tst_Waits::quitEndsAPauseAtOnce()
     QVERIFY(pausedMs >= 0 && pausedMs < promptMs);
 }
 
-void tst_Waits::pauseAfterQuitIsNone()
+void tst_Waits::pauseAfterQuitEndsAtOnce()
 {
     qint64 pausedMs = -1;
     runInApplicationLoop([&] {
@@ -174,7 +174,7 @@ void tst_Waits::pauseAfterQuitIsNone()
     QVERIFY(pausedMs >= 0 && pausedMs < promptMs);
 }
 
-void tst_Waits::waitThatIsAnsweredReturnsFalseAtOnce()
+void tst_Waits::waitThatGetsItsSignalReturnsFalseAtOnce()
 {
     Sender sender;
     QTimer::singleShot(20, &sender, &Sender::happened);
@@ -184,7 +184,7 @@ void tst_Waits::waitThatIsAnsweredReturnsFalseAtOnce()
     QVERIFY(clock.elapsed() >= 15 && clock.elapsed() < promptMs);
 }
 
-void tst_Waits::waitThatIsNotAnsweredReturnsTrueAfterTheTimeout()
+void tst_Waits::waitWithoutItsSignalReturnsTrueAfterTheTimeout()
 {
     const Sender sender;
     bool timedOut = true;

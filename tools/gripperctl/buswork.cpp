@@ -7,10 +7,12 @@
 #include <algorithm>
 #include <iterator>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int scanTimeoutMs = 60'000;
-constexpr int attempts = 3;
+constexpr int maxScans = 3;
 constexpr int pauseMs = 1000;
 
 } // namespace
@@ -21,7 +23,7 @@ void refuseDuringUpgrade(Session &session)
         return;
     throw Failure{ExitCode::Refused,
                   QStringLiteral("an upgrade is under way and has the line: wait until "
-                                 "gripperctl get UPG prints 0")};
+                                 "\"gripperctl get UPG\" prints 0")};
 }
 
 QVector<int> scanNow(Session &session)
@@ -38,8 +40,8 @@ QVector<int> scanNow(Session &session)
 QVector<int> scanForMissing(Session &session, const QVector<int> &ids)
 {
     QVector<int> missing;
-    for (int attempt = 0; attempt < attempts; ++attempt) {
-        if (attempt > 0)
+    for (int scans = 0; scans < maxScans; ++scans) {
+        if (scans > 0)
             pauseFor(pauseMs);
         const QVector<int> found = scanNow(session);
         missing.clear();
@@ -55,3 +57,5 @@ bool scanUntilFound(Session &session, int id)
 {
     return scanForMissing(session, {id}).isEmpty();
 }
+
+} // namespace gripperctl

@@ -2,18 +2,20 @@
 
 #include "gripperstate.h"
 
+namespace gripperctl {
+
 class Session;
 
-/// Throws a Failure while the line belongs to a flashing program.
+/// Throws Failure while a flasher has the line.
 void refuseDuringUpgrade(Session &session);
 
-/// Lets the daemon look for grippers and waits for the end: what it knows of them is fresh then.
-/// Returns the ids.
+/// Makes the daemon scan, and waits for the end of the scan. Returns the ids of the grippers found.
 QVector<int> scanNow(Session &session);
 
-/// Scans until all these grippers are there, three times at most. Returns those that are not.
+/// Scans until it has found all these grippers, at most three times. Returns the missing ids.
 QVector<int> scanForMissing(Session &session, const QVector<int> &ids);
 
-/// Scans again and again until the gripper is there, which takes a while after a restart. False if
-/// it does not come.
+/// Scans as above for one gripper, which may need time to restart. Returns whether it was found.
 bool scanUntilFound(Session &session, int id);
+
+} // namespace gripperctl

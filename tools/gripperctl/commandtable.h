@@ -3,22 +3,25 @@
 #include <QString>
 #include <QVector>
 
-#include <initializer_list>
+#include <set>
+#include <string_view>
+
+namespace gripperctl {
 
 class Session;
 
-/// One command: what it takes, what it says of itself, what it does.
+/// One command: its arguments, its options, its help, and the function that runs it.
 struct CommandRow
 {
     const char *name;
-    const char *arguments; ///< as the help shows them
-    int fewestArguments;
-    int mostArguments;
-    const char *options; ///< names, each between blanks
-    const char *summary; ///< one line
+    const char *arguments; ///< for the help, such as "OLD NEW"
+    int minArguments;
+    int maxArguments;
+    std::set<std::string_view> options; ///< names from commandOptions()
+    const char *summary;                ///< one line
     const char *details;
-    const char *example; ///< without the program's name
-    /// Returns when it is done, throws a Failure otherwise.
+    const char *example; ///< without the program name
+    /// Returns when the command has succeeded, and throws Failure otherwise.
     void (*run)(Session &session);
 
     bool takes(const char *option) const;
@@ -28,5 +31,7 @@ struct CommandRow
 
 const QVector<CommandRow> &commandTable();
 
-/// Null for a name that no command has.
+/// Null if no command has this name.
 const CommandRow *findCommand(const QString &name);
+
+} // namespace gripperctl

@@ -7,25 +7,27 @@
 
 #include <algorithm>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int sliceMs = 50;
-constexpr int longestConnectMs = 5000;
+constexpr int maxConnectMs = 5000;
 constexpr int acknowledgeLength = 3;
-// No reply of the daemon is as long; whatever sends so much without a line end is something else.
-constexpr int longestReply = 4096;
+// Longer than any reply of the daemon. A peer that sends more without a line end is not the daemon.
+constexpr int maxReplyLength = 4096;
 
 QString connectProblem(const Endpoint &endpoint, const QTcpSocket &socket)
 {
     switch (socket.error()) {
     case QAbstractSocket::ConnectionRefusedError:
         return QStringLiteral(
-                   "nothing listens on %1: is gripperd running? systemctl status gripperd")
+                   "nothing listens on %1: is gripperd running? See systemctl status gripperd")
             .arg(endpoint.text());
     case QAbstractSocket::HostNotFoundError:
-        return QStringLiteral("there is no host \"%1\": look at --host").arg(endpoint.host);
+        return QStringLiteral("there is no host \"%1\": check --host").arg(endpoint.host);
     default:
-        return QStringLiteral("cannot connect to %1 (%2): look at --host and at the network")
+        return QStringLiteral("cannot connect to %1 (%2): check --host and the network")
             .arg(endpoint.text(), socket.errorString());
     }
 }
@@ -37,7 +39,7 @@ Connection::Connection(const Endpoint &endpoint, const Wait &wait)
     , m_wait(wait)
 {
     m_socket.connectToHost(m_endpoint.host, m_endpoint.port);
-    if (!m_socket.waitForConnected(std::min(wait.timeoutMs, longestConnectMs)))
+    if (!m_socket.waitForConnected(std::min(wait.timeoutMs, maxConnectMs)))
         throw Failure{ExitCode::NoConnection, connectProblem(m_endpoint, m_socket)};
     m_socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
 }
@@ -64,10 +66,10 @@ Values Connection::get(const QStringList &names, const Wait &wait)
     Values values;
     for (int replies = 0; replies < names.size(); ++replies) {
         const QByteArray line = readLine(request, wait);
-        const auto reply = protocol::parseReply(QString::fromUtf8(line));
-        // A reply that had to wait for the bus comes behind later ones: the name tells.
+        const auto reply = parseReply(QString::fromUtf8(line));
+        // A reply that had to wait for the bus comes after later ones. Only its name identifies it.
         if (!reply || !names.contains(reply->name, Qt::CaseInsensitive))
-            failBecauseForeign(line);
+            failByForeignReply(line);
         values.insert(reply->name, reply->value);
     }
     return values;
@@ -85,7 +87,7 @@ bool Connection::set(const QString &pairs, const Wait &wait)
     waitFor([this] { return m_socket.bytesAvailable() >= acknowledgeLength; }, request, wait);
     const QByteArray reply = m_socket.read(acknowledgeLength);
     if (reply != "ack" && reply != "nak")
-        failBecauseForeign(reply);
+        failByForeignReply(reply);
     return reply == "ack";
 }
 
@@ -97,9 +99,9 @@ bool Connection::select(int slaveId)
 QVector<int> Connection::grippers()
 {
     const QString value = get(QStringLiteral("SID"));
-    const auto ids = protocol::parseIds(value);
+    const auto ids = parseIds(value);
     if (!ids)
-        failBecauseForeign(value.toUtf8());
+        failByForeignReply(value.toUtf8());
     return *ids;
 }
 
@@ -111,7 +113,7 @@ void Connection::send(const QString &text)
 
 QByteArray Connection::readLine(const QString &request, const Wait &wait)
 {
-    waitFor([this] { return m_socket.canReadLine() || m_socket.bytesAvailable() > longestReply; },
+    waitFor([this] { return m_socket.canReadLine() || m_socket.bytesAvailable() > maxReplyLength; },
             request, wait);
     QByteArray line = m_socket.readLine();
     if (line.endsWith('\n'))
@@ -132,7 +134,7 @@ void Connection::waitFor(const std::function<bool()> &isThere, const QString &re
             throw Failure{
                 ExitCode::TimedOut,
                 QStringLiteral("no answer to \"%1\" within %2 s: gripperd may be busy with "
-                               "the bus; try again, or give it more --timeout")
+                               "the bus; try again, or use a longer --timeout")
                     .arg(request.section(QLatin1Char('\n'), 0, 0))
                     .arg(wait.timeoutMs / 1000.0)};
         }
@@ -149,15 +151,17 @@ void Connection::waitSlice(const QString &request)
     throw Failure{
         ExitCode::NoConnection,
         QStringLiteral("lost the connection to %1 while waiting for the answer to \"%2\": "
-                       "has gripperd ended? systemctl status gripperd")
+                       "has gripperd ended? See systemctl status gripperd")
             .arg(m_endpoint.text(), request.section(QLatin1Char('\n'), 0, 0))};
 }
 
-void Connection::failBecauseForeign(const QByteArray &reply) const
+void Connection::failByForeignReply(const QByteArray &reply) const
 {
     const QString shown = QString::fromLatin1(reply.left(40).toPercentEncoding(" []?"));
     throw Failure{ExitCode::NoConnection,
-                  QStringLiteral("what listens on %1 does not answer like gripperd (\"%2\"): look "
-                                 "at --host")
+                  QStringLiteral("the server on %1 does not answer like gripperd (\"%2\"): check "
+                                 "--host")
                       .arg(m_endpoint.text(), shown)};
 }
+
+} // namespace gripperctl

@@ -7,38 +7,39 @@
 
 #include <functional>
 
-/// One connection to the daemon: a request, then its reply, each in a call that waits for it.
-/// Every call may throw a Failure: connection lost, no answer in time, interrupted. After a
-/// time-out the connection is closed, since a late reply would be taken for that to the next
-/// request.
+namespace gripperctl {
+
+/// Owns one connection to the daemon. Each call sends a request and blocks until its reply arrives.
+/// Every call may throw Failure: connection lost, time-out, interruption. A time-out closes the
+/// connection, because a late reply would look like the reply to the next request.
 class Connection
 {
 public:
-    /// How a reply is waited for.
+    /// The way to wait for a reply.
     struct Wait
     {
         int timeoutMs;
         bool isInterruptible = true;
-        /// Called every 50 ms with the time since the request.
+        /// Called about every 50 ms with the time since the request.
         std::function<void(qint64 elapsedMs)> onWaiting = {};
     };
 
-    /// Connects, which no interruption ends early. `wait` is for every request that brings none.
+    /// Connects; no interruption ends this early. `wait` applies to the requests that give none.
     Connection(const Endpoint &endpoint, const Wait &wait);
 
     QString get(const QString &name);
     QString get(const QString &name, const Wait &wait);
 
-    /// All in one packet, so that they come from one state of the daemon. A name that is asked for
-    /// twice has one value.
+    /// Sends all names in one packet, so all values come from one state of the daemon. A name that
+    /// is given twice has one value.
     Values get(const QStringList &names);
     Values get(const QStringList &names, const Wait &wait);
 
-    /// Whether the pairs, such as "POS 120 GTO 1", were acknowledged.
+    /// Sends pairs such as "POS 120 GTO 1". Returns whether the daemon acknowledged them.
     bool set(const QString &pairs);
     bool set(const QString &pairs, const Wait &wait);
 
-    /// Addresses that gripper from now on; false if the daemon has not found it.
+    /// Addresses this gripper from now on. Returns false if the daemon has not found it.
     bool select(int slaveId);
 
     /// The ids of the grippers that the daemon has found.
@@ -49,9 +50,11 @@ private:
     void waitFor(const std::function<bool()> &isThere, const QString &request, const Wait &wait);
     void waitSlice(const QString &request);
     QByteArray readLine(const QString &request, const Wait &wait);
-    [[noreturn]] void failBecauseForeign(const QByteArray &reply) const;
+    [[noreturn]] void failByForeignReply(const QByteArray &reply) const;
 
     Endpoint m_endpoint;
     Wait m_wait;
     QTcpSocket m_socket;
 };
+
+} // namespace gripperctl

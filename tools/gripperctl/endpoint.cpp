@@ -2,6 +2,8 @@
 
 #include <QRegularExpression>
 
+namespace gripperctl {
+
 QString Endpoint::text() const
 {
     const bool isIpv6 = host.contains(QLatin1Char(':'));
@@ -28,3 +30,5 @@ std::optional<Endpoint> Endpoint::fromText(const QString &text)
         return std::nullopt;
     return endpoint;
 }
+
+} // namespace gripperctl

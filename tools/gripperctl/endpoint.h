@@ -4,17 +4,21 @@
 
 #include <optional>
 
-/// Where a daemon listens.
+namespace gripperctl {
+
+/// The address of a daemon.
 struct Endpoint
 {
-    static constexpr quint16 __port = 63352;
+    static constexpr quint16 usualPort = 63352;
 
     QString host = QStringLiteral("127.0.0.1");
-    quint16 port = __port;
+    quint16 port = usualPort;
 
-    /// As it is written on the command line; an IPv6 address stands in brackets.
+    /// HOST:PORT, as on the command line; an IPv6 address is in brackets.
     QString text() const;
 
-    /// HOST, HOST:PORT, [IPV6] or [IPV6]:PORT; nothing if it is none of these.
+    /// Reads HOST, HOST:PORT, [IPV6] or [IPV6]:PORT. Empty for any other text.
     static std::optional<Endpoint> fromText(const QString &text);
 };
+
+} // namespace gripperctl

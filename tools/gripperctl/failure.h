@@ -3,22 +3,26 @@
 #include <QJsonObject>
 #include <QString>
 
-/// How a run ends. Scripts look at these numbers, so they stay as they are.
+namespace gripperctl {
+
+/// How a run ends. Scripts compare these numbers, so they never change.
 enum class ExitCode {
     Done = 0,
-    Refused = 1,      ///< by the daemon or the gripper, or the gripper shows a fault
-    WrongUsage = 2,   ///< nothing was sent; mend the command line
-    NoConnection = 3, ///< nobody listens there, or the connection was lost
-    TimedOut = 4,     ///< it may still happen: look at the status
-    NoGripper = 5,    ///< the daemon knows no such gripper, or no longer
-    LocalProblem = 6, ///< a file or a program of this computer
-    Interrupted = 130 ///< by Ctrl-C, as a shell has it
+    Refused = 1,      ///< by the daemon or the gripper; or the gripper has a fault
+    WrongUsage = 2,   ///< nothing was sent: fix the command line
+    NoConnection = 3, ///< nothing listens there, or the connection was lost
+    TimedOut = 4,     ///< the action may still succeed: check the status
+    NoGripper = 5,    ///< the daemon does not list the gripper, or no longer
+    LocalProblem = 6, ///< with a file or a program of this computer
+    Interrupted = 130 ///< by Ctrl-C; the number that shells use
 };
 
-/// Thrown by whatever cannot go on; `text` says what to do, in one line.
+/// Thrown by an operation that cannot do what was asked. main() prints it.
 struct Failure
 {
     ExitCode code;
-    QString text;
-    QJsonObject known = {}; ///< what was found out all the same
+    QString text;           ///< one line: what happened, why, and what to do next
+    QJsonObject known = {}; ///< results that are known nevertheless
 };
+
+} // namespace gripperctl

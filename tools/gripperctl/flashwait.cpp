@@ -7,31 +7,33 @@
 
 #include <QElapsedTimer>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int answerTimeoutMs = 10'000;
 constexpr int flashTimeoutMs = 600'000;
-constexpr int lookEveryMs = 100;
-// Where polling goes on, the first read finds the port closed and the link's state changes: within
-// one tick of 50 ms and the time that fuser takes.
-constexpr int standstillMs = 1500;
-constexpr int standstillLookMs = 10;
+constexpr int lookIntervalMs = 100;
+// When polling continues, its first read finds the port closed, and the state of the link changes.
+// This takes one tick of 50 ms and the run time of fuser.
+constexpr int unchangedMs = 1500;
+constexpr int unchangedLookMs = 10;
 
-/// Not interruptible: only the answer tells who has to unmute polling.
+/// Not interruptible: the answer decides whether this process has to unmute polling.
 bool isFlashing(Session &session)
 {
     const Connection::Wait wait{session.timeoutMs(answerTimeoutMs), false};
     return session.connection().get(QStringLiteral("UPG"), wait) != QLatin1String("0");
 }
 
-bool valuesStandStill(Session &session, const Values &atFirst)
+bool valuesStayUnchanged(Session &session, const Values &before)
 {
     QElapsedTimer timer;
     timer.start();
-    while (timer.elapsed() < standstillMs) {
-        if (linkValues(session) != atFirst)
+    while (timer.elapsed() < unchangedMs) {
+        if (linkValues(session) != before)
             return false;
-        pauseFor(standstillLookMs);
+        pauseFor(unchangedLookMs);
     }
     return true;
 }
@@ -42,7 +44,7 @@ void failIfLate(qint64 elapsedMs, int timeoutMs)
         return;
     throw Failure{ExitCode::TimedOut,
                   QStringLiteral("the flasher still runs after %1 s: wait until "
-                                 "gripperctl get UPG prints 0")
+                                 "\"gripperctl get UPG\" prints 0")
                       .arg(timeoutMs / 1000.0)};
 }
 
@@ -55,13 +57,13 @@ void waitWhileFlashing(Session &session)
     while (isFlashing(session)) {
         failIfLate(timer.elapsed(), timeoutMs);
         session.output().tick(timer.elapsed());
-        pauseFor(lookEveryMs);
+        pauseFor(lookIntervalMs);
     }
     session.output().endStage();
 }
 
-/// The daemon unmutes when the flasher ends, and nobody should before.
-void leaveItToTheDaemon(Session &session, MutedPolling &muted)
+/// The daemon unmutes when the flasher ends. An earlier unmuting would disturb the flasher.
+void leaveUnmutingToDaemon(Session &session, MutedPolling &muted)
 {
     muted.leaveMuted();
     try {
@@ -70,8 +72,8 @@ void leaveItToTheDaemon(Session &session, MutedPolling &muted)
         if (failure.code != ExitCode::Interrupted)
             throw;
         throw Failure{failure.code,
-                      QStringLiteral("interrupted: the flasher goes on without us, do not switch "
-                                     "the gripper off. Polling goes on when gripperctl get UPG "
+                      QStringLiteral("interrupted: the flasher continues, so do not switch the "
+                                     "gripper off. Polling continues when \"gripperctl get UPG\" "
                                      "prints 0")};
     }
 }
@@ -83,13 +85,15 @@ Values linkValues(Session &session)
     return session.connection().get({QStringLiteral("DRI"), QStringLiteral("SID")});
 }
 
-FlasherEnd waitForFlasher(Session &session, MutedPolling &muted, const Values &atFirst)
+FlasherEnd waitForFlasher(Session &session, MutedPolling &muted, const Values &before)
 {
     if (isFlashing(session)) {
-        leaveItToTheDaemon(session, muted);
+        leaveUnmutingToDaemon(session, muted);
         return FlasherEnd::Ended;
     }
-    const bool hasNeverStarted = valuesStandStill(session, atFirst);
+    const bool hasNeverStarted = valuesStayUnchanged(session, before);
     muted.unmute();
     return hasNeverStarted ? FlasherEnd::NeverStarted : FlasherEnd::Ended;
 }
+
+} // namespace gripperctl

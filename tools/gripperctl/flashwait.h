@@ -2,18 +2,22 @@
 
 #include "protocol.h"
 
+namespace gripperctl {
+
 class MutedPolling;
 class Session;
 
-/// What changes where polling goes on after an upgrade, and only there.
+/// The values of the link. They change when polling continues after an upgrade, and not before.
 Values linkValues(Session &session);
 
 enum class FlasherEnd {
     Ended,        ///< the daemon has unmuted polling by itself
-    NeverStarted, ///< polling would have stayed muted for ever
+    NeverStarted, ///< the daemon would have left polling muted
 };
 
-/// Waits until no flasher runs, after an upgrade was acknowledged; `atFirst` are the link's values
-/// from before it. Polling goes on when it returns. If it throws before the flasher has ended,
-/// polling is left to the daemon.
-FlasherEnd waitForFlasher(Session &session, MutedPolling &muted, const Values &atFirst);
+/// Call this after the daemon acknowledged an upgrade. Blocks until no flasher runs; polling is
+/// then unmuted. `before` are the linkValues() from before the upgrade. A Failure while the flasher
+/// runs leaves the unmuting to the daemon.
+FlasherEnd waitForFlasher(Session &session, MutedPolling &muted, const Values &before);
+
+} // namespace gripperctl

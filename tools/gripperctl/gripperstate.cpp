@@ -2,9 +2,36 @@
 
 #include "connection.h"
 
+#include <algorithm>
+#include <iterator>
+
+namespace gripperctl {
+
 namespace {
 
-constexpr int familyLetter = 1;
+struct FamilyRow
+{
+    char letter; ///< the second character of the firmware version
+    const char *name;
+    bool isVacuum;
+};
+
+constexpr FamilyRow families[] = {
+    {'A', "Pello", false},
+    {'B', "Varno", false},
+    {'E', "Zentra", true},
+    {'F', "Sorbix", true},
+};
+
+/// Null for a version of no known family.
+const FamilyRow *findFamily(const QString &firmware)
+{
+    const auto *row =
+        std::find_if(std::begin(families), std::end(families), [&](const FamilyRow &known) {
+            return firmware.midRef(1, 1) == QLatin1Char(known.letter);
+        });
+    return row == std::end(families) ? nullptr : row;
+}
 
 } // namespace
 
@@ -21,8 +48,8 @@ GripperState GripperState::read(Connection &connection, int id)
 
 const QStringList &GripperState::names()
 {
-    // The request that is shown comes before what became of it: should a poll come in between, the
-    // answer is never older than the request.
+    // The request comes first: if a poll changes the values during the reply, the outcome is never
+    // older than the request.
     static const QStringList all = QStringLiteral("PRE GTO STA OBJ FLT POS COU ACT NCY FWV SNU PYE "
                                                   "DRI")
                                        .split(QLatin1Char(' '));
@@ -31,28 +58,19 @@ const QStringList &GripperState::names()
 
 bool GripperState::isThere() const
 {
-    return text("STA") != protocol::noValue();
+    return text("STA") != noValue();
 }
 
 QString GripperState::family() const
 {
-    switch (firmware().size() > familyLetter ? firmware().at(familyLetter).toLatin1() : '?') {
-    case 'A':
-        return QStringLiteral("Pello");
-    case 'B':
-        return QStringLiteral("Varno");
-    case 'E':
-        return QStringLiteral("Zentra");
-    case 'F':
-        return QStringLiteral("Sorbix");
-    default:
-        return QString();
-    }
+    const FamilyRow *row = findFamily(firmware());
+    return row == nullptr ? QString() : QString::fromLatin1(row->name);
 }
 
 bool GripperState::isVacuum() const
 {
-    return family() == QLatin1String("Zentra") || family() == QLatin1String("Sorbix");
+    const FamilyRow *row = findFamily(firmware());
+    return row != nullptr && row->isVacuum;
 }
 
 QString GripperState::statusText() const
@@ -87,7 +105,7 @@ QString GripperState::objectText() const
 
 QString GripperState::text(const char *name) const
 {
-    return m_values.value(QString::fromLatin1(name), protocol::noValue());
+    return m_values.value(QString::fromLatin1(name), noValue());
 }
 
 int GripperState::number(const char *name) const
@@ -112,3 +130,5 @@ QJsonObject GripperState::toJson() const
         {QStringLiteral("cycles"), text("NCY").toDouble()},
     };
 }
+
+} // namespace gripperctl

@@ -4,9 +4,11 @@
 
 #include <QJsonObject>
 
+namespace gripperctl {
+
 class Connection;
 
-/// One gripper as the daemon knew it at one moment.
+/// The values of one gripper in one reply of the daemon.
 class GripperState
 {
 public:
@@ -15,30 +17,30 @@ public:
 
     GripperState(int id, const Values &values);
 
-    /// Of the gripper that the connection addresses, which is `id`.
+    /// Reads the gripper that the connection addresses. It must be gripper `id`.
     static GripperState read(Connection &connection, int id);
 
     /// The variables that read() asks for.
     static const QStringList &names();
 
     int id() const { return m_id; }
-    /// Whether the daemon has such a gripper.
+    /// Whether the daemon lists the gripper.
     bool isThere() const;
-    /// The state of the link at the same moment.
+    /// The state of the link in the same reply.
     QString link() const { return text("DRI"); }
-    /// Whether the gripper is there and answers; otherwise its values are those of before.
+    /// Whether the gripper is listed and the link runs. Otherwise its values are old.
     bool isLive() const { return isThere() && link() == QLatin1String("RUNNING"); }
 
     QString firmware() const { return text("FWV"); }
     QString serialNumber() const { return text("SNU"); }
-    /// By the second letter of the firmware version; empty for none that is known.
+    /// The product family, from the second letter of the firmware version; empty if it is unknown.
     QString family() const;
     bool isVacuum() const;
 
     Status status() const { return static_cast<Status>(number("STA")); }
     Object object() const { return static_cast<Object>(number("OBJ")); }
     int position() const { return number("POS"); }
-    /// The last request that the gripper has taken.
+    /// The requested position that the gripper shows; it may be older than the last SET.
     int requestedPosition() const { return number("PRE"); }
     bool goesTo() const { return number("GTO") != 0; }
     int current() const { return number("COU"); }
@@ -56,3 +58,5 @@ private:
     int m_id;
     Values m_values;
 };
+
+} // namespace gripperctl

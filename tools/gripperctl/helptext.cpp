@@ -3,6 +3,8 @@
 #include "commandtable.h"
 #include "optiontable.h"
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int column = 26;
@@ -56,8 +58,8 @@ const char *const exitCodes =
     "  2 wrong usage\n"
     "  3 cannot connect, or connection lost\n"
     "  4 not done in time\n"
-    "  5 no such gripper\n"
-    "  6 a file or a program of this computer\n"
+    "  5 the daemon does not list the gripper\n"
+    "  6 a problem with a file or a program of this computer\n"
     "  130 interrupted\n";
 
 } // namespace
@@ -65,9 +67,9 @@ const char *const exitCodes =
 QString generalHelp()
 {
     return QStringLiteral("Usage: gripperctl [OPTION]... COMMAND [ARGUMENT]...\n"
-                          "The grippers of a running gripperd, from the command line.\n\n"
+                          "Shows, moves and maintains the grippers of a running gripperd.\n\n"
                           "Commands:\n%1\nOptions:\n%2\nExamples:\n%3\nExit codes:\n%4\n"
-                          "gripperctl COMMAND --help tells more of one command.\n")
+                          "gripperctl COMMAND --help explains one command.\n")
         .arg(commandsText(), optionsText(nullptr), QString::fromLatin1(examples),
              QString::fromLatin1(exitCodes));
 }
@@ -81,3 +83,5 @@ QString helpFor(const CommandRow &command)
              QString::fromLatin1(command.details), optionsText(&command),
              QString::fromLatin1(command.example));
 }
+
+} // namespace gripperctl

@@ -2,8 +2,11 @@
 
 #include <QString>
 
+namespace gripperctl {
+
 struct CommandRow;
 
-/// What --help prints.
 QString generalHelp();
 QString helpFor(const CommandRow &command);
+
+} // namespace gripperctl

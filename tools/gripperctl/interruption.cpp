@@ -7,6 +7,8 @@
 
 #include <csignal>
 
+namespace gripperctl {
+
 namespace {
 
 volatile std::sig_atomic_t signalSeen = 0;
@@ -26,7 +28,7 @@ void catchInterruptions()
 {
     struct sigaction action = {};
     action.sa_handler = noteSignal;
-    // Without SA_RESTART a question on the terminal ends as well.
+    // Without SA_RESTART, the signal also ends a read from the terminal.
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigemptyset(&action.sa_mask);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
@@ -55,3 +57,5 @@ void pauseFor(int milliseconds)
         throwIfInterrupted();
     }
 }
+
+} // namespace gripperctl

@@ -1,13 +1,17 @@
 #pragma once
 
-/// From here on SIGINT, SIGTERM, SIGHUP and SIGQUIT are only noted, once each: the second one of a
-/// kind ends the process at once.
+namespace gripperctl {
+
+/// From now on the first SIGINT, SIGTERM, SIGHUP or SIGQUIT only sets a flag. A second signal of
+/// the same kind ends the process at once.
 void catchInterruptions();
 
 bool isInterrupted();
 
-/// Throws a Failure of kind Interrupted if a signal has come.
+/// Throws a Failure with the code Interrupted if a signal has arrived.
 void throwIfInterrupted();
 
-/// Sleeps for that long. Throws as above, at most 50 ms after the signal.
+/// Blocks for `milliseconds`. Throws as throwIfInterrupted() does, at most 50 ms after the signal.
 void pauseFor(int milliseconds);
+
+} // namespace gripperctl

@@ -4,24 +4,15 @@
 #include "helptext.h"
 #include "options.h"
 #include "session.h"
+#include "standarddescriptors.h"
 
 #include <QCoreApplication>
 
 #include <exception>
 
-#include <fcntl.h>
+namespace gripperctl {
 
 namespace {
-
-/// Those that are closed: otherwise the connection gets their numbers, and what is printed with
-/// them.
-void openStandardStreams()
-{
-    for (int descriptor = 0; descriptor <= 2; ++descriptor) {
-        if (::fcntl(descriptor, F_GETFD) == -1)
-            ::open("/dev/null", O_RDWR);
-    }
-}
 
 int numberOf(ExitCode code)
 {
@@ -32,13 +23,14 @@ const CommandRow &commandOf(const Options &options)
 {
     if (options.command.isEmpty()) {
         throw Failure{ExitCode::WrongUsage,
-                      QStringLiteral("which command? gripperctl --help lists them")};
+                      QStringLiteral("no command given; gripperctl --help lists the commands")};
     }
     const CommandRow *command = findCommand(options.command);
     if (command == nullptr) {
-        throw Failure{ExitCode::WrongUsage,
-                      QStringLiteral("there is no command \"%1\"; gripperctl --help lists them")
-                          .arg(options.command)};
+        throw Failure{
+            ExitCode::WrongUsage,
+            QStringLiteral("there is no command \"%1\"; gripperctl --help lists the commands")
+                .arg(options.command)};
     }
     return *command;
 }
@@ -77,14 +69,16 @@ int runWith(const QStringList &words)
 
 } // namespace
 
+} // namespace gripperctl
+
 int main(int argc, char *argv[])
 {
-    openStandardStreams();
+    tools::occupyStandardDescriptors();
     try {
         const QCoreApplication application(argc, argv);
-        return runWith(QCoreApplication::arguments().mid(1));
+        return gripperctl::runWith(QCoreApplication::arguments().mid(1));
     } catch (const std::exception &exception) {
         qCritical("gripperctl: %s", exception.what());
-        return numberOf(ExitCode::LocalProblem);
+        return static_cast<int>(gripperctl::ExitCode::LocalProblem);
     }
 }

@@ -2,6 +2,8 @@
 
 #include "gripperstate.h"
 
+namespace gripperctl {
+
 Motion judgeMotion(const GripperState &state, int position)
 {
     if (state.fault() != 0)
@@ -21,3 +23,5 @@ Motion judgeMotion(const GripperState &state, int position)
     }
     return Motion::UnderWay;
 }
+
+} // namespace gripperctl

@@ -1,17 +1,21 @@
 #pragma once
 
+namespace gripperctl {
+
 class GripperState;
 
-/// How far a request for a position has come.
+/// The progress of a request for a position.
 enum class Motion {
     NotTaken, ///< the gripper does not show the request yet
     UnderWay,
     Reached,
     Stopped, ///< by an object, or by a leak
     Faulty,
-    Inactive, ///< it takes no request before it is activated
+    Inactive, ///< the gripper does not move before it is activated
 };
 
-/// Judges by one look. What the gripper says of objects belongs to the request that it shows, so it
-/// means nothing before that is the one for `position`.
+/// Judges one state. The object state of a gripper belongs to the request that the gripper shows.
+/// It is not valid for `position` before the gripper shows that request.
 Motion judgeMotion(const GripperState &state, int position);
+
+} // namespace gripperctl

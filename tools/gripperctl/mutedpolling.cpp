@@ -4,6 +4,8 @@
 #include "interruption.h"
 #include "session.h"
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int silenceMs = 300;
@@ -11,7 +13,7 @@ constexpr int answerTimeoutMs = 10'000;
 
 void setMuted(Connection &connection, int value)
 {
-    // An interruption between the request and its answer would leave it open what holds.
+    // After an interruption between request and answer, the state of MUTE would be unknown.
     connection.set(QStringLiteral("MUTE %1").arg(value), {answerTimeoutMs, false});
 }
 
@@ -24,8 +26,8 @@ MutedPolling::MutedPolling(Session &session)
     try {
         setMuted(connection, 1);
     } catch (const Failure &) {
-        // Without an answer it may have come into force, or may yet.
-        unmuteWhateverHappened();
+        // Without an answer, the daemon may have muted polling, or may do so later.
+        unmuteOnNewConnection();
         throw;
     }
 }
@@ -33,10 +35,10 @@ MutedPolling::MutedPolling(Session &session)
 MutedPolling::~MutedPolling()
 {
     if (!m_isOver)
-        unmuteWhateverHappened();
+        unmuteOnNewConnection();
 }
 
-void MutedPolling::letLineFallSilent()
+void MutedPolling::waitForSilentLine()
 {
     pauseFor(silenceMs);
 }
@@ -52,16 +54,18 @@ void MutedPolling::leaveMuted()
     m_isOver = true;
 }
 
-/// On a connection of its own: the other one may be waiting for a reply, or be lost.
-void MutedPolling::unmuteWhateverHappened()
+/// The first connection may be waiting for a reply, or be lost.
+void MutedPolling::unmuteOnNewConnection()
 {
     try {
         const auto connection = m_session.connectAgain();
-        // The line belongs to a flasher, ours or another's: the daemon unmutes when that has ended.
+        // While a flasher has the line, the daemon unmutes when the flasher ends.
         if (connection->get(QStringLiteral("UPG")) != QLatin1String("1"))
             setMuted(*connection, 0);
     } catch (const Failure &) {
         m_session.output().note(
-            QStringLiteral("polling may still be muted: gripperctl set MUTE 0"));
+            QStringLiteral("polling may still be muted: unmute it with gripperctl set MUTE 0"));
     }
 }
+
+} // namespace gripperctl

@@ -1,9 +1,11 @@
 #pragma once
 
+namespace gripperctl {
+
 class Session;
 
-/// Polling is muted as long as this lives, however it ends, unless a flasher has the line by then:
-/// no poll delays a request that takes the line.
+/// Mutes polling as long as it exists, so that no poll delays a request that needs the line. The
+/// destructor unmutes polling unless a flasher has the line.
 class MutedPolling
 {
 public:
@@ -12,18 +14,20 @@ public:
     MutedPolling(const MutedPolling &) = delete;
     MutedPolling &operator=(const MutedPolling &) = delete;
 
-    /// Returns when no poll can be under way any more.
-    void letLineFallSilent();
+    /// Blocks until the last poll has ended.
+    void waitForSilentLine();
 
-    /// Polls again, before the end of this.
+    /// Unmutes before the destructor does.
     void unmute();
 
-    /// The daemon unmutes by itself; nothing happens at the end of this.
+    /// Leaves the unmuting to the daemon or the user: the destructor does nothing.
     void leaveMuted();
 
 private:
-    void unmuteWhateverHappened();
+    void unmuteOnNewConnection();
 
     Session &m_session;
     bool m_isOver = false;
 };
+
+} // namespace gripperctl

@@ -7,6 +7,8 @@
 #include <QCommandLineParser>
 #include <QRegularExpression>
 
+namespace gripperctl {
+
 namespace {
 
 [[noreturn]] void refuse(const QString &problem, const QString &command = QString())
@@ -37,12 +39,12 @@ void checkNumber(const OptionRow &row, const QString &value)
     bool isNumber = false;
     const double number =
         row.kind == OptionRow::Kind::Whole ? value.toInt(&isNumber) : value.toDouble(&isNumber);
-    // Written so that what is no number at all is refused as well.
-    if (!isNumber || !(number >= row.least && number <= row.most)) {
-        refuse(QStringLiteral("--%1 is a number of %2 to %3, not \"%4\"")
+    // This form of the comparison also refuses NaN.
+    if (!isNumber || !(number >= row.min && number <= row.max)) {
+        refuse(QStringLiteral("--%1 takes a number from %2 to %3, not \"%4\"")
                    .arg(row.nameText())
-                   .arg(row.least)
-                   .arg(row.most)
+                   .arg(row.min)
+                   .arg(row.max)
                    .arg(value));
     }
 }
@@ -62,7 +64,7 @@ Endpoint endpointFrom(const QString &text)
 {
     const auto endpoint = Endpoint::fromText(text);
     if (!endpoint)
-        refuse(QStringLiteral("--host is HOST or HOST:PORT, not \"%1\"").arg(text));
+        refuse(QStringLiteral("--host takes HOST or HOST:PORT, not \"%1\"").arg(text));
     return *endpoint;
 }
 
@@ -119,12 +121,14 @@ void checkAgainst(const CommandRow &command, const Options &options)
                    options.command);
         }
     }
-    if (options.arguments.size() < command.fewestArguments)
+    if (options.arguments.size() < command.minArguments)
         refuse(QStringLiteral("%1 needs %2").arg(options.command, command.argumentsText()),
                options.command);
-    if (options.arguments.size() > command.mostArguments) {
+    if (options.arguments.size() > command.maxArguments) {
         refuse(QStringLiteral("%1 does not take \"%2\"")
-                   .arg(options.command, options.arguments.at(command.mostArguments)),
+                   .arg(options.command, options.arguments.at(command.maxArguments)),
                options.command);
     }
 }
+
+} // namespace gripperctl

@@ -7,13 +7,15 @@
 
 #include <optional>
 
-/// What the command line asks for.
+namespace gripperctl {
+
+/// The contents of the command line.
 struct Options
 {
     Endpoint endpoint;
-    QString command; ///< empty without one
+    QString command; ///< empty if none is given
     QStringList arguments;
-    /// Of the options that were given; a flag has an empty value.
+    /// The given options with their values; the value of a flag is empty.
     QMap<QString, QString> values;
 
     bool has(const char *name) const;
@@ -21,12 +23,14 @@ struct Options
     std::optional<int> whole(const char *name) const;
     std::optional<int> milliseconds(const char *name) const;
 
-    /// `words` without the program's name. Throws a Failure for what no command would take; whether
-    /// this command takes it is checked by checkAgainst().
+    /// `words` are without the program name. Throws Failure for words that no command takes.
+    /// checkAgainst() checks the words for the given command.
     static Options fromWords(const QStringList &words);
 };
 
 struct CommandRow;
 
-/// Throws a Failure if the command does not take these arguments and options.
+/// Throws Failure if the command does not take these arguments and options.
 void checkAgainst(const CommandRow &command, const Options &options);
+
+} // namespace gripperctl

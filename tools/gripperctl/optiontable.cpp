@@ -1,11 +1,13 @@
 #include "optiontable.h"
 
+namespace gripperctl {
+
 namespace {
 
 using Kind = OptionRow::Kind;
 
-constexpr double shortest = 0.02;
-constexpr double longest = 86400;
+constexpr double minSeconds = 0.02;
+constexpr double maxSeconds = 86400;
 
 OptionRow flag(const char *name, const char *help)
 {
@@ -18,15 +20,14 @@ OptionRow text(const char *name, const char *valueName, const char *help,
     return {name, shortName, Kind::Text, valueName, 0, 0, help};
 }
 
-OptionRow whole(const char *name, const char *valueName, double least, double most,
-                const char *help)
+OptionRow whole(const char *name, const char *valueName, double min, double max, const char *help)
 {
-    return {name, nullptr, Kind::Whole, valueName, least, most, help};
+    return {name, nullptr, Kind::Whole, valueName, min, max, help};
 }
 
 OptionRow seconds(const char *name, const char *help)
 {
-    return {name, nullptr, Kind::Seconds, "SECONDS", shortest, longest, help};
+    return {name, nullptr, Kind::Seconds, "SECONDS", minSeconds, maxSeconds, help};
 }
 
 } // namespace
@@ -39,10 +40,10 @@ QString OptionRow::nameText() const
 const QVector<OptionRow> &generalOptions()
 {
     static const QVector<OptionRow> rows{
-        text("host", "HOST[:PORT]", "Where gripperd listens (127.0.0.1:63352)."),
-        whole("gripper", "ID", 1, 9, "Which gripper (9)."),
+        text("host", "HOST[:PORT]", "The address of gripperd (default 127.0.0.1:63352)."),
+        whole("gripper", "ID", 1, 9, "The gripper (default 9)."),
         flag("json", "Print JSON, for scripts."),
-        seconds("timeout", "How long to wait for an answer, or for what was asked for."),
+        seconds("timeout", "Time limit for an answer, or for the end of the action."),
         {"help", "h", Kind::Flag, nullptr, 0, 0, "Explain gripperctl, or the command given."},
         flag("version", "Print the version of gripperctl."),
     };
@@ -52,18 +53,20 @@ const QVector<OptionRow> &generalOptions()
 const QVector<OptionRow> &commandOptions()
 {
     static const QVector<OptionRow> rows{
-        flag("wait", "Wait for the end and tell how it came."),
-        whole("speed", "N", 0, 255, "0 (slowest) to 255; otherwise as it was last."),
-        whole("force", "N", 0, 255, "0 (gentlest) to 255; otherwise as it was last."),
-        flag("again", "Activate anew a gripper that is active."),
+        flag("wait", "Wait for the end and print the result."),
+        whole("speed", "N", 0, 255, "0 (slowest) to 255; without it, the last value."),
+        whole("force", "N", 0, 255, "0 (gentlest) to 255; without it, the last value."),
+        flag("again", "Activate a gripper that is already active again."),
         flag("closing", "Release by closing instead of opening."),
-        flag("yes", "Do not ask."),
-        text("expect", "VERSION", "Succeed if the gripper runs this firmware in the end."),
-        seconds("interval", "Time between two looks (watch 0.2, record 0.1)."),
-        whole("count", "N", 1, 1000000, "End after so many looks."),
-        seconds("seconds", "End after that time."),
-        text("output", "FILE", "What to draw into, .svg or .png (the recording's name, .svg).",
-             "o"),
+        flag("yes", "Do not ask for confirmation."),
+        text("expect", "VERSION", "Succeed if the gripper runs this firmware afterwards."),
+        seconds("interval", "Time between two looks (default: watch 0.2, record 0.1)."),
+        whole("count", "N", 1, 1000000, "End after this number of looks."),
+        seconds("seconds", "End after this time."),
+        text("output", "FILE",
+             "The picture, .svg or .png (default: the recording's name with .svg).", "o"),
     };
     return rows;
 }
+
+} // namespace gripperctl

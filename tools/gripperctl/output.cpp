@@ -9,6 +9,8 @@
 
 #include <unistd.h>
 
+namespace gripperctl {
+
 namespace {
 
 void writeError(const QString &text)
@@ -41,7 +43,7 @@ bool Output::result(const QString &text, const QJsonObject &json) const
     errno = 0;
     if (writeOut((m_isJson ? asLine(json) : text.toLocal8Bit()) + '\n'))
         return true;
-    // Who reads no more has seen enough, and who interrupts, too.
+    // The reader closed the pipe, or the user pressed Ctrl-C: neither needs a message.
     if (errno == EPIPE || errno == EINTR)
         return false;
     throw Failure{ExitCode::LocalProblem,
@@ -92,3 +94,5 @@ void Output::problem(const QString &text, int exitCode, const QJsonObject &known
     json.insert(QStringLiteral("exitCode"), exitCode);
     writeOut(asLine(json) + '\n');
 }
+
+} // namespace gripperctl

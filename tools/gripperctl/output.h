@@ -3,8 +3,10 @@
 #include <QJsonObject>
 #include <QString>
 
-/// What the user sees. Results go to standard output, as text or as JSON; problems and what is
-/// being waited for go to standard error.
+namespace gripperctl {
+
+/// The output for the user. Results go to standard output, as text or as JSON. Problems and
+/// progress go to standard error.
 class Output
 {
 public:
@@ -12,26 +14,27 @@ public:
 
     bool isJson() const { return m_isJson; }
 
-    /// The result: `text`, which may have several lines, or one line of JSON. False if nobody reads
-    /// it any more; throws a Failure if it cannot be written.
+    /// Prints the result: `text`, which may have several lines, or one line of JSON. Returns false
+    /// if the reader has closed the pipe. Throws Failure for any other error.
     bool result(const QString &text, const QJsonObject &json) const;
 
-    /// A part of the result that stands in the JSON of the end, and is text only here.
+    /// Prints a part of the result as text. With JSON it prints nothing, because the JSON of the
+    /// end contains this part.
     void partialResult(const QString &text) const;
 
-    /// What begins now; ends what began before. Not shown with JSON.
+    /// Shows the stage that begins now, and ends the one before. Shows nothing with JSON.
     void begin(const QString &stage);
 
-    /// How long it has taken so far: shown in place, on a terminal only.
+    /// Shows the time of the stage in the same line. Shows nothing if there is no terminal.
     void tick(qint64 elapsedMs);
 
-    /// Nothing is waited for any more.
+    /// Ends the line of the present stage.
     void endStage();
 
-    /// Something that the user should know.
+    /// Prints a line to standard error.
     void note(const QString &text);
 
-    /// Why the run ends with that exit code. As JSON it is one line, with what is `known`.
+    /// Prints the reason for the exit code; with JSON also one line with the members of `known`.
     void problem(const QString &text, int exitCode, const QJsonObject &known);
 
 private:
@@ -40,5 +43,7 @@ private:
     QString m_stage;
 };
 
-/// Writes `text` to standard output at once; false if nobody reads it any more.
+/// Writes `text` to standard output at once. Returns false if it cannot; errno then has the cause.
 bool writeOut(const QByteArray &text);
+
+} // namespace gripperctl

@@ -3,6 +3,8 @@
 #include "failure.h"
 #include "interruption.h"
 
+namespace gripperctl {
+
 Pacer::Pacer(int intervalMs)
     : m_intervalMs(intervalMs)
 {
@@ -11,7 +13,7 @@ Pacer::Pacer(int intervalMs)
 
 bool Pacer::waitForNext(qint64 endMs)
 {
-    // A look that took too long is not made up for.
+    // After a look that took too long, the next one does not come early.
     m_nextMs = qMax(m_nextMs + m_intervalMs, m_sinceStart.elapsed());
     const qint64 untilMs = qMin(m_nextMs, endMs);
     try {
@@ -21,3 +23,5 @@ bool Pacer::waitForNext(qint64 endMs)
     }
     return true;
 }
+
+} // namespace gripperctl

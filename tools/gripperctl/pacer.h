@@ -2,7 +2,9 @@
 
 #include <QElapsedTimer>
 
-/// Looks at a steady pace: the time that a look takes does not add up.
+namespace gripperctl {
+
+/// Keeps a steady interval between looks; the time that a look takes does not add up.
 class Pacer
 {
 public:
@@ -10,7 +12,8 @@ public:
 
     qint64 elapsedMs() const { return m_sinceStart.elapsed(); }
 
-    /// Waits for the next look, or until `endMs` if that comes first. False when interrupted.
+    /// Blocks until the next look, at most until `endMs` after the start. Returns false if
+    /// interrupted.
     bool waitForNext(qint64 endMs);
 
 private:
@@ -18,3 +21,5 @@ private:
     qint64 m_nextMs = 0;
     QElapsedTimer m_sinceStart;
 };
+
+} // namespace gripperctl

@@ -2,6 +2,8 @@
 
 #include <QMap>
 
+namespace gripperctl {
+
 namespace {
 
 using ByGripper = QMap<int, QVector<Sample>>;
@@ -16,7 +18,7 @@ ByGripper grouped(const QVector<Sample> &samples)
 
 QByteArray dataLine(const Sample &sample)
 {
-    // A blank line breaks the curve: nothing is known of that time.
+    // A blank line makes a gap in the curve, because the values of this time are unknown.
     if (!sample.isLive)
         return "\n";
     return QStringLiteral("%1 %2 %3 %4\n")
@@ -35,7 +37,8 @@ QByteArray dataBlock(int gripper, const QVector<Sample> &samples)
     return block + "EOD\n";
 }
 
-/// "plot" with one curve for each gripper and form; %1 in a form is the gripper, %2 its colour.
+/// A "plot" command with one curve per gripper and form. In a form, %1 is the gripper and %2 its
+/// colour.
 QByteArray plotCommand(const ByGripper &groups, const QStringList &forms)
 {
     QStringList curves;
@@ -72,3 +75,5 @@ QByteArray plotScript(const QVector<Sample> &samples, bool isPng)
         plotCommand(groups, {QStringLiteral("$g%1 using 1:4 with lines lc %2 title 'gripper %1'")});
     return script + "unset multiplot\n";
 }
+
+} // namespace gripperctl

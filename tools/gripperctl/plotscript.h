@@ -2,6 +2,10 @@
 
 #include "recording.h"
 
-/// What gnuplot is told, data included; it writes the picture to its standard output.
-/// `isPng` chooses PNG, otherwise SVG.
+namespace gripperctl {
+
+/// Commands and data for gnuplot, which writes the picture to its standard output: PNG if `isPng`,
+/// otherwise SVG.
 QByteArray plotScript(const QVector<Sample> &samples, bool isPng);
+
+} // namespace gripperctl

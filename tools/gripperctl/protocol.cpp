@@ -1,12 +1,14 @@
 #include "protocol.h"
 
+#include "failure.h"
+
 #include <QRegularExpression>
 
 #include <algorithm>
 #include <array>
 #include <iterator>
 
-namespace protocol {
+namespace gripperctl {
 
 namespace {
 
@@ -20,18 +22,23 @@ constexpr std::array<SetName, 21> setNames{{
     {"THROTTLE", false, false}, {"UPG", true, true},        {"BLD", true, true},
 }};
 
-constexpr int greatestValue = 255;
+constexpr int maxValue = 255;
 
 bool isValue(const QString &word)
 {
-    // Of more digits the daemon takes the first three.
+    // The daemon reads only the first three digits.
     static const QRegularExpression form(QStringLiteral(R"(\A[0-9]{1,3}\z)"));
-    return form.match(word).hasMatch() && word.toInt() <= greatestValue;
+    return form.match(word).hasMatch() && word.toInt() <= maxValue;
 }
 
 bool startsLikeNumber(const QString &word)
 {
     return word.startsWith(QLatin1Char('-')) || (!word.isEmpty() && word.front().isDigit());
+}
+
+[[noreturn]] void refuse(const QString &problem)
+{
+    throw Failure{ExitCode::WrongUsage, problem + QStringLiteral("; see gripperctl set --help")};
 }
 
 } // namespace
@@ -84,22 +91,23 @@ const SetName *findSetName(const QString &name)
     return row == setNames.end() ? nullptr : row;
 }
 
-QString problemInPairs(const QStringList &words)
+void checkPairs(const QStringList &words)
 {
     bool mayBeValue = false;
     for (const QString &word : words) {
         if (startsLikeNumber(word)) {
             if (!mayBeValue)
-                return QStringLiteral("\"%1\" has no name before it").arg(word);
-            if (!isValue(word))
-                return QStringLiteral("\"%1\" is not a number of 0 to 255, in three digits at most")
-                    .arg(word);
+                refuse(QStringLiteral("there is no name before \"%1\"").arg(word));
+            if (!isValue(word)) {
+                refuse(
+                    QStringLiteral("\"%1\" is not a number from 0 to 255 of at most three digits")
+                        .arg(word));
+            }
         } else if (findSetName(word) == nullptr) {
-            return QStringLiteral("\"%1\" is no variable that can be set").arg(word);
+            refuse(QStringLiteral("there is no variable \"%1\" to set").arg(word));
         }
         mayBeValue = !startsLikeNumber(word);
     }
-    return QString();
 }
 
 const QVector<int> &scannedIds()
@@ -108,4 +116,4 @@ const QVector<int> &scannedIds()
     return ids;
 }
 
-} // namespace protocol
+} // namespace gripperctl

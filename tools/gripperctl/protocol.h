@@ -7,13 +7,12 @@
 
 #include <optional>
 
+namespace gripperctl {
+
 /// Values by the name of their variable.
 using Values = QMap<QString, QString>;
 
-/// The text protocol of the daemon, as far as it can be told without a connection.
-namespace protocol {
-
-/// What a GET is answered for a name that nobody knows, or without a gripper.
+/// The value in the reply to an unknown name, and to a gripper's value if no gripper is addressed.
 QString noValue();
 
 struct Reply
@@ -22,16 +21,16 @@ struct Reply
     QString value;
 };
 
-/// "NAME VALUE" without its line feed; nothing for any other text.
+/// Reads "NAME VALUE", without the line feed. Empty for any other text.
 std::optional<Reply> parseReply(const QString &line);
 
-/// "[2, 9]"; nothing for any other text.
+/// Reads a list such as "[2, 9]". Empty for any other text.
 std::optional<QVector<int>> parseIds(const QString &text);
 
-/// Three letters, digits or underscores.
+/// Whether the name has three letters, digits or underscores.
 bool isGetName(const QString &name);
 
-/// The values that do not depend on a gripper.
+/// Whether the value does not depend on a gripper.
 bool isDaemonValue(const QString &name);
 
 struct SetName
@@ -41,14 +40,14 @@ struct SetName
     bool takesSeconds; ///< the reply waits for the bus
 };
 
-/// Null for a name that a SET would acknowledge and ignore.
+/// Null for a name that the daemon acknowledges and ignores.
 const SetName *findSetName(const QString &name);
 
-/// What is wrong with the words of a SET, which are names, each with a number of 0 to 255 behind it
-/// or none; empty if nothing is.
-QString problemInPairs(const QStringList &words);
+/// Throws Failure unless the words are names of SET variables, each followed by at most one number
+/// from 0 to 255.
+void checkPairs(const QStringList &words);
 
-/// The ids that a scan asks for. A gripper with any other is never found again.
+/// The ids that a scan looks for. No scan finds a gripper with another id.
 const QVector<int> &scannedIds();
 
-} // namespace protocol
+} // namespace gripperctl

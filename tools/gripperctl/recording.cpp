@@ -2,7 +2,7 @@
 
 #include "failure.h"
 
-namespace recording {
+namespace gripperctl {
 
 namespace {
 
@@ -24,10 +24,11 @@ QString lineOf(const Snapshot &snapshot, const GripperState &gripper, double sec
 
 [[noreturn]] void fail(int line)
 {
-    throw Failure{ExitCode::LocalProblem,
-                  QStringLiteral("line %1 is none of a recording: was the file made by gripperctl "
-                                 "record?")
-                      .arg(line)};
+    throw Failure{
+        ExitCode::LocalProblem,
+        QStringLiteral("line %1 is not part of a recording: use a file that gripperctl record "
+                       "made")
+            .arg(line)};
 }
 
 int wholeIn(const QStringList &fields, Column column, int line)
@@ -57,12 +58,12 @@ Sample sampleFrom(const QStringList &fields, int line)
 
 } // namespace
 
-QString header()
+QString recordingHeader()
 {
     return QStringLiteral("time,seconds,gripper,position,requested,current,object,fault,link");
 }
 
-QStringList lines(const Snapshot &snapshot, double seconds)
+QStringList recordingLines(const Snapshot &snapshot, double seconds)
 {
     QStringList lines;
     for (const GripperState &gripper : snapshot.grippers)
@@ -70,11 +71,11 @@ QStringList lines(const Snapshot &snapshot, double seconds)
     return lines;
 }
 
-QVector<Sample> parse(const QString &text)
+QVector<Sample> parseRecording(const QString &text)
 {
-    // Spreadsheets end their lines in two characters.
+    // Spreadsheets end a line with CR and LF.
     const QStringList all = QString(text).remove(QLatin1Char('\r')).split(QLatin1Char('\n'));
-    if (all.first() != header())
+    if (all.first() != recordingHeader())
         fail(1);
     QVector<Sample> samples;
     for (int line = 1; line < all.size(); ++line) {
@@ -84,4 +85,4 @@ QVector<Sample> parse(const QString &text)
     return samples;
 }
 
-} // namespace recording
+} // namespace gripperctl

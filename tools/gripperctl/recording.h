@@ -2,6 +2,8 @@
 
 #include "snapshot.h"
 
+namespace gripperctl {
+
 /// One line of a recording.
 struct Sample
 {
@@ -10,19 +12,16 @@ struct Sample
     int position;
     int requested;
     int current;
-    bool isLive; ///< the link ran; otherwise the values stood still
+    bool isLive; ///< whether the link ran; otherwise the values are old
 };
 
-/// Positions and currents in a file of comma-separated values.
-namespace recording {
+/// The first line of a recording, a file of comma-separated values.
+QString recordingHeader();
 
-/// The first line.
-QString header();
+/// One line for each gripper of the snapshot. `seconds` counts from the start of the recording.
+QStringList recordingLines(const Snapshot &snapshot, double seconds);
 
-/// The lines of one snapshot, one for each gripper.
-QStringList lines(const Snapshot &snapshot, double seconds);
+/// Reads the whole text of a file. Throws a Failure that names the first wrong line.
+QVector<Sample> parseRecording(const QString &text);
 
-/// Of the whole text of a file. Throws a Failure that names the first line that is wrong.
-QVector<Sample> parse(const QString &text);
-
-} // namespace recording
+} // namespace gripperctl

@@ -3,11 +3,13 @@
 #include "failure.h"
 #include "interruption.h"
 
+namespace gripperctl {
+
 namespace {
 
-// The daemon stands still for up to five seconds while it looks for a bootloader.
+// The daemon answers nothing for up to five seconds while it looks for a bootloader.
 constexpr int answerTimeoutMs = 10'000;
-constexpr int usualGripper = 9;
+constexpr int defaultGripper = 9;
 
 } // namespace
 
@@ -38,34 +40,36 @@ int Session::selectGripper()
     const QString link = connection().get(QStringLiteral("DRI"));
     const int id = chooseGripper(connection().grippers(), m_options.whole("gripper"), link);
     if (!connection().select(id)) {
-        throw Failure{ExitCode::NoGripper,
-                      QStringLiteral("gripper %1 has just gone: gripperctl status").arg(id)};
+        throw Failure{
+            ExitCode::NoGripper,
+            QStringLiteral("gripper %1 has just disappeared: see gripperctl status").arg(id)};
     }
     return id;
 }
 
-int Session::timeoutMs(int otherwiseMs) const
+int Session::timeoutMs(int defaultMs) const
 {
-    return m_options.milliseconds("timeout").value_or(otherwiseMs);
+    return m_options.milliseconds("timeout").value_or(defaultMs);
 }
 
 int chooseGripper(const QVector<int> &found, std::optional<int> wanted, const QString &link)
 {
     if (found.isEmpty()) {
         throw Failure{ExitCode::NoGripper,
-                      QStringLiteral("no gripper was found (link: %1): are they switched on, and "
-                                     "is the line plugged in?")
+                      QStringLiteral("the daemon has found no gripper (link: %1): are the grippers "
+                                     "switched on, and is the line plugged in?")
                           .arg(link)};
     }
-    // No other takes its place: it may only have gone for a moment.
-    const int id = wanted.value_or(usualGripper);
+    // Another gripper is never a replacement: the wanted one may be missing for a moment only.
+    const int id = wanted.value_or(defaultGripper);
     if (found.contains(id))
         return id;
-    throw Failure{ExitCode::NoGripper,
-                  QStringLiteral("there is no gripper %1, but there are %2: say --gripper ID, or "
-                                 "let gripperctl scan look again")
-                      .arg(id)
-                      .arg(listOfIds(found))};
+    throw Failure{
+        ExitCode::NoGripper,
+        QStringLiteral("the daemon does not list gripper %1 (listed: %2): use --gripper ID, or "
+                       "look again with gripperctl scan")
+            .arg(id)
+            .arg(listOfIds(found))};
 }
 
 QString listOfIds(const QVector<int> &ids)
@@ -75,3 +79,5 @@ QString listOfIds(const QVector<int> &ids)
         words.append(QString::number(id));
     return words.isEmpty() ? QStringLiteral("none") : words.join(QStringLiteral(", "));
 }
+
+} // namespace gripperctl

@@ -6,7 +6,9 @@
 
 #include <memory>
 
-/// What a command works with: the command line, the connection, the output.
+namespace gripperctl {
+
+/// Owns the connection of a command, and gives it the command line and the output.
 class Session
 {
 public:
@@ -15,18 +17,18 @@ public:
     const Options &options() const { return m_options; }
     Output &output() { return m_output; }
 
-    /// Connects at the first call, and catches interruptions from then on.
+    /// The first call connects, and catches interruptions from then on.
     Connection &connection();
 
-    /// Another one, which works although this run was interrupted.
+    /// Makes a second connection, which works after an interruption.
     std::unique_ptr<Connection> connectAgain() const;
 
-    /// The id of the gripper that is meant, which the connection addresses from now on: 9, or that
-    /// of --gripper. Throws a Failure if it is not there.
+    /// Addresses gripper 9, or the one of --gripper, and returns its id. Throws Failure if the
+    /// daemon does not list it.
     int selectGripper();
 
-    /// The --timeout, or `otherwiseMs` without one.
-    int timeoutMs(int otherwiseMs) const;
+    /// The value of --timeout, or `defaultMs` without this option.
+    int timeoutMs(int defaultMs) const;
 
 private:
     Options m_options;
@@ -34,8 +36,10 @@ private:
     std::unique_ptr<Connection> m_connection;
 };
 
-/// Which of the grippers found is meant; throws as above.
+/// Returns `wanted`, or 9 without it. Throws Failure if it is not in `found`.
 int chooseGripper(const QVector<int> &found, std::optional<int> wanted, const QString &link);
 
-/// "2, 9", or "none".
+/// A text such as "2, 9", or "none".
 QString listOfIds(const QVector<int> &ids);
+
+} // namespace gripperctl

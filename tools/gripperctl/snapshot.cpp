@@ -6,11 +6,13 @@
 
 #include <algorithm>
 
+namespace gripperctl {
+
 namespace {
 
 QVector<int> idsIn(const QString &list, std::optional<int> wanted)
 {
-    QVector<int> ids = protocol::parseIds(list).value_or(QVector<int>());
+    QVector<int> ids = parseIds(list).value_or(QVector<int>());
     if (wanted) {
         const auto isOther = [&](int id) { return id != *wanted; };
         ids.erase(std::remove_if(ids.begin(), ids.end(), isOther), ids.end());
@@ -53,3 +55,5 @@ QJsonObject Snapshot::toJson() const
         {QStringLiteral("grippers"), states},
     };
 }
+
+} // namespace gripperctl

@@ -4,9 +4,11 @@
 
 #include <QDateTime>
 
+namespace gripperctl {
+
 class Session;
 
-/// The driver and its grippers at about one moment.
+/// The driver and its grippers at about the same time.
 struct Snapshot
 {
     QDateTime time;
@@ -14,8 +16,11 @@ struct Snapshot
     QString link;
     QVector<GripperState> grippers; ///< in ascending order of their ids
 
-    /// All grippers, or only the one that --gripper names. One that goes meanwhile is left out.
+    /// Reads all grippers, or only the one of --gripper. Leaves out a gripper that disappears
+    /// meanwhile.
     static Snapshot take(Session &session);
 
     QJsonObject toJson() const;
 };
+
+} // namespace gripperctl

@@ -6,14 +6,16 @@
 
 #include <QElapsedTimer>
 
+namespace gripperctl {
+
 namespace {
 
-constexpr int lookEveryMs = 30;
-constexpr qint64 goneForMs = 3000;
+constexpr int lookIntervalMs = 30;
+constexpr qint64 maxAbsenceMs = 3000;
 
 Failure lateFailure(const GripperState &last, const Goal &goal)
 {
-    QString text = QStringLiteral("gripper %1 was not done with %2 after %3 s (link %4, %5, "
+    QString text = QStringLiteral("gripper %1 did not finish %2 within %3 s (link %4, %5, "
                                   "position %6, fault %7)")
                        .arg(last.id())
                        .arg(goal.stage)
@@ -21,16 +23,16 @@ Failure lateFailure(const GripperState &last, const Goal &goal)
                        .arg(last.link(), last.statusText())
                        .arg(last.position())
                        .arg(last.fault());
-    text +=
-        QStringLiteral("; if its values stand still, polling may be muted: gripperctl set MUTE 0");
+    text += QStringLiteral("; if its values never change, polling may be muted: unmute it with "
+                           "gripperctl set MUTE 0");
     return {ExitCode::TimedOut, text};
 }
 
 Failure goneFailure(const GripperState &last)
 {
     return {ExitCode::NoGripper,
-            QStringLiteral("gripper %1 has gone from the line (link: %2): look at its cable and "
-                           "power, then gripperctl scan")
+            QStringLiteral("gripper %1 has disappeared from the line (link: %2): check its cable "
+                           "and power, then run gripperctl scan")
                 .arg(last.id())
                 .arg(last.link())};
 }
@@ -52,11 +54,13 @@ GripperState waitForState(Session &session, int id, const Goal &goal)
             session.output().endStage();
             return state;
         }
-        if (sinceSeen.elapsed() > goneForMs)
+        if (sinceSeen.elapsed() > maxAbsenceMs)
             throw goneFailure(state);
         if (sinceStart.elapsed() > goal.timeoutMs)
             throw lateFailure(state, goal);
         session.output().tick(sinceStart.elapsed());
-        pauseFor(lookEveryMs);
+        pauseFor(lookIntervalMs);
     }
 }
+
+} // namespace gripperctl

@@ -4,18 +4,22 @@
 
 #include <functional>
 
+namespace gripperctl {
+
 class Session;
 
-/// What a gripper is waited for.
+/// A state to wait for.
 struct Goal
 {
-    QString stage; ///< "moving to 120"
+    QString stage; ///< for the output, such as "moving to 120"
     int timeoutMs;
     std::function<bool(const GripperState &state)> isReached;
 };
 
-/// Looks at the gripper that the connection addresses until the goal is reached, and returns what
-/// it saw then. What it sees while the link is down is not judged: that is of before. Throws a
-/// Failure when the time is over, or when the gripper has been gone for three seconds: a disturbed
-/// line loses it for less.
+/// Reads the gripper that the connection addresses until it reaches the goal, and returns that
+/// state. Ignores states that it reads while the link is down, because their values are old. Throws
+/// Failure after the time-out, and when the gripper is missing for three seconds. A disturbed line
+/// loses it for a shorter time.
 GripperState waitForState(Session &session, int id, const Goal &goal);
+
+} // namespace gripperctl

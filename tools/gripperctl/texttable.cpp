@@ -1,5 +1,7 @@
 #include "texttable.h"
 
+namespace gripperctl {
+
 namespace {
 
 QVector<int> widthsOf(const QVector<QStringList> &rows)
@@ -42,3 +44,5 @@ QStringList TextTable::lines() const
         lines.append(lineOf(row, widths));
     return lines;
 }
+
+} // namespace gripperctl

@@ -3,7 +3,9 @@
 #include <QStringList>
 #include <QVector>
 
-/// Rows of words in columns as wide as their widest word.
+namespace gripperctl {
+
+/// Rows of words; each column is as wide as its widest word.
 class TextTable
 {
 public:
@@ -11,9 +13,11 @@ public:
 
     void addRow(const QStringList &row);
 
-    /// One line each, the header first; no blanks at the ends of lines.
+    /// One line per row, the header first, without blanks at the end.
     QStringList lines() const;
 
 private:
     QVector<QStringList> m_rows;
 };
+
+} // namespace gripperctl

@@ -1,19 +1,19 @@
 #include "watchview.h"
 
-namespace watchview {
+namespace gripperctl {
 
 namespace {
 
-constexpr int greatest = 255;
-constexpr int narrowestBar = 10;
-constexpr int widestBar = 100;
+constexpr int maxPosition = 255;
+constexpr int minBarWidth = 10;
+constexpr int maxBarWidth = 100;
 
 int cellOf(int position, int cells)
 {
-    return (qBound(0, position, greatest) * (cells - 1) + greatest / 2) / greatest;
+    return (qBound(0, position, maxPosition) * (cells - 1) + maxPosition / 2) / maxPosition;
 }
 
-QString before(const GripperState &gripper)
+QString textBeforeBar(const GripperState &gripper)
 {
     return QStringLiteral("%1 %2 %3")
         .arg(gripper.id(), 2)
@@ -21,7 +21,7 @@ QString before(const GripperState &gripper)
         .arg(gripper.statusText(), -10);
 }
 
-QString behind(const GripperState &gripper)
+QString textAfterBar(const GripperState &gripper)
 {
     return QStringLiteral("%1 -> %2  current %3  %4 fault %5")
         .arg(gripper.position(), 3)
@@ -33,11 +33,11 @@ QString behind(const GripperState &gripper)
 
 QString lineOf(const GripperState &gripper, int width)
 {
-    const QString left = before(gripper);
-    const QString right = behind(gripper);
+    const QString left = textBeforeBar(gripper);
+    const QString right = textAfterBar(gripper);
     const int room = width - left.size() - right.size() - 4;
-    const int cells = qBound(narrowestBar, room, widestBar);
-    const QString drawn = bar(gripper.position(), gripper.requestedPosition(), cells);
+    const int cells = qBound(minBarWidth, room, maxBarWidth);
+    const QString drawn = positionBar(gripper.position(), gripper.requestedPosition(), cells);
     return QStringLiteral("%1 [%2] %3").arg(left, drawn, right);
 }
 
@@ -58,7 +58,7 @@ QString plainLineOf(const Snapshot &snapshot, const GripperState &gripper)
 
 } // namespace
 
-QString bar(int position, int requested, int cells)
+QString positionBar(int position, int requested, int cells)
 {
     QString drawn(cells, QLatin1Char('-'));
     const int end = cellOf(position, cells);
@@ -68,7 +68,7 @@ QString bar(int position, int requested, int cells)
     return drawn;
 }
 
-QStringList screen(const Snapshot &snapshot, const QString &host, int width)
+QStringList watchScreen(const Snapshot &snapshot, const QString &host, int width)
 {
     QStringList lines{QStringLiteral("gripperd %1 on %2  link %3  %4  Ctrl-C ends")
                           .arg(snapshot.driver, host, snapshot.link,
@@ -82,7 +82,7 @@ QStringList screen(const Snapshot &snapshot, const QString &host, int width)
     return lines;
 }
 
-QStringList plainLines(const Snapshot &snapshot)
+QStringList watchLines(const Snapshot &snapshot)
 {
     QStringList lines;
     for (const GripperState &gripper : snapshot.grippers)
@@ -95,4 +95,4 @@ QStringList plainLines(const Snapshot &snapshot)
     return lines;
 }
 
-} // namespace watchview
+} // namespace gripperctl

@@ -2,17 +2,16 @@
 
 #include "snapshot.h"
 
-/// What `watch` shows: pure text, of one snapshot.
-namespace watchview {
+namespace gripperctl {
 
-/// `cells` characters for 0 to 255: '#' up to the position, '|' at the requested one.
-QString bar(int position, int requested, int cells);
+/// A bar of `cells` characters for 0 to 255: '#' up to `position`, '|' at `requested`.
+QString positionBar(int position, int requested, int cells);
 
-/// For a terminal of that width: a head line, and a line with a bar for each gripper. No line is
-/// longer.
-QStringList screen(const Snapshot &snapshot, const QString &host, int width);
+/// The live view: a head line, and a line with a bar for each gripper. No line has more than
+/// `width` characters.
+QStringList watchScreen(const Snapshot &snapshot, const QString &host, int width);
 
-/// For a file: a line for each gripper, of NAME=VALUE words.
-QStringList plainLines(const Snapshot &snapshot);
+/// The view without a terminal: a line of NAME=VALUE words for each gripper.
+QStringList watchLines(const Snapshot &snapshot);
 
-} // namespace watchview
+} // namespace gripperctl

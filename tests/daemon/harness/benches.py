@@ -8,10 +8,12 @@ from .simulator import Simulator
 class Bench:
     """Simulated grippers that restart quickly, and a daemon that discovers them."""
 
+    simulator = Simulator
+
     def __init__(self, start_daemon, connect, *grippers, options=(), link="/dev/ttyTool", **daemon):
         grippers = grippers or ("9=TA3-1.6.13",)
         quick = ["--boot-ms=200", "--bootloader-boot-ms=100"]
-        self.line = Simulator(*grippers, *quick, *options, link=link)
+        self.line = self.simulator(*grippers, *quick, *options, link=link)
         self.ids = [int(gripper.split("=")[0]) for gripper in grippers]
         self.daemon = start_daemon(**daemon)
         self.connect = connect

@@ -97,8 +97,8 @@ class ScriptedDaemon:
         return b"ack"
 
     def drop(self):
-        """Closes all connections."""
-        for client in self.sockets:
+        """Closes the present connections; a client may reconnect meanwhile."""
+        for client in list(self.sockets):
             with contextlib.suppress(OSError):
                 client.shutdown(socket.SHUT_RDWR)
 

@@ -4,11 +4,13 @@
 #include "session.h"
 #include "statewait.h"
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int activationTimeoutMs = 20'000;
 
-void tell(Session &session, const GripperState &state, const QString &text)
+void printResult(Session &session, const GripperState &state, const QString &text)
 {
     session.output().result(QStringLiteral("gripper %1 %2").arg(state.id()).arg(text),
                             {{QStringLiteral("gripper"), state.id()},
@@ -21,29 +23,30 @@ void refuseFaulty(const GripperState &state)
 {
     if (state.fault() == 0)
         return;
-    throw Failure{ExitCode::Refused,
-                  QStringLiteral("gripper %1 is active, but shows fault %2: see its manual; "
-                                 "gripperctl activate --again clears what can be cleared")
-                      .arg(state.id())
-                      .arg(state.fault())};
+    throw Failure{
+        ExitCode::Refused,
+        QStringLiteral("gripper %1 is active, but has fault %2: see its manual; "
+                       "gripperctl activate --again clears the faults that can be cleared")
+            .arg(state.id())
+            .arg(state.fault())};
 }
 
-/// Nothing of what the gripper shows: that is still of before.
-void tellStart(Session &session, int id)
+/// Prints no values of the gripper, because they are still old.
+void printStart(Session &session, int id)
 {
     const QString text = QStringLiteral("was told to activate");
     session.output().result(QStringLiteral("gripper %1 %2").arg(id).arg(text),
                             {{QStringLiteral("gripper"), id}, {QStringLiteral("text"), text}});
 }
 
-/// An active gripper is deactivated first: until that shows, its status is that of before.
+/// The daemon first deactivates an active gripper. Until the gripper shows this, its status is old.
 GripperState waitForActivation(Session &session, const GripperState &before)
 {
-    bool hasLeft = before.status() != GripperState::Status::Active;
-    const auto isOver = [&hasLeft](const GripperState &state) {
+    bool hasLeftActive = before.status() != GripperState::Status::Active;
+    const auto isOver = [&hasLeftActive](const GripperState &state) {
         const bool isActive = state.status() == GripperState::Status::Active;
-        hasLeft = hasLeft || !isActive;
-        return hasLeft && isActive;
+        hasLeftActive = hasLeftActive || !isActive;
+        return hasLeftActive && isActive;
     };
     return waitForState(
         session, before.id(),
@@ -52,24 +55,26 @@ GripperState waitForActivation(Session &session, const GripperState &before)
 
 } // namespace
 
-void commands::activate(Session &session)
+void runActivate(Session &session)
 {
     const int id = session.selectGripper();
     const GripperState before = GripperState::read(session.connection(), id);
     const bool isAgain = session.options().has("again");
     if (before.status() == GripperState::Status::Active && !isAgain) {
         refuseFaulty(before);
-        tell(session, before, QStringLiteral("is active already"));
+        printResult(session, before, QStringLiteral("is active already"));
         return;
     }
-    // Told once more, a gripper that is on its way would begin anew.
+    // A second request would restart an activation that is under way.
     if (before.status() != GripperState::Status::Activating || isAgain)
         session.connection().set(QStringLiteral("ACT 1"));
     if (!session.options().has("wait")) {
-        tellStart(session, id);
+        printStart(session, id);
         return;
     }
     const GripperState after = waitForActivation(session, before);
     refuseFaulty(after);
-    tell(session, after, QStringLiteral("is active"));
+    printResult(session, after, QStringLiteral("is active"));
 }
+
+} // namespace gripperctl

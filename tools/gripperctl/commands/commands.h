@@ -1,25 +1,26 @@
 #pragma once
 
+namespace gripperctl {
+
 class Session;
 
-/// What the commands do, a file each. All of them return when they are done, and throw a Failure
-/// otherwise.
-namespace commands {
+// One file per command. Each function returns when its command has succeeded, and throws Failure
+// otherwise.
 
-void status(Session &session);
-void get(Session &session);
-void set(Session &session);
-void activate(Session &session);
-void move(Session &session);
-void open(Session &session);
-void close(Session &session);
-void release(Session &session);
-void led(Session &session);
-void scan(Session &session);
-void rename(Session &session);
-void upgrade(Session &session);
-void watch(Session &session);
-void record(Session &session);
-void plot(Session &session);
+void runStatus(Session &session);
+void runGet(Session &session);
+void runSet(Session &session);
+void runActivate(Session &session);
+void runMove(Session &session);
+void runOpen(Session &session);
+void runClose(Session &session);
+void runRelease(Session &session);
+void runLed(Session &session);
+void runScan(Session &session);
+void runRename(Session &session);
+void runUpgrade(Session &session);
+void runWatch(Session &session);
+void runRecord(Session &session);
+void runPlot(Session &session);
 
-} // namespace commands
+} // namespace gripperctl

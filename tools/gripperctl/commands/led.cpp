@@ -3,20 +3,23 @@
 #include "failure.h"
 #include "session.h"
 
+namespace gripperctl {
+
 namespace {
 
-const QString kAuto = QStringLiteral("auto");
-const QString kOff = QStringLiteral("off");
-const QStringList kColours{QStringLiteral("red"), QStringLiteral("green"), QStringLiteral("blue")};
+const QString automatic = QStringLiteral("auto");
+const QString off = QStringLiteral("off");
+const QStringList colours{QStringLiteral("red"), QStringLiteral("green"), QStringLiteral("blue")};
 
 void check(const QStringList &words)
 {
     for (const QString &word : words) {
-        const bool standsAlone = (word == kAuto || word == kOff) && words.size() == 1;
-        if (!kColours.contains(word) && !standsAlone) {
+        const bool isOnlyWord = (word == automatic || word == off) && words.size() == 1;
+        if (!colours.contains(word) && !isOnlyWord) {
             throw Failure{
                 ExitCode::WrongUsage,
-                QStringLiteral("led takes red, green and blue, or off, or auto, not \"%1\"")
+                QStringLiteral("led takes any of red, green and blue, or only off, or only auto, "
+                               "not \"%1\"")
                     .arg(words.join(QLatin1Char(' ')))};
         }
     }
@@ -28,7 +31,7 @@ QString requestFor(const QStringList &words)
         return words.contains(QLatin1String(colour)) ? 1 : 0;
     };
     return QStringLiteral("LBP %1 LRD %2 LGN %3 LBL %4")
-        .arg(words.first() == kAuto ? 0 : 1)
+        .arg(words.first() == automatic ? 0 : 1)
         .arg(bit("red"))
         .arg(bit("green"))
         .arg(bit("blue"));
@@ -36,7 +39,7 @@ QString requestFor(const QStringList &words)
 
 } // namespace
 
-void commands::led(Session &session)
+void runLed(Session &session)
 {
     const QStringList words = session.options().arguments;
     check(words);
@@ -46,3 +49,5 @@ void commands::led(Session &session)
     session.output().result(QStringLiteral("gripper %1: led %2").arg(id).arg(text),
                             {{QStringLiteral("gripper"), id}, {QStringLiteral("led"), text}});
 }
+
+} // namespace gripperctl

@@ -7,14 +7,23 @@
 
 #include <QElapsedTimer>
 
+namespace gripperctl {
+
 namespace {
 
-constexpr int opened = 0;
-constexpr int closed = 255;
-// At the lowest speed the whole way takes a few seconds.
+constexpr int openPosition = 0;
+constexpr int closedPosition = 255;
+// At the lowest speed, the full travel takes a few seconds.
 constexpr int motionTimeoutMs = 30'000;
-// Of four grippers, as many as a scan finds, each is seen every 200 ms, and writes come in between.
-constexpr qint64 oldestValueMs = 400;
+// The daemon reads or writes one gripper in this time.
+constexpr qint64 pollingStepMs = 50;
+
+/// A value that the daemon shows is never older. A scan finds one gripper per id at most; in the
+/// worst case the daemon writes each of them between two reads.
+qint64 maxValueAgeMs()
+{
+    return 2 * pollingStepMs * scannedIds().size();
+}
 
 QString requestFor(const Options &options, int position)
 {
@@ -31,31 +40,32 @@ void refuseInactive(const GripperState &state)
     if (state.status() == GripperState::Status::Active)
         return;
     throw Failure{ExitCode::Refused,
-                  QStringLiteral("gripper %1 is %2 and would not move: gripperctl activate --wait")
+                  QStringLiteral("gripper %1 is %2 and cannot move: run gripperctl activate --wait")
                       .arg(state.id())
                       .arg(state.statusText())};
 }
 
 [[noreturn]] void failByFault(const GripperState &state)
 {
-    throw Failure{ExitCode::Refused,
-                  QStringLiteral("gripper %1 shows fault %2 at position %3: see its manual; "
-                                 "gripperctl activate --again clears what can be cleared")
-                      .arg(state.id())
-                      .arg(state.fault())
-                      .arg(state.position())};
+    throw Failure{
+        ExitCode::Refused,
+        QStringLiteral("gripper %1 has fault %2 at position %3: see its manual; "
+                       "gripperctl activate --again clears the faults that can be cleared")
+            .arg(state.id())
+            .arg(state.fault())
+            .arg(state.position())};
 }
 
 GripperState waitForEnd(Session &session, const GripperState &before, int position)
 {
-    // A gripper that showed this request already may have taken another one since, which does not
-    // show yet.
-    const bool isShownAlready = before.goesTo() && before.requestedPosition() == position;
+    // If the gripper already showed this request, it may have accepted another one since, which it
+    // does not show yet.
+    const bool wasShownBefore = before.goesTo() && before.requestedPosition() == position;
     QElapsedTimer sinceRequest;
     sinceRequest.start();
     const auto isOver = [=](const GripperState &state) {
         const Motion motion = judgeMotion(state, position);
-        const bool isFresh = !isShownAlready || sinceRequest.elapsed() > oldestValueMs;
+        const bool isFresh = !wasShownBefore || sinceRequest.elapsed() > maxValueAgeMs();
         return isFresh && motion != Motion::NotTaken && motion != Motion::UnderWay;
     };
     const Goal goal{QStringLiteral("moving to %1").arg(position),
@@ -67,14 +77,14 @@ GripperState waitForEnd(Session &session, const GripperState &before, int positi
             throw;
         throw Failure{
             failure.code,
-            QStringLiteral("interrupted: gripper %1 goes on to %2. gripperctl --gripper %1 "
+            QStringLiteral("interrupted: gripper %1 continues to %2. gripperctl --gripper %1 "
                            "set GTO 0 stops it")
                 .arg(before.id())
                 .arg(position)};
     }
 }
 
-void tell(Session &session, const GripperState &state, int wanted, const QString &text)
+void printResult(Session &session, const GripperState &state, int wanted, const QString &text)
 {
     session.output().result(QStringLiteral("gripper %1 %2").arg(state.id()).arg(text),
                             {{QStringLiteral("gripper"), state.id()},
@@ -85,8 +95,8 @@ void tell(Session &session, const GripperState &state, int wanted, const QString
                              {QStringLiteral("text"), text}});
 }
 
-/// Nothing of what the gripper shows: that is still of before.
-void tellStart(Session &session, int id, int wanted)
+/// Prints no values of the gripper, because they are still old.
+void printStart(Session &session, int id, int wanted)
 {
     const QString text = QStringLiteral("was told to go to %1").arg(wanted);
     session.output().result(QStringLiteral("gripper %1 %2").arg(id).arg(text),
@@ -95,15 +105,15 @@ void tellStart(Session &session, int id, int wanted)
                              {QStringLiteral("text"), text}});
 }
 
-void tellEnd(Session &session, const GripperState &state, int wanted)
+void printEnd(Session &session, const GripperState &state, int wanted)
 {
     if (state.object() == GripperState::Object::Reached) {
-        tell(session, state, wanted, QStringLiteral("reached %1").arg(state.position()));
+        printResult(session, state, wanted, QStringLiteral("reached %1").arg(state.position()));
         return;
     }
     const QString text = state.isVacuum() ? QStringLiteral("leaks: level %1 instead of %2")
                                           : QStringLiteral("met an object at %1, on its way to %2");
-    tell(session, state, wanted, text.arg(state.position()).arg(wanted));
+    printResult(session, state, wanted, text.arg(state.position()).arg(wanted));
 }
 
 void moveTo(Session &session, int position)
@@ -113,38 +123,40 @@ void moveTo(Session &session, int position)
     refuseInactive(before);
     session.connection().set(requestFor(session.options(), position));
     if (!session.options().has("wait")) {
-        tellStart(session, id, position);
+        printStart(session, id, position);
         return;
     }
     const GripperState after = waitForEnd(session, before, position);
     if (after.fault() != 0)
         failByFault(after);
     refuseInactive(after);
-    tellEnd(session, after, position);
+    printEnd(session, after, position);
 }
 
 } // namespace
 
-void commands::move(Session &session)
+void runMove(Session &session)
 {
     const QString word = session.options().arguments.first();
     bool isNumber = false;
     const int position = word.toInt(&isNumber);
-    if (!isNumber || position < opened || position > closed) {
+    if (!isNumber || position < openPosition || position > closedPosition) {
         throw Failure{
             ExitCode::WrongUsage,
-            QStringLiteral("a position is a number of 0 (open) to 255 (closed), not \"%1\"")
+            QStringLiteral("a position is a number from 0 (open) to 255 (closed), not \"%1\"")
                 .arg(word)};
     }
     moveTo(session, position);
 }
 
-void commands::open(Session &session)
+void runOpen(Session &session)
 {
-    moveTo(session, opened);
+    moveTo(session, openPosition);
 }
 
-void commands::close(Session &session)
+void runClose(Session &session)
 {
-    moveTo(session, closed);
+    moveTo(session, closedPosition);
 }
+
+} // namespace gripperctl

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int plotTimeoutMs = 60'000;
@@ -24,10 +26,12 @@ QVector<Sample> read(const QString &path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         fail(QStringLiteral("cannot read %1: %2").arg(path, file.errorString()));
-    const QVector<Sample> samples = recording::parse(QString::fromUtf8(file.readAll()));
+    const QVector<Sample> samples = parseRecording(QString::fromUtf8(file.readAll()));
     const auto isLive = [](const Sample &sample) { return sample.isLive; };
     if (std::none_of(samples.begin(), samples.end(), isLive))
-        fail(QStringLiteral("nothing was recorded in %1 while the link ran").arg(path));
+        fail(QStringLiteral("%1 has no values from a running link: record again while "
+                            "gripperctl status shows link RUNNING")
+                 .arg(path));
     return samples;
 }
 
@@ -45,7 +49,7 @@ bool isPng(const QString &path)
     const QString suffix = QFileInfo(path).suffix().toLower();
     if (suffix != QLatin1String("png") && suffix != QLatin1String("svg")) {
         throw Failure{ExitCode::WrongUsage,
-                      QStringLiteral("%1 should end in .svg or .png").arg(path)};
+                      QStringLiteral("the output %1 must end in .svg or .png").arg(path)};
     }
     return suffix == QLatin1String("png");
 }
@@ -55,14 +59,14 @@ QByteArray draw(const QByteArray &script)
     QProcess gnuplot;
     gnuplot.start(QStringLiteral("gnuplot"), QStringList());
     if (!gnuplot.waitForStarted())
-        fail(QStringLiteral("cannot start gnuplot: sudo apt install gnuplot-nox"));
+        fail(QStringLiteral("cannot start gnuplot: install it with sudo apt install gnuplot-nox"));
     gnuplot.write(script);
     gnuplot.closeWriteChannel();
     const bool isDone = gnuplot.waitForFinished(plotTimeoutMs);
     QByteArray picture = gnuplot.readAllStandardOutput();
     if (!isDone || gnuplot.exitCode() != 0 || picture.isEmpty()) {
-        const QString told = QString::fromLocal8Bit(gnuplot.readAllStandardError()).simplified();
-        fail(QStringLiteral("gnuplot failed: %1").arg(told));
+        const QString errors = QString::fromLocal8Bit(gnuplot.readAllStandardError()).simplified();
+        fail(QStringLiteral("gnuplot failed: %1").arg(errors));
     }
     return picture;
 }
@@ -76,7 +80,7 @@ void write(const QString &path, const QByteArray &picture)
 
 } // namespace
 
-void commands::plot(Session &session)
+void runPlot(Session &session)
 {
     const QString picturePath = pictureFor(session.options());
     const bool wantsPng = isPng(picturePath);
@@ -85,3 +89,5 @@ void commands::plot(Session &session)
     session.output().result(QStringLiteral("drew %1").arg(picturePath),
                             {{QStringLiteral("file"), picturePath}});
 }
+
+} // namespace gripperctl

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int slowTimeoutMs = 60'000;
@@ -14,10 +16,12 @@ QStringList upperNames(const QStringList &words)
 {
     QStringList names;
     for (const QString &word : words) {
-        if (!protocol::isGetName(word)) {
+        if (!isGetName(word)) {
             throw Failure{
                 ExitCode::WrongUsage,
-                QStringLiteral("a value has a name of three letters, not \"%1\"").arg(word)};
+                QStringLiteral("the name of a value has three letters, which \"%1\" has not; see "
+                               "gripperctl get --help")
+                    .arg(word)};
         }
         names.append(word.toUpper());
     }
@@ -42,14 +46,14 @@ QJsonObject jsonOf(const Values &values)
     return json;
 }
 
-/// These are there in a form of their own, which sees to everything around them.
+/// gripperctl has safer commands or options for these variables.
 void refuseGuarded(const QStringList &words)
 {
     const std::pair<const char *, const char *> guarded[] = {
-        {"NID", "NID is left to gripperctl rename, which keeps the gripper safe"},
-        {"UPG", "UPG is left to gripperctl upgrade, which keeps the gripper safe"},
-        // In one request with others it would not even hold for those.
-        {"SID", "SID would end with this connection: say --gripper ID instead"}};
+        {"NID", "use gripperctl rename instead of NID; it also checks that the id is free"},
+        {"UPG", "use gripperctl upgrade instead of UPG; it also waits for the flasher"},
+        // SID does not apply to other pairs in the same request.
+        {"SID", "use --gripper ID instead of SID, which ends with this connection"}};
     for (const auto &[name, problem] : guarded) {
         if (words.contains(QLatin1String(name), Qt::CaseInsensitive))
             throw Failure{ExitCode::WrongUsage, QString::fromLatin1(problem)};
@@ -60,7 +64,7 @@ template <typename Wanted>
 bool anyNamed(const QStringList &words, Wanted isWanted)
 {
     return std::any_of(words.begin(), words.end(), [&](const QString &word) {
-        const protocol::SetName *row = protocol::findSetName(word);
+        const SetName *row = findSetName(word);
         return row != nullptr && isWanted(*row);
     });
 }
@@ -72,12 +76,12 @@ bool sendPairs(Session &session, const QStringList &words, bool isInterruptible 
     return session.connection().set(words.join(QLatin1Char(' ')), {timeoutMs, isInterruptible});
 }
 
-/// The jump leaves polling muted, which is as it should be while a bootloader has the line. Not
-/// interruptible: the daemon mutes at the end of a jump, so only its answer tells what holds.
+/// Polling stays muted, because the bootloader then has the line. Not interruptible: the daemon
+/// mutes polling at the end of a jump, so the state of MUTE is known only after its answer.
 bool sendIntoBootloader(Session &session, const QStringList &words)
 {
     MutedPolling muted(session);
-    muted.letLineFallSilent();
+    muted.waitForSilentLine();
     if (!sendPairs(session, words, false))
         return false;
     muted.leaveMuted();
@@ -87,27 +91,29 @@ bool sendIntoBootloader(Session &session, const QStringList &words)
 
 } // namespace
 
-void commands::get(Session &session)
+void runGet(Session &session)
 {
     const QStringList names = upperNames(session.options().arguments);
-    if (!std::all_of(names.begin(), names.end(), protocol::isDaemonValue))
+    if (!std::all_of(names.begin(), names.end(), isDaemonValue))
         session.selectGripper();
     const Values values = session.connection().get(names);
-    const QString unknown = values.key(protocol::noValue());
+    const QString unknown = values.key(noValue());
     if (!unknown.isEmpty()) {
         session.output().partialResult(textOf(values, names));
-        throw Failure{ExitCode::Refused,
-                      QStringLiteral("gripperd knows no value of %1").arg(unknown), jsonOf(values)};
+        throw Failure{
+            ExitCode::Refused,
+            QStringLiteral("gripperd has no value of %1: check the name, and whether the gripper "
+                           "answers (gripperctl status)")
+                .arg(unknown),
+            jsonOf(values)};
     }
     session.output().result(textOf(values, names), jsonOf(values));
 }
 
-void commands::set(Session &session)
+void runSet(Session &session)
 {
     const QStringList words = session.options().arguments;
-    const QString problem = protocol::problemInPairs(words);
-    if (!problem.isEmpty())
-        throw Failure{ExitCode::WrongUsage, problem};
+    checkPairs(words);
     refuseGuarded(words);
     if (anyNamed(words, [](const auto &row) { return row.needsGripper; }))
         session.selectGripper();
@@ -115,7 +121,11 @@ void commands::set(Session &session)
     const bool isAcknowledged =
         entersBootloader ? sendIntoBootloader(session, words) : sendPairs(session, words);
     if (!isAcknowledged)
-        throw Failure{ExitCode::Refused, QStringLiteral("gripperd answered nak")};
+        throw Failure{ExitCode::Refused,
+                      QStringLiteral("gripperd refused the request (nak): check the range of each "
+                                     "number, and the gripper (gripperctl status)")};
     session.output().result(QStringLiteral("ack"),
                             {{QStringLiteral("reply"), QStringLiteral("ack")}});
 }
+
+} // namespace gripperctl

@@ -9,9 +9,11 @@
 
 #include <limits>
 
+namespace gripperctl {
+
 namespace {
 
-constexpr int usualIntervalMs = 100;
+constexpr int defaultIntervalMs = 100;
 
 class RecordingFile
 {
@@ -21,14 +23,14 @@ public:
     {
         if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate))
             fail();
-        append({recording::header()});
+        append({recordingHeader()});
     }
 
     void append(const QStringList &lines)
     {
         for (const QString &line : lines)
             m_file.write(line.toUtf8() + '\n');
-        // Whatever happens next, what was seen is in the file.
+        // The file is complete up to now, even if this process is killed.
         if (!m_file.flush())
             fail();
         m_lines += lines.size();
@@ -52,21 +54,21 @@ void recordInto(RecordingFile &file, Session &session)
 {
     const auto wantedMs = session.options().milliseconds("seconds");
     const qint64 endMs = wantedMs ? *wantedMs : std::numeric_limits<qint64>::max();
-    Pacer pacer(session.options().milliseconds("interval").value_or(usualIntervalMs));
+    Pacer pacer(session.options().milliseconds("interval").value_or(defaultIntervalMs));
     do {
         const double seconds = static_cast<double>(pacer.elapsedMs()) / 1000;
-        file.append(recording::lines(Snapshot::take(session), seconds));
+        file.append(recordingLines(Snapshot::take(session), seconds));
     } while (pacer.waitForNext(endMs) && pacer.elapsedMs() < endMs);
 }
 
 } // namespace
 
-void commands::record(Session &session)
+void runRecord(Session &session)
 {
     const QString path = session.options().arguments.first();
     if (session.options().has("gripper"))
         session.selectGripper();
-    // Nothing is overwritten for a daemon that is not there.
+    // Connects first: without a daemon, the file stays as it is.
     session.connection();
     RecordingFile file(path);
     session.output().begin(QStringLiteral("recording into %1").arg(path));
@@ -81,3 +83,5 @@ void commands::record(Session &session)
         QStringLiteral("%1 lines in %2").arg(file.sampleCount()).arg(path),
         {{QStringLiteral("file"), path}, {QStringLiteral("lines"), file.sampleCount()}});
 }
+
+} // namespace gripperctl

@@ -6,13 +6,16 @@
 
 #include <QElapsedTimer>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int releaseTimeoutMs = 30'000;
-// The gripper does not say when it has let go; it has when it stands still.
-constexpr qint64 stillForMs = 500;
+// The gripper does not report the end of a release. The end is assumed when it has not moved for
+// this time.
+constexpr qint64 standstillMs = 500;
 
-/// Says when the gripper has taken the release and has stood still for long enough.
+/// Whether the gripper shows the release and has not moved for long enough.
 class StandsStill
 {
 public:
@@ -24,7 +27,7 @@ public:
             m_sinceMove.start();
             return false;
         }
-        return m_sinceMove.elapsed() >= stillForMs;
+        return m_sinceMove.elapsed() >= standstillMs;
     }
 
 private:
@@ -34,15 +37,16 @@ private:
 
 } // namespace
 
-void commands::release(Session &session)
+void runRelease(Session &session)
 {
     const int id = session.selectGripper();
     const GripperState before = GripperState::read(session.connection(), id);
     if (before.status() == GripperState::Status::Inactive) {
-        throw Failure{ExitCode::Refused,
-                      QStringLiteral("gripper %1 is inactive and lets go of nothing: gripperctl "
-                                     "activate --wait opens it")
-                          .arg(id)};
+        throw Failure{
+            ExitCode::Refused,
+            QStringLiteral("gripper %1 is inactive and cannot let go: gripperctl activate "
+                           "--wait opens it")
+                .arg(id)};
     }
     const int direction = session.options().has("closing") ? 1 : 0;
     session.connection().set(QStringLiteral("ARD %1 ATR 1").arg(direction));
@@ -59,3 +63,5 @@ void commands::release(Session &session)
                                 .arg(text),
                             {{QStringLiteral("gripper"), id}, {QStringLiteral("text"), text}});
 }
+
+} // namespace gripperctl

@@ -4,6 +4,8 @@
 #include "session.h"
 #include "snapshot.h"
 
+namespace gripperctl {
+
 namespace {
 
 QString lineOf(const GripperState &gripper)
@@ -29,10 +31,12 @@ QString textOf(const Snapshot &snapshot)
 
 } // namespace
 
-void commands::scan(Session &session)
+void runScan(Session &session)
 {
     refuseDuringUpgrade(session);
     scanNow(session);
     const Snapshot snapshot = Snapshot::take(session);
     session.output().result(textOf(snapshot), snapshot.toJson());
 }
+
+} // namespace gripperctl

@@ -5,6 +5,8 @@
 #include "snapshot.h"
 #include "texttable.h"
 
+namespace gripperctl {
+
 namespace {
 
 QStringList rowOf(const GripperState &gripper)
@@ -35,7 +37,7 @@ QString tableOf(const Snapshot &snapshot)
 
 } // namespace
 
-void commands::status(Session &session)
+void runStatus(Session &session)
 {
     if (session.options().has("gripper"))
         session.selectGripper();
@@ -44,3 +46,5 @@ void commands::status(Session &session)
                                 .arg(snapshot.driver, snapshot.link, tableOf(snapshot)),
                             snapshot.toJson());
 }
+
+} // namespace gripperctl

@@ -10,6 +10,8 @@
 
 #include <unistd.h>
 
+namespace gripperctl {
+
 namespace {
 
 constexpr int jumpTimeoutMs = 60'000;
@@ -17,26 +19,29 @@ constexpr int jumpTimeoutMs = 60'000;
 void askOnTerminal(const GripperState &gripper)
 {
     std::fprintf(stderr,
-                 "Write new firmware into gripper %d (%s, serial %s)? It must not be switched off "
+                 "Write new firmware into gripper %d (%s, serial %s)? Do not switch it off "
                  "meanwhile. [y/N] ",
                  gripper.id(), qPrintable(gripper.firmware()), qPrintable(gripper.serialNumber()));
     const int answer = std::getchar();
     if (answer != 'y' && answer != 'Y')
-        throw Failure{ExitCode::Interrupted, QStringLiteral("left as it was")};
+        throw Failure{ExitCode::Interrupted,
+                      QStringLiteral("not confirmed: the gripper keeps its firmware")};
 }
 
-void makeSure(Session &session, const GripperState &gripper)
+void confirm(Session &session, const GripperState &gripper)
 {
     if (session.options().has("yes"))
         return;
     if (::isatty(STDIN_FILENO) != 1 || session.output().isJson()) {
-        throw Failure{ExitCode::WrongUsage,
-                      QStringLiteral("an upgrade writes new firmware into the gripper: say --yes")};
+        throw Failure{
+            ExitCode::WrongUsage,
+            QStringLiteral("an upgrade writes new firmware into the gripper: confirm it with "
+                           "--yes")};
     }
     askOnTerminal(gripper);
 }
 
-/// Not interruptible: only the answer tells whether polling has to be unmuted.
+/// Not interruptible: the answer decides whether polling has to be unmuted.
 bool requestUpgrade(Session &session, int id)
 {
     Output &output = session.output();
@@ -48,16 +53,17 @@ bool requestUpgrade(Session &session, int id)
     return isAccepted;
 }
 
-/// What the user has to know after a failure; polling goes on.
+/// For the message of a failed upgrade. Polling is unmuted.
 QString presentState(Session &session, int id)
 {
     if (!scanUntilFound(session, id)) {
-        return QStringLiteral("Polling goes on, but gripper %1 does not answer any more: switch it "
-                              "off and on, then gripperctl scan")
+        return QStringLiteral(
+                   "Polling continues, but gripper %1 does not answer: switch it off and "
+                   "on, then run gripperctl scan")
             .arg(id);
     }
     session.connection().select(id);
-    return QStringLiteral("Polling goes on, and gripper %1 runs firmware %2")
+    return QStringLiteral("Polling continues, and gripper %1 runs firmware %2")
         .arg(id)
         .arg(session.connection().get(QStringLiteral("FWV")));
 }
@@ -68,14 +74,16 @@ QString presentState(Session &session, int id)
     try {
         state = presentState(session, id);
     } catch (const Failure &failure) {
-        // What is wrong with the upgrade is not lost over it.
-        state = QStringLiteral("Polling goes on; more is not known: ") + failure.text;
+        // The message must still name the problem of the upgrade.
+        state = QStringLiteral("Polling continues. The state of the gripper is unknown: ") +
+                failure.text;
     }
     throw Failure{ExitCode::Refused, problem + QLatin1Char(' ') + state};
 }
 
-/// A gripper in its bootloader would take the firmware that is meant for another. The list still
-/// has it until somebody scans. A list with one gripper needs no scan, which would lose that one.
+/// Another gripper in its bootloader would take the firmware of gripper `id`. The daemon lists it
+/// until the next scan. If gripper `id` is the only one listed, no scan is needed; a scan might
+/// lose it.
 void refuseBesideBootloader(Session &session, int id)
 {
     const QVector<int> listed = session.connection().grippers();
@@ -94,75 +102,78 @@ void refuseBesideBootloader(Session &session, int id)
             .arg(id)};
 }
 
-/// Returns when the flasher has ended and polling goes on.
+/// Returns when the flasher has ended and polling is unmuted.
 void flash(Session &session, int id)
 {
     MutedPolling muted(session);
-    muted.letLineFallSilent();
+    muted.waitForSilentLine();
     refuseBesideBootloader(session, id);
-    const Values atFirst = linkValues(session);
+    const Values before = linkValues(session);
     if (!requestUpgrade(session, id)) {
-        // One of another client is refused so, too.
+        // The daemon also refuses while another client's upgrade runs.
         refuseDuringUpgrade(session);
         muted.unmute();
         fail(session, id, QStringLiteral("the gripper was not found in its bootloader."));
     }
-    switch (waitForFlasher(session, muted, atFirst)) {
+    switch (waitForFlasher(session, muted, before)) {
     case FlasherEnd::Ended:
         return;
     case FlasherEnd::NeverStarted:
         fail(session, id,
-             QStringLiteral("the flasher did not start, and polling stayed muted until now: is "
-                            "./romflasher where gripperd runs, and executable?"));
+             QStringLiteral("the flasher did not start, and polling was muted until now: is "
+                            "romflasher in the working directory of gripperd, and executable?"));
     }
 }
 
-QString verdict(const QString &before, const QString &after)
+QString versionsText(const QString &before, const QString &after)
 {
     if (before != after)
         return QStringLiteral("firmware %1 -> %2").arg(before, after);
     return QStringLiteral("firmware %1, as before").arg(after);
 }
 
-/// The protocol does not tell the flasher's exit code: an unchanged version may be the same
-/// firmware written again, or a flasher that failed before it wrote.
-void judge(Session &session, int id, const QString &before, const QString &after)
+/// The daemon does not report the exit code of the flasher. After an unchanged version, either the
+/// same firmware was written again, or the flasher failed before it wrote.
+void checkVersion(Session &session, int id, const QString &before, const QString &after)
 {
     const bool isExpected = session.options().has("expect")
                                 ? session.options().text("expect") == after
                                 : before != after;
     if (!isExpected) {
         throw Failure{ExitCode::Refused,
-                      QStringLiteral("gripper %1 runs %2: the daemon's log tells what the flasher "
-                                     "did (journalctl -u gripperd)")
+                      QStringLiteral("gripper %1 runs %2: see the messages of the flasher in the "
+                                     "daemon's log (journalctl -u gripperd)")
                           .arg(id)
-                          .arg(verdict(before, after))};
+                          .arg(versionsText(before, after))};
     }
-    session.output().result(QStringLiteral("gripper %1: %2").arg(id).arg(verdict(before, after)),
-                            {{QStringLiteral("gripper"), id},
-                             {QStringLiteral("old"), before},
-                             {QStringLiteral("new"), after}});
+    session.output().result(
+        QStringLiteral("gripper %1: %2").arg(id).arg(versionsText(before, after)),
+        {{QStringLiteral("gripper"), id},
+         {QStringLiteral("old"), before},
+         {QStringLiteral("new"), after}});
 }
 
 } // namespace
 
-void commands::upgrade(Session &session)
+void runUpgrade(Session &session)
 {
     const int id = session.selectGripper();
     const GripperState before = GripperState::read(session.connection(), id);
     refuseDuringUpgrade(session);
-    makeSure(session, before);
-    // The answer may have taken its time.
+    confirm(session, before);
+    // Another client may have started an upgrade during the confirmation.
     refuseDuringUpgrade(session);
     flash(session, id);
     if (!scanUntilFound(session, id)) {
         throw Failure{
             ExitCode::NoGripper,
             QStringLiteral("gripper %1 does not answer after the upgrade: its firmware "
-                           "may be incomplete. Switch it off and on and flash it by hand, "
-                           "as the manual of romflasher tells")
+                           "may be incomplete. Switch it off and on, and flash it by hand: see "
+                           "the manual of romflasher")
                 .arg(id)};
     }
     session.connection().select(id);
-    judge(session, id, before.firmware(), session.connection().get(QStringLiteral("FWV")));
+    checkVersion(session, id, before.firmware(), session.connection().get(QStringLiteral("FWV")));
 }
+
+} // namespace gripperctl

@@ -15,10 +15,12 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+namespace gripperctl {
+
 namespace {
 
-constexpr int usualIntervalMs = 200;
-constexpr int usualWidth = 80;
+constexpr int defaultIntervalMs = 200;
+constexpr int defaultWidth = 80;
 
 bool isScreen()
 {
@@ -29,16 +31,16 @@ int screenWidth()
 {
     winsize size = {};
     const bool isKnown = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return isKnown ? size.ws_col : usualWidth;
+    return isKnown ? size.ws_col : defaultWidth;
 }
 
 constexpr const char *enterScreen = "\x1b[?1049h\x1b[?25l";
 constexpr const char *leaveScreen = "\x1b[?25h\x1b[?1049l";
 
-/// As it may be done in a signal handler.
+/// Safe in a signal handler.
 void writeAtOnce(const char *text)
 {
-    // Nobody could be told of a failure.
+    // A handler cannot report a failure.
     [[maybe_unused]] const auto written = ::write(STDOUT_FILENO, text, std::strlen(text));
 }
 
@@ -47,7 +49,7 @@ void catchStop();
 } // namespace
 
 extern "C" {
-/// Ctrl-Z: the shell gets its own screen until it lets us go on.
+/// For Ctrl-Z: the shell gets its own screen until it continues this process.
 static void stopOnOwnScreen(int /*number*/)
 {
     const int errnoBefore = errno;
@@ -65,13 +67,13 @@ void catchStop()
 {
     struct sigaction action = {};
     action.sa_handler = stopOnOwnScreen;
-    // The second one, from the handler, stops the process.
+    // The handler raises the signal again; this second one stops the process.
     action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_NODEFER | SA_RESTART;
     sigemptyset(&action.sa_mask);
     sigaction(SIGTSTP, &action, nullptr);
 }
 
-/// The terminal's second screen, without a cursor; the first comes back at the end.
+/// Shows the second screen of the terminal, without a cursor. The destructor shows the first again.
 class Screen
 {
 public:
@@ -99,16 +101,15 @@ public:
 
 bool showPlain(Session &session, const Snapshot &snapshot)
 {
-    return session.output().result(watchview::plainLines(snapshot).join(QLatin1Char('\n')),
-                                   snapshot.toJson());
+    return session.output().result(watchLines(snapshot).join(QLatin1Char('\n')), snapshot.toJson());
 }
 
-/// Looks until the count is reached, nobody reads any more, or Ctrl-C.
+/// Looks until the count is reached, the reader closes the pipe, or the user presses Ctrl-C.
 template <typename Show>
 void look(Session &session, Show show)
 {
     const int count = session.options().whole("count").value_or(std::numeric_limits<int>::max());
-    Pacer pacer(session.options().milliseconds("interval").value_or(usualIntervalMs));
+    Pacer pacer(session.options().milliseconds("interval").value_or(defaultIntervalMs));
     for (int looks = 1; show(Snapshot::take(session)) && looks < count; ++looks) {
         if (!pacer.waitForNext(std::numeric_limits<qint64>::max()))
             return;
@@ -124,13 +125,13 @@ void lookUntilInterrupted(Session &session)
     const Screen screen;
     const QString host = session.options().endpoint.text();
     look(session, [&](const Snapshot &snapshot) {
-        return screen.show(watchview::screen(snapshot, host, screenWidth()));
+        return screen.show(watchScreen(snapshot, host, screenWidth()));
     });
 }
 
 } // namespace
 
-void commands::watch(Session &session)
+void runWatch(Session &session)
 {
     if (session.options().has("gripper"))
         session.selectGripper();
@@ -141,3 +142,5 @@ void commands::watch(Session &session)
             throw;
     }
 }
+
+} // namespace gripperctl

@@ -1,0 +1,140 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Whether a variable name may contain `c`: an ASCII letter, a digit or an underscore.
+constexpr bool isNameCharacter(char c)
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
+}
+
+/// Whether the value of a SET may contain `c`: a digit or a minus sign, in any order.
+constexpr bool isValueCharacter(char c)
+{
+    return (c >= '0' && c <= '9') || c == '-';
+}
+
+/// One request of a client. Owns its text, so it does not change when more text arrives while the
+/// request is processed.
+struct Request
+{
+    enum class Kind {
+        Get, ///< "GET NAME". Complete as soon as the name has three characters.
+        Set, ///< "SET NAME VALUE NAME VALUE ...". Complete with its line ending.
+    };
+
+    Kind kind = Kind::Get;
+    /// From the keyword to the last character of the line ending, upper case ASCII. The text of an
+    /// ordinary GET fits into the string object and needs no allocation.
+    std::string text;
+    /// Whether `text` ends with a carriage return or a line feed. Always true for a SET.
+    bool hasLineEnding = false;
+
+    /// The three characters of a GET's variable name. Empty for a SET. Refers to `text`.
+    std::string_view variable() const;
+};
+
+/// Holds the text that one client has sent and cuts requests out of it. A request may start
+/// anywhere. The scanner cuts the request that starts first and drops the text before it. A request
+/// is, byte for byte, what one of these patterns matches:
+///
+///     GET "GET (?<variable>[\w_]{3})[ ]*(?<return>[\r\n])*"
+///     SET "SET([ ]+([\w_]{3,9})([ ]+[-\d]{1,3})?)+[ ]*(?<return>[\r\n]+)"
+///
+/// The scanner does not run these patterns. Three digits can be a name or a value, and a matcher
+/// that tries both needs exponential time. The scanner takes linear time and keeps only text that
+/// can still become a request. It knows no socket and pumps no events. Bytes may be appended before
+/// all requests are taken.
+class RequestScanner
+{
+public:
+    /// The greatest length of a SET before its line ending, in bytes. Longer SETs are garbage. A
+    /// client that never ends its line cannot make the daemon keep more.
+    static constexpr std::size_t maxRequestLength = std::size_t(1024) * 1024;
+
+    /// Adds the bytes of one read up to the first zero byte. Decodes them as UTF-8 and converts
+    /// them to upper case. Each read is decoded on its own, so a character that two reads share is
+    /// lost.
+    void append(const char *data, std::size_t size);
+
+    /// Cuts the next request into `request`. Returns false if the text contains no complete
+    /// request. Then `request` is unchanged, and text that cannot become a request is dropped.
+    bool takeNext(Request &request);
+
+    /// Bytes of text that wait for takeNext() or for more text.
+    std::size_t bytesKept() const;
+
+private:
+    /// An offset in all text that this client has ever sent. It stays valid when text is dropped.
+    using Position = std::uint64_t;
+    static constexpr Position none = std::numeric_limits<Position>::max();
+
+    /// Reads a line byte by byte and knows the start of the earliest SET that a line ending can
+    /// still complete. Two positions are enough: after its first name every SET accepts the same
+    /// text, so only the earliest of them matters.
+    class OpenSets
+    {
+    public:
+        /// Starts again with an empty line.
+        void reset();
+        /// Drops the open SETs. The current token continues.
+        void dropSets();
+        /// Reads the byte `c` at position `at`. `c` is no line ending.
+        void read(char c, Position at);
+        /// Whether no SET is open and no keyword has begun. Bytes up to the next "S" may then be
+        /// skipped.
+        bool isIdle() const;
+        /// The start of the earliest open SET, or `none`.
+        Position earliest() const;
+
+    private:
+        void extendToken(char c);
+        void endToken(Position at);
+        bool mayBecomeName() const;
+        bool mayBecomeValue() const;
+
+        Position m_named = none;       ///< The earliest SET with at least one name.
+        Position m_fresh = none;       ///< The SET that waits for its first name.
+        bool m_valueMayFollow = false; ///< The last token of m_named is a name.
+        std::size_t m_tokenLength = 0;
+        bool m_onlyNameCharacters = true;
+        bool m_onlyValueCharacters = true;
+        std::size_t m_keywordLength = 0; ///< The last bytes are this much of "SET".
+    };
+
+    void appendDecoded(std::string_view read);
+    void findLineEnd();
+    void findCompleteSets();
+    Position findGet(Position limit);
+    bool cutGetAtFront(Request &request);
+    bool cutGet(Request &request);
+    void cutGetAt(Position start, Request &request);
+    bool cutSet(Request &request);
+    void cut(Position start, Position end, Request &request);
+    void dropUntil(Position end);
+    void keepOpenLine();
+    void readOpenSetsUntil(Position end);
+    void releaseFront();
+    void releaseMemory();
+
+    Position textEnd() const;
+    Position lineLimit() const;
+    Position skipSpaces(Position from) const;
+    Position skipLineEndings(Position from) const;
+    std::string_view view(Position from, Position to) const;
+
+    std::string m_text;               ///< Starts at m_base.
+    Position m_base = 0;              ///< The position of the first byte of m_text.
+    Position m_cut = 0;               ///< The text before this position is consumed.
+    Position m_endSearched = 0;       ///< No line ending is between m_cut and this position.
+    Position m_getSearched = 0;       ///< No GET starts between m_cut and this position.
+    Position m_openSetsRead = 0;      ///< m_openSets has read the text up to this position.
+    Position m_lineEnd = none;        ///< The first line ending, if it is known.
+    std::vector<Position> m_complete; ///< SETs that m_lineEnd completes. The earliest is last.
+    OpenSets m_openSets;
+};

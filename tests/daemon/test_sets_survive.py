@@ -1,0 +1,118 @@
+"""SETs that are acknowledged around a slave id move, an upgrade or a lost link reach the gripper."""
+
+import time
+
+import pytest
+from harness.benches import Bench, benches
+from harness.line import Line, Slave
+from harness.moving import MovingSlave
+from harness.upgrades import put_flasher
+from harness.waiting import eventually
+
+MOVE_LIMIT = 20.0
+
+
+def position_request(slave):
+    return slave.get(1001)[0] & 0xFF
+
+
+def wait_for_position(line, slave_id, position):
+    eventually(
+        lambda: position_request(line[slave_id]) == position,
+        what=lambda: f"position {position}: {line[slave_id].get(1000, 3)}",
+    )
+
+
+@pytest.fixture
+def moving(start_daemon):
+    """A line whose gripper can move from id 9, and a daemon that has written its outputs."""
+    with Line(MovingSlave(9)) as line:
+        start_daemon().wait_until_found(9)
+        line.wait_for(lambda request: request.is_write(1000), 1)
+        yield line
+
+
+def test_before_a_move_to_the_same_id(moving, connect):
+    assert connect().set("POS 77 NID 9", timeout=MOVE_LIMIT) == "ack"
+    wait_for_position(moving, 9, 77)
+
+
+def test_during_a_move_to_the_same_id(moving, connect):
+    mover, other = connect(), connect()
+    slave = moving[9]
+    slave.script = lambda r: [(0.03, slave.plain_answer(r))] if r.is_read(430) else None
+    mark = moving.mark()
+    mover.send("SET NID 9\n")
+    moving.wait_for(lambda request: request.is_read(430), 1, mark)
+    assert other.set("POS 78") == "ack"
+    assert mover.receive(3, timeout=MOVE_LIMIT) == b"ack"
+    wait_for_position(moving, 9, 78)
+
+
+def test_after_a_scan_inside_a_move(moving, connect):
+    mover, other = connect(), connect()
+    mover.send("SET NID 2\n")
+    moving.wait_for(lambda request: request.is_write(430), 1)
+    assert other.set("SCN_BLOCK", timeout=MOVE_LIMIT) == "ack"
+    assert other.get("SID") == "[9]"
+    assert other.set("POS 80 SPE 90 LGN 1") == "ack"
+    assert mover.receive(3, timeout=MOVE_LIMIT) == b"ack"
+    wait_for_position(moving, 2, 80)
+
+
+def test_on_the_new_id_that_a_scan_inside_the_move_finds(moving, connect):
+    mover, other = connect(), connect()
+    mover.send("SET NID 2\n")
+    eventually(lambda: 2 in moving.slaves, 10.0)
+    assert other.set("SCN_BLOCK", timeout=MOVE_LIMIT) == "ack"
+    assert other.get("SID") == "[2]"
+    assert other.set("SID 2") == "ack"
+    assert other.set("POS 81") == "ack"
+    assert mover.receive(3, timeout=MOVE_LIMIT) == b"ack"
+    wait_for_position(moving, 2, 81)
+
+
+def test_on_another_gripper_during_an_upgrade(start_daemon, connect, tmp_path):
+    with benches(Bench, start_daemon, connect) as make:
+        put_flasher(tmp_path, "until [ -e end ]; do sleep 0.02; done")
+        bench = make("9=TA3-1.6.13", "4=TB1-1.4.3", cwd=tmp_path)
+        assert bench.client.set("UPG 1", timeout=15.0) == "ack"
+        other = bench.connect()
+        assert other.set("SID 4") == "ack"
+        assert other.set("POS 82 GTO 1") == "ack"
+        bench.line.command("restart 9")
+        (tmp_path / "end").touch()
+        eventually(lambda: bench.line.registers(4, 1001)[0] & 0xFF == 82, 10.0)
+
+
+def test_before_the_link_is_closed_for_missing_answers(start_daemon, connect):
+    with Line(Slave(9)) as line:
+        daemon = start_daemon().wait_until_found(9)
+        client = connect()
+        line.wait_for(lambda request: request.is_write(1000), 1)
+        silent_until = time.monotonic() + 0.6
+
+        def silence(request):
+            return b"" if request.is_write(1000) and time.monotonic() < silent_until else None
+
+        line[9].script = silence
+        mark = daemon.mark()
+        assert client.set("POS 85") == "ack"
+        daemon.wait_until_found(9, since=mark)
+        wait_for_position(line, 9, 85)
+
+
+def test_of_a_gripper_that_was_swapped_do_not_reach_the_other_one(start_daemon, connect):
+    with Line(Slave(9, serial=42)) as line:
+        daemon = start_daemon().wait_until_found(9)
+        line.wait_for(lambda request: request.is_write(1000), 1)
+        line[9].script = lambda request: b"" if request.is_write(1000) else None
+        mark = daemon.mark()
+        assert connect().set("POS 86") == "ack"
+        daemon.wait_for_line(r"updateOutput\(\) fail counter:  5", mark)
+        swapped = Slave(9, serial=43)
+        swapped.line = line
+        line.slaves[9] = swapped
+        daemon.wait_until_found(9, since=mark)
+        line.wait_for(lambda request: request.is_write(1000), 1, line.mark())
+        assert position_request(swapped) == 0
