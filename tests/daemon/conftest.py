@@ -1,8 +1,7 @@
-"""What every test of the daemon starts from.
+"""Fixtures of all daemon tests.
 
-The tests of one file share the port, the line and this process, and run one
-after another; ctest runs the files side by side, each in namespaces of its own
-(scripts/isolated --net).
+The tests of one file share the port, the line and this process, and run one after another. ctest
+runs the files side by side, each in its own namespaces (scripts/isolated --net).
 """
 
 import contextlib
@@ -20,7 +19,7 @@ from harness.line import Line, Slave
 from harness.stalls import STALL_LIMIT, StallWatch
 
 REPETITIONS = 2
-# A daemon that several tests share recovers from the stall meanwhile.
+# Time for a daemon that several tests share to recover from a stall of the machine.
 RECOVERY_SECONDS = 2
 
 
@@ -40,7 +39,7 @@ def pytest_configure(config):
 
 
 def pytest_collection_modifyitems(items):
-    """Lets a failed test repeat if, and only if, the machine stood still while it ran."""
+    """Repeats a failed test only if the machine stalled while it ran."""
     for item in items:
         item.add_marker(
             pytest.mark.flaky(
@@ -52,8 +51,8 @@ def pytest_collection_modifyitems(items):
 
 
 def pytest_collection_finish(session):
-    # A slave has tens of milliseconds to answer, whatever the machine does beside it.
-    # Files that keep the processor busy themselves say so, and keep the usual priority.
+    # A slave has tens of milliseconds to answer, so the tests need a high priority on a busy
+    # machine. Files that keep the processor busy set FLOODS and keep the usual priority.
     if not any(getattr(item.module, "FLOODS", False) for item in session.items):
         with contextlib.suppress(PermissionError):
             os.nice(-10)
@@ -64,7 +63,7 @@ def pytest_collection_finish(session):
 
 @pytest.hookimpl(tryfirst=True)
 def pytest_runtest_setup(item):
-    item.config.stall_watch.start_over()
+    item.config.stall_watch.reset_worst()
 
 
 def pytest_sessionstart(session):
@@ -79,27 +78,27 @@ def pytest_terminal_summary(terminalreporter, config):
         terminalreporter.write_line(f"figure  {line}")
     for report in terminalreporter.stats.get("rerun", []):
         terminalreporter.write_line(
-            f"{report.nodeid} failed while the machine stood still, and was repeated:"
+            f"{report.nodeid} failed while the machine stalled, so pytest repeated it:"
         )
         terminalreporter.write_line(report.longreprtext)
 
 
 @pytest.fixture
 def figure(request):
-    """figure(text) keeps what the test has measured, to be printed at the end."""
+    """figure(text) keeps a measured value and prints it at the end."""
     return lambda text: request.config.figures.add(request.node.name, text)
 
 
 @pytest.fixture
 def start_daemon(tmp_path):
-    """start_daemon(...) gives a listening daemon that must quit in form at the test's end."""
+    """start_daemon(...) returns a listening daemon that must quit cleanly at the test's end."""
     with daemons(tmp_path) as start:
         yield start
 
 
 @pytest.fixture(scope="module")
 def start_module_daemon(tmp_path_factory):
-    """The same for tests that share one daemon."""
+    """As start_daemon, for all tests of a file."""
     with daemons(tmp_path_factory.mktemp("daemon")) as start:
         yield start
 
@@ -117,7 +116,7 @@ def daemons(folder):
     try:
         yield start
         for daemon in started:
-            # A test that ends its daemon itself has looked at the status itself.
+            # A test that ends its daemon also checks the status.
             if daemon.process.returncode is None:
                 daemon.finish()
     finally:
@@ -127,7 +126,7 @@ def daemons(folder):
 
 @pytest.fixture
 def connect():
-    """connect() gives a client that is closed at the test's end."""
+    """connect() returns a client; the fixture closes it at the test's end."""
     clients = []
 
     def new_client(**options):
@@ -141,7 +140,7 @@ def connect():
 
 @pytest.fixture
 def line():
-    """A line with one gripper, id 9."""
+    """A line with one gripper, slave id 9."""
     with Line(Slave(9)) as plugged:
         yield plugged
 
@@ -150,3 +149,18 @@ def line():
 def found(line, start_daemon):
     """A daemon that has found the gripper of `line`."""
     return start_daemon().wait_until_found(9)
+
+
+@pytest.fixture(scope="module")
+def module_line():
+    """As `line`, for all tests of a file; every test leaves it as it was."""
+    with Line(Slave(9)) as plugged:
+        yield plugged
+
+
+@pytest.fixture(scope="module")
+def module_found(module_line, start_module_daemon):
+    """As `found`, for all tests of a file. The daemon has done its first write."""
+    daemon = start_module_daemon().wait_until_found(9)
+    module_line.wait_for(lambda r: r.is_write(1000))
+    return daemon

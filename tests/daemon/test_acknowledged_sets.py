@@ -1,4 +1,4 @@
-"""Acknowledged values reach the gripper, past late answers, scans and doubled answers."""
+"""Acknowledged values reach the gripper despite late answers, scans and doubled answers."""
 
 import pytest
 from harness import modbus
@@ -6,7 +6,7 @@ from harness.line import Line, Slave
 from harness.waiting import eventually
 
 GO_TO = 0x0800
-# An active gripper that holds a part at 120: every bit that its status and its output share.
+# An active gripper that holds a part at 120, with all bits that status and output share.
 HOLDING_STATUS = [0x7900, 0x0078, 0x6400]
 HOLDING_OUTPUT = [0x0900, 0x0078]
 
@@ -35,7 +35,7 @@ def test_a_late_answer_to_the_old_value_does_not_acknowledge_the_new_one(
         attempt = len(line.since(mark, is_write))
         if attempt == 0:
             return [(delay, line[9].plain_answer(request))]
-        # The repetition never reaches the gripper.
+        # The repetition does not reach the gripper.
         return b"" if attempt == 1 else None
 
     line[9].script = late_then_lost
@@ -43,7 +43,7 @@ def test_a_late_answer_to_the_old_value_does_not_acknowledge_the_new_one(
     line.wait_for(is_write, 1, mark)
     assert client.set("GTO 0") == "ack"
     eventually(lambda: output(line) == [0, 0, 50 << 8], 2.0, lambda: line.since(mark, is_write))
-    # The second attempt carried the new value, and only the third one arrived.
+    # The second attempt had the new value, but only the third one arrived.
     values = [r.values for r in line.since(mark, is_write)]
     assert values == [[GO_TO, 0, 50 << 8], [0, 0, 50 << 8], [0, 0, 50 << 8]]
 
@@ -65,7 +65,7 @@ def test_a_set_during_a_scan_reaches_the_gripper(found, line, connect, scan, sla
     eventually(lambda: output(line) == [0x0100, 120, 50 << 8], 2.0, lambda: output(line))
 
 
-def test_a_set_to_the_value_of_before_the_scan_reaches_the_gripper(found, line, connect):
+def test_a_set_back_to_the_old_value_during_a_scan_reaches_the_gripper(found, line, connect):
     scanning, client = connect(), connect()
     assert client.set("SPE 50 FOR 60") == "ack"
     eventually(lambda: output(line) == [0, 0, 50 << 8 | 60])
@@ -80,7 +80,7 @@ def test_a_set_to_the_value_of_before_the_scan_reaches_the_gripper(found, line, 
     assert output(line) == [0, 0, 50 << 8]
 
 
-def test_a_set_that_was_not_written_before_the_scan_reaches_the_gripper(found, line, connect):
+def test_a_set_just_before_a_scan_reaches_the_gripper(found, line, connect):
     client = connect()
     assert client.set("MUTE 1") == "ack"
     line.wait_until_quiet()
@@ -95,7 +95,7 @@ def test_a_set_that_was_not_written_before_the_scan_reaches_the_gripper(found, l
     [("SET SCN_BLOCK 1 POS 120\n", b"ack"), ("SET SCN_BLOCK\nSET POS 120\n", b"ackack")],
     ids=["same request", "same packet"],
 )
-def test_what_follows_a_scan_in_its_batch_reaches_the_gripper(
+def test_a_set_after_a_scan_in_one_batch_reaches_the_gripper(
     found, line, connect, packet, replies
 ):
     client = connect()
@@ -104,11 +104,11 @@ def test_what_follows_a_scan_in_its_batch_reaches_the_gripper(
     eventually(lambda: output(line) == [0, 120, 0], 2.0, lambda: output(line))
 
 
-def test_a_batch_that_another_clients_scan_interrupts_reaches_the_gripper(found, line, connect):
+def test_a_batch_with_a_scan_inside_another_clients_scan_reaches_the_gripper(found, line, connect):
     scanning, client = connect(), connect()
     line.wait_until_polled(9, 2)
     mark = line.mark()
-    # The scan of the batch ends inside that of the other client, which begins later.
+    # The scan of the batch ends after the scan of the other client, which begins later.
     client.send("SET SCN_BLOCK\nSET POS 120\n")
     line.wait_for(lambda r: r.is_read(500), 1, mark)
     scanning.send("SET SCN_BLOCK 1 SPE 50\n")
@@ -134,24 +134,24 @@ def assert_only_the_held_values_are_written(line):
 
 
 @pytest.mark.parametrize("delay", [0.032, 0.036])
-def test_a_version_that_arrives_twice_is_no_status(start_daemon, delay):
+def test_a_version_that_arrives_twice_is_not_read_as_status(start_daemon, delay):
     with holding_line() as line:
 
         def twice(request):
             if request.is_read(500):
                 return [(0.0, version_answer(line)), (delay, version_answer(line))]
-            # Long enough for the second copy to arrive in the wait for this one.
+            # The second copy arrives while the daemon waits for this answer.
             status = modbus.read_answer(9, HOLDING_STATUS)
             return [(0.02, status)] if request.is_read(2000) else None
 
         line[9].script = twice
         start_daemon()
         assert_only_the_held_values_are_written(line)
-        # One probe: the gripper was found all the same.
+        # There was one probe only: it found the gripper.
         assert len([r for r in line.since(0) if r.slave == 9 and r.is_read(500)]) == 1
 
 
-def test_a_version_that_arrives_in_place_of_the_status_is_not_believed(start_daemon):
+def test_a_version_in_place_of_the_status_is_refused(start_daemon):
     with holding_line() as line:
 
         def once_in_its_place(request):

@@ -1,11 +1,9 @@
-"""Grippers sent into their bootloaders: what is written, what is looked for, what is told."""
+"""Jumps into the bootloader: the writes, the search for the bootloader, the replies."""
 
-import signal
 import time
 
 import pytest
 from harness.benches import Bench, benches
-from harness.daemon import QUIT_LIMIT
 from harness.upgrades import polls_nothing
 from harness.waiting import eventually
 
@@ -15,7 +13,7 @@ SYNC = b"\x7f"
 
 class JumpBench(Bench):
     def silence(self):
-        """A quiet line, so that nothing but the jump is on it."""
+        """Mutes polling, so the jump is the only traffic on the line."""
         assert self.client.set("MUTE 1") == "ack"
         eventually(lambda: polls_nothing(self.line, 0.15))
 
@@ -26,16 +24,16 @@ class JumpBench(Bench):
     def resets(self):
         return [(r.slave, r.values) for r in self.line.since(self.mark, lambda r: r.is_write(400))]
 
-    def knocks(self):
-        """(byte, rate) of what is no Modbus since the jump."""
-        # Its answer comes behind all that the simulator has told before.
-        self.line.tell("show")
+    def sync_bytes(self):
+        """Returns (byte, rate) of all bytes that are not Modbus since the jump."""
+        # The simulator answers after all trace lines that it has printed before.
+        self.line.command("show")
         since = self.foreign_mark
         pairs = zip(self.line.foreign[since:], self.line.foreign_rates[since:])
         return [(data[n : n + 1], rate) for data, rate in pairs for n in range(len(data))]
 
     def state(self, slave_id):
-        shown = next(s for s in self.line.tell("show") if s.startswith(f"gripper {slave_id} "))
+        shown = next(s for s in self.line.command("show") if s.startswith(f"gripper {slave_id} "))
         last = shown.split()[-1]
         return "firmware" if "=" in last else last
 
@@ -61,11 +59,11 @@ def test_jumps_into_the_bootloader_of_the_family(make_bench, gripper, word, rate
     bench.silence()
     assert bench.jump() == "ack"
     assert bench.resets() == [(9, [word])]
-    assert set(bench.knocks()) == {(SYNC, rate)}
+    assert set(bench.sync_bytes()) == {(SYNC, rate)}
     assert bench.state(9) == "bootloader"
     # The link is closed, and polling is muted.
     assert not any("/dev/pts/" in name for name in bench.daemon.descriptors())
-    bench.line.tell("restart 9")
+    bench.line.command("restart 9")
     assert polls_nothing(bench.line, 1.0)
     assert bench.client.set("MUTE 0") == "ack"
     bench.line.wait_until_polled(9, 2)
@@ -74,38 +72,38 @@ def test_jumps_into_the_bootloader_of_the_family(make_bench, gripper, word, rate
 def test_a_jump_mutes_polling_by_itself(make_bench):
     bench = make_bench()
     assert bench.jump() == "ack"
-    bench.line.tell("restart 9")
+    bench.line.command("restart 9")
     eventually(lambda: bench.state(9) == "firmware")
     time.sleep(0.1)
     assert polls_nothing(bench.line, 1.0)
 
 
-def test_already_in_the_bootloader_is_true_without_reset_or_muting(make_bench):
+def test_a_gripper_in_its_bootloader_gets_no_reset_and_polling_stays_on(make_bench):
     bench = make_bench()
     bench.silence()
     assert bench.jump() == "ack"
     assert bench.jump() == "ack"
     assert bench.resets() == []
-    assert set(bench.knocks()) == {(SYNC, 19200)}
+    assert set(bench.sync_bytes()) == {(SYNC, 19200)}
     assert bench.client.set("MUTE 0") == "ack"
-    # Unmuted, but away: the gripper is forgotten by the next discovery.
+    # Polling is not muted, so the next discovery drops the gripper.
     eventually(lambda: bench.client.get("SID") == "[]")
 
 
-def test_the_first_reset_value_of_the_process_counts_for_all(make_bench):
+def test_the_first_reset_value_of_the_process_is_used_for_all_families(make_bench):
     bench = make_bench("9=TA3-1.6.14", "2=TE1-2.0.2")
     bench.silence()
     assert bench.jump() == "ack"
-    bench.line.tell("restart 9")
+    bench.line.command("restart 9")
     eventually(lambda: bench.state(9) == "firmware")
     assert bench.client.set("MUTE 0") == "ack"
     bench.daemon.wait_until_found(2, 9, since=bench.daemon.mark())
     assert bench.client.set("SID 2") == "ack"
     bench.silence()
     assert bench.jump() == "ack"
-    # Meant was 0x3500; the rate is that of the gripper's own bootloader all the same.
+    # The right word is 0x3500. The rate is nevertheless that of the gripper's own bootloader.
     assert bench.resets() == [(2, [ROM])]
-    assert set(bench.knocks()) == {(SYNC, 115200)}
+    assert set(bench.sync_bytes()) == {(SYNC, 115200)}
 
 
 def test_a_negative_acknowledge_counts_as_a_bootloader(make_bench):
@@ -115,44 +113,44 @@ def test_a_negative_acknowledge_counts_as_a_bootloader(make_bench):
     assert bench.jump() == "ack"
     assert bench.jump() == "ack"
     assert bench.resets() == []
-    # The first byte is taken for half a command, the second makes it a wrong one; an answer that
-    # comes later than 50 ms costs one more.
-    assert len(bench.knocks()) >= 2
+    # The bootloader reads the first byte as half a command, and the second completes a wrong one.
+    # An answer after more than 50 ms costs one more byte.
+    assert len(bench.sync_bytes()) >= 2
 
 
-def test_an_answer_of_two_bytes_is_none(make_bench):
+def test_an_answer_of_two_bytes_is_refused(make_bench):
     bench = make_bench()
     bench.silence()
-    bench.line.tell("fault 9 doubleAck always")
+    bench.line.command("fault 9 doubleAck always")
     assert bench.jump() == "nak"
-    assert len(bench.knocks()) == 51
+    assert len(bench.sync_bytes()) == 51
 
 
 def test_a_silent_bootloader_is_refused_after_51_attempts_and_polling_is_muted(make_bench):
     bench = make_bench()
     bench.silence()
-    bench.line.tell("fault 9 silentBootloader always")
+    bench.line.command("fault 9 silentBootloader always")
     started = time.monotonic()
     assert bench.jump() == "nak"
     assert time.monotonic() - started < 51 * 0.1 + 0.5
-    assert bench.knocks() == [(SYNC, 19200)] * 51
+    assert bench.sync_bytes() == [(SYNC, 19200)] * 51
     assert bench.resets() == [(9, [ROM])]
-    bench.line.tell("restart 9")
+    bench.line.command("restart 9")
     assert polls_nothing(bench.line, 1.0)
     assert bench.client.set("MUTE 0") == "ack"
     bench.line.wait_until_polled(9, 2)
 
 
-def test_a_refused_reset_is_looked_for_and_leaves_the_link_as_it_was(make_bench):
-    """A lost answer and a refusal look the same; the search finds a running firmware."""
+def test_after_a_refused_reset_the_daemon_searches_and_the_link_stays_open(make_bench):
+    """The daemon cannot tell a lost answer from a refusal; its search finds a running firmware."""
     bench = make_bench()
     bench.silence()
-    bench.line.tell("fault 9 exception always 3 on 400")
+    bench.line.command("fault 9 exception always 3 on 400")
     assert bench.jump() == "nak"
     assert bench.resets() == [(9, [ROM])]
-    assert bench.knocks() == [(SYNC, 19200)] * 51
+    assert bench.sync_bytes() == [(SYNC, 19200)] * 51
     assert bench.state(9) == "firmware"
-    # Muted even so, on an open link.
+    # The link is open, but polling is muted.
     assert polls_nothing(bench.line, 0.5)
     mark = bench.daemon.mark()
     assert bench.client.set("MUTE 0") == "ack"
@@ -164,36 +162,24 @@ def test_a_refused_reset_is_looked_for_and_leaves_the_link_as_it_was(make_bench)
 def test_a_jump_whose_answer_is_lost_is_acknowledged(make_bench, fault):
     bench = make_bench()
     bench.silence()
-    bench.line.tell(f"fault 9 {fault} on 400")
+    bench.line.command(f"fault 9 {fault} on 400")
     assert bench.jump() == "ack"
     assert bench.resets() == [(9, [ROM])]
     assert bench.state(9) == "bootloader"
     assert not any("/dev/pts/" in name for name in bench.daemon.descriptors())
-    bench.line.tell("restart 9")
+    bench.line.command("restart 9")
     assert bench.client.set("MUTE 0") == "ack"
     bench.line.wait_until_polled(9, 2)
-
-
-@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=["TERM", "INT"])
-def test_a_quit_signal_during_detection_ends_the_daemon(make_bench, number):
-    bench = make_bench()
-    bench.line.tell("fault 9 silentBootloader always")
-    foreign_mark = len(bench.line.foreign)
-    bench.client.send("SET BLD 1\n")
-    eventually(lambda: len(bench.line.foreign) > foreign_mark + 2)
-    status, seconds = bench.daemon.stop(number)
-    assert status == 0
-    assert seconds < QUIT_LIMIT
 
 
 def test_replies_of_other_clients_are_sent_before_detection_blocks(make_bench):
     bench = make_bench()
     bench.silence()
-    bench.line.tell("fault 9 silentBootloader always")
+    bench.line.command("fault 9 silentBootloader always")
     for _ in range(2):
         # Both requests reach the daemon while it waits for the answer of the reset.
         others = [bench.connect() for _ in range(5)]
-        bench.line.tell("fault 9 late always 35 on 400")
+        bench.line.command("fault 9 late always 35 on 400")
         mark, foreign_mark = bench.line.mark(), len(bench.line.foreign)
         bench.client.send("SET BLD 1\n")
         bench.line.wait_for(lambda r: r.is_write(400), since=mark)
@@ -203,7 +189,7 @@ def test_replies_of_other_clients_are_sent_before_detection_blocks(make_bench):
             assert other.receive_line(1.0) == b"VER MZV-2.0.0\n"
         assert len(bench.line.foreign) - foreign_mark < 20
         assert bench.client.receive(3, timeout=15) == b"nak"
-        bench.line.tell("restart 9")
+        bench.line.command("restart 9")
         mark = bench.daemon.mark()
         assert bench.client.set("MUTE 0") == "ack"
         bench.daemon.wait_until_found(9, since=mark)

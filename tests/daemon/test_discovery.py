@@ -1,4 +1,4 @@
-"""Finding the grippers of a line."""
+"""The discovery of the grippers on a line."""
 
 import os
 import signal
@@ -12,10 +12,6 @@ from harness.waiting import eventually
 
 def is_probe(request):
     return request.is_read(500)
-
-
-def probes(line, since=0):
-    return [r.slave for r in line.since(since, is_probe)]
 
 
 def test_probes_9_2_3_4_in_this_order_and_no_other(start_daemon):
@@ -57,7 +53,7 @@ def test_every_probe_waits_200_ms_before_it_asks(start_daemon):
     with Line() as line:
         start_daemon()
         asked = [r.at for r in line.wait_for(is_probe, 4)]
-    # An id that does not answer takes its 62 ms as well.
+    # The deadline of an unanswered probe adds 62 ms.
     gaps = [later - earlier for earlier, later in zip(asked, asked[1:])]
     assert all(0.255 < gap < 0.4 for gap in gaps), gaps
 
@@ -101,7 +97,7 @@ def test_a_port_that_appears_later_is_found(start_daemon, connect):
         assert connect().get("FWV") == "TA3-1.6.14"
 
 
-def test_a_path_that_is_no_serial_port_is_no_port(start_daemon, connect):
+def test_a_path_that_is_not_a_serial_port_is_skipped(start_daemon, connect):
     with open("/dev/ttyTool", "w", encoding="ascii"):
         pass
     try:
@@ -122,7 +118,7 @@ def test_polling_begins_with_the_second_gripper(start_daemon):
     assert [r.slave for r in polled] == [9, 2, 9, 2]
 
 
-def test_a_scan_finds_what_has_come_and_drops_what_has_gone(start_daemon, connect):
+def test_a_scan_finds_new_grippers_and_drops_missing_ones(start_daemon, connect):
     with Line(Slave(9), Slave(2), Slave(4)) as line:
         line[4].listening = False
         start_daemon().wait_until_found(9, 2)
@@ -151,13 +147,13 @@ def lock_or_device_names(daemon):
     return ["/dev/ttyTool" for name in daemon.descriptors() if name == target]
 
 
-def test_the_new_gripper_starts_from_what_the_device_does(found, line, connect):
+def test_a_found_gripper_starts_from_the_state_of_the_device(found, line, connect):
     client = connect()
     assert client.set("POS 77 SPE 88 GTO 1") == "ack"
     eventually(lambda: line[9].get(1001) == [77])
-    # Active, on its way to 140.
+    # The gripper is active and moves to 140.
     line[9].put(2000, 0x3900, 140, 0)
-    # A scan that starts inside a tick would let that tick write to the old gripper.
+    # Without muting, the scan could start inside a tick, which would write to the old gripper.
     assert client.set("MUTE 1") == "ack"
     line.wait_until_quiet()
     assert client.set("SCN_BLOCK") == "ack"
@@ -181,7 +177,7 @@ def test_a_late_answer_of_one_probe_does_not_spoil_the_next(start_daemon, connec
 
 def test_noise_between_the_requests_does_not_spoil_the_next(start_daemon, connect):
     noisy, good = Slave(3), Slave(4)
-    # Comes when nobody waits for anything, and in three pieces.
+    # The noise arrives in three pieces while the daemon expects no answer.
     noisy.script = lambda request: [(0.1, b"\x04"), (0.15, b"\x03\x06"), (0.2, b"\xff" * 20)]
     with Line(noisy, good):
         start_daemon().wait_until_found(4)
@@ -191,15 +187,15 @@ def test_noise_between_the_requests_does_not_spoil_the_next(start_daemon, connec
             assert client.get("SID") == "[4]"
 
 
-def test_what_lies_in_the_kernel_is_discarded_before_a_request(found, line, connect):
-    """Answers that came while the daemon had no chance to fetch them."""
+def test_unread_input_in_the_kernel_is_discarded_before_a_request(found, line, connect):
+    """Answers that arrived while the daemon was stopped are discarded."""
     client = connect()
     line[9].put(2002, 0x6400)
     line.wait_until_polled(9)
     stale = modbus.read_answer(9, [0x3900, 0, 0xFF00])
     for _ in range(20):
         line.wait_for(lambda r: r.is_read(604), 1, line.mark())
-        # The visit's last answer is on its way; let it be taken first.
+        # The daemon reads the last answer of the visit first.
         time.sleep(0.012)
         found.process.send_signal(signal.SIGSTOP)
         line.send(stale + b"\x09\x03")
@@ -211,7 +207,7 @@ def test_what_lies_in_the_kernel_is_discarded_before_a_request(found, line, conn
 
 
 @pytest.mark.parametrize("rounds", [4])
-def test_scan_after_scan_leaves_nothing_behind(found, line, connect, rounds):
+def test_repeated_scans_leak_nothing(found, line, connect, rounds):
     client = connect()
     assert client.set("SCN_BLOCK") == "ack"
     before = found.descriptors()

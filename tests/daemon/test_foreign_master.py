@@ -1,4 +1,4 @@
-"""The simulator asked by a Modbus master that is not ours."""
+"""The simulator and a Modbus master of other authors."""
 
 import re
 import subprocess
@@ -10,7 +10,7 @@ LINE = ["-m", "rtu", "-b", "115200", "-P", "none", "-0", "-o", "0.5", "-t", "4:h
 
 
 def mbpoll(slave_id, address, *values, count=1):
-    """(exit status, registers read)."""
+    """Returns (exit status, registers read, output)."""
     command = ["mbpoll", *LINE, "-a", str(slave_id), "-r", str(address)]
     if not values:
         command += ["-c", str(count), "-1"]
@@ -42,7 +42,7 @@ def test_writes_the_command_block_and_reads_it_back(simulator):
     assert status == 0, text
     assert mbpoll(2, 1000, count=3)[1] == [0, 0x64, 0x1020]
     assert simulator.registers(2, 1000, 3) == [0, 0x64, 0x1020]
-    # The position asked for is echoed in the status block.
+    # The status block echoes the requested position.
     assert mbpoll(2, 2001)[1] == [0x64]
 
 
@@ -56,19 +56,19 @@ def test_activates_a_gripper(simulator):
     assert 0x1100 in seen
 
 
-def test_an_id_that_is_not_there_does_not_answer(simulator):
+def test_an_id_without_a_gripper_does_not_answer(simulator):
     status, registers, text = mbpoll(5, 500)
     assert (status != 0 or "timed out" in text) and registers == []
     assert "timed out" in text
 
 
-def test_a_register_that_is_not_there_is_refused(simulator):
+def test_an_unknown_register_is_refused(simulator):
     _, registers, text = mbpoll(9, 3000)
     assert registers == []
     assert "Illegal data address" in text
 
 
-def test_a_function_that_is_not_there_is_refused(simulator):
+def test_an_unknown_function_is_refused(simulator):
     command = ["mbpoll", *LINE[:-2], "-t", "3", "-a", "9", "-r", "2000", "-c", "1", "-1"]
     done = subprocess.run(
         [*command, "/dev/ttyTool"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=10

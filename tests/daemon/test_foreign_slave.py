@@ -1,4 +1,4 @@
-"""The daemon against a Modbus slave that is not ours."""
+"""The daemon and a Modbus slave of other authors."""
 
 import os
 import select
@@ -12,7 +12,7 @@ from harness.children import spawn
 from harness.line import version_registers
 from harness.waiting import eventually
 
-# A plain register image on a serial port: prints every block that was written.
+# A plain register image on a serial port. It prints every written block.
 SERVER = """
 import sys
 from pymodbus.datastore import ModbusServerContext, ModbusSlaveContext, ModbusSparseDataBlock
@@ -36,7 +36,7 @@ StartSerialServer(
 
 
 class Cable:
-    """Two ptys, each the other's far end."""
+    """Two connected ptys."""
 
     def __init__(self, link):
         self.link = link

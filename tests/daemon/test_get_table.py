@@ -5,7 +5,7 @@ from harness.line import Line, Slave
 
 ENDINGS = ["", "\n", "\r", "\r\n"]
 
-# Register image: every field holds another value.
+# The register image has a different value in every field.
 VACUUM, ACTIVATED, MODE, GOTO, STATUS, OBJECT = 2, 1, 1, 1, 3, 2
 STATUS_WORD = VACUUM | ACTIVATED << 8 | MODE << 9 | GOTO << 11 | STATUS << 12 | OBJECT << 14
 OUTPUT = "LBP 1 LGN 1 LRD 0 LBL 1 MSC 77 SPE 88 FOR 99"
@@ -68,7 +68,7 @@ def assert_answer(client, name, ending, value):
     client.send(f"GET {name}{ending}")
     expected = f"{name} {value}\n" if ending else value
     assert client.receive(len(expected)).decode() == expected
-    # No more than that: the next answer follows directly.
+    # The next reply must follow directly.
     client.send("GET PCO\n")
     assert client.receive_line() == b"PCO 0\n"
 
@@ -97,11 +97,11 @@ def test_needs_no_gripper(client, name, ending, slave_id):
 
 @pytest.mark.parametrize("ending", ENDINGS, ids=repr)
 @pytest.mark.parametrize("name", UNKNOWN_TO_GET)
-def test_name_that_get_does_not_know_is_a_question_mark(client, name, ending):
+def test_unknown_name_is_a_question_mark(client, name, ending):
     assert_answer(client, name, ending, "?")
 
 
-def test_asking_never_touches_the_line_or_the_output(client, grippers):
+def test_a_get_sends_nothing_and_changes_no_output(client, grippers):
     grippers.wait_until_polled(9)
     assert client.set("MUTE 1") == "ack"
     grippers.wait_until_quiet()

@@ -1,4 +1,4 @@
-"""What a daemon answers that has never found a gripper."""
+"""The replies of a daemon that has never found a gripper."""
 
 import pytest
 from test_get_table import UNKNOWN_TO_GET, WITH_GRIPPER

@@ -1,9 +1,9 @@
-"""gripperctl against the real daemon and simulated grippers: scans, ids, firmware."""
+"""gripperctl with the real daemon and simulated grippers: scans, ids, firmware."""
 
 import pytest
 from harness import gripperctl
 from harness.flashing import make_image
-from harness.gripperctl import as_json, badly, ctl, start_ctl, well
+from harness.gripperctl import as_json, fail, ctl, start_ctl, succeed
 from harness.simulator import Simulator
 from harness.upgrades import put_flasher, put_real_flasher
 from harness.waiting import eventually
@@ -11,7 +11,7 @@ from harness.waiting import eventually
 
 @pytest.fixture(scope="module")
 def folder(tmp_path_factory):
-    """Where the daemon runs and looks for its flasher."""
+    """The working directory of the daemon, where it expects its flasher."""
     folder = tmp_path_factory.mktemp("work")
     (folder / "firmware").mkdir()
     make_image(folder / "firmware", "TA3-1.6.14", 4096)
@@ -31,84 +31,86 @@ def daemon(simulator, start_module_daemon, folder):
 
 @pytest.fixture
 def found(simulator, daemon, folder, connect):
-    """Both grippers run their firmware and are known; there is no flasher."""
+    """The daemon has found both grippers, which run their firmware. There is no flasher."""
     (folder / "romflasher").unlink(missing_ok=True)
-    simulator.tell("clear")
+    simulator.command("clear")
     client = connect()
-    if client.get("SID") != "[2, 9]" or "bootloader" in str(simulator.tell("show")):
-        simulator.tell("restart 9")
+    if client.get("SID") != "[2, 9]" or "bootloader" in str(simulator.command("show")):
+        simulator.command("restart 9")
         eventually(lambda: client.set("SCN_BLOCK") == "ack" and client.get("SID") == "[2, 9]")
 
 
-def test_a_scan_shows_what_has_come(found, simulator):
-    simulator.tell("add 3=TF1-2.0.2 serial=NEW-003")
+def test_a_scan_shows_new_grippers(found, simulator):
+    simulator.command("add 3=TF1-2.0.2 serial=NEW-003")
     run = ctl("scan")
     assert run.returncode == gripperctl.DONE
     lines = [line.split() for line in run.stdout.splitlines()]
     assert [line[0] for line in lines] == ["2", "3", "9"]
     assert lines[1] == ["3", "Sorbix", "TF1-2.0.2", "serial", "NEW-003"]
     assert run.stderr.startswith("scanning the line")
-    simulator.tell("remove 3")
-    assert "no grippers" not in well("scan")
+    simulator.command("remove 3")
+    assert "no grippers" not in succeed("scan")
 
 
 def test_a_gripper_that_keeps_its_id(found, simulator):
-    simulator.tell("fault 9 exception always 4 on 430")
-    text = badly(gripperctl.REFUSED, "rename", "9", "4")
+    simulator.command("fault 9 exception always 4 on 430")
+    text = fail(gripperctl.REFUSED, "rename", "9", "4")
     assert "gripper 9 kept its id. Switch it off and on" in text and "it may have stored 4" in text
     simulator.wait_until_polled(9)
 
 
 def upgrade_and_restart(simulator):
-    """Switches the gripper off and on when it is looked for; what the upgrade tells."""
+    """Restarts the gripper during the scan after the upgrade. Returns the result."""
     process = start_ctl("upgrade", "--yes")
-    # The first scan comes before the upgrade.
+    # The first scan is before the upgrade.
     while not process.stderr.readline().startswith("gripper 9: entering"):
         assert process.poll() is None
-    # Whether a flasher that ends at once is seen while it runs is a matter of luck.
+    # gripperctl may miss a flasher that ends at once.
     while not process.stderr.readline().startswith("scanning"):
         assert process.poll() is None
-    simulator.tell("restart 9")
+    simulator.command("restart 9")
     _, error = process.communicate(timeout=20)
     assert process.returncode == gripperctl.REFUSED
     return error
 
 
-def test_a_missing_flasher_is_noticed_and_polling_goes_on(found, simulator):
+def test_a_missing_flasher_is_reported_and_polling_continues(found, simulator):
     text = upgrade_and_restart(simulator)
     assert "the flasher did not start, and polling was muted until now" in text
     assert "Polling continues, and gripper 9 runs firmware TA3-1.6.13" in text
     simulator.wait_until_polled(9)
 
 
-def test_a_flasher_that_fails_at_once_is_not_taken_for_a_missing_one(found, simulator, folder):
+def test_a_flasher_that_fails_at_once_is_not_reported_as_missing(found, simulator, folder):
     put_flasher(folder, "exit 2")
     text = upgrade_and_restart(simulator)
-    assert "gripper 9 runs firmware TA3-1.6.13, as before: see the messages of the flasher in the daemon's log" in text
+    assert "gripper 9 runs firmware TA3-1.6.13, as before" in text
+    assert "see the messages of the flasher in the daemon's log" in text
     simulator.wait_until_polled(9)
 
 
-def test_a_gripper_that_refuses_its_bootloader_runs_on(found, simulator):
-    simulator.tell("fault 9 exception always 3 on 400")
-    text = badly(gripperctl.REFUSED, "upgrade", "--yes")
+def test_a_gripper_that_refuses_its_bootloader_keeps_running(found, simulator):
+    simulator.command("fault 9 exception always 3 on 400")
+    text = fail(gripperctl.REFUSED, "upgrade", "--yes")
     assert "not found in its bootloader" in text
     assert "Polling continues, and gripper 9 runs firmware TA3-1.6.13" in text
     simulator.wait_until_polled(9)
 
 
-def test_an_upgrade_is_refused_beside_a_gripper_in_its_bootloader(found, simulator, folder):
+def test_an_upgrade_is_refused_while_another_gripper_is_in_its_bootloader(found, simulator, folder):
     put_real_flasher(folder)
     assert ctl("--gripper", "2", "set", "BLD", "1").returncode == gripperctl.DONE
-    text = badly(gripperctl.REFUSED, "upgrade", "--yes")
+    text = fail(gripperctl.REFUSED, "upgrade", "--yes")
     assert "gripper 2 does not answer" in text and "switch it off and on" in text.lower()
     simulator.wait_until_polled(9)
-    grippers = " ".join(simulator.tell("show"))
+    grippers = " ".join(simulator.command("show"))
     assert "gripper 9 TA3-1.6.13 serial=" in grippers
     assert "gripper 2 TE1-2.0.1 serial=SIM-1002 year=2024 bootloader" in grippers
-    simulator.tell("restart 2")
+    simulator.command("restart 2")
 
 
-# These leave another gripper behind, so they are the last ones.
+# These tests change the grippers, so they must be the last.
+
 
 def test_an_upgrade_ends_with_both_versions(found, folder):
     put_real_flasher(folder)
@@ -122,13 +124,13 @@ def test_an_upgrade_ends_with_both_versions(found, folder):
 
 
 def test_a_gripper_gets_another_id(found, simulator):
-    assert "id 2 is in use" in badly(gripperctl.REFUSED, "rename", "9", "2")
-    assert "not list gripper 3 (listed: 2, 9)" in badly(gripperctl.NO_GRIPPER, "rename", "3", "4")
-    simulator.tell("add 4=TF1-2.0.2")
-    assert "id 4 is in use" in badly(gripperctl.REFUSED, "rename", "9", "4")
-    simulator.tell("remove 4")
-    eventually(lambda: well("get", "SID") == "[2, 9]\n")
-    told = as_json("rename", "9", "3")
-    assert (told["old"], told["new"]) == (9, 3)
-    assert well("get", "SID") == "[2, 3]\n"
+    assert "id 2 is in use" in fail(gripperctl.REFUSED, "rename", "9", "2")
+    assert "not list gripper 3 (listed: 2, 9)" in fail(gripperctl.NO_GRIPPER, "rename", "3", "4")
+    simulator.command("add 4=TF1-2.0.2")
+    assert "id 4 is in use" in fail(gripperctl.REFUSED, "rename", "9", "4")
+    simulator.command("remove 4")
+    eventually(lambda: succeed("get", "SID") == "[2, 9]\n")
+    result = as_json("rename", "9", "3")
+    assert (result["old"], result["new"]) == (9, 3)
+    assert succeed("get", "SID") == "[2, 3]\n"
     simulator.wait_until_polled(3)

@@ -1,4 +1,4 @@
-"""The manual page, the completion and --help tell the same."""
+"""The manual page, the completion and --help agree."""
 
 import json
 import os
@@ -8,7 +8,7 @@ import subprocess
 
 import pytest
 from harness.children import binary
-from harness.gripperctl import ScriptedDaemon, ctl, well
+from harness.gripperctl import ScriptedDaemon, ctl, succeed
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGE = ROOT / "man" / "gripperctl.1"
@@ -20,15 +20,15 @@ def section(text, title):
 
 
 def commands():
-    return re.findall(r"^  (\w+)", section(well("--help"), "Commands"), re.MULTILINE)
+    return re.findall(r"^  (\w+)", section(succeed("--help"), "Commands"), re.MULTILINE)
 
 
 def options(*words):
-    return set(re.findall(r"^  (?:-\w, )?(--\w+)", section(well(*words, "--help"), "Options"), re.MULTILINE))
+    return set(re.findall(r"^  (?:-\w, )?(--\w+)", section(succeed(*words, "--help"), "Options"), re.MULTILINE))
 
 
 def exit_codes():
-    return re.findall(r"^  (\d+) ", section(well("--help"), "Exit codes"), re.MULTILINE)
+    return re.findall(r"^  (\d+) ", section(succeed("--help"), "Exit codes"), re.MULTILINE)
 
 
 @pytest.fixture(scope="module")
@@ -49,12 +49,12 @@ def test_every_page_is_well_formed_and_of_this_version(path):
     )
     assert run.stderr == ""
     head = next(line for line in path.read_text().splitlines() if line.startswith(".TH"))
-    assert f'"gripperd {well("--version").split()[1]}"' in head
+    assert f'"gripperd {succeed("--version").split()[1]}"' in head
 
 
 @pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
-def test_every_page_leads_to_others_that_are_there(path):
-    """Those of ours by their files; others belong to packages that may be missing here."""
+def test_every_page_refers_to_existing_pages(path):
+    """Only our own pages are checked: other packages may be missing here."""
     ours = {page.name for page in PAGES}
     named = re.findall(r"^\.(?:BR|IR) ([\w-]+) \((\d)\)", path.read_text(), re.MULTILINE)
     assert any(name.startswith("gripper") for name, _ in named)
@@ -62,7 +62,7 @@ def test_every_page_leads_to_others_that_are_there(path):
         assert not name.startswith(("gripper", "romflasher")) or f"{name}.{number}" in ours
 
 
-def test_the_page_tells_every_command_and_what_it_takes(page):
+def test_the_page_lists_every_command_with_its_options(page):
     general = options()
     for command in commands():
         entry = re.search(rf"^ +(open, )?{command}\b.*", page, re.MULTILINE)
@@ -73,13 +73,13 @@ def test_the_page_tells_every_command_and_what_it_takes(page):
         assert re.search(rf"^ +(-\w, )?{option}\b", page, re.MULTILINE), option
 
 
-def test_the_page_tells_every_exit_code_and_the_version(page):
+def test_the_page_lists_every_exit_code_and_the_version(page):
     assert re.findall(r"^ {7}(\d+) {3,}", page, re.MULTILINE) == exit_codes()
-    assert "gripperd " + well("--version").split()[1] in page
+    assert "gripperd " + succeed("--version").split()[1] in page
 
 
 def members(tree):
-    """The names of an object and of those in its lists."""
+    """Returns the names of an object's members and of the members in its lists."""
     for name, value in tree.items():
         yield name
         for inner in value if isinstance(value, list) else []:
@@ -92,7 +92,7 @@ def members(tree):
     ["led", "red"], ["rename", "9", "2"], ["upgrade", "--yes", "--expect", "TA3-1.0.0"],
     ["record", "some.csv", "--seconds", "0.1"], ["move", "999"],
 ], ids=" ".join)
-def test_the_page_tells_what_stands_in_the_json(page, words, tmp_path):
+def test_the_page_names_every_member_of_the_json(page, words, tmp_path):
     def answer(request):
         if request == "SET NID 2":
             daemon.values["SID"] = "[2]"
@@ -102,26 +102,26 @@ def test_the_page_tells_what_stands_in_the_json(page, words, tmp_path):
 
     with ScriptedDaemon(answer, GTO="1", PRE="000", OBJ="3") as daemon:
         run = ctl("--json", "--host", daemon.host, *words, cwd=tmp_path)
-    told = set(members(json.loads(run.stdout)))
-    assert told <= set(re.findall(r"\w+", page)), told
+    seen = set(members(json.loads(run.stdout)))
+    assert seen <= set(re.findall(r"\w+", page)), seen
     chapter = page.split("\nJSON\n")[1].split("\nNOTES\n")[0]
     entry = re.search(rf"^ +(?:[a-z]+, )*{words[0]}\b.*\n((?: {{10,}}.*\n)*)", chapter, re.MULTILINE)
-    assert {"error", "exitCode"} <= told or told <= set(re.findall(r"\w+", entry[0])), entry[0]
-    assert ("error" in told) == (run.returncode != 0) == (words[-1] == "999"), run
+    assert {"error", "exitCode"} <= seen or seen <= set(re.findall(r"\w+", entry[0])), entry[0]
+    assert ("error" in seen) == (run.returncode != 0) == (words[-1] == "999"), run
 
 
 def test_every_command_has_its_help():
     assert commands()[0] == "status" and len(commands()) == 15
     for command in commands():
-        assert well(command, "--help").startswith(f"Usage: gripperctl [OPTION]... {command}")
+        assert succeed(command, "--help").startswith(f"Usage: gripperctl [OPTION]... {command}")
 
 
 def test_the_version():
-    assert re.fullmatch(r"gripperctl \d+\.\d+\.\d+\n", well("--version"))
+    assert re.fullmatch(r"gripperctl \d+\.\d+\.\d+\n", succeed("--version"))
 
 
 def completed(*words):
-    """What bash offers for the last word."""
+    """Returns the words that bash offers for the last word."""
     script = 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); '
     script += '_gripperctl; printf "%s\\n" "${COMPREPLY[@]}"'
     run = subprocess.run(
@@ -137,20 +137,20 @@ def test_commands_are_completed():
     assert completed("re") == ["release", "rename", "record"]
     assert completed("--host", "robot", "sta") == ["status"]
     assert completed("--timeout", "1") == []
-    # As bash cuts "--host robot:63352" and "--gripper=3".
+    # bash splits "--host robot:63352" and "--gripper=3" in this way.
     assert completed("--host", "robot", ":", "63352", "sta") == ["status"]
     assert completed("--host", "robot", ":", "6") == []
     assert completed("--gripper", "=", "3", "sta") == ["status"]
 
 
-def test_ids_are_completed_from_the_daemon_that_is_meant():
+def test_ids_are_completed_from_the_named_daemon():
     with ScriptedDaemon(SID="[2, 4]") as daemon:
         host, port = daemon.host.split(":")
         assert completed("--host", host, ":", port, "--gripper", "") == ["2", "4"]
         assert completed("--host", "=", host, ":", port, "--gripper", "4") == ["4"]
 
 
-def test_options_are_completed_as_the_command_takes_them():
+def test_options_are_completed_for_their_command():
     for command in commands():
         offered = set(completed(command, "-"))
         assert {word for word in offered if word.startswith("--")} == options(command)
@@ -164,10 +164,10 @@ def test_arguments_are_completed(tmp_path):
     assert completed("plot", f"{tmp_path}/a") == [f"{tmp_path}/a.csv"]
 
 
-def test_every_name_that_is_completed_is_one():
+def test_every_completed_name_exists():
     with ScriptedDaemon() as daemon:
         for name in completed("set", ""):
             if name != "BLD":
-                well("--host", daemon.host, "set", name, "0")
-        well("--host", daemon.host, "get", *completed("get", ""))
+                succeed("--host", daemon.host, "set", name, "0")
+        succeed("--host", daemon.host, "get", *completed("get", ""))
         assert len(daemon.requests) > 60

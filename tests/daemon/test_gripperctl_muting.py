@@ -1,18 +1,18 @@
-"""gripperctl against a scripted daemon: polling is never left muted."""
+"""gripperctl with a scripted daemon: it never leaves polling muted."""
 
 import signal
 import threading
 
 import pytest
 from harness import gripperctl
-from harness.gripperctl import ScriptedDaemon, badly, ctl, run_to_end, start_ctl
+from harness.gripperctl import ScriptedDaemon, fail, ctl, run_to_end, start_ctl
 
 
 class HoldingDaemon(ScriptedDaemon):
-    """Answers one request only when it is released, and has these values from then on."""
+    """Answers the request `held` only after a release, and has new values from then on."""
 
     def __init__(self, held, reply=b"ack", **values):
-        self.held, self.reply, self.values_behind = held, reply, values
+        self.held, self.reply, self.later_values = held, reply, values
         self.release = threading.Event()
         super().__init__()
 
@@ -24,11 +24,11 @@ class HoldingDaemon(ScriptedDaemon):
         if request != self.held:
             return super().usual(request)
         self.release.wait(10)
-        self.values.update(self.values_behind)
+        self.values.update(self.later_values)
         return self.reply
 
     def start(self, *words):
-        """A client whose request is being held."""
+        """Returns a client whose request waits for the release."""
         process = start_ctl("--host", self.host, *words)
         self.wait_for(self.held)
         return process
@@ -47,7 +47,7 @@ def test_rename_interrupted_unmutes_on_a_connection_of_its_own(number):
 
 def test_rename_that_gets_no_answer_unmutes():
     with HoldingDaemon("SET NID 2") as daemon:
-        badly(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.5", "rename", "9", "2")
+        fail(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.5", "rename", "9", "2")
         assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
 
 
@@ -61,19 +61,14 @@ def test_rename_that_loses_its_connection_unmutes():
         assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
 
 
-def test_rename_looks_for_those_that_have_come_since_the_last_scan():
-    def answer(request):
-        if request == "SET SCN_BLOCK":
-            daemon.values["SID"] = "[2, 9]"
-        return daemon.usual(request)
-
-    with ScriptedDaemon(answer) as daemon:
-        text = badly(gripperctl.REFUSED, "--host", daemon.host, "rename", "9", "2")
+def test_rename_scans_for_new_grippers_first():
+    with ScriptedDaemon(changes={"SET SCN_BLOCK": {"SID": "[2, 9]"}}) as daemon:
+        text = fail(gripperctl.REFUSED, "--host", daemon.host, "rename", "9", "2")
         assert "id 2 is in use" in text
         assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "MUTE 0"]
 
 
-def test_muting_that_is_never_answered_is_taken_back():
+def test_unanswered_muting_is_undone():
     def answer(request):
         if request != "SET MUTE 1":
             return daemon.usual(request)
@@ -81,11 +76,11 @@ def test_muting_that_is_never_answered_is_taken_back():
         return None
 
     with ScriptedDaemon(answer) as daemon:
-        badly(gripperctl.NO_CONNECTION, "--host", daemon.host, "rename", "9", "2")
+        fail(gripperctl.NO_CONNECTION, "--host", daemon.host, "rename", "9", "2")
         assert daemon.sets() == ["MUTE 1", "MUTE 0"]
 
 
-def test_polling_that_cannot_be_unmuted_is_said():
+def test_polling_that_stays_muted_is_reported():
     with HoldingDaemon("SET NID 2") as daemon:
         process = daemon.start("rename", "9", "2")
     code, _, error = run_to_end(process)
@@ -105,13 +100,7 @@ def test_upgrade_interrupted_waits_for_the_answer_and_unmutes():
 
 
 def test_upgrade_interrupted_during_flashing_leaves_the_line_to_the_flasher():
-    def answer(request):
-        reply = daemon.usual(request)
-        if request == "SET UPG 1":
-            daemon.values["UPG"] = "1"
-        return reply
-
-    with ScriptedDaemon(answer) as daemon:
+    with ScriptedDaemon(changes={"SET UPG 1": {"UPG": "1"}}) as daemon:
         process = start_ctl("--host", daemon.host, "upgrade", "--yes")
         daemon.wait_for("SET UPG 1")
         process.stderr.readline()
@@ -144,22 +133,17 @@ def test_a_second_interruption_ends_at_once():
 
 
 def test_a_jump_that_is_refused_is_unmuted():
-    def answer(request):
-        return b"nak" if request == "SET UPG 1" else daemon.usual(request)
-
-    with ScriptedDaemon(answer) as daemon:
-        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+    with ScriptedDaemon(refused=["SET UPG 1"]) as daemon:
+        text = fail(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
         assert "Polling continues, and gripper 9 runs firmware TA3-1.0.0" in text
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0", "SCN_BLOCK", "SID 9"]
 
 
-def test_a_failed_upgrade_is_told_although_the_scan_behind_it_is_interrupted():
+def test_a_failed_upgrade_is_reported_though_its_last_scan_is_interrupted():
     def answer(request):
-        if request == "SET SCN_BLOCK":
-            return None
-        return b"nak" if request == "SET UPG 1" else daemon.usual(request)
+        return None if request == "SET SCN_BLOCK" else daemon.usual(request)
 
-    with ScriptedDaemon(answer) as daemon:
+    with ScriptedDaemon(answer, refused=["SET UPG 1"]) as daemon:
         process = start_ctl("--host", daemon.host, "upgrade", "--yes")
         daemon.wait_for("SET SCN_BLOCK")
         process.send_signal(signal.SIGINT)
@@ -168,29 +152,23 @@ def test_a_failed_upgrade_is_told_although_the_scan_behind_it_is_interrupted():
         assert "not found in its bootloader" in error and "interrupted" in error
 
 
-def test_an_upgrade_under_way_keeps_others_from_the_line():
+def test_other_commands_are_refused_during_an_upgrade():
     with ScriptedDaemon(UPG="1") as daemon:
         for words in (["scan"], ["rename", "9", "2"], ["upgrade", "--yes"]):
-            text = badly(gripperctl.REFUSED, "--host", daemon.host, *words)
+            text = fail(gripperctl.REFUSED, "--host", daemon.host, *words)
             assert "an upgrade is under way" in text
         assert "SCN_BLOCK" not in daemon.sets() and "MUTE 1" not in daemon.sets()
 
 
-def test_an_upgrade_that_another_client_was_first_with_keeps_the_line():
-    def answer(request):
-        if request == "SET UPG 1":
-            daemon.values["UPG"] = "1"
-            return b"nak"
-        return daemon.usual(request)
-
-    with ScriptedDaemon(answer) as daemon:
-        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+def test_an_upgrade_is_refused_when_another_client_was_faster():
+    with ScriptedDaemon(changes={"SET UPG 1": {"UPG": "1"}}, refused=["SET UPG 1"]) as daemon:
+        text = fail(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
         assert "an upgrade is under way" in text
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
 
 
 def flashing_and_then(values):
-    """An answer function of a daemon that flashes for a moment and then has these values."""
+    """Returns an answer function: the daemon flashes briefly and then has these values."""
     seen = []
 
     def answer(daemon, request):
@@ -220,14 +198,14 @@ def test_an_unchanged_version_is_no_success_unless_it_was_expected(words, code):
 def test_a_gripper_that_does_not_come_back_after_flashing():
     after = flashing_and_then({"SID": "[2]"})
     with ScriptedDaemon(lambda request: after(daemon, request), SID="[2, 9]") as daemon:
-        text = badly(gripperctl.NO_GRIPPER, "--host", daemon.host, "upgrade", "--yes")
+        text = fail(gripperctl.NO_GRIPPER, "--host", daemon.host, "upgrade", "--yes")
         assert "does not answer after the upgrade: its firmware may be incomplete" in text
         # The daemon has unmuted polling itself.
         requests = ["SID 9", "MUTE 1", "SCN_BLOCK", "UPG 1"] + ["SCN_BLOCK"] * 3
         assert daemon.sets() == requests
 
 
-def test_the_bootloader_gets_a_silent_line_and_keeps_it():
+def test_polling_stays_muted_after_a_jump_to_the_bootloader():
     with ScriptedDaemon() as daemon:
         run = ctl("--host", daemon.host, "set", "BLD", "1")
         assert run.returncode == gripperctl.DONE
@@ -248,34 +226,29 @@ def test_a_jump_that_is_interrupted_ends_with_its_answer(reply, code, last):
         assert daemon.sets()[-1] == last
 
 
-def test_a_flasher_that_has_ended_before_it_was_seen_shows_in_the_link():
+def test_the_link_shows_a_flasher_that_ended_unseen():
     looks = []
 
     def answer(request):
         if request == "GET DRI" and "UPG 1" in daemon.sets():
             looks.append(1)
-            # Polling goes on, finds the port closed, and opens it.
+            # Polling continues, finds the port closed and opens it.
             daemon.values["DRI"] = "ERR_SCANNING (EIO)" if 3 < len(looks) < 9 else "RUNNING"
         return daemon.usual(request)
 
     with ScriptedDaemon(answer) as daemon:
-        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+        text = fail(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
         assert "firmware TA3-1.0.0, as before" in text
 
 
-def test_a_flasher_that_has_ended_before_the_first_look_shows_in_the_link():
-    def answer(request):
-        if request == "SET UPG 1":
-            daemon.values["DRI"] = "ERR_SCANNING (EIO)"
-        return daemon.usual(request)
-
-    with ScriptedDaemon(answer) as daemon:
-        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+def test_the_link_shows_a_flasher_that_ended_before_the_first_get():
+    with ScriptedDaemon(changes={"SET UPG 1": {"DRI": "ERR_SCANNING (EIO)"}}) as daemon:
+        text = fail(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
         assert "firmware TA3-1.0.0, as before" in text
 
 
-def test_a_link_that_stands_still_shows_a_flasher_that_never_started():
+def test_an_unchanged_link_shows_that_no_flasher_started():
     with ScriptedDaemon() as daemon:
-        text = badly(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
+        text = fail(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
         assert "the flasher did not start, and polling was muted until now" in text
         assert daemon.sets()[:4] == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0"]

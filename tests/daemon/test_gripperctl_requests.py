@@ -1,4 +1,4 @@
-"""gripperctl against a scripted daemon: what it asks, how it takes what it is answered."""
+"""gripperctl with a scripted daemon: its requests, and how it reads the replies."""
 
 import json
 import re
@@ -10,7 +10,7 @@ import time
 import pytest
 from harness import gripperctl
 from harness.children import binary
-from harness.gripperctl import ScriptedDaemon, as_json, badly, ctl, run_to_end, start_ctl, well
+from harness.gripperctl import ScriptedDaemon, as_json, fail, ctl, run_to_end, start_ctl, succeed
 
 
 @pytest.mark.parametrize(
@@ -59,41 +59,41 @@ from harness.gripperctl import ScriptedDaemon, as_json, badly, ctl, run_to_end, 
     ],
     ids=" ".join,
 )
-def test_wrong_usage_is_said_and_sets_nothing(words):
+def test_wrong_usage_is_reported_and_sets_nothing(words):
     with ScriptedDaemon() as daemon:
         given = [] if any(word.startswith("--host") for word in words) else ["--host", daemon.host]
-        badly(gripperctl.USAGE, *given, *words)
+        fail(gripperctl.USAGE, *given, *words)
         assert daemon.sets() in ([], ["SID 9"])
 
 
-def test_rename_to_an_id_that_no_scan_finds_says_which_ones_are_found():
-    assert "9, 2, 3, 4" in badly(gripperctl.USAGE, "rename", "9", "7")
+def test_rename_to_an_id_that_no_scan_finds_names_the_possible_ids():
+    assert "9, 2, 3, 4" in fail(gripperctl.USAGE, "rename", "9", "7")
 
 
-def test_nobody_listening():
+def test_nothing_listens():
     with socket.create_server(("127.0.0.1", 0)) as taken:
         port = taken.getsockname()[1]
-    text = badly(gripperctl.NO_CONNECTION, "--host", f"127.0.0.1:{port}", "status")
+    text = fail(gripperctl.NO_CONNECTION, "--host", f"127.0.0.1:{port}", "status")
     assert f"nothing listens on 127.0.0.1:{port}: is gripperd running? See systemctl" in text
 
 
 def test_an_unknown_host():
-    assert "no-such-host" in badly(
+    assert "no-such-host" in fail(
         gripperctl.NO_CONNECTION, "--host", "no-such-host.invalid", "status"
     )
 
 
 @pytest.mark.parametrize("answer", [b"HTTP/1.1 400 Bad Request\n", b"x" * 9000], ids=["http", "long"])
-def test_somebody_else_listening(answer):
+def test_another_service_listens(answer):
     with ScriptedDaemon(lambda _: answer) as daemon:
-        assert "does not answer like gripperd" in badly(
+        assert "does not answer like gripperd" in fail(
             gripperctl.NO_CONNECTION, "--host", daemon.host, "status"
         )
 
 
 def test_no_answer_in_time():
     with ScriptedDaemon(lambda _: None) as daemon:
-        text = badly(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.3", "status")
+        text = fail(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.3", "status")
         assert 'no answer to "GET VER" within 0.3 s' in text
 
 
@@ -111,9 +111,9 @@ def test_a_connection_that_is_lost_while_waiting():
     ("[2, 9]", [], "SID 9"),
     ("[2, 3]", ["--gripper", "3"], "SID 3"),
 ])
-def test_which_gripper_is_meant(ids, words, chosen):
+def test_chosen_gripper(ids, words, chosen):
     with ScriptedDaemon(SID=ids) as daemon:
-        well("--host", daemon.host, *words, "get", "POS")
+        succeed("--host", daemon.host, *words, "get", "POS")
         assert daemon.sets() == [chosen]
 
 
@@ -125,12 +125,12 @@ def test_which_gripper_is_meant(ids, words, chosen):
 ])
 def test_no_gripper_is_guessed(ids, words, code, said):
     with ScriptedDaemon(SID=ids) as daemon:
-        assert said in badly(code, "--host", daemon.host, *words, "move", "7")
+        assert said in fail(code, "--host", daemon.host, *words, "move", "7")
         assert daemon.sets() == []
 
 
-def test_the_answers_of_a_movement_before_are_not_taken_for_this_one():
-    """The old request was reached; the new one is only seen at the third look."""
+def test_values_of_the_former_movement_do_not_end_this_one():
+    """The former movement has ended; the values show the new request only at the third GET."""
     looks = []
 
     def answer(request):
@@ -142,12 +142,12 @@ def test_the_answers_of_a_movement_before_are_not_taken_for_this_one():
         return daemon.usual(request)
 
     with ScriptedDaemon(answer, GTO="1", OBJ="3", PRE="040", POS="40") as daemon:
-        assert well("--host", daemon.host, "move", "90", "--wait") == "gripper 9 reached 90\n"
+        assert succeed("--host", daemon.host, "move", "90", "--wait") == "gripper 9 reached 90\n"
         assert len(looks) >= 7
 
 
 def changing(times, trigger):
-    """An answer function: the values change that many seconds after the request of the trigger."""
+    """Returns an answer function: values change at these seconds after the trigger request."""
     begin = []
 
     def answer(daemon, request):
@@ -164,7 +164,7 @@ def changing(times, trigger):
 
 
 def test_a_request_that_was_replaced_before_it_showed_does_not_end_a_movement():
-    """Told to go to 100 a moment ago, and back to 0 now: the gripper has taken both."""
+    """The gripper has accepted a movement to 100, and shortly afterwards one to 0."""
     times = [
         (0.15, {"PRE": "100", "OBJ": "1", "POS": "9"}),
         (0.25, {"PRE": "000", "POS": "5"}),
@@ -173,7 +173,7 @@ def test_a_request_that_was_replaced_before_it_showed_does_not_end_a_movement():
     answer = changing(times, "SET POS .*")
     values = {"GTO": "1", "OBJ": "3", "PRE": "000", "POS": "2"}
     with ScriptedDaemon(lambda request: answer(daemon, request), **values) as daemon:
-        assert well("--host", daemon.host, "open", "--wait") == "gripper 9 reached 0\n"
+        assert succeed("--host", daemon.host, "open", "--wait") == "gripper 9 reached 0\n"
 
 
 def test_values_of_a_link_that_is_down_are_not_judged():
@@ -184,33 +184,33 @@ def test_values_of_a_link_that_is_down_are_not_judged():
     ]
     answer = changing(times, "SET ARD .*")
     with ScriptedDaemon(lambda request: answer(daemon, request), POS="50") as daemon:
-        text = well("--host", daemon.host, "release", "--wait")
+        text = succeed("--host", daemon.host, "release", "--wait")
         assert "has let go and stands at 0;" in text
 
 
 def test_an_active_gripper_with_a_fault_is_no_success():
     with ScriptedDaemon(FLT="05") as daemon:
-        text = badly(gripperctl.REFUSED, "--host", daemon.host, "activate")
+        text = fail(gripperctl.REFUSED, "--host", daemon.host, "activate")
         assert "has fault 5" in text and "activate --again" in text
         assert daemon.sets() == ["SID 9"]
 
 
-def test_an_activation_under_way_is_waited_for_and_not_begun_anew():
+def test_a_running_activation_is_awaited_and_not_repeated():
     answer = changing([(0.3, {"STA": "3"})], "GET STA")
     with ScriptedDaemon(lambda request: answer(daemon, request), STA="1") as daemon:
-        assert well("--host", daemon.host, "activate", "--wait") == "gripper 9 is active\n"
+        assert succeed("--host", daemon.host, "activate", "--wait") == "gripper 9 is active\n"
         assert daemon.sets() == ["SID 9"]
 
 
 @pytest.mark.parametrize("words", [["move", "90"], ["activate", "--again"]], ids=" ".join)
-def test_what_a_gripper_showed_before_is_not_told_as_the_result(words):
+def test_a_former_value_is_not_reported_as_the_result(words):
     with ScriptedDaemon(OBJ="3", POS="40") as daemon:
-        told = as_json("--host", daemon.host, *words)
-        assert told["gripper"] == 9 and "was told to" in told["text"]
-        assert not {"object", "position", "current", "status", "fault"} & set(told)
+        result = as_json("--host", daemon.host, *words)
+        assert result["gripper"] == 9 and "was told to" in result["text"]
+        assert not {"object", "position", "current", "status", "fault"} & set(result)
 
 
-def test_a_movement_goes_on_after_ctrl_c_and_that_is_said():
+def test_ctrl_c_leaves_the_movement_running_and_says_so():
     with ScriptedDaemon(GTO="1", OBJ="1", PRE="009") as daemon:
         process = start_ctl("--host", daemon.host, "move", "9", "--wait")
         assert "moving to 9" in process.stderr.readline()
@@ -220,9 +220,9 @@ def test_a_movement_goes_on_after_ctrl_c_and_that_is_said():
         assert "gripper 9 continues to 9. gripperctl --gripper 9 set GTO 0 stops it" in error
 
 
-def test_a_gripper_that_does_not_take_the_request():
+def test_a_gripper_that_ignores_the_request():
     with ScriptedDaemon(GTO="1", OBJ="3", PRE="040") as daemon:
-        text = badly(
+        text = fail(
             gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.5", "move", "9", "--wait"
         )
         assert "polling may be muted" in text
@@ -253,16 +253,16 @@ def test_problems_are_json_for_scripts():
         assert '"exitCode":1' in run.stdout and "activate" in run.stdout
 
 
-def test_a_problem_is_the_one_line_of_json_with_what_is_known():
+def test_a_problem_is_one_line_of_json_with_all_details():
     with ScriptedDaemon(XYZ="?") as daemon:
         run = ctl("--host", daemon.host, "--json", "get", "STA", "XYZ")
         assert run.returncode == gripperctl.REFUSED
-        told = json.loads(run.stdout)
-        assert (told["STA"], told["XYZ"], told["exitCode"]) == ("3", "?", 1)
-        assert "no value of XYZ" in told["error"]
+        result = json.loads(run.stdout)
+        assert (result["STA"], result["XYZ"], result["exitCode"]) == ("3", "?", 1)
+        assert "no value of XYZ" in result["error"]
 
 
-# Each of these ends badly here, for one reason or another.
+# Each of these commands fails here.
 @pytest.mark.parametrize("words", [
     [], ["fly"], ["move"], ["--speed"], ["status", "--gripper", "3"], ["get", "XYZ"], ["set", "MOD", "2"],
     ["activate", "--wait"], ["move", "9", "--wait"], ["open"], ["release"], ["led", "pink"],
@@ -275,9 +275,9 @@ def test_every_problem_is_one_line_of_json(words):
 
     with ScriptedDaemon(answer, STA="0", FLT="05", XYZ="?", UPG="1") as daemon:
         run = ctl("--json", "--host", daemon.host, "--timeout", "0.3", *words)
-        told = json.loads(run.stdout)
-        assert told["exitCode"] == run.returncode != gripperctl.DONE
-        assert "gripperctl: " + told["error"] in run.stderr
+        result = json.loads(run.stdout)
+        assert result["exitCode"] == run.returncode != gripperctl.DONE
+        assert "gripperctl: " + result["error"] in run.stderr
 
 
 @pytest.mark.parametrize("words,pairs", [
@@ -287,13 +287,13 @@ def test_every_problem_is_one_line_of_json(words):
 ])
 def test_leds(words, pairs):
     with ScriptedDaemon() as daemon:
-        well("--host", daemon.host, "led", *words)
+        succeed("--host", daemon.host, "led", *words)
         assert daemon.sets() == ["SID 9", pairs]
 
 
-def test_raw_requests_go_out_in_one_packet_each():
+def test_each_raw_request_is_one_packet():
     with ScriptedDaemon() as daemon:
-        assert well("--host", daemon.host, "set", "pos", "3", "GTO", "1") == "ack\n"
+        assert succeed("--host", daemon.host, "set", "pos", "3", "GTO", "1") == "ack\n"
         assert daemon.sets() == ["SID 9", "pos 3 GTO 1"]
-        assert well("--host", daemon.host, "get", "ver") == "0\n"
-        assert well("--host", daemon.host, "get", "DRI", "SID") == "DRI RUNNING\nSID [9]\n"
+        assert succeed("--host", daemon.host, "get", "ver") == "0\n"
+        assert succeed("--host", daemon.host, "get", "DRI", "SID") == "DRI RUNNING\nSID [9]\n"

@@ -1,4 +1,4 @@
-"""gripperctl against the real daemon and simulated grippers: watching, recording, drawing."""
+"""gripperctl with the real daemon and simulated grippers: watch, record, plot."""
 
 import json
 import os
@@ -12,7 +12,7 @@ import xml.etree.ElementTree
 import pytest
 from harness import gripperctl
 from harness.children import binary
-from harness.gripperctl import ScriptedDaemon, badly, start_ctl, well
+from harness.gripperctl import ScriptedDaemon, fail, start_ctl, succeed
 from harness.simulator import Simulator
 from harness.waiting import eventually
 
@@ -32,13 +32,13 @@ def daemon(simulator, start_module_daemon):
 
 @pytest.fixture
 def moved(daemon):
-    """Gripper 9 stands at 128."""
-    well("activate", "--wait")
-    well("move", "128", "--speed", "255", "--wait")
+    """Gripper 9 is at 128."""
+    succeed("activate", "--wait")
+    succeed("move", "128", "--speed", "255", "--wait")
 
 
 class Terminal:
-    """A real terminal of its own: a tmux server that only this test knows."""
+    """A real terminal: a tmux server for this test only."""
 
     def __init__(self, folder):
         self.socket = str(folder / "tmux")
@@ -62,9 +62,9 @@ class Terminal:
         return self.tmux("capture-pane", "-p").splitlines()
 
     def state(self):
-        """(on its second screen, with a cursor)"""
-        told = self.tmux("display-message", "-p", "#{alternate_on} #{cursor_flag}").split()
-        return tuple(word == "1" for word in told)
+        """Returns (is on the alternate screen, has a cursor)."""
+        flags = self.tmux("display-message", "-p", "#{alternate_on} #{cursor_flag}").split()
+        return tuple(word == "1" for word in flags)
 
     def wait_for(self, pattern, timeout=5.0):
         expression = re.compile(pattern)
@@ -90,19 +90,19 @@ def test_a_live_view_in_a_terminal(moved, terminal):
     assert terminal.wait_for(r"^ 2 Zentra inactive")
     assert terminal.state() == (True, False)
     assert all(len(line) <= COLUMNS for line in terminal.shown())
-    # It moves, and the view with it: the requested position is marked before it is reached.
-    well("move", "255", "--speed", "0")
+    # The view shows the requested position before the gripper has reached it.
+    succeed("move", "255", "--speed", "0")
     bar = terminal.wait_for(r"^ 9 .*\[(#+-+\|)\] .*-> 255 .* moving")[1]
     assert bar.endswith("-|")
     terminal.press("C-c")
     terminal.wait_for("^ended with 0")
-    # What stood on the terminal before is there again.
+    # The terminal shows its former content again.
     terminal.wait_for("gripperctl watch")
     assert not any("link RUNNING" in line for line in terminal.shown())
     assert terminal.state() == (False, True)
 
 
-def test_the_live_view_stops_and_goes_on(daemon, terminal):
+def test_the_live_view_stops_and_continues(daemon, terminal):
     terminal.type(f"{binary('gripperctl')} watch --interval 0.1")
     for _ in range(2):
         terminal.wait_for("link RUNNING")
@@ -116,7 +116,7 @@ def test_the_live_view_stops_and_goes_on(daemon, terminal):
     eventually(lambda: terminal.state() == (False, True))
 
 
-def test_the_live_view_ends_in_form_when_the_connection_is_lost(terminal):
+def test_the_live_view_restores_the_terminal_when_the_connection_is_lost(terminal):
     with ScriptedDaemon() as scripted:
         terminal.type(f"{binary('gripperctl')} --host {scripted.host} watch; echo ended with $?")
         terminal.wait_for("link RUNNING")
@@ -125,7 +125,7 @@ def test_the_live_view_ends_in_form_when_the_connection_is_lost(terminal):
         terminal.wait_for("^ended with 3")
 
 
-def test_an_upgrade_asks_on_a_terminal_and_takes_a_no(terminal):
+def test_an_upgrade_asks_on_a_terminal_and_accepts_no(terminal):
     with ScriptedDaemon() as scripted:
         terminal.type(f"{binary('gripperctl')} --host {scripted.host} upgrade; echo ended with $?")
         terminal.wait_for(r"Write new firmware into gripper 9 \(TA3-1\.0\.0, serial ABC-1\)\?")
@@ -135,7 +135,7 @@ def test_an_upgrade_asks_on_a_terminal_and_takes_a_no(terminal):
 
 
 def test_plain_lines_where_there_is_no_terminal(moved):
-    lines = well("watch", "--interval", "0.05", "--count", "3").splitlines()
+    lines = succeed("watch", "--interval", "0.05", "--count", "3").splitlines()
     assert len(lines) == 6
     fingers = [dict(word.split("=") for word in line.split()[1:]) for line in lines[1::2]]
     for values in fingers:
@@ -145,12 +145,12 @@ def test_plain_lines_where_there_is_no_terminal(moved):
 
 
 def test_json_lines_for_scripts(moved):
-    lines = well("--json", "--gripper", "9", "watch", "--interval", "0.05", "--count", "2")
+    lines = succeed("--json", "--gripper", "9", "watch", "--interval", "0.05", "--count", "2")
     for line in lines.splitlines():
         assert [g["position"] for g in json.loads(line)["grippers"]] == [128]
 
 
-def test_a_reader_that_goes_ends_it(daemon):
+def test_output_without_a_reader_ends_the_watch(daemon):
     process = start_ctl("watch", "--interval", "0.05")
     assert "gripper=" in process.stdout.readline()
     process.stdout.close()
@@ -159,22 +159,23 @@ def test_a_reader_that_goes_ends_it(daemon):
 
 
 @pytest.mark.parametrize("command", ["watch", "record"])
-def test_a_gripper_that_is_not_there(daemon, command, tmp_path):
+def test_a_gripper_that_does_not_exist(daemon, command, tmp_path):
     words = [tmp_path / "new.csv"] if command == "record" else []
-    assert "not list gripper 4" in badly(gripperctl.NO_GRIPPER, "--gripper", "4", command, *words)
+    assert "not list gripper 4" in fail(gripperctl.NO_GRIPPER, "--gripper", "4", command, *words)
     assert list(tmp_path.iterdir()) == []
 
 
-# Recording and drawing
+# Recording and plotting
+
 
 @pytest.fixture(scope="module")
 def recording(daemon, tmp_path_factory):
     path = tmp_path_factory.mktemp("recording") / "grip.csv"
-    well("activate", "--wait")
-    well("move", "0", "--wait")
+    succeed("activate", "--wait")
+    succeed("move", "0", "--wait")
     process = start_ctl("record", path, "--interval", "0.05", "--seconds", "1.5")
     assert "recording into" in process.stderr.readline()
-    well("move", "200", "--speed", "255", "--wait")
+    succeed("move", "200", "--speed", "255", "--wait")
     out, _ = process.communicate(timeout=10)
     assert process.returncode == gripperctl.DONE
     lines = path.read_text().splitlines()
@@ -211,24 +212,24 @@ def test_a_recording_without_a_daemon_leaves_the_file_alone(tmp_path):
     path.write_text("precious")
     with socket.create_server(("127.0.0.1", 0)) as taken:
         port = taken.getsockname()[1]
-    badly(gripperctl.NO_CONNECTION, "--host", f"127.0.0.1:{port}", "record", path)
+    fail(gripperctl.NO_CONNECTION, "--host", f"127.0.0.1:{port}", "record", path)
     assert path.read_text() == "precious"
-    assert "cannot write" in badly(gripperctl.LOCAL, "record", tmp_path / "no" / "such.csv")
+    assert "cannot write" in fail(gripperctl.LOCAL, "record", tmp_path / "no" / "such.csv")
 
 
 def test_a_recording_is_drawn(recording, tmp_path):
-    assert well("plot", recording) == f"drew {recording.with_suffix('.svg')}\n"
+    assert succeed("plot", recording) == f"drew {recording.with_suffix('.svg')}\n"
     tree = xml.etree.ElementTree.parse(recording.with_suffix(".svg"))
     texts = {"".join(e.itertext()).strip() for e in tree.iter("{http://www.w3.org/2000/svg}text")}
     assert {"position", "current", "seconds", "gripper 2", "gripper 9"} <= texts
     picture = tmp_path / "a picture's name.png"
-    well("plot", recording, "-o", picture)
+    succeed("plot", recording, "-o", picture)
     assert picture.read_bytes().startswith(b"\x89PNG\r\n")
 
 
 def test_drawing_needs_gnuplot(recording, tmp_path):
     picture = tmp_path / "grip.svg"
-    text = badly(
+    text = fail(
         gripperctl.LOCAL, "plot", recording, "-o", picture, env={**os.environ, "PATH": str(tmp_path)}
     )
     assert "sudo apt install gnuplot-nox" in text
@@ -245,9 +246,9 @@ def test_drawing_needs_gnuplot(recording, tmp_path):
     ("HEADER\n", "has no values from a running link"),
     ("HEADER\nx,0.1,9,1,0,0,-,0,ERR_TIMEOUT\n", "has no values from a running link"),
 ])
-def test_a_file_that_is_no_recording(tmp_path, content, said):
+def test_a_file_that_is_not_a_recording(tmp_path, content, said):
     path = tmp_path / "some.csv"
     header = "time,seconds,gripper,position,requested,current,object,fault,link"
     if content is not None:
         path.write_text(content.replace("HEADER", header))
-    assert said in badly(gripperctl.LOCAL, "plot", path)
+    assert said in fail(gripperctl.LOCAL, "plot", path)

@@ -1,4 +1,4 @@
-"""What a gripper tells of itself, and which devices are taken for grippers."""
+"""The identity of grippers, and the devices that the daemon accepts as grippers."""
 
 import pytest
 from harness import modbus
@@ -45,7 +45,7 @@ def test_serial_number_text(start_daemon, connect, registers, texts):
         assert values(connect(), "SNU") == texts
 
 
-def test_every_family_is_found_and_tells_its_version(start_daemon, connect):
+def test_every_family_is_found_with_its_version(start_daemon, connect):
     versions = ["TA3-1.6.14", "TB1-1.4.3", "TE1-2.0.2", "TF1-255.0.128"]
     with Line(*(Slave(n, version) for n, version in zip(IDS, versions))):
         start_daemon().wait_until_found(*IDS)
@@ -57,7 +57,7 @@ def test_devices_of_other_families_are_refused(start_daemon, connect):
     with Line(*(Slave(n, version) for n, version in zip(IDS, versions))) as line:
         start_daemon().wait_until_found(4)
         assert connect().get("SID") == "[4]"
-        # Their version is all that was asked of them.
+        # The daemon reads nothing else from them.
         assert {r.address for r in line.since(0, lambda r: r.slave in (9, 2, 3))} == {500}
 
 
@@ -84,7 +84,7 @@ def test_a_scan_reads_the_identity_afresh(found, line, connect):
 
 
 def year_after(zeros):
-    """A script that answers the year 0 so many times first."""
+    """Returns a script that answers the first `zeros` reads of the year with 0."""
     left = [zeros]
 
     def script(request):
@@ -98,7 +98,7 @@ def year_after(zeros):
 
 def test_six_identity_reads_are_too_many_five_are_not(start_daemon, connect):
     slaves = [Slave(slave_id) for slave_id in IDS]
-    # Version and serial number take one read each.
+    # Version and serial number need one read each.
     for slave, zeros in zip(slaves, [0, 2, 3, 99]):
         slave.script = year_after(zeros)
     with Line(*slaves) as line:
@@ -106,7 +106,7 @@ def test_six_identity_reads_are_too_many_five_are_not(start_daemon, connect):
         assert connect().get("PYE") == "2021"
         reads = [len(line.since(0, lambda r: r.slave == n and r.is_read(514))) for n in IDS]
         assert reads == [1, 3, 4, 5]
-        # The serial number is asked for as long as one read is left.
+        # The daemon reads the serial number only if it has a read left.
         serials = [len(line.since(0, lambda r: r.slave == n and r.is_read(510))) for n in IDS]
         assert serials == [1, 1, 1, 0]
 

@@ -30,7 +30,7 @@ def test_requests_of_others_wait_for_the_end_of_a_jump(
 ):
     put_flasher(tmp_path, "sleep 0.2")
     bench = make_bench("9=TA3-1.6.13", "4=TB1-1.4.3", cwd=tmp_path)
-    bench.line.tell("fault 9 late always 35 on 400")
+    bench.line.command("fault 9 late always 35 on 400")
     other = bench.connect()
     assert other.set(f"SID {selection}") == "ack"
 
@@ -41,7 +41,7 @@ def test_requests_of_others_wait_for_the_end_of_a_jump(
     eventually(lambda: reset() is not None)
     other.send(f"SET {request_}\n")
     assert bench.client.receive(3, timeout=15.0) == b"ack"
-    bench.line.tell("show")
+    bench.line.command("show")
     assert bench.requests()[reset() + 1].startswith(SYNCHRONISATION)
     # The request of the other client follows.
     assert other.receive(3, timeout=30.0) in (b"ack", b"nak")

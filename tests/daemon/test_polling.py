@@ -1,4 +1,4 @@
-"""What the polling loop does on the line."""
+"""The traffic of the polling loop."""
 
 import pytest
 from harness import modbus
@@ -13,7 +13,7 @@ def shape(requests):
 
 
 def settle(line, *slave_ids):
-    """Returns when the first writes after the discovery are over."""
+    """Waits for the first writes after the discovery."""
     for slave_id in slave_ids:
         line.wait_for(lambda r, n=slave_id: r.slave == n and r.is_write(1000))
     for slave_id in slave_ids:
@@ -50,7 +50,7 @@ def test_the_first_visit_always_writes_and_later_ones_do_not(start_daemon):
     assert sorted((r.slave, r.address, r.count) for r in writes) == [(2, 1000, 3), (9, 1000, 3)]
 
 
-def test_a_write_stands_between_the_visits_of_its_gripper_and_the_next(start_daemon, connect):
+def test_a_write_comes_between_the_visits_of_its_gripper_and_the_next(start_daemon, connect):
     with Line(Slave(9), Slave(2)) as line:
         start_daemon().wait_until_found(9, 2)
         settle(line, 9, 2)
@@ -67,7 +67,7 @@ def test_a_write_stands_between_the_visits_of_its_gripper_and_the_next(start_dae
     assert (requests[at + 1].slave, requests[at + 1].address) == (2, 2000)
 
 
-def test_setting_what_is_set_already_writes_nothing(found, line, connect):
+def test_setting_the_same_value_again_writes_nothing(found, line, connect):
     client = connect()
     assert client.set("POS 50 SPE 60 LGN 1") == "ack"
     eventually(lambda: line[9].get(1000, 3) == [0x0080, 50, 60 << 8])
@@ -80,7 +80,7 @@ def test_setting_what_is_set_already_writes_nothing(found, line, connect):
     line.wait_for(lambda r: r.is_write() and r.values == [0x0080, 51, 60 << 8], since=mark)
 
 
-def test_changes_between_two_visits_go_out_in_one_write(found, line, connect):
+def test_changes_between_two_visits_share_one_write(found, line, connect):
     settle(line, 9)
     mark = line.mark()
     assert connect().set("POS 1 POS 2 SPE 3 FOR 4") == "ack"
@@ -88,7 +88,7 @@ def test_changes_between_two_visits_go_out_in_one_write(found, line, connect):
     assert [r.values for r in line.since(mark, lambda r: r.is_write())] == [[0, 2, 0x0304]]
 
 
-def test_a_change_during_the_write_goes_out_with_the_next(found, line, connect):
+def test_a_change_during_the_write_is_in_the_next_write(found, line, connect):
     client = connect()
     settle(line, 9)
     late = []
@@ -114,12 +114,12 @@ def test_a_gripper_that_is_active_is_reset_before_it_is_activated_anew(found, li
     assert client.get("ACT") == "1"
     mark = line.mark()
     assert client.set("ACT 1") == "ack"
-    # The reset is repeated until the gripper reports itself inactive.
+    # The daemon repeats the reset until the gripper reports that it is inactive.
     resets = line.wait_for(lambda r: r.is_write(), 3, mark)
     assert [r.values[0] & 0x0100 for r in resets] == [0, 0, 0]
     line[9].put(2000, 0)
     line.wait_for(lambda r: r.is_write() and r.values[0] == 0x0100, 1, mark)
-    # One more write carries the activation, then the output is no longer new.
+    # One more write has the activation. After it, no output is new.
     line.wait_until_polled(9, 4)
     values = [r.values[0] for r in line.since(mark, lambda r: r.is_write())]
     first = values.index(0x0100)
@@ -143,7 +143,7 @@ def test_deactivating_is_written_even_if_nothing_changes(found, line, connect):
     assert [r.values[0] for r in line.since(mark, lambda r: r.is_write())] == [0]
 
 
-def test_what_an_active_gripper_does_is_not_changed_by_finding_it(start_daemon):
+def test_discovery_does_not_change_what_an_active_gripper_does(start_daemon):
     busy = Slave(9)
     busy.put(2000, 0x3900, 200, 0)
     with Line(busy) as line:
@@ -168,7 +168,7 @@ def test_a_failed_write_is_repeated_within_its_tick(found, line, connect):
     writes = line.wait_for(lambda r: r.is_write(), 3, mark)
     line.wait_until_polled(9, 2)
     assert [r.values for r in line.since(mark, lambda r: r.is_write())] == [[0, 7, 0]] * 3
-    # The write of three registers has 62 ms.
+    # The deadline for a write of three registers is 62 ms.
     assert all(b.at - a.at > 0.06 for a, b in zip(writes, writes[1:]))
     assert found.messages(log_mark)[1:] == [
         "gripper->updateOutput() fail counter:  1",
@@ -194,7 +194,7 @@ def test_mute_stops_all_traffic_and_clients_are_answered_from_the_image(found, l
     eventually(lambda: client.get("POS") == "170")
 
 
-def test_mute_holds_back_discovery_too(start_daemon, connect):
+def test_mute_stops_discovery_too(start_daemon, connect):
     daemon = start_daemon()
     daemon.wait_for_line("availablePorts")
     assert connect().set("MUTE 1") == "ack"
@@ -228,7 +228,7 @@ def test_a_failed_counter_read_keeps_its_value_and_ends_the_visit(found, line, c
     line[9].script = lambda r: b"" if r.is_read(address) else None
     mark, log_mark = line.mark(), found.mark()
     found.wait_for_line(r"updateInput\(\) fail counter:  2 ", log_mark)
-    # The status fields of the same visits are fresh all the same.
+    # The status fields of the same visits are nevertheless fresh.
     assert client.get("POS") == "51"
     assert client.get(names[address]) == str({600: 1, 602: 2, 604: 3}[address])
     line[9].script = None
@@ -260,7 +260,7 @@ def test_a_short_status_answer_changes_nothing(found, line, connect):
 
 
 @pytest.mark.parametrize("copied, polled, name", [(600, 602, "PON"), (604, 600, "NCY")])
-def test_a_second_copy_of_a_counter_is_no_other_counter(
+def test_a_second_copy_of_a_counter_changes_no_other_counter(
     found, line, connect, copied, polled, name
 ):
     client = connect()
@@ -276,7 +276,7 @@ def test_a_second_copy_of_a_counter_is_no_other_counter(
     mark = line.mark()
     while len(line.since(mark, lambda r: r.is_read(2000))) < 4:
         assert client.get(name) == own
-    # A new value shows as soon as the copies end.
+    # After the copies, the counter has its new value.
     line[9].put(polled, 999)
     line[9].script = None
     eventually(lambda: client.get(name) == "999")

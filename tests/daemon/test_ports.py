@@ -1,4 +1,4 @@
-"""Which serial ports are tried, and in which order."""
+"""The selection of serial ports, and its order."""
 
 import os
 import time
@@ -11,7 +11,7 @@ from harness.waiting import eventually
 
 @pytest.fixture
 def start(start_daemon, tmp_path):
-    """Starts the daemon where a ./fuser is or is not."""
+    """start(...) starts the daemon with or without a ./fuser."""
 
     def start_with(local_fuser=None, path=None):
         if local_fuser is not None:
@@ -25,7 +25,7 @@ def start(start_daemon, tmp_path):
 
 
 def port_messages(daemon):
-    """The texts of the first port selection, the broken "error" line put together again."""
+    """Returns the messages of the first port selection, with the broken "error" line joined."""
     daemon.wait_for_line("availablePorts")
     eventually(
         lambda: any("Connected" in m for m in daemon.messages())
@@ -45,13 +45,13 @@ def connected_ports(daemon):
     return [m.split('"')[1] for m in daemon.messages() if m.startswith("Connected serial port")]
 
 
-def test_only_usb_and_acm_ports_are_looked_at(start):
+def test_only_usb_and_acm_ports_are_considered(start):
     names = ["ttyACM0", "ttyS0", "ttyUSB10", "ttyTool", "ttyusb0", "ttyAMA0", "xttyUSB0", "ttyUS"]
     with FakePorts(*names):
         texts = port_messages(start(local_fuser="exit 0"))
     enumerated = texts[0].removeprefix('availablePorts:  "').removesuffix('"')
     assert texts[0] == f'availablePorts:  "{enumerated}"'
-    # Every name is followed by the separator, the last one too.
+    # The separator follows every name, including the last.
     assert enumerated.endswith(", ")
     assert sorted(enumerated[:-2].split(", ")) == sorted(names)
     order = [n for n in enumerated[:-2].split(", ") if n in ("ttyACM0", "ttyUSB10")]
@@ -104,7 +104,7 @@ def test_without_a_local_fuser_the_one_on_the_path_decides(start):
         daemon.wait_until_found(9)
 
 
-def test_with_a_local_fuser_the_one_on_the_path_is_not_asked(start):
+def test_with_a_local_fuser_the_one_on_the_path_does_not_run(start):
     with FakePorts("ttyUSB0"), Line(Slave(9), link="/dev/ttyUSB0"):
         daemon = start(local_fuser="system")
         assert port_messages(daemon)[1:] == ['command :  "./fuser /dev/ttyUSB0"', "error :  1"]
@@ -189,8 +189,8 @@ def test_requests_have_62_ms_for_three_registers_on_a_usb_port(start):
     assert all(0.062 <= gap < 0.09 for gap in gaps), gaps
 
 
-def test_replies_are_sent_before_fuser_holds_up_the_thread(start, tmp_path, connect):
-    # Shows that it runs, and runs until "hold" is gone, two seconds at most.
+def test_replies_are_sent_before_fuser_blocks_the_thread(start, tmp_path, connect):
+    # The script creates "running", then waits until "hold" is removed, at most two seconds.
     script = (
         "[ -e hold ] || exit 0; echo >running; n=0; "
         "while [ -e hold ] && [ $n -lt 40 ]; do sleep 0.05; n=$((n+1)); done; exit 0"
@@ -201,12 +201,12 @@ def test_replies_are_sent_before_fuser_holds_up_the_thread(start, tmp_path, conn
         for _ in range(3):
             mark, sent, received = daemon.mark(), 0, 0
             (tmp_path / "hold").touch()
-            # Requests all the time, so that some are handled right before.
+            # Permanent requests: the daemon processes some of them directly before the fuser.
             while not (tmp_path / "running").exists():
                 if sent - received // 3 < 200:
                     client.send("SET XYZ 1\n" * 20)
                     sent += 20
-                received += len(client.receive_what_is_there())
+                received += len(client.receive_available())
             handled = unhandled_lines_once_they_stop(daemon, mark)
             assert 0 < handled <= sent
             client.receive(3 * handled - received, timeout=0.5)
@@ -225,7 +225,7 @@ def unhandled_lines_once_they_stop(daemon, mark):
     return seen
 
 
-def test_a_port_that_goes_is_replaced_by_another(start, connect):
+def test_another_port_replaces_a_removed_one(start, connect):
     with FakePorts("ttyUSB0", "ttyUSB1"):
         first = Line(Slave(9), link="/dev/ttyUSB0").plug()
         with Line(Slave(2), link="/dev/ttyUSB1"):

@@ -1,6 +1,6 @@
-"""The examples of docs/protocol.md, and the clients in examples/, on the real daemon.
+"""The examples of docs/protocol.md, and the clients in examples/, with the real daemon.
 
-What the lines of an example mean is told at the top of that document.
+The top of that document explains the lines of an example.
 """
 
 import pathlib
@@ -33,7 +33,7 @@ REPETITION = 0.005
 
 
 class Example:
-    """One fenced block: where it stands, and its lines as (mark, text)."""
+    """One fenced block: its place in the document, and its lines as (mark, text)."""
 
     def __init__(self, document, match):
         line = document.count("\n", 0, match.start()) + 1
@@ -58,7 +58,7 @@ EXAMPLES = examples_of(DOCUMENT)
 
 
 class Stage:
-    """What an example is played on: two grippers, a daemon that has found them, a client."""
+    """The set-up of an example: two grippers, a daemon that has found them, a client."""
 
     def __init__(self, simulator, daemon):
         self.simulator = simulator
@@ -68,11 +68,11 @@ class Stage:
         self.pending = None
 
     def prepare(self):
-        self.simulator.tell("clear")
+        self.simulator.command("clear")
         self.put_both_on_the_line()
-        self.simulator.tell("object 9 none")
-        self.simulator.tell("object 2 none")
-        self.simulator.tell("release 2")
+        self.simulator.command("object 9 none")
+        self.simulator.command("object 2 none")
+        self.simulator.command("release 2")
         self.calm(9)
         self.calm(2)
         self.log_mark = self.daemon.mark()
@@ -81,16 +81,16 @@ class Stage:
         with Client() as client:
             if client.get("SID") == "[2, 9]":
                 return
-            for line in self.simulator.tell("show"):
+            for line in self.simulator.command("show"):
                 if line.startswith("gripper "):
-                    self.simulator.tell("remove " + line.split()[1])
+                    self.simulator.command("remove " + line.split()[1])
             for gripper in (FINGERS, VACUUM):
-                self.simulator.tell("add " + gripper)
+                self.simulator.command("add " + gripper)
             client.set("MUTE 0 SCN_BLOCK")
             eventually(lambda: client.get("SID") == "[2, 9]")
 
     def calm(self, slave_id):
-        """Active, open, nothing asked for, whatever the example before has left behind."""
+        """Makes the gripper active and open, without requests of former examples."""
         with Client() as client:
             client.set(f"SID {slave_id}")
             client.set(CALM + " THROTTLE 0")
@@ -111,11 +111,11 @@ class Stage:
             before = ""
             for mark, text in example.steps:
                 if before == mark == ">":
-                    # So that the daemon does not get both at once.
+                    # A pause, so that the daemon does not read both at once.
                     time.sleep(MOMENT)
                 self.STEPS[mark](self, visible(text) if mark in "<>?" else text)
                 before = mark
-            # Nothing has come that the example does not tell of.
+            # The daemon has sent nothing that the example does not show.
             assert self.client.get("PCO") == "0"
 
     def send(self, text):
@@ -151,8 +151,8 @@ class Stage:
         line = self.daemon.wait_for_line(re.escape(text), self.log_mark)
         self.log_mark = self.daemon.lines.index(line, self.log_mark) + 1
 
-    def tell_simulator(self, text):
-        self.simulator.tell(text)
+    def command_simulator(self, text):
+        self.simulator.command(text)
 
     STEPS = {
         ">": send,
@@ -160,15 +160,15 @@ class Stage:
         "?": repeat,
         ".": pause,
         "!": find_in_log,
-        "$": tell_simulator,
+        "$": command_simulator,
     }
 
 
 @pytest.fixture(scope="module")
 def daemon(start_module_daemon, tmp_path_factory):
-    """Finds no line until there is a stage."""
+    """A daemon that finds a line only when there is a stage."""
     folder = tmp_path_factory.mktemp("daemon")
-    # An upgrade of which only the protocol is looked at.
+    # The examples check only the protocol of an upgrade.
     put_flasher(folder, "sleep 0.3")
     return start_module_daemon(cwd=folder)
 
@@ -188,7 +188,7 @@ def stage(shared_stage):
 
 @pytest.fixture(scope="module")
 def run_client(tmp_path_factory):
-    """run_client(language, goal) gives what it prints, what it complains of, and its status."""
+    """run_client(language, goal) returns standard output, standard error and exit status."""
     program = tmp_path_factory.mktemp("client") / "move"
     compiler = next(found for name in ("c++", "g++", "clang++") if (found := shutil.which(name)))
     warnings = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror"]
@@ -216,7 +216,7 @@ def test_client_fails_when_there_is_no_gripper(run_client, daemon, language):
     assert run_client(language, 30) == ("from ?\nto 30: ack\n", "", 1)
 
 
-def test_clients_move_the_gripper_and_tell_from_where(run_client, stage):
+def test_clients_move_the_gripper_and_print_the_former_position(run_client, stage):
     position = 0
     for language, goal in zip(LANGUAGES, (30, 20, 40)):
         expected = f"from {position}\nto {goal}: ack\n"
@@ -240,7 +240,7 @@ def test_every_variable_has_an_example(keyword, expected):
     assert set(expected) - shown == set()
 
 
-def test_links_within_the_document_lead_somewhere():
+def test_links_within_the_document_have_targets():
     titles = re.findall(r"^#+ (.*)$", DOCUMENT, re.MULTILINE)
     anchors = {re.sub(r"[^\w -]", "", title).lower().replace(" ", "-") for title in titles}
     links = re.findall(r"\]\(#([^)]*)\)", DOCUMENT)
@@ -252,7 +252,7 @@ def test_a_set_is_on_the_line_within_a_period(stage, figure):
     waits = []
     with Client() as client:
         for position in range(1, effort(8, 50) + 1):
-            # Longer than it takes until the next write is possible, and at another time each time.
+            # Long enough for the next write, and at a different moment of the period each time.
             time.sleep(0.15 + position * 37 % 100 / 1000)
             mark, asked = stage.simulator.mark(), time.monotonic()
             assert client.set(f"POS {position}") == "ack"
@@ -263,11 +263,11 @@ def test_a_set_is_on_the_line_within_a_period(stage, figure):
         f"two grippers: on the line after {median * 1000:.0f} ms (median), "
         f"{max(waits) * 1000:.0f} ms (longest of {len(waits)})"
     )
-    # Every gripper has its turn within 100 ms; one answer that comes late costs as much again.
+    # Every gripper has its turn within 100 ms. One late answer doubles this.
     assert median < 0.15
 
 
-# A gripper that was moved takes a scan to be put back: that comes last.
+# After a slave id move, a scan is needed to restore the line. These examples come last.
 MOVES_LAST = sorted(EXAMPLES, key=lambda example: "SET NID" in example.requests())
 
 

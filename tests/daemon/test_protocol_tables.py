@@ -8,7 +8,7 @@ from harness.children import binary
 from harness.protocoltable import names
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-# gripperctl has commands of its own for these.
+# gripperctl has its own commands for these.
 NOT_SET_BY_HAND = ["NID", "SID", "UPG"]
 NO_CONNECTION, WRONG_USAGE = 3, 2
 

@@ -1,4 +1,4 @@
-"""The flasher with the real stm32flash, and that one alone, against simulated bootloaders."""
+"""stm32flash alone, and the flasher with stm32flash, on simulated bootloaders."""
 
 import hashlib
 import os
@@ -10,10 +10,10 @@ import time
 import pytest
 from harness.children import binary, spawn
 from harness.flashing import (
-    BOTH, LOCK, OWN, PORT, PROGRAM, ROM, FlashSimulator, arguments, flash, held_lock, make_image,
+    BOTH, LOCK, OWN, PORT, PROGRAM, ROM, FlashSimulator, arguments, flash, lock_of_this_process, make_image,
     put_lock,
 )
-from harness.ports import open_by_nobody
+from harness.ports import is_not_open
 from harness.waiting import eventually
 
 
@@ -69,7 +69,7 @@ def test_stm32flash_reads_back_what_it_wrote(bench, image, tmp_path):
 
 @pytest.mark.parametrize("kind", [ROM], ids=["rom"])
 def test_stm32flash_without_verification_does_not_notice_a_bad_flash(bench, image):
-    bench.tell("fault 9 badVerify")
+    bench.command("fault 9 badVerify")
     assert stm32flash(bench, image(bench.after)).returncode == 0
     eventually(lambda: bench.state() == "bootloader" and bench.sent_by_master()[-1][0] == 0x08)
     assert bench.version() == bench.before
@@ -87,7 +87,7 @@ def test_flashing_ends_in_the_new_firmware(bench, image):
 
 
 @pytest.mark.parametrize("kind", [OWN], ids=["own"])
-def test_the_line_is_held_until_the_firmware_has_booted(bench, image):
+def test_the_port_stays_locked_until_the_firmware_has_booted(bench, image):
     started = time.monotonic()
     assert flash(bench, image(bench.after), "-g").returncode == 0
     assert time.monotonic() - started >= 3.0
@@ -99,13 +99,13 @@ def test_without_g_nothing_is_started(bench, image):
     assert flash(bench, image(bench.after), "-d").returncode == 0
     assert bench.state() == "bootloader"
     assert b"\x21\xde" not in bench.sent_by_master()
-    bench.tell(f"restart {bench.id}")
+    bench.command(f"restart {bench.id}")
     eventually(lambda: bench.state() == "firmware")
     assert bench.version() == bench.after
 
 
 @BOTH
-def test_nothing_below_the_firmware_is_asked_for(bench, image):
+def test_nothing_below_the_firmware_is_read(bench, image):
     assert flash(bench, image(bench.after), "-g").returncode == 0
     sent = bench.sent_by_master()
     behind = [b for a, b in zip(sent, sent[1:]) if a in (b"\x31\xce", b"\x21\xde")]
@@ -152,25 +152,25 @@ FAILURES = [
 @pytest.mark.parametrize("fault, code, text", FAILURES)
 def test_failure_has_its_code_and_one_line(bench, image, fault, code, text):
     path = image(bench.after)
-    bench.tell(f"fault {bench.id} {fault}")
+    bench.command(f"fault {bench.id} {fault}")
     result = flash(bench, path, "-d", "-g")
     assert result.returncode == code
     assert result.stderr.startswith("romflasher: " + text)
     assert result.stderr.count("\n") == 1
-    bench.tell("clear")
-    # What the line says to do: off and on, into the bootloader, again.
-    bench.tell(f"restart {bench.id}")
+    bench.command("clear")
+    # The message asks for this: power off and on, into the bootloader, flash again.
+    bench.command(f"restart {bench.id}")
     eventually(lambda: bench.state() in ("firmware", "bootloader"))
     if bench.state() == "firmware":
         bench.into_bootloader()
     assert flash(bench, path).returncode == 0
-    bench.tell(f"restart {bench.id}")
+    bench.command(f"restart {bench.id}")
     eventually(lambda: bench.state() == "firmware")
     assert bench.version() == bench.after
 
 
 @BOTH
-def test_a_bootloader_that_was_detected_before_is_no_obstacle(bench, image):
+def test_a_bootloader_that_was_detected_before_is_flashed(bench, image):
     path = image(bench.after)
     for knocks in (1, 2):
         descriptor = os.open(PORT, os.O_RDWR | os.O_NOCTTY)
@@ -184,7 +184,7 @@ def test_a_bootloader_that_was_detected_before_is_no_obstacle(bench, image):
         assert (result.returncode, result.stderr) == (0, "")
 
 
-def test_a_gripper_that_runs_its_firmware_is_no_bootloader(image):
+def test_a_gripper_that_runs_its_firmware_is_reported(image):
     with FlashSimulator(ROM) as simulator:
         assert flash(simulator, image(simulator.after), "-g").returncode == 4
         assert simulator.state() == "firmware"
@@ -230,7 +230,7 @@ def test_without_stm32flash_it_cannot_begin(bench, image, tmp_path):
     assert "stm32flash cannot be started" in result.stderr
 
 
-def test_a_missing_port_is_told(image):
+def test_a_missing_port_is_reported(image):
     command = [binary("romflasher"), "-p", "/dev/ttyNone", "-b", "19200", "-f", image("TA3-1.6.14")]
     result = subprocess.run(command, capture_output=True, text=True)
     assert result.returncode == 3
@@ -238,9 +238,9 @@ def test_a_missing_port_is_told(image):
 
 
 @pytest.mark.parametrize("kind", [ROM], ids=["rom"])
-def test_a_port_that_somebody_holds_is_left_alone(bench, image):
+def test_a_port_in_use_is_not_touched(bench, image):
     mark = len(bench.chunks)
-    with held_lock():
+    with lock_of_this_process():
         result = flash(bench, image(bench.after))
     assert result.returncode == 3
     assert f"process {os.getpid()} ({PROGRAM})" in result.stderr
@@ -248,7 +248,7 @@ def test_a_port_that_somebody_holds_is_left_alone(bench, image):
 
 
 @pytest.mark.parametrize("kind", [ROM], ids=["rom"])
-def test_the_lock_of_a_dead_process_is_taken_over(bench, image):
+def test_the_lock_of_a_dead_process_is_replaced(bench, image):
     dead = subprocess.Popen(["true"])
     dead.wait()
     put_lock(dead.pid, "gripperd")
@@ -263,7 +263,7 @@ def slow_bench():
 
 
 def slow_flashing(simulator, path):
-    """A flasher that has begun to write and has a long way to go."""
+    """Returns a flasher that has begun to write and needs a long time."""
     process = spawn(
         [binary("romflasher"), *arguments(simulator, path, "-d", "-g")],
         stdout=subprocess.PIPE, stderr=subprocess.PIPE,
@@ -273,21 +273,21 @@ def slow_flashing(simulator, path):
 
 
 @pytest.mark.parametrize("signal_number", [signal.SIGKILL, signal.SIGTERM, signal.SIGINT])
-def test_nobody_stays_on_the_line_when_the_flasher_is_ended(slow_bench, image, signal_number):
+def test_no_process_keeps_the_line_when_the_flasher_is_ended(slow_bench, image, signal_number):
     path = image(slow_bench.after, 20000)
     process = slow_flashing(slow_bench, path)
     process.send_signal(signal_number)
     process.wait(5)
-    eventually(lambda: open_by_nobody(PORT), 2.0)
+    eventually(lambda: is_not_open(PORT), 2.0)
     process.stdout.close()
     process.stderr.close()
-    # The lock that it left is nobody's.
-    slow_bench.tell("restart 9")
+    # The remaining lock names no live process.
+    slow_bench.command("restart 9")
     eventually(lambda: slow_bench.state() == "bootloader")
     assert flash(slow_bench, image(slow_bench.after)).returncode == 0
 
 
-def test_nobody_stays_on_the_line_when_the_parent_is_killed(slow_bench, image):
+def test_no_process_keeps_the_line_when_the_parent_is_killed(slow_bench, image):
     path = image(slow_bench.after, 20000)
     script = "import subprocess, sys; subprocess.run(sys.argv[1:])"
     command = [binary("romflasher"), *arguments(slow_bench, path, "-g")]
@@ -295,7 +295,7 @@ def test_nobody_stays_on_the_line_when_the_parent_is_killed(slow_bench, image):
     slow_bench.wait_for_chunk(lambda data: data == b"\x31\xce")
     parent.kill()
     parent.wait(5)
-    eventually(lambda: open_by_nobody(PORT), 2.0)
+    eventually(lambda: is_not_open(PORT), 2.0)
 
 
 def test_the_lock_is_held_while_it_works(slow_bench, image):

@@ -1,12 +1,11 @@
-"""The flasher and its image: one that changes during the flash, one that cannot be written."""
+"""The flasher with an image that changes during the flash, or that it cannot write."""
 
 import os
-import time
 
 import pytest
 from harness.children import binary, spawn
 from harness.flashing import (
-    BOTH, ROM, FlashSimulator, arguments, flash, held_lock, make_image,
+    BOTH, ROM, FlashSimulator, arguments, flash, lock_of_this_process, make_image,
 )
 
 QUICK = "--bootloader-boot-ms=100"
@@ -17,7 +16,7 @@ def truncate(path):
 
 
 def overwrite(path):
-    """As a copy over the file does it."""
+    """Overwrites the image as a copy to the same file does."""
     with open(path, "r+b") as file:
         file.write(bytes(path.stat().st_size))
 
@@ -35,7 +34,7 @@ def test_an_image_that_changes_during_the_flash_is_written_as_it_was(tmp_path, c
         assert bench.version() == bench.after
 
 
-# An image that cannot be written leaves the firmware that is there, and -g starts that.
+# If the flasher cannot write an image, the gripper keeps its firmware, and -g starts it.
 
 NOTHING = "nothing was written"
 STARTED = NOTHING + ", and the present firmware was started"
@@ -90,7 +89,7 @@ def starts_after(bench, path, code, **options):
 
 
 @BOTH
-def test_g_starts_the_firmware_that_is_there(bench, tmp_path):
+def test_g_starts_the_present_firmware(bench, tmp_path):
     text = starts_after(bench, tmp_path / "missing.bin", 2)
     assert "missing.bin does not exist; " + STARTED in text
     assert bench.state() == "firmware"
@@ -98,8 +97,8 @@ def test_g_starts_the_firmware_that_is_there(bench, tmp_path):
 
 
 @ROM_ONLY
-def test_a_refused_start_of_the_firmware_that_is_there_is_told(bench, tmp_path):
-    bench.tell(f"fault {bench.id} refuseGo")
+def test_a_refused_start_of_the_present_firmware_is_reported(bench, tmp_path):
+    bench.command(f"fault {bench.id} refuseGo")
     assert WAITING in starts_after(bench, tmp_path, 2)
 
 
@@ -111,10 +110,10 @@ def test_without_stm32flash_it_says_that_nothing_was_written(bench, tmp_path):
 
 
 @ROM_ONLY
-def test_a_line_that_another_holds_is_not_touched_to_start_the_firmware(bench, tmp_path):
+def test_a_locked_line_is_not_touched_to_start_the_firmware(bench, tmp_path):
     mark = len(bench.chunks)
     path = make_image(tmp_path, bench.after, 600)
-    with held_lock():
+    with lock_of_this_process():
         assert WAITING in starts_after(bench, path, 3)
         assert WAITING in starts_after(bench, tmp_path / "missing.bin", 2)
     assert bench.chunks[mark:] == []

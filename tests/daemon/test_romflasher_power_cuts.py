@@ -8,8 +8,8 @@ from harness.flashing import BOTH, FlashSimulator, arguments, flash, make_image
 from harness.waiting import eventually
 
 CUTS = [
-    # What the master sends as the power fails, and how the flasher may end. A cut takes a
-    # moment, in which the next step may have begun.
+    # The last bytes of the master before the power cut, and the possible exit codes. A cut takes a
+    # moment, so the next step may have begun.
     ("synchronisation", lambda data: data == b"\x7f", {4, 5}),
     ("get id", lambda data: data == b"\x02\xfd", {4, 5}),
     ("erase command", lambda data: data in (b"\x44\xbb", b"\x43\xbc"), {5}),
@@ -33,12 +33,12 @@ def test_after_a_power_cut_the_second_attempt_succeeds(kind, tmp_path, point, co
             [binary("romflasher"), *arguments(slow, path, "-g")], stderr=subprocess.DEVNULL
         )
         slow.wait_for_chunk(point)
-        slow.tell(f"restart {slow.id}")
+        slow.command(f"restart {slow.id}")
         assert process.wait(60) in codes
         eventually(lambda: slow.state() in ("firmware", "bootloader"))
         if slow.state() == "firmware":
             slow.into_bootloader()
         assert flash(slow, path).returncode == 0
-        slow.tell(f"restart {slow.id}")
+        slow.command(f"restart {slow.id}")
         eventually(lambda: slow.state() == "firmware")
         assert slow.version() == slow.after

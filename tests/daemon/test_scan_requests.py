@@ -1,4 +1,4 @@
-"""Scans that clients ask for."""
+"""Scans that clients request."""
 
 from harness.line import Line, Slave
 from harness.waiting import eventually
@@ -85,14 +85,14 @@ def test_a_blocking_scan_does_not_wait_for_the_pause(start_daemon, connect):
         assert len([m for m in daemon.messages() if "availablePorts" in m]) == 2
 
 
-def test_no_tick_comes_into_a_blocking_scan(found, line, connect):
+def test_no_tick_runs_during_a_blocking_scan(found, line, connect):
     client = connect()
     assert client.set("MUTE 1") == "ack"
     line.wait_until_quiet()
     mark = line.mark()
     client.send("SET SCN_BLOCK\n")
     line.wait_for(is_probe, 1, mark)
-    # Unmuted from now on: only the scan itself keeps the ticks out.
+    # Polling is not muted from now on, so only the scan prevents ticks.
     assert connect().set("MUTE 0 THROTTLE 0") == "ack"
     line.wait_for(lambda r: is_probe(r) and r.slave == 4, 1, mark)
     addresses = [(r.slave, r.address) for r in line.since(mark)]
@@ -116,8 +116,7 @@ def test_scans_of_two_clients_run_one_inside_the_other(found, line, connect):
     assert other.receive(3) == b"ack"
     assert one.receive(3) == b"ack"
     assert one.set("MUTE 0") == "ack"
-    # The inner scan took the answer that the outer one was waiting for, so the
-    # gripper may be lost to the outer one; the loop looks for it again.
+    # The innermost scan counts. If it found nothing, the loop searches again.
     eventually(lambda: one.get("SID") == "[9]")
     line.wait_until_polled(9)
     assert one.get("DRI") == "RUNNING"

@@ -1,4 +1,4 @@
-"""Every row of the SET variables, seen in the registers of the gripper."""
+"""Every row of the SET variables, checked in the registers of the gripper."""
 
 import pytest
 from harness.line import Line, Slave
@@ -9,7 +9,7 @@ BASELINE = (
     "MUTE 0 THROTTLE 0"
 )
 
-# request, registers 1000 to 1002 afterwards
+# The request, and registers 1000 to 1002 after it.
 OUTPUTS = [
     ("ACT 1", [0x0100, 0, 0]),
     ("MOD 1", [0x0200, 0, 0]),
@@ -30,7 +30,7 @@ OUTPUTS = [
     ("POS 300", [0, 0x002C, 0]),
     ("POS 999", [0, 0x00E7, 0]),
     ("POS 007", [0, 0x0007, 0]),
-    # Four digits are a value of three and a rest that is no pair.
+    # Four digits are a value of three digits and a rest that is not a pair.
     ("POS 1000", [0, 0x0064, 0]),
     ("ATR 1 ACT 1", [0x0100, 0, 0]),
     ("ACT 1 GTO 1 POS 255 SPE 255 FOR 255", [0x0900, 0x00FF, 0xFFFF]),
@@ -39,7 +39,7 @@ OUTPUTS = [
     ("LBP 1 LRD 1 LBL 1 LGN 1 MOD 1 ARD 1 MSC 1", [0x22F0, 0x0100, 0]),
 ]
 
-# What takes a value of zero for an order to clear: name, value that sets it.
+# Names that a value of zero clears.
 CLEARED_BY_ZERO = ["GTO", "ATR", "ARD", "LBP", "LGN", "LRD", "LBL"]
 
 GRIPPER_NAMES = ["ACT", "MOD", "GTO", "ATR", "ARD", "LBP", "LGN", "LRD", "LBL", "MSC", "POS"]
@@ -61,7 +61,7 @@ def daemon(grippers, start_module_daemon):
 def client(daemon, grippers, connect):
     client, mark = connect(), grippers.mark()
     assert client.set(BASELINE) == "ack"
-    # Deactivating is always written, changed or not.
+    # A deactivation is always written, even without a change.
     is_baseline = lambda r: r.slave == 9 and r.is_write(1000) and r.values == [0, 0, 0]
     grippers.wait_for(is_baseline, since=mark)
     return client
@@ -91,7 +91,7 @@ def test_value_of_zero_clears(client, grippers, name, zero):
 def test_activation_with_a_value_of_zero_deactivates(client, grippers, zero):
     assert client.set("ATR 1 ACT 1") == "ack"
     wait_for_registers(grippers, [0x0100, 0, 0])
-    # An automatic release that was asked for ends with it.
+    # The deactivation also withdraws the automatic release.
     assert client.set(f"ATR 1 ACT {zero}") == "ack"
     wait_for_registers(grippers, [0, 0, 0])
 
@@ -140,7 +140,7 @@ def test_replies_have_no_line_ending(client):
     assert client.receive_until_silent(0.1) == b""
 
 
-def test_an_undiscovered_slave_id_is_selected_all_the_same(client):
+def test_an_undiscovered_slave_id_is_selected_too(client):
     assert client.get("FWV") == "TA3-1.6.14"
     assert client.set("SID 5") == "nak"
     assert client.get("FWV") == "?"
@@ -149,7 +149,7 @@ def test_an_undiscovered_slave_id_is_selected_all_the_same(client):
 
 
 def test_slave_id_takes_the_low_8_bits(client):
-    # 258 is 2.
+    # The low 8 bits of 258 are 2.
     assert client.set("SID 258") == "ack"
     assert client.get("FWV") == "TE1-2.0.2"
 
@@ -197,7 +197,7 @@ def test_list_name_needs_no_gripper(client, daemon, name):
     mark = daemon.mark()
     assert client.set(f"{name} 0") == ("nak" if name == "SID" else "ack")
     if name.startswith("SCN"):
-        # The grippers of before the scan are not those of after it.
+        # The scan replaces the grippers, so wait for its end.
         daemon.wait_until_found(9, 2, since=mark)
     assert [m for m in daemon.messages(mark) if "UNHANDLED" in m] == []
 
@@ -209,21 +209,20 @@ def test_slave_id_move_without_a_gripper_is_acknowledged_and_moves_nothing(
     mark, line_mark = daemon.mark(), grippers.mark()
     assert client.set("NID 3", timeout=20) == "ack"
     assert client.get("SID") == "[2, 9]"
-    # The scan behind it is all that happens.
+    # The daemon only scans.
     daemon.wait_until_found(9, 2, since=mark)
     assert [m for m in daemon.messages(mark) if "UNHANDLED" in m or "slave id" in m] == []
     assert grippers.since(line_mark, lambda r: r.address in range(400, 440)) == []
 
 
-def test_character_3_is_taken_out_of_the_request_text(client, grippers):
-    # It is no part of a request, so all that it can do is keep one from being seen.
+def test_a_request_with_character_3_is_not_carried_out(client, grippers):
     client.send("SET PO\x03S 44\n")
     assert client.receive_until_silent(0.1) == b""
     assert client.set("POS 45") == "ack"
     wait_for_registers(grippers, [0, 45, 0])
 
 
-def test_a_daemon_with_the_same_unknown_name_20000_times_stays_small(client, daemon):
+def test_an_unknown_name_20000_times_costs_no_memory(client, daemon):
     before, mark = daemon.resident_kib(), daemon.mark()
     client.send("SET" + " XYZ 1" * 20_000 + "\n")
     assert client.receive(3, timeout=30) == b"ack"

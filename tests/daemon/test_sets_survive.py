@@ -80,7 +80,7 @@ def test_on_another_gripper_during_an_upgrade(start_daemon, connect, tmp_path):
         other = bench.connect()
         assert other.set("SID 4") == "ack"
         assert other.set("POS 82 GTO 1") == "ack"
-        bench.line.tell("restart 9")
+        bench.line.command("restart 9")
         (tmp_path / "end").touch()
         eventually(lambda: bench.line.registers(4, 1001)[0] & 0xFF == 82, 10.0)
 

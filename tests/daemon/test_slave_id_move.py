@@ -1,6 +1,6 @@
-"""A gripper is moved to another slave id: what happens on the line, in the log and for clients.
+"""Slave id moves on the line, in the log and for clients.
 
-A move takes six seconds, so every test of these has a daemon for itself and looks at several things.
+A move takes six seconds, so each test checks several claims.
 """
 
 import time
@@ -54,19 +54,19 @@ def test_moves_the_gripper_and_answers_others_meanwhile(found, line, connect, qu
 
     assert steps(line, mark) == [READ_SETTINGS, WRITE_SETTINGS, READ_SETTINGS, RESET]
     read, write, check, reset = line.since(mark, is_settings)
-    # The other half of the register that holds the id stays, and the trailer stores all of it.
+    # The other half of the id's register stays, and the trailer stores the whole block.
     assert write.values == SETTINGS[:4] + [0x5502, 0x0000, 0x0036]
     assert reset.values == [RESTART]
     assert check.at - write.at >= 2.5
     assert reset.at - check.at >= 0.4
     (probe,) = line.wait_for(lambda r: r.is_read(500), since=mark)
     assert probe.at - reset.at >= 3.0
-    # Nothing else was on the line: it was not polled.
+    # The daemon did not poll meanwhile.
     assert line.since(mark, lambda r: r.at < probe.at and not is_settings(r)) == []
 
     found.wait_until_found(2, since=log_mark)
-    told = [m for m in found.messages(log_mark) if "slave id" in m]
-    assert told == [MOVED]
+    messages = [m for m in found.messages(log_mark) if "slave id" in m]
+    assert messages == [MOVED]
     # The client still has the old id selected.
     assert quiet.get("FWV") == "?"
     assert quiet.set("SID 2") == "ack"
@@ -100,7 +100,7 @@ def bad_crc_on(wanted):
 
 
 def read_number(number):
-    """Accepts the so-many-th read of the settings block."""
+    """Returns a function that accepts the read with this number of the settings block."""
     seen = []
 
     def wanted(request):
@@ -161,7 +161,7 @@ def test_failed_move_is_logged_acknowledged_and_moves_nothing(
     line.wait_until_polled(9, 2)
 
 
-def test_a_write_that_is_not_answered_counts_as_done(found, line, quiet):
+def test_an_unanswered_write_counts_as_done(found, line, quiet):
     slave = line[9]
 
     def script(request):
@@ -178,11 +178,11 @@ def test_a_write_that_is_not_answered_counts_as_done(found, line, quiet):
     assert quiet.get("SID") == "[2]"
 
 
-def test_the_id_that_it_has_writes_nothing_and_the_scan_finds_it_again(found, line, quiet):
+def test_a_move_to_the_same_id_writes_nothing_and_scans(found, line, quiet):
     mark, log_mark, started = line.mark(), found.mark(), time.monotonic()
     quiet.send("SET NID 9\n")
     line.wait_for(lambda r: r.is_read(500), since=mark)
-    # Out of the list until the scan ends.
+    # The gripper is missing in the list until the scan ends.
     assert quiet.get("SID", timeout=0.5) == "[]"
     assert quiet.receive(3) == b"ack"
     assert time.monotonic() - started < 2.0
@@ -198,12 +198,12 @@ def test_without_a_gripper_at_the_id_nothing_is_moved_or_logged(found, line, qui
     assert quiet.set("NID 2") == "ack"
     assert steps(line, mark) == []
     assert [m for m in found.messages(log_mark) if "slave id" in m] == []
-    # The scan comes all the same.
+    # The daemon nevertheless scans.
     assert len(line.since(mark, lambda r: r.is_read(500))) == 4
     assert quiet.get("SID") == "[9]"
 
 
-def test_an_id_that_is_never_probed_loses_the_gripper(found, line, quiet):
+def test_a_move_to_an_id_that_is_never_probed_loses_the_gripper(found, line, quiet):
     log_mark = found.mark()
     assert quiet.set("NID 7", timeout=15) == "ack"
     assert "update slave id from  9  to  7" in found.messages(log_mark)

@@ -1,4 +1,4 @@
-"""The daemon is told to quit in the middle of a slave id move."""
+"""Quit signals in each wait of a slave id move."""
 
 import time
 
@@ -34,5 +34,5 @@ def test_a_quit_signal_ends_the_daemon_in_each_wait(found, line, connect, step, 
     status, seconds = found.stop()
     assert status == 0
     assert seconds < QUIT_LIMIT
-    # It tells of a move only if the gripper has been told to restart under its new id.
+    # The daemon logs a move only after the restart request.
     assert (MOVED in found.messages(log_mark)) == (step in ("during_the_restart", "scan"))

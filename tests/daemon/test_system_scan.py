@@ -1,6 +1,6 @@
-"""The operations that look at every serial port of the system; the daemon calls none of them.
+"""The operations on all serial ports of the system. The daemon does not call them.
 
-The program system-scan calls them, on ports that only this test has.
+The program system-scan calls them, on ports of this test only.
 """
 
 import os
@@ -17,7 +17,7 @@ SAYS_FREE = 'echo "local $*" >>asked; exit 1'
 
 @pytest.fixture
 def scan(tmp_path):
-    """scan(STEP...) gives the lines of each step; none of them may write to standard error."""
+    """scan(STEP...) returns the lines of each step. No step may write to standard error."""
 
     def run(*steps, path=None):
         environment = {**os.environ, **ENVIRONMENT}
@@ -48,7 +48,7 @@ def scan(tmp_path):
 
 @pytest.fixture
 def asked(tmp_path):
-    """asked() gives what the test's own fusers were called with, in order."""
+    """asked() returns the arguments of the test's fusers in their order."""
     record = tmp_path / "asked"
     return lambda: record.read_text().splitlines() if record.exists() else []
 
@@ -98,7 +98,7 @@ def test_a_system_without_ports_has_none_to_scan(scan):
         ("kill -9 $$", None, ["local"], False),
     ],
 )
-def test_the_fusers_decide(scan, tmp_path, asked, local, on_path, programs, free):
+def test_the_fusers_select_the_free_ports(scan, tmp_path, asked, local, on_path, programs, free):
     folder = tmp_path / "path"
     folder.mkdir()
     if local is not None:
@@ -112,7 +112,7 @@ def test_the_fusers_decide(scan, tmp_path, asked, local, on_path, programs, free
 
 
 @pytest.mark.parametrize("has_local_fuser", [True, False])
-def test_a_port_that_another_process_holds_is_neither_listed_nor_asked(
+def test_a_port_that_another_process_holds_is_neither_listed_nor_probed(
     scan, tmp_path, has_local_fuser
 ):
     if has_local_fuser:
@@ -128,12 +128,12 @@ def test_a_port_that_another_process_holds_is_neither_listed_nor_asked(
             assert held.since(0) == []
 
 
-def test_a_scan_of_all_ids_gives_the_grippers_of_each_port_that_has_some(scan, tmp_path):
+def test_a_scan_of_all_ids_gives_the_grippers_of_each_port(scan, tmp_path):
     install_fuser(tmp_path, "exit 1")
     first, other = Slave(9, serial=1), Slave(3, serial=2, version="TB1-0.0.1")
     rates = set()
     first.script = lambda _: rates.add(first.line.baud_rate())
-    # One of them carries a device of another kind only, and one is not there to be opened.
+    # One port has only a device of another kind. One port cannot be opened.
     with FakePorts("ttyUSB1", "ttyACM0", "ttyUSB0", "ttyUSB2", "ttyUSB3"):
         with Line(Slave(2), Slave(5), first, link="/dev/ttyUSB1"), Line(
             link="/dev/ttyACM0"
@@ -146,9 +146,9 @@ def test_a_scan_of_all_ids_gives_the_grippers_of_each_port_that_has_some(scan, t
     assert rates == {115200}
 
 
-def test_a_scan_of_one_id_asks_for_that_id_on_every_port(scan, tmp_path):
+def test_a_scan_of_one_id_probes_it_on_every_port(scan, tmp_path):
     install_fuser(tmp_path, "exit 1")
-    # 5 is an id that a scan of all ids does not ask for.
+    # A scan of all ids does not probe id 5.
     with FakePorts("ttyUSB1", "ttyACM0", "ttyUSB0", "ttyUSB2"):
         with Line(Slave(5), Slave(9), link="/dev/ttyUSB1") as first, Line(
             Slave(9), link="/dev/ttyACM0"
@@ -163,7 +163,7 @@ def test_a_scan_leaves_every_port_closed(scan, tmp_path):
     install_fuser(tmp_path, "system")
     with FakePorts("ttyUSB0", "ttyACM0"):
         with Line(Slave(2), link="/dev/ttyUSB0"), Line(link="/dev/ttyACM0"):
-            # The fuser would see a port that this process has left open.
+            # The fuser would find a port that this process has left open.
             results = scan("grippers", "ports", "gripper=2", "ports")
     grippers, ports = ["/dev/ttyUSB0 2=ABC-0042"], ["/dev/ttyUSB0", "/dev/ttyACM0"]
     assert results == [grippers, ports, grippers, ports]
@@ -180,14 +180,14 @@ def test_silence_costs_62_ms_for_three_registers_also_on_an_acm_port(scan, tmp_p
                 assert len(times) == 4
                 periods[line.link] = statistics.median(b - a for a, b in zip(times, times[1:]))
     figure(", ".join(f"{link}: {period * 1000:.0f} ms" for link, period in periods.items()))
-    # Each probe begins with 200 ms for the rate to settle. The constraints of a bare ttyACM name
-    # would make it 430 ms.
+    # Each probe begins with a pause of 200 ms. With the constraints of a plain ttyACM name it would
+    # take 430 ms.
     assert all(0.262 <= period < 0.34 for period in periods.values()), periods
 
 
 @pytest.mark.parametrize("step", ["grippers", "gripper=9"])
 @pytest.mark.parametrize("delay, found", [(0.03, True), (0.15, False)])
-def test_an_answer_on_an_acm_port_has_as_long_as_on_any_other(
+def test_an_acm_port_has_the_same_deadline_as_others(
     scan, tmp_path, step, delay, found
 ):
     install_fuser(tmp_path, "exit 1")

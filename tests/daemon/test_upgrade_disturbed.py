@@ -1,4 +1,4 @@
-"""What clients ask in the middle of a flashing leaves the line with the flasher."""
+"""Requests of clients during a flash leave the line to the flasher."""
 
 import pathlib
 import time
@@ -10,7 +10,7 @@ from harness.ports import ENVIRONMENT, FakePorts
 from harness.upgrades import put_flasher
 from harness.waiting import eventually
 
-# It stays in its firmware and answers whoever scans.
+# This gripper keeps its firmware and would answer a scan.
 NEIGHBOUR = "4=TB1-1.4.3"
 
 
@@ -23,21 +23,21 @@ def make_bench(start_daemon, connect, tmp_path):
 DISTURBANCES = ["SCN_BLOCK", "MUTE 0", "MUTE 0 SCN_BLOCK", "SCN", "NID 2", "BLD 1", "THROTTLE 1"]
 
 
-def test_the_flash_succeeds_whatever_is_asked_meanwhile(make_bench):
+def test_no_request_disturbs_the_flash(make_bench):
     bench = make_bench(FINGERS, NEIGHBOUR, bits=40000, size=5000)
     disturber = bench.connect()
     assert bench.client.set("UPG 1", timeout=15) == "ack"
     mark, foreign_mark = bench.line.mark(), len(bench.line.foreign)
-    # First as soon as the flasher has been started, then while it has the line.
+    # First directly after the start of the flasher, then while it uses the line.
     for _ in range(2):
         for disturbance in DISTURBANCES:
             reply = "nak" if disturbance == "BLD 1" else "ack"
             assert disturber.set(disturbance, timeout=15) == reply, disturbance
             assert bench.client.get("SID") == "[4, 9]", disturbance
         bench.daemon.wait_for_line("Erasing", bench.log_mark)
-    assert bench.client.get("UPG") == "1", "over before it was disturbed"
+    assert bench.client.get("UPG") == "1", "the flash ended before the last request"
     bench.daemon.wait_for_line("verified 100 %", bench.log_mark, timeout=30)
-    # All that was on the line is the flasher's.
+    # Only the flasher used the line.
     assert bench.line.since(mark) == []
     assert set(bench.line.foreign_rates[foreign_mark:]) == {19200}
     bench.wait_for_the_end()
@@ -45,8 +45,8 @@ def test_the_flash_succeeds_whatever_is_asked_meanwhile(make_bench):
     assert bench.client.get("SID") == "[4, 9]"
 
 
-def test_a_scan_right_behind_the_upgrade_stays_off_the_port_behind_a_link(make_bench):
-    """fuser calls the port free until stm32flash has opened it: the lock has to keep it."""
+def test_a_scan_right_after_the_upgrade_does_not_open_the_linked_port(make_bench):
+    """fuser reports a free port until stm32flash has opened it, so the lock must protect it."""
     link = pathlib.Path("/dev/ttyTool")
     link.symlink_to("ttyUSB0")
     try:
@@ -78,7 +78,7 @@ def test_an_upgrade_inside_a_scan_keeps_the_line_and_the_list(make_bench):
     other = bench.connect()
     mark = bench.line.mark()
     other.send("SET SCN_BLOCK\n")
-    # No gripper has this id, so the scan waits for a while.
+    # No gripper has this id, so the scan waits.
     bench.line.wait_for(lambda request: request.slave == 2, since=mark)
     assert bench.client.set("UPG 1", timeout=15) == "ack"
     mark = bench.line.mark()
@@ -92,7 +92,7 @@ def test_an_upgrade_inside_a_scan_keeps_the_line_and_the_list(make_bench):
 
 
 class LocklessBench(Bench):
-    """Its flasher takes no lock file and runs until the file `end` is there."""
+    """The flasher creates no lock file and runs until the file `end` exists."""
 
     def __init__(self, start_daemon, connect, folder):
         put_flasher(folder, "until [ -e end ]; do sleep 0.02; done")
@@ -104,8 +104,8 @@ def lockless(start_daemon, connect, tmp_path):
     with benches(LocklessBench, start_daemon, connect, tmp_path) as make:
         bench = make()
         assert bench.client.set("UPG 1", timeout=15) == "ack"
-        # The trace comes before this answer, the daemon's last byte included.
-        bench.line.tell("show")
+        # The trace, including the daemon's last byte, comes before this answer.
+        bench.line.command("show")
         yield bench
 
 
@@ -116,7 +116,7 @@ def has_port_open(bench):
 REQUESTS = {"SCN": "ack", "SCN_BLOCK": "ack", "NID 2": "ack", "BLD 1": "nak", "UPG 1": "nak"}
 
 
-def test_the_daemon_stays_off_a_line_that_no_lock_keeps(lockless, tmp_path):
+def test_the_daemon_opens_no_port_even_without_a_lock(lockless, tmp_path):
     line, client = lockless.line, lockless.connect()
     mark, foreign, log = line.mark(), len(line.foreign), lockless.daemon.mark()
     assert client.set("MUTE 0") == "ack"
@@ -126,8 +126,8 @@ def test_the_daemon_stays_off_a_line_that_no_lock_keeps(lockless, tmp_path):
         assert client.get("SID") == "[4, 9]", request
     assert line.since(mark) == []
     assert len(line.foreign) == foreign
-    # One discovery answers all the scans that were asked for.
-    line.tell("restart 9")
+    # A single discovery fulfils all scan requests.
+    line.command("restart 9")
     (tmp_path / "end").touch()
     lockless.daemon.wait_until_found(4, 9, since=log)
     line.wait_until_polled(4, 3)
@@ -138,11 +138,11 @@ def test_the_daemon_stays_off_a_line_that_no_lock_keeps(lockless, tmp_path):
 def test_an_unmuted_daemon_polls_nothing_during_the_flash(lockless, tmp_path):
     mark, log = lockless.line.mark(), lockless.daemon.mark()
     assert lockless.client.set("MUTE 0 THROTTLE 0") == "ack"
-    # Many times the period of the ticks.
+    # This is many times the period of the ticks.
     time.sleep(0.3)
     assert lockless.line.since(mark) == []
     assert lockless.daemon.messages(log) == []
-    lockless.line.tell("restart 9")
+    lockless.line.command("restart 9")
     (tmp_path / "end").touch()
     eventually(lambda: lockless.client.get("DRI") == "RUNNING")
     lockless.line.wait_until_polled(9, 2)

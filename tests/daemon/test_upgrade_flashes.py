@@ -34,7 +34,7 @@ def test_an_upgrade_ends_with_the_new_version(make_bench, versions):
     assert bench.messages().count("unmuteOnUpgradeFinished") == 1
 
 
-def test_a_daemon_stopped_in_the_middle_leaves_nobody_on_the_line(make_bench):
+def test_a_daemon_stopped_during_the_flash_leaves_no_process_on_the_line(make_bench):
     bench = make_bench(bits=19200, size=20000)
     bench.start()
     family = eventually(lambda: len(found := children_of(bench.daemon.pid)) == 2 and found)
@@ -44,7 +44,7 @@ def test_a_daemon_stopped_in_the_middle_leaves_nobody_on_the_line(make_bench):
     eventually(lambda: not any(is_alive(pid) for pid in family), 0.5)
 
 
-def test_a_killed_flasher_leaves_the_gripper_to_an_attempt_by_hand(make_bench, tmp_path):
+def test_after_a_killed_flasher_a_flash_by_hand_succeeds(make_bench, tmp_path):
     bench = make_bench(bits=40000, size=6000)
     bench.start()
     family = eventually(lambda: len(found := children_of(bench.daemon.pid)) == 2 and found)
@@ -52,36 +52,36 @@ def test_a_killed_flasher_leaves_the_gripper_to_an_attempt_by_hand(make_bench, t
     bench.wait_for_the_end()
     eventually(lambda: not any(is_alive(pid) for pid in family), 0.5)
     assert bench.client.get("UPG") == "0"
-    # It has no firmware and is not found any more.
+    # The gripper has no firmware, so discovery does not find it.
     eventually(lambda: bench.client.get("SID") == "[]")
     assert bench.client.set("MUTE 1") == "ack"
-    bench.line.tell("restart 9")
+    bench.line.command("restart 9")
     command = [binary("romflasher"), "-p", "/dev/ttyTool", "-b", "19200", "-f", bench.image, "-g"]
     assert subprocess.run(command, timeout=60, cwd=tmp_path).returncode == 0
     assert bench.client.set("MUTE 0") == "ack"
     bench.wait_for_the_new_version()
 
 
-def test_a_flasher_that_fails_tells_why_in_the_log_and_polling_goes_on(make_bench):
+def test_a_failing_flasher_logs_its_reason_and_polling_continues(make_bench):
     bench = make_bench()
-    bench.line.tell("fault 9 nackWrite always")
+    bench.line.command("fault 9 nackWrite always")
     bench.start()
     bench.wait_for_the_end()
-    told = [m for m in bench.messages() if m.startswith('"')]
-    assert "flash it again" in told[-1]
-    # Nothing is found at the end of a line that is looked at again and again.
+    messages = [m for m in bench.messages() if m.startswith('"')]
+    assert "flash it again" in messages[-1]
+    # The daemon searches repeatedly and finds no gripper.
     mark = bench.daemon.mark()
     for _ in range(2):
         bench.daemon.wait_for_line("availablePorts", mark)
         mark = bench.daemon.mark()
 
 
-def test_a_missing_image_ends_the_upgrade_and_polling_goes_on(make_bench):
+def test_a_missing_image_ends_the_upgrade_and_polling_continues(make_bench):
     bench = make_bench()
     bench.image.unlink()
     assert bench.client.set("UPG 1", timeout=15) == "ack"
     bench.wait_for_the_end()
     assert any(m.startswith('"') and bench.image.name in m for m in bench.messages())
-    # The flasher has started the firmware that is there.
+    # The flasher has started the present firmware.
     bench.line.wait_until_polled(9, 2)
     assert bench.client.get("FWV") == FINGERS[0]

@@ -6,14 +6,14 @@
 #include <cstdio>
 #include <cstdlib>
 
-/// Ends the program, so that the fuzzer keeps the input: `what` tells what should have been.
+/// Prints `what` and aborts, so the fuzzer keeps the input.
 [[noreturn]] inline void reportFinding(const QString &what)
 {
     std::fprintf(stderr, "FINDING: %s\n", qPrintable(what));
     std::abort();
 }
 
-/// Bytes in a form that can be printed.
+/// Returns the bytes in a printable form.
 inline QString readable(const QByteArray &bytes)
 {
     return QString::fromLatin1(bytes.toPercentEncoding(" !-_"));

@@ -1,13 +1,12 @@
-// The Modbus master on a pseudo-terminal whose far end answers whatever it likes, in whatever
-// pieces: every request on the line, every result and every error is what an independent judgement
-// of the same bytes says.
+// The Modbus master on a pseudo-terminal whose far end sends arbitrary answers in arbitrary pieces.
+// The target computes every request, result and error independently and compares them.
 //
-// Nothing waits for the clock: this program has its own idea of the daemon's pauses. In each pause
-// one piece of the answer arrives, and when none is left the wait for the answer ends.
+// The target replaces the daemon's pauses and needs no real time. In each pause one piece of the
+// answer arrives. After the last piece, the wait for the answer ends.
 //
-// Input, per request: one byte of options, slave id, start address (two bytes), register count,
-// the values of a write, then the answer in pieces, each a byte with its length (0 ends them) and
-// its bytes. Stale bytes that were on the line before are a piece more, in front.
+// Input, per request: one byte of options, slave id, start address (two bytes), register count, the
+// values of a write, stale bytes if an option asks for them, then the pieces of the answer. Each
+// piece is one byte with its length and its bytes. Length 0 ends the pieces.
 
 #include "finding.h"
 #include "kvmodbuscustom.h"
@@ -29,21 +28,21 @@ namespace {
 
 enum Option : quint8 {
     IsWrite = 0x01,
-    HasStaleBytes = 0x02, ///< bytes that came too late for an earlier request
+    HasStaleBytes = 0x02, ///< late bytes of an earlier request are on the line
     RepairsHeader = 0x04, ///< the answer begins with the request's slave id and function code
-    RepairsCrc = 0x08,    ///< the answer's CRC is right for the length that is expected
-    SwapsCrc = 0x10,      ///< and its two bytes are then swapped
-    FillsUp = 0x20,       ///< the answer is long enough
-    HasMoreBehind = 0x40, ///< and has a byte more
+    RepairsCrc = 0x08,    ///< the CRC is correct for the expected length
+    SwapsCrc = 0x10,      ///< the bytes of the repaired CRC are swapped
+    FillsUp = 0x20,       ///< the answer has at least the expected length
+    HasExtraByte = 0x40,  ///< the answer has one byte more
 };
 
 constexpr int readHoldingRegisters = 0x03;
 constexpr int writeMultipleRegisters = 0x10;
-constexpr int mostRegisters = 140; // twice that is more than a byte holds
+constexpr int mostRegisters = 140; // their number of bytes exceeds one byte
 constexpr int mostRequests = 6;
 constexpr int lineTimeoutMs = 2000;
 
-// CRC-16/MODBUS, made from its tables of one nibble: x^16 + x^15 + x^2 + 1, reflected.
+// CRC-16/MODBUS by nibbles: x^16 + x^15 + x^2 + 1, reflected.
 quint16 referenceCrc(const QByteArray &bytes)
 {
     static const std::array<quint16, 16> table{0x0000, 0xCC01, 0xD801, 0x1400, 0xF001, 0x3C00,
@@ -72,7 +71,7 @@ QByteArray word(int value)
     return {text.data(), 2};
 }
 
-// The fuzzer's bytes, read from the front; zero behind their end.
+// The bytes of the fuzzer, read from the start. After their end, every byte is zero.
 class Input
 {
 public:
@@ -96,7 +95,7 @@ public:
         m_at += taken.size();
         return taken;
     }
-    /// A byte with the length, and so many bytes.
+    /// Reads one byte with the length, then that many bytes.
     QByteArray piece() { return bytes(byte()); }
 
 private:
@@ -104,7 +103,7 @@ private:
     int m_at = 0;
 };
 
-/// The far end of the line. What it answers arrives piece by piece, one in each pause.
+/// The far end of the line. One piece of its answer arrives in each pause.
 class FarEnd
 {
 public:
@@ -123,7 +122,7 @@ public:
         awaitUnread(m_pty.portEnd(), before + bytes.size());
     }
 
-    /// What has come, at least `count` bytes unless they do not come at all.
+    /// Waits for at least `count` bytes and returns all received ones; empty after a time-out.
     QByteArray receive(int count) const
     {
         QByteArray received;
@@ -143,7 +142,7 @@ private:
         return count;
     }
 
-    // The kernel carries bytes through a pseudo-terminal a moment after they have been written.
+    // The kernel passes bytes through a pseudo-terminal some time after the write.
     static bool awaitUnread(int descriptor, int count)
     {
         QElapsedTimer clock;
@@ -163,7 +162,7 @@ FarEnd &farEnd()
     return end;
 }
 
-/// One request with all that the far end does about it, as the input tells.
+/// One request of the input, and the reaction of the far end.
 struct Exchange
 {
     explicit Exchange(Input &input)
@@ -196,7 +195,7 @@ struct Exchange
         return bytes + crcBytes(bytes);
     }
 
-    /// What the master can have seen when it judges: it waits no longer than for enough bytes.
+    /// The bytes that the master judges: it stops waiting when it has enough of them.
     QByteArray seen() const
     {
         QByteArray bytes;
@@ -216,7 +215,7 @@ struct Exchange
     QList<QByteArray> pieces;
 
 private:
-    // Few inputs would have the right checksum otherwise.
+    // Without these repairs, few inputs would have a correct checksum.
     void shapeAnswer()
     {
         QByteArray answer;
@@ -225,7 +224,7 @@ private:
         const int given = answer.size();
         if (has(FillsUp))
             answer = answer.leftJustified(answerLength(), '\x5A');
-        if (has(HasMoreBehind))
+        if (has(HasExtraByte))
             answer += '\x07';
         if (has(RepairsHeader))
             answer.replace(0, 2, header);
@@ -269,7 +268,7 @@ QVector<quint16> valuesOf(const Exchange &exchange)
 void run(KvModbusCustom &master, const Exchange &exchange)
 {
     farEnd().send(exchange.stale);
-    // Some are fetched by the event loop, others still wait in the kernel.
+    // The event loop reads an odd number of stale bytes; an even number stays in the kernel.
     if (exchange.stale.size() % 2 == 1)
         QCoreApplication::processEvents();
     farEnd().setAnswer(exchange.pieces);

@@ -1,6 +1,6 @@
-// Reading pairs out of any text, requests or not, against the pattern that says what a pair is.
+// Compares the pairs that PairReader finds in any text with those of the pattern.
 //
-// Input: the text, up to the first zero byte: no request contains one.
+// Input: the text up to the first zero byte, which no request contains.
 
 #include "finding.h"
 #include "pairreader.h"

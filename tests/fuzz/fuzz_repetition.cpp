@@ -1,9 +1,8 @@
-// Text that repeats itself as often as a hostile client likes: scanning it and reading the pairs of
-// what was cut takes time in proportion to its length. Anything else runs into the fuzzer's limit
-// of time.
+// Checks that the time for scanning repetitive text and reading its pairs is proportional to the
+// length of the text. Otherwise the target exceeds the fuzzer's time limit.
 //
-// Input: the size of the reads (one byte; 0 for all in one), then up to three parts separated by
-// byte FE: what comes first, what is repeated, what comes last.
+// Input: the size of the reads (one byte; 0 for a single read), then up to three parts, separated
+// by byte FE: the start, the repeated part and the end of the text.
 
 #include "finding.h"
 #include "pairreader.h"
@@ -58,8 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         scanner.append(read.constData(), static_cast<std::size_t>(read.size()));
         takeAll(scanner);
     }
-    // Upper-casing makes at most three characters of two bytes.
+    // Upper-casing turns two bytes into at most three characters.
     if (scanner.bytesKept() > 2 * static_cast<std::size_t>(text.size()))
-        reportFinding(QStringLiteral("more is kept than was sent"));
+        reportFinding(QStringLiteral("the scanner keeps more than it received"));
     return 0;
 }

@@ -1,8 +1,8 @@
-// Cutting requests out of what a client sends, against the patterns that say what a request is; the
-// pairs of every SET, against theirs.
+// Compares the requests that RequestScanner finds, and the pairs of every SET, with those of the
+// patterns.
 //
-// Input: what the client sends. Byte FD or FE, neither of which UTF-8 contains, ends a read; behind
-// FD only one request is taken before the next read comes, behind FE all of them.
+// Input: the bytes of a client. Byte FD or FE ends a read; UTF-8 contains neither. After FD the
+// target takes one request before the next read, after FE all of them.
 
 #include "finding.h"
 #include "pairreader.h"
@@ -71,7 +71,7 @@ void comparePairs(const std::string &set)
         reportFinding(QStringLiteral("pairs of ") + readable(text));
 }
 
-// Also what is too ambiguous for the patterns.
+// Also scans text that is too ambiguous for the patterns.
 void scanAlone(const QList<Read> &reads)
 {
     RequestScanner scanner;
@@ -84,9 +84,9 @@ void scanAlone(const QList<Read> &reads)
             if (request.kind == Request::Kind::Set)
                 comparePairs(request.text);
         }
-        // Upper-casing makes at most three characters of two bytes.
+        // Upper-casing turns two bytes into at most three characters.
         if (scanner.bytesKept() > 2 * sent)
-            reportFinding(QStringLiteral("more is kept than was sent"));
+            reportFinding(QStringLiteral("the scanner keeps more than it received"));
     }
 }
 

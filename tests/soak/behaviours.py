@@ -1,13 +1,13 @@
-"""Every kind of client, each a function that does once what such a client does."""
+"""The kinds of clients. Each function is one round of a client."""
 
 import socket
 import threading
 import time
 
 from replies import FORMS, LONG_PATIENCE, NAMES, PATIENCE, StrictClient
-from world import SLOWNESS, Broken
+from world import SLOWNESS, InvariantFailed
 
-# A GET is answered from memory: the loop only finishes what it has in hand.
+# The daemon answers a GET from memory, so the reply waits only for the running step of the loop.
 PROBE_LIMIT = 0.25 * SLOWNESS
 PROBE_MEDIAN_LIMIT = 0.005 * SLOWNESS
 PROBE_P99_LIMIT = 0.050 * SLOWNESS
@@ -16,32 +16,32 @@ IDS = (9, 2, 3, 4)
 
 
 def poller(world, rng, slave_id):
-    """Asks for everything all the time."""
+    """Requests random variables permanently."""
     with StrictClient(world, f"poller of {slave_id}") as client:
-        client.order(f"SID {slave_id}", ("ack", "nak"))
+        client.set_expecting(f"SID {slave_id}", ("ack", "nak"))
         while world.pause(0.02):
-            client.ask_for(*rng.sample(NAMES, 16))
+            client.get_all(*rng.sample(NAMES, 16))
 
 
 def commander(world, rng, slave_id):
     """Moves a gripper at a steady pace."""
     with StrictClient(world, f"commander of {slave_id}") as client:
-        client.order(f"SID {slave_id}", ("ack", "nak"))
+        client.set_expecting(f"SID {slave_id}", ("ack", "nak"))
         while world.pause(0.1):
             kind = rng.randrange(6)
             if kind == 0:
-                client.order(f"ACT {rng.randrange(2)}")
+                client.set_expecting(f"ACT {rng.randrange(2)}")
             elif kind == 1:
-                client.order(f"LGN {rng.randrange(2)} MSC {rng.randrange(256)}")
+                client.set_expecting(f"LGN {rng.randrange(2)} MSC {rng.randrange(256)}")
             elif kind == 2:
-                client.order(f"MOD {rng.randrange(3)}", ("ack", "nak"))
+                client.set_expecting(f"MOD {rng.randrange(3)}", ("ack", "nak"))
             else:
-                client.order(f"POS {rng.randrange(256)} SPE {rng.randrange(256)} FOR 10 GTO 1")
+                client.set_expecting(f"POS {rng.randrange(256)} SPE {rng.randrange(256)} FOR 10 GTO 1")
 
 
-def ask_and_drop(world, rng):
+def get_and_drop(world, rng):
     with StrictClient(world, "ask and drop") as client:
-        client.ask_for(*rng.sample(NAMES, rng.randrange(1, 5)))
+        client.get_all(*rng.sample(NAMES, rng.randrange(1, 5)))
     with StrictClient(world, "drop unread") as client:
         client.send("GET POS\nSET POS 1 SPE 7\nGET SNU\n"[: rng.randrange(35)])
     world.pause(0.05 * rng.random())
@@ -64,13 +64,13 @@ def half_closer(world, rng):
         lines = client.receive_to_end(PATIENCE).splitlines(keepends=True)
         forms = [FORMS[name] for name in names]
         if len(lines) != len(names) or not all(f.fullmatch(n) for f, n in zip(forms, lines)):
-            raise Broken(f"half closer: {lines} to {names}")
-        world.holds("replies", len(names))
+            raise InvariantFailed(f"half closer: {lines} to {names}")
+        world.passes("replies", len(names))
     world.pause(0.1 * rng.random())
 
 
 def garbage_sender(world, rng):
-    """A zero byte would drop the rest of its packet; the letters make pieces of requests."""
+    """Sends bytes without zeros, which would drop the rest, or letters that resemble requests."""
     if rng.random() < 0.5:
         garbage = bytes(rng.randrange(1, 256) for _ in range(rng.randrange(2000)))
     else:
@@ -80,13 +80,13 @@ def garbage_sender(world, rng):
         client.half_close()
         answers = client.receive_to_end(PATIENCE)
         if not answers.endswith(b"VER MZV-2.0.0\n"):
-            raise Broken(f"garbage sender: {answers[-60:]!r} behind {garbage[-200:]!r}")
-        world.holds("replies")
+            raise InvariantFailed(f"garbage sender: {answers[-60:]!r} after {garbage[-200:]!r}")
+        world.passes("replies")
     world.pause(0.2 * rng.random())
 
 
 def never_reader(world, rng):
-    """Sends until the daemon takes no more, then reads every reply after all."""
+    """Sends until the daemon reads no more, then reads all replies."""
     request, reply = b"GET VER\n", b"VER MZV-2.0.0\n"
     with StrictClient(world, "never reader") as client:
         client.socket.setblocking(False)
@@ -102,7 +102,7 @@ def never_reader(world, rng):
                     break
                 world.pause(0.02)
         world.pause(2 * rng.random())
-        # The request that was cut is finished by hand, once there is room.
+        # The last request may be incomplete: send its rest when there is room.
         rest = request[sent % len(request) :] if sent % len(request) else b""
         expected, received = (sent + len(rest)) // len(request) * len(reply), 0
         deadline = time.monotonic() + LONG_PATIENCE
@@ -112,18 +112,18 @@ def never_reader(world, rng):
                 if not data or data != (reply * (len(data) // len(reply) + 2))[
                     received % len(reply) : received % len(reply) + len(data)
                 ]:
-                    raise Broken(f"never reader: {data[:60]!r} after {received} bytes")
+                    raise InvariantFailed(f"never reader: {data[:60]!r} after {received} bytes")
                 received += len(data)
             except BlockingIOError:
                 if time.monotonic() > deadline:
-                    raise Broken(f"never reader: {received} of {expected} bytes") from None
+                    raise InvariantFailed(f"never reader: {received} of {expected} bytes") from None
                 time.sleep(0.005)
             if rest:
                 try:
                     rest = rest[client.socket.send(rest) :]
                 except BlockingIOError:
                     pass
-        world.holds("replies")
+        world.passes("replies")
         world.count("replies read late", expected // len(reply))
     world.pause(5 * rng.random())
 
@@ -142,49 +142,49 @@ def hostile_setter(world, rng):
         client.send("\nGET VER\n")
         reply = client.receive(len("ackVER MZV-2.0.0\n"))
         if reply != b"ackVER MZV-2.0.0\n":
-            raise Broken(f"hostile setter: {reply!r} to SET {body[:60]}")
-        world.holds("replies", 2)
+            raise InvariantFailed(f"hostile setter: {reply!r} to SET {body[:60]}")
+        world.passes("replies", 2)
     world.pause(rng.random())
 
 
 def scanner(world, rng, slot):
-    """Scans now and then; the scanners' blocking scans come to lie inside one another."""
+    """Scans occasionally. Blocking scans of several scanners nest."""
     if not world.pause(4 + 12 * rng.random()):
         return
     with world.scan_slot(slot), StrictClient(world, "scanner") as client:
         if rng.random() < 0.3:
-            client.order("SCN")
+            client.set_expecting("SCN")
             world.count("scans")
         else:
-            client.order("SCN_BLOCK", timeout=LONG_PATIENCE)
+            client.set_expecting("SCN_BLOCK", timeout=LONG_PATIENCE)
             world.count("blocking scans")
 
 
 def tuner(world, rng):
-    """Changes the pace of polling, or mutes it for a while, and takes it back."""
+    """Changes the throttle or mutes polling for a while, then restores it."""
     if not world.pause(1 + 4 * rng.random()):
         return
     with world.maintenance, StrictClient(world, "tuner") as client:
         if rng.random() < 0.7:
-            client.order("THROTTLE 0")
+            client.set_expecting("THROTTLE 0")
             world.pause(5 * rng.random())
-            client.order("THROTTLE 1")
+            client.set_expecting("THROTTLE 1")
         else:
-            with world.excuse("muted"):
-                client.order("MUTE 1")
+            with world.suspend_judging("muted"):
+                client.set_expecting("MUTE 1")
                 world.pause(2 * rng.random())
-                client.order("MUTE 0")
+                client.set_expecting("MUTE 0")
 
 
 def start_all(world):
-    """One thread each, until the run is over."""
-    crew = [(f"poller {n}", poller, (n,)) for n in IDS]
-    crew += [(f"commander {n}", commander, (n,)) for n in (9, 2)]
-    alone = [ask_and_drop, resetter, half_closer, garbage_sender, never_reader, hostile_setter]
-    crew += [(f.__name__, f, ()) for f in (*alone, tuner)]
-    crew += [(f"scanner {n}", scanner, (n,)) for n in range(2)]
+    """Starts one thread per client. Each repeats its function until the end of the run."""
+    clients = [(f"poller {n}", poller, (n,)) for n in IDS]
+    clients += [(f"commander {n}", commander, (n,)) for n in (9, 2)]
+    single_clients = [get_and_drop, resetter, half_closer, garbage_sender, never_reader, hostile_setter]
+    clients += [(f.__name__, f, ()) for f in (*single_clients, tuner)]
+    clients += [(f"scanner {n}", scanner, (n,)) for n in range(2)]
     threads = []
-    for name, behave, arguments in crew:
+    for name, behave, arguments in clients:
         target = (world, name, behave, arguments)
         threads.append(threading.Thread(target=_repeat, args=target, daemon=True))
         threads[-1].start()
@@ -196,17 +196,17 @@ def _repeat(world, name, behave, arguments):
     while not world.stopped.is_set():
         try:
             behave(world, rng, *arguments)
-        except Broken as problem:
-            world.breaks("replies", str(problem))
+        except InvariantFailed as problem:
+            world.fails("replies", str(problem))
             world.pause(1)
         except (OSError, AssertionError) as problem:
             if not world.stopped.is_set():
-                world.breaks("connections", f"{name}: {problem!r}")
+                world.fails("connections", f"{name}: {problem!r}")
                 world.pause(1)
 
 
 class Prober:
-    """A client that behaves, and how long it has to wait."""
+    """A well-behaved client that measures its reply times."""
 
     def __init__(self, world):
         self.world = world
@@ -219,22 +219,22 @@ class Prober:
             with StrictClient(self.world, "prober") as client:
                 while self.world.pause(0.02):
                     self._probe(client)
-        except (Broken, OSError, socket.timeout) as problem:
-            self.world.breaks("latency", f"prober: {problem}")
+        except (InvariantFailed, OSError, socket.timeout) as problem:
+            self.world.fails("latency", f"prober: {problem}")
 
     def _probe(self, client):
-        # A bootloader is looked for with the thread blocked: that time is not the prober's.
-        blocked = self.world.excused("upgrade")
-        asked = time.monotonic()
-        client.ask_for("POS")
-        waited = time.monotonic() - asked
-        if blocked or self.world.excused("upgrade"):
+        # The search for a bootloader blocks the daemon, so this time is not judged.
+        blocked = self.world.is_suspended("upgrade")
+        began = time.monotonic()
+        client.get_all("POS")
+        waited = time.monotonic() - began
+        if blocked or self.world.is_suspended("upgrade"):
             return
         if waited > PROBE_P99_LIMIT:
-            # The watch tells of a stall only when it is over.
+            # The watch reports a stall only after its end.
             time.sleep(0.1)
-            if waited <= PROBE_P99_LIMIT + 5 * self.world.worst_stall(asked):
-                self.world.forgive("latency")
+            if waited <= PROBE_P99_LIMIT + 5 * self.world.worst_stall(began):
+                self.world.skip_for_stall("latency")
                 return
         self.waits.append(waited)
         self.world.judge("latency", waited <= PROBE_LIMIT, f"a probe took {waited:.3f} s")

@@ -1,4 +1,4 @@
-"""The line: its grippers, what is done to them, and whether the daemon keeps visiting them."""
+"""The line: its grippers, its disturbances, and a check that the daemon visits the grippers."""
 
 import os
 import shutil
@@ -12,30 +12,30 @@ from replies import LONG_PATIENCE, StrictClient
 
 VERSIONS = {9: "TA3-1.6.13", 2: "TE1-2.0.2", 3: "TB1-1.4.3"}
 UPGRADED = "TA3-1.6.14"
-# The id to which the third gripper is moved, and from which it is moved back.
+# The third gripper moves between these two ids.
 SPARE = {3: 4, 4: 3}
 FAULTS = (
     "deaf", "silent", "late", "exception", "wrongId", "wrongFunction",
     "badCrc", "truncated", "trailing", "noise", "echo",
 )
-# A link that is lost, a discovery on all four ids under faults, and another one behind it.
+# A lost link, a discovery on all four ids with faults, and a second discovery.
 VISIT_LIMIT = 12.0
 
 
 class SoakLine(Simulator):
-    """Keeps of the traffic what an hour has room for: how much, and when the last visits were."""
+    """Counts frames and keeps only the last visit and writes: an hour has too many frames."""
 
     def __init__(self):
         self.frames = Counter()
         self.last_visit = time.monotonic()
         self.last_write = {}
-        self._telling = threading.Lock()
+        self._commanding = threading.Lock()
         grippers = [f"{n}={v}" for n, v in VERSIONS.items()]
         super().__init__(*grippers, "--boot-ms=300", "--bootloader-boot-ms=100")
 
-    def tell(self, command):
-        with self._telling:
-            return super().tell(command)
+    def command(self, command):
+        with self._commanding:
+            return super().command(command)
 
     def _read(self):
         for line in self.process.stdout:
@@ -57,31 +57,31 @@ class SoakLine(Simulator):
             self.last_write[int(words[2], 16)] = bytes.fromhex(b"".join(words[9:15]).decode())
 
     def grippers(self):
-        """Slave id -> the rest of its line."""
-        lines = [line.split(maxsplit=2) for line in self.tell("show")]
+        """Returns {slave id: the rest of its line in the output of "show"}."""
+        lines = [line.split(maxsplit=2) for line in self.command("show")]
         return {int(words[1]): words[2] for words in lines if words[:1] == ["gripper"]}
 
 
 def watch_visits(world, line):
-    """Called once a second."""
-    if world.excused():
+    """Judges the time since the last visit. The run calls it once a second."""
+    if world.is_suspended():
         return
-    since = max(line.last_visit, world.last_excuse())
+    since = max(line.last_visit, world.resumed_at())
     gap = time.monotonic() - since
-    world.judge_time("visits go on", gap, VISIT_LIMIT, "no visit", since)
+    world.judge_time("visits continue", gap, VISIT_LIMIT, "no visit", since)
     if gap > VISIT_LIMIT:
-        # Said once, not once a second.
+        # Report the gap once, not every second.
         line.last_visit = time.monotonic()
 
 
 class Disturber:
-    """Faults and unplugging all the time, moves and upgrades now and then."""
+    """Frequent faults and hangups, occasional slave id moves and upgrades."""
 
     def __init__(self, world, line):
         self.world = world
         self.line = line
         self.can_upgrade = shutil.which("stm32flash") is not None and os.path.exists("romflasher")
-        parts = [self._faults, self._unplugging, self._moves, self._completing]
+        parts = [self._faults, self._unplugging, self._moves, self._rescans]
         if self.can_upgrade:
             parts.append(self._upgrades)
         self.threads = [
@@ -95,46 +95,45 @@ class Disturber:
         try:
             part(rng)
         except Exception as problem:
-            # Whatever it is, the run must not go on without its disturbances and call that success.
+            # A run without its disturbances must not pass.
             if not self.world.stopped.is_set():
-                self.world.breaks("disturbances", f"{part.__name__}: {problem!r}")
+                self.world.fails("disturbances", f"{part.__name__}: {problem!r}")
 
     def _faults(self, rng):
         while self.world.pause(2 + 4 * rng.random()):
             with self.world.maintenance:
                 slave_id = rng.choice(list(self.line.grippers()))
                 if rng.random() < 0.4:
-                    self.line.tell("clear")
+                    self.line.command("clear")
                 else:
-                    self.line.tell(f"fault {slave_id} {rng.choice(FAULTS)} {rng.randrange(1, 11)}%")
+                    self.line.command(f"fault {slave_id} {rng.choice(FAULTS)} {rng.randrange(1, 11)}%")
                     self.world.count("faults set")
 
     def _unplugging(self, rng):
         while self.world.pause(10 + 20 * rng.random()):
-            with self.world.maintenance, self.world.excuse("unplugged"):
-                self.line.tell("unplug")
+            with self.world.maintenance, self.world.suspend_judging("unplugged"):
+                self.line.command("unplug")
                 self.world.pause(2 * rng.random())
-                self.line.tell("plug")
+                self.line.command("plug")
                 self.world.count("unplugs")
 
     def _moves(self, rng):
         pause = 15
         while self.world.pause(pause * (0.5 + rng.random())):
             pause = 90
-            with self.world.maintenance, self.world.excuse("slave id move"):
+            with self.world.maintenance, self.world.suspend_judging("slave id move"):
                 self._move()
 
     def _move(self):
-        """Like an upgrade: straight into polling and scans, and if those have spoilt it, once more
-        without them."""
-        self.line.tell("clear")
+        """Moves during polling and scans. After a failure, moves once more without them."""
+        self.line.command("clear")
         old = next(n for n in self.line.grippers() if n in SPARE)
         if not self._try_to_move(old, quiet=False):
             return
         if old in self.line.grippers():
             self.world.count("moves repeated")
-            # The id may be stored and not be in force yet; asked for once more, it counts as done.
-            self.line.tell(f"restart {old}")
+            # The id may be stored, but takes effect only after a restart.
+            self.line.command(f"restart {old}")
             self.world.pause(1)
         if old in self.line.grippers():
             with self.world.no_scans():
@@ -148,52 +147,51 @@ class Disturber:
         with StrictClient(self.world, "mover") as client:
             if not self._wait_until_polled(client, old):
                 return False
-            client.order(f"SID {old}", ("ack", "nak"))
+            client.set_expecting(f"SID {old}", ("ack", "nak"))
             if quiet:
-                client.order("MUTE 1")
+                client.set_expecting("MUTE 1")
                 self.world.pause(0.5)
-            client.order(f"NID {SPARE[old]}", timeout=LONG_PATIENCE)
-            client.order("MUTE 0")
-        # It may still be on its way through the restart.
+            client.set_expecting(f"NID {SPARE[old]}", timeout=LONG_PATIENCE)
+            client.set_expecting("MUTE 0")
+        # The gripper may still restart.
         self.world.pause(1)
         return True
 
     def _wait_until_polled(self, client, slave_id):
-        """False when the run is over first."""
+        """Returns False if the run ends first."""
         deadline = time.monotonic() + LONG_PATIENCE
         while True:
-            found, link = client.ask_for("SID", "DRI")
+            found, link = client.get_all("SID", "DRI")
             if str(slave_id) in found and link == "RUNNING":
                 return True
             assert time.monotonic() < deadline, f"{slave_id} not found on a line without faults"
-            # A scan under faults has dropped it, and nobody else may ask for one now.
+            # A scan with faults has dropped the gripper, and no other client may scan now.
             if link == "RUNNING" and str(slave_id) not in found:
-                client.order("SCN")
+                client.set_expecting("SCN")
             if not self.world.pause(1.5):
                 return False
 
-    def _completing(self, rng):
-        """Asks for a scan when one that met a fault has dropped a gripper."""
+    def _rescans(self, rng):
+        """Requests a scan if a scan with faults has dropped a gripper."""
         with StrictClient(self.world, "completer") as client:
             while self.world.pause(2 + rng.random()):
-                if self.world.excused("upgrade"):
+                if self.world.is_suspended("upgrade"):
                     continue
-                found, link = client.ask_for("SID", "DRI")
+                found, link = client.get_all("SID", "DRI")
                 if link == "RUNNING" and found != listed(self.line.grippers()):
                     self.world.count("incomplete lists")
-                    client.order("SCN")
+                    client.set_expecting("SCN")
 
     def _upgrades(self, rng):
         pause = 40
         while self.world.pause(pause * (0.75 + 0.5 * rng.random())):
             pause = 200
-            with self.world.maintenance, self.world.no_scans(), self.world.excuse("upgrade"):
+            with self.world.maintenance, self.world.no_scans(), self.world.suspend_judging("upgrade"):
                 self._upgrade()
 
     def _upgrade(self):
-        """Straight into the polling, where the answer to the reset may be taken by what it has
-        interrupted; if that is what happens, once more on a quiet line."""
-        self.line.tell("clear")
+        """Upgrades during polling. After a failure, upgrades once more on a silent line."""
+        self.line.command("clear")
         for quiet in (False, True):
             reply, state = self._attempt(quiet)
             if reply is None or is_upgraded(reply, state):
@@ -207,27 +205,29 @@ class Disturber:
         with StrictClient(self.world, "upgrader") as client:
             if not self._wait_until_polled(client, 9):
                 return None, ""
-            client.order("SID 9", ("ack", "nak"))
+            client.set_expecting("SID 9", ("ack", "nak"))
             if quiet:
-                client.order("MUTE 1")
+                client.set_expecting("MUTE 1")
                 self.world.pause(0.5)
-            reply = client.order("UPG 1", ("ack", "nak"), LONG_PATIENCE)
-            while client.ask_for("UPG") == ["1"]:
+            reply = client.set_expecting("UPG 1", ("ack", "nak"), LONG_PATIENCE)
+            while client.get_all("UPG") == ["1"]:
                 time.sleep(0.2)
-            client.order("MUTE 0")
+            client.set_expecting("MUTE 0")
             state = self.line.grippers()[9]
-            # Wherever that has left it: its power is switched off and on.
+            # After a failure the state is unknown, so restart the gripper.
             if not is_upgraded(reply, state):
-                self.line.tell("restart 9")
+                self.line.command("restart 9")
         return reply, state
 
 
 def is_upgraded(reply, state):
-    """From the second time on it had that firmware before: refused, it may be on its way into its
-    bootloader all the same, and shows the firmware still."""
+    """Returns whether the upgrade succeeded.
+
+    The version alone is not enough: from the second upgrade on, the gripper had it before.
+    """
     return reply == "ack" and state.startswith(UPGRADED)
 
 
 def listed(slave_ids):
-    """As GET SID tells it."""
+    """Returns the ids in the form of GET SID."""
     return "[" + ", ".join(str(n) for n in sorted(slave_ids)) + "]"

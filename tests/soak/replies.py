@@ -1,4 +1,4 @@
-"""The form of every reply, and clients that insist on it."""
+"""The form of every reply, and a client that checks it."""
 
 import re
 import time
@@ -6,9 +6,9 @@ import time
 from harness.client import Client
 from harness.protocoltable import rows
 
-from world import Broken
+from world import InvariantFailed
 
-# The forms of the values whose range is a text.
+# The forms of values whose range is a text.
 _TEXTS = {
     "SNU": r"SIM-\d{4}",
     "FWV": r"T[ABE]\d-\d+\.\d+\.\d+",
@@ -63,14 +63,14 @@ FORMS = {row["name"]: _Form(row) for row in rows("get")}
 FORMS |= {name: re.compile(f"{name} \\?\n".encode()) for name in _UNKNOWN}
 NAMES = tuple(FORMS)
 
-# Longer than a bootloader is looked for, which blocks the daemon.
+# Longer than the search for a bootloader, which blocks the daemon.
 PATIENCE = 12.0
-# What waits for the line may have to wait for others that came after it.
+# A request that waits for the line may also wait for later requests, which nest inside it.
 LONG_PATIENCE = 120.0
 
 
 class StrictClient(Client):
-    """Every reply is judged by its form; a reply that does not come breaks an invariant, too."""
+    """A client that checks the form of every reply. A missing reply fails an invariant too."""
 
     def __init__(self, world, kind):
         super().__init__(timeout=PATIENCE)
@@ -89,36 +89,36 @@ class StrictClient(Client):
         super().reset()
 
     def receive(self, count, timeout=None):
-        return self._insist(super().receive, timeout, count)
+        return self._receive_strictly(super().receive, timeout, count)
 
     def receive_line(self, timeout=None):
-        return self._insist(super().receive_line, timeout)
+        return self._receive_strictly(super().receive_line, timeout)
 
-    def _insist(self, receive, timeout, *arguments):
-        asked = time.monotonic()
+    def _receive_strictly(self, receive, timeout, *arguments):
+        began = time.monotonic()
         try:
             return receive(*arguments, timeout)
         except (AssertionError, OSError) as problem:
-            if self.world.worst_stall(asked) > 1.0:
-                self.world.forgive("replies")
-                raise ConnectionError("the machine stood still") from None
-            raise Broken(f"{self.kind}: {problem}") from None
+            if self.world.worst_stall(began) > 1.0:
+                self.world.skip_for_stall("replies")
+                raise ConnectionError("the machine stalled") from None
+            raise InvariantFailed(f"{self.kind}: {problem}") from None
 
-    def ask_for(self, *names):
-        """The values of these names, asked for in one packet."""
+    def get_all(self, *names):
+        """Requests these names in one packet and returns their values."""
         self.send("".join(f"GET {name}\n" for name in names))
         values = []
         for name in names:
             line = self.receive_line()
             if not FORMS[name].fullmatch(line):
-                raise Broken(f"{self.kind}: {line!r} to GET {name}")
+                raise InvariantFailed(f"{self.kind}: {line!r} to GET {name}")
             values.append(line[4:-1].decode())
-        self.world.holds("replies", len(names))
+        self.world.passes("replies", len(names))
         return values
 
-    def order(self, pairs, allowed=("ack",), timeout=None):
+    def set_expecting(self, pairs, allowed=("ack",), timeout=None):
         reply = self.set(pairs, timeout)
         if reply not in allowed:
-            raise Broken(f"{self.kind}: {reply!r} to SET {pairs[:60]}")
-        self.world.holds("replies")
+            raise InvariantFailed(f"{self.kind}: {reply!r} to SET {pairs[:60]}")
+        self.world.passes("replies")
         return reply

@@ -1,14 +1,14 @@
-"""Memory, descriptors and processor time of the daemon against its budget."""
+"""The budget of the daemon for memory, descriptors and processor time."""
 
 import time
 
 from harness.daemon import SANITIZED
 
-# Beyond what it has after the warm-up; freed memory stays in the sanitizer's quarantine.
+# The growth after the warm-up. The quarantine of the sanitizer keeps freed memory.
 MEMORY_KIB = (512 if SANITIZED else 32) * 1024
-# Beyond those of its clients: the line, the listener, events, a flasher's pipes, what is closing.
+# All except those of clients: line, listener, events, pipes of a flasher, ended connections.
 DESCRIPTORS = 32
-# Of one core, over the time between two progress lines.
+# The share of one core between two progress lines.
 CPU_SHARE = 0.95 if SANITIZED else 0.60
 WARM_UP = 10.0
 
@@ -29,8 +29,8 @@ class Resources:
         self._cpu = daemon.cpu_seconds()
         self._cpu_at = time.monotonic()
 
-    def look(self):
-        """Called once a second."""
+    def check(self):
+        """Judges memory and descriptors. The run calls it once a second."""
         kib = self.daemon.resident_kib()
         if self.base_kib is None and self.world.now() > WARM_UP:
             self.base_kib = kib
@@ -41,7 +41,7 @@ class Resources:
         self._count_descriptors()
 
     def _count_descriptors(self):
-        # The daemon closes what a client has closed a moment later: only what stays counts.
+        # The daemon closes its end of a connection a moment after the client.
         for attempt in range(10):
             extra = len(self.daemon.descriptors()) - self.world.open_clients
             if extra <= DESCRIPTORS:
@@ -51,8 +51,8 @@ class Resources:
         fits = extra <= DESCRIPTORS
         self.world.judge("descriptors", fits, f"{extra} beside those of clients")
 
-    def look_at_cpu(self):
-        """Called with every progress line; the share since the last one."""
+    def check_cpu(self):
+        """Judges and returns the share of a core since the last call."""
         now, cpu = time.monotonic(), self.daemon.cpu_seconds()
         share = (cpu - self._cpu) / (now - self._cpu_at)
         self._cpu, self._cpu_at = cpu, now

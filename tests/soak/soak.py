@@ -1,4 +1,4 @@
-"""The run that scripts/soak starts, inside namespaces of its own."""
+"""The run that scripts/soak starts, in its own namespaces."""
 
 import argparse
 import contextlib
@@ -32,11 +32,11 @@ SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
 
 class Stopped(Exception):
-    """Ctrl-C, or another signal to end."""
+    """A signal has ended the run."""
 
 
 def on_signal(*_):
-    # From here on nothing keeps us from cleaning up.
+    # Another signal must not interrupt the clean-up.
     for number in SIGNALS:
         signal.signal(number, signal.SIG_IGN)
     raise Stopped
@@ -61,52 +61,52 @@ class Soak:
         end = self.minutes * 60
         while self.world.now() < end and self.daemon.is_running():
             time.sleep(1)
-            self.world.note_stall()
+            self.world.record_stall()
             if not self.daemon.is_running():
                 break
-            self.resources.look()
+            self.resources.check()
             watch_visits(self.world, self.line)
             if self.world.now() - self._progressed_at >= PROGRESS_PERIOD:
                 self._progress()
         if self.daemon.is_running():
-            self.resources.look_at_cpu()
+            self.resources.check_cpu()
         self.world.judge("stays alive", self.daemon.is_running(), "the daemon has ended")
 
     def _progress(self):
         self._progressed_at = self.world.now()
-        share = self.resources.look_at_cpu()
+        share = self.resources.check_cpu()
         say(
             f"{self.world.now() / 60:5.1f} min: {self.world.checks['replies']} replies judged, "
             f"{self.line.frames['visits']} visits, {self.daemon.resident_kib() // 1024} MiB, "
-            f"{share:.0%} of a core, {len(self.world.broken)} broken"
+            f"{share:.0%} of a core, {len(self.world.failures)} failures"
         )
 
-    def settle(self):
-        """Everybody goes, the line is left alone: the daemon must find all and do as it is told."""
+    def check_recovery(self):
+        """Ends all clients and faults. The daemon must find all grippers and carry out requests."""
         self.world.stopped.set()
         for thread in self.threads:
             thread.join(150)
-            self.world.judge("connections", not thread.is_alive(), f"{thread.name} never ended")
+            self.world.judge("connections", not thread.is_alive(), f"{thread.name} did not end")
         if not self.daemon.is_running():
             return
-        self.line.tell("clear")
+        self.line.command("clear")
         try:
             with StrictClient(self.world, "last client") as client:
-                client.order("MUTE 0 THROTTLE 0")
-                client.order("SCN_BLOCK", timeout=QUIET_LIMIT)
-                everybody = self.line.grippers()
-                eventually(lambda: client.ask_for("SID") == [listed(everybody)], QUIET_LIMIT, "all")
-                eventually(lambda: client.ask_for("DRI") == ["RUNNING"], QUIET_LIMIT, "running")
-                for slave_id in everybody:
+                client.set_expecting("MUTE 0 THROTTLE 0")
+                client.set_expecting("SCN_BLOCK", timeout=QUIET_LIMIT)
+                all_ids = self.line.grippers()
+                eventually(lambda: client.get_all("SID") == [listed(all_ids)], QUIET_LIMIT, "all")
+                eventually(lambda: client.get_all("DRI") == ["RUNNING"], QUIET_LIMIT, "running")
+                for slave_id in all_ids:
                     self._command(client, slave_id)
-            self.world.holds("recovers")
+            self.world.passes("recovers")
         except Exception as problem:
-            self.world.breaks("recovers", repr(problem))
+            self.world.fails("recovers", repr(problem))
 
     def _command(self, client, slave_id):
-        client.order(f"SID {slave_id}")
+        client.set_expecting(f"SID {slave_id}")
         for position in (17, 99):
-            client.order(f"POS {position} SPE 31 FOR 41")
+            client.set_expecting(f"POS {position} SPE 31 FOR 41")
             wanted = bytes([position, 31, 41])
             eventually(
                 lambda end=wanted: self.line.last_write.get(slave_id, b"").endswith(end),
@@ -116,18 +116,18 @@ class Soak:
 
     def quit(self):
         if self.daemon.is_running():
-            asked = time.monotonic()
+            began = time.monotonic()
             status, seconds = self.daemon.stop(timeout=60)
             self.world.judge("quits", status == 0, f"with status {status}")
-            self.world.judge_time("quits", seconds, QUIT_LIMIT, "quitting", asked)
+            self.world.judge_time("quits", seconds, QUIT_LIMIT, "quitting", began)
         strange = [line for line in self.daemon.lines if not LOG_LINE.match(line)]
-        # The messages that end with a line feed of their own leave the rest of the form behind.
+        # Messages with a final line feed put the end of the form on a line of its own.
         strange = [line for line in strange if not line.startswith(("Info: error", " (("))]
-        self.world.judge("log in form", not strange, f"{strange[:3]}")
+        self.world.judge("log format", not strange, f"{strange[:3]}")
 
     def judge_waits(self):
         if not self.prober.waits:
-            self.world.breaks("latency", "no probe was answered")
+            self.world.fails("latency", "no probe was answered")
             return
         for share, limit in ((0.5, PROBE_MEDIAN_LIMIT), (0.99, PROBE_P99_LIMIT)):
             wait = percentile(self.prober.waits, share)
@@ -137,7 +137,7 @@ class Soak:
     def table(self):
         world, waits = self.world, self.prober.waits
         ms = [f"{percentile(waits or [0.0], share) * 1000:.1f}" for share in (0.5, 0.99, 1.0)]
-        excused = ", ".join(f"{k} {v:.0f} s" for k, v in sorted(world.excused_seconds.items()))
+        is_suspended = ", ".join(f"{k} {v:.0f} s" for k, v in sorted(world.suspended_seconds.items()))
         rows = [
             ("seed", world.seed),
             ("time", f"{world.now() / 60:.1f} min"),
@@ -145,23 +145,23 @@ class Soak:
             *sorted(world.counts.items()),
             ("frames on the line", f"{self.line.frames['>']} out, {self.line.frames['<']} back"),
             ("visits, writes", f"{self.line.frames['visits']}, {self.line.frames['writes']}"),
-            ("line not judged", excused),
-            ("a probe waits", f"{ms[0]} ms, 99 %: {ms[1]} ms, longest: {ms[2]} ms"),
+            ("line not judged", is_suspended),
+            ("time of a probe", f"{ms[0]} ms, 99 %: {ms[1]} ms, longest: {ms[2]} ms"),
             ("memory", f"{self.resources.base_kib} KiB, at most {self.resources.most_kib} KiB"),
             ("descriptors", f"at most {self.resources.most_descriptors} beside those of clients"),
             ("processor time", f"at most {self.resources.highest_share:.0%} of a core"),
             ("log", f"{len(self.daemon.lines)} lines"),
-            ("longest stall", f"{world.stall_of_the_run() * 1000:.0f} ms, of the machine itself"),
+            ("longest stall", f"{world.stall_of_the_run() * 1000:.0f} ms, of the machine"),
         ]
         say()
         for name, value in rows:
             say(f"{name:20} {value}")
         say()
-        broken = {name for _, name, _ in world.broken}
-        for name in sorted(set(world.checks) | broken):
-            verdict = "BROKEN" if name in broken else "held"
-            forgiven = world.forgiven[name]
-            note = f", {forgiven} not judged while the machine stood still" if forgiven else ""
+        failures = {name for _, name, _ in world.failures}
+        for name in sorted(set(world.checks) | failures):
+            verdict = "FAILED" if name in failures else "passed"
+            skipped = world.skipped[name]
+            note = f", {skipped} not judged during stalls of the machine" if skipped else ""
             say(f"{name:20} {verdict}, judged {world.checks[name]} times{note}")
 
 
@@ -170,7 +170,7 @@ def keep_log(world, daemon, path):
     with open(path, "w", encoding="utf-8") as file:
         for at, line in zip(daemon.times, daemon.lines):
             file.write(f"{at - world.started:10.3f} {line}\n")
-    say(f"{len(world.broken)} times broken; the daemon's log is kept in {path}")
+    say(f"{len(world.failures)} failures; the daemon's log is in {path}")
 
 
 def soak(minutes, seed, log):
@@ -189,13 +189,13 @@ def soak(minutes, seed, log):
         daemon.wait_until_listening(20)
         run = Soak(world, line, daemon, minutes)
         run.run()
-        run.settle()
+        run.check_recovery()
         run.quit()
         run.judge_waits()
         run.table()
-        if world.broken:
+        if world.failures:
             keep_log(world, daemon, log)
-    return 1 if world.broken else 0
+    return 1 if world.failures else 0
 
 
 def main():

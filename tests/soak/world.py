@@ -1,4 +1,4 @@
-"""What all threads of the run share: its clock, its verdicts, its excuses."""
+"""The shared state of all threads: the clock, the verdicts, the times that are not judged."""
 
 import contextlib
 import random
@@ -9,15 +9,15 @@ from collections import Counter, defaultdict
 from harness.daemon import SANITIZED
 from harness.stalls import StallWatch
 
-# Sanitized programs take several times as long for the same.
+# Sanitized programs are several times slower.
 SLOWNESS = 4 if SANITIZED else 1
 SCAN_SLOTS = 3
-# Of what is broken, the first ones.
-TOLD = 20
+# The run prints this many failures at once.
+PRINTED_FAILURES = 20
 
 
-class Broken(Exception):
-    """What one client saw breaks an invariant."""
+class InvariantFailed(Exception):
+    """A client has seen a violation of an invariant."""
 
 
 class World:
@@ -26,29 +26,29 @@ class World:
         self.started = time.monotonic()
         self.stopped = threading.Event()
         self.checks = Counter()
-        self.broken = []
-        self.forgiven = Counter()
+        self.failures = []
+        self.skipped = Counter()
         self.counts = Counter()
         self.open_clients = 0
         self._lock = threading.RLock()
-        # One at a time: unplugging, muting, moving, upgrading.
+        # Held by one of these at a time: unplugging, muting, a slave id move, an upgrade.
         self.maintenance = threading.Lock()
         self._scan_slots = [threading.Lock() for _ in range(SCAN_SLOTS)]
-        self._excuses = Counter()
-        self._excused_until = self.started
-        self.excused_seconds = defaultdict(float)
+        self._suspensions = Counter()
+        self._resumed_at = self.started
+        self.suspended_seconds = defaultdict(float)
         self._watch = StallWatch()
         self._stalls = []
 
     def random(self, name):
-        """A generator of its own for everybody, so that each does the same with the same seed."""
+        """Returns a generator for this name, so each thread repeats its actions with the same seed."""
         return random.Random(f"{self.seed} {name}")
 
     def now(self):
         return time.monotonic() - self.started
 
     def pause(self, seconds):
-        """False when the run is over."""
+        """Waits. Returns False at the end of the run."""
         return not self.stopped.wait(seconds)
 
     def count(self, name, number=1):
@@ -61,79 +61,79 @@ class World:
 
     # Invariants
 
-    def holds(self, invariant, number=1):
+    def passes(self, invariant, number=1):
         with self._lock:
             self.checks[invariant] += number
 
-    def breaks(self, invariant, text):
+    def fails(self, invariant, text):
         with self._lock:
             self.checks[invariant] += 1
-            self.broken.append((self.now(), invariant, text))
-            # At once: what the rest of the run does does not help to understand it.
-            if len(self.broken) <= TOLD:
+            self.failures.append((self.now(), invariant, text))
+            # Print it at once: the rest of the run does not explain it.
+            if len(self.failures) <= PRINTED_FAILURES:
                 print(f"after {self.now():.1f} s: {invariant}: {text}", flush=True)
 
-    def forgive(self, invariant):
-        """It was not as it should be, but the machine stood still meanwhile."""
+    def skip_for_stall(self, invariant):
+        """Counts a failure during a stall of the machine."""
         with self._lock:
-            self.forgiven[invariant] += 1
+            self.skipped[invariant] += 1
 
     def judge(self, invariant, condition, text):
         if condition:
-            self.holds(invariant)
+            self.passes(invariant)
         else:
-            self.breaks(invariant, text)
+            self.fails(invariant, text)
 
     def judge_time(self, invariant, seconds, limit, text, since):
-        """A limit on time says nothing about the daemon where the machine itself stood still."""
+        """Judges a time. A stall of the machine raises the limit."""
         if seconds <= limit:
-            self.holds(invariant)
+            self.passes(invariant)
         elif seconds <= limit + 5 * self.worst_stall(since):
-            self.forgive(invariant)
+            self.skip_for_stall(invariant)
         else:
-            self.breaks(invariant, f"{text}: {seconds:.3f} s, limit {limit:.3f} s")
+            self.fails(invariant, f"{text}: {seconds:.3f} s, limit {limit:.3f} s")
 
     # Stalls of the machine
 
-    def note_stall(self):
-        """Called once a second."""
+    def record_stall(self):
+        """Keeps the longest stall of the last second. The run calls it once a second."""
         self._stalls.append((time.monotonic(), self._watch.worst()))
-        self._watch.start_over()
+        self._watch.reset_worst()
         del self._stalls[:-3600]
 
     def worst_stall(self, since):
-        """The longest one since that time, in seconds."""
-        # A stall is noted up to a second after it was over.
+        """Returns the longest stall since that time, in seconds."""
+        # record_stall() notes a stall up to a second after its end.
         noted = [stall for at, stall in list(self._stalls) if at > since]
         return max([self._watch.worst(), *noted])
 
     def stall_of_the_run(self):
         return max([stall for _, stall in self._stalls], default=0.0)
 
-    # Times in which the line is not to be judged
+    # Times in which the line is not judged
 
     @contextlib.contextmanager
-    def excuse(self, reason):
+    def suspend_judging(self, reason):
         began = time.monotonic()
         with self._lock:
-            self._excuses[reason] += 1
+            self._suspensions[reason] += 1
         try:
             yield
         finally:
             with self._lock:
-                self._excuses[reason] -= 1
-                self._excused_until = time.monotonic()
-                self.excused_seconds[reason] += time.monotonic() - began
+                self._suspensions[reason] -= 1
+                self._resumed_at = time.monotonic()
+                self.suspended_seconds[reason] += time.monotonic() - began
 
-    def excused(self, reason=None):
+    def is_suspended(self, reason=None):
         with self._lock:
-            return self._excuses[reason] > 0 if reason else sum(self._excuses.values()) > 0
+            return self._suspensions[reason] > 0 if reason else sum(self._suspensions.values()) > 0
 
-    def last_excuse(self):
-        """When the line was last given back."""
-        return self._excused_until
+    def resumed_at(self):
+        """Returns the end of the last time in which the line was not judged."""
+        return self._resumed_at
 
-    # Scans do not mix with an upgrade: a scan takes the line, muted or not
+    # No scans during an upgrade: a scan uses the line even when polling is muted
 
     @contextlib.contextmanager
     def scan_slot(self, number):

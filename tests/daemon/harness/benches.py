@@ -1,4 +1,4 @@
-"""A daemon on a line of grippers that are sent into their bootloaders."""
+"""A daemon on a line of simulated grippers with bootloaders."""
 
 import contextlib
 
@@ -6,7 +6,7 @@ from .simulator import Simulator
 
 
 class Bench:
-    """Simulated grippers that restart quickly, and a daemon that looks for them."""
+    """Simulated grippers that restart quickly, and a daemon that discovers them."""
 
     simulator = Simulator
 
@@ -30,7 +30,7 @@ class Bench:
 
 @contextlib.contextmanager
 def benches(kind, *parts):
-    """Gives make(...): a bench of this kind, ready, whose line is there until the end."""
+    """Yields make(...), which returns a ready bench of this kind. The lines stay until the end."""
     with contextlib.ExitStack() as lines:
 
         def make(*arguments, **options):

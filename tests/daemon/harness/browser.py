@@ -1,4 +1,4 @@
-"""A real browser without a window, and a web server for the pages that it shows."""
+"""A real browser without a window, and a web server for its pages."""
 
 import http.server
 import os
@@ -10,7 +10,7 @@ from selenium.webdriver.support.ui import WebDriverWait
 
 _OPTIONS = (
     "--headless=new",
-    # Its own sandbox does not start for root, nor inside a user namespace.
+    # The browser's sandbox does not start for root or inside a user namespace.
     "--no-sandbox",
     "--disable-gpu",
     "--disable-quic",
@@ -20,7 +20,7 @@ _OPTIONS = (
     "--disable-sync",
     "--disable-dev-shm-usage",
 )
-# Off, as in browsers that lack them: the daemon must not depend on them.
+# Disabled, because the daemon must not depend on them: some browsers lack them.
 _PROTECTIONS = ("LocalNetworkAccessChecks", "BlockInsecurePrivateNetworkRequests")
 
 
@@ -55,7 +55,7 @@ class Browser:
 
 
 class PageServer:
-    """Serves `page` under every path, on a socket that listens already and that it closes."""
+    """Serves `page` under every path. Takes a listening socket and closes it at the end."""
 
     def __init__(self, listening_socket):
         self.page = ""
@@ -93,6 +93,6 @@ class PageServer:
                 self.wfile.write(body)
 
             def log_message(self, *_):
-                """Keeps the output of the test free of requests."""
+                """Prints no requests into the output of the test."""
 
         return Handler

@@ -1,9 +1,9 @@
-"""Operations on a line that is polled meanwhile: a program, one daemon and one line each time.
+"""A program that runs operations on a polled line, with one daemon and one line.
 
     python3 -m harness.busyline LATENCY_MS GRIPPERS SEED OPERATION=COUNT...
 
 It runs the operations in a random order at random moments and prints the tally as JSON. The
-grippers take LATENCY_MS to answer.
+grippers answer after LATENCY_MS.
 """
 
 import collections
@@ -36,7 +36,7 @@ def deadline(request):
 
 
 class WatchedLine(Simulator):
-    """Notes each request that comes before the end of the one before it."""
+    """Records in `overlaps` each request that begins before the former one has ended."""
 
     def __init__(self, *arguments):
         self.overlaps = []
@@ -65,8 +65,8 @@ class WatchedLine(Simulator):
             self.overlaps.append(text)
 
     def _judge_answer(self, text, frame):
-        asked = self._awaited
-        if asked is not None and frame[:2] != bytes([asked.slave, asked.function]):
+        request = self._awaited
+        if request is not None and frame[:2] != bytes([request.slave, request.function]):
             self.overlaps.append(text)
         self._awaited = None
 
@@ -76,17 +76,17 @@ class WatchedLine(Simulator):
             self.overlaps.append(text)
             return
         before, self._awaited = self._awaited, request
-        # The simulator notes when it reads, which may be later than the request before arrived.
+        # `at` is the time of the simulator's read, which may be later than the arrival.
         if before is not None and at - before.at < deadline(before) - STALL_LIMIT:
-            self.overlaps.append(f"{text}, {(at - before.at) * 1000:.0f} ms after the one before")
-        # Between the reset and the end of the jump only the detection is on the line.
+            self.overlaps.append(f"{text}, {(at - before.at) * 1000:.0f} ms after the former one")
+        # From the reset to the end of the jump, the detection has the line to itself.
         if self._is_jumping:
-            self.overlaps.append("in a jump: " + text)
+            self.overlaps.append("during a jump: " + text)
         self._is_jumping = request.is_write(400) and request.values == [ROM_BOOTLOADER]
         self.keep(request)
 
     def end_jump(self):
-        self.tell("show")
+        self.command("show")
         self._is_jumping = False
 
 
@@ -104,7 +104,7 @@ class BusyLine:
     def _delay_answers(self):
         if self.latency_ms:
             for slave_id in self.ids:
-                self.line.tell(f"fault {slave_id} late always {self.latency_ms}")
+                self.line.command(f"fault {slave_id} late always {self.latency_ms}")
 
     def end(self):
         self.client.close()
@@ -149,18 +149,18 @@ class BusyLine:
         mark = self.daemon.mark()
         slave_id = self.select()
         reply = self.client.set("UPG 1")
-        # The flasher has ended, and polling may be under way again.
+        # The flasher may have ended already, and polling may have resumed.
         self.line.end_jump()
         assert reply == "ack", "refused"
         self.daemon.wait_for_line("unmuteOnUpgradeFinished", mark)
         self._restart(slave_id)
 
     def _restart(self, slave_id):
-        self.line.tell(f"restart {slave_id}")
+        self.line.command(f"restart {slave_id}")
         self.recover()
 
     def recover(self):
-        """Until all grippers are polled again."""
+        """Returns when the daemon polls all grippers again."""
         assert self.client.set("MUTE 0") == "ack"
         eventually(self._scan_finds_all, timeout=30)
         self.wait_until_visited()
@@ -174,16 +174,16 @@ class BusyLine:
             self.line.wait_for(lambda r, i=slave_id: r.slave == i and r.is_read(2000), 2, mark, 10)
 
     def repair(self):
-        """After an operation that failed: a restart puts an id into force that was only stored."""
+        """Restarts the grippers after a failed operation: a stored id takes effect only then."""
         self.line.end_jump()
         for slave_id in self._shown_ids():
-            self.line.tell(f"restart {slave_id}")
+            self.line.command(f"restart {slave_id}")
         time.sleep(RESTART_SECONDS)
         self.ids = self._shown_ids()
         self.recover()
 
     def _shown_ids(self):
-        shown = [s.split()[1] for s in self.line.tell("show") if s.startswith("gripper ")]
+        shown = [s.split()[1] for s in self.line.command("show") if s.startswith("gripper ")]
         return sorted(int(slave_id) for slave_id in shown)
 
 
@@ -196,13 +196,13 @@ OPERATIONS = {
 
 
 def run(latency_ms, grippers, plan, folder):
-    """How often each operation was done, and what failed while the machine kept its times."""
+    """Counts each finished operation. Failures during a stall of the machine are kept apart."""
     watch = StallWatch()
     busy = BusyLine(latency_ms, grippers, folder)
     tally = {"done": collections.Counter(), "failed": [], "stalled": []}
     random.shuffle(plan)
     for name in plan:
-        watch.start_over()
+        watch.reset_worst()
         before = len(busy.line.overlaps)
         failure = ""
         try:

@@ -1,4 +1,4 @@
-"""Child processes that end with the test process, however it ends."""
+"""Child processes that end with the test process, even if that is killed."""
 
 import ctypes
 import os

@@ -24,7 +24,7 @@ class Client:
         self.socket.sendall(data.encode() if isinstance(data, str) else data)
 
     def receive(self, count, timeout=None):
-        """Exactly `count` bytes."""
+        """Returns exactly `count` bytes."""
         return self._receive_while(lambda data: len(data) < count, timeout, lambda d: count - len(d))
 
     def receive_line(self, timeout=None):
@@ -35,18 +35,18 @@ class Client:
         data = b""
         while unfinished(data):
             left = deadline - time.monotonic()
-            assert left > 0, f"only {data!r} came"
+            assert left > 0, f"received only {data!r}"
             self.socket.settimeout(left)
             try:
                 part = self.socket.recv(wanted(data))
             except socket.timeout:
                 continue
-            assert part, f"connection ended after {data!r}"
+            assert part, f"the connection ended after {data!r}"
             data += part
         return data
 
     def receive_until_silent(self, quiet=0.2):
-        """All that comes until nothing has come for `quiet` seconds."""
+        """Returns all bytes up to a silence of `quiet` seconds."""
         data = b""
         self.socket.settimeout(quiet)
         while True:
@@ -58,14 +58,14 @@ class Client:
                 return data
             data += part
 
-    def receive_what_is_there(self):
+    def receive_available(self):
         try:
             return self.socket.recv(65536, socket.MSG_DONTWAIT)
         except BlockingIOError:
             return b""
 
     def receive_to_end(self, timeout=None):
-        """All that comes until the daemon closes."""
+        """Returns all bytes until the daemon closes the connection."""
         data = b""
         self.socket.settimeout(self.timeout if timeout is None else timeout)
         while True:
@@ -75,7 +75,7 @@ class Client:
             data += part
 
     def ask(self, request, timeout=None):
-        """Sends a GET with a line ending, returns the value of its reply."""
+        """Sends a GET with a line ending and returns the value of its reply."""
         self.send(request + "\n")
         line = self.receive_line(timeout).decode()
         name = request.split()[1].upper()
@@ -86,7 +86,7 @@ class Client:
         return self.ask("GET " + name, timeout)
 
     def set(self, pairs, timeout=None):
-        """Sends a SET, returns "ack" or "nak"."""
+        """Sends a SET and returns "ack" or "nak"."""
         self.send(f"SET {pairs}\n")
         return self.receive(3, timeout).decode()
 
@@ -94,7 +94,7 @@ class Client:
         self.socket.shutdown(socket.SHUT_WR)
 
     def reset(self):
-        """Closes with a reset instead of an orderly end."""
+        """Closes the connection with a reset."""
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self.socket.close()
 

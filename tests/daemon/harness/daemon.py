@@ -15,12 +15,12 @@ from .waiting import eventually
 LOG_LINE = re.compile(r"^(Debug|Info|Warning|Critical|Fatal): (.*) \(\(null\):0, \(null\)\)$")
 
 SANITIZED = os.environ.get("GRIPPERD_SANITIZED") == "1"
-# What is shipped, so that limits in milliseconds are meant literally.
+# The release build, for which limits in milliseconds hold literally.
 RELEASE = os.environ.get("GRIPPERD_RELEASE") == "1"
 VALGRIND = "GRIPPERD_VALGRIND" in os.environ
 # Valgrind reads the symbols of all libraries first.
 START_LIMIT = 30.0 if VALGRIND else 5.0
-# The sanitizers and valgrind look for leaks at the end, which takes its time.
+# The sanitizers and valgrind search for leaks at the end.
 QUIT_LIMIT = 9.0 if VALGRIND else 3.0 if SANITIZED else 1.0
 
 
@@ -52,7 +52,7 @@ class Daemon:
             arrivals.poll()
 
     def _take_log(self):
-        """Takes all that has been logged by now; False when no more can come."""
+        """Reads all available log text. Returns False at the end of the log."""
         with self._changed:
             while True:
                 try:
@@ -68,10 +68,10 @@ class Daemon:
                 if not data:
                     return False
 
-    # Its life
+    # Start and end
 
     def wait_until_listening(self, timeout=START_LIMIT):
-        """Looks without connecting, so that no client shows up in the log."""
+        """Waits without a connection, so the log shows no client."""
 
         def listening():
             assert self.process.poll() is None, f"ended: {self.lines}"
@@ -84,7 +84,7 @@ class Daemon:
         return self.process.poll() is None
 
     def stop(self, signal_number=signal.SIGTERM, timeout=10.0):
-        """(exit status, seconds from the signal to the end)."""
+        """Returns (exit status, seconds from the signal to the end)."""
         sent_at = time.monotonic()
         self.process.send_signal(signal_number)
         return self.wait_for_end(timeout), time.monotonic() - sent_at
@@ -95,7 +95,7 @@ class Daemon:
         return status
 
     def finish(self):
-        """Ends it as a test should leave it: alive, its log in form, quitting with 0."""
+        """Ends the daemon, which must still run, quit in time with status 0 and print nothing."""
         assert self.is_running(), f"ended with {self.process.returncode}: {self.lines[-20:]}"
         status, seconds = self.stop()
         assert status == 0, f"status {status}: {self.lines[-40:]}"
@@ -103,7 +103,7 @@ class Daemon:
         assert self.standard_output() == b""
 
     def kill(self):
-        """Ends it if it has not ended yet, and lets go of its pipes."""
+        """Kills the daemon if it still runs, and closes its pipes."""
         if self.is_running():
             self.process.kill()
         self.wait_for_end()
@@ -111,10 +111,10 @@ class Daemon:
         self.process.stdout.close()
 
     def standard_output(self):
-        """All it has written there; only once it has ended."""
+        """Returns all of the standard output. Call it after the end of the daemon."""
         return self.process.stdout.read()
 
-    # Its log
+    # Log
 
     def mark(self):
         self._take_log()
@@ -122,14 +122,14 @@ class Daemon:
             return len(self.lines)
 
     def messages(self, since=0):
-        """The message texts of all log lines so far."""
+        """Returns the message texts of all log lines from number `since` on."""
         self._take_log()
         with self._changed:
             lines = self.lines[since:]
         return [m.group(2) if (m := LOG_LINE.match(line)) else line for line in lines]
 
     def wait_for_line(self, pattern, since=0, timeout=5.0):
-        """The first line from number `since` on in which the pattern is found."""
+        """Returns the first line from number `since` on that contains the pattern."""
         expression = re.compile(pattern)
         deadline = time.monotonic() + timeout
         seen = since
@@ -144,15 +144,15 @@ class Daemon:
                 self._changed.wait(left)
 
     def wait_until_found(self, *slave_ids, since=0, timeout=10.0):
-        """Returns when a discovery has ended with exactly these grippers."""
+        """Waits for a discovery that finds exactly these grippers."""
         ids = ", ".join(str(n) for n in sorted(slave_ids))
         self.wait_for_line(rf": \({ids}\) ", since, timeout)
         return self
 
-    # What it uses
+    # Resources
 
     def descriptors(self):
-        """What its file descriptors are, sockets by their number."""
+        """Returns the sorted targets of the daemon's file descriptors; sockets have a number."""
         folder = f"/proc/{self.pid}/fd"
         found = []
         for entry in os.listdir(folder):
@@ -176,7 +176,7 @@ class Daemon:
 
 
 def is_listening():
-    """Whether anything in this network namespace listens on the daemon's port."""
+    """Returns whether a process in this network namespace listens on the daemon's port."""
     wanted = f":{PORT:04X}"
     for table in ("/proc/net/tcp", "/proc/net/tcp6"):
         with open(table, encoding="ascii") as connections:

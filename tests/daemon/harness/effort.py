@@ -1,4 +1,4 @@
-"""How much a test does: the small number in every run, the large one when asked for by hand."""
+"""The amount of work in a test: small in every run, large under scripts/robustness."""
 
 import os
 
@@ -6,5 +6,5 @@ LARGE = os.environ.get("GRIPPERD_EFFORT") == "large"
 
 
 def effort(small, large):
-    """`small`, or `large` under scripts/robustness."""
+    """Returns `large` under scripts/robustness, otherwise `small`."""
     return large if LARGE else small

@@ -1,4 +1,4 @@
-"""What tests measured, for people to read."""
+"""Values that tests measured, for people to read."""
 
 import os
 
@@ -14,12 +14,12 @@ class Figures:
         self.lines.append(line)
         path = os.environ.get("GRIPPERD_FIGURES")
         if path:
-            # One write in append mode: files that run side by side do not mix their lines.
+            # A single write in append mode keeps the lines of parallel test files apart.
             with open(path, "a", encoding="utf-8") as file:
                 file.write(line + "\n")
 
 
 def percentile(values, share):
-    """The value that `share` (0 to 1) of the sorted values do not exceed."""
+    """Returns the value that `share` (0 to 1) of the values do not exceed."""
     ordered = sorted(values)
     return ordered[min(len(ordered) - 1, int(share * len(ordered)))]

@@ -1,4 +1,4 @@
-"""Daemon, flasher and a simulated gripper that can really be flashed."""
+"""A daemon, the real flasher and a simulated gripper that accepts a flash."""
 
 from .benches import Bench
 from .flashing import make_image
@@ -10,7 +10,7 @@ VACUUM = ("TE1-2.0.1", "TE1-2.0.2")
 
 
 class FlashBench(Bench):
-    """Started in `folder`, which holds ./romflasher and the image."""
+    """Starts the daemon in `folder` with ./romflasher and the image."""
 
     def __init__(
         self, start_daemon, connect, folder, versions=FINGERS, *others, bits=0, size=4099, **options

@@ -1,4 +1,4 @@
-"""The flasher and the bootloaders that it is tried on."""
+"""The flasher, and simulated bootloaders for it."""
 
 import contextlib
 import os
@@ -18,14 +18,14 @@ from .waiting import eventually
 PORT = "/dev/ttyTool"
 LOCK = "/var/lock/LCK..ttyTool"
 PROGRAM = os.path.basename(os.readlink("/proc/self/exe"))
-# Of a family: id, version before, version after, restart word, rate, where the firmware begins.
+# For each family: id, version before, version after, restart word, rate, address of the firmware.
 ROM = (9, "TA3-1.6.13", "TA3-1.6.14", 0x2A00, 19200, 0x08000000)
 OWN = (2, "TE1-2.0.1", "TE1-2.0.2", 0x3500, 115200, 0x08080000)
 BOTH = pytest.mark.parametrize("kind", [ROM, OWN], ids=["rom", "own"])
 
 
 class FlashSimulator(Simulator):
-    """Keeps the trace of a bootloader's bytes as (direction, bytes, rate)."""
+    """Keeps the bytes on the line in `chunks` as (direction, bytes, rate)."""
 
     def __init__(self, kind, *options):
         self.kind = kind
@@ -58,7 +58,7 @@ class FlashSimulator(Simulator):
         return self
 
     def gripper(self):
-        return next(line for line in self.tell("show") if line.startswith("gripper "))
+        return next(line for line in self.command("show") if line.startswith("gripper "))
 
     def state(self):
         last = self.gripper().split()[-1]
@@ -71,13 +71,14 @@ class FlashSimulator(Simulator):
         return [data for way, data, _ in self.chunks[mark:] if way == ">"]
 
     def wait_for_chunk(self, wanted, timeout=10.0):
-        """Returns as soon as the master has sent a chunk that `wanted` accepts."""
+        """Waits until the master has sent a chunk that `wanted` accepts."""
         deadline = time.monotonic() + timeout
         seen = 0
         with self.arrived:
             while not any(way == ">" and wanted(data) for way, data, _ in self.chunks[seen:]):
                 seen = len(self.chunks)
                 assert self.arrived.wait(deadline - time.monotonic()), "no such chunk"
+
 
 def make_image(folder, version, size):
     path = folder / f"{version}.bin"
@@ -102,8 +103,8 @@ def put_lock(pid, program):
 
 
 @contextlib.contextmanager
-def held_lock():
-    """This process holds the port."""
+def lock_of_this_process():
+    """Marks the port as locked by this process."""
     put_lock(os.getpid(), PROGRAM)
     try:
         yield

@@ -1,4 +1,4 @@
-"""The command-line client as a child process, and a scripted daemon for it."""
+"""gripperctl as a child process, and a scripted daemon for it."""
 
 import contextlib
 import json
@@ -10,28 +10,28 @@ import threading
 from .children import binary, spawn
 
 HOST = "127.0.0.1"
-# How a run ends.
+# The exit codes.
 DONE, REFUSED, USAGE, NO_CONNECTION, TIMED_OUT, NO_GRIPPER, LOCAL, INTERRUPTED = *range(7), 130
 
 
 def ctl(*words, timeout=40, **options):
-    """Runs it to its end; standard output and error are text."""
+    """Runs gripperctl to its end; standard output and error are text."""
     return subprocess.run(
         [binary("gripperctl"), *map(str, words)],
         stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=timeout, **options,
     )
 
 
-def well(*words, **options):
-    """Standard output of a run that has to end well and tell no problem."""
+def succeed(*words, **options):
+    """Runs gripperctl, which must succeed and report no problem. Returns its standard output."""
     run = ctl(*words, **options)
     assert run.returncode == DONE, run
     assert "gripperctl:" not in run.stderr, run.stderr
     return run.stdout
 
 
-def badly(code, *words, **options):
-    """What a run tells that has to end with this exit code."""
+def fail(code, *words, **options):
+    """Runs gripperctl, which must end with this exit code. Returns its one error line."""
     run = ctl(*words, **options)
     assert run.returncode == code, run
     lines = [line for line in run.stderr.splitlines() if line.startswith("gripperctl: ")]
@@ -40,7 +40,7 @@ def badly(code, *words, **options):
 
 
 def as_json(*words, **options):
-    return json.loads(well("--json", *words, **options))
+    return json.loads(succeed("--json", *words, **options))
 
 
 def start_ctl(*words, **options):
@@ -52,22 +52,25 @@ def start_ctl(*words, **options):
 
 
 def run_to_end(process, timeout=15):
-    """(exit code, standard output, standard error)."""
+    """Returns (exit code, standard output, standard error)."""
     out, error = process.communicate(timeout=timeout)
     return process.returncode, out, error
 
 
 class ScriptedDaemon:
-    """Answers every connection by `answer(request)`: bytes, or None for no answer at all.
+    """Answers every connection by `answer(request)`: bytes, or None for no answer.
 
-    What it was asked stands in `requests`, in the order of its coming.
+    By default GETs have the values of `values`, and SETs an "ack". `changes` maps a request to the
+    values from then on. The requests in `refused` get a "nak". `requests` keeps all requests.
     """
 
     VALUES = {"SID": "[9]", "DRI": "RUNNING", "VER": "0", "UPG": "0", "FWV": "TA3-1.0.0"}
     VALUES |= {"STA": "3", "FLT": "00", "SNU": "ABC-1", "PYE": "2024"}
 
-    def __init__(self, answer=None, **values):
+    def __init__(self, answer=None, changes=None, refused=(), **values):
         self.values = {**self.VALUES, **values}
+        self.changes = changes or {}
+        self.refused = refused
         self.answer = answer or self.usual
         self.requests = []
         self.changed = threading.Condition()
@@ -85,25 +88,28 @@ class ScriptedDaemon:
         self.listener.close()
 
     def usual(self, request):
+        self.values.update(self.changes.get(request, {}))
+        if request in self.refused:
+            return b"nak"
         if request.startswith("GET "):
             name = request[4:]
             return f"{name} {self.values.get(name, '0')}\n".encode()
         return b"ack"
 
     def drop(self):
-        """Ends the present connections; a client may reconnect meanwhile."""
+        """Closes the present connections; a client may reconnect meanwhile."""
         for client in list(self.sockets):
             with contextlib.suppress(OSError):
                 client.shutdown(socket.SHUT_RDWR)
 
     def wait_for(self, pattern, timeout=5.0):
-        """Returns when a request like that has come; all requests so far."""
+        """Waits for a request that matches the pattern. Returns all requests so far."""
         expression = re.compile(pattern)
         with self.changed:
-            came = self.changed.wait_for(
+            has_arrived = self.changed.wait_for(
                 lambda: any(expression.fullmatch(r) for r in self.requests), timeout
             )
-            assert came, f"no {pattern} in {self.requests}"
+            assert has_arrived, f"no {pattern} in {self.requests}"
             return list(self.requests)
 
     def sets(self):
@@ -120,7 +126,7 @@ class ScriptedDaemon:
             threading.Thread(target=self._serve, args=[client], daemon=True).start()
 
     def _serve(self, client):
-        # A client may end at any moment.
+        # The client may close its connection at any moment.
         with contextlib.suppress(OSError), client, client.makefile("rb") as lines:
             for line in lines:
                 request = line.decode().strip()

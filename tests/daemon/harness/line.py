@@ -1,8 +1,8 @@
-"""A pty as the serial line, with scripted slaves on it.
+"""A pty as the serial line, with scripted slaves.
 
-The slaves are register images without behaviour: what is written stays, what is
-read is what was put there. A test decides every byte and its time by giving a
-slave a `script`; the simulator is for grippers that behave like grippers.
+A slave is a register image without behaviour: it stores writes and returns the stored values. A
+test that gives a slave a `script` decides every byte and its time. For grippers that behave like
+real ones, use the simulator.
 """
 
 import os
@@ -18,7 +18,7 @@ from .waiting import eventually
 
 
 def version_registers(version):
-    """"TA3-1.6.14" as the three identity registers."""
+    """Returns the three identity registers of a version such as "TA3-1.6.14"."""
     name, numbers = version.split("-")
     a, b, c = (int(n) for n in numbers.split("."))
     letters = name.encode("latin-1").ljust(3, b"\0")
@@ -29,8 +29,11 @@ SYNCHRONISATION = 0x7F
 
 
 class Slave:
-    """One register image. `script(request)` may return the bytes to answer with,
-    b"" for silence, a list of (delay in s, bytes), or None for the plain answer."""
+    """One register image.
+
+    `script(request)` returns the bytes of the answer, b"" for silence, a list of (delay in s,
+    bytes), or None for the plain answer.
+    """
 
     def __init__(self, slave_id, version="TA3-1.6.14", serial=42, year=2021):
         self.id = slave_id
@@ -68,7 +71,7 @@ class Slave:
 
 
 class Line(RequestLog):
-    """The adapter: `link` points at the pty while it is plugged."""
+    """The line and its adapter: `link` points to the pty while the adapter is plugged in."""
 
     def __init__(self, *slaves, link="/dev/ttyTool"):
         super().__init__()
@@ -77,7 +80,8 @@ class Line(RequestLog):
         for slave in slaves:
             slave.line = self
         self.garbage = []
-        self.bootloader_answer = None  # to a synchronisation byte; None without a bootloader
+        # The answer to a synchronisation byte; None if there is no bootloader.
+        self.bootloader_answer = None
         self._master = None
         self._thread = None
         self._wake = None
@@ -102,7 +106,7 @@ class Line(RequestLog):
         return self
 
     def unplug(self):
-        """Hangs the line up, as a USB adapter does when it is pulled out."""
+        """Hangs up the line, as a removed USB adapter does."""
         if self._master is None:
             return
         os.unlink(self.link)
@@ -120,11 +124,11 @@ class Line(RequestLog):
         return speeds.get(attributes[5], attributes[5])
 
     def send(self, data):
-        """Bytes that nobody asked for."""
+        """Sends bytes that answer no request."""
         os.write(self._master, data)
 
     def wait_until_quiet(self, quiet=0.15, timeout=5.0):
-        """Returns when the line has been silent for `quiet` seconds."""
+        """Waits until the line has been silent for `quiet` seconds."""
 
         def silent():
             with self._changed:
@@ -153,7 +157,7 @@ class Line(RequestLog):
             try:
                 data = os.read(self._master, 4096)
             except OSError:
-                # Nobody has the slave side open; there is no event for its being opened.
+                # No process has the port open, and no event reports when one opens it.
                 time.sleep(0.002)
                 buffer.clear()
                 due.clear()

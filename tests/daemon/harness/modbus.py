@@ -1,4 +1,4 @@
-"""Modbus RTU frames, put together from scratch: nothing of the daemon's is used here."""
+"""Modbus RTU frames, independent of the daemon's code."""
 
 import struct
 from dataclasses import dataclass, field
@@ -22,7 +22,7 @@ def with_crc(data):
 
 @dataclass
 class Request:
-    """One request as it was seen on the line; `at` in seconds on the monotonic clock."""
+    """One request on the line; `at` is in seconds of the monotonic clock."""
 
     slave: int
     function: int
@@ -40,7 +40,7 @@ class Request:
 
 
 def cut_request(buffer, at):
-    """(Request or None, bytes used) of the frame that `buffer` starts with."""
+    """Returns (request or None, its length) for the frame at the start of `buffer`."""
     if len(buffer) < 8:
         return None, 0
     slave, function, address, count = struct.unpack(">BBHH", buffer[:6])

@@ -1,4 +1,4 @@
-"""A scripted gripper that can be moved to another slave id."""
+"""A scripted gripper that supports a slave id move."""
 
 from . import modbus
 from .line import Slave
@@ -8,7 +8,7 @@ RESTART = 0x5600
 
 
 class MovingSlave(Slave):
-    """Comes back under the id of its settings block when it is told to restart."""
+    """After a restart request it answers under the id of its settings block."""
 
     def __init__(self, slave_id, **options):
         super().__init__(slave_id, **options)
@@ -27,7 +27,7 @@ class MovingSlave(Slave):
 
 
 def quiet_client(line, connect):
-    """The line is silent, and stays so but for what this client asks for."""
+    """Returns a client that has muted polling, on a silent line."""
     client = connect()
     assert client.set("MUTE 1") == "ack"
     line.wait_until_quiet()

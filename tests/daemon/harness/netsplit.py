@@ -1,4 +1,4 @@
-"""A second machine: a network namespace on the other end of a cable that can be cut silently."""
+"""A second machine: a network namespace behind a cable that a test can cut silently."""
 
 import ctypes
 import os
@@ -31,7 +31,7 @@ class FarClient(Client):
 class OtherMachine:
     def __enter__(self):
         self._clients = []
-        # Holds the namespace for as long as it lives.
+        # The namespace lasts as long as this process.
         self._holder = spawn(["unshare", "--net", "sleep", "infinity"])
         self._namespace = f"/proc/{self._holder.pid}/ns/net"
         own = os.readlink("/proc/self/ns/net")
@@ -41,7 +41,7 @@ class OtherMachine:
         _ip("link set near up")
         self._far_ip(f"address add {FAR}{_MASK} dev far")
         self._far_ip("link set far up")
-        # Looked up once for all: a failing look-up would tell the sender that nobody is there.
+        # A permanent entry: a failed look-up would report the missing peer to the sender.
         _ip(f"neighbour replace {FAR} lladdr {_FAR_MAC} dev near nud permanent")
         return self
 
@@ -53,7 +53,7 @@ class OtherMachine:
         self._holder.wait()
 
     def connect(self, receive_buffer=None):
-        """A client there, with a receive buffer of its own size if one is given."""
+        """Returns a client on the other machine; `receive_buffer` sets the size of its buffer."""
         far = self._socket()
         if receive_buffer:
             far.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
@@ -64,7 +64,7 @@ class OtherMachine:
         return client
 
     def listen(self, port):
-        """A socket that listens there; the caller closes it."""
+        """Returns a socket that listens on the other machine. The caller closes it."""
         far = self._socket()
         far.bind((FAR, port))
         far.listen()
@@ -78,7 +78,7 @@ class OtherMachine:
                 if _libc.setns(namespace.fileno(), _CLONE_NEWNET) != 0:
                     made.append(OSError(ctypes.get_errno(), "setns"))
                     return
-            # A socket stays in the namespace that it was made in.
+            # A socket stays in the namespace of the thread that created it.
             made.append(socket.socket())
 
         thread = threading.Thread(target=make)
@@ -89,7 +89,7 @@ class OtherMachine:
         return made[0]
 
     def vanish(self):
-        """Whatever is sent there from now on is lost, and nothing tells the sender so."""
+        """Loses everything that is sent to the other machine from now on, without an error."""
         self._far_ip(f"link set far address {_OTHER_MAC}")
 
     def _far_ip(self, arguments):
@@ -97,7 +97,7 @@ class OtherMachine:
 
 
 def socket_of(pid, client):
-    """Our own handle of the socket with which process `pid` serves this client."""
+    """Returns a duplicate of the socket with which process `pid` serves this client."""
     wanted = client.socket.getsockname()
     process = os.pidfd_open(pid)
     try:

@@ -1,7 +1,7 @@
-"""Serial ports that the enumeration reports: a /sys/class/tty of our own.
+"""Serial ports that the enumeration reports.
 
-The enumeration knows what udev and sysfs know, so ptys never appear in it. In a
-private mount namespace the two folders it reads are ours to fill.
+The enumeration reads udev and sysfs, which do not list ptys. In a private mount namespace, tests
+fill the two folders of sysfs.
 """
 
 import os
@@ -12,18 +12,18 @@ import subprocess
 CLASS = pathlib.Path("/sys/class/tty")
 DEVICES = pathlib.Path("/sys/devices/virtual")
 
-# udev refuses a /sys that is not sysfs throughout unless told otherwise.
+# By default, udev refuses a /sys that contains other file systems.
 ENVIRONMENT = {"SYSTEMD_DEVICE_VERIFY_SYSFS": "0"}
 
 
 def hide_the_machines_ports():
-    """Once per mount namespace: an empty enumeration."""
+    """Empties the enumeration. Call it once per mount namespace."""
     for folder in (CLASS, DEVICES):
         subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "ports", folder], check=True)
 
 
 class FakePorts:
-    """The ports that are enumerated, in the order given: that of their adapters, not of their names."""
+    """The enumerated ports, in the given order: the system sorts them by adapter, not by name."""
 
     def __init__(self, *names):
         self.names = []
@@ -53,7 +53,7 @@ class FakePorts:
 
 
 def install_fuser(folder, script):
-    """Puts a ./fuser into the folder: the system's own ("system"), or one that runs these commands."""
+    """Puts a ./fuser into the folder: the system's ("system"), or one that runs these commands."""
     program = pathlib.Path(folder) / "fuser"
     if script == "system":
         program.symlink_to(shutil.which("fuser"))
@@ -62,11 +62,10 @@ def install_fuser(folder, script):
         program.chmod(0o755)
 
 
-def open_by_nobody(path):
-    """Whether no process has this device open.
+def is_not_open(path):
+    """Returns whether no process has this device open.
 
-    The tests beside this one have pty instances of their own, with the same numbers: it is the
-    file that tells them apart, not the device number.
+    Parallel tests have ptys with the same device number, so the function compares the files.
     """
     target = os.stat(path)
     for process in pathlib.Path("/proc").glob("[0-9]*/fd/*"):

@@ -1,4 +1,4 @@
-"""A simulator of which everything on the line is kept: requests, and what came back."""
+"""A simulator that keeps all requests and answers on its line."""
 
 import queue
 import threading
@@ -8,20 +8,23 @@ from .simulator import Simulator
 
 
 class RecordingSimulator(Simulator):
-    """`events` holds (direction, bytes) in the order of the line. May be told from any thread."""
+    """`events` has (is from the master, bytes) in the order of the line.
+
+    Any thread may send commands.
+    """
 
     def __init__(self, *arguments, **options):
         self.events = []
-        self._telling = threading.Lock()
+        self._commanding = threading.Lock()
         super().__init__(*arguments, **options)
 
-    def tell(self, command):
-        with self._telling:
-            return super().tell(command)
+    def command(self, command):
+        with self._commanding:
+            return super().command(command)
 
-    def tell_all(self, commands):
-        """Sends commands of which each answers with a bare "ok", in one go."""
-        with self._telling:
+    def command_all(self, commands):
+        """Sends all commands at once. Each must be answered by a plain "ok"."""
+        with self._commanding:
             self.process.stdin.write("".join(c + "\n" for c in commands).encode())
             self.process.stdin.flush()
             for command in commands:
@@ -35,7 +38,7 @@ class RecordingSimulator(Simulator):
         for line in self.process.stdout:
             words = line.split()
             if len(words) > 2 and words[1] in (b"<", b">"):
-                # What came while the link was being opened, at no rate of a gripper's.
+                # Bytes that are not Modbus have the baud rate as a last word.
                 if words[-1].startswith(b"@"):
                     words.pop()
                 self.events.append((words[1] == b">", bytes.fromhex(b"".join(words[2:]).decode())))
@@ -44,7 +47,7 @@ class RecordingSimulator(Simulator):
 
 
 def is_answer_to(request, answer):
-    """Whether `answer` is, from its first byte to its last, a valid one to the read `request`."""
+    """Returns whether the whole of `answer` is a valid answer to the read `request`."""
     count = int.from_bytes(request[4:6], "big")
     return (
         answer[:3] == bytes([request[0], modbus.READ, 2 * count])
@@ -54,5 +57,5 @@ def is_answer_to(request, answer):
 
 
 def begins_with_answer_to(request, answer):
-    """The same, but something may follow it."""
+    """As is_answer_to(), but other bytes may follow the answer."""
     return is_answer_to(request, answer[: 2 * int.from_bytes(request[4:6], "big") + 5])

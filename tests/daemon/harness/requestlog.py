@@ -1,4 +1,4 @@
-"""The requests that have come over a line, each with its time: what most tests look at."""
+"""The requests on a line, each with its time."""
 
 import threading
 import time
@@ -15,7 +15,7 @@ class RequestLog:
             self._changed.notify_all()
 
     def mark(self):
-        """The number of requests so far: where a later look starts."""
+        """Returns the number of requests so far, as a start for since() and wait_for()."""
         with self._changed:
             return len(self.requests)
 
@@ -25,7 +25,7 @@ class RequestLog:
         return [r for r in found if wanted(r)]
 
     def wait_for(self, wanted, count=1, since=0, timeout=5.0):
-        """The first `count` requests that `wanted` accepts, from number `since` on."""
+        """Waits for `count` requests that `wanted` accepts, from number `since` on; returns them."""
         deadline = time.monotonic() + timeout
         with self._changed:
             while True:
@@ -37,7 +37,7 @@ class RequestLog:
                 self._changed.wait(left)
 
     def wait_until_polled(self, slave_id, visits=1, timeout=5.0):
-        """Returns when `visits` whole reads of this slave have begun after this call."""
+        """Waits for `visits` complete visits of this slave from now on."""
         self.wait_for(
             lambda r: r.slave == slave_id and r.is_read(2000), visits + 1, self.mark(), timeout
         )

@@ -1,4 +1,4 @@
-"""The gripper simulator as a child process, led by its commands."""
+"""The gripper simulator as a child process, controlled by its commands."""
 
 import queue
 import subprocess
@@ -10,7 +10,10 @@ from .requestlog import RequestLog
 
 
 class Simulator(RequestLog):
-    """`Simulator("9=TA3-1.6.14", "--object", "9=140")`: grippers first, options as they are."""
+    """`Simulator("9=TA3-1.6.14", "--object", "9=140")`: grippers, then options.
+
+    `foreign` has the frames that are not Modbus requests, `foreign_rates` their baud rates.
+    """
 
     def __init__(self, *arguments, link="/dev/ttyTool"):
         super().__init__()
@@ -42,8 +45,8 @@ class Simulator(RequestLog):
         self.process.stdin.close()
         self.process.stdout.close()
 
-    def tell(self, command):
-        """Sends a command; the lines before its "ok", and what stands behind that."""
+    def command(self, command):
+        """Sends a command. Returns the lines before its "ok", then the text after the "ok"."""
         self.process.stdin.write(command.encode() + b"\n")
         self.process.stdin.flush()
         lines = []
@@ -55,14 +58,14 @@ class Simulator(RequestLog):
             lines.append(line)
 
     def registers(self, slave_id, address, count=1):
-        return [int(word, 16) for word in self.tell(f"get {slave_id} {address} {count}")[-1].split()]
+        return [int(word, 16) for word in self.command(f"get {slave_id} {address} {count}")[-1].split()]
 
     def _read(self):
         for line in self.process.stdout:
             text = line.decode().rstrip("\n")
             words = text.split()
             if len(words) > 2 and words[1] in "<>":
-                # A baud rate stands behind what is no Modbus.
+                # Bytes that are not Modbus have the baud rate as a last word.
                 rate = int(words.pop()[1:]) if words[-1].startswith("@") else None
                 frame = bytes.fromhex("".join(words[2:]))
                 if words[1] == ">":

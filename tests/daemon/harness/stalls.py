@@ -1,7 +1,7 @@
-"""Notices when the machine itself cannot keep the times that the tests rely on.
+"""Measures stalls of the machine, which make tests miss their deadlines.
 
-Run as a program it is who looks, a process of its own: a test that keeps its interpreter busy
-would hold it up, and that would be taken for a machine that stands still.
+As a program, this module is the monitor. A process of its own is needed: a test that keeps its
+interpreter busy would delay the monitor, which would then report a stall.
 """
 
 import atexit
@@ -17,30 +17,30 @@ import tty
 
 from .children import spawn
 
-# An answer has 42 ms at least, looked for every 10 ms: what takes longer may come too late.
+# An answer has at least 42 ms, and the daemon checks every 10 ms. A longer stall can make it late.
 STALL_LIMIT = 0.015
 _WATCHES = 64
 
 
 class StallWatch:
-    """A byte goes through a pty every 10 ms; the longest way it took is kept."""
+    """Keeps the longest delay of a byte that goes through a pty every 10 ms."""
 
     def __init__(self):
-        self._looker = _looker()
-        self._number = next(self._looker.numbers)
-        self.start_over()
+        self._monitor = _monitor()
+        self._number = next(self._monitor.numbers)
+        self.reset_worst()
 
-    def start_over(self):
-        self._looker.worst[self._number] = 0.0
+    def reset_worst(self):
+        self._monitor.worst[self._number] = 0.0
 
     def worst(self):
-        """The longest stall since start_over(), in seconds."""
-        assert self._looker.process.poll() is None, "nobody looks whether the machine stands still"
-        return self._looker.worst[self._number]
+        """Returns the longest stall since reset_worst(), in seconds."""
+        assert self._monitor.process.poll() is None, "the monitor of stalls has ended"
+        return self._monitor.worst[self._number]
 
 
-class _Looker:
-    """The process that looks, for all watches: each has its number in memory that both share."""
+class _Monitor:
+    """The monitor process for all watches. Each watch has an index in the shared memory."""
 
     def __init__(self):
         descriptor = os.memfd_create("stalls")
@@ -54,7 +54,7 @@ class _Looker:
             pass_fds=[descriptor],
         )
         os.close(descriptor)
-        assert self.process.stdout.readline() == b"looking\n"
+        assert self.process.stdout.readline() == b"started\n"
         atexit.register(self._end)
 
     def _end(self):
@@ -63,8 +63,8 @@ class _Looker:
 
 
 @functools.lru_cache(maxsize=None)
-def _looker():
-    return _Looker()
+def _monitor():
+    return _Monitor()
 
 
 def _shared(descriptor):
@@ -72,21 +72,21 @@ def _shared(descriptor):
     return memoryview(mmap.mmap(descriptor, 8 * _WATCHES)).cast("d")
 
 
-def _look(descriptor):
+def _record_stalls(descriptor):
     worst = _shared(descriptor)
     master, slave = os.openpty()
     tty.setraw(slave)
-    print("looking", flush=True)
+    print("started", flush=True)
     while True:
-        asked = time.monotonic()
+        began = time.monotonic()
         time.sleep(0.01)
         os.write(master, b"x")
         os.read(slave, 1)
-        stall = time.monotonic() - asked - 0.01
+        stall = time.monotonic() - began - 0.01
         for number, before in enumerate(worst):
             if stall > before:
                 worst[number] = stall
 
 
 if __name__ == "__main__":
-    _look(int(sys.argv[1]))
+    _record_stalls(int(sys.argv[1]))

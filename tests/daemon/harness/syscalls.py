@@ -1,4 +1,4 @@
-"""System calls of the daemon that fail because strace makes them fail."""
+"""System calls of the daemon that strace makes fail."""
 
 import pathlib
 import signal
@@ -14,14 +14,17 @@ def _options(call, error, when=""):
 
 
 def failing_from_the_start(call, error):
-    """What a program runs under so that its first `call` fails; it keeps its place as our child."""
+    """Returns a command prefix that makes the first `call` of a program fail.
+
+    The program stays a direct child of the test.
+    """
     return ["strace", "-D", "-o", "/dev/null", *_options(call, error, ":when=1")]
 
 
 class FailingCall:
-    """Within the block `call` fails with `error`: once, or every time if `lasting`.
+    """Makes `call` fail with `error` within the block: once, or every time if `lasting`.
 
-    With `path` it fails on descriptors of this file only.
+    With `path`, only calls on descriptors of this file fail.
     """
 
     def __init__(self, daemon, folder, call, error, lasting, path):
@@ -37,7 +40,7 @@ class FailingCall:
                 return self
             if "Operation not permitted" in line:
                 self._finish()
-                pytest.skip(f"this machine lets nobody trace the daemon: {line.strip()}")
+                pytest.skip(f"this machine does not allow strace: {line.strip()}")
         self._finish()
         raise AssertionError(f"strace has ended: {self._command}")
 
@@ -51,5 +54,5 @@ class FailingCall:
         self._strace.stderr.close()
 
     def failures(self):
-        """How many calls have failed by now."""
+        """Returns the number of failed calls so far."""
         return self._log.read_text(encoding="ascii").count("(INJECTED)")

@@ -1,4 +1,4 @@
-"""Stand-ins for the flasher beside the daemon, and what both kinds of upgrade tests ask."""
+"""Stand-ins for the flasher, and helpers of all upgrade tests."""
 
 import os
 import pathlib
@@ -11,7 +11,7 @@ COMMAND = 'command :  "./romflasher" ("-p", "/dev/ttyTool", "-b", "{}", "-f", "{
 
 
 def put_flasher(folder, script):
-    """Makes ./romflasher of shell lines; it notes its arguments and its process first."""
+    """Writes ./romflasher as a shell script that first notes its arguments and process id."""
     path = pathlib.Path(folder) / "romflasher"
     partial = path.with_name("romflasher.new")
     partial.write_text(
@@ -43,7 +43,7 @@ def noted_process(folder):
 
 
 def children_of(pid):
-    """The processes that `pid` has started, and theirs."""
+    """Returns the process ids of all descendants of `pid`."""
     found = []
     for entry in os.listdir("/proc"):
         try:
@@ -65,7 +65,7 @@ def is_alive(pid):
 
 
 def polls_nothing(line, seconds=0.5):
-    """Whether no poll of any gripper comes in this time."""
+    """Returns whether no request is on the line for this time."""
     mark = line.mark()
     time.sleep(seconds)
     return line.since(mark) == []

@@ -1,10 +1,10 @@
-"""Waiting for something to become true."""
+"""Waits for a condition."""
 
 import time
 
 
 def eventually(condition, timeout=5.0, what=None):
-    """Returns the first true value of `condition()`; AssertionError after `timeout` seconds."""
+    """Returns the first true value of `condition()`. Raises AssertionError after `timeout` s."""
     deadline = time.monotonic() + timeout
     while True:
         value = condition()

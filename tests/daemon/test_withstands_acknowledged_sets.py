@@ -1,8 +1,7 @@
-"""SETs on a line that delays, loses and doubles answers: the gripper ends with what was acknowledged.
+"""The gripper ends with the acknowledged values on a line that delays, loses and doubles answers.
 
-Writes and reads fail, never so often that the link is given up, and scans run in between. A scan drops
-a gripper that fails one of its reads, so the answers to these come a little late, or the last of them
-twice, but they come.
+Writes and reads fail, but seldom enough that the link stays open. Scans run in between. A scan drops
+a gripper after one failed read, so answers to the reads of a scan are only delayed or doubled.
 """
 
 import random
@@ -31,7 +30,7 @@ FIELDS = {
 
 
 class Echoing(Slave):
-    """Shows in its status at once what was written."""
+    """Its status shows written values at once."""
 
     def plain_answer(self, request):
         answer = super().plain_answer(request)
@@ -43,7 +42,7 @@ class Echoing(Slave):
 
 
 class Disturbance:
-    """The script of the slave. `on` says whether it disturbs; the counts say what it did."""
+    """A script that disturbs answers while `on` is set, and counts the disturbances."""
 
     def __init__(self, slave, rng):
         self.slave = slave
@@ -98,7 +97,7 @@ class Disturbance:
 
 
 class Bench:
-    """Line, daemon and clients, and the values that the gripper must end with."""
+    """Line, daemon and clients, and the values that the gripper must have at the end."""
 
     def __init__(self, line, daemon, connect, rng):
         self.line = line
@@ -122,12 +121,12 @@ class Bench:
         mark = self.line.mark()
         self.scanning.send("SET SCN_BLOCK\n")
         self.line.wait_for(lambda r: r.is_read(500), 1, mark)
-        # A field that was written before the scan, and is not echoed, starts afresh.
+        # A scan loses fields that are already written and that the gripper does not echo.
         self.expected = {n: v for n, v in self.expected.items() if FIELDS[n][3]}
         self.scans += 1
 
     def run_round(self, scan_at):
-        """False when the link was lost: what was acknowledged meanwhile had no gripper."""
+        """Returns False if the link was lost: the SETs of that time had no gripper."""
         log_mark = self.daemon.mark()
         self.disturbance.on = True
         for index in range(SETS_A_ROUND):

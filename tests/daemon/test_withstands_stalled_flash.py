@@ -1,4 +1,4 @@
-"""A stm32flash that stands still: for a moment in every run, for good in the large version."""
+"""A stalled stm32flash: briefly in every run, for good under scripts/robustness."""
 
 import os
 import signal
@@ -7,7 +7,7 @@ import time
 from harness.children import binary, spawn
 from harness.effort import effort
 from harness.flashing import ROM, FlashSimulator, arguments, make_image
-from harness.ports import open_by_nobody
+from harness.ports import is_not_open
 from harness.upgrades import children_of, is_alive
 from harness.waiting import eventually
 
@@ -27,10 +27,10 @@ def stop_for_good(child, process):
     assert process.wait(STALL_LIMIT + 10) == 7
     assert time.monotonic() - started >= STALL_LIMIT
     assert not is_alive(child)
-    assert open_by_nobody("/dev/ttyTool")
+    assert is_not_open("/dev/ttyTool")
 
 
-def test_a_stm32flash_that_stands_still_is_ended_after_thirty_seconds(tmp_path):
+def test_a_stalled_stm32flash_is_ended_after_thirty_seconds(tmp_path):
     with FlashSimulator(ROM, "--bootloader-boot-ms=100", "--bootloader-bps=50000") as bench:
         bench.into_bootloader()
         path = make_image(tmp_path, bench.after, 3000)

@@ -1,4 +1,4 @@
-"""Scans without end: in one request, from many, while the port is still looked for."""
+"""Endless scans: in one request, from many clients, and during the search for a port."""
 
 import signal
 import time
@@ -14,7 +14,7 @@ FLOODS = True
 
 
 def waits_of(client, seconds):
-    """How long a GET takes, again and again."""
+    """Returns the reply times of repeated GETs."""
     waits, ends = [], time.monotonic() + seconds
     while time.monotonic() < ends:
         asked = time.monotonic()
@@ -43,7 +43,7 @@ def test_other_clients_have_their_turn_between_the_scans_of_one_request(
 
 
 @pytest.mark.parametrize("ports", [(), ("ttyUSB0", "ttyUSB1", "ttyUSB2")])
-def test_scans_without_a_line_keep_nobody_waiting(start_daemon, connect, ports, figure):
+def test_scans_without_a_line_delay_no_client(start_daemon, connect, ports, figure):
     with FakePorts(*ports):
         daemon = start_daemon(environment=ENVIRONMENT)
         other = connect()
@@ -62,10 +62,10 @@ def test_scans_without_a_line_keep_nobody_waiting(start_daemon, connect, ports, 
     )
 
 
-def test_a_gripper_behind_a_silent_port_is_found_though_clients_scan(
+def test_a_gripper_after_a_silent_port_is_found_while_clients_scan(
     start_daemon, connect, figure
 ):
-    """Every scan comes inside the one before, which is still busy with the silent port."""
+    """Each scan begins inside the former scan, which still probes the silent port."""
     with FakePorts("ttyUSB0"), Line(), Line(Slave(2), link="/dev/ttyUSB0"):
         start_daemon(environment=ENVIRONMENT)
         client = connect()
@@ -75,4 +75,4 @@ def test_a_gripper_behind_a_silent_port_is_found_though_clients_scan(
         started = time.monotonic()
         other = connect()
         eventually(lambda: other.get("SID") == "[2]", 15)
-        figure(f"found {time.monotonic() - started:.1f} s after the last scan was asked for")
+        figure(f"found {time.monotonic() - started:.1f} s after the last scan request")

@@ -1,4 +1,4 @@
-"""What else may happen to a machine in a robot cell."""
+"""Rare events of a robot cell: stopped or killed daemons, lost power, noise, a swapped gripper."""
 
 import pathlib
 import random
@@ -18,7 +18,7 @@ def seconds_until(condition, timeout=10.0):
     return time.monotonic() - started
 
 
-def test_a_daemon_that_was_stopped_for_a_while_goes_on(found, line, connect, figure):
+def test_a_stopped_daemon_continues_after_sigcont(found, line, connect, figure):
     clients = [connect() for _ in range(50)]
     found.process.send_signal(signal.SIGSTOP)
     for number, client in enumerate(clients):
@@ -32,10 +32,10 @@ def test_a_daemon_that_was_stopped_for_a_while_goes_on(found, line, connect, fig
     answered = time.monotonic() - started
     line.wait_for(lambda r: r.is_read(2000), 3, mark)
     assert clients[0].get("DRI") == "RUNNING"
-    figure(f"requests of 50 clients answered {answered * 1000:.0f} ms after it went on")
+    figure(f"requests of 50 clients answered {answered * 1000:.0f} ms after SIGCONT")
 
 
-def test_a_daemon_that_was_killed_leaves_nothing_in_the_way_of_the_next(start_daemon, line, figure):
+def test_the_next_daemon_starts_after_a_killed_one(start_daemon, line, figure):
     worst = 0.0
     for _ in range(effort(2, 50)):
         daemon = start_daemon()
@@ -47,10 +47,10 @@ def test_a_daemon_that_was_killed_leaves_nothing_in_the_way_of_the_next(start_da
         worst = max(worst, time.monotonic() - started)
         following.kill()
     assert worst < 3.0
-    figure(f"the next one has found the gripper {worst:.1f} s after the kill, at worst")
+    figure(f"the next daemon found the gripper at most {worst:.1f} s after the kill")
 
 
-def test_a_working_directory_that_was_removed_changes_nothing(tmp_path, start_daemon, connect, line):
+def test_a_removed_working_directory_changes_nothing(tmp_path, start_daemon, connect, line):
     folder = tmp_path / "gone"
     folder.mkdir()
     daemon = start_daemon(cwd=folder)
@@ -62,7 +62,7 @@ def test_a_working_directory_that_was_removed_changes_nothing(tmp_path, start_da
     eventually(lambda: client.get("DRI") == "ERR_SCANNING (EIO)")
     line.plug()
     eventually(lambda: client.get("DRI") == "RUNNING", 10)
-    # There is neither a flasher nor a firmware: the gripper stays, and polling goes on.
+    # There is neither a flasher nor an image, so the gripper keeps its firmware.
     assert client.set("SID 9") == "ack"
     assert client.get("FWV") == "TA3-1.6.14"
 
@@ -82,11 +82,11 @@ def test_grippers_that_lose_their_power_come_back_by_themselves(start_daemon, co
             worst = max(worst, seconds_until(lambda: client.get("SID") == "[2, 3, 9]"))
         line.wait_until_polled(9)
         assert worst < 5.0
-        figure(f"three grippers found again {worst:.1f} s after their power, at worst")
+        figure(f"three grippers found again at most {worst:.1f} s after power on")
 
 
-def test_chatter_on_the_line_spoils_answers_but_not_the_daemon(found, line, connect, figure):
-    """As when a gripper is cabled up live, or the shield is broken."""
+def test_the_daemon_survives_chatter_on_the_line(found, line, connect, figure):
+    """A broken shield or a gripper that is connected under power causes such noise."""
     randomness = random.Random(1)
     client = connect()
     line[9].put(2002, 0x7B00)
@@ -106,7 +106,7 @@ def test_chatter_on_the_line_spoils_answers_but_not_the_daemon(found, line, conn
     figure(f"{bursts} bursts of chatter, {visits} visits, {share * 100:.1f} % of a core")
 
 
-def test_a_gripper_swapped_for_another_of_the_same_id_is_known_after_a_scan(start_daemon, connect):
+def test_a_scan_finds_a_gripper_that_replaces_one_of_the_same_id(start_daemon, connect):
     with Line(Slave(9, serial=1, year=2020)) as line:
         start_daemon().wait_until_found(9)
         client = connect()
@@ -128,6 +128,6 @@ def test_a_second_daemon_started_by_mistake_does_not_disturb_the_first(found, li
     assert line.garbage == []
     line.wait_until_polled(9)
     reads = line.since(mark, lambda r: r.is_read(500))
-    # The other one never asked anything.
+    # The second daemon sent no request.
     assert reads == []
     assert connect().get("DRI") == "RUNNING"

@@ -1,4 +1,4 @@
-"""Clients that vanish in the middle of their own requests that wait for the line."""
+"""Clients that vanish while their own requests wait for the line."""
 
 import contextlib
 import statistics
@@ -30,14 +30,14 @@ class Bench:
     def ready(self):
         self.daemon.wait_until_found(9)
         self.stays = self.connect()
-        # Visits follow each other at once.
+        # Without the throttle, visits follow each other closely.
         assert self.stays.set("THROTTLE 0") == "ack"
         self.line.wait_until_polled(9)
         self.descriptors = len(self.daemon.descriptors())
         return self
 
     def mute(self):
-        """What a request of a suspended tick leaves unanswered would spoil the next one."""
+        """Waits for silence: an open request of a suspended tick would spoil the next one."""
         assert self.stays.set("MUTE 1") == "ack"
         eventually(self.is_quiet, what="silence on the line")
 
@@ -47,7 +47,7 @@ class Bench:
         return self.line.mark() == mark
 
     def vanish(self, number, request, wait_for_moment):
-        """The so-many-th client leaves when `wait_for_moment(mark, foreign mark)` returns."""
+        """Client `number` leaves when `wait_for_moment(mark, foreign mark)` returns."""
         leave = LEAVES[number % len(LEAVES)]
         mark, foreign, log_mark = self.line.mark(), len(self.line.foreign), self.daemon.mark()
         client = self.connect()
@@ -66,12 +66,12 @@ class Bench:
         self.waits.append(time.monotonic() - started)
 
     def boot_the_firmware(self):
-        """No request and no stand-in for the flasher brings it back by itself."""
-        self.line.tell("restart 9")
+        """Restarts the gripper, which otherwise stays in its bootloader."""
+        self.line.command("restart 9")
         eventually(lambda: "year=" in self.gripper(), what=self.gripper)
 
     def gripper(self):
-        return next(text for text in self.line.tell("show") if text.startswith("gripper 9"))
+        return next(text for text in self.line.command("show") if text.startswith("gripper 9"))
 
     def end(self, figure):
         eventually(
@@ -79,7 +79,7 @@ class Bench:
         )
         assert self.stays.get("DRI") == "RUNNING"
         status, seconds = self.daemon.stop()
-        # A sanitizer's report would be a line of another form, and another status.
+        # A report of a sanitizer would be a line of another form and change the status.
         assert [line for line in self.daemon.lines if not LOG_LINE.match(line)] == []
         assert status == 0
         assert seconds < QUIT_LIMIT
@@ -95,18 +95,18 @@ class Bench:
 def make_bench(start_daemon, connect, tmp_path):
     with contextlib.ExitStack() as lines:
 
-        def make(spoilt=(2, 3, 4)):
-            """What answers with a wrong CRC is no gripper, and costs a scan less time than silence."""
-            words = [f"{slave_id}=TE1-2.0.2" for slave_id in spoilt]
+        def make(with_bad_crc=(2, 3, 4)):
+            """The slaves in `with_bad_crc` answer with a wrong CRC, which is faster than silence."""
+            words = [f"{slave_id}=TE1-2.0.2" for slave_id in with_bad_crc]
             line = lines.enter_context(Simulator("9=TA3-1.6.13", *words, *QUICK_BOOT))
-            for slave_id in spoilt:
-                line.tell(f"fault {slave_id} badCrc always")
+            for slave_id in with_bad_crc:
+                line.command(f"fault {slave_id} badCrc always")
             return Bench(line, start_daemon, connect, tmp_path).ready()
 
         yield make
 
 
-def test_in_their_scan(make_bench, figure):
+def test_during_their_scan(make_bench, figure):
     bench = make_bench()
     for number in range(effort(5, 200)):
 
@@ -118,19 +118,19 @@ def test_in_their_scan(make_bench, figure):
     bench.end(figure)
 
 
-def told_to_restart(bench):
+def restart_requested(bench):
     return lambda mark, _: bench.line.wait_for(lambda r: r.is_write(400), since=mark)
 
 
-def bootloader_looked_for(bench):
-    """The daemon blocks by then: it learns only afterwards who has gone."""
+def detection_started(bench):
+    """The daemon blocks at this moment, so it notices the end of the client later."""
     return lambda _, foreign: eventually(lambda: len(bench.line.foreign) > foreign)
 
 
-MOMENTS = (told_to_restart, bootloader_looked_for)
+MOMENTS = (restart_requested, detection_started)
 
 
-def test_in_their_jump_to_the_bootloader(make_bench, figure):
+def test_during_their_jump_to_the_bootloader(make_bench, figure):
     bench = make_bench()
     for number in range(effort(5, 200)):
         bench.mute()
@@ -142,7 +142,7 @@ def test_in_their_jump_to_the_bootloader(make_bench, figure):
     bench.end(figure)
 
 
-def test_in_their_upgrade(make_bench, tmp_path, figure):
+def test_during_their_upgrade(make_bench, tmp_path, figure):
     put_flasher(tmp_path, FLASHER)
     bench = make_bench()
     for number in range(effort(5, 200)):
@@ -159,15 +159,15 @@ def test_in_their_upgrade(make_bench, tmp_path, figure):
     bench.end(figure)
 
 
-def test_in_their_slave_id_move(make_bench, figure):
-    """Every second move comes to nothing: the gripper does not hear its new id."""
-    bench = make_bench(spoilt=(3, 4))
+def test_during_their_slave_id_move(make_bench, figure):
+    """Every second move fails: the gripper does not receive its new id."""
+    bench = make_bench(with_bad_crc=(3, 4))
     here, other = 9, 2
     for number in range(effort(2, 20)):
         bench.mute()
         mark, address = bench.daemon.mark(), 430
         if number % 2:
-            bench.line.tell(f"fault {here} deaf 1 on writes")
+            bench.line.command(f"fault {here} deaf 1 on writes")
         elif number % 4:
             address = 400
 
@@ -175,12 +175,12 @@ def test_in_their_slave_id_move(make_bench, figure):
             bench.line.wait_for(lambda r: r.is_write(address), since=mark, timeout=10)
 
         bench.vanish(number + 1, f"SID {here} NID {other}", middle)
-        told = f"update slave id from  {here}  to  {other}"
+        message = f"update slave id from  {here}  to  {other}"
         messages = [text for text in bench.daemon.messages(mark) if "slave id" in text]
         if number % 2:
-            assert messages == ["fail to " + told]
+            assert messages == ["fail to " + message]
         else:
-            assert messages == [told]
+            assert messages == [message]
             here, other = other, here
         assert bench.stays.set(f"MUTE 0 SID {here}") == "ack"
         bench.polled_again(here)

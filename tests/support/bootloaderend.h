@@ -10,8 +10,8 @@
 #include <mutex>
 #include <thread>
 
-/// A bootloader at the far end of a pseudo-terminal, in a thread of its own: it answers also while
-/// the tests' thread blocks. Every synchronisation byte is a knock; other bytes are kept apart.
+/// A bootloader at the far end of a pseudo-terminal. Its own thread answers even while the thread
+/// of the test blocks. A knock is one synchronisation byte.
 class BootloaderEnd
 {
 public:
@@ -24,16 +24,16 @@ public:
     /// The full path of the end that a serial port opens.
     QString portName() const { return m_pty.portName(); }
 
-    /// What the knocks from now on are answered with, one each; an empty one is silence, and so is
-    /// what comes after the last. Forgets the knocks so far.
+    /// Sets one answer for each of the next knocks. An empty answer is silence, and so is the
+    /// answer to all further knocks. Clears the records of knocks and other bytes.
     void setAnswers(const QList<QByteArray> &answers);
 
-    /// The rate in baud at which each knock came. All of them when the port is closed again.
+    /// The baud rate of each knock. Complete when the port is closed.
     QList<int> knocks() const;
-    /// Whatever came that is no knock.
+    /// All received bytes that are not knocks.
     QByteArray otherBytes() const;
 
-    /// A signal that this process sends itself with the knock of that number, counted from 1.
+    /// At this knock, counted from 1, the process sends the signal to itself.
     void raiseAtKnock(int knock, int signalNumber);
 
 private:

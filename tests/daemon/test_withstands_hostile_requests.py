@@ -1,4 +1,4 @@
-"""Requests that are made to cost: the client that sends them is the only one who may notice."""
+"""Requests that are designed to be expensive delay only the client that sends them."""
 
 import time
 
@@ -6,7 +6,7 @@ import pytest
 from harness.client import Client
 from harness.daemon import RELEASE
 from harness.effort import effort
-from harness.line import Line, Slave
+
 from harness.load import (
     SLOWNESS,
     VISITS_BESIDE_WRITES,
@@ -21,9 +21,9 @@ from harness.waiting import eventually
 FLOODS = True
 
 ROUNDS = effort(5, 100)
-# Enough for what looks on to see the attack, and little else.
+# Long enough for the observers to measure the attack.
 SECONDS = 1.5
-# A hundred lines of a thousand characters, and some. Of one round.
+# The bytes of log in one round: a hundred lines of a thousand characters, and some more.
 LOG_LIMIT = 150_000
 
 MEBIBYTE = 1 << 20
@@ -34,21 +34,18 @@ UNKNOWN_NAMES = (
 )
 
 
-@pytest.fixture(scope="module")
-def line():
-    with Line(Slave(9)) as plugged:
-        yield plugged
+@pytest.fixture
+def line(module_line):
+    return module_line
 
 
-@pytest.fixture(scope="module")
-def found(line, start_module_daemon):
-    daemon = start_module_daemon().wait_until_found(9)
-    line.wait_for(lambda r: r.is_write(1000))
-    return daemon
+@pytest.fixture
+def found(module_found):
+    return module_found
 
 
 @pytest.fixture(autouse=True)
-def polled_as_at_the_start(found, line):
+def polls_normally(found, line):
     line.wait_until_polled(9)
     yield
     with Client() as client:
@@ -56,7 +53,7 @@ def polled_as_at_the_start(found, line):
 
 
 def attack(found, line, connect, figure, once, visited=VISITS_USUAL, worst=WORST_LIMIT):
-    """Calls once(client, round) again and again while others look on."""
+    """Calls once(client, round) repeatedly and measures the effect on others."""
     client, written, number = connect(timeout=20), 0, 0
     with Bystander() as bystander:
         visits, ends = Visits(line), time.monotonic() + SECONDS
@@ -66,13 +63,13 @@ def attack(found, line, connect, figure, once, visited=VISITS_USUAL, worst=WORST
             written, number = max(written, log_bytes(found, log)), number + 1
         figure(visits.check(worst, visited))
     figure(bystander.check(worst))
-    figure(f"{number} rounds, {written} bytes of log in one at most")
+    figure(f"{number} rounds, at most {written} bytes of log in one")
     bystander.check_longest(worst)
     assert written < LOG_LIMIT
 
 
 def position(number):
-    """Another one in every round."""
+    """Returns a different position for each round."""
     return number % 250 + 1
 
 
@@ -80,14 +77,14 @@ def test_a_megabyte_of_set_without_its_line_ending(found, line, connect, figure)
     def once(_, __):
         client = connect()
         client.send(MEGABYTE_OF_SET)
-        # It may still become a request: no reply before its line ending.
+        # The text may still become a request, so there is no reply before its line ending.
         assert client.receive_until_silent(0.2) == b""
         client.close()
 
     attack(found, line, connect, figure, once)
 
 
-def test_the_megabyte_of_set_is_carried_out_when_its_line_ending_comes(
+def test_a_megabyte_of_set_is_carried_out_with_its_line_ending(
     found, line, connect, figure
 ):
     def once(client, number):
@@ -96,7 +93,7 @@ def test_the_megabyte_of_set_is_carried_out_when_its_line_ending_comes(
         assert client.receive(3) == b"ack"
         eventually(lambda: line[9].get(1001) == [position(number)])
 
-    # A hundred thousand pairs in one go: in slow builds others notice, but not for long.
+    # The daemon processes a hundred thousand pairs. In slow builds this delays others a little.
     visited, worst = (VISITS_BESIDE_WRITES, WORST_LIMIT) if RELEASE else (0.6, 0.5 * SLOWNESS)
     attack(found, line, connect, figure, once, visited, worst)
 
@@ -136,24 +133,24 @@ def test_a_valid_set_of_20000_names_is_carried_out(
     def once(client, number):
         client.send(request_text.format(position(number)))
         assert client.receive(3) == b"ack"
-        # What stands last in the request.
+        # These are the last values of the request.
         eventually(lambda: line[9].get(1001, 2) == [position(number), speed_and_force])
 
     attack(found, line, connect, figure, once, VISITS_BESIDE_WRITES)
 
 
-def test_a_set_of_20000_unknown_names_is_logged_in_short(found, line, connect):
+def test_a_set_of_20000_unknown_names_is_logged_once_in_short(found, line, connect):
     client, mark, request = connect(timeout=20), found.mark(), UNKNOWN_NAMES.format(1)
     client.send(request)
     assert client.receive(3) == b"ack"
     whole = 'SET UNHANDLED REQUEST : "' + request.replace("\n", '\\n"')
     cut = f"{whole[:1000]}... ({len(whole) - 1000} more characters)"
-    told = [text for text in found.messages(mark) if text.startswith("SET UNHANDLED")]
-    assert told == [cut] * 100 + ["SET UNHANDLED REQUEST : 19899 more pairs"]
+    logged = [text for text in found.messages(mark) if text.startswith("SET UNHANDLED")]
+    assert logged == [cut] * 100 + ["SET UNHANDLED REQUEST : 19899 more pairs"]
 
 
 @pytest.mark.parametrize("more, reply", [(0, b"ack"), (1, b"")], ids=["longest", "too long"])
-def test_a_set_of_a_mebibyte_is_the_longest(found, line, connect, more, reply):
+def test_the_longest_set_is_a_mebibyte(found, line, connect, more, reply):
     client, other = connect(timeout=20), connect()
     assert other.set("POS 11 SPE 12") == "ack"
     eventually(lambda: line[9].get(1001, 2) == [11, 12 << 8])
@@ -180,9 +177,9 @@ def send_every_10_ms(client, requests, seconds):
     "requests, fastest, slowest",
     [
         (["SET THROTTLE 1\n"], 0.048, 0.056),
-        # Four requests of 10 ms each, and the next tick of 5 ms.
+        # A visit has four requests of 10 ms each; the next tick follows after 5 ms.
         (["SET THROTTLE 0\n"], 0.040, 0.0475),
-        # When the slow period begins at the end of a visit, the next comes that much later.
+        # A slow period may begin at the end of a visit and delays the next one.
         (["SET THROTTLE 0\n", "SET THROTTLE 1\n"], 0.040, 0.096),
     ],
     ids=["slow", "fast", "both in turn"],
@@ -200,7 +197,7 @@ def test_throttle_sent_every_10_ms(line, connect, figure, requests, fastest, slo
 
 
 @pytest.mark.parametrize("leave", ["close", "reset"])
-def test_the_mute_of_a_client_that_vanished_is_seen_and_undone_by_another(
+def test_another_client_sees_and_undoes_the_mute_of_a_vanished_client(
     line, connect, figure, leave
 ):
     other = connect()

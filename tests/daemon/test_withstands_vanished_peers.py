@@ -1,8 +1,7 @@
-"""Peers that disappear without a word: nothing that is sent to them arrives any more.
+"""Peers whose network connection is cut without notice.
 
-The real wait takes minutes and is left to the run by hand. In every run the kernel does the same to
-an idle peer with shorter times, set on the daemon's own socket from outside, after a look at the
-daemon's.
+With the daemon's times, the test takes minutes and runs under scripts/robustness only. Every run
+checks these times, then sets shorter ones on the daemon's socket from outside.
 """
 
 import contextlib
@@ -15,13 +14,13 @@ from harness.netsplit import OtherMachine, socket_of
 from harness.waiting import eventually
 
 GONE_WITHIN = 300
-# The daemon's times, and those that the short run replaces them with.
+# The times of the daemon, and those of the short run.
 OPTIONS = {
     (socket.SOL_SOCKET, socket.SO_KEEPALIVE): (1, 1),
     (socket.IPPROTO_TCP, socket.TCP_KEEPIDLE): (60, 1),
     (socket.IPPROTO_TCP, socket.TCP_KEEPINTVL): (20, 1),
     (socket.IPPROTO_TCP, socket.TCP_KEEPCNT): (9, 3),
-    # It would also end those who answer every probe, and just do not read.
+    # This option would also end live peers that do not read.
     (socket.IPPROTO_TCP, socket.TCP_USER_TIMEOUT): (0, 0),
 }
 SHORT_LIMIT = 15
@@ -46,7 +45,7 @@ def served_by(daemon, client):
 
 
 def leave_replies_unread(client):
-    """Asks for more than the connection holds, so that the daemon waits to send on."""
+    """Requests more than the connection holds, so that the daemon keeps replies."""
     client.socket.settimeout(0.3)
     with contextlib.suppress(TimeoutError):
         while True:
@@ -66,20 +65,22 @@ def test_the_times_are_set_on_every_served_socket(found, connect, other_machine,
         client.close()
     idle, interval, count, _ = (daemons for daemons, _ in list(OPTIONS.values())[1:])
     silent = idle + interval * count
-    figure(f"probed after {idle} s of silence, given up after {silent} s")
+    figure(f"probed after {idle} s of silence, closed after {silent} s")
     assert silent < GONE_WITHIN
 
 
 def vanished_peers(found, line, other_machine):
-    """(log mark, time) of the moment from which on nothing arrives at three peers there: an idle
-    one, one that leaves replies unread, and one whose next reply cannot be delivered."""
+    """Cuts off three peers: idle, with unread replies, and with a reply that is due.
+
+    Returns (log mark, time) of the cut.
+    """
     peers = [other_machine.connect(SMALL_BUFFER) for _ in range(3)]
     for peer in peers:
         assert peer.get("VER") == "MZV-2.0.0"
     _, unread, asking = peers
     leave_replies_unread(unread)
     mark, line_mark = found.mark(), line.mark()
-    # Answered when the scan is over.
+    # The reply is due after the scan.
     asking.send("SET SCN_BLOCK\n")
     line.wait_for(lambda r: r.is_read(500), since=line_mark)
     other_machine.vanish()
@@ -95,8 +96,8 @@ def seconds_until_gone(found, mark, since, count, limit):
     return seconds
 
 
-def test_a_vanished_peer_is_given_up(found, line, other_machine, figure):
-    """With the short times; the daemon's own are looked at above."""
+def test_the_daemon_closes_the_connection_of_a_vanished_peer(found, line, other_machine, figure):
+    """Uses the short times; a test above checks the daemon's times."""
     before = len(found.descriptors())
     peer = other_machine.connect()
     assert peer.get("VER") == "MZV-2.0.0"
@@ -106,7 +107,7 @@ def test_a_vanished_peer_is_given_up(found, line, other_machine, figure):
     mark, since = found.mark(), time.monotonic()
     other_machine.vanish()
     (seconds,) = seconds_until_gone(found, mark, since, 1, SHORT_LIMIT)
-    assert seconds > 2.0, "not by the times that were set"
+    assert seconds > 2.0, "too early for the times that were set"
     eventually(lambda: len(found.descriptors()) == before)
     line.wait_until_polled(9, 2)
     figure(f"gone after {seconds:.1f} s where the time is set to 4 s instead of 240 s")
@@ -114,7 +115,7 @@ def test_a_vanished_peer_is_given_up(found, line, other_machine, figure):
 
 @pytest.mark.skipif(not LARGE, reason="takes five minutes")
 def test_vanished_peers_are_gone_within_five_minutes(found, line, connect, other_machine, figure):
-    # Silent as well, but there: stays.
+    # A silent but live peer stays connected.
     stays = connect()
     assert stays.get("VER") == "MZV-2.0.0"
     before = len(found.descriptors())
@@ -127,7 +128,7 @@ def test_vanished_peers_are_gone_within_five_minutes(found, line, connect, other
 
 
 @pytest.mark.skipif(not LARGE, reason="takes five minutes")
-def test_a_peer_that_is_there_but_does_not_read_loses_nothing(found, other_machine, figure):
+def test_a_live_peer_that_does_not_read_loses_nothing(found, other_machine, figure):
     client = other_machine.connect(SMALL_BUFFER)
     client.socket.settimeout(0.3)
     request, sent = b"GET VER\n" * 512, 0

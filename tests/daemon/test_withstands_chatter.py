@@ -1,4 +1,4 @@
-"""Chatter on the line that the daemon has not asked for: it costs no memory, and polling survives."""
+"""Unrequested bytes on the line cost no memory and do not stop polling."""
 
 import pytest
 from harness import modbus
@@ -10,11 +10,11 @@ from harness.moving import quiet_client
 FLOODS = True
 
 MEBIBYTE = 1 << 20
-# Another master's requests, and what answers them.
+# The requests and answers of another master.
 CHATTER = 200 * (
     modbus.with_crc(bytes.fromhex("060307d00003")) + modbus.read_answer(6, [0x3900, 0xF3AB, 0x1234])
 )
-# The sanitizer fills its quarantine of freed memory.
+# The quarantine of the sanitizer keeps freed memory.
 QUARANTINE = {"ASAN_OPTIONS": "quarantine_size_mb=1:thread_local_quarantine_size_kb=64"}
 GROWTH_LIMIT_KIB = (8 if SANITIZED else 2) * 1024
 

@@ -1,4 +1,4 @@
-"""Connections that come and go, in order or not, leave nothing behind."""
+"""Ended connections, also those that a client resets, leak neither memory nor descriptors."""
 
 from harness.client import Client
 from harness.daemon import SANITIZED
@@ -10,14 +10,14 @@ FLOODS = True
 
 CONNECTIONS = effort(2_000, 50_000)
 AT_A_TIME = 100
-# What the sanitizer keeps of freed memory, to notice its use, is not what is looked for here.
+# A small quarantine: the freed memory in it is not a leak.
 QUARANTINE = {"ASAN_OPTIONS": "quarantine_size_mb=1:thread_local_quarantine_size_kb=64"}
-# A leak of a hundred bytes per connection, the smallest thing to forget, in the large number.
+# The large number of connections reaches this limit with a leak of 20 bytes each.
 GROWTH_LIMIT_KIB = 8_000 if SANITIZED else 1_000
 
 
 def use_once(client, number):
-    """Every other one leaves its reply unread, with half a request behind it."""
+    """Reads the reply, or leaves it unread and sends half a request too."""
     if number // 2 % 2:
         client.send("GET VER\nGET V")
     else:
@@ -41,16 +41,16 @@ def come_and_go(daemon, count):
             drop(client, number)
         eventually(
             lambda: sum("deleteLater" in m for m in daemon.messages(mark)) == AT_A_TIME,
-            what="the daemon to see them all gone",
+            what="the end of all connections",
         )
 
 
 def settled(daemon):
-    """The descriptors when the sockets of those who left are closed, which follows the log line."""
+    """Returns the descriptors after the daemon has closed all sockets of ended connections."""
 
     def one_client():
         found = daemon.descriptors()
-        # The listening socket and the bystander's.
+        # These are the sockets of the listener and of the bystander.
         return found if sum("socket:" in name for name in found) <= 2 else None
 
     return eventually(one_client, what=daemon.descriptors)

@@ -1,4 +1,4 @@
-"""More clients than there are descriptors for, and as many as a daemon has to serve."""
+"""More clients than the daemon has descriptors, and as many as it has to serve."""
 
 import resource
 import select
@@ -15,16 +15,16 @@ from harness.waiting import eventually
 
 FLOODS = True
 HARD_LIMIT = 2000
-# What the daemon keeps for itself: the port, its lock, children, and what it started with.
+# The daemon keeps descriptors for the port, its lock, children and its start.
 AT_LEAST_SERVED = HARD_LIMIT - 60
 MORE = 200
 LEAVING = 500
 ACCEPTED_WITHIN = 4.0 if SANITIZED else 2.0
 CROWD = effort(1500, 10_000)
-# All leave at once.
+# The longest pause of polling when all clients leave at once.
 LONGEST_PAUSE = 3.0 if SANITIZED else 1.0
 ALLOWED_KIB_PER_THOUSAND = 60_000 if SANITIZED else 8_000
-# A crowd takes three times as much memory as may remain of it, five times in large numbers.
+# The clients together need three times as much memory, five times in the large number.
 ALLOWED_REST_KIB = effort(1_000, 4_000)
 
 
@@ -41,7 +41,7 @@ def left(daemon):
 
 
 def settled(count, quiet=0.3):
-    """The value of count() once it no longer changes."""
+    """Returns the value of count() when it no longer changes."""
     value, since = count(), time.monotonic()
     while time.monotonic() - since < quiet:
         time.sleep(0.02)
@@ -51,7 +51,7 @@ def settled(count, quiet=0.3):
 
 
 def ask_all(clients, limit):
-    """Seconds until each has its answer."""
+    """Returns the seconds until all clients have their replies."""
     started = time.monotonic()
     for client in clients:
         client.send("GET VER\n")
@@ -61,7 +61,7 @@ def ask_all(clients, limit):
 
 
 def answered(clients):
-    """The descriptors of those for whom something comes within a moment."""
+    """Returns the poll() events of clients that receive bytes within 0.3 s."""
     poll = select.poll()
     for client in clients:
         poll.register(client.socket, select.POLLIN)
@@ -75,14 +75,14 @@ def simulated():
 
 
 def find_again(daemon, line):
-    """Another port under the same name, and a fuser that looks at one more."""
-    line.tell("unplug")
+    """Plugs the line in again, so the daemon opens a port and runs fuser."""
+    line.command("unplug")
     mark = daemon.mark()
     daemon.wait_for_line("availablePorts", mark)
-    line.tell("plug")
+    line.command("plug")
     daemon.wait_until_found(9, since=mark)
     codes = [m.split()[3] for m in daemon.messages(mark) if m.startswith("Info: error : ")]
-    # No local fuser, nobody found by the system's.
+    # There is no local fuser (-2), and the system's fuser finds no user of the port (1).
     assert codes and codes == ["-2", "1"] * (len(codes) // 2)
 
 
@@ -127,24 +127,24 @@ def test_more_clients_than_descriptors(start_daemon, connect, simulated, tmp_pat
         for client in waiting:
             assert client.receive_line(10) == b"VER MZV-2.0.0\n"
         seconds = time.monotonic() - left_at
-        figure(f"{len(waiting)} that waited were served {seconds:.2f} s after {LEAVING} had left")
+        figure(f"{len(waiting)} waiting clients served {seconds:.2f} s after {LEAVING} others left")
         assert seconds < ACCEPTED_WITHIN
         assert chosen.get("DRI") == "RUNNING"
 
 
 def test_a_crowd_of_clients(start_daemon, connect, line, figure):
     _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-    assert hard > CROWD + 100, f"this machine allows {hard} descriptors only"
+    assert hard > CROWD + 100, f"this machine allows only {hard} descriptors"
     daemon = start_daemon().wait_until_found(9)
     before = daemon.resident_kib()
     started = time.monotonic()
     clients = [connect() for _ in range(CROWD)]
-    eventually(lambda: served(daemon) == CROWD, 30, "all to be let in")
+    eventually(lambda: served(daemon) == CROWD, 30, "all connections")
     opened = time.monotonic() - started
     mark = line.mark()
     seconds = ask_all(clients, 30)
     memory = (daemon.resident_kib() - before) * 1000 // CROWD
-    figure(f"{CROWD} clients in after {opened:.2f} s, all answered {seconds:.2f} s later")
+    figure(f"{CROWD} clients connected in {opened:.2f} s, all answered {seconds:.2f} s later")
     figure(f"{memory} KiB per 1,000 clients")
     assert memory < ALLOWED_KIB_PER_THOUSAND
     line.wait_until_polled(9, 2)
@@ -154,16 +154,16 @@ def test_a_crowd_of_clients(start_daemon, connect, line, figure):
     line.wait_until_polled(9)
     for client in clients:
         client.close()
-    eventually(lambda: left(daemon) == CROWD, 30, "all to be gone")
+    eventually(lambda: left(daemon) == CROWD, 30, "the end of all connections")
     line.wait_until_polled(9, 2)
     gap = longest_time_between_polls(line, mark)
     figure(f"longest time between two polls while they leave {gap * 1000:.0f} ms")
     assert gap < LONGEST_PAUSE
-    # The sanitizer and valgrind keep freed memory, to notice its use.
+    # The sanitizer and valgrind keep freed memory.
     if not SANITIZED:
         returned = lambda: daemon.resident_kib() - before < ALLOWED_REST_KIB
         eventually(returned, what=lambda: f"{daemon.resident_kib() - before} KiB remain")
-        figure(f"{daemon.resident_kib() - before} KiB remain of {CROWD} clients that left")
+        figure(f"{daemon.resident_kib() - before} KiB remain after {CROWD} clients have left")
 
 
 def longest_time_between_polls(line, mark):

@@ -13,7 +13,7 @@
 PtyLine::PtyLine(QObject *parent)
     : QObject(parent)
 {
-    // Answers are timed: where this process may, it goes in front of the tests beside it.
+    // Answers have exact times, so the process needs a higher priority than parallel tests.
     ::setpriority(PRIO_PROCESS, 0, -10);
     m_notifier = new QSocketNotifier(m_pty.lineEnd(), QSocketNotifier::Read, this);
     connect(m_notifier, &QSocketNotifier::activated, this, [this] { onReadyRead(); });

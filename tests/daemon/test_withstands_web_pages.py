@@ -1,7 +1,7 @@
-"""Web pages in a real browser that address the daemon's port.
+"""Web pages in a real browser that connect to the daemon's port.
 
-Every page tries to move the gripper, without a click. The daemon closes each of these connections
-at its first line and carries out nothing.
+Every page tries to move the gripper without a click. The daemon closes each of these connections at
+its first line and carries out nothing.
 """
 
 import contextlib
@@ -12,7 +12,7 @@ import socket
 import pytest
 from harness.browser import Browser, PageServer
 from harness.client import PORT, Client
-from harness.line import Line, Slave
+
 from harness.load import WORST_LIMIT, Bystander
 from harness.netsplit import NEAR, OtherMachine
 from harness.waiting import eventually
@@ -22,11 +22,11 @@ FLOODS = True
 
 PAGE_PORT = 8000
 COMMAND = "SET POS 114 SPE 77 FOR 66 GTO 1"
-# Every write of the operator has its own value.
+# Each write of the operator has a different value.
 CURRENTS = itertools.cycle(range(1, 256))
 HTTP, TLS = "HTTP request", "TLS handshake"
 
-# name: (how the browser begins the connection, what the script of the page does)
+# name: (the first line of the browser's connection, the script of the page)
 ATTACKS = {
     "fetch": (HTTP, "post(http, line)"),
     "fetch with a long URL": (HTTP, "post(http + 'x'.repeat(20000), line)"),
@@ -110,22 +110,19 @@ def page(attack, target):
     return text.replace("ATTACK", ATTACKS[attack][1])
 
 
-@pytest.fixture(scope="module")
-def line():
-    with Line(Slave(9)) as plugged:
-        yield plugged
+@pytest.fixture
+def line(module_line):
+    return module_line
+
+
+@pytest.fixture
+def found(module_found):
+    return module_found
 
 
 @pytest.fixture(scope="module")
-def found(line, start_module_daemon):
-    daemon = start_module_daemon().wait_until_found(9)
-    line.wait_for(lambda r: r.is_write(1000))
-    return daemon
-
-
-@pytest.fixture(scope="module")
-def operator(found):
-    """An ordinary client that stays."""
+def operator(module_found):
+    """An ordinary client that stays connected."""
     with Client() as client:
         yield client
 
@@ -144,7 +141,7 @@ def browser(tmp_path_factory, other_machine):
 
 @pytest.fixture(scope="module")
 def origins(tmp_path_factory, other_machine):
-    """For each origin a function that publishes a page and returns its URL."""
+    """Returns {origin: a function that publishes a page and returns its URL}."""
     file = tmp_path_factory.mktemp("page") / "page.html"
 
     def of_file(text):
@@ -169,19 +166,19 @@ def origins(tmp_path_factory, other_machine):
 
 
 def refusals(daemon, mark):
-    """The beginnings of the connections that the daemon has closed."""
+    """Returns the first lines of the connections that the daemon has refused."""
     pattern = re.compile(r"Closed \S+ because it began with an? (.*?)\.")
     return {found[1] for found in map(pattern.match, daemon.messages(mark)) if found}
 
 
 def carry_out(daemon, line, operator, browser, url):
-    """(the writes that `operator` did not ask for, the beginnings of the closed connections)"""
+    """Returns (writes that are not from `operator`, first lines of the refused connections)."""
     log, requests, current = daemon.mark(), line.mark(), next(CURRENTS)
     browser.show(url)
     browser.wait_for_title("over")
     with contextlib.suppress(AssertionError):
         eventually(lambda: refusals(daemon, log), 1.0)
-    # The next write shows all outputs, also those that a page has reached.
+    # The next write has all outputs, also those that a page may have changed.
     assert operator.set(f"MSC {current}") == "ack"
     own = [0, current << 8, 0]
     line.wait_for(lambda r: r.is_write(1000) and r.values[1] >> 8 == current, since=requests)

@@ -1,4 +1,4 @@
-"""A fuser that crashes, is missing or hangs, and ports that open and say nothing."""
+"""A fuser that crashes, is missing or hangs, and ports without an answer."""
 
 import time
 
@@ -14,7 +14,7 @@ CODES = {CRASH: -1, NOT_EXECUTABLE: -2}
 
 
 def put(folder, script):
-    # Complete before it can be run.
+    # The program must be complete before the daemon can run it.
     partial = folder / "fuser.new"
     partial.write_text(f"#!/bin/sh\n{script}\n")
     partial.chmod(0o755 if script else 0o644)
@@ -34,7 +34,7 @@ def start(start_daemon, path_folder):
 
 
 def a_whole_round(daemon):
-    """The exit codes of one port selection that began after this call."""
+    """Returns the exit codes of one complete port selection after this call."""
     mark = daemon.mark()
     daemon.wait_for_line("availablePorts", mark)
     began = next(n for n, m in enumerate(daemon.lines) if n >= mark and "availablePorts" in m)
@@ -45,7 +45,7 @@ def a_whole_round(daemon):
 
 
 @pytest.mark.parametrize("local", [CRASH, NOT_EXECUTABLE], ids=["crashes", "no_program"])
-def test_a_port_nobody_can_judge_is_not_free(
+def test_a_port_that_no_fuser_can_judge_is_not_free(
     start, connect, tmp_path, path_folder, figure, local
 ):
     put(tmp_path, local)
@@ -80,14 +80,14 @@ def test_a_fuser_that_hangs(start, connect, tmp_path, figure):
             assert client.receive(3) == b"ack"
             assert client.receive_line().startswith(b"DRI ")
         seconds = time.monotonic() - over_at
-        figure(f"all answered {seconds * 1000:.0f} ms after {HANG} s of hanging")
+        figure(f"all answered {seconds * 1000:.0f} ms after a fuser that hung for {HANG} s")
         assert seconds < 0.5
         daemon.wait_until_found(9)
         line.wait_until_polled(9, 3)
         assert clients[0].get("DRI") == "RUNNING"
 
 
-def test_ports_that_say_nothing(start, connect, tmp_path, figure):
+def test_silent_ports(start, connect, tmp_path, figure):
     put(tmp_path, FREE)
     names = [f"ttyUSB{n}" for n in range(3)]
     with FakePorts(*names), Line() as tool:
@@ -103,13 +103,13 @@ def test_ports_that_say_nothing(start, connect, tmp_path, figure):
                 assert client.get("SID") == "[]"
                 took.append(time.monotonic() - asked_at)
                 time.sleep(0.01)
-            figure(f"answered within {max(took) * 1000:.1f} ms while 4 silent ports are tried")
+            figure(f"answered within {max(took) * 1000:.1f} ms during the scan of 4 silent ports")
             assert sorted(took)[len(took) // 2] < 0.05
             mark = daemon.mark()
             usb[-1].slaves[9] = Slave(9)
             began = time.monotonic()
             daemon.wait_until_found(9, since=mark)
-            figure(f"the gripper on the last one found after {time.monotonic() - began:.1f} s")
+            figure(f"gripper on the last port found after {time.monotonic() - began:.1f} s")
             usb[-1].wait_until_polled(9, 3)
         finally:
             for line in usb:

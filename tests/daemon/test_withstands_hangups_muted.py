@@ -1,4 +1,4 @@
-"""The line hangs up while it is not polled, as when its adapter is pulled out, and comes back."""
+"""The line hangs up while polling is muted, as a removed adapter does, and returns."""
 
 import time
 
@@ -11,13 +11,13 @@ from harness.waiting import eventually
 
 
 class PluggableSimulator(Simulator):
-    """Comes and goes like the scripted line."""
+    """A simulator with the methods of the scripted line."""
 
     def unplug(self):
-        self.tell("unplug")
+        self.command("unplug")
 
     def plug(self):
-        self.tell("plug")
+        self.command("plug")
 
 
 def is_quiet(line):
@@ -42,7 +42,7 @@ def test_while_it_is_idle(start_daemon, connect, figure):
 
 
 def test_in_a_slave_id_move(start_daemon, connect, figure):
-    """In its first read, in the wait for the settings to be stored, in the wait for the restart."""
+    """Hangs up in its first read, while the settings are stored, and during the restart."""
     moving = MovingSlave(9)
     with Line(moving) as line:
         hang_ups = HangUps(start_daemon().wait_until_found(9), line)
@@ -53,7 +53,7 @@ def test_in_a_slave_id_move(start_daemon, connect, figure):
             lambda r: r.is_write(400),
         ):
             old, mark = moving.id, line.mark()
-            # Where the last move came to nothing, nothing of it is stored.
+            # A failed move must not leave its new id in the settings.
             moving.put(434, SETTINGS[4] & 0xFF00 | old)
             client.send(f"SET SID {old} NID {11 - old}\n")
             line.wait_for(wanted, since=mark, timeout=10)

@@ -1,4 +1,4 @@
-"""Streams that hold no request: they cost no memory, and nobody waits for them."""
+"""Streams without requests cost no memory and delay no other client."""
 
 import random
 
@@ -11,13 +11,13 @@ FLOODS = True
 
 MEBIBYTE = 1 << 20
 STREAM = effort(32, 1024) * MEBIBYTE
-# The sanitizer fills its quarantine of freed memory and keeps a shadow of it all.
+# The sanitizer keeps freed memory in its quarantine, and shadow memory for all of it.
 QUARANTINE = {"ASAN_OPTIONS": "quarantine_size_mb=8:thread_local_quarantine_size_kb=256"}
 GROWTH_LIMIT_KIB = (40 if SANITIZED else 8) * 1024
 
 
 def garbage():
-    """Every byte but zero, which would end what is read together with it."""
+    """Returns random bytes without zeros: a zero would drop the rest of its packet."""
     return bytes(random.Random(1).choices(range(1, 256), k=MEBIBYTE))
 
 
@@ -45,9 +45,9 @@ def test_a_stream_without_a_request(line, start_daemon, connect, figure, block):
         client.send("!\nGET VER\n")
         assert client.receive_line() == b"VER MZV-2.0.0\n"
         line.wait_until_polled(9, 6)
-    # Every reply waits for its turn among the reads of the stream.
+    # Each reply waits for a turn among the reads of the stream.
     figure(bystander.check(usual=WORST_LIMIT))
-    # A visit that takes a little longer than its period costs the next one, in slow builds.
+    # In slow builds, a visit may take longer than its period and delay the next one.
     figure(visits.check(usual=0.11))
     growth = memory.growth_kib()
     figure(f"{growth} KiB more resident memory at most, for {STREAM // MEBIBYTE} MiB")

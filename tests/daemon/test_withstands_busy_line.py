@@ -1,4 +1,4 @@
-"""Operations of clients while the grippers are polled: requests never overlap on the line."""
+"""Operations of clients during polling: requests never overlap on the line."""
 
 import collections
 import concurrent.futures
@@ -16,7 +16,7 @@ LATENCIES_MS = [0, 4, 8, 15, 22, 30]
 
 
 def lines():
-    """(latency, grippers, {operation: count}): each has a daemon and namespaces of its own."""
+    """Returns (latency, grippers, {operation: count}) for each line. Each has its own namespaces."""
     if not effort(0, 1):
         return [
             (0, 4, {"SCN_BLOCK": 2, "BLD": 1, "UPG": 1}),
@@ -63,6 +63,6 @@ def test_operations_at_random_moments(figure):
         stalled += [(latency, grippers, entry) for entry in tally.get("stalled", [])]
     figure(
         f"{dict(done)} done among {requests} requests, {len(failed)} failed, "
-        f"{len(stalled)} more while the machine stood still: {stalled}"
+        f"{len(stalled)} more during stalls of the machine: {stalled}"
     )
     assert not failed, "\n".join(map(str, failed))

@@ -1,4 +1,4 @@
-"""Standard input, output and error that are closed, full, or read by nobody."""
+"""Standard streams that are closed, full or without a reader."""
 
 import contextlib
 import fcntl
@@ -25,7 +25,7 @@ LONGEST_PAUSE = 0.3 * (1 if RELEASE else 4)
 
 @contextlib.contextmanager
 def daemon_with(folder, closed=(), **streams):
-    """A daemon with the given streams, without those that are `closed`; must quit in form."""
+    """A daemon with the given streams, without the `closed` ones. It must quit cleanly."""
     streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, **streams}
 
     def close_them():
@@ -46,7 +46,7 @@ def daemon_with(folder, closed=(), **streams):
 
 
 def assert_serves(line, connect):
-    """Answers with exactly the bytes that belong there, and polls with nothing between."""
+    """Checks that clients receive only their replies, and the line only requests."""
     client = connect()
     for _ in range(20):
         client.send(UNHANDLED + "GET VER\n")
@@ -57,10 +57,10 @@ def assert_serves(line, connect):
 
 
 def judge_pauses(line, mark, figure):
-    """The polling has gone on since then."""
+    """Checks that polling has had no long pause since the mark."""
     times = [request.at for request in line.since(mark)]
     longest = max(later - earlier for earlier, later in zip(times, times[1:]))
-    figure(f"longest pause of the polling {longest * 1000:.0f} ms")
+    figure(f"longest pause of polling {longest * 1000:.0f} ms")
     assert longest < LONGEST_PAUSE
 
 
@@ -80,7 +80,7 @@ def test_streams_closed_at_start(tmp_path, connect, line, figure, closed):
         judge_pauses(line, mark, figure)
 
 
-def test_a_flasher_has_streams_of_its_own_when_all_were_closed(tmp_path, connect, figure):
+def test_a_flasher_gets_its_own_streams_when_all_were_closed(tmp_path, connect, figure):
     put_flasher(tmp_path, "(ls -l /proc/$$/fd >streams); echo told; sleep 0.2; exit 0")
     with Simulator("9=TA3-1.6.13", "--boot-ms=200", "--bootloader-boot-ms=100") as simulated:
         with daemon_with(tmp_path, (0, 1, 2)):
@@ -89,16 +89,16 @@ def test_a_flasher_has_streams_of_its_own_when_all_were_closed(tmp_path, connect
             assert client.set("UPG 1", timeout=15) == "ack"
             assert noted_process(tmp_path)
             eventually(lambda: client.get("UPG") == "0")
-            simulated.tell("restart 9")
+            simulated.command("restart 9")
             simulated.wait_until_polled(9, 2)
             assert simulated.foreign == [b"\x7f"] * len(simulated.foreign)
         listed = (tmp_path / "streams").read_text(encoding="ascii")
         assert [f" {n} -> pipe:" in listed for n in range(3)] == [True] * 3, listed
         assert "socket" not in listed and "/dev/pts/" not in listed, listed
-        figure(f"{len(simulated.foreign)} bytes on the line beside requests, all of the detection")
+        figure(f"{len(simulated.foreign)} other bytes on the line, all from the detection")
 
 
-def test_the_reader_of_the_log_goes_away(tmp_path, connect, line, figure):
+def test_the_log_loses_its_reader(tmp_path, connect, line, figure):
     reader, writer = os.pipe()
     with daemon_with(tmp_path, stderr=writer):
         os.close(writer)
@@ -110,7 +110,7 @@ def test_the_reader_of_the_log_goes_away(tmp_path, connect, line, figure):
         judge_pauses(line, mark, figure)
 
 
-def test_the_log_goes_to_a_full_disk(tmp_path, connect, line, figure):
+def test_the_log_is_on_a_full_disk(tmp_path, connect, line, figure):
     with open("/dev/full", "wb") as full, daemon_with(tmp_path, stderr=full):
         line.wait_until_polled(9, timeout=10)
         mark = line.mark()
@@ -118,24 +118,24 @@ def test_the_log_goes_to_a_full_disk(tmp_path, connect, line, figure):
         judge_pauses(line, mark, figure)
 
 
-def test_nobody_reads_the_log_and_its_pipe_is_full(tmp_path, connect, line, figure):
+def test_the_pipe_of_the_log_is_full(tmp_path, connect, line, figure):
     reader, writer = os.pipe()
     fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, PIPE_BYTES)
     with daemon_with(tmp_path, stderr=writer):
         os.close(writer)
         line.wait_until_polled(9, timeout=10)
         mark = line.mark()
-        # Much more than the pipe takes.
+        # Much more than the pipe holds.
         assert_serves(line, connect)
         judge_pauses(line, mark, figure)
-        # Whoever reads again finds whole lines, the newest ones too.
+        # A new reader gets whole lines, including the newest.
         os.set_blocking(reader, False)
         text = b"".join(iter(lambda: read_what_is_there(reader), b""))
         assert text.endswith(b" ((null):0, (null))\n")
         client = connect()
         assert client.get("VER") == "MZV-2.0.0"
         log = []
-        eventually(lambda: log.append(read_what_is_there(reader)) or told_of_a_client(log))
+        eventually(lambda: log.append(read_what_is_there(reader)) or mentions_a_client(log))
         assert b"log lines lost" in b"".join(log)
     os.close(reader)
 
@@ -147,5 +147,5 @@ def read_what_is_there(descriptor):
         return b""
 
 
-def told_of_a_client(log):
+def mentions_a_client(log):
     return b"onClientSocketConnection" in b"".join(log)

@@ -1,4 +1,4 @@
-"""Signals and limits that the daemon inherits, and a process id that it shares with the one before."""
+"""Inherited signals and limits, and a process id that equals the former daemon's."""
 
 import contextlib
 import os
@@ -35,13 +35,13 @@ def odd_parent():
 
 
 def signals_in(status, field):
-    """The signals of one of the masks in /proc/PID/status."""
+    """Returns the signals in one mask of /proc/PID/status."""
     masks = dict(line.split(":\t") for line in status.splitlines())
     mask = int(masks[field], 16)
     return {number for number in ALL_SIGNALS if mask >> (number - 1) & 1}
 
 
-# The shell blocks signals while it starts a program: this one takes its place.
+# exec, because the shell blocks signals while it starts a program.
 NOTE_STATUS = "exec cat /proc/self/status >status"
 LAST_FIELD = "nonvoluntary_ctxt_switches"
 
@@ -120,7 +120,7 @@ def test_a_log_file_at_its_size_limit_does_not_end_the_daemon(tmp_path, line, co
 
 @contextlib.contextmanager
 def daemon_in_a_container(folder, *options, log=subprocess.DEVNULL):
-    """The first process of process ids of its own; gives its id outside of them."""
+    """Runs a daemon as process 1 of its own namespace. Yields its outer process id."""
     container = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc", *options]
     outside = spawn([*container, binary("gripperd")], cwd=folder, stderr=log)
     try:
@@ -145,7 +145,7 @@ def test_the_lock_of_a_running_daemon_with_the_same_process_id_stays(tmp_path, l
         line.wait_until_polled(9, timeout=10)
         lock = LOCK.stat()
         with daemon_in_a_container(tmp_path, "--net", log=log):
-            # It has tried the port between two of these.
+            # Between these two lines, the daemon has tried the port.
             eventually(lambda: (tmp_path / "log").read_text().count("availablePorts") == 2)
         assert os.path.samestat(LOCK.stat(), lock)
         assert "Connected" not in (tmp_path / "log").read_text()

@@ -8,10 +8,9 @@
 
 #include <functional>
 
-/// A master without a line: its slaves' registers are set beforehand, and every request is
-/// recorded as text. A read is answered with what was set for exactly its slave and start address,
-/// whatever its count; without that it ends in a time-out. A write is acknowledged unless it was
-/// told to fail. Pumps no events.
+/// A master without a line. It records every request as text. A read returns the words that the
+/// test has set for its slave and start address, whatever its count, or ends in a time-out. A write
+/// succeeds unless the test refuses it. Pumps no events.
 class ScriptedMaster : public KvModbusAbstract
 {
     Q_OBJECT
@@ -24,10 +23,10 @@ public:
     {
     }
 
-    /// What every read of this address is answered with.
+    /// Sets the answer to every read of this address.
     void setRegisters(quint8 slaveId, quint16 address, const Words &words);
 
-    /// Answers that come before the standing one, one for each read. An empty one is a time-out.
+    /// Sets answers for the next reads, before the permanent answer. An empty one is a time-out.
     void setNextAnswers(quint8 slaveId, quint16 address, const QList<Words> &answers);
 
     /// Every write to this address fails with `error` from now on.
@@ -38,10 +37,10 @@ public:
     void setOpen(bool open) { m_open = open; }
     void setOpenable(bool openable) { m_openable = openable; }
 
-    /// Whether another answer comes with each one.
+    /// Sets whether a second answer arrives with each answer.
     using KvModbusAbstract::setAnswerAmbiguous;
 
-    /// Called at the start of every request.
+    /// Sets a function that runs at the start of every request.
     void setOnRequest(const std::function<void()> &onRequest) { m_onRequest = onRequest; }
 
     /// "connect", "disconnect", "baud 115200", "read SLAVE ADDRESS COUNT" or

@@ -9,14 +9,14 @@ from typing import NamedTuple
 import pytest
 from harness.daemon import LOG_LINE, SANITIZED, Daemon
 from harness.effort import effort
-from harness.line import Line, Slave
+
 from harness.syscalls import FailingCall, failing_from_the_start
 from harness.waiting import eventually
 
 SECONDS = effort(2, 30)
 CLIENTS_A_SECOND = 10
-# A loop that retries without a pause makes ten thousand calls, even under strace. A client retries
-# 20 times a second.
+# A loop without a pause makes ten thousand calls a second, even under strace. A client retries 20
+# times a second.
 CALLS_A_SECOND = 1000
 # The share of one processor.
 LARGEST_SHARE = 0.4 if SANITIZED else 0.2
@@ -82,7 +82,7 @@ def ask(client):
 
 
 def is_answered(client, ends_connections):
-    """False for a connection that has ended; a client without an answer fails the test."""
+    """Returns False if the connection has ended. Fails the test if the client gets no answer."""
     client.socket.settimeout(10)
     try:
         answer = client.socket.recv(65536)
@@ -92,23 +92,22 @@ def is_answered(client, ends_connections):
     return answer.startswith(b"VER MZV-2.0.0\n")
 
 
-@pytest.fixture(scope="module")
-def line():
-    """One line and one daemon for all rows: each of them leaves the daemon as it was."""
-    with Line(Slave(9)) as plugged:
-        yield plugged
+@pytest.fixture
+def line(module_line):
+    return module_line
 
 
-@pytest.fixture(scope="module")
-def daemon(line, start_module_daemon):
-    return start_module_daemon().wait_until_found(9)
+@pytest.fixture
+def daemon(module_found):
+    return module_found
 
 
 @pytest.fixture
 def disturbed(line, daemon, connect, tmp_path):
-    """disturbed(row, lasting) makes calls fail, with clients asking and a line plugged again.
+    """disturbed(row, lasting) makes calls fail while clients send requests.
 
-    Returns failing calls a second and the share of a processor that the daemon used.
+    For "openat" it also plugs the line in again. It returns the failing calls per second and the
+    share of a processor that the daemon used.
     """
 
     def disturb(row, lasting):
@@ -154,7 +153,7 @@ def test_a_call_that_fails_for_a_while(disturbed, figure, row):
     assert share < LARGEST_SHARE
 
 
-def test_no_epoll_descriptor_at_the_start(tmp_path):
+def test_a_start_without_an_epoll_descriptor_fails(tmp_path):
     daemon = Daemon(tmp_path, under=failing_from_the_start("epoll_create1", "EMFILE"))
     try:
         assert daemon.wait_for_end() == -signal.SIGABRT

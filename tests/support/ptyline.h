@@ -22,36 +22,36 @@ public:
     /// The full path of the end that a serial port opens.
     QString portName() const { return m_pty.portName(); }
 
-    /// The next request is complete with its `requestLength`-th byte and gets `answer`, in pieces
-    /// that are `delayMs` apart, the first one `delayMs` after the request. Calls queue up.
+    /// Queues an exchange: the request is complete after `requestLength` bytes. The pieces of
+    /// `answer` follow at intervals of `delayMs`, the first one `delayMs` after the request.
     void script(int requestLength, const QList<QByteArray> &answer, int delayMs = 0);
 
-    /// Requests that were complete, in their order. What came without a script is one more.
+    /// The complete requests in their order. Bytes without an exchange are one more request.
     QList<QByteArray> requests() const;
 
-    /// Requests that came while an answer to an earlier one was still due.
+    /// The number of requests that arrived before the end of an earlier answer.
     int overlaps() const { return m_overlaps; }
 
-    /// Puts `bytes` on the line at once, whether or not somebody asked.
+    /// Sends `bytes` at once, also without a request.
     void send(const QByteArray &bytes);
 
-    /// Blocks, without pumping events, until `count` bytes wait in the kernel for the port's
-    /// reader. False after a second.
+    /// Blocks without pumping events until the kernel holds `count` bytes for the port's reader.
+    /// Returns false after a second.
     bool blockUntilUnread(int count) const;
 
-    /// How many bytes wait in the kernel for the port's reader.
+    /// The number of bytes that the kernel holds for the port's reader.
     int unreadCount() const;
 
-    /// The descriptor of the line's own end, for a thread that reads what the port's end writes.
+    /// The descriptor of the line end, for a thread that reads the bytes from the port.
     int lineEnd() const { return m_pty.lineEnd(); }
 
-    /// Pulls the plug: the port's end sees a line that is hung up.
+    /// Hangs up the line, as a removed adapter does.
     void hangUp();
 
-    /// Stops and restarts the line's taking of what the port's end writes.
+    /// Stops or restarts the transmission from the port end.
     void setTransmissionStopped(bool stopped);
 
-    /// The settings that the port's end has chosen, as tcgetattr() tells them.
+    /// The settings of the port end, from tcgetattr().
     struct termios settings() const;
 
 private:

@@ -1,7 +1,7 @@
-"""A minute on a line where a tenth of all answers is wrong: clients see only what was answered.
+"""A tenth of all answers on the line is wrong for a minute: clients see only values of valid answers.
 
-Every register that is polled carries a running number and whose it is, so that a value from
-another gripper, from another register, from a broken frame or from the past shows.
+Every polled register has a running number and its slave id. The judges therefore recognise a value
+from another gripper, another register, a broken frame or the past.
 """
 
 import contextlib
@@ -21,21 +21,21 @@ VERSIONS = ("TA3-1.6.14", "TE1-2.0.2", "TB1-1.4.3", "TF1-1.0.0")
 COUNTERS = {"NCY": 600, "PON": 602, "NPA": 604}
 POLLED = (2000, *COUNTERS.values())
 STATUS = ("VST", "MOD", "GTO", "STA", "OBJ", "PRE", "FLT", "POS", "COU")
-ASKED = (*STATUS, *COUNTERS, "DRI")
+READ_NAMES = (*STATUS, *COUNTERS, "DRI")
 KINDS = (
     "deaf", "silent", "exception", "wrongId", "wrongFunction",
     "badCrc", "truncated", "trailing", "noise", "echo",
 )
 SHARE = "10%"
-# Every visit of a gripper finds new numbers: four grippers take 0.2 s a round at best.
+# Each visit of a gripper finds new numbers: a round of four grippers takes at least 0.2 s.
 NUMBER_PERIOD = 0.04
 ASK_PERIOD = 0.005
-# A scan of four grippers that answer takes 1.2 s.
+# A scan that finds four grippers takes 1.2 s.
 SCAN_PERIOD = 2.0
 
 
 def numbered(slave_id, number):
-    """Commands that make the polled registers of a gripper carry this number, and whose it is."""
+    """Returns commands that write the number and the slave id to the polled registers."""
     index = IDS.index(slave_id)
     low = number & 0xFF
     words = {2000: index << 14 | (number & 0x7F) << 7 & 0x3F00 | number & 3}
@@ -48,7 +48,7 @@ def numbered(slave_id, number):
 
 
 def status_fields(words):
-    """What clients are told of a status block, in the order of STATUS."""
+    """Returns the values of STATUS that clients see of a status block."""
     w0, w1, w2 = words
     return (
         w0 & 3, w0 >> 9 & 3, w0 >> 11 & 1, w0 >> 12 & 3, w0 >> 14,
@@ -65,7 +65,7 @@ def words_of(frame, count):
 
 
 class Reader:
-    """One client of one gripper: whatever new it has seen, as (time, values)."""
+    """A client of one gripper that keeps all new values as (time, values)."""
 
     def __init__(self, slave_id):
         self.slave_id = slave_id
@@ -82,18 +82,18 @@ class Reader:
             self.problem = problem
 
     def _ask(self):
-        packet = "".join(f"GET {name}\n" for name in ASKED)
+        packet = "".join(f"GET {name}\n" for name in READ_NAMES)
         with Client() as client:
             client.set(f"SID {self.slave_id}")
             while not self.stopped.wait(ASK_PERIOD):
-                # In one packet: what is answered stems from one moment.
+                # One packet, so that all replies have values of the same moment.
                 client.send(packet)
                 values = []
-                for name in ASKED:
+                for name in READ_NAMES:
                     got, value = client.receive_line().decode().rstrip("\n").split(" ", 1)
-                    assert got == name, f"{got} for {name}"
+                    assert got == name, f"{got} instead of {name}"
                     values.append(value)
-                # DRI stands apart: it is the link's, whether the gripper is there or not.
+                # DRI is the status of the link and needs no gripper.
                 *values, link = values
                 assert link in ("RUNNING", "SCANNING", "ERR_TIMEOUT"), link
                 if "?" in values:
@@ -111,7 +111,7 @@ class Reader:
 
 
 class Bench:
-    """Line, daemon, clients; `run` makes the numbers run and the grippers misbehave."""
+    """Line, daemon and clients. run() changes the numbers and sets faults."""
 
     def __init__(self, line, daemon, with_late):
         self.line = line
@@ -122,8 +122,8 @@ class Bench:
         self._scanned_at = 0.0
         self._resting = False
 
-    def misbehave(self, round_number):
-        """Half of the rounds one kind of fault on each gripper, half of them all kinds on all."""
+    def set_faults(self, round_number):
+        """Sets one kind of fault per gripper in odd rounds, all kinds on all in even rounds."""
         commands = ["clear"]
         for index, slave_id in enumerate(IDS):
             other = IDS[index - 1]
@@ -133,19 +133,19 @@ class Bench:
             else:
                 commands += [self._fault(slave_id, kind, "1%", other) for kind in KINDS]
             if self.with_late:
-                # Of every length that makes an answer arrive behind one of the next requests.
+                # Each of these delays makes the answer arrive after another of the next requests.
                 delay = 40 + 13 * ((round_number + index) % 10)
                 commands.append(f"fault {slave_id} late {SHARE} {delay} on reads")
-        self.line.tell_all(commands)
+        self.line.command_all(commands)
 
     def _fault(self, slave_id, kind, share, other):
-        # Under the id of a gripper that exists; late, nobody could tell it from that one's own.
+        # The answer has the id of another gripper. With delays, it could pass as that gripper's.
         value = f" {other}" if kind == "wrongId" and not self.with_late else ""
         return f"fault {slave_id} {kind} {share}{value}"
 
     def run_numbers(self):
         self.number += 1
-        self.line.tell_all([c for slave_id in IDS for c in numbered(slave_id, self.number)])
+        self.line.command_all([c for slave_id in IDS for c in numbered(slave_id, self.number)])
 
     def run(self, seconds):
         keeper = Client()
@@ -158,30 +158,30 @@ class Bench:
                 current = next(rounds)
                 next_round += round_seconds
                 if not self._resting:
-                    self.misbehave(current)
+                    self.set_faults(current)
             self.run_numbers()
             self._keep_all(keeper, now, current)
             time.sleep(NUMBER_PERIOD)
         keeper.close()
 
     def _keep_all(self, keeper, now, current):
-        """A scan drops a gripper whose answer it gets wrong: it is repeated with faults at rest."""
-        everybody = keeper.get("SID") == "[2, 3, 4, 9]"
-        if everybody and self._resting:
+        """Repeats the scan without faults if a scan has dropped a gripper after a wrong answer."""
+        has_all = keeper.get("SID") == "[2, 3, 4, 9]"
+        if has_all and self._resting:
             self._resting = False
-            self.misbehave(current)
-        # Until the link runs, a discovery is under way, under the faults that led to it.
-        if everybody or keeper.get("DRI") != "RUNNING" or now < self._scanned_at + SCAN_PERIOD:
+            self.set_faults(current)
+        # A discovery after a lost link also runs with faults: wait for its end.
+        if has_all or keeper.get("DRI") != "RUNNING" or now < self._scanned_at + SCAN_PERIOD:
             return
         self._scanned_at = now
         keeper.set("SCN")
         if not self._resting:
             self._resting = True
             self.rests += 1
-            self.line.tell_all(["clear"])
+            self.line.command_all(["clear"])
 
     def exchanges(self):
-        """(request, what came back before the next one) of all reads of the polled registers."""
+        """Returns (request, bytes up to the next request) for all reads of the polled registers."""
         reads, current = [], None
         for is_request, data in list(self.line.events):
             if is_request:
@@ -194,7 +194,7 @@ class Bench:
 
 
 def valid_values(exchanges):
-    """Of every gripper and register: value -> number of the last valid frame that carried it."""
+    """Returns {(slave id, register): {value: number of the last valid frame with it}}."""
     carried = {(slave_id, register): {} for slave_id in IDS for register in POLLED}
     for number, (request, answer) in enumerate(exchanges):
         register = register_of(request)
@@ -206,34 +206,34 @@ def valid_values(exchanges):
 
 
 def parts(seen):
-    """(register, value) of all that one look has shown."""
+    """Returns (register, value) for all values of one read."""
     yield 2000, seen[: len(STATUS)]
     yield from zip(COUNTERS.values(), seen[len(STATUS) :])
 
 
 def judge_in_order(reader, carried):
-    """Every value was carried by a valid frame of this gripper and register, none goes back."""
+    """Checks that each value is from a valid frame of its register, and none from the past."""
     newest = {}
     for _, seen in reader.seen:
         for register, value in parts(seen):
             frames = carried[reader.slave_id, register]
-            told = f"{value} for register {register} of {reader.slave_id}"
-            assert value in frames, f"no valid answer had {told}"
-            assert frames[value] >= newest.get(register, -1), f"of the past is {told}"
+            text = f"{value} for register {register} of {reader.slave_id}"
+            assert value in frames, f"no valid answer had {text}"
+            assert frames[value] >= newest.get(register, -1), f"from the past: {text}"
             newest[register] = frames[value]
 
 
 def judge_without_order(reader, frames):
-    """Every value was carried by a valid frame of this gripper, of whatever register."""
+    """Checks that each value is from a valid frame of the gripper, of any register."""
     for _, seen in reader.seen:
         for register, value in parts(seen):
             kind = "status" if register == 2000 else "counter"
-            told = f"{value} in a {kind} of {reader.slave_id}"
-            assert value in frames[reader.slave_id, kind], f"no valid answer had {told}"
+            text = f"{value} in a {kind} of {reader.slave_id}"
+            assert value in frames[reader.slave_id, kind], f"no valid answer had {text}"
 
 
 def values_of_all_frames(line):
-    """By gripper and kind of block: all that valid frames carried, whenever they came."""
+    """Returns {(slave id, kind of block): values of all valid frames}, in any order."""
     frames = {(slave_id, kind): set() for slave_id in IDS for kind in ("status", "counter")}
     for is_request, data in list(line.events):
         if is_request or data[:1] not in [bytes([slave_id]) for slave_id in IDS]:
@@ -248,7 +248,7 @@ def values_of_all_frames(line):
 
 
 def went_back(readers):
-    """How often a counter was seen smaller than before."""
+    """Returns how often a client saw a counter decrease."""
     return sum(
         b[1][column] < a[1][column]
         for reader in readers
@@ -270,7 +270,7 @@ def make_bench(start_daemon):
             grippers = [f"{n}={v}" for n, v in zip(IDS, VERSIONS)]
             line = stack.enter_context(RecordingSimulator(*grippers))
             bench = Bench(line, None, with_late)
-            # Before the daemon reads anything, so that every value it ever sees is one of ours.
+            # Before the daemon's first read, so that it reads only numbered values.
             bench.run_numbers()
             bench.daemon = start_daemon().wait_until_found(*IDS, timeout=20)
             with Client() as client:
@@ -281,7 +281,7 @@ def make_bench(start_daemon):
 
 
 def watch(bench, seconds):
-    """The clients' view of that much time; (readers, when it began, when it ended)."""
+    """Runs clients for these seconds. Returns (readers, time of begin, time of end)."""
     started = time.monotonic()
     readers = [Reader(slave_id) for slave_id in IDS]
     try:
@@ -303,18 +303,18 @@ def report(bench, figure, readers, started, ended):
     gap = max(longest_gap(reader, started, ended) for reader in readers)
     figure(
         f"{ended - started:.0f} s: {len(exchanges)} answers judged, {faulty} of them faulty or "
-        f"missing, {values} values seen, {losses} link losses, faults rested {bench.rests} times, "
+        f"missing, {values} values seen, {losses} link losses, {bench.rests} pauses without faults, "
         f"longest gap without fresh values {gap:.1f} s, "
-        f"numbers gone back {went_back(readers)} times"
+        f"{went_back(readers)} counters decreased"
     )
-    # It was a faulty line, and the clients saw it go on all the same.
+    # The line was faulty, and the clients still saw fresh values.
     assert faulty > 0.07 * len(exchanges)
     assert all(len(reader.seen) > ended - started for reader in readers)
     assert gap < 20
     return exchanges
 
 
-def test_clients_see_only_what_valid_frames_carried_and_in_their_order(make_bench, figure):
+def test_clients_see_the_values_of_valid_frames_in_order(make_bench, figure):
     bench = make_bench(with_late=False)
     readers, started, ended = watch(bench, effort(45, 450))
     exchanges = report(bench, figure, readers, started, ended)
@@ -324,7 +324,7 @@ def test_clients_see_only_what_valid_frames_carried_and_in_their_order(make_benc
     assert went_back(readers) == 0
 
 
-def test_late_answers_bring_old_values_at_the_worst(make_bench, figure):
+def test_late_answers_show_old_values_at_worst(make_bench, figure):
     bench = make_bench(with_late=True)
     readers, started, ended = watch(bench, effort(15, 150))
     report(bench, figure, readers, started, ended)

@@ -1,4 +1,4 @@
-"""Requests of many clients that wait for the line at the same moment, inside each other."""
+"""Many clients whose requests wait for the line at the same moment, nested in each other."""
 
 import re
 import resource
@@ -15,13 +15,13 @@ from harness.moving import quiet_client
 from harness.stalls import StallWatch
 from harness.waiting import eventually
 
-LIMIT = 32  # requests that wait inside each other
+LIMIT = 32  # nested requests
 ANSWER_LIMIT = 1.0 if SANITIZED else 0.25
 STACK_KIB = 256
 
 
 class Replies:
-    """Collects what arrives for many clients, and in which order they are complete."""
+    """Collects the replies to many clients, and their order."""
 
     def __init__(self, clients):
         self.clients = dict(enumerate(clients))
@@ -30,7 +30,7 @@ class Replies:
         self.order = []
 
     def take(self, seconds):
-        """Whatever comes within this time; in the order of its coming as far as one can see."""
+        """Receives everything within this time. The order within one select() is unknown."""
         sockets = {
             client.socket: number
             for number, client in self.clients.items()
@@ -47,10 +47,10 @@ class Replies:
             self.received[number] += part
 
     def take_all(self, wanted, prober, timeout, meanwhile=lambda: None):
-        """Until all of `wanted` (number: bytes) is there. How long `prober` waited for its answers."""
+        """Receives until `wanted` (number: bytes) is complete. Returns the reply times of `prober`."""
         latencies, ends = [], time.monotonic() + timeout
         while missing := {n: self.received[n] for n in wanted if self.received[n] != wanted[n]}:
-            assert time.monotonic() < ends, f"not all has come: {missing}"
+            assert time.monotonic() < ends, f"incomplete: {missing}"
             asked_at = time.monotonic()
             assert prober.get("VER") == "MZV-2.0.0"
             latencies.append(time.monotonic() - asked_at)
@@ -72,20 +72,20 @@ def stack_kib(daemon):
 
 
 def with_little_stack():
-    """Room for the requests that may wait inside each other, and not for all."""
+    """Limits the stack to the size for the allowed number of nested requests."""
     if not SANITIZED:
         resource.setrlimit(resource.RLIMIT_STACK, (STACK_KIB * 1024, STACK_KIB * 1024))
 
 
-def spoilt(slave_id):
-    """No gripper, and costs a scan less time than silence."""
+def not_a_gripper(slave_id):
+    """Returns a slave with wrong answers, which cost a scan less time than silence."""
     slave = Slave(slave_id)
     slave.script = lambda request: b"\xff" * 11
     return slave
 
 
-def unhurried(slave_id):
-    """Leaves time for a request to come while the daemon waits for the first answer of a probe."""
+def answer_slowly(slave_id):
+    """Returns a slave that is slow enough for requests to arrive during its probe."""
     slave = Slave(slave_id)
     slave.script = lambda r: [(0.02, slave.plain_answer(r))] if is_probe(r) else None
     return slave
@@ -96,10 +96,10 @@ def is_probe(request):
 
 
 class ShownGrippers:
-    """What SID shows all the time, but for the seconds after the machine has stood still.
+    """All values of SID, except for some seconds after a stall of the machine.
 
-    Answers come too late in such a time, and the scan that misses them takes a second, as does the
-    one that finds the gripper again.
+    After a stall, answers are too late. The scan that misses them takes a second, and so does the
+    next scan, which finds the gripper again.
     """
 
     def __init__(self, client):
@@ -113,7 +113,7 @@ class ShownGrippers:
         now, ids = time.monotonic(), self.client.get("SID")
         if self.watch.worst() > STALL_LIMIT:
             self.stalled_at = now
-            self.watch.start_over()
+            self.watch.reset_worst()
         if now - self.stalled_at < STALL_COUNTS_FOR:
             self.left_out += 1
         else:
@@ -129,9 +129,9 @@ STALL_COUNTS_FOR = 3.0
 
 
 def test_scans_of_many_clients_at_the_same_moment(start_daemon, connect, figure):
-    """The first ones come while another one waits for an answer, which they wait for too."""
+    """The first scans begin while another scan waits for an answer, and wait for it too."""
     count = effort(20, 200)
-    with Line(*(unhurried(slave_id) for slave_id in GRIPPERS), spoilt(4)) as line:
+    with Line(*(answer_slowly(slave_id) for slave_id in GRIPPERS), not_a_gripper(4)) as line:
         daemon = start_daemon(before_exec=with_little_stack).wait_until_found(*GRIPPERS)
         clients = [connect() for _ in range(count)]
         disturber, prober = connect(), connect()
@@ -161,10 +161,10 @@ def test_scans_of_many_clients_at_the_same_moment(start_daemon, connect, figure)
             line.wait_until_polled(slave_id, 2)
         assert shown.look() == ALL
         figure(
-            f"{count} scans asked for, {scans} carried out within {seconds:.1f} s, "
+            f"{count} scans requested, {scans} carried out within {seconds:.1f} s, "
             f"{[probed.count(slave_id) for slave_id in GRIPPERS]} probes of {list(GRIPPERS)}; "
-            f"SID all the time {' or '.join(sorted(shown.seen))} ({shown.left_out} looks left out "
-            f"when the machine stood still); GET VER meanwhile "
+            f"SID always {' or '.join(sorted(shown.seen))} ({shown.left_out} values left out "
+            f"after stalls of the machine); GET VER meanwhile "
             f"{in_milliseconds(latencies)}; stack {stack_kib(daemon)} KiB"
         )
         assert shown.seen == {ALL}
@@ -178,11 +178,11 @@ def restart_slowly(request):
 
 
 class Queue:
-    """Clients whose requests wait inside each other, and wait for their turn past the limit.
+    """Clients whose requests nest up to the limit. The requests beyond it wait for their turn.
 
-    Each waits for the line, and 35 ms for the gripper, which is found in its bootloader at once.
-    The innermost that is carried out is a scan, which takes most of a second: so long the others
-    wait for sure. The first jump after it closes the link; the others need no reset then.
+    Each request is a jump, which waits for the line and 35 ms for the gripper. The gripper is then
+    in its bootloader at once. The innermost request is a scan, so the others wait for most of a
+    second. The first jump after the scan closes the link; the next jumps need no reset.
     """
 
     def __init__(self, line, daemon, connect):
@@ -196,15 +196,15 @@ class Queue:
 
     @staticmethod
     def request(number):
-        """At both its ends the log tells of a name that nobody knows."""
+        """Returns a request with an unknown name at both ends, so the log shows begin and end."""
         waits = "SCN_BLOCK" if number == LIMIT - 1 else "BLD 1"
         return f"SET XNB {number} {waits} XNB {number}\nGET VER\n"
 
     def replies(self):
         return {number: b"ackVER MZV-2.0.0\n" for number in range(len(self.clients))}
 
-    def ask(self, count):
-        """One after the other, each when the one before it has been heard."""
+    def send_all(self, count):
+        """Sends all requests, each after the daemon has read the former one."""
         self.clients = [self.connect() for _ in range(count)]
         for client in self.clients:
             assert client.get("VER") == "MZV-2.0.0"
@@ -213,25 +213,25 @@ class Queue:
 
     def send(self, number, data):
         self.clients[number].send(data)
-        # A turn of the event loop that has begun before may not have seen the data yet.
+        # A running turn of the event loop may not have read the data yet, so wait for two turns.
         for _ in range(2):
             assert self.prober.get("VER") == "MZV-2.0.0"
 
-    def told(self, name="XNB"):
-        """The numbers of the requests with this name, as each begins and ends."""
+    def logged(self, name="XNB"):
+        """Returns the numbers of the requests with this name, at each begin and each end."""
         texts = [re.search(name + r" (\d+)", text) for text in self.daemon.messages(self.mark)]
         return [int(found.group(1)) for found in texts if found]
 
     def begun(self):
-        return list(dict.fromkeys(self.told()))
+        return list(dict.fromkeys(self.logged()))
 
     def ended(self):
-        told = self.told()
-        return [n for i, n in enumerate(told) if n in told[:i]]
+        logged = self.logged()
+        return [n for i, n in enumerate(logged) if n in logged[:i]]
 
     def most_at_once(self):
         under_way, most = set(), 0
-        for number in self.told():
+        for number in self.logged():
             under_way ^= {number}
             most = max(most, len(under_way))
         return most
@@ -242,7 +242,7 @@ class Queue:
 
 @pytest.fixture
 def line():
-    # The link stays open though the scan should miss one or two of them.
+    # With three grippers, the link stays open even if the scan misses one or two of them.
     with Line(Slave(9), Slave(2), Slave(3)) as plugged:
         yield plugged
 
@@ -252,35 +252,35 @@ def queue(line, start_daemon, connect):
     return Queue(line, start_daemon().wait_until_found(*GRIPPERS), connect)
 
 
-def test_past_the_limit_they_wait_for_their_turn(queue, figure):
+def test_requests_beyond_the_limit_wait_for_their_turn(queue, figure):
     count = effort(40, 200)
-    queue.ask(count)
+    queue.send_all(count)
     replies = Replies(queue.clients)
     latencies = replies.take_all(queue.replies(), queue.prober, 30 + count)
-    eventually(lambda: len(queue.told()) == 2 * count)
+    eventually(lambda: len(queue.logged()) == 2 * count)
     assert queue.begun() == list(range(count))
     assert [n for n in queue.ended() if n >= LIMIT] == list(queue.numbers_that_wait())
     assert [n for n in replies.order if n >= LIMIT] == list(queue.numbers_that_wait())
     assert queue.most_at_once() == LIMIT
     assert percentile(latencies, 0.95) < ANSWER_LIMIT
     figure(
-        f"{count} requests, {queue.most_at_once()} at most inside each other, begun in the order of "
-        f"their coming; GET VER meanwhile {in_milliseconds(latencies)}"
+        f"{count} requests, at most {queue.most_at_once()} nested, begun in their order; "
+        f"GET VER meanwhile {in_milliseconds(latencies)}"
     )
 
 
-def test_what_a_waiting_client_sends_later_is_not_begun_before_it(queue):
-    queue.ask(LIMIT + 4)
+def test_later_requests_of_a_waiting_client_wait_too(queue):
+    queue.send_all(LIMIT + 4)
     waiting = queue.numbers_that_wait()
     for number in waiting:
         queue.send(number, f"SET XLT {number}\n")
-    # Who is under way, and not waiting for a turn, is answered at once.
+    # The first client's request has begun, so its next request is answered at once.
     queue.send(0, "SET XLT 0\n")
     assert queue.clients[0].receive(14 + 3, ANSWER_LIMIT) == b"VER MZV-2.0.0\nack"
-    assert queue.told("XLT") == [0]
+    assert queue.logged("XLT") == [0]
     assert queue.begun() == list(range(LIMIT)), "too late: they do not wait any more"
     replies = Replies(queue.clients)
-    # The first one waits for the gripper, and what comes after it is answered in its wait.
+    # The first of these waits for the gripper. The daemon answers its next requests meanwhile.
     in_the_wait = {LIMIT: b"VER MZV-2.0.0\nackack"}
     after_it = {number: b"ackVER MZV-2.0.0\nack" for number in waiting}
     replies.take_all({**after_it, **in_the_wait}, queue.prober, 30)
@@ -296,7 +296,7 @@ def test_what_a_waiting_client_sends_later_is_not_begun_before_it(queue):
 def test_clients_that_vanish_while_they_wait_do_no_harm(queue, line):
     before = len(queue.daemon.descriptors())
     count = LIMIT + 8
-    queue.ask(count)
+    queue.send_all(count)
     queue.clients[LIMIT + 2].half_close()
     vanished = (LIMIT, LIMIT + 3, LIMIT + 4, count - 1)
     for number in vanished[::2]:
@@ -308,8 +308,8 @@ def test_clients_that_vanish_while_they_wait_do_no_harm(queue, line):
     replies.ended.update(vanished)
     wanted = {n: reply for n, reply in queue.replies().items() if n not in vanished}
     replies.take_all(wanted, queue.prober, 30)
-    # Theirs are carried out like the others.
-    eventually(lambda: len(queue.told()) == 2 * count)
+    # The daemon also carries out the requests of vanished clients.
+    eventually(lambda: len(queue.logged()) == 2 * count)
     assert queue.begun() == list(range(count))
     for client in queue.clients:
         client.close()
@@ -319,10 +319,10 @@ def test_clients_that_vanish_while_they_wait_do_no_harm(queue, line):
 
 
 def test_quitting_is_immediate_while_hundreds_wait(queue, figure):
-    queue.ask(effort(200, 800))
+    queue.send_all(effort(200, 800))
     status, seconds = queue.daemon.stop()
     begun = len(queue.begun())
     assert status == 0
     assert seconds < QUIT_LIMIT
-    assert begun < len(queue.clients), "none waited any more"
+    assert begun < len(queue.clients), "all requests had begun"
     figure(f"{len(queue.clients)} requests, {begun} of them begun: quit within {seconds * 1000:.0f} ms")

@@ -1,4 +1,4 @@
-"""A thousand clients that send and never read, and then do."""
+"""A thousand clients that send without reading, and read everything at the end."""
 
 import itertools
 import random
@@ -17,23 +17,23 @@ from harness.waiting import eventually
 FLOODS = True
 
 CLIENTS = 1000
-# Each of these has one output of one gripper to itself, which tells what was carried out.
+# Each output belongs to one client, so its value shows the last processed request.
 OUTPUTS = list(itertools.product((9, 2, 3, 4), ("POS", "SPE", "FOR")))
-# Those with an output, at least, send far more than the daemon keeps replies for.
+# At least the clients with an output send far more requests than the daemon keeps replies for.
 HEAVY = effort(len(OUTPUTS), CLIENTS)
 HEAVY_PARTS, LIGHT_PARTS = effort(1000, 400), 2
 
-# Without line endings: with one, a reply depends on whether it came in the same read. In no order,
-# and every client and every part of its burst begins somewhere else.
+# Requests without line endings: a reply depends on whether the ending is in the same read. Every
+# client and every part of its burst begins at another of these names.
 VALUES = {"VER": "MZV-2.0.0", "UPG": "0", "PCO": "0", "ABC": "?"}
 NAMES = random.Random(1).choices(list(VALUES), weights=(6, 3, 1, 1), k=20_000) * 2
-ASKED = [f"GET {name}".encode() for name in NAMES]
-TOLD = [VALUES[name].encode() for name in NAMES]
+REQUESTS = [f"GET {name}".encode() for name in NAMES]
+REPLIES = [VALUES[name].encode() for name in NAMES]
 GETS_PER_PART = 500
 
-# What is kept of replies, those to one more read of requests, and room to grow into.
+# The kept replies, the replies to one more read, and spare room of the buffer.
 KEPT_KIB = 256 + 128 + 128
-# Every client has what it sent last.
+# Memory for each client, with its last bytes.
 CLIENT_KIB = 48 if SANITIZED else 20
 
 
@@ -45,7 +45,7 @@ class Silent:
         self.replies = (self._reply(part) for part in range(self.parts))
         self.unsent, self.expected = b"", b""
         self.finished = False
-        # Small segments and buffers: the kernel holds little, the daemon has to hold the rest.
+        # With small segments and buffers, the daemon has to keep what the kernel cannot.
         self.socket = socket.socket()
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_MAXSEG, 1400)
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 16384)
@@ -65,19 +65,19 @@ class Silent:
         command = b"SET MOD 2\n"
         if self.number < len(OUTPUTS):
             command = b"SET %s %d\n" % (OUTPUTS[self.number][1].encode(), self.value(part))
-        return b"".join(ASKED[first : first + GETS_PER_PART]) + command
+        return b"".join(REQUESTS[first : first + GETS_PER_PART]) + command
 
     def _reply(self, part):
         first = self._first(part)
-        told = b"".join(TOLD[first : first + GETS_PER_PART])
-        return told + (b"ack" if self.number < len(OUTPUTS) else b"nak")
+        replies = b"".join(REPLIES[first : first + GETS_PER_PART])
+        return replies + (b"ack" if self.number < len(OUTPUTS) else b"nak")
 
     def value(self, part):
-        """Another one with every SET, and the last is every client's own."""
+        """Returns a new value for each SET. The last value differs for each client."""
         return (part + self.number + 10) % 256
 
     def send(self):
-        """True if anything could be sent."""
+        """Returns whether any bytes could be sent."""
         moved = False
         while True:
             self.unsent = self.unsent or next(self.requests, b"")
@@ -94,7 +94,7 @@ class Silent:
         return not self.unsent
 
     def read(self):
-        """Compares what has come with what must come, byte by byte."""
+        """Compares the received bytes with the expected ones."""
         try:
             data = self.socket.recv(65536)
         except BlockingIOError:
@@ -102,7 +102,7 @@ class Silent:
         assert data, f"client {self.number}: the connection ended"
         while data:
             self.expected = self.expected or next(self.replies, b"")
-            assert self.expected, f"client {self.number}: {data!r} behind the last reply"
+            assert self.expected, f"client {self.number}: {data!r} after the last reply"
             size = min(len(data), len(self.expected))
             assert data[:size] == self.expected[:size], f"client {self.number}: {data[:80]!r}"
             data, self.expected = data[size:], self.expected[size:]
@@ -111,7 +111,7 @@ class Silent:
 
 
 def send_until_stuck(clients, daemon):
-    """Ends when no client can send anything any more, and the daemon has nothing to do."""
+    """Sends until no client can send more and the daemon is idle."""
     idle_since = time.monotonic()
     while time.monotonic() < idle_since + 0.3:
         before = daemon.cpu_seconds()
@@ -127,7 +127,7 @@ def read_everything(clients):
             selector.register(client.socket, selectors.EVENT_READ | selectors.EVENT_WRITE, client)
         while selector.get_map():
             ready = selector.select(timeout=10)
-            assert ready, f"{len(selector.get_map())} clients got nothing for 10 s"
+            assert ready, f"{len(selector.get_map())} clients received nothing for 10 s"
             for key, events in ready:
                 client = key.data
                 if events & selectors.EVENT_WRITE:
@@ -150,15 +150,15 @@ def outputs(simulator):
 
 @pytest.fixture
 def clients():
-    """Filled by the test; the sockets are closed at its end."""
+    """A list for the test's clients; the fixture closes them."""
     connected = []
     yield connected
     for client in connected:
         client.socket.close()
 
 
-def test_replies_that_are_not_read_wait_and_all_come(start_daemon, clients, figure):
-    # Grippers of a process of their own answer in time, whatever this one has to do.
+def test_unread_replies_wait_and_all_arrive(start_daemon, clients, figure):
+    # The simulator is another process, so its grippers answer in time.
     with Simulator("9=TA3-1.6.14", "2=TB1-1.4.3", "3=TA3-1.6.14", "4=TB1-1.4.3") as line:
         daemon = start_daemon().wait_until_found(2, 3, 4, 9)
         for number in range(CLIENTS):
@@ -176,13 +176,13 @@ def test_replies_that_are_not_read_wait_and_all_come(start_daemon, clients, figu
         for client in clients:
             with pytest.raises(BlockingIOError):
                 client.socket.recv(1)
-    replies = HEAVY * HEAVY_PARTS * GETS_PER_PART * sum(map(len, TOLD)) // len(TOLD) // 1024
+    replies = HEAVY * HEAVY_PARTS * GETS_PER_PART * sum(map(len, REPLIES)) // len(REPLIES) // 1024
     figure(
         f"{growth} KiB more resident memory at most, "
         f"{HEAVY} of {CLIENTS} with {replies} KiB of replies"
     )
-    figure(f"{stuck} clients could not send everything before they read")
+    figure(f"{stuck} clients could not send everything before reading")
     figure(bystander.check())
-    # Of the one or the other the kernel takes everything: it lets a buffer grow.
+    # The kernel enlarges some buffers, so a few clients can send everything.
     assert stuck > 0.8 * HEAVY
     assert growth < HEAVY * KEPT_KIB + CLIENTS * CLIENT_KIB

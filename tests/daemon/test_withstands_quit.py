@@ -1,7 +1,7 @@
-"""Quit signals in whatever the daemon is doing.
+"""Quit signals in every state of the daemon.
 
-Other files send a signal in many of these states; here every signal has its turn (in every run
-another one per state, by hand all of them), no child stays, and the next daemon finds the grippers.
+No child remains, and the next daemon finds the grippers. Each state gets one of the signals, and all
+of them under scripts/robustness.
 """
 
 import os
@@ -16,7 +16,7 @@ from harness.effort import LARGE, effort
 from harness.flashing import make_image
 from harness.line import Line, Slave
 from harness.moving import SETTINGS, MovingSlave
-from harness.ports import ENVIRONMENT, FakePorts, open_by_nobody
+from harness.ports import ENVIRONMENT, FakePorts, is_not_open
 from harness.simulator import Simulator
 from harness.upgrades import (
     children_of, is_alive, noted_process, put_flasher, put_real_flasher,
@@ -26,7 +26,7 @@ from harness.waiting import eventually
 FLOODS = True
 SIGNALS = [signal.SIGQUIT, signal.SIGINT, signal.SIGTERM, signal.SIGHUP]
 ROUNDS = effort(1, 3)
-# All ids that are looked for answer, so that a discovery takes no longer than it must.
+# All probed ids answer, so a discovery is as short as possible.
 IDS = (9, 2, 3, 4)
 MOVED_TO = 7
 CLIENTS = 1000
@@ -34,7 +34,7 @@ LOCKS = "/run/lock"
 
 
 class Stage:
-    """A line and, once started, a daemon; each state of the table brings them into itself."""
+    """A line and a daemon. A function of the table STATES brings them into its state."""
 
     def __init__(self, folder, connect):
         self.folder = folder
@@ -61,7 +61,7 @@ class Stage:
         return self.line.mark()
 
     def ask_quietly(self, request):
-        """Sends it when nothing else is on the line; the mark from before."""
+        """Sends a request on a silent line. Returns the mark from before."""
         client = self.connect()
         assert client.set("MUTE 1") == "ack"
         self.line.wait_until_quiet()
@@ -70,7 +70,7 @@ class Stage:
         return mark
 
     def restore(self):
-        """Every gripper where the next daemon looks for it."""
+        """Restores every gripper at a probed id."""
         for slave in self.line.slaves.values():
             slave.listening = True
         if self.moving.id != 9:
@@ -80,7 +80,7 @@ class Stage:
 
 
 class FlashStage(Stage):
-    """The same with a simulated gripper, which has a bootloader."""
+    """A stage with simulated grippers, which have bootloaders."""
 
     def __init__(self, folder, connect):
         super().__init__(folder, connect)
@@ -98,13 +98,13 @@ class FlashStage(Stage):
         self.line.__exit__()
 
     def restore(self):
-        # New ones: one whose flashing was cut off has no firmware.
+        # A gripper has no firmware after an interrupted flash, so replace all of them.
         for slave_id in IDS:
-            self.line.tell(f"remove {slave_id}")
-            self.line.tell(f"add {slave_id}=TA3-1.6.13")
+            self.line.command(f"remove {slave_id}")
+            self.line.command(f"add {slave_id}=TA3-1.6.13")
 
 
-# The states. Each returns when the daemon is in it.
+# The states: each function returns when the daemon is in its state.
 
 
 def before_any_port(stage):
@@ -162,7 +162,7 @@ def blocking_scan(stage):
 
 
 def moving(answered, wanted, count=1, pause=0.0):
-    """A slave id move with its request number `count` of this kind seen, `pause` seconds ago."""
+    """Returns the state of a move, `pause` seconds after its request number `count` of a kind."""
 
     def enter(stage):
         stage.start_and_find()
@@ -202,12 +202,12 @@ def client_that_does_not_read(stage):
             client.socket.send(b"GET VER\n" * 4096)
 
 
-def knocking(request, expect_reset):
-    """The blocking look for a bootloader: of a running firmware, or after the restart."""
+def detecting(request, expect_reset):
+    """Returns the state of the blocking search for a bootloader, before or after the reset."""
 
     def enter(stage):
         stage.start_and_find()
-        stage.line.tell("fault 9 silentBootloader always")
+        stage.line.command("fault 9 silentBootloader always")
         mark, foreign_mark = stage.line.mark(), len(stage.line.foreign)
         stage.connect().send(request + "\n")
         if expect_reset:
@@ -263,45 +263,45 @@ STATES = {
     "move_stored_2500": (Stage, moving(True, is_settings_write, pause=0.3)),
     "many_clients": (Stage, many_clients),
     "client_that_does_not_read": (Stage, client_that_does_not_read),
-    "bootloader_of_firmware": (FlashStage, knocking("SET BLD 1", False)),
-    "bootloader_after_restart": (FlashStage, knocking("SET UPG 1", True)),
+    "bootloader_of_firmware": (FlashStage, detecting("SET BLD 1", False)),
+    "bootloader_after_restart": (FlashStage, detecting("SET UPG 1", True)),
     "stubborn_flasher": (FlashStage, stubborn_flasher),
 }
-# Seconds each, and told with one signal by the tests of the move and of the upgrade.
+# These take seconds each. test_slave_id_move_quit.py has the moves in every run.
 SLOW_STATES = {
     "move_second_read": (Stage, moving(False, is_settings_read, 2)),
     "move_before_restart_400": (Stage, moving(True, is_settings_read, 2, 0.1)),
     "move_restart": (Stage, moving(False, is_restart)),
     "move_restarting_3000": (Stage, moving(True, is_restart, pause=0.3)),
     "move_scan": (Stage, moving(True, lambda r: r.is_read(500))),
-    "bootloader_by_itself": (FlashStage, knocking("SET BLD 1", True)),
+    "bootloader_by_itself": (FlashStage, detecting("SET BLD 1", True)),
     "real_flasher": (FlashStage, real_flasher),
 }
 CHOSEN = {**STATES, **(SLOW_STATES if LARGE else {})}
 
 
 def signals_for(state):
-    """One after the other in turn, or all."""
+    """Returns one signal, in turn for each state, or all of them."""
     turn = list(CHOSEN).index(state)
     return SIGNALS if LARGE else [SIGNALS[turn % len(SIGNALS)]]
 
 
-def quit_in_form(daemon, number):
-    """The seconds that it takes; nothing of it stays."""
+def quit_cleanly(daemon, number):
+    """Ends the daemon and checks that no process remains. Returns the seconds until its end."""
     children = children_of(daemon.pid)
-    port_in_use = not open_by_nobody("/dev/ttyTool")
+    port_in_use = not is_not_open("/dev/ttyTool")
     status, seconds = daemon.stop(number)
     assert status == 0, daemon.lines[-20:]
     assert seconds < QUIT_LIMIT, f"{number.name}: {seconds:.2f} s"
     assert daemon.standard_output() == b""
     eventually(lambda: not any(is_alive(child) for child in children), 0.5, "the children's end")
-    assert eventually(lambda: open_by_nobody("/dev/ttyTool"), 0.5), port_in_use
+    assert eventually(lambda: is_not_open("/dev/ttyTool"), 0.5), port_in_use
     assert not any(is_alive(holder) for holder in lock_holders())
     return seconds
 
 
 def lock_holders():
-    """A killed flasher's lock stays, and is taken over: its process is no more."""
+    """Returns the process ids in the lock files. The lock of a killed flasher may remain."""
     return [int(lock.read_text().split()[0]) for lock in pathlib.Path(LOCKS).iterdir()]
 
 
@@ -313,13 +313,13 @@ def test_a_quit_signal_ends_the_daemon(state, tmp_path, connect, figure):
     with kind(tmp_path, connect) as stage:
         for number in numbers * ROUNDS:
             enter(stage)
-            seconds.append(quit_in_form(stage.daemon, number))
+            seconds.append(quit_cleanly(stage.daemon, number))
             stage.daemon.kill()
             stage.restore()
         stage.start()
-        # Read of a gripper only that has answered to its id.
+        # The daemon reads this register only after a valid answer to the probe.
         stage.line.wait_for(lambda r: r.slave == 9 and r.is_read(514), since=stage.line.mark())
-        quit_in_form(stage.daemon, numbers[0])
+        quit_cleanly(stage.daemon, numbers[0])
     names = ", ".join(number.name for number in numbers)
     figure(
         f"{names}: {1000 * statistics.median(seconds):.0f} ms (median), "
