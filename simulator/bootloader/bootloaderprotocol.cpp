@@ -8,7 +8,7 @@ namespace sim {
 
 namespace {
 constexpr quint8 allSectors = 0xFF;           ///< each byte of the count that means all sectors
-constexpr quint32 firstSpecialCount = 0xFFF0; ///< in words; from here on counts mean many sectors
+constexpr quint32 firstSpecialCount = 0xFFF0; ///< of 16 bits; no sector list follows these counts
 constexpr int addressLength = 5;
 constexpr int wordSize = 4;
 constexpr quint8 byteMask = 0xFF;
@@ -248,7 +248,7 @@ QByteArray BootloaderProtocol::handleSectors(const QByteArray &bytes, int width)
 QByteArray BootloaderProtocol::eraseSectors(const QByteArray &sectors, int width)
 {
     if (sectors.size() == width) {
-        // The other special counts mean a bank, which this flash does not have.
+        // The other special counts mean one of two banks. This flash has no banks.
         if (sectors != QByteArray(width, static_cast<char>(allSectors)))
             return refuse();
         m_flash.eraseAll();

@@ -16,11 +16,11 @@ class FlashMemory;
 class BootloaderProtocol
 {
 public:
-    /// The action of the caller besides sending the answer.
+    /// The action that the caller must take besides sending the answer.
     enum class Event {
         None,         ///< nothing
-        Start,        ///< starts the firmware after the answer is sent
-        PowerFailure, ///< cuts the power; there is no answer
+        Start,        ///< start the firmware after the answer is sent
+        PowerFailure, ///< cut the power; there is no answer
     };
 
     /// All references must outlive the protocol.

@@ -4,8 +4,8 @@
 
 namespace sim {
 
-/// Thrown by an operation that cannot do what was asked. Nothing throws it through Qt's event
-/// loop: slots catch it.
+/// Thrown by an operation that cannot do its work. It must not pass through Qt's event loop, so
+/// slots catch it.
 struct Failure
 {
     QString text; ///< what happened, why, and what to do next, in one line

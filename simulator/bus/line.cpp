@@ -26,7 +26,7 @@ void Line::removeListener(LineListener *listener)
 void Line::receive(const QByteArray &bytes, int baudRate)
 {
     const qint64 nowUs = m_timeline.nowUs();
-    // The timer of the silence may fire only after these bytes.
+    // The timer for the silence may be late and fire only after these bytes.
     if (m_isInFrame && nowUs - m_lastByteUs >= frameGapUs)
         notifySilence();
     m_lastByteUs = nowUs;

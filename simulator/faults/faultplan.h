@@ -27,8 +27,8 @@ public:
     void clear() { m_faults.clear(); }
     QVector<Fault> faults() const { return m_faults.values().toVector(); }
 
-    /// Decides which faults of the firmware strike `request`. Counts the request for the faults
-    /// with a limited number.
+    /// Decides which faults of the firmware strike `request`. A fault with a limited number of
+    /// strikes counts this one.
     FaultHits draw(const QByteArray &request);
     /// Decides whether the fault `kind` of the bootloader strikes this occasion, and counts it.
     /// Returns the value of the fault if it strikes.

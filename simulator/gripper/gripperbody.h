@@ -33,7 +33,7 @@ public:
     enum class ObjectFlag : quint8 {
         None = 0,    ///< no go-to requested
         Moving = 1,  ///< on the way to the requested position
-        Held = 2,    ///< stopped before it by an object (vacuum: by a leak)
+        Held = 2,    ///< stopped on the way by an object (vacuum: by a leak)
         Arrived = 3, ///< at the requested position
     };
     enum class VacuumStatus : quint8 {
@@ -54,7 +54,8 @@ public:
     void setCommand(const BodyCommand &command, qint64 nowUs);
     /// The power was off: deactivates and clears the command. Keeps the counters.
     void restart(qint64 nowUs);
-    /// Puts an object at `position` (0 to 255), which stops a rising position, or noObject.
+    /// Puts an object at `position` (0 to 255), or removes it (noObject). The object stops a rising
+    /// position.
     void setObject(int position, qint64 nowUs);
     /// Sets the fault code (0 to 15), which a deactivation clears.
     void setFaultCode(quint8 code) { m_faultCode = code; }

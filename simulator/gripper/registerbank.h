@@ -41,7 +41,7 @@ public:
 
     /// Removes and returns the reset command, if one was written since the previous call.
     std::optional<quint16> takeResetCommand();
-    /// Sets the version registers to that of the firmware which starts now.
+    /// Sets the version registers to the version of the firmware that starts now.
     void setVersion(const GripperIdentity &identity) { m_version = identity.versionRegisters(); }
     /// The gripper restarts: clears the outputs and reloads the settings from permanent memory.
     void restart();

@@ -37,7 +37,8 @@ GripperOptions GripperOptions::fromWords(const QStringList &words)
     for (const QString &word : words.mid(1)) {
         if (!options.applyWord(word))
             throw Failure{
-                QStringLiteral("\"%1\" is neither serial=ABC-0042 nor year=2023").arg(word)};
+                QStringLiteral("unexpected word \"%1\"; write serial=ABC-0042 or year=2023")
+                    .arg(word)};
     }
     return options;
 }

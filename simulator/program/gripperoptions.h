@@ -14,8 +14,8 @@ struct GripperOptions
     quint8 slaveId = 0;
     GripperIdentity identity;
 
-    /// Reads ID=VERSION and the optional words serial=TEXT and year=YEAR. Throws Failure for
-    /// others.
+    /// Reads ID=VERSION and the optional words serial=TEXT and year=YEAR. Throws Failure for other
+    /// words.
     static GripperOptions fromWords(const QStringList &words);
     /// Applies one of the optional words. Returns false for any other word.
     bool applyWord(const QString &word);

@@ -26,11 +26,11 @@ int run(const sim::ProgramOptions &options)
 int main(int argc, char *argv[])
 {
     tools::occupyStandardDescriptors();
-    // The line stays when the reader of the output closes its pipe.
+    // The simulated line continues when the reader of the output closes its pipe.
     std::signal(SIGPIPE, SIG_IGN);
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("gripper-simulator"));
-    // A wrong command line and a line that cannot be made have different exit codes.
+    // A wrong command line and a failure to make the serial line have different exit codes.
     ExitCode codeOfFailure = WrongUsage;
     try {
         const auto options = sim::ProgramOptions::fromArguments(QCoreApplication::arguments());

@@ -10,8 +10,8 @@
 
 namespace sim {
 
-/// The program gripper-simulator: reads commands from standard input, prints answers and the trace,
-/// and asks to quit on a signal or a command.
+/// The program gripper-simulator. It reads commands from standard input, prints answers and the
+/// trace, and emits quitRequested() on a signal or a command.
 class SimulatorProgram : public QObject
 {
     Q_OBJECT

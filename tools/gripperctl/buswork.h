@@ -15,7 +15,8 @@ QVector<int> scanNow(Session &session);
 /// Scans until it has found all these grippers, at most three times. Returns the missing ids.
 QVector<int> scanForMissing(Session &session, const QVector<int> &ids);
 
-/// Scans as above for one gripper, which may need time to restart. Returns whether it was found.
+/// Scans as scanForMissing() does for one gripper, which may need time to restart. Returns whether
+/// a scan found it.
 bool scanUntilFound(Session &session, int id);
 
 } // namespace gripperctl

@@ -30,8 +30,8 @@ public:
     QString get(const QString &name);
     QString get(const QString &name, const Wait &wait);
 
-    /// Sends all names in one packet, so all values come from one state of the daemon. A name that
-    /// is given twice has one value.
+    /// Sends all names in one packet. The daemon answers up to 32 names from one state, unless the
+    /// network splits the packet. A name that is given twice has one value.
     Values get(const QStringList &names);
     Values get(const QStringList &names, const Wait &wait);
 

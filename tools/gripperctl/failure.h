@@ -12,12 +12,12 @@ enum class ExitCode {
     WrongUsage = 2,   ///< nothing was sent: fix the command line
     NoConnection = 3, ///< nothing listens there, or the connection was lost
     TimedOut = 4,     ///< the action may still succeed: check the status
-    NoGripper = 5,    ///< the daemon does not list the gripper, or no longer
+    NoGripper = 5,    ///< the daemon does not list the gripper, or no longer lists it
     LocalProblem = 6, ///< with a file or a program of this computer
     Interrupted = 130 ///< by Ctrl-C; the number that shells use
 };
 
-/// Thrown by an operation that cannot do what was asked. main() prints it.
+/// Thrown by an operation that cannot do its work. main() prints it.
 struct Failure
 {
     ExitCode code;

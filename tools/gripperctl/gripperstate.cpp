@@ -48,8 +48,8 @@ GripperState GripperState::read(Connection &connection, int id)
 
 const QStringList &GripperState::names()
 {
-    // The request comes first: if a poll changes the values during the reply, the outcome is never
-    // older than the request.
+    // PRE and GTO, the request, come first: if a poll changes the values between two parts of a
+    // split packet, the state of the movement is never older than the request.
     static const QStringList all = QStringLiteral("PRE GTO STA OBJ FLT POS COU ACT NCY FWV SNU PYE "
                                                   "DRI")
                                        .split(QLatin1Char(' '));

@@ -56,7 +56,7 @@ const QVector<OptionRow> &commandOptions()
         flag("wait", "Wait for the end and print the result."),
         whole("speed", "N", 0, 255, "0 (slowest) to 255; without it, the last value."),
         whole("force", "N", 0, 255, "0 (gentlest) to 255; without it, the last value."),
-        flag("again", "Activate a gripper that is already active again."),
+        flag("again", "Activate again, even if the gripper is already active."),
         flag("closing", "Release by closing instead of opening."),
         flag("yes", "Do not ask for confirmation."),
         text("expect", "VERSION", "Succeed if the gripper runs this firmware afterwards."),

@@ -18,11 +18,11 @@ public:
     /// if the reader has closed the pipe. Throws Failure for any other error.
     bool result(const QString &text, const QJsonObject &json) const;
 
-    /// Prints a part of the result as text. With JSON it prints nothing, because the JSON of the
-    /// end contains this part.
+    /// Prints a part of the result as text. With JSON it prints nothing, because the final JSON
+    /// contains this part.
     void partialResult(const QString &text) const;
 
-    /// Shows the stage that begins now, and ends the one before. Shows nothing with JSON.
+    /// Ends the previous stage and shows the one that begins now. Shows nothing with JSON.
     void begin(const QString &stage);
 
     /// Shows the time of the stage in the same line. Shows nothing if there is no terminal.

@@ -13,7 +13,7 @@ Pacer::Pacer(int intervalMs)
 
 bool Pacer::waitForNext(qint64 endMs)
 {
-    // After a look that took too long, the next one does not come early.
+    // After a look that took too long, the next look comes at once. Later looks do not catch up.
     m_nextMs = qMax(m_nextMs + m_intervalMs, m_sinceStart.elapsed());
     const qint64 untilMs = qMin(m_nextMs, endMs);
     try {

@@ -4,7 +4,7 @@
 
 namespace gripperctl {
 
-/// Keeps a steady interval between looks; the time that a look takes does not add up.
+/// Keeps a steady interval from one look to the next, whatever time a look takes.
 class Pacer
 {
 public:

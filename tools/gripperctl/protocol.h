@@ -12,7 +12,8 @@ namespace gripperctl {
 /// Values by the name of their variable.
 using Values = QMap<QString, QString>;
 
-/// The value in the reply to an unknown name, and to a gripper's value if no gripper is addressed.
+/// The value in the reply to a GET of an unknown name, or of a gripper's variable if the daemon has
+/// found no gripper at the selected id.
 QString noValue();
 
 struct Reply

@@ -8,7 +8,7 @@
 
 namespace gripperctl {
 
-/// Owns the connection of a command, and gives it the command line and the output.
+/// Owns the connection of a command, and gives the command its options and its output.
 class Session
 {
 public:

@@ -18,8 +18,8 @@ struct Goal
 
 /// Reads the gripper that the connection addresses until it reaches the goal, and returns that
 /// state. Ignores states that it reads while the link is down, because their values are old. Throws
-/// Failure after the time-out, and when the gripper is missing for three seconds. A disturbed line
-/// loses it for a shorter time.
+/// Failure after the time-out, and when the gripper is missing for three seconds. On a disturbed
+/// line it is missing for a shorter time.
 GripperState waitForState(Session &session, int id, const Goal &goal);
 
 } // namespace gripperctl

@@ -15,7 +15,7 @@ enum class ExitCode {
     Stalled = 7,      ///< no progress; the firmware may be incomplete, as with WriteFailed
 };
 
-/// Thrown by an operation that cannot do what was asked. `code` is never Done.
+/// Thrown by an operation that cannot do its work. `code` is never Done.
 struct Failure
 {
     ExitCode code;

@@ -10,10 +10,10 @@ namespace flasher {
 
 namespace {
 
-// The list of QSerialPort, in its order.
+// The folders that QSerialPort tries, in the same order.
 constexpr const char *lockFolders[] = {"/var/lock",       "/etc/locks", "/var/spool/locks",
                                        "/var/spool/uucp", "/tmp",       "/data/local/tmp"};
-// The kernel follows as many links.
+// The kernel follows at most this many links.
 constexpr int maxLinks = 40;
 
 [[noreturn]] void fail(const QString &problem)

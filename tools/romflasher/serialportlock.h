@@ -10,7 +10,7 @@
 namespace flasher {
 
 /// Owns the lock files that QSerialPort uses for a port, under the same names, so programs that
-/// open ports with QSerialPort keep off the line. The destructor gives them back.
+/// open ports with QSerialPort keep off the line. The destructor removes the files.
 class SerialPortLock
 {
 public:
@@ -18,8 +18,8 @@ public:
     /// this locks the names that a link leads to as well.
     explicit SerialPortLock(const QString &device);
 
-    /// Blocks for up to `timeoutMs` for each name that another process has locked. The lock of a
-    /// dead process is free. Throws Failure if a name stays locked or cannot be locked.
+    /// Blocks for up to `timeoutMs` for each name that another process has locked. Replaces the
+    /// lock of a dead process. Throws Failure if a name stays locked or cannot be locked.
     void take(int timeoutMs);
 
     /// The lock file of `device`; empty if the system has no folder for lock files.

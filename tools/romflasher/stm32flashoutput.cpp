@@ -44,7 +44,7 @@ QStringList Stm32FlashOutput::takeErrors(const QByteArray &bytes)
     m_errors += bytes;
     QStringList lines = takeLines(&m_errors);
     for (const QString &line : qAsConst(lines)) {
-        // stm32flash warns of a bootloader that another run has detected before.
+        // Not an error: stm32flash warns if the bootloader has already detected its baud rate.
         if (!line.startsWith(QLatin1String("Warning: ")))
             m_complaint = withoutStop(line.trimmed());
     }

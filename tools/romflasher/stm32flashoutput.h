@@ -17,8 +17,9 @@ class Stm32FlashOutput
 public:
     /// For a run that starts the present firmware and writes nothing.
     Stm32FlashOutput() = default;
-    /// For a run that writes. `endAddress` follows the last byte of the image: at the end of the
-    /// flash that it knows, stm32flash stops without an error.
+    /// For a run that writes. `endAddress` is the address after the last byte of the image. Only it
+    /// shows that the image is complete: stm32flash stops without an error at the end of the flash
+    /// that it knows.
     explicit Stm32FlashOutput(quint32 endAddress);
 
     /// Takes the next bytes of standard output. Returns the lines to show.
@@ -26,9 +27,9 @@ public:
     /// Takes the next bytes of standard error. Returns the lines to show.
     QStringList takeErrors(const QByteArray &bytes);
 
-    /// The result of a run that ended. An `exitCode` below 0 stands for a crash.
+    /// The result of a run that ended. An `exitCode` below 0 means a crash.
     ExitCode result(int exitCode, bool startsFirmware) const;
-    /// The last error in the output; empty if there is none.
+    /// The last error in the output; empty without an error.
     const QString &complaint() const { return m_complaint; }
 
 private:

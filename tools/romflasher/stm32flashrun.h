@@ -10,7 +10,7 @@
 namespace flasher {
 
 /// Owns one run of stm32flash, the program that speaks the protocol of the ROM bootloader. The
-/// child never outlives this process. An object is good for one run.
+/// child never outlives this process. Use an object for one run only.
 class Stm32FlashRun
 {
 public:

@@ -18,8 +18,8 @@ constexpr int motionTimeoutMs = 30'000;
 // The daemon reads or writes one gripper in this time.
 constexpr qint64 pollingStepMs = 50;
 
-/// A value that the daemon shows is never older. A scan finds one gripper per id at most; in the
-/// worst case the daemon writes each of them between two reads.
+/// The greatest age of a value that the daemon shows. A scan finds at most one gripper per id; in
+/// the worst case the daemon writes each of them between two reads.
 qint64 maxValueAgeMs()
 {
     return 2 * pollingStepMs * scannedIds().size();

@@ -19,7 +19,7 @@ QStringList upperNames(const QStringList &words)
         if (!isGetName(word)) {
             throw Failure{
                 ExitCode::WrongUsage,
-                QStringLiteral("the name of a value has three letters, which \"%1\" has not; see "
+                QStringLiteral("\"%1\" is not the name of a value: a name has three letters; see "
                                "gripperctl get --help")
                     .arg(word)};
         }

@@ -53,7 +53,7 @@ bool requestUpgrade(Session &session, int id)
     return isAccepted;
 }
 
-/// For the message of a failed upgrade. Polling is unmuted.
+/// The state of the gripper, for the message of a failed upgrade. Call this after unmuting.
 QString presentState(Session &session, int id)
 {
     if (!scanUntilFound(session, id)) {

@@ -49,7 +49,7 @@ void catchStop();
 } // namespace
 
 extern "C" {
-/// For Ctrl-Z: the shell gets its own screen until it continues this process.
+/// For Ctrl-Z: shows the first screen to the shell until the shell continues this process.
 static void stopOnOwnScreen(int /*number*/)
 {
     const int errnoBefore = errno;
