@@ -1,4 +1,6 @@
-// Says where gripper 9 is and moves it: move ADDRESS POSITION. It has to be active.
+// Prints the position of gripper 9 and moves this gripper, which must be active.
+//
+//     move ADDRESS POSITION
 //
 //     g++ -o move move.cpp
 #include <arpa/inet.h>
@@ -15,11 +17,11 @@ int main(int, char **arguments)
     alarm(5);
     FILE *replies = fdopen(daemon, "r");
     char position[16] = {}, reply[4] = {};
-    // A GET is answered with a line.
+    // The reply to a GET is a line.
     dprintf(daemon, "GET POS\n");
     if (fscanf(replies, "POS %15s%*c", position) == 1)
         printf("from %s\n", position);
-    // A SET is answered with three characters and no line ending.
+    // The reply to a SET has three characters and no line ending.
     dprintf(daemon, "SET POS %s SPE 255 FOR 100 GTO 1\n", arguments[2]);
     if (fscanf(replies, "%3c", reply) == 1)
         printf("to %s: %s\n", arguments[2], reply);
