@@ -10,7 +10,7 @@ target_compile_options(
             -Wnon-virtual-dtor
             -Woverloaded-virtual
             $<$<BOOL:${GRIPPERD_WERROR}>:-Werror>)
-# Without the log context, every build type prints the same log lines.
+# Without the log context (file, line, function), every build type prints the same log lines.
 target_compile_definitions(
   gripperd_house INTERFACE QT_NO_CAST_FROM_ASCII QT_NO_FOREACH QT_NO_MESSAGELOGCONTEXT
                            QT_DEPRECATED_WARNINGS)
@@ -23,7 +23,7 @@ if(GRIPPERD_HARDEN)
   include(CheckPIESupported)
   check_pie_supported(LANGUAGES CXX)
   set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-  # Undefined first: a package build brings a level of its own.
+  # Undefine the level first, because a package build sets its own.
   target_compile_options(gripperd_house INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3
                                                   -fstack-protector-strong)
   target_compile_definitions(gripperd_house INTERFACE _GLIBCXX_ASSERTIONS)
@@ -88,7 +88,7 @@ function(gripperd_add_library name)
   target_precompile_headers(${name} REUSE_FROM gripperd_precompiled)
 endfunction()
 
-# gripperd_add_program(NAME SOURCES... [DEPENDS targets...]): a program that users, or tests, run.
+# gripperd_add_program(NAME SOURCES... [DEPENDS targets...]): a program that users or tests run.
 function(gripperd_add_program name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "DEPENDS")
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
@@ -96,23 +96,24 @@ function(gripperd_add_program name)
   target_precompile_headers(${name} REUSE_FROM gripperd_precompiled)
 endfunction()
 
-# gripperd_add_test_helper(NAME [DEPENDS targets...]): NAME.cpp, which several unit tests share.
+# gripperd_add_test_helper(NAME [DEPENDS targets...]): a static library of NAME.cpp, which several
+# unit tests share.
 function(gripperd_add_test_helper name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "DEPENDS")
   gripperd_add_library(${name} ${name}.cpp DEPENDS Qt5::Core ${arg_DEPENDS})
 endfunction()
 
-# gripperd_add_unit_test(CLASS [ISOLATED] [SOURCES ...] [DEPENDS targets...]): tst_CLASS.cpp as one
-# test program; ISOLATED in namespaces of its own, for what listens on a port.
+# gripperd_add_unit_test(CLASS [ISOLATED] [SOURCES ...] [DEPENDS targets...]): a test program of
+# tst_CLASS.cpp. ISOLATED runs it in namespaces of its own: a test that listens on a port needs this.
 function(gripperd_add_unit_test class)
   cmake_parse_arguments(PARSE_ARGV 1 arg "ISOLATED" "" "DEPENDS;SOURCES")
   add_executable(tst_${class} tst_${class}.cpp ${arg_SOURCES})
   target_link_libraries(tst_${class} PRIVATE gripperd_house Qt5::Test ${arg_DEPENDS})
-  # With this definition QtTest prints network types. It then includes twice as many headers, and the
-  # tests could not share one precompiled header.
+  # With QT_NETWORK_LIB, QtTest includes twice as many headers, to print network types. Tests with
+  # and without it could not share one precompiled header.
   target_compile_options(tst_${class} PRIVATE -UQT_NETWORK_LIB)
   target_precompile_headers(tst_${class} REUSE_FROM gripperd_precompiled_test)
-  # A test includes its own moc file; this one is empty.
+  # A test includes its own moc file, so mocs_compilation.cpp is empty.
   set_source_files_properties(
     ${CMAKE_CURRENT_BINARY_DIR}/tst_${class}_autogen/mocs_compilation.cpp
     PROPERTIES SKIP_PRECOMPILE_HEADERS ON)

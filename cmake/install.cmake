@@ -1,5 +1,5 @@
-# The files for a machine that runs the daemon. packaging/ has those for the system: unit, user,
-# rules.
+# Installs the programs, their helpers and the manuals. packaging/ has the files for the system:
+# service unit, user, rules.
 include(GNUInstallDirs)
 
 install(TARGETS gripperd romflasher RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})

@@ -1,2 +1,1 @@
-// Only for the precompiled headers that every target uses: they belong to a target, and a target
-// has a source.
+// The source file of the targets that build the precompiled headers. A target needs a source file.

@@ -5,7 +5,7 @@
 class QMessageLogContext;
 class QString;
 
-/// The process-wide log handler: one line for each message to standard error, in the local
-/// encoding, by one LogSink for the whole process. A fatal message aborts the process after its
-/// line. A line has any length: the caller limits the texts that clients can make long.
+/// The log handler of the whole process. Writes one line for each message to standard error, in the
+/// local encoding, through one LogSink. A fatal message aborts the process after its line. A line
+/// may have any length: the callers limit the texts that clients can make long.
 void myMessageOutput(QtMsgType type, const QMessageLogContext &context, const QString &message);

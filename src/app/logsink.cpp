@@ -11,7 +11,7 @@
 
 namespace {
 
-// A slow reader gets this time. The clients wait for the daemon meanwhile.
+// The sink waits this long for a slow reader. All clients wait meanwhile.
 constexpr int slowReaderWaitMs = 20;
 
 const char *severityOf(QtMsgType type)
@@ -44,9 +44,9 @@ QByteArray lineOf(const char *severity, const QMessageLogContext &context,
            printable(context.function) + ")\n";
 }
 
-/// The descriptor that one line is written to. A write to a terminal takes the part that fits and
-/// then blocks until somebody reads. The terminal is therefore opened once more, non-blocking,
-/// because the flags of the shared descriptor must not change.
+/// The descriptor that one line is written to. A write to a full terminal blocks until the terminal
+/// is read. The flags of the shared descriptor must not change, so this class opens the terminal
+/// once more, non-blocking.
 class LineOutput
 {
 public:
@@ -102,7 +102,7 @@ void LogSink::write(QtMsgType type, const QMessageLogContext &context, const QBy
 }
 
 /// Writes as much as the reader has room for and returns the number of bytes. If the reader is
-/// gone, nothing can be written any time, so all bytes count as written.
+/// gone, all bytes count as written, because no later write can succeed.
 int LogSink::writePart(int output, const QByteArray &bytes, const QDeadlineTimer &deadline)
 {
     int done = 0;
@@ -126,7 +126,7 @@ bool LogSink::isReady(int output, const QDeadlineTimer &deadline)
     pollfd poller{output, POLLOUT, 0};
     int ready =
         ::poll(&poller, 1, m_readerHasStopped ? 0 : static_cast<int>(deadline.remainingTime()));
-    // A signal has interrupted the wait. This says nothing about the reader.
+    // A signal has interrupted the wait, so the result says nothing about the reader.
     if (ready < 0)
         ready = ::poll(&poller, 1, 0);
     m_readerHasStopped = ready == 0;

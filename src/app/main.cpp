@@ -13,7 +13,7 @@ int main(int argc, char *argv[])
     const char *const withoutGlib = "QT_NO_GLIB";
     qputenv(withoutGlib, "1");
     QCoreApplication application(argc, argv);
-    // Child processes must not inherit it.
+    // Child processes must not inherit the variable.
     qunsetenv(withoutGlib);
     QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
     Server server;

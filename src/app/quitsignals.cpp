@@ -14,7 +14,7 @@ namespace {
 std::atomic<bool> s_quitRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "the handler may use only lock-free atomics");
 
-// The handler writes to it to wake up the event loop.
+// An eventfd. The signal handler writes to it to wake up the event loop.
 std::atomic<int> s_wakeDescriptor{-1};
 
 void onQuitSignal(int /*signalNumber*/)

@@ -4,16 +4,17 @@
 
 #include <csignal>
 
-/// Lets each of `signalNumbers` end the application's event loop with exit code 0. A signal that
-/// arrives before the loop runs ends it at its start. Needs an application object. Another call
-/// adds signals.
+/// Makes each of `signalNumbers` end the application's event loop with exit code 0. If a signal
+/// arrives before the loop runs, the loop ends at its start. Needs an application object. Another
+/// call adds signals.
 void quitOnSignals(const QVector<int> &signalNumbers);
 
-/// Whether a quit signal has arrived, also while the thread blocks outside of the event loop.
-/// Operations that block or repeat check this and end early.
+/// Whether a quit signal has arrived. Does not need the event loop. Operations that block or repeat
+/// check this and end early.
 bool quitRequested();
 
-/// Blocks signals while it exists. The process receives the signals that arrived when it ends.
+/// Blocks signals until its destruction. The process then receives the signals that arrived
+/// meanwhile.
 class HeldSignals
 {
 public:

@@ -4,11 +4,11 @@
 
 #include <QSerialPort>
 
-/// A bootloader that grippers have.
+/// A kind of bootloader. Every gripper has one of the two kinds below.
 struct Bootloader
 {
     quint16 restartCommand;         ///< Written to the reset register, it starts the bootloader.
-    QSerialPort::BaudRate baudRate; ///< The bootloader answers and is flashed at this rate.
+    QSerialPort::BaudRate baudRate; ///< The rate of the search and of the flashing program.
 };
 
 /// The bootloader in the microcontroller's ROM.

@@ -36,7 +36,7 @@ QString paddingOfRead(qint32 number)
     return number >= 101 && number <= 999 ? QStringLiteral("0") : QString();
 }
 
-// The bounds differ from paddingOfRead(): this one expects 0100.
+// For 100, this differs from paddingOfRead().
 QString paddingOfExpected(quint32 number)
 {
     if (number <= 99)
@@ -143,7 +143,7 @@ bool KvDeviceBase::setSerialNumberAndProductionYear(const QString &prefix, quint
 }
 
 /// `prefix` has 4 characters. The first one of each pair is in the low byte, but getSerialNumber()
-/// reads it from the high byte: the gripper swaps them.
+/// reads it from the high byte: the gripper swaps the bytes.
 bool KvDeviceBase::writeIdentity(const QString &prefix, quint32 number, quint16 year)
 {
     const QVector<quint16> serialNumber{
@@ -153,12 +153,12 @@ bool KvDeviceBase::writeIdentity(const QString &prefix, quint32 number, quint16 
         return false;
     if (!modbusWriteRegisters(RegisterMap::productionYearAddress, {year}))
         return false;
-    // The device may store its data now and not answer.
+    // The device may store its data now and not answer, so a time-out counts as success.
     return modbusWriteRegisters(RegisterMap::commandAddress, {RegisterMap::storeIdentityCommand}) ||
            m_modbus.error() == KvModbusAbstract::TimeoutError;
 }
 
-/// The result of the last read is not compared.
+/// Does not compare the result of the last read.
 bool KvDeviceBase::identityReadsBack(const QString &serialNumber, quint16 year)
 {
     QString readSerialNumber;

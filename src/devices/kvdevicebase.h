@@ -10,8 +10,7 @@
 
 /// One Modbus slave on a master that it does not own. Offers register access with an error state,
 /// the bootloader operations, and the identity data, which it reads once.
-/// Every register access pumps events while it waits. error() is only valid directly after the
-/// call.
+/// Every register access pumps events while it waits. error() is valid only directly after a call.
 class KvDeviceBase : public QObject
 {
     Q_OBJECT
@@ -21,7 +20,7 @@ public:
         NoError = 0,             ///< The last register access succeeded.
         InvalideDeviceError = 1, ///< Not a device of this class. Drop the object.
         NotConnectedError = 2,   ///< The link is not in the state that the operation needs.
-        CommunicationError = 3,  ///< A read gave too few registers, or a write no acknowledgement.
+        CommunicationError = 3,  ///< A read gave too few registers, or a write failed.
         InitilizationError = 4   ///< The device could not be set up. Drop the object.
     };
     Q_ENUM(KvDeviceError)
@@ -42,7 +41,7 @@ public:
     quint8 getSlaveId() const { return m_slaveId; }
 
     /// Reads `count` holding registers, starting at `address`. Pumps events. Returns the master's
-    /// result. If this has too few registers, error() is CommunicationError.
+    /// result. If the result has too few registers, error() is CommunicationError.
     QVector<quint16> modbusReadRegisters(quint16 address, quint16 count);
 
     /// Writes holding registers, starting at `address`. Pumps events. Returns whether the device
@@ -56,20 +55,21 @@ public:
     quint16 getProductionYear();
 
     /// Programs the identity and reads it back several times. `prefix` is cut or NUL-padded to 4
-    /// characters. Pumps events. Returns whether the device showed the new identity. An object that
-    /// has read the old identity keeps it and returns false.
+    /// characters. Pumps events. Returns whether the device showed the new identity. If this object
+    /// has read the old identity before, it keeps the old one, and the function returns false.
     bool setSerialNumberAndProductionYear(const QString &prefix, quint32 number, quint16 year);
 
     /// Restarts the device into a bootloader by a write to the reset register. Every call writes
     /// the `command` of the first call in this process. Pumps events. Returns whether the device
     /// acknowledged the write.
-    /// Automatic: closes the link after a success, so that the port is free. Ignores `timeoutMs`.
-    /// Manual, for a device that a user switches off and on: opens the link and repeats the write
-    /// until the device acknowledges it, `timeoutMs` have passed or abortManualResetToBootLoader()
-    /// is called. Closes the link at the end.
+    /// Without `manual`: closes the link after a success, so that the port is free. Ignores
+    /// `timeoutMs`.
+    /// With `manual`, for a device that a user switches off and on: opens the link and repeats the
+    /// write until the device acknowledges it, `timeoutMs` have passed or
+    /// abortManualResetToBootLoader() is called. Closes the link at the end.
     bool resetDeviceToBootloader(quint16 command, bool manual, unsigned int timeoutMs);
 
-    /// Lets a running manual reset give up before its next write.
+    /// Ends a running manual reset, after at most one more write.
     void abortManualResetToBootLoader();
 
     /// Restarts the firmware. Pumps events. Returns whether the device acknowledged the command.
@@ -77,7 +77,7 @@ public:
 
     /// Whether a bootloader answers the synchronisation byte at this rate in one of `retries` + 1
     /// attempts. Blocks the thread for at most 100 ms for each attempt, without pumping events. A
-    /// quit signal ends it early. If the link is open, returns false, and error() is
+    /// quit signal ends the search early. If the link is open, returns false, and error() is
     /// NotConnectedError.
     bool detectBootloader(QSerialPort::BaudRate baudRate, unsigned int retries);
 
@@ -98,7 +98,7 @@ public:
     /// Stores `error` and emits errorOccurred(), also for NoError.
     void setError(KvDeviceError error);
 
-    /// Stores NoError, here and on the master, without a signal.
+    /// Stores NoError, here and in the master, without emitting anything.
     void clearError();
 
 signals:

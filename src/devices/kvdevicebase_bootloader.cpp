@@ -15,7 +15,8 @@ constexpr char synchronisationByte = 0x7F;
 constexpr char acknowledge = 0x79;
 constexpr char negativeAcknowledge = 0x1F;
 
-/// One attempt. The bootloader answers with exactly one byte. Both answers count.
+/// Makes one attempt. The bootloader answers with exactly one byte. A negative acknowledgement
+/// counts too.
 bool bootloaderAnswers(QSerialPort &port)
 {
     static const QByteArray msg(1, synchronisationByte);
@@ -49,7 +50,7 @@ bool KvDeviceBase::resetDeviceToBootloader(quint16 command, bool manual, unsigne
     return isReset;
 }
 
-/// After a quit signal every pause ends at once, so the timer would never fire.
+/// After a quit signal every pause ends at once, and the timer never fires.
 bool KvDeviceBase::repeatResetUntilAcknowledged(quint16 command)
 {
     while (m_manualResetTimer.isActive() && !quitRequested()) {
@@ -89,7 +90,8 @@ bool KvDeviceBase::detectBootloader(QSerialPort::BaudRate baudRate, unsigned int
     return isDetected;
 }
 
-// These ignore the result of the reset: a device that is already in its bootloader gives no answer.
+// The jumps ignore the result of the reset: a device that is already in its bootloader does not
+// answer.
 
 bool KvDeviceBase::jumpToTavrinBootloader(unsigned int timeoutMs)
 {

@@ -45,7 +45,7 @@ KvPelloGripper::KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObjec
 
 KvPelloGripper::~KvPelloGripper() = default;
 
-/// Reads the identity. The three reads share one number of attempts, and one attempt must be left.
+/// Reads the identity. The three values share identityAttempts, and one attempt must be left over.
 bool KvPelloGripper::identify()
 {
     int attemptsLeft = identityAttempts;
@@ -58,8 +58,8 @@ bool KvPelloGripper::identify()
     readUntilKnown([this] { return !getSerialNumber().isEmpty(); });
     if (error() != NoError || attemptsLeft < 1)
         return false;
-    // The next read is the input block. An answer with the firmware version that arrives twice has
-    // the same length. The link drops it if it arrives before that request.
+    // The next request reads the input block. A second copy of the answer with the firmware version
+    // would have the right length for it. The link drops a copy that arrives before the request.
     qSleepWhileProcessingEvents(surplusAnswersMs);
     return true;
 }
@@ -74,7 +74,7 @@ bool KvPelloGripper::updateInput()
 {
     const QVector<quint16> words =
         modbusReadRegisters(RegisterMap::inputAddress, RegisterMap::inputCount);
-    // A copy of the firmware version may arrive even later.
+    // A copy of the answer with the firmware version may arrive even after the pause in identify().
     if (words.size() < RegisterMap::inputCount || isFirmwareVersion(words))
         return false;
     decodeInput(words);
@@ -116,7 +116,7 @@ bool KvPelloGripper::updateOutput()
     if (m_isWriteUnanswered)
         return false;
     // An acknowledgement carries no value. It may be the late answer to an earlier attempt, which
-    // did not contain the fields that were set since.
+    // did not contain the fields that clients have set since then.
     m_unacknowledged &= m_setSinceAttempt;
     if (m_output[ActivateRequest] != 0)
         m_unacknowledged.set(ActivateRequest);
@@ -125,9 +125,9 @@ bool KvPelloGripper::updateOutput()
     return true;
 }
 
-/// A new activation of an active gripper takes two writes. The first one deactivates it. After the
-/// gripper reports that it is inactive, the second one activates it. New output stays marked until
-/// both are done.
+/// A new activation of an active gripper needs two writes. The first write deactivates the gripper.
+/// After the gripper reports that it is inactive, the second write activates it. New output stays
+/// marked until both writes are done.
 quint8 KvPelloGripper::nextActivateBit()
 {
     if (m_output[ActivateRequest] == 0) {

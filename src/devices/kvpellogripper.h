@@ -7,14 +7,16 @@
 
 /// A gripper of any product family. Holds the input image, which was last read from the device, and
 /// the output image, which is written next. The getters and setters of the images never use the
-/// bus. The constructor, the update functions and the maintenance functions use it and pump events.
+/// bus. The constructor, the update functions and the maintenance functions use the bus and pump
+/// events.
 class KvPelloGripper : public KvDeviceBase
 {
     Q_OBJECT
 
 public:
-    /// Sets the link to the firmware's rate, identifies the device and starts the output image from
-    /// its state. Pumps events for at least 200 ms, and for at least 300 ms if the device answers.
+    /// Sets the link to the firmware's rate, reads the identity of the device and initialises the
+    /// output image with its state. Pumps events for at least 200 ms, and for at least 300 ms if
+    /// the device answers.
     /// After a failure, error() is InitilizationError and the object must not be used.
     KvPelloGripper(KvModbusAbstract &modbus, quint16 slaveId, QObject *parent = nullptr);
     ~KvPelloGripper() override;
@@ -22,8 +24,9 @@ public:
     /// Whether the firmware version starts with the code of a product family.
     bool isValidDevice() override;
 
-    /// Reads the input block and the three counters. False if one of these reads failed or if the
-    /// input block is the firmware version. The image then keeps the values that were not read.
+    /// Reads the input block and the three counters. Returns false if one of these reads failed or
+    /// if the input block is the firmware version. The image then keeps the values that were not
+    /// read.
     bool updateInput();
 
     /// Reads the input and copies activation, go-to and position request to the output image, so
@@ -31,19 +34,19 @@ public:
     bool initOutput();
 
     /// Writes the output block and returns whether the device acknowledged it. The image counts as
-    /// sent also after a failure. A write after a failed one is its repetition: a field that was
-    /// set between the two is new output again after the success.
+    /// sent even after a failure. The write after a failed write repeats it: a field that was set
+    /// between the two is new output again after the success.
     bool updateOutput();
 
     /// Call it when a scan begins that will replace this object. The new object starts with other
-    /// values, so from now on a field that a client sets counts also if its value stays the same.
+    /// values, so from now on every SET of a field marks new output, even with the same value.
     void expectReplacement() { m_isBeingReplaced = true; }
 
     /// Copies the fields that clients have set on `predecessor` and the device has not
     /// acknowledged.
     void copyUnacknowledgedFields(const KvPelloGripper &predecessor);
 
-    /// Whether the output image differs from what was last sent.
+    /// Whether the output image must be written.
     bool isNewOutput() const { return m_newOutput != 0; }
 
     /// 1 if the device is activated and has completed its activation (status 3), else 0.
@@ -71,13 +74,13 @@ public:
     quint8 getSpeedRequest() const { return m_output[SpeedRequest]; }
     quint8 getForceRequest() const { return m_output[ForceRequest]; }
 
-    /// Requests an activation and always marks new output. An active gripper is first deactivated,
-    /// with a separate write.
+    /// Requests an activation and always marks new output. If the gripper is active, a separate
+    /// write deactivates it first.
     void setActivateRequest();
     /// Withdraws the activation and always marks new output.
     void clearActivateRequest();
 
-    // Each of these marks new output only if it changes the image.
+    // Each of these marks new output only if it changes the image, or after expectReplacement().
     void setGripperModeManual() { change(GripperMode, 0); }
     void setGripperModeAutomatic() { change(GripperMode, 1); }
     void setGoToRequest() { change(GoTo, 1); }
@@ -104,13 +107,14 @@ public:
     quint32 getNumberOfSecondsPumpIsOn() const { return m_numberOfSecondsPumpIsOn; }
     quint32 getNumberOfPumpActivations() const { return m_numberOfPumpActivations; }
 
-    /// Each reads one counter. Returns false and keeps the old value if the read fails. Also keeps
-    /// the old value if the answer may belong to another counter. Does not change error().
+    /// Each reads one counter. Returns false and keeps the old value if the read fails. Returns
+    /// true and keeps the old value if the answer may belong to another counter. Does not change
+    /// error().
     bool updateCycleNumber();
     bool updateNumberOfSecondsPumpIsOn();
     bool updateNumberOfPumpActivations();
 
-    /// Each reads from the device. 0 if the read fails.
+    /// Each reads from the device and returns 0 if the read fails.
     quint32 getOdometer();
     quint32 getMicroUniqueCRC();
     quint16 getActivationCountRange();
@@ -120,10 +124,10 @@ public:
     /// value than `limit`, and false if it shows `limit` or the write failed.
     bool set200NSpeedLimit(quint16 limit);
 
-    /// Stores `newId` in the device, checks it, restarts the firmware and then uses the new id.
-    /// Returns true if the device has the new id, at once if it had it before. After a failure the
-    /// object keeps its id, but the device may have stored the new one. Pumps events for at least
-    /// 5.9 s. Does not check the range of `newId`.
+    /// Stores `newId` in the device, reads it back, restarts the firmware and then uses the new id.
+    /// Returns true if the device has the new id. After a failure the object keeps its id, but the
+    /// device may have stored the new one. Pumps events for at least 5.9 s if it succeeds, but only
+    /// for one read if the device had the new id before. Does not check the range of `newId`.
     bool updateSlaveId(unsigned char newId);
 
 private:
@@ -159,7 +163,7 @@ private:
     void store(OutputField field, quint8 value);
     void change(OutputField field, quint8 value);
 
-    // Before the first read the gripper counts as active. The first visit always writes.
+    // Before the first read the gripper counts as active. The first output step always writes.
     quint8 m_activateEcho = 1;
     quint8 m_gripperModeEcho = 0;
     quint8 m_goToEcho = 0;

@@ -10,8 +10,8 @@
 
 namespace {
 
-// Keep this longer than a visit, which takes 42 ms. A tick that is due during a visit is lost: with
-// 40 ms, the period of the visits becomes 80 ms.
+// Keep this longer than a tick that reads a gripper, which takes 42 ms. A tick that is due during
+// another tick is lost: an interval of 40 ms would give a period of 80 ms.
 constexpr int throttledIntervalMs = 50;
 constexpr int fastIntervalMs = 5;
 constexpr int scanBackOffMs = 1000;
@@ -87,8 +87,8 @@ void GripperList::setMuted(bool muted)
 
 void GripperList::setThrottled(bool throttled)
 {
-    // The tick sets the timer. A change from here restarts the period: a client that sends THROTTLE
-    // often enough would stop polling.
+    // The next tick sets the timer. A change from here would restart the period, so a client that
+    // sends THROTTLE often enough would stop polling.
     m_tickIntervalMs = throttled ? throttledIntervalMs : fastIntervalMs;
 }
 
@@ -100,7 +100,7 @@ void GripperList::requestScan()
 void GripperList::requestScanBlock()
 {
     m_loopStep = LoopStep::Discover;
-    // If this runs inside the wait of another operation, the flag must stay set for that one.
+    // If this runs inside the wait of another operation, that operation needs the flag afterwards.
     const QScopedValueRollback<bool> busy(m_busy, true);
     m_linkStatus = LinkStatus::Scanning;
     discoverState();
@@ -199,7 +199,7 @@ void GripperList::updateOutputState()
 }
 
 /// Repeats a failed access until it succeeds or has failed __maxGripperCommunicationRetries times.
-/// After these failures one more attempt follows, but its result does not count.
+/// After the last of these failures one more attempt follows, but its result does not count.
 bool GripperList::succeedsWithinRetries(const std::function<bool()> &access,
                                         const char *failureText)
 {
@@ -236,7 +236,8 @@ GripperList::Gripper GripperList::currentGripper() const
 
 void GripperList::discoverState()
 {
-    // The search for ports blocks the thread, and a new rate may disturb an answer.
+    // The search for ports blocks the thread, and openLink() sets the rate. Both could disturb an
+    // answer.
     m_modbus.waitUntilQuiet();
     if (quitRequested() || m_upgradeService.isUpgrading())
         return;
@@ -258,7 +259,8 @@ void GripperList::discoverState()
         if (quitRequested())
             return;
         const bool isUndisturbed = scanUndisturbed(portName);
-        // The other scan only scanned this port. If it found no gripper, the search continues.
+        // The scan inside this wait scanned only this port. If it found no gripper, the search
+        // continues.
         if (!isUndisturbed && !m_grippers.isEmpty())
             return;
         if (!m_grippers.isEmpty()) {
@@ -270,7 +272,8 @@ void GripperList::discoverState()
     }
 }
 
-/// The next step selects the second gripper before it reads.
+/// SelectNext looks for the gripper after the current one, so the loop reads the second gripper
+/// first.
 void GripperList::startPolling()
 {
     m_currentSlaveId = m_grippers.firstKey();
@@ -291,9 +294,9 @@ void GripperList::scan(const QString &portName)
     scanUndisturbed(portName);
 }
 
-/// Returns whether the result of this scan counts. It does not if another scan ran inside the waits
-/// of this one. That scan has already updated the list and the loop, and clients may have changed
-/// its grippers. The result does not count either if an upgrade began and closed the link.
+/// Returns false if the caller must ignore the result of this scan, because the daemon quits, an
+/// upgrade closed the link, or another scan ran inside the waits of this one. The other scan has
+/// already updated the list, and clients may have changed its grippers.
 bool GripperList::scanUndisturbed(const QString &portName)
 {
     if (m_upgradeService.isUpgrading())
@@ -350,7 +353,7 @@ void GripperList::keepPredecessor(quint8 slaveId, const Gripper &gripper)
     m_predecessorsLifetime.setRemainingTime(predecessorsLifetimeMs);
 }
 
-/// If the position was at this gripper, it moves to the first one.
+/// If this is the current gripper, the first gripper becomes the current one.
 void GripperList::removeGripper(quint8 slaveId)
 {
     m_grippers.remove(slaveId);
@@ -373,7 +376,7 @@ QStringList GripperList::getAvailableSerialPorts() const
         qInfo() << "command : " << command;
         qInfo() << "error : " << exitCode << "\n";
     };
-    // The tool-flange port comes first, also if the enumeration does not list it.
+    // The tool-flange port comes first, even if the enumeration does not list it.
     QStringList portNames{QStringLiteral("ttyTool")};
     for (const QSerialPortInfo &port : present) {
         if (isUsbSerialPortName(port.portName()) && isPortFree(port.portName(), report))
@@ -404,7 +407,7 @@ bool GripperList::isSorbix(const Gripper &gripper) const
 
 bool GripperList::updateGripperSlaveId(unsigned char oldId, unsigned char newId)
 {
-    // If this runs inside the wait of another operation, the flag must stay set for that one.
+    // If this runs inside the wait of another operation, that operation needs the flag afterwards.
     const QScopedValueRollback<bool> busy(m_busy, true);
     const Gripper gripper = getGripperFromSlaveId(oldId);
     if (!gripper)

@@ -42,11 +42,11 @@ public:
     /// Null if no gripper has this id.
     Gripper getGripperFromSlaveId(unsigned char slaveId) const;
 
-    /// The gripper that the list has now at the id of `gripper`, because a scan may have replaced
-    /// it. `gripper` itself if the list has no gripper there.
+    /// The gripper that the list has now at the id of `gripper`: a scan may have replaced the
+    /// object. Returns `gripper` itself if the list has no gripper there.
     Gripper latest(const Gripper &gripper) const;
 
-    /// Ascending.
+    /// In ascending order.
     QVector<quint8> getDiscoveredSlaveIds() const;
 
     /// "SCANNING", "RUNNING", "ERR_SCANNING (EIO)" or "ERR_TIMEOUT".
@@ -61,16 +61,16 @@ public:
     /// (false). Applies from the next period.
     void setThrottled(bool throttled);
 
-    /// Requests a scan after the next output step. Returns at once.
+    /// Requests a scan before the loop selects its next gripper. Returns at once.
     void requestScan();
 
     /// Scans now, in any state of the loop. Pumps events.
     void requestScanBlock();
 
-    /// Replaces the grippers by those that answer on `portName`. Opens the port and leaves it open;
-    /// changes nothing if this fails. A gripper that answers again is a new object with the fields
-    /// that clients have set and the device has not acknowledged. Pumps events. If another scan
-    /// ends meanwhile, the result of that scan stays.
+    /// Replaces the grippers by those that answer on `portName`. Opens the port and leaves it open.
+    /// If the port does not open, the list keeps its grippers. A gripper that answers again is a
+    /// new object with the fields that clients have set and the device has not acknowledged. Pumps
+    /// events. If another scan ends meanwhile, the result of that scan stays.
     void scan(const QString &portName);
 
     /// Rescans the port in use, or looks for a port with grippers. Pumps events, and blocks the
@@ -81,15 +81,17 @@ public:
     /// `fuser` runs.
     QStringList getAvailableSerialPorts() const;
 
-    /// The product family, by the second character of the firmware version only.
+    /// Whether the gripper belongs to the family, by the second character of its firmware version
+    /// only.
     bool isPello(const Gripper &gripper) const;
     bool isVarno(const Gripper &gripper) const;
     bool isSorbix(const Gripper &gripper) const;
     bool isZentra(const Gripper &gripper) const;
 
-    /// Moves a gripper to another slave id, on the device and in this list. Pumps events for as
-    /// long as KvPelloGripper::updateSlaveId(); no tick runs meanwhile. If both ids are the same,
-    /// returns true after one read, and the gripper leaves the list until the next discovery.
+    /// Moves a gripper to another slave id, on the device and in this list. Returns whether it did.
+    /// Pumps events for as long as KvPelloGripper::updateSlaveId(); no tick runs meanwhile. If both
+    /// ids are the same, returns true after one read, and the gripper leaves the list until the
+    /// next discovery.
     bool updateGripperSlaveId(unsigned char oldId, unsigned char newId);
 
     /// Whether the gripper has romBootloader.
@@ -99,21 +101,20 @@ public:
     /// the line is quiet, then blocks the thread like KvDeviceBase::detectBootloader().
     bool isDeviceInBootloaderMode(const Gripper &gripper);
 
-    /// Sends the gripper into its bootloader. Returns whether the bootloader answers, also if the
-    /// answer to the reset was lost. Mutes polling, unless the gripper was already in its
-    /// bootloader. No tick runs meanwhile. Returns false at once while the flashing program runs.
-    /// Pumps events, then blocks the thread like KvDeviceBase::detectBootloader(), twice if the
-    /// link is closed.
+    /// Sends the gripper into its bootloader. Returns whether the bootloader answers, even if the
+    /// answer to the reset was lost. Mutes polling, also after a failure, unless the gripper was
+    /// already in its bootloader. No tick runs meanwhile. Returns false at once while the flashing
+    /// program runs. Pumps events, then blocks the thread like KvDeviceBase::detectBootloader(),
+    /// twice if the link is closed.
     bool jumpToBootloader(const Gripper &gripper);
 
-    /// Whether a bootloader jump waits for the answer to its reset. The line must stay quiet until
-    /// the jump has ended.
+    /// Whether a bootloader jump is running. The line must stay quiet until the jump has ended.
     bool isJumpRunning() const { return m_jumpRunning; }
 
     /// Sends the gripper into its bootloader and starts the flashing program with the firmware of
-    /// its family. Returns true also if the program does not start. Returns false at once while a
-    /// jump or an upgrade is running. Returns false if no bootloader answers or if there is no
-    /// firmware for the gripper; polling stays as jumpToBootloader() left it.
+    /// its family. Returns true even if the program does not start. Returns false at once while a
+    /// jump or an upgrade is running. Also returns false if no bootloader answers or if there is no
+    /// firmware for the gripper: polling then stays as jumpToBootloader() left it.
     bool upgradeFirmware(const Gripper &gripper);
 
     /// Sends the gripper into its bootloader at the next tick that runs.
@@ -128,7 +129,7 @@ public:
     static constexpr const char *__firmwareGripperE = zentraFamily.firmwareImage;
     static constexpr const char *__firmwareGripperF = sorbixFamily.firmwareImage;
 
-    /// The loop gives up the link after so many failures of an access in a row.
+    /// The loop closes the link after this many failures of an access in a row.
     static constexpr int __maxGripperCommunicationRetries = 5;
 
     /// A scan drops grippers with ids outside of this range and logs nothing.
@@ -160,7 +161,7 @@ private:
     enum class LinkStatus : qint32 {
         Scanning = 0,      ///< No gripper has been found yet, or a client has requested a scan.
         Running = 1,       ///< The last access succeeded.
-        ErrorScanning = 2, ///< The link went down, or the list has no gripper.
+        ErrorScanning = 2, ///< The link went down, or the current gripper left the list.
         Timeout = 3        ///< A gripper gave no answer, so the loop closed the link.
     };
 

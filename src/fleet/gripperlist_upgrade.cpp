@@ -8,7 +8,7 @@ namespace {
 
 constexpr unsigned int jumpTimeoutMs = 2000;
 
-/// A gripper of an unknown family counts as one with ownBootloader.
+/// A gripper of an unknown family counts as a gripper with ownBootloader.
 const Bootloader &bootloaderOf(const GripperList::Gripper &gripper)
 {
     const ProductFamily *const family = productFamilyOf(gripper->getFirmwareVersion());
@@ -35,7 +35,7 @@ bool GripperList::jumpToBootloader(const Gripper &gripper)
     if (m_upgradeService.isUpgrading())
         return false;
     const QScopedValueRollback<bool> running(m_jumpRunning, true);
-    // If this runs inside the wait of another operation, the flag must stay set for that one.
+    // If this runs inside the wait of another operation, that operation needs the flag afterwards.
     const QScopedValueRollback<bool> busy(m_busy, true);
     if (isDeviceInBootloaderMode(gripper))
         return true;
@@ -48,8 +48,8 @@ bool GripperList::jumpToBootloader(const Gripper &gripper)
     return isInBootloader;
 }
 
-/// If no bootloader answers, opens the link again, at its old rate: polling continues on it when it
-/// is unmuted.
+/// If no bootloader answers, opens the link again at its old rate. When a client unmutes polling,
+/// the loop continues on this link.
 bool GripperList::isInBootloaderAfterLostAnswer(const Gripper &gripper)
 {
     m_modbus.disconnectFromDevice();
@@ -61,7 +61,7 @@ bool GripperList::isInBootloaderAfterLostAnswer(const Gripper &gripper)
 
 bool GripperList::upgradeFirmware(const Gripper &gripper)
 {
-    // A jump that is waiting for its answer would open the port again while the program flashes.
+    // A running jump would open the port again while the program flashes.
     if (m_jumpRunning || !jumpToBootloader(gripper))
         return false;
     const ProductFamily *const family = productFamilyOf(gripper->getFirmwareVersion());

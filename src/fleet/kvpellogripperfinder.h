@@ -12,8 +12,8 @@
 class KvModbusCustom;
 
 /// Finds grippers by probing a short, fixed list of slave ids. The process has one finder, created
-/// at its first use and never destroyed. Every scan pumps events while it waits. The scans of all
-/// ports also block the thread while `fuser` runs.
+/// at its first use and never destroyed. Every scan pumps events while it waits.
+/// scanAllSerialPorts() also blocks the thread while `fuser` runs.
 class KvPelloGripperFinder
 {
 public:
@@ -26,8 +26,8 @@ public:
     QVector<Gripper> scanPort(KvModbusAbstract &link);
 
     /// The grippers on every USB serial port that no process has open, by the full path of the
-    /// port. Ports without grippers are left out. The grippers are for inspection only: their links
-    /// no longer exist, so they must not use the bus.
+    /// port. Leaves out ports without grippers. The grippers are for inspection only: their links
+    /// no longer exist, so do not call a function that uses the bus.
     QMap<QString, QVector<Gripper>> scanAllSerialPorts();
 
     /// The same for the gripper with this slave id on each port.

@@ -8,8 +8,8 @@
 #include <QVector>
 
 /// A Modbus master, the only way from a device to its bus. Requests report by their result and by
-/// error(). Every request overwrites error(): read it directly after the request, before the event
-/// loop runs again.
+/// error(). Every request overwrites error(): read error() directly after the request, before the
+/// event loop runs again.
 class KvModbusAbstract : public QObject
 {
     Q_OBJECT
@@ -34,8 +34,8 @@ public:
     virtual bool isConnected() = 0;
     virtual QString getPortName() const = 0;
 
-    /// Reads `count` holding registers of `slaveId`, starting at `startAddress`. Pumps events for
-    /// at most timeout + timeoutFactor * count milliseconds. Empty on failure.
+    /// Reads `count` holding registers of `slaveId`, starting at `startAddress`. Waits for the
+    /// answer as setConstraints() allows, and pumps events meanwhile. Empty on failure.
     virtual QVector<quint16> readRegisters(quint8 slaveId, quint16 startAddress, quint16 count) = 0;
 
     /// Writes `values` to the holding registers of `slaveId`, starting at `startAddress`. Pumps
@@ -63,7 +63,7 @@ public:
     void setConstraints(const ModbusConstraints &constraints);
 
 signals:
-    /// After every request, success included.
+    /// Emitted after every request, also after a success.
     void errorOccurred(KvModbusAbstract::KvModbusError error);
     void connected();
     void disconnected();

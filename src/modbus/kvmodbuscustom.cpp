@@ -114,7 +114,7 @@ bool KvModbusCustom::writeRegisters(quint8 slaveId, quint16 startAddress,
 {
     const auto count = static_cast<quint16>(values.size());
     QByteArray request = requestHeader(slaveId, writeMultipleRegisters, startAddress, count);
-    // The frame has one byte for the byte count. It carries the low byte of a larger number.
+    // The frame has one byte for the byte count. If the count is larger, this is its low byte.
     request.append(static_cast<char>(2 * count & 0xFF));
     for (const quint16 value : values)
         appendBigEndian(request, value);
@@ -127,7 +127,7 @@ bool KvModbusCustom::writeRegisters(quint8 slaveId, quint16 startAddress,
 }
 
 /// Sends `request` and waits for its answer. The answer must begin with the slave id and the
-/// function of the request and have a valid CRC. Its other fields are not compared.
+/// function of the request and have a valid CRC. Does not check the other fields.
 KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &request,
                                                          int registerCount, int answerLength,
                                                          QByteArray &answer)
@@ -135,7 +135,7 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
     if (!isConnected())
         return NotConnectedError;
     waitUntilQuiet();
-    // The wait ends early only if the application quits.
+    // The wait ends before the answer or its deadline only if the application quits.
     if (isAnswerAwaited())
         return TimeoutError;
     // A client or a serial error may have closed the port meanwhile.
@@ -154,8 +154,8 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
         if (m_latestExchange == &exchange)
             m_latestExchange = nullptr;
     });
-    // The answer is the input that follows the request. A late answer to an earlier request must
-    // not count, and an earlier request that was reported as failed must not be sent now.
+    // send() drops earlier input, so a late answer to an earlier request does not count. It also
+    // drops earlier output, so no part of a request that was reported as failed is sent now.
     if (!m_line.send(request, writeWaitMs))
         return TimeoutError;
 
@@ -169,8 +169,8 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
     return verifyCRC(answer) ? NoError : BadCrcError;
 }
 
-/// A request that begins inside a step ends before the step does. After a step, the open exchange
-/// is therefore the same as before, or over.
+/// A request that begins inside the pause ends before the pause does. After the pause, the open
+/// exchange is therefore the same as before, or over.
 void KvModbusCustom::waitUntilQuiet()
 {
     while (isAnswerAwaited() && !quitRequested()) {
@@ -186,8 +186,8 @@ bool KvModbusCustom::isAnswerAwaited() const
     return m_latestExchange != nullptr && !m_latestExchange->isOver;
 }
 
-/// Keeps the answer, because its request may be suspended and the port may close before it resumes.
-/// Also keeps the input after the answer, because a second answer makes the first one doubtful.
+/// Keeps the answer, because the port may close before a suspended request resumes. Also keeps the
+/// input after the answer, because a second answer makes the first one doubtful.
 void KvModbusCustom::onReceived(const QByteArray &input)
 {
     if (m_latestExchange == nullptr)

@@ -9,9 +9,9 @@
 /// single attempt.
 ///
 /// A request blocks the thread for at most writeWaitMs until it is written. It then pumps events
-/// and looks for its answer every pollingStepMs. Another request may begin inside this wait. It
-/// sends nothing before the first one has its answer or its deadline has passed, so requests never
-/// overlap on the line. The request that ends last decides error().
+/// and looks for its answer every pollingStepMs. Another request may begin inside this wait. The
+/// second request sends nothing until the first one has its answer or reaches its deadline, so
+/// requests never overlap on the line. The request that ends last decides error().
 ///
 /// A serial error closes the port. The master drops input that arrives outside of a request.
 class KvModbusCustom : public KvModbusAbstract
@@ -31,7 +31,7 @@ public:
                         const QVector<quint16> &values) override;
     void setBaudRate(qint32 baudRate) override;
 
-    /// A bare device name ("ttyTool") or a path; takes effect when the port is opened next.
+    /// Takes a bare device name ("ttyTool") or a path. Applies when the port is opened next.
     void setPortName(const QString &portName);
 
     /// The rate of both directions, in baud.
@@ -50,8 +50,9 @@ public:
     /// Whether the last two bytes are the CRC of the bytes before. `frame` has at least 2 bytes.
     static bool verifyCRC(const QByteArray &frame);
 
-    /// Full paths of the USB serial and modem-class ports that no process has open, in the order of
-    /// the enumeration. Blocks the thread while `fuser` runs, once or twice for each port.
+    /// The full paths of the USB serial ports, see isUsbSerialPortName(), that no process has open.
+    /// In the order of the enumeration. Blocks the thread while `fuser` runs, once or twice for
+    /// each port.
     static QVector<QString> getAvailablePorts();
 
     static constexpr int writeWaitMs = 50;
@@ -77,7 +78,7 @@ private:
     bool isAnswerAwaited() const;
 
     SerialLine m_line;
-    /// The latest exchange, until its request has read the input. It is on the stack of that
-    /// request, which other requests may suspend. Null if there is no exchange.
+    /// The latest exchange, until its request has read the input. The exchange is on the stack of
+    /// that request, which other requests may suspend. Null if there is no exchange.
     Exchange *m_latestExchange = nullptr;
 };

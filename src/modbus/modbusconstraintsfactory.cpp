@@ -11,7 +11,7 @@ constexpr int retries = 2;
 
 ModbusConstraints ModbusConstraintsFactory::getModbusConstraints(const QString &portName) const
 {
-    // At present, the tool flange has the default timing.
+    // The tool flange has a case of its own, but the default timing.
     if (isG5ToolFlangeSerialConverter(portName))
         return {ordinaryTimeoutMs, timeoutFactorMs, retries};
     if (isTavrinWristCameraSerialConverter(portName))

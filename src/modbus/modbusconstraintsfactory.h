@@ -5,7 +5,7 @@
 #include <QString>
 
 /// Chooses the timing of a link by the bare name of its port ("ttyUSB0", not a path). A full path
-/// is the name of no special port and gets the default.
+/// matches no special port and gets the default timing.
 class ModbusConstraintsFactory
 {
 public:

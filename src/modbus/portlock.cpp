@@ -10,7 +10,7 @@ namespace {
 constexpr const char *lockFolders[] = {"/var/lock",       "/etc/locks", "/var/spool/locks",
                                        "/var/spool/uucp", "/tmp",       "/data/local/tmp"};
 
-/// The file that QSerialPort locks when it opens the port. Empty if it finds no folder for the
+/// The file that QSerialPort locks when it opens the port. Empty if there is no folder for the
 /// file.
 QString lockFileOf(QString portName)
 {
@@ -34,6 +34,6 @@ void removeStaleLockOfOwnProcess(const QString &portName)
     QString program;
     if (!lock.getLockInfo(&holder, &host, &program) || holder != QCoreApplication::applicationPid())
         return;
-    // Keeps the file if a process holds the lock, also in another container: the kernel knows.
+    // Keeps the file if a process holds the kernel's lock on it, even in another container.
     lock.removeStaleLockFile();
 }

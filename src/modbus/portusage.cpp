@@ -11,7 +11,8 @@ constexpr int notStartedExitCode = -2;
 constexpr int quitCheckIntervalMs = 50;
 
 /// Runs `program` with one argument to its end and returns its exit code. Drops the program's
-/// output, because the log contains only the daemon's own lines. A quit signal kills the program.
+/// output, because the log contains only the daemon's own lines. Kills the program after a quit
+/// signal.
 int exitCodeOf(const QString &program, const QString &argument)
 {
     QProcess process;
@@ -50,7 +51,7 @@ bool isPortFree(const QString &portName, const CommandReport &report)
 {
     if (quitRequested())
         return false;
-    // fuser exits with 0 if a process has the file open, and with a positive code if none has.
+    // fuser exits with 0 if a process has the file open, otherwise with a positive code.
     const int exitCode = runFuser(QStringLiteral("./fuser"), portName, report);
     if (exitCode >= 0)
         return exitCode > 0;

@@ -49,7 +49,8 @@ bool SerialLine::send(const QByteArray &bytes, int timeoutMs)
 
 bool SerialLine::write(const QByteArray &bytes, int timeoutMs)
 {
-    // If the adapter was unplugged, clear() has reported an error, and the port is closed.
+    // If the adapter was unplugged, clear() has reported an error, and its receiver has closed the
+    // port.
     if (!m_port.isOpen() || m_port.write(bytes) != bytes.size())
         return false;
     const QDeadlineTimer deadline(timeoutMs);
@@ -59,11 +60,11 @@ bool SerialLine::write(const QByteArray &bytes, int timeoutMs)
     return m_port.isOpen() && m_port.bytesToWrite() == 0;
 }
 
-/// A turn of the event loop first collects its notifications and then delivers them. If a client's
-/// request runs between, the port's notification is still to come, but send() has dropped the
-/// input. QSerialPortPrivate::readNotification() then reads nothing and reports a ReadError, which
-/// closes a healthy link. Disabling a notifier removes its pending notification. New input causes
-/// another one in the next turn.
+/// A turn of the event loop first collects its notifications and then delivers them one by one. The
+/// notification of a client's request may come before the port's. The request's send() then drops
+/// the input, QSerialPortPrivate::readNotification() reads nothing and reports a ReadError, and the
+/// error closes a healthy link. Disabling a notifier removes its pending notification. New input
+/// causes another notification in the next turn.
 void SerialLine::dropPendingNotifications()
 {
     const auto notifiers =

@@ -19,9 +19,9 @@ struct KernelOption
     int value;
 };
 
-// Replies leave without delay. The kernel probes a silent peer after 60 s and ends the connection
-// within four minutes. TCP_USER_TIMEOUT is not set: it also ends connections whose peer answers
-// every probe but does not read.
+// The kernel sends replies without delay. It probes a silent peer after 60 s and ends the
+// connection within four minutes. TCP_USER_TIMEOUT is not set, because it would also end the
+// connection of a peer that answers every probe but does not read.
 constexpr std::array<KernelOption, 5> clientOptions{{
     {IPPROTO_TCP, TCP_NODELAY, 1},
     {SOL_SOCKET, SO_KEEPALIVE, 1},
@@ -30,7 +30,7 @@ constexpr std::array<KernelOption, 5> clientOptions{{
     {IPPROTO_TCP, TCP_KEEPCNT, 9},
 }};
 
-// The replies to one batch usually fit: one allocation.
+// The replies to one batch usually fit, so they need one allocation.
 constexpr int usualBatchLength = 256;
 constexpr int sendRetryMs = 50;
 
@@ -39,7 +39,8 @@ bool isTemporary(int error)
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-/// The system has run out of memory or buffers. The kernel then still reports room to write.
+/// The system has run out of memory or buffers. The kernel still reports room to write, so a retry
+/// needs a pause.
 bool isShortage(int error)
 {
     return error == ENOBUFS || error == ENOMEM;
@@ -145,8 +146,8 @@ void ClientConnection::updateInterests()
     SocketPoller::Interests interests;
     interests.setFlag(SocketPoller::Readable, mayRead);
     interests.setFlag(SocketPoller::Writable, !m_unsent.isEmpty() && !m_sendingPaused);
-    // Without its events the connection would hang forever, so it ends. Later: this may be a call
-    // from drop() itself.
+    // Without its events the connection would hang forever, so drop it. Drop it later, because this
+    // call may come from drop() itself.
     if (!m_registration.setInterests(interests))
         QMetaObject::invokeMethod(this, &ClientConnection::drop, Qt::QueuedConnection);
 }
@@ -192,7 +193,7 @@ void ClientConnection::drop()
     emitEndedIfOver();
 }
 
-/// From the event loop: callers on the stack may still use the connection.
+/// Emits ended() from the event loop, because callers on the stack may still use the connection.
 void ClientConnection::emitEndedIfOver()
 {
     if (!m_inputEnded || m_holds > 0 || !m_unsent.isEmpty() || m_endReported)

@@ -14,18 +14,19 @@ constexpr int connectionQueueLength = 4096;
 constexpr int acceptRetryMs = 500;
 // As often as the kernel probes a silent peer.
 constexpr int silenceCheckMs = 20'000;
-// The kernel probes the window of a peer that does not read every two minutes at last. One answer
-// may get lost.
+// If a peer does not read, the kernel probes its window at growing intervals, up to two minutes.
+// The limit allows for one lost answer.
 constexpr int silenceLimitMs = 270'000;
-// Returning the memory of 10,000 clients at once takes the kernel 2 ms, so parts return earlier.
+// The kernel needs 2 ms to take back the memory of 10,000 clients at once. With this short delay it
+// takes back smaller parts.
 constexpr int memoryReturnMs = 20;
-// All other events come before the next connections.
+// After this many connections, the event loop first processes all other events.
 constexpr int acceptedPerTurn = 32;
 // For the serial port, its lock file and the start of a child process.
 constexpr rlim_t reservedDescriptors = 32;
 
-/// The greatest descriptor for a client. The kernel assigns the lowest free number, so a number
-/// shows how many are in use.
+/// The greatest descriptor for a client. The kernel assigns the lowest free number, so all numbers
+/// below a new descriptor are in use.
 int lastClientDescriptor()
 {
     rlimit limit{};
@@ -126,7 +127,7 @@ void ClientListener::onConnectionDestroyed()
         m_memoryReturn.start();
 }
 
-/// A client that leaves does not end the pause after an error: the error may persist.
+/// When a client leaves, the pause after an error continues, because the error may persist.
 void ClientListener::updateAccepting()
 {
     m_notifier->setEnabled(!m_isFull && !m_acceptRetry.isActive());

@@ -11,9 +11,9 @@ class ClientConnection;
 
 /// Listens for clients and accepts them. Owns all connections and the poller that they share.
 ///
-/// Keeps descriptors in reserve for the serial port and for child processes. Clients beyond that
-/// wait in the kernel's queue until another client leaves. After an error of accept() that is
-/// likely to persist, pauses before the next attempt.
+/// Keeps descriptors in reserve for the serial port and for child processes. If only these are
+/// left, new clients wait in the kernel's queue until another client leaves. After an error of
+/// accept() that is likely to persist, the listener pauses before the next attempt.
 class ClientListener : public QObject
 {
     Q_OBJECT
@@ -26,10 +26,10 @@ public:
     /// Listens on all addresses, IPv4 and IPv6. Returns false if the port is not available.
     bool listenOn(quint16 port);
 
-    /// The port that is listened on; 0 before listenOn().
+    /// The port of listenOn(); 0 before that call.
     quint16 port() const { return m_server.serverPort(); }
 
-    /// Serves a connection. Takes ownership of its `descriptor`.
+    /// Takes ownership of the connected socket `descriptor` and emits newConnection() for it.
     void addConnection(int descriptor);
 
 signals:
@@ -44,7 +44,7 @@ private:
     void shutDownSilentConnections();
 
     SocketPoller m_poller;
-    QTcpServer m_server; ///< Only listens: it would retry a failing accept() without a pause.
+    QTcpServer m_server; ///< Only listens, because it retries a failing accept() without a pause.
     std::unique_ptr<QSocketNotifier> m_notifier;
     QTimer m_acceptRetry; ///< Runs while accepting pauses after an error.
     QTimer m_memoryReturn;

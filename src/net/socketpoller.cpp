@@ -41,8 +41,8 @@ bool SocketPoller::Registration::setInterests(Interests interests)
 {
     if (interests == m_interests)
         return true;
-    // epoll reports a broken connection even to a socket without interests, again and again. Such a
-    // socket must leave the epoll set.
+    // epoll reports a broken connection again and again, even if the socket has no interests. A
+    // socket without interests must therefore leave the epoll set.
     int operation = EPOLL_CTL_MOD;
     if (m_interests == Nothing)
         operation = EPOLL_CTL_ADD;
@@ -78,7 +78,7 @@ void SocketPoller::dispatchBatch()
         dispatch(m_batch[static_cast<std::size_t>(m_next++)]);
 }
 
-/// After a failure of epoll_wait() the descriptor stays readable: without a pause the event loop
+/// After a failure of epoll_wait() the descriptor stays readable. Without a pause, the event loop
 /// would spin.
 void SocketPoller::pause()
 {
@@ -91,12 +91,12 @@ void SocketPoller::dispatch(const epoll_event &event)
     auto *registration = static_cast<Registration *>(event.data.ptr);
     if (registration == nullptr)
         return;
-    // A nested call may overwrite the event.
+    // A nested dispatchBatch() may overwrite the event.
     const quint32 events = event.events;
     Listener &listener = registration->m_listener;
     if ((events & writable) != 0 && registration->m_interests.testFlag(Writable))
         listener.onWritable();
-    // Last: onReadable() may pump events, and the registration may be gone afterwards.
+    // Call onReadable() last: it may pump events, and the registration may be gone afterwards.
     if ((events & readable) != 0 && registration->m_interests.testFlag(Readable))
         listener.onReadable();
 }

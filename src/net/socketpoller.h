@@ -8,11 +8,12 @@
 #include <memory>
 #include <sys/epoll.h>
 
-/// Reports to any number of sockets when they can be read and written. All sockets share one epoll
-/// descriptor, and the event loop watches only this descriptor, so idle sockets cost no time.
+/// Reports to any number of listeners when their sockets can be read and written. All sockets share
+/// one epoll descriptor, and the event loop watches only this descriptor, so idle sockets cost no
+/// time.
 ///
-/// A listener may pump events. It may add and remove sockets, including its own. The nested event
-/// loop then dispatches the rest of the batch.
+/// In onReadable(), a listener may pump events: the nested event loop dispatches the rest of the
+/// batch. A listener may add and remove sockets, in onReadable() also its own.
 class SocketPoller : public QObject
 {
     Q_OBJECT
@@ -25,7 +26,7 @@ public:
     };
     Q_DECLARE_FLAGS(Interests, Interest)
 
-    /// Receives the events that one socket registered for. A broken connection is readable and
+    /// Receives the events that one socket is registered for. A broken connection is readable and
     /// writable.
     class Listener
     {
@@ -37,8 +38,8 @@ public:
         ~Listener() = default;
     };
 
-    /// Connects a socket with its listener. `descriptor` must stay open as long as this object
-    /// exists.
+    /// Connects a socket with its listener. While this object exists, `descriptor` must stay open,
+    /// and `poller` and `listener` must exist.
     class Registration
     {
     public:
@@ -47,7 +48,7 @@ public:
         Q_DISABLE_COPY_MOVE(Registration)
 
         /// Replaces the events that the listener receives. Returns false and changes nothing if the
-        /// kernel has no memory.
+        /// kernel has no memory for them.
         bool setInterests(Interests interests);
 
     private:
@@ -59,11 +60,12 @@ public:
         Interests m_interests = Nothing;
     };
 
-    /// Aborts the process with a fatal log line if the kernel has no epoll descriptor left.
+    /// Aborts the process with a fatal log line if the kernel cannot create an epoll descriptor.
     explicit SocketPoller(QObject *parent);
 
 private:
-    /// Events of one turn of the event loop. Between two turns it serves timers and other events.
+    /// The most events that one turn of the event loop dispatches. Between two turns, the loop
+    /// serves timers and other events.
     static constexpr int batchSize = 128;
 
     void dispatchBatch();

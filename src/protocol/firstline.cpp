@@ -5,7 +5,7 @@ namespace {
 constexpr char tlsHandshake = 0x16;
 constexpr char tlsMajorVersion = 0x03;
 
-// Case matters in the version. A zero stands for any digit.
+// Case matters in the version. A zero matches any digit.
 constexpr std::string_view versionPattern = "HTTP/0.0";
 constexpr std::string_view methodPunctuation = "!#$%&'*+-.^_`|~";
 

@@ -8,18 +8,19 @@
 /// No client of the protocol begins with these. A web page can make its visitor's browser send them
 /// to any port, followed by lines that the page chooses.
 ///
-/// Keeps a few bytes of state and no text, so the line may have any length. Knows no socket.
+/// Keeps a few bytes of state and no text, so the line may have any length. Uses no socket.
 class FirstLine
 {
 public:
     enum class Protocol : std::uint8_t {
-        Undecided, ///< The bytes so far may still become one of the last two.
-        Gripper,   ///< Any other text, garbage too.
+        Undecided, ///< The line may still become Http or Tls.
+        Gripper,   ///< Any other text, also garbage.
         Http,      ///< "METHOD TARGET HTTP/n.n" and a line ending.
         Tls,       ///< A handshake record, which begins with 0x16 0x03.
     };
 
-    /// Reads the bytes that arrived next, up to the decision, and returns what is known then.
+    /// Reads the bytes that arrived next and returns the protocol. After a decision, reads nothing
+    /// and returns the same protocol.
     Protocol read(std::string_view bytes);
 
 private:

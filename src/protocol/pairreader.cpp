@@ -71,7 +71,7 @@ std::size_t PairReader::valueEnd(std::size_t begin) const
     return begin;
 }
 
-// Without a value the spaces after the name stay unread: they belong to the next pair.
+// If the pair has no value, the spaces after the name stay unread: they belong to the next pair.
 void PairReader::readValue(std::size_t begin, Pair &pair)
 {
     const std::size_t value = std::min(m_text.find_first_not_of(' ', begin), m_text.size());
@@ -81,9 +81,9 @@ void PairReader::readValue(std::size_t begin, Pair &pair)
     m_unread = hasValue ? end : begin;
 }
 
-// A space and one or two name characters before the removed pair are too short for a name. Together
-// with the text after the pair they may be one, so they become unread again. This overwrites the
-// name of the last pair in the gap, which is valid only until next().
+// One or two name characters before the removed pair are too short for a name. Together with the
+// text after the pair they may form a name, so these characters and the space before them become
+// unread again. They overwrite the name of the removed pair, which is valid only until next().
 void PairReader::unreadShortToken()
 {
     while (m_skippedEnd > 0 && m_text[m_skippedEnd - 1] == ' ')

@@ -12,8 +12,8 @@
 ///
 /// The reader removes each pair, which joins the text before and after it. From "SET POS 1000" it
 /// reads POS with the value 100. The rest is "SET0", which contains no pair. The reader ignores
-/// characters with code 3. Takes linear time and allocates once, for its copy of the text.
-/// Pumps no events.
+/// characters with code 3. It takes linear time and allocates once, for its copy of the text. It
+/// pumps no events.
 class PairReader
 {
 public:
@@ -39,7 +39,7 @@ private:
     void readValue(std::size_t begin, Pair &pair);
     void unreadShortToken();
 
-    // One buffer with a gap: the text that was skipped, the removed pairs, the unread text.
+    // The skipped text, then a gap with the removed pairs, then the unread text.
     std::string m_text;
     std::size_t m_skippedEnd = 0; ///< The end of the skipped text.
     std::size_t m_unread = 0;     ///< The start of the unread text.

@@ -15,14 +15,15 @@ constexpr std::size_t shortestName = 3;
 constexpr std::size_t longestName = 9;
 constexpr std::size_t longestValue = 3;
 
-// Replaces each character that is not ASCII. No request contains one, and no text contains this
-// byte.
+// Replaces each character that is not ASCII. No request contains such a character, and no other
+// character of the text becomes a zero byte.
 constexpr char foreignCharacter = '\0';
 
-// QString::toUpper() moves the rest of the text for every letter that becomes longer ("ß").
+// QString::toUpper() moves the rest of the text for every letter that becomes longer ("ß"), so
+// the scanner converts short pieces.
 constexpr int upperCaseChunk = 128;
 
-// The most that an idle client keeps: ordinary requests fit without another allocation.
+// An idle client keeps at most this memory. Ordinary requests fit without another allocation.
 constexpr std::size_t idleTextCapacity = 1024;
 constexpr std::size_t idleListCapacity = 64;
 
@@ -102,7 +103,8 @@ std::size_t beginningAtEndOf(std::string_view text)
     return 0;
 }
 
-// Reads the tokens of a line from its end to its start. Knows what the tokens read so far complete.
+// Reads the tokens of a line from its end to its start. Knows whether the tokens read so far can be
+// the rest of a SET.
 class LineTail
 {
 public:
@@ -119,7 +121,8 @@ public:
     }
 
 private:
-    // Whether the tokens read so far may follow a keyword, a value or a name. A SET needs a name.
+    // Whether the tokens read so far may follow a keyword, a value or a name. At first there are no
+    // tokens: they cannot follow a keyword, because a SET needs a name.
     bool m_afterKeyword = false;
     bool m_afterValue = true;
     bool m_afterName = true;
@@ -159,8 +162,8 @@ void RequestScanner::append(const char *data, std::size_t size)
     std::transform(added, added + read.size(), added, toUpperAscii);
 }
 
-// The upper case of some other letters is ASCII ("ß" becomes "SS"), and decoding removes a byte
-// order mark. These reads need the complete conversion.
+// A read that is not ASCII needs the complete conversion: the upper case of some letters is ASCII
+// ("ß" becomes "SS"), and decoding removes a byte order mark.
 void RequestScanner::appendDecoded(std::string_view read)
 {
     const QString text = QString::fromUtf8(read.data(), static_cast<int>(read.size()));

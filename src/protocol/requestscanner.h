@@ -41,29 +41,29 @@ struct Request
 
 /// Holds the text that one client has sent and cuts requests out of it. A request may start
 /// anywhere. The scanner cuts the request that starts first and drops the text before it. A request
-/// is, byte for byte, what one of these patterns matches:
+/// is exactly the text that one of these patterns matches:
 ///
 ///     GET "GET (?<variable>[\w_]{3})[ ]*(?<return>[\r\n])*"
 ///     SET "SET([ ]+([\w_]{3,9})([ ]+[-\d]{1,3})?)+[ ]*(?<return>[\r\n]+)"
 ///
 /// The scanner does not run these patterns. Three digits can be a name or a value, and a matcher
 /// that tries both needs exponential time. The scanner takes linear time and keeps only text that
-/// can still become a request. It knows no socket and pumps no events. Bytes may be appended before
-/// all requests are taken.
+/// can still become a request. It uses no socket and pumps no events. The caller may append bytes
+/// before it has taken all requests.
 class RequestScanner
 {
 public:
-    /// The greatest length of a SET before its line ending, in bytes. Longer SETs are garbage. A
-    /// client that never ends its line cannot make the daemon keep more.
+    /// The greatest length of a SET before its line ending, in bytes. The scanner drops longer
+    /// SETs, so a client that never ends its line cannot fill the memory.
     static constexpr std::size_t maxRequestLength = std::size_t(1024) * 1024;
 
-    /// Adds the bytes of one read up to the first zero byte. Decodes them as UTF-8 and converts
-    /// them to upper case. Each read is decoded on its own, so a character that two reads share is
-    /// lost.
+    /// Adds the bytes of one read up to the first zero byte, and drops the others. Decodes them as
+    /// UTF-8 and converts them to upper case. Each read is decoded separately, so a character that
+    /// two reads share is lost.
     void append(const char *data, std::size_t size);
 
-    /// Cuts the next request into `request`. Returns false if the text contains no complete
-    /// request. Then `request` is unchanged, and text that cannot become a request is dropped.
+    /// Moves the next request from the text to `request`. If the text contains no complete request,
+    /// drops the text that cannot become one, leaves `request` unchanged and returns false.
     bool takeNext(Request &request);
 
     /// Bytes of text that wait for takeNext() or for more text.
@@ -75,8 +75,8 @@ private:
     static constexpr Position none = std::numeric_limits<Position>::max();
 
     /// Reads a line byte by byte and knows the start of the earliest SET that a line ending can
-    /// still complete. Two positions are enough: after its first name every SET accepts the same
-    /// text, so only the earliest of them matters.
+    /// still complete. Two positions are enough. All SETs that have a name accept the same further
+    /// text, so only the earliest of these matters. At most one SET waits for its first name.
     class OpenSets
     {
     public:
@@ -84,7 +84,7 @@ private:
         void reset();
         /// Drops the open SETs. The current token continues.
         void dropSets();
-        /// Reads the byte `c` at position `at`. `c` is no line ending.
+        /// Reads the byte `c` at position `at`. `c` must not be a line ending.
         void read(char c, Position at);
         /// Whether no SET is open and no keyword has begun. Bytes up to the next "S" may then be
         /// skipped.
@@ -104,7 +104,7 @@ private:
         std::size_t m_tokenLength = 0;
         bool m_onlyNameCharacters = true;
         bool m_onlyValueCharacters = true;
-        std::size_t m_keywordLength = 0; ///< The last bytes are this much of "SET".
+        std::size_t m_keywordLength = 0; ///< The text read ends with this many bytes of "SET".
     };
 
     void appendDecoded(std::string_view read);

@@ -17,7 +17,7 @@ struct GetSources
 
 /// Where the value of a GET comes from.
 enum class ValueSource {
-    Gripper,  ///< The input image, as read on the last visit.
+    Gripper,  ///< The input image, as the state loop last read it.
     Request,  ///< The output image, as clients last set it.
     Identity, ///< The identity cache. While it is empty, the GET reads the device.
     Daemon,   ///< The state of the daemon.
@@ -33,7 +33,7 @@ struct GetVariable
     std::string_view meaning; ///< One sentence.
     void (*appendValue)(const GetSources &from, std::string &reply);
 
-    /// Whether the reply is "?" without a selected gripper.
+    /// Whether the reply is "?" if the client's selected id has no gripper.
     constexpr bool needsGripper() const
     {
         return source == ValueSource::Gripper || source == ValueSource::Request || mayWait();

@@ -30,7 +30,7 @@ void RequestTurns::start(const Batch &batch)
 
 void RequestTurns::process(const Batch &batch, std::size_t share)
 {
-    // The client and its buffer must outlive the batch.
+    // The client and its buffer must outlive this call.
     batch.client->hold();
     ++m_depth;
     if (batch.request)
@@ -53,7 +53,7 @@ void RequestTurns::processBuffer(const Batch &batch, std::size_t share)
         }
         const bool hasWaited = m_handler.processRequest(client, request, batch.gripper);
         done += hasWaited ? share : request.text.size();
-        // Inside the request another batch of this client may have been queued.
+        // If the request pumped events, another batch of this client may be queued already.
         if (done >= share && batch.buffer->bytesKept() > 0 && !client->isPaused())
             m_unfinished.enqueue({client, batch.buffer, batch.gripper, std::nullopt});
     }

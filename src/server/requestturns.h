@@ -7,11 +7,11 @@
 /// Decides when each request is processed, so that no client keeps the others waiting:
 ///
 /// - The first 256 bytes of a batch are processed at once. The rest follows in shares of 4 KiB, one
-///   share of one client on each turn of the event loop. A request that may wait is a whole share.
-/// - Requests that wait on the bus run inside each other's waits, at most `nestingLimit` deep.
-///   Beyond that, and while the handler allows no nesting, a request that may wait is postponed,
-///   and with it all later requests of its client. Postponed requests run one after another, in
-///   order of arrival.
+///   share of one client on each turn of the event loop. A request that may wait ends its share.
+/// - Requests that wait on the bus run inside each other's waits, at most `nestingLimit` deep. At
+///   this depth, or while the handler allows no nesting, a request that may wait is postponed. All
+///   later requests of its client are postponed with it. Postponed requests run one after another,
+///   in order of arrival.
 class RequestTurns
 {
 public:
@@ -27,8 +27,9 @@ public:
         virtual bool processRequest(ClientConnection *client, const Request &request,
                                     const QSharedPointer<KvPelloGripper> &gripper) = 0;
 
-        /// Whether a request that may wait may run inside another one's wait now. If this is false,
-        /// a request is running, and it becomes true before the end of that request.
+        /// Whether a request that may wait may now run inside the wait of another request. If the
+        /// result is false, a request is running. The result is true again before that request
+        /// ends.
         virtual bool mayNest() const = 0;
 
     protected:
@@ -53,7 +54,7 @@ private:
 
     Handler &m_handler;
     TurnQueue m_unfinished; ///< Batches whose earlier shares have been processed.
-    TurnQueue m_postponed;  ///< Batches whose next request would nest too deep.
-    int m_depth = 0;        ///< Batches on the stack.
+    TurnQueue m_postponed;  ///< Batches whose next request is postponed.
+    int m_depth = 0;        ///< The number of batches on the stack.
     bool m_isResuming = false;
 };

@@ -27,8 +27,9 @@ void write(ClientConnection *client, std::string_view reply)
         client->addReply(reply);
 }
 
-/// Reads the rest of the line that ends before `rest`, at most `lineRest` bytes, and returns its
-/// length. Otherwise the reply to a GET could lack its line ending, which came with the next read.
+/// Reads the rest of the line that began before `rest`, at most `lineRest` bytes, and returns its
+/// length. If the line ending of a GET came with the next read, the reply would have no line
+/// ending.
 std::size_t readToLineEnd(ClientConnection *client, char *rest)
 {
     const auto isLineEnd = [](char c) { return c == '\n' || c == '\r'; };
@@ -38,9 +39,9 @@ std::size_t readToLineEnd(ClientConnection *client, char *rest)
     return static_cast<std::size_t>(end - rest);
 }
 
-/// Call before a pair that may wait on the bus or block. Replies to earlier requests leave first.
-/// Before the second such pair of a request, all other clients and the state loop get a turn.
-/// Returns false if the daemon quits, so that the pair must not begin.
+/// Call before a pair that may wait on the bus or block. Sends the replies to earlier requests. If
+/// an earlier pair of the request may have waited, gives all other clients and the state loop a
+/// turn. Returns false if the daemon quits: then do not begin the pair.
 bool prepareToWait(ClientConnection *client, bool hasWaited)
 {
     if (client != nullptr)
@@ -92,8 +93,8 @@ void Server::onClientSocketConnection(ClientConnection *client)
 
 void Server::onClientSocketReadData(ClientConnection *client)
 {
-    // The second read of a batch may find the end of the client's side before the batch is
-    // processed.
+    // readToLineEnd() may find the end of the client's side before the batch is processed. The
+    // client must outlive the batch.
     client->hold();
     readBatch(client);
     client->release();
@@ -101,7 +102,7 @@ void Server::onClientSocketReadData(ClientConnection *client)
 
 void Server::readBatch(ClientConnection *client)
 {
-    // The requests are copied before anything pumps events, so a nested call may use the array.
+    // append() copies the bytes before anything pumps events, so a nested call may use the array.
     static std::array<char, bytesPerRead + lineRest> bytes;
     std::size_t count = client->read(bytes.data(), bytesPerRead);
     if (count == 0)
@@ -110,7 +111,7 @@ void Server::readBatch(ClientConnection *client)
         count += readToLineEnd(client, bytes.data() + bytesPerRead);
     const std::string_view received(bytes.data(), count);
     Input &input = bufferBySocket[client];
-    // Check before processing anything of this read. While the first line is undecided, earlier
+    // Check this read before its requests are processed. While the first line is undecided, earlier
     // reads contained no complete SET: a SET needs a line ending, and a line ending decides.
     const FirstLine::Protocol protocol = input.firstLine.read(received);
     if (protocol == FirstLine::Protocol::Http || protocol == FirstLine::Protocol::Tls) {
@@ -151,8 +152,8 @@ bool Server::mayWait(const Request &request, const Gripper &gripper) const
     return false;
 }
 
-/// Bytes between a reset and the search for the bootloader could reach the bootloader, which
-/// detects its baud rate by the first byte.
+/// During a jump, a request could send bytes between the reset and the search for the bootloader. A
+/// ROM bootloader detects its baud rate by the first byte.
 bool Server::mayNest() const
 {
     return !gripperList.isJumpRunning();

@@ -20,8 +20,8 @@ class ClientListener;
 /// A request may wait on the bus and pump events. Requests that arrive meanwhile, also from the
 /// same client, are processed inside the wait. `RequestTurns` limits how deep they nest.
 ///
-/// Closes a connection that begins with HTTP or TLS without processing anything of it: a web page
-/// can make a browser send requests to this port.
+/// Closes a connection that begins with HTTP or TLS and processes none of its SETs: a web page can
+/// make a browser send requests to this port.
 class Server : public QObject, public CommandSet, private RequestTurns::Handler
 {
     Q_OBJECT

@@ -61,8 +61,8 @@ Reply scanLater(const SetTarget &target)
     return std::nullopt;
 }
 
-/// The client still addresses the old id, and the reply does not depend on the move: the client
-/// selects the new id to see whether a gripper answers there.
+/// After the move, the client still addresses the old id. The reply does not depend on the success:
+/// the client selects the new id to see whether a gripper answers there.
 Reply moveGripper(const SetTarget &target)
 {
     target.gripperList.updateGripperSlaveId(static_cast<quint8>(target.selectedSlaveId),
@@ -71,7 +71,7 @@ Reply moveGripper(const SetTarget &target)
     return std::nullopt;
 }
 
-/// Selects the id also when no gripper has been found at it yet.
+/// Selects the id even if no gripper has been found at it yet.
 Reply selectGripper(const SetTarget &target)
 {
     const bool isDiscovered = target.gripperList.getDiscoveredSlaveIds().contains(target.value);

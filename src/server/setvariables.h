@@ -25,7 +25,7 @@ struct SetTarget
 struct SetVariable
 {
     std::string_view name;
-    bool needsGripper;        ///< Without a selected gripper the pair counts as unhandled.
+    bool needsGripper;        ///< If the selected id has no gripper, the pair counts as unhandled.
     bool mayWait;             ///< The action may wait on the bus, which pumps events, or block.
     std::string_view range;   ///< The values that have a meaning.
     std::string_view meaning; ///< One sentence.

@@ -18,7 +18,7 @@ void TurnQueue::enqueue(const Batch &batch)
     schedule();
 }
 
-/// Between two posted calls the event loop serves sockets and timers.
+/// Each turn is a posted call. Between two posted calls the event loop serves sockets and timers.
 void TurnQueue::schedule()
 {
     if (m_isScheduled || m_batches.isEmpty() || !m_mayRun())

@@ -18,13 +18,13 @@ struct Batch
     ClientConnection *client;
     RequestScanner *buffer; ///< The client's unread requests. Exists until the client ends.
     QSharedPointer<KvPelloGripper> gripper; ///< Null if no gripper was found at the client's id.
-    std::optional<Request> request;         ///< Comes before the requests in the buffer.
+    std::optional<Request> request;         ///< Runs before the requests in the buffer.
 };
 
 /// Batches that wait for a turn of the event loop, first come, first served. A turn runs one batch.
 ///
-/// While its batch waits, a client is held and paused, so that it stays and sends nothing that
-/// could overtake the batch.
+/// While a batch waits, the queue holds and pauses its client. The connection therefore stays, and
+/// no later request overtakes the batch.
 class TurnQueue : public QObject
 {
     Q_OBJECT
@@ -41,7 +41,7 @@ public:
 
     void enqueue(const Batch &batch);
 
-    /// Schedules a turn if a batch may run now. Must be called when the condition becomes true.
+    /// Schedules a turn if a batch may run now. Call it when the condition becomes true.
     void schedule();
 
 private:

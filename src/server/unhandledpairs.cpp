@@ -4,9 +4,9 @@
 
 namespace {
 
-// A request of thousands of unknown names would fill the disk with copies of itself.
+// The log of a request with thousands of unknown names would contain thousands of its copies.
 constexpr int loggedPairs = 100;
-// One bad client must not fill the disk with a single line.
+// A request may be 1 MiB long.
 constexpr int maxLineLength = 1000;
 
 QString cut(const QString &line)

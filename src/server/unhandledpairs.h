@@ -4,8 +4,9 @@
 
 #include <string_view>
 
-/// Logs the pairs of one SET request that nothing handles. Each of the first 100 has a line with
-/// the whole request, cut after 1,000 characters. At the end a line says how many more there were.
+/// Logs the pairs of one SET request that no handler accepts. Logs a line for each of the first
+/// 100, with the whole request, cut after 1,000 characters. The destructor logs the number of
+/// further pairs, if any.
 class UnhandledPairs
 {
 public:
