@@ -16,7 +16,7 @@ constexpr int throttledIntervalMs = 50;
 constexpr int fastIntervalMs = 5;
 constexpr int scanBackOffMs = 1000;
 // A gripper that returns later must not carry out an old command.
-constexpr int predecessorsLifetimeMs = 5000;
+constexpr int predecessorLifetimeMs = 5000;
 
 bool isSameDevice(const GripperList::Gripper &first, const GripperList::Gripper &second)
 {
@@ -305,8 +305,6 @@ bool GripperList::scanUndisturbed(const QString &portName)
     if (!m_modbus.isConnected())
         return true;
     expectReplacements();
-    if (m_predecessorsLifetime.hasExpired())
-        m_predecessors.clear();
     const unsigned int disturbances = m_scanDisturbances;
     const QVector<Gripper> found = KvPelloGripperFinder::instance()->scanPort(m_modbus);
     if (quitRequested())
@@ -329,12 +327,16 @@ void GripperList::updateEntry(quint8 slaveId, const QVector<Gripper> &found)
         if (gripper->getSlaveId() == slaveId)
             match = gripper;
     }
+    Gripper predecessor = m_grippers.value(slaveId);
     if (!match) {
+        if (predecessor)
+            keepPredecessor(slaveId, predecessor);
         removeGripper(slaveId);
         return;
     }
-    const Gripper removed = m_predecessors.take(slaveId);
-    const Gripper predecessor = m_grippers.value(slaveId, removed);
+    const Predecessor removed = m_predecessors.take(slaveId);
+    if (!predecessor && !removed.lifetime.hasExpired())
+        predecessor = removed.gripper;
     if (predecessor && isSameDevice(predecessor, match))
         match->copyUnacknowledgedFields(*predecessor);
     m_grippers.insert(slaveId, match);
@@ -349,8 +351,7 @@ void GripperList::expectReplacements()
 void GripperList::keepPredecessor(quint8 slaveId, const Gripper &gripper)
 {
     gripper->expectReplacement();
-    m_predecessors.insert(slaveId, gripper);
-    m_predecessorsLifetime.setRemainingTime(predecessorsLifetimeMs);
+    m_predecessors.insert(slaveId, {gripper, QDeadlineTimer(predecessorLifetimeMs)});
 }
 
 /// If this is the current gripper, the first gripper becomes the current one.

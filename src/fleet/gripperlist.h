@@ -165,6 +165,13 @@ private:
         Timeout = 3        ///< A gripper gave no answer, so the loop closed the link.
     };
 
+    /// A gripper that left the list, and how long its unacknowledged fields are still valid.
+    struct Predecessor
+    {
+        Gripper gripper;
+        QDeadlineTimer lifetime;
+    };
+
     bool isInBootloaderAfterLostAnswer(const Gripper &gripper);
     void jumpPendingToBootloader();
     void runStep();
@@ -188,8 +195,7 @@ private:
     QMap<quint8, Gripper> m_grippers;
     /// Grippers that left the list. A scan that finds them again soon copies the fields that
     /// clients have set and the device has not acknowledged.
-    QMap<quint8, Gripper> m_predecessors;
-    QDeadlineTimer m_predecessorsLifetime;
+    QMap<quint8, Predecessor> m_predecessors;
     /// The slave id of the gripper that is polled now. Not an iterator, because a scan may replace
     /// or remove every entry while a step waits.
     std::optional<quint8> m_currentSlaveId;

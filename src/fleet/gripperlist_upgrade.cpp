@@ -37,6 +37,8 @@ bool GripperList::jumpToBootloader(const Gripper &gripper)
     const QScopedValueRollback<bool> running(m_jumpRunning, true);
     // If this runs inside the wait of another operation, that operation needs the flag afterwards.
     const QScopedValueRollback<bool> busy(m_busy, true);
+    // A scan in whose waits the jump runs misses the other grippers.
+    ++m_scanDisturbances;
     if (isDeviceInBootloaderMode(gripper))
         return true;
     bool isInBootloader = hasStBootloader(gripper) ? gripper->jumpToStBootloader(jumpTimeoutMs)
@@ -61,13 +63,12 @@ bool GripperList::isInBootloaderAfterLostAnswer(const Gripper &gripper)
 
 bool GripperList::upgradeFirmware(const Gripper &gripper)
 {
-    // A running jump would open the port again while the program flashes.
+    // A jump that resumes later would open the port again while the program flashes.
     if (m_jumpRunning || !jumpToBootloader(gripper))
         return false;
     const ProductFamily *const family = productFamilyOf(gripper->getFirmwareVersion());
     if (family == nullptr)
         return false;
-    ++m_scanDisturbances;
     // The scan after the upgrade creates new objects.
     expectReplacements();
     m_modbus.disconnectFromDevice();

@@ -102,6 +102,40 @@ def test_before_the_link_is_closed_for_missing_answers(start_daemon, connect):
         wait_for_position(line, 9, 85)
 
 
+@pytest.mark.parametrize("moment", ["before", "during"])
+def test_around_a_scan_that_misses_the_gripper(found, line, connect, moment):
+    scanner, other = connect(), connect()
+    line.wait_for(lambda request: request.is_write(1000), 1)
+    silent = True
+    line[9].script = lambda request: b"" if silent and request.is_read(500) else None
+    mark = line.mark()
+    if moment == "before":
+        assert other.set("MUTE 1") == "ack"
+        line.wait_until_quiet()
+        assert other.set("POS 77") == "ack"
+    scanner.send("SET SCN_BLOCK\n")
+    if moment == "during":
+        line.wait_for(lambda request: request.slave == 2, 1, mark)
+        assert other.get("SID") == "[9]"
+        assert other.set("POS 77") == "ack"
+    assert scanner.receive(3, timeout=10.0) == b"ack"
+    silent = False
+    assert other.set("MUTE 0") == "ack"
+    wait_for_position(line, 9, 77)
+
+
+def test_a_jump_inside_a_scan_keeps_the_other_grippers_on_the_list(start_daemon, connect):
+    with benches(Bench, start_daemon, connect) as make:
+        bench = make("9=TA3-1.6.13", "4=TB1-1.4.3")
+        scanner, jumper = bench.connect(), bench.connect()
+        mark = bench.line.mark()
+        scanner.send("SET SCN_BLOCK\n")
+        bench.line.wait_for(lambda request: request.slave == 2, 1, mark)
+        assert jumper.set("BLD 1", timeout=20.0) == "ack"
+        assert scanner.receive(3, timeout=20.0) == b"ack"
+        assert jumper.get("SID") == "[4, 9]"
+
+
 def test_of_a_gripper_that_was_swapped_do_not_reach_the_other_one(start_daemon, connect):
     with Line(Slave(9, serial=42)) as line:
         daemon = start_daemon().wait_until_found(9)

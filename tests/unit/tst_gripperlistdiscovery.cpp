@@ -384,7 +384,7 @@ void tst_GripperList::gripperThatIsFoundAgainSoonKeepsUnsentFields()
     m_list->discoverState();
     QVERIFY(m_list->getDiscoveredSlaveIds().isEmpty());
     if (isTooLate)
-        m_list->m_predecessorsLifetime.setRemainingTime(0);
+        m_list->m_predecessors[9].lifetime.setRemainingTime(0);
     m_list->scan(line.path());
 
     QVERIFY(m_list->getGripperFromSlaveId(9));

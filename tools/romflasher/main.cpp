@@ -19,7 +19,7 @@ namespace flasher {
 
 namespace {
 
-// A scan that already runs gives the line back within this time.
+// Another program may still close the port.
 constexpr int lockWaitMs = 3000;
 // The daemon gives a gripper the same time to restart its firmware.
 constexpr unsigned long bootWaitMs = 3000;
