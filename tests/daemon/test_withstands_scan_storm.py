@@ -178,11 +178,10 @@ def restart_slowly(request):
 
 
 class Queue:
-    """Clients whose requests nest up to the limit. The requests beyond it wait for their turn.
+    """Clients that send a request which waits for the line, one after another.
 
-    Each request is a jump, which waits for the line and 35 ms for the gripper. The gripper is then
-    in its bootloader at once. The innermost request is a scan, so the others wait for most of a
-    second. The first jump after the scan closes the link; the next jumps need no reset.
+    Scans nest up to the limit. A jump waits for the gripper for 35 ms, and no other request that uses
+    the line begins meanwhile.
     """
 
     def __init__(self, line, daemon, connect):
@@ -194,22 +193,19 @@ class Queue:
         self.clients = []
         self.mark = daemon.mark()
 
-    @staticmethod
-    def request(number):
-        """Returns a request with an unknown name at both ends, so the log shows begin and end."""
-        waits = "SCN_BLOCK" if number == LIMIT - 1 else "BLD 1"
-        return f"SET XNB {number} {waits} XNB {number}\nGET VER\n"
-
     def replies(self):
         return {number: b"ackVER MZV-2.0.0\n" for number in range(len(self.clients))}
 
-    def send_all(self, count):
-        """Sends all requests, each after the daemon has read the former one."""
+    def send_all(self, pair, count):
+        """Sends all requests, each after the daemon has read the former one.
+
+        An unknown name at both ends lets the log show the begin and the end of each request.
+        """
         self.clients = [self.connect() for _ in range(count)]
         for client in self.clients:
             assert client.get("VER") == "MZV-2.0.0"
         for number in range(count):
-            self.send(number, self.request(number))
+            self.send(number, f"SET XNB {number} {pair} XNB {number}\nGET VER\n")
 
     def send(self, number, data):
         self.clients[number].send(data)
@@ -236,9 +232,6 @@ class Queue:
             most = max(most, len(under_way))
         return most
 
-    def numbers_that_wait(self):
-        return range(LIMIT, len(self.clients))
-
 
 @pytest.fixture
 def line():
@@ -252,77 +245,26 @@ def queue(line, start_daemon, connect):
     return Queue(line, start_daemon().wait_until_found(*GRIPPERS), connect)
 
 
-def test_requests_beyond_the_limit_wait_for_their_turn(queue, figure):
+def test_jumps_of_many_clients_run_one_after_another(queue, figure):
     count = effort(40, 200)
-    queue.send_all(count)
-    replies = Replies(queue.clients)
-    latencies = replies.take_all(queue.replies(), queue.prober, 30 + count)
+    queue.send_all("BLD 1", count)
+    latencies = Replies(queue.clients).take_all(queue.replies(), queue.prober, 30 + count)
     eventually(lambda: len(queue.logged()) == 2 * count)
-    assert queue.begun() == list(range(count))
-    assert [n for n in queue.ended() if n >= LIMIT] == list(queue.numbers_that_wait())
-    assert [n for n in replies.order if n >= LIMIT] == list(queue.numbers_that_wait())
-    assert queue.most_at_once() == LIMIT
+    assert queue.begun() == queue.ended() == list(range(count))
+    assert queue.most_at_once() == 1
     assert percentile(latencies, 0.95) < ANSWER_LIMIT
-    figure(
-        f"{count} requests, at most {queue.most_at_once()} nested, begun in their order; "
-        f"GET VER meanwhile {in_milliseconds(latencies)}"
-    )
-
-
-def test_later_requests_of_a_waiting_client_wait_too(queue):
-    queue.send_all(LIMIT + 4)
-    waiting = queue.numbers_that_wait()
-    for number in waiting:
-        queue.send(number, f"SET XLT {number}\n")
-    # The first client's request has begun, so its next request is answered at once.
-    queue.send(0, "SET XLT 0\n")
-    assert queue.clients[0].receive(14 + 3, ANSWER_LIMIT) == b"VER MZV-2.0.0\nack"
-    assert queue.logged("XLT") == [0]
-    assert queue.begun() == list(range(LIMIT)), "too late: they do not wait any more"
-    replies = Replies(queue.clients)
-    # The first of these waits for the gripper. The daemon answers its next requests meanwhile.
-    in_the_wait = {LIMIT: b"VER MZV-2.0.0\nackack"}
-    after_it = {number: b"ackVER MZV-2.0.0\nack" for number in waiting}
-    replies.take_all({**after_it, **in_the_wait}, queue.prober, 30)
-    names = [
-        re.search(r"(XNB|XLT) (\d+)", text).groups()
-        for text in queue.daemon.messages(queue.mark)
-        if "UNHANDLED" in text
-    ]
-    for number in waiting:
-        assert names.index(("XNB", str(number))) < names.index(("XLT", str(number)))
-
-
-def test_clients_that_vanish_while_they_wait_do_no_harm(queue, line):
-    before = len(queue.daemon.descriptors())
-    count = LIMIT + 8
-    queue.send_all(count)
-    queue.clients[LIMIT + 2].half_close()
-    vanished = (LIMIT, LIMIT + 3, LIMIT + 4, count - 1)
-    for number in vanished[::2]:
-        queue.clients[number].close()
-    for number in vanished[1::2]:
-        queue.clients[number].reset()
-    assert queue.begun() == list(range(LIMIT)), "too late: they do not wait any more"
-    replies = Replies(queue.clients)
-    replies.ended.update(vanished)
-    wanted = {n: reply for n, reply in queue.replies().items() if n not in vanished}
-    replies.take_all(wanted, queue.prober, 30)
-    # The daemon also carries out the requests of vanished clients.
-    eventually(lambda: len(queue.logged()) == 2 * count)
-    assert queue.begun() == list(range(count))
-    for client in queue.clients:
-        client.close()
-    assert queue.prober.set("MUTE 0") == "ack"
-    line.wait_until_polled(9, 2)
-    eventually(lambda: len(queue.daemon.descriptors()) == before)
+    figure(f"{count} jumps; GET VER meanwhile {in_milliseconds(latencies)}")
 
 
 def test_quitting_is_immediate_while_hundreds_wait(queue, figure):
-    queue.send_all(effort(200, 800))
+    queue.send_all("SCN_BLOCK", effort(200, 800))
+    # Some of the clients that wait for their turn vanish.
+    queue.clients[LIMIT].close()
+    queue.clients[LIMIT + 1].reset()
+    queue.clients[LIMIT + 2].half_close()
+    assert queue.prober.get("VER") == "MZV-2.0.0"
     status, seconds = queue.daemon.stop()
-    begun = len(queue.begun())
     assert status == 0
     assert seconds < QUIT_LIMIT
-    assert begun < len(queue.clients), "all requests had begun"
-    figure(f"{len(queue.clients)} requests, {begun} of them begun: quit within {seconds * 1000:.0f} ms")
+    assert queue.begun() == list(range(LIMIT))
+    figure(f"{len(queue.clients)} requests, {LIMIT} of them begun: quit within {seconds * 1000:.0f} ms")
