@@ -4,7 +4,6 @@ import os
 import signal
 import time
 
-import pytest
 from harness import modbus
 from harness.line import Line, Slave
 from harness.waiting import eventually
@@ -22,17 +21,6 @@ def test_probes_9_2_3_4_in_this_order_and_no_other(start_daemon):
         assert [r.slave for r in line.since(0)] == [9, 2, 3, 4]
         line.wait_for(is_probe, 8)
         assert {r.slave for r in line.since(0)} == {9, 2, 3, 4}
-
-
-def test_a_gripper_at_id_5_is_never_found(start_daemon, connect):
-    with Line(Slave(5), Slave(2)) as line:
-        start_daemon().wait_until_found(2)
-        client = connect()
-        assert client.get("SID") == "[2]"
-        assert client.set("SCN_BLOCK") == "ack"
-        assert client.get("SID") == "[2]"
-        assert client.set("SID 5") == "nak"
-        assert line.since(0, lambda r: r.slave == 5) == []
 
 
 def test_logs_the_port_and_then_the_ids(start_daemon):
@@ -86,15 +74,6 @@ def test_status_is_scanning_until_the_first_gripper_is_found(start_daemon, conne
         line[9].listening = True
         daemon.wait_until_found(9)
         eventually(lambda: client.get("DRI") == "RUNNING")
-
-
-def test_a_port_that_appears_later_is_found(start_daemon, connect):
-    daemon = start_daemon()
-    daemon.wait_for_line("availablePorts")
-    assert connect().get("SID") == "[]"
-    with Line(Slave(9)):
-        daemon.wait_until_found(9)
-        assert connect().get("FWV") == "TA3-1.6.14"
 
 
 def test_a_path_that_is_not_a_serial_port_is_skipped(start_daemon, connect):
@@ -204,13 +183,3 @@ def test_unread_input_in_the_kernel_is_discarded_before_a_request(found, line, c
         line.wait_until_polled(9)
         assert client.get("POS") == "100"
     assert [m for m in found.messages() if "fail counter" in m] == []
-
-
-@pytest.mark.parametrize("rounds", [4])
-def test_repeated_scans_leak_nothing(found, line, connect, rounds):
-    client = connect()
-    assert client.set("SCN_BLOCK") == "ack"
-    before = found.descriptors()
-    for _ in range(rounds):
-        assert client.set("SCN_BLOCK") == "ack"
-    assert len(found.descriptors()) == len(before)

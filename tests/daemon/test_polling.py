@@ -143,15 +143,6 @@ def test_deactivating_is_written_even_if_nothing_changes(found, line, connect):
     assert [r.values[0] for r in line.since(mark, lambda r: r.is_write())] == [0]
 
 
-def test_discovery_does_not_change_what_an_active_gripper_does(start_daemon):
-    busy = Slave(9)
-    busy.put(2000, 0x3900, 200, 0)
-    with Line(busy) as line:
-        start_daemon().wait_until_found(9)
-        written = line.wait_for(lambda r: r.is_write())[0]
-    assert written.values == [0x0900, 200, 0]
-
-
 def test_a_failed_write_is_repeated_within_its_tick(found, line, connect):
     settle(line, 9)
     failures = [2]

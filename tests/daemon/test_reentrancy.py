@@ -1,7 +1,5 @@
 """Requests that arrive while another request waits for the line."""
 
-import time
-
 from harness.waiting import eventually
 
 
@@ -30,12 +28,6 @@ def test_other_clients_are_answered_during_a_scan(found, line, connect):
     assert other.get("DRI", timeout=0.5) == "SCANNING"
     assert other.set("XYZ 1", timeout=0.5) == "ack"
     assert client.receive(3) == b"ack"
-
-
-def test_requests_after_a_scan_in_its_packet_are_answered_after_it(found, line, connect):
-    client = connect()
-    client.send("SET SCN_BLOCK\nGET VER\n")
-    assert client.receive(3 + 14) == b"ackVER MZV-2.0.0\n"
 
 
 def test_a_scan_within_a_scan_of_the_same_client_is_carried_out(found, line, connect):
@@ -126,28 +118,9 @@ def test_clients_that_vanish_within_nested_scans_leave_no_trace(found, line, con
     eventually(lambda: len(found.descriptors()) == len(before))
 
 
-def test_a_half_closed_client_gets_the_ack_of_its_own_scan(found, line, connect):
-    client = connect()
-    start_blocking_scan(line, client)
-    client.half_close()
-    assert client.receive_to_end(10) == b"ack"
-
-
 def test_a_half_closed_client_gets_the_replies_of_all_that_it_sent(found, line, connect):
     for _ in range(20):
         client = connect()
         client.send("GET VER\n" * 50 + "SET XYZ 1\n")
         client.half_close()
         assert client.receive_to_end() == b"VER MZV-2.0.0\n" * 50 + b"ack"
-
-
-def test_ticks_continue_after_many_scans(found, line, connect):
-    clients = [connect() for _ in range(5)]
-    for client in clients:
-        client.send("SET SCN_BLOCK\n")
-    for client in clients:
-        assert client.receive(3, timeout=15) == b"ack"
-    started = time.monotonic()
-    line.wait_until_polled(9, 5)
-    assert time.monotonic() - started < 2.0
-    assert clients[0].get("DRI") == "RUNNING"

@@ -106,19 +106,6 @@ def test_the_daemon_survives_chatter_on_the_line(found, line, connect, figure):
     figure(f"{bursts} bursts of chatter, {visits} visits, {share * 100:.1f} % of a core")
 
 
-def test_a_scan_finds_a_gripper_that_replaces_one_of_the_same_id(start_daemon, connect):
-    with Line(Slave(9, serial=1, year=2020)) as line:
-        start_daemon().wait_until_found(9)
-        client = connect()
-        assert client.get("PYE") == "2020"
-        line.slaves[9] = Slave(9, serial=2, year=2024)
-        line[9].put(2002, 0x3200)
-        eventually(lambda: client.get("POS") == "50")
-        assert client.set("SCN_BLOCK") == "ack"
-        # The next batch addresses the gripper that the scan has found.
-        assert client.get("PYE") == "2024"
-
-
 def test_a_second_daemon_started_by_mistake_does_not_disturb_the_first(found, line, connect, tmp_path):
     mark = line.mark()
     for _ in range(effort(3, 50)):

@@ -13,6 +13,7 @@ from harness.load import (
     VISITS_USUAL,
     WORST_LIMIT,
     Bystander,
+    Memory,
     Visits,
     log_bytes,
 )
@@ -25,6 +26,7 @@ ROUNDS = effort(5, 100)
 SECONDS = 1.5
 # The bytes of log in one round: a hundred lines of a thousand characters, and some more.
 LOG_LIMIT = 150_000
+GROWTH_LIMIT_KIB = 64_000
 
 MEBIBYTE = 1 << 20
 MEGABYTE_OF_SET = ("SET AAA" + " 111" * 250_000)[:999_999]
@@ -139,10 +141,14 @@ def test_a_valid_set_of_20000_names_is_carried_out(
     attack(found, line, connect, figure, once, VISITS_BESIDE_WRITES)
 
 
-def test_a_set_of_20000_unknown_names_is_logged_once_in_short(found, line, connect):
+def test_a_set_of_20000_unknown_names_is_logged_in_short_and_costs_no_memory(
+    found, line, connect
+):
     client, mark, request = connect(timeout=20), found.mark(), UNKNOWN_NAMES.format(1)
+    memory = Memory(found)
     client.send(request)
     assert client.receive(3) == b"ack"
+    assert memory.growth_kib() < GROWTH_LIMIT_KIB
     whole = 'SET UNHANDLED REQUEST : "' + request.replace("\n", '\\n"')
     cut = f"{whole[:1000]}... ({len(whole) - 1000} more characters)"
     logged = [text for text in found.messages(mark) if text.startswith("SET UNHANDLED")]
