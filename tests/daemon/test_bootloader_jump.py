@@ -32,11 +32,6 @@ class JumpBench(Bench):
         pairs = zip(self.line.foreign[since:], self.line.foreign_rates[since:])
         return [(data[n : n + 1], rate) for data, rate in pairs for n in range(len(data))]
 
-    def state(self, slave_id):
-        shown = next(s for s in self.line.command("show") if s.startswith(f"gripper {slave_id} "))
-        last = shown.split()[-1]
-        return "firmware" if "=" in last else last
-
 
 @pytest.fixture
 def make_bench(start_daemon, connect):
@@ -60,7 +55,7 @@ def test_jumps_into_the_bootloader_of_the_family(make_bench, gripper, word, rate
     assert bench.jump() == "ack"
     assert bench.resets() == [(9, [word])]
     assert set(bench.sync_bytes()) == {(SYNC, rate)}
-    assert bench.state(9) == "bootloader"
+    assert bench.line.state_of(9) == "bootloader"
     # The link is closed, and polling is muted.
     assert not any("/dev/pts/" in name for name in bench.daemon.descriptors())
     bench.line.command("restart 9")
@@ -73,7 +68,7 @@ def test_a_jump_mutes_polling_by_itself(make_bench):
     bench = make_bench()
     assert bench.jump() == "ack"
     bench.line.command("restart 9")
-    eventually(lambda: bench.state(9) == "firmware")
+    eventually(lambda: bench.line.state_of(9) == "firmware")
     time.sleep(0.1)
     assert polls_nothing(bench.line, 1.0)
 
@@ -95,7 +90,7 @@ def test_the_first_reset_value_of_the_process_is_used_for_all_families(make_benc
     bench.silence()
     assert bench.jump() == "ack"
     bench.line.command("restart 9")
-    eventually(lambda: bench.state(9) == "firmware")
+    eventually(lambda: bench.line.state_of(9) == "firmware")
     assert bench.client.set("MUTE 0") == "ack"
     bench.daemon.wait_until_found(2, 9, since=bench.daemon.mark())
     assert bench.client.set("SID 2") == "ack"
@@ -149,7 +144,7 @@ def test_after_a_refused_reset_the_daemon_searches_and_the_link_stays_open(make_
     assert bench.jump() == "nak"
     assert bench.resets() == [(9, [ROM])]
     assert bench.sync_bytes() == [(SYNC, 19200)] * 51
-    assert bench.state(9) == "firmware"
+    assert bench.line.state_of(9) == "firmware"
     # The link is open, but polling is muted.
     assert polls_nothing(bench.line, 0.5)
     mark = bench.daemon.mark()
@@ -165,7 +160,7 @@ def test_a_jump_whose_answer_is_lost_is_acknowledged(make_bench, fault):
     bench.line.command(f"fault 9 {fault} on 400")
     assert bench.jump() == "ack"
     assert bench.resets() == [(9, [ROM])]
-    assert bench.state(9) == "bootloader"
+    assert bench.line.state_of(9) == "bootloader"
     assert not any("/dev/pts/" in name for name in bench.daemon.descriptors())
     bench.line.command("restart 9")
     assert bench.client.set("MUTE 0") == "ack"

@@ -3,20 +3,8 @@
 import time
 
 import pytest
-from harness.line import Line, Slave
 
 VERSION = b"MZV-2.0.0"
-
-
-@pytest.fixture(scope="module")
-def module_line():
-    with Line(Slave(9), Slave(2, "TE1-2.0.2")) as line:
-        yield line
-
-
-@pytest.fixture(scope="module")
-def daemon(module_line, start_module_daemon):
-    return start_module_daemon().wait_until_found(9, 2)
 
 
 @pytest.fixture

@@ -1,7 +1,6 @@
 """Every row of the SET variables, checked in the registers of the gripper."""
 
 import pytest
-from harness.line import Line, Slave
 from harness.waiting import eventually
 
 BASELINE = (
@@ -44,17 +43,6 @@ CLEARED_BY_ZERO = ["GTO", "ATR", "ARD", "LBP", "LGN", "LRD", "LBL"]
 
 GRIPPER_NAMES = ["ACT", "MOD", "GTO", "ATR", "ARD", "LBP", "LGN", "LRD", "LBL", "MSC", "POS"]
 GRIPPER_NAMES += ["SPE", "FOR", "UPG", "BLD"]
-
-
-@pytest.fixture(scope="module")
-def grippers():
-    with Line(Slave(9), Slave(2, "TE1-2.0.2")) as line:
-        yield line
-
-
-@pytest.fixture(scope="module")
-def daemon(grippers, start_module_daemon):
-    return start_module_daemon().wait_until_found(9, 2)
 
 
 @pytest.fixture

@@ -7,17 +7,10 @@ import time
 
 import pytest
 from harness import modbus
-from harness.line import Line
-from harness.moving import RESTART, SETTINGS, MovingSlave, quiet_client
+from harness.moving import RESTART, SETTINGS, MovingSlave, line, quiet_client
 
 MOVED = "update slave id from  9  to  2"
 FAILED = "fail to update slave id from  9  to  2"
-
-
-@pytest.fixture
-def line():
-    with Line(MovingSlave(9)) as plugged:
-        yield plugged
 
 
 @pytest.fixture

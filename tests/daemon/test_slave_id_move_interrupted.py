@@ -3,16 +3,10 @@
 import time
 
 import pytest
-from harness.line import Line, Slave
-from harness.moving import MovingSlave, quiet_client
+from harness.line import Slave
+from harness.moving import line, quiet_client
 
 MOVED = "update slave id from  9  to  2"
-
-
-@pytest.fixture
-def line():
-    with Line(MovingSlave(9)) as plugged:
-        yield plugged
 
 
 def start_move(line, client, pairs="NID 2"):

@@ -76,10 +76,10 @@ def simulated():
 
 def find_again(daemon, line):
     """Plugs the line in again, so the daemon opens a port and runs fuser."""
-    line.command("unplug")
+    line.unplug()
     mark = daemon.mark()
     daemon.wait_for_line("availablePorts", mark)
-    line.command("plug")
+    line.plug()
     daemon.wait_until_found(9, since=mark)
     codes = [m.split()[3] for m in daemon.messages(mark) if m.startswith("Info: error : ")]
     # There is no local fuser (-2), and the system's fuser finds no user of the port (1).

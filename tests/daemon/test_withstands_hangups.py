@@ -5,15 +5,12 @@ from harness.effort import effort
 from harness.hangups import GONE, HangUps
 from harness.waiting import eventually
 
-
-@pytest.fixture
-def line(module_line):
-    return module_line
+SHARES_DAEMON = True
 
 
 @pytest.fixture
-def hang_ups(module_found, line):
-    return HangUps(module_found, line)
+def hang_ups(found, line):
+    return HangUps(found, line)
 
 
 def is_read(number):

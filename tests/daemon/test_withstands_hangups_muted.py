@@ -7,32 +7,17 @@ from harness.hangups import HangUps
 from harness.line import Line
 from harness.moving import SETTINGS, MovingSlave, quiet_client
 from harness.simulator import Simulator
+from harness.upgrades import polls_nothing
 from harness.waiting import eventually
 
 
-class PluggableSimulator(Simulator):
-    """A simulator with the methods of the scripted line."""
-
-    def unplug(self):
-        self.command("unplug")
-
-    def plug(self):
-        self.command("plug")
-
-
-def is_quiet(line):
-    mark = line.mark()
-    time.sleep(0.05)
-    return line.mark() == mark
-
-
 def test_while_it_is_idle(start_daemon, connect, figure):
-    with PluggableSimulator("9=TA3-1.6.14") as line:
+    with Simulator("9=TA3-1.6.14") as line:
         hang_ups = HangUps(start_daemon().wait_until_found(9), line)
         client = connect()
         for _ in range(effort(5, 250)):
             assert client.set("MUTE 1") == "ack"
-            eventually(lambda: is_quiet(line), what="silence on the line")
+            eventually(lambda: polls_nothing(line, 0.05), what="silence on the line")
             with hang_ups.unplugged():
                 pass
             assert client.set("MUTE 0") == "ack"

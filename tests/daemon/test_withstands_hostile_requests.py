@@ -20,6 +20,7 @@ from harness.load import (
 from harness.waiting import eventually
 
 FLOODS = True
+SHARES_DAEMON = True
 
 ROUNDS = effort(5, 100)
 # Long enough for the observers to measure the attack.
@@ -34,16 +35,6 @@ KNOWN_PAIRS = "SET" + " POS 1 SPE 2 FOR 3 GTO 0" * 4_999 + " SPE 20 FOR 30 GTO 1
 UNKNOWN_NAMES = (
     "SET" + "".join(f" N{number:05}" for number in range(19_999)) + " SPE 40 POS {0}\n"
 )
-
-
-@pytest.fixture
-def line(module_line):
-    return module_line
-
-
-@pytest.fixture
-def found(module_found):
-    return module_found
 
 
 @pytest.fixture(autouse=True)

@@ -16,7 +16,7 @@ from harness.effort import LARGE, effort
 from harness.flashing import make_image
 from harness.line import Line, Slave
 from harness.moving import SETTINGS, MovingSlave
-from harness.ports import ENVIRONMENT, FakePorts, is_not_open
+from harness.ports import ENVIRONMENT, FakePorts, install_fuser, is_not_open
 from harness.simulator import Simulator
 from harness.upgrades import (
     children_of, is_alive, noted_process, put_flasher, put_real_flasher,
@@ -125,14 +125,12 @@ def silent_scan(stage):
 def hanging_fuser(stage):
     for slave in stage.line.slaves.values():
         slave.listening = False
-    program = stage.folder / "fuser"
-    program.write_text("#!/bin/sh\necho >running\nexec sleep 60\n")
-    program.chmod(0o755)
+    install_fuser(stage.folder, "echo >running; exec sleep 60")
     with FakePorts("ttyUSB0"):
         stage.start()
         eventually((stage.folder / "running").exists, what="the fuser")
     (stage.folder / "running").unlink()
-    program.unlink()
+    (stage.folder / "fuser").unlink()
 
 
 def polling(stage):

@@ -11,6 +11,7 @@ from harness.daemon import QUIT_LIMIT, SANITIZED
 from harness.effort import effort
 from harness.figures import percentile
 from harness.line import Line, Slave
+from harness.modbus import Request
 from harness.moving import quiet_client
 from harness.stalls import StallWatch
 from harness.waiting import eventually
@@ -87,12 +88,8 @@ def not_a_gripper(slave_id):
 def answer_slowly(slave_id):
     """Returns a slave that is slow enough for requests to arrive during its probe."""
     slave = Slave(slave_id)
-    slave.script = lambda r: [(0.02, slave.plain_answer(r))] if is_probe(r) else None
+    slave.script = lambda r: [(0.02, slave.plain_answer(r))] if r.is_probe() else None
     return slave
-
-
-def is_probe(request):
-    return request.is_read(500)
 
 
 class ShownGrippers:
@@ -143,7 +140,7 @@ def test_scans_of_many_clients_at_the_same_moment(start_daemon, connect, figure)
             disturber.send(f"SET THROTTLE {number % 2}\nSET MUTE {number % 2}\n")
             if number < INTO_A_PROBE:
                 asked = GRIPPERS[number % 3]
-                line.wait_for(lambda r, asked=asked: is_probe(r) and r.slave == asked, since=mark)
+                line.wait_for(lambda r, asked=asked: r.is_probe() and r.slave == asked, since=mark)
         disturber.send("SET MUTE 0\n")
         shown = ShownGrippers(prober)
         latencies = Replies(clients).take_all(
@@ -155,7 +152,7 @@ def test_scans_of_many_clients_at_the_same_moment(start_daemon, connect, figure)
         seconds = time.monotonic() - started
         shown.look()
         assert disturber.receive((2 * count + 1) * 3) == b"ack" * (2 * count + 1)
-        probed = [r.slave for r in line.since(line_mark, is_probe)]
+        probed = [r.slave for r in line.since(line_mark, Request.is_probe)]
         scans = sum("Connected serial port" in text for text in daemon.messages(log_mark))
         for slave_id in GRIPPERS:
             line.wait_until_polled(slave_id, 2)

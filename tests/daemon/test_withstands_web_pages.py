@@ -19,6 +19,7 @@ from harness.waiting import eventually
 
 # The browser keeps a processor busy.
 FLOODS = True
+SHARES_DAEMON = True
 
 PAGE_PORT = 8000
 COMMAND = "SET POS 114 SPE 77 FOR 66 GTO 1"
@@ -108,16 +109,6 @@ onload = () => setTimeout(() => {
 def page(attack, target):
     text = PAGE.replace("TARGET", f"{target}:{PORT}").replace("COMMAND", COMMAND)
     return text.replace("ATTACK", ATTACKS[attack][1])
-
-
-@pytest.fixture
-def line(module_line):
-    return module_line
-
-
-@pytest.fixture
-def found(module_found):
-    return module_found
 
 
 @pytest.fixture(scope="module")
