@@ -1,7 +1,7 @@
 """Fixtures of all daemon tests.
 
-The tests of one file share the port, the line and this process, and run one after another. ctest
-runs the files side by side, each in its own namespaces (scripts/isolated --net).
+The tests of one file run one after another and share the port and the line. ctest runs the files
+side by side. Each file has its own process and namespaces (scripts/isolated --net).
 """
 
 import contextlib
@@ -186,5 +186,5 @@ def grippers():
 
 @pytest.fixture(scope="module")
 def daemon(grippers, start_module_daemon):
-    """A daemon that has found the grippers of `grippers`."""
+    """A daemon on the line `grippers` that has found both."""
     return start_module_daemon().wait_until_found(9, 2)

@@ -25,7 +25,7 @@ class JumpBench(Bench):
         return [(r.slave, r.values) for r in self.line.since(self.mark, lambda r: r.is_write(400))]
 
     def sync_bytes(self):
-        """Returns (byte, rate) of all bytes that are not Modbus since the jump."""
+        """Returns (byte, rate) of all bytes since the jump that are not Modbus."""
         # The simulator answers after all trace lines that it has printed before.
         self.line.command("show")
         since = self.foreign_mark
@@ -172,7 +172,7 @@ def test_replies_of_other_clients_are_sent_before_detection_blocks(make_bench):
     bench.silence()
     bench.line.command("fault 9 silentBootloader always")
     for _ in range(2):
-        # Both requests reach the daemon while it waits for the answer of the reset.
+        # The requests of the others reach the daemon while it waits for the answer to the reset.
         others = [bench.connect() for _ in range(5)]
         bench.line.command("fault 9 late always 35 on 400")
         mark, foreign_mark = bench.line.mark(), len(bench.line.foreign)
@@ -191,6 +191,6 @@ def test_replies_of_other_clients_are_sent_before_detection_blocks(make_bench):
         bench.silence()
 
 
-def test_the_last_pair_that_decides_makes_the_reply(make_bench):
+def test_the_last_pair_with_a_verdict_decides_the_reply(make_bench):
     bench = make_bench()
     assert bench.client.set("MOD 2 BLD 1", timeout=15) == "ack"

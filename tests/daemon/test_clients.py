@@ -32,7 +32,7 @@ def test_replies_do_not_wait_for_acknowledgements(found, connect):
     for _ in range(100):
         assert client.get("VER") == "MZV-2.0.0"
         assert client.set("XYZ 1") == "ack"
-    # With a delay of small segments, each round takes 40 ms.
+    # If TCP delays small segments, each round takes 40 ms.
     assert time.monotonic() - started < 2.0
 
 

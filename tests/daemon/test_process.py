@@ -75,7 +75,7 @@ def assert_aborts(daemon):
         daemon.kill()
 
 
-def test_port_used_by_another_program_is_fatal_too(tmp_path):
+def test_a_port_in_use_is_a_fatal_line_and_an_abort(tmp_path):
     with socket.create_server(("127.0.0.1", PORT)):
         assert_aborts(Daemon(tmp_path))
 

@@ -109,7 +109,7 @@ def test_activation_with_a_value_of_zero_deactivates(client, grippers, zero):
         ("THROTTLE 1", "ack"),
     ],
 )
-def test_last_pair_that_decides_makes_the_reply(client, pairs, reply):
+def test_the_last_pair_with_a_verdict_decides_the_reply(client, pairs, reply):
     assert client.set(pairs) == reply
     client.send("GET PCO\n")
     assert client.receive_line() == b"PCO 0\n"

@@ -14,7 +14,7 @@ def start_move(line, client, pairs="NID 2"):
     mark = line.mark()
     client.send(f"SET {pairs}\n")
     line.wait_for(lambda r: r.is_write(430), since=mark)
-    # The answer must also arrive.
+    # The daemon must also receive the answer.
     time.sleep(0.1)
     return mark
 

@@ -52,7 +52,7 @@ def run(number, latency, grippers, counts):
     return latency, grippers, json.loads(output)
 
 
-def test_operations_at_random_moments(figure):
+def test_operations_at_random_moments_never_overlap(figure):
     with concurrent.futures.ThreadPoolExecutor(SIDE_BY_SIDE) as pool:
         runs = [pool.submit(run, number, *line) for number, line in enumerate(lines())]
     done, failed, stalled, requests = collections.Counter(), [], [], 0

@@ -18,7 +18,7 @@ GROWTH_LIMIT_KIB = (8 if SANITIZED else 2) * 1024
 
 
 @pytest.mark.parametrize("is_muted", [True, False], ids=["muted", "polled"])
-def test_a_line_full_of_chatter(line, start_daemon, connect, figure, is_muted):
+def test_chatter_costs_no_memory_and_does_not_stop_polling(line, start_daemon, connect, figure, is_muted):
     daemon = start_daemon(environment=SMALL_QUARANTINE).wait_until_found(9)
     client = quiet_client(line, connect)
     if not is_muted:

@@ -54,7 +54,7 @@ def settled(daemon):
     return eventually(one_client, what=daemon.descriptors)
 
 
-def test_connections_used_once_and_dropped(line, start_daemon, figure):
+def test_ended_connections_leak_nothing(line, start_daemon, figure):
     daemon = start_daemon(environment=SMALL_QUARANTINE).wait_until_found(9)
     with Bystander() as bystander:
         come_and_go(daemon, 10 * AT_A_TIME)

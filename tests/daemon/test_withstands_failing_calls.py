@@ -131,12 +131,12 @@ def disturbed(line, found, connect, tmp_path):
 
 
 @pytest.mark.parametrize("row", ONCE, ids=name_of)
-def test_a_call_that_fails_once(disturbed, row):
+def test_the_daemon_recovers_from_a_call_that_fails_once(disturbed, row):
     disturbed(row, lasting=False)
 
 
 @pytest.mark.parametrize("row", FOR_A_WHILE, ids=name_of)
-def test_a_call_that_fails_for_a_while(disturbed, figure, row):
+def test_the_daemon_recovers_from_a_call_that_fails_for_a_while(disturbed, figure, row):
     calls, share = disturbed(row, lasting=True)
     figure(f"{calls:.0f} failing calls a second, {share:.0%} of a processor")
     assert calls < CALLS_A_SECOND

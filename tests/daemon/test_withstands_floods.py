@@ -30,7 +30,9 @@ STREAMS = {
 
 
 @pytest.mark.parametrize("block", STREAMS.values(), ids=STREAMS.keys())
-def test_a_stream_without_a_request(line, start_daemon, connect, figure, block):
+def test_a_stream_without_a_request_costs_no_memory_and_delays_no_client(
+    line, start_daemon, connect, figure, block
+):
     daemon = start_daemon(environment=SMALL_QUARANTINE).wait_until_found(9)
     line.wait_for(lambda r: r.is_write(1000))
     client = connect(timeout=20)

@@ -56,7 +56,7 @@ def test_a_port_that_no_fuser_can_judge_is_not_free(
         assert client.get("SID") == "[9]"
 
 
-def test_a_fuser_that_hangs(start, connect, tmp_path, figure):
+def test_clients_are_answered_after_a_fuser_that_hangs(start, connect, tmp_path, figure):
     install_fuser(tmp_path, f"echo >running; sleep {HANG}; echo >over; exit 1")
     with FakePorts("ttyUSB0"), Line(Slave(9), link="/dev/ttyUSB0") as line:
         daemon = start()
@@ -79,7 +79,7 @@ def test_a_fuser_that_hangs(start, connect, tmp_path, figure):
         assert clients[0].get("DRI") == "RUNNING"
 
 
-def test_silent_ports(start, connect, tmp_path, figure):
+def test_clients_are_answered_during_a_scan_of_silent_ports(start, connect, tmp_path, figure):
     install_fuser(tmp_path, FREE)
     names = [f"ttyUSB{n}" for n in range(3)]
     with FakePorts(*names), Line() as tool:

@@ -11,7 +11,7 @@ from harness.upgrades import polls_nothing
 from harness.waiting import eventually
 
 
-def test_while_it_is_idle(start_daemon, connect, figure):
+def test_polling_returns_after_a_hangup_of_an_idle_line(start_daemon, connect, figure):
     with Simulator("9=TA3-1.6.14") as line:
         hang_ups = HangUps(start_daemon().wait_until_found(9), line)
         client = connect()
@@ -26,8 +26,8 @@ def test_while_it_is_idle(start_daemon, connect, figure):
         hang_ups.judge(figure)
 
 
-def test_in_a_slave_id_move(start_daemon, connect, figure):
-    """Hangs up in its first read, while the settings are stored, and during the restart."""
+def test_polling_returns_after_a_hangup_in_a_slave_id_move(start_daemon, connect, figure):
+    """The line hangs up in the first read, while the settings are stored, and during the restart."""
     moving = MovingSlave(9)
     with Line(moving) as line:
         hang_ups = HangUps(start_daemon().wait_until_found(9), line)

@@ -6,7 +6,6 @@ import pytest
 from harness.client import Client
 from harness.daemon import RELEASE
 from harness.effort import effort
-
 from harness.load import (
     SLOWNESS,
     VISITS_BESIDE_WRITES,
@@ -23,7 +22,7 @@ FLOODS = True
 SHARES_DAEMON = True
 
 ROUNDS = effort(5, 100)
-# Long enough for the observers to measure the attack.
+# The observers need this time to measure an attack.
 SECONDS = 1.5
 # The bytes of log in one round: a hundred lines of a thousand characters, and some more.
 LOG_LIMIT = 150_000

@@ -88,7 +88,7 @@ def make_bench(start_daemon, connect, tmp_path):
         yield make
 
 
-def test_during_their_scan(make_bench, figure):
+def test_clients_that_vanish_during_their_scan_leave_nothing(make_bench, figure):
     bench = make_bench()
     for number in range(effort(5, 200)):
 
@@ -112,7 +112,7 @@ def detection_started(bench):
 MOMENTS = (restart_requested, detection_started)
 
 
-def test_during_their_jump_to_the_bootloader(make_bench, figure):
+def test_clients_that_vanish_during_their_jump_to_the_bootloader_leave_nothing(make_bench, figure):
     bench = make_bench()
     for number in range(effort(5, 200)):
         bench.mute()
@@ -124,7 +124,7 @@ def test_during_their_jump_to_the_bootloader(make_bench, figure):
     bench.end(figure)
 
 
-def test_during_their_upgrade(make_bench, tmp_path, figure):
+def test_clients_that_vanish_during_their_upgrade_leave_nothing(make_bench, tmp_path, figure):
     put_flasher(tmp_path, FLASHER)
     bench = make_bench()
     for number in range(effort(5, 200)):
@@ -141,8 +141,8 @@ def test_during_their_upgrade(make_bench, tmp_path, figure):
     bench.end(figure)
 
 
-def test_during_their_slave_id_move(make_bench, figure):
-    """Every second move fails: the gripper does not receive its new id."""
+def test_clients_that_vanish_during_their_slave_id_move_leave_nothing(make_bench, figure):
+    """Every second move fails, because the gripper does not receive its new id."""
     bench = make_bench(with_bad_crc=(3, 4))
     here, other = 9, 2
     for number in range(effort(2, 20)):

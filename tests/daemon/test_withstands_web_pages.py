@@ -12,7 +12,6 @@ import socket
 import pytest
 from harness.browser import Browser, PageServer
 from harness.client import PORT, Client
-
 from harness.load import WORST_LIMIT, Bystander
 from harness.netsplit import NEAR, OtherMachine
 from harness.waiting import eventually
@@ -97,9 +96,9 @@ function submit(enctype, name, value) {
   });
 }
 
-// The driver waits for the page to be loaded: the attack must not be a part of that.
+// The driver waits until the page is loaded, so the attack begins after that.
 onload = () => setTimeout(() => {
-  // An attack never ends when the daemon keeps the connection.
+  // If the daemon keeps the connection, the attack never ends.
   const patience = new Promise(resolve => setTimeout(resolve, 1500));
   Promise.race([ATTACK, patience]).catch(() => {}).then(() => { document.title = "over"; });
 });
