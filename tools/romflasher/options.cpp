@@ -35,13 +35,13 @@ struct Names
 
 void declare(QCommandLineParser *parser)
 {
-    parser->setApplicationDescription(
-        QStringLiteral("Writes firmware into a gripper that is in its bootloader, with stm32flash, "
-                       "and verifies it.\n\n"
-                       "Exit codes: 0 done, 2 cannot begin, 3 port, 4 no bootloader answered,\n"
-                       "5 write or verification failed, 6 written but not started, 7 no progress.\n"
-                       "With -g, if the image cannot be used, romflasher starts the present "
-                       "firmware and ends with 2."));
+    parser->setApplicationDescription(QStringLiteral(
+        "Writes firmware into a gripper that is in its bootloader, with stm32flash, "
+        "and verifies it.\n\n"
+        "Exit codes: 0 done, 2 cannot begin, 3 port not available, 4 no bootloader answered,\n"
+        "5 write or verification failed, 6 written but not started, 7 no progress.\n"
+        "With -g, if the image cannot be used, romflasher starts the present "
+        "firmware and ends with 2."));
     parser->addOptions({
         {Names::port(), QStringLiteral("The serial port, such as /dev/ttyUSB0."),
          QStringLiteral("DEVICE")},
