@@ -60,7 +60,7 @@ QStringList Stm32FlashRun::startArguments(const Options &options, const QString 
 void Stm32FlashRun::write(const FirmwareFile &image)
 {
     m_output = Stm32FlashOutput(m_options.target.address + static_cast<quint32>(image.size()));
-    show({QStringLiteral("%1 goes to %2 over %3, %4 baud, %5")
+    show({QStringLiteral("Writing %1 to %2 over %3, %4 baud, %5")
               .arg(m_options.imagePath, hex(m_options.target.address), m_options.device)
               .arg(m_options.target.baudRate)
               .arg(m_serialMode)});
@@ -86,7 +86,7 @@ void Stm32FlashRun::execute(const QStringList &arguments, bool startsFirmware)
     const ExitCode code = m_output.result(hasCrashed ? -1 : m_process.exitCode(), startsFirmware);
     if (code != ExitCode::Done) {
         throw Failure{code,
-                      hasCrashed ? QStringLiteral("stm32flash crashed") : m_output.complaint()};
+                      hasCrashed ? QStringLiteral("stm32flash crashed") : m_output.lastError()};
     }
 }
 
