@@ -103,7 +103,7 @@ class Rig:
         """Runs the load program and returns its figures."""
         child = self.start_load(mode, port, request, reply, **options)
         text, errors = child.communicate()
-        return _loaded(text, errors)
+        return _parse_figures(text, errors)
 
     def start_load(self, mode, port, request, reply, **options):
         words = [self.own_programs / "bench-load", mode, "--port", port]
@@ -119,15 +119,15 @@ class Rig:
         )
 
     def hold(self, clients, request, reply, **options):
-        return Held(self.start_load("hold", DAEMON_PORT, request, reply, clients=clients, **options))
+        return HeldClients(self.start_load("hold", DAEMON_PORT, request, reply, clients=clients, **options))
 
 
-def _loaded(text, errors):
+def _parse_figures(text, errors):
     assert text, f"the load program says: {errors.strip()}"
     return json.loads(text)
 
 
-class Held:
+class HeldClients:
     """Clients that send one request and stay connected."""
 
     def __init__(self, child):
@@ -135,7 +135,7 @@ class Held:
 
     def __enter__(self):
         line = self.child.stdout.readline()
-        self.result = _loaded(line, "" if line else self.child.stderr.read())
+        self.result = _parse_figures(line, "" if line else self.child.stderr.read())
         return self
 
     def __exit__(self, *_):
