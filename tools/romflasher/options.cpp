@@ -19,10 +19,10 @@ constexpr BootloaderTarget targetAt(int baudRate, quint32 address)
 
 constexpr BootloaderTarget targets[] = {
     targetAt(19200, flashStart),  // the ROM bootloader, which no firmware can overwrite
-    targetAt(115200, 0x08080000), // the gripper's own bootloader, at lower addresses
+    targetAt(115200, 0x08080000), // the gripper's own bootloader, which is below this address
 };
 
-/// The option names, for both the declaration and the look-up.
+/// The names of the options. declare() and Options::fromArguments() use them.
 struct Names
 {
     static QString port() { return QStringLiteral("p"); }
