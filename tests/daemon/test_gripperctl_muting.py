@@ -47,7 +47,7 @@ def test_rename_interrupted_unmutes_on_a_connection_of_its_own(number):
 
 def test_rename_that_gets_no_answer_unmutes():
     with HoldingDaemon("SET NID 2") as daemon:
-        fail(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.5", "rename", "9", "2")
+        fail(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "2", "rename", "9", "2")
         assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
 
 

@@ -1,7 +1,8 @@
 """The gripper ends with the acknowledged values on a line that delays, loses and doubles answers.
 
-Writes and reads fail, but seldom enough that the link stays open. Scans run in between. A scan drops
-a gripper after one failed read, so answers to the reads of a scan are only delayed or doubled.
+Writes and reads fail, but seldom enough that the link usually stays open. Scans run in between. A scan
+drops a gripper after one failed read, so answers to the reads of a scan are only delayed or doubled.
+A SET without a gripper is acknowledged and logged, and has no effect.
 """
 
 import random
@@ -108,41 +109,60 @@ class Bench:
         self.expected = {}
         self.scans = 0
         self.sets = 0
+        self.lost_links = 0
 
     def set_something(self):
+        """Returns the text of the SET and its values."""
         names = self.rng.sample(list(FIELDS), self.rng.randint(1, 3))
         pairs = {name: self.rng.randint(0, FIELDS[name][2]) for name in names}
-        assert self.client.set(" ".join(f"{n} {v}" for n, v in pairs.items())) == "ack"
-        self.expected.update(pairs)
+        text = " ".join(f"{name} {value}" for name, value in pairs.items())
+        assert self.client.set(text) == "ack"
         self.sets += 1
         time.sleep(self.rng.uniform(0.0, 0.03))
+        return text, pairs
 
     def begin_scan(self):
         mark = self.line.mark()
         self.scanning.send("SET SCN_BLOCK\n")
         self.line.wait_for(lambda r: r.is_read(500), 1, mark)
-        # A scan loses fields that are already written and that the gripper does not echo.
-        self.expected = {n: v for n, v in self.expected.items() if FIELDS[n][3]}
         self.scans += 1
 
     def run_round(self, scan_at):
-        """Returns False if the link was lost: the SETs of that time had no gripper."""
         log_mark = self.daemon.mark()
         self.disturbance.on = True
+        events = []
         for index in range(SETS_A_ROUND):
             if index == scan_at:
                 self.begin_scan()
-            self.set_something()
+                events.append(None)
+            events.append(self.set_something())
         if scan_at is not None:
             assert self.scanning.receive(3, timeout=20) == b"ack"
         self.disturbance.on = False
-        time.sleep(1.0)
-        messages = self.daemon.messages(log_mark)
-        if not any(m.endswith("fail counter:  5") or m == "()" for m in messages):
-            return True
         eventually(lambda: self.client.get("SID") == "[9]" and self.client.get("DRI") == "RUNNING")
-        self.expected = {}
-        return False
+        time.sleep(1.0)
+        self._expect(events, log_mark)
+
+    def _expect(self, events, log_mark):
+        """Adds the values of the SETs that had a gripper. The event None is a scan."""
+        messages = self.daemon.messages(log_mark)
+        without_gripper = [m for m in messages if m.startswith("SET UNHANDLED REQUEST")]
+        self.lost_links += any(m.endswith("fail counter:  5") or m == "()" for m in messages)
+        for event in events:
+            if event is None:
+                self._expect_a_new_object()
+                continue
+            text, pairs = event
+            if without_gripper[:1] == [f'SET UNHANDLED REQUEST : "SET {text}\\n"']:
+                del without_gripper[: len(pairs)]
+                self._expect_a_new_object()
+            else:
+                self.expected.update(pairs)
+        assert not without_gripper
+
+    def _expect_a_new_object(self):
+        """A new object starts with 0 in written fields that the gripper does not echo."""
+        self.expected = {n: v for n, v in self.expected.items() if FIELDS[n][3]}
 
     def present(self):
         output = dict(zip((1000, 1001, 1002), self.line[9].get(1000, 3)))
@@ -155,18 +175,15 @@ def test_the_gripper_ends_with_what_was_acknowledged_last(start_daemon, connect,
     with Line(Echoing(9)) as line:
         bench = Bench(line, start_daemon().wait_until_found(9), connect, rng)
         assert bench.client.set(pace) == "ack"
-        lost = 0
         for number in range(ROUNDS):
             scan_at = rng.randrange(SETS_A_ROUND) if number % SCAN_EVERY == 0 else None
-            if bench.run_round(scan_at):
-                assert bench.present() == bench.expected, f"round {number}, scan at {scan_at}"
-            else:
-                lost += 1
+            bench.run_round(scan_at)
+            assert bench.present() == bench.expected, f"round {number}, scan at {scan_at}"
         failed = len([m for m in bench.daemon.messages() if "fail counter" in m])
+    counts = bench.disturbance.counts
     figure(
         f"{pace}: {bench.sets} SETs, {bench.scans} scans, {failed} attempts failed, "
-        f"{lost} of {ROUNDS} rounds lost the link; "
-        + ", ".join(f"{count} {kind}" for kind, count in bench.disturbance.counts.items())
+        f"{bench.lost_links} of {ROUNDS} rounds lost the link; "
+        + ", ".join(f"{count} {kind}" for kind, count in counts.items())
     )
-    assert failed > ROUNDS
-    assert lost <= 1 + ROUNDS // 10
+    assert sum(counts.values()) > 0

@@ -46,7 +46,7 @@ const QVector<CommandRow> &commandTable()
          anyNumber,
          {},
          "Read values of the protocol.",
-         "One name prints the value only; several names print one \"NAME VALUE\" line each.",
+         "For one name, print only the value; for several names, a line \"NAME VALUE\" for each.",
          "get POS OBJ",
          runGet},
         {"set",
@@ -136,9 +136,9 @@ const QVector<CommandRow> &commandTable()
          0,
          0,
          {"yes", "expect"},
-         "Write the firmware of its family into the gripper.",
-         "The daemon has the file. This takes about a minute; do not switch the gripper off "
-         "meanwhile.",
+         "Write the firmware of the gripper's family into the gripper.",
+         "The image is in the daemon's working directory. This takes about a minute; do not switch "
+         "the gripper off meanwhile.",
          "upgrade --gripper 9 --yes",
          runUpgrade},
         {"watch",
@@ -147,7 +147,8 @@ const QVector<CommandRow> &commandTable()
          0,
          {"interval", "count"},
          "Show positions, currents, objects and faults, live.",
-         "If the output is not a terminal, print one line per gripper and look. Ctrl-C ends it.",
+         "If the output is not a terminal, print a line for each gripper after each reading. "
+         "Ctrl-C ends it.",
          "watch --interval 0.5",
          runWatch},
         {"record",

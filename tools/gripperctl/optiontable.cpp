@@ -44,7 +44,7 @@ const QVector<OptionRow> &generalOptions()
         whole("gripper", "ID", 1, 9, "The gripper (default 9)."),
         flag("json", "Print JSON, for scripts."),
         seconds("timeout", "Time limit for an answer, or for the end of the action."),
-        {"help", "h", Kind::Flag, nullptr, 0, 0, "Explain gripperctl, or the command given."},
+        {"help", "h", Kind::Flag, nullptr, 0, 0, "Explain gripperctl, or the given command."},
         flag("version", "Print the version of gripperctl."),
     };
     return rows;
@@ -60,8 +60,8 @@ const QVector<OptionRow> &commandOptions()
         flag("closing", "Release by closing instead of opening."),
         flag("yes", "Do not ask for confirmation."),
         text("expect", "VERSION", "Succeed if the gripper runs this firmware afterwards."),
-        seconds("interval", "Time between two looks (default: watch 0.2, record 0.1)."),
-        whole("count", "N", 1, 1000000, "End after this number of looks."),
+        seconds("interval", "Time between two readings (default: watch 0.2, record 0.1)."),
+        whole("count", "N", 1, 1000000, "End after this number of readings."),
         seconds("seconds", "End after this time."),
         text("output", "FILE",
              "The picture, .svg or .png (default: the recording's name with .svg).", "o"),
