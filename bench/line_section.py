@@ -56,7 +56,7 @@ VISIT_HEAD += ["gap", "p99", "max"]
 
 
 def visit_figures(visits, dropped):
-    """The columns of VISIT_HEAD."""
+    """Returns the columns of VISIT_HEAD."""
     if len(visits) < 2:
         return [len(visits), dropped, *["-"] * (len(VISIT_HEAD) - 2)]
     durations = [visit.duration for visit in visits]
@@ -70,7 +70,7 @@ def visit_figures(visits, dropped):
 
 
 def spread(values):
-    """Median, p99 and the largest."""
+    """Returns the median, p99 and the largest value."""
     return [f"{value:.1f}" for value in (median(values), quantile(values, 0.99), max(values))]
 
 
@@ -121,7 +121,7 @@ def set_table(rig, count):
 
 
 def time_set(simulator, client, number):
-    """Times of a SET: sent (our clock), written (the simulator's clock), acknowledged."""
+    """Returns the times of a SET: sent (our clock), written (the simulator's clock), acknowledged."""
     # Sends at a random moment of a visit or of the pause after it.
     time.sleep(random.uniform(0.06, 0.16))
     first = len(simulator.frames)
@@ -161,7 +161,7 @@ def cable_table(rig, count):
             pulled = time.monotonic()
             simulator.tell("unplug")
             noticed.append((wait_until_served("POS", "?") - pulled) * 1000)
-            # The daemon looks for the port once a second, so the port returns at a random moment of a second.
+            # The daemon looks for the port once a second. The port returns at a random moment.
             time.sleep(random.uniform(0.5, 1.5))
             plugged = time.monotonic()
             simulator.tell("plug")

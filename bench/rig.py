@@ -1,4 +1,4 @@
-"""The measured and the measuring programs: child processes that end with this one."""
+"""The measured programs and the measuring programs: child processes that end with this process."""
 
 import ctypes
 import json
@@ -199,7 +199,7 @@ def wait_until_listening(port, child, step=0.001):
 
 
 def wait_until_served(name, value, timeout=20, step=0.001):
-    """Polls until the value appears; returns that time."""
+    """Polls until the value appears. Returns the time of the reply."""
     deadline = time.monotonic() + timeout
     with Client() as client:
         while (answer := client.get(name)) != value:
@@ -263,13 +263,13 @@ class Simulator:
 
 
 def cpu_seconds(pid):
-    """Processor time of the process's one thread."""
+    """Returns the processor time of the process, which has one thread."""
     with open(f"/proc/{pid}/schedstat", encoding="ascii") as stat:
         return int(stat.read().split()[0]) / 1e9
 
 
 def status_of(pid):
-    """The numbers of /proc/PID/status."""
+    """Returns the numbers of /proc/PID/status."""
     found = {}
     with open(f"/proc/{pid}/status", encoding="ascii") as status:
         for line in status:
@@ -280,7 +280,7 @@ def status_of(pid):
 
 
 def machine():
-    """Lines about the machine, with a warning about other load."""
+    """Returns lines about the machine, with a warning about other load."""
     with open("/proc/cpuinfo", encoding="ascii", errors="replace") as info:
         models = [line.split(":")[1].strip() for line in info if line.startswith("model name")]
     load, cores = os.getloadavg(), os.cpu_count()
@@ -297,7 +297,7 @@ def machine():
 
 
 def busy_share(seconds=1.0):
-    """The share of the processors in use now."""
+    """Returns the share of the processors in use now."""
 
     def used_and_all():
         with open("/proc/stat", encoding="ascii") as stat:
