@@ -11,7 +11,8 @@ from harness.children import spawn
 from harness.effort import effort
 
 ISOLATED = pathlib.Path(__file__).parents[2] / "scripts" / "isolated"
-SIDE_BY_SIDE = effort(6, 12)
+# More lines stall each other on two cores.
+SIDE_BY_SIDE = 6
 LATENCIES_MS = [0, 4, 8, 15, 22, 30]
 
 
