@@ -141,9 +141,10 @@ def test_a_set_for_a_swapped_gripper_does_not_reach_its_successor(start_daemon, 
         daemon = start_daemon().wait_until_found(9)
         line.wait_for(lambda request: request.is_write(1000), 1)
         line[9].script = lambda request: b"" if request.is_write(1000) else None
-        mark = daemon.mark()
+        mark, requests = daemon.mark(), line.mark()
         assert connect().set("POS 86") == "ack"
-        daemon.wait_for_line(r"updateOutput\(\) fail counter:  5", mark)
+        # The other gripper must not acknowledge the last attempt, which follows the fifth failure.
+        line.wait_for(lambda request: request.is_write(1000), 6, requests)
         swapped = Slave(9, serial=43)
         swapped.line = line
         line.slaves[9] = swapped
