@@ -60,7 +60,7 @@ public:
     static constexpr std::array<int, 4> scannedIds{9, 2, 3, 4};
 
     /// `host` is a text as in Endpoint::fromText(). Throws InvalidValue.
-    explicit Line(std::string host = "127.0.0.1", int port = Endpoint::defaultPort,
+    explicit Line(const std::string &host = "127.0.0.1", int port = Endpoint::defaultPort,
                   Options options = {});
     explicit Line(Endpoint endpoint, Options options = {});
 
