@@ -30,7 +30,7 @@ struct Outage
     ReadingTime since; ///< the first observation of this outage. It stays the same until it ends
 };
 
-/// What a watch reports.
+/// A report of a watch.
 using WatchItem = std::variant<Image, Outage>;
 
 /// Reads grippers periodically, with one packet and one connection for each. It reports an item for
@@ -68,6 +68,7 @@ public:
         reference operator*() const { return *m_item; }
         pointer operator->() const { return &*m_item; }
         Iterator &operator++();
+        void operator++(int) { ++*this; }
         bool operator==(const Iterator &other) const { return m_watch == other.m_watch; }
         bool operator!=(const Iterator &other) const { return m_watch != other.m_watch; }
 
