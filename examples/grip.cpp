@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <exception>
 #include <string>
 
 namespace {
@@ -88,7 +89,7 @@ int main(int argumentCount, char **arguments)
                 std::printf("fault %d: %s\n", error.code(), error.what());
             }
         }
-    } catch (const gripper::Error &error) {
+    } catch (const std::exception &error) {
         std::fprintf(stderr, "grip: %s\n", error.what());
     }
     return 2;
