@@ -217,6 +217,10 @@ def test_a_request_that_never_appears_is_no_interference():
     assert wait.judge(image(9.0, requested_position=10, go_to=False)) is None
     with pytest.raises(blocking.Interference):
         wait.judge(image(9.0, requested_position=33))
+    # Another client switched go-to off before the write.
+    assert wait.judge(image(0.1, requested_position=80, go_to=False)) is None
+    with pytest.raises(blocking.Interference):
+        wait.judge(image(9.0, requested_position=80, go_to=False))
 
 
 def test_a_release_ends_when_nothing_moves():

@@ -126,12 +126,13 @@ class MoveWait(Wait[MoveResult]):
         return None
 
     def _check_interference(self, image: Image, is_settled: bool) -> None:
-        if self.is_taken and not image.go_to:
-            raise Interference(f"gripper {image.id} does not go to {self._position} any longer")
-        is_foreign = image.requested_position not in (self._position, self._before)
-        if self.is_taken or (is_settled and is_foreign):
-            shown = image.requested_position
+        shown = image.requested_position
+        has_changed = self.is_taken or (is_settled and shown != self._before)
+        if not has_changed:
+            return
+        if shown != self._position:
             raise Interference(f"gripper {image.id} goes to {shown} instead of {self._position}")
+        raise Interference(f"gripper {image.id} does not go to {shown}, because go-to is off")
 
 
 def _result(image: Image) -> Optional[MoveResult]:
