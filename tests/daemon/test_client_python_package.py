@@ -8,6 +8,7 @@ import venv
 import pytest
 from harness.pythonclient import PACKAGE, aio, blocking
 
+EXAMPLES = PACKAGE.parents[1] / "examples"
 HEADERS = PACKAGE.parent / "cpp" / "include" / "gripper"
 # 40 lines that use most results.
 PROGRAM = '''\
@@ -94,6 +95,8 @@ def test_the_package_and_a_program_have_exact_types(environment, version, tmp_pa
     packages = ["-p", "gripperd_client"]
     assert "no issues" in run("mypy", *options, *packages, cwd=tmp_path)
     assert "no issues" in run("mypy", *options, "program.py", cwd=tmp_path)
+    for example in ("grip.py", "grip_async.py"):
+        assert "no issues" in run("mypy", *options, EXAMPLES / example, cwd=tmp_path)
     wrong = PROGRAM.replace("effort: int", "effort: str")
     (tmp_path / "program.py").write_text(wrong, encoding="utf-8")
     checked = subprocess.run(
