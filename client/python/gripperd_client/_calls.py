@@ -501,9 +501,12 @@ class GripperCalls:
         yield from self._send_set(request, deadline)
         try:
             return (yield from self._wait(wait, deadline))
-        except CommunicationError as error:
-            if not getattr(wait, "is_taken", False):
-                error.unknown = request.text
+        except ConnectionLost as error:
+            # The daemon has acknowledged it, but may have died before it wrote it.
+            error.unknown = request.text
+            raise
+        except TimedOut:
+            self.connection.close()
             raise
 
     def _wait(self, wait: Wait[T], deadline: Deadline) -> Call[T]:

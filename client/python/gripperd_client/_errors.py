@@ -16,7 +16,8 @@ class ConnectionLost(GripperError, ConnectionError):
 
     Attributes:
         unknown: the SET that the daemon may or may not have carried out, such as
-            ``"SET POS 80 SPE 255 FOR 100 GTO 1"``; None if nothing is unknown.
+            ``"SET POS 80 SPE 255 FOR 100 GTO 1"``; None if nothing is unknown. A call that waits for
+            the effect of a SET names it here, too: a daemon that dies may not have written it.
     """
 
     def __init__(self, message: str, unknown: Optional[str] = None) -> None:
@@ -25,11 +26,10 @@ class ConnectionLost(GripperError, ConnectionError):
 
 
 class TimedOut(GripperError, TimeoutError):
-    """The call did not end in time. A movement under way continues.
+    """The call did not end in time. The gripper continues with what the daemon has acknowledged.
 
     Attributes:
-        unknown: the SET that may or may not have been carried out, or None. The daemon may carry
-            it out later.
+        unknown: the SET without a reply, or None. The daemon may carry it out later.
     """
 
     def __init__(self, message: str, unknown: Optional[str] = None) -> None:
@@ -41,7 +41,7 @@ class ProtocolError(GripperError):
     """The peer does not answer as the daemon does. The connection is closed.
 
     Attributes:
-        unknown: the SET that may or may not have been carried out, or None.
+        unknown: the SET without a proper reply, or None.
     """
 
     def __init__(self, message: str, unknown: Optional[str] = None) -> None:

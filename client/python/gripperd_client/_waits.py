@@ -107,8 +107,7 @@ class MoveWait(Wait[MoveResult]):
         self._was_shown = before.go_to is True and before.requested_position == position
         self._value_age = _VALUE_AGE_PER_GRIPPER * max(1, len(before.listed))
         self._settled_at = sent_at + self._value_age
-        #: Whether the gripper has shown the request.
-        self.is_taken = False
+        self._is_taken = False
 
     def on_stale(self, image: Image) -> None:
         # The daemon writes the request when the link runs again.
@@ -120,14 +119,14 @@ class MoveWait(Wait[MoveResult]):
         if self._was_shown and not is_settled:
             return None
         if image.go_to and image.requested_position == self._position:
-            self.is_taken = True
+            self._is_taken = True
             return _result(image)
         self._check_interference(image, is_settled)
         return None
 
     def _check_interference(self, image: Image, is_settled: bool) -> None:
         shown = image.requested_position
-        has_changed = self.is_taken or (is_settled and shown != self._before)
+        has_changed = self._is_taken or (is_settled and shown != self._before)
         if not has_changed:
             return
         if shown != self._position:

@@ -58,3 +58,22 @@ def test_no_set_is_repeated_and_the_next_call_works(simulator, start_daemon, fig
                 gripper.disconnect()
     assert "ConnectionLost" in ends
     figure(f"{MOVES} moves, daemon killed: {ends}, {unknown} with an unknown SET, 0 SETs repeated")
+
+
+@pytest.mark.parametrize("flavour", FLAVOURS)
+def test_a_watch_reports_the_restart_as_an_outage(simulator, start_daemon, flavour):
+    daemon = start_daemon().wait_until_found(9)
+    with Loop() as loop, new_line(flavour, loop) as line, line.watch([9], rate=50) as watch:
+        assert isinstance(next(watch), blocking.Image)
+        daemon.kill()
+        outages = [next(watch) for _ in range(5)]
+        assert {item.reason for item in outages} == {blocking.OutageReason.NO_CONNECTION}
+        assert len({item.since for item in outages}) == 1
+        daemon = start_daemon()
+        reasons = []
+        for item in watch:
+            if isinstance(item, blocking.Image):
+                break
+            reasons.append(item.reason)
+        assert not item.stale and blocking.OutageReason.MISSING not in reasons[:1]
+        daemon.finish()
