@@ -86,17 +86,14 @@ def test_the_wheel_installs_without_an_index(environment, tmp_path):
     assert names - {"pip", "setuptools", "wheel"} == {"gripperd-client"}
 
 
-@pytest.mark.parametrize("version", ["3.8", "3.11"])
-def test_the_package_and_a_program_have_exact_types(environment, version, tmp_path):
+def test_the_package_and_programs_have_exact_types(environment, tmp_path):
     (tmp_path / "program.py").write_text(PROGRAM, encoding="utf-8")
     assert len(PROGRAM.splitlines()) in range(40, 48)
-    options = ["--strict", "--python-version", version, "--cache-dir", tmp_path / "cache"]
+    options = ["--strict", "--python-version", "3.8", "--cache-dir", tmp_path / "cache"]
     options += ["--python-executable", environment]
-    packages = ["-p", "gripperd_client"]
-    assert "no issues" in run("mypy", *options, *packages, cwd=tmp_path)
-    assert "no issues" in run("mypy", *options, "program.py", cwd=tmp_path)
-    for example in ("grip.py", "grip_async.py"):
-        assert "no issues" in run("mypy", *options, EXAMPLES / example, cwd=tmp_path)
+    assert "no issues" in run("mypy", *options, "-p", "gripperd_client", cwd=tmp_path)
+    examples = [EXAMPLES / "grip.py", EXAMPLES / "grip_async.py"]
+    assert "no issues found in 3" in run("mypy", *options, "program.py", *examples, cwd=tmp_path)
     wrong = PROGRAM.replace("effort: int", "effort: str")
     (tmp_path / "program.py").write_text(wrong, encoding="utf-8")
     checked = subprocess.run(

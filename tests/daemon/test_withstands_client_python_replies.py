@@ -1,5 +1,6 @@
 """The Python client library with a scripted daemon that misbehaves in every exchange."""
 
+import pathlib
 import random
 import time
 
@@ -13,6 +14,12 @@ SCHEDULES = effort(1000, 100_000)
 PART = 500
 GRACE = 0.05
 COMMUNICATION = (blocking.ConnectionLost, blocking.TimedOut, blocking.ProtocolError)
+
+
+def seconds_without_processor():
+    """The time for which the threads of this process were ready to run and did not."""
+    tasks = pathlib.Path("/proc/self/task").glob("*/schedstat")
+    return sum(int(task.read_text(encoding="ascii").split()[1]) for task in tasks) / 1e9
 
 
 class Schedule:
@@ -31,12 +38,15 @@ class Schedule:
         for _ in range(calls):
             timeout = self.random.uniform(0.005, 0.04)
             call = self.random.choice([self.image, self.image, self.get, self.set, self.ids])
-            started = time.monotonic()
+            waited, started = seconds_without_processor(), time.monotonic()
             try:
                 outcome = call(timeout)
             except blocking.GripperError as error:
                 outcome = type(error).__name__
             late = time.monotonic() - started - timeout
+            if late >= GRACE:
+                # A busy machine delays this process, whatever the library does.
+                late -= seconds_without_processor() - waited
             assert late < GRACE, f"{call.__name__} ended {late * 1000:.0f} ms after its deadline"
             self.longest = max(self.longest, late)
             self.outcomes[outcome] = self.outcomes.get(outcome, 0) + 1

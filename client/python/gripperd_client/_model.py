@@ -88,7 +88,7 @@ class Image(Values):
     line: LineState = field(default_factory=LineState)  #: from the same packet
     #: The grippers that the daemon lists, from the same packet.
     listed: Tuple[int, ...] = ()
-    #: Whether the daemon lists the gripper. All values of a missing gripper are None.
+    #: Whether the daemon lists the gripper. A missing gripper has no values.
     present: bool = False
     #: Whether the values may be old: the gripper is not listed, or the link does not run. Muted
     #: polling does not show: values then do not change although `stale` is False.
