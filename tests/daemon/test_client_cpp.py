@@ -89,6 +89,17 @@ def test_nothing_moves_after_an_activation(check):
     assert check.image()["POS"] == "0"
 
 
+def test_nothing_moves_after_an_activation_that_follows_a_power_cut(check, line):
+    check.call("move 100 255 100")
+    line.command("restart 9")
+    eventually(lambda: check.image()["STA"] == "0")
+    check.call("activate")
+    image = check.image()
+    assert (image["STA"], image["GTO"], image["POS"]) == ("3", "0", "0")
+    time.sleep(0.3)
+    assert check.image()["POS"] == "0"
+
+
 def test_an_active_gripper_is_not_activated_again(check, line):
     check.call("move 100 255 100")
     writes = len(line.since(0, lambda r: r.is_write(1000)))
@@ -131,7 +142,7 @@ def test_a_scan_of_another_client_is_no_interference(check, connect):
 
 def test_a_movement_that_takes_too_long_times_out_and_continues(check):
     began = time.monotonic()
-    check.fail("TimedOut", "move 255 0 100 0.5")
+    assert "did not finish moving to 255" in check.fail("TimedOut", "move 255 0 100 0.5")
     assert time.monotonic() - began < 0.7
     eventually(lambda: check.image()["POS"] == "255")
 
