@@ -1,4 +1,4 @@
-"""The programs in examples/ that grip parts, and the node in docs/clients.md."""
+"""The programs in examples/ that grip parts, and the programs in docs/clients.md."""
 
 import os
 import queue
@@ -15,6 +15,7 @@ from harness.pythonclient import PACKAGE
 from harness.simulator import Simulator
 
 EXAMPLES = PACKAGE.parents[1] / "examples"
+DOCUMENT = EXAMPLES.parent / "docs" / "clients.md"
 COMMANDS = {
     "shell": ["bash", EXAMPLES / "grip.sh"],
     "python": [sys.executable, "-B", EXAMPLES / "grip.py"],
@@ -90,7 +91,32 @@ def test_example_handles_parts_faults_and_restarts(language, simulator, start_da
         assert {request.values[1] & 0xFF for request in writes} == {255}
 
 
-# The node in docs/clients.md, with stand-ins for the framework
+# Programs in docs/clients.md
+
+
+def blocks(language):
+    return re.findall(rf"```{language}\n(.*?)```", DOCUMENT.read_text(encoding="utf-8"), re.DOTALL)
+
+
+@pytest.mark.parametrize("number", [0, 1], ids=["blocking", "asyncio"])
+def test_first_program_in_python(number, simulator, start_daemon):
+    simulator.command("object 9 140")
+    start_daemon()
+    command = [sys.executable, "-B", "-W", "error", "-c", blocks("python")[number]]
+    environment = {**os.environ, "PYTHONPATH": str(PACKAGE)}
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=30)
+    assert (done.stdout, done.stderr, done.returncode) == ("holds a part at 140\n", "", 0)
+
+
+def test_first_program_in_cpp_compiles(tmp_path):
+    source = tmp_path / "first.cpp"
+    source.write_text(blocks("cpp")[0], encoding="utf-8")
+    include = PACKAGE.parent / "cpp" / "include"
+    command = ["c++", "-std=c++17", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", "-I", include, source]
+    subprocess.run(command, check=True)
+
+
+# The node, with stand-ins for the framework
 
 
 class Node:
@@ -128,8 +154,7 @@ class Goal:
 @pytest.fixture
 def node(simulator, start_daemon):
     start_daemon().wait_until_found(9)
-    document = (EXAMPLES.parent / "docs" / "clients.md").read_text(encoding="utf-8")
-    code = re.search(r"<!-- begin node -->\n```python\n(.*?)```", document, re.DOTALL)[1]
+    code = next(block for block in blocks("python") if "class GripperNode" in block)
     names = ["rclpy", "rclpy.action", "rclpy.callback_groups", "rclpy.executors", "rclpy.node"]
     modules = {name: mock.MagicMock() for name in [*names, "control_msgs", "control_msgs.action"]}
     modules["rclpy.node"].Node = Node
