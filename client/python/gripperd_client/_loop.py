@@ -111,7 +111,8 @@ class LoopTransport(Transport):
     async def _open(self, step: Open) -> None:
         self.close()
         loop = asyncio.get_running_loop()
-        addresses = await _within(
+        # The look-up of a name uses a thread of the loop.
+        addresses = _numeric_addresses(step.host, step.port) or await _within(
             time_left(step.deadline),
             loop.getaddrinfo(step.host, step.port, type=socket.SOCK_STREAM),
         )
@@ -144,6 +145,16 @@ class LoopTransport(Transport):
         if not stream.unread and stream.error is not None:
             raise stream.error
         return stream.take()
+
+
+def _numeric_addresses(host: str, port: int) -> List[Any]:
+    """Returns what ``getaddrinfo()`` returns for an address, without a look-up; [] for a name."""
+    try:
+        return socket.getaddrinfo(
+            host, port, type=socket.SOCK_STREAM, flags=socket.AI_NUMERICHOST
+        )
+    except socket.gaierror:
+        return []
 
 
 async def _connected(
