@@ -1,6 +1,7 @@
 #include "loghandler.h"
 #include "processsetup.h"
 #include "server.h"
+#include "servicenotifier.h"
 
 #include <QCoreApplication>
 #include <QLocale>
@@ -16,6 +17,8 @@ int main(int argc, char *argv[])
     // Child processes must not inherit the variable.
     qunsetenv(withoutGlib);
     QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+    ServiceNotifier serviceNotifier;
     Server server;
+    serviceNotifier.notifyReady();
     return QCoreApplication::exec();
 }

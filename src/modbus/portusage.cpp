@@ -1,6 +1,7 @@
 #include "portusage.h"
 
 #include "quitsignals.h"
+#include "servicenotifier.h"
 
 #include <QProcess>
 
@@ -8,11 +9,12 @@ namespace {
 
 constexpr int crashedExitCode = -1;
 constexpr int notStartedExitCode = -2;
-constexpr int quitCheckIntervalMs = 50;
+constexpr int checkIntervalMs = 50;
 
 /// Runs `program` with one argument to its end and returns its exit code. Drops the program's
 /// output, because the log contains only the daemon's own lines. Kills the program after a quit
-/// signal.
+/// signal. A program that hangs does not make the service manager restart the daemon, because the
+/// next daemon would run it again.
 int exitCodeOf(const QString &program, const QString &argument)
 {
     QProcess process;
@@ -22,10 +24,10 @@ int exitCodeOf(const QString &program, const QString &argument)
     process.start(program, {argument});
     if (!process.waitForStarted(-1))
         return notStartedExitCode;
-    while (!process.waitForFinished(quitCheckIntervalMs) &&
-           process.state() != QProcess::NotRunning) {
+    while (!process.waitForFinished(checkIntervalMs) && process.state() != QProcess::NotRunning) {
         if (quitRequested())
             process.kill();
+        ServiceNotifier::notifyWhileBlocking();
     }
     return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : crashedExitCode;
 }
