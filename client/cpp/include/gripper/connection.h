@@ -40,8 +40,9 @@ struct Endpoint
     std::string host = "127.0.0.1"; ///< a name, an IPv4 or an IPv6 address; an IPv6 zone may follow
     int port = defaultPort;
 
-    /// Reads "HOST", "HOST:PORT", "::1", "[::1]:PORT" or "fe80::2%eth0". Throws InvalidValue.
-    static Endpoint fromText(const std::string &text);
+    /// Reads "HOST", "HOST:PORT", "::1", "[::1]:PORT" or "fe80::2%eth0". A text without a port gets
+    /// `port`. Throws InvalidValue.
+    static Endpoint fromText(const std::string &text, int port = defaultPort);
 
     /// With brackets around an IPv6 address: "[::1]:63352".
     std::string text() const;
@@ -73,17 +74,18 @@ public:
     Connection(Connection &&other) noexcept;
     Connection &operator=(Connection &&other) noexcept;
 
-    /// What happens when the connection ends before all replies have arrived.
-    enum class Repeat {
-        Gets, ///< a batch of GETs is sent once more on a new connection
-        Never
+    /// Whether an exchange may open a new connection.
+    enum class Renewal {
+        Allowed, ///< if the old one has ended. A batch of GETs is also sent once more if it ends
+                 ///< meanwhile
+        Refused  ///< then the exchange throws ConnectionLost
     };
 
     /// Sends the batch and returns its replies, which are valid until the next exchange. A SET is
     /// never sent twice. Throws ConnectionLost, TimedOut or ProtocolError; unknown() is the SET
     /// whose reply is missing.
     const std::vector<Reply> &exchange(const Batch &batch, const Deadline &deadline,
-                                       Repeat repeat = Repeat::Gets);
+                                       Renewal renewal = Renewal::Allowed);
 
     /// The value of one GET, "?" included.
     std::string get(std::string_view name, const Deadline &deadline);
@@ -105,11 +107,21 @@ public:
     void pause(Seconds time, const Deadline &deadline) const;
 
 private:
+    struct Exchange
+    {
+        const Batch &batch;
+        const Deadline &deadline;
+        const std::string &unknown; ///< for the errors
+    };
+
     const std::vector<Reply> &exchangeOnce(const Batch &batch, const Deadline &deadline);
     void connectTo(const Deadline &deadline);
     bool hasEnded();
-    void send(const std::string &bytes, const Deadline &deadline);
-    void receive(const Deadline &deadline);
+    void transfer(const Batch &batch, const Deadline &deadline, const std::string &unknown);
+    void send(const Exchange &exchange);
+    void receive(const Exchange &exchange);
+    void waitFor(short events, const Exchange &exchange);
+    [[noreturn]] void failByLoss(const Exchange &exchange, int error) const;
 
     Endpoint m_endpoint;
     Options m_options;

@@ -153,13 +153,12 @@ public:
     void disconnect() noexcept { m_connection.close(); }
 
 private:
-    class StateWait;
-
     Deadline deadline(std::optional<Seconds> timeout) const;
-    Image read(const Deadline &deadline, Connection::Repeat repeat = Connection::Repeat::Gets);
-    Image readPresent(const Deadline &deadline);
-    void command(const std::vector<Pair> &pairs, const Deadline &deadline);
-    void setListed(const std::vector<Pair> &pairs, const Deadline &deadline);
+    Image readBeforeCommand(const Deadline &deadline);
+    void send(const Batch &batch, const Deadline &deadline, Connection::Renewal renewal);
+    void setAtOnce(const std::vector<Pair> &pairs, const Deadline &deadline);
+    void deactivate(const Deadline &deadline);
+    void flash(const Progress &progress, const Deadline &deadline);
 
     int m_id;
     Connection m_connection;

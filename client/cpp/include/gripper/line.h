@@ -33,7 +33,7 @@ public:
     void leaveMuted() noexcept { m_isOver = true; }
 
 private:
-    void unmute(const Deadline &deadline);
+    void unmute(Connection &connection);
     void unmuteWithoutException() noexcept;
 
     Connection m_connection;
@@ -59,7 +59,7 @@ public:
     /// The ids that a scan looks for. No scan finds a gripper with another id.
     static constexpr std::array<int, 4> scannedIds{9, 2, 3, 4};
 
-    /// `host` is a name or an address, as in Endpoint.
+    /// `host` is a text as in Endpoint::fromText(). Throws InvalidValue.
     explicit Line(std::string host = "127.0.0.1", int port = Endpoint::defaultPort,
                   Options options = {});
     explicit Line(Endpoint endpoint, Options options = {});

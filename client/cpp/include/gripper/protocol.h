@@ -27,6 +27,8 @@ public:
     std::size_t size() const noexcept { return m_names.size(); }
     /// All SETs without their line endings, such as "SET POS 10 GTO 1". Empty for a batch of GETs.
     const std::string &sets() const noexcept { return m_sets; }
+    /// Whether a SET of the batch has no effect without a gripper.
+    bool needsGripper() const noexcept { return m_needsGripper; }
 
 private:
     friend class ReplyReader;
@@ -36,6 +38,7 @@ private:
     std::string m_bytes;
     std::string m_sets;
     std::vector<Name> m_names; ///< setName for a SET
+    bool m_needsGripper = false;
 };
 
 /// The reply to one request.
@@ -74,11 +77,14 @@ private:
     bool cutReply();
     bool cutAcknowledgement();
     bool cutLine(const Batch::Name &name);
+    void endReplyAt(std::size_t position);
+    void listReplies();
 
     const Batch *m_batch = nullptr;
     std::string m_buffer;
-    std::size_t m_position = 0; ///< of the first byte that belongs to no reply yet
-    std::size_t m_searched = 0; ///< no line ending lies between m_position and here
+    std::size_t m_position = 0;      ///< of the first byte that belongs to no reply yet
+    std::size_t m_searched = 0;      ///< no line ending lies between m_position and here
+    std::vector<std::size_t> m_ends; ///< of the replies in the buffer
     std::vector<Reply> m_replies;
 };
 

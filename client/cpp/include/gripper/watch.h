@@ -88,11 +88,11 @@ private:
 
     void waitForPeriod();
     void readAll();
-    void addListed();
-    WatchItem read(int id, Watched &gripper);
-    Outage outage(int id, std::optional<Outage> &present, Outage::Reason reason,
-                  const std::string &text) const;
-    Watched &watched(int id);
+    void findGrippers();
+    WatchItem read(int id, Watched &watched);
+    static Outage outage(int id, std::optional<Outage> &present, Outage::Reason reason,
+                         const std::string &text);
+    void watchAlso(int id);
 
     Connection m_connection; ///< for the list of grippers
     std::optional<Outage> m_outage;

@@ -1,0 +1,67 @@
+#include "buswork.h"
+
+#include "gripper/errors.h"
+#include "gripper/image.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace gripper {
+
+namespace {
+
+constexpr int maxScans = 3;
+constexpr Seconds pauseBetweenScans{1};
+
+} // namespace
+
+void refuseDuringUpgrade(Connection &connection, const Deadline &deadline)
+{
+    if (connection.get("UPG", deadline) != "0")
+        throw Refused("an upgrade is under way and has the line: wait until UPG is 0");
+}
+
+std::vector<int> listedIds(Connection &connection, const Deadline &deadline)
+{
+    const LineImage image =
+        decodeLine(connection.exchange(lineRequests(), deadline), ReadingTime::now());
+    return image.ids.value_or(std::vector<int>());
+}
+
+std::vector<int> scanNow(Connection &connection, const Deadline &deadline)
+{
+    connection.set({{"SCN_BLOCK", 1}}, deadline);
+    return listedIds(connection, deadline);
+}
+
+std::vector<int> scanForMissing(Connection &connection, const std::vector<int> &ids,
+                                const Deadline &deadline)
+{
+    std::vector<int> missing;
+    for (int scans = 0; scans < maxScans; ++scans) {
+        if (scans > 0)
+            connection.pause(pauseBetweenScans, deadline);
+        const std::vector<int> found = scanNow(connection, deadline);
+        missing.clear();
+        std::copy_if(ids.begin(), ids.end(), std::back_inserter(missing),
+                     [&](int id) { return !contains(found, id); });
+        if (missing.empty())
+            break;
+    }
+    return missing;
+}
+
+bool contains(const std::vector<int> &ids, int id)
+{
+    return std::find(ids.begin(), ids.end(), id) != ids.end();
+}
+
+std::string listOfIds(const std::vector<int> &ids)
+{
+    std::string text;
+    for (const int id : ids)
+        text += (text.empty() ? "" : ", ") + std::to_string(id);
+    return text.empty() ? "none" : text;
+}
+
+} // namespace gripper

@@ -1,0 +1,88 @@
+#include "statewait.h"
+
+#include "buswork.h"
+#include "gripper/errors.h"
+
+#include <utility>
+
+namespace gripper {
+
+namespace {
+
+constexpr Seconds lookInterval{0.01};
+// On a disturbed line, a gripper is missing for a shorter time.
+constexpr Seconds maxAbsence{3};
+
+} // namespace
+
+StateWait::StateWait(Connection &connection, int id, const Deadline &deadline, std::string sets,
+                     std::string stage)
+    : m_connection(connection)
+    , m_id(id)
+    , m_deadline(deadline)
+    , m_sets(std::move(sets))
+    , m_stage(std::move(stage))
+{
+}
+
+Image StateWait::next()
+{
+    while (true) {
+        if (!m_isFirst)
+            m_connection.pause(lookInterval, m_deadline);
+        const Image image = read();
+        failIfMissing(image);
+        m_isFirst = false;
+        if (!image.stale)
+            return image;
+    }
+}
+
+Image StateWait::read()
+{
+    try {
+        Image image = readImage(m_connection, m_id, m_deadline, Connection::Renewal::Refused);
+        if (m_deadline.isOver())
+            failByTime(image);
+        return image;
+    } catch (const ConnectionLost &error) {
+        throw ConnectionLost(error.what(), m_sets);
+    }
+}
+
+void StateWait::failIfMissing(const Image &image)
+{
+    if (image.present)
+        m_seen = image.time.monotonic;
+    else if (m_isFirst || image.time.monotonic - m_seen > maxAbsence)
+        failByMissing(image);
+}
+
+/// Closes the connection like every time-out.
+void StateWait::failByTime(const Image &last)
+{
+    m_connection.close();
+    throw TimedOut("gripper " + std::to_string(m_id) + " did not finish " + m_stage +
+                   " in time (link " + last.line.text + ", status " +
+                   std::to_string(last.status.value_or(-1)) + ", position " +
+                   std::to_string(last.position.value_or(-1)) + ", fault " +
+                   std::to_string(last.fault.value_or(-1)) +
+                   "); if its values never change, polling may be muted");
+}
+
+Image readImage(Connection &connection, int id, const Deadline &deadline,
+                Connection::Renewal renewal)
+{
+    const auto &replies = connection.exchange(imageRequests(), deadline, renewal);
+    return decodeImage(id, replies, ReadingTime::now());
+}
+
+void failByMissing(const Image &image)
+{
+    throw GripperMissing("the daemon does not list gripper " + std::to_string(image.id) +
+                             " (listed: " + listOfIds(image.listed) + ", link " + image.line.text +
+                             "): check its cable and power, then scan",
+                         image.id);
+}
+
+} // namespace gripper
