@@ -1,70 +1,47 @@
 // The command-line client of the daemon.
-#include "commandtable.h"
-#include "failure.h"
-#include "helptext.h"
-#include "options.h"
-#include "session.h"
+#include "app.h"
 #include "standarddescriptors.h"
 
-#include <QCoreApplication>
-
-#include <exception>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <string_view>
 
 namespace gripperctl {
 
 namespace {
 
-int numberOf(ExitCode code)
+/// CLI11 reports help and version by exceptions.
+Failure parsed(CLI::App &app, int argc, char *argv[])
 {
-    return static_cast<int>(code);
-}
-
-const CommandRow &commandOf(const Options &options)
-{
-    if (options.command.isEmpty()) {
-        throw Failure{ExitCode::WrongUsage,
-                      QStringLiteral("no command given; gripperctl --help lists the commands")};
-    }
-    const CommandRow *command = findCommand(options.command);
-    if (command == nullptr) {
-        throw Failure{
-            ExitCode::WrongUsage,
-            QStringLiteral("there is no command \"%1\"; gripperctl --help lists the commands")
-                .arg(options.command)};
-    }
-    return *command;
-}
-
-void run(const Options &options, Output &output)
-{
-    if (options.has("version")) {
-        writeOut("gripperctl " GRIPPERCTL_VERSION "\n");
-        return;
-    }
-    if (options.has("help") && options.command.isEmpty()) {
-        writeOut(generalHelp().toLocal8Bit());
-        return;
-    }
-    const CommandRow &command = commandOf(options);
-    if (options.has("help")) {
-        writeOut(helpFor(command).toLocal8Bit());
-        return;
-    }
-    checkAgainst(command, options);
-    Session session(options, output);
-    command.run(session);
-}
-
-int runWith(const QStringList &words)
-{
-    Output output(words.contains(QStringLiteral("--json")));
+    const Failure done(ExitCode::Done, "");
     try {
-        run(Options::fromWords(words), output);
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp &) {
+        writeOut(app.help());
+    } catch (const CLI::CallForVersion &version) {
+        writeOut(std::string(version.what()) + '\n');
+    } catch (const CLI::ParseError &error) {
+        return usageFailure(app, error);
+    } catch (const gripper::Error &error) {
+        return failureOf(error);
     } catch (const Failure &failure) {
-        output.problem(failure.text, numberOf(failure.code), failure.known);
-        return numberOf(failure.code);
+        return failure;
     }
-    return numberOf(ExitCode::Done);
+    return done;
+}
+
+int runWith(int argc, char *argv[])
+{
+    Program program;
+    // A wrong command line is reported before its options have an effect.
+    if (std::find(argv, argv + argc, std::string_view("--json")) != argv + argc)
+        program.output().useJson();
+    const auto app = makeApp(program);
+    const Failure result = parsed(*app, argc, argv);
+    if (result.code() != ExitCode::Done)
+        program.output().problem(result);
+    return static_cast<int>(result.code());
 }
 
 } // namespace
@@ -74,11 +51,12 @@ int runWith(const QStringList &words)
 int main(int argc, char *argv[])
 {
     tools::occupyStandardDescriptors();
+    // A reader that closes the pipe is noticed when the next result is written.
+    std::signal(SIGPIPE, SIG_IGN);
     try {
-        const QCoreApplication application(argc, argv);
-        return gripperctl::runWith(QCoreApplication::arguments().mid(1));
+        return gripperctl::runWith(argc, argv);
     } catch (const std::exception &exception) {
-        qCritical("gripperctl: %s", exception.what());
+        std::fprintf(stderr, "gripperctl: %s\n", exception.what());
         return static_cast<int>(gripperctl::ExitCode::LocalProblem);
     }
 }

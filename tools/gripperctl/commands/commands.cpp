@@ -1,0 +1,11 @@
+#include "commands.h"
+
+namespace gripperctl {
+
+void addCommands(CLI::App &app, Program &program)
+{
+    for (const auto add : {addStatus})
+        add(app, program);
+}
+
+} // namespace gripperctl

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "output.h"
+
+#include <gripper/line.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace gripperctl {
+
+/// The general options.
+struct Settings
+{
+    std::vector<gripper::Endpoint> endpoints{gripper::Endpoint()};
+    std::optional<int> gripper;
+    std::optional<gripper::Seconds> timeout;
+};
+
+/// Gives a command its options, its output and its connections.
+class Program
+{
+public:
+    static constexpr int defaultGripper = 9;
+
+    Settings &settings() { return m_settings; }
+    Output &output() { return m_output; }
+
+    /// The daemon of a command that has only one. Throws Failure if the user named several.
+    const gripper::Endpoint &endpoint() const;
+
+    /// Calls `work` for each daemon, also after a failure. Throws the last failure and prints the
+    /// others.
+    void forEachHost(const std::function<void(const gripper::Endpoint &)> &work);
+
+    /// The value of --timeout, or `standard` without this option.
+    gripper::Seconds timeoutOr(gripper::Seconds standard) const;
+
+    /// The way to wait: shows the time of the stage, and throws Interrupted after a signal.
+    gripper::Options options();
+
+    gripper::Line line() { return gripper::Line(endpoint(), options()); }
+
+    int gripperId() const { return m_settings.gripper.value_or(defaultGripper); }
+
+    /// The gripper of --gripper, or 9. Throws Failure if the daemon does not list it.
+    gripper::Gripper gripper();
+
+private:
+    Settings m_settings;
+    Output m_output;
+};
+
+/// Throws Failure unless `listed` contains `id`. Another gripper is never a replacement: the wanted
+/// one may be missing for a moment only.
+void refuseUnlisted(int id, const std::vector<int> &listed, const std::string &link);
+
+} // namespace gripperctl
