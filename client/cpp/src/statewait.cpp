@@ -12,6 +12,8 @@ namespace {
 constexpr Seconds lookInterval{0.01};
 // On a disturbed line, a gripper is missing for a shorter time.
 constexpr Seconds maxAbsence{3};
+// A daemon that answers needs less time for an image.
+constexpr Seconds shortSilence{0.5};
 
 } // namespace
 
@@ -28,11 +30,11 @@ StateWait::StateWait(Connection &connection, int id, const Deadline &deadline, s
 Image StateWait::next()
 {
     while (true) {
-        if (!m_isFirst)
+        if (m_last)
             m_connection.pause(lookInterval, m_deadline);
         const Image image = read();
         failIfMissing(image);
-        m_isFirst = false;
+        m_last = image;
         if (!image.stale)
             return image;
     }
@@ -41,12 +43,14 @@ Image StateWait::next()
 Image StateWait::read()
 {
     try {
-        Image image = readImage(m_connection, m_id, m_deadline, Connection::Renewal::Refused);
-        if (m_deadline.isOver())
-            failByTime(image);
-        return image;
+        return readImage(m_connection, m_id, m_deadline, Connection::Renewal::Refused);
     } catch (const ConnectionLost &error) {
         throw ConnectionLost(error.what(), m_sets);
+    } catch (const TimedOut &) {
+        // The daemon answered until now: the gripper is too slow.
+        if (m_last && Deadline::Clock::now() - m_last->time.monotonic < shortSilence)
+            failByTime(*m_last);
+        throw;
     }
 }
 
@@ -54,7 +58,7 @@ void StateWait::failIfMissing(const Image &image)
 {
     if (image.present)
         m_seen = image.time.monotonic;
-    else if (m_isFirst || image.time.monotonic - m_seen > maxAbsence)
+    else if (!m_last || image.time.monotonic - m_seen > maxAbsence)
         failByMissing(image);
 }
 
