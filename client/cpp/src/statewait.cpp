@@ -31,13 +31,21 @@ Image StateWait::next()
 {
     while (true) {
         if (m_last)
-            m_connection.pause(lookInterval, m_deadline);
-        const Image image = read();
-        failIfMissing(image);
-        m_last = image;
-        if (!image.stale)
-            return image;
+            pause();
+        const bool isFirst = !m_last;
+        m_last = read();
+        failIfMissing(isFirst);
+        if (!m_last->stale)
+            return *m_last;
     }
+}
+
+/// A time-out between two exchanges: no reply is missing, but the state.
+void StateWait::pause()
+{
+    m_connection.pause(lookInterval, m_deadline);
+    if (m_deadline.isOver())
+        failByTime(*m_last);
 }
 
 Image StateWait::read()
@@ -47,19 +55,19 @@ Image StateWait::read()
     } catch (const ConnectionLost &error) {
         throw ConnectionLost(error.what(), m_sets);
     } catch (const TimedOut &) {
-        // The daemon answered until now: the gripper is too slow.
+        // The daemon answered until now: the state is missing, not the reply.
         if (m_last && Deadline::Clock::now() - m_last->time.monotonic < shortSilence)
             failByTime(*m_last);
         throw;
     }
 }
 
-void StateWait::failIfMissing(const Image &image)
+void StateWait::failIfMissing(bool isFirst)
 {
-    if (image.present)
-        m_seen = image.time.monotonic;
-    else if (!m_last || image.time.monotonic - m_seen > maxAbsence)
-        failByMissing(image);
+    if (m_last->present)
+        m_seen = m_last->time.monotonic;
+    else if (isFirst || m_last->time.monotonic - m_seen > maxAbsence)
+        failByMissing(*m_last);
 }
 
 /// Closes the connection like every time-out.

@@ -25,7 +25,8 @@ public:
 
 private:
     Image read();
-    void failIfMissing(const Image &image);
+    void pause();
+    void failIfMissing(bool isFirst);
     [[noreturn]] void failByTime(const Image &last);
 
     Connection &m_connection;
