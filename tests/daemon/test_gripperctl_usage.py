@@ -256,6 +256,18 @@ def test_the_second_letter_of_the_firmware_is_the_family(version, family):
         assert as_json("--host", daemon.host, "status")["grippers"][0]["family"] == family
 
 
+def test_the_families_are_those_of_the_simulator():
+    words = [binary("gripper-simulator"), "--gripper", "9=TZ1-1.0.0"]
+    refusal = subprocess.run(words, capture_output=True, text=True, timeout=20, check=False).stderr
+    simulated = re.findall(r"T[A-Z]\b", refusal.split("(")[1])
+    assert len(simulated) >= 4
+    with ScriptedDaemon() as daemon:
+        for letter in "ABCDEFGHIJKLMNOPQRSTUVWXYZ":
+            daemon.values["FWV"] = f"T{letter}1-1.0.0"
+            family = as_json("--host", daemon.host, "status")["grippers"][0]["family"]
+            assert bool(family) == (f"T{letter}" in simulated), letter
+
+
 def test_times_carry_their_offset():
     with ScriptedDaemon() as daemon:
         for zone, offset in (("UTC0", "+00:00"), ("XST-5:30", "+05:30"), ("WST7", "-07:00")):
