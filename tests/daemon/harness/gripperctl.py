@@ -67,14 +67,14 @@ class ScriptedDaemon:
     VALUES = {"SID": "[9]", "DRI": "RUNNING", "VER": "0", "UPG": "0", "FWV": "TA3-1.0.0"}
     VALUES |= {"STA": "3", "FLT": "00", "SNU": "ABC-1", "PYE": "2024"}
 
-    def __init__(self, answer=None, changes=None, refused=(), **values):
+    def __init__(self, answer=None, changes=None, refused=(), port=0, **values):
         self.values = {**self.VALUES, **values}
         self.changes = changes or {}
         self.refused = refused
         self.answer = answer or self.usual
         self.requests = []
         self.changed = threading.Condition()
-        self.listener = socket.create_server((HOST, 0))
+        self.listener = socket.create_server((HOST, port))
         self.host = f"{HOST}:{self.listener.getsockname()[1]}"
         self.sockets = []
         threading.Thread(target=self._accept, daemon=True).start()

@@ -4,7 +4,8 @@ namespace gripperctl {
 
 void addCommands(CLI::App &app, Program &program)
 {
-    for (const auto add : {addStatus})
+    for (const auto add :
+         {addStatus, addWatch, addRecord, addPlot})
         add(app, program);
 }
 

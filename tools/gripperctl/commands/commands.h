@@ -8,6 +8,9 @@ namespace gripperctl {
 
 /// Each function adds one command with its options.
 void addStatus(CLI::App &app, Program &program);
+void addWatch(CLI::App &app, Program &program);
+void addRecord(CLI::App &app, Program &program);
+void addPlot(CLI::App &app, Program &program);
 
 /// Adds all commands, in the order of the help.
 void addCommands(CLI::App &app, Program &program);
