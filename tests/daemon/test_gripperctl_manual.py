@@ -1,4 +1,4 @@
-"""The manual page, the completion and --help agree."""
+"""The manual page and --help agree."""
 
 import json
 import os
@@ -7,28 +7,11 @@ import re
 import subprocess
 
 import pytest
-from harness.children import binary
 from harness.gripperctl import ScriptedDaemon, ctl, succeed
+from harness.gripperctlhelp import commands, exit_codes, options
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGE = ROOT / "man" / "gripperctl.1"
-COMPLETION = ROOT / "completion" / "gripperctl"
-
-
-def section(text, title):
-    return re.search(rf"^{title}:\n((?:  .*\n)+)", text, re.MULTILINE)[1]
-
-
-def commands():
-    return re.findall(r"^  (\w+)", section(succeed("--help"), "Commands"), re.MULTILINE)
-
-
-def options(*words):
-    return set(re.findall(r"^  (?:-\w, )?(--\w+)", section(succeed(*words, "--help"), "Options"), re.MULTILINE))
-
-
-def exit_codes():
-    return re.findall(r"^  (\d+) ", section(succeed("--help"), "Exit codes"), re.MULTILINE)
 
 
 @pytest.fixture(scope="module")
@@ -118,56 +101,3 @@ def test_every_command_has_its_help():
 
 def test_the_version():
     assert re.fullmatch(r"gripperctl \d+\.\d+\.\d+\n", succeed("--version"))
-
-
-def completed(*words):
-    """Returns the words that bash offers for the last word."""
-    script = 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); '
-    script += '_gripperctl; printf "%s\\n" "${COMPREPLY[@]}"'
-    run = subprocess.run(
-        ["bash", "-euc", script, "bash", COMPLETION, binary("gripperctl"), *words],
-        check=True, capture_output=True, text=True,
-    )
-    assert run.stderr == ""
-    return run.stdout.split()
-
-
-def test_commands_are_completed():
-    assert completed("") == commands()
-    assert completed("re") == ["release", "rename", "record"]
-    assert completed("--host", "robot", "sta") == ["status"]
-    assert completed("--timeout", "1") == []
-    # bash splits "--host robot:63352" and "--gripper=3" in this way.
-    assert completed("--host", "robot", ":", "63352", "sta") == ["status"]
-    assert completed("--host", "robot", ":", "6") == []
-    assert completed("--gripper", "=", "3", "sta") == ["status"]
-
-
-def test_ids_are_completed_from_the_named_daemon():
-    with ScriptedDaemon(SID="[2, 4]") as daemon:
-        host, port = daemon.host.split(":")
-        assert completed("--host", host, ":", port, "--gripper", "") == ["2", "4"]
-        assert completed("--host", "=", host, ":", port, "--gripper", "4") == ["4"]
-
-
-def test_options_are_completed_for_their_command():
-    for command in commands():
-        offered = set(completed(command, "-"))
-        assert {word for word in offered if word.startswith("--")} == options(command)
-        assert ("-o" in offered) == (command == "plot")
-
-
-def test_arguments_are_completed(tmp_path):
-    assert completed("led", "") == ["red", "green", "blue", "off", "auto"]
-    assert completed("rename", "9", "") == ["9", "2", "3", "4"]
-    (tmp_path / "a.csv").write_text("")
-    assert completed("plot", f"{tmp_path}/a") == [f"{tmp_path}/a.csv"]
-
-
-def test_every_completed_name_exists():
-    with ScriptedDaemon() as daemon:
-        for name in completed("set", ""):
-            if name != "BLD":
-                succeed("--host", daemon.host, "set", name, "0")
-        succeed("--host", daemon.host, "get", *completed("get", ""))
-        assert len(daemon.requests) > 60

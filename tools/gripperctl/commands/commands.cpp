@@ -5,7 +5,7 @@ namespace gripperctl {
 void addCommands(CLI::App &app, Program &program)
 {
     for (const auto add :
-         {addStatus, addWatch, addRecord, addPlot, addHz, addPing, addRaw})
+         {addStatus, addWatch, addRecord, addPlot, addHz, addPing, addRaw, addCompletion})
         add(app, program);
 }
 

@@ -14,6 +14,7 @@ void addPlot(CLI::App &app, Program &program);
 void addHz(CLI::App &app, Program &program);
 void addPing(CLI::App &app, Program &program);
 void addRaw(CLI::App &app, Program &program);
+void addCompletion(CLI::App &app, Program &program);
 
 /// Adds all commands, in the order of the help.
 void addCommands(CLI::App &app, Program &program);
