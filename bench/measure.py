@@ -10,6 +10,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/daem
 
 from harness import ports
 
+import client_section
 import cutting_section
 import idle_section
 import line_section
@@ -23,6 +24,7 @@ SECTIONS = {
     "line": line_section.run,
     "idle": idle_section.run,
     "cutting": cutting_section.run,
+    "client": client_section.run,
 }
 
 

@@ -49,8 +49,9 @@ bool Output::isTerminal()
     return ::isatty(STDOUT_FILENO) == 1;
 }
 
-bool Output::result(const std::string &text, const Json &json) const
+bool Output::result(const std::string &text, const Json &json)
 {
+    endStage();
     errno = 0;
     if (writeOut(m_isJson ? asLine(json) : text + '\n'))
         return true;
@@ -61,7 +62,7 @@ bool Output::result(const std::string &text, const Json &json) const
                   concat("cannot write the result: ", std::strerror(errno)));
 }
 
-void Output::partialResult(const std::string &text) const
+void Output::partialResult(const std::string &text)
 {
     if (!m_isJson)
         result(text, {});

@@ -20,13 +20,13 @@ public:
     /// Whether standard output is a terminal.
     static bool isTerminal();
 
-    /// Prints the result: `text`, which may have several lines, or one line of JSON. Returns false
-    /// if the reader has closed the pipe. Throws Failure for any other error.
-    bool result(const std::string &text, const Json &json) const;
+    /// Ends the stage and prints the result: `text`, which may have several lines, or one line of
+    /// JSON. Returns false if the reader has closed the pipe. Throws Failure for any other error.
+    bool result(const std::string &text, const Json &json);
 
     /// Prints a part of the result as text. With JSON it prints nothing, because the final JSON
     /// contains this part.
-    void partialResult(const std::string &text) const;
+    void partialResult(const std::string &text);
 
     /// `text` in red on a terminal, if NO_COLOR is not set.
     static std::string highlighted(const std::string &text);

@@ -59,12 +59,39 @@ gripper::Options Program::options()
             }};
 }
 
-gripper::Gripper Program::gripper()
+void Program::pause(gripper::Seconds time)
 {
-    gripper::Line daemon = line();
-    const gripper::LineImage image = daemon.image();
+    gripper::Connection(endpoint(), options()).pause(time, gripper::Deadline(time));
+}
+
+int Program::listedGripperId()
+{
+    const gripper::LineImage image = line().image();
     refuseUnlisted(gripperId(), image.ids.value_or(std::vector<int>()), image.link.value_or("?"));
-    return daemon.gripper(gripperId());
+    return gripperId();
+}
+
+Failure Program::explained(const gripper::TimedOut &error)
+{
+    const std::string text = error.what();
+    const bool isMuted = text.find("muted") != std::string::npos;
+    return {ExitCode::TimedOut, isMuted ? text + ": unmute it with gripperctl set MUTE 0" : text};
+}
+
+Failure Program::explained(const gripper::GripperMissing &error)
+{
+    return {ExitCode::NoGripper,
+            concat("gripper ", error.id(), " has disappeared from the line (link: ",
+                   line().state().text, "): check its cable and power, then run gripperctl scan")};
+}
+
+void Program::noteMuting()
+{
+    try {
+        gripper::Line(endpoint()).image();
+    } catch (const gripper::Error &) {
+        m_output.note("polling may still be muted: unmute it with gripperctl set MUTE 0");
+    }
 }
 
 void refuseUnlisted(int id, const std::vector<int> &listed, const std::string &link)

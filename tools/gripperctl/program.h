@@ -41,14 +41,53 @@ public:
     /// The way to wait: shows the time of the stage, and throws Interrupted after a signal.
     gripper::Options options();
 
+    /// Waits without traffic.
+    void pause(gripper::Seconds time);
+
     gripper::Line line() { return gripper::Line(endpoint(), options()); }
 
+    /// The id of --gripper, or 9.
     int gripperId() const { return m_settings.gripper.value_or(defaultGripper); }
 
-    /// The gripper of --gripper, or 9. Throws Failure if the daemon does not list it.
-    gripper::Gripper gripper();
+    /// The same. Throws Failure if the daemon does not list it.
+    int listedGripperId();
+
+    /// The gripper with this id.
+    gripper::Gripper gripper() { return line().gripper(listedGripperId()); }
+
+    /// Shows `stage` while `work` runs. Its errors name the commands that help.
+    template <typename Work>
+    void await(const std::string &stage, Work work)
+    {
+        m_output.begin(stage);
+        try {
+            work();
+        } catch (const gripper::TimedOut &error) {
+            throw explained(error);
+        } catch (const gripper::GripperMissing &error) {
+            throw explained(error);
+        }
+        m_output.endStage();
+    }
+
+    /// Runs `work`, which mutes polling. The library unmutes after an error, and does not report
+    /// that this failed.
+    template <typename Work>
+    void muting(Work work)
+    {
+        try {
+            work();
+        } catch (const gripper::Error &) {
+            noteMuting();
+            throw;
+        }
+    }
 
 private:
+    static Failure explained(const gripper::TimedOut &error);
+    Failure explained(const gripper::GripperMissing &error);
+    void noteMuting();
+
     Settings m_settings;
     Output m_output;
 };

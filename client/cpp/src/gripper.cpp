@@ -297,6 +297,11 @@ Image Gripper::readBeforeCommand(const Deadline &deadline)
         if (!image.stale)
             return image;
         m_connection.pause(betweenLooks, deadline);
+        if (deadline.isOver()) {
+            m_connection.close();
+            throw TimedOut("the line did not run in time (link " + image.line.text +
+                           "): nothing was sent");
+        }
     }
 }
 

@@ -66,13 +66,18 @@ void decode(const Reply &reply, std::optional<std::vector<int>> &value)
     if (list.size() < 2 || list.front() != '[' || list.back() != ']')
         failByValue(reply);
     list = list.substr(1, list.size() - 2);
-    std::vector<int> ids;
+    value.emplace();
     while (!list.empty()) {
-        const std::size_t end = std::min(list.find(", "), list.size());
-        ids.push_back(numberIn<int>({reply.name, list.substr(0, end)}));
-        list = end == list.size() ? std::string_view() : list.substr(end + 2);
+        const std::size_t end = std::min(list.find(','), list.size());
+        value->push_back(numberIn<int>({reply.name, list.substr(0, end)}));
+        list.remove_prefix(end);
+        if (list.empty())
+            return;
+        // Another id must follow the separator.
+        if (list.size() < 3 || list.substr(0, 2) != ", ")
+            failByValue(reply);
+        list.remove_prefix(2);
     }
-    value = ids;
 }
 
 /// Decodes the replies from `position` on, and returns the position after them.

@@ -102,6 +102,8 @@ void ReplyReader::expect(const Batch &batch)
 
 void ReplyReader::append(std::string_view bytes)
 {
+    if (bytes.empty())
+        return;
     if (m_batch == nullptr)
         failByForeignBytes(bytes);
     const std::size_t capacity = m_batch->size() * maxReplyLength;

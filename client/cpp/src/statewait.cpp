@@ -12,6 +12,8 @@ namespace {
 constexpr Seconds lookInterval{0.01};
 // On a disturbed line, a gripper is missing for a shorter time.
 constexpr Seconds maxAbsence{3};
+// A daemon that answers needs less time for an image.
+constexpr Seconds shortSilence{0.5};
 
 } // namespace
 
@@ -28,34 +30,44 @@ StateWait::StateWait(Connection &connection, int id, const Deadline &deadline, s
 Image StateWait::next()
 {
     while (true) {
-        if (!m_isFirst)
-            m_connection.pause(lookInterval, m_deadline);
-        const Image image = read();
-        failIfMissing(image);
-        m_isFirst = false;
-        if (!image.stale)
-            return image;
+        if (m_last)
+            pause();
+        const bool isFirst = !m_last;
+        m_last = read();
+        failIfMissing(isFirst);
+        if (!m_last->stale)
+            return *m_last;
     }
+}
+
+/// A time-out between two exchanges: no reply is missing, but the state.
+void StateWait::pause()
+{
+    m_connection.pause(lookInterval, m_deadline);
+    if (m_deadline.isOver())
+        failByTime(*m_last);
 }
 
 Image StateWait::read()
 {
     try {
-        Image image = readImage(m_connection, m_id, m_deadline, Connection::Renewal::Refused);
-        if (m_deadline.isOver())
-            failByTime(image);
-        return image;
+        return readImage(m_connection, m_id, m_deadline, Connection::Renewal::Refused);
     } catch (const ConnectionLost &error) {
         throw ConnectionLost(error.what(), m_sets);
+    } catch (const TimedOut &) {
+        // The daemon answered until now: the state is missing, not the reply.
+        if (m_last && Deadline::Clock::now() - m_last->time.monotonic < shortSilence)
+            failByTime(*m_last);
+        throw;
     }
 }
 
-void StateWait::failIfMissing(const Image &image)
+void StateWait::failIfMissing(bool isFirst)
 {
-    if (image.present)
-        m_seen = image.time.monotonic;
-    else if (m_isFirst || image.time.monotonic - m_seen > maxAbsence)
-        failByMissing(image);
+    if (m_last->present)
+        m_seen = m_last->time.monotonic;
+    else if (isFirst || m_last->time.monotonic - m_seen > maxAbsence)
+        failByMissing(*m_last);
 }
 
 /// Closes the connection like every time-out.

@@ -3,6 +3,7 @@
 #include "gripper/connection.h"
 #include "gripper/image.h"
 
+#include <optional>
 #include <string>
 
 namespace gripper {
@@ -24,7 +25,8 @@ public:
 
 private:
     Image read();
-    void failIfMissing(const Image &image);
+    void pause();
+    void failIfMissing(bool isFirst);
     [[noreturn]] void failByTime(const Image &last);
 
     Connection &m_connection;
@@ -32,7 +34,7 @@ private:
     const Deadline &m_deadline;
     std::string m_sets;
     std::string m_stage;
-    bool m_isFirst = true;
+    std::optional<Image> m_last;
     Deadline::Clock::time_point m_seen;
 };
 

@@ -1,0 +1,70 @@
+#include "commands.h"
+
+#include "app.h"
+#include "text.h"
+
+#include <algorithm>
+#include <memory>
+
+namespace gripperctl {
+
+namespace {
+
+constexpr int minId = 1;
+constexpr int maxId = 9;
+
+int idFrom(const std::string &word)
+{
+    const std::optional<int> id = numberFrom(word, minId, maxId);
+    if (!id)
+        throw Failure(ExitCode::WrongUsage,
+                      concat("an id is a number from 1 to 9, not \"", word, '"'));
+    return *id;
+}
+
+int newIdFrom(const std::string &word)
+{
+    const std::vector<int> ids(gripper::Line::scannedIds.begin(), gripper::Line::scannedIds.end());
+    const int id = idFrom(word);
+    if (std::find(ids.begin(), ids.end(), id) == ids.end())
+        throw Failure(ExitCode::WrongUsage, concat("a new id is one of ", join(ids), ", not ", id,
+                                                   ": no scan would find the gripper again"));
+    return id;
+}
+
+void run(Program &program, const std::vector<std::string> &words)
+{
+    const int from = idFrom(words.front());
+    const int to = newIdFrom(words.back());
+    gripper::Line line = program.line();
+    line.image();
+    program.output().begin(
+        concat("gripper ", from, ": scanning, storing id ", to, ", restarting (about 10 s)"));
+    try {
+        program.muting(
+            [&] { line.rename(from, to, program.timeoutOr(gripper::Line::renameTimeout)); });
+    } catch (const Interrupted &) {
+        throw Interrupted("interrupted: gripperd continues the renaming, if it has begun. In ten "
+                          "seconds, gripperctl scan shows the id of the gripper");
+    }
+    const std::string serialNumber = line.gripper(to).get("SNU");
+    program.output().result(
+        concat("gripper ", from, " (serial ", serialNumber, ") is gripper ", to, " now"),
+        {{"old", from}, {"new", to}, {"serialNumber", serialNumber}});
+}
+
+} // namespace
+
+void addRename(CLI::App &app, Program &program)
+{
+    const auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App &command = addCommand(
+        app,
+        {"rename", "Give a gripper another id: 9, 2, 3 or 4.",
+         "This takes about ten seconds. Other ids are refused, because no scan looks for them.",
+         "rename 9 2"},
+        [&program, words] { run(program, *words); });
+    addWords(command, "OLD NEW", *words, 2, 2);
+}
+
+} // namespace gripperctl

@@ -1,0 +1,162 @@
+#include "commands.h"
+
+#include "app.h"
+#include "interruption.h"
+#include "text.h"
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+
+namespace gripperctl {
+
+namespace {
+
+constexpr gripper::Seconds slowTimeout{60};
+constexpr int maxValue = 255;
+// The daemon reads only the first three digits.
+constexpr std::size_t maxDigits = 3;
+// Every value has the same effect.
+constexpr int anyValue = 1;
+
+[[noreturn]] void refuse(const std::string &problem)
+{
+    throw Failure(ExitCode::WrongUsage,
+                  problem + (problem.back() == '?' ? " See" : "; see") + " gripperctl set --help");
+}
+
+/// gripperctl has safer commands or options for these variables.
+void refuseGuarded(const std::string &name)
+{
+    const std::pair<const char *, const char *> guarded[] = {
+        {"NID", "use gripperctl rename instead of NID; it also checks that the id is free"},
+        {"UPG", "use gripperctl upgrade instead of UPG; it also waits for the flasher"},
+        // SID does not apply to other pairs in the same request.
+        {"SID", "use --gripper ID instead of SID, which ends with this connection"}};
+    for (const auto &[known, problem] : guarded) {
+        if (name == known)
+            throw Failure(ExitCode::WrongUsage, problem);
+    }
+}
+
+bool isNumberLike(const std::string &word)
+{
+    return !word.empty() && (word.front() == '-' || (word.front() >= '0' && word.front() <= '9'));
+}
+
+const gripper::SetVariable &rowOf(const std::string &word)
+{
+    const std::string name = upper(word);
+    std::vector<std::string> known;
+    for (const gripper::SetVariable &row : gripper::setVariables) {
+        if (row.name == name)
+            return row;
+        known.emplace_back(row.name);
+    }
+    if (isNumberLike(word))
+        refuse(concat("there is no name before \"", word, '"'));
+    refuse(concat("there is no variable \"", word, "\" to set", suggestion(name, known)));
+}
+
+int valueFrom(const std::string &word)
+{
+    const std::optional<int> value = numberFrom(word, 0, maxValue);
+    if (!value || word.size() > maxDigits)
+        refuse(concat('"', word, "\" is not a number from 0 to 255 of at most three digits"));
+    return *value;
+}
+
+/// The request of a command line. Calls `visit` with the row of each variable.
+template <typename Visit>
+std::vector<gripper::Pair> pairsFrom(const std::vector<std::string> &words, Visit visit)
+{
+    std::vector<gripper::Pair> pairs;
+    for (auto word = words.begin(); word != words.end(); ++word) {
+        const gripper::SetVariable &row = rowOf(*word);
+        refuseGuarded(std::string(row.name));
+        visit(row);
+        const auto next = word + 1;
+        if (next != words.end() && isNumberLike(*next)) {
+            pairs.emplace_back(row.name, valueFrom(*next));
+            word = next;
+        } else if (row.range == "any") {
+            pairs.emplace_back(row.name, anyValue);
+        } else {
+            refuse(concat(row.name, " needs a number (", row.range, ')'));
+        }
+    }
+    return pairs;
+}
+
+/// What a request needs.
+struct Needs
+{
+    bool gripper = false;
+    bool patience = false;
+    bool silentLine = false; ///< it sends the gripper into its bootloader
+
+    void add(const gripper::SetVariable &row)
+    {
+        gripper = gripper || row.needsGripper;
+        patience = patience || row.mayWait;
+        silentLine = silentLine || row.name == "BLD";
+    }
+};
+
+/// Polling stays muted, because the bootloader then has the line. Not interruptible: the daemon
+/// mutes polling at the end of a jump, so the state of MUTE is known only after its reply.
+bool sendIntoBootloader(Program &program, gripper::Connection &connection,
+                        const std::vector<gripper::Pair> &pairs, gripper::Seconds timeout)
+{
+    gripper::Maintenance muted(connection.endpoint(), connection.options());
+    const HeldInterruption untilReply;
+    if (!connection.set(pairs, gripper::Deadline(timeout)))
+        return false;
+    muted.leaveMuted();
+    program.output().note("polling stays muted until gripperctl set MUTE 0");
+    return true;
+}
+
+void run(Program &program, const std::vector<std::string> &words)
+{
+    Needs needs;
+    const auto pairs = pairsFrom(words, [&](const auto &row) { needs.add(row); });
+    const gripper::Options options = program.options();
+    const gripper::Seconds timeout =
+        needs.patience ? program.timeoutOr(slowTimeout) : options.timeout;
+    std::optional<int> id;
+    if (needs.gripper)
+        id = program.listedGripperId();
+    gripper::Connection connection(program.endpoint(), options, id);
+    if (!connection.open(gripper::Deadline(options.timeout)))
+        throw Failure(ExitCode::NoGripper,
+                      concat("gripper ", *id, " has just disappeared: see gripperctl status"));
+    bool isAcknowledged = false;
+    if (needs.silentLine)
+        program.muting(
+            [&] { isAcknowledged = sendIntoBootloader(program, connection, pairs, timeout); });
+    else
+        isAcknowledged = connection.set(pairs, gripper::Deadline(timeout));
+    if (!isAcknowledged)
+        throw Failure(ExitCode::Refused,
+                      "gripperd refused the request (nak): check the range of each number, and "
+                      "the gripper (gripperctl status)");
+    program.output().result("ack", {{"reply", "ack"}});
+}
+
+} // namespace
+
+void addSet(CLI::App &app, Program &program)
+{
+    const auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App &command =
+        addCommand(app,
+                   {"set", "Set variables of the protocol, in one request.",
+                    "Numbers are 0 to 255. Settings for the next movement may come in any order.\n"
+                    "SCN, SCN_BLOCK and BLD need no number.",
+                    "set MSC 100"},
+                   [&program, words] { run(program, *words); });
+    addWords(command, "NAME [NUMBER]...", *words, 1, std::numeric_limits<int>::max());
+}
+
+} // namespace gripperctl

@@ -1,0 +1,216 @@
+#include "commands.h"
+
+#include "app.h"
+#include "gripperview.h"
+#include "interruption.h"
+#include "text.h"
+
+#include <memory>
+#include <optional>
+
+namespace gripperctl {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Stage = gripper::UpgradeStage;
+
+// A flasher that wrote firmware ran for several seconds.
+constexpr gripper::Seconds tooShortToWrite{1};
+
+struct Choice
+{
+    bool isConfirmed = false;
+    std::string expected;
+};
+
+/// Shows the stages of an upgrade, and keeps what its errors depend on.
+class Progress
+{
+public:
+    explicit Progress(Program &program)
+        : m_program(program)
+    {
+    }
+
+    void begin(Stage stage, int id)
+    {
+        if (m_stage == Stage::Writing)
+            m_writing = Clock::now() - m_begin;
+        m_stage = stage;
+        m_begin = Clock::now();
+        m_untilReply.reset();
+        switch (stage) {
+        case Stage::Jumping:
+            // The reply decides whether polling has to be unmuted.
+            m_untilReply.emplace();
+            m_program.output().begin(concat("gripper ", id, ": entering its bootloader"));
+            break;
+        case Stage::Writing:
+            m_program.output().begin("writing the firmware");
+            break;
+        case Stage::Searching:
+            m_program.output().begin("scanning the line");
+            break;
+        case Stage::Done:
+            break;
+        }
+    }
+
+    bool is(Stage stage) const { return m_stage == stage; }
+    bool hasWritten() const { return m_writing >= tooShortToWrite; }
+    void allowInterruption() { m_untilReply.reset(); }
+
+private:
+    Program &m_program;
+    std::optional<Stage> m_stage;
+    std::optional<HeldInterruption> m_untilReply;
+    Clock::time_point m_begin;
+    gripper::Seconds m_writing{0};
+};
+
+void refuseDuringUpgrade(const gripper::LineState &line)
+{
+    if (line.upgrading)
+        throw Failure(ExitCode::Refused, "an upgrade is under way and has the line: wait until "
+                                         "\"gripperctl get UPG\" prints 0");
+}
+
+void confirm(Program &program, const gripper::Image &image)
+{
+    program.output().confirm(
+        concat("Write new firmware into gripper ", image.id, " (", image.firmware.value_or("?"),
+               ", serial ", image.serialNumber.value_or("?"), ")? Do not switch it off meanwhile."),
+        "an upgrade writes new firmware into the gripper");
+}
+
+/// Scans until the gripper is found, or three times.
+std::string presentState(Program &program, int id)
+{
+    gripper::Line line = program.line();
+    program.output().begin("scanning the line");
+    constexpr int maxScans = 3;
+    for (int scans = 0; scans < maxScans; ++scans) {
+        if (scans > 0)
+            program.pause(gripper::Seconds(1));
+        const std::vector<int> found = line.scan();
+        if (std::find(found.begin(), found.end(), id) != found.end()) {
+            return concat("Polling continues, and gripper ", id, " runs firmware ",
+                          line.gripper(id).get("FWV"));
+        }
+    }
+    return concat("Polling continues, but gripper ", id,
+                  " does not answer: switch it off and on, then run gripperctl scan");
+}
+
+/// After a refused jump, or a flasher that did not start.
+[[noreturn]] void failUnbegun(Program &program, int id, const gripper::Refused &error)
+{
+    refuseDuringUpgrade(program.line().state());
+    try {
+        throwIfInterrupted();
+    } catch (const Interrupted &) {
+        throw Interrupted(concat("interrupted. ", error.what()));
+    }
+    std::string state;
+    try {
+        state = presentState(program, id);
+    } catch (const gripper::Error &unknown) {
+        // The message must still name the problem of the upgrade.
+        state = concat("The state of the gripper is unknown: ", unknown.what());
+    }
+    const std::string problem = error.what();
+    throw Failure(ExitCode::Refused, concat(problem, problem.back() == '?' ? " " : ". ", state));
+}
+
+[[noreturn]] void failUnfound(int id, const Progress &progress)
+{
+    if (progress.hasWritten()) {
+        throw Failure(ExitCode::NoGripper,
+                      concat("gripper ", id,
+                             " does not answer after the upgrade: its firmware may be incomplete. "
+                             "Switch it off and on, and flash it by hand: see the manual of "
+                             "romflasher"));
+    }
+    throw Failure(ExitCode::NoGripper,
+                  concat("the flasher ended at once, most likely before it wrote anything. "
+                         "Gripper ",
+                         id,
+                         " waits in its bootloader: switch it off and on, then run gripperctl "
+                         "scan. The cause is in the daemon's log (journalctl -u gripperd)"));
+}
+
+std::string versionsText(const std::string &before, const std::string &after)
+{
+    return before == after ? concat("firmware ", after, ", as before")
+                           : concat("firmware ", before, " -> ", after);
+}
+
+/// Returns the version afterwards.
+std::string upgrade(Program &program, gripper::Gripper &gripper, const std::string &before,
+                    const std::string &expected)
+{
+    const int id = gripper.id();
+    Progress progress(program);
+    try {
+        return gripper.upgrade([&](Stage stage) { progress.begin(stage, id); }, expected,
+                               program.timeoutOr(gripper::Gripper::upgradeTimeout));
+    } catch (const Interrupted &) {
+        if (!progress.is(Stage::Writing))
+            throw;
+        throw Interrupted("interrupted: the flasher continues, so do not switch the gripper off. "
+                          "Polling continues when \"gripperctl get UPG\" prints 0");
+    } catch (const gripper::Refused &error) {
+        progress.allowInterruption();
+        if (progress.is(Stage::Jumping))
+            failUnbegun(program, id, error);
+        if (!progress.is(Stage::Searching))
+            throw;
+        throw Failure(ExitCode::Refused,
+                      concat("gripper ", id, " runs ", versionsText(before, gripper.get("FWV")),
+                             ": see the messages of the flasher in the daemon's log (journalctl "
+                             "-u gripperd)"));
+    } catch (const gripper::GripperMissing &) {
+        if (progress.is(Stage::Searching))
+            failUnfound(id, progress);
+        throw;
+    }
+}
+
+void run(Program &program, const Choice &choice)
+{
+    gripper::Gripper gripper = program.gripper();
+    const gripper::Image before = gripper.image();
+    refuseDuringUpgrade(before.line);
+    if (!choice.isConfirmed)
+        confirm(program, before);
+    // The upgrade scans if another gripper may be in its bootloader.
+    if (before.listed.size() > 1)
+        program.output().begin("scanning the line");
+    const std::string old = before.firmware.value_or("?");
+    std::string present;
+    program.muting([&] { present = upgrade(program, gripper, old, choice.expected); });
+    program.output().result(concat("gripper ", gripper.id(), ": ", versionsText(old, present)),
+                            {{"gripper", gripper.id()}, {"old", old}, {"new", present}});
+}
+
+} // namespace
+
+void addUpgrade(CLI::App &app, Program &program)
+{
+    const auto choice = std::make_shared<Choice>();
+    CLI::App &command = addCommand(
+        app,
+        {"upgrade", "Write the firmware of its family into the gripper.",
+         "The daemon has the file. This takes about a minute; do not switch the gripper off "
+         "meanwhile.",
+         "upgrade --gripper 9 --yes"},
+        [&program, choice] { run(program, *choice); });
+    command.add_flag("--yes", choice->isConfirmed, "Do not ask for confirmation.");
+    command
+        .add_option("--expect", choice->expected,
+                    "Succeed if the gripper runs this firmware afterwards.")
+        ->type_name("VERSION");
+}
+
+} // namespace gripperctl
