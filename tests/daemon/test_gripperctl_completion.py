@@ -137,8 +137,9 @@ def test_zsh(with_program, tmp_path):
             terminal.tmux("send-keys", "-l", line)
             terminal.press("Tab")
             eventually(lambda: any(shown in text for text in terminal.shown()), 5, terminal.shown)
-            terminal.press("C-c")
-            terminal.type("clear")
+            # Not Ctrl-C, because the terminal then drops the next keys.
+            terminal.press("C-u")
+            terminal.press("C-l")
             eventually(lambda: not any(shown in text for text in terminal.shown()))
 
         in_zsh("gripperctl watch --in", "watch --interval")

@@ -140,10 +140,14 @@ def test_times_have_their_offset_from_utc(tmp_path):
         assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\+05:30", row["time"])
 
 
+def texts_of(picture):
+    tree = xml.etree.ElementTree.parse(picture)
+    return {"".join(e.itertext()).strip() for e in tree.iter("{http://www.w3.org/2000/svg}text")}
+
+
 def test_a_recording_is_drawn(recording, tmp_path):
     assert succeed("plot", recording) == f"drew {recording.with_suffix('.svg')}\n"
-    tree = xml.etree.ElementTree.parse(recording.with_suffix(".svg"))
-    texts = {"".join(e.itertext()).strip() for e in tree.iter("{http://www.w3.org/2000/svg}text")}
+    texts = texts_of(recording.with_suffix(".svg"))
     assert {"position", "current", "seconds", "gripper 2", "gripper 9"} <= texts
     picture = tmp_path / "a picture's name.png"
     succeed("plot", recording, "-o", picture)
@@ -205,17 +209,30 @@ def test_a_recording_that_a_spreadsheet_saved(script_for):
 
 def test_the_picture_has_a_title_times_and_aligned_panels(script_for):
     script = script_for("\n".join([HEADER, *LIVE, ""]), "the robot's.csv")
-    assert "title 'the robot''s.csv, from 2026-05-06 07:08:09+02:00' noenhanced" in script
-    # 07:08:09.010 as gnuplot counts, on the clock of the recording.
-    assert "set x2range [1778051289.010:1778051289.210]\n" in script
+    assert f"title 'the robot''s.csv, from {TIME}' noenhanced" in script
+    assert f"start = strptime('%Y-%m-%dT%H:%M:%S', '{TIME}') - 0.000\n" in script
+    assert "set x2range [start + 0.000:start + 0.200]\n" in script
     panels = script.split("set multiplot")[1]
     for setting in ["lmargin at screen", "rmargin at screen", "xrange [0.000:0.200]"]:
         assert panels.count(f"set {setting}") == 1, "both panels have the same"
 
 
-def test_a_recording_in_utc_of_version_1_0_0(script_for):
-    script = script_for("\n".join([HEADER, LIVE[0].replace("+02:00", "Z"), ""]))
-    assert "from 2026-05-06 07:08:09+00:00" in script
+def test_the_upper_axis_shows_the_time_of_the_day(tmp_path):
+    path = tmp_path / "some.csv"
+    path.write_text("\n".join([HEADER, LIVE[0], LIVE[1].replace("0.200", "60.000"), ""]))
+    succeed("plot", path)
+    assert {"07:08:10", "07:09:00"} <= texts_of(path.with_suffix(".svg"))
+
+
+def test_a_recording_without_valid_times(script_for):
+    script = script_for("\n".join([HEADER, *LIVE[1:], ""]))
+    assert "title 'some.csv' noenhanced" in script and "x2range" not in script
+
+
+def test_a_picture_that_cannot_be_written(tmp_path):
+    path = tmp_path / "some.csv"
+    path.write_text("\n".join([HEADER, *LIVE, ""]))
+    assert "gnuplot failed" in fail(gripperctl.LOCAL, "plot", path, "-o", tmp_path / "no" / "such.svg")
 
 
 def test_drawing_needs_gnuplot(recording, tmp_path):

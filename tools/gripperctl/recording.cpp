@@ -6,8 +6,9 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
+#include <iomanip>
 #include <sstream>
+#include <utility>
 
 namespace gripperctl {
 
@@ -18,17 +19,12 @@ enum Column { Time, Seconds, Gripper, Position, Requested, Current, Object, Faul
 constexpr const char *linkRuns = "RUNNING";
 
 /// The cause of an outage, for the column of the link.
-std::string causeText(const gripper::Outage &outage)
+std::string causeOf(const gripper::Outage &outage)
 {
-    switch (outage.reason) {
-    case gripper::Outage::Reason::NoConnection:
-        return "NO_CONNECTION";
-    case gripper::Outage::Reason::Missing:
-        return "MISSING";
-    case gripper::Outage::Reason::LinkDown:
-        break;
-    }
-    return outage.text;
+    using Reason = gripper::Outage::Reason;
+    if (outage.reason == Reason::LinkDown)
+        return outage.text;
+    return outage.reason == Reason::Missing ? "MISSING" : "NO_CONNECTION";
 }
 
 [[noreturn]] void fail(int line)
@@ -73,12 +69,10 @@ std::optional<Sample> sampleFrom(const std::vector<std::string> &fields)
     return hasValues ? std::optional<Sample>(sample) : std::nullopt;
 }
 
-std::optional<LocalTime> startFrom(const std::string &time, double seconds)
+bool isTime(const std::string &text)
 {
-    auto start = parseTime(time);
-    if (start)
-        start->seconds -= seconds;
-    return start;
+    constexpr std::size_t beginOfOffset = 23; // version 1.0.0 wrote "Z" there
+    return text.size() > beginOfOffset && text[10] == 'T';
 }
 
 } // namespace
@@ -86,38 +80,23 @@ std::optional<LocalTime> startFrom(const std::string &time, double seconds)
 const char *const recordingHeader =
     "time,seconds,gripper,position,requested,current,object,fault,link";
 
-std::string RecordingWriter::beginOfLine(int id, const gripper::ReadingTime &time) const
-{
-    const std::chrono::duration<double> sinceStart = time.monotonic - m_start;
-    char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%.3f", std::max(0.0, sinceStart.count()));
-    return timeText(time.wall) + ',' + seconds + ',' + std::to_string(id) + ',';
-}
-
-std::string RecordingWriter::imageLine(const gripper::Image &image)
-{
-    m_outages.erase(image.id);
-    return beginOfLine(image.id, image.time) + numberText(image.position) + ',' +
-           numberText(image.requestedPosition) + ',' + numberText(image.current) + ',' +
-           objectText(image) + ',' + numberText(image.fault) + ',' + image.line.text;
-}
-
-std::string RecordingWriter::outageLine(const gripper::Outage &outage)
-{
-    std::string cause = causeText(outage);
-    std::replace(cause.begin(), cause.end(), ',', ' ');
-    std::string &written = m_outages[outage.id];
-    if (written == cause)
-        return {};
-    written = cause;
-    return beginOfLine(outage.id, outage.time) + ",,,,," + cause;
-}
-
 std::string RecordingWriter::lineOf(const gripper::WatchItem &item)
 {
-    if (const auto *image = std::get_if<gripper::Image>(&item))
-        return imageLine(*image);
-    return outageLine(std::get<gripper::Outage>(item));
+    const auto [id, time] =
+        std::visit([](const auto &one) { return std::pair(one.id, one.time); }, item);
+    const std::chrono::duration<double> sinceStart = time.monotonic - m_start;
+    const std::string begin = concat(timeText(time.wall), ',', std::fixed, std::setprecision(3),
+                                     std::max(0.0, sinceStart.count()), ',', id, ',');
+    if (const auto *image = std::get_if<gripper::Image>(&item)) {
+        m_outages.erase(id);
+        return concat(begin, numberText(image->position), ',', numberText(image->requestedPosition),
+                      ',', numberText(image->current), ',', objectText(*image), ',',
+                      numberText(image->fault), ',', image->line.text);
+    }
+    std::string cause = causeOf(std::get<gripper::Outage>(item));
+    std::replace(cause.begin(), cause.end(), ',', ' ');
+    std::string &written = m_outages[id];
+    return std::exchange(written, cause) == cause ? std::string() : begin + ",,,,," + cause;
 }
 
 Recording parseRecording(const std::string &text)
@@ -142,8 +121,8 @@ Recording parseRecording(const std::string &text)
         const bool isCut = lines.eof();
         if (!sample && !isCut)
             fail(number);
-        if (sample && recording.samples.empty())
-            recording.start = startFrom(fields[Time], sample->seconds);
+        if (sample && recording.samples.empty() && isTime(fields[Time]))
+            recording.time = fields[Time];
         if (sample)
             recording.samples.push_back(*sample);
     }

@@ -1,12 +1,9 @@
 #pragma once
 
-#include "clocktime.h"
-
 #include <gripper/watch.h>
 
 #include <chrono>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,10 +26,6 @@ public:
     std::string lineOf(const gripper::WatchItem &item);
 
 private:
-    std::string imageLine(const gripper::Image &image);
-    std::string outageLine(const gripper::Outage &outage);
-    std::string beginOfLine(int id, const gripper::ReadingTime &time) const;
-
     std::chrono::steady_clock::time_point m_start;
     std::map<int, std::string> m_outages; ///< what is written of the present outages
 };
@@ -52,7 +45,7 @@ struct Sample
 struct Recording
 {
     std::vector<Sample> samples;
-    std::optional<LocalTime> start; ///< the time 0; empty if the file has no valid times
+    std::string time; ///< of the first sample; empty if it has not the form of timeText()
 };
 
 /// Reads the whole text of a file. It drops an incomplete last line, which a recorder leaves that

@@ -1,6 +1,5 @@
 #include "watchview.h"
 
-#include "clocktime.h"
 #include "gripperview.h"
 #include "text.h"
 
@@ -85,20 +84,20 @@ std::string imageLine(const Image &image, int width)
 
 std::string reasonWord(const Outage &outage)
 {
-    switch (outage.reason) {
-    case Outage::Reason::NoConnection:
-        return "no_connection";
-    case Outage::Reason::LinkDown:
-        return "link_down";
-    case Outage::Reason::Missing:
-        break;
-    }
-    return "missing";
+    constexpr const char *words[] = {"no_connection", "link_down", "missing"};
+    return words[static_cast<std::size_t>(outage.reason)];
+}
+
+/// Without date and milliseconds: "22:38:18+01:00".
+std::string clockText(const gripper::ReadingTime &time)
+{
+    const std::string text = timeText(time.wall);
+    return text.substr(11, 8) + text.substr(23);
 }
 
 std::string outageLine(const Outage &outage)
 {
-    const std::string since = " since " + clockText(outage.since.wall);
+    const std::string since = " since " + clockText(outage.since);
     if (outage.id == 0)
         return "no grippers found" + since;
     std::string reason = reasonWord(outage);
@@ -120,15 +119,9 @@ std::string linkText(const Look &look)
     if (const auto *image = std::get_if<Image>(&first))
         return image->line.text;
     const auto &outage = std::get<Outage>(first);
-    switch (outage.reason) {
-    case Outage::Reason::NoConnection:
+    if (outage.reason == Outage::Reason::NoConnection)
         return "no connection";
-    case Outage::Reason::LinkDown:
-        return outage.text;
-    case Outage::Reason::Missing:
-        break;
-    }
-    return linkRuns;
+    return outage.reason == Outage::Reason::LinkDown ? outage.text : linkRuns;
 }
 
 ScreenLine headLine(const Look &look)
@@ -136,7 +129,7 @@ ScreenLine headLine(const Look &look)
     const std::string driver = look.driver.empty() ? "" : ' ' + look.driver;
     const std::string link = linkText(look);
     return {"gripperd" + driver + " on " + look.host + "  link " + link + "  " +
-                clockText(look.time().wall),
+                clockText(look.time()),
             link != linkRuns};
 }
 

@@ -1,13 +1,222 @@
-#include "completion.h"
-
-#include "app.h"
 #include "commands.h"
 
+#include "text.h"
+
+#include <gripper/variables.h>
+
+#include <algorithm>
 #include <memory>
+#include <utility>
 
 namespace gripperctl {
 
 namespace {
+
+/// A word that the shell offers. Two words have a meaning of their own: the shell offers the names
+/// of files for ":files" and the names of hosts for ":hosts".
+struct Completion
+{
+    std::string word;
+    std::string description;
+};
+
+using Completions = std::vector<Completion>;
+
+constexpr gripper::Seconds answerTimeout{0.5};
+
+Completions offer(const std::vector<std::string> &words)
+{
+    Completions offered;
+    for (const std::string &word : words)
+        offered.push_back({word, {}});
+    return offered;
+}
+
+template <typename Rows>
+Completions offerNames(const Rows &rows)
+{
+    // gripperctl has commands of its own for these.
+    const std::vector<std::string_view> notSetByHand{"NID", "SID", "UPG"};
+    Completions offered;
+    for (const auto &row : rows) {
+        const bool isGuarded = std::is_same_v<decltype(row), const gripper::SetVariable &> &&
+                               std::count(notSetByHand.begin(), notSetByHand.end(), row.name) > 0;
+        if (!isGuarded)
+            offered.push_back({std::string(row.name), std::string(row.meaning)});
+    }
+    return offered;
+}
+
+Completions offerIds(const gripper::Endpoint &endpoint)
+{
+    Completions offered;
+    try {
+        for (const int id : gripper::Line(endpoint).grippers(answerTimeout))
+            offered.push_back({std::to_string(id), {}});
+    } catch (const gripper::Error &) {
+        // Without the daemon, no id is known.
+        return {};
+    }
+    return offered;
+}
+
+/// The options and the commands by their names, with the first line of their help.
+Completions offerOptions(const CLI::App &command)
+{
+    Completions offered;
+    for (const CLI::App *app = &command; app != nullptr; app = app->get_parent()) {
+        for (const CLI::Option *option : app->get_options()) {
+            const bool isInherited = app != &command && option == app->get_help_ptr();
+            if (!option->nonpositional() || isInherited)
+                continue;
+            for (const std::string &name : option->get_lnames())
+                offered.push_back({"--" + name, option->get_description()});
+            for (const std::string &name : option->get_snames())
+                offered.push_back({"-" + name, option->get_description()});
+        }
+    }
+    return offered;
+}
+
+Completions offerCommands(const CLI::App &app)
+{
+    Completions offered;
+    for (const CLI::App *command : app.get_subcommands({})) {
+        const std::string help = command->get_description();
+        if (!command->get_group().empty())
+            offered.push_back({command->get_name(), help.substr(0, help.find('\n'))});
+    }
+    return offered;
+}
+
+Completions offerArguments(const std::string &command)
+{
+    if (command == "get")
+        return offerNames(gripper::getVariables);
+    if (command == "set")
+        return offerNames(gripper::setVariables);
+    if (command == "led")
+        return offer({"red", "green", "blue", "off", "auto"});
+    if (command == "rename")
+        return offer({"9", "2", "3", "4"});
+    if (command == "wait")
+        return offer({"daemon", "gripper", "active", "still", "object", "lost"});
+    if (command == "record" || command == "plot")
+        return offer({":files"});
+    return {};
+}
+
+/// A command line before the word that is completed.
+class Words
+{
+public:
+    Words(const CLI::App &app, const gripper::Endpoint &endpoint)
+        : m_app(app)
+        , m_command(&app)
+        , m_endpoint(endpoint)
+    {
+    }
+
+    void append(const std::string &word)
+    {
+        const CLI::Option *awaiting = std::exchange(m_awaiting, nullptr);
+        const CLI::Option *option = awaiting == nullptr ? findOption(word) : nullptr;
+        const std::size_t equals = word.find('=');
+        if (awaiting != nullptr)
+            takeValue(*awaiting, word);
+        else if (option != nullptr && equals != std::string::npos)
+            takeValue(*option, word.substr(equals + 1));
+        else if (option != nullptr)
+            m_awaiting = option->get_items_expected_max() > 0 ? option : nullptr;
+        else if (m_command == &m_app)
+            takeCommand(word);
+    }
+
+    Completions offerNext(const std::string &word) const
+    {
+        const std::size_t equals = word.find('=');
+        const CLI::Option *option = findOption(word);
+        if (m_awaiting != nullptr)
+            return offerValues(*m_awaiting);
+        if (option != nullptr && equals != std::string::npos) {
+            Completions offered = offerValues(*option);
+            for (Completion &completion : offered) {
+                if (completion.word.front() != ':')
+                    completion.word.insert(0, word, 0, equals + 1);
+            }
+            return offered;
+        }
+        if (!word.empty() && word.front() == '-')
+            return offerOptions(m_command == nullptr ? m_app : *m_command);
+        if (m_command == &m_app)
+            return offerCommands(m_app);
+        return m_command == nullptr ? Completions() : offerArguments(m_command->get_name());
+    }
+
+private:
+    /// The word may have a value: --host=robot. Null for a word that is no option.
+    const CLI::Option *findOption(const std::string &word) const
+    {
+        if (word.size() < 2 || word.front() != '-')
+            return nullptr;
+        const std::string name = word.substr(0, word.find('='));
+        const CLI::Option *option =
+            m_command == nullptr ? nullptr : m_command->get_option_no_throw(name);
+        return option == nullptr ? m_app.get_option_no_throw(name) : option;
+    }
+
+    void takeValue(const CLI::Option &option, const std::string &value)
+    {
+        if (!option.check_name("--host"))
+            return;
+        try {
+            m_endpoint = gripper::Endpoint::fromText(value);
+        } catch (const gripper::Error &) {
+            // The user has not finished it.
+            return;
+        }
+    }
+
+    void takeCommand(const std::string &name)
+    {
+        m_command = nullptr;
+        for (const CLI::App *command : m_app.get_subcommands({})) {
+            if (command->get_name() == name)
+                m_command = command;
+        }
+    }
+
+    Completions offerValues(const CLI::Option &option) const
+    {
+        const std::string type = option.get_type_name();
+        if (type == "ID")
+            return offerIds(m_endpoint);
+        if (type == "FILE")
+            return offer({":files"});
+        return type == "HOST[:PORT]" ? offer({":hosts"}) : Completions();
+    }
+
+    const CLI::App &m_app;
+    const CLI::App *m_command;               ///< null for a word that is no command
+    const CLI::Option *m_awaiting = nullptr; ///< the option whose value comes next
+    gripper::Endpoint m_endpoint;
+};
+
+/// The completions of the last word.
+Completions completionsOf(const CLI::App &app, const gripper::Endpoint &endpoint,
+                          const std::vector<std::string> &words)
+{
+    Words before(app, endpoint);
+    for (std::size_t word = 0; word + 1 < words.size(); ++word)
+        before.append(words[word]);
+    const std::string last = words.empty() ? std::string() : words.back();
+    Completions offered = before.offerNext(last);
+    const auto differs = [&](const Completion &completion) {
+        return completion.word.front() != ':' && completion.word.compare(0, last.size(), last) != 0;
+    };
+    offered.erase(std::remove_if(offered.begin(), offered.end(), differs), offered.end());
+    return offered;
+}
 
 /// "WORD" or "WORD<tab>DESCRIPTION" lines.
 void printCompletions(const CLI::App &app, Program &program, const std::vector<std::string> &words)

@@ -1,17 +1,19 @@
 #include "commands.h"
 
 #include "app.h"
-#include "gnuplot.h"
 #include "plotscript.h"
 #include "text.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
+
+#include <sys/wait.h>
 
 namespace gripperctl {
 
@@ -25,31 +27,23 @@ struct PlotOptions
     std::string picture;
 };
 
-[[noreturn]] void failFor(const std::string &action, const fs::path &path)
+[[noreturn]] void fail(const std::string &problem)
 {
-    throw Failure(ExitCode::LocalProblem,
-                  concat("cannot ", action, ' ', path.string(), ": ", std::strerror(errno)));
+    throw Failure(ExitCode::LocalProblem, problem);
 }
 
 Recording readRecording(const fs::path &path)
 {
-    std::ifstream file(path, std::ios::binary);
     std::error_code ignored;
-    if (fs::is_directory(path, ignored))
-        errno = EISDIR;
-    else if (file)
-        return parseRecording({std::istreambuf_iterator<char>(file), {}});
-    failFor("read", path);
-}
-
-void refuseEmpty(const Recording &recording, const fs::path &path)
-{
-    const auto &samples = recording.samples;
-    if (std::any_of(samples.begin(), samples.end(), [](const auto &one) { return one.isLive; }))
-        return;
-    throw Failure(ExitCode::LocalProblem,
-                  concat(path.string(), " has no values from a running link: record again while "
-                                        "gripperctl status shows link RUNNING"));
+    std::ifstream file(path, std::ios::binary);
+    if (!file || fs::is_directory(path, ignored))
+        fail(concat("cannot read ", path.string(), ": ", file ? "a folder" : std::strerror(errno)));
+    const Recording recording = parseRecording({std::istreambuf_iterator<char>(file), {}});
+    const auto isLive = [](const Sample &sample) { return sample.isLive; };
+    if (std::none_of(recording.samples.begin(), recording.samples.end(), isLive))
+        fail(concat(path.string(), " has no values from a running link: record again while "
+                                   "gripperctl status shows link RUNNING"));
+    return recording;
 }
 
 bool isPng(const fs::path &path)
@@ -61,11 +55,19 @@ bool isPng(const fs::path &path)
                   concat("the output ", path.string(), " must end in .svg or .png"));
 }
 
-void writePicture(const fs::path &path, const std::string &picture)
+/// gnuplot writes its own errors to standard error.
+void runGnuplot(const std::string &script)
 {
-    std::ofstream file(path, std::ios::binary);
-    if (!(file << picture << std::flush))
-        failFor("write", path);
+    constexpr int notFound = 127; // from the shell
+    std::FILE *gnuplot = ::popen("exec gnuplot", "w");
+    if (gnuplot == nullptr)
+        fail(concat("cannot start a shell: ", std::strerror(errno)));
+    std::fputs(script.c_str(), gnuplot);
+    const int status = ::pclose(gnuplot);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == notFound)
+        fail("cannot start gnuplot: install it with sudo apt install gnuplot-nox");
+    if (status != 0)
+        fail("gnuplot failed: its errors are above");
 }
 
 void plot(Program &program, const PlotOptions &options)
@@ -74,10 +76,7 @@ void plot(Program &program, const PlotOptions &options)
     const fs::path picture = options.picture.empty() ? fs::path(path).replace_extension(".svg")
                                                      : fs::path(options.picture);
     const bool wantsPng = isPng(picture);
-    const Recording recording = readRecording(path);
-    refuseEmpty(recording, path);
-    const std::string script = plotScript(recording, path.filename(), wantsPng);
-    writePicture(picture, runGnuplot(script));
+    runGnuplot(plotScript(readRecording(path), path.filename(), picture, wantsPng));
     program.output().result(concat("drew ", picture.string()), {{"file", picture.string()}});
 }
 

@@ -5,14 +5,11 @@
 #include "text.h"
 
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <iterator>
+#include <iostream>
 #include <memory>
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace gripperctl {
 
@@ -21,154 +18,92 @@ namespace {
 constexpr gripper::Seconds answerTimeout{5};
 constexpr int sliceMs = 50;
 
-/// Cuts the next line, without its ending, from the begin of `text`.
-std::optional<std::string> takeLine(std::string &text)
-{
-    const std::size_t end = text.find('\n');
-    if (end == std::string::npos)
-        return std::nullopt;
-    std::string line = text.substr(0, end);
-    text.erase(0, end + 1);
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
-    return line;
-}
-
-/// Cuts the next reply. The reply to a SET has three small letters and no line ending.
+/// Cuts the next reply from the begin of `text`, without its line ending. The reply to a SET has
+/// three small letters and no line ending. Empty if there is no whole reply.
 std::optional<std::string> takeReply(std::string &text)
 {
     const std::string begin = text.substr(0, 3);
-    if (begin != "ack" && begin != "nak")
-        return takeLine(text);
-    text.erase(0, begin.size());
-    return begin;
+    const bool isOfSet = begin == "ack" || begin == "nak";
+    const std::size_t size = isOfSet ? begin.size() : text.find('\n');
+    if (size == std::string::npos)
+        return std::nullopt;
+    const std::string reply = text.substr(0, size);
+    text.erase(0, size + (isOfSet ? 0 : 1));
+    return reply;
 }
 
-bool isRequest(const std::string &line)
-{
-    const std::string begin = upper(line.substr(0, 4));
-    return begin == "GET " || begin == "SET ";
-}
-
-/// Text that travels between the user and the daemon, both ways at the same time.
+/// Lines that go to the daemon one by one.
 class RawSession
 {
 public:
-    RawSession(Program &program, std::string input, bool readsMore)
+    explicit RawSession(Program &program)
         : m_program(program)
         , m_connection(program.endpoint(), program.options())
         , m_timeout(program.timeoutOr(answerTimeout))
-        , m_input(std::move(input))
-        , m_readsMore(readsMore)
     {
         m_connection.open(gripper::Deadline(m_timeout));
     }
 
-    /// Returns when the input has ended. Throws Failure if a request has no reply.
-    void run()
+    /// Sends the line and shows its replies. It waits for the reply to a request, because a SET SID
+    /// applies from the next packet on.
+    void exchange(const std::string &line)
     {
-        while (m_readsMore || m_isAwaiting || !m_input.empty() || !m_received.empty()) {
-            throwIfInterrupted();
-            if (!m_isAwaiting)
-                sendNext();
-            transfer();
-            if (m_isAwaiting && m_deadline.isOver()) {
-                m_isAwaiting = false;
+        show('>', line);
+        send(line + '\n');
+        const std::string begin = upper(line.substr(0, 4));
+        const bool isRequest = begin == "GET " || begin == "SET ";
+        const gripper::Deadline deadline(m_timeout);
+        bool isAnswered = false;
+        bool isSilent = false;
+        std::string received;
+        while (!(isSilent && !isRequest) && !(isAnswered && received.empty())) {
+            if (deadline.isOver()) {
                 ++m_unanswered;
+                return;
+            }
+            isSilent = !receive(received);
+            // A reply has no line ending if the daemon found other text after the name of a GET.
+            // The rest of a line comes at once, so silence shows its end.
+            if (isSilent && !received.empty())
+                received += '\n';
+            while (const auto reply = takeReply(received)) {
+                show('<', *reply);
+                isAnswered = true;
             }
         }
-        if (m_unanswered > 0) {
+    }
+
+    /// Throws Failure if a request had no reply.
+    void end() const
+    {
+        if (m_unanswered > 0)
             throw Failure(ExitCode::TimedOut,
                           concat("no reply to ", m_unanswered, " of the requests within ",
                                  m_timeout.count(), " s"));
-        }
     }
 
 private:
-    void transfer()
+    void send(const std::string &text) const
     {
-        const bool readsNow = m_readsMore && m_input.find('\n') == std::string::npos;
-        // poll() ignores a negative descriptor.
-        std::array<pollfd, 2> files{
-            {{m_connection.nativeHandle(), POLLIN, 0}, {readsNow ? STDIN_FILENO : -1, POLLIN, 0}}};
-        const int ready = ::poll(files.data(), files.size(), sliceMs);
-        // A reply has no line ending if the daemon found other text after the name of a GET. The
-        // rest of a line comes at once, so silence shows its end.
-        if (ready == 0 && !m_received.empty())
-            showReply(std::exchange(m_received, {}));
-        if (ready <= 0)
-            return;
-        if (files[0].revents != 0)
-            receive();
-        if (files[1].revents != 0)
-            readInput();
+        const int socket = m_connection.nativeHandle();
+        const auto size = static_cast<ssize_t>(text.size());
+        if (::send(socket, text.data(), text.size(), MSG_NOSIGNAL) != size)
+            failByLoss();
     }
 
-    void readInput()
-    {
-        std::array<char, 4096> part = {};
-        const ssize_t size = ::read(STDIN_FILENO, part.data(), part.size());
-        if (size < 0 && errno == EINTR)
-            return;
-        m_readsMore = size > 0;
-        m_input.append(part.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
-        if (!m_readsMore && !m_input.empty() && m_input.back() != '\n')
-            m_input += '\n';
-    }
-
-    /// The daemon carries out a batch for the gripper that was selected before. So each request
-    /// waits for the reply to the one before.
-    void sendNext()
-    {
-        const auto line = takeLine(m_input);
-        if (!line)
-            return;
-        show('>', *line);
-        m_deadline = gripper::Deadline(m_timeout);
-        m_isAwaiting = isRequest(*line);
-        send(*line + '\n');
-    }
-
-    void send(const std::string &text)
-    {
-        for (std::size_t sent = 0; sent < text.size();) {
-            const ssize_t size = ::send(m_connection.nativeHandle(), text.data() + sent,
-                                        text.size() - sent, MSG_NOSIGNAL);
-            if (size > 0)
-                sent += static_cast<std::size_t>(size);
-            else if (errno == EAGAIN || errno == EINTR)
-                waitUntilWritable();
-            else
-                failByLoss();
-        }
-    }
-
-    void waitUntilWritable()
+    /// Returns false if nothing came for a while.
+    bool receive(std::string &received) const
     {
         throwIfInterrupted();
-        if (m_deadline.isOver())
-            throw Failure(ExitCode::TimedOut, "the daemon does not take the text");
-        pollfd file{m_connection.nativeHandle(), POLLOUT, 0};
-        ::poll(&file, 1, sliceMs);
-    }
-
-    void receive()
-    {
+        pollfd file{m_connection.nativeHandle(), POLLIN, 0};
+        if (::poll(&file, 1, sliceMs) <= 0)
+            return false;
         std::array<char, 4096> part = {};
-        const ssize_t size = ::recv(m_connection.nativeHandle(), part.data(), part.size(), 0);
-        if (size < 0 && (errno == EAGAIN || errno == EINTR))
-            return;
+        const ssize_t size = ::recv(file.fd, part.data(), part.size(), 0);
         if (size <= 0)
             failByLoss();
-        m_received.append(part.data(), static_cast<std::size_t>(size));
-        while (const auto reply = takeReply(m_received))
-            showReply(*reply);
-    }
-
-    void showReply(const std::string &reply)
-    {
-        show('<', reply);
-        m_isAwaiting = false;
+        received.append(part.data(), static_cast<std::size_t>(size));
+        return true;
     }
 
     [[noreturn]] void failByLoss() const
@@ -188,20 +123,21 @@ private:
     Program &m_program;
     gripper::Connection m_connection;
     gripper::Seconds m_timeout;
-    std::string m_input;
-    bool m_readsMore;
-    std::string m_received;
-    bool m_isAwaiting = false; ///< the reply to a request
-    gripper::Deadline m_deadline{m_timeout};
     int m_unanswered = 0;
 };
 
 void raw(Program &program, const std::vector<std::string> &lines)
 {
-    std::string input;
+    RawSession session(program);
     for (const std::string &line : lines)
-        input += line + '\n';
-    RawSession(program, input, lines.empty()).run();
+        session.exchange(line);
+    for (std::string line; lines.empty() && std::getline(std::cin, line);) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        session.exchange(line);
+    }
+    throwIfInterrupted();
+    session.end();
 }
 
 } // namespace
