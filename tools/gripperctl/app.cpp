@@ -14,6 +14,7 @@ namespace gripperctl {
 namespace {
 
 constexpr const char *hostVariable = "GRIPPERCTL_HOST";
+constexpr const char *argumentsName = "arguments";
 constexpr double minSeconds = 0.02;
 constexpr double maxSeconds = 86400;
 
@@ -184,7 +185,8 @@ Failure usageFailure(const CLI::App &app, const CLI::ParseError &error)
     const CLI::App &command = *given.front();
     const std::string &name = command.get_name();
     const std::string page = name + ' ';
-    if (dynamic_cast<const CLI::RequiredError *>(&error) != nullptr)
+    const bool isArgument = std::string_view(error.what()).rfind(argumentsName, 0) == 0;
+    if (dynamic_cast<const CLI::RequiredError *>(&error) != nullptr || isArgument)
         return wrongUsage(concat(name, " needs ", argumentsOf(command)), page);
     const std::vector<std::string> extras = app.remaining(true);
     if (dynamic_cast<const CLI::ExtrasError *>(&error) == nullptr || extras.empty())
@@ -209,12 +211,15 @@ CLI::App &addCommand(CLI::App &app, const CommandText &text, std::function<void(
 CLI::Option *addWords(CLI::App &command, const std::string &label, std::vector<std::string> &words,
                       int min, int max)
 {
-    return command.add_option("arguments", words)->type_name(label)->required()->expected(min, max);
+    return command.add_option(argumentsName, words)
+        ->type_name(label)
+        ->required()
+        ->expected(min, max);
 }
 
 CLI::Option *addWord(CLI::App &command, const std::string &label, std::string &word)
 {
-    return command.add_option("arguments", word)->type_name(label)->required();
+    return command.add_option(argumentsName, word)->type_name(label)->required();
 }
 
 CLI::Option *addNumber(CLI::App &command, const std::string &name, std::optional<int> &number,

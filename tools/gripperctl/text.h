@@ -35,7 +35,7 @@ std::string upper(std::string text);
 std::string timeText(std::chrono::system_clock::time_point time);
 
 /// The words of `known` that differ from `word` by a typing error, as "; did you mean move?".
-/// Empty if there is none.
+/// Empty without such a word.
 std::string suggestion(const std::string &word, const std::vector<std::string> &known);
 
 /// Rows of words below a header. Each column is as wide as its widest word. The gap between two

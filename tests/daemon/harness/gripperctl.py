@@ -112,6 +112,12 @@ class ScriptedDaemon:
             assert has_arrived, f"no {pattern} in {self.requests}"
             return list(self.requests)
 
+    def wait_for_times(self, request, times, timeout=5.0):
+        """Waits until this request has come this many times from now on."""
+        with self.changed:
+            begin = self.requests.count(request)
+            assert self.changed.wait_for(lambda: self.requests.count(request) >= begin + times, timeout)
+
     def sets(self):
         with self.changed:
             return [r[4:] for r in self.requests if r.startswith("SET ")]

@@ -88,7 +88,7 @@ std::vector<gripper::Pair> pairsFrom(const std::vector<std::string> &words, Visi
     return pairs;
 }
 
-/// What a request needs.
+/// The needs of a request.
 struct Needs
 {
     bool gripper = false;

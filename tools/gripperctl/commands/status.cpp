@@ -33,7 +33,7 @@ std::string tableOf(const Snapshot &snapshot)
     if (snapshot.grippers.empty())
         return "no grippers found";
     std::vector<std::vector<std::string>> rows{{"ID", "FAMILY", "FIRMWARE", "SERIAL", "YEAR",
-                                                "STATUS", "POSITION", "OBJECT", "FAULT", "CYCLES"}};
+                                                "STATUS", "POS", "OBJECT", "FAULT", "CYCLES"}};
     for (const gripper::Image &image : snapshot.grippers)
         rows.push_back(rowOf(image));
     return join(tableLines(rows), "\n");
