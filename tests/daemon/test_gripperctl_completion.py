@@ -2,11 +2,13 @@
 
 import os
 import pathlib
+import re
 import subprocess
 
 import pytest
+from harness import gripperctl
 from harness.children import binary
-from harness.gripperctl import ScriptedDaemon, succeed
+from harness.gripperctl import ScriptedDaemon, fail, succeed
 from harness.gripperctlhelp import commands, options
 from harness.terminal import Terminal
 from harness.waiting import eventually
@@ -45,7 +47,8 @@ def test_options_of_each_command():
 def test_arguments_of_the_commands(tmp_path):
     assert words_for("led", "") == ["red", "green", "blue", "off", "auto"]
     assert words_for("rename", "9", "") == ["9", "2", "3", "4"]
-    assert words_for("wait", "a") == ["active"]
+    states = re.search("wait takes one of (.*), not", fail(gripperctl.USAGE, "wait", "x"))[1]
+    assert words_for("wait", "") == states.split(", ")
     assert words_for("plot", "a") == words_for("plot", "-o", "a") == words_for("record", "") == [":files"]
     assert words_for("status", "--host", "ro") == words_for("--host=") == [":hosts"]
 

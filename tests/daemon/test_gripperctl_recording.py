@@ -40,7 +40,7 @@ def recording(daemon, tmp_path_factory):
     succeed("move", "0", "--wait")
     process = start_ctl("record", path, "--interval", "0.05", "--seconds", "1.5")
     assert "recording into" in process.stderr.readline()
-    succeed("move", "200", "--speed", "255", "--wait")
+    succeed("move", "200", "--speed", "160", "--wait")
     out, _ = process.communicate(timeout=10)
     assert process.returncode == gripperctl.DONE
     lines = path.read_text().splitlines()
