@@ -89,6 +89,13 @@ def test_a_flasher_that_fails_at_once_is_not_reported_as_missing(found, simulato
     simulator.wait_until_polled(9)
 
 
+def test_an_upgrade_that_could_not_begin_is_not_called_incomplete(found, folder):
+    put_flasher(folder, "exit 2")
+    text = fail(gripperctl.NO_GRIPPER, "upgrade", "--yes")
+    assert "the flasher ended at once, most likely before it wrote anything" in text
+    assert "switch it off and on" in text and "incomplete" not in text
+
+
 def test_a_gripper_that_refuses_its_bootloader_keeps_running(found, simulator):
     simulator.command("fault 9 exception always 3 on 400")
     text = fail(gripperctl.REFUSED, "upgrade", "--yes")
