@@ -49,6 +49,7 @@ def test_arguments_of_the_commands(tmp_path):
     assert words_for("rename", "9", "") == ["9", "2", "3", "4"]
     states = re.search("wait takes one of (.*), not", fail(gripperctl.USAGE, "wait", "x"))[1]
     assert words_for("wait", "") == states.split(", ")
+    assert words_for("move", "") == words_for("raw", "") == words_for("move", "1", "--speed", "") == []
     assert words_for("plot", "a") == words_for("plot", "-o", "a") == words_for("record", "") == [":files"]
     assert words_for("status", "--host", "ro") == words_for("--host=") == [":hosts"]
 

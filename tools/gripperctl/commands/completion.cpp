@@ -1,19 +1,17 @@
 #include "commands.h"
 
-#include "text.h"
-
-#include <gripper/variables.h>
+#include "app.h"
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 #include <utility>
 
 namespace gripperctl {
 
 namespace {
 
-/// A word that the shell offers. Two words have a meaning of their own: the shell offers the names
-/// of files for ":files" and the names of hosts for ":hosts".
+/// A word that the shell offers. For filesOffered and hostsOffered it offers names instead.
 struct Completion
 {
     std::string word;
@@ -23,29 +21,6 @@ struct Completion
 using Completions = std::vector<Completion>;
 
 constexpr gripper::Seconds answerTimeout{0.5};
-
-Completions offer(const std::vector<std::string> &words)
-{
-    Completions offered;
-    for (const std::string &word : words)
-        offered.push_back({word, {}});
-    return offered;
-}
-
-template <typename Rows>
-Completions offerNames(const Rows &rows)
-{
-    // gripperctl has commands of its own for these.
-    const std::vector<std::string_view> notSetByHand{"NID", "SID", "UPG"};
-    Completions offered;
-    for (const auto &row : rows) {
-        const bool isGuarded = std::is_same_v<decltype(row), const gripper::SetVariable &> &&
-                               std::count(notSetByHand.begin(), notSetByHand.end(), row.name) > 0;
-        if (!isGuarded)
-            offered.push_back({std::string(row.name), std::string(row.meaning)});
-    }
-    return offered;
-}
 
 Completions offerIds(const gripper::Endpoint &endpoint)
 {
@@ -87,23 +62,6 @@ Completions offerCommands(const CLI::App &app)
             offered.push_back({command->get_name(), help.substr(0, help.find('\n'))});
     }
     return offered;
-}
-
-Completions offerArguments(const std::string &command)
-{
-    if (command == "get")
-        return offerNames(gripper::getVariables);
-    if (command == "set")
-        return offerNames(gripper::setVariables);
-    if (command == "led")
-        return offer({"red", "green", "blue", "off", "auto"});
-    if (command == "rename")
-        return offer({"9", "2", "3", "4"});
-    if (command == "wait")
-        return offer({"daemon", "gripper", "active", "still", "object", "lost"});
-    if (command == "record" || command == "plot")
-        return offer({":files"});
-    return {};
 }
 
 /// A command line before the word that is completed.
@@ -150,7 +108,7 @@ public:
             return offerOptions(m_command == nullptr ? m_app : *m_command);
         if (m_command == &m_app)
             return offerCommands(m_app);
-        return m_command == nullptr ? Completions() : offerArguments(m_command->get_name());
+        return m_command == nullptr ? Completions() : offerArguments();
     }
 
 private:
@@ -188,12 +146,22 @@ private:
 
     Completions offerValues(const CLI::Option &option) const
     {
-        const std::string type = option.get_type_name();
-        if (type == "ID")
+        if (option.get_option_text() == idsOffered)
             return offerIds(m_endpoint);
-        if (type == "FILE")
-            return offer({":files"});
-        return type == "HOST[:PORT]" ? offer({":hosts"}) : Completions();
+        Completions offered;
+        std::istringstream words(option.get_option_text());
+        for (std::string word; words >> word;)
+            offered.push_back({word, {}});
+        return offered;
+    }
+
+    Completions offerArguments() const
+    {
+        for (const CLI::Option *option : m_command->get_options()) {
+            if (option->get_positional())
+                return offerValues(*option);
+        }
+        return {};
     }
 
     const CLI::App &m_app;

@@ -85,7 +85,8 @@ void addGet(CLI::App &app, Program &program)
                     "each.",
                     "get POS OBJ"},
                    [&program, words] { run(program, *words); });
-    addWords(command, "NAME...", *words, 1, std::numeric_limits<int>::max());
+    addWords(command, "NAME...", *words, 1, std::numeric_limits<int>::max())
+        ->option_text(join(knownNames(), " "));
 }
 
 } // namespace gripperctl
