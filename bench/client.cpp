@@ -86,21 +86,30 @@ double median(std::vector<double> &times)
     return *middle;
 }
 
+void run(int id, int pairs)
+{
+    gripper::Gripper gripper = gripper::Line().gripper(id);
+    const BareClient client(id);
+    std::vector<double> images;
+    std::vector<double> exchanges;
+    for (; pairs > 0; pairs -= callsInARow) {
+        measure(images, [&] { gripper.image(); });
+        measure(exchanges, [&] { client.exchange(gripper::imageRequests()); });
+    }
+    std::printf("{\"image\": %.2f, \"exchange\": %.2f}\n", median(images), median(exchanges));
+}
+
 } // namespace
 
 int main(int argumentCount, char **arguments)
 {
     if (argumentCount != 3)
         return 2;
-    const int id = std::atoi(arguments[1]);
-    gripper::Gripper gripper = gripper::Line().gripper(id);
-    const BareClient client(id);
-    std::vector<double> images;
-    std::vector<double> exchanges;
-    for (int pairs = std::atoi(arguments[2]); pairs > 0; pairs -= callsInARow) {
-        measure(images, [&] { gripper.image(); });
-        measure(exchanges, [&] { client.exchange(gripper::imageRequests()); });
+    try {
+        run(std::atoi(arguments[1]), std::atoi(arguments[2]));
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "bench-client: %s\n", error.what());
+        return 1;
     }
-    std::printf("{\"image\": %.2f, \"exchange\": %.2f}\n", median(images), median(exchanges));
     return 0;
 }

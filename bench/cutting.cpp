@@ -1,5 +1,5 @@
-// Measures how fast the scanner cuts requests out of text, without sockets and without carrying the
-// requests out. One iteration is one or several reads; the bytes are those of the reads.
+// Measures how fast the scanner cuts requests out of text, without sockets and without executing
+// the requests. An iteration has one or more reads. The rate counts the bytes of the reads.
 
 #include "requestscanner.h"
 
@@ -41,26 +41,26 @@ std::size_t cutAll(RequestScanner &scanner, std::string_view text)
     return requests;
 }
 
-/// One connection for all iterations, as ordinary clients have.
+/// Uses one connection for all iterations, as ordinary clients do.
 void cutOnOneConnection(benchmark::State &state, const std::string &text, std::size_t expected)
 {
     RequestScanner scanner;
     while (state.KeepRunning()) {
         if (cutAll(scanner, text) != expected) {
-            state.SkipWithError("other requests than expected");
+            state.SkipWithError("wrong number of requests");
             return;
         }
     }
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 
-/// A new connection for each iteration: its request is never complete.
+/// Uses a new connection for each iteration, because its request is never complete.
 void cutOnNewConnections(benchmark::State &state, const std::string &text)
 {
     while (state.KeepRunning()) {
         RequestScanner scanner;
         if (cutAll(scanner, text) != 0) {
-            state.SkipWithError("a request where none is");
+            state.SkipWithError("unexpected request");
             return;
         }
     }
@@ -97,7 +97,7 @@ void longestSet(benchmark::State &state)
         1);
 }
 
-/// Three digits are a name and a value; the wrong character at the end invalidates all readings.
+/// Three digits can be a name or a value. The wrong character at the end invalidates all readings.
 void hostileLine(benchmark::State &state)
 {
     cutOnOneConnection(state, "SET AAA" + repeated(" 111", bytesPerRead - 9) + "%\n", 0);
@@ -118,7 +118,7 @@ void keywordsWithoutEnd(benchmark::State &state)
     cutOnNewConnections(state, repeated("SET ", bytesPerRead));
 }
 
-void bytesAtRandom(benchmark::State &state)
+void randomBytes(benchmark::State &state)
 {
     std::mt19937 random(1);
     std::uniform_int_distribution<int> byte(1, 255);
@@ -128,7 +128,7 @@ void bytesAtRandom(benchmark::State &state)
     cutOnNewConnections(state, text);
 }
 
-void lettersAtRandom(benchmark::State &state)
+void randomLetters(benchmark::State &state)
 {
     constexpr std::string_view alphabet = "SETG 1\n-";
     std::mt19937 random(1);
@@ -149,8 +149,8 @@ BENCHMARK(hostileLine)->Name("hostile: SET AAA 111 111 ..., a wrong character, 1
 BENCHMARK(manyHostileLines)->Name("hostile: the same in lines of 457 bytes");
 BENCHMARK(hostileLineWithoutEnd)->Name("hostile: the same, 1 MiB that never ends");
 BENCHMARK(keywordsWithoutEnd)->Name("hostile: SET SET SET ..., 16 KiB that never end");
-BENCHMARK(bytesAtRandom)->Name("garbage: any bytes");
-BENCHMARK(lettersAtRandom)->Name("garbage: letters of which requests are made");
+BENCHMARK(randomBytes)->Name("garbage: any bytes");
+BENCHMARK(randomLetters)->Name("garbage: the letters of requests, at random");
 
 } // namespace
 

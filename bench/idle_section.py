@@ -35,7 +35,7 @@ def idle_table(rig, seconds):
                     rows.append([name, clients, *watch(daemon.pid, seconds)])
             end(daemon)
     head = ["polling", "idle clients", "CPU", "wake-ups/s", "preempted/s", "resident MB"]
-    table(f"One gripper and nobody who asks, {seconds} s", head + ["of that own MB"], rows)
+    table(f"One gripper and no requests, {seconds} s", head + ["private MB"], rows)
 
 
 def watch(pid, seconds):
@@ -73,7 +73,8 @@ def clients_table(rig, rounds):
                 end(daemon)
     head = ["clients", "all answered s", "CPU s", "MB before", "with them", "MB per 1,000"]
     head += ["1 s after them", "not as expected"]
-    table("Clients that come at once, ask once and stay, a round each", head, rows)
+    title = "Clients that connect at once, send one request each and stay; a row for each round"
+    table(title, head, rows)
 
 
 def client_figures(result, before, opened, closed):

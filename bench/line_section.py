@@ -15,7 +15,7 @@ LONGEST_WAIT = 5.0
 
 def run(rig, quick):
     visit_table(rig, seconds=3 if quick else 15)
-    taken_table(rig, count=20 if quick else 150)
+    delivery_table(rig, count=20 if quick else 150)
     set_table(rig, count=20 if quick else 150)
     start_table(rig, count=3 if quick else 15)
     cable_table(rig, count=2 if quick else 12)
@@ -56,7 +56,7 @@ VISIT_HEAD += ["gap", "p99", "max"]
 
 
 def visit_figures(visits, dropped):
-    """The columns of VISIT_HEAD."""
+    """Returns the columns of VISIT_HEAD."""
     if len(visits) < 2:
         return [len(visits), dropped, *["-"] * (len(VISIT_HEAD) - 2)]
     durations = [visit.duration for visit in visits]
@@ -70,23 +70,23 @@ def visit_figures(visits, dropped):
 
 
 def spread(values):
-    """Median, p99 and the largest."""
+    """Returns the median, p99 and the largest value."""
     return [f"{value:.1f}" for value in (median(values), quantile(values, 0.99), max(values))]
 
 
-def taken_table(rig, count):
-    """Changes the last counter of a visit between visits, and polls for it as a client."""
+def delivery_table(rig, count):
+    """Measures how long a visit takes to deliver its last value to a client."""
     rows = []
     with rig.simulator(GRIPPERS[0]) as simulator:
         daemon = rig.daemon_with_value()
         for setting, name in THROTTLES:
             throttle(setting)
             first = len(simulator.frames)
-            taken = [see_taken(simulator, number) for number in range(1, count + 1)]
+            delivered = [deliver_counter(simulator, number) for number in range(1, count + 1)]
             frames = simulator.frames[first:]
             (visits, _), offset = visits_of(frames), clock_offset(frames)
             durations = []
-            for seen in taken:
+            for seen in delivered:
                 at = (seen - offset) * 1000
                 if visit := visit_before(visits, at):
                     durations.append(at - visit.start)
@@ -96,7 +96,8 @@ def taken_table(rig, count):
     table(f"First request of a visit to its last value at a client, ms, {count} visits", head, rows)
 
 
-def see_taken(simulator, number):
+def deliver_counter(simulator, number):
+    """Changes the counter. Returns the time at which a client gets the new value."""
     simulator.tell(f"pin 9 604 {number}")
     return wait_until_served("NPA", str(number), step=0.0002)
 
@@ -120,8 +121,8 @@ def set_table(rig, count):
 
 
 def time_set(simulator, client, number):
-    """Times of a SET: sent (our clock), written (the simulator's clock), acknowledged."""
-    # At random moments of a visit and of the pause after it.
+    """Returns the times of a SET: sent (our clock), written (the simulator's clock), acknowledged."""
+    # Sends at a random moment of a visit or of the pause after it.
     time.sleep(random.uniform(0.06, 0.16))
     first = len(simulator.frames)
     sent = time.monotonic()
@@ -160,7 +161,7 @@ def cable_table(rig, count):
             pulled = time.monotonic()
             simulator.tell("unplug")
             noticed.append((wait_until_served("POS", "?") - pulled) * 1000)
-            # The daemon looks for the port once a second, so the port returns at a random moment of a second.
+            # The daemon looks for the port once a second. The port returns at a random moment.
             time.sleep(random.uniform(0.5, 1.5))
             plugged = time.monotonic()
             simulator.tell("plug")

@@ -111,7 +111,7 @@ Load::Use Load::useNow() const
     return {nowNs(), cpuSeconds(m_options.server), cpuSeconds(::getpid())};
 }
 
-/// Waits for input until that time at most, and takes all of it.
+/// Waits for input, at most until the time `until`, and takes all of it.
 template <typename Taken>
 void Load::takeReplies(std::int64_t until, Taken taken)
 {
@@ -142,7 +142,7 @@ void Load::startMeasuring()
     m_start = useNow();
 }
 
-/// Waits for the missing replies; counts those that do not come.
+/// Waits for the missing replies. Counts the replies that do not come.
 void Load::drain()
 {
     const auto isDone = [](const LoadClient &client) {
@@ -199,7 +199,7 @@ void Load::runClosed()
     startMeasuring();
     runUntil(m_start.at + toNs(m_options.seconds));
     m_end = useNow();
-    // The rate refers to the measured time.
+    // The printed figures contain only the replies of the measured time.
     const Histogram measured = m_latency;
     drain();
     expectSilence();

@@ -119,7 +119,7 @@ unsigned LoadClient::compare(std::string_view &bytes)
 LoadClient::Batch LoadClient::takeAnswered(unsigned most)
 {
     if (m_batches.empty())
-        errx(1, "a reply that nobody asked for");
+        errx(1, "a reply without a request");
     Batch answered = m_batches.front();
     answered.count = std::min(answered.count, most);
     m_pending -= answered.count;

@@ -57,7 +57,7 @@ private:
 
     int m_descriptor = -1;
     std::string_view m_reply;
-    std::size_t m_offset = 0;  ///< received bytes of the reply
+    std::size_t m_offset = 0;  ///< bytes received of the current reply
     bool m_isSkipping = false; ///< after a wrong byte, up to the next line feed
     std::uint64_t m_wrong = 0;
     std::deque<Batch> m_batches;

@@ -11,7 +11,7 @@ namespace {
 constexpr char usage[] =
     "usage: bench-load closed|paced|hold --port N --request TEXT --reply TEXT [--clients N]\n"
     "           [--depth N] [--rate N] [--seconds S] [--warm-up S] [--server PID]\n"
-    "TEXT is taken as it is: line feeds are part of it.\n";
+    "TEXT must contain its line feeds.\n";
 
 LoadOptions::Mode modeOf(const char *word)
 {
@@ -24,7 +24,7 @@ LoadOptions::Mode modeOf(const char *word)
     errx(2, "unknown mode %s", word);
 }
 
-void take(char option, const char *value, LoadOptions &options)
+void setOption(char option, const char *value, LoadOptions &options)
 {
     switch (option) {
     case 'p':
@@ -73,7 +73,7 @@ LoadOptions readLoadOptions(int argc, char **argv)
     };
     LoadOptions options;
     for (int option = 0; (option = getopt_long(argc, argv, "", known, nullptr)) != -1;)
-        take(static_cast<char>(option), optarg, options);
+        setOption(static_cast<char>(option), optarg, options);
     if (optind != argc - 1 || options.port == 0 || options.clients == 0 || options.depth == 0 ||
         options.rate <= 0 || options.request.empty() || options.reply.empty() ||
         options.reply.back() != '\n') {

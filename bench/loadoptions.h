@@ -25,5 +25,5 @@ struct LoadOptions
     pid_t server = 0;           ///< process whose processor time is measured; 0 for none
 };
 
-/// Ends the program if they are wrong.
+/// Reads the command line. Ends the program if an option is wrong.
 LoadOptions readLoadOptions(int argc, char **argv);

@@ -50,7 +50,7 @@ def main():
 
 
 def measure(name, options):
-    """Runs a section; a failure does not stop the others."""
+    """Runs a section. Its failure does not stop the other sections."""
     try:
         with Rig(options.programs, options.own_programs) as rig:
             SECTIONS[name](rig, options.quick)

@@ -22,7 +22,7 @@ def run(rig, quick):
 
 
 class Paced:
-    """Collects the results of the rounds, a list per name."""
+    """Measures in rounds. Keeps a list of results for each name."""
 
     def __init__(self, rig, simulator, seconds):
         self.rig, self.simulator, self.seconds = rig, simulator, seconds
@@ -34,27 +34,27 @@ class Paced:
     def one_round(self):
         for setting, name in ((1, "polling, throttled"), (0, "polling, not throttled")):
             throttle(setting)
-            self.look(name + ", no client")
-            self.ask(name, VALUE, visits=True)
+            self.measure_visits(name + ", no client")
+            self.measure_replies(name, VALUE, visits=True)
         self.set("MUTE 1")
-        self.ask("muted", VALUE)
+        self.measure_replies("muted", VALUE)
         self.set("MUTE 0")
         self.simulator.tell("unplug")
         wait_until_served("POS", "?")
-        self.ask("no gripper", NO_VALUE)
+        self.measure_replies("no gripper", NO_VALUE)
         self.simulator.tell("plug")
         wait_until_served("POS", str(POSITION))
-        self.ask("Qt echo", VALUE, self.echo.pid, ECHO_PORT)
+        self.measure_replies("Qt echo", VALUE, self.echo.pid, ECHO_PORT)
 
     def set(self, pairs):
         with Client() as client:
             client.set(pairs)
 
-    def look(self, name):
+    def measure_visits(self, name):
         found = visits_of(frames_during(self.simulator, self.seconds))
         self.visits.setdefault(name, []).append(found)
 
-    def ask(self, name, reply, pid=None, port=DAEMON_PORT, visits=False):
+    def measure_replies(self, name, reply, pid=None, port=DAEMON_PORT, visits=False):
         first = len(self.simulator.frames)
         result = self.rig.load(
             "paced",

@@ -1,5 +1,5 @@
-// A minimal line server in this framework: it answers every line with the same line. It shows the
-// cost of the framework.
+// A minimal line server with Qt: it answers every line with the same reply. It shows the cost of
+// Qt.
 
 #include <QCoreApplication>
 #include <QTcpServer>

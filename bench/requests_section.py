@@ -1,4 +1,4 @@
-"""Measures requests a second and latency, beside other servers in the same minutes."""
+"""Measures requests a second and latency of the daemon and of other servers, in turn."""
 
 from rig import DAEMON_PORT, ECHO_PORT, ECHO_WITHOUT_GLIB_PORT, POSITION, REDIS_PORT
 from tables import median, table
@@ -9,10 +9,10 @@ REQUEST = "GET POS\n"
 LINE = f"POS {POSITION}\n"
 BULK = f"${len(str(POSITION))}\r\n{POSITION}\r\n"
 
-# The servers of the ratio columns, by the title of the column.
-BESIDE = {"of redis": "redis", "of echo": "Qt echo", "of that without GLib": "Qt echo, no GLib"}
+# Title of each ratio column, and the server that the ratio compares with.
+COMPARED = {"of redis": "redis", "of echo": "Qt echo", "of that without GLib": "Qt echo, no GLib"}
 
-HEAD = ["clients", "depth", "server", "requests/s", *BESIDE, "p50 us", "p99 us"]
+HEAD = ["clients", "depth", "server", "requests/s", *COMPARED, "p50 us", "p99 us"]
 HEAD += ["p99.9 us", "CPU s/100k", "load CPU", "not as expected"]
 
 
@@ -37,9 +37,9 @@ def run(rig, quick):
 def compare(rig, servers, clients, depth, seconds, rounds):
     results = {name: [] for name, *_ in servers}
     for number in range(rounds):
-        # Each server comes first once, so that other load affects all alike.
-        turned = servers[number % len(servers) :] + servers[: number % len(servers)]
-        for name, pid, port, reply in turned:
+        # The order rotates, so that other load affects all servers alike.
+        rotated = servers[number % len(servers) :] + servers[: number % len(servers)]
+        for name, pid, port, reply in rotated:
             results[name].append(
                 rig.load(
                     "closed",
@@ -58,16 +58,16 @@ def compare(rig, servers, clients, depth, seconds, rounds):
 def row(clients, depth, name, results):
     own = results[name]
     # A ratio compares servers of the same round, so that a slower machine does not change it.
-    to = [
+    ratios = [
         median([rate(a) / rate(b) for a, b in zip(own, results[other])])
-        for other in BESIDE.values()
+        for other in COMPARED.values()
     ]
     return [
         clients,
         depth,
         name,
         f"{median([rate(r) for r in own]):.0f}",
-        *(f"{ratio:.2f}" for ratio in to),
+        *(f"{ratio:.2f}" for ratio in ratios),
         *(f"{median([r[key] for r in own]):.0f}" for key in ("p50", "p99", "p999")),
         f"{median([r['server_cpu'] / r['replies'] * 100_000 for r in own]):.3f}",
         f"{median([r['own_cpu'] / r['seconds'] for r in own]):.0%}",

@@ -1,4 +1,4 @@
-"""The measured and the measuring programs: child processes that end with this one."""
+"""The measured programs and the measuring programs: child processes that end with this process."""
 
 import ctypes
 import json
@@ -50,7 +50,7 @@ class Rig:
         child = subprocess.Popen(
             [str(argument) for argument in arguments],
             cwd=self.work,
-            # Only this process handles Ctrl-C; it then ends the children in order.
+            # Only this process handles Ctrl-C. It then ends the children, the latest first.
             start_new_session=True,
             preexec_fn=lambda: _libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL),
             **options,
@@ -79,7 +79,7 @@ class Rig:
         child = self.spawn(
             ["redis-server", "--port", REDIS_PORT, "--bind", "127.0.0.1", "--save", ""]
             + ["--appendonly", "no", "--maxclients", "20000", "--tcp-backlog", "4096"],
-            # One program with two names; the tools package has the other name.
+            # Both names belong to one program. The package redis-tools contains only this name.
             executable="/usr/bin/redis-check-rdb",
         )
         wait_until_listening(REDIS_PORT, child)
@@ -96,14 +96,14 @@ class Rig:
         return child
 
     def echo_without_glib(self):
-        """Starts an echo server on the daemon's event loop."""
+        """Starts an echo server with the same event loop as the daemon, without GLib."""
         return self.echo(ECHO_WITHOUT_GLIB_PORT, QT_NO_GLIB="1")
 
     def load(self, mode, port, request, reply, **options):
         """Runs the load program and returns its figures."""
         child = self.start_load(mode, port, request, reply, **options)
         text, errors = child.communicate()
-        return _loaded(text, errors)
+        return _parse_figures(text, errors)
 
     def start_load(self, mode, port, request, reply, **options):
         words = [self.own_programs / "bench-load", mode, "--port", port]
@@ -119,15 +119,15 @@ class Rig:
         )
 
     def hold(self, clients, request, reply, **options):
-        return Held(self.start_load("hold", DAEMON_PORT, request, reply, clients=clients, **options))
+        return HeldClients(self.start_load("hold", DAEMON_PORT, request, reply, clients=clients, **options))
 
 
-def _loaded(text, errors):
+def _parse_figures(text, errors):
     assert text, f"the load program says: {errors.strip()}"
     return json.loads(text)
 
 
-class Held:
+class HeldClients:
     """Clients that send one request and stay connected."""
 
     def __init__(self, child):
@@ -135,7 +135,7 @@ class Held:
 
     def __enter__(self):
         line = self.child.stdout.readline()
-        self.result = _loaded(line, "" if line else self.child.stderr.read())
+        self.result = _parse_figures(line, "" if line else self.child.stderr.read())
         return self
 
     def __exit__(self, *_):
@@ -199,7 +199,7 @@ def wait_until_listening(port, child, step=0.001):
 
 
 def wait_until_served(name, value, timeout=20, step=0.001):
-    """Polls until the value appears; returns that time."""
+    """Polls until the value appears. Returns the time of the reply."""
     deadline = time.monotonic() + timeout
     with Client() as client:
         while (answer := client.get(name)) != value:
@@ -256,20 +256,20 @@ class Simulator:
         for line in self.process.stdout:
             seen = time.monotonic()
             if line[:1] == " " or line[:1].isdigit():
-                # A line of foreign bytes ends with its baud rate; this bench has no such lines.
+                # Lines with bytes of a bootloader have another form. There is no bootloader here.
                 self.frames.append(Frame(line, seen))
             else:
                 self._answers.put(line.rstrip("\n"))
 
 
 def cpu_seconds(pid):
-    """Processor time of the process's one thread."""
+    """Returns the processor time of the process, which has one thread."""
     with open(f"/proc/{pid}/schedstat", encoding="ascii") as stat:
         return int(stat.read().split()[0]) / 1e9
 
 
 def status_of(pid):
-    """The numbers of /proc/PID/status."""
+    """Returns the numbers of /proc/PID/status."""
     found = {}
     with open(f"/proc/{pid}/status", encoding="ascii") as status:
         for line in status:
@@ -280,7 +280,7 @@ def status_of(pid):
 
 
 def machine():
-    """Lines about the machine, with a warning about other load."""
+    """Returns lines about the machine, with a warning about other load."""
     with open("/proc/cpuinfo", encoding="ascii", errors="replace") as info:
         models = [line.split(":")[1].strip() for line in info if line.startswith("model name")]
     load, cores = os.getloadavg(), os.cpu_count()
@@ -297,7 +297,7 @@ def machine():
 
 
 def busy_share(seconds=1.0):
-    """The share of the processors in use now."""
+    """Returns the share of the processors in use now."""
 
     def used_and_all():
         with open("/proc/stat", encoding="ascii") as stat:

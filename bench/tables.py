@@ -4,7 +4,7 @@ import statistics
 
 
 def table(title, head, rows):
-    """Prints one table: numbers to the right, words to the left."""
+    """Prints one table, with numbers aligned to the right and words to the left."""
     cells = [[str(cell) for cell in row] for row in [head, *rows]]
     widths = [max(len(row[i]) for row in cells) for i in range(len(head))]
     words = [all(not _is_number(row[i]) for row in cells[1:]) for i in range(len(head))]

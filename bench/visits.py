@@ -29,8 +29,10 @@ class Visit:
 
 
 def visits_of(frames):
-    """Returns the whole visits among these frames, in order, and the number of visits that lost an
-    answer. A visit that continues after the last frame counts as neither."""
+    """Returns (complete visits in order, number of visits that lost an answer).
+
+    A visit that continues after the last frame is in neither.
+    """
     found, dropped = [], 0
     open_visit = []
     for frame in frames:
@@ -54,22 +56,24 @@ def writes_of(frames):
 
 
 def gaps(visits):
-    """Times from the last answer of each visit to the first request of the next, of any gripper.
-    A dropped visit is part of a gap."""
+    """Returns the times from the last answer of each visit to the first request of the next visit.
+
+    The next visit may be of another gripper. A dropped visit is part of a gap.
+    """
     return [after.start - before.taken for before, after in zip(visits, visits[1:])]
 
 
 def periods(visits):
-    """Times from the start of each visit to the start of the next, of any gripper."""
+    """Returns the times between the starts of consecutive visits, of any gripper."""
     return [after.start - before.start for before, after in zip(visits, visits[1:])]
 
 
 def clock_offset(frames):
-    """Offset between the simulator's clock and ours, from the frame with the least delay."""
+    """Returns our clock minus the simulator's clock, from the frame with the least delay."""
     return min(frame.seen - frame.at / 1000 for frame in frames)
 
 
 def visit_before(visits, at):
-    """The last visit that ended before `at` ms."""
+    """Returns the last visit that ended before `at` ms, or None."""
     index = bisect.bisect([visit.end for visit in visits], at)
     return visits[index - 1] if index else None

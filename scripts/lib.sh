@@ -14,7 +14,7 @@ fail() {
 build_preset() {
     local preset=$1 dir=$root/build/$1 home
     local cache=$dir/CMakeCache.txt fresh=()
-    # A build folder that was copied with its tree refers to the old place: begin again.
+    # A build folder that was copied with its tree names the old path, so it needs a new configuration.
     if [[ -r $cache ]]; then
         home=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$cache")
         [[ $home == "$root" ]] || fresh=(--fresh)

@@ -13,7 +13,7 @@ struct BootloaderKind
     int baudRate;          ///< it ignores bytes at any other rate
     quint32 firmwareStart; ///< start of the firmware; lower addresses are write-protected
     quint8 version;        ///< one hexadecimal digit each: 0x31 is version 3.1
-    quint8 eraseCommand;   ///< the erase command in its command list; it accepts both
+    quint8 eraseCommand;   ///< the erase command that `get` lists; it accepts both
 };
 
 /// The kind of bootloader in a gripper with this identity.

@@ -12,7 +12,7 @@ class FaultPlan;
 class FlashMemory;
 
 /// The bootloader's side of the protocol. It receives bytes, returns answers and changes the flash.
-/// It knows neither time nor line, so there is no time-out between two bytes.
+/// It knows neither the time nor the line, so there is no time-out between two bytes.
 class BootloaderProtocol
 {
 public:

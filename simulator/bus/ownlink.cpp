@@ -16,7 +16,8 @@
 namespace sim {
 
 namespace {
-/// The target of the link at `path` as it is spelt. Empty when `path` is not a link.
+/// The target of the link at `path`, exactly as the link contains it. Empty when `path` is not a
+/// link.
 QString linkText(const QString &path)
 {
     std::array<char, PATH_MAX> text = {};

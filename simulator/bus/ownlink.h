@@ -5,10 +5,11 @@
 namespace sim {
 
 /// Owns the symbolic link to the pty. It creates the link only at a free path. It removes the link
-/// only if the path still has the target that it created.
+/// only if the link still has the target that it was created with.
 ///
-/// The target has an unusual spelling, "/dev/pts/./4", which marks the links of this program. Such
-/// a link without an existing target was left by a killed simulator and can be replaced.
+/// The target has an unusual spelling, "/dev/pts/./4", which marks the links of this program. If
+/// the target of such a link does not exist, a killed simulator has left the link, and a new link
+/// may replace it.
 class OwnLink
 {
 public:

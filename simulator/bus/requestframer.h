@@ -6,9 +6,10 @@
 
 namespace sim {
 
-/// Cuts the bytes from the master into request frames. A request whose function code determines its
-/// length ends there; any other ends at the next silence. After a bad CRC the start of the next
-/// request is unknown, so all bytes up to the next silence form one frame.
+/// Cuts the bytes from the master into request frames. If the function code determines the length
+/// of a request, the request ends after this length. Any other request ends at the next silence.
+/// After a bad CRC the start of the next request is unknown, so all bytes up to the next silence
+/// form one frame.
 class RequestFramer
 {
 public:

@@ -21,7 +21,7 @@ enum class FaultKind {
     Noise,         ///< sends random bytes before the answer
     Echo,          ///< sends the request back before the answer
 
-    // Faults of the bootloader. isOfBootloader() needs them last. Each has its own occasions.
+    // Faults of the bootloader, which have no scope. isOfBootloader() needs them last.
     SilentBootloader, ///< omits an answer
     NackWrite,        ///< refuses a block and does not write it
     BadVerify,        ///< stores the last byte of a block inverted

@@ -28,12 +28,12 @@ public:
     QVector<Fault> faults() const { return m_faults.values().toVector(); }
 
     /// Decides which faults of the firmware strike `request`. A fault with a limited number of
-    /// strikes counts this one.
+    /// strikes counts this strike.
     FaultHits draw(const QByteArray &request);
-    /// Decides whether the fault `kind` of the bootloader strikes this occasion, and counts it.
+    /// Decides whether the fault `kind` of the bootloader strikes now, and counts the strike.
     /// Returns the value of the fault if it strikes.
     std::optional<int> strike(FaultKind kind);
-    /// The value of the fault `kind`, if there is one. Does not count as an occasion.
+    /// The value of the fault `kind`, if it is set. Decides and counts nothing.
     std::optional<int> valueOf(FaultKind kind) const;
     /// Makes the frame to send from `answer`, which has no CRC yet: adds the CRC and applies
     /// `hits`.

@@ -39,7 +39,7 @@ void FirmwareMode::clear()
 void FirmwareMode::answerRequests()
 {
     while (const auto frame = m_framer.take()) {
-        if (isForUs(*frame))
+        if (isForThisGripper(*frame))
             answer(frame->bytes);
     }
 }
@@ -72,7 +72,7 @@ void FirmwareMode::executeResetCommand()
         m_gripper.restartIntoBootloader();
 }
 
-bool FirmwareMode::isForUs(const RequestFramer::Frame &frame) const
+bool FirmwareMode::isForThisGripper(const RequestFramer::Frame &frame) const
 {
     return frame.isValid && static_cast<quint8>(frame.bytes.at(0)) == m_slaveId;
 }

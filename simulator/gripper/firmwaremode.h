@@ -29,7 +29,7 @@ private:
     void answerRequests();
     void answer(const QByteArray &request);
     void executeResetCommand();
-    bool isForUs(const RequestFramer::Frame &frame) const;
+    bool isForThisGripper(const RequestFramer::Frame &frame) const;
 
     ModeHost &m_gripper;
     RegisterBank &m_registers;

@@ -41,8 +41,8 @@ public:
         Dead,       ///< without power, silent
     };
 
-    /// All references must outlive the gripper. The gripper is a listener of `line` until
-    /// destroyed.
+    /// All references must outlive the gripper. The gripper is a listener of `line` until it
+    /// is destroyed.
     SimulatedGripper(quint8 slaveId, const GripperIdentity &identity, const GripperTiming &timing,
                      Line &line, Timeline &timeline, RandomSource &random);
     ~SimulatedGripper() override;

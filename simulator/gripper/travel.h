@@ -17,7 +17,6 @@ public:
     int positionAt(qint64 nowUs) const;
     bool isOverAt(qint64 nowUs) const { return nowUs >= m_endUs; }
     bool isRising() const { return m_to > m_from; }
-    int destination() const { return m_to; }
     qint64 startUs() const { return m_startUs; }
     qint64 endUs() const { return m_endUs; }
 

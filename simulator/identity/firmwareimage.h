@@ -5,8 +5,8 @@
 
 namespace sim {
 
-/// The format of the simulator's firmware images: a text head and a pseudo-random body. The random
-/// bytes make a verification notice every byte that is lost or moved.
+/// The format of the simulator's firmware images: a text head and a pseudo-random body. Because
+/// the bytes are random, a verification notices every lost or moved byte.
 ///
 /// The head has 128 bytes: four lines, each ended by a line feed, then zeros. The lines are
 /// "gripper-simulator firmware", "version=TA3-1.6.14", "size=16384" (bytes of the whole image) and

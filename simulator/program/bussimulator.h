@@ -51,8 +51,8 @@ public:
     /// The configured path of the link. Empty means no link.
     const QString &linkPath() const { return m_link.path(); }
 
-    /// Adds a gripper, which the simulator owns. Returns null when `slaveId` is not 1 to 247 or
-    /// taken.
+    /// Adds a gripper, which the simulator owns. Returns null when `slaveId` is not 1 to 247, or
+    /// is taken.
     SimulatedGripper *addGripper(quint8 slaveId, const GripperIdentity &identity);
     /// Adds a gripper with the identity that GripperIdentity::fromVersion() makes of `version`.
     /// Returns null also when `version` is not a version text.

@@ -203,7 +203,7 @@ Self::Reply CommandInterpreter::object(const QStringList &words)
     const bool isNone = words.at(1) == QLatin1String("none");
     m_simulator.setObject(slaveId,
                           isNone ? GripperBody::noObject
-                                 : toNumber(words.at(1), 0, maxPosition, "POSITION, unless none,"));
+                                 : toNumber(words.at(1), 0, maxPosition, "POSITION (unless none)"));
     return {};
 }
 

@@ -15,7 +15,7 @@ constexpr int maxTimeMs = 600000;
 constexpr int maxPortMode = 0777;
 constexpr int maxBitsPerSecond = 10000000;
 
-/// The names of the options, for their declaration and their reading.
+/// The names of the options. declare() and Reader use them.
 struct Names
 {
     static QString gripper() { return QStringLiteral("gripper"); }
@@ -185,9 +185,9 @@ private:
         for (const QString &word : words) {
             const auto extra = PerGripperText::fromWord(word);
             GripperOptions *gripper = extra ? gripperOf(extra->slaveId) : nullptr;
-            const bool isTaken =
+            const bool isApplied =
                 gripper != nullptr && gripper->applyWord(name + QLatin1Char('=') + extra->text);
-            if (!isTaken)
+            if (!isApplied)
                 refuse(name, word);
         }
     }

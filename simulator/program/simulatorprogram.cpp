@@ -9,7 +9,7 @@ namespace sim {
 namespace {
 void writeLine(QFile *file, const QString &line)
 {
-    // Written at once and in one piece for readers that wait at a pipe.
+    // Write the line at once and in one piece, because a reader may wait at a pipe.
     file->write(line.toUtf8() + '\n');
     file->flush();
 }

@@ -11,7 +11,7 @@
 
 namespace {
 
-// The sink waits this long for a slow reader. All clients wait meanwhile.
+// The sink waits at most this long for a slow reader. All clients wait meanwhile.
 constexpr int slowReaderWaitMs = 20;
 
 const char *severityOf(QtMsgType type)

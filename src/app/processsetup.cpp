@@ -37,10 +37,11 @@ void resetInheritedSignals()
     ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
-void failWritesWithoutSignal()
+void preventSignalsOfWrites()
 {
     ::signal(SIGPIPE, SIG_IGN);
-    // A handler, because child processes would inherit SIG_IGN. QProcess resets only SIGPIPE.
+    // Child processes would inherit SIG_IGN, because QProcess resets only SIGPIPE. They do not
+    // inherit a handler.
     ::signal(SIGXFSZ, [](int) {});
 }
 
@@ -51,5 +52,5 @@ void prepareProcess()
     occupyStandardDescriptors();
     raiseDescriptorLimit();
     resetInheritedSignals();
-    failWritesWithoutSignal();
+    preventSignalsOfWrites();
 }

@@ -7,7 +7,7 @@
 /// A kind of bootloader. Every gripper has one of the two kinds below.
 struct Bootloader
 {
-    quint16 restartCommand;         ///< Written to the reset register, it starts the bootloader.
+    quint16 restartCommand;         ///< A write of this word to the reset register starts it.
     QSerialPort::BaudRate baudRate; ///< The rate of the search and of the flashing program.
 };
 

@@ -29,15 +29,15 @@ QString threeLetters(const QVector<quint16> &words)
 }
 
 // 100 gets no padding: the gripper's own tools print it like this.
-QString paddingOfRead(qint32 number)
+QString paddingOfReadNumber(qint32 number)
 {
     if (number <= 99)
         return QStringLiteral("00");
     return number >= 101 && number <= 999 ? QStringLiteral("0") : QString();
 }
 
-// For 100, this differs from paddingOfRead().
-QString paddingOfExpected(quint32 number)
+// For 100, this differs from paddingOfReadNumber().
+QString paddingOfExpectedNumber(quint32 number)
 {
     if (number <= 99)
         return QStringLiteral("00");
@@ -99,7 +99,7 @@ QString KvDeviceBase::getSerialNumber()
         return m_serialNumber;
     const QString text = withoutNul(threeLetters(words) + QLatin1Char('-')).trimmed();
     const auto number = static_cast<qint32>(words[2] | static_cast<quint32>(words[3]) << 16);
-    m_serialNumber = text + paddingOfRead(number) + QString::number(number);
+    m_serialNumber = text + paddingOfReadNumber(number) + QString::number(number);
     return m_serialNumber;
 }
 
@@ -138,7 +138,7 @@ bool KvDeviceBase::setSerialNumberAndProductionYear(const QString &prefix, quint
     if (!writeIdentity(fourLetters, number, year))
         return false;
     return identityReadsBack(withoutNul(fourLetters) + QLatin1Char('-') +
-                                 paddingOfExpected(number) + QString::number(number),
+                                 paddingOfExpectedNumber(number) + QString::number(number),
                              year);
 }
 

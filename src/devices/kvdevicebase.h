@@ -48,8 +48,8 @@ public:
     /// acknowledged the write. If not, error() is CommunicationError.
     bool modbusWriteRegisters(quint16 address, const QVector<quint16> &values);
 
-    /// Each is read from the device at the first call, which pumps events. Empty, or 0, if the read
-    /// failed; the next call then reads again.
+    /// Each reads the device at its first call, which pumps events, and then keeps the value. If
+    /// the read fails, returns an empty text or 0, and the next call reads again.
     QString getSerialNumber();
     QString getFirmwareVersion();
     quint16 getProductionYear();
@@ -86,7 +86,7 @@ public:
     bool jumpToTavrinBootloader(unsigned int timeoutMs);
     bool jumpToStBootloader(unsigned int timeoutMs);
 
-    /// Flash addresses, in the form of a tool's argument.
+    /// Flash addresses, written as arguments of a flashing program.
     static constexpr char __bootLoaderRestartAddress[] = "0x08000000";
     static constexpr char __bootLoaderFirmwareStartAddress[] = "0x08080000";
 

@@ -9,7 +9,7 @@ namespace {
 constexpr int baudRateSettleMs = 200;
 constexpr int identityPauseMs = 50;
 constexpr int identityAttempts = 6;
-constexpr int surplusAnswersMs = 100;
+constexpr int surplusAnswersPauseMs = 100;
 constexpr int speedLimitPauseMs = 50;
 constexpr int settingsStoredPauseMs = 2500;
 constexpr int beforeRestartPauseMs = 400;
@@ -58,9 +58,10 @@ bool KvPelloGripper::identify()
     readUntilKnown([this] { return !getSerialNumber().isEmpty(); });
     if (error() != NoError || attemptsLeft < 1)
         return false;
-    // The next request reads the input block. A second copy of the answer with the firmware version
-    // would have the right length for it. The link drops a copy that arrives before the request.
-    qSleepWhileProcessingEvents(surplusAnswersMs);
+    // The next request reads the input block, which is as long as the firmware version. A second
+    // copy of the answer with the version would count as the answer to this request. The link drops
+    // a copy that arrives during this pause.
+    qSleepWhileProcessingEvents(surplusAnswersPauseMs);
     return true;
 }
 
@@ -116,7 +117,7 @@ bool KvPelloGripper::updateOutput()
     if (m_isWriteUnanswered)
         return false;
     // An acknowledgement carries no value. It may be the late answer to an earlier attempt, which
-    // did not contain the fields that clients have set since then.
+    // did not contain the fields that clients have set since that attempt.
     m_unacknowledged &= m_setSinceAttempt;
     if (m_output[ActivateRequest] != 0)
         m_unacknowledged.set(ActivateRequest);
@@ -218,7 +219,7 @@ bool KvPelloGripper::updateCounter(quint16 address, quint32 &counter)
     if (words.size() < RegisterMap::counterCount)
         return false;
     // The answers of the three counters have the same length. If two answers arrive together, the
-    // first one may belong to another counter. The old value stays until the next visit.
+    // first one may belong to another counter. The old value stays until the next read.
     if (!modbus().isAnswerAmbiguous())
         counter = doubleWord(words);
     return true;

@@ -5,8 +5,8 @@
 #include <array>
 #include <bitset>
 
-/// A gripper of any product family. Holds the input image, which was last read from the device, and
-/// the output image, which is written next. The getters and setters of the images never use the
+/// A gripper of any product family. Holds the input image, as last read from the device, and the
+/// output image for the next write. The getters and setters of the images never use the
 /// bus. The constructor, the update functions and the maintenance functions use the bus and pump
 /// events.
 class KvPelloGripper : public KvDeviceBase
@@ -24,9 +24,8 @@ public:
     /// Whether the firmware version starts with the code of a product family.
     bool isValidDevice() override;
 
-    /// Reads the input block and the three counters. Returns false if one of these reads failed or
-    /// if the input block is the firmware version. The image then keeps the values that were not
-    /// read.
+    /// Reads the input block and the three counters. Returns false if one of these reads failed, or
+    /// if the answer equals the firmware version. The values that were not read then stay.
     bool updateInput();
 
     /// Reads the input and copies activation, go-to and position request to the output image, so
@@ -34,8 +33,8 @@ public:
     bool initOutput();
 
     /// Writes the output block and returns whether the device acknowledged it. The image counts as
-    /// sent even after a failure. The write after a failed write repeats it: a field that was set
-    /// between the two is new output again after the success.
+    /// sent even after a failure. The call after a failure repeats the write. If a client sets a
+    /// field between the two writes, the field is new output again after the second one succeeds.
     bool updateOutput();
 
     /// Call it when a scan begins that will replace this object. The new object starts with other

@@ -294,9 +294,9 @@ void GripperList::scan(const QString &portName)
     scanUndisturbed(portName);
 }
 
-/// Returns false if the caller must ignore the result of this scan, because the daemon quits, an
-/// upgrade closed the link, or another scan ran inside the waits of this one. The other scan has
-/// already updated the list, and clients may have changed its grippers.
+/// Returns false if the caller must ignore the result of this scan: the daemon quits or flashes, or
+/// another scan or a bootloader jump ran inside the waits of this scan. The other scan has already
+/// updated the list, and clients may have changed its grippers.
 bool GripperList::scanUndisturbed(const QString &portName)
 {
     if (m_upgradeService.isUpgrading())

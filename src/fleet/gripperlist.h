@@ -70,7 +70,8 @@ public:
     /// Replaces the grippers by those that answer on `portName`. Opens the port and leaves it open.
     /// If the port does not open, the list keeps its grippers. A gripper that answers again is a
     /// new object with the fields that clients have set and the device has not acknowledged. Pumps
-    /// events. If another scan ends meanwhile, the result of that scan stays.
+    /// events. If another scan ends meanwhile, the result of that scan stays. If a bootloader jump
+    /// begins meanwhile, the list keeps its grippers.
     void scan(const QString &portName);
 
     /// Rescans the port in use, or looks for a port with grippers. Pumps events, and blocks the
@@ -212,7 +213,7 @@ private:
     bool m_tickRunning = false;
     bool m_jumpRunning = false;
     /// Counts the events that make the result of a waiting scan invalid: another scan has ended, or
-    /// an upgrade has begun.
+    /// a bootloader jump has begun.
     unsigned int m_scanDisturbances = 0;
     int m_tickIntervalMs;
 };

@@ -37,7 +37,7 @@ bool GripperList::jumpToBootloader(const Gripper &gripper)
     const QScopedValueRollback<bool> running(m_jumpRunning, true);
     // If this runs inside the wait of another operation, that operation needs the flag afterwards.
     const QScopedValueRollback<bool> busy(m_busy, true);
-    // A scan in whose waits the jump runs misses the other grippers.
+    // If the jump runs inside the waits of a scan, the scan misses the other grippers.
     ++m_scanDisturbances;
     if (isDeviceInBootloaderMode(gripper))
         return true;

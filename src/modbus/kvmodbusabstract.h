@@ -35,7 +35,7 @@ public:
     virtual QString getPortName() const = 0;
 
     /// Reads `count` holding registers of `slaveId`, starting at `startAddress`. Waits for the
-    /// answer as setConstraints() allows, and pumps events meanwhile. Empty on failure.
+    /// answer as long as the constraints allow, and pumps events meanwhile. Empty on failure.
     virtual QVector<quint16> readRegisters(quint8 slaveId, quint16 startAddress, quint16 count) = 0;
 
     /// Writes `values` to the holding registers of `slaveId`, starting at `startAddress`. Pumps

@@ -150,7 +150,7 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
                       false};
     exchange.clock.start();
     m_latestExchange = &exchange;
-    const auto leaveLine = qScopeGuard([&] {
+    const auto endExchange = qScopeGuard([&] {
         if (m_latestExchange == &exchange)
             m_latestExchange = nullptr;
     });
@@ -169,8 +169,8 @@ KvModbusAbstract::KvModbusError KvModbusCustom::exchange(const QByteArray &reque
     return verifyCRC(answer) ? NoError : BadCrcError;
 }
 
-/// A request that begins inside the pause ends before the pause does. After the pause, the open
-/// exchange is therefore the same as before, or over.
+/// A request that begins inside the pause ends before the pause does. After the pause,
+/// m_latestExchange is therefore the same exchange as before, or null.
 void KvModbusCustom::waitUntilQuiet()
 {
     while (isAnswerAwaited() && !quitRequested()) {

@@ -47,12 +47,12 @@ public:
     /// Appends the CRC of `bytes`, low byte first.
     static void addCRC(QByteArray &bytes);
 
-    /// Whether the last two bytes are the CRC of the bytes before. `frame` has at least 2 bytes.
+    /// Whether the last two bytes are the CRC of the other bytes. `frame` has at least 2 bytes.
     static bool verifyCRC(const QByteArray &frame);
 
-    /// The full paths of the USB serial ports, see isUsbSerialPortName(), that no process has open.
-    /// In the order of the enumeration. Blocks the thread while `fuser` runs, once or twice for
-    /// each port.
+    /// The full paths of the USB serial ports that no process has open, in the order of the
+    /// enumeration. isUsbSerialPortName() decides which names count. Blocks the thread while
+    /// `fuser` runs, once or twice for each port.
     static QVector<QString> getAvailablePorts();
 
     static constexpr int writeWaitMs = 50;

@@ -11,7 +11,7 @@ constexpr int retries = 2;
 
 ModbusConstraints ModbusConstraintsFactory::getModbusConstraints(const QString &portName) const
 {
-    // The tool flange has a case of its own, but the default timing.
+    // The tool flange is a separate case, although it has the default timing.
     if (isG5ToolFlangeSerialConverter(portName))
         return {ordinaryTimeoutMs, timeoutFactorMs, retries};
     if (isTavrinWristCameraSerialConverter(portName))

@@ -12,8 +12,8 @@ using CommandReport = std::function<void(const QString &command, int exitCode)>;
 /// port.
 bool isUsbSerialPortName(const QString &portName);
 
-/// Whether no process has /dev/`portName` open. Runs `fuser` in the working directory, so that
-/// installations can ship their own. If this one crashes or does not start, runs `fuser` on the
-/// search path. Returns false if that fails too, or after a quit signal. Blocks the thread
-/// meanwhile, without pumping events.
+/// Whether no process has /dev/`portName` open. Runs `fuser` in the working directory, because
+/// an installation may contain its own `fuser`. If this program crashes or does not start, runs
+/// `fuser` on the search path. Returns false if that fails too, or after a quit signal. Blocks the
+/// thread meanwhile, without pumping events.
 bool isPortFree(const QString &portName, const CommandReport &report = {});

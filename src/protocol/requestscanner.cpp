@@ -92,8 +92,9 @@ bool isBeginningOfSet(std::string_view text)
     return setKeyword.substr(0, text.size()) == text;
 }
 
-// Returns the length of the longest end of `text` that may begin a GET or a SET keyword.
-std::size_t beginningAtEndOf(std::string_view text)
+// Returns the length of the longest suffix of `text` that may be the start of a GET, or of the
+// keyword of a SET.
+std::size_t lengthOfStartedRequest(std::string_view text)
 {
     for (std::size_t length = std::min(text.size(), shortestGet - 1); length > 0; --length) {
         const std::string_view end = text.substr(text.size() - length);
@@ -306,7 +307,7 @@ void RequestScanner::keepOpenLine()
     readOpenSetsUntil(end);
     if (m_openSets.earliest() != none && end - m_openSets.earliest() > maxRequestLength)
         m_openSets.dropSets();
-    m_cut = std::min(m_openSets.earliest(), end - beginningAtEndOf(view(m_cut, end)));
+    m_cut = std::min(m_openSets.earliest(), end - lengthOfStartedRequest(view(m_cut, end)));
     releaseFront();
     releaseMemory();
 }

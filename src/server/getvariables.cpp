@@ -131,7 +131,7 @@ constexpr GetVariable variables[] = {
 
 constexpr std::size_t nameLength = 3;
 
-constexpr bool hasOnlyNamesOfThatLength()
+constexpr bool allNamesHaveNameLength()
 {
     for (const GetVariable &variable : variables) {
         if (variable.name.size() != nameLength)
@@ -139,7 +139,7 @@ constexpr bool hasOnlyNamesOfThatLength()
     }
     return true;
 }
-static_assert(hasOnlyNamesOfThatLength(), "a GET takes the first three characters of a name");
+static_assert(allNamesHaveNameLength(), "a GET takes the first three characters of a name");
 
 /// Packs a name into a number, which compares in one step.
 constexpr std::uint32_t keyOf(std::string_view name)

@@ -8,7 +8,7 @@
 class GripperList;
 class KvPelloGripper;
 
-/// The objects that a GET reads. `gripper` is null unless the variable needs one.
+/// The objects that a GET reads. `gripper` may be null if the variable needs no gripper.
 struct GetSources
 {
     GripperList &gripperList;

@@ -6,7 +6,7 @@
 
 namespace {
 
-// In bytes of requests: processing time grows with them.
+// In bytes of requests, because the processing time grows with their length.
 constexpr std::size_t firstShare = 256;
 constexpr std::size_t laterShare = 4096;
 

@@ -153,8 +153,8 @@ constexpr SetVariable variables[] = {
      "Flashes the firmware of the gripper's family.",
      "an upgrade is running, or the gripper does not reach its bootloader", upgrade},
     {CommandSet::__bootloaderMode, needsGripper, mayWait, any,
-     "Sends the gripper into its bootloader.", "the gripper does not reach its bootloader",
-     enterBootloader},
+     "Sends the gripper into its bootloader.",
+     "an upgrade is running, or the gripper does not reach its bootloader", enterBootloader},
 };
 
 } // namespace

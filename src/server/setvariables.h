@@ -16,7 +16,7 @@ class QSharedPointer;
 struct SetTarget
 {
     GripperList &gripperList;
-    const QSharedPointer<KvPelloGripper> &gripper; ///< Null unless the variable needs one.
+    const QSharedPointer<KvPelloGripper> &gripper; ///< May be null unless needsGripper.
     int &selectedSlaveId;                          ///< The client's own selection.
     quint8 value;
 };

@@ -5,7 +5,7 @@
 #include <string_view>
 
 /// Logs the pairs of one SET request that no handler accepts. Logs a line for each of the first
-/// 100, with the whole request, cut after 1,000 characters. The destructor logs the number of
+/// 100 pairs, with the whole request, cut after 1,000 characters. The destructor logs the number of
 /// further pairs, if any.
 class UnhandledPairs
 {

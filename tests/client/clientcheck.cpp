@@ -49,7 +49,7 @@ std::string textOf(const std::optional<std::vector<int>> &ids)
 }
 
 template <typename Values>
-std::string valuesOf(Values values)
+std::string valuesOf(const Values &values)
 {
     std::string text;
     gripper::forEachValue(values, [&](std::string_view name, const auto &value) {
@@ -60,8 +60,8 @@ std::string valuesOf(Values values)
 
 std::string textOf(const gripper::Image &image)
 {
-    return valuesOf<gripper::Values>(image) + "id=" + std::to_string(image.id) +
-           ";line=" + image.line.text + ";present=" + std::to_string(int(image.present)) +
+    return valuesOf(image) + "id=" + std::to_string(image.id) + ";line=" + image.line.text +
+           ";present=" + std::to_string(int(image.present)) +
            ";stale=" + std::to_string(int(image.stale)) + ";listed=" + textOf(image.listed);
 }
 
@@ -161,7 +161,7 @@ std::string Program::commandLine(const std::string &command, const Words &words)
                (line().state().scanning ? " scanning" : "") +
                (line().state().upgrading ? " upgrading" : "");
     else if (command == "line-image")
-        return valuesOf<gripper::LineValues>(line().image());
+        return valuesOf(line().image());
     else if (command == "scan")
         return textOf(line().scan());
     else if (command == "wait-until-running")

@@ -60,7 +60,7 @@ private:
     std::mt19937 m_random;
     std::chrono::milliseconds m_latest;
     int m_listener;
-    int m_wake[2];
+    int m_wake[2] = {-1, -1};
     int m_port = 0;
     std::list<Client> m_clients;
     std::atomic<bool> m_ends{false};

@@ -1,4 +1,5 @@
-// What the caller of libgripper can do while a call waits for a server that never answers.
+// Calls of libgripper that wait for a server that never answers: cancelled, woken, at their
+// deadline.
 #include "assertions.h"
 
 #include <gripper/line.h>

@@ -1,7 +1,7 @@
 """Fixtures of all daemon tests.
 
-The tests of one file share the port, the line and this process, and run one after another. ctest
-runs the files side by side, each in its own namespaces (scripts/isolated --net).
+The tests of one file run one after another and share the port and the line. ctest runs the files
+side by side. Each file has its own process and namespaces (scripts/isolated --net).
 """
 
 import contextlib
@@ -19,7 +19,7 @@ from harness.line import Line, Slave
 from harness.stalls import STALL_LIMIT, StallWatch
 
 REPETITIONS = 2
-# Time for a daemon that several tests share to recover from a stall of the machine.
+# A daemon that several tests share needs this time to recover from a stall of the machine.
 RECOVERY_SECONDS = 2
 
 
@@ -138,29 +138,53 @@ def connect():
         client.close()
 
 
-@pytest.fixture
-def line():
-    """A line with one gripper, slave id 9."""
-    with Line(Slave(9)) as plugged:
-        yield plugged
-
-
-@pytest.fixture
-def found(line, start_daemon):
-    """A daemon that has found the gripper of `line`."""
-    return start_daemon().wait_until_found(9)
-
-
 @pytest.fixture(scope="module")
 def module_line():
-    """As `line`, for all tests of a file; every test leaves it as it was."""
     with Line(Slave(9)) as plugged:
         yield plugged
 
 
 @pytest.fixture(scope="module")
 def module_found(module_line, start_module_daemon):
-    """As `found`, for all tests of a file. The daemon has done its first write."""
     daemon = start_module_daemon().wait_until_found(9)
     module_line.wait_for(lambda r: r.is_write(1000))
     return daemon
+
+
+def shares_daemon(request):
+    return getattr(request.module, "SHARES_DAEMON", False)
+
+
+@pytest.fixture
+def line(request):
+    """A line with one gripper, slave id 9.
+
+    If a file sets SHARES_DAEMON, all its tests use the same line and daemon, and each test leaves
+    them as it found them. The daemon has then written its first outputs.
+    """
+    if shares_daemon(request):
+        yield request.getfixturevalue("module_line")
+        return
+    with Line(Slave(9)) as plugged:
+        yield plugged
+
+
+@pytest.fixture
+def found(request, line, start_daemon):
+    """A daemon that has found the gripper of `line`."""
+    if shares_daemon(request):
+        return request.getfixturevalue("module_found")
+    return start_daemon().wait_until_found(9)
+
+
+@pytest.fixture(scope="module")
+def grippers():
+    """A line with fingers, slave id 9, and a vacuum gripper, slave id 2, for all tests of a file."""
+    with Line(Slave(9), Slave(2, "TE1-2.0.2")) as plugged:
+        yield plugged
+
+
+@pytest.fixture(scope="module")
+def daemon(grippers, start_module_daemon):
+    """A daemon on the line `grippers` that has found both."""
+    return start_module_daemon().wait_until_found(9, 2)

@@ -147,18 +147,18 @@ def test_a_version_that_arrives_twice_is_not_read_as_status(start_daemon, delay)
         line[9].script = twice
         start_daemon()
         assert_only_the_held_values_are_written(line)
-        # There was one probe only: it found the gripper.
+        # A single probe found the gripper.
         assert len([r for r in line.since(0) if r.slave == 9 and r.is_read(500)]) == 1
 
 
 def test_a_version_in_place_of_the_status_is_refused(start_daemon):
     with holding_line() as line:
 
-        def once_in_its_place(request):
+        def version_before_the_first_status(request):
             if not request.is_read(2000) or line.since(0, lambda r: r.is_read(2000)):
                 return None
             return [(0.0, version_answer(line)), (0.015, modbus.read_answer(9, HOLDING_STATUS))]
 
-        line[9].script = once_in_its_place
+        line[9].script = version_before_the_first_status
         start_daemon()
         assert_only_the_held_values_are_written(line)

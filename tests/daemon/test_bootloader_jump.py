@@ -25,17 +25,12 @@ class JumpBench(Bench):
         return [(r.slave, r.values) for r in self.line.since(self.mark, lambda r: r.is_write(400))]
 
     def sync_bytes(self):
-        """Returns (byte, rate) of all bytes that are not Modbus since the jump."""
+        """Returns (byte, rate) of all bytes since the jump that are not Modbus."""
         # The simulator answers after all trace lines that it has printed before.
         self.line.command("show")
         since = self.foreign_mark
         pairs = zip(self.line.foreign[since:], self.line.foreign_rates[since:])
         return [(data[n : n + 1], rate) for data, rate in pairs for n in range(len(data))]
-
-    def state(self, slave_id):
-        shown = next(s for s in self.line.command("show") if s.startswith(f"gripper {slave_id} "))
-        last = shown.split()[-1]
-        return "firmware" if "=" in last else last
 
 
 @pytest.fixture
@@ -60,7 +55,7 @@ def test_jumps_into_the_bootloader_of_the_family(make_bench, gripper, word, rate
     assert bench.jump() == "ack"
     assert bench.resets() == [(9, [word])]
     assert set(bench.sync_bytes()) == {(SYNC, rate)}
-    assert bench.state(9) == "bootloader"
+    assert bench.line.state_of(9) == "bootloader"
     # The link is closed, and polling is muted.
     assert not any("/dev/pts/" in name for name in bench.daemon.descriptors())
     bench.line.command("restart 9")
@@ -73,7 +68,7 @@ def test_a_jump_mutes_polling_by_itself(make_bench):
     bench = make_bench()
     assert bench.jump() == "ack"
     bench.line.command("restart 9")
-    eventually(lambda: bench.state(9) == "firmware")
+    eventually(lambda: bench.line.state_of(9) == "firmware")
     time.sleep(0.1)
     assert polls_nothing(bench.line, 1.0)
 
@@ -95,7 +90,7 @@ def test_the_first_reset_value_of_the_process_is_used_for_all_families(make_benc
     bench.silence()
     assert bench.jump() == "ack"
     bench.line.command("restart 9")
-    eventually(lambda: bench.state(9) == "firmware")
+    eventually(lambda: bench.line.state_of(9) == "firmware")
     assert bench.client.set("MUTE 0") == "ack"
     bench.daemon.wait_until_found(2, 9, since=bench.daemon.mark())
     assert bench.client.set("SID 2") == "ack"
@@ -149,7 +144,7 @@ def test_after_a_refused_reset_the_daemon_searches_and_the_link_stays_open(make_
     assert bench.jump() == "nak"
     assert bench.resets() == [(9, [ROM])]
     assert bench.sync_bytes() == [(SYNC, 19200)] * 51
-    assert bench.state(9) == "firmware"
+    assert bench.line.state_of(9) == "firmware"
     # The link is open, but polling is muted.
     assert polls_nothing(bench.line, 0.5)
     mark = bench.daemon.mark()
@@ -165,7 +160,7 @@ def test_a_jump_whose_answer_is_lost_is_acknowledged(make_bench, fault):
     bench.line.command(f"fault 9 {fault} on 400")
     assert bench.jump() == "ack"
     assert bench.resets() == [(9, [ROM])]
-    assert bench.state(9) == "bootloader"
+    assert bench.line.state_of(9) == "bootloader"
     assert not any("/dev/pts/" in name for name in bench.daemon.descriptors())
     bench.line.command("restart 9")
     assert bench.client.set("MUTE 0") == "ack"
@@ -177,7 +172,7 @@ def test_replies_of_other_clients_are_sent_before_detection_blocks(make_bench):
     bench.silence()
     bench.line.command("fault 9 silentBootloader always")
     for _ in range(2):
-        # Both requests reach the daemon while it waits for the answer of the reset.
+        # The requests of the others reach the daemon while it waits for the answer to the reset.
         others = [bench.connect() for _ in range(5)]
         bench.line.command("fault 9 late always 35 on 400")
         mark, foreign_mark = bench.line.mark(), len(bench.line.foreign)
@@ -196,6 +191,6 @@ def test_replies_of_other_clients_are_sent_before_detection_blocks(make_bench):
         bench.silence()
 
 
-def test_the_last_pair_that_decides_makes_the_reply(make_bench):
+def test_the_last_pair_with_a_verdict_decides_the_reply(make_bench):
     bench = make_bench()
     assert bench.client.set("MOD 2 BLD 1", timeout=15) == "ack"

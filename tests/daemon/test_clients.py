@@ -1,6 +1,5 @@
-"""Clients: many at once, half-closed, in long bursts."""
+"""Clients: half-closed, fast, in long bursts."""
 
-import resource
 import subprocess
 import time
 
@@ -21,42 +20,10 @@ def netcat(text):
     return done.stdout
 
 
-def test_netcat_that_half_closes_at_once_prints_the_reply(found, line):
-    line[9].put(2002, 0x7B00)
-    line.wait_until_polled(9)
-    for _ in range(10):
-        assert netcat("GET POS\n") == b"POS 123\n"
-
-
 def test_netcat_gets_bare_values_and_replies_to_sets(found):
     assert netcat("GET VER") == b"MZV-2.0.0"
     assert netcat("SET MOD 2\nGET UPG\n") == b"nakUPG 0\n"
     assert netcat("nothing at all\n") == b""
-
-
-def test_a_thousand_clients_are_served_at_the_same_time(found, line, connect):
-    clients = [connect() for _ in range(1000)]
-    for number, client in enumerate(clients):
-        client.send("SET SID 5\n" if number % 2 else "SET SID 9\n")
-    for number, client in enumerate(clients):
-        assert client.receive(3) == (b"nak" if number % 2 else b"ack")
-    for client in clients:
-        client.send("GET FWV\n")
-    for number, client in enumerate(clients):
-        assert client.receive_line() == (b"FWV ?\n" if number % 2 else b"FWV TA3-1.6.14\n")
-    line.wait_until_polled(9)
-
-
-def limited(soft, hard):
-    return lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
-
-
-def test_the_soft_limit_of_descriptors_is_raised_to_the_hard_one(start_daemon, connect, line):
-    daemon = start_daemon(before_exec=limited(64, 1024))
-    daemon.wait_until_found(9)
-    clients = [connect() for _ in range(200)]
-    for client in clients:
-        assert client.get("VER") == "MZV-2.0.0"
 
 
 def test_replies_do_not_wait_for_acknowledgements(found, connect):
@@ -65,7 +32,7 @@ def test_replies_do_not_wait_for_acknowledgements(found, connect):
     for _ in range(100):
         assert client.get("VER") == "MZV-2.0.0"
         assert client.set("XYZ 1") == "ack"
-    # With a delay of small segments, each round takes 40 ms.
+    # If TCP delays small segments, each round takes 40 ms.
     assert time.monotonic() - started < 2.0
 
 

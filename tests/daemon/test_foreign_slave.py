@@ -123,7 +123,7 @@ def test_its_status_and_counters_are_polled(daemon, connect):
     assert [client.get(name) for name in ("NCY", "PON", "NPA")] == ["65541", "6", "7"]
 
 
-def test_what_clients_set_is_written_to_it(daemon, connect, slave):
+def test_values_that_clients_set_are_written_to_it(daemon, connect, slave):
     assert connect().set("POS 200 SPE 17 FOR 34 GTO 1 LBL 1") == "ack"
     eventually(lambda: slave.written[-1:] == [[1000, 0x0940, 200, 0x1122]], what=lambda: slave.written)
 

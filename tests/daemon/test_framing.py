@@ -3,20 +3,8 @@
 import time
 
 import pytest
-from harness.line import Line, Slave
 
 VERSION = b"MZV-2.0.0"
-
-
-@pytest.fixture(scope="module")
-def module_line():
-    with Line(Slave(9), Slave(2, "TE1-2.0.2")) as line:
-        yield line
-
-
-@pytest.fixture(scope="module")
-def daemon(module_line, start_module_daemon):
-    return start_module_daemon().wait_until_found(9, 2)
 
 
 @pytest.fixture
@@ -24,7 +12,7 @@ def client(daemon, connect):
     return connect()
 
 
-def assert_nothing_left(client):
+def assert_no_text_is_left(client):
     """The next request gets its own answer and nothing else."""
     client.send("GET PCO\n")
     assert client.receive_line() == b"PCO 0\n"
@@ -71,7 +59,7 @@ def test_a_request_split_at_every_byte_is_answered_once(client):
     client.send("\r")
     assert client.receive(3) == b"ack"
     client.send("\n")
-    assert_nothing_left(client)
+    assert_no_text_is_left(client)
 
 
 def test_a_get_split_before_its_line_ending_is_answered_bare(client):
@@ -80,14 +68,14 @@ def test_a_get_split_before_its_line_ending_is_answered_bare(client):
     client.send("ER")
     assert client.receive(9) == VERSION
     client.send("\n")
-    assert_nothing_left(client)
+    assert_no_text_is_left(client)
 
 
 def test_a_get_inside_an_unfinished_set_is_answered_and_the_set_is_lost(client):
     client.send("SET MUTE 0 GET VER")
     assert client.receive(9) == VERSION
     client.send("\n")
-    assert_nothing_left(client)
+    assert_no_text_is_left(client)
 
 
 def test_one_client_does_not_complete_the_request_of_another(daemon, connect):
@@ -100,7 +88,7 @@ def test_one_client_does_not_complete_the_request_of_another(daemon, connect):
     assert one.receive_line() == b"VER " + VERSION + b"\n"
 
 
-def test_the_rest_of_a_client_is_gone_after_its_end(daemon, connect):
+def test_the_unfinished_request_of_a_client_ends_with_its_connection(daemon, connect):
     mark = daemon.mark()
     first = connect()
     first.send("GET V")
@@ -109,7 +97,7 @@ def test_the_rest_of_a_client_is_gone_after_its_end(daemon, connect):
     daemon.wait_for_line("socket->deleteLater", mark)
     second = connect()
     second.send("ER\n")
-    assert_nothing_left(second)
+    assert_no_text_is_left(second)
 
 
 def test_a_client_starts_with_slave_9_and_a_new_id_applies_from_the_next_packet(client):

@@ -1,7 +1,6 @@
 """Every row of the GET variables."""
 
 import pytest
-from harness.line import Line, Slave
 
 ENDINGS = ["", "\n", "\r", "\r\n"]
 
@@ -47,16 +46,10 @@ UNKNOWN_TO_GET = ["ATR", "ARD", "NID", "SCN", "BLD", "ABC", "___", "123"]
 
 
 @pytest.fixture(scope="module")
-def grippers():
-    with Line(Slave(9), Slave(2, "TE1-2.0.2")) as line:
-        line[9].put(2000, STATUS_WORD, 0x0507, 201 << 8 | 33)
-        line[9].put(600, 1, 2, 0xFFFF, 0xFFFF, 4, 1)
-        yield line
-
-
-@pytest.fixture(scope="module")
-def daemon(grippers, start_module_daemon):
-    return start_module_daemon().wait_until_found(9, 2)
+def grippers(grippers):
+    grippers[9].put(2000, STATUS_WORD, 0x0507, 201 << 8 | 33)
+    grippers[9].put(600, 1, 2, 0xFFFF, 0xFFFF, 4, 1)
+    return grippers
 
 
 @pytest.fixture

@@ -75,7 +75,7 @@ def test_identity_is_read_once_and_kept(found, line, connect):
     assert line.since(mark, lambda r: r.address in (500, 510, 514)) == []
 
 
-def test_a_scan_reads_the_identity_afresh(found, line, connect):
+def test_a_scan_reads_the_identity_again(found, line, connect):
     client = connect()
     line[9].put(500, *version_registers("TF9-9.9.9"))
     line[9].put(514, 1999)
@@ -96,7 +96,7 @@ def year_after(zeros):
     return script
 
 
-def test_six_identity_reads_are_too_many_five_are_not(start_daemon, connect):
+def test_a_gripper_has_five_identity_reads(start_daemon, connect):
     slaves = [Slave(slave_id) for slave_id in IDS]
     # Version and serial number need one read each.
     for slave, zeros in zip(slaves, [0, 2, 3, 99]):

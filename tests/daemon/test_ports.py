@@ -151,7 +151,7 @@ def test_without_any_fuser_no_port_is_candidate(start, connect):
         assert line.since(0) == []
 
 
-def test_what_fuser_prints_stays_out_of_log_and_standard_output(start):
+def test_the_output_of_fuser_stays_out_of_log_and_standard_output(start):
     with FakePorts("ttyUSB0"):
         daemon = start(local_fuser="echo to stdout; echo to stderr >&2; exit 0")
         port_messages(daemon)
@@ -201,13 +201,13 @@ def test_replies_are_sent_before_fuser_blocks_the_thread(start, tmp_path, connec
         for _ in range(3):
             mark, sent, received = daemon.mark(), 0, 0
             (tmp_path / "hold").touch()
-            # Permanent requests: the daemon processes some of them directly before the fuser.
+            # The client sends requests all the time, so some come directly before the fuser.
             while not (tmp_path / "running").exists():
                 if sent - received // 3 < 200:
                     client.send("SET XYZ 1\n" * 20)
                     sent += 20
                 received += len(client.receive_available())
-            handled = unhandled_lines_once_they_stop(daemon, mark)
+            handled = count_of_unhandled_lines(daemon, mark)
             assert 0 < handled <= sent
             client.receive(3 * handled - received, timeout=0.5)
             (tmp_path / "hold").unlink()
@@ -215,7 +215,8 @@ def test_replies_are_sent_before_fuser_blocks_the_thread(start, tmp_path, connec
             (tmp_path / "running").unlink()
 
 
-def unhandled_lines_once_they_stop(daemon, mark):
+def count_of_unhandled_lines(daemon, mark):
+    """Returns the number of these log lines when it no longer grows."""
     seen, since = -1, time.monotonic()
     while time.monotonic() - since < 0.15:
         count = sum("UNHANDLED" in m for m in daemon.messages(mark))

@@ -111,11 +111,11 @@ class Stage:
             before = ""
             for mark, text in example.steps:
                 if before == mark == ">":
-                    # A pause, so that the daemon does not read both at once.
+                    # This pause keeps the daemon from reading both at once.
                     time.sleep(MOMENT)
                 self.STEPS[mark](self, visible(text) if mark in "<>?" else text)
                 before = mark
-            # The daemon has sent nothing that the example does not show.
+            # The daemon has sent only what the example shows.
             assert self.client.get("PCO") == "0"
 
     def send(self, text):
@@ -166,7 +166,7 @@ class Stage:
 
 @pytest.fixture(scope="module")
 def daemon(start_module_daemon, tmp_path_factory):
-    """A daemon that finds a line only when there is a stage."""
+    """A daemon without a line. The line comes with the first stage."""
     folder = tmp_path_factory.mktemp("daemon")
     # The examples check only the protocol of an upgrade.
     put_flasher(folder, "sleep 0.3")
@@ -252,7 +252,7 @@ def test_a_set_is_on_the_line_within_a_period(stage, figure):
     waits = []
     with Client() as client:
         for position in range(1, effort(8, 50) + 1):
-            # Long enough for the next write, and at a different moment of the period each time.
+            # The former write ends in this pause. Each SET comes at another moment of the period.
             time.sleep(0.15 + position * 37 % 100 / 1000)
             mark, asked = stage.simulator.mark(), time.monotonic()
             assert client.set(f"POS {position}") == "ack"
@@ -267,7 +267,7 @@ def test_a_set_is_on_the_line_within_a_period(stage, figure):
     assert median < 0.15
 
 
-# After a slave id move, a scan is needed to restore the line. These examples come last.
+# A scan must restore the line after a slave id move, so these examples come last.
 MOVES_LAST = sorted(EXAMPLES, key=lambda example: "SET NID" in example.requests())
 
 

@@ -1,18 +1,13 @@
 """Requests that arrive while another request waits for the line."""
 
-import time
-
+from harness.modbus import Request
 from harness.waiting import eventually
-
-
-def is_probe(request):
-    return request.is_read(500)
 
 
 def start_blocking_scan(line, client):
     mark = line.mark()
     client.send("SET SCN_BLOCK\n")
-    line.wait_for(is_probe, 1, mark)
+    line.wait_for(Request.is_probe, 1, mark)
 
 
 def test_a_later_packet_of_the_same_client_is_answered_during_its_own_scan(found, line, connect):
@@ -32,12 +27,6 @@ def test_other_clients_are_answered_during_a_scan(found, line, connect):
     assert client.receive(3) == b"ack"
 
 
-def test_requests_after_a_scan_in_its_packet_are_answered_after_it(found, line, connect):
-    client = connect()
-    client.send("SET SCN_BLOCK\nGET VER\n")
-    assert client.receive(3 + 14) == b"ackVER MZV-2.0.0\n"
-
-
 def test_a_scan_within_a_scan_of_the_same_client_is_carried_out(found, line, connect):
     client = connect()
     start_blocking_scan(line, client)
@@ -50,7 +39,7 @@ def test_the_rest_of_a_packet_is_not_lost_to_a_request_during_the_wait(found, li
     client = connect()
     mark = line.mark()
     client.send("SET SCN_BLOCK\nGET V")
-    line.wait_for(is_probe, 1, mark)
+    line.wait_for(Request.is_probe, 1, mark)
     client.send("ER\n")
     # The later packet completes the request, so the daemon answers it at once.
     assert client.receive_line(0.5) == b"VER MZV-2.0.0\n"
@@ -69,7 +58,6 @@ def test_commands_of_a_client_that_closes_at_once_are_carried_out_in_order(found
 
 def test_commands_of_a_client_that_resets_are_carried_out(found, line, connect):
     line.wait_until_polled(9, 2)
-    carried_out = 0
     for round_number in range(20):
         goal = 100 + round_number
         client = connect()
@@ -79,8 +67,6 @@ def test_commands_of_a_client_that_resets_are_carried_out(found, line, connect):
         assert connect().get("VER") == "MZV-2.0.0"
         client.reset()
         eventually(lambda: line[9].get(1001) == [goal])
-        carried_out += 1
-    assert carried_out == 20
 
 
 def test_commands_after_the_scan_of_a_client_that_closes_are_carried_out(found, line, connect):
@@ -91,7 +77,7 @@ def test_commands_after_the_scan_of_a_client_that_closes_are_carried_out(found, 
     mark = line.mark()
     client.close()
     # Polling continues only after all three commands.
-    line.wait_for(lambda r: r.slave == 4 and is_probe(r), 1, mark)
+    line.wait_for(lambda r: r.slave == 4 and r.is_probe(), 1, mark)
     eventually(lambda: len(line.since(mark, lambda r: r.is_read(2000))) > 2)
 
 
@@ -126,28 +112,9 @@ def test_clients_that_vanish_within_nested_scans_leave_no_trace(found, line, con
     eventually(lambda: len(found.descriptors()) == len(before))
 
 
-def test_a_half_closed_client_gets_the_ack_of_its_own_scan(found, line, connect):
-    client = connect()
-    start_blocking_scan(line, client)
-    client.half_close()
-    assert client.receive_to_end(10) == b"ack"
-
-
 def test_a_half_closed_client_gets_the_replies_of_all_that_it_sent(found, line, connect):
     for _ in range(20):
         client = connect()
         client.send("GET VER\n" * 50 + "SET XYZ 1\n")
         client.half_close()
         assert client.receive_to_end() == b"VER MZV-2.0.0\n" * 50 + b"ack"
-
-
-def test_ticks_continue_after_many_scans(found, line, connect):
-    clients = [connect() for _ in range(5)]
-    for client in clients:
-        client.send("SET SCN_BLOCK\n")
-    for client in clients:
-        assert client.receive(3, timeout=15) == b"ack"
-    started = time.monotonic()
-    line.wait_until_polled(9, 5)
-    assert time.monotonic() - started < 2.0
-    assert clients[0].get("DRI") == "RUNNING"

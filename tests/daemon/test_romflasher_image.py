@@ -5,7 +5,7 @@ import os
 import pytest
 from harness.children import binary, spawn
 from harness.flashing import (
-    BOTH, ROM, FlashSimulator, arguments, flash, lock_of_this_process, make_image,
+    BOTH, OWN, PROGRAM, ROM, FlashSimulator, arguments, flash, lock_of_this_process, make_image,
 )
 
 QUICK = "--bootloader-boot-ms=100"
@@ -59,24 +59,30 @@ def device(path):
     path.symlink_to("/dev/zero")
 
 
-def too_large(path):
-    path.write_bytes(b"x" * (1 << 20 | 1))
-
-
 ROM_ONLY = pytest.mark.parametrize("kind", [ROM], ids=["rom"])
-USELESS = [missing, empty, os.mkdir, os.mkfifo, device, too_large]
+USELESS = [missing, empty, os.mkdir, os.mkfifo, device]
+ROOM = {ROM: 1 << 20, OWN: 1 << 19}
 
 
-@ROM_ONLY
+@BOTH
 def test_an_image_that_cannot_be_written_is_refused_before_the_line_is_touched(bench, tmp_path):
-    mark = len(bench.chunks)
-    for number, make in enumerate(USELESS):
+    mark, room = len(bench.chunks), ROOM[bench.kind]
+
+    def too_large(path):
+        path.write_bytes(b"x" * (room + 1))
+
+    reasons = {}
+    for number, make in enumerate([*USELESS, too_large]):
         path = tmp_path / str(number)
         make(path)
         result = flash(bench, path)
         assert result.returncode == 2, make
         assert str(path) in result.stderr
         assert STARTED not in result.stderr
+        reasons[make] = result.stderr
+    assert "does not exist" in reasons[missing]
+    assert "is empty" in reasons[empty]
+    assert f"has {room + 1} bytes, but there is room for {room} only" in reasons[too_large]
     assert bench.chunks[mark:] == []
     assert bench.state() == "bootloader"
 
@@ -114,6 +120,7 @@ def test_a_locked_line_is_not_touched_to_start_the_firmware(bench, tmp_path):
     mark = len(bench.chunks)
     path = make_image(tmp_path, bench.after, 600)
     with lock_of_this_process():
-        assert WAITING in starts_after(bench, path, 3)
+        text = starts_after(bench, path, 3)
+        assert WAITING in text and f"process {os.getpid()} ({PROGRAM})" in text
         assert WAITING in starts_after(bench, tmp_path / "missing.bin", 2)
     assert bench.chunks[mark:] == []

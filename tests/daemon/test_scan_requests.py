@@ -1,18 +1,15 @@
 """Scans that clients request."""
 
 from harness.line import Line, Slave
+from harness.modbus import Request
 from harness.waiting import eventually
-
-
-def is_probe(request):
-    return request.is_read(500)
 
 
 def test_a_scan_request_is_answered_at_once_and_carried_out_later(found, line, connect):
     client, mark = connect(), line.mark()
     assert client.set("SCN", timeout=0.5) == "ack"
-    line.wait_for(is_probe, 4, mark)
-    assert [r.slave for r in line.since(mark, is_probe)][:4] == [9, 2, 3, 4]
+    line.wait_for(Request.is_probe, 4, mark)
+    assert [r.slave for r in line.since(mark, Request.is_probe)][:4] == [9, 2, 3, 4]
     eventually(lambda: client.get("DRI") == "RUNNING")
 
 
@@ -21,7 +18,7 @@ def test_a_requested_scan_keeps_the_port_open(found, line, connect):
     assert client.get("SID") == "[9]"
     before, log_mark, mark = found.descriptors(), found.mark(), line.mark()
     assert client.set("SCN") == "ack"
-    line.wait_for(lambda r: is_probe(r) and r.slave == 3, 1, mark)
+    line.wait_for(lambda r: r.is_probe() and r.slave == 3, 1, mark)
     assert found.descriptors() == before
     found.wait_until_found(9, since=log_mark)
     assert [m for m in found.messages(log_mark) if "availablePorts" in m] == []
@@ -30,7 +27,7 @@ def test_a_requested_scan_keeps_the_port_open(found, line, connect):
 def test_status_is_scanning_while_a_requested_scan_runs(found, line, connect):
     client, mark = connect(), line.mark()
     assert client.set("SCN") == "ack"
-    line.wait_for(is_probe, 1, mark)
+    line.wait_for(Request.is_probe, 1, mark)
     assert client.get("DRI") == "SCANNING"
     eventually(lambda: client.get("DRI") == "RUNNING")
 
@@ -40,10 +37,10 @@ def test_a_requested_scan_waits_for_the_write_that_is_due(found, line, connect):
     line.wait_until_polled(9, 3)
     mark = line.mark()
     assert client.set("POS 77 SCN") == "ack"
-    line.wait_for(is_probe, 1, mark)
+    line.wait_for(Request.is_probe, 1, mark)
     requests = line.since(mark)
     writes = [i for i, r in enumerate(requests) if r.is_write()]
-    probes = [i for i, r in enumerate(requests) if is_probe(r)]
+    probes = [i for i, r in enumerate(requests) if r.is_probe()]
     assert writes and writes[0] < probes[0]
     assert requests[writes[0]].values == [0, 77, 0]
 
@@ -55,23 +52,14 @@ def test_two_scan_requests_before_the_scan_are_one(found, line, connect):
     assert client.set("SCN SCN SCN") == "ack"
     found.wait_until_found(9, since=log_mark)
     line.wait_until_polled(9, 5)
-    assert len(line.since(mark, is_probe)) == 4
+    assert len(line.since(mark, Request.is_probe)) == 4
 
 
 def test_a_blocking_scan_is_acknowledged_when_it_is_over(found, line, connect):
     client, mark = connect(), line.mark()
     assert client.set("SCN_BLOCK") == "ack"
-    assert [r.slave for r in line.since(mark, is_probe)] == [9, 2, 3, 4]
-    assert client.get("SID") == "[9]"
-
-
-def test_status_is_scanning_while_a_blocking_scan_runs(found, line, connect):
-    client, mark = connect(), line.mark()
-    client.send("SET SCN_BLOCK\n")
-    line.wait_for(is_probe, 1, mark)
-    assert connect().get("DRI") == "SCANNING"
-    assert client.receive(3) == b"ack"
-    assert client.get("DRI") == "RUNNING"
+    assert [r.slave for r in line.since(mark, Request.is_probe)] == [9, 2, 3, 4]
+    assert (client.get("SID"), client.get("DRI")) == ("[9]", "RUNNING")
 
 
 def test_a_blocking_scan_does_not_wait_for_the_pause(start_daemon, connect):
@@ -91,10 +79,10 @@ def test_no_tick_runs_during_a_blocking_scan(found, line, connect):
     line.wait_until_quiet()
     mark = line.mark()
     client.send("SET SCN_BLOCK\n")
-    line.wait_for(is_probe, 1, mark)
+    line.wait_for(Request.is_probe, 1, mark)
     # Polling is not muted from now on, so only the scan prevents ticks.
     assert connect().set("MUTE 0 THROTTLE 0") == "ack"
-    line.wait_for(lambda r: is_probe(r) and r.slave == 4, 1, mark)
+    line.wait_for(lambda r: r.is_probe() and r.slave == 4, 1, mark)
     addresses = [(r.slave, r.address) for r in line.since(mark)]
     assert addresses == [
         *((9, address) for address in (500, 514, 510, 2000, 600, 602, 604)),
@@ -103,23 +91,6 @@ def test_no_tick_runs_during_a_blocking_scan(found, line, connect):
         (4, 500),
     ]
     assert client.receive(3) == b"ack"
-
-
-def test_scans_of_two_clients_run_one_inside_the_other(found, line, connect):
-    one, other = connect(), connect()
-    assert one.set("MUTE 1") == "ack"
-    line.wait_until_quiet()
-    mark = line.mark()
-    one.send("SET SCN_BLOCK\n")
-    line.wait_for(lambda r: r.slave == 9 and is_probe(r), 1, mark)
-    other.send("SET SCN_BLOCK\n")
-    assert other.receive(3) == b"ack"
-    assert one.receive(3) == b"ack"
-    assert one.set("MUTE 0") == "ack"
-    # The innermost scan counts. If it found nothing, the loop searches again.
-    eventually(lambda: one.get("SID") == "[9]")
-    line.wait_until_polled(9)
-    assert one.get("DRI") == "RUNNING"
 
 
 def test_a_scan_may_replace_every_gripper_while_the_loop_waits(start_daemon, connect):

@@ -3,16 +3,10 @@
 import time
 
 import pytest
-from harness.line import Line, Slave
-from harness.moving import MovingSlave, quiet_client
+from harness.line import Slave
+from harness.moving import line, quiet_client
 
 MOVED = "update slave id from  9  to  2"
-
-
-@pytest.fixture
-def line():
-    with Line(MovingSlave(9)) as plugged:
-        yield plugged
 
 
 def start_move(line, client, pairs="NID 2"):
@@ -20,7 +14,7 @@ def start_move(line, client, pairs="NID 2"):
     mark = line.mark()
     client.send(f"SET {pairs}\n")
     line.wait_for(lambda r: r.is_write(430), since=mark)
-    # The answer must also arrive.
+    # The daemon must also receive the answer.
     time.sleep(0.1)
     return mark
 

@@ -4,8 +4,7 @@ import time
 
 import pytest
 from harness.daemon import QUIT_LIMIT
-from harness.line import Line
-from harness.moving import MovingSlave, quiet_client
+from harness.moving import line, quiet_client
 
 MOVED = "update slave id from  9  to  2"
 WAITS = [
@@ -15,12 +14,6 @@ WAITS = [
     ("during_the_restart", lambda r: r.is_write(400), 0.3),
     ("scan", lambda r: r.is_read(500), 0.0),
 ]
-
-
-@pytest.fixture
-def line():
-    with Line(MovingSlave(9)) as plugged:
-        yield plugged
 
 
 @pytest.mark.parametrize("step, wanted, pause", WAITS, ids=[name for name, *_ in WAITS])

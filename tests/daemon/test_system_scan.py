@@ -163,7 +163,7 @@ def test_a_scan_leaves_every_port_closed(scan, tmp_path):
     install_fuser(tmp_path, "system")
     with FakePorts("ttyUSB0", "ttyACM0"):
         with Line(Slave(2), link="/dev/ttyUSB0"), Line(link="/dev/ttyACM0"):
-            # The fuser would find a port that this process has left open.
+            # The fuser would find a port that the program has left open.
             results = scan("grippers", "ports", "gripper=2", "ports")
     grippers, ports = ["/dev/ttyUSB0 2=ABC-0042"], ["/dev/ttyUSB0", "/dev/ttyACM0"]
     assert results == [grippers, ports, grippers, ports]

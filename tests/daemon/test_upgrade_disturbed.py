@@ -28,7 +28,7 @@ def test_no_request_disturbs_the_flash(make_bench):
     disturber = bench.connect()
     assert bench.client.set("UPG 1", timeout=15) == "ack"
     mark, foreign_mark = bench.line.mark(), len(bench.line.foreign)
-    # First directly after the start of the flasher, then while it uses the line.
+    # The first round begins directly after the flasher's start, the second while it uses the line.
     for _ in range(2):
         for disturbance in DISTURBANCES:
             reply = "nak" if disturbance == "BLD 1" else "ack"

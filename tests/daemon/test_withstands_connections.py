@@ -1,7 +1,7 @@
 """Ended connections, also those that a client resets, leak neither memory nor descriptors."""
 
 from harness.client import Client
-from harness.daemon import SANITIZED
+from harness.daemon import SANITIZED, SMALL_QUARANTINE
 from harness.effort import effort
 from harness.load import Bystander
 from harness.waiting import eventually
@@ -10,8 +10,6 @@ FLOODS = True
 
 CONNECTIONS = effort(2_000, 50_000)
 AT_A_TIME = 100
-# A small quarantine: the freed memory in it is not a leak.
-QUARANTINE = {"ASAN_OPTIONS": "quarantine_size_mb=1:thread_local_quarantine_size_kb=64"}
 # The large number of connections reaches this limit with a leak of 20 bytes each.
 GROWTH_LIMIT_KIB = 8_000 if SANITIZED else 1_000
 
@@ -56,8 +54,8 @@ def settled(daemon):
     return eventually(one_client, what=daemon.descriptors)
 
 
-def test_connections_used_once_and_dropped(line, start_daemon, figure):
-    daemon = start_daemon(environment=QUARANTINE if SANITIZED else {}).wait_until_found(9)
+def test_ended_connections_leak_nothing(line, start_daemon, figure):
+    daemon = start_daemon(environment=SMALL_QUARANTINE).wait_until_found(9)
     with Bystander() as bystander:
         come_and_go(daemon, 10 * AT_A_TIME)
         descriptors, memory = settled(daemon), daemon.resident_kib()

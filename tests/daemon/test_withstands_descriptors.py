@@ -76,10 +76,10 @@ def simulated():
 
 def find_again(daemon, line):
     """Plugs the line in again, so the daemon opens a port and runs fuser."""
-    line.command("unplug")
+    line.unplug()
     mark = daemon.mark()
     daemon.wait_for_line("availablePorts", mark)
-    line.command("plug")
+    line.plug()
     daemon.wait_until_found(9, since=mark)
     codes = [m.split()[3] for m in daemon.messages(mark) if m.startswith("Info: error : ")]
     # There is no local fuser (-2), and the system's fuser finds no user of the port (1).
@@ -94,7 +94,9 @@ def upgrade(daemon, client):
     eventually(lambda: client.get("FWV") == "TA3-1.6.14", 10, "the new version")
 
 
-def test_more_clients_than_descriptors(start_daemon, connect, simulated, tmp_path, figure):
+def test_clients_without_a_descriptor_wait_for_others_to_leave(
+    start_daemon, connect, simulated, tmp_path, figure
+):
     put_real_flasher(tmp_path)
     (tmp_path / "firmware").mkdir()
     make_image(tmp_path / "firmware", "TA3-1.6.14", 2048)
@@ -132,7 +134,7 @@ def test_more_clients_than_descriptors(start_daemon, connect, simulated, tmp_pat
         assert chosen.get("DRI") == "RUNNING"
 
 
-def test_a_crowd_of_clients(start_daemon, connect, line, figure):
+def test_a_crowd_of_clients_is_served_while_polling_continues(start_daemon, connect, line, figure):
     _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     assert hard > CROWD + 100, f"this machine allows only {hard} descriptors"
     daemon = start_daemon().wait_until_found(9)

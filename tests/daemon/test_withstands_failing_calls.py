@@ -9,10 +9,10 @@ from typing import NamedTuple
 import pytest
 from harness.daemon import LOG_LINE, SANITIZED, Daemon
 from harness.effort import effort
-
 from harness.syscalls import FailingCall, failing_from_the_start
 from harness.waiting import eventually
 
+SHARES_DAEMON = True
 SECONDS = effort(2, 30)
 CLIENTS_A_SECOND = 10
 # A loop without a pause makes ten thousand calls a second, even under strace. A client retries 20
@@ -93,17 +93,7 @@ def is_answered(client, ends_connections):
 
 
 @pytest.fixture
-def line(module_line):
-    return module_line
-
-
-@pytest.fixture
-def daemon(module_found):
-    return module_found
-
-
-@pytest.fixture
-def disturbed(line, daemon, connect, tmp_path):
+def disturbed(line, found, connect, tmp_path):
     """disturbed(row, lasting) makes calls fail while clients send requests.
 
     For "openat" it also plugs the line in again. It returns the failing calls per second and the
@@ -113,9 +103,9 @@ def disturbed(line, daemon, connect, tmp_path):
     def disturb(row, lasting):
         clients = [connect()]
         assert clients[0].get("VER") == "MZV-2.0.0"
-        path = file_of(row, daemon)
-        with FailingCall(daemon, tmp_path, row.call, row.error, lasting, path) as call:
-            started, used = time.monotonic(), daemon.cpu_seconds()
+        path = file_of(row, found)
+        with FailingCall(found, tmp_path, row.call, row.error, lasting, path) as call:
+            started, used = time.monotonic(), found.cpu_seconds()
             if row.call == "openat":
                 line.unplug()
                 line.plug()
@@ -127,7 +117,7 @@ def disturbed(line, daemon, connect, tmp_path):
                 time.sleep(1 / CLIENTS_A_SECOND)
                 assert time.monotonic() - started < SECONDS + 5, "no call failed"
             failures = call.failures()
-            used = daemon.cpu_seconds() - used
+            used = found.cpu_seconds() - used
             seconds = time.monotonic() - started
         for client in clients:
             is_answered(client, row.ends_connections)
@@ -141,12 +131,12 @@ def disturbed(line, daemon, connect, tmp_path):
 
 
 @pytest.mark.parametrize("row", ONCE, ids=name_of)
-def test_a_call_that_fails_once(disturbed, row):
+def test_the_daemon_recovers_from_a_call_that_fails_once(disturbed, row):
     disturbed(row, lasting=False)
 
 
 @pytest.mark.parametrize("row", FOR_A_WHILE, ids=name_of)
-def test_a_call_that_fails_for_a_while(disturbed, figure, row):
+def test_the_daemon_recovers_from_a_call_that_fails_for_a_while(disturbed, figure, row):
     calls, share = disturbed(row, lasting=True)
     figure(f"{calls:.0f} failing calls a second, {share:.0%} of a processor")
     assert calls < CALLS_A_SECOND

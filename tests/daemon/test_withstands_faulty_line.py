@@ -118,9 +118,9 @@ class Bench:
         self.daemon = daemon
         self.with_late = with_late
         self.number = 1
-        self.rests = 0
+        self.pauses = 0
         self._scanned_at = 0.0
-        self._resting = False
+        self._is_paused = False
 
     def set_faults(self, round_number):
         """Sets one kind of fault per gripper in odd rounds, all kinds on all in even rounds."""
@@ -143,12 +143,12 @@ class Bench:
         value = f" {other}" if kind == "wrongId" and not self.with_late else ""
         return f"fault {slave_id} {kind} {share}{value}"
 
-    def run_numbers(self):
+    def change_numbers(self):
         self.number += 1
         self.line.command_all([c for slave_id in IDS for c in numbered(slave_id, self.number)])
 
     def run(self, seconds):
-        keeper = Client()
+        client = Client()
         round_seconds = seconds / (2 * len(KINDS))
         started = time.monotonic()
         rounds = itertools.count()
@@ -157,27 +157,27 @@ class Bench:
             if now >= next_round:
                 current = next(rounds)
                 next_round += round_seconds
-                if not self._resting:
+                if not self._is_paused:
                     self.set_faults(current)
-            self.run_numbers()
-            self._keep_all(keeper, now, current)
+            self.change_numbers()
+            self._restore_all(client, now, current)
             time.sleep(NUMBER_PERIOD)
-        keeper.close()
+        client.close()
 
-    def _keep_all(self, keeper, now, current):
+    def _restore_all(self, client, now, current):
         """Repeats the scan without faults if a scan has dropped a gripper after a wrong answer."""
-        has_all = keeper.get("SID") == "[2, 3, 4, 9]"
-        if has_all and self._resting:
-            self._resting = False
+        has_all = client.get("SID") == "[2, 3, 4, 9]"
+        if has_all and self._is_paused:
+            self._is_paused = False
             self.set_faults(current)
         # A discovery after a lost link also runs with faults: wait for its end.
-        if has_all or keeper.get("DRI") != "RUNNING" or now < self._scanned_at + SCAN_PERIOD:
+        if has_all or client.get("DRI") != "RUNNING" or now < self._scanned_at + SCAN_PERIOD:
             return
         self._scanned_at = now
-        keeper.set("SCN")
-        if not self._resting:
-            self._resting = True
-            self.rests += 1
+        client.set("SCN")
+        if not self._is_paused:
+            self._is_paused = True
+            self.pauses += 1
             self.line.command_all(["clear"])
 
     def exchanges(self):
@@ -195,14 +195,14 @@ class Bench:
 
 def valid_values(exchanges):
     """Returns {(slave id, register): {value: number of the last valid frame with it}}."""
-    carried = {(slave_id, register): {} for slave_id in IDS for register in POLLED}
+    valid = {(slave_id, register): {} for slave_id in IDS for register in POLLED}
     for number, (request, answer) in enumerate(exchanges):
         register = register_of(request)
         if begins_with_answer_to(request, answer):
             words = words_of(answer, 3 if register == 2000 else 2)
             value = status_fields(words) if register == 2000 else words[0] | words[1] << 16
-            carried[request[0], register][value] = number
-    return carried
+            valid[request[0], register][value] = number
+    return valid
 
 
 def parts(seen):
@@ -211,12 +211,12 @@ def parts(seen):
     yield from zip(COUNTERS.values(), seen[len(STATUS) :])
 
 
-def judge_in_order(reader, carried):
+def judge_in_order(reader, valid):
     """Checks that each value is from a valid frame of its register, and none from the past."""
     newest = {}
     for _, seen in reader.seen:
         for register, value in parts(seen):
-            frames = carried[reader.slave_id, register]
+            frames = valid[reader.slave_id, register]
             text = f"{value} for register {register} of {reader.slave_id}"
             assert value in frames, f"no valid answer had {text}"
             assert frames[value] >= newest.get(register, -1), f"from the past: {text}"
@@ -247,7 +247,7 @@ def values_of_all_frames(line):
     return frames
 
 
-def went_back(readers):
+def count_decreases(readers):
     """Returns how often a client saw a counter decrease."""
     return sum(
         b[1][column] < a[1][column]
@@ -271,7 +271,7 @@ def make_bench(start_daemon):
             line = stack.enter_context(RecordingSimulator(*grippers))
             bench = Bench(line, None, with_late)
             # Before the daemon's first read, so that it reads only numbered values.
-            bench.run_numbers()
+            bench.change_numbers()
             bench.daemon = start_daemon().wait_until_found(*IDS, timeout=20)
             with Client() as client:
                 assert client.set("THROTTLE 0") == "ack"
@@ -303,9 +303,9 @@ def report(bench, figure, readers, started, ended):
     gap = max(longest_gap(reader, started, ended) for reader in readers)
     figure(
         f"{ended - started:.0f} s: {len(exchanges)} answers judged, {faulty} of them faulty or "
-        f"missing, {values} values seen, {losses} link losses, {bench.rests} pauses without faults, "
+        f"missing, {values} values seen, {losses} link losses, {bench.pauses} pauses without faults, "
         f"longest gap without fresh values {gap:.1f} s, "
-        f"{went_back(readers)} counters decreased"
+        f"{count_decreases(readers)} counters decreased"
     )
     # The line was faulty, and the clients still saw fresh values.
     assert faulty > 0.07 * len(exchanges)
@@ -318,10 +318,10 @@ def test_clients_see_the_values_of_valid_frames_in_order(make_bench, figure):
     bench = make_bench(with_late=False)
     readers, started, ended = watch(bench, effort(45, 450))
     exchanges = report(bench, figure, readers, started, ended)
-    carried = valid_values(exchanges)
+    valid = valid_values(exchanges)
     for reader in readers:
-        judge_in_order(reader, carried)
-    assert went_back(readers) == 0
+        judge_in_order(reader, valid)
+    assert count_decreases(readers) == 0
 
 
 def test_late_answers_show_old_values_at_worst(make_bench, figure):

@@ -5,20 +5,11 @@ import time
 import pytest
 from harness.effort import effort
 from harness.line import Line, Slave
-from harness.ports import ENVIRONMENT, FakePorts
+from harness.ports import ENVIRONMENT, FakePorts, install_fuser
 from harness.waiting import eventually
 
 HANG = effort(3, 60)
-CRASH, NOT_EXECUTABLE, FREE = "kill -SEGV $$", "", "exit 1"
-CODES = {CRASH: -1, NOT_EXECUTABLE: -2}
-
-
-def put(folder, script):
-    # The program must be complete before the daemon can run it.
-    partial = folder / "fuser.new"
-    partial.write_text(f"#!/bin/sh\n{script}\n")
-    partial.chmod(0o755 if script else 0o644)
-    partial.rename(folder / "fuser")
+CRASH, FREE = "kill -SEGV $$", "exit 1"
 
 
 @pytest.fixture
@@ -33,7 +24,7 @@ def start(start_daemon, path_folder):
     return lambda: start_daemon(environment={**ENVIRONMENT, "PATH": f"{path_folder}:/usr/bin:/bin"})
 
 
-def a_whole_round(daemon):
+def exit_codes_of_a_round(daemon):
     """Returns the exit codes of one complete port selection after this call."""
     mark = daemon.mark()
     daemon.wait_for_line("availablePorts", mark)
@@ -44,28 +35,29 @@ def a_whole_round(daemon):
     return [int(m.split()[3]) for m in texts[:end] if m.startswith("Info: error : ")]
 
 
-@pytest.mark.parametrize("local", [CRASH, NOT_EXECUTABLE], ids=["crashes", "no_program"])
+@pytest.mark.parametrize("rights, code", [(0o755, -1), (0o644, -2)], ids=["crashes", "no_program"])
 def test_a_port_that_no_fuser_can_judge_is_not_free(
-    start, connect, tmp_path, path_folder, figure, local
+    start, connect, tmp_path, path_folder, figure, rights, code
 ):
-    put(tmp_path, local)
-    put(path_folder, CRASH)
+    for folder in (tmp_path, path_folder):
+        install_fuser(folder, CRASH)
+    (tmp_path / "fuser").chmod(rights)
     with FakePorts("ttyUSB0"), Line(Slave(9), link="/dev/ttyUSB0") as line:
         daemon = start()
         client = connect()
-        assert a_whole_round(daemon) == [CODES[local], -1]
+        assert exit_codes_of_a_round(daemon) == [code, -1]
         asked_at = time.monotonic()
         assert client.get("SID") == "[]"
         assert line.since(0) == []
         figure(f"answered after {(time.monotonic() - asked_at) * 1000:.1f} ms meanwhile")
         mark = daemon.mark()
-        put(tmp_path, FREE)
+        install_fuser(tmp_path, FREE)
         daemon.wait_until_found(9, since=mark)
         assert client.get("SID") == "[9]"
 
 
-def test_a_fuser_that_hangs(start, connect, tmp_path, figure):
-    put(tmp_path, f"echo >running; sleep {HANG}; echo >over; exit 1")
+def test_clients_are_answered_after_a_fuser_that_hangs(start, connect, tmp_path, figure):
+    install_fuser(tmp_path, f"echo >running; sleep {HANG}; echo >over; exit 1")
     with FakePorts("ttyUSB0"), Line(Slave(9), link="/dev/ttyUSB0") as line:
         daemon = start()
         clients = [connect() for _ in range(20)]
@@ -87,8 +79,8 @@ def test_a_fuser_that_hangs(start, connect, tmp_path, figure):
         assert clients[0].get("DRI") == "RUNNING"
 
 
-def test_silent_ports(start, connect, tmp_path, figure):
-    put(tmp_path, FREE)
+def test_clients_are_answered_during_a_scan_of_silent_ports(start, connect, tmp_path, figure):
+    install_fuser(tmp_path, FREE)
     names = [f"ttyUSB{n}" for n in range(3)]
     with FakePorts(*names), Line() as tool:
         usb = [Line(link=f"/dev/{name}").plug() for name in names]

@@ -2,32 +2,30 @@
 
 import pytest
 from harness.effort import effort
-from harness.hangups import GONE, HangUps
+from harness.hangups import UNPLUGGED_SECONDS, HangUps
 from harness.waiting import eventually
 
-
-@pytest.fixture
-def line(module_line):
-    return module_line
+SHARES_DAEMON = True
 
 
 @pytest.fixture
-def hang_ups(module_found, line):
-    return HangUps(module_found, line)
+def hang_ups(found, line):
+    return HangUps(found, line)
 
 
 def is_read(number):
-    """Accepts the reads of one address; every hangup has the next one."""
+    """Returns a function that accepts reads of one address. Each hangup has another address."""
     address = (2000, 600, 602, 604)[number % 4]
     return lambda request: request.is_read(address)
 
 
 def is_write(_):
+    """Returns a function that accepts writes of the outputs."""
     return lambda request: request.is_write(1000)
 
 
 @pytest.mark.parametrize("kind", [is_read, is_write], ids=["read", "write"])
-def test_in_an_access(hang_ups, line, connect, figure, kind):
+def test_polling_returns_after_a_hangup_in_an_access(hang_ups, line, connect, figure, kind):
     client, count = connect(), effort(4, 250)
     for number in range(count):
         wanted = kind(number)
@@ -38,14 +36,14 @@ def test_in_an_access(hang_ups, line, connect, figure, kind):
             assert client.set(f"POS {number % 200 + 1}") == "ack"
         line.wait_for(wanted, since=mark)
         # The last hangup is long enough for several searches of a port.
-        with hang_ups.unplugged(effort(1.2, 30) if number == count - 1 else GONE):
+        with hang_ups.unplugged(effort(1.2, 30) if number == count - 1 else UNPLUGGED_SECONDS):
             line[9].script = None
             eventually(lambda: client.get("DRI") == "ERR_SCANNING (EIO)")
         hang_ups.wait_until_polled()
     hang_ups.judge(figure)
 
 
-def test_in_a_scan(hang_ups, line, connect, figure):
+def test_polling_returns_after_a_hangup_in_a_scan(hang_ups, line, connect, figure):
     client = connect()
     for number in range(effort(4, 250)):
         line.wait_until_polled(9)

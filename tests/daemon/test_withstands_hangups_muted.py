@@ -7,32 +7,17 @@ from harness.hangups import HangUps
 from harness.line import Line
 from harness.moving import SETTINGS, MovingSlave, quiet_client
 from harness.simulator import Simulator
+from harness.upgrades import polls_nothing
 from harness.waiting import eventually
 
 
-class PluggableSimulator(Simulator):
-    """A simulator with the methods of the scripted line."""
-
-    def unplug(self):
-        self.command("unplug")
-
-    def plug(self):
-        self.command("plug")
-
-
-def is_quiet(line):
-    mark = line.mark()
-    time.sleep(0.05)
-    return line.mark() == mark
-
-
-def test_while_it_is_idle(start_daemon, connect, figure):
-    with PluggableSimulator("9=TA3-1.6.14") as line:
+def test_polling_returns_after_a_hangup_of_an_idle_line(start_daemon, connect, figure):
+    with Simulator("9=TA3-1.6.14") as line:
         hang_ups = HangUps(start_daemon().wait_until_found(9), line)
         client = connect()
         for _ in range(effort(5, 250)):
             assert client.set("MUTE 1") == "ack"
-            eventually(lambda: is_quiet(line), what="silence on the line")
+            eventually(lambda: polls_nothing(line, 0.05), what="silence on the line")
             with hang_ups.unplugged():
                 pass
             assert client.set("MUTE 0") == "ack"
@@ -41,8 +26,8 @@ def test_while_it_is_idle(start_daemon, connect, figure):
         hang_ups.judge(figure)
 
 
-def test_in_a_slave_id_move(start_daemon, connect, figure):
-    """Hangs up in its first read, while the settings are stored, and during the restart."""
+def test_polling_returns_after_a_hangup_in_a_slave_id_move(start_daemon, connect, figure):
+    """The line hangs up in the first read, while the settings are stored, and during the restart."""
     moving = MovingSlave(9)
     with Line(moving) as line:
         hang_ups = HangUps(start_daemon().wait_until_found(9), line)

@@ -16,7 +16,7 @@ from harness.effort import LARGE, effort
 from harness.flashing import make_image
 from harness.line import Line, Slave
 from harness.moving import SETTINGS, MovingSlave
-from harness.ports import ENVIRONMENT, FakePorts, is_not_open
+from harness.ports import ENVIRONMENT, FakePorts, install_fuser, is_not_open
 from harness.simulator import Simulator
 from harness.upgrades import (
     children_of, is_alive, noted_process, put_flasher, put_real_flasher,
@@ -125,14 +125,12 @@ def silent_scan(stage):
 def hanging_fuser(stage):
     for slave in stage.line.slaves.values():
         slave.listening = False
-    program = stage.folder / "fuser"
-    program.write_text("#!/bin/sh\necho >running\nexec sleep 60\n")
-    program.chmod(0o755)
+    install_fuser(stage.folder, "echo >running; exec sleep 60")
     with FakePorts("ttyUSB0"):
         stage.start()
         eventually((stage.folder / "running").exists, what="the fuser")
     (stage.folder / "running").unlink()
-    program.unlink()
+    (stage.folder / "fuser").unlink()
 
 
 def polling(stage):
@@ -258,17 +256,17 @@ STATES = {
     "unanswered_poll": (Stage, unanswered_poll),
     "unplugged": (Stage, unplugged),
     "blocking_scan": (Stage, blocking_scan),
-    "move_first_read": (Stage, moving(False, is_settings_read)),
     "move_write": (Stage, moving(False, is_settings_write)),
-    "move_stored_2500": (Stage, moving(True, is_settings_write, pause=0.3)),
     "many_clients": (Stage, many_clients),
     "client_that_does_not_read": (Stage, client_that_does_not_read),
     "bootloader_of_firmware": (FlashStage, detecting("SET BLD 1", False)),
     "bootloader_after_restart": (FlashStage, detecting("SET UPG 1", True)),
     "stubborn_flasher": (FlashStage, stubborn_flasher),
 }
-# These take seconds each. test_slave_id_move_quit.py has the moves in every run.
+# Each takes seconds, or test_slave_id_move_quit.py has it in every run.
 SLOW_STATES = {
+    "move_first_read": (Stage, moving(False, is_settings_read)),
+    "move_stored_2500": (Stage, moving(True, is_settings_write, pause=0.3)),
     "move_second_read": (Stage, moving(False, is_settings_read, 2)),
     "move_before_restart_400": (Stage, moving(True, is_settings_read, 2, 0.1)),
     "move_restart": (Stage, moving(False, is_restart)),
@@ -294,6 +292,8 @@ def quit_cleanly(daemon, number):
     assert status == 0, daemon.lines[-20:]
     assert seconds < QUIT_LIMIT, f"{number.name}: {seconds:.2f} s"
     assert daemon.standard_output() == b""
+    # A flasher that ends with the daemon is not a finished upgrade.
+    assert "unmuteOnUpgradeFinished" not in daemon.messages()
     eventually(lambda: not any(is_alive(child) for child in children), 0.5, "the children's end")
     assert eventually(lambda: is_not_open("/dev/ttyTool"), 0.5), port_in_use
     assert not any(is_alive(holder) for holder in lock_holders())

@@ -11,6 +11,7 @@ from harness.daemon import QUIT_LIMIT, SANITIZED
 from harness.effort import effort
 from harness.figures import percentile
 from harness.line import Line, Slave
+from harness.modbus import Request
 from harness.moving import quiet_client
 from harness.stalls import StallWatch
 from harness.waiting import eventually
@@ -84,22 +85,18 @@ def not_a_gripper(slave_id):
     return slave
 
 
-def answer_slowly(slave_id):
+def slow_slave(slave_id):
     """Returns a slave that is slow enough for requests to arrive during its probe."""
     slave = Slave(slave_id)
-    slave.script = lambda r: [(0.02, slave.plain_answer(r))] if is_probe(r) else None
+    slave.script = lambda r: [(0.02, slave.plain_answer(r))] if r.is_probe() else None
     return slave
-
-
-def is_probe(request):
-    return request.is_read(500)
 
 
 class ShownGrippers:
     """All values of SID, except for some seconds after a stall of the machine.
 
-    After a stall, answers are too late. The scan that misses them takes a second, and so does the
-    next scan, which finds the gripper again.
+    After a stall, answers are too late. The scan that misses a gripper takes a second, and so does
+    the next scan, which finds it again.
     """
 
     def __init__(self, client):
@@ -123,15 +120,15 @@ class ShownGrippers:
 
 GRIPPERS = (9, 2, 3)
 ALL = "[2, 3, 9]"
-INTO_A_PROBE = 10
+SENT_DURING_A_PROBE = 10
 STALL_LIMIT = 0.03
 STALL_COUNTS_FOR = 3.0
 
 
-def test_scans_of_many_clients_at_the_same_moment(start_daemon, connect, figure):
+def test_scans_of_many_clients_are_all_carried_out(start_daemon, connect, figure):
     """The first scans begin while another scan waits for an answer, and wait for it too."""
     count = effort(20, 200)
-    with Line(*(answer_slowly(slave_id) for slave_id in GRIPPERS), not_a_gripper(4)) as line:
+    with Line(*(slow_slave(slave_id) for slave_id in GRIPPERS), not_a_gripper(4)) as line:
         daemon = start_daemon(before_exec=with_little_stack).wait_until_found(*GRIPPERS)
         clients = [connect() for _ in range(count)]
         disturber, prober = connect(), connect()
@@ -141,9 +138,9 @@ def test_scans_of_many_clients_at_the_same_moment(start_daemon, connect, figure)
             mark = line.mark()
             client.send("SET SCN_BLOCK\nGET VER\n")
             disturber.send(f"SET THROTTLE {number % 2}\nSET MUTE {number % 2}\n")
-            if number < INTO_A_PROBE:
+            if number < SENT_DURING_A_PROBE:
                 asked = GRIPPERS[number % 3]
-                line.wait_for(lambda r, asked=asked: is_probe(r) and r.slave == asked, since=mark)
+                line.wait_for(lambda r, asked=asked: r.is_probe() and r.slave == asked, since=mark)
         disturber.send("SET MUTE 0\n")
         shown = ShownGrippers(prober)
         latencies = Replies(clients).take_all(
@@ -155,7 +152,7 @@ def test_scans_of_many_clients_at_the_same_moment(start_daemon, connect, figure)
         seconds = time.monotonic() - started
         shown.look()
         assert disturber.receive((2 * count + 1) * 3) == b"ack" * (2 * count + 1)
-        probed = [r.slave for r in line.since(line_mark, is_probe)]
+        probed = [r.slave for r in line.since(line_mark, Request.is_probe)]
         scans = sum("Connected serial port" in text for text in daemon.messages(log_mark))
         for slave_id in GRIPPERS:
             line.wait_until_polled(slave_id, 2)
@@ -199,7 +196,7 @@ class Queue:
     def send_all(self, pair, count):
         """Sends all requests, each after the daemon has read the former one.
 
-        An unknown name at both ends lets the log show the begin and the end of each request.
+        The unknown name at both ends makes the log show the start and the end of each request.
         """
         self.clients = [self.connect() for _ in range(count)]
         for client in self.clients:
@@ -214,7 +211,7 @@ class Queue:
             assert self.prober.get("VER") == "MZV-2.0.0"
 
     def logged(self, name="XNB"):
-        """Returns the numbers of the requests with this name, at each begin and each end."""
+        """Returns the number of a request for each start and each end in the log."""
         texts = [re.search(name + r" (\d+)", text) for text in self.daemon.messages(self.mark)]
         return [int(found.group(1)) for found in texts if found]
 

@@ -1,4 +1,4 @@
-"""A stalled stm32flash: briefly in every run, for good under scripts/robustness."""
+"""stm32flash stalls: for a second in every run, until it is killed under scripts/robustness."""
 
 import os
 import signal
@@ -21,7 +21,7 @@ def stop_for_a_moment(child, process):
     assert process.wait(30) == 0
 
 
-def stop_for_good(child, process):
+def stop_until_it_is_killed(child, process):
     started = time.monotonic()
     os.kill(child, signal.SIGSTOP)
     assert process.wait(STALL_LIMIT + 10) == 7
@@ -30,11 +30,11 @@ def stop_for_good(child, process):
     assert is_not_open("/dev/ttyTool")
 
 
-def test_a_stalled_stm32flash_is_ended_after_thirty_seconds(tmp_path):
+def test_only_a_stall_of_thirty_seconds_ends_stm32flash(tmp_path):
     with FlashSimulator(ROM, "--bootloader-boot-ms=100", "--bootloader-bps=50000") as bench:
         bench.into_bootloader()
         path = make_image(tmp_path, bench.after, 3000)
         process = spawn([binary("romflasher"), *arguments(bench, path)])
         bench.wait_for_chunk(lambda data: len(data) == 258)
         (child,) = eventually(lambda: children_of(process.pid))
-        effort(stop_for_a_moment, stop_for_good)(child, process)
+        effort(stop_for_a_moment, stop_until_it_is_killed)(child, process)

@@ -70,7 +70,7 @@ def subsets():
 
 
 @pytest.mark.parametrize("closed", subsets(), ids=lambda c: "_".join(NAMES[n] for n in c))
-def test_streams_closed_at_start(tmp_path, connect, line, figure, closed):
+def test_streams_closed_at_start_stop_nothing(tmp_path, connect, line, figure, closed):
     with daemon_with(tmp_path, closed) as process:
         line.wait_until_polled(9, timeout=10)
         mark = line.mark()
@@ -81,7 +81,7 @@ def test_streams_closed_at_start(tmp_path, connect, line, figure, closed):
 
 
 def test_a_flasher_gets_its_own_streams_when_all_were_closed(tmp_path, connect, figure):
-    put_flasher(tmp_path, "(ls -l /proc/$$/fd >streams); echo told; sleep 0.2; exit 0")
+    put_flasher(tmp_path, "(ls -l /proc/$$/fd >streams); echo started; sleep 0.2; exit 0")
     with Simulator("9=TA3-1.6.13", "--boot-ms=200", "--bootloader-boot-ms=100") as simulated:
         with daemon_with(tmp_path, (0, 1, 2)):
             client = connect()
@@ -98,7 +98,7 @@ def test_a_flasher_gets_its_own_streams_when_all_were_closed(tmp_path, connect, 
         figure(f"{len(simulated.foreign)} other bytes on the line, all from the detection")
 
 
-def test_the_log_loses_its_reader(tmp_path, connect, line, figure):
+def test_a_log_without_a_reader_stops_nothing(tmp_path, connect, line, figure):
     reader, writer = os.pipe()
     with daemon_with(tmp_path, stderr=writer):
         os.close(writer)
@@ -110,7 +110,7 @@ def test_the_log_loses_its_reader(tmp_path, connect, line, figure):
         judge_pauses(line, mark, figure)
 
 
-def test_the_log_is_on_a_full_disk(tmp_path, connect, line, figure):
+def test_a_log_on_a_full_disk_stops_nothing(tmp_path, connect, line, figure):
     with open("/dev/full", "wb") as full, daemon_with(tmp_path, stderr=full):
         line.wait_until_polled(9, timeout=10)
         mark = line.mark()
@@ -118,29 +118,29 @@ def test_the_log_is_on_a_full_disk(tmp_path, connect, line, figure):
         judge_pauses(line, mark, figure)
 
 
-def test_the_pipe_of_the_log_is_full(tmp_path, connect, line, figure):
+def test_a_full_pipe_of_the_log_stops_nothing_and_loses_whole_lines(tmp_path, connect, line, figure):
     reader, writer = os.pipe()
     fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, PIPE_BYTES)
     with daemon_with(tmp_path, stderr=writer):
         os.close(writer)
         line.wait_until_polled(9, timeout=10)
         mark = line.mark()
-        # Much more than the pipe holds.
+        # This logs much more than the pipe holds.
         assert_serves(line, connect)
         judge_pauses(line, mark, figure)
         # A new reader gets whole lines, including the newest.
         os.set_blocking(reader, False)
-        text = b"".join(iter(lambda: read_what_is_there(reader), b""))
+        text = b"".join(iter(lambda: read_available(reader), b""))
         assert text.endswith(b" ((null):0, (null))\n")
         client = connect()
         assert client.get("VER") == "MZV-2.0.0"
         log = []
-        eventually(lambda: log.append(read_what_is_there(reader)) or mentions_a_client(log))
+        eventually(lambda: log.append(read_available(reader)) or mentions_a_client(log))
         assert b"log lines lost" in b"".join(log)
     os.close(reader)
 
 
-def read_what_is_there(descriptor):
+def read_available(descriptor):
     try:
         return os.read(descriptor, 65536)
     except BlockingIOError:

@@ -11,9 +11,9 @@ import pytest
 from harness.children import binary, spawn
 from harness.daemon import QUIT_LIMIT
 from harness.line import Line, Slave
-from harness.ports import ENVIRONMENT, FakePorts
+from harness.ports import ENVIRONMENT, FakePorts, install_fuser
 from harness.simulator import Simulator
-from harness.upgrades import children_of, is_alive
+from harness.upgrades import children_of, is_alive, put_flasher
 from harness.waiting import eventually
 
 QUIT_SIGNALS = [signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGTERM]
@@ -57,14 +57,8 @@ def assert_default_signals(path):
     assert not signals_in(status, "SigIgn") & {signal.SIGCHLD, signal.SIGPIPE, signal.SIGXFSZ}
 
 
-def put_program(folder, name, script):
-    program = folder / name
-    program.write_text(f"#!/bin/sh\n{script}\n", encoding="ascii")
-    program.chmod(0o755)
-
-
 def test_a_parent_that_ignores_ended_children_hides_no_port(tmp_path, start_daemon):
-    put_program(tmp_path, "fuser", "exit 1")
+    install_fuser(tmp_path, "exit 1")
     with FakePorts("ttyUSB0"), Line(Slave(9), link="/dev/ttyUSB0"):
         daemon = start_daemon(environment=ENVIRONMENT, before_exec=ignore_ended_children)
         daemon.wait_until_found(9)
@@ -79,14 +73,14 @@ def test_a_parent_that_blocks_quit_signals_does_not_keep_it_alive(start_daemon, 
 
 
 def test_fuser_starts_with_default_signals(tmp_path, start_daemon):
-    put_program(tmp_path, "fuser", NOTE_STATUS)
+    install_fuser(tmp_path, NOTE_STATUS)
     with FakePorts("ttyUSB0"):
         start_daemon(environment=ENVIRONMENT, before_exec=odd_parent)
         assert_default_signals(tmp_path / "status")
 
 
 def test_the_flasher_starts_with_default_signals(tmp_path, start_daemon, connect):
-    put_program(tmp_path, "romflasher", NOTE_STATUS)
+    put_flasher(tmp_path, NOTE_STATUS)
     with Simulator("9=TA3-1.6.13", "--boot-ms=200", "--bootloader-boot-ms=100"):
         start_daemon(before_exec=odd_parent).wait_until_found(9)
         assert connect().set("UPG 1", timeout=15) == "ack"

@@ -8,7 +8,7 @@ import time
 
 import pytest
 from harness.client import PORT
-from harness.daemon import SANITIZED
+from harness.daemon import SANITIZED, SMALL_QUARANTINE
 from harness.effort import effort
 from harness.load import Bystander, Memory
 from harness.simulator import Simulator
@@ -35,8 +35,6 @@ GETS_PER_PART = 500
 KEPT_KIB = 256 + 128 + 128
 # Memory for each client, with its last bytes.
 CLIENT_KIB = 48 if SANITIZED else 20
-# The sanitizer keeps freed memory. It must not count as the daemon's.
-QUARANTINE = {"ASAN_OPTIONS": "quarantine_size_mb=8:thread_local_quarantine_size_kb=256"}
 
 
 class Silent:
@@ -162,7 +160,7 @@ def clients():
 def test_unread_replies_wait_and_all_arrive(start_daemon, clients, figure):
     # The simulator is another process, so its grippers answer in time.
     with Simulator("9=TA3-1.6.14", "2=TB1-1.4.3", "3=TA3-1.6.14", "4=TB1-1.4.3") as line:
-        daemon = start_daemon(environment=QUARANTINE).wait_until_found(2, 3, 4, 9)
+        daemon = start_daemon(environment=SMALL_QUARANTINE).wait_until_found(2, 3, 4, 9)
         for number in range(CLIENTS):
             clients.append(Silent(number))
         owners = clients[: len(OUTPUTS)]

@@ -110,7 +110,7 @@ def test_the_daemon_closes_the_connection_of_a_vanished_peer(found, line, other_
     assert seconds > 2.0, "too early for the times that were set"
     eventually(lambda: len(found.descriptors()) == before)
     line.wait_until_polled(9, 2)
-    figure(f"gone after {seconds:.1f} s where the time is set to 4 s instead of 240 s")
+    figure(f"gone after {seconds:.1f} s, with a time of 4 s instead of 240 s")
 
 
 @pytest.mark.skipif(not LARGE, reason="takes five minutes")

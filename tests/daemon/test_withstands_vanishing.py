@@ -1,50 +1,44 @@
 """Clients that vanish while their own requests wait for the line."""
 
-import contextlib
 import statistics
 import time
 
 import pytest
+from harness.benches import Bench, benches
 from harness.daemon import LOG_LINE, QUIT_LIMIT
 from harness.effort import effort
-from harness.simulator import Simulator
-from harness.upgrades import put_flasher
+from harness.upgrades import polls_nothing, put_flasher
 from harness.waiting import eventually
 
 LEAVES = ("close", "reset", "half_close")
-QUICK_BOOT = ("--boot-ms=100", "--bootloader-boot-ms=60")
 FLASHER = "while ! [ -e go ]; do sleep 0.02; done"
 
 
-class Bench:
+class VanishBench(Bench):
     """A simulated gripper, its daemon, and a client that stays."""
 
-    def __init__(self, line, start_daemon, connect, folder):
-        self.line = line
-        self.folder = folder
-        self.daemon = start_daemon(cwd=folder)
-        self.connect = connect
+    def __init__(self, start_daemon, connect, folder, with_bad_crc=(2, 3, 4)):
+        """The slaves in `with_bad_crc` answer with a wrong CRC, which is faster than silence."""
+        others = [f"{slave_id}=TE1-2.0.2" for slave_id in with_bad_crc]
+        super().__init__(start_daemon, connect, "9=TA3-1.6.13", *others, cwd=folder)
+        for slave_id in with_bad_crc:
+            self.line.command(f"fault {slave_id} badCrc always")
+        self.ids = [9]
         self.gone = []
         self.waits = []
 
     def ready(self):
-        self.daemon.wait_until_found(9)
-        self.stays = self.connect()
+        super().ready()
         # Without the throttle, visits follow each other closely.
-        assert self.stays.set("THROTTLE 0") == "ack"
+        assert self.client.set("THROTTLE 0") == "ack"
         self.line.wait_until_polled(9)
         self.descriptors = len(self.daemon.descriptors())
         return self
 
     def mute(self):
         """Waits for silence: an open request of a suspended tick would spoil the next one."""
-        assert self.stays.set("MUTE 1") == "ack"
-        eventually(self.is_quiet, what="silence on the line")
-
-    def is_quiet(self):
-        mark = self.line.mark()
-        time.sleep(0.05)
-        return self.line.mark() == mark
+        assert self.client.set("MUTE 1") == "ack"
+        eventually(lambda: polls_nothing(self.line, 0.05), what="silence on the line")
 
     def vanish(self, number, request, wait_for_moment):
         """Client `number` leaves when `wait_for_moment(mark, foreign mark)` returns."""
@@ -68,16 +62,13 @@ class Bench:
     def boot_the_firmware(self):
         """Restarts the gripper, which otherwise stays in its bootloader."""
         self.line.command("restart 9")
-        eventually(lambda: "year=" in self.gripper(), what=self.gripper)
-
-    def gripper(self):
-        return next(text for text in self.line.command("show") if text.startswith("gripper 9"))
+        eventually(lambda: self.line.state_of(9) == "firmware")
 
     def end(self, figure):
         eventually(
             lambda: len(self.daemon.descriptors()) == self.descriptors, 10, self.daemon.descriptors
         )
-        assert self.stays.get("DRI") == "RUNNING"
+        assert self.client.get("DRI") == "RUNNING"
         status, seconds = self.daemon.stop()
         # A report of a sanitizer would be a line of another form and change the status.
         assert [line for line in self.daemon.lines if not LOG_LINE.match(line)] == []
@@ -93,20 +84,11 @@ class Bench:
 
 @pytest.fixture
 def make_bench(start_daemon, connect, tmp_path):
-    with contextlib.ExitStack() as lines:
-
-        def make(with_bad_crc=(2, 3, 4)):
-            """The slaves in `with_bad_crc` answer with a wrong CRC, which is faster than silence."""
-            words = [f"{slave_id}=TE1-2.0.2" for slave_id in with_bad_crc]
-            line = lines.enter_context(Simulator("9=TA3-1.6.13", *words, *QUICK_BOOT))
-            for slave_id in with_bad_crc:
-                line.command(f"fault {slave_id} badCrc always")
-            return Bench(line, start_daemon, connect, tmp_path).ready()
-
+    with benches(VanishBench, start_daemon, connect, tmp_path) as make:
         yield make
 
 
-def test_during_their_scan(make_bench, figure):
+def test_clients_that_vanish_during_their_scan_leave_nothing(make_bench, figure):
     bench = make_bench()
     for number in range(effort(5, 200)):
 
@@ -130,19 +112,19 @@ def detection_started(bench):
 MOMENTS = (restart_requested, detection_started)
 
 
-def test_during_their_jump_to_the_bootloader(make_bench, figure):
+def test_clients_that_vanish_during_their_jump_to_the_bootloader_leave_nothing(make_bench, figure):
     bench = make_bench()
     for number in range(effort(5, 200)):
         bench.mute()
         bench.vanish(number, "BLD 1", MOMENTS[number % 2](bench))
-        assert "bootloader" in bench.gripper()
+        assert bench.line.state_of(9) == "bootloader"
         bench.boot_the_firmware()
-        assert bench.stays.set("MUTE 0") == "ack"
+        assert bench.client.set("MUTE 0") == "ack"
         bench.polled_again()
     bench.end(figure)
 
 
-def test_during_their_upgrade(make_bench, tmp_path, figure):
+def test_clients_that_vanish_during_their_upgrade_leave_nothing(make_bench, tmp_path, figure):
     put_flasher(tmp_path, FLASHER)
     bench = make_bench()
     for number in range(effort(5, 200)):
@@ -150,7 +132,7 @@ def test_during_their_upgrade(make_bench, tmp_path, figure):
         mark = bench.daemon.mark()
         bench.vanish(number, "UPG 1", MOMENTS[number % 2](bench))
         bench.daemon.wait_for_line("upgrade started :  true", mark)
-        assert bench.stays.get("UPG") == "1"
+        assert bench.client.get("UPG") == "1"
         bench.boot_the_firmware()
         (tmp_path / "go").touch()
         bench.daemon.wait_for_line("unmuteOnUpgradeFinished", mark)
@@ -159,8 +141,8 @@ def test_during_their_upgrade(make_bench, tmp_path, figure):
     bench.end(figure)
 
 
-def test_during_their_slave_id_move(make_bench, figure):
-    """Every second move fails: the gripper does not receive its new id."""
+def test_clients_that_vanish_during_their_slave_id_move_leave_nothing(make_bench, figure):
+    """Every second move fails, because the gripper does not receive its new id."""
     bench = make_bench(with_bad_crc=(3, 4))
     here, other = 9, 2
     for number in range(effort(2, 20)):
@@ -182,6 +164,6 @@ def test_during_their_slave_id_move(make_bench, figure):
         else:
             assert messages == [message]
             here, other = other, here
-        assert bench.stays.set(f"MUTE 0 SID {here}") == "ack"
+        assert bench.client.set(f"MUTE 0 SID {here}") == "ack"
         bench.polled_again(here)
     bench.end(figure)

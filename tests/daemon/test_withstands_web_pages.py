@@ -12,13 +12,13 @@ import socket
 import pytest
 from harness.browser import Browser, PageServer
 from harness.client import PORT, Client
-
 from harness.load import WORST_LIMIT, Bystander
 from harness.netsplit import NEAR, OtherMachine
 from harness.waiting import eventually
 
 # The browser keeps a processor busy.
 FLOODS = True
+SHARES_DAEMON = True
 
 PAGE_PORT = 8000
 COMMAND = "SET POS 114 SPE 77 FOR 66 GTO 1"
@@ -96,9 +96,9 @@ function submit(enctype, name, value) {
   });
 }
 
-// The driver waits for the page to be loaded: the attack must not be a part of that.
+// The driver waits until the page is loaded, so the attack begins after that.
 onload = () => setTimeout(() => {
-  // An attack never ends when the daemon keeps the connection.
+  // If the daemon keeps the connection, the attack never ends.
   const patience = new Promise(resolve => setTimeout(resolve, 1500));
   Promise.race([ATTACK, patience]).catch(() => {}).then(() => { document.title = "over"; });
 });
@@ -108,16 +108,6 @@ onload = () => setTimeout(() => {
 def page(attack, target):
     text = PAGE.replace("TARGET", f"{target}:{PORT}").replace("COMMAND", COMMAND)
     return text.replace("ATTACK", ATTACKS[attack][1])
-
-
-@pytest.fixture
-def line(module_line):
-    return module_line
-
-
-@pytest.fixture
-def found(module_found):
-    return module_found
 
 
 @pytest.fixture(scope="module")

@@ -16,7 +16,7 @@ IDS = (9, 2, 3, 4)
 
 
 def poller(world, rng, slave_id):
-    """Requests random variables permanently."""
+    """Requests random variables all the time."""
     with StrictClient(world, f"poller of {slave_id}") as client:
         client.set_expecting(f"SID {slave_id}", ("ack", "nak"))
         while world.pause(0.02):
@@ -86,7 +86,7 @@ def garbage_sender(world, rng):
 
 
 def never_reader(world, rng):
-    """Sends until the daemon reads no more, then reads all replies."""
+    """Sends until the daemon stops reading, then reads all replies."""
     request, reply = b"GET VER\n", b"VER MZV-2.0.0\n"
     with StrictClient(world, "never reader") as client:
         client.socket.setblocking(False)
@@ -161,7 +161,7 @@ def scanner(world, rng, slot):
 
 
 def tuner(world, rng):
-    """Changes the throttle or mutes polling for a while, then restores it."""
+    """Changes the throttle or mutes polling for a while, then restores the former state."""
     if not world.pause(1 + 4 * rng.random()):
         return
     with world.maintenance, StrictClient(world, "tuner") as client:

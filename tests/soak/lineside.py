@@ -112,9 +112,9 @@ class Disturber:
     def _unplugging(self, rng):
         while self.world.pause(10 + 20 * rng.random()):
             with self.world.maintenance, self.world.suspend_judging("unplugged"):
-                self.line.command("unplug")
+                self.line.unplug()
                 self.world.pause(2 * rng.random())
-                self.line.command("plug")
+                self.line.plug()
                 self.world.count("unplugs")
 
     def _moves(self, rng):

@@ -121,7 +121,7 @@ class Soak:
             self.world.judge("quits", status == 0, f"with status {status}")
             self.world.judge_time("quits", seconds, QUIT_LIMIT, "quitting", began)
         strange = [line for line in self.daemon.lines if not LOG_LINE.match(line)]
-        # Messages with a final line feed put the end of the form on a line of its own.
+        # A message with a final line feed leaves the end of the form on a separate line.
         strange = [line for line in strange if not line.startswith(("Info: error", " (("))]
         self.world.judge("log format", not strange, f"{strange[:3]}")
 
@@ -137,7 +137,7 @@ class Soak:
     def table(self):
         world, waits = self.world, self.prober.waits
         ms = [f"{percentile(waits or [0.0], share) * 1000:.1f}" for share in (0.5, 0.99, 1.0)]
-        is_suspended = ", ".join(f"{k} {v:.0f} s" for k, v in sorted(world.suspended_seconds.items()))
+        not_judged = ", ".join(f"{k} {v:.0f} s" for k, v in sorted(world.suspended_seconds.items()))
         rows = [
             ("seed", world.seed),
             ("time", f"{world.now() / 60:.1f} min"),
@@ -145,7 +145,7 @@ class Soak:
             *sorted(world.counts.items()),
             ("frames on the line", f"{self.line.frames['>']} out, {self.line.frames['<']} back"),
             ("visits, writes", f"{self.line.frames['visits']}, {self.line.frames['writes']}"),
-            ("line not judged", is_suspended),
+            ("line not judged", not_judged),
             ("time of a probe", f"{ms[0]} ms, 99 %: {ms[1]} ms, longest: {ms[2]} ms"),
             ("memory", f"{self.resources.base_kib} KiB, at most {self.resources.most_kib} KiB"),
             ("descriptors", f"at most {self.resources.most_descriptors} beside those of clients"),

@@ -31,7 +31,7 @@ class World:
         self.counts = Counter()
         self.open_clients = 0
         self._lock = threading.RLock()
-        # Held by one of these at a time: unplugging, muting, a slave id move, an upgrade.
+        # One thread at a time may unplug, set faults, throttle, mute, move a slave id or upgrade.
         self.maintenance = threading.Lock()
         self._scan_slots = [threading.Lock() for _ in range(SCAN_SLOTS)]
         self._suspensions = Counter()
@@ -69,7 +69,7 @@ class World:
         with self._lock:
             self.checks[invariant] += 1
             self.failures.append((self.now(), invariant, text))
-            # Print it at once: the rest of the run does not explain it.
+            # Print it at once, because the run may take hours.
             if len(self.failures) <= PRINTED_FAILURES:
                 print(f"after {self.now():.1f} s: {invariant}: {text}", flush=True)
 

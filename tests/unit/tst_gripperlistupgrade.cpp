@@ -62,6 +62,7 @@ private slots:
     void upgradeOfAnUnknownFamilyFailsAfterTheJump();
     void upgradeWithoutABootloaderFails();
     void secondUpgradeIsRefused();
+    void scanOpensNoPortDuringAnUpgrade();
     void pollingIsUnmutedHoweverTheProgramEnds_data();
     void pollingIsUnmutedHoweverTheProgramEnds();
     void missingProgramLeavesThePollingMuted_data();
@@ -368,6 +369,16 @@ void tst_GripperList::secondUpgradeIsRefused()
     QCOMPARE(m_log->infos(), QStringList());
     QVERIFY(!m_list->m_muted);
     QCOMPARE(m_list->getUpgradeStatus(), 1);
+}
+
+// A search of several ports that resumes during an upgrade scans its next port.
+void tst_GripperList::scanOpensNoPortDuringAnUpgrade()
+{
+    QVERIFY(m_list->upgradeFirmware(m_gripper));
+    m_log->clear();
+    m_list->scan(m_listEnd.portName());
+    QVERIFY(!m_list->m_modbus.isConnected());
+    QCOMPARE(m_log->infos(), QStringList());
 }
 
 void tst_GripperList::pollingIsUnmutedHoweverTheProgramEnds_data()

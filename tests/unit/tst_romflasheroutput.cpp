@@ -55,7 +55,7 @@ void TestRomflasherOutput::resultFollowsFromTheOutput_data()
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<bool>("startsFirmware");
     QTest::addColumn<ExitCode>("result");
-    QTest::addColumn<QString>("complaint");
+    QTest::addColumn<QString>("lastError");
     const QByteArray none;
     const QString fine;
     QTest::newRow("started") << written + started << none << 0 << true << ExitCode::Done << fine;
@@ -109,12 +109,12 @@ void TestRomflasherOutput::resultFollowsFromTheOutput()
     QFETCH(int, exitCode);
     QFETCH(bool, startsFirmware);
     QFETCH(ExitCode, result);
-    QFETCH(QString, complaint);
+    QFETCH(QString, lastError);
     Stm32FlashOutput reader(endAddress);
     reader.takeOutput(output);
     reader.takeErrors(errors);
     QCOMPARE(reader.result(exitCode, startsFirmware), result);
-    QCOMPARE(reader.complaint(), complaint);
+    QCOMPARE(reader.lastError(), lastError);
 }
 
 void TestRomflasherOutput::progressIsOneLinePerTenPercent()

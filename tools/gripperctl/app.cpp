@@ -167,7 +167,7 @@ std::unique_ptr<CLI::App> makeApp(Program &program)
     auto app = std::make_unique<CLI::App>(
         "Shows, moves and maintains the grippers of a running gripperd.", "gripperctl");
     app->formatter(std::make_shared<HelpText>());
-    app->set_help_flag("-h,--help", "Explain gripperctl, or the command given.");
+    app->set_help_flag("-h,--help", "Explain gripperctl, or the given command.");
     app->require_subcommand(1);
     app->fallthrough();
     addGeneralOptions(*app, program);

@@ -20,7 +20,7 @@ enum class ExitCode {
     NoConnection = 3, ///< nothing listens there, or the connection was lost
     TimedOut = 4,     ///< the action may still succeed: check the status
     NoGripper = 5,    ///< the daemon does not list the gripper, or no longer lists it
-    LocalProblem = 6, ///< with a file or a program of this computer
+    LocalProblem = 6, ///< with a file or a program on this computer
     Interrupted = 130 ///< by Ctrl-C; the number that shells use
 };
 

@@ -21,7 +21,7 @@ const char *const exitCodes =
     "  3 cannot connect, or connection lost\n"
     "  4 not done in time\n"
     "  5 the daemon does not list the gripper, or found none\n"
-    "  6 a problem with a file or a program of this computer\n"
+    "  6 a problem with a file or a program on this computer\n"
     "  130 interrupted\n";
 
 std::string entry(const std::string &left, const std::string &right)

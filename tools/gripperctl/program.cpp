@@ -71,6 +71,14 @@ int Program::listedGripperId()
     return gripperId();
 }
 
+void Program::report(int id, const std::string &text, const Json &members)
+{
+    Json json{{"gripper", id}};
+    json.update(members);
+    json["text"] = text;
+    m_output.result(concat("gripper ", id, ' ', text), json);
+}
+
 Failure Program::explained(const gripper::TimedOut &error)
 {
     const std::string text = error.what();

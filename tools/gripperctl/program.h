@@ -55,11 +55,15 @@ public:
     /// The gripper with this id.
     gripper::Gripper gripper() { return line().gripper(listedGripperId()); }
 
+    /// Prints the result of a command for one gripper: `text` after its name, or JSON with
+    /// `members`.
+    void report(int id, const std::string &text, const Json &members = Json::object());
+
     /// Shows `stage` while `work` runs. Its errors name the commands that help.
     template <typename Work>
-    void await(const std::string &stage, Work work)
+    void await(int id, const std::string &stage, Work work)
     {
-        m_output.begin(stage);
+        m_output.begin("gripper " + std::to_string(id) + ": " + stage);
         try {
             work();
         } catch (const gripper::TimedOut &error) {

@@ -1,5 +1,7 @@
-// Prints the GET and SET tables of the daemon as JSON, for documents, tests and client libraries.
+// Prints the daemon's GET and SET tables and its product families as JSON, for documents, tests and
+// client libraries.
 #include "getvariables.h"
+#include "productfamily.h"
 #include "server.h"
 #include "setvariables.h"
 
@@ -61,13 +63,40 @@ QJsonArray setRows()
     return rows;
 }
 
+QString gripName(Grip grip)
+{
+    switch (grip) {
+    case Grip::Fingers:
+        return QStringLiteral("fingers");
+    case Grip::Vacuum:
+        return QStringLiteral("vacuum");
+    }
+    return QString();
+}
+
+QJsonArray familyRows()
+{
+    QJsonArray rows;
+    for (const ProductFamily *family : productFamilies) {
+        const bool isRom = family->bootloader == &romBootloader;
+        rows.append(QJsonObject{
+            {QStringLiteral("code"), family->code},
+            {QStringLiteral("grip"), gripName(family->grip)},
+            {QStringLiteral("bootloader"), isRom ? QStringLiteral("rom") : QStringLiteral("own")},
+            {QStringLiteral("baudRate"), static_cast<int>(family->bootloader->baudRate)},
+            {QStringLiteral("firmwareImage"), QString::fromLatin1(family->firmwareImage)}});
+    }
+    return rows;
+}
+
 } // namespace
 
 int main()
 {
     const QJsonObject tables{{QStringLiteral("port"), Server::__port},
                              {QStringLiteral("get"), getRows()},
-                             {QStringLiteral("set"), setRows()}};
+                             {QStringLiteral("set"), setRows()},
+                             {QStringLiteral("families"), familyRows()}};
     const QByteArray json = QJsonDocument(tables).toJson();
     return std::fwrite(json.constData(), 1, static_cast<std::size_t>(json.size()), stdout) ==
                    static_cast<std::size_t>(json.size())

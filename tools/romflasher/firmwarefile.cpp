@@ -39,7 +39,7 @@ QByteArray read(const QString &path, qint64 maxSize)
 
 FirmwareFile::FirmwareFile(const QString &path, qint64 capacity)
 {
-    // One byte more than the room shows that the image is too large.
+    // If the read returns more than `capacity` bytes, the image is too large.
     const QByteArray bytes = read(path, capacity + 1);
     if (bytes.isEmpty())
         refuse(path, QStringLiteral("is empty"));

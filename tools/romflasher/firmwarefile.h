@@ -15,7 +15,7 @@ public:
     FirmwareFile(const QString &path, qint64 capacity);
 
     qint64 size() const { return m_size; }
-    /// A child process opens the copy by this path, as long as this object exists.
+    /// A child process can open the copy at this path while this object exists.
     QString pathOfCopy() const;
 
 private:

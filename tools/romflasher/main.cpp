@@ -19,12 +19,12 @@ namespace flasher {
 
 namespace {
 
-// Another program may still close the port.
+// Another program may be about to close the port.
 constexpr int lockWaitMs = 3000;
 // The daemon gives a gripper the same time to restart its firmware.
 constexpr unsigned long bootWaitMs = 3000;
 
-/// Keeps other programs off the port as long as it exists.
+/// Keeps other programs off the port while it exists.
 struct HeldPort
 {
     /// Throws Failure if the port is missing or another process keeps it.
@@ -39,7 +39,7 @@ struct HeldPort
     SerialPortLock lock;
 };
 
-/// Called with the port still held: a scan during the boot would miss the gripper.
+/// Call this while the port is held: a scan during the boot would miss the gripper.
 void waitForBoot()
 {
     QThread::msleep(bootWaitMs);
@@ -59,7 +59,7 @@ bool startPresentFirmware(const Options &options)
 }
 
 /// Completes the failure of a -g run that wrote nothing: the user must know which firmware runs.
-Failure withoutWriting(const Failure &failure, bool isStarted)
+Failure withFirmwareState(const Failure &failure, bool isStarted)
 {
     const char *state = isStarted ? "; nothing was written, and the present firmware was started"
                                   : "; nothing was written: switch the gripper off and on to start "
@@ -67,7 +67,7 @@ Failure withoutWriting(const Failure &failure, bool isStarted)
     return {failure.code, failure.cause + QLatin1String(state)};
 }
 
-/// With -g, an image that cannot be used starts the present firmware.
+/// With -g, starts the present firmware if the image cannot be used.
 FirmwareFile imageFor(const Options &options)
 {
     try {
@@ -75,7 +75,7 @@ FirmwareFile imageFor(const Options &options)
     } catch (const Failure &failure) {
         if (!options.startsFirmware)
             throw;
-        throw withoutWriting(failure, startPresentFirmware(options));
+        throw withFirmwareState(failure, startPresentFirmware(options));
     }
 }
 
@@ -91,7 +91,7 @@ void write(const Options &options, const FirmwareFile &image)
             failure.code == ExitCode::CannotBegin || failure.code == ExitCode::PortFailed;
         if (!options.startsFirmware || !isUntouched)
             throw;
-        throw withoutWriting(failure, false);
+        throw withFirmwareState(failure, false);
     }
 }
 
@@ -120,7 +120,7 @@ int exitCodeOf(const QStringList &arguments)
 
 int main(int argc, char *argv[])
 {
-    // False if the parent died during this call.
+    // The result is false if the parent ended before the kernel could watch it.
     if (!flasher::endWithParent(::getppid()))
         return static_cast<int>(flasher::ExitCode::CannotBegin);
     tools::occupyStandardDescriptors();

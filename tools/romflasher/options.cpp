@@ -19,10 +19,10 @@ constexpr BootloaderTarget targetAt(int baudRate, quint32 address)
 
 constexpr BootloaderTarget targets[] = {
     targetAt(19200, flashStart),  // the ROM bootloader, which no firmware can overwrite
-    targetAt(115200, 0x08080000), // the gripper's own bootloader, at lower addresses
+    targetAt(115200, 0x08080000), // the gripper's own bootloader, which is below this address
 };
 
-/// The option names, for both the declaration and the look-up.
+/// The names of the options. declare() and Options::fromArguments() use them.
 struct Names
 {
     static QString port() { return QStringLiteral("p"); }
@@ -35,13 +35,13 @@ struct Names
 
 void declare(QCommandLineParser *parser)
 {
-    parser->setApplicationDescription(
-        QStringLiteral("Writes firmware into a gripper that is in its bootloader, with stm32flash, "
-                       "and verifies it.\n\n"
-                       "Exit codes: 0 done, 2 cannot begin, 3 port, 4 no bootloader answered,\n"
-                       "5 write or verification failed, 6 written but not started, 7 no progress.\n"
-                       "With -g, if the image cannot be used, romflasher starts the present "
-                       "firmware and ends with 2."));
+    parser->setApplicationDescription(QStringLiteral(
+        "Writes firmware into a gripper that is in its bootloader, with stm32flash, "
+        "and verifies it.\n\n"
+        "Exit codes: 0 done, 2 cannot begin, 3 port not available, 4 no bootloader answered,\n"
+        "5 write or verification failed, 6 written but not started, 7 no progress.\n"
+        "With -g, if the image cannot be used, romflasher starts the present "
+        "firmware and ends with 2."));
     parser->addOptions({
         {Names::port(), QStringLiteral("The serial port, such as /dev/ttyUSB0."),
          QStringLiteral("DEVICE")},

@@ -10,7 +10,7 @@ struct BootloaderTarget
 {
     int baudRate;
     quint32 address; ///< of the first byte of the firmware in the flash
-    qint64 capacity; ///< bytes from there to the end of the flash
+    qint64 capacity; ///< bytes from `address` to the end of the flash
 };
 
 /// The contents of the command line.

@@ -18,7 +18,7 @@ QStringList takeLines(QByteArray *pending)
     return whole.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
-QString withoutStop(const QString &text)
+QString withoutFullStop(const QString &text)
 {
     return text.endsWith(QLatin1Char('.')) ? text.chopped(1) : text;
 }
@@ -46,7 +46,7 @@ QStringList Stm32FlashOutput::takeErrors(const QByteArray &bytes)
     for (const QString &line : qAsConst(lines)) {
         // Not an error: stm32flash warns if the bootloader has already detected its baud rate.
         if (!line.startsWith(QLatin1String("Warning: ")))
-            m_complaint = withoutStop(line.trimmed());
+            m_lastError = withoutFullStop(line.trimmed());
     }
     return lines;
 }
@@ -76,7 +76,7 @@ QStringList Stm32FlashOutput::takeLine(const QString &line)
     if (!line.startsWith(QLatin1String("Starting execution ")))
         return {};
     if (!line.endsWith(QLatin1String(" done.")))
-        m_complaint = QStringLiteral("the bootloader refused to start the firmware");
+        m_lastError = QStringLiteral("the bootloader refused to start the firmware");
     else if (m_stage == Stage::Written || !m_endAddress)
         m_stage = Stage::Started;
     return {line};

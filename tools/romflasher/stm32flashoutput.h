@@ -17,9 +17,9 @@ class Stm32FlashOutput
 public:
     /// For a run that starts the present firmware and writes nothing.
     Stm32FlashOutput() = default;
-    /// For a run that writes. `endAddress` is the address after the last byte of the image. Only it
-    /// shows that the image is complete: stm32flash stops without an error at the end of the flash
-    /// that it knows.
+    /// For a run that writes. `endAddress` is the address after the last byte of the image. Only
+    /// this address shows that the image is complete: stm32flash stops without an error at the end
+    /// of the flash that it knows.
     explicit Stm32FlashOutput(quint32 endAddress);
 
     /// Takes the next bytes of standard output. Returns the lines to show.
@@ -30,7 +30,7 @@ public:
     /// The result of a run that ended. An `exitCode` below 0 means a crash.
     ExitCode result(int exitCode, bool startsFirmware) const;
     /// The last error in the output; empty without an error.
-    const QString &complaint() const { return m_complaint; }
+    const QString &lastError() const { return m_lastError; }
 
 private:
     enum class Stage {
@@ -49,7 +49,7 @@ private:
     QByteArray m_errors;
     Stage m_stage = Stage::Opening;
     int m_shownTenths = 0;
-    QString m_complaint;
+    QString m_lastError;
 };
 
 } // namespace flasher

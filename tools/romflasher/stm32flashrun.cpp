@@ -86,7 +86,7 @@ void Stm32FlashRun::execute(const QStringList &arguments, bool startsFirmware)
     const ExitCode code = m_output.result(hasCrashed ? -1 : m_process.exitCode(), startsFirmware);
     if (code != ExitCode::Done) {
         throw Failure{code,
-                      hasCrashed ? QStringLiteral("stm32flash crashed") : m_output.complaint()};
+                      hasCrashed ? QStringLiteral("stm32flash crashed") : m_output.lastError()};
     }
 }
 

@@ -14,7 +14,7 @@ namespace flasher {
 class Stm32FlashRun
 {
 public:
-    /// A real flashing prints progress with every block of 256 bytes.
+    /// A real stm32flash prints progress with every block of 256 bytes.
     static constexpr int usualStallLimitMs = 30'000;
 
     /// `serialMode` is "8e1" or "8n1". A child that prints nothing for `stallLimitMs` is killed.

@@ -325,7 +325,7 @@ void Connection::send(const Exchange &exchange)
 
 void Connection::receive(const Exchange &exchange)
 {
-    std::array<char, 4096> bytes; // not initialized, because recv() does it
+    std::array<char, 4096> bytes{};
     waitFor(POLLIN, exchange);
     const ssize_t count = ::recv(m_socket, bytes.data(), bytes.size(), 0);
     if (count > 0)

@@ -63,7 +63,7 @@ void refuseInUse(int id, const std::vector<int> &found)
 
 } // namespace
 
-Line::Line(std::string host, int port, Options options)
+Line::Line(const std::string &host, int port, Options options)
     : Line(Endpoint::fromText(host, port), std::move(options))
 {
 }

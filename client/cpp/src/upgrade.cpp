@@ -110,7 +110,7 @@ std::string Gripper::upgrade(const Progress &progress, const std::string &expect
                                           "incomplete. Switch it off and on, and flash it by hand",
                              m_id);
     }
-    const std::string after = m_connection.get("FWV", end);
+    std::string after = m_connection.get("FWV", end);
     refuseVersion(m_id, before.firmware.value_or(""), after, expected);
     report(progress, UpgradeStage::Done);
     return after;

@@ -26,7 +26,7 @@ Seconds periodOf(double rate)
 
 } // namespace
 
-Watch::Watch(Endpoint endpoint, Options options, std::vector<int> ids, double rate)
+Watch::Watch(Endpoint endpoint, Options options, const std::vector<int> &ids, double rate)
     : m_connection(std::move(endpoint), std::move(options))
     , m_watchesAll(ids.empty())
     , m_period(periodOf(rate))

@@ -83,7 +83,7 @@ SET_VARIABLES: Tuple[SetVariable, ...] = (
     SetVariable("MUTE", False, False, "0, 1", "Stops polling (1) or lets it continue (0), for all clients.", ""),
     SetVariable("THROTTLE", False, False, "0, 1", "Polls every 50 ms (1) or as fast as possible (0), for all clients.", ""),
     SetVariable("UPG", True, True, "any", "Flashes the firmware of the gripper's family.", "an upgrade is running, or the gripper does not reach its bootloader"),
-    SetVariable("BLD", True, True, "any", "Sends the gripper into its bootloader.", "the gripper does not reach its bootloader"),
+    SetVariable("BLD", True, True, "any", "Sends the gripper into its bootloader.", "an upgrade is running, or the gripper does not reach its bootloader"),
 )
 
 

@@ -20,7 +20,7 @@ _OPTIONS = (
     "--disable-sync",
     "--disable-dev-shm-usage",
 )
-# Disabled, because the daemon must not depend on them: some browsers lack them.
+# The tests disable these, because some browsers lack them and the daemon must not depend on them.
 _PROTECTIONS = ("LocalNetworkAccessChecks", "BlockInsecurePrivateNetworkRequests")
 
 

@@ -1,4 +1,4 @@
-"""A program that runs operations on a polled line, with one daemon and one line.
+"""A program that runs operations on the polled line of one daemon.
 
     python3 -m harness.busyline LATENCY_MS GRIPPERS SEED OPERATION=COUNT...
 
@@ -79,7 +79,7 @@ class WatchedLine(Simulator):
         # `at` is the time of the simulator's read, which may be later than the arrival.
         if before is not None and at - before.at < deadline(before) - STALL_LIMIT:
             self.overlaps.append(f"{text}, {(at - before.at) * 1000:.0f} ms after the former one")
-        # From the reset to the end of the jump, the detection has the line to itself.
+        # Only the detection uses the line from the reset to the end of the jump.
         if self._is_jumping:
             self.overlaps.append("during a jump: " + text)
         self._is_jumping = request.is_write(400) and request.values == [ROM_BOOTLOADER]
@@ -196,7 +196,7 @@ OPERATIONS = {
 
 
 def run(latency_ms, grippers, plan, folder):
-    """Counts each finished operation. Failures during a stall of the machine are kept apart."""
+    """Returns a tally of the operations. Failures during a stall of the machine have their own list."""
     watch = StallWatch()
     busy = BusyLine(latency_ms, grippers, folder)
     tally = {"done": collections.Counter(), "failed": [], "stalled": []}
@@ -212,8 +212,8 @@ def run(latency_ms, grippers, plan, folder):
             busy.repair()
         overlaps = busy.line.overlaps[before:]
         if failure or overlaps:
-            kept_times = watch.worst() < STALL_LIMIT
-            tally["failed" if kept_times else "stalled"].append([name, failure, overlaps[:5]])
+            has_stalled = watch.worst() >= STALL_LIMIT
+            tally["stalled" if has_stalled else "failed"].append([name, failure, overlaps[:5]])
         else:
             tally["done"][name] += 1
     tally["requests"] = busy.line.mark()

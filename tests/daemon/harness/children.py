@@ -1,4 +1,4 @@
-"""Child processes that end with the test process, even if that is killed."""
+"""Child processes that end with the test process, even if a signal kills it."""
 
 import ctypes
 import os
@@ -11,14 +11,14 @@ _PR_SET_PDEATHSIG = 1
 
 
 def binary(name):
-    """The path of one of our programs, from GRIPPERD_BIN_DIR."""
+    """Returns the path of one of our programs in the folder GRIPPERD_BIN_DIR."""
     path = os.path.join(os.environ["GRIPPERD_BIN_DIR"], name)
     assert os.access(path, os.X_OK), f"no program {path}"
     return path
 
 
 def spawn(arguments, before_exec=None, **options):
-    """Popen for a child that is killed when this process dies."""
+    """Starts a program that the kernel kills when this process ends."""
 
     def prepare():
         _libc.prctl(_PR_SET_PDEATHSIG, signal.SIGKILL)

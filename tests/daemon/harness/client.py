@@ -100,11 +100,3 @@ class Client:
 
     def close(self):
         self.socket.close()
-
-
-def can_connect():
-    try:
-        socket.create_connection(("127.0.0.1", PORT), 1.0).close()
-        return True
-    except OSError:
-        return False

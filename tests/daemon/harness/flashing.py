@@ -57,15 +57,11 @@ class FlashSimulator(Simulator):
         eventually(lambda: self.state() == "bootloader")
         return self
 
-    def gripper(self):
-        return next(line for line in self.command("show") if line.startswith("gripper "))
-
     def state(self):
-        last = self.gripper().split()[-1]
-        return "firmware" if last.startswith("year=") else last
+        return self.state_of(self.id)
 
     def version(self):
-        return self.gripper().split()[2]
+        return self.line_of(self.id).split()[2]
 
     def sent_by_master(self, mark=0):
         return [data for way, data, _ in self.chunks[mark:] if way == ">"]

@@ -58,10 +58,10 @@ def run_to_end(process, timeout=15):
 
 
 class ScriptedDaemon:
-    """Answers every connection by `answer(request)`: bytes, or None for no answer.
+    """Answers each request with `answer(request)`: bytes, or None for no answer.
 
-    By default GETs have the values of `values`, and SETs an "ack". `changes` maps a request to the
-    values from then on. The requests in `refused` get a "nak". `requests` keeps all requests.
+    By default it answers a GET from `values` and a SET with "ack". `changes` maps a request to the
+    values that apply after it. The requests in `refused` get a "nak". `requests` keeps all requests.
     """
 
     VALUES = {"SID": "[9]", "DRI": "RUNNING", "VER": "0", "UPG": "0", "FWV": "TA3-1.0.0"}

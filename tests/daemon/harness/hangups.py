@@ -14,8 +14,8 @@ CPU_LIMIT = 0.2 if SANITIZED else 0.05
 # Two lines of a running scan, five failures of the next access, two searches for ports, and two
 # lines of the scan that finds the gripper. Each second without the line adds a search for ports.
 LOG_LIMIT = 11
-GONE = 0.3
-# An answer has at least 42 ms. After a longer stall of the machine it may be too late.
+UNPLUGGED_SECONDS = 0.3
+# A gripper has at least 42 ms to answer. After a longer stall than this, its answer may be too late.
 STALL_LIMIT = 0.03
 
 
@@ -29,18 +29,18 @@ class HangUps:
         self.stalled = 0
         self.returns = []
         self.log_lines = []
-        self.gone = []
-        self.cpu = []
+        self.seconds_gone = []
+        self.seconds_used = []
         self.line_mark = self.log_mark = 0
         self.back_at = 0.0
 
     def cpu_seconds(self):
-        """Returns the time of the main thread, measured in nanoseconds."""
+        """Returns the processor time of the main thread. The kernel measures it in nanoseconds."""
         with open(f"/proc/{self.daemon.pid}/schedstat", encoding="ascii") as times:
             return int(times.read().split()[0]) / 1e9
 
     @contextlib.contextmanager
-    def unplugged(self, seconds=GONE):
+    def unplugged(self, seconds=UNPLUGGED_SECONDS):
         """Unplugs the line while the block runs, for at least `seconds`."""
         self.watch.reset_worst()
         self.log_mark = self.daemon.mark()
@@ -48,8 +48,8 @@ class HangUps:
         self.line.unplug()
         yield
         time.sleep(max(0.0, started + seconds - time.monotonic()))
-        self.gone.append(time.monotonic() - started)
-        self.cpu.append(self.cpu_seconds() - cpu)
+        self.seconds_gone.append(time.monotonic() - started)
+        self.seconds_used.append(self.cpu_seconds() - cpu)
         self.line_mark = self.line.mark()
         self.line.plug()
         self.back_at = time.monotonic()
@@ -66,13 +66,13 @@ class HangUps:
         self.returns.append(polled_at - (since or self.back_at))
         lines = self.daemon.messages(self.log_mark)
         self.log_lines.append(len(lines))
-        assert len(lines) <= LOG_LIMIT + self.gone[-1], lines
+        assert len(lines) <= LOG_LIMIT + self.seconds_gone[-1], lines
 
     def judge(self, figure):
-        assert self.stalled <= len(self.gone) / 2, "the machine stalled in too many of them"
-        share = sum(self.cpu) / sum(self.gone)
+        assert self.stalled <= len(self.seconds_gone) / 2, "the machine stalled during too many hangups"
+        share = sum(self.seconds_used) / sum(self.seconds_gone)
         figure(
-            f"{len(self.gone)} hangups of {sum(self.gone):.1f} s in all, {self.stalled} of them not "
+            f"{len(self.seconds_gone)} hangups of {sum(self.seconds_gone):.1f} s in all, {self.stalled} not "
             f"judged because the machine stalled; polled again after "
             f"{statistics.median(self.returns):.2f} s (median), {max(self.returns):.2f} s (worst); "
             f"{max(self.log_lines)} log lines (worst); {share * 100:.2f} % CPU without the line"

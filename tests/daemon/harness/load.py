@@ -1,7 +1,7 @@
 """Reply times, visits and memory of the daemon while one client misbehaves.
 
-As a program, this module is the measuring client. A process of its own is needed: the load of the
-test slows down everything else in its interpreter.
+As a program, this module is the measuring client. The client has its own process, because the load
+of the test slows down everything else in the interpreter.
 """
 
 import contextlib
@@ -20,13 +20,13 @@ from .daemon import RELEASE, SANITIZED
 from .figures import percentile
 from .stalls import STALL_LIMIT, StallWatch
 
-# A factor for limits that are made for the release build.
+# Limits are made for the release build. This factor adapts them.
 SLOWNESS = 4 if SANITIZED else 1
 MEDIAN_LIMIT = 0.002 * SLOWNESS
 WORST_LIMIT = 0.05 * SLOWNESS
 LONGEST_LIMIT = 0.05 * (1 if RELEASE else 4)
 VISITS_USUAL = 0.05 + 0.01 * SLOWNESS
-# A write takes an extra period.
+# Each write takes an extra period.
 VISITS_BESIDE_WRITES = 2 * VISITS_USUAL
 _PACE = 0.01
 

@@ -38,6 +38,9 @@ class Request:
     def is_write(self, address=None):
         return self.function == WRITE and address in (None, self.address)
 
+    def is_probe(self):
+        return self.is_read(500)
+
 
 def cut_request(buffer, at):
     """Returns (request or None, its length) for the frame at the start of `buffer`."""

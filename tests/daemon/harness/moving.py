@@ -1,7 +1,9 @@
 """A scripted gripper that supports a slave id move."""
 
+import pytest
+
 from . import modbus
-from .line import Slave
+from .line import Line, Slave
 
 SETTINGS = [0x1234, 0x0100, 0x0007, 0xABCD, 0x5509]
 RESTART = 0x5600
@@ -24,6 +26,13 @@ class MovingSlave(Slave):
         self.id = self.get(434)[0] & 0xFF
         slaves[self.id] = self
         return answer
+
+
+@pytest.fixture
+def line():
+    """Replaces `line` in a file that imports it: its gripper can move."""
+    with Line(MovingSlave(9)) as plugged:
+        yield plugged
 
 
 def quiet_client(line, connect):

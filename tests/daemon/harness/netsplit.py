@@ -89,7 +89,7 @@ class OtherMachine:
         return made[0]
 
     def vanish(self):
-        """Loses everything that is sent to the other machine from now on, without an error."""
+        """Drops all packets to the other machine from now on, without an error."""
         self._far_ip(f"link set far address {_OTHER_MAC}")
 
     def _far_ip(self, arguments):

@@ -57,9 +57,12 @@ def install_fuser(folder, script):
     program = pathlib.Path(folder) / "fuser"
     if script == "system":
         program.symlink_to(shutil.which("fuser"))
-    else:
-        program.write_text(f"#!/bin/sh\n{script}\n")
-        program.chmod(0o755)
+        return
+    # The program must be complete before the daemon can run it.
+    partial = program.with_name("fuser.new")
+    partial.write_text(f"#!/bin/sh\n{script}\n")
+    partial.chmod(0o755)
+    partial.replace(program)
 
 
 def is_not_open(path):

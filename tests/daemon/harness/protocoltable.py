@@ -7,7 +7,7 @@ from .children import binary
 
 
 def rows(keyword):
-    """Returns the rows of the "get" or "set" table as dictionaries."""
+    """Returns the rows of the "get", "set" or "families" table as dictionaries."""
     printed = subprocess.run([binary("protocol-table")], stdout=subprocess.PIPE, check=True).stdout
     return json.loads(printed)[keyword]
 

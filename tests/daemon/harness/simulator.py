@@ -57,6 +57,22 @@ class Simulator(RequestLog):
                 return lines + [line[3:]]
             lines.append(line)
 
+    def unplug(self):
+        self.command("unplug")
+
+    def plug(self):
+        self.command("plug")
+
+    def line_of(self, slave_id):
+        """Returns the line of this gripper in the output of "show"."""
+        start = f"gripper {slave_id} "
+        return next(line for line in self.command("show") if line.startswith(start))
+
+    def state_of(self, slave_id):
+        """Returns "firmware", "booting" or "bootloader"."""
+        last = self.line_of(slave_id).split()[-1]
+        return "firmware" if last.startswith("year=") else last
+
     def registers(self, slave_id, address, count=1):
         return [int(word, 16) for word in self.command(f"get {slave_id} {address} {count}")[-1].split()]
 

@@ -1,6 +1,6 @@
 """Measures stalls of the machine, which make tests miss their deadlines.
 
-As a program, this module is the monitor. A process of its own is needed: a test that keeps its
+As a program, this module is the monitor. The monitor has its own process: a test that keeps its
 interpreter busy would delay the monitor, which would then report a stall.
 """
 
@@ -17,7 +17,8 @@ import tty
 
 from .children import spawn
 
-# An answer has at least 42 ms, and the daemon checks every 10 ms. A longer stall can make it late.
+# A gripper has at least 42 ms to answer, and the daemon checks every 10 ms. A longer stall than this
+# can make an answer late.
 STALL_LIMIT = 0.015
 _WATCHES = 64
 
@@ -40,7 +41,7 @@ class StallWatch:
 
 
 class _Monitor:
-    """The monitor process for all watches. Each watch has an index in the shared memory."""
+    """The monitor process of all watches. Each watch has an index in the shared memory."""
 
     def __init__(self):
         descriptor = os.memfd_create("stalls")

@@ -65,7 +65,7 @@ def is_alive(pid):
 
 
 def polls_nothing(line, seconds=0.5):
-    """Returns whether no request is on the line for this time."""
+    """Waits for this time. Returns whether the line carried no request."""
     mark = line.mark()
     time.sleep(seconds)
     return line.since(mark) == []

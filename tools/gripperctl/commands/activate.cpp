@@ -18,19 +18,14 @@ struct Choice
     bool again = false;
 };
 
-void printState(Program &program, const gripper::Image &image, const std::string &text)
+/// Refuses an active gripper with a fault.
+void reportActive(Program &program, const gripper::Image &image, const std::string &text)
 {
-    program.output().result(concat("gripper ", image.id, ' ', text),
-                            {{"gripper", image.id},
-                             {"status", statusText(image)},
-                             {"fault", jsonOf(image.fault)},
-                             {"text", text}});
-}
-
-void refuseFaulty(const gripper::Image &image)
-{
-    if (image.fault.value_or(0) == 0)
+    if (image.fault.value_or(0) == 0) {
+        program.report(image.id, text,
+                       {{"status", statusText(image)}, {"fault", jsonOf(image.fault)}});
         return;
+    }
     throw Failure(ExitCode::Refused,
                   concat("gripper ", image.id, " is active, but has fault ", *image.fault,
                          ": see its manual; gripperctl activate --again clears the faults that "
@@ -60,7 +55,7 @@ void awaitActive(Program &program, gripper::Gripper &gripper)
 void activate(Program &program, gripper::Gripper &gripper, const Choice &choice, bool isUnderWay)
 {
     const auto again = choice.again ? gripper::Again::Yes : gripper::Again::No;
-    program.await(concat("gripper ", gripper.id(), ": activating"), [&] {
+    program.await(gripper.id(), "activating", [&] {
         if (isUnderWay)
             awaitActive(program, gripper);
         else
@@ -73,8 +68,7 @@ void run(Program &program, const Choice &choice)
     gripper::Gripper gripper = program.gripper();
     const gripper::Image before = gripper.image();
     if (hasStatus(before, gripper::Status::Active) && !choice.again) {
-        refuseFaulty(before);
-        printState(program, before, "is active already");
+        reportActive(program, before, "is active already");
         return;
     }
     const bool isUnderWay = hasStatus(before, gripper::Status::Activating) && !choice.again;
@@ -85,15 +79,11 @@ void run(Program &program, const Choice &choice)
         gripper.set({{"GTO", 0}, {"ACT", 1}});
     if (choice.wait) {
         activate(program, gripper, choice, isUnderWay);
-        const gripper::Image after = gripper.image();
-        refuseFaulty(after);
-        printState(program, after, "is active");
+        reportActive(program, gripper.image(), "is active");
         return;
     }
     // The values of the gripper are still old.
-    const std::string text = "was told to activate";
-    program.output().result(concat("gripper ", gripper.id(), ' ', text),
-                            {{"gripper", gripper.id()}, {"text", text}});
+    program.report(gripper.id(), "was told to activate");
 }
 
 } // namespace

@@ -78,13 +78,12 @@ void run(Program &program, std::vector<std::string> names)
 void addGet(CLI::App &app, Program &program)
 {
     const auto words = std::make_shared<std::vector<std::string>>();
-    CLI::App &command =
-        addCommand(app,
-                   {"get", "Read values of the protocol.",
-                    "One name prints the value only; several names print one \"NAME VALUE\" line "
-                    "each.",
-                    "get POS OBJ"},
-                   [&program, words] { run(program, *words); });
+    CLI::App &command = addCommand(
+        app,
+        {"get", "Read values of the protocol.",
+         "For one name, print only the value; for several names, a line \"NAME VALUE\" for each.",
+         "get POS OBJ"},
+        [&program, words] { run(program, *words); });
     addWords(command, "NAME...", *words, 1, std::numeric_limits<int>::max())
         ->option_text(join(knownNames(), " "));
 }

@@ -28,14 +28,6 @@ void refuseInactive(const gripper::Image &image)
                                             " and cannot move: run gripperctl activate --wait"));
 }
 
-/// Prints no values of the gripper, because they are still old.
-void printStart(Program &program, int id, int wanted)
-{
-    const std::string text = concat("was told to go to ", wanted);
-    program.output().result(concat("gripper ", id, ' ', text),
-                            {{"gripper", id}, {"requestedPosition", wanted}, {"text", text}});
-}
-
 void printEnd(Program &program, const gripper::Image &before, int wanted,
               const gripper::MoveResult &result)
 {
@@ -49,13 +41,11 @@ void printEnd(Program &program, const gripper::Image &before, int wanted,
         text = concat("leaks: level ", position, " instead of ", wanted);
     else if (!isReached)
         text = concat("met an object at ", position, ", on its way to ", wanted);
-    program.output().result(concat("gripper ", before.id, ' ', text),
-                            {{"gripper", before.id},
-                             {"requestedPosition", wanted},
-                             {"position", position},
-                             {"object", objectText(after)},
-                             {"current", effort},
-                             {"text", text}});
+    program.report(before.id, text,
+                   {{"requestedPosition", wanted},
+                    {"position", position},
+                    {"object", objectText(after)},
+                    {"current", effort}});
 }
 
 /// Moves and waits for the end.
@@ -64,7 +54,7 @@ gripper::MoveResult moveToEnd(Program &program, gripper::Gripper &gripper, int p
 {
     gripper::MoveResult result;
     try {
-        program.await(concat("gripper ", gripper.id(), ": moving to ", position), [&] {
+        program.await(gripper.id(), concat("moving to ", position), [&] {
             result = gripper.move(position, speed, force,
                                   program.timeoutOr(gripper::Gripper::movementTimeout));
         });
@@ -90,7 +80,9 @@ void moveTo(Program &program, const Choice &choice, int position)
         return;
     }
     gripper.set({{"POS", position}, {"SPE", speed}, {"FOR", force}, {"GTO", 1}});
-    printStart(program, gripper.id(), position);
+    // The values of the gripper are still old.
+    program.report(gripper.id(), concat("was told to go to ", position),
+                   {{"requestedPosition", position}});
 }
 
 void moveToGiven(Program &program, const Choice &choice)

@@ -107,7 +107,8 @@ void addRecord(CLI::App &app, Program &program)
                                     "record grip.csv --seconds 30"},
                                    [&program, options] { record(program, *options); });
     addWord(command, "FILE.csv", options->path)->option_text(filesOffered);
-    addSeconds(command, "--interval", options->interval, "Time between two looks (default 0.1).");
+    addSeconds(command, "--interval", options->interval,
+               "Time between two readings (default 0.1).");
     addSeconds(command, "--seconds", options->seconds, "End after this time.");
 }
 

@@ -27,7 +27,7 @@ void run(Program &program, const Choice &choice)
     }
     std::string text = "was told to let go";
     if (choice.wait) {
-        program.await(concat("gripper ", gripper.id(), ": letting go"), [&] {
+        program.await(gripper.id(), "letting go", [&] {
             gripper.release(choice.closing, program.timeoutOr(gripper::Gripper::movementTimeout));
         });
         text = concat("has let go and stands at ", numberText(gripper.image().position));

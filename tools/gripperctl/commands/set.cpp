@@ -77,43 +77,32 @@ int valueFrom(const std::string &word)
     return *value;
 }
 
-/// The request of a command line. Calls `visit` with the row of each variable.
-template <typename Visit>
-std::vector<gripper::Pair> pairsFrom(const std::vector<std::string> &words, Visit visit)
+/// A variable and its value.
+struct Wanted
 {
-    std::vector<gripper::Pair> pairs;
+    const gripper::SetVariable *row;
+    int value;
+};
+
+std::vector<Wanted> wantedFrom(const std::vector<std::string> &words)
+{
+    std::vector<Wanted> wanted;
     for (auto word = words.begin(); word != words.end(); ++word) {
         const gripper::SetVariable &row = rowOf(*word);
-        if (const char *problem = refusalOf(std::string(row.name)))
+        if (const char *problem = refusalOf(row.name))
             throw Failure(ExitCode::WrongUsage, problem);
-        visit(row);
         const auto next = word + 1;
         if (next != words.end() && isNumberLike(*next)) {
-            pairs.emplace_back(row.name, valueFrom(*next));
+            wanted.push_back({&row, valueFrom(*next)});
             word = next;
         } else if (row.range == "any") {
-            pairs.emplace_back(row.name, anyValue);
+            wanted.push_back({&row, anyValue});
         } else {
             refuse(concat(row.name, " needs a number (", row.range, ')'));
         }
     }
-    return pairs;
+    return wanted;
 }
-
-/// The needs of a request.
-struct Needs
-{
-    bool gripper = false;
-    bool patience = false;
-    bool silentLine = false; ///< it sends the gripper into its bootloader
-
-    void add(const gripper::SetVariable &row)
-    {
-        gripper = gripper || row.needsGripper;
-        patience = patience || row.mayWait;
-        silentLine = silentLine || row.name == "BLD";
-    }
-};
 
 /// Polling stays muted, because the bootloader then has the line. Not interruptible: the daemon
 /// mutes polling at the end of a jump, so the state of MUTE is known only after its reply.
@@ -131,20 +120,26 @@ bool sendIntoBootloader(Program &program, gripper::Connection &connection,
 
 void run(Program &program, const std::vector<std::string> &words)
 {
-    Needs needs;
-    const auto pairs = pairsFrom(words, [&](const auto &row) { needs.add(row); });
+    const std::vector<Wanted> wanted = wantedFrom(words);
+    const auto anyRow = [&](auto isSuch) {
+        return std::any_of(wanted.begin(), wanted.end(),
+                           [&](const Wanted &one) { return isSuch(*one.row); });
+    };
+    std::vector<gripper::Pair> pairs;
+    for (const Wanted &one : wanted)
+        pairs.emplace_back(one.row->name, one.value);
     const gripper::Options options = program.options();
-    const gripper::Seconds timeout =
-        needs.patience ? program.timeoutOr(slowTimeout) : options.timeout;
+    const bool isSlow = anyRow([](const auto &row) { return row.mayWait; });
+    const gripper::Seconds timeout = isSlow ? program.timeoutOr(slowTimeout) : options.timeout;
     std::optional<int> id;
-    if (needs.gripper)
+    if (anyRow([](const auto &row) { return row.needsGripper; }))
         id = program.listedGripperId();
     gripper::Connection connection(program.endpoint(), options, id);
     if (!connection.open(gripper::Deadline(options.timeout)))
         throw Failure(ExitCode::NoGripper,
                       concat("gripper ", *id, " has just disappeared: see gripperctl status"));
     bool isAcknowledged = false;
-    if (needs.silentLine)
+    if (anyRow([](const auto &row) { return row.name == "BLD"; }))
         program.muting(
             [&] { isAcknowledged = sendIntoBootloader(program, connection, pairs, timeout); });
     else

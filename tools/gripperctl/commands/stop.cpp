@@ -25,12 +25,10 @@ void run(Program &program, bool isConfirmed)
         if (isVacuum(before))
             confirm(program, before);
     }
-    program.await(concat("gripper ", gripper.id(), ": stopping"), [&] { gripper.stop(); });
+    program.await(gripper.id(), "stopping", [&] { gripper.stop(); });
     const gripper::Image after = gripper.image();
-    const std::string text = concat("has stopped at ", numberText(after.position));
-    program.output().result(
-        concat("gripper ", gripper.id(), ' ', text),
-        {{"gripper", gripper.id()}, {"position", jsonOf(after.position)}, {"text", text}});
+    program.report(gripper.id(), concat("has stopped at ", numberText(after.position)),
+                   {{"position", jsonOf(after.position)}});
 }
 
 } // namespace

@@ -157,11 +157,13 @@ void addWatch(CLI::App &app, Program &program)
     CLI::App &command = addCommand(
         app,
         {"watch", "Show positions, currents, objects and faults, live.",
-         "If the output is not a terminal, print one line per gripper and look. Ctrl-C ends it.",
+         "If the output is not a terminal, print one line per gripper and reading. Ctrl-C ends it.",
          "watch --interval 0.5"},
         [&program, options] { watch(program, *options); });
-    addSeconds(command, "--interval", options->interval, "Time between two looks (default 0.2).");
-    addNumber(command, "--count", options->count, 1, maxCount, "End after this number of looks.");
+    addSeconds(command, "--interval", options->interval,
+               "Time between two readings (default 0.2).");
+    addNumber(command, "--count", options->count, 1, maxCount,
+              "End after this number of readings.");
 }
 
 } // namespace gripperctl

@@ -95,9 +95,12 @@ public:
     /// Sends one SET. Sends nothing and throws NotActive or Fault if the gripper is not active or
     /// has a fault. Throws Interference if another client changed the request during the movement.
     ///
-    /// If the gripper shows the same request already, no variable shows when it has this one. The
-    /// call then takes 0.2 s with one gripper, and up to 1 s with four, before it trusts the object
-    /// detection.
+    /// If the gripper shows the same position already, no variable shows when it has this request.
+    /// The call then waits before it trusts the object detection: 0.1 s, and 0.1 s for each listed
+    /// gripper; 0.2 s for each if the speed or the force changes.
+    ///
+    /// ConnectionLost::unknown() is the SET also after `ack`: a daemon that ends may not have
+    /// written the request to the gripper.
     MoveResult move(int position, int speed, int force, Seconds timeout = movementTimeout);
 
     /// move() to 0.
@@ -128,7 +131,7 @@ public:
     /// SCN_BLOCK, BLD and UPG need a longer timeout.
     void set(const std::vector<Pair> &pairs, std::optional<Seconds> timeout = {});
 
-    /// The text of one value, without its name: "?" if there is none.
+    /// The text of one value, without its name. A missing value is "?".
     std::string get(std::string_view name, std::optional<Seconds> timeout = {});
 
     /// Called at the beginning of each stage.
@@ -137,12 +140,16 @@ public:
     /// Writes the firmware image of the gripper's family into the gripper, and returns the version
     /// that it runs then. Mutes polling, and unmutes it in every case.
     ///
-    /// Throws Refused if an upgrade is under way, if another listed gripper does not answer (it may
-    /// be in its bootloader and would take the firmware), if the gripper does not reach its
-    /// bootloader, if the flasher does not start, and if the version is not `expected`, or is the
-    /// old one without `expected`. Throws GripperMissing if no scan finds the gripper afterwards.
-    /// If the call ends by a time-out while the flasher runs, the flasher continues, and the daemon
-    /// unmutes afterwards.
+    /// Throws Refused in these cases:
+    /// - An upgrade is under way.
+    /// - Another listed gripper does not answer. It may be in its bootloader, and would take the
+    ///   firmware.
+    /// - The gripper does not reach its bootloader, or the flasher does not start.
+    /// - The version is not `expected` afterwards. Without `expected`, it must differ from the old
+    /// one.
+    ///
+    /// Throws GripperMissing if no scan finds the gripper afterwards. After a time-out, the flasher
+    /// continues, and the daemon unmutes afterwards.
     std::string upgrade(const Progress &progress = {}, const std::string &expected = {},
                         Seconds timeout = upgradeTimeout);
 

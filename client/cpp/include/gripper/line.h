@@ -60,7 +60,7 @@ public:
     static constexpr std::array<int, 4> scannedIds{9, 2, 3, 4};
 
     /// `host` is a text as in Endpoint::fromText(). Throws InvalidValue.
-    explicit Line(std::string host = "127.0.0.1", int port = Endpoint::defaultPort,
+    explicit Line(const std::string &host = "127.0.0.1", int port = Endpoint::defaultPort,
                   Options options = {});
     explicit Line(Endpoint endpoint, Options options = {});
 
@@ -92,11 +92,13 @@ public:
     /// Mutes polling until the returned object ends.
     Maintenance maintenance() const;
 
-    /// Gives gripper `oldId` the id `newId`, which takes about 10 s with its scans. Throws
-    /// InvalidValue unless newId is 9, 2, 3 or 4 and differs; GripperMissing if there is no gripper
-    /// oldId, or if the gripper answers at neither id afterwards; Refused if newId is in use,
-    /// during an upgrade, and if the gripper kept its id. If the call ends by a time-out, the
-    /// daemon continues.
+    /// Gives gripper `oldId` the id `newId`, which takes about 10 s with its scans. After a
+    /// time-out, the daemon continues.
+    ///
+    /// - InvalidValue: newId is not 9, 2, 3 or 4, or equals oldId.
+    /// - Refused: newId is in use, an upgrade is under way, or the gripper kept its id.
+    /// - GripperMissing: the daemon does not list oldId, or the gripper answers at neither id
+    /// afterwards.
     void rename(int oldId, int newId, Seconds timeout = renameTimeout);
 
     /// Ends the connection. The next call opens a new one.

@@ -85,7 +85,7 @@ inline constexpr std::array<SetVariable, 21> setVariables{{
     {"MUTE", false, false, "0, 1", "Stops polling (1) or lets it continue (0), for all clients.", ""},
     {"THROTTLE", false, false, "0, 1", "Polls every 50 ms (1) or as fast as possible (0), for all clients.", ""},
     {"UPG", true, true, "any", "Flashes the firmware of the gripper's family.", "an upgrade is running, or the gripper does not reach its bootloader"},
-    {"BLD", true, true, "any", "Sends the gripper into its bootloader.", "the gripper does not reach its bootloader"},
+    {"BLD", true, true, "any", "Sends the gripper into its bootloader.", "an upgrade is running, or the gripper does not reach its bootloader"},
 }};
 
 /// The values of one gripper. A value that the daemon does not have is empty.
@@ -158,7 +158,48 @@ void forEachValue(Values &values, Visit &&visit)
 
 /// Calls visit(name of the variable, value) for each value, in the order of the requests.
 template <typename Visit>
+void forEachValue(const Values &values, Visit &&visit)
+{
+    visit(std::string_view("PRE"), values.requestedPosition);
+    visit(std::string_view("GTO"), values.goTo);
+    visit(std::string_view("ACT"), values.active);
+    visit(std::string_view("STA"), values.status);
+    visit(std::string_view("FLT"), values.fault);
+    visit(std::string_view("OBJ"), values.object);
+    visit(std::string_view("POS"), values.position);
+    visit(std::string_view("COU"), values.current);
+    visit(std::string_view("VST"), values.vacuumStatus);
+    visit(std::string_view("MOD"), values.mode);
+    visit(std::string_view("SPE"), values.speed);
+    visit(std::string_view("FOR"), values.force);
+    visit(std::string_view("LBP"), values.ledBypass);
+    visit(std::string_view("LGN"), values.ledGreen);
+    visit(std::string_view("LRD"), values.ledRed);
+    visit(std::string_view("LBL"), values.ledBlue);
+    visit(std::string_view("MSC"), values.peakCurrent);
+    visit(std::string_view("NCY"), values.cycles);
+    visit(std::string_view("PON"), values.pumpSeconds);
+    visit(std::string_view("NPA"), values.pumpStarts);
+    visit(std::string_view("SNU"), values.serialNumber);
+    visit(std::string_view("PYE"), values.productionYear);
+    visit(std::string_view("FWV"), values.firmware);
+}
+
+/// Calls visit(name of the variable, value) for each value, in the order of the requests.
+template <typename Visit>
 void forEachValue(LineValues &values, Visit &&visit)
+{
+    visit(std::string_view("DRI"), values.link);
+    visit(std::string_view("SID"), values.ids);
+    visit(std::string_view("UPG"), values.upgrading);
+    visit(std::string_view("VER"), values.driver);
+    visit(std::string_view("DST"), values.dst);
+    visit(std::string_view("PCO"), values.pco);
+}
+
+/// Calls visit(name of the variable, value) for each value, in the order of the requests.
+template <typename Visit>
+void forEachValue(const LineValues &values, Visit &&visit)
 {
     visit(std::string_view("DRI"), values.link);
     visit(std::string_view("SID"), values.ids);

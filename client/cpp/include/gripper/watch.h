@@ -30,7 +30,7 @@ struct Outage
     ReadingTime since; ///< the first observation of this outage. It stays the same until it ends
 };
 
-/// What a watch reports.
+/// A report of a watch.
 using WatchItem = std::variant<Image, Outage>;
 
 /// Reads grippers periodically, with one packet and one connection for each. It reports an item for
@@ -47,7 +47,7 @@ public:
     /// Watches `ids`, or all grippers that the daemon lists if `ids` is empty. A gripper that was
     /// listed once is watched until the end. `rate` is the number of periods per second, more than
     /// 0 and at most 1000. Throws InvalidValue. Connects in next().
-    Watch(Endpoint endpoint, Options options, std::vector<int> ids, double rate);
+    Watch(Endpoint endpoint, Options options, const std::vector<int> &ids, double rate);
 
     /// Waits for the next item. An outage is an item, never an exception; only Options::onWaiting
     /// can end this call by an exception. Waits at most one period, and Options::timeout for each
@@ -71,6 +71,7 @@ public:
         reference operator*() const { return *m_item; }
         pointer operator->() const { return &*m_item; }
         Iterator &operator++();
+        void operator++(int) { ++*this; }
         bool operator==(const Iterator &other) const { return m_watch == other.m_watch; }
         bool operator!=(const Iterator &other) const { return m_watch != other.m_watch; }
 

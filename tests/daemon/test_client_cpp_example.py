@@ -1,0 +1,67 @@
+"""examples/grip.cpp, which users copy."""
+
+import subprocess
+
+import pytest
+from harness.children import binary, spawn
+from harness.simulator import Simulator
+from harness.waiting import eventually
+
+
+@pytest.fixture
+def line():
+    with Simulator("9=TA3-1.6.14", "--activation-ms=200") as simulator:
+        yield simulator
+
+
+def start():
+    return spawn([binary("client-example-grip")], stdout=subprocess.PIPE, text=True)
+
+
+def closes_at_the_object(line):
+    eventually(lambda: line.registers(9, 2002)[0] >> 8 == 140, 10, "the grip")
+
+
+def holds_the_object(line):
+    closes_at_the_object(line)
+    # The example looks at OBJ after the grip.
+    line.wait_until_polled(9, 10)
+
+
+@pytest.mark.parametrize(
+    "moment, text",
+    [
+        (closes_at_the_object, "the gripper may or may not carry out: SET POS 255 "),
+        (holds_the_object, "no values: "),
+    ],
+)
+def test_it_survives_a_restart_of_the_daemon(line, start_daemon, moment, text):
+    line.command("object 9 140")
+    daemon = start_daemon()
+    example = start()
+    moment(line)
+    daemon.kill()
+    start_daemon()
+    out, _ = example.communicate(timeout=40)
+    assert example.returncode == 0, out
+    assert text in out
+    assert "lost the part" not in out
+    assert line.registers(9, 2002)[0] >> 8 == 0
+
+
+def test_it_notices_a_lost_part(line, start_daemon):
+    line.command("object 9 140")
+    start_daemon()
+    example = start()
+    holds_the_object(line)
+    line.command("object 9 none")
+    out, _ = example.communicate(timeout=30)
+    assert example.returncode == 1, out
+    assert "lost the part at position " in out
+
+
+def test_it_reports_that_there_is_no_part(line, start_daemon):
+    start_daemon()
+    example = start()
+    out, _ = example.communicate(timeout=30)
+    assert (example.returncode, out) == (1, "there is no part\n")
