@@ -80,6 +80,7 @@ void addHost(CLI::App &app, Settings &settings)
     };
     app.add_option("--host", take, "The address of gripperd (default 127.0.0.1:63352).")
         ->type_name("HOST[:PORT]")
+        ->option_text(hostsOffered)
         ->type_size(1)
         ->expected(1, std::numeric_limits<int>::max())
         ->allow_extra_args(false)
@@ -91,7 +92,8 @@ void addGeneralOptions(CLI::App &app, Program &program)
     Settings &settings = program.settings();
     addHost(app, settings);
     addNumber(app, "--gripper", settings.gripper, 1, 9, "The gripper (default 9).")
-        ->type_name("ID");
+        ->type_name("ID")
+        ->option_text(idsOffered);
     app.add_flag_callback(
            "--json", [&program] { program.output().useJson(); }, "Print JSON, for scripts.")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
@@ -99,7 +101,8 @@ void addGeneralOptions(CLI::App &app, Program &program)
                "Time limit for an answer, or for the end of the action.");
     app.set_config("--config", settingsPath(),
                    "Defaults for options (default ~/.config/gripperctl.toml).")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->option_text(filesOffered);
     app.config_formatter(std::make_shared<SettingsFile>());
     app.allow_config_extras(CLI::config_extras_mode::error);
     app.set_version_flag("--version", "gripperctl " GRIPPERCTL_VERSION,

@@ -30,6 +30,12 @@ Failure usageFailure(const CLI::App &app, const CLI::ParseError &error);
 /// A command that calls `run` when it is given.
 CLI::App &addCommand(CLI::App &app, const CommandText &text, std::function<void()> run);
 
+/// Shells offer the words in the option_text() of an option. These stand for names that are not
+/// known in advance.
+constexpr const char *filesOffered = ":files";
+constexpr const char *hostsOffered = ":hosts";
+constexpr const char *idsOffered = ":ids";
+
 /// Required words that are no options. `label` is their text in the help: "OLD NEW".
 CLI::Option *addWords(CLI::App &command, const std::string &label, std::vector<std::string> &words,
                       int min, int max);

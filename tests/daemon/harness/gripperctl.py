@@ -128,6 +128,8 @@ class ScriptedDaemon:
                 client, _ = self.listener.accept()
             except OSError:
                 return
+            # Each reply is a packet of its own.
+            client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             self.sockets.append(client)
             threading.Thread(target=self._serve, args=[client], daemon=True).start()
 

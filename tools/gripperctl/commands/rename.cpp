@@ -64,7 +64,9 @@ void addRename(CLI::App &app, Program &program)
          "This takes about ten seconds. Other ids are refused, because no scan looks for them.",
          "rename 9 2"},
         [&program, words] { run(program, *words); });
-    addWords(command, "OLD NEW", *words, 2, 2);
+    const auto &ids = gripper::Line::scannedIds;
+    addWords(command, "OLD NEW", *words, 2, 2)
+        ->option_text(join(std::vector<int>(ids.begin(), ids.end()), " "));
 }
 
 } // namespace gripperctl

@@ -25,18 +25,29 @@ constexpr int anyValue = 1;
                   problem + (problem.back() == '?' ? " See" : "; see") + " gripperctl set --help");
 }
 
-/// gripperctl has safer commands or options for these variables.
-void refuseGuarded(const std::string &name)
+/// gripperctl has safer commands or options for some variables. Null for the others.
+const char *refusalOf(std::string_view name)
 {
-    const std::pair<const char *, const char *> guarded[] = {
+    constexpr std::pair<std::string_view, const char *> refused[] = {
         {"NID", "use gripperctl rename instead of NID; it also checks that the id is free"},
         {"UPG", "use gripperctl upgrade instead of UPG; it also waits for the flasher"},
         // SID does not apply to other pairs in the same request.
         {"SID", "use --gripper ID instead of SID, which ends with this connection"}};
-    for (const auto &[known, problem] : guarded) {
+    for (const auto &[known, problem] : refused) {
         if (name == known)
-            throw Failure(ExitCode::WrongUsage, problem);
+            return problem;
     }
+    return nullptr;
+}
+
+std::vector<std::string> namesToSet()
+{
+    std::vector<std::string> names;
+    for (const gripper::SetVariable &row : gripper::setVariables) {
+        if (refusalOf(row.name) == nullptr)
+            names.emplace_back(row.name);
+    }
+    return names;
 }
 
 bool isNumberLike(const std::string &word)
@@ -78,7 +89,8 @@ std::vector<Wanted> wantedFrom(const std::vector<std::string> &words)
     std::vector<Wanted> wanted;
     for (auto word = words.begin(); word != words.end(); ++word) {
         const gripper::SetVariable &row = rowOf(*word);
-        refuseGuarded(std::string(row.name));
+        if (const char *problem = refusalOf(row.name))
+            throw Failure(ExitCode::WrongUsage, problem);
         const auto next = word + 1;
         if (next != words.end() && isNumberLike(*next)) {
             wanted.push_back({&row, valueFrom(*next)});
@@ -151,7 +163,8 @@ void addSet(CLI::App &app, Program &program)
                     "SCN, SCN_BLOCK and BLD need no number.",
                     "set MSC 100"},
                    [&program, words] { run(program, *words); });
-    addWords(command, "NAME [NUMBER]...", *words, 1, std::numeric_limits<int>::max());
+    addWords(command, "NAME [NUMBER]...", *words, 1, std::numeric_limits<int>::max())
+        ->option_text(join(namesToSet(), " "));
 }
 
 } // namespace gripperctl

@@ -145,17 +145,24 @@ const State states[] = {
      }},
 };
 
-void run(Program &program, const std::string &word)
+std::vector<std::string> stateNames()
 {
     std::vector<std::string> names;
+    for (const State &state : states)
+        names.emplace_back(state.name);
+    return names;
+}
+
+void run(Program &program, const std::string &word)
+{
     for (const State &state : states) {
         if (word == state.name) {
             program.output().begin("waiting for " + word);
             state.wait(program);
             return;
         }
-        names.emplace_back(state.name);
     }
+    const std::vector<std::string> names = stateNames();
     throw Failure(ExitCode::WrongUsage, concat("wait takes one of ", join(names), ", not \"", word,
                                                '"', suggestion(word, names)));
 }
@@ -173,7 +180,7 @@ void addWait(CLI::App &app, Program &program)
          "part. lost: it holds none.\nThe exit code is 4 after --timeout (default 30 s).",
          "wait object --timeout 5"},
         [&program, word] { run(program, *word); });
-    addWord(command, "STATE", *word);
+    addWord(command, "STATE", *word)->option_text(join(stateNames(), " "));
 }
 
 } // namespace gripperctl

@@ -1,0 +1,100 @@
+#include "commands.h"
+
+#include "app.h"
+#include "plotscript.h"
+#include "text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+#include <sys/wait.h>
+
+namespace gripperctl {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct PlotOptions
+{
+    std::string path;
+    std::string picture;
+};
+
+[[noreturn]] void fail(const std::string &problem)
+{
+    throw Failure(ExitCode::LocalProblem, problem);
+}
+
+Recording readRecording(const fs::path &path)
+{
+    std::error_code ignored;
+    std::ifstream file(path, std::ios::binary);
+    if (!file || fs::is_directory(path, ignored))
+        fail(concat("cannot read ", path.string(), ": ", file ? "a folder" : std::strerror(errno)));
+    const Recording recording = parseRecording({std::istreambuf_iterator<char>(file), {}});
+    const auto isLive = [](const Sample &sample) { return sample.isLive; };
+    if (std::none_of(recording.samples.begin(), recording.samples.end(), isLive))
+        fail(concat(path.string(), " has no values from a running link: record again while "
+                                   "gripperctl status shows link RUNNING"));
+    return recording;
+}
+
+bool isPng(const fs::path &path)
+{
+    const std::string suffix = upper(path.extension());
+    if (suffix == ".PNG" || suffix == ".SVG")
+        return suffix == ".PNG";
+    throw Failure(ExitCode::WrongUsage,
+                  concat("the output ", path.string(), " must end in .svg or .png"));
+}
+
+/// gnuplot writes its own errors to standard error.
+void runGnuplot(const std::string &script)
+{
+    constexpr int notFound = 127; // from the shell
+    std::FILE *gnuplot = ::popen("exec gnuplot", "w");
+    if (gnuplot == nullptr)
+        fail(concat("cannot start a shell: ", std::strerror(errno)));
+    std::fputs(script.c_str(), gnuplot);
+    const int status = ::pclose(gnuplot);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == notFound)
+        fail("cannot start gnuplot: install it with sudo apt install gnuplot-nox");
+    if (status != 0)
+        fail("gnuplot failed: its errors are above");
+}
+
+void plot(Program &program, const PlotOptions &options)
+{
+    const fs::path path(options.path);
+    const fs::path picture = options.picture.empty() ? fs::path(path).replace_extension(".svg")
+                                                     : fs::path(options.picture);
+    const bool wantsPng = isPng(picture);
+    runGnuplot(plotScript(readRecording(path), path.filename(), picture, wantsPng));
+    program.output().result(concat("drew ", picture.string()), {{"file", picture.string()}});
+}
+
+} // namespace
+
+void addPlot(CLI::App &app, Program &program)
+{
+    const auto options = std::make_shared<PlotOptions>();
+    CLI::App &command = addCommand(app,
+                                   {"plot", "Draw a recording, with gnuplot.",
+                                    "This needs no daemon.", "plot grip.csv -o grip.png"},
+                                   [&program, options] { plot(program, *options); });
+    addWord(command, "FILE.csv", options->path)->option_text(filesOffered);
+    command
+        .add_option("-o,--output", options->picture,
+                    "The picture, .svg or .png (default: the recording's name with .svg).")
+        ->type_name("FILE")
+        ->option_text(filesOffered);
+}
+
+} // namespace gripperctl

@@ -1,0 +1,132 @@
+#include "recording.h"
+
+#include "failure.h"
+#include "gripperview.h"
+#include "text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <iomanip>
+#include <sstream>
+#include <utility>
+
+namespace gripperctl {
+
+namespace {
+
+enum Column { Time, Seconds, Gripper, Position, Requested, Current, Object, Fault, Link, Columns };
+
+constexpr const char *linkRuns = "RUNNING";
+
+/// The cause of an outage, for the column of the link.
+std::string causeOf(const gripper::Outage &outage)
+{
+    using Reason = gripper::Outage::Reason;
+    if (outage.reason == Reason::LinkDown)
+        return outage.text;
+    return outage.reason == Reason::Missing ? "MISSING" : "NO_CONNECTION";
+}
+
+[[noreturn]] void fail(int line)
+{
+    throw Failure{ExitCode::LocalProblem,
+                  "line " + std::to_string(line) +
+                      " is not part of a recording: use a file that gripperctl record made"};
+}
+
+template <typename Number>
+bool read(const std::string &text, Number &number)
+{
+    const char *end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    return result.ec == std::errc() && result.ptr == end;
+}
+
+std::vector<std::string> fieldsOf(const std::string &line)
+{
+    std::vector<std::string> fields(1);
+    for (const char character : line) {
+        if (character == ',')
+            fields.emplace_back();
+        else
+            fields.back() += character;
+    }
+    return fields;
+}
+
+std::optional<Sample> sampleFrom(const std::vector<std::string> &fields)
+{
+    Sample sample;
+    if (fields.size() != Columns || !read(fields[Seconds], sample.seconds) ||
+        !read(fields[Gripper], sample.gripper))
+        return std::nullopt;
+    sample.isLive = fields[Link] == linkRuns;
+    if (!sample.isLive)
+        return sample;
+    const bool hasValues = read(fields[Position], sample.position) &&
+                           read(fields[Requested], sample.requested) &&
+                           read(fields[Current], sample.current);
+    return hasValues ? std::optional<Sample>(sample) : std::nullopt;
+}
+
+bool isTime(const std::string &text)
+{
+    constexpr std::size_t beginOfOffset = 23; // version 1.0.0 wrote "Z" there
+    return text.size() > beginOfOffset && text[10] == 'T';
+}
+
+} // namespace
+
+const char *const recordingHeader =
+    "time,seconds,gripper,position,requested,current,object,fault,link";
+
+std::string RecordingWriter::lineOf(const gripper::WatchItem &item)
+{
+    const auto [id, time] =
+        std::visit([](const auto &one) { return std::pair(one.id, one.time); }, item);
+    const std::chrono::duration<double> sinceStart = time.monotonic - m_start;
+    const std::string begin = concat(timeText(time.wall), ',', std::fixed, std::setprecision(3),
+                                     std::max(0.0, sinceStart.count()), ',', id, ',');
+    if (const auto *image = std::get_if<gripper::Image>(&item)) {
+        m_outages.erase(id);
+        return concat(begin, numberText(image->position), ',', numberText(image->requestedPosition),
+                      ',', numberText(image->current), ',', objectText(*image), ',',
+                      numberText(image->fault), ',', image->line.text);
+    }
+    std::string cause = causeOf(std::get<gripper::Outage>(item));
+    std::replace(cause.begin(), cause.end(), ',', ' ');
+    std::string &written = m_outages[id];
+    return std::exchange(written, cause) == cause ? std::string() : begin + ",,,,," + cause;
+}
+
+Recording parseRecording(const std::string &text)
+{
+    std::istringstream lines(text);
+    std::string line;
+    const auto readLine = [&] {
+        const bool isRead = static_cast<bool>(std::getline(lines, line));
+        // Spreadsheets end a line with CR and LF.
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        return isRead;
+    };
+    if (!readLine() || line != recordingHeader)
+        fail(1);
+    Recording recording;
+    for (int number = 2; readLine(); ++number) {
+        if (line.empty())
+            continue;
+        const std::vector<std::string> fields = fieldsOf(line);
+        const auto sample = sampleFrom(fields);
+        const bool isCut = lines.eof();
+        if (!sample && !isCut)
+            fail(number);
+        if (sample && recording.samples.empty() && isTime(fields[Time]))
+            recording.time = fields[Time];
+        if (sample)
+            recording.samples.push_back(*sample);
+    }
+    return recording;
+}
+
+} // namespace gripperctl
