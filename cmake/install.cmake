@@ -7,6 +7,9 @@ install(TARGETS gripperctl gripper-simulator gripper-firmware-image
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(PROGRAMS packaging/wait-for-flasher DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/gripperd)
 install(FILES completion/gripperctl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES completion/_gripperctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+install(FILES completion/gripperctl.fish
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 
 foreach(section 1 7 8)
   file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/man/*.${section})

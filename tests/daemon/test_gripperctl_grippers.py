@@ -49,7 +49,7 @@ def active(client):
 def test_status_shows_every_gripper(client):
     head, names, vacuum, fingers = succeed("status").splitlines()
     assert head == "driver MZV-2.0.0, link RUNNING"
-    assert names.split() == "ID FAMILY FIRMWARE SERIAL YEAR STATUS POSITION OBJECT FAULT CYCLES".split()
+    assert names.split() == "ID FAMILY FIRMWARE SERIAL YEAR STATUS POS OBJECT FAULT CYCLES".split()
     assert vacuum.split()[:3] == ["2", "Zentra", "TE1-2.0.2"]
     assert fingers.split()[:6] == ["9", "Pello", "TA3-1.6.14", "QRS-0017", "2023", "inactive"]
     assert fingers.index("Pello") == names.index("FAMILY")
@@ -143,6 +143,57 @@ def test_release_ends_when_the_fingers_stop(active):
     assert fail(gripperctl.REFUSED, "move", "9").endswith("gripperctl activate --wait")
 
 
+@pytest.mark.parametrize("words", [["--wait"], [], ["--again", "--wait"]], ids=" ".join)
+def test_nothing_moves_after_an_activation(active, words):
+    """The request before the release is a closed gripper."""
+    succeed("close", "--wait")
+    if "--again" not in words:
+        succeed("release", "--wait")
+    succeed("activate", *words)
+    eventually(lambda: active.get("STA") == "3" and active.get("POS") == "0")
+    # This is enough time for the beginning of a movement.
+    time.sleep(0.3)
+    assert (active.get("POS"), active.get("GTO")) == ("0", "0")
+
+
+def test_stop_leaves_the_fingers_where_they_are(active):
+    succeed("open", "--speed", "255", "--wait")
+    succeed("move", "255", "--speed", "0")
+    eventually(lambda: int(active.get("POS")) > 2)
+    assert re.fullmatch(r"gripper 9 has stopped at \d+\n", succeed("stop"))
+    position = active.get("POS")
+    time.sleep(0.3)
+    assert active.get("POS") == position != "255"
+
+
+def test_stop_drops_a_sucked_part_only_on_request(client):
+    succeed("--gripper", "2", "activate", "--wait")
+    succeed("--gripper", "2", "move", "90", "--speed", "255", "--wait")
+    assert client.set("SID 2") == "ack"
+    assert "lets its part fall" in fail(gripperctl.USAGE, "--gripper", "2", "stop")
+    assert client.get("VST") == "2"
+    succeed("--gripper", "2", "stop", "--yes")
+    eventually(lambda: client.get("POS") == "0")
+
+
+def test_wait_sees_a_part_and_its_loss(active, simulator):
+    assert fail(gripperctl.TIMED_OUT, "wait", "object", "--timeout", "0.3")
+    simulator.command("object 9 100")
+    succeed("close", "--speed", "255")
+    assert "position 100" in succeed("wait", "object")
+    assert "position 100" in succeed("wait", "still")
+    simulator.command("object 9 none")
+    assert "gripper 9 is active" in succeed("wait", "lost")
+    succeed("wait", "active")
+    succeed("wait", "gripper")
+    succeed("wait", "daemon")
+
+
+def test_an_address_of_the_other_family(client):
+    assert succeed("--host", "::1", "get", "SID") == "[2, 9]\n"
+    assert succeed("get", "SID", env={**os.environ, "GRIPPERCTL_HOST": "::1"}) == "[2, 9]\n"
+
+
 def test_release_of_an_inactive_gripper(client):
     assert "cannot let go" in fail(gripperctl.REFUSED, "release")
 
@@ -178,17 +229,20 @@ def test_a_gripper_is_removed_during_a_movement(active, simulator, daemon):
     assert "gripper 9 has disappeared from the line (link: ERR_SCANNING (EIO))" in error
     assert "then run gripperctl scan" in error
     assert "has found no gripper" in fail(gripperctl.NO_GRIPPER, "move", "1")
-    assert "no grippers found" in succeed("status")
+    run = ctl("status")
+    assert run.returncode == gripperctl.NO_GRIPPER and "no grippers found" in run.stdout
     simulator.command("plug")
     daemon.wait_until_found(9, 2, since=mark)
 
 
-def test_a_daemon_that_ends_during_a_movement(simulator, start_daemon, daemon):
+def test_a_daemon_that_ends_during_a_movement(simulator, start_daemon, daemon, connect):
     """This test must be the last: it ends the daemon of this file."""
+    client = connect()
     succeed("activate", "--wait")
     succeed("open", "--speed", "255", "--wait")
     process = start_ctl("move", "255", "--speed", "0", "--wait")
     assert "moving to 255" in process.stderr.readline()
+    eventually(lambda: client.get("PRE") == "255")
     assert daemon.stop()[0] == os.EX_OK
     _, error = process.communicate(timeout=15)
     assert process.returncode == gripperctl.NO_CONNECTION

@@ -76,7 +76,7 @@ def upgrade_and_restart(simulator):
 
 def test_a_missing_flasher_is_reported_and_polling_continues(found, simulator):
     text = upgrade_and_restart(simulator)
-    assert "the flasher did not start, and polling was muted until now" in text
+    assert "the flasher did not start: nothing was written" in text
     assert "Polling continues, and gripper 9 runs firmware TA3-1.6.13" in text
     simulator.wait_until_polled(9)
 
@@ -87,6 +87,13 @@ def test_a_flasher_that_fails_at_once_is_not_reported_as_missing(found, simulato
     assert "gripper 9 runs firmware TA3-1.6.13, as before" in text
     assert "see the messages of the flasher in the daemon's log" in text
     simulator.wait_until_polled(9)
+
+
+def test_an_upgrade_that_could_not_begin_is_not_called_incomplete(found, folder):
+    put_flasher(folder, "exit 2")
+    text = fail(gripperctl.NO_GRIPPER, "upgrade", "--yes")
+    assert "the flasher ended at once, most likely before it wrote anything" in text
+    assert "switch it off and on" in text and "incomplete" not in text
 
 
 def test_a_gripper_that_refuses_its_bootloader_keeps_running(found, simulator):

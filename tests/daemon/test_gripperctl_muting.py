@@ -2,6 +2,7 @@
 
 import signal
 import threading
+import time
 
 import pytest
 from harness import gripperctl
@@ -42,13 +43,13 @@ def test_rename_interrupted_unmutes_on_a_connection_of_its_own(number):
         code, _, error = run_to_end(process)
         assert code == gripperctl.INTERRUPTED
         assert "gripperd continues the renaming" in error
-        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK 1", "SID 9", "NID 2", "MUTE 0"]
 
 
 def test_rename_that_gets_no_answer_unmutes():
     with HoldingDaemon("SET NID 2") as daemon:
         fail(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "2", "rename", "9", "2")
-        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK 1", "SID 9", "NID 2", "MUTE 0"]
 
 
 def test_rename_that_loses_its_connection_unmutes():
@@ -58,14 +59,14 @@ def test_rename_that_loses_its_connection_unmutes():
         code, _, error = run_to_end(process)
         assert code == gripperctl.NO_CONNECTION
         assert "lost the connection" in error
-        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "SID 9", "NID 2", "MUTE 0"]
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK 1", "SID 9", "NID 2", "MUTE 0"]
 
 
 def test_rename_scans_for_new_grippers_first():
-    with ScriptedDaemon(changes={"SET SCN_BLOCK": {"SID": "[2, 9]"}}) as daemon:
+    with ScriptedDaemon(changes={"SET SCN_BLOCK 1": {"SID": "[2, 9]"}}) as daemon:
         text = fail(gripperctl.REFUSED, "--host", daemon.host, "rename", "9", "2")
         assert "id 2 is in use" in text
-        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK", "MUTE 0"]
+        assert daemon.sets() == ["MUTE 1", "SCN_BLOCK 1", "MUTE 0"]
 
 
 def test_unanswered_muting_is_undone():
@@ -136,16 +137,16 @@ def test_a_jump_that_is_refused_is_unmuted():
     with ScriptedDaemon(refused=["SET UPG 1"]) as daemon:
         text = fail(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
         assert "Polling continues, and gripper 9 runs firmware TA3-1.0.0" in text
-        assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0", "SCN_BLOCK", "SID 9"]
+        assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0", "SCN_BLOCK 1", "SID 9"]
 
 
 def test_a_failed_upgrade_is_reported_though_its_last_scan_is_interrupted():
     def answer(request):
-        return None if request == "SET SCN_BLOCK" else daemon.usual(request)
+        return None if request == "SET SCN_BLOCK 1" else daemon.usual(request)
 
     with ScriptedDaemon(answer, refused=["SET UPG 1"]) as daemon:
         process = start_ctl("--host", daemon.host, "upgrade", "--yes")
-        daemon.wait_for("SET SCN_BLOCK")
+        daemon.wait_for("SET SCN_BLOCK 1")
         process.send_signal(signal.SIGINT)
         code, _, error = run_to_end(process)
         assert code == gripperctl.REFUSED
@@ -157,7 +158,7 @@ def test_other_commands_are_refused_during_an_upgrade():
         for words in (["scan"], ["rename", "9", "2"], ["upgrade", "--yes"]):
             text = fail(gripperctl.REFUSED, "--host", daemon.host, *words)
             assert "an upgrade is under way" in text
-        assert "SCN_BLOCK" not in daemon.sets() and "MUTE 1" not in daemon.sets()
+        assert "SCN_BLOCK 1" not in daemon.sets() and "MUTE 1" not in daemon.sets()
 
 
 def test_an_upgrade_is_refused_when_another_client_was_faster():
@@ -167,16 +168,16 @@ def test_an_upgrade_is_refused_when_another_client_was_faster():
         assert daemon.sets() == ["SID 9", "MUTE 1", "UPG 1"]
 
 
-def flashing_and_then(values):
-    """Returns an answer function: the daemon flashes briefly and then has these values."""
+def flashing_and_then(values, seconds=0.0):
+    """Returns an answer function: the daemon flashes for this time and then has these values."""
     seen = []
 
     def answer(daemon, request):
         if request == "SET UPG 1":
             daemon.values["UPG"] = "1"
         elif request == "GET UPG" and daemon.values["UPG"] == "1":
-            seen.append(1)
-            if len(seen) == 2:
+            seen.append(time.monotonic())
+            if len(seen) > 1 and seen[-1] - seen[0] >= seconds:
                 daemon.values.update(UPG="0", **values)
         return daemon.usual(request)
 
@@ -195,13 +196,17 @@ def test_an_unchanged_version_is_no_success_unless_it_was_expected(words, code):
         assert "firmware TA3-1.0.0, as before" in run.stdout + run.stderr
 
 
-def test_a_gripper_that_does_not_come_back_after_flashing():
-    after = flashing_and_then({"SID": "[2]"})
+@pytest.mark.parametrize("seconds,said", [
+    (0.0, "the flasher ended at once, most likely before it wrote anything"),
+    (1.5, "does not answer after the upgrade: its firmware may be incomplete"),
+])
+def test_a_gripper_that_does_not_come_back_after_flashing(seconds, said):
+    after = flashing_and_then({"SID": "[2]"}, seconds)
     with ScriptedDaemon(lambda request: after(daemon, request), SID="[2, 9]") as daemon:
         text = fail(gripperctl.NO_GRIPPER, "--host", daemon.host, "upgrade", "--yes")
-        assert "does not answer after the upgrade: its firmware may be incomplete" in text
+        assert said in text and "witch it off and on" in text
         # The daemon has unmuted polling itself.
-        requests = ["SID 9", "MUTE 1", "SCN_BLOCK", "UPG 1"] + ["SCN_BLOCK"] * 3
+        requests = ["SID 9", "MUTE 1", "SCN_BLOCK 1", "UPG 1"] + ["SCN_BLOCK 1"] * 3
         assert daemon.sets() == requests
 
 
@@ -250,5 +255,5 @@ def test_the_link_shows_a_flasher_that_ended_before_the_first_get():
 def test_an_unchanged_link_shows_that_no_flasher_started():
     with ScriptedDaemon() as daemon:
         text = fail(gripperctl.REFUSED, "--host", daemon.host, "upgrade", "--yes")
-        assert "the flasher did not start, and polling was muted until now" in text
+        assert "the flasher did not start: nothing was written" in text
         assert daemon.sets()[:4] == ["SID 9", "MUTE 1", "UPG 1", "MUTE 0"]

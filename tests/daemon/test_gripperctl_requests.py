@@ -94,13 +94,13 @@ def test_another_service_listens(answer):
 def test_no_answer_in_time():
     with ScriptedDaemon(lambda _: None) as daemon:
         text = fail(gripperctl.TIMED_OUT, "--host", daemon.host, "--timeout", "0.3", "status")
-        assert 'no answer to "GET VER" within 0.3 s' in text
+        assert 'no answer to "GET DRI" within 0.3 s' in text
 
 
 def test_a_connection_that_is_lost_while_waiting():
     with ScriptedDaemon(STA="0") as daemon:
         process = start_ctl("--host", daemon.host, "activate", "--wait")
-        daemon.wait_for("SET ACT 1")
+        daemon.wait_for("SET GTO 0 ACT 1")
         daemon.drop()
         code, _, error = run_to_end(process)
         assert code == gripperctl.NO_CONNECTION
@@ -294,6 +294,6 @@ def test_leds(words, pairs):
 def test_each_raw_request_is_one_packet():
     with ScriptedDaemon() as daemon:
         assert succeed("--host", daemon.host, "set", "pos", "3", "GTO", "1") == "ack\n"
-        assert daemon.sets() == ["SID 9", "pos 3 GTO 1"]
+        assert daemon.sets() == ["SID 9", "POS 3 GTO 1"]
         assert succeed("--host", daemon.host, "get", "ver") == "0\n"
         assert succeed("--host", daemon.host, "get", "DRI", "SID") == "DRI RUNNING\nSID [9]\n"

@@ -1,22 +1,17 @@
-"""gripperctl with the real daemon and simulated grippers: watch, record, plot."""
+"""gripperctl watch, in a terminal and without one."""
 
 import json
 import os
 import re
-import shutil
 import signal
-import socket
-import subprocess
-import xml.etree.ElementTree
 
 import pytest
 from harness import gripperctl
 from harness.children import binary
 from harness.gripperctl import ScriptedDaemon, fail, start_ctl, succeed
 from harness.simulator import Simulator
+from harness.terminal import COLUMNS, Terminal
 from harness.waiting import eventually
-
-ROWS, COLUMNS = 12, 110
 
 
 @pytest.fixture(scope="module")
@@ -37,48 +32,11 @@ def moved(daemon):
     succeed("move", "128", "--speed", "255", "--wait")
 
 
-class Terminal:
-    """A real terminal: a tmux server for this test only."""
-
-    def __init__(self, folder):
-        self.socket = str(folder / "tmux")
-        self.tmux("-f", "/dev/null", "new-session", "-d", "-x", str(COLUMNS), "-y", str(ROWS),
-                  "env PS1='$ ' sh")
-        self.wait_for(r"^\$")
-
-    def tmux(self, *words):
-        return subprocess.run(
-            ["tmux", "-S", self.socket, *words], check=True, capture_output=True, text=True,
-            timeout=10, env={**os.environ, "TERM": "xterm", "LC_ALL": "C.UTF-8", "SHELL": "/bin/sh"},
-        ).stdout
-
-    def type(self, text):
-        self.tmux("send-keys", text, "Enter")
-
-    def press(self, key):
-        self.tmux("send-keys", key)
-
-    def shown(self):
-        return self.tmux("capture-pane", "-p").splitlines()
-
-    def state(self):
-        """Returns (is on the alternate screen, has a cursor)."""
-        flags = self.tmux("display-message", "-p", "#{alternate_on} #{cursor_flag}").split()
-        return tuple(word == "1" for word in flags)
-
-    def wait_for(self, pattern, timeout=5.0):
-        expression = re.compile(pattern)
-        return eventually(
-            lambda: next((found for line in self.shown() if (found := expression.search(line))), None),
-            timeout, lambda: f"{pattern} in {self.shown()}",
-        )
-
-
 @pytest.fixture
 def terminal(tmp_path):
     terminal = Terminal(tmp_path)
     yield terminal
-    terminal.tmux("kill-server")
+    terminal.close()
 
 
 def test_a_live_view_in_a_terminal(moved, terminal):
@@ -116,13 +74,90 @@ def test_the_live_view_stops_and_continues(daemon, terminal):
     eventually(lambda: terminal.state() == (False, True))
 
 
-def test_the_live_view_restores_the_terminal_when_the_connection_is_lost(terminal):
+def port_of(scripted):
+    return int(scripted.host.split(":")[1])
+
+
+def gone():
+    """The address of a daemon that has ended."""
     with ScriptedDaemon() as scripted:
-        terminal.type(f"{binary('gripperctl')} --host {scripted.host} watch; echo ended with $?")
-        terminal.wait_for("link RUNNING")
-        scripted.drop()
-        terminal.wait_for("lost the connection")
-        terminal.wait_for("^ended with 3")
+        return scripted.host
+
+
+def test_the_live_view_continues_after_an_outage(terminal):
+    with ScriptedDaemon() as scripted:
+        terminal.type(
+            f"{binary('gripperctl')} --host {scripted.host} watch --interval 0.05; echo ended with $?"
+        )
+        terminal.wait_for(r"^gripperd 0 on \S+  link RUNNING")
+        scripted.values["DRI"] = "ERR_TIMEOUT"
+        terminal.wait_for(r"^gripperd 0 on \S+  link ERR_TIMEOUT")
+        terminal.wait_for(r"^ 9 link down since \d\d:\d\d:\d\d[+-]\d\d:\d\d$")
+        scripted.values.update(DRI="RUNNING", SID="[]", STA="?")
+        terminal.wait_for(r"^ 9 missing since ")
+    terminal.wait_for(r"^gripperd on \S+  link no connection")
+    terminal.wait_for(r"^ 9 no connection since ")
+    with ScriptedDaemon(port=port_of(scripted), VER="1"):
+        terminal.wait_for(r"^gripperd 1 on \S+  link RUNNING")
+        terminal.wait_for(r"^ 9 Pello  active ")
+        terminal.press("C-c")
+        terminal.wait_for("^ended with 0")
+
+
+def test_the_bar_marks_position_and_request(terminal):
+    with ScriptedDaemon() as scripted:
+        terminal.type(f"{binary('gripperctl')} --host {scripted.host} watch --interval 0.05")
+        for position, requested, drawn in [
+            ("0", "000", r"\|-+"),
+            ("255", "255", r"#+\|"),
+            ("57", "255", r"#+-+\|"),
+            ("255", "000", r"\|#+"),
+            ("113", "170", r"#+-+\|-+"),
+            ("1", "255", r"#-+\|"),
+        ]:
+            scripted.values.update(POS=position, PRE=requested)
+            terminal.wait_for(rf"\[{drawn}\] +{position} -> +{int(requested)} ")
+
+
+def test_a_narrow_terminal_shows_current_and_fault(terminal):
+    with ScriptedDaemon(COU="31", FLT="05", POS="77", OBJ="1", PRE="200") as scripted:
+        terminal.type(f"{binary('gripperctl')} --host {scripted.host} watch --interval 0.05")
+        whole = r"^ 9 Pello  active     \[[#|-]+\]  77 -> 200  current  31  moving  fault 05$"
+        for columns, pattern in [
+            (110, whole),
+            (80, whole),
+            (70, r"^ 9 Pello  active      77 -> 200  current  31  moving  fault 05$"),
+            (40, r"^ 9  77  current  31  moving  fault 05$"),
+            (30, r"^ 9  77  current  31 fault 05$"),
+        ]:
+            terminal.resize(columns)
+            terminal.wait_for(pattern)
+
+
+@pytest.mark.parametrize("prefix,is_coloured", [("", True), ("NO_COLOR=1 ", False)])
+def test_a_fault_is_highlighted(terminal, prefix, is_coloured):
+    with ScriptedDaemon(SID="[2, 9]", FLT="05") as scripted:
+        terminal.type(f"{prefix}{binary('gripperctl')} --host {scripted.host} watch --interval 0.05")
+        terminal.wait_for(r"^ 9 .* fault 05$")
+        line = next(line for line in terminal.shown("-e") if "fault 05" in line)
+        assert ("\x1b[" in line.split("fault 05")[0]) == is_coloured
+        scripted.values["FLT"] = "00"
+        terminal.wait_for(r"^ 9 .* fault 00$")
+        line = next(line for line in terminal.shown("-e") if "fault 00" in line)
+        assert "\x1b[" not in line.split("fault 00")[0]
+
+
+def test_several_hosts_in_one_view(terminal):
+    with ScriptedDaemon(SID="[2]") as first, ScriptedDaemon(SID="[9]") as second:
+        hosts = f"--host {first.host} --host {second.host} --host {gone()}"
+        terminal.type(f"{binary('gripperctl')} {hosts} watch --interval 0.05; echo ended with $?")
+        terminal.wait_for(rf"^gripperd 0 on {first.host}  link RUNNING")
+        terminal.wait_for(rf"^gripperd 0 on {second.host}  link RUNNING")
+        terminal.wait_for(r"^gripperd on \S+  link no connection")
+        assert terminal.wait_for("^ 2 Pello ") and terminal.wait_for("^ 9 Pello ")
+        assert sum("Ctrl-C ends" in line for line in terminal.shown()) == 1
+        terminal.press("C-c")
+        terminal.wait_for("^ended with 0")
 
 
 def test_an_upgrade_asks_on_a_terminal_and_accepts_no(terminal):
@@ -137,7 +172,7 @@ def test_an_upgrade_asks_on_a_terminal_and_accepts_no(terminal):
 def test_plain_lines_where_there_is_no_terminal(moved):
     lines = succeed("watch", "--interval", "0.05", "--count", "3").splitlines()
     assert len(lines) == 6
-    fingers = [dict(word.split("=") for word in line.split()[1:]) for line in lines[1::2]]
+    fingers = [words_of(line) for line in lines[1::2]]
     for values in fingers:
         assert values["gripper"] == "9" and values["link"] == "RUNNING"
         assert values["position"] == values["requested"] == "128"
@@ -150,6 +185,73 @@ def test_json_lines_for_scripts(moved):
         assert [g["position"] for g in json.loads(line)["grippers"]] == [128]
 
 
+def words_of(line):
+    return dict(word.split("=") for word in line.split()[1:])
+
+
+def test_plain_lines_show_outages():
+    with ScriptedDaemon(DRI="ERR_SCANNING (EIO)") as scripted:
+        line = succeed("--host", scripted.host, "watch", "--count", "1").strip()
+        assert words_of(line).items() >= {
+            "link": "ERR_SCANNING_(EIO)", "gripper": "9", "outage": "link_down"
+        }.items()
+        scripted.values.update(DRI="RUNNING", SID="[]")
+        line = succeed("--host", scripted.host, "watch", "--count", "1").strip()
+        assert line.endswith(" link=RUNNING no grippers found")
+
+
+def test_outages_in_json():
+    with ScriptedDaemon() as scripted:
+        process = start_ctl("--json", "--host", scripted.host, "watch", "--interval", "0.05")
+        assert json.loads(process.stdout.readline())["outages"] == []
+        scripted.values["DRI"] = "ERR_TIMEOUT"
+        looks = (json.loads(line) for line in process.stdout)
+        look = next(look for look in looks if look["outages"])
+        assert look["grippers"] == [] and look["link"] == "ERR_TIMEOUT"
+        assert [(o["id"], o["reason"], o["text"]) for o in look["outages"]] == [
+            (9, "link_down", "ERR_TIMEOUT")
+        ]
+        since = look["outages"][0]["since"]
+        assert next(looks)["outages"][0]["since"] == since < next(looks)["time"]
+        process.send_signal(signal.SIGINT)
+        process.communicate(timeout=5)
+        assert process.returncode == gripperctl.DONE
+
+
+def test_lines_name_the_host_among_several():
+    with ScriptedDaemon() as scripted:
+        dead = gone()
+        hosts = ["--host", scripted.host, "--host", dead]
+        lines = succeed(*hosts, "watch", "--interval", "0.05", "--count", "3").splitlines()
+        assert sorted(line.rsplit("host=")[1] for line in lines) == sorted(3 * [dead, scripted.host])
+        lines = succeed("--json", *hosts, "watch", "--count", "1").splitlines()
+        assert {look["host"]: look["driver"] for look in map(json.loads, lines)} == {
+            scripted.host: "0", dead: ""
+        }
+
+
+def test_a_silent_host_does_not_delay_the_others():
+    with ScriptedDaemon(answer=lambda request: None) as silent, ScriptedDaemon() as scripted:
+        process = start_ctl("--host", silent.host, "--host", scripted.host, "--timeout", "60",
+                            "watch", "--interval", "0.05")
+        for _ in range(10):
+            assert scripted.host in process.stdout.readline()
+        process.send_signal(signal.SIGINT)
+        process.communicate(timeout=5)
+        assert process.returncode == gripperctl.DONE
+
+
+def test_times_have_their_offset_from_utc():
+    with ScriptedDaemon() as scripted:
+        zone = {**os.environ, "TZ": "<there>-5:30"}
+        line = succeed("--host", scripted.host, "watch", "--count", "1", env=zone)
+        assert re.match(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\+05:30 ", line)
+
+
+def test_without_a_daemon_there_is_no_watch():
+    assert "nothing listens" in fail(gripperctl.NO_CONNECTION, "--host", gone(), "watch")
+
+
 def test_output_without_a_reader_ends_the_watch(daemon):
     process = start_ctl("watch", "--interval", "0.05")
     assert "gripper=" in process.stdout.readline()
@@ -158,97 +260,5 @@ def test_output_without_a_reader_ends_the_watch(daemon):
     process.stderr.close()
 
 
-@pytest.mark.parametrize("command", ["watch", "record"])
-def test_a_gripper_that_does_not_exist(daemon, command, tmp_path):
-    words = [tmp_path / "new.csv"] if command == "record" else []
-    assert "not list gripper 4" in fail(gripperctl.NO_GRIPPER, "--gripper", "4", command, *words)
-    assert list(tmp_path.iterdir()) == []
-
-
-# Recording and plotting
-
-
-@pytest.fixture(scope="module")
-def recording(daemon, tmp_path_factory):
-    path = tmp_path_factory.mktemp("recording") / "grip.csv"
-    succeed("activate", "--wait")
-    succeed("move", "0", "--wait")
-    process = start_ctl("record", path, "--interval", "0.05", "--seconds", "1.5")
-    assert "recording into" in process.stderr.readline()
-    succeed("move", "200", "--speed", "255", "--wait")
-    out, _ = process.communicate(timeout=10)
-    assert process.returncode == gripperctl.DONE
-    lines = path.read_text().splitlines()
-    assert out == f"{len(lines) - 1} lines in {path}\n"
-    return path
-
-
-def test_a_recording_holds_every_gripper_over_the_time(recording):
-    header, *lines = recording.read_text().splitlines()
-    rows = [dict(zip(header.split(","), line.split(","))) for line in lines]
-    fingers = [row for row in rows if row["gripper"] == "9"]
-    assert len(fingers) == len(rows) / 2 >= 15
-    seconds = [float(row["seconds"]) for row in fingers]
-    assert seconds == sorted(seconds) and seconds[0] < 0.2 and 1.3 < seconds[-1] < 1.7
-    positions = [int(row["position"]) for row in fingers]
-    assert positions == sorted(positions) and positions[0] == 0 and positions[-1] == 200
-    assert len(set(positions)) > 4
-    assert any(int(row["current"]) > 0 for row in fingers)
-    assert {row["link"] for row in rows} == {"RUNNING"}
-
-
-def test_a_recording_ends_at_ctrl_c(daemon, tmp_path):
-    path = tmp_path / "short.csv"
-    process = start_ctl("record", path)
-    eventually(lambda: path.exists() and path.read_text().count("\n") > 4)
-    process.send_signal(signal.SIGINT)
-    out, _ = process.communicate(timeout=5)
-    assert process.returncode == gripperctl.DONE
-    assert out.startswith(f"{path.read_text().count(chr(10)) - 1} lines in")
-
-
-def test_a_recording_without_a_daemon_leaves_the_file_alone(tmp_path):
-    path = tmp_path / "old.csv"
-    path.write_text("precious")
-    with socket.create_server(("127.0.0.1", 0)) as taken:
-        port = taken.getsockname()[1]
-    fail(gripperctl.NO_CONNECTION, "--host", f"127.0.0.1:{port}", "record", path)
-    assert path.read_text() == "precious"
-    assert "cannot write" in fail(gripperctl.LOCAL, "record", tmp_path / "no" / "such.csv")
-
-
-def test_a_recording_is_drawn(recording, tmp_path):
-    assert succeed("plot", recording) == f"drew {recording.with_suffix('.svg')}\n"
-    tree = xml.etree.ElementTree.parse(recording.with_suffix(".svg"))
-    texts = {"".join(e.itertext()).strip() for e in tree.iter("{http://www.w3.org/2000/svg}text")}
-    assert {"position", "current", "seconds", "gripper 2", "gripper 9"} <= texts
-    picture = tmp_path / "a picture's name.png"
-    succeed("plot", recording, "-o", picture)
-    assert picture.read_bytes().startswith(b"\x89PNG\r\n")
-
-
-def test_drawing_needs_gnuplot(recording, tmp_path):
-    picture = tmp_path / "grip.svg"
-    text = fail(
-        gripperctl.LOCAL, "plot", recording, "-o", picture, env={**os.environ, "PATH": str(tmp_path)}
-    )
-    assert "sudo apt install gnuplot-nox" in text
-    assert not picture.exists()
-    assert shutil.which("gnuplot"), "the other tests need it"
-
-
-@pytest.mark.parametrize("content,said", [
-    (None, "cannot read"),
-    ("", "line 1 is not part of a recording"),
-    ("1,2,3\n", "line 1 is not part of a recording"),
-    ("HEADER\nx,0.1,9,far,0,0,-,0,RUNNING\n", "line 2 is not part of a recording"),
-    ("HEADER\nx,0.1,9\n", "line 2 is not part of a recording"),
-    ("HEADER\n", "has no values from a running link"),
-    ("HEADER\nx,0.1,9,1,0,0,-,0,ERR_TIMEOUT\n", "has no values from a running link"),
-])
-def test_a_file_that_is_not_a_recording(tmp_path, content, said):
-    path = tmp_path / "some.csv"
-    header = "time,seconds,gripper,position,requested,current,object,fault,link"
-    if content is not None:
-        path.write_text(content.replace("HEADER", header))
-    assert said in fail(gripperctl.LOCAL, "plot", path)
+def test_a_gripper_that_does_not_exist(daemon):
+    assert "not list gripper 4" in fail(gripperctl.NO_GRIPPER, "--gripper", "4", "watch")

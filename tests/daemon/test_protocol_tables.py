@@ -1,4 +1,4 @@
-"""The lists of variables in documents, completion and gripperctl are those of the daemon."""
+"""The lists of variables in documents, client libraries and gripperctl are those of the daemon."""
 
 import pathlib
 import subprocess

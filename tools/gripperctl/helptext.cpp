@@ -1,50 +1,12 @@
 #include "helptext.h"
 
-#include "commandtable.h"
-#include "optiontable.h"
+#include "text.h"
 
 namespace gripperctl {
 
 namespace {
 
-constexpr int column = 26;
-
-QString entry(const QString &left, const char *right)
-{
-    return QStringLiteral("  %1 %2\n").arg(left, -column).arg(QLatin1String(right));
-}
-
-QString optionEntry(const OptionRow &row)
-{
-    QString left = QStringLiteral("--") + row.nameText();
-    if (row.shortName != nullptr)
-        left.prepend(QStringLiteral("-%1, ").arg(QLatin1String(row.shortName)));
-    if (row.valueName != nullptr)
-        left += QLatin1Char(' ') + QLatin1String(row.valueName);
-    return entry(left, row.help);
-}
-
-QString optionsText(const CommandRow *command)
-{
-    QString text;
-    for (const OptionRow &row : commandOptions()) {
-        if (command != nullptr && command->takes(row.name))
-            text += optionEntry(row);
-    }
-    for (const OptionRow &row : generalOptions())
-        text += optionEntry(row);
-    return text;
-}
-
-QString commandsText()
-{
-    QString text;
-    for (const CommandRow &row : commandTable()) {
-        const QString left = QStringLiteral("%1 %2").arg(row.nameText(), row.argumentsText());
-        text += entry(left.trimmed(), row.summary);
-    }
-    return text;
-}
+constexpr std::size_t column = 26;
 
 const char *const examples =
     "  gripperctl status\n"
@@ -58,30 +20,80 @@ const char *const exitCodes =
     "  2 wrong usage\n"
     "  3 cannot connect, or connection lost\n"
     "  4 not done in time\n"
-    "  5 the daemon does not list the gripper\n"
+    "  5 the daemon does not list the gripper, or found none\n"
     "  6 a problem with a file or a program on this computer\n"
     "  130 interrupted\n";
 
-} // namespace
-
-QString generalHelp()
+std::string entry(const std::string &left, const std::string &right)
 {
-    return QStringLiteral("Usage: gripperctl [OPTION]... COMMAND [ARGUMENT]...\n"
-                          "Shows, moves and maintains the grippers of a running gripperd.\n\n"
-                          "Commands:\n%1\nOptions:\n%2\nExamples:\n%3\nExit codes:\n%4\n"
-                          "gripperctl COMMAND --help explains one command.\n")
-        .arg(commandsText(), optionsText(nullptr), QString::fromLatin1(examples),
-             QString::fromLatin1(exitCodes));
+    const std::size_t gap = left.size() < column ? column - left.size() : 0;
+    return "  " + left + std::string(gap + 1, ' ') + right + '\n';
 }
 
-QString helpFor(const CommandRow &command)
+std::string firstLine(const std::string &text)
 {
-    const QString usage = QStringLiteral("%1 %2").arg(command.nameText(), command.argumentsText());
-    return QStringLiteral("Usage: gripperctl [OPTION]... %1\n%2\n%3\n\nOptions:\n%4\nExample:\n"
-                          "  gripperctl %5\n")
-        .arg(usage.trimmed(), QString::fromLatin1(command.summary),
-             QString::fromLatin1(command.details), optionsText(&command),
-             QString::fromLatin1(command.example));
+    return text.substr(0, text.find('\n'));
+}
+
+std::string optionEntry(const CLI::Option &option)
+{
+    std::string left;
+    for (const std::string &name : option.get_snames())
+        left += "-" + name + ", ";
+    left += "--" + option.get_lnames().front();
+    if (option.get_items_expected_max() > 0)
+        left += " " + option.get_type_name();
+    return entry(left, option.get_description());
+}
+
+std::string optionsOf(const CLI::App &app)
+{
+    std::string text;
+    for (const CLI::Option *option : app.get_options()) {
+        const bool isInherited = app.get_parent() != nullptr && option == app.get_help_ptr();
+        if (option->nonpositional() && !isInherited)
+            text += optionEntry(*option);
+    }
+    return app.get_parent() == nullptr ? text : text + optionsOf(*app.get_parent());
+}
+
+std::string commandsOf(const CLI::App &app)
+{
+    std::string text;
+    for (const CLI::App *command : app.get_subcommands({})) {
+        const std::string arguments = argumentsOf(*command);
+        if (!command->get_group().empty())
+            text += entry(command->get_name() + (arguments.empty() ? "" : " " + arguments),
+                          firstLine(command->get_description()));
+    }
+    return text;
+}
+
+} // namespace
+
+std::string argumentsOf(const CLI::App &command)
+{
+    std::vector<std::string> labels;
+    for (const CLI::Option *option : command.get_options()) {
+        if (option->get_positional())
+            labels.push_back(option->get_type_name());
+    }
+    return join(labels, " ");
+}
+
+std::string HelpText::make_help(const CLI::App *app, std::string /*name*/,
+                                CLI::AppFormatMode /*mode*/) const
+{
+    if (app->get_parent() == nullptr) {
+        return concat("Usage: gripperctl [OPTION]... COMMAND [ARGUMENT]...\n",
+                      app->get_description(), "\n\nCommands:\n", commandsOf(*app), "\nOptions:\n",
+                      optionsOf(*app), "\nExamples:\n", examples, "\nExit codes:\n", exitCodes,
+                      "\ngripperctl COMMAND --help explains one command.\n");
+    }
+    const std::string arguments = argumentsOf(*app);
+    return concat("Usage: gripperctl [OPTION]... ", app->get_name(), arguments.empty() ? "" : " ",
+                  arguments, '\n', app->get_description(), "\n\nOptions:\n", optionsOf(*app),
+                  "\nExample:\n  gripperctl ", app->get_footer(), '\n');
 }
 
 } // namespace gripperctl

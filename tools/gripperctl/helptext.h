@@ -1,12 +1,20 @@
 #pragma once
 
-#include <QString>
+#include <CLI/CLI.hpp>
+
+#include <string>
 
 namespace gripperctl {
 
-struct CommandRow;
+/// Writes the help of the program and of a command.
+class HelpText : public CLI::FormatterBase
+{
+public:
+    std::string make_help(const CLI::App *app, std::string name,
+                          CLI::AppFormatMode mode) const override;
+};
 
-QString generalHelp();
-QString helpFor(const CommandRow &command);
+/// The words of a command that are no options, as the help shows them: "POSITION".
+std::string argumentsOf(const CLI::App &command);
 
 } // namespace gripperctl

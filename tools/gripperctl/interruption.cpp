@@ -2,30 +2,31 @@
 
 #include "failure.h"
 
-#include <QElapsedTimer>
-#include <QThread>
-
 #include <csignal>
+#include <utility>
 
 namespace gripperctl {
 
 namespace {
 
-volatile std::sig_atomic_t signalSeen = 0;
-
-constexpr qint64 sliceMs = 50;
+volatile std::sig_atomic_t isSignalled = 0;
+bool isCatching = false;
+int holds = 0;
 
 } // namespace
 
 extern "C" {
 static void noteSignal(int /*number*/)
 {
-    signalSeen = 1;
+    isSignalled = 1;
 }
 }
 
 void catchInterruptions()
 {
+    // A handler that is installed again would also catch the second signal.
+    if (std::exchange(isCatching, true))
+        return;
     struct sigaction action = {};
     action.sa_handler = noteSignal;
     // Without SA_RESTART, the signal also ends a read from the terminal.
@@ -35,27 +36,23 @@ void catchInterruptions()
         sigaction(number, &action, nullptr);
 }
 
-bool isInterrupted()
-{
-    return signalSeen != 0;
-}
-
 void throwIfInterrupted()
 {
-    if (isInterrupted())
-        throw Failure{ExitCode::Interrupted, QStringLiteral("interrupted")};
+    if (isSignalled == 0 || holds > 0)
+        return;
+    // The work that undoes things has to wait, too.
+    isSignalled = 0;
+    throw Interrupted();
 }
 
-void pauseFor(int milliseconds)
+HeldInterruption::HeldInterruption()
 {
-    QElapsedTimer timer;
-    timer.start();
-    throwIfInterrupted();
-    while (timer.elapsed() < milliseconds) {
-        const qint64 left = milliseconds - timer.elapsed();
-        QThread::msleep(static_cast<unsigned long>(qBound<qint64>(1, left, sliceMs)));
-        throwIfInterrupted();
-    }
+    ++holds;
+}
+
+HeldInterruption::~HeldInterruption()
+{
+    --holds;
 }
 
 } // namespace gripperctl

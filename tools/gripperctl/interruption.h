@@ -2,16 +2,22 @@
 
 namespace gripperctl {
 
-/// From now on the first SIGINT, SIGTERM, SIGHUP or SIGQUIT only sets a flag. A second signal of
-/// the same kind ends the process at once.
+/// From now on Ctrl-C and the other signals that end a program are noted. A second signal ends the
+/// program at once. Further calls have no effect.
 void catchInterruptions();
 
-bool isInterrupted();
-
-/// Throws a Failure with the code Interrupted if a signal has arrived.
+/// Throws Interrupted once for each signal, unless a HeldInterruption exists.
 void throwIfInterrupted();
 
-/// Blocks for `milliseconds`. Throws as throwIfInterrupted() does, at most 50 ms after the signal.
-void pauseFor(int milliseconds);
+/// While it exists, a signal does not end the present wait: its reply decides what has to be
+/// undone.
+class HeldInterruption
+{
+public:
+    HeldInterruption();
+    ~HeldInterruption();
+    HeldInterruption(const HeldInterruption &) = delete;
+    HeldInterruption &operator=(const HeldInterruption &) = delete;
+};
 
 } // namespace gripperctl

@@ -1,7 +1,9 @@
 #pragma once
 
-#include <QJsonObject>
-#include <QString>
+#include "failure.h"
+
+#include <chrono>
+#include <string>
 
 namespace gripperctl {
 
@@ -10,40 +12,52 @@ namespace gripperctl {
 class Output
 {
 public:
-    explicit Output(bool isJson);
+    Output();
 
+    void useJson() { m_isJson = true; }
     bool isJson() const { return m_isJson; }
 
-    /// Prints the result: `text`, which may have several lines, or one line of JSON. Returns false
-    /// if the reader has closed the pipe. Throws Failure for any other error.
-    bool result(const QString &text, const QJsonObject &json) const;
+    /// Whether standard output is a terminal.
+    static bool isTerminal();
+
+    /// Ends the stage and prints the result: `text`, which may have several lines, or one line of
+    /// JSON. Returns false if the reader has closed the pipe. Throws Failure for any other error.
+    bool result(const std::string &text, const Json &json);
 
     /// Prints a part of the result as text. With JSON it prints nothing, because the final JSON
     /// contains this part.
-    void partialResult(const QString &text) const;
+    void partialResult(const std::string &text);
+
+    /// `text` in red on a terminal, if NO_COLOR is not set.
+    static std::string highlighted(const std::string &text);
 
     /// Ends the previous stage and shows the one that begins now. Shows nothing with JSON.
-    void begin(const QString &stage);
+    void begin(const std::string &stage);
 
     /// Shows the time of the stage in the same line. Shows nothing if there is no terminal.
-    void tick(qint64 elapsedMs);
+    void tick();
 
     /// Ends the line of the present stage.
     void endStage();
 
     /// Prints a line to standard error.
-    void note(const QString &text);
+    void note(const std::string &text);
 
-    /// Prints the reason for the exit code; with JSON also one line with the members of `known`.
-    void problem(const QString &text, int exitCode, const QJsonObject &known);
+    /// Prints the reason for the exit code; with JSON also one line with all members.
+    void problem(const Failure &failure);
+
+    /// Asks `question` on the terminal. Throws Failure with `refusal` for every answer but yes, and
+    /// if nobody can answer.
+    void confirm(const std::string &question, const std::string &refusal);
 
 private:
-    bool m_isJson;
-    bool m_isTerminal;
-    QString m_stage;
+    bool m_isJson = false;
+    bool m_isProgressShown; ///< standard error is a terminal
+    std::string m_stage;
+    std::chrono::steady_clock::time_point m_begin;
 };
 
 /// Writes `text` to standard output at once. Returns false if it cannot; errno then has the cause.
-bool writeOut(const QByteArray &text);
+bool writeOut(const std::string &text);
 
 } // namespace gripperctl

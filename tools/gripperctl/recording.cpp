@@ -1,6 +1,14 @@
 #include "recording.h"
 
 #include "failure.h"
+#include "gripperview.h"
+#include "text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <iomanip>
+#include <sstream>
+#include <utility>
 
 namespace gripperctl {
 
@@ -8,81 +16,117 @@ namespace {
 
 enum Column { Time, Seconds, Gripper, Position, Requested, Current, Object, Fault, Link, Columns };
 
-QString lineOf(const Snapshot &snapshot, const GripperState &gripper, double seconds)
+constexpr const char *linkRuns = "RUNNING";
+
+/// The cause of an outage, for the column of the link.
+std::string causeOf(const gripper::Outage &outage)
 {
-    const QStringList fields{snapshot.time.toUTC().toString(Qt::ISODateWithMs),
-                             QString::number(seconds, 'f', 3),
-                             QString::number(gripper.id()),
-                             QString::number(gripper.position()),
-                             QString::number(gripper.requestedPosition()),
-                             QString::number(gripper.current()),
-                             gripper.objectText(),
-                             QString::number(gripper.fault()),
-                             gripper.link()};
-    return fields.join(QLatin1Char(','));
+    using Reason = gripper::Outage::Reason;
+    if (outage.reason == Reason::LinkDown)
+        return outage.text;
+    return outage.reason == Reason::Missing ? "MISSING" : "NO_CONNECTION";
 }
 
 [[noreturn]] void fail(int line)
 {
-    throw Failure{
-        ExitCode::LocalProblem,
-        QStringLiteral("line %1 is not part of a recording: use a file that gripperctl record "
-                       "made")
-            .arg(line)};
+    throw Failure{ExitCode::LocalProblem,
+                  "line " + std::to_string(line) +
+                      " is not part of a recording: use a file that gripperctl record made"};
 }
 
-int wholeIn(const QStringList &fields, Column column, int line)
+template <typename Number>
+bool read(const std::string &text, Number &number)
 {
-    bool isNumber = false;
-    const int number = fields.at(column).toInt(&isNumber);
-    if (!isNumber)
-        fail(line);
-    return number;
+    const char *end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    return result.ec == std::errc() && result.ptr == end;
 }
 
-Sample sampleFrom(const QStringList &fields, int line)
+std::vector<std::string> fieldsOf(const std::string &line)
 {
-    if (fields.size() != Columns)
-        fail(line);
-    bool isNumber = false;
-    const double seconds = fields.at(Seconds).toDouble(&isNumber);
-    if (!isNumber)
-        fail(line);
-    return {seconds,
-            wholeIn(fields, Gripper, line),
-            wholeIn(fields, Position, line),
-            wholeIn(fields, Requested, line),
-            wholeIn(fields, Current, line),
-            fields.at(Link) == QLatin1String("RUNNING")};
+    std::vector<std::string> fields(1);
+    for (const char character : line) {
+        if (character == ',')
+            fields.emplace_back();
+        else
+            fields.back() += character;
+    }
+    return fields;
+}
+
+std::optional<Sample> sampleFrom(const std::vector<std::string> &fields)
+{
+    Sample sample;
+    if (fields.size() != Columns || !read(fields[Seconds], sample.seconds) ||
+        !read(fields[Gripper], sample.gripper))
+        return std::nullopt;
+    sample.isLive = fields[Link] == linkRuns;
+    if (!sample.isLive)
+        return sample;
+    const bool hasValues = read(fields[Position], sample.position) &&
+                           read(fields[Requested], sample.requested) &&
+                           read(fields[Current], sample.current);
+    return hasValues ? std::optional<Sample>(sample) : std::nullopt;
+}
+
+bool isTime(const std::string &text)
+{
+    constexpr std::size_t beginOfOffset = 23; // version 1.0.0 wrote "Z" there
+    return text.size() > beginOfOffset && text[10] == 'T';
 }
 
 } // namespace
 
-QString recordingHeader()
-{
-    return QStringLiteral("time,seconds,gripper,position,requested,current,object,fault,link");
-}
+const char *const recordingHeader =
+    "time,seconds,gripper,position,requested,current,object,fault,link";
 
-QStringList recordingLines(const Snapshot &snapshot, double seconds)
+std::string RecordingWriter::lineOf(const gripper::WatchItem &item)
 {
-    QStringList lines;
-    for (const GripperState &gripper : snapshot.grippers)
-        lines.append(lineOf(snapshot, gripper, seconds));
-    return lines;
-}
-
-QVector<Sample> parseRecording(const QString &text)
-{
-    // Spreadsheets end a line with CR and LF.
-    const QStringList all = QString(text).remove(QLatin1Char('\r')).split(QLatin1Char('\n'));
-    if (all.first() != recordingHeader())
-        fail(1);
-    QVector<Sample> samples;
-    for (int line = 1; line < all.size(); ++line) {
-        if (!all.at(line).isEmpty())
-            samples.append(sampleFrom(all.at(line).split(QLatin1Char(',')), line + 1));
+    const auto [id, time] =
+        std::visit([](const auto &one) { return std::pair(one.id, one.time); }, item);
+    const std::chrono::duration<double> sinceStart = time.monotonic - m_start;
+    const std::string begin = concat(timeText(time.wall), ',', std::fixed, std::setprecision(3),
+                                     std::max(0.0, sinceStart.count()), ',', id, ',');
+    if (const auto *image = std::get_if<gripper::Image>(&item)) {
+        m_outages.erase(id);
+        return concat(begin, numberText(image->position), ',', numberText(image->requestedPosition),
+                      ',', numberText(image->current), ',', objectText(*image), ',',
+                      numberText(image->fault), ',', image->line.text);
     }
-    return samples;
+    std::string cause = causeOf(std::get<gripper::Outage>(item));
+    std::replace(cause.begin(), cause.end(), ',', ' ');
+    std::string &written = m_outages[id];
+    return std::exchange(written, cause) == cause ? std::string() : begin + ",,,,," + cause;
+}
+
+Recording parseRecording(const std::string &text)
+{
+    std::istringstream lines(text);
+    std::string line;
+    const auto readLine = [&] {
+        const bool isRead = static_cast<bool>(std::getline(lines, line));
+        // Spreadsheets end a line with CR and LF.
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        return isRead;
+    };
+    if (!readLine() || line != recordingHeader)
+        fail(1);
+    Recording recording;
+    for (int number = 2; readLine(); ++number) {
+        if (line.empty())
+            continue;
+        const std::vector<std::string> fields = fieldsOf(line);
+        const auto sample = sampleFrom(fields);
+        const bool isCut = lines.eof();
+        if (!sample && !isCut)
+            fail(number);
+        if (sample && recording.samples.empty() && isTime(fields[Time]))
+            recording.time = fields[Time];
+        if (sample)
+            recording.samples.push_back(*sample);
+    }
+    return recording;
 }
 
 } // namespace gripperctl

@@ -1,59 +1,41 @@
 #include "snapshot.h"
 
-#include "session.h"
-
-#include <QJsonArray>
-
-#include <algorithm>
+#include "gripperview.h"
+#include "text.h"
 
 namespace gripperctl {
 
-namespace {
-
-QVector<int> idsIn(const QString &list, std::optional<int> wanted)
+Snapshot Snapshot::take(Program &program, const gripper::Endpoint &endpoint)
 {
-    QVector<int> ids = parseIds(list).value_or(QVector<int>());
-    if (wanted) {
-        const auto isOther = [&](int id) { return id != *wanted; };
-        ids.erase(std::remove_if(ids.begin(), ids.end(), isOther), ids.end());
-    }
-    return ids;
-}
-
-} // namespace
-
-Snapshot Snapshot::take(Session &session)
-{
-    Connection &connection = session.connection();
-    const Values values = connection.get(
-        QStringList{QStringLiteral("VER"), QStringLiteral("DRI"), QStringLiteral("SID")});
-    Snapshot snapshot{QDateTime::currentDateTime(),
-                      values.value(QStringLiteral("VER")),
-                      values.value(QStringLiteral("DRI")),
-                      {}};
-    const QVector<int> ids =
-        idsIn(values.value(QStringLiteral("SID")), session.options().whole("gripper"));
-    for (const int id : ids) {
-        if (!connection.select(id))
+    const gripper::Options options = program.options();
+    gripper::Line line(endpoint, options);
+    Snapshot snapshot{endpoint, line.image(), {}};
+    const std::optional<int> wanted = program.settings().gripper;
+    for (const int id : snapshot.ids()) {
+        if (wanted && id != *wanted)
             continue;
-        const GripperState state = GripperState::read(connection, id);
-        if (state.isThere())
-            snapshot.grippers.append(state);
+        try {
+            const gripper::Image image = line.gripper(id).image();
+            if (image.present)
+                snapshot.grippers.push_back(image);
+        } catch (const gripper::GripperMissing &) {
+            // It has just disappeared.
+            continue;
+        }
     }
     return snapshot;
 }
 
-QJsonObject Snapshot::toJson() const
+Json Snapshot::json() const
 {
-    QJsonArray states;
-    for (const GripperState &state : grippers)
-        states.append(state.toJson());
-    return {
-        {QStringLiteral("time"), time.toUTC().toString(Qt::ISODateWithMs)},
-        {QStringLiteral("driver"), driver},
-        {QStringLiteral("link"), link},
-        {QStringLiteral("grippers"), states},
-    };
+    Json states = Json::array();
+    for (const gripper::Image &image : grippers)
+        states.push_back(jsonOf(image));
+    return {{"time", timeText(line.time.wall)},
+            {"host", endpoint.text()},
+            {"driver", driver()},
+            {"link", link()},
+            {"grippers", states}};
 }
 
 } // namespace gripperctl

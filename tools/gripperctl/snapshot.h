@@ -1,26 +1,28 @@
 #pragma once
 
-#include "gripperstate.h"
+#include "program.h"
 
-#include <QDateTime>
+#include <string>
+#include <vector>
 
 namespace gripperctl {
 
-class Session;
-
-/// The driver and its grippers at about the same time.
+/// All grippers of one daemon at about the same time.
 struct Snapshot
 {
-    QDateTime time;
-    QString driver;
-    QString link;
-    QVector<GripperState> grippers; ///< in ascending order of their ids
+    gripper::Endpoint endpoint;
+    gripper::LineImage line;
+    std::vector<gripper::Image> grippers;
 
-    /// Reads all grippers, or only the one of --gripper. Leaves out a gripper that disappears
-    /// meanwhile.
-    static Snapshot take(Session &session);
+    /// With --gripper, only this one.
+    static Snapshot take(Program &program, const gripper::Endpoint &endpoint);
 
-    QJsonObject toJson() const;
+    std::string driver() const { return line.driver.value_or("?"); }
+    std::string link() const { return line.link.value_or("?"); }
+    std::vector<int> ids() const { return line.ids.value_or(std::vector<int>()); }
+
+    /// The object of status, scan and watch.
+    Json json() const;
 };
 
 } // namespace gripperctl

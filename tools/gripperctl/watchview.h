@@ -1,17 +1,29 @@
 #pragma once
 
-#include "snapshot.h"
+#include "failure.h"
+#include "looks.h"
+
+#include <map>
+#include <string>
+#include <vector>
 
 namespace gripperctl {
 
-/// A bar of `cells` characters for 0 to 255: '#' up to `position`, '|' at `requested`.
-QString positionBar(int position, int requested, int cells);
+struct ScreenLine
+{
+    std::string text;
+    bool isAlarming = false; ///< a fault, or an outage
+};
 
-/// The live view: a head line, and a line with a bar for each gripper. No line has more than
-/// `width` characters.
-QStringList watchScreen(const Snapshot &snapshot, const QString &host, int width);
+/// The lines of the live view of all hosts, none longer than `width`.
+std::vector<ScreenLine> watchScreen(const std::map<std::string, Look> &looks, int width);
 
-/// The view without a terminal: a line of NAME=VALUE words for each gripper.
-QStringList watchLines(const Snapshot &snapshot);
+/// A line of NAME=VALUE words without blanks for each gripper. `withHost` adds the host.
+std::string watchText(const Look &look, bool withHost);
+
+Json watchJson(const Look &look);
+
+/// Such as "#####-|---" for a position left of the requested one. Has `cells` characters.
+std::string positionBar(int position, int requested, int cells);
 
 } // namespace gripperctl

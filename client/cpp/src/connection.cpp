@@ -187,8 +187,8 @@ const std::vector<Reply> &Connection::exchange(const Batch &batch, const Deadlin
         close();
     const bool isFirst = !isOpen();
     if (isFirst && renewal == Renewal::Refused)
-        throw ConnectionLost("the connection to " + m_endpoint.text() +
-                             " has ended: has gripperd ended?");
+        throw ConnectionLost("lost the connection to " + m_endpoint.text() +
+                             ": has gripperd ended?");
     try {
         return exchangeOnce(batch, deadline);
     } catch (const ConnectionLost &) {

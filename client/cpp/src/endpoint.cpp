@@ -2,6 +2,10 @@
 
 #include "gripper/errors.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
@@ -28,6 +32,14 @@ int portIn(std::string_view digits, const std::string &text)
     return port;
 }
 
+/// Several colons without brackets: an address. A zone may follow.
+bool isIpv6(std::string_view host)
+{
+    in6_addr address{};
+    return ::inet_pton(AF_INET6, std::string(host.substr(0, host.find('%'))).c_str(), &address) ==
+           1;
+}
+
 bool isHostCharacter(char c)
 {
     return c > ' ' && c <= '~' && c != '[' && c != ']';
@@ -50,6 +62,8 @@ Endpoint Endpoint::fromText(const std::string &text, int port)
     } else if (colon != std::string_view::npos && view.find(':') == colon) {
         host = view.substr(0, colon);
         portText = view.substr(colon);
+    } else if (colon != std::string_view::npos && !isIpv6(view)) {
+        failByText(text);
     }
     if (host.empty() || !std::all_of(host.begin(), host.end(), isHostCharacter))
         failByText(text);

@@ -12,6 +12,8 @@ namespace {
 constexpr Seconds lookInterval{0.01};
 // On a disturbed line, a gripper is missing for a shorter time.
 constexpr Seconds maxAbsence{3};
+// A daemon that answers needs less time for an image.
+constexpr Seconds shortSilence{0.5};
 
 } // namespace
 
@@ -52,6 +54,11 @@ Image StateWait::read()
         return readImage(m_connection, m_id, m_deadline, Connection::Renewal::Refused);
     } catch (const ConnectionLost &error) {
         throw ConnectionLost(error.what(), m_sets);
+    } catch (const TimedOut &) {
+        // The daemon answered until now: the state is missing, not the reply.
+        if (m_last && Deadline::Clock::now() - m_last->time.monotonic < shortSilence)
+            failByTime(*m_last);
+        throw;
     }
 }
 

@@ -119,10 +119,10 @@ std::string Gripper::upgrade(const Progress &progress, const std::string &expect
 /// Returns when the flasher has ended and polling is unmuted.
 void Gripper::flash(const Progress &progress, const Deadline &deadline)
 {
-    report(progress, UpgradeStage::Jumping);
     Maintenance muted(m_connection.endpoint(), m_connection.options());
     refuseBesideBootloader(m_connection, m_id, deadline);
     const std::string before = linkValues(m_connection, deadline);
+    report(progress, UpgradeStage::Jumping);
     if (!m_connection.set({{"UPG", 1}}, deadline)) {
         // The daemon also refuses while another client's upgrade runs.
         refuseDuringUpgrade(m_connection, deadline);

@@ -67,14 +67,14 @@ class ScriptedDaemon:
     VALUES = {"SID": "[9]", "DRI": "RUNNING", "VER": "0", "UPG": "0", "FWV": "TA3-1.0.0"}
     VALUES |= {"STA": "3", "FLT": "00", "SNU": "ABC-1", "PYE": "2024"}
 
-    def __init__(self, answer=None, changes=None, refused=(), **values):
+    def __init__(self, answer=None, changes=None, refused=(), port=0, **values):
         self.values = {**self.VALUES, **values}
         self.changes = changes or {}
         self.refused = refused
         self.answer = answer or self.usual
         self.requests = []
         self.changed = threading.Condition()
-        self.listener = socket.create_server((HOST, 0))
+        self.listener = socket.create_server((HOST, port))
         self.host = f"{HOST}:{self.listener.getsockname()[1]}"
         self.sockets = []
         threading.Thread(target=self._accept, daemon=True).start()
@@ -112,6 +112,12 @@ class ScriptedDaemon:
             assert has_arrived, f"no {pattern} in {self.requests}"
             return list(self.requests)
 
+    def wait_for_times(self, request, times, timeout=5.0):
+        """Waits until this request has come this many times from now on."""
+        with self.changed:
+            begin = self.requests.count(request)
+            assert self.changed.wait_for(lambda: self.requests.count(request) >= begin + times, timeout)
+
     def sets(self):
         with self.changed:
             return [r[4:] for r in self.requests if r.startswith("SET ")]
@@ -122,6 +128,8 @@ class ScriptedDaemon:
                 client, _ = self.listener.accept()
             except OSError:
                 return
+            # Each reply is a packet of its own.
+            client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             self.sockets.append(client)
             threading.Thread(target=self._serve, args=[client], daemon=True).start()
 

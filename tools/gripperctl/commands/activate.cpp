@@ -1,80 +1,105 @@
 #include "commands.h"
 
-#include "failure.h"
-#include "session.h"
-#include "statewait.h"
+#include "app.h"
+#include "gripperview.h"
+#include "text.h"
+
+#include <memory>
 
 namespace gripperctl {
 
 namespace {
 
-constexpr int activationTimeoutMs = 20'000;
+constexpr gripper::Seconds lookInterval{0.03};
 
-void printResult(Session &session, const GripperState &state, const QString &text)
+struct Choice
 {
-    session.output().result(QStringLiteral("gripper %1 %2").arg(state.id()).arg(text),
-                            {{QStringLiteral("gripper"), state.id()},
-                             {QStringLiteral("status"), state.statusText()},
-                             {QStringLiteral("fault"), state.fault()},
-                             {QStringLiteral("text"), text}});
-}
+    bool wait = false;
+    bool again = false;
+};
 
-void refuseFaulty(const GripperState &state)
+/// Refuses an active gripper with a fault.
+void reportActive(Program &program, const gripper::Image &image, const std::string &text)
 {
-    if (state.fault() == 0)
+    if (image.fault.value_or(0) == 0) {
+        program.report(image.id, text,
+                       {{"status", statusText(image)}, {"fault", jsonOf(image.fault)}});
         return;
-    throw Failure{
-        ExitCode::Refused,
-        QStringLiteral("gripper %1 is active, but has fault %2: see its manual; "
-                       "gripperctl activate --again clears the faults that can be cleared")
-            .arg(state.id())
-            .arg(state.fault())};
+    }
+    throw Failure(ExitCode::Refused,
+                  concat("gripper ", image.id, " is active, but has fault ", *image.fault,
+                         ": see its manual; gripperctl activate --again clears the faults that "
+                         "can be cleared"));
 }
 
-/// Prints no values of the gripper, because they are still old.
-void printStart(Session &session, int id)
+bool hasStatus(const gripper::Image &image, gripper::Status status)
 {
-    const QString text = QStringLiteral("was told to activate");
-    session.output().result(QStringLiteral("gripper %1 %2").arg(id).arg(text),
-                            {{QStringLiteral("gripper"), id}, {QStringLiteral("text"), text}});
+    return image.status == static_cast<int>(status);
 }
 
-/// The daemon first deactivates an active gripper. Until the gripper shows this, its status is old.
-GripperState waitForActivation(Session &session, const GripperState &before)
+/// A second request would restart an activation that is under way.
+void awaitActive(Program &program, gripper::Gripper &gripper)
 {
-    bool hasLeftActive = before.status() != GripperState::Status::Active;
-    const auto isOver = [&hasLeftActive](const GripperState &state) {
-        const bool isActive = state.status() == GripperState::Status::Active;
-        hasLeftActive = hasLeftActive || !isActive;
-        return hasLeftActive && isActive;
-    };
-    return waitForState(
-        session, before.id(),
-        {QStringLiteral("activating"), session.timeoutMs(activationTimeoutMs), isOver});
+    const gripper::Deadline end(program.timeoutOr(gripper::Gripper::movementTimeout));
+    gripper::Image image = gripper.image();
+    while (image.stale || !hasStatus(image, gripper::Status::Active)) {
+        if (end.isOver())
+            throw gripper::TimedOut(concat("gripper ", image.id, " is ", statusText(image),
+                                           " after ", end.timeout().count(), " s"));
+        program.pause(lookInterval);
+        image = gripper.image();
+    }
+}
+
+/// Returns when the gripper is active.
+void activate(Program &program, gripper::Gripper &gripper, const Choice &choice, bool isUnderWay)
+{
+    const auto again = choice.again ? gripper::Again::Yes : gripper::Again::No;
+    program.await(gripper.id(), "activating", [&] {
+        if (isUnderWay)
+            awaitActive(program, gripper);
+        else
+            gripper.activate(again, program.timeoutOr(gripper::Gripper::movementTimeout));
+    });
+}
+
+void run(Program &program, const Choice &choice)
+{
+    gripper::Gripper gripper = program.gripper();
+    const gripper::Image before = gripper.image();
+    if (hasStatus(before, gripper::Status::Active) && !choice.again) {
+        reportActive(program, before, "is active already");
+        return;
+    }
+    const bool isUnderWay = hasStatus(before, gripper::Status::Activating) && !choice.again;
+    // Without go-to, the gripper does not carry out an old request after the activation.
+    if (isUnderWay && before.goTo.value_or(true))
+        gripper.set({{"GTO", 0}});
+    else if (!isUnderWay && !choice.wait)
+        gripper.set({{"GTO", 0}, {"ACT", 1}});
+    if (choice.wait) {
+        activate(program, gripper, choice, isUnderWay);
+        reportActive(program, gripper.image(), "is active");
+        return;
+    }
+    // The values of the gripper are still old.
+    program.report(gripper.id(), "was told to activate");
 }
 
 } // namespace
 
-void runActivate(Session &session)
+void addActivate(CLI::App &app, Program &program)
 {
-    const int id = session.selectGripper();
-    const GripperState before = GripperState::read(session.connection(), id);
-    const bool isAgain = session.options().has("again");
-    if (before.status() == GripperState::Status::Active && !isAgain) {
-        refuseFaulty(before);
-        printResult(session, before, QStringLiteral("is active already"));
-        return;
-    }
-    // A second request would restart an activation that is under way.
-    if (before.status() != GripperState::Status::Activating || isAgain)
-        session.connection().set(QStringLiteral("ACT 1"));
-    if (!session.options().has("wait")) {
-        printStart(session, id);
-        return;
-    }
-    const GripperState after = waitForActivation(session, before);
-    refuseFaulty(after);
-    printResult(session, after, QStringLiteral("is active"));
+    const auto choice = std::make_shared<Choice>();
+    CLI::App &command =
+        addCommand(app,
+                   {"activate", "Make the gripper ready to move.",
+                    "Fingers open fully during the activation, and stay open until the next "
+                    "movement.\nAn active gripper stays as it is, unless --again is given.",
+                    "activate --wait"},
+                   [&program, choice] { run(program, *choice); });
+    command.add_flag("--wait", choice->wait, "Wait for the end and print the result.");
+    command.add_flag("--again", choice->again, "Activate again, even if the gripper is active.");
 }
 
 } // namespace gripperctl

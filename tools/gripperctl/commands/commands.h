@@ -1,26 +1,35 @@
 #pragma once
 
+#include "program.h"
+
+#include <CLI/CLI.hpp>
+
 namespace gripperctl {
 
-class Session;
+/// Each function adds one command with its options.
+void addActivate(CLI::App &app, Program &program);
+void addClose(CLI::App &app, Program &program);
+void addCompletion(CLI::App &app, Program &program);
+void addGet(CLI::App &app, Program &program);
+void addHz(CLI::App &app, Program &program);
+void addLed(CLI::App &app, Program &program);
+void addMove(CLI::App &app, Program &program);
+void addOpen(CLI::App &app, Program &program);
+void addPing(CLI::App &app, Program &program);
+void addPlot(CLI::App &app, Program &program);
+void addRaw(CLI::App &app, Program &program);
+void addRecord(CLI::App &app, Program &program);
+void addRelease(CLI::App &app, Program &program);
+void addRename(CLI::App &app, Program &program);
+void addScan(CLI::App &app, Program &program);
+void addSet(CLI::App &app, Program &program);
+void addStatus(CLI::App &app, Program &program);
+void addStop(CLI::App &app, Program &program);
+void addUpgrade(CLI::App &app, Program &program);
+void addWait(CLI::App &app, Program &program);
+void addWatch(CLI::App &app, Program &program);
 
-// One file per command. Each function returns when its command has succeeded, and throws Failure
-// otherwise.
-
-void runStatus(Session &session);
-void runGet(Session &session);
-void runSet(Session &session);
-void runActivate(Session &session);
-void runMove(Session &session);
-void runOpen(Session &session);
-void runClose(Session &session);
-void runRelease(Session &session);
-void runLed(Session &session);
-void runScan(Session &session);
-void runRename(Session &session);
-void runUpgrade(Session &session);
-void runWatch(Session &session);
-void runRecord(Session &session);
-void runPlot(Session &session);
+/// Adds all commands, in the order of the help.
+void addCommands(CLI::App &app, Program &program);
 
 } // namespace gripperctl

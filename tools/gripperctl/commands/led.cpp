@@ -1,53 +1,60 @@
 #include "commands.h"
 
-#include "failure.h"
-#include "session.h"
+#include "app.h"
+#include "text.h"
+
+#include <algorithm>
+#include <memory>
 
 namespace gripperctl {
 
 namespace {
 
-const QString automatic = QStringLiteral("auto");
-const QString off = QStringLiteral("off");
-const QStringList colours{QStringLiteral("red"), QStringLiteral("green"), QStringLiteral("blue")};
+constexpr int maxColours = 3;
 
-void check(const QStringList &words)
+bool contains(const std::vector<std::string> &words, const char *word)
 {
-    for (const QString &word : words) {
-        const bool isOnlyWord = (word == automatic || word == off) && words.size() == 1;
-        if (!colours.contains(word) && !isOnlyWord) {
-            throw Failure{
-                ExitCode::WrongUsage,
-                QStringLiteral("led takes any of red, green and blue, or only off, or only auto, "
-                               "not \"%1\"")
-                    .arg(words.join(QLatin1Char(' ')))};
-        }
-    }
+    return std::find(words.begin(), words.end(), word) != words.end();
 }
 
-QString requestFor(const QStringList &words)
+void check(const std::vector<std::string> &words)
 {
-    const auto bit = [&words](const char *colour) {
-        return words.contains(QLatin1String(colour)) ? 1 : 0;
-    };
-    return QStringLiteral("LBP %1 LRD %2 LGN %3 LBL %4")
-        .arg(words.first() == automatic ? 0 : 1)
-        .arg(bit("red"))
-        .arg(bit("green"))
-        .arg(bit("blue"));
+    const std::vector<std::string> colours{"red", "green", "blue"};
+    const bool isAlone = words.size() == 1 && (contains(words, "auto") || contains(words, "off"));
+    const bool isMixture = std::all_of(words.begin(), words.end(), [&](const std::string &word) {
+        return contains(colours, word.c_str());
+    });
+    if (!isAlone && !isMixture)
+        throw Failure(ExitCode::WrongUsage,
+                      concat("led takes any of red, green and blue, or only off, or only auto, not "
+                             "\"",
+                             join(words, " "), '"'));
+}
+
+void run(Program &program, const std::vector<std::string> &words)
+{
+    check(words);
+    gripper::Gripper gripper = program.gripper();
+    if (contains(words, "auto"))
+        gripper.ledAuto();
+    else
+        gripper.led(contains(words, "red"), contains(words, "green"), contains(words, "blue"));
+    const std::string text = join(words, " ");
+    program.output().result(concat("gripper ", gripper.id(), ": led ", text),
+                            {{"gripper", gripper.id()}, {"led", text}});
 }
 
 } // namespace
 
-void runLed(Session &session)
+void addLed(CLI::App &app, Program &program)
 {
-    const QStringList words = session.options().arguments;
-    check(words);
-    const int id = session.selectGripper();
-    session.connection().set(requestFor(words));
-    const QString text = words.join(QLatin1Char(' '));
-    session.output().result(QStringLiteral("gripper %1: led %2").arg(id).arg(text),
-                            {{QStringLiteral("gripper"), id}, {QStringLiteral("led"), text}});
+    const auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App &command =
+        addCommand(app,
+                   {"led", "Light the LED: red, green, blue; off; or auto.",
+                    "Several colours mix. auto gives the LED back to the gripper.", "led red blue"},
+                   [&program, words] { run(program, *words); });
+    addWords(command, "COLOUR...", *words, 1, maxColours)->option_text("red green blue off auto");
 }
 
 } // namespace gripperctl

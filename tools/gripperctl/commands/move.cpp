@@ -1,162 +1,144 @@
 #include "commands.h"
 
-#include "failure.h"
-#include "motion.h"
-#include "session.h"
-#include "statewait.h"
+#include "app.h"
+#include "gripperview.h"
+#include "text.h"
 
-#include <QElapsedTimer>
+#include <memory>
 
 namespace gripperctl {
 
 namespace {
 
-constexpr int openPosition = 0;
-constexpr int closedPosition = 255;
-// At the lowest speed, the full travel takes a few seconds.
-constexpr int motionTimeoutMs = 30'000;
-// The daemon reads or writes one gripper in this time.
-constexpr qint64 pollingStepMs = 50;
+constexpr int maxValue = 255;
 
-/// The greatest age of a value that the daemon shows. A scan finds at most one gripper per id; in
-/// the worst case the daemon writes each of them between two reads.
-qint64 maxValueAgeMs()
+struct Choice
 {
-    return 2 * pollingStepMs * scannedIds().size();
-}
+    std::string position;
+    std::optional<int> speed;
+    std::optional<int> force;
+    bool wait = false;
+};
 
-QString requestFor(const Options &options, int position)
+void refuseInactive(const gripper::Image &image)
 {
-    QString pairs = QStringLiteral("POS %1").arg(position);
-    if (const auto speed = options.whole("speed"))
-        pairs += QStringLiteral(" SPE %1").arg(*speed);
-    if (const auto force = options.whole("force"))
-        pairs += QStringLiteral(" FOR %1").arg(*force);
-    return pairs + QStringLiteral(" GTO 1");
-}
-
-void refuseInactive(const GripperState &state)
-{
-    if (state.status() == GripperState::Status::Active)
+    if (image.status == static_cast<int>(gripper::Status::Active))
         return;
-    throw Failure{ExitCode::Refused,
-                  QStringLiteral("gripper %1 is %2 and cannot move: run gripperctl activate --wait")
-                      .arg(state.id())
-                      .arg(state.statusText())};
+    throw Failure(ExitCode::Refused, concat("gripper ", image.id, " is ", statusText(image),
+                                            " and cannot move: run gripperctl activate --wait"));
 }
 
-[[noreturn]] void failByFault(const GripperState &state)
+void printEnd(Program &program, const gripper::Image &before, int wanted,
+              const gripper::MoveResult &result)
 {
-    throw Failure{
-        ExitCode::Refused,
-        QStringLiteral("gripper %1 has fault %2 at position %3: see its manual; "
-                       "gripperctl activate --again clears the faults that can be cleared")
-            .arg(state.id())
-            .arg(state.fault())
-            .arg(state.position())};
+    const bool isReached = std::holds_alternative<gripper::Reached>(result);
+    const auto [position, effort] =
+        std::visit([](const auto &end) { return std::pair(end.position, end.effort); }, result);
+    gripper::Image after = before;
+    after.object = static_cast<int>(isReached ? gripper::Object::Reached : gripper::Object::Met);
+    std::string text = concat("reached ", position);
+    if (!isReached && isVacuum(before))
+        text = concat("leaks: level ", position, " instead of ", wanted);
+    else if (!isReached)
+        text = concat("met an object at ", position, ", on its way to ", wanted);
+    program.report(before.id, text,
+                   {{"requestedPosition", wanted},
+                    {"position", position},
+                    {"object", objectText(after)},
+                    {"current", effort}});
 }
 
-GripperState waitForEnd(Session &session, const GripperState &before, int position)
+/// Moves and waits for the end.
+gripper::MoveResult moveToEnd(Program &program, gripper::Gripper &gripper, int position, int speed,
+                              int force)
 {
-    // If the gripper already showed this request, it may have accepted another one since, which it
-    // does not show yet.
-    const bool wasShownBefore = before.goesTo() && before.requestedPosition() == position;
-    QElapsedTimer sinceRequest;
-    sinceRequest.start();
-    const auto isOver = [=](const GripperState &state) {
-        const Motion motion = judgeMotion(state, position);
-        const bool isFresh = !wasShownBefore || sinceRequest.elapsed() > maxValueAgeMs();
-        return isFresh && motion != Motion::NotTaken && motion != Motion::UnderWay;
-    };
-    const Goal goal{QStringLiteral("moving to %1").arg(position),
-                    session.timeoutMs(motionTimeoutMs), isOver};
+    gripper::MoveResult result;
     try {
-        return waitForState(session, before.id(), goal);
-    } catch (const Failure &failure) {
-        if (failure.code != ExitCode::Interrupted)
-            throw;
-        throw Failure{
-            failure.code,
-            QStringLiteral("interrupted: gripper %1 continues to %2. gripperctl --gripper %1 "
-                           "set GTO 0 stops it")
-                .arg(before.id())
-                .arg(position)};
+        program.await(gripper.id(), concat("moving to ", position), [&] {
+            result = gripper.move(position, speed, force,
+                                  program.timeoutOr(gripper::Gripper::movementTimeout));
+        });
+    } catch (const gripper::Fault &fault) {
+        throw Failure(ExitCode::Refused, concat(fault.what(), " (gripperctl activate --again)"));
+    } catch (const Interrupted &) {
+        throw Interrupted(concat("interrupted: gripper ", gripper.id(), " continues to ", position,
+                                 ". gripperctl --gripper ", gripper.id(), " set GTO 0 stops it"));
     }
+    return result;
 }
 
-void printResult(Session &session, const GripperState &state, int wanted, const QString &text)
+void moveTo(Program &program, const Choice &choice, int position)
 {
-    session.output().result(QStringLiteral("gripper %1 %2").arg(state.id()).arg(text),
-                            {{QStringLiteral("gripper"), state.id()},
-                             {QStringLiteral("requestedPosition"), wanted},
-                             {QStringLiteral("position"), state.position()},
-                             {QStringLiteral("object"), state.objectText()},
-                             {QStringLiteral("current"), state.current()},
-                             {QStringLiteral("text"), text}});
-}
-
-/// Prints no values of the gripper, because they are still old.
-void printStart(Session &session, int id, int wanted)
-{
-    const QString text = QStringLiteral("was told to go to %1").arg(wanted);
-    session.output().result(QStringLiteral("gripper %1 %2").arg(id).arg(text),
-                            {{QStringLiteral("gripper"), id},
-                             {QStringLiteral("requestedPosition"), wanted},
-                             {QStringLiteral("text"), text}});
-}
-
-void printEnd(Session &session, const GripperState &state, int wanted)
-{
-    if (state.object() == GripperState::Object::Reached) {
-        printResult(session, state, wanted, QStringLiteral("reached %1").arg(state.position()));
-        return;
-    }
-    const QString text = state.isVacuum() ? QStringLiteral("leaks: level %1 instead of %2")
-                                          : QStringLiteral("met an object at %1, on its way to %2");
-    printResult(session, state, wanted, text.arg(state.position()).arg(wanted));
-}
-
-void moveTo(Session &session, int position)
-{
-    const int id = session.selectGripper();
-    const GripperState before = GripperState::read(session.connection(), id);
+    gripper::Gripper gripper = program.gripper();
+    const gripper::Image before = gripper.image();
     refuseInactive(before);
-    session.connection().set(requestFor(session.options(), position));
-    if (!session.options().has("wait")) {
-        printStart(session, id, position);
+    const int speed = choice.speed.value_or(before.speed.value_or(0));
+    const int force = choice.force.value_or(before.force.value_or(0));
+    if (choice.wait) {
+        const auto result = moveToEnd(program, gripper, position, speed, force);
+        printEnd(program, before, position, result);
         return;
     }
-    const GripperState after = waitForEnd(session, before, position);
-    if (after.fault() != 0)
-        failByFault(after);
-    refuseInactive(after);
-    printEnd(session, after, position);
+    gripper.set({{"POS", position}, {"SPE", speed}, {"FOR", force}, {"GTO", 1}});
+    // The values of the gripper are still old.
+    program.report(gripper.id(), concat("was told to go to ", position),
+                   {{"requestedPosition", position}});
+}
+
+void moveToGiven(Program &program, const Choice &choice)
+{
+    const std::optional<int> position = numberFrom(choice.position, 0, maxValue);
+    if (!position)
+        throw Failure(ExitCode::WrongUsage,
+                      concat("a position is a number from 0 (open) to 255 (closed), not \"",
+                             choice.position, '"'));
+    moveTo(program, choice, *position);
+}
+
+void addOptions(CLI::App &command, Choice &choice)
+{
+    addNumber(command, "--speed", choice.speed, 0, maxValue,
+              "0 (slowest) to 255; without it, the last value.");
+    addNumber(command, "--force", choice.force, 0, maxValue,
+              "0 (gentlest) to 255; without it, the last value.");
+    command.add_flag("--wait", choice.wait, "Wait for the end and print the result.");
+}
+
+void addMovement(CLI::App &app, Program &program, const CommandText &text, int position)
+{
+    const auto choice = std::make_shared<Choice>();
+    addOptions(
+        addCommand(app, text, [&program, choice, position] { moveTo(program, *choice, position); }),
+        *choice);
 }
 
 } // namespace
 
-void runMove(Session &session)
+void addMove(CLI::App &app, Program &program)
 {
-    const QString word = session.options().arguments.first();
-    bool isNumber = false;
-    const int position = word.toInt(&isNumber);
-    if (!isNumber || position < openPosition || position > closedPosition) {
-        throw Failure{
-            ExitCode::WrongUsage,
-            QStringLiteral("a position is a number from 0 (open) to 255 (closed), not \"%1\"")
-                .arg(word)};
-    }
-    moveTo(session, position);
+    const auto choice = std::make_shared<Choice>();
+    CLI::App &command = addCommand(
+        app,
+        {"move", "Go to a position of 0 (open) to 255.",
+         "With --wait, the result says whether the gripper reached the position or met an object.",
+         "move 120 --speed 100 --force 20 --wait"},
+        [&program, choice] { moveToGiven(program, *choice); });
+    addWord(command, "POSITION", choice->position);
+    addOptions(command, *choice);
 }
 
-void runOpen(Session &session)
+void addOpen(CLI::App &app, Program &program)
 {
-    moveTo(session, openPosition);
+    addMovement(app, program, {"open", "Go to position 0.", "The same as move 0.", "open --wait"},
+                gripper::Gripper::openPosition);
 }
 
-void runClose(Session &session)
+void addClose(CLI::App &app, Program &program)
 {
-    moveTo(session, closedPosition);
+    addMovement(
+        app, program,
+        {"close", "Go to position 255.", "The same as move 255.", "close --force 50 --wait"},
+        gripper::Gripper::closedPosition);
 }
 
 } // namespace gripperctl

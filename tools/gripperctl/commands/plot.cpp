@@ -1,93 +1,100 @@
 #include "commands.h"
 
-#include "failure.h"
+#include "app.h"
 #include "plotscript.h"
-#include "session.h"
-
-#include <QFile>
-#include <QFileInfo>
-#include <QProcess>
+#include "text.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+#include <sys/wait.h>
 
 namespace gripperctl {
 
 namespace {
 
-constexpr int plotTimeoutMs = 60'000;
+namespace fs = std::filesystem;
 
-[[noreturn]] void fail(const QString &problem)
+struct PlotOptions
 {
-    throw Failure{ExitCode::LocalProblem, problem};
+    std::string path;
+    std::string picture;
+};
+
+[[noreturn]] void fail(const std::string &problem)
+{
+    throw Failure(ExitCode::LocalProblem, problem);
 }
 
-QVector<Sample> read(const QString &path)
+Recording readRecording(const fs::path &path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        fail(QStringLiteral("cannot read %1: %2").arg(path, file.errorString()));
-    const QVector<Sample> samples = parseRecording(QString::fromUtf8(file.readAll()));
+    std::error_code ignored;
+    std::ifstream file(path, std::ios::binary);
+    if (!file || fs::is_directory(path, ignored))
+        fail(concat("cannot read ", path.string(), ": ", file ? "a folder" : std::strerror(errno)));
+    const Recording recording = parseRecording({std::istreambuf_iterator<char>(file), {}});
     const auto isLive = [](const Sample &sample) { return sample.isLive; };
-    if (std::none_of(samples.begin(), samples.end(), isLive))
-        fail(QStringLiteral("%1 has no values from a running link: record again while "
-                            "gripperctl status shows link RUNNING")
-                 .arg(path));
-    return samples;
+    if (std::none_of(recording.samples.begin(), recording.samples.end(), isLive))
+        fail(concat(path.string(), " has no values from a running link: record again while "
+                                   "gripperctl status shows link RUNNING"));
+    return recording;
 }
 
-QString pictureFor(const Options &options)
+bool isPng(const fs::path &path)
 {
-    if (options.has("output"))
-        return options.text("output");
-    const QFileInfo recordingFile(options.arguments.first());
-    return recordingFile.path() + QLatin1Char('/') + recordingFile.completeBaseName() +
-           QStringLiteral(".svg");
+    const std::string suffix = upper(path.extension());
+    if (suffix == ".PNG" || suffix == ".SVG")
+        return suffix == ".PNG";
+    throw Failure(ExitCode::WrongUsage,
+                  concat("the output ", path.string(), " must end in .svg or .png"));
 }
 
-bool isPng(const QString &path)
+/// gnuplot writes its own errors to standard error.
+void runGnuplot(const std::string &script)
 {
-    const QString suffix = QFileInfo(path).suffix().toLower();
-    if (suffix != QLatin1String("png") && suffix != QLatin1String("svg")) {
-        throw Failure{ExitCode::WrongUsage,
-                      QStringLiteral("the output %1 must end in .svg or .png").arg(path)};
-    }
-    return suffix == QLatin1String("png");
+    constexpr int notFound = 127; // from the shell
+    std::FILE *gnuplot = ::popen("exec gnuplot", "w");
+    if (gnuplot == nullptr)
+        fail(concat("cannot start a shell: ", std::strerror(errno)));
+    std::fputs(script.c_str(), gnuplot);
+    const int status = ::pclose(gnuplot);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == notFound)
+        fail("cannot start gnuplot: install it with sudo apt install gnuplot-nox");
+    if (status != 0)
+        fail("gnuplot failed: its errors are above");
 }
 
-QByteArray draw(const QByteArray &script)
+void plot(Program &program, const PlotOptions &options)
 {
-    QProcess gnuplot;
-    gnuplot.start(QStringLiteral("gnuplot"), QStringList());
-    if (!gnuplot.waitForStarted())
-        fail(QStringLiteral("cannot start gnuplot: install it with sudo apt install gnuplot-nox"));
-    gnuplot.write(script);
-    gnuplot.closeWriteChannel();
-    const bool isDone = gnuplot.waitForFinished(plotTimeoutMs);
-    QByteArray picture = gnuplot.readAllStandardOutput();
-    if (!isDone || gnuplot.exitCode() != 0 || picture.isEmpty()) {
-        const QString errors = QString::fromLocal8Bit(gnuplot.readAllStandardError()).simplified();
-        fail(QStringLiteral("gnuplot failed: %1").arg(errors));
-    }
-    return picture;
-}
-
-void write(const QString &path, const QByteArray &picture)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(picture) != picture.size() || !file.flush())
-        fail(QStringLiteral("cannot write %1: %2").arg(path, file.errorString()));
+    const fs::path path(options.path);
+    const fs::path picture = options.picture.empty() ? fs::path(path).replace_extension(".svg")
+                                                     : fs::path(options.picture);
+    const bool wantsPng = isPng(picture);
+    runGnuplot(plotScript(readRecording(path), path.filename(), picture, wantsPng));
+    program.output().result(concat("drew ", picture.string()), {{"file", picture.string()}});
 }
 
 } // namespace
 
-void runPlot(Session &session)
+void addPlot(CLI::App &app, Program &program)
 {
-    const QString picturePath = pictureFor(session.options());
-    const bool wantsPng = isPng(picturePath);
-    const QVector<Sample> samples = read(session.options().arguments.first());
-    write(picturePath, draw(plotScript(samples, wantsPng)));
-    session.output().result(QStringLiteral("drew %1").arg(picturePath),
-                            {{QStringLiteral("file"), picturePath}});
+    const auto options = std::make_shared<PlotOptions>();
+    CLI::App &command = addCommand(app,
+                                   {"plot", "Draw a recording, with gnuplot.",
+                                    "This needs no daemon.", "plot grip.csv -o grip.png"},
+                                   [&program, options] { plot(program, *options); });
+    addWord(command, "FILE.csv", options->path)->option_text(filesOffered);
+    command
+        .add_option("-o,--output", options->picture,
+                    "The picture, .svg or .png (default: the recording's name with .svg).")
+        ->type_name("FILE")
+        ->option_text(filesOffered);
 }
 
 } // namespace gripperctl

@@ -1,131 +1,158 @@
 #include "commands.h"
 
-#include "failure.h"
-#include "mutedpolling.h"
-#include "session.h"
+#include "app.h"
+#include "interruption.h"
+#include "text.h"
 
-#include <algorithm>
+#include <array>
+#include <iostream>
+#include <memory>
+
+#include <poll.h>
+#include <sys/socket.h>
 
 namespace gripperctl {
 
 namespace {
 
-constexpr int slowTimeoutMs = 60'000;
+constexpr gripper::Seconds answerTimeout{5};
+constexpr int sliceMs = 50;
 
-QStringList upperNames(const QStringList &words)
+/// Cuts the next reply from the begin of `text`, without its line ending. The reply to a SET has
+/// three small letters and no line ending. Empty if there is no whole reply.
+std::optional<std::string> takeReply(std::string &text)
 {
-    QStringList names;
-    for (const QString &word : words) {
-        if (!isGetName(word)) {
-            throw Failure{
-                ExitCode::WrongUsage,
-                QStringLiteral("\"%1\" is not the name of a value: a name has three letters; see "
-                               "gripperctl get --help")
-                    .arg(word)};
+    const std::string begin = text.substr(0, 3);
+    const bool isOfSet = begin == "ack" || begin == "nak";
+    const std::size_t size = isOfSet ? begin.size() : text.find('\n');
+    if (size == std::string::npos)
+        return std::nullopt;
+    const std::string reply = text.substr(0, size);
+    text.erase(0, size + (isOfSet ? 0 : 1));
+    return reply;
+}
+
+/// Lines that go to the daemon one by one.
+class RawSession
+{
+public:
+    explicit RawSession(Program &program)
+        : m_program(program)
+        , m_connection(program.endpoint(), program.options())
+        , m_timeout(program.timeoutOr(answerTimeout))
+    {
+        m_connection.open(gripper::Deadline(m_timeout));
+    }
+
+    /// Sends the line and shows its replies. It waits for the reply to a request, because a SET SID
+    /// applies from the next packet on.
+    void exchange(const std::string &line)
+    {
+        show('>', line);
+        send(line + '\n');
+        const std::string begin = upper(line.substr(0, 4));
+        const bool isRequest = begin == "GET " || begin == "SET ";
+        const gripper::Deadline deadline(m_timeout);
+        bool isAnswered = false;
+        bool isSilent = false;
+        std::string received;
+        while (!(isSilent && !isRequest) && !(isAnswered && received.empty())) {
+            if (deadline.isOver()) {
+                ++m_unanswered;
+                return;
+            }
+            isSilent = !receive(received);
+            // A reply has no line ending if the daemon found other text after the name of a GET.
+            // The rest of a line comes at once, so silence shows its end.
+            if (isSilent && !received.empty())
+                received += '\n';
+            while (const auto reply = takeReply(received)) {
+                show('<', *reply);
+                isAnswered = true;
+            }
         }
-        names.append(word.toUpper());
     }
-    return names;
-}
 
-QString textOf(const Values &values, const QStringList &names)
-{
-    if (names.size() == 1)
-        return values.value(names.first());
-    QStringList lines;
-    for (const QString &name : names)
-        lines.append(QStringLiteral("%1 %2").arg(name, values.value(name)));
-    return lines.join(QLatin1Char('\n'));
-}
-
-QJsonObject jsonOf(const Values &values)
-{
-    QJsonObject json;
-    for (auto value = values.begin(); value != values.end(); ++value)
-        json.insert(value.key(), value.value());
-    return json;
-}
-
-/// gripperctl has safer commands or options for these variables.
-void refuseGuarded(const QStringList &words)
-{
-    const std::pair<const char *, const char *> guarded[] = {
-        {"NID", "use gripperctl rename instead of NID; it also checks that the id is free"},
-        {"UPG", "use gripperctl upgrade instead of UPG; it also waits for the flasher"},
-        // SID does not apply to other pairs in the same request.
-        {"SID", "use --gripper ID instead of SID, which ends with this connection"}};
-    for (const auto &[name, problem] : guarded) {
-        if (words.contains(QLatin1String(name), Qt::CaseInsensitive))
-            throw Failure{ExitCode::WrongUsage, QString::fromLatin1(problem)};
+    /// Throws Failure if a request had no reply.
+    void end() const
+    {
+        if (m_unanswered > 0)
+            throw Failure(ExitCode::TimedOut,
+                          concat("no reply to ", m_unanswered, " of the requests within ",
+                                 m_timeout.count(), " s"));
     }
-}
 
-template <typename Wanted>
-bool anyNamed(const QStringList &words, Wanted isWanted)
-{
-    return std::any_of(words.begin(), words.end(), [&](const QString &word) {
-        const SetName *row = findSetName(word);
-        return row != nullptr && isWanted(*row);
-    });
-}
+private:
+    void send(const std::string &text) const
+    {
+        const int socket = m_connection.nativeHandle();
+        const auto size = static_cast<ssize_t>(text.size());
+        if (::send(socket, text.data(), text.size(), MSG_NOSIGNAL) != size)
+            failByLoss();
+    }
 
-bool sendPairs(Session &session, const QStringList &words, bool isInterruptible = true)
-{
-    const bool isSlow = anyNamed(words, [](const auto &row) { return row.takesSeconds; });
-    const int timeoutMs = session.timeoutMs(isSlow ? slowTimeoutMs : 10'000);
-    return session.connection().set(words.join(QLatin1Char(' ')), {timeoutMs, isInterruptible});
-}
+    /// Returns false if nothing came for a while.
+    bool receive(std::string &received) const
+    {
+        throwIfInterrupted();
+        pollfd file{m_connection.nativeHandle(), POLLIN, 0};
+        if (::poll(&file, 1, sliceMs) <= 0)
+            return false;
+        std::array<char, 4096> part = {};
+        const ssize_t size = ::recv(file.fd, part.data(), part.size(), 0);
+        if (size <= 0)
+            failByLoss();
+        received.append(part.data(), static_cast<std::size_t>(size));
+        return true;
+    }
 
-/// Polling stays muted, because the bootloader then has the line. Not interruptible: the daemon
-/// mutes polling at the end of a jump, so the state of MUTE is known only after its answer.
-bool sendIntoBootloader(Session &session, const QStringList &words)
+    [[noreturn]] void failByLoss() const
+    {
+        throw Failure(ExitCode::NoConnection,
+                      concat("lost the connection to ", m_connection.endpoint().text()));
+    }
+
+    void show(char direction, const std::string &line) const
+    {
+        const std::string time = timeText(std::chrono::system_clock::now());
+        m_program.output().result(
+            concat(time, ' ', direction, ' ', line),
+            {{"time", time}, {"direction", std::string(1, direction)}, {"line", line}});
+    }
+
+    Program &m_program;
+    gripper::Connection m_connection;
+    gripper::Seconds m_timeout;
+    int m_unanswered = 0;
+};
+
+void raw(Program &program, const std::vector<std::string> &lines)
 {
-    MutedPolling muted(session);
-    muted.waitForSilentLine();
-    if (!sendPairs(session, words, false))
-        return false;
-    muted.leaveMuted();
-    session.output().note(QStringLiteral("polling stays muted until gripperctl set MUTE 0"));
-    return true;
+    RawSession session(program);
+    for (const std::string &line : lines)
+        session.exchange(line);
+    for (std::string line; lines.empty() && std::getline(std::cin, line);) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        session.exchange(line);
+    }
+    throwIfInterrupted();
+    session.end();
 }
 
 } // namespace
 
-void runGet(Session &session)
+void addRaw(CLI::App &app, Program &program)
 {
-    const QStringList names = upperNames(session.options().arguments);
-    if (!std::all_of(names.begin(), names.end(), isDaemonValue))
-        session.selectGripper();
-    const Values values = session.connection().get(names);
-    const QString unknown = values.key(noValue());
-    if (!unknown.isEmpty()) {
-        session.output().partialResult(textOf(values, names));
-        throw Failure{
-            ExitCode::Refused,
-            QStringLiteral("gripperd has no value of %1: check the name, and whether the gripper "
-                           "answers (gripperctl status)")
-                .arg(unknown),
-            jsonOf(values)};
-    }
-    session.output().result(textOf(values, names), jsonOf(values));
-}
-
-void runSet(Session &session)
-{
-    const QStringList words = session.options().arguments;
-    checkPairs(words);
-    refuseGuarded(words);
-    if (anyNamed(words, [](const auto &row) { return row.needsGripper; }))
-        session.selectGripper();
-    const bool entersBootloader = words.contains(QStringLiteral("BLD"), Qt::CaseInsensitive);
-    const bool isAcknowledged =
-        entersBootloader ? sendIntoBootloader(session, words) : sendPairs(session, words);
-    if (!isAcknowledged)
-        throw Failure{ExitCode::Refused,
-                      QStringLiteral("gripperd refused the request (nak): check the range of each "
-                                     "number, and the gripper (gripperctl status)")};
-    session.output().result(QStringLiteral("ack"),
-                            {{QStringLiteral("reply"), QStringLiteral("ack")}});
+    const auto lines = std::make_shared<std::vector<std::string>>();
+    CLI::App &command = addCommand(
+        app,
+        {"raw", "Send lines as they are, and show them and the replies with their times.",
+         "Reads the lines from standard input if none is given. Refuses nothing: see "
+         "gripperd-protocol(7).",
+         "raw \"GET POS\" \"SET MSC 100\""},
+        [&program, lines] { raw(program, *lines); });
+    command.add_option("lines", *lines)->type_name("[LINE]...");
 }
 
 } // namespace gripperctl

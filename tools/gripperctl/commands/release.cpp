@@ -1,67 +1,58 @@
 #include "commands.h"
 
-#include "failure.h"
-#include "session.h"
-#include "statewait.h"
+#include "app.h"
+#include "gripperview.h"
+#include "text.h"
 
-#include <QElapsedTimer>
+#include <memory>
 
 namespace gripperctl {
 
 namespace {
 
-constexpr int releaseTimeoutMs = 30'000;
-// The gripper does not report the end of a release. The end is assumed when it has not moved for
-// this time.
-constexpr qint64 standstillMs = 500;
-
-/// Whether the gripper shows the release and has not moved for long enough.
-class StandsStill
+struct Choice
 {
-public:
-    bool operator()(const GripperState &state)
-    {
-        const bool isReleasing = state.status() == GripperState::Status::Releasing;
-        if (!isReleasing || state.position() != m_position) {
-            m_position = state.position();
-            m_sinceMove.start();
-            return false;
-        }
-        return m_sinceMove.elapsed() >= standstillMs;
-    }
-
-private:
-    int m_position = -1;
-    QElapsedTimer m_sinceMove;
+    bool closing = false;
+    bool wait = false;
 };
+
+void run(Program &program, const Choice &choice)
+{
+    gripper::Gripper gripper = program.gripper();
+    if (gripper.image().status == static_cast<int>(gripper::Status::Inactive)) {
+        throw Failure(
+            ExitCode::Refused,
+            concat("gripper ", gripper.id(),
+                   " is inactive and cannot let go: gripperctl activate --wait opens it"));
+    }
+    std::string text = "was told to let go";
+    if (choice.wait) {
+        program.await(gripper.id(), "letting go", [&] {
+            gripper.release(choice.closing, program.timeoutOr(gripper::Gripper::movementTimeout));
+        });
+        text = concat("has let go and stands at ", numberText(gripper.image().position));
+    } else {
+        gripper.set({{"ARD", choice.closing ? 1 : 0}, {"ATR", 1}});
+    }
+    program.output().result(concat("gripper ", gripper.id(), ' ', text,
+                                   "; it takes no movement until gripperctl "
+                                   "activate"),
+                            {{"gripper", gripper.id()}, {"text", text}});
+}
 
 } // namespace
 
-void runRelease(Session &session)
+void addRelease(CLI::App &app, Program &program)
 {
-    const int id = session.selectGripper();
-    const GripperState before = GripperState::read(session.connection(), id);
-    if (before.status() == GripperState::Status::Inactive) {
-        throw Failure{
-            ExitCode::Refused,
-            QStringLiteral("gripper %1 is inactive and cannot let go: gripperctl activate "
-                           "--wait opens it")
-                .arg(id)};
-    }
-    const int direction = session.options().has("closing") ? 1 : 0;
-    session.connection().set(QStringLiteral("ARD %1 ATR 1").arg(direction));
-    QString text = QStringLiteral("was told to let go");
-    if (session.options().has("wait")) {
-        const auto end = waitForState(
-            session, id,
-            {QStringLiteral("letting go"), session.timeoutMs(releaseTimeoutMs), StandsStill()});
-        text = QStringLiteral("has let go and stands at %1").arg(end.position());
-    }
-    session.output().result(QStringLiteral("gripper %1 %2; it takes no movement until gripperctl "
-                                           "activate")
-                                .arg(id)
-                                .arg(text),
-                            {{QStringLiteral("gripper"), id}, {QStringLiteral("text"), text}});
+    const auto choice = std::make_shared<Choice>();
+    CLI::App &command = addCommand(
+        app,
+        {"release", "Let go slowly, even if an object is in the way.",
+         "For a robot that is stuck. Afterwards the gripper moves only when it is activated again.",
+         "release"},
+        [&program, choice] { run(program, *choice); });
+    command.add_flag("--closing", choice->closing, "Release by closing instead of opening.");
+    command.add_flag("--wait", choice->wait, "Wait for the end and print the result.");
 }
 
 } // namespace gripperctl

@@ -1,129 +1,72 @@
 #include "commands.h"
 
-#include "buswork.h"
-#include "failure.h"
-#include "mutedpolling.h"
-#include "session.h"
+#include "app.h"
+#include "text.h"
+
+#include <algorithm>
+#include <memory>
 
 namespace gripperctl {
 
 namespace {
 
-// The gripper needs six seconds, and the scan after that a few more.
-constexpr int renameTimeoutMs = 60'000;
+constexpr int minId = 1;
+constexpr int maxId = 9;
 
-int idFrom(const QString &word)
+int idFrom(const std::string &word)
 {
-    bool isNumber = false;
-    const int id = word.toInt(&isNumber);
-    if (!isNumber || id < 1 || id > 9) {
-        throw Failure{ExitCode::WrongUsage,
-                      QStringLiteral("an id is a number from 1 to 9, not \"%1\"").arg(word)};
-    }
+    const std::optional<int> id = numberFrom(word, minId, maxId);
+    if (!id)
+        throw Failure(ExitCode::WrongUsage,
+                      concat("an id is a number from 1 to 9, not \"", word, '"'));
+    return *id;
+}
+
+int newIdFrom(const std::string &word)
+{
+    const std::vector<int> ids(gripper::Line::scannedIds.begin(), gripper::Line::scannedIds.end());
+    const int id = idFrom(word);
+    if (std::find(ids.begin(), ids.end(), id) == ids.end())
+        throw Failure(ExitCode::WrongUsage, concat("a new id is one of ", join(ids), ", not ", id,
+                                                   ": no scan would find the gripper again"));
     return id;
 }
 
-void refuseUnscanned(int id)
+void run(Program &program, const std::vector<std::string> &words)
 {
-    if (scannedIds().contains(id))
-        return;
-    throw Failure{ExitCode::WrongUsage,
-                  QStringLiteral("no scan looks for id %1, so the daemon would never find the "
-                                 "gripper again: use one of %2")
-                      .arg(id)
-                      .arg(listOfIds(scannedIds()))};
-}
-
-void refuseInUse(int id, const QVector<int> &found)
-{
-    if (!found.contains(id))
-        return;
-    throw Failure{
-        ExitCode::Refused,
-        QStringLiteral("id %1 is in use, and two grippers with one id disturb each other: "
-                       "rename gripper %1 first")
-            .arg(id)};
-}
-
-void sendRename(Session &session, int from, int to)
-{
-    Output &output = session.output();
-    output.begin(QStringLiteral("gripper %1: storing id %2, restarting, scanning (about 10 s)")
-                     .arg(from)
-                     .arg(to));
+    const int from = idFrom(words.front());
+    const int to = newIdFrom(words.back());
+    gripper::Line line = program.line();
+    line.image();
+    program.output().begin(
+        concat("gripper ", from, ": scanning, storing id ", to, ", restarting (about 10 s)"));
     try {
-        session.connection().set(QStringLiteral("NID %1").arg(to),
-                                 {session.timeoutMs(renameTimeoutMs), true,
-                                  [&output](qint64 elapsedMs) { output.tick(elapsedMs); }});
-    } catch (const Failure &failure) {
-        if (failure.code != ExitCode::Interrupted)
-            throw;
-        throw Failure{
-            failure.code,
-            QStringLiteral("interrupted: gripperd continues the renaming. In ten seconds, "
-                           "gripperctl scan shows the id of the gripper")};
+        program.muting(
+            [&] { line.rename(from, to, program.timeoutOr(gripper::Line::renameTimeout)); });
+    } catch (const Interrupted &) {
+        throw Interrupted("interrupted: gripperd continues the renaming, if it has begun. In ten "
+                          "seconds, gripperctl scan shows the id of the gripper");
     }
-    output.endStage();
-}
-
-/// Mutes polling meanwhile. Returns the serial number of the gripper.
-QString renameOnSilentLine(Session &session, int from, int to)
-{
-    MutedPolling muted(session);
-    muted.waitForSilentLine();
-    // A gripper that was plugged in after the last scan is not listed, but uses its id.
-    const QVector<int> found = scanNow(session);
-    chooseGripper(found, from, session.connection().get(QStringLiteral("DRI")));
-    refuseInUse(to, found);
-    session.connection().select(from);
-    QString serialNumber = session.connection().get(QStringLiteral("SNU"));
-    sendRename(session, from, to);
-    muted.unmute();
-    return serialNumber;
-}
-
-[[noreturn]] void failUnrenamed(Session &session, int from, int to)
-{
-    if (scanUntilFound(session, from)) {
-        throw Failure{
-            ExitCode::Refused,
-            QStringLiteral("gripper %1 kept its id. Switch it off and on, then run gripperctl "
-                           "scan: it may have stored %2. If not, try again; the cause is in the "
-                           "daemon's log (journalctl -u gripperd)")
-                .arg(from)
-                .arg(to)};
-    }
-    throw Failure{ExitCode::NoGripper,
-                  QStringLiteral("the gripper answers neither as %1 nor as %2: switch it off and "
-                                 "on, then run gripperctl scan")
-                      .arg(from)
-                      .arg(to)};
+    const std::string serialNumber = line.gripper(to).get("SNU");
+    program.output().result(
+        concat("gripper ", from, " (serial ", serialNumber, ") is gripper ", to, " now"),
+        {{"old", from}, {"new", to}, {"serialNumber", serialNumber}});
 }
 
 } // namespace
 
-void runRename(Session &session)
+void addRename(CLI::App &app, Program &program)
 {
-    const int from = idFrom(session.options().arguments.at(0));
-    const int to = idFrom(session.options().arguments.at(1));
-    refuseUnscanned(to);
-    if (from == to)
-        throw Failure{ExitCode::WrongUsage, QStringLiteral("the old and the new id are the same")};
-    refuseDuringUpgrade(session);
-    refuseInUse(to, session.connection().grippers());
-    const QString serialNumber = renameOnSilentLine(session, from, to);
-    // The daemon acknowledges every NID. Only the gripper at the new id shows whether it succeeded.
-    const bool isThere = session.connection().select(to) &&
-                         session.connection().get(QStringLiteral("SNU")) == serialNumber;
-    if (!isThere)
-        failUnrenamed(session, from, to);
-    session.output().result(QStringLiteral("gripper %1 (serial %2) is gripper %3 now")
-                                .arg(from)
-                                .arg(serialNumber)
-                                .arg(to),
-                            {{QStringLiteral("old"), from},
-                             {QStringLiteral("new"), to},
-                             {QStringLiteral("serialNumber"), serialNumber}});
+    const auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App &command = addCommand(
+        app,
+        {"rename", "Give a gripper another id: 9, 2, 3 or 4.",
+         "This takes about ten seconds. Other ids are refused, because no scan looks for them.",
+         "rename 9 2"},
+        [&program, words] { run(program, *words); });
+    const auto &ids = gripper::Line::scannedIds;
+    addWords(command, "OLD NEW", *words, 2, 2)
+        ->option_text(join(std::vector<int>(ids.begin(), ids.end()), " "));
 }
 
 } // namespace gripperctl

@@ -1,42 +1,49 @@
 #include "commands.h"
 
-#include "buswork.h"
-#include "session.h"
+#include "app.h"
+#include "gripperview.h"
 #include "snapshot.h"
+#include "text.h"
 
 namespace gripperctl {
 
 namespace {
 
-QString lineOf(const GripperState &gripper)
+constexpr gripper::Seconds scanTimeout{60};
+
+std::string lineOf(const gripper::Image &image)
 {
-    return QStringLiteral("%1  %2  %3  serial %4")
-        .arg(gripper.id())
-        .arg(gripper.family(), -6)
-        .arg(gripper.firmware(), gripper.serialNumber());
+    std::string family = familyOf(image);
+    family.resize(6, ' ');
+    return concat(image.id, "  ", family, "  ", image.firmware.value_or("?"), "  serial ",
+                  image.serialNumber.value_or("?"));
 }
 
-QString textOf(const Snapshot &snapshot)
+void run(Program &program)
 {
-    if (snapshot.grippers.isEmpty()) {
-        return QStringLiteral("no grippers found (link %1): are they switched on, and is the line "
-                              "plugged in?")
-            .arg(snapshot.link);
+    program.output().begin("scanning the line");
+    program.line().scan(program.timeoutOr(scanTimeout));
+    const Snapshot snapshot = Snapshot::take(program, program.endpoint());
+    if (snapshot.grippers.empty()) {
+        throw Failure(ExitCode::NoGripper,
+                      concat("no grippers found (link ", snapshot.link(),
+                             "): are they switched on, and is the line plugged in?"),
+                      snapshot.json());
     }
-    QStringList lines;
-    for (const GripperState &gripper : snapshot.grippers)
-        lines.append(lineOf(gripper));
-    return lines.join(QLatin1Char('\n'));
+    std::vector<std::string> lines;
+    for (const gripper::Image &image : snapshot.grippers)
+        lines.push_back(lineOf(image));
+    program.output().result(join(lines, "\n"), snapshot.json());
 }
 
 } // namespace
 
-void runScan(Session &session)
+void addScan(CLI::App &app, Program &program)
 {
-    refuseDuringUpgrade(session);
-    scanNow(session);
-    const Snapshot snapshot = Snapshot::take(session);
-    session.output().result(textOf(snapshot), snapshot.toJson());
+    addCommand(app,
+               {"scan", "Look for grippers again, and show those found.",
+                "A scan takes one or two seconds. Polling pauses during the scan.", "scan"},
+               [&program] { run(program); });
 }
 
 } // namespace gripperctl

@@ -1,179 +1,217 @@
 #include "commands.h"
 
-#include "buswork.h"
-#include "failure.h"
-#include "flashwait.h"
-#include "mutedpolling.h"
-#include "session.h"
+#include "app.h"
+#include "gripperview.h"
+#include "interruption.h"
+#include "text.h"
 
-#include <cstdio>
-
-#include <unistd.h>
+#include <memory>
+#include <optional>
 
 namespace gripperctl {
 
 namespace {
 
-constexpr int jumpTimeoutMs = 60'000;
+using Clock = std::chrono::steady_clock;
+using Stage = gripper::UpgradeStage;
 
-void askOnTerminal(const GripperState &gripper)
-{
-    std::fprintf(stderr,
-                 "Write new firmware into gripper %d (%s, serial %s)? Do not switch it off "
-                 "meanwhile. [y/N] ",
-                 gripper.id(), qPrintable(gripper.firmware()), qPrintable(gripper.serialNumber()));
-    const int answer = std::getchar();
-    if (answer != 'y' && answer != 'Y')
-        throw Failure{ExitCode::Interrupted,
-                      QStringLiteral("not confirmed: the gripper keeps its firmware")};
-}
+// A flasher that wrote firmware ran for several seconds.
+constexpr gripper::Seconds tooShortToWrite{1};
 
-void confirm(Session &session, const GripperState &gripper)
+struct Choice
 {
-    if (session.options().has("yes"))
-        return;
-    if (::isatty(STDIN_FILENO) != 1 || session.output().isJson()) {
-        throw Failure{
-            ExitCode::WrongUsage,
-            QStringLiteral("an upgrade writes new firmware into the gripper: confirm it with "
-                           "--yes")};
+    bool isConfirmed = false;
+    std::string expected;
+};
+
+/// Shows the stages of an upgrade, and keeps what its errors depend on.
+class Progress
+{
+public:
+    explicit Progress(Program &program)
+        : m_program(program)
+    {
     }
-    askOnTerminal(gripper);
-}
 
-/// Not interruptible: the answer decides whether polling has to be unmuted.
-bool requestUpgrade(Session &session, int id)
-{
-    Output &output = session.output();
-    output.begin(QStringLiteral("gripper %1: entering its bootloader").arg(id));
-    const bool isAccepted = session.connection().set(
-        QStringLiteral("UPG 1"),
-        {jumpTimeoutMs, false, [&output](qint64 elapsedMs) { output.tick(elapsedMs); }});
-    output.endStage();
-    return isAccepted;
-}
-
-/// The state of the gripper, for the message of a failed upgrade. Call this after unmuting.
-QString presentState(Session &session, int id)
-{
-    if (!scanUntilFound(session, id)) {
-        return QStringLiteral(
-                   "Polling continues, but gripper %1 does not answer: switch it off and "
-                   "on, then run gripperctl scan")
-            .arg(id);
+    void begin(Stage stage, int id)
+    {
+        if (m_stage == Stage::Writing)
+            m_writing = Clock::now() - m_begin;
+        m_stage = stage;
+        m_begin = Clock::now();
+        m_untilReply.reset();
+        switch (stage) {
+        case Stage::Jumping:
+            // The reply decides whether polling has to be unmuted.
+            m_untilReply.emplace();
+            m_program.output().begin(concat("gripper ", id, ": entering its bootloader"));
+            break;
+        case Stage::Writing:
+            m_program.output().begin("writing the firmware");
+            break;
+        case Stage::Searching:
+            m_program.output().begin("scanning the line");
+            break;
+        case Stage::Done:
+            break;
+        }
     }
-    session.connection().select(id);
-    return QStringLiteral("Polling continues, and gripper %1 runs firmware %2")
-        .arg(id)
-        .arg(session.connection().get(QStringLiteral("FWV")));
+
+    bool is(Stage stage) const { return m_stage == stage; }
+    bool hasWritten() const { return m_writing >= tooShortToWrite; }
+    void allowInterruption() { m_untilReply.reset(); }
+
+private:
+    Program &m_program;
+    std::optional<Stage> m_stage;
+    std::optional<HeldInterruption> m_untilReply;
+    Clock::time_point m_begin;
+    gripper::Seconds m_writing{0};
+};
+
+void refuseDuringUpgrade(const gripper::LineState &line)
+{
+    if (line.upgrading)
+        throw Failure(ExitCode::Refused, "an upgrade is under way and has the line: wait until "
+                                         "\"gripperctl get UPG\" prints 0");
 }
 
-[[noreturn]] void fail(Session &session, int id, const QString &problem)
+void confirm(Program &program, const gripper::Image &image)
 {
-    QString state;
+    program.output().confirm(
+        concat("Write new firmware into gripper ", image.id, " (", image.firmware.value_or("?"),
+               ", serial ", image.serialNumber.value_or("?"), ")? Do not switch it off meanwhile."),
+        "an upgrade writes new firmware into the gripper");
+}
+
+/// Scans until the gripper is found, or three times.
+std::string presentState(Program &program, int id)
+{
+    gripper::Line line = program.line();
+    program.output().begin("scanning the line");
+    constexpr int maxScans = 3;
+    for (int scans = 0; scans < maxScans; ++scans) {
+        if (scans > 0)
+            program.pause(gripper::Seconds(1));
+        const std::vector<int> found = line.scan();
+        if (std::find(found.begin(), found.end(), id) != found.end()) {
+            return concat("Polling continues, and gripper ", id, " runs firmware ",
+                          line.gripper(id).get("FWV"));
+        }
+    }
+    return concat("Polling continues, but gripper ", id,
+                  " does not answer: switch it off and on, then run gripperctl scan");
+}
+
+/// After a refused jump, or a flasher that did not start.
+[[noreturn]] void failUnbegun(Program &program, int id, const gripper::Refused &error)
+{
+    refuseDuringUpgrade(program.line().state());
     try {
-        state = presentState(session, id);
-    } catch (const Failure &failure) {
+        throwIfInterrupted();
+    } catch (const Interrupted &) {
+        throw Interrupted(concat("interrupted. ", error.what()));
+    }
+    std::string state;
+    try {
+        state = presentState(program, id);
+    } catch (const gripper::Error &unknown) {
         // The message must still name the problem of the upgrade.
-        state = QStringLiteral("Polling continues. The state of the gripper is unknown: ") +
-                failure.text;
+        state = concat("The state of the gripper is unknown: ", unknown.what());
     }
-    throw Failure{ExitCode::Refused, problem + QLatin1Char(' ') + state};
+    const std::string problem = error.what();
+    throw Failure(ExitCode::Refused, concat(problem, problem.back() == '?' ? " " : ". ", state));
 }
 
-/// Another gripper in its bootloader would take the firmware of gripper `id`. The daemon lists it
-/// until the next scan. If gripper `id` is the only one listed, no scan is needed; a scan might
-/// lose it.
-void refuseBesideBootloader(Session &session, int id)
+[[noreturn]] void failUnfound(int id, const Progress &progress)
 {
-    const QVector<int> listed = session.connection().grippers();
-    if (listed == QVector<int>{id})
-        return;
-    const QVector<int> missing = scanForMissing(session, listed);
-    if (missing.isEmpty())
-        return;
-    throw Failure{
-        ExitCode::Refused,
-        QStringLiteral("nothing was written, because gripper %1 does not answer: if it is "
-                       "in its bootloader, it would take the firmware of gripper %2. "
-                       "Switch it off and on, or unplug it. Upgrade only when gripperctl "
-                       "scan shows it, or when it is unplugged")
-            .arg(listOfIds(missing))
-            .arg(id)};
+    if (progress.hasWritten()) {
+        throw Failure(ExitCode::NoGripper,
+                      concat("gripper ", id,
+                             " does not answer after the upgrade: its firmware may be incomplete. "
+                             "Switch it off and on, and flash it by hand: see the manual of "
+                             "romflasher"));
+    }
+    throw Failure(ExitCode::NoGripper,
+                  concat("the flasher ended at once, most likely before it wrote anything. "
+                         "Gripper ",
+                         id,
+                         " waits in its bootloader: switch it off and on, then run gripperctl "
+                         "scan. The cause is in the daemon's log (journalctl -u gripperd)"));
 }
 
-/// Returns when the flasher has ended and polling is unmuted.
-void flash(Session &session, int id)
+std::string versionsText(const std::string &before, const std::string &after)
 {
-    MutedPolling muted(session);
-    muted.waitForSilentLine();
-    refuseBesideBootloader(session, id);
-    const Values before = linkValues(session);
-    if (!requestUpgrade(session, id)) {
-        // The daemon also refuses while another client's upgrade runs.
-        refuseDuringUpgrade(session);
-        muted.unmute();
-        fail(session, id, QStringLiteral("the gripper was not found in its bootloader."));
-    }
-    switch (waitForFlasher(session, muted, before)) {
-    case FlasherEnd::Ended:
-        return;
-    case FlasherEnd::NeverStarted:
-        fail(session, id,
-             QStringLiteral("the flasher did not start, and polling was muted until now: is "
-                            "romflasher in the working directory of gripperd, and executable?"));
+    return before == after ? concat("firmware ", after, ", as before")
+                           : concat("firmware ", before, " -> ", after);
+}
+
+/// Returns the version afterwards.
+std::string upgrade(Program &program, gripper::Gripper &gripper, const std::string &before,
+                    const std::string &expected)
+{
+    const int id = gripper.id();
+    Progress progress(program);
+    try {
+        return gripper.upgrade([&](Stage stage) { progress.begin(stage, id); }, expected,
+                               program.timeoutOr(gripper::Gripper::upgradeTimeout));
+    } catch (const Interrupted &) {
+        if (!progress.is(Stage::Writing))
+            throw;
+        throw Interrupted("interrupted: the flasher continues, so do not switch the gripper off. "
+                          "Polling continues when \"gripperctl get UPG\" prints 0");
+    } catch (const gripper::Refused &error) {
+        progress.allowInterruption();
+        if (progress.is(Stage::Jumping))
+            failUnbegun(program, id, error);
+        if (!progress.is(Stage::Searching))
+            throw;
+        throw Failure(ExitCode::Refused,
+                      concat("gripper ", id, " runs ", versionsText(before, gripper.get("FWV")),
+                             ": see the messages of the flasher in the daemon's log (journalctl "
+                             "-u gripperd)"));
+    } catch (const gripper::GripperMissing &) {
+        if (progress.is(Stage::Searching))
+            failUnfound(id, progress);
+        throw;
     }
 }
 
-QString versionsText(const QString &before, const QString &after)
+void run(Program &program, const Choice &choice)
 {
-    if (before != after)
-        return QStringLiteral("firmware %1 -> %2").arg(before, after);
-    return QStringLiteral("firmware %1, as before").arg(after);
-}
-
-/// The daemon does not report the exit code of the flasher. After an unchanged version, either the
-/// same firmware was written again, or the flasher failed before it wrote.
-void checkVersion(Session &session, int id, const QString &before, const QString &after)
-{
-    const bool isExpected = session.options().has("expect")
-                                ? session.options().text("expect") == after
-                                : before != after;
-    if (!isExpected) {
-        throw Failure{ExitCode::Refused,
-                      QStringLiteral("gripper %1 runs %2: see the messages of the flasher in the "
-                                     "daemon's log (journalctl -u gripperd)")
-                          .arg(id)
-                          .arg(versionsText(before, after))};
-    }
-    session.output().result(
-        QStringLiteral("gripper %1: %2").arg(id).arg(versionsText(before, after)),
-        {{QStringLiteral("gripper"), id},
-         {QStringLiteral("old"), before},
-         {QStringLiteral("new"), after}});
+    gripper::Gripper gripper = program.gripper();
+    const gripper::Image before = gripper.image();
+    refuseDuringUpgrade(before.line);
+    if (!choice.isConfirmed)
+        confirm(program, before);
+    // The upgrade scans if another gripper may be in its bootloader.
+    if (before.listed.size() > 1)
+        program.output().begin("scanning the line");
+    const std::string old = before.firmware.value_or("?");
+    std::string present;
+    program.muting([&] { present = upgrade(program, gripper, old, choice.expected); });
+    program.output().result(concat("gripper ", gripper.id(), ": ", versionsText(old, present)),
+                            {{"gripper", gripper.id()}, {"old", old}, {"new", present}});
 }
 
 } // namespace
 
-void runUpgrade(Session &session)
+void addUpgrade(CLI::App &app, Program &program)
 {
-    const int id = session.selectGripper();
-    const GripperState before = GripperState::read(session.connection(), id);
-    refuseDuringUpgrade(session);
-    confirm(session, before);
-    // Another client may have started an upgrade during the confirmation.
-    refuseDuringUpgrade(session);
-    flash(session, id);
-    if (!scanUntilFound(session, id)) {
-        throw Failure{
-            ExitCode::NoGripper,
-            QStringLiteral("gripper %1 does not answer after the upgrade: its firmware "
-                           "may be incomplete. Switch it off and on, and flash it by hand: see "
-                           "the manual of romflasher")
-                .arg(id)};
-    }
-    session.connection().select(id);
-    checkVersion(session, id, before.firmware(), session.connection().get(QStringLiteral("FWV")));
+    const auto choice = std::make_shared<Choice>();
+    CLI::App &command =
+        addCommand(app,
+                   {"upgrade", "Write the firmware of the gripper's family into the gripper.",
+                    "The image is in the daemon's working directory. This takes about a "
+                    "minute;\ndo not switch "
+                    "the gripper off meanwhile.",
+                    "upgrade --gripper 9 --yes"},
+                   [&program, choice] { run(program, *choice); });
+    command.add_flag("--yes", choice->isConfirmed, "Do not ask for confirmation.");
+    command
+        .add_option("--expect", choice->expected,
+                    "Succeed if the gripper runs this firmware afterwards.")
+        ->type_name("VERSION");
 }
 
 } // namespace gripperctl

@@ -1,16 +1,16 @@
 #include "commands.h"
 
-#include "failure.h"
-#include "interruption.h"
-#include "pacer.h"
-#include "session.h"
+#include "app.h"
+#include "looks.h"
+#include "text.h"
 #include "watchview.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <limits>
+#include <map>
+#include <memory>
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -19,19 +19,27 @@ namespace gripperctl {
 
 namespace {
 
-constexpr int defaultIntervalMs = 200;
-constexpr int defaultWidth = 80;
+constexpr double defaultIntervalSeconds = 0.2;
+constexpr int maxCount = 1'000'000;
+constexpr winsize defaultSize{24, 80, 0, 0};
+
+struct WatchOptions
+{
+    std::optional<gripper::Seconds> interval;
+    std::optional<int> count;
+};
 
 bool isScreen()
 {
-    return ::isatty(STDOUT_FILENO) == 1 && qgetenv("TERM") != "dumb";
+    const char *terminal = std::getenv("TERM");
+    return Output::isTerminal() && (terminal == nullptr || std::strcmp(terminal, "dumb") != 0);
 }
 
-int screenWidth()
+winsize screenSize()
 {
     winsize size = {};
     const bool isKnown = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return isKnown ? size.ws_col : defaultWidth;
+    return isKnown ? size : defaultSize;
 }
 
 constexpr const char *enterScreen = "\x1b[?1049h\x1b[?25l";
@@ -90,57 +98,72 @@ public:
     Screen(const Screen &) = delete;
     Screen &operator=(const Screen &) = delete;
 
-    bool show(const QStringList &lines) const
+    /// Shows as many lines as there is room for.
+    static bool show(const std::vector<ScreenLine> &lines, std::size_t room)
     {
-        QByteArray text("\x1b[H");
-        for (const QString &line : lines)
-            text += line.toLocal8Bit() + "\x1b[K\r\n";
+        std::string text("\x1b[H");
+        for (std::size_t line = 0; line < std::min(lines.size(), room); ++line) {
+            text += line == 0 ? "" : "\r\n";
+            text +=
+                lines[line].isAlarming ? Output::highlighted(lines[line].text) : lines[line].text;
+            text += "\x1b[K";
+        }
         return writeOut(text + "\x1b[J");
     }
 };
 
-bool showPlain(Session &session, const Snapshot &snapshot)
+void watchOnScreen(Looks &looks)
 {
-    return session.output().result(watchLines(snapshot).join(QLatin1Char('\n')), snapshot.toJson());
-}
-
-/// Looks until the count is reached, the reader closes the pipe, or the user presses Ctrl-C.
-template <typename Show>
-void look(Session &session, Show show)
-{
-    const int count = session.options().whole("count").value_or(std::numeric_limits<int>::max());
-    Pacer pacer(session.options().milliseconds("interval").value_or(defaultIntervalMs));
-    for (int looks = 1; show(Snapshot::take(session)) && looks < count; ++looks) {
-        if (!pacer.waitForNext(std::numeric_limits<qint64>::max()))
+    const Screen screen;
+    std::map<std::string, Look> latest;
+    while (auto look = looks.next()) {
+        const std::string host = look->host;
+        latest.insert_or_assign(host, std::move(*look));
+        const winsize size = screenSize();
+        if (!Screen::show(watchScreen(latest, size.ws_col), size.ws_row))
             return;
     }
 }
 
-void lookUntilInterrupted(Session &session)
+void watchAsLines(Looks &looks, Program &program)
 {
-    if (session.output().isJson() || !isScreen()) {
-        look(session, [&](const Snapshot &snapshot) { return showPlain(session, snapshot); });
+    const bool hasSeveralHosts = program.settings().endpoints.size() > 1;
+    while (const auto look = looks.next()) {
+        if (!program.output().result(watchText(*look, hasSeveralHosts), watchJson(*look)))
+            return;
+    }
+}
+
+void watch(Program &program, const WatchOptions &options)
+{
+    try {
+        const gripper::Seconds standard{defaultIntervalSeconds};
+        Looks looks(program, options.interval.value_or(standard).count(), options.count);
+        if (!program.output().isJson() && isScreen())
+            watchOnScreen(looks);
+        else
+            watchAsLines(looks, program);
+    } catch (const Interrupted &) {
+        // This is how a user ends it.
         return;
     }
-    const Screen screen;
-    const QString host = session.options().endpoint.text();
-    look(session, [&](const Snapshot &snapshot) {
-        return screen.show(watchScreen(snapshot, host, screenWidth()));
-    });
 }
 
 } // namespace
 
-void runWatch(Session &session)
+void addWatch(CLI::App &app, Program &program)
 {
-    if (session.options().has("gripper"))
-        session.selectGripper();
-    try {
-        lookUntilInterrupted(session);
-    } catch (const Failure &failure) {
-        if (failure.code != ExitCode::Interrupted)
-            throw;
-    }
+    const auto options = std::make_shared<WatchOptions>();
+    CLI::App &command = addCommand(
+        app,
+        {"watch", "Show positions, currents, objects and faults, live.",
+         "If the output is not a terminal, print one line per gripper and reading. Ctrl-C ends it.",
+         "watch --interval 0.5"},
+        [&program, options] { watch(program, *options); });
+    addSeconds(command, "--interval", options->interval,
+               "Time between two readings (default 0.2).");
+    addNumber(command, "--count", options->count, 1, maxCount,
+              "End after this number of readings.");
 }
 
 } // namespace gripperctl

@@ -100,6 +100,10 @@ public:
     void close() noexcept;
     bool isOpen() const noexcept { return m_socket >= 0; }
 
+    /// The socket, for a program that reads and writes it itself between two exchanges. Such a
+    /// program leaves no reply unread. -1 while the connection is closed.
+    int nativeHandle() const noexcept { return m_socket; }
+
     const Endpoint &endpoint() const noexcept { return m_endpoint; }
     const Options &options() const noexcept { return m_options; }
 

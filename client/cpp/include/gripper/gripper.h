@@ -45,7 +45,7 @@ enum class Again { No, Yes };
 
 /// The steps of Gripper::upgrade(), in this order.
 enum class UpgradeStage {
-    Jumping,   ///< the gripper enters its bootloader
+    Jumping,   ///< the gripper enters its bootloader; nothing was sent to it before
     Writing,   ///< the flasher runs: do not switch the gripper off
     Searching, ///< the daemon looks for the gripper
     Done

@@ -54,6 +54,9 @@ public:
     /// gripper that does not answer.
     WatchItem next();
 
+    /// Whether next() has returned all items of the present period. The next call then waits.
+    bool isPeriodOver() const noexcept { return m_items.empty(); }
+
     /// An input iterator without an end: a loop ends by `break`.
     class Iterator
     {

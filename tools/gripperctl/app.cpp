@@ -1,0 +1,254 @@
+#include "app.h"
+
+#include "commands/commands.h"
+#include "helptext.h"
+#include "text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <limits>
+
+namespace gripperctl {
+
+namespace {
+
+constexpr const char *hostVariable = "GRIPPERCTL_HOST";
+constexpr const char *argumentsName = "arguments";
+constexpr double minSeconds = 0.02;
+constexpr double maxSeconds = 86400;
+
+/// The configuration file. The environment has priority over it.
+class SettingsFile : public CLI::ConfigTOML
+{
+public:
+    std::vector<CLI::ConfigItem> from_config(std::istream &input) const override
+    {
+        std::vector<CLI::ConfigItem> read = CLI::ConfigTOML::from_config(input);
+        const char *host = std::getenv(hostVariable);
+        if (host != nullptr && *host != '\0') {
+            const auto isHost = [](const CLI::ConfigItem &item) {
+                return item.parents.empty() && item.name == "host";
+            };
+            read.erase(std::remove_if(read.begin(), read.end(), isHost), read.end());
+        }
+        return read;
+    }
+};
+
+std::string settingsPath()
+{
+    const char *home = std::getenv("HOME");
+    return home == nullptr ? "" : concat(home, "/.config/gripperctl.toml");
+}
+
+std::optional<gripper::Seconds> secondsFrom(const std::string &word)
+{
+    char *end = nullptr;
+    const double seconds = std::strtod(word.c_str(), &end);
+    // This form of the comparison also refuses NaN.
+    if (word.empty() || *end != '\0' || !(seconds >= minSeconds && seconds <= maxSeconds))
+        return std::nullopt;
+    return gripper::Seconds(seconds);
+}
+
+/// An option whose value `read` takes from one word. The problem of a wrong word is that the option
+/// takes `wanted`.
+template <typename Value, typename Read>
+CLI::Option *addValue(CLI::App &command, const std::string &name, std::optional<Value> &value,
+                      const std::string &help, const std::string &wanted, Read read)
+{
+    const auto take = [&value, wanted, read, name](const CLI::results_t &words) {
+        value = read(words.front());
+        if (!value) {
+            throw CLI::ValidationError(
+                concat(name, " takes ", wanted, ", not \"", words.front(), '"'),
+                CLI::ExitCodes::ValidationError);
+        }
+        return true;
+    };
+    return command.add_option(name, take, help)->expected(1)->type_size(1);
+}
+
+void addHost(CLI::App &app, Settings &settings)
+{
+    const auto take = [&settings](const CLI::results_t &words) {
+        settings.endpoints.clear();
+        for (const std::string &word : words)
+            settings.endpoints.push_back(gripper::Endpoint::fromText(word));
+        return true;
+    };
+    app.add_option("--host", take, "The address of gripperd (default 127.0.0.1:63352).")
+        ->type_name("HOST[:PORT]")
+        ->option_text(hostsOffered)
+        ->type_size(1)
+        ->expected(1, std::numeric_limits<int>::max())
+        ->allow_extra_args(false)
+        ->envname(hostVariable);
+}
+
+void addGeneralOptions(CLI::App &app, Program &program)
+{
+    Settings &settings = program.settings();
+    addHost(app, settings);
+    addNumber(app, "--gripper", settings.gripper, 1, 9, "The gripper (default 9).")
+        ->type_name("ID")
+        ->option_text(idsOffered);
+    app.add_flag_callback(
+           "--json", [&program] { program.output().useJson(); }, "Print JSON, for scripts.")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    addSeconds(app, "--timeout", settings.timeout,
+               "Time limit for an answer, or for the end of the action.");
+    app.set_config("--config", settingsPath(),
+                   "Defaults for options (default ~/.config/gripperctl.toml).")
+        ->type_name("FILE")
+        ->option_text(filesOffered);
+    app.config_formatter(std::make_shared<SettingsFile>());
+    app.allow_config_extras(CLI::config_extras_mode::error);
+    app.set_version_flag("--version", "gripperctl " GRIPPERCTL_VERSION,
+                         "Print the version of gripperctl.");
+}
+
+std::vector<std::string> namesOf(const std::vector<const CLI::App *> &commands)
+{
+    std::vector<std::string> names;
+    for (const CLI::App *command : commands)
+        names.push_back(command->get_name());
+    return names;
+}
+
+/// The long options of the command and of the program.
+std::vector<std::string> optionNames(const CLI::App &command)
+{
+    std::vector<std::string> names;
+    for (const CLI::App *app = &command; app != nullptr; app = app->get_parent()) {
+        for (const CLI::Option *option : app->get_options()) {
+            for (const std::string &name : option->get_lnames())
+                names.push_back("--" + name);
+        }
+    }
+    return names;
+}
+
+Failure wrongUsage(const std::string &problem, const std::string &page = {})
+{
+    const char *see = problem.back() == '?' ? " See" : "; see";
+    return {ExitCode::WrongUsage, concat(problem, see, " gripperctl ", page, "--help")};
+}
+
+/// CLI11 counts in its messages; these name the cause.
+std::string problemOf(const CLI::ParseError &error)
+{
+    const std::string text = error.what();
+    if (dynamic_cast<const CLI::ArgumentMismatch *>(&error) == nullptr)
+        return text;
+    const bool isRepeated = text.find("received") != std::string::npos;
+    return text.substr(0, text.find(':')) + (isRepeated ? " is given twice" : " needs a value");
+}
+
+Failure commandMissing(const CLI::App &app)
+{
+    const std::vector<std::string> words = app.remaining();
+    if (words.empty())
+        return wrongUsage("no command given");
+    const bool isOption = words.front().front() == '-' && words.front() != "-";
+    if (isOption) {
+        return wrongUsage(concat("there is no option ", words.front(), " before a command",
+                                 suggestion(words.front(), optionNames(app))));
+    }
+    return wrongUsage(concat("there is no command \"", words.front(), '"',
+                             suggestion(words.front(), namesOf(app.get_subcommands({})))));
+}
+
+} // namespace
+
+std::unique_ptr<CLI::App> makeApp(Program &program)
+{
+    auto app = std::make_unique<CLI::App>(
+        "Shows, moves and maintains the grippers of a running gripperd.", "gripperctl");
+    app->formatter(std::make_shared<HelpText>());
+    app->set_help_flag("-h,--help", "Explain gripperctl, or the given command.");
+    app->require_subcommand(1);
+    app->fallthrough();
+    addGeneralOptions(*app, program);
+    addCommands(*app, program);
+    return app;
+}
+
+Failure usageFailure(const CLI::App &app, const CLI::ParseError &error)
+{
+    if (dynamic_cast<const CLI::FileError *>(&error) != nullptr ||
+        dynamic_cast<const CLI::ConfigError *>(&error) != nullptr)
+        return {ExitCode::WrongUsage, concat("configuration file: ", error.what())};
+    const std::vector<CLI::App *> given = app.get_subcommands();
+    if (given.empty()) {
+        const bool isMissing = dynamic_cast<const CLI::RequiredError *>(&error) != nullptr;
+        return isMissing ? commandMissing(app) : wrongUsage(problemOf(error));
+    }
+    const CLI::App &command = *given.front();
+    const std::string &name = command.get_name();
+    const std::string page = name + ' ';
+    const bool isArgument = std::string_view(error.what()).rfind(argumentsName, 0) == 0;
+    if (dynamic_cast<const CLI::RequiredError *>(&error) != nullptr || isArgument)
+        return wrongUsage(concat(name, " needs ", argumentsOf(command)), page);
+    const std::vector<std::string> extras = app.remaining(true);
+    if (dynamic_cast<const CLI::ExtrasError *>(&error) == nullptr || extras.empty())
+        return wrongUsage(problemOf(error), page);
+    const std::string &word = extras.front();
+    if (word.front() == '-') {
+        return wrongUsage(
+            concat(name, " does not take ", word, suggestion(word, optionNames(command))), page);
+    }
+    return wrongUsage(concat(name, " does not take \"", word, '"'), page);
+}
+
+CLI::App &addCommand(CLI::App &app, const CommandText &text, std::function<void()> run)
+{
+    CLI::App *command = app.add_subcommand(text.name, concat(text.summary, '\n', text.details));
+    command->footer(text.example);
+    command->fallthrough();
+    command->callback(std::move(run));
+    return *command;
+}
+
+CLI::Option *addWords(CLI::App &command, const std::string &label, std::vector<std::string> &words,
+                      int min, int max)
+{
+    return command.add_option(argumentsName, words)
+        ->type_name(label)
+        ->required()
+        ->expected(min, max);
+}
+
+CLI::Option *addWord(CLI::App &command, const std::string &label, std::string &word)
+{
+    return command.add_option(argumentsName, word)->type_name(label)->required();
+}
+
+CLI::Option *addNumber(CLI::App &command, const std::string &name, std::optional<int> &number,
+                       int min, int max, const std::string &help)
+{
+    return addValue(command, name, number, help, concat("a number from ", min, " to ", max),
+                    [min, max](const std::string &word) { return numberFrom(word, min, max); })
+        ->type_name("N");
+}
+
+CLI::Option *addSeconds(CLI::App &command, const std::string &name,
+                        std::optional<gripper::Seconds> &time, const std::string &help)
+{
+    return addValue(command, name, time, help,
+                    concat("seconds from ", minSeconds, " to ", maxSeconds), secondsFrom)
+        ->type_name("SECONDS");
+}
+
+std::optional<int> numberFrom(const std::string &word, int min, int max)
+{
+    const char *end = word.data() + word.size();
+    int number = 0;
+    const auto [last, error] = std::from_chars(word.data(), end, number);
+    if (error != std::errc() || last != end || number < min || number > max)
+        return std::nullopt;
+    return number;
+}
+
+} // namespace gripperctl

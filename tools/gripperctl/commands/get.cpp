@@ -1,0 +1,91 @@
+#include "commands.h"
+
+#include "app.h"
+#include "text.h"
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+
+namespace gripperctl {
+
+namespace {
+
+std::vector<std::string> knownNames()
+{
+    std::vector<std::string> names;
+    for (const gripper::GetVariable &row : gripper::getVariables)
+        names.emplace_back(row.name);
+    return names;
+}
+
+/// Also true for unknown names.
+bool needsGripper(const std::string &name)
+{
+    const auto &rows = gripper::getVariables;
+    return std::none_of(rows.begin(), rows.end(), [&](const gripper::GetVariable &row) {
+        return row.name == name && !row.needsGripper;
+    });
+}
+
+std::string textOf(const Json &values)
+{
+    if (values.size() == 1)
+        return values.front().get<std::string>();
+    std::vector<std::string> lines;
+    for (const auto &[name, value] : values.items())
+        lines.push_back(name + ' ' + value.get<std::string>());
+    return join(lines, "\n");
+}
+
+Json read(Program &program, const std::vector<std::string> &names)
+{
+    gripper::Batch batch;
+    for (const std::string &name : names)
+        batch.get(name);
+    std::optional<int> id;
+    if (std::any_of(names.begin(), names.end(), needsGripper))
+        id = program.listedGripperId();
+    gripper::Connection connection(program.endpoint(), program.options(), id);
+    Json values;
+    for (const gripper::Reply &reply :
+         connection.exchange(batch, gripper::Deadline(connection.options().timeout)))
+        values[std::string(reply.name)] = reply.value;
+    return values;
+}
+
+void run(Program &program, std::vector<std::string> names)
+{
+    std::transform(names.begin(), names.end(), names.begin(), upper);
+    const Json values = read(program, names);
+    for (const auto &[name, value] : values.items()) {
+        if (value != "?")
+            continue;
+        const std::vector<std::string> known = knownNames();
+        const bool isKnown = std::find(known.begin(), known.end(), name) != known.end();
+        program.output().partialResult(textOf(values));
+        throw Failure(ExitCode::Refused,
+                      concat("gripperd has no value of ", name,
+                             isKnown ? ": does the gripper answer (gripperctl status)?"
+                                     : ": no variable has this name" + suggestion(name, known)),
+                      values);
+    }
+    program.output().result(textOf(values), values);
+}
+
+} // namespace
+
+void addGet(CLI::App &app, Program &program)
+{
+    const auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App &command = addCommand(
+        app,
+        {"get", "Read values of the protocol.",
+         "For one name, print only the value; for several names, a line \"NAME VALUE\" for each.",
+         "get POS OBJ"},
+        [&program, words] { run(program, *words); });
+    addWords(command, "NAME...", *words, 1, std::numeric_limits<int>::max())
+        ->option_text(join(knownNames(), " "));
+}
+
+} // namespace gripperctl

@@ -1,0 +1,170 @@
+#include "commands.h"
+
+#include "app.h"
+#include "interruption.h"
+#include "text.h"
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+
+namespace gripperctl {
+
+namespace {
+
+constexpr gripper::Seconds slowTimeout{60};
+constexpr int maxValue = 255;
+// The daemon reads only the first three digits.
+constexpr std::size_t maxDigits = 3;
+// Every value has the same effect.
+constexpr int anyValue = 1;
+
+[[noreturn]] void refuse(const std::string &problem)
+{
+    throw Failure(ExitCode::WrongUsage,
+                  problem + (problem.back() == '?' ? " See" : "; see") + " gripperctl set --help");
+}
+
+/// gripperctl has safer commands or options for some variables. Null for the others.
+const char *refusalOf(std::string_view name)
+{
+    constexpr std::pair<std::string_view, const char *> refused[] = {
+        {"NID", "use gripperctl rename instead of NID; it also checks that the id is free"},
+        {"UPG", "use gripperctl upgrade instead of UPG; it also waits for the flasher"},
+        // SID does not apply to other pairs in the same request.
+        {"SID", "use --gripper ID instead of SID, which ends with this connection"}};
+    for (const auto &[known, problem] : refused) {
+        if (name == known)
+            return problem;
+    }
+    return nullptr;
+}
+
+std::vector<std::string> namesToSet()
+{
+    std::vector<std::string> names;
+    for (const gripper::SetVariable &row : gripper::setVariables) {
+        if (refusalOf(row.name) == nullptr)
+            names.emplace_back(row.name);
+    }
+    return names;
+}
+
+bool isNumberLike(const std::string &word)
+{
+    return !word.empty() && (word.front() == '-' || (word.front() >= '0' && word.front() <= '9'));
+}
+
+const gripper::SetVariable &rowOf(const std::string &word)
+{
+    const std::string name = upper(word);
+    std::vector<std::string> known;
+    for (const gripper::SetVariable &row : gripper::setVariables) {
+        if (row.name == name)
+            return row;
+        known.emplace_back(row.name);
+    }
+    if (isNumberLike(word))
+        refuse(concat("there is no name before \"", word, '"'));
+    refuse(concat("there is no variable \"", word, "\" to set", suggestion(name, known)));
+}
+
+int valueFrom(const std::string &word)
+{
+    const std::optional<int> value = numberFrom(word, 0, maxValue);
+    if (!value || word.size() > maxDigits)
+        refuse(concat('"', word, "\" is not a number from 0 to 255 of at most three digits"));
+    return *value;
+}
+
+/// A variable and its value.
+struct Wanted
+{
+    const gripper::SetVariable *row;
+    int value;
+};
+
+std::vector<Wanted> wantedFrom(const std::vector<std::string> &words)
+{
+    std::vector<Wanted> wanted;
+    for (auto word = words.begin(); word != words.end(); ++word) {
+        const gripper::SetVariable &row = rowOf(*word);
+        if (const char *problem = refusalOf(row.name))
+            throw Failure(ExitCode::WrongUsage, problem);
+        const auto next = word + 1;
+        if (next != words.end() && isNumberLike(*next)) {
+            wanted.push_back({&row, valueFrom(*next)});
+            word = next;
+        } else if (row.range == "any") {
+            wanted.push_back({&row, anyValue});
+        } else {
+            refuse(concat(row.name, " needs a number (", row.range, ')'));
+        }
+    }
+    return wanted;
+}
+
+/// Polling stays muted, because the bootloader then has the line. Not interruptible: the daemon
+/// mutes polling at the end of a jump, so the state of MUTE is known only after its reply.
+bool sendIntoBootloader(Program &program, gripper::Connection &connection,
+                        const std::vector<gripper::Pair> &pairs, gripper::Seconds timeout)
+{
+    gripper::Maintenance muted(connection.endpoint(), connection.options());
+    const HeldInterruption untilReply;
+    if (!connection.set(pairs, gripper::Deadline(timeout)))
+        return false;
+    muted.leaveMuted();
+    program.output().note("polling stays muted until gripperctl set MUTE 0");
+    return true;
+}
+
+void run(Program &program, const std::vector<std::string> &words)
+{
+    const std::vector<Wanted> wanted = wantedFrom(words);
+    const auto anyRow = [&](auto isSuch) {
+        return std::any_of(wanted.begin(), wanted.end(),
+                           [&](const Wanted &one) { return isSuch(*one.row); });
+    };
+    std::vector<gripper::Pair> pairs;
+    for (const Wanted &one : wanted)
+        pairs.emplace_back(one.row->name, one.value);
+    const gripper::Options options = program.options();
+    const bool isSlow = anyRow([](const auto &row) { return row.mayWait; });
+    const gripper::Seconds timeout = isSlow ? program.timeoutOr(slowTimeout) : options.timeout;
+    std::optional<int> id;
+    if (anyRow([](const auto &row) { return row.needsGripper; }))
+        id = program.listedGripperId();
+    gripper::Connection connection(program.endpoint(), options, id);
+    if (!connection.open(gripper::Deadline(options.timeout)))
+        throw Failure(ExitCode::NoGripper,
+                      concat("gripper ", *id, " has just disappeared: see gripperctl status"));
+    bool isAcknowledged = false;
+    if (anyRow([](const auto &row) { return row.name == "BLD"; }))
+        program.muting(
+            [&] { isAcknowledged = sendIntoBootloader(program, connection, pairs, timeout); });
+    else
+        isAcknowledged = connection.set(pairs, gripper::Deadline(timeout));
+    if (!isAcknowledged)
+        throw Failure(ExitCode::Refused,
+                      "gripperd refused the request (nak): check the range of each number, and "
+                      "the gripper (gripperctl status)");
+    program.output().result("ack", {{"reply", "ack"}});
+}
+
+} // namespace
+
+void addSet(CLI::App &app, Program &program)
+{
+    const auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App &command =
+        addCommand(app,
+                   {"set", "Set variables of the protocol, in one request.",
+                    "Numbers are 0 to 255. Settings for the next movement may come in any order.\n"
+                    "SCN, SCN_BLOCK and BLD need no number.",
+                    "set MSC 100"},
+                   [&program, words] { run(program, *words); });
+    addWords(command, "NAME [NUMBER]...", *words, 1, std::numeric_limits<int>::max())
+        ->option_text(join(namesToSet(), " "));
+}
+
+} // namespace gripperctl
