@@ -137,7 +137,8 @@ std::string presentState(Program &program, int id)
                          "Gripper ",
                          id,
                          " waits in its bootloader: switch it off and on, then run gripperctl "
-                         "scan. The cause is in the daemon's log (journalctl -u gripperd)"));
+                         "scan. The cause is in the daemon's log (journalctl "
+                         "--namespace=gripperd)"));
 }
 
 std::string versionsText(const std::string &before, const std::string &after)
@@ -169,7 +170,7 @@ std::string upgrade(Program &program, gripper::Gripper &gripper, const std::stri
         throw Failure(ExitCode::Refused,
                       concat("gripper ", id, " runs ", versionsText(before, gripper.get("FWV")),
                              ": see the messages of the flasher in the daemon's log (journalctl "
-                             "-u gripperd)"));
+                             "--namespace=gripperd)"));
     } catch (const gripper::GripperMissing &) {
         if (progress.is(Stage::Searching))
             failUnfound(id, progress);
