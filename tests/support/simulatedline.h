@@ -25,6 +25,8 @@ public:
 
     /// The gripper does not answer the next `times` requests that begin at `startAddress`.
     void silence(quint8 slaveId, quint16 startAddress, int times);
+    /// The gripper ignores the next `times` resets. Jumps to the bootloader then fail.
+    void ignoreResets(quint8 slaveId, int times = sim::Fault::unlimited);
     /// The gripper delays every answer to requests that begin at `startAddress`.
     void delay(quint8 slaveId, quint16 startAddress, int delayMs);
 

@@ -204,14 +204,12 @@ private slots:
     void firstResetValueOfAProcessIsWrittenEveryTime_data();
     void firstResetValueOfAProcessIsWrittenEveryTime();
 
-    void automaticResetClosesTheLink();
     void automaticResetThatFailsLeavesTheLinkOpen_data();
     void automaticResetThatFailsLeavesTheLinkOpen();
     void firmwareRestartDoesNotChangeTheLink_data();
     void firmwareRestartDoesNotChangeTheLink();
 
     void manualResetRepeatsUntilTheDeviceAcknowledges();
-    void manualResetOpensTheLink();
     void manualResetReopensALostLink();
     void manualResetThatTimesOutClosesTheLink_data();
     void manualResetThatTimesOutClosesTheLink();
@@ -228,8 +226,6 @@ private slots:
     void detectionContinuesAfterAWrongAnswer_data();
     void detectionContinuesAfterAWrongAnswer();
     void attemptWaitsFiftyMilliseconds();
-    void detectionUsesItsRate_data();
-    void detectionUsesItsRate();
     void detectionLeavesThePortFree_data();
     void detectionLeavesThePortFree();
     void detectionPumpsNoEvents();
@@ -293,14 +289,6 @@ void tst_Bootloader::firstResetValueOfAProcessIsWrittenEveryTime()
     QCOMPARE(runScenario(scenario, 10000), 0);
 }
 
-void tst_Bootloader::automaticResetClosesTheLink()
-{
-    QVERIFY(m_device->resetDeviceToBootloader(firstCommand, false, 0));
-    QCOMPARE(m_master->takeRequests(), (QStringList{firstWrite, QStringLiteral("disconnect")}));
-    QVERIFY(!m_master->isConnected());
-    QCOMPARE(m_device->error(), Error::NoError);
-}
-
 void tst_Bootloader::automaticResetThatFailsLeavesTheLinkOpen_data()
 {
     QTest::addColumn<int>("error");
@@ -360,15 +348,6 @@ void tst_Bootloader::manualResetRepeatsUntilTheDeviceAcknowledges()
                           firstWrite, firstWrite}));
     QCOMPARE(requests.last(), QStringLiteral("disconnect"));
     QCOMPARE(writes, 3);
-    QVERIFY(!m_master->isConnected());
-}
-
-void tst_Bootloader::manualResetOpensTheLink()
-{
-    m_master->setOpen(false);
-    QVERIFY(m_device->resetDeviceToBootloader(firstCommand, true, longTimeoutMs));
-    QCOMPARE(m_master->takeRequests().mid(0, 3),
-             (QStringList{QStringLiteral("baud 115200"), QStringLiteral("connect"), firstWrite}));
     QVERIFY(!m_master->isConnected());
 }
 
@@ -527,22 +506,6 @@ void tst_Bootloader::attemptWaitsFiftyMilliseconds()
     QVERIFY(!m_device->detectBootloader(QSerialPort::Baud115200, 5));
     QVERIFY2(clock.elapsed() >= qint64{6} * 48, qPrintable(QString::number(clock.elapsed())));
     QVERIFY2(clock.elapsed() < 6 * 100 + 300, qPrintable(QString::number(clock.elapsed())));
-}
-
-void tst_Bootloader::detectionUsesItsRate_data()
-{
-    QTest::addColumn<int>("baudRate");
-    QTest::newRow("own bootloader") << 115200;
-    QTest::newRow("ROM bootloader") << 19200;
-}
-
-void tst_Bootloader::detectionUsesItsRate()
-{
-    QFETCH(int, baudRate);
-    m_master->setOpen(false);
-    m_end.setAnswers({{}, acknowledge});
-    QVERIFY(m_device->detectBootloader(QSerialPort::BaudRate(baudRate), 3));
-    QCOMPARE(m_end.knocks(), (QList<int>{baudRate, baudRate}));
 }
 
 void tst_Bootloader::detectionLeavesThePortFree_data()

@@ -79,7 +79,6 @@ private slots:
     void readWithoutBytesDoesNotEndTheConnection();
 
     void sendRepliesSendsAtOnce();
-    void unsentBytesCountsWhatTheKernelHasNotAccepted();
     void repliesArriveCompleteAndInOrder();
     void shortageOnlyDelaysReplies_data();
     void shortageOnlyDelaysReplies();
@@ -282,15 +281,6 @@ void tst_ClientConnection::sendRepliesSendsAtOnce()
     // No turn of the event loop in between.
     QCOMPARE(m_client->received(), QByteArray("ack"));
     QCOMPARE(m_connection->unsentBytes(), 0);
-}
-
-void tst_ClientConnection::unsentBytesCountsWhatTheKernelHasNotAccepted()
-{
-    fillTheKernel();
-    const int before = m_connection->unsentBytes();
-    m_connection->addReply("12345");
-    m_connection->sendReplies();
-    QCOMPARE(m_connection->unsentBytes(), before + 5);
 }
 
 void tst_ClientConnection::repliesArriveCompleteAndInOrder()

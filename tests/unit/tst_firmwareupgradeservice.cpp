@@ -20,8 +20,6 @@ private slots:
     void init();
     void cleanup();
 
-    void eightArgumentsAreInOrder_data();
-    void eightArgumentsAreInOrder();
     void programGetsTheArgumentsInTheWorkingDirectory();
     void commandIsLogged();
     void exitCodeIsPassedOn_data();
@@ -77,35 +75,6 @@ bool tst_FirmwareUpgradeService::start(FirmwareUpgradeService &service)
 {
     return service.startUpgrade(QStringLiteral("firmware/TA3-1.6.14.bin"), 19200,
                                 QStringLiteral("ttyUSB0"));
-}
-
-void tst_FirmwareUpgradeService::eightArgumentsAreInOrder_data()
-{
-    QTest::addColumn<QString>("file");
-    QTest::addColumn<int>("baudRate");
-    QTest::addColumn<QString>("port");
-    QTest::addColumn<QStringList>("arguments");
-
-    const auto row = [](const char *name, const QString &file, int baudRate, const char *port,
-                        const char *arguments) {
-        QTest::newRow(name) << file << baudRate << QString::fromLatin1(port)
-                            << QString::fromLatin1(arguments).split(QLatin1Char('|'));
-    };
-    row("own bootloader", QStringLiteral("firmware/TF1-2.0.2.bin"), 115200, "ttyS3",
-        "-p|/dev/ttyS3|-b|115200|-f|firmware/TF1-2.0.2.bin|-d|-g");
-    row("ROM bootloader", QStringLiteral("firmware/TA3-1.6.14.bin"), 19200, "ttyUSB0",
-        "-p|/dev/ttyUSB0|-b|19200|-f|firmware/TA3-1.6.14.bin|-d|-g");
-    row("file with blanks and quotes", QStringLiteral("a \"b\" c"), 19200, "ttyTool",
-        "-p|/dev/ttyTool|-b|19200|-f|a \"b\" c|-d|-g");
-}
-
-void tst_FirmwareUpgradeService::eightArgumentsAreInOrder()
-{
-    QFETCH(QString, file);
-    QFETCH(int, baudRate);
-    QFETCH(QString, port);
-    const FirmwareUpgradeService service;
-    QTEST(service.createArguments(file, baudRate, port), "arguments");
 }
 
 void tst_FirmwareUpgradeService::programGetsTheArgumentsInTheWorkingDirectory()

@@ -6,7 +6,6 @@
 #include <QSignalSpy>
 #include <QTest>
 
-#include <algorithm>
 #include <memory>
 #include <optional>
 
@@ -27,15 +26,6 @@ const QStringList inputReads2 = listOf("2 read 2000, 2 read 600, 2 read 602, 2 r
 const QString write9 = QStringLiteral("9 write 1000");
 const QByteArray running("RUNNING");
 constexpr int retryLimit = GripperList::__maxGripperCommunicationRetries;
-
-// Whether a request was sent before the answer to the previous one.
-bool hasRequestInsideARequest(const QStringList &traffic)
-{
-    const auto areRequests = [](const QString &first, const QString &second) {
-        return first != QLatin1String("answer") && second != QLatin1String("answer");
-    };
-    return std::adjacent_find(traffic.begin(), traffic.end(), areRequests) != traffic.end();
-}
 
 // Runs `action` once, inside the next wait for the line.
 template <class Action>
@@ -97,13 +87,10 @@ private slots:
     void mutedTickDoesNothing_data();
     void mutedTickDoesNothing();
     void busyTickDoesNothing();
-    void unmutedLoopContinuesAtItsPosition();
 
-    void newIntervalAppliesFromTheNextPeriod();
     void intervalThatIsSetRepeatedlyStopsNoTicks_data();
     void intervalThatIsSetRepeatedlyStopsNoTicks();
     void tickIsNotEnteredWhileItWaits();
-    void intervalChangedInsideATickLetsNoTickInside();
 
     void requestedScanWaitsForTheOutputStepAndKeepsTheLink();
     void blockingScanIgnoresThePause();
@@ -126,7 +113,6 @@ private:
     using LinkStatus = GripperList::LinkStatus;
 
     void setPosition(LoopStep step, std::optional<quint8> position);
-    void dropResetsTo(quint8 slaveId);
     void tick() { m_list->onTimerStateLoopTimeout(); }
     bool isPausing() const { return m_list->m_scanBackOffTimer->isActive(); }
     void addAccessRows();
@@ -201,15 +187,6 @@ void tst_GripperList::setPosition(LoopStep step, std::optional<quint8> position)
 {
     m_list->m_loopStep = step;
     m_list->m_currentSlaveId = position;
-}
-
-void tst_GripperList::dropResetsTo(quint8 slaveId)
-{
-    sim::Fault deaf;
-    deaf.kind = sim::FaultKind::Deaf;
-    deaf.scope = sim::Fault::Scope::StartAddress;
-    deaf.address = 400;
-    m_line->bus().setFault(slaveId, deaf);
 }
 
 void tst_GripperList::freshListIsScanningAndHasNothing()
@@ -318,6 +295,7 @@ void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus()
     QVERIFY(isPausing());
     QCOMPARE(m_list->m_scanBackOffTimer->interval(), 1000);
     QVERIFY(m_list->m_grippers.isEmpty());
+    QVERIFY(!m_list->m_currentSlaveId);
     QVERIFY(!m_list->m_modbus.isConnected());
 }
 
@@ -698,35 +676,6 @@ void tst_GripperList::busyTickDoesNothing()
     QCOMPARE(m_line->requests(), QStringList());
 }
 
-void tst_GripperList::unmutedLoopContinuesAtItsPosition()
-{
-    setPosition(LoopStep::ReadInput, 9);
-    m_list->setMuted(true);
-    tick();
-    m_list->setMuted(false);
-    tick();
-    QCOMPARE(m_line->requests(), inputReads9);
-}
-
-void tst_GripperList::newIntervalAppliesFromTheNextPeriod()
-{
-    m_list->setMuted(true);
-    m_list->m_tickIntervalMs = 50;
-    m_list->m_stateLoopTimer->start(50);
-    const int timerId = m_list->m_stateLoopTimer->timerId();
-
-    m_list->setThrottled(false);
-    QCOMPARE(m_list->m_stateLoopTimer->timerId(), timerId);
-    QSignalSpy ticks(m_list->m_stateLoopTimer, &QTimer::timeout);
-    QVERIFY(ticks.wait());
-    QCOMPARE(m_list->m_stateLoopTimer->interval(), 5);
-
-    m_list->setThrottled(true);
-    QVERIFY(ticks.wait());
-    QCOMPARE(m_list->m_stateLoopTimer->interval(), 50);
-    QVERIFY(m_list->m_stateLoopTimer->isActive());
-}
-
 void tst_GripperList::intervalThatIsSetRepeatedlyStopsNoTicks_data()
 {
     QTest::addColumn<bool>("throttled");
@@ -777,35 +726,6 @@ void tst_GripperList::tickIsNotEnteredWhileItWaits()
     QCOMPARE(m_line->requests(), inputReads9);
     QVERIFY(!m_list->m_tickRunning);
     QCOMPARE(m_list->m_loopStep, LoopStep::WriteOutput);
-}
-
-// A new interval gives a timer a new id. It may then fire inside its own handler.
-void tst_GripperList::intervalChangedInsideATickLetsNoTickInside()
-{
-    m_line->delay(9, 2000, 40);
-    m_line->delay(2, 2000, 40);
-    m_list->m_modbus.setConstraints({unhurriedTimeoutMs, 0, 0});
-    m_list->m_tickIntervalMs = 5;
-    m_list->m_stateLoopTimer->start(5);
-    QTimer client;
-    bool throttled = false;
-    connect(&client, &QTimer::timeout, m_list.get(), [&] {
-        throttled = !throttled;
-        m_list->setThrottled(throttled);
-        // Otherwise, ticks inside ticks would never end.
-        if (hasRequestInsideARequest(m_line->traffic()))
-            m_list->m_stateLoopTimer->stop();
-    });
-    client.start(7);
-
-    QTRY_VERIFY_WITH_TIMEOUT(
-        m_line->requests().size() >= 40 || !m_list->m_stateLoopTimer->isActive(), 60'000);
-    m_list->m_stateLoopTimer->stop();
-    QTRY_VERIFY(!m_list->m_tickRunning);
-
-    const QStringList traffic = m_line->traffic();
-    QVERIFY2(!hasRequestInsideARequest(traffic), qPrintable(traffic.join(QLatin1Char('\n'))));
-    QCOMPARE(m_log->infos(), QStringList());
 }
 
 void tst_GripperList::requestedScanWaitsForTheOutputStepAndKeepsTheLink()
@@ -906,7 +826,7 @@ void tst_GripperList::jumpKeepsTicksOutAndRestoresTheBusyFlag()
     QFETCH(bool, isBusy);
     m_list->m_busy = isBusy;
     m_list->m_modbus.setConstraints(ModbusConstraints(50, 0, 2));
-    dropResetsTo(9);
+    m_line->ignoreResets(9);
     setPosition(LoopStep::ReadInput, 2);
     int ticks = 0;
     duringTheNextWait([&] {
@@ -928,7 +848,7 @@ void tst_GripperList::jumpInsideATickWaitsForTheAnswerOfTheTick()
 {
     m_list->m_modbus.setConstraints(ModbusConstraints(200, 0, 2));
     m_line->delay(9, 2000, 60);
-    dropResetsTo(9);
+    m_line->ignoreResets(9);
     setPosition(LoopStep::ReadInput, 9);
     duringTheNextWait([&] { QVERIFY(!m_list->jumpToBootloader(m_found[9])); });
 

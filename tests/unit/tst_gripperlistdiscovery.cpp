@@ -24,7 +24,6 @@ private slots:
 
     void scanAddsTheGrippersThatAnswer();
     void scanLogsThePortAndTheSlaveIds();
-    void scanNeverFindsAGripperOutsideTheProbedIds();
     void scanOfAPortThatCannotBeOpenedChangesNothing();
     void scanLeavesTheLinkOpenWithAnyResult();
     void scanRemovesTheManagedIdsThatDoNotAnswer();
@@ -33,7 +32,6 @@ private slots:
     void lastOfSeveralGrippersWithTheSameIdCounts();
 
     void pollingStartsWithTheSecondGripper();
-    void rescanThatFindsNothingEmptiesTheListAndClosesTheLink();
     void rescanReplacesEveryGripperWithANewObject();
     void fieldThatWasNotSentBeforeTheRescanReachesTheNewObject();
     void fieldSetDuringTheScanReachesTheNewObject_data();
@@ -44,7 +42,6 @@ private slots:
     void gripperThatIsFoundAgainSoonKeepsUnsentFields();
     void latestGripperIsTheOneInTheList();
     void rescanAddsNewGrippersAndRemovesMissingOnes();
-    void clientsAreServedDuringAScan();
     void scanDisturbedByAnotherRemovesNoGripper_data();
     void scanDisturbedByAnotherRemovesNoGripper();
     void gripperThatOnlyTheInnerScanFindsStays();
@@ -123,16 +120,6 @@ void tst_GripperList::scanLogsThePortAndTheSlaveIds()
 
     const QString port = QStringLiteral("Connected serial port : \"%1\"").arg(line.path());
     QCOMPARE(m_log->infos(), (QStringList{port, QStringLiteral("(2, 9)")}));
-}
-
-void tst_GripperList::scanNeverFindsAGripperOutsideTheProbedIds()
-{
-    SimulatedLine line{{5, "TA3-1.6.14"}, {1, "TA3-1.6.14"}, {8, "TA3-1.6.14"}, {4, "TB1-1.4.3"}};
-
-    m_list->scan(line.path());
-
-    QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{4}));
-    QCOMPARE(m_log->infos().last(), QStringLiteral("(4)"));
 }
 
 void tst_GripperList::scanOfAPortThatCannotBeOpenedChangesNothing()
@@ -241,24 +228,6 @@ void tst_GripperList::pollingStartsWithTheSecondGripper()
     }
     QCOMPARE(visits.join(QStringLiteral(", ")),
              QStringLiteral("9 read 2000, 9 write 1000, 2 read 2000, 2 write 1000"));
-}
-
-void tst_GripperList::rescanThatFindsNothingEmptiesTheListAndClosesTheLink()
-{
-    SimulatedLine line{{3, "TF1-2.0.2"}};
-    m_list->scan(line.path());
-    m_list->startPolling();
-    line.bus().removeGripper(3);
-    m_list->requestScan();
-
-    m_list->onTimerStateLoopTimeout();
-    m_list->onTimerStateLoopTimeout();
-
-    QVERIFY(m_list->m_grippers.isEmpty());
-    QVERIFY(!m_list->m_currentSlaveId);
-    QVERIFY(!m_list->m_modbus.isConnected());
-    QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
-    QCOMPARE(m_list->getPrintableState(), QByteArray("SCANNING"));
 }
 
 void tst_GripperList::rescanReplacesEveryGripperWithANewObject()
@@ -420,21 +389,6 @@ void tst_GripperList::rescanAddsNewGrippersAndRemovesMissingOnes()
     QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(3));
     QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
     QVERIFY(m_list->m_modbus.isConnected());
-}
-
-void tst_GripperList::clientsAreServedDuringAScan()
-{
-    SimulatedLine line{{9, "TA3-1.6.14"}};
-    int served = 0;
-    QTimer client;
-    connect(&client, &QTimer::timeout, this,
-            [&] { served += m_list->getGripperFromSlaveId(9).isNull() ? 1 : 0; });
-    client.start(10);
-
-    m_list->scan(line.path());
-
-    QVERIFY2(served > 20, qPrintable(QString::number(served)));
-    QVERIFY(m_list->getGripperFromSlaveId(9));
 }
 
 void tst_GripperList::scanDisturbedByAnotherRemovesNoGripper_data()

@@ -43,8 +43,6 @@ private slots:
     void cleanupTestCase();
 
     void namedFirmwareImagesAreThoseOfTheFamilies();
-    void familyHasItsBootloader_data();
-    void familyHasItsBootloader();
     void bootloaderModeIsLookedForFiftyOneTimes();
     void bootloaderModeIsLookedForOnAQuietLine();
     void openLinkIsNoBootloaderMode();
@@ -99,12 +97,7 @@ private:
 
 GripperList::Gripper tst_GripperList::makeGripper(char familyLetter)
 {
-    m_master.setRegisters(9, 500, {static_cast<quint16>(0x5400 | familyLetter), 0x3301, 0x060E});
-    m_master.setRegisters(9, 510, {0x4142, 0x4300, 42, 0});
-    m_master.setRegisters(9, 514, {2024});
-    for (const quint16 counter : {quint16{600}, quint16{602}, quint16{604}})
-        m_master.setRegisters(9, counter, {0, 0});
-    m_master.setRegisters(9, 2000, {0, 0, 0});
+    m_master.addGripper(9, static_cast<quint16>(0x5400 | familyLetter));
     return GripperList::Gripper::create(m_master, quint16{9});
 }
 
@@ -122,7 +115,7 @@ void tst_GripperList::init()
     m_directory = std::make_unique<QTemporaryDir>();
     QVERIFY(m_directory->isValid());
     QVERIFY(QDir::setCurrent(m_directory->path()));
-    writeProgram("echo \"$@\" >> called; until test -e end; do sleep 0.01; done; exit 5");
+    writeProgram("until test -e end; do sleep 0.01; done; exit 5");
     m_log = std::make_unique<LogCapture>();
     m_list = std::make_unique<GripperList>(m_factory, nullptr);
     m_list->m_stateLoopTimer->stop();
@@ -189,23 +182,6 @@ void tst_GripperList::namedFirmwareImagesAreThoseOfTheFamilies()
     QCOMPARE(GripperList::__firmwareGripperB, "firmware/TB1-1.4.3.bin");
     QCOMPARE(GripperList::__firmwareGripperE, "firmware/TE1-2.0.2.bin");
     QCOMPARE(GripperList::__firmwareGripperF, "firmware/TF1-2.0.2.bin");
-}
-
-void tst_GripperList::familyHasItsBootloader_data()
-{
-    QTest::addColumn<char>("family");
-    QTest::addColumn<bool>("isRom");
-    QTest::newRow("TA") << 'A' << true;
-    QTest::newRow("TB") << 'B' << true;
-    QTest::newRow("TC") << 'C' << false;
-    QTest::newRow("TE") << 'E' << false;
-    QTest::newRow("TF") << 'F' << false;
-}
-
-void tst_GripperList::familyHasItsBootloader()
-{
-    QFETCH(char, family);
-    QTEST(m_list->hasStBootloader(m_families[family]), "isRom");
 }
 
 void tst_GripperList::bootloaderModeIsLookedForFiftyOneTimes()
@@ -305,12 +281,6 @@ void tst_GripperList::familyIsFlashedWithItsFirmware()
 
     QVERIFY(QFile(QStringLiteral("end")).open(QIODevice::WriteOnly));
     QTRY_COMPARE(m_list->getUpgradeStatus(), 0);
-    QFile called(QStringLiteral("called"));
-    QVERIFY(called.open(QIODevice::ReadOnly));
-    QCOMPARE(QString::fromUtf8(called.readAll()), QStringLiteral("-p %1 -b %2 -f %3 -d -g\n")
-                                                      .arg(m_listEnd.portName())
-                                                      .arg(baudRate)
-                                                      .arg(file));
 }
 
 void tst_GripperList::gripperInItsBootloaderIsFlashedWithoutMuting()

@@ -1,5 +1,6 @@
 #include "portusage.h"
 
+#include "logcapture.h"
 #include "quitsignals.h"
 
 #include <QCoreApplication>
@@ -13,18 +14,11 @@
 #include <array>
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <sys/time.h>
 #include <unistd.h>
 
 namespace {
-
-// Warnings of Qt. The daemon would print them to its log.
-QStringList s_warnings;
-
-void noteWarning(QtMsgType /*type*/, const QMessageLogContext & /*context*/, const QString &message)
-{
-    s_warnings.append(message);
-}
 
 const QString none; // the program does not exist
 const QString exitsWith0 = QStringLiteral("#!/bin/sh\nexit 0\n");
@@ -79,7 +73,7 @@ private:
     QScopedPointer<QTemporaryDir> m_searchPath;
     QString m_keptDirectory;
     QByteArray m_keptPath;
-    QtMessageHandler m_keptHandler = nullptr;
+    std::unique_ptr<LogCapture> m_log;
     QStringList m_reports;
     CommandReport m_report = [this](const QString &command, int exitCode) {
         m_reports.append(command + QStringLiteral(" -> ") + QString::number(exitCode));
@@ -101,16 +95,16 @@ void tst_PortUsage::init()
     QVERIFY(QDir::setCurrent(m_workingDirectory->path()));
     qputenv("PATH", m_searchPath->path().toLocal8Bit());
     m_reports.clear();
-    s_warnings.clear();
-    m_keptHandler = qInstallMessageHandler(noteWarning);
+    m_log = std::make_unique<LogCapture>();
 }
 
 void tst_PortUsage::cleanup()
 {
-    qInstallMessageHandler(m_keptHandler);
     qputenv("PATH", m_keptPath);
     QDir::setCurrent(m_keptDirectory);
-    QCOMPARE(s_warnings, QStringList());
+    // The daemon would print the warnings of Qt to its log.
+    QCOMPARE(m_log->warnings(), QStringList());
+    m_log.reset();
 }
 
 void tst_PortUsage::onlyUsbSerialNamesQualify_data()

@@ -259,8 +259,6 @@ private slots:
     void thousandAmbiguousLinesAreGarbage();
     void garbageIsNotKept_data();
     void garbageIsNotKept();
-    void setOfTwentyThousandPairsIsOneRequest_data();
-    void setOfTwentyThousandPairsIsOneRequest();
     void requestOfMaximumLengthIsCut();
     void requestOverTheMaximumLengthIsGarbage();
     void lineWithoutEndIsDroppedAtTheMaximumLength();
@@ -766,26 +764,6 @@ void tst_RequestScanner::garbageIsNotKept()
         QVERIFY(scan(scanner, packet).isEmpty());
         QVERIFY(scanner.bytesKept() <= 10);
     }
-}
-
-void tst_RequestScanner::setOfTwentyThousandPairsIsOneRequest_data()
-{
-    QTest::addColumn<int>("packetSize");
-
-    QTest::newRow("one packet") << megabyte;
-    QTest::newRow("small packets") << 100;
-}
-
-void tst_RequestScanner::setOfTwentyThousandPairsIsOneRequest()
-{
-    QFETCH(int, packetSize);
-    const QByteArray text = "SET" + QByteArray(" POS 100").repeated(20000) + "\r\n";
-    QList<QByteArray> packets;
-    for (int at = 0; at < text.size(); at += packetSize)
-        packets.append(text.mid(at, packetSize));
-
-    QCOMPARE(scanPackets(packets + QList<QByteArray>{"GET STA"}),
-             (QList<QByteArray>{text, "GET STA"}));
 }
 
 void tst_RequestScanner::requestOfMaximumLengthIsCut()

@@ -169,7 +169,6 @@ void TestRomflasherPort::lockOfADeadProcessIsTakenOver()
     file.close();
     SerialPortLock lock(device);
     lock.take(0);
-    file.close();
     QVERIFY(file.open(QIODevice::ReadOnly));
     QCOMPARE(file.readLine().trimmed(), QByteArray::number(QCoreApplication::applicationPid()));
 }

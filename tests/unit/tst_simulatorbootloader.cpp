@@ -10,7 +10,6 @@
 namespace {
 const char *const ack = "79";
 const char *const nack = "1f";
-const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
 const char *const romBootloaderRequest = "09 10 01 90 00 01 02 2a 00 d3 60";
 const char *const ownBootloaderRequest = "09 10 01 90 00 01 02 35 00 db 50";
 const char *const resetAnswer = "09 10 01 90 00 01 01 50";
@@ -137,7 +136,6 @@ private slots:
     void requestIsAnswered();
     void invalidRequestIsRefused_data();
     void invalidRequestIsRefused();
-    void requestAfterARefusedOneIsAnswered();
     void writtenBytesAreReadBack();
     void blockWithAWrongChecksumIsNotWritten();
     void writingClearsBitsAndOnlyErasingSetsThem();
@@ -317,14 +315,6 @@ void TestSimulatorBootloader::invalidRequestIsRefused()
     BootloaderBench bench;
     bench.synchronise();
     QCOMPARE(bench.askBootloader(request.constData()), answer);
-    QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
-}
-
-void TestSimulatorBootloader::requestAfterARefusedOneIsAnswered()
-{
-    BootloaderBench bench;
-    bench.synchronise();
-    QCOMPARE(bench.askBootloader("00 00"), QByteArray(nack));
     QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
 }
 

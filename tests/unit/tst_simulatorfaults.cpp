@@ -6,8 +6,6 @@
 #include <QTest>
 
 namespace {
-const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
-const char *const versionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
 const char *const activateRequest = "09 10 03 e8 00 03 06 01 00 00 00 00 00 72 e1";
 
 bool isActivated(SimulatorBench &bench)

@@ -1,5 +1,6 @@
 #include "bussimulator.h"
 #include "failure.h"
+#include "tst_simulatorbench.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -22,8 +23,6 @@
 using sim::BusSimulator;
 
 namespace {
-const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
-const char *const versionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
 constexpr int ordinaryUserId = 65534;
 
 /// A line with one gripper and with a link in a temporary directory.
@@ -100,7 +99,6 @@ class TestSimulatorPort : public QObject
     Q_OBJECT
 
 private slots:
-    void masterInTheSameProcessGetsItsAnswer();
     void portCanBeOpenedManyTimes();
     void answerIsSentWithinAMillisecond();
     void requestAtAnotherRateIsNotAnswered();
@@ -120,15 +118,6 @@ private slots:
     void foreignLinkInItsPlaceIsNotRemoved();
     void framesAreKeptUntilCleared();
 };
-
-void TestSimulatorPort::masterInTheSameProcessGetsItsAnswer()
-{
-    Bench bench;
-    bench.simulator.plug();
-    QSerialPort port;
-    openAsMaster(port, bench.simulator.linkPath());
-    QCOMPARE(askVersion(port), QByteArray(versionAnswer));
-}
 
 void TestSimulatorPort::portCanBeOpenedManyTimes()
 {

@@ -3,8 +3,6 @@
 #include <QTest>
 
 namespace {
-const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
-const char *const versionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
 const char *const restartRequest = "09 10 01 90 00 01 02 56 00 f3 a0";
 const char *const restartAnswer = "09 10 01 90 00 01 01 50";
 } // namespace
@@ -20,7 +18,6 @@ private slots:
     void requestIsNotAnswered();
     void requestInPiecesIsAnsweredAfterItsLastByte();
     void twoRequestsInOnePieceGetTwoAnswers();
-    void requestAfterGarbageAndSilenceIsAnswered();
     void requestDirectlyAfterGarbageIsIgnored();
     void lateTimerDoesNotHideTheSilenceBeforeARequest();
     void noiseIsDroppedAtTheNextSilence();
@@ -109,14 +106,6 @@ void TestSimulatorProtocol::twoRequestsInOnePieceGetTwoAnswers()
     SimulatorBench bench;
     QCOMPARE(bench.ask("09 03 01 f4 00 03 44 8d 09 03 07 d0 00 03 04 0e"),
              QByteArray(versionAnswer) + " 09 03 06 00 00 00 00 00 00 46 b5");
-}
-
-void TestSimulatorProtocol::requestAfterGarbageAndSilenceIsAnswered()
-{
-    SimulatorBench bench;
-    bench.ask("09 03 ff 00 13");
-    bench.waitForSilence();
-    QCOMPARE(bench.ask(versionRequest), QByteArray(versionAnswer));
 }
 
 void TestSimulatorProtocol::requestDirectlyAfterGarbageIsIgnored()

@@ -26,16 +26,6 @@ const QString writeId4 =
     QStringLiteral("write 9 430: 0x0001 0x0203 0xffff 0x8000 0xab04 0x0000 0x0036");
 const QString restart = QStringLiteral("write 9 400: 0x5600");
 
-void setUpSlave(ScriptedMaster &master, quint8 slaveId)
-{
-    master.setRegisters(slaveId, 500, {0x5441, 0x3301, 0x060E});
-    master.setRegisters(slaveId, 510, {0x4142, 0x4300, 42, 0});
-    master.setRegisters(slaveId, 514, {2024});
-    for (const quint16 counter : {quint16{600}, quint16{602}, quint16{604}})
-        master.setRegisters(slaveId, counter, {0, 0});
-    master.setRegisters(slaveId, 2000, {0, 0, 0});
-}
-
 } // namespace
 
 /// Slave id moves of a gripper from 9 to 4, on the gripper and in the list.
@@ -77,8 +67,8 @@ void tst_GripperList::init()
 {
     m_log = std::make_unique<LogCapture>();
     m_master = std::make_unique<ScriptedMaster>();
-    setUpSlave(*m_master, 9);
-    setUpSlave(*m_master, 4);
+    m_master->addGripper(9);
+    m_master->addGripper(4);
     m_gripper = GripperList::Gripper::create(*m_master, quint16{9});
     QCOMPARE(m_gripper->error(), Error::NoError);
     m_list = std::make_unique<GripperList>(m_factory, nullptr);

@@ -21,7 +21,6 @@ private slots:
     void wholeRequestIsLoggedQuotedAndEscaped();
     void longLineIsCutAndTheRestCounted_data();
     void longLineIsCutAndTheRestCounted();
-    void everyPairHasALine();
     void hundredPairsHaveALineEach();
     void moreThanAHundredPairsAreCounted_data();
     void moreThanAHundredPairsAreCounted();
@@ -103,16 +102,6 @@ void tst_UnhandledPairs::longLineIsCutAndTheRestCounted()
     QCOMPARE(m_log->infos(), QStringList((start + digits + end).left(loggedLength) + remark));
 }
 
-void tst_UnhandledPairs::everyPairHasALine()
-{
-    UnhandledPairs pairs("SET AAA BBB\n");
-    pairs.log();
-    QCOMPARE(m_log->infos().size(), 1);
-    pairs.log();
-    const QString line = QStringLiteral(R"(SET UNHANDLED REQUEST : "SET AAA BBB\n")");
-    QCOMPARE(m_log->infos(), (QStringList{line, line}));
-}
-
 void tst_UnhandledPairs::hundredPairsHaveALineEach()
 {
     {
@@ -120,9 +109,9 @@ void tst_UnhandledPairs::hundredPairsHaveALineEach()
         for (int pair = 0; pair < 100; ++pair)
             pairs.log();
     }
+    const QString line = QStringLiteral(R"(SET UNHANDLED REQUEST : "SET AAA\n")");
     QCOMPARE(m_log->infos().size(), 100);
-    m_log->infos().removeDuplicates();
-    QCOMPARE(m_log->infos().last(), QStringLiteral(R"(SET UNHANDLED REQUEST : "SET AAA\n")"));
+    QCOMPARE(m_log->infos().count(line), 100);
 }
 
 void tst_UnhandledPairs::moreThanAHundredPairsAreCounted_data()
