@@ -36,7 +36,7 @@ sim::Fault faultAt(quint16 startAddress, sim::FaultKind kind)
 
 SimulatedLine::SimulatedLine(std::initializer_list<Gripper> grippers)
 {
-    // Answers have a time limit, so this process gets priority over parallel tests if it may.
+    // Answers have a time limit, so this process asks for priority over parallel tests.
     ::setpriority(PRIO_PROCESS, 0, -10);
     for (const Gripper &gripper : grippers) {
         if (m_bus.addGripper(gripper.slaveId, QString::fromLatin1(gripper.version)) == nullptr)

@@ -1,17 +1,17 @@
 #include "firmwareupgradeservice.h"
 
 #include "logcapture.h"
+#include "workingdirectory.h"
 
-#include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QSignalSpy>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <csignal>
 #include <memory>
 
-/// The tests replace the flashing program by shell scripts.
+/// Shell scripts replace the flashing program.
 class tst_FirmwareUpgradeService : public QObject
 {
     Q_OBJECT
@@ -41,17 +41,13 @@ private:
     bool start(FirmwareUpgradeService &service);
     QStringList logAfterTheCommand() const { return m_log->infos().mid(1); }
 
-    QString m_workingDirectory;
-    std::unique_ptr<QTemporaryDir> m_directory;
+    std::unique_ptr<WorkingDirectory> m_directory;
     std::unique_ptr<LogCapture> m_log;
 };
 
 void tst_FirmwareUpgradeService::init()
 {
-    m_workingDirectory = QDir::currentPath();
-    m_directory = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_directory->isValid());
-    QVERIFY(QDir::setCurrent(m_directory->path()));
+    m_directory = std::make_unique<WorkingDirectory>();
     m_log = std::make_unique<LogCapture>();
 }
 
@@ -59,16 +55,12 @@ void tst_FirmwareUpgradeService::cleanup()
 {
     QCOMPARE(m_log->warnings(), QStringList());
     m_log.reset();
-    QDir::setCurrent(m_workingDirectory);
     m_directory.reset();
 }
 
 void tst_FirmwareUpgradeService::writeProgram(const QByteArray &script)
 {
-    QFile file(QStringLiteral("romflasher"));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QVERIFY(file.write("#!/bin/sh\n" + script + '\n') > 0);
-    QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+    m_directory->writeScript(QStringLiteral("romflasher"), script);
 }
 
 bool tst_FirmwareUpgradeService::start(FirmwareUpgradeService &service)
@@ -89,7 +81,7 @@ void tst_FirmwareUpgradeService::programGetsTheArgumentsInTheWorkingDirectory()
     QVERIFY(called.open(QIODevice::ReadOnly));
     QCOMPARE(called.readAll(), "./romflasher\n-p\n/dev/ttyS3\n-b\n115200\n-f\nfirmware/a b.bin\n"
                                "-d\n-g\n" +
-                                   QDir(m_directory->path()).canonicalPath().toUtf8() + '\n');
+                                   m_directory->path().toUtf8() + '\n');
 }
 
 void tst_FirmwareUpgradeService::commandIsLogged()
@@ -229,7 +221,7 @@ void tst_FirmwareUpgradeService::outputIsLoggedOnOneLine()
 
 void tst_FirmwareUpgradeService::outputInPiecesIsLoggedInPieces()
 {
-    // The script writes a piece when the log has the piece before.
+    // The script writes each piece after the log has the previous one.
     writeProgram("printf 'one\\n'\n"
                  "until test -e 1; do sleep 0.01; done\n"
                  "printf 'two\\n' >&2\n"

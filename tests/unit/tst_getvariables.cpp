@@ -19,7 +19,7 @@ std::string_view viewOf(const QByteArray &text)
 
 } // namespace
 
-/// The GET table with a gripper that has a different value in each field.
+/// The GET table. The fields of the gripper have different values.
 class tst_GetVariables : public QObject
 {
     Q_OBJECT
@@ -179,7 +179,7 @@ void tst_GetVariables::driverStateIsTheStateOfTheList()
     QCOMPARE(valueOf("DRI"), QByteArray("RUNNING"));
 }
 
-// The identity was read when the gripper was found.
+// The scan has already read the identity of the gripper.
 void tst_GetVariables::readingTheTableSendsNoRequest()
 {
     m_line->clearTraffic();

@@ -13,8 +13,8 @@ namespace {
 
 // Long enough for every answer, also on a busy machine.
 constexpr int patientTimeoutMs = 100;
-// For tests in which every request gets its answer. Only the answer ends the wait.
-constexpr int unhurriedTimeoutMs = 4000;
+// For tests in which every request gets its answer, so that only the answer ends the wait.
+constexpr int veryLongTimeoutMs = 4000;
 
 QStringList listOf(const char *texts)
 {
@@ -48,7 +48,7 @@ private slots:
     void cleanup();
     void cleanupTestCase();
 
-    void freshListIsScanningAndHasNothing();
+    void newListIsScanningAndHasNoGrippers();
     void linkStatusHasItsText_data();
     void linkStatusHasItsText();
     void unknownSlaveIdIsNullAndChangesNothing();
@@ -56,8 +56,8 @@ private slots:
 
     void discoverSendsNothingWhileItsPauseRuns();
     void discoverThatFindsGrippersGoesToSelectNext();
-    void discoverThatFindsNothingPausesAndLeavesTheStatus_data();
-    void discoverThatFindsNothingPausesAndLeavesTheStatus();
+    void discoverThatFindsNothingPausesAndKeepsTheStatus_data();
+    void discoverThatFindsNothingPausesAndKeepsTheStatus();
     void failedDiscoveryIsRepeatedNoSoonerThanASecondLater();
     void selectNextWithARequestedScanGoesToDiscover();
     void selectNextWithoutGrippersGoesToDiscover();
@@ -80,7 +80,7 @@ private slots:
     void failingCounterFailsTheRead();
 
     void grippersAreVisitedInAscendingOrder();
-    void unchangedOutputIsNeverWrittenAndTheNextReadFollowsAtOnce();
+    void unchangedOutputIsNotWrittenAndTheSameTickReadsTheNextGripper();
     void changedOutputIsWrittenOnTheNextTick();
     void outputChangedDuringTheReadIsWrittenOnTheNextTick();
 
@@ -90,15 +90,15 @@ private slots:
 
     void intervalThatIsSetRepeatedlyStopsNoTicks_data();
     void intervalThatIsSetRepeatedlyStopsNoTicks();
-    void tickIsNotEnteredWhileItWaits();
+    void noTickStartsWhileATickWaits();
 
     void requestedScanWaitsForTheOutputStepAndKeepsTheLink();
     void blockingScanIgnoresThePause();
-    void blockingScanReportsScanningMeanwhile();
-    void blockingScanKeepsTicksOut();
+    void runningBlockingScanIsReportedAsScanning();
+    void noTickRunsDuringABlockingScan();
     void blockingScanInsideAnotherRestoresTheBusyFlag();
-    void jumpKeepsTicksOutAndRestoresTheBusyFlag_data();
-    void jumpKeepsTicksOutAndRestoresTheBusyFlag();
+    void noTickRunsDuringAJumpAndTheBusyFlagIsRestored_data();
+    void noTickRunsDuringAJumpAndTheBusyFlagIsRestored();
     void jumpInsideATickWaitsForTheAnswerOfTheTick();
     void scanSetsNoRateWhileAnAnswerIsAwaited();
     void everyObjectMayBeReplacedWhileAStepWaits();
@@ -138,7 +138,7 @@ void tst_GripperList::initTestCase()
     // No tick has run yet, because no event loop has run. From now on the tests call the ticks.
     m_list->m_stateLoopTimer->stop();
     m_list->openLink(m_line->path());
-    m_list->m_modbus.setConstraints({unhurriedTimeoutMs, 0, 0});
+    m_list->m_modbus.setConstraints({veryLongTimeoutMs, 0, 0});
     for (const quint8 slaveId : {quint8{2}, quint8{9}}) {
         const auto gripper = GripperList::Gripper::create(m_list->m_modbus, slaveId);
         QCOMPARE(gripper->error(), KvDeviceBase::NoError);
@@ -189,7 +189,7 @@ void tst_GripperList::setPosition(LoopStep step, std::optional<quint8> position)
     m_list->m_currentSlaveId = position;
 }
 
-void tst_GripperList::freshListIsScanningAndHasNothing()
+void tst_GripperList::newListIsScanningAndHasNoGrippers()
 {
     const GripperList list(m_factory, nullptr);
 
@@ -270,7 +270,7 @@ void tst_GripperList::discoverThatFindsGrippersGoesToSelectNext()
     QVERIFY(!isPausing());
 }
 
-void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus_data()
+void tst_GripperList::discoverThatFindsNothingPausesAndKeepsTheStatus_data()
 {
     QTest::addColumn<int>("status");
     QTest::addColumn<QByteArray>("text");
@@ -280,7 +280,7 @@ void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus_data()
     QTest::newRow("time-out") << 3 << QByteArray("ERR_TIMEOUT");
 }
 
-void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus()
+void tst_GripperList::discoverThatFindsNothingPausesAndKeepsTheStatus()
 {
     QFETCH(int, status);
     m_list->m_modbus.disconnectFromDevice();
@@ -299,8 +299,8 @@ void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus()
     QVERIFY(!m_list->m_modbus.isConnected());
 }
 
-// A coarse timer fires early only in some phases of the clock's second, for example at the end of a
-// first discovery. The second discovery therefore starts in this phase.
+// A coarse timer may fire early if it starts at certain milliseconds of the clock's second. The
+// second discovery therefore ends at such a millisecond.
 void tst_GripperList::failedDiscoveryIsRepeatedNoSoonerThanASecondLater()
 {
     const auto millisecondOfTheSecond = [] {
@@ -345,7 +345,7 @@ void tst_GripperList::failedDiscoveryIsRepeatedNoSoonerThanASecondLater()
 
     QVERIFY2(firstRequestMs < 1500, qPrintable(QString::number(firstRequestMs)));
     QVERIFY(firstRequestMs > pausedMs);
-    // The clock starts after the pause and counts whole milliseconds.
+    // The clock starts a little after the pause begins, and counts whole milliseconds.
     QVERIFY2(pausedMs >= 998, qPrintable(QString::number(pausedMs)));
 }
 
@@ -426,7 +426,7 @@ void tst_GripperList::addAccessRows()
                            << "gripper->updateOutput() fail counter: ";
 }
 
-// The position is at gripper 9, which has new output.
+// Moves the position to gripper 9 and gives it new output.
 void tst_GripperList::prepareAccess()
 {
     QFETCH(int, step);
@@ -595,7 +595,7 @@ void tst_GripperList::grippersAreVisitedInAscendingOrder()
     QCOMPARE(m_line->requests(), inputReads9 + inputReads2 + inputReads9 + inputReads2);
 }
 
-void tst_GripperList::unchangedOutputIsNeverWrittenAndTheNextReadFollowsAtOnce()
+void tst_GripperList::unchangedOutputIsNotWrittenAndTheSameTickReadsTheNextGripper()
 {
     QVERIFY(m_found[9]->updateOutput());
     QVERIFY(!m_found[9]->isNewOutput());
@@ -711,7 +711,7 @@ void tst_GripperList::intervalThatIsSetRepeatedlyStopsNoTicks()
     QVERIFY2(ticks.size() >= atLeast, qPrintable(QString::number(ticks.size())));
 }
 
-void tst_GripperList::tickIsNotEnteredWhileItWaits()
+void tst_GripperList::noTickStartsWhileATickWaits()
 {
     setPosition(LoopStep::ReadInput, 9);
     bool wasInside = false;
@@ -764,7 +764,7 @@ void tst_GripperList::blockingScanIgnoresThePause()
     QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
 }
 
-void tst_GripperList::blockingScanReportsScanningMeanwhile()
+void tst_GripperList::runningBlockingScanIsReportedAsScanning()
 {
     QByteArray meanwhile;
     auto stepMeanwhile = LoopStep::WriteOutput;
@@ -780,7 +780,7 @@ void tst_GripperList::blockingScanReportsScanningMeanwhile()
     QCOMPARE(m_list->getPrintableState(), running);
 }
 
-void tst_GripperList::blockingScanKeepsTicksOut()
+void tst_GripperList::noTickRunsDuringABlockingScan()
 {
     m_list->m_tickIntervalMs = 5;
     m_list->m_stateLoopTimer->start(5);
@@ -814,14 +814,14 @@ void tst_GripperList::blockingScanInsideAnotherRestoresTheBusyFlag()
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
 }
 
-void tst_GripperList::jumpKeepsTicksOutAndRestoresTheBusyFlag_data()
+void tst_GripperList::noTickRunsDuringAJumpAndTheBusyFlagIsRestored_data()
 {
     QTest::addColumn<bool>("isBusy");
     QTest::newRow("alone") << false;
     QTest::newRow("inside another operation") << true;
 }
 
-void tst_GripperList::jumpKeepsTicksOutAndRestoresTheBusyFlag()
+void tst_GripperList::noTickRunsDuringAJumpAndTheBusyFlagIsRestored()
 {
     QFETCH(bool, isBusy);
     m_list->m_busy = isBusy;
@@ -840,7 +840,7 @@ void tst_GripperList::jumpKeepsTicksOutAndRestoresTheBusyFlag()
     QCOMPARE(m_line->requests(), QStringList{QStringLiteral("9 write 400")});
     QCOMPARE(m_list->m_busy, isBusy);
     QVERIFY(m_list->m_muted);
-    // The simulator reads the bytes of the detection, so that no later test receives them.
+    // Meanwhile the simulator reads the bytes of the detection. Otherwise a later test gets them.
     QTest::qWait(50);
 }
 

@@ -202,7 +202,7 @@ void tst_GripperList::lastOfSeveralGrippersWithTheSameIdCounts()
 void tst_GripperList::pollingStartsWithTheSecondGripper()
 {
     SimulatedLine line{{9, "TA3-1.6.14"}, {2, "TE1-2.0.2"}};
-    // A busy machine may make a scan miss a gripper; the scan is then repeated.
+    // On a busy machine a scan may miss a gripper. The test then repeats the scan.
     const auto discoverBoth = [&] {
         m_list->m_scanBackOffTimer->stop();
         m_list->m_loopStep = LoopStep::Discover;
@@ -214,7 +214,7 @@ void tst_GripperList::pollingStartsWithTheSecondGripper()
     QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
     QCOMPARE(m_list->getPrintableState(), QByteArray("RUNNING"));
     line.clearTraffic();
-    // Only its answer ends a request: one that fails is repeated.
+    // The loop repeats failed requests. With this time-out every request gets its answer.
     m_list->m_modbus.setConstraints({4000, 0, 0});
 
     // Read, write, read, write: a new gripper always has new output.
@@ -244,7 +244,7 @@ void tst_GripperList::rescanReplacesEveryGripperWithANewObject()
     const auto fresh = m_list->getGripperFromSlaveId(9);
     QVERIFY(fresh);
     QVERIFY(fresh != old);
-    // A holder of the old object has a copy that no longer changes.
+    // The old object no longer changes.
     QCOMPARE(old->getSpeedRequest(), quint8{77});
     QCOMPARE(fresh->getSpeedRequest(), quint8{0});
 }
@@ -290,7 +290,7 @@ void tst_GripperList::fieldSetDuringTheScanReachesTheNewObject()
     QCOMPARE(fresh->getActivateRequest(), quint8{1});
 }
 
-// The old object has the value, the new one starts with another value.
+// The old object already has the value, but the new one starts with another value.
 void tst_GripperList::fieldSetToItsOldValueDuringTheScanReachesTheNewObject()
 {
     SimulatedLine line{{9, "TA3-1.6.14"}};
@@ -315,7 +315,7 @@ void tst_GripperList::fieldSetDuringNestedScansReachesTheNewObject()
     m_list->scan(line.path());
     QVERIFY(m_list->getGripperFromSlaveId(9));
     QVERIFY(m_list->getGripperFromSlaveId(9)->updateOutput());
-    // Before the inner scan, inside it, and after it while the outer scan continues.
+    // The three fields change before the inner scan, inside it, and after it in the outer scan.
     onceSeen(line, QStringLiteral("2 read 500"), [&] {
         m_list->getGripperFromSlaveId(9)->setSpeedRequest(11);
         onceSeen(line, QStringLiteral("3 read 500"),
@@ -394,7 +394,7 @@ void tst_GripperList::rescanAddsNewGrippersAndRemovesMissingOnes()
 void tst_GripperList::scanDisturbedByAnotherRemovesNoGripper_data()
 {
     QTest::addColumn<QString>("disturbedAt");
-    // Inside each request of the outer scan to the gripper.
+    // The inner scan begins inside this request of the outer scan.
     QTest::newRow("firmware version") << "9 read 500";
     QTest::newRow("status") << "9 read 2000";
     QTest::newRow("absent gripper") << "4 read 500";

@@ -370,7 +370,7 @@ void tst_KvDeviceBase::identityIsWrittenAsThreeWrites()
     QFETCH(QString, prefix);
     QFETCH(quint32, number);
     QFETCH(QString, serialWrite);
-    m_master->refuseWrites(commandAddress, KvModbusAbstract::BadCrcError); // skips the read-back
+    m_master->refuseWrites(commandAddress, KvModbusAbstract::BadCrcError); // avoids the read-back
     Device device(*m_master);
     QVERIFY(!device.setSerialNumberAndProductionYear(prefix, number, 2024));
     QCOMPARE(m_master->takeRequests(),

@@ -116,13 +116,13 @@ private slots:
     void init();
 
     // Construction
-    void constructionAsksInThisOrder();
+    void constructionReadsInThisOrder();
     void firstRequestComesAfterTheRateHasSettled();
     void eventsAreProcessedDuringConstruction();
     void productCodeDecides_data();
     void productCodeDecides();
     void gripperInErrorIsNotValid();
-    void closedLinkIsNeverAsked();
+    void closedLinkGetsNoRequest();
     void everyFailureEndsWithInitilizationError_data();
     void everyFailureEndsWithInitilizationError();
     void failedIdentityReadIsNotRepeated_data();
@@ -130,7 +130,7 @@ private slots:
     void successWithOneAttemptLeftIsAccepted();
     void successWithNoAttemptLeftIsRejected();
     void numberOfAttemptsIsLimited();
-    void yearIsAskedAgainAfterAPause();
+    void yearIsReadAgainAfterAPause();
     void failedFirstPollRejectsTheGripper_data();
     void failedFirstPollRejectsTheGripper();
     void firstPollComesAfterLateIdentityAnswers();
@@ -188,8 +188,8 @@ private slots:
     void directReadsUseTheirRegister();
     void directReadsThatFailGiveZero_data();
     void directReadsThatFailGiveZero();
-    void speedLimitThatIsShownReturnsFalse_data();
-    void speedLimitThatIsShownReturnsFalse();
+    void speedLimitThatTheGripperShowsReturnsFalse_data();
+    void speedLimitThatTheGripperShowsReturnsFalse();
     void speedLimitIsWrittenAndReadBackAfterAPause();
     void refusedSpeedLimitIsNotReadBack();
 
@@ -198,9 +198,9 @@ private:
 
     std::unique_ptr<KvPelloGripper> makeGripper();
     QList<Error> errorsOfConstruction();
-    // Polls with this status block.
+    // The gripper answers this poll with `status`.
     void poll(KvPelloGripper &gripper, const Words &status);
-    // The output block that is written now.
+    // Writes the output and returns the request as text.
     QString written(KvPelloGripper &gripper);
 };
 
@@ -245,7 +245,7 @@ QList<Error> tst_KvPelloGripper::errorsOfConstruction()
     return errors;
 }
 
-void tst_KvPelloGripper::constructionAsksInThisOrder()
+void tst_KvPelloGripper::constructionReadsInThisOrder()
 {
     const KvPelloGripper gripper(*m_master, slave);
     QCOMPARE(gripper.error(), KvDeviceBase::NoError);
@@ -328,7 +328,7 @@ void tst_KvPelloGripper::gripperInErrorIsNotValid()
     QCOMPARE(m_master->takeRequests(), QStringList());
 }
 
-void tst_KvPelloGripper::closedLinkIsNeverAsked()
+void tst_KvPelloGripper::closedLinkGetsNoRequest()
 {
     m_master->setOpen(false);
     const KvPelloGripper gripper(*m_master, slave);
@@ -433,7 +433,7 @@ void tst_KvPelloGripper::numberOfAttemptsIsLimited()
     QCOMPARE(requests.last(), QStringLiteral("read 9 514 1"));
 }
 
-void tst_KvPelloGripper::yearIsAskedAgainAfterAPause()
+void tst_KvPelloGripper::yearIsReadAgainAfterAPause()
 {
     m_master->setNextAnswers(slave, yearAddress, {{0}, {0}});
     QElapsedTimer clock;
@@ -487,7 +487,7 @@ void tst_KvPelloGripper::absentGripperGetsOneAttempt()
 
 void tst_KvPelloGripper::firstPollStartsTheOutputImage()
 {
-    // Every bit except the activation. Only go-to and the position request are copied.
+    // Every bit is set except the activation. The image copies only go-to and the position request.
     m_master->setRegisters(slave, inputAddress, {0xFEFF, 0xFFAB, 0xFFFF});
     QCOMPARE(written(*makeGripper()), outputWrite(0x0800, 0x00AB));
     m_master->setRegisters(slave, inputAddress, {0x0100, 0, 0});
@@ -1101,7 +1101,7 @@ void tst_KvPelloGripper::directReadsThatFailGiveZero()
     QCOMPARE(gripper->error(), KvDeviceBase::CommunicationError);
 }
 
-void tst_KvPelloGripper::speedLimitThatIsShownReturnsFalse_data()
+void tst_KvPelloGripper::speedLimitThatTheGripperShowsReturnsFalse_data()
 {
     QTest::addColumn<Words>("shown");
     QTest::addColumn<int>("limit");
@@ -1112,7 +1112,7 @@ void tst_KvPelloGripper::speedLimitThatIsShownReturnsFalse_data()
     QTest::newRow("zero, unreadable") << Words{} << 0 << false;
 }
 
-void tst_KvPelloGripper::speedLimitThatIsShownReturnsFalse()
+void tst_KvPelloGripper::speedLimitThatTheGripperShowsReturnsFalse()
 {
     QFETCH(Words, shown);
     QFETCH(int, limit);

@@ -36,8 +36,8 @@ Request requestOf(const QByteArray &text)
 
 Q_DECLARE_METATYPE(Departure)
 
-/// All tests share one server in a network namespace. Its list does not poll. It has found the
-/// grippers 2, at position 100, and 9, at position 200, and no gripper at 7.
+/// All tests share one server in a network namespace. Its list does not poll. The list has gripper
+/// 2 at position 100 and gripper 9 at position 200.
 class tst_Server : public QObject
 {
     Q_OBJECT
@@ -180,7 +180,7 @@ QByteArray tst_Server::answerTo(ClientEnd &client, const QByteArray &request)
     return answer;
 }
 
-// The server reads later packets separately.
+// The server reads the packet at once, so later packets are separate reads.
 void tst_Server::sendAsOneRead(ClientEnd &client, const QByteArray &packet)
 {
     client.send(packet);
@@ -354,7 +354,7 @@ void tst_Server::setAppliesItsPairsFromLeftToRight()
     QCOMPARE(m_gripper->getForceRequest(), quint8{252});
     QCOMPARE(answerTo(client, "SET ACT 0 GTO 0 SPE 0 FOR 0\n"), QByteArray("ack"));
     QCOMPARE(m_gripper->getActivateRequest(), quint8{0});
-    // A SET changes only the image: nothing polls here, so nothing is sent.
+    // A SET changes only the image, and the list does not poll.
     QCOMPARE(m_line->requests(), QStringList());
 }
 
@@ -551,7 +551,7 @@ void tst_Server::requestsOfAClientThatClosesAtOnceAreProcessed()
 {
     QFETCH(Departure, leave);
     ClientEnd &client = connectClient();
-    // The size is no multiple of the size of a read.
+    // The total size is not a multiple of the size of a read.
     QByteArray requests;
     for (int i = 0; i < 10'000; ++i)
         requests += "SET POS 1\n";

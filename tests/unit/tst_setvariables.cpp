@@ -105,8 +105,7 @@ void tst_SetVariables::cleanupTestCase()
     m_log.reset();
 }
 
-/// A scan finds the gripper only if it answers in time, which a busy machine may prevent: another
-/// scan then.
+/// Scans if the list has no gripper. On a busy machine a scan may miss the gripper.
 bool tst_SetVariables::findGripper()
 {
     if (!m_list->getGripperFromSlaveId(9))
@@ -275,7 +274,7 @@ void tst_SetVariables::muteStopsThePolling()
     QVERIFY(!set("MUTE", 0));
     QTRY_VERIFY(!m_line->requests().isEmpty());
     QVERIFY(!set("MUTE", 1));
-    // The last exchange is over when the line has been silent for longer than any time-out.
+    // A silence that is longer than any time-out follows the last exchange.
     QTRY_COMPARE(requestsWithin(150), 0);
     QCOMPARE(requestsWithin(200), 0);
     QVERIFY(!set("MUTE", 255));
@@ -337,7 +336,7 @@ void tst_SetVariables::failedOperationIsNakAndLeavesThePollingMuted()
     m_line->ignoreResets(9, 1);
     QCOMPARE(set(name, 1), Reply("nak"));
     QCOMPARE(m_line->requests(), QStringList{QStringLiteral("9 write 400")});
-    // The bytes of the detection, which blocked the simulator too, count as requests at first.
+    // The detection also blocks the simulator, which afterwards reads its bytes as requests.
     QTRY_COMPARE(requestsWithin(200), 0);
 }
 

@@ -27,9 +27,9 @@ private slots:
     void exceptionIsNotCarriedOut();
     void noiseAndTrailingBytesSurroundAWholeAnswer();
     void countedFaultEndsAfterItsRequests();
-    void shareStrikesThatPartOfTheRequests();
+    void shareAffectsThatPartOfTheRequests();
     void sameSeedGivesTheSameRun();
-    void scopedFaultDoesNotStrikeOtherRequests();
+    void scopedFaultDoesNotAffectOtherRequests();
     void requestsForOtherGrippersDoNotCount();
     void faultsCombine();
     void everyKindHasItsRow();
@@ -125,7 +125,7 @@ void TestSimulatorFaults::countedFaultEndsAfterItsRequests()
     QVERIFY(bench.gripper.faults().faults().isEmpty());
 }
 
-void TestSimulatorFaults::shareStrikesThatPartOfTheRequests()
+void TestSimulatorFaults::shareAffectsThatPartOfTheRequests()
 {
     SimulatorBench bench;
     bench.setFault("silent 30%");
@@ -150,7 +150,7 @@ void TestSimulatorFaults::sameSeedGivesTheSameRun()
     QCOMPARE(runs[0], runs[1]);
 }
 
-void TestSimulatorFaults::scopedFaultDoesNotStrikeOtherRequests()
+void TestSimulatorFaults::scopedFaultDoesNotAffectOtherRequests()
 {
     SimulatorBench bench;
     bench.setFault("silent on writes");
@@ -228,7 +228,7 @@ void TestSimulatorFaults::textOfAFaultReadsBackAsTheSameFault()
 void TestSimulatorFaults::wrongWordsAreRefused_data()
 {
     QTest::addColumn<QString>("words");
-    const char *const rows[] = {"sulking",
+    const char *const rows[] = {"nonsense",
                                 "late often",
                                 "late 0 80",
                                 "late 101% 80",

@@ -47,7 +47,7 @@ struct Bench
     BusSimulator simulator;
 };
 
-/// The text of the failure, empty when the simulator could be plugged in.
+/// Plugs the simulator in. Returns the text of the failure, or nothing on success.
 QString failureOfPlugging(BusSimulator &simulator)
 {
     try {
@@ -115,7 +115,7 @@ private slots:
     void foreignDanglingLinkIsNotReplaced();
     void liveLinkOfAnotherSimulatorIsNotReplaced();
     void staleLinkOfAKilledSimulatorIsReplaced();
-    void foreignLinkInItsPlaceIsNotRemoved();
+    void foreignLinkThatReplacedTheLinkIsNotRemoved();
     void framesAreKeptUntilCleared();
 };
 
@@ -368,7 +368,7 @@ void TestSimulatorPort::staleLinkOfAKilledSimulatorIsReplaced()
     QCOMPARE(QFileInfo(bench.simulator.linkPath()).canonicalFilePath(), bench.simulator.portPath());
 }
 
-void TestSimulatorPort::foreignLinkInItsPlaceIsNotRemoved()
+void TestSimulatorPort::foreignLinkThatReplacedTheLinkIsNotRemoved()
 {
     Bench bench;
     bench.simulator.plug();

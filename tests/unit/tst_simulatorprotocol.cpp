@@ -48,11 +48,11 @@ void TestSimulatorProtocol::requestGetsItsAnswerAtOnce_data()
     QTest::newRow("restart") << QByteArray(restartRequest) << QByteArray(restartAnswer);
     QTest::newRow("no such register")
         << QByteArray("09 03 02 bc 00 01 45 1e") << QByteArray("09 83 02 41 33");
-    QTest::newRow("block and beyond")
+    QTest::newRow("last register of a block and the next one")
         << QByteArray("09 03 01 f6 00 02 24 8d") << QByteArray("09 83 02 41 33");
-    QTest::newRow("no registers at all")
+    QTest::newRow("zero registers")
         << QByteArray("09 03 07 d0 00 00 44 0f") << QByteArray("09 83 03 80 f3");
-    QTest::newRow("write of what is read only")
+    QTest::newRow("write of a read-only register")
         << QByteArray("09 10 07 d0 00 01 02 00 01 65 00") << QByteArray("09 90 02 4c 03");
     QTest::newRow("function code of known length")
         << QByteArray("09 04 07 d0 00 01 30 0f") << QByteArray("09 84 01 03 02");
@@ -119,7 +119,7 @@ void TestSimulatorProtocol::requestDirectlyAfterGarbageIsIgnored()
 
 void TestSimulatorProtocol::lateTimerDoesNotHideTheSilenceBeforeARequest()
 {
-    // A clock that never calls an action: only the arrival times show the silence.
+    // This clock never calls an action, so only the arrival times show the silence.
     class StoppedTimeline : public sim::Timeline
     {
     public:
@@ -155,7 +155,7 @@ void TestSimulatorProtocol::noiseIsDroppedAtTheNextSilence()
 void TestSimulatorProtocol::unknownFunctionIsRefusedAfterTheSilence()
 {
     SimulatorBench bench;
-    // ReportSlaveIdRequest of pymodbus.
+    // The request is a ReportSlaveIdRequest of pymodbus.
     QCOMPARE(bench.ask("09 11 c7 ec"), QByteArray());
     bench.waitForSilence();
     QCOMPARE(bench.answered(), QByteArray("09 91 01 0d 92"));

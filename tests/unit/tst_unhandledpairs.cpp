@@ -93,7 +93,7 @@ void tst_UnhandledPairs::longLineIsCutAndTheRestCounted()
     QFETCH(int, length);
     QFETCH(int, loggedLength);
     QFETCH(QString, remark);
-    // The texts around the request's digits, and the escaped line feed.
+    // The log line has the request's digits between these texts, and an escaped line feed.
     const QString start = QStringLiteral(R"(SET UNHANDLED REQUEST : "SET XYZ )");
     const QString end = QStringLiteral(R"(\n")");
     const QString digits(length - start.size() - end.size(), QLatin1Char('1'));
