@@ -1,8 +1,8 @@
 // Checks that the time for scanning repetitive text and reading its pairs is proportional to the
 // length of the text. Otherwise the target exceeds the fuzzer's time limit.
 //
-// Input: the size of the reads (one byte; 0 for a single read), then up to three parts, separated
-// by byte FE: the start, the repeated part and the end of the text.
+// Input: one byte with the size of the reads (0 for a single read), then up to three parts: the
+// start, the repeated part and the end of the text. Byte FE separates the parts.
 
 #include "finding.h"
 #include "pairreader.h"

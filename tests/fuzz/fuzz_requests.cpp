@@ -8,7 +8,7 @@
 #include "pairreader.h"
 #include "patternreader.h"
 #include "requestscanner.h"
-#include "scannerduel.h"
+#include "scannercomparison.h"
 
 #include <QList>
 
@@ -45,12 +45,12 @@ QList<Read> readsOf(const QByteArray &input)
 
 void compareCuts(const QList<Read> &reads)
 {
-    ScannerDuel duel;
-    QString what;
+    ScannerComparison comparison;
+    QString difference;
     for (const Read &read : reads) {
-        if (!duel.feed(read.bytes, read.takes, what))
-            reportFinding(what);
-        if (duel.gaveUp())
+        if (!comparison.feed(read.bytes, read.takes, difference))
+            reportFinding(difference);
+        if (comparison.gaveUp())
             return;
     }
 }

@@ -29,14 +29,14 @@ void BootloaderEnd::setAnswers(const QList<QByteArray> &answers)
 {
     const std::lock_guard lock(m_mutex);
     m_answers = answers;
-    m_knocks.clear();
+    m_attemptRates.clear();
     m_otherBytes.clear();
 }
 
-QList<int> BootloaderEnd::knocks() const
+QList<int> BootloaderEnd::attemptRates() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_knocks;
+    return m_attemptRates;
 }
 
 QByteArray BootloaderEnd::otherBytes() const
@@ -45,10 +45,10 @@ QByteArray BootloaderEnd::otherBytes() const
     return m_otherBytes;
 }
 
-void BootloaderEnd::raiseAtKnock(int knock, int signalNumber)
+void BootloaderEnd::raiseAtAttempt(int attempt, int signalNumber)
 {
     const std::lock_guard lock(m_mutex);
-    m_signalKnock = knock;
+    m_signalAttempt = attempt;
     m_signalNumber = signalNumber;
 }
 
@@ -61,19 +61,19 @@ void BootloaderEnd::run()
         std::array<char, 64> bytes{};
         const ssize_t count = ::read(m_pty.lineEnd(), bytes.data(), bytes.size());
         for (ssize_t i = 0; i < count; ++i)
-            hear(bytes[static_cast<std::size_t>(i)]);
+            receive(bytes[static_cast<std::size_t>(i)]);
     }
 }
 
-void BootloaderEnd::hear(char byte)
+void BootloaderEnd::receive(char byte)
 {
     const std::lock_guard lock(m_mutex);
     if (byte != synchronisationByte) {
         m_otherBytes.append(byte);
         return;
     }
-    m_knocks.append(baudRate());
-    if (m_knocks.size() == m_signalKnock)
+    m_attemptRates.append(baudRate());
+    if (m_attemptRates.size() == m_signalAttempt)
         ::kill(::getpid(), m_signalNumber);
     const QByteArray answer = m_answers.isEmpty() ? QByteArray() : m_answers.takeFirst();
     if (::write(m_pty.lineEnd(), answer.constData(), static_cast<std::size_t>(answer.size())) !=

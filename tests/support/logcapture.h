@@ -2,7 +2,8 @@
 
 #include <QStringList>
 
-/// Keeps what is logged while it lives instead of printing it. One at a time.
+/// Records the log messages while it exists. They are not printed. A process may have only one
+/// object of this class at a time.
 class LogCapture
 {
 public:
@@ -12,15 +13,15 @@ public:
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
-    /// Forgets everything.
+    /// Clears the record.
     void clear();
 
     /// The messages of info level, in order.
     QStringList infos() const;
-    /// Those that begin with `start`.
+    /// The messages of info level that begin with `start`.
     QStringList infosThatStartWith(const QString &start) const;
 
-    /// The messages of warning level and worse: a healthy program has none.
+    /// The messages of warning level and worse. A healthy program logs no such message.
     QStringList warnings() const;
 
 private:

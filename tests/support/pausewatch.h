@@ -3,9 +3,9 @@
 #include <QObject>
 #include <QVector>
 
-/// Records how long the pauses on this thread were asked to last. The intervals of the timers that
-/// fire give the answer, so the pace of the machine does not matter. Watches from its construction
-/// to its destruction; needs an application object.
+/// Records the requested lengths of the pauses on this thread while it exists. A length is the
+/// interval of a timer that fires, so the pace of the machine does not matter. Needs an application
+/// object.
 class PauseWatch : public QObject
 {
     Q_OBJECT

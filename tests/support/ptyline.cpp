@@ -24,9 +24,9 @@ PtyLine::~PtyLine()
     hangUp();
 }
 
-void PtyLine::script(int requestLength, const QList<QByteArray> &answer, int delayMs)
+void PtyLine::queueAnswer(int requestLength, const QList<QByteArray> &answer, int delayMs)
 {
-    m_script.append({requestLength, answer, delayMs});
+    m_exchanges.append({requestLength, answer, delayMs});
 }
 
 QList<QByteArray> PtyLine::requests() const
@@ -44,8 +44,8 @@ void PtyLine::onReadyRead()
     if (count <= 0)
         return;
     m_received.append(bytes.data(), static_cast<int>(count));
-    while (!m_script.isEmpty() && m_received.size() >= m_script.first().requestLength) {
-        const Exchange exchange = m_script.takeFirst();
+    while (!m_exchanges.isEmpty() && m_received.size() >= m_exchanges.first().requestLength) {
+        const Exchange exchange = m_exchanges.takeFirst();
         m_overlaps += m_piecesDue > 0 ? 1 : 0;
         m_requests.append(m_received.left(exchange.requestLength));
         m_received.remove(0, exchange.requestLength);

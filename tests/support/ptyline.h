@@ -22,11 +22,11 @@ public:
     /// The full path of the end that a serial port opens.
     QString portName() const { return m_pty.portName(); }
 
-    /// Queues an exchange: the request is complete after `requestLength` bytes. The pieces of
-    /// `answer` follow at intervals of `delayMs`, the first one `delayMs` after the request.
-    void script(int requestLength, const QList<QByteArray> &answer, int delayMs = 0);
+    /// Queues the answer to one request, which is complete after `requestLength` bytes. The pieces
+    /// of `answer` follow at intervals of `delayMs`, the first one `delayMs` after the request.
+    void queueAnswer(int requestLength, const QList<QByteArray> &answer, int delayMs = 0);
 
-    /// The complete requests in their order. Bytes without an exchange are one more request.
+    /// The requests in their order. Bytes without a queued answer are one more request.
     QList<QByteArray> requests() const;
 
     /// The number of requests that arrived before the end of an earlier answer.
@@ -45,7 +45,7 @@ public:
     /// The descriptor of the line end, for a thread that reads the bytes from the port.
     int lineEnd() const { return m_pty.lineEnd(); }
 
-    /// Hangs up the line, as a removed adapter does.
+    /// Hangs up the line, as the removal of an adapter does.
     void hangUp();
 
     /// Stops or restarts the transmission from the port end.
@@ -69,7 +69,7 @@ private:
     QSocketNotifier *m_notifier = nullptr;
     QByteArray m_received;
     QList<QByteArray> m_requests;
-    QList<Exchange> m_script;
+    QList<Exchange> m_exchanges;
     int m_piecesDue = 0;
     int m_overlaps = 0;
 };

@@ -10,7 +10,7 @@ class PtyPair
 public:
     enum class Mode {
         Raw,     ///< passes bytes unchanged, as a serial line does
-        Terminal ///< sends "\r\n" for a line end, as the terminal of a user does
+        Terminal ///< turns a line feed into "\r\n", as the terminal of a user does
     };
 
     /// Ends the process when the system has no pseudo-terminal.
@@ -26,7 +26,7 @@ public:
     /// The full path of the port end.
     const QString &portName() const { return m_portName; }
 
-    /// Closes the line end, so the port end is hung up. Does nothing the second time.
+    /// Closes the line end, which hangs up the port end. A second call does nothing.
     void hangUp();
 
 private:

@@ -5,6 +5,16 @@ void ScriptedMaster::setRegisters(quint8 slaveId, quint16 address, const Words &
     m_registers.insert({slaveId, address}, words);
 }
 
+void ScriptedMaster::addGripper(quint8 slaveId, quint16 productCode)
+{
+    setRegisters(slaveId, 500, {productCode, 0x3301, 0x060E});
+    setRegisters(slaveId, 510, {0x4142, 0x4300, 42, 0});
+    setRegisters(slaveId, 514, {2024});
+    for (const quint16 counter : {quint16{600}, quint16{602}, quint16{604}})
+        setRegisters(slaveId, counter, {0, 0});
+    setRegisters(slaveId, 2000, {0, 0, 0});
+}
+
 void ScriptedMaster::setNextAnswers(quint8 slaveId, quint16 address, const QList<Words> &answers)
 {
     m_nextAnswers.insert({slaveId, address}, answers);

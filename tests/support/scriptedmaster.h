@@ -26,6 +26,10 @@ public:
     /// Sets the answer to every read of this address.
     void setRegisters(quint8 slaveId, quint16 address, const Words &words);
 
+    /// Sets the registers of a gripper that is switched on and has not moved yet: version
+    /// TA3-1.6.14, serial number ABC-0042, year 2024. `productCode` replaces the letters "TA".
+    void addGripper(quint8 slaveId, quint16 productCode = 0x5441);
+
     /// Sets answers for the next reads, before the permanent answer. An empty one is a time-out.
     void setNextAnswers(quint8 slaveId, quint16 address, const QList<Words> &answers);
 
@@ -44,7 +48,7 @@ public:
     void setOnRequest(const std::function<void()> &onRequest) { m_onRequest = onRequest; }
 
     /// "connect", "disconnect", "baud 115200", "read SLAVE ADDRESS COUNT" or
-    /// "write SLAVE ADDRESS: 0x1234 0x5678", in order. Taking them empties the record.
+    /// "write SLAVE ADDRESS: 0x1234 0x5678", in order. Clears the record.
     QStringList takeRequests();
 
     bool connectToDevice() override;

@@ -5,6 +5,7 @@
 namespace {
 
 constexpr char readHoldingRegisters = 0x03;
+constexpr quint16 resetAddress = 400;
 
 quint8 byteAt(const QByteArray &bytes, int offset)
 {
@@ -35,7 +36,7 @@ sim::Fault faultAt(quint16 startAddress, sim::FaultKind kind)
 
 SimulatedLine::SimulatedLine(std::initializer_list<Gripper> grippers)
 {
-    // Answers have a time limit, so this process gets priority over parallel tests if it may.
+    // Answers have a time limit, so this process asks for priority over parallel tests.
     ::setpriority(PRIO_PROCESS, 0, -10);
     for (const Gripper &gripper : grippers) {
         if (m_bus.addGripper(gripper.slaveId, QString::fromLatin1(gripper.version)) == nullptr)
@@ -47,6 +48,13 @@ SimulatedLine::SimulatedLine(std::initializer_list<Gripper> grippers)
 void SimulatedLine::silence(quint8 slaveId, quint16 startAddress, int times)
 {
     sim::Fault fault = faultAt(startAddress, sim::FaultKind::Silent);
+    fault.remaining = times;
+    m_bus.setFault(slaveId, fault);
+}
+
+void SimulatedLine::ignoreResets(quint8 slaveId, int times)
+{
+    sim::Fault fault = faultAt(resetAddress, sim::FaultKind::Deaf);
     fault.remaining = times;
     m_bus.setFault(slaveId, fault);
 }

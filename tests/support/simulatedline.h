@@ -6,8 +6,8 @@
 
 #include <initializer_list>
 
-/// A simulated line that is plugged in and runs in the event loop of the test. It reports the
-/// traffic as text: "9 read 2000" and "9 write 1000" are requests to the gripper with slave id 9.
+/// A simulated line, plugged in. It runs in the event loop of the test and reports the traffic as
+/// text: "9 read 2000" and "9 write 1000" are requests to the gripper with slave id 9.
 class SimulatedLine
 {
 public:
@@ -25,6 +25,8 @@ public:
 
     /// The gripper does not answer the next `times` requests that begin at `startAddress`.
     void silence(quint8 slaveId, quint16 startAddress, int times);
+    /// The gripper ignores the next `times` resets. Jumps to the bootloader then fail.
+    void ignoreResets(quint8 slaveId, int times = sim::Fault::unlimited);
     /// The gripper delays every answer to requests that begin at `startAddress`.
     void delay(quint8 slaveId, quint16 startAddress, int delayMs);
 

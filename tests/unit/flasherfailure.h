@@ -2,7 +2,7 @@
 
 #include "failure.h"
 
-/// The failure that `action` throws; its code is Done if `action` throws none.
+/// Returns the failure that `action` throws. The code is Done if `action` throws nothing.
 template <typename Action>
 flasher::Failure failureOf(Action action)
 {

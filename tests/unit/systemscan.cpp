@@ -5,16 +5,16 @@
 #include <QSerialPortInfo>
 #include <QTextStream>
 
-// Calls what the daemon itself never calls, for a test that decides which ports the system has:
+// Calls functions that the daemon itself never calls, for a test that sets up the system's ports:
 //
 //   system-scan STEP...
 //
 //   enumeration   the platform's own list of all ports, by bare name
 //   ports         KvModbusCustom::getAvailablePorts()
 //   grippers      KvPelloGripperFinder::scanAllSerialPorts(): each port, and its slave ids
-//   gripper=ID    the same for the one gripper with this slave id
+//   gripper=ID    scanAllSerialPorts(ID): the same, only for the gripper with this slave id
 //
-// Each step prints its name and a line for each entry of its result, in order.
+// Each step prints its name, and then one line for each entry of its result.
 
 namespace {
 

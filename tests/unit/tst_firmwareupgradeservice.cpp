@@ -1,17 +1,17 @@
 #include "firmwareupgradeservice.h"
 
 #include "logcapture.h"
+#include "workingdirectory.h"
 
-#include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QSignalSpy>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <csignal>
 #include <memory>
 
-/// The tests replace the flashing program by shell scripts.
+/// Shell scripts replace the flashing program.
 class tst_FirmwareUpgradeService : public QObject
 {
     Q_OBJECT
@@ -20,8 +20,6 @@ private slots:
     void init();
     void cleanup();
 
-    void eightArgumentsAreInOrder_data();
-    void eightArgumentsAreInOrder();
     void programGetsTheArgumentsInTheWorkingDirectory();
     void commandIsLogged();
     void exitCodeIsPassedOn_data();
@@ -43,17 +41,13 @@ private:
     bool start(FirmwareUpgradeService &service);
     QStringList logAfterTheCommand() const { return m_log->infos().mid(1); }
 
-    QString m_workingDirectory;
-    std::unique_ptr<QTemporaryDir> m_directory;
+    std::unique_ptr<WorkingDirectory> m_directory;
     std::unique_ptr<LogCapture> m_log;
 };
 
 void tst_FirmwareUpgradeService::init()
 {
-    m_workingDirectory = QDir::currentPath();
-    m_directory = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_directory->isValid());
-    QVERIFY(QDir::setCurrent(m_directory->path()));
+    m_directory = std::make_unique<WorkingDirectory>();
     m_log = std::make_unique<LogCapture>();
 }
 
@@ -61,51 +55,18 @@ void tst_FirmwareUpgradeService::cleanup()
 {
     QCOMPARE(m_log->warnings(), QStringList());
     m_log.reset();
-    QDir::setCurrent(m_workingDirectory);
     m_directory.reset();
 }
 
 void tst_FirmwareUpgradeService::writeProgram(const QByteArray &script)
 {
-    QFile file(QStringLiteral("romflasher"));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QVERIFY(file.write("#!/bin/sh\n" + script + '\n') > 0);
-    QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+    m_directory->writeScript(QStringLiteral("romflasher"), script);
 }
 
 bool tst_FirmwareUpgradeService::start(FirmwareUpgradeService &service)
 {
     return service.startUpgrade(QStringLiteral("firmware/TA3-1.6.14.bin"), 19200,
                                 QStringLiteral("ttyUSB0"));
-}
-
-void tst_FirmwareUpgradeService::eightArgumentsAreInOrder_data()
-{
-    QTest::addColumn<QString>("file");
-    QTest::addColumn<int>("baudRate");
-    QTest::addColumn<QString>("port");
-    QTest::addColumn<QStringList>("arguments");
-
-    const auto row = [](const char *name, const QString &file, int baudRate, const char *port,
-                        const char *arguments) {
-        QTest::newRow(name) << file << baudRate << QString::fromLatin1(port)
-                            << QString::fromLatin1(arguments).split(QLatin1Char('|'));
-    };
-    row("own bootloader", QStringLiteral("firmware/TF1-2.0.2.bin"), 115200, "ttyS3",
-        "-p|/dev/ttyS3|-b|115200|-f|firmware/TF1-2.0.2.bin|-d|-g");
-    row("ROM bootloader", QStringLiteral("firmware/TA3-1.6.14.bin"), 19200, "ttyUSB0",
-        "-p|/dev/ttyUSB0|-b|19200|-f|firmware/TA3-1.6.14.bin|-d|-g");
-    row("file with blanks and quotes", QStringLiteral("a \"b\" c"), 19200, "ttyTool",
-        "-p|/dev/ttyTool|-b|19200|-f|a \"b\" c|-d|-g");
-}
-
-void tst_FirmwareUpgradeService::eightArgumentsAreInOrder()
-{
-    QFETCH(QString, file);
-    QFETCH(int, baudRate);
-    QFETCH(QString, port);
-    const FirmwareUpgradeService service;
-    QTEST(service.createArguments(file, baudRate, port), "arguments");
 }
 
 void tst_FirmwareUpgradeService::programGetsTheArgumentsInTheWorkingDirectory()
@@ -120,7 +81,7 @@ void tst_FirmwareUpgradeService::programGetsTheArgumentsInTheWorkingDirectory()
     QVERIFY(called.open(QIODevice::ReadOnly));
     QCOMPARE(called.readAll(), "./romflasher\n-p\n/dev/ttyS3\n-b\n115200\n-f\nfirmware/a b.bin\n"
                                "-d\n-g\n" +
-                                   QDir(m_directory->path()).canonicalPath().toUtf8() + '\n');
+                                   m_directory->path().toUtf8() + '\n');
 }
 
 void tst_FirmwareUpgradeService::commandIsLogged()
@@ -260,7 +221,7 @@ void tst_FirmwareUpgradeService::outputIsLoggedOnOneLine()
 
 void tst_FirmwareUpgradeService::outputInPiecesIsLoggedInPieces()
 {
-    // The script writes a piece when the log has the piece before.
+    // The script writes each piece after the log has the previous one.
     writeProgram("printf 'one\\n'\n"
                  "until test -e 1; do sleep 0.01; done\n"
                  "printf 'two\\n' >&2\n"

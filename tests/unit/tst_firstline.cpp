@@ -17,7 +17,7 @@ std::string_view view(const QByteArray &bytes)
     return {bytes.constData(), static_cast<std::size_t>(bytes.size())};
 }
 
-// Decides the whole text with patterns.
+// Returns the protocol that patterns find in the whole text.
 Protocol protocolByPattern(const QByteArray &text)
 {
     static const QRegularExpression tls(QStringLiteral("^\\x16\\x03"));
@@ -81,7 +81,7 @@ private slots:
     void piecesMakeNoDifference_data() { protocolIsRecognised_data(); }
     void piecesMakeNoDifference();
     void everyFirstByteIsDecided();
-    void nothingIsReadPastTheDecision();
+    void textAfterTheDecisionChangesNothing();
     void longTargetIsRecognised();
     void manyTextsAreDecidedAsByThePattern();
 };
@@ -166,7 +166,7 @@ void tst_FirstLine::everyFirstByteIsDecided()
     }
 }
 
-void tst_FirstLine::nothingIsReadPastTheDecision()
+void tst_FirstLine::textAfterTheDecisionChangesNothing()
 {
     FirstLine gripper;
     QCOMPARE(gripper.read("\n"), Protocol::Gripper);

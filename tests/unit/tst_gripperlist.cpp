@@ -6,7 +6,6 @@
 #include <QSignalSpy>
 #include <QTest>
 
-#include <algorithm>
 #include <memory>
 #include <optional>
 
@@ -14,8 +13,8 @@ namespace {
 
 // Long enough for every answer, also on a busy machine.
 constexpr int patientTimeoutMs = 100;
-// For tests in which every request gets its answer. Only the answer ends the wait.
-constexpr int unhurriedTimeoutMs = 4000;
+// For tests in which every request gets its answer, so that only the answer ends the wait.
+constexpr int veryLongTimeoutMs = 4000;
 
 QStringList listOf(const char *texts)
 {
@@ -27,15 +26,6 @@ const QStringList inputReads2 = listOf("2 read 2000, 2 read 600, 2 read 602, 2 r
 const QString write9 = QStringLiteral("9 write 1000");
 const QByteArray running("RUNNING");
 constexpr int retryLimit = GripperList::__maxGripperCommunicationRetries;
-
-// Whether a request was sent before the answer to the previous one.
-bool hasRequestInsideARequest(const QStringList &traffic)
-{
-    const auto areRequests = [](const QString &first, const QString &second) {
-        return first != QLatin1String("answer") && second != QLatin1String("answer");
-    };
-    return std::adjacent_find(traffic.begin(), traffic.end(), areRequests) != traffic.end();
-}
 
 // Runs `action` once, inside the next wait for the line.
 template <class Action>
@@ -58,7 +48,7 @@ private slots:
     void cleanup();
     void cleanupTestCase();
 
-    void freshListIsScanningAndHasNothing();
+    void newListIsScanningAndHasNoGrippers();
     void linkStatusHasItsText_data();
     void linkStatusHasItsText();
     void unknownSlaveIdIsNullAndChangesNothing();
@@ -66,8 +56,8 @@ private slots:
 
     void discoverSendsNothingWhileItsPauseRuns();
     void discoverThatFindsGrippersGoesToSelectNext();
-    void discoverThatFindsNothingPausesAndLeavesTheStatus_data();
-    void discoverThatFindsNothingPausesAndLeavesTheStatus();
+    void discoverThatFindsNothingPausesAndKeepsTheStatus_data();
+    void discoverThatFindsNothingPausesAndKeepsTheStatus();
     void failedDiscoveryIsRepeatedNoSoonerThanASecondLater();
     void selectNextWithARequestedScanGoesToDiscover();
     void selectNextWithoutGrippersGoesToDiscover();
@@ -90,28 +80,25 @@ private slots:
     void failingCounterFailsTheRead();
 
     void grippersAreVisitedInAscendingOrder();
-    void unchangedOutputIsNeverWrittenAndTheNextReadFollowsAtOnce();
+    void unchangedOutputIsNotWrittenAndTheSameTickReadsTheNextGripper();
     void changedOutputIsWrittenOnTheNextTick();
     void outputChangedDuringTheReadIsWrittenOnTheNextTick();
 
     void mutedTickDoesNothing_data();
     void mutedTickDoesNothing();
     void busyTickDoesNothing();
-    void unmutedLoopContinuesAtItsPosition();
 
-    void newIntervalAppliesFromTheNextPeriod();
     void intervalThatIsSetRepeatedlyStopsNoTicks_data();
     void intervalThatIsSetRepeatedlyStopsNoTicks();
-    void tickIsNotEnteredWhileItWaits();
-    void intervalChangedInsideATickLetsNoTickInside();
+    void noTickStartsWhileATickWaits();
 
     void requestedScanWaitsForTheOutputStepAndKeepsTheLink();
     void blockingScanIgnoresThePause();
-    void blockingScanReportsScanningMeanwhile();
-    void blockingScanKeepsTicksOut();
+    void runningBlockingScanIsReportedAsScanning();
+    void noTickRunsDuringABlockingScan();
     void blockingScanInsideAnotherRestoresTheBusyFlag();
-    void jumpKeepsTicksOutAndRestoresTheBusyFlag_data();
-    void jumpKeepsTicksOutAndRestoresTheBusyFlag();
+    void noTickRunsDuringAJumpAndTheBusyFlagIsRestored_data();
+    void noTickRunsDuringAJumpAndTheBusyFlagIsRestored();
     void jumpInsideATickWaitsForTheAnswerOfTheTick();
     void scanSetsNoRateWhileAnAnswerIsAwaited();
     void everyObjectMayBeReplacedWhileAStepWaits();
@@ -126,7 +113,6 @@ private:
     using LinkStatus = GripperList::LinkStatus;
 
     void setPosition(LoopStep step, std::optional<quint8> position);
-    void dropResetsTo(quint8 slaveId);
     void tick() { m_list->onTimerStateLoopTimeout(); }
     bool isPausing() const { return m_list->m_scanBackOffTimer->isActive(); }
     void addAccessRows();
@@ -152,7 +138,7 @@ void tst_GripperList::initTestCase()
     // No tick has run yet, because no event loop has run. From now on the tests call the ticks.
     m_list->m_stateLoopTimer->stop();
     m_list->openLink(m_line->path());
-    m_list->m_modbus.setConstraints({unhurriedTimeoutMs, 0, 0});
+    m_list->m_modbus.setConstraints({veryLongTimeoutMs, 0, 0});
     for (const quint8 slaveId : {quint8{2}, quint8{9}}) {
         const auto gripper = GripperList::Gripper::create(m_list->m_modbus, slaveId);
         QCOMPARE(gripper->error(), KvDeviceBase::NoError);
@@ -203,16 +189,7 @@ void tst_GripperList::setPosition(LoopStep step, std::optional<quint8> position)
     m_list->m_currentSlaveId = position;
 }
 
-void tst_GripperList::dropResetsTo(quint8 slaveId)
-{
-    sim::Fault deaf;
-    deaf.kind = sim::FaultKind::Deaf;
-    deaf.scope = sim::Fault::Scope::StartAddress;
-    deaf.address = 400;
-    m_line->bus().setFault(slaveId, deaf);
-}
-
-void tst_GripperList::freshListIsScanningAndHasNothing()
+void tst_GripperList::newListIsScanningAndHasNoGrippers()
 {
     const GripperList list(m_factory, nullptr);
 
@@ -293,7 +270,7 @@ void tst_GripperList::discoverThatFindsGrippersGoesToSelectNext()
     QVERIFY(!isPausing());
 }
 
-void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus_data()
+void tst_GripperList::discoverThatFindsNothingPausesAndKeepsTheStatus_data()
 {
     QTest::addColumn<int>("status");
     QTest::addColumn<QByteArray>("text");
@@ -303,7 +280,7 @@ void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus_data()
     QTest::newRow("time-out") << 3 << QByteArray("ERR_TIMEOUT");
 }
 
-void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus()
+void tst_GripperList::discoverThatFindsNothingPausesAndKeepsTheStatus()
 {
     QFETCH(int, status);
     m_list->m_modbus.disconnectFromDevice();
@@ -318,11 +295,12 @@ void tst_GripperList::discoverThatFindsNothingPausesAndLeavesTheStatus()
     QVERIFY(isPausing());
     QCOMPARE(m_list->m_scanBackOffTimer->interval(), 1000);
     QVERIFY(m_list->m_grippers.isEmpty());
+    QVERIFY(!m_list->m_currentSlaveId);
     QVERIFY(!m_list->m_modbus.isConnected());
 }
 
-// A coarse timer fires early only in some phases of the clock's second, for example at the end of a
-// first discovery. The second discovery therefore starts in this phase.
+// A coarse timer may fire early if it starts at certain milliseconds of the clock's second. The
+// second discovery therefore ends at such a millisecond.
 void tst_GripperList::failedDiscoveryIsRepeatedNoSoonerThanASecondLater()
 {
     const auto millisecondOfTheSecond = [] {
@@ -367,7 +345,7 @@ void tst_GripperList::failedDiscoveryIsRepeatedNoSoonerThanASecondLater()
 
     QVERIFY2(firstRequestMs < 1500, qPrintable(QString::number(firstRequestMs)));
     QVERIFY(firstRequestMs > pausedMs);
-    // The clock starts after the pause and counts whole milliseconds.
+    // The clock starts a little after the pause begins, and counts whole milliseconds.
     QVERIFY2(pausedMs >= 998, qPrintable(QString::number(pausedMs)));
 }
 
@@ -448,7 +426,7 @@ void tst_GripperList::addAccessRows()
                            << "gripper->updateOutput() fail counter: ";
 }
 
-// The position is at gripper 9, which has new output.
+// Moves the position to gripper 9 and gives it new output.
 void tst_GripperList::prepareAccess()
 {
     QFETCH(int, step);
@@ -617,7 +595,7 @@ void tst_GripperList::grippersAreVisitedInAscendingOrder()
     QCOMPARE(m_line->requests(), inputReads9 + inputReads2 + inputReads9 + inputReads2);
 }
 
-void tst_GripperList::unchangedOutputIsNeverWrittenAndTheNextReadFollowsAtOnce()
+void tst_GripperList::unchangedOutputIsNotWrittenAndTheSameTickReadsTheNextGripper()
 {
     QVERIFY(m_found[9]->updateOutput());
     QVERIFY(!m_found[9]->isNewOutput());
@@ -698,35 +676,6 @@ void tst_GripperList::busyTickDoesNothing()
     QCOMPARE(m_line->requests(), QStringList());
 }
 
-void tst_GripperList::unmutedLoopContinuesAtItsPosition()
-{
-    setPosition(LoopStep::ReadInput, 9);
-    m_list->setMuted(true);
-    tick();
-    m_list->setMuted(false);
-    tick();
-    QCOMPARE(m_line->requests(), inputReads9);
-}
-
-void tst_GripperList::newIntervalAppliesFromTheNextPeriod()
-{
-    m_list->setMuted(true);
-    m_list->m_tickIntervalMs = 50;
-    m_list->m_stateLoopTimer->start(50);
-    const int timerId = m_list->m_stateLoopTimer->timerId();
-
-    m_list->setThrottled(false);
-    QCOMPARE(m_list->m_stateLoopTimer->timerId(), timerId);
-    QSignalSpy ticks(m_list->m_stateLoopTimer, &QTimer::timeout);
-    QVERIFY(ticks.wait());
-    QCOMPARE(m_list->m_stateLoopTimer->interval(), 5);
-
-    m_list->setThrottled(true);
-    QVERIFY(ticks.wait());
-    QCOMPARE(m_list->m_stateLoopTimer->interval(), 50);
-    QVERIFY(m_list->m_stateLoopTimer->isActive());
-}
-
 void tst_GripperList::intervalThatIsSetRepeatedlyStopsNoTicks_data()
 {
     QTest::addColumn<bool>("throttled");
@@ -762,7 +711,7 @@ void tst_GripperList::intervalThatIsSetRepeatedlyStopsNoTicks()
     QVERIFY2(ticks.size() >= atLeast, qPrintable(QString::number(ticks.size())));
 }
 
-void tst_GripperList::tickIsNotEnteredWhileItWaits()
+void tst_GripperList::noTickStartsWhileATickWaits()
 {
     setPosition(LoopStep::ReadInput, 9);
     bool wasInside = false;
@@ -777,35 +726,6 @@ void tst_GripperList::tickIsNotEnteredWhileItWaits()
     QCOMPARE(m_line->requests(), inputReads9);
     QVERIFY(!m_list->m_tickRunning);
     QCOMPARE(m_list->m_loopStep, LoopStep::WriteOutput);
-}
-
-// A new interval gives a timer a new id. It may then fire inside its own handler.
-void tst_GripperList::intervalChangedInsideATickLetsNoTickInside()
-{
-    m_line->delay(9, 2000, 40);
-    m_line->delay(2, 2000, 40);
-    m_list->m_modbus.setConstraints({unhurriedTimeoutMs, 0, 0});
-    m_list->m_tickIntervalMs = 5;
-    m_list->m_stateLoopTimer->start(5);
-    QTimer client;
-    bool throttled = false;
-    connect(&client, &QTimer::timeout, m_list.get(), [&] {
-        throttled = !throttled;
-        m_list->setThrottled(throttled);
-        // Otherwise, ticks inside ticks would never end.
-        if (hasRequestInsideARequest(m_line->traffic()))
-            m_list->m_stateLoopTimer->stop();
-    });
-    client.start(7);
-
-    QTRY_VERIFY_WITH_TIMEOUT(
-        m_line->requests().size() >= 40 || !m_list->m_stateLoopTimer->isActive(), 60'000);
-    m_list->m_stateLoopTimer->stop();
-    QTRY_VERIFY(!m_list->m_tickRunning);
-
-    const QStringList traffic = m_line->traffic();
-    QVERIFY2(!hasRequestInsideARequest(traffic), qPrintable(traffic.join(QLatin1Char('\n'))));
-    QCOMPARE(m_log->infos(), QStringList());
 }
 
 void tst_GripperList::requestedScanWaitsForTheOutputStepAndKeepsTheLink()
@@ -844,7 +764,7 @@ void tst_GripperList::blockingScanIgnoresThePause()
     QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
 }
 
-void tst_GripperList::blockingScanReportsScanningMeanwhile()
+void tst_GripperList::runningBlockingScanIsReportedAsScanning()
 {
     QByteArray meanwhile;
     auto stepMeanwhile = LoopStep::WriteOutput;
@@ -860,7 +780,7 @@ void tst_GripperList::blockingScanReportsScanningMeanwhile()
     QCOMPARE(m_list->getPrintableState(), running);
 }
 
-void tst_GripperList::blockingScanKeepsTicksOut()
+void tst_GripperList::noTickRunsDuringABlockingScan()
 {
     m_list->m_tickIntervalMs = 5;
     m_list->m_stateLoopTimer->start(5);
@@ -894,19 +814,19 @@ void tst_GripperList::blockingScanInsideAnotherRestoresTheBusyFlag()
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 9}));
 }
 
-void tst_GripperList::jumpKeepsTicksOutAndRestoresTheBusyFlag_data()
+void tst_GripperList::noTickRunsDuringAJumpAndTheBusyFlagIsRestored_data()
 {
     QTest::addColumn<bool>("isBusy");
     QTest::newRow("alone") << false;
     QTest::newRow("inside another operation") << true;
 }
 
-void tst_GripperList::jumpKeepsTicksOutAndRestoresTheBusyFlag()
+void tst_GripperList::noTickRunsDuringAJumpAndTheBusyFlagIsRestored()
 {
     QFETCH(bool, isBusy);
     m_list->m_busy = isBusy;
     m_list->m_modbus.setConstraints(ModbusConstraints(50, 0, 2));
-    dropResetsTo(9);
+    m_line->ignoreResets(9);
     setPosition(LoopStep::ReadInput, 2);
     int ticks = 0;
     duringTheNextWait([&] {
@@ -920,7 +840,7 @@ void tst_GripperList::jumpKeepsTicksOutAndRestoresTheBusyFlag()
     QCOMPARE(m_line->requests(), QStringList{QStringLiteral("9 write 400")});
     QCOMPARE(m_list->m_busy, isBusy);
     QVERIFY(m_list->m_muted);
-    // The simulator reads the bytes of the detection, so that no later test receives them.
+    // Meanwhile the simulator reads the bytes of the detection. Otherwise a later test gets them.
     QTest::qWait(50);
 }
 
@@ -928,7 +848,7 @@ void tst_GripperList::jumpInsideATickWaitsForTheAnswerOfTheTick()
 {
     m_list->m_modbus.setConstraints(ModbusConstraints(200, 0, 2));
     m_line->delay(9, 2000, 60);
-    dropResetsTo(9);
+    m_line->ignoreResets(9);
     setPosition(LoopStep::ReadInput, 9);
     duringTheNextWait([&] { QVERIFY(!m_list->jumpToBootloader(m_found[9])); });
 

@@ -3,11 +3,10 @@
 #include "bootloaderend.h"
 #include "logcapture.h"
 #include "scriptedmaster.h"
+#include "workingdirectory.h"
 
-#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 
@@ -20,18 +19,19 @@ using Error = KvDeviceBase::KvDeviceError;
 
 constexpr quint16 resetAddress = 400;
 const QByteArray acknowledge("\x79");
-// As many as three searches can ask for.
-const QList<QByteArray> everyKnockAcknowledged = QVector<QByteArray>(3 * 51, acknowledge).toList();
+// Enough for three searches of 51 attempts.
+const QList<QByteArray> everyAttemptAcknowledged =
+    QVector<QByteArray>(3 * 51, acknowledge).toList();
 
-// The value that every reset of this process writes: initTestCase() passes it first.
+// Every reset of this process writes this value, because initTestCase() passes it first.
 constexpr quint16 firstCommand = 0x1234;
 const QStringList resetAndClose{QStringLiteral("write 9 400: 0x1234"),
                                 QStringLiteral("disconnect")};
 
 } // namespace
 
-/// Upgrades: a gripper on a scripted link, a bootloader at its port, a shell script in the flashing
-/// program's place. The list's own link is open on another port.
+/// Upgrades of a gripper on a scripted link. A bootloader answers at the port of this link, and a
+/// shell script replaces the flashing program. The list's own link is open on another port.
 class tst_GripperList : public QObject
 {
     Q_OBJECT
@@ -43,17 +43,15 @@ private slots:
     void cleanupTestCase();
 
     void namedFirmwareImagesAreThoseOfTheFamilies();
-    void familyHasItsBootloader_data();
-    void familyHasItsBootloader();
-    void bootloaderModeIsLookedForFiftyOneTimes();
-    void bootloaderModeIsLookedForOnAQuietLine();
-    void openLinkIsNoBootloaderMode();
+    void searchForABootloaderMakesFiftyOneAttempts();
+    void searchForABootloaderWaitsForAQuietLine();
+    void gripperWithAnOpenLinkIsNotInItsBootloader();
 
     void gripperInItsBootloaderIsNeitherResetNorMuted_data();
     void gripperInItsBootloaderIsNeitherResetNorMuted();
     void jumpMutesThePolling_data();
     void jumpMutesThePolling();
-    void jumpThatFailsMutesThePollingToo();
+    void failedJumpMutesThePolling();
 
     void familyIsFlashedWithItsFirmware_data();
     void familyIsFlashedWithItsFirmware();
@@ -63,15 +61,15 @@ private slots:
     void upgradeWithoutABootloaderFails();
     void secondUpgradeIsRefused();
     void scanOpensNoPortDuringAnUpgrade();
-    void pollingIsUnmutedHoweverTheProgramEnds_data();
-    void pollingIsUnmutedHoweverTheProgramEnds();
+    void pollingIsUnmutedWhenTheProgramEnds_data();
+    void pollingIsUnmutedWhenTheProgramEnds();
     void missingProgramLeavesThePollingMuted_data();
     void missingProgramLeavesThePollingMuted();
 
     void pendingJumpIsCarriedOutByTheNextTick();
     void pendingJumpsAreCarriedOutInOrder();
-    void pendingJumpIsHeldBack_data();
-    void pendingJumpIsHeldBack();
+    void pendingJumpWaitsWhileTheListIsMutedOrBusy_data();
+    void pendingJumpWaitsWhileTheListIsMutedOrBusy();
 
 private:
     using LoopStep = GripperList::LoopStep;
@@ -79,7 +77,7 @@ private:
     GripperList::Gripper makeGripper(char familyLetter);
     void addFamilyRows();
     void writeProgram(const QByteArray &script);
-    QList<int> ratesOfKnocks() const;
+    QList<int> ratesOfSearches() const;
     QStringList logOf(const char *start) const
     {
         return m_log->infosThatStartWith(QString::fromLatin1(start));
@@ -88,30 +86,23 @@ private:
     ModbusConstraintsFactory m_factory;
     BootloaderEnd m_end;
     BootloaderEnd m_listEnd;
-    // Its port is the bootloader's.
+    // The bootloader answers at the port of this link.
     ScriptedMaster m_master{m_end.portName()};
     QMap<char, GripperList::Gripper> m_families;
     GripperList::Gripper m_gripper;
-    QString m_workingDirectory;
-    std::unique_ptr<QTemporaryDir> m_directory;
+    std::unique_ptr<WorkingDirectory> m_directory;
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<GripperList> m_list;
 };
 
 GripperList::Gripper tst_GripperList::makeGripper(char familyLetter)
 {
-    m_master.setRegisters(9, 500, {static_cast<quint16>(0x5400 | familyLetter), 0x3301, 0x060E});
-    m_master.setRegisters(9, 510, {0x4142, 0x4300, 42, 0});
-    m_master.setRegisters(9, 514, {2024});
-    for (const quint16 counter : {quint16{600}, quint16{602}, quint16{604}})
-        m_master.setRegisters(9, counter, {0, 0});
-    m_master.setRegisters(9, 2000, {0, 0, 0});
+    m_master.addGripper(9, static_cast<quint16>(0x5400 | familyLetter));
     return GripperList::Gripper::create(m_master, quint16{9});
 }
 
 void tst_GripperList::initTestCase()
 {
-    m_workingDirectory = QDir::currentPath();
     for (const char familyLetter : {'A', 'B', 'C', 'E', 'F'})
         m_families.insert(familyLetter, makeGripper(familyLetter));
     m_gripper = m_families['A'];
@@ -120,10 +111,8 @@ void tst_GripperList::initTestCase()
 
 void tst_GripperList::init()
 {
-    m_directory = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_directory->isValid());
-    QVERIFY(QDir::setCurrent(m_directory->path()));
-    writeProgram("echo \"$@\" >> called; until test -e end; do sleep 0.01; done; exit 5");
+    m_directory = std::make_unique<WorkingDirectory>();
+    writeProgram("until test -e end; do sleep 0.01; done; exit 5");
     m_log = std::make_unique<LogCapture>();
     m_list = std::make_unique<GripperList>(m_factory, nullptr);
     m_list->m_stateLoopTimer->stop();
@@ -132,7 +121,7 @@ void tst_GripperList::init()
     m_master.acknowledgeWrites(resetAddress);
     m_master.setOpen(true);
     m_master.takeRequests();
-    m_end.setAnswers(everyKnockAcknowledged);
+    m_end.setAnswers(everyAttemptAcknowledged);
     for (const auto &gripper : qAsConst(m_families))
         gripper->clearError();
 }
@@ -142,7 +131,6 @@ void tst_GripperList::cleanup()
     m_list.reset();
     QCOMPARE(m_log->warnings(), QStringList());
     m_log.reset();
-    QDir::setCurrent(m_workingDirectory);
     m_directory.reset();
 }
 
@@ -154,17 +142,14 @@ void tst_GripperList::cleanupTestCase()
 
 void tst_GripperList::writeProgram(const QByteArray &script)
 {
-    QFile file(QStringLiteral("romflasher"));
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    QVERIFY(file.write("#!/bin/sh\n" + script + '\n') > 0);
-    QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+    m_directory->writeScript(QStringLiteral("romflasher"), script);
 }
 
-// Each attempt of a search knocks, and on a busy machine an answer may miss the first one: knocks
-// at the same rate in a row count as one.
-QList<int> tst_GripperList::ratesOfKnocks() const
+// The baud rate of each search. On a busy machine the answer may come after the first attempt, so
+// consecutive attempts at the same rate count as one search.
+QList<int> tst_GripperList::ratesOfSearches() const
 {
-    QList<int> rates = m_end.knocks();
+    QList<int> rates = m_end.attemptRates();
     rates.erase(std::unique(rates.begin(), rates.end()), rates.end());
     return rates;
 }
@@ -192,32 +177,15 @@ void tst_GripperList::namedFirmwareImagesAreThoseOfTheFamilies()
     QCOMPARE(GripperList::__firmwareGripperF, "firmware/TF1-2.0.2.bin");
 }
 
-void tst_GripperList::familyHasItsBootloader_data()
-{
-    QTest::addColumn<char>("family");
-    QTest::addColumn<bool>("isRom");
-    QTest::newRow("TA") << 'A' << true;
-    QTest::newRow("TB") << 'B' << true;
-    QTest::newRow("TC") << 'C' << false;
-    QTest::newRow("TE") << 'E' << false;
-    QTest::newRow("TF") << 'F' << false;
-}
-
-void tst_GripperList::familyHasItsBootloader()
-{
-    QFETCH(char, family);
-    QTEST(m_list->hasStBootloader(m_families[family]), "isRom");
-}
-
-void tst_GripperList::bootloaderModeIsLookedForFiftyOneTimes()
+void tst_GripperList::searchForABootloaderMakesFiftyOneAttempts()
 {
     m_master.setOpen(false);
     m_end.setAnswers({});
     QVERIFY(!m_list->isDeviceInBootloaderMode(m_gripper));
-    QTRY_COMPARE(m_end.knocks().size(), 51);
+    QTRY_COMPARE(m_end.attemptRates().size(), 51);
 }
 
-void tst_GripperList::bootloaderModeIsLookedForOnAQuietLine()
+void tst_GripperList::searchForABootloaderWaitsForAQuietLine()
 {
     m_list->m_modbus.setConstraints({150, 0, 2});
     m_master.setOpen(false);
@@ -233,11 +201,11 @@ void tst_GripperList::bootloaderModeIsLookedForOnAQuietLine()
     QVERIFY2(detectedAfterMs >= 150, qPrintable(QString::number(detectedAfterMs)));
 }
 
-void tst_GripperList::openLinkIsNoBootloaderMode()
+void tst_GripperList::gripperWithAnOpenLinkIsNotInItsBootloader()
 {
     QVERIFY(!m_list->isDeviceInBootloaderMode(m_gripper));
     QCOMPARE(m_gripper->error(), Error::NotConnectedError);
-    QCOMPARE(m_end.knocks(), QList<int>());
+    QCOMPARE(m_end.attemptRates(), QList<int>());
 }
 
 void tst_GripperList::gripperInItsBootloaderIsNeitherResetNorMuted_data()
@@ -251,7 +219,7 @@ void tst_GripperList::gripperInItsBootloaderIsNeitherResetNorMuted()
     QFETCH(int, baudRate);
     m_master.setOpen(false);
     QVERIFY(m_list->jumpToBootloader(m_families[family]));
-    QCOMPARE(ratesOfKnocks(), QList<int>{baudRate});
+    QCOMPARE(ratesOfSearches(), QList<int>{baudRate});
     QCOMPARE(m_master.takeRequests(), QStringList());
     QVERIFY(!m_list->m_muted);
 }
@@ -267,16 +235,16 @@ void tst_GripperList::jumpMutesThePolling()
     QFETCH(int, baudRate);
     QVERIFY(m_list->jumpToBootloader(m_families[family]));
     QCOMPARE(m_master.takeRequests(), resetAndClose);
-    QCOMPARE(ratesOfKnocks(), QList<int>{baudRate});
+    QCOMPARE(ratesOfSearches(), QList<int>{baudRate});
     QVERIFY(m_list->m_muted);
 }
 
-void tst_GripperList::jumpThatFailsMutesThePollingToo()
+void tst_GripperList::failedJumpMutesThePolling()
 {
     m_master.refuseWrites(resetAddress, KvModbusAbstract::TimeoutError);
     QVERIFY(!m_list->jumpToBootloader(m_gripper));
     QCOMPARE(m_master.takeRequests(), resetAndClose.mid(0, 1));
-    QCOMPARE(m_end.knocks(), QList<int>());
+    QCOMPARE(m_end.attemptRates(), QList<int>());
     QVERIFY(m_list->m_muted);
 }
 
@@ -306,12 +274,6 @@ void tst_GripperList::familyIsFlashedWithItsFirmware()
 
     QVERIFY(QFile(QStringLiteral("end")).open(QIODevice::WriteOnly));
     QTRY_COMPARE(m_list->getUpgradeStatus(), 0);
-    QFile called(QStringLiteral("called"));
-    QVERIFY(called.open(QIODevice::ReadOnly));
-    QCOMPARE(QString::fromUtf8(called.readAll()), QStringLiteral("-p %1 -b %2 -f %3 -d -g\n")
-                                                      .arg(m_listEnd.portName())
-                                                      .arg(baudRate)
-                                                      .arg(file));
 }
 
 void tst_GripperList::gripperInItsBootloaderIsFlashedWithoutMuting()
@@ -337,7 +299,7 @@ void tst_GripperList::upgradeOfAnUnknownFamilyFailsAfterTheJump()
     m_master.setOpen(!isInBootloader);
     QVERIFY(!m_list->upgradeFirmware(m_families['C']));
     QCOMPARE(m_master.takeRequests(), isInBootloader ? QStringList() : resetAndClose);
-    QCOMPARE(ratesOfKnocks(), QList<int>{115200});
+    QCOMPARE(ratesOfSearches(), QList<int>{115200});
     QCOMPARE(m_list->m_muted, !isInBootloader);
     QCOMPARE(m_log->infos(), QStringList());
     QCOMPARE(m_list->getUpgradeStatus(), 0);
@@ -365,7 +327,7 @@ void tst_GripperList::secondUpgradeIsRefused()
     for (const char family : {'A', 'E'})
         QVERIFY(!m_list->upgradeFirmware(m_families[family]));
     QCOMPARE(m_master.takeRequests(), QStringList());
-    QCOMPARE(m_end.knocks(), QList<int>());
+    QCOMPARE(m_end.attemptRates(), QList<int>());
     QCOMPARE(m_log->infos(), QStringList());
     QVERIFY(!m_list->m_muted);
     QCOMPARE(m_list->getUpgradeStatus(), 1);
@@ -381,7 +343,7 @@ void tst_GripperList::scanOpensNoPortDuringAnUpgrade()
     QCOMPARE(m_log->infos(), QStringList());
 }
 
-void tst_GripperList::pollingIsUnmutedHoweverTheProgramEnds_data()
+void tst_GripperList::pollingIsUnmutedWhenTheProgramEnds_data()
 {
     QTest::addColumn<QByteArray>("script");
     QTest::newRow("success") << QByteArray("exit 0");
@@ -389,7 +351,7 @@ void tst_GripperList::pollingIsUnmutedHoweverTheProgramEnds_data()
     QTest::newRow("killed") << QByteArray("kill -9 $$");
 }
 
-void tst_GripperList::pollingIsUnmutedHoweverTheProgramEnds()
+void tst_GripperList::pollingIsUnmutedWhenTheProgramEnds()
 {
     QFETCH(QByteArray, script);
     writeProgram(script);
@@ -431,7 +393,7 @@ void tst_GripperList::pendingJumpIsCarriedOutByTheNextTick()
 
     m_list->onTimerStateLoopTimeout();
     QCOMPARE(m_master.takeRequests(), resetAndClose);
-    QCOMPARE(ratesOfKnocks(), QList<int>{19200});
+    QCOMPARE(ratesOfSearches(), QList<int>{19200});
     QVERIFY(m_list->m_muted);
     QCOMPARE(m_list->m_loopStep, LoopStep::Discover);
     QCOMPARE(m_list->m_linkStatus, GripperList::LinkStatus::Timeout);
@@ -446,23 +408,23 @@ void tst_GripperList::pendingJumpIsCarriedOutByTheNextTick()
 void tst_GripperList::pendingJumpsAreCarriedOutInOrder()
 {
     m_list->m_scanBackOffTimer->start(60'000);
-    // The link is closed by the first jump, so the second gripper is found in its bootloader.
+    // The first jump closes the link, so the list finds the other grippers in their bootloaders.
     m_list->resetToBootloader(m_families['E']);
     m_list->resetToBootloader(m_families['B']);
     m_list->resetToBootloader(m_families['F']);
     m_list->onTimerStateLoopTimeout();
-    QCOMPARE(ratesOfKnocks(), (QList<int>{115200, 19200, 115200}));
+    QCOMPARE(ratesOfSearches(), (QList<int>{115200, 19200, 115200}));
     QVERIFY(m_list->m_pendingBootloader.isEmpty());
 }
 
-void tst_GripperList::pendingJumpIsHeldBack_data()
+void tst_GripperList::pendingJumpWaitsWhileTheListIsMutedOrBusy_data()
 {
     QTest::addColumn<bool>("muted");
     QTest::newRow("muted") << true;
     QTest::newRow("busy") << false;
 }
 
-void tst_GripperList::pendingJumpIsHeldBack()
+void tst_GripperList::pendingJumpWaitsWhileTheListIsMutedOrBusy()
 {
     QFETCH(bool, muted);
     m_list->m_scanBackOffTimer->start(60'000);

@@ -95,17 +95,6 @@ const QVector<OutputByte> outputBytes{
     {"speed", &KvPelloGripper::setSpeedRequest, 2, 8, &KvPelloGripper::getSpeedRequest},
 };
 
-void setUpSlave(ScriptedMaster &master, quint8 slaveId = slave)
-{
-    master.setRegisters(slaveId, versionAddress, {0x5441, 0x3301, 0x060E});
-    master.setRegisters(slaveId, serialAddress, {0x4142, 0x4300, 42, 0});
-    master.setRegisters(slaveId, yearAddress, {2024});
-    master.setRegisters(slaveId, cyclesAddress, {0, 0});
-    master.setRegisters(slaveId, secondsAddress, {0, 0});
-    master.setRegisters(slaveId, activationsAddress, {0, 0});
-    master.setRegisters(slaveId, inputAddress, {0, 0, 0});
-}
-
 QString outputWrite(quint16 action, quint16 position = 0, quint16 motion = 0)
 {
     const QChar zero = QLatin1Char('0');
@@ -127,14 +116,13 @@ private slots:
     void init();
 
     // Construction
-    void constructionAsksInThisOrder();
+    void constructionReadsInThisOrder();
     void firstRequestComesAfterTheRateHasSettled();
     void eventsAreProcessedDuringConstruction();
-    void slaveIdIsTheLowByte();
     void productCodeDecides_data();
     void productCodeDecides();
     void gripperInErrorIsNotValid();
-    void closedLinkIsNeverAsked();
+    void closedLinkGetsNoRequest();
     void everyFailureEndsWithInitilizationError_data();
     void everyFailureEndsWithInitilizationError();
     void failedIdentityReadIsNotRepeated_data();
@@ -142,7 +130,7 @@ private slots:
     void successWithOneAttemptLeftIsAccepted();
     void successWithNoAttemptLeftIsRejected();
     void numberOfAttemptsIsLimited();
-    void yearIsAskedAgainAfterAPause();
+    void yearIsReadAgainAfterAPause();
     void failedFirstPollRejectsTheGripper_data();
     void failedFirstPollRejectsTheGripper();
     void firstPollComesAfterLateIdentityAnswers();
@@ -156,8 +144,6 @@ private slots:
     void everyInputBitReachesItsFieldOnly();
     void activateEchoNeedsACompletedActivation_data();
     void activateEchoNeedsACompletedActivation();
-    void knownStatusWordsAreDecoded();
-    void pollIsFourReads();
     void shortPollLeavesEveryFieldUnchanged_data();
     void shortPollLeavesEveryFieldUnchanged();
     void longPollIsDecodedFromItsFirstWords();
@@ -177,12 +163,10 @@ private slots:
     void outputChangedBetweenTheAttemptsIsWrittenOnceMore_data();
     void outputChangedBetweenTheAttemptsIsWrittenOnceMore();
     void outputRepeatedUnchangedIsNotWrittenOnceMore();
-    void gettersAndSettersNeverTouchTheBus();
 
     // Activation
     void activationOfAnActiveGripperTakesTwoWrites();
     void activationOfAnInactiveGripperIsSentAtOnce();
-    void pendingActivationIsReportedUntilItIsSent();
     void activationAlwaysMarksNewOutput();
     void clearedActivationIsSentEvenIfNoneWasPending();
     void clearedActivationWithdrawsAPendingOne();
@@ -200,14 +184,12 @@ private slots:
 
     // Maintenance
     void countersAreLowWordFirst();
-    void countersAreReadTogetherWithTheStatus();
-    void odometerIsThePumpTime();
     void directReadsUseTheirRegister_data();
     void directReadsUseTheirRegister();
     void directReadsThatFailGiveZero_data();
     void directReadsThatFailGiveZero();
-    void speedLimitThatIsShownReturnsFalse_data();
-    void speedLimitThatIsShownReturnsFalse();
+    void speedLimitThatTheGripperShowsReturnsFalse_data();
+    void speedLimitThatTheGripperShowsReturnsFalse();
     void speedLimitIsWrittenAndReadBackAfterAPause();
     void refusedSpeedLimitIsNotReadBack();
 
@@ -216,16 +198,16 @@ private:
 
     std::unique_ptr<KvPelloGripper> makeGripper();
     QList<Error> errorsOfConstruction();
-    // Polls with this status block.
+    // The gripper answers this poll with `status`.
     void poll(KvPelloGripper &gripper, const Words &status);
-    // The output block that is written now.
+    // Writes the output and returns the request as text.
     QString written(KvPelloGripper &gripper);
 };
 
 void tst_KvPelloGripper::init()
 {
     m_master = std::make_unique<ScriptedMaster>();
-    setUpSlave(*m_master);
+    m_master->addGripper(slave);
 }
 
 std::unique_ptr<KvPelloGripper> tst_KvPelloGripper::makeGripper()
@@ -263,7 +245,7 @@ QList<Error> tst_KvPelloGripper::errorsOfConstruction()
     return errors;
 }
 
-void tst_KvPelloGripper::constructionAsksInThisOrder()
+void tst_KvPelloGripper::constructionReadsInThisOrder()
 {
     const KvPelloGripper gripper(*m_master, slave);
     QCOMPARE(gripper.error(), KvDeviceBase::NoError);
@@ -301,13 +283,6 @@ void tst_KvPelloGripper::eventsAreProcessedDuringConstruction()
     const KvPelloGripper gripper(*m_master, slave);
     QCOMPARE(firedBeforeRequest.value(0), QList<int>()); // the rate
     QCOMPARE(firedBeforeRequest.value(1), due);          // the first read
-}
-
-void tst_KvPelloGripper::slaveIdIsTheLowByte()
-{
-    const KvPelloGripper gripper(*m_master, 0x0109);
-    QCOMPARE(gripper.getSlaveId(), slave);
-    QCOMPARE(gripper.error(), KvDeviceBase::NoError);
 }
 
 void tst_KvPelloGripper::productCodeDecides_data()
@@ -353,7 +328,7 @@ void tst_KvPelloGripper::gripperInErrorIsNotValid()
     QCOMPARE(m_master->takeRequests(), QStringList());
 }
 
-void tst_KvPelloGripper::closedLinkIsNeverAsked()
+void tst_KvPelloGripper::closedLinkGetsNoRequest()
 {
     m_master->setOpen(false);
     const KvPelloGripper gripper(*m_master, slave);
@@ -458,7 +433,7 @@ void tst_KvPelloGripper::numberOfAttemptsIsLimited()
     QCOMPARE(requests.last(), QStringLiteral("read 9 514 1"));
 }
 
-void tst_KvPelloGripper::yearIsAskedAgainAfterAPause()
+void tst_KvPelloGripper::yearIsReadAgainAfterAPause()
 {
     m_master->setNextAnswers(slave, yearAddress, {{0}, {0}});
     QElapsedTimer clock;
@@ -512,7 +487,7 @@ void tst_KvPelloGripper::absentGripperGetsOneAttempt()
 
 void tst_KvPelloGripper::firstPollStartsTheOutputImage()
 {
-    // Every bit except the activation. Only go-to and the position request are copied.
+    // Every bit is set except the activation. The image copies only go-to and the position request.
     m_master->setRegisters(slave, inputAddress, {0xFEFF, 0xFFAB, 0xFFFF});
     QCOMPARE(written(*makeGripper()), outputWrite(0x0800, 0x00AB));
     m_master->setRegisters(slave, inputAddress, {0x0100, 0, 0});
@@ -573,7 +548,7 @@ void tst_KvPelloGripper::everyInputBitReachesItsFieldOnly()
     QFETCH(Words, status);
     // One gripper serves all rows, because a poll renews the whole image.
     static ScriptedMaster s_master;
-    setUpSlave(s_master);
+    s_master.addGripper(slave);
     static KvPelloGripper s_gripper(s_master, slave);
     s_master.setRegisters(slave, inputAddress, status);
     QVERIFY(s_gripper.updateInput());
@@ -608,29 +583,6 @@ void tst_KvPelloGripper::activateEchoNeedsACompletedActivation()
     QFETCH(int, echo);
     m_master->setRegisters(slave, inputAddress, {word, 0, 0});
     QCOMPARE(int(makeGripper()->getActivateEcho()), echo);
-}
-
-void tst_KvPelloGripper::knownStatusWordsAreDecoded()
-{
-    m_master->setRegisters(slave, inputAddress, {0x3900, 0xF3AB, 0x7B05});
-    const auto gripper = makeGripper();
-    QCOMPARE(gripper->getActivateEcho(), quint8{1});
-    QCOMPARE(gripper->getGripperModeEcho(), quint8{0});
-    QCOMPARE(gripper->getGoToEcho(), quint8{1});
-    QCOMPARE(gripper->getStatus(), quint8{3});
-    QCOMPARE(gripper->getFaultFlag(), quint8{3});
-    QCOMPARE(gripper->getPositionRequestEcho(), quint8{0xAB});
-    QCOMPARE(gripper->getPosition(), quint8{123});
-    QCOMPARE(gripper->getMotorCurrent(), quint8{5});
-}
-
-void tst_KvPelloGripper::pollIsFourReads()
-{
-    const auto gripper = makeGripper();
-    QVERIFY(gripper->updateInput());
-    QCOMPARE(m_master->takeRequests(),
-             QStringList({QStringLiteral("read 9 2000 3"), QStringLiteral("read 9 600 2"),
-                          QStringLiteral("read 9 602 2"), QStringLiteral("read 9 604 2")}));
 }
 
 void tst_KvPelloGripper::shortPollLeavesEveryFieldUnchanged_data()
@@ -866,34 +818,6 @@ void tst_KvPelloGripper::outputRepeatedUnchangedIsNotWrittenOnceMore()
     QVERIFY(!gripper->isNewOutput());
 }
 
-void tst_KvPelloGripper::gettersAndSettersNeverTouchTheBus()
-{
-    const auto gripper = makeGripper();
-    QSignalSpy errors(gripper.get(), &KvDeviceBase::errorOccurred);
-    for (const InputField &field : inputFields)
-        (*gripper.*field.getter)();
-    for (const OutputFlag &flag : outputFlags) {
-        (*gripper.*flag.set)();
-        (*gripper.*flag.clear)();
-        if (flag.getter != nullptr)
-            (*gripper.*flag.getter)();
-    }
-    for (const OutputByte &byte : outputBytes) {
-        (*gripper.*byte.set)(1);
-        (*gripper.*byte.getter)();
-    }
-    gripper->setActivateRequest();
-    gripper->clearActivateRequest();
-    gripper->getActivateRequest();
-    gripper->getActivateEcho();
-    gripper->getNumberOfCycles();
-    gripper->getNumberOfSecondsPumpIsOn();
-    gripper->getNumberOfPumpActivations();
-    gripper->isNewOutput();
-    QCOMPARE(m_master->takeRequests(), QStringList());
-    QCOMPARE(errors.size(), 0);
-}
-
 void tst_KvPelloGripper::activationOfAnActiveGripperTakesTwoWrites()
 {
     m_master->setRegisters(slave, inputAddress, {0x3100, 0, 0});
@@ -927,16 +851,6 @@ void tst_KvPelloGripper::activationOfAnInactiveGripperIsSentAtOnce()
     QVERIFY(gripper->isNewOutput());
     QCOMPARE(written(*gripper), outputWrite(0x0100));
     QVERIFY(!gripper->isNewOutput());
-}
-
-void tst_KvPelloGripper::pendingActivationIsReportedUntilItIsSent()
-{
-    const auto gripper = makeGripper();
-    QCOMPARE(gripper->getActivateRequest(), quint8{0});
-    gripper->setActivateRequest();
-    QCOMPARE(gripper->getActivateRequest(), quint8{1});
-    written(*gripper);
-    QCOMPARE(gripper->getActivateRequest(), quint8{0});
 }
 
 void tst_KvPelloGripper::activationAlwaysMarksNewOutput()
@@ -1125,25 +1039,6 @@ void tst_KvPelloGripper::countersAreLowWordFirst()
                           QStringLiteral("read 9 604 2")}));
 }
 
-void tst_KvPelloGripper::countersAreReadTogetherWithTheStatus()
-{
-    m_master->setRegisters(slave, cyclesAddress, {1, 0});
-    m_master->setRegisters(slave, secondsAddress, {2, 0});
-    m_master->setRegisters(slave, activationsAddress, {3, 0});
-    const auto gripper = makeGripper();
-    QCOMPARE(gripper->getNumberOfCycles(), quint32{1});
-    QCOMPARE(gripper->getNumberOfSecondsPumpIsOn(), quint32{2});
-    QCOMPARE(gripper->getNumberOfPumpActivations(), quint32{3});
-}
-
-void tst_KvPelloGripper::odometerIsThePumpTime()
-{
-    m_master->setRegisters(slave, secondsAddress, {0x1234, 0x0001});
-    const auto gripper = makeGripper();
-    QCOMPARE(gripper->getNumberOfSecondsPumpIsOn(), quint32{0x00011234});
-    QCOMPARE(gripper->getOdometer(), quint32{0x00011234});
-}
-
 namespace {
 
 quint32 directRead(KvPelloGripper &gripper, const QString &name)
@@ -1206,7 +1101,7 @@ void tst_KvPelloGripper::directReadsThatFailGiveZero()
     QCOMPARE(gripper->error(), KvDeviceBase::CommunicationError);
 }
 
-void tst_KvPelloGripper::speedLimitThatIsShownReturnsFalse_data()
+void tst_KvPelloGripper::speedLimitThatTheGripperShowsReturnsFalse_data()
 {
     QTest::addColumn<Words>("shown");
     QTest::addColumn<int>("limit");
@@ -1217,7 +1112,7 @@ void tst_KvPelloGripper::speedLimitThatIsShownReturnsFalse_data()
     QTest::newRow("zero, unreadable") << Words{} << 0 << false;
 }
 
-void tst_KvPelloGripper::speedLimitThatIsShownReturnsFalse()
+void tst_KvPelloGripper::speedLimitThatTheGripperShowsReturnsFalse()
 {
     QFETCH(Words, shown);
     QFETCH(int, limit);

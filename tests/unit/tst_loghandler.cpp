@@ -81,7 +81,6 @@ private slots:
     void eachSeverityHasItsForm_data();
     void eachSeverityHasItsForm();
     void nothingGoesToStandardOutput();
-    void missingPlaceIsPrintedAsNull();
     void unknownSeverityPrintsNothing_data();
     void unknownSeverityPrintsNothing();
     void formatCharactersOfTheMessageArePrintedUnchanged();
@@ -123,11 +122,6 @@ void tst_LogHandler::nothingGoesToStandardOutput()
     });
     QCOMPARE(printed.toStandardOutput, QByteArray());
     QCOMPARE(printed.toStandardError.count('\n'), 4);
-}
-
-void tst_LogHandler::missingPlaceIsPrintedAsNull()
-{
-    QCOMPARE(infoLine(QStringLiteral("text")), QByteArray("Info: text ((null):0, (null))\n"));
 }
 
 void tst_LogHandler::unknownSeverityPrintsNothing_data()

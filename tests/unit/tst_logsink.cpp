@@ -66,7 +66,7 @@ public:
             write(message);
     }
 
-    /// At most 4 KiB.
+    /// Returns arrived bytes, at most 4 KiB.
     QByteArray takePiece() const
     {
         char bytes[4096];
@@ -114,24 +114,24 @@ class tst_LogSink : public QObject
     Q_OBJECT
 
 private slots:
-    void longLineThatNobodyReadsCostsNoTimeAndIsCompletedLater_data();
-    void longLineThatNobodyReadsCostsNoTimeAndIsCompletedLater();
+    void unreadLongLineCostsLittleTimeAndIsCompletedLater_data();
+    void unreadLongLineCostsLittleTimeAndIsCompletedLater();
     void longLineCostsASlowReaderNoMoreTimeThanAShortOne();
-    void readerThatHasStoppedCostsLinesButNoTime();
-    void signalDoesNotMakeItWaitForAReaderThatHasStopped();
-    void terminalThatNobodyReadsCostsLinesButNoTime();
-    void readerThatIsSlowLosesNothing();
-    void readerThatIsGoneCostsNoTime();
+    void stoppedReaderCostsLinesAndLittleTime();
+    void signalsDoNotProlongTheWaitForAStoppedReader();
+    void unreadTerminalCostsLinesAndLittleTime();
+    void slowReaderLosesNothing();
+    void missingReaderCostsLittleTime();
 };
 
-void tst_LogSink::longLineThatNobodyReadsCostsNoTimeAndIsCompletedLater_data()
+void tst_LogSink::unreadLongLineCostsLittleTimeAndIsCompletedLater_data()
 {
     QTest::addColumn<bool>("isTerminal");
     QTest::newRow("pipe") << false;
     QTest::newRow("terminal") << true;
 }
 
-void tst_LogSink::longLineThatNobodyReadsCostsNoTimeAndIsCompletedLater()
+void tst_LogSink::unreadLongLineCostsLittleTimeAndIsCompletedLater()
 {
     QFETCH(bool, isTerminal);
     Log log(isTerminal ? terminalEnds() : pipeEnds());
@@ -146,8 +146,7 @@ void tst_LogSink::longLineThatNobodyReadsCostsNoTimeAndIsCompletedLater()
 
     QByteArray read = log.takeAll();
     QVERIFY(!read.contains('\n'));
-    // Each call completes as much of the line as there is room for. The last call also has room
-    // for its own line.
+    // Each call writes as much of the long line as fits. The last call also writes its own line.
     int lost = 999;
     while (!read.endsWith(infoLine("last")) && lost < 3'000) {
         ++lost;
@@ -163,7 +162,7 @@ void tst_LogSink::longLineCostsASlowReaderNoMoreTimeThanAShortOne()
     Log log;
     std::atomic<bool> isOver{false};
     std::thread reader([&] {
-        // Makes room for 4 KiB again and again, always before it counts as stopped.
+        // Reads often enough that the sink never treats this reader as stopped.
         while (!isOver) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
             log.takePiece();
@@ -178,7 +177,7 @@ void tst_LogSink::longLineCostsASlowReaderNoMoreTimeThanAShortOne()
     QVERIFY2(elapsed < 300, qPrintable(QString::number(elapsed)));
 }
 
-void tst_LogSink::readerThatHasStoppedCostsLinesButNoTime()
+void tst_LogSink::stoppedReaderCostsLinesAndLittleTime()
 {
     Log log;
     QElapsedTimer clock;
@@ -192,7 +191,7 @@ void tst_LogSink::readerThatHasStoppedCostsLinesButNoTime()
     QCOMPARE(log.takeAll(), lossLine(100'000 - before.count('\n')) + infoLine("last"));
 }
 
-void tst_LogSink::signalDoesNotMakeItWaitForAReaderThatHasStopped()
+void tst_LogSink::signalsDoNotProlongTheWaitForAStoppedReader()
 {
     Log log;
     const auto before = ::signal(SIGALRM, [](int) {});
@@ -208,7 +207,7 @@ void tst_LogSink::signalDoesNotMakeItWaitForAReaderThatHasStopped()
     QVERIFY2(elapsed < 5'000, qPrintable(QString::number(elapsed)));
 }
 
-void tst_LogSink::terminalThatNobodyReadsCostsLinesButNoTime()
+void tst_LogSink::unreadTerminalCostsLinesAndLittleTime()
 {
     Log log(terminalEnds());
     // With this length, the terminal takes only a part of the last line.
@@ -230,9 +229,9 @@ void tst_LogSink::terminalThatNobodyReadsCostsLinesButNoTime()
                        infoLine("last").repeated(2));
 }
 
-void tst_LogSink::readerThatIsSlowLosesNothing()
+void tst_LogSink::slowReaderLosesNothing()
 {
-    // If the machine pauses for 20 ms, any reader counts as stopped.
+    // If the machine pauses for 20 ms, the sink treats any reader as stopped.
     const auto isAnyLineLost = [] {
         Log log;
         std::atomic<bool> isOver{false};
@@ -255,7 +254,7 @@ void tst_LogSink::readerThatIsSlowLosesNothing()
     QVERIFY(attempts < 5);
 }
 
-void tst_LogSink::readerThatIsGoneCostsNoTime()
+void tst_LogSink::missingReaderCostsLittleTime()
 {
     Log log;
     log.closeReadEnd();

@@ -7,41 +7,31 @@ class tst_ModbusConstraints : public QObject
     Q_OBJECT
 
 private slots:
-    void gettersReturnTheirValues();
     void timingFollowsThePortName_data();
     void timingFollowsThePortName();
 };
-
-void tst_ModbusConstraints::gettersReturnTheirValues()
-{
-    const ModbusConstraints constraints(1, -2, 3);
-    QCOMPARE(constraints.getTimeout(), 1);
-    QCOMPARE(constraints.getTimeoutFactor(), -2);
-    QCOMPARE(constraints.getRetries(), 3);
-}
 
 void tst_ModbusConstraints::timingFollowsThePortName_data()
 {
     QTest::addColumn<bool>("isToolFlange");
     QTest::addColumn<bool>("isWristCamera");
     QTest::addColumn<int>("timeoutMs");
-    QTest::addColumn<int>("threeRegistersMs");
 
-    QTest::newRow("ttyTool") << true << false << 32 << 62;
-    QTest::newRow("ttyTool0") << false << false << 32 << 62;
-    QTest::newRow("ttytool") << false << false << 32 << 62;
-    QTest::newRow("xttyTool") << false << false << 32 << 62;
-    QTest::newRow("ttyACM") << false << true << 200 << 230;
-    QTest::newRow("ttyACM0") << false << true << 200 << 230;
-    QTest::newRow("ttyACM10") << false << true << 200 << 230;
-    QTest::newRow("ttyAC") << false << false << 32 << 62;
-    QTest::newRow("xttyACM0") << false << false << 32 << 62;
-    QTest::newRow("ttyacm0") << false << false << 32 << 62;
-    QTest::newRow("ttyUSB0") << false << false << 32 << 62;
-    QTest::newRow("ttyS1") << false << false << 32 << 62;
-    QTest::newRow("") << false << false << 32 << 62;
-    QTest::newRow("/dev/ttyACM0") << false << false << 32 << 62;
-    QTest::newRow("/dev/ttyTool") << false << false << 32 << 62;
+    QTest::newRow("ttyTool") << true << false << 32;
+    QTest::newRow("ttyTool0") << false << false << 32;
+    QTest::newRow("ttytool") << false << false << 32;
+    QTest::newRow("xttyTool") << false << false << 32;
+    QTest::newRow("ttyACM") << false << true << 200;
+    QTest::newRow("ttyACM0") << false << true << 200;
+    QTest::newRow("ttyACM10") << false << true << 200;
+    QTest::newRow("ttyAC") << false << false << 32;
+    QTest::newRow("xttyACM0") << false << false << 32;
+    QTest::newRow("ttyacm0") << false << false << 32;
+    QTest::newRow("ttyUSB0") << false << false << 32;
+    QTest::newRow("ttyS1") << false << false << 32;
+    QTest::newRow("") << false << false << 32;
+    QTest::newRow("/dev/ttyACM0") << false << false << 32;
+    QTest::newRow("/dev/ttyTool") << false << false << 32;
 }
 
 void tst_ModbusConstraints::timingFollowsThePortName()
@@ -49,7 +39,6 @@ void tst_ModbusConstraints::timingFollowsThePortName()
     QFETCH(bool, isToolFlange);
     QFETCH(bool, isWristCamera);
     QFETCH(int, timeoutMs);
-    QFETCH(int, threeRegistersMs);
     const QString portName = QString::fromLatin1(QTest::currentDataTag());
 
     const ModbusConstraintsFactory factory;
@@ -59,7 +48,6 @@ void tst_ModbusConstraints::timingFollowsThePortName()
     QCOMPARE(constraints.getTimeout(), timeoutMs);
     QCOMPARE(constraints.getTimeoutFactor(), 10);
     QCOMPARE(constraints.getRetries(), 2);
-    QCOMPARE(constraints.getTimeout() + 3 * constraints.getTimeoutFactor(), threeRegistersMs);
 }
 
 QTEST_APPLESS_MAIN(tst_ModbusConstraints)

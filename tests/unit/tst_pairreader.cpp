@@ -40,7 +40,7 @@ public:
         return line + QByteArray(below(3), ' ') + (below(2) == 0 ? "\n" : "\r\n");
     }
 
-    // Any text. Its tokens are short, so that removing a pair often makes another pair.
+    // Returns any text. Its tokens are short, so the removal of a pair often makes another pair.
     QByteArray anyText()
     {
         QByteArray text;

@@ -29,7 +29,7 @@ private:
     }
     static QString pathOf(const QString &name) { return QStringLiteral("/var/lock/LCK..") + name; }
 
-    /// In the format of QLockFile.
+    /// The content of a lock file, in the format of QLockFile.
     static QByteArray lockOf(qint64 processId)
     {
         return QByteArray::number(processId) + "\ntst_portlock\n" +

@@ -1,6 +1,8 @@
 #include "portusage.h"
 
+#include "logcapture.h"
 #include "quitsignals.h"
+#include "workingdirectory.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -13,18 +15,11 @@
 #include <array>
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <sys/time.h>
 #include <unistd.h>
 
 namespace {
-
-// Warnings of Qt. The daemon would print them to its log.
-QStringList s_warnings;
-
-void noteWarning(QtMsgType /*type*/, const QMessageLogContext & /*context*/, const QString &message)
-{
-    s_warnings.append(message);
-}
 
 const QString none; // the program does not exist
 const QString exitsWith0 = QStringLiteral("#!/bin/sh\nexit 0\n");
@@ -62,8 +57,8 @@ private slots:
 
     void onlyUsbSerialNamesQualify_data();
     void onlyUsbSerialNamesQualify();
-    void exitCodesDecide_data();
-    void exitCodesDecide();
+    void exitCodesDecideWhetherThePortIsFree_data();
+    void exitCodesDecideWhetherThePortIsFree();
     void programThatMayNotBeExecutedFallsBack();
     void directoryOfThatNameFallsBack();
     void reportMayBeLeftOut();
@@ -75,11 +70,10 @@ private slots:
     void quitSignalKillsTheProgram();
 
 private:
-    QScopedPointer<QTemporaryDir> m_workingDirectory;
+    std::unique_ptr<WorkingDirectory> m_workingDirectory;
     QScopedPointer<QTemporaryDir> m_searchPath;
-    QString m_keptDirectory;
     QByteArray m_keptPath;
-    QtMessageHandler m_keptHandler = nullptr;
+    std::unique_ptr<LogCapture> m_log;
     QStringList m_reports;
     CommandReport m_report = [this](const QString &command, int exitCode) {
         m_reports.append(command + QStringLiteral(" -> ") + QString::number(exitCode));
@@ -94,23 +88,21 @@ private:
 
 void tst_PortUsage::init()
 {
-    m_keptDirectory = QDir::currentPath();
     m_keptPath = qgetenv("PATH");
-    m_workingDirectory.reset(new QTemporaryDir);
+    m_workingDirectory = std::make_unique<WorkingDirectory>();
     m_searchPath.reset(new QTemporaryDir);
-    QVERIFY(QDir::setCurrent(m_workingDirectory->path()));
     qputenv("PATH", m_searchPath->path().toLocal8Bit());
     m_reports.clear();
-    s_warnings.clear();
-    m_keptHandler = qInstallMessageHandler(noteWarning);
+    m_log = std::make_unique<LogCapture>();
 }
 
 void tst_PortUsage::cleanup()
 {
-    qInstallMessageHandler(m_keptHandler);
     qputenv("PATH", m_keptPath);
-    QDir::setCurrent(m_keptDirectory);
-    QCOMPARE(s_warnings, QStringList());
+    m_workingDirectory.reset();
+    // The daemon would print the warnings of Qt to its log.
+    QCOMPARE(m_log->warnings(), QStringList());
+    m_log.reset();
 }
 
 void tst_PortUsage::onlyUsbSerialNamesQualify_data()
@@ -138,7 +130,7 @@ void tst_PortUsage::onlyUsbSerialNamesQualify()
     QCOMPARE(isUsbSerialPortName(QString::fromLatin1(QTest::currentDataTag())), qualifies);
 }
 
-void tst_PortUsage::exitCodesDecide_data()
+void tst_PortUsage::exitCodesDecideWhetherThePortIsFree_data()
 {
     QTest::addColumn<QString>("local");
     QTest::addColumn<QString>("onPath");
@@ -152,8 +144,8 @@ void tst_PortUsage::exitCodesDecide_data()
         return localOnly(code) +
                QStringList{QStringLiteral("fuser /dev/ttyUSB0 -> %1").arg(codeOnPath)};
     };
-    QTest::newRow("nobody has it open") << exitsWith1 << none << true << localOnly(1);
-    QTest::newRow("somebody has it open") << exitsWith0 << none << false << localOnly(0);
+    QTest::newRow("no process has it open") << exitsWith1 << none << true << localOnly(1);
+    QTest::newRow("a process has it open") << exitsWith0 << none << false << localOnly(0);
     QTest::newRow("any positive code is free") << exitsWith255 << none << true << localOnly(255);
     QTest::newRow("free, the other says busy") << exitsWith1 << exitsWith0 << true << localOnly(1);
     QTest::newRow("busy, the other says free") << exitsWith0 << exitsWith1 << false << localOnly(0);
@@ -168,7 +160,7 @@ void tst_PortUsage::exitCodesDecide_data()
     QTest::newRow("no interpreter") << hasNoInterpreter << exitsWith1 << true << both(-2, 1);
 }
 
-void tst_PortUsage::exitCodesDecide()
+void tst_PortUsage::exitCodesDecideWhetherThePortIsFree()
 {
     QFETCH(QString, local);
     QFETCH(QString, onPath);
@@ -216,8 +208,7 @@ void tst_PortUsage::localProgramRunsInTheWorkingDirectory()
 {
     installLocal(QStringLiteral("#!/bin/sh\npwd -P > where\nexit 1\n"));
     QVERIFY(isPortFree(QStringLiteral("ttyUSB0")));
-    QCOMPARE(contentOf(QStringLiteral("where")),
-             QDir(m_workingDirectory->path()).canonicalPath() + QLatin1Char('\n'));
+    QCOMPARE(contentOf(QStringLiteral("where")), m_workingDirectory->path() + QLatin1Char('\n'));
 }
 
 void tst_PortUsage::outputIsDropped()
@@ -282,8 +273,8 @@ void tst_PortUsage::quitSignalKillsTheProgram()
     installLocal(runsLong);
     installOnPath(runsLong);
     quitOnSignals({SIGALRM});
-    const itimerval inABit{{0, 0}, {0, 200000}};
-    ::setitimer(ITIMER_REAL, &inABit, nullptr);
+    const itimerval after200Ms{{0, 0}, {0, 200000}};
+    ::setitimer(ITIMER_REAL, &after200Ms, nullptr);
     QElapsedTimer clock;
     clock.start();
     QVERIFY(!isPortFree(QStringLiteral("ttyUSB0"), m_report));

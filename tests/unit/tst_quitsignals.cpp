@@ -18,7 +18,7 @@ namespace {
 
 constexpr int longWaitMs = 20000;
 constexpr int wrongExitCode = 97;   // the claim is false
-constexpr int unknownExitCode = 98; // there is no such scenario
+constexpr int unknownExitCode = 98; // the scenario does not exist
 
 const QVector<int> quitSignals{SIGQUIT, SIGINT, SIGTERM, SIGHUP};
 
@@ -75,7 +75,7 @@ int quitDuringNestedWaits(int signalNumber)
     return QCoreApplication::exec();
 }
 
-int noteWithoutALoop(int signalNumber)
+int requestQuitWithoutALoop(int signalNumber)
 {
     quitOnSignals(quitSignals);
     const bool before = quitRequested();
@@ -109,7 +109,7 @@ int quitOnASignalOfTheFirstCall(int signalNumber)
     return QCoreApplication::exec();
 }
 
-int raiseWhatWasNotAskedFor(int signalNumber)
+int raiseAnUnregisteredSignal(int signalNumber)
 {
     quitOnSignals({});
     std::raise(signalNumber);
@@ -137,11 +137,11 @@ const QMap<QString, Scenario> &scenarios()
         {QStringLiteral("to an idle loop"), quitFromAnIdleLoopByAnotherThread},
         {QStringLiteral("in another thread"), quitHandledByAnotherThread},
         {QStringLiteral("during nested waits"), quitDuringNestedWaits},
-        {QStringLiteral("without a loop"), noteWithoutALoop},
+        {QStringLiteral("without a loop"), requestQuitWithoutALoop},
         {QStringLiteral("a thousand times"), quitOnManySignals},
         {QStringLiteral("added later"), quitOnASignalAddedLater},
         {QStringLiteral("of the first call"), quitOnASignalOfTheFirstCall},
-        {QStringLiteral("not asked for"), raiseWhatWasNotAskedFor},
+        {QStringLiteral("not registered"), raiseAnUnregisteredSignal},
         {QStringLiteral("with work after the wait"), finishOuterWorkAfterTheWait},
     };
     return all;
@@ -160,7 +160,7 @@ private slots:
     void quitSignalIsNotMissed();
     void otherSignalsKeepTheirEffect_data();
     void otherSignalsKeepTheirEffect();
-    void quitIsNotRequestedByItself();
+    void noQuitIsRequestedWithoutASignal();
 };
 
 namespace {
@@ -243,12 +243,12 @@ void tst_QuitSignals::otherSignalsKeepTheirEffect_data()
 void tst_QuitSignals::otherSignalsKeepTheirEffect()
 {
     QFETCH(int, signalNumber);
-    const Outcome outcome = run(QStringLiteral("not asked for"), signalNumber);
+    const Outcome outcome = run(QStringLiteral("not registered"), signalNumber);
     QCOMPARE(outcome.status, QProcess::CrashExit);
     QCOMPARE(outcome.code, signalNumber);
 }
 
-void tst_QuitSignals::quitIsNotRequestedByItself()
+void tst_QuitSignals::noQuitIsRequestedWithoutASignal()
 {
     QVERIFY(!quitRequested());
     quitOnSignals({SIGUSR2});

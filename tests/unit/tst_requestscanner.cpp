@@ -1,7 +1,7 @@
 #include "requestscanner.h"
 
 #include "patternscanner.h"
-#include "scannerduel.h"
+#include "scannercomparison.h"
 
 #include <QRandomGenerator>
 #include <QTest>
@@ -15,8 +15,8 @@
 
 namespace {
 
-std::atomic<std::size_t> allocations = 0; // Blocks that were ever allocated.
-std::atomic<std::size_t> liveBytes = 0;   // Bytes of the heap in use.
+std::atomic<std::size_t> allocations = 0; // The number of all allocations so far.
+std::atomic<std::size_t> liveBytes = 0;   // The number of heap bytes in use.
 
 } // namespace
 
@@ -259,8 +259,6 @@ private slots:
     void thousandAmbiguousLinesAreGarbage();
     void garbageIsNotKept_data();
     void garbageIsNotKept();
-    void setOfTwentyThousandPairsIsOneRequest_data();
-    void setOfTwentyThousandPairsIsOneRequest();
     void requestOfMaximumLengthIsCut();
     void requestOverTheMaximumLengthIsGarbage();
     void lineWithoutEndIsDroppedAtTheMaximumLength();
@@ -624,16 +622,17 @@ void tst_RequestScanner::cutsTheMatchesOfThePatterns()
     int packets = 0;
     int givenUp = 0;
     for (int i = 0; i < texts; ++i) {
-        ScannerDuel duel;
-        QString what;
+        ScannerComparison comparison;
+        QString difference;
         const QByteArray text = maker.text();
-        for (int at = 0; at < text.size() && !duel.gaveUp(); ++packets) {
+        for (int at = 0; at < text.size() && !comparison.gaveUp(); ++packets) {
             const int size = 1 + maker.below(maker.below(3) == 0 ? 4 : 80);
-            QVERIFY2(duel.feed(text.mid(at, size), INT_MAX, what), qPrintable(what));
+            QVERIFY2(comparison.feed(text.mid(at, size), INT_MAX, difference),
+                     qPrintable(difference));
             at += size;
         }
-        givenUp += duel.gaveUp() ? 1 : 0;
-        requests += duel.gaveUp() ? 0 : duel.requests();
+        givenUp += comparison.gaveUp() ? 1 : 0;
+        requests += comparison.gaveUp() ? 0 : comparison.equalRequests();
     }
     qInfo("%d texts in %d packets, %d requests equal, %d texts given up by the patterns",
           texts - givenUp, packets, requests, givenUp);
@@ -648,14 +647,14 @@ void tst_RequestScanner::cutsTheMatchesOfThePatternsWhileRequestsWait()
     int requests = 0;
     int givenUp = 0;
     for (int i = 0; i < texts; ++i) {
-        ScannerDuel duel;
-        QString what;
-        for (int packets = 6; packets > 0 && !duel.gaveUp(); --packets) {
+        ScannerComparison comparison;
+        QString difference;
+        for (int packets = 6; packets > 0 && !comparison.gaveUp(); --packets) {
             const int takes = packets == 1 ? INT_MAX : maker.below(3);
-            QVERIFY2(duel.feed(maker.text(), takes, what), qPrintable(what));
+            QVERIFY2(comparison.feed(maker.text(), takes, difference), qPrintable(difference));
         }
-        givenUp += duel.gaveUp() ? 1 : 0;
-        requests += duel.gaveUp() ? 0 : duel.requests();
+        givenUp += comparison.gaveUp() ? 1 : 0;
+        requests += comparison.gaveUp() ? 0 : comparison.equalRequests();
     }
     qInfo("%d texts, %d requests equal, %d texts given up by the patterns", texts - givenUp,
           requests, givenUp);
@@ -766,26 +765,6 @@ void tst_RequestScanner::garbageIsNotKept()
         QVERIFY(scan(scanner, packet).isEmpty());
         QVERIFY(scanner.bytesKept() <= 10);
     }
-}
-
-void tst_RequestScanner::setOfTwentyThousandPairsIsOneRequest_data()
-{
-    QTest::addColumn<int>("packetSize");
-
-    QTest::newRow("one packet") << megabyte;
-    QTest::newRow("small packets") << 100;
-}
-
-void tst_RequestScanner::setOfTwentyThousandPairsIsOneRequest()
-{
-    QFETCH(int, packetSize);
-    const QByteArray text = "SET" + QByteArray(" POS 100").repeated(20000) + "\r\n";
-    QList<QByteArray> packets;
-    for (int at = 0; at < text.size(); at += packetSize)
-        packets.append(text.mid(at, packetSize));
-
-    QCOMPARE(scanPackets(packets + QList<QByteArray>{"GET STA"}),
-             (QList<QByteArray>{text, "GET STA"}));
 }
 
 void tst_RequestScanner::requestOfMaximumLengthIsCut()

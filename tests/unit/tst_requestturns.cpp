@@ -13,7 +13,7 @@
 
 namespace {
 
-// A client whose requests the test starts. Its connection is read only to find its end.
+// The test itself starts the requests of this client. Reading the connection only finds its end.
 struct Client
 {
     Client(SocketPoller &poller, DescriptorPair ends)
@@ -33,8 +33,8 @@ struct Client
 
 } // namespace
 
-/// The test handles the requests itself: a request that contains "WAIT" calls m_onWait and counts
-/// as one that waits. The reply to each request is its text.
+/// The test handles the requests itself. A request that contains "WAIT" may wait: it calls
+/// m_onWait. The reply to each request is its text.
 class tst_RequestTurns : public QObject, public RequestTurns::Handler
 {
     Q_OBJECT
@@ -50,9 +50,9 @@ private slots:
     void init();
 
     void firstShareIsProcessedAtOnce();
-    void laterSharesHaveATurnEach();
+    void eachLaterShareHasATurnOfItsOwn();
     void clientsTakeTurns();
-    void requestThatWaitsIsAWholeShare();
+    void requestThatMayWaitIsAShareOfItsOwn();
     void queuedBatchesContinueWhileARequestWaits();
     void requestBeforeTheBufferedOnesIsProcessedFirst();
     void queuedClientIsHeldAndPaused();
@@ -146,13 +146,13 @@ void tst_RequestTurns::firstShareIsProcessedAtOnce()
 {
     Client &client = addClient();
     start(client, QByteArray("GET AAA\n").repeated(100));
-    // 256 bytes, and their replies have left.
+    // The first share has 256 bytes. Its replies have left.
     QCOMPARE(m_processed.size(), 32);
     QCOMPARE(client.end.received(), QByteArray("GET AAA\n").repeated(32));
     QTRY_COMPARE(client.end.received(), QByteArray("GET AAA\n").repeated(100));
 }
 
-void tst_RequestTurns::laterSharesHaveATurnEach()
+void tst_RequestTurns::eachLaterShareHasATurnOfItsOwn()
 {
     start(addClient(), QByteArray("GET AAA\n").repeated(2000));
     QVector<int> sizes;
@@ -161,7 +161,7 @@ void tst_RequestTurns::laterSharesHaveATurnEach()
         QCoreApplication::sendPostedEvents();
         sizes.append(m_processed.size() - before);
     }
-    // 4 KiB each, and the rest.
+    // Three shares have 4 KiB each, and the last one has the rest.
     QCOMPARE(sizes, (QVector<int>{512, 512, 512, 432}));
 }
 
@@ -181,7 +181,7 @@ void tst_RequestTurns::clientsTakeTurns()
     QVERIFY(m_servedClients == expected);
 }
 
-void tst_RequestTurns::requestThatWaitsIsAWholeShare()
+void tst_RequestTurns::requestThatMayWaitIsAShareOfItsOwn()
 {
     start(addClient(), "SET WAIT\nGET AAA\nGET BBB\n");
     QCOMPARE(m_processed, QList<QByteArray>{"SET WAIT"});
@@ -276,7 +276,7 @@ void tst_RequestTurns::postponedRequestsRunInOrderOneAfterAnother()
             start(addClient(), text);
     });
     m_mostWaiting = 0;
-    // Without a rule they would begin inside each other and end in reverse order.
+    // Nested requests would end in reverse order.
     m_onWait = [] { QTest::qWait(5); };
     QTRY_COMPARE(m_processed.mid(RequestTurns::nestingLimit),
                  (QList<QByteArray>{"SET WAIT AAA", "SET WAIT BBB", "SET WAIT CCC"}));
@@ -289,7 +289,7 @@ void tst_RequestTurns::newRequestDoesNotOvertakePostponedOnes()
         start(addClient(), "SET WAIT AAA\n");
         start(addClient(), "SET WAIT BBB\n");
     });
-    // The stack has room again, but the postponed requests have not run yet.
+    // Requests may nest again, but the postponed ones have not run yet.
     start(addClient(), "SET WAIT CCC\n");
     QCOMPARE(m_processed.size(), RequestTurns::nestingLimit);
     QTRY_COMPARE(m_processed.mid(RequestTurns::nestingLimit),

@@ -175,7 +175,7 @@ void TestRomflasherOptions::stalledStm32flashIsKilled()
     const QTemporaryDir folder;
     QFile program(folder.filePath(QStringLiteral("stm32flash")));
     QVERIFY(program.open(QIODevice::WriteOnly));
-    // It prints twice within the limit, and then nothing.
+    // The script prints twice within the limit, and then nothing.
     program.write("#!/bin/sh\nfor i in 1 2; do /bin/sleep 0.3; echo; done\nexec /bin/sleep 60\n");
     program.close();
     QVERIFY(program.setPermissions(QFile::ReadOwner | QFile::ExeOwner));

@@ -6,7 +6,7 @@ using namespace flasher;
 
 Q_DECLARE_METATYPE(ExitCode)
 
-// Recorded from stm32flash 0.7.
+// These texts are recordings of stm32flash 0.7.
 namespace {
 const QByteArray head("stm32flash 0.7\n\nhttp://stm32flash.sourceforge.net/\n\n"
                       "Using Parser : Raw BINARY\nLocation     : 0x8000000\n"
@@ -158,7 +158,7 @@ void TestRomflasherOutput::errorsAreShownLineByLine()
 
 void TestRomflasherOutput::imageLargerThanTheFlashIsNotDone()
 {
-    // Recorded: 600 KiB for a flash of which 512 are left. stm32flash exits with 0.
+    // A recording: stm32flash writes 600 KiB to a flash with room for 512 KiB, and exits with 0.
     Stm32FlashOutput reader(0x08080000 + 614400);
     reader.takeOutput(head + portLine + device + erasing +
                       "\rWrote and verified address 0x080fff00 (85.29%) "
@@ -168,7 +168,7 @@ void TestRomflasherOutput::imageLargerThanTheFlashIsNotDone()
 
 void TestRomflasherOutput::startOfAnIncompleteFirmwareIsNotDone()
 {
-    // Recorded: the image was truncated to 1000 bytes during the flash. stm32flash exits with 0.
+    // A recording: the image shrinks to 1000 bytes during the flash, and stm32flash exits with 0.
     Stm32FlashOutput reader(endAddress);
     reader.takeOutput(head + portLine + device + erasing +
                       "\rWrote and verified address 0x08000300 (25.59%) "

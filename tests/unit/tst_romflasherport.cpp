@@ -163,20 +163,19 @@ void TestRomflasherPort::lockOfADeadProcessIsTakenOver()
     const QString device = QStringLiteral("/dev/ttyDead");
     QFile file(SerialPortLock::pathOf(device));
     QVERIFY(file.open(QIODevice::WriteOnly));
-    // Larger than the largest process id.
+    // This number exceeds the largest process id.
     file.write("4194305\ngripperd\n");
     file.write(QSysInfo::machineHostName().toUtf8() + '\n');
     file.close();
     SerialPortLock lock(device);
     lock.take(0);
-    file.close();
     QVERIFY(file.open(QIODevice::ReadOnly));
     QCOMPARE(file.readLine().trimmed(), QByteArray::number(QCoreApplication::applicationPid()));
 }
 
 void TestRomflasherPort::oldLockOfALivingProcessIsNotTakenOver()
 {
-    // The kernel has no lock on this file; only its content keeps others out.
+    // No process holds a kernel lock on this file. Only its content reserves the port.
     const QString device = QStringLiteral("/dev/ttyLiving");
     QFile file(SerialPortLock::pathOf(device));
     QVERIFY(file.open(QIODevice::WriteOnly));

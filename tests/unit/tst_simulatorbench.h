@@ -10,10 +10,14 @@
 #include <QObject>
 #include <QTest>
 
+/// Reads the version of gripper 9. The answer is that of a TA3-1.6.14.
+inline const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
+inline const char *const versionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
+
 /// A line with one gripper and a clock that only the test moves. It needs no pty and no event loop.
 ///
-/// Another generator made the frames in the tests, with their CRC: pymodbus 3.0.0
-/// (ModbusRtuFramer.buildPacket).
+/// The frames in the tests come from another generator: pymodbus 3.0.0
+/// (ModbusRtuFramer.buildPacket), which also computed the CRCs.
 struct SimulatorBench : QObject
 {
     explicit SimulatorBench(const char *version = "TA3-1.6.14", quint8 slaveId = 9,
@@ -35,7 +39,7 @@ struct SimulatorBench : QObject
         return sent.toHex(' ');
     }
 
-    /// Everything that the gripper sent since ask(), as hex.
+    /// All bytes that the gripper has sent since ask(), as hex.
     QByteArray answered() const { return sent.toHex(' '); }
 
     void setFault(const char *words)

@@ -10,7 +10,6 @@
 namespace {
 const char *const ack = "79";
 const char *const nack = "1f";
-const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
 const char *const romBootloaderRequest = "09 10 01 90 00 01 02 2a 00 d3 60";
 const char *const ownBootloaderRequest = "09 10 01 90 00 01 02 35 00 db 50";
 const char *const resetAnswer = "09 10 01 90 00 01 01 50";
@@ -81,7 +80,7 @@ QByteArray addressBytes(quint32 address)
     return withChecksum(bytes);
 }
 
-/// The pieces that a flashing tool sends, in their order. The bootloader acknowledges each.
+/// The pieces that a flashing tool sends, in order. The bootloader acknowledges each piece.
 QList<QByteArray> upgradePieces(quint32 start, const QByteArray &eraseAll, const QByteArray &image)
 {
     QList<QByteArray> pieces{QByteArray::fromHex("7f")};
@@ -137,7 +136,6 @@ private slots:
     void requestIsAnswered();
     void invalidRequestIsRefused_data();
     void invalidRequestIsRefused();
-    void requestAfterARefusedOneIsAnswered();
     void writtenBytesAreReadBack();
     void blockWithAWrongChecksumIsNotWritten();
     void writingClearsBitsAndOnlyErasingSetsThem();
@@ -297,14 +295,14 @@ void TestSimulatorBootloader::invalidRequestIsRefused_data()
     row("no complement", "00 fe", "1f");
     row("unknown command", "63 9c", "1f");
     row("wrong checksum of an address", "11 ee 08 00 00 00 09", "79 1f");
-    row("read of what is no flash", "11 ee 20 00 00 00 20", "79 1f");
+    row("read outside the flash", "11 ee 20 00 00 00 20", "79 1f");
     row("read below the flash", "11 ee 00 00 00 00 00", "79 1f");
     row("read beyond the flash", "11 ee 08 0f ff fc 04 07 f8", "79 79 1f");
-    row("write of what is no flash", "31 ce 08 10 00 00 18", "79 1f");
+    row("write outside the flash", "31 ce 08 10 00 00 18", "79 1f");
     row("write between words", "31 ce 08 00 00 02 0a", "79 1f");
     row("count without complement", "11 ee 08 00 00 00 08 03 fd", "79 79 1f");
     row("block of half a word", "31 ce 08 00 40 00 48 01 01 02 02", "79 79 1f");
-    row("sector that is not there", "44 bb 00 00 00 0c 0c", "79 1f");
+    row("unknown sector", "44 bb 00 00 00 0c 0c", "79 1f");
     row("wrong checksum of sectors", "44 bb 00 00 00 01 00", "79 1f");
     row("erase of a bank", "44 bb ff fe 01", "79 1f");
     row("go with a wrong checksum", "21 de 08 00 00 00 00", "79 1f");
@@ -317,14 +315,6 @@ void TestSimulatorBootloader::invalidRequestIsRefused()
     BootloaderBench bench;
     bench.synchronise();
     QCOMPARE(bench.askBootloader(request.constData()), answer);
-    QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
-}
-
-void TestSimulatorBootloader::requestAfterARefusedOneIsAnswered()
-{
-    BootloaderBench bench;
-    bench.synchronise();
-    QCOMPARE(bench.askBootloader("00 00"), QByteArray(nack));
     QCOMPARE(bench.askBootloader("01 fe"), QByteArray("79 31 00 00 79"));
 }
 

@@ -42,7 +42,6 @@ private slots:
     void emptyLinesAndCommentsHaveNoAnswer();
     void setPinsComputedRegistersAndStoresOthers();
     void releaseEndsOnePinOrAll();
-    void getReadsTheVersion();
     void addAndRemoveChangeTheLine();
     void addTakesSerialAndYear();
     void faultAndClearReachTheGripper();
@@ -57,7 +56,6 @@ private slots:
     void optionsHaveDefaults();
     void wrongOptionsAreRefused_data();
     void wrongOptionsAreRefused();
-    void helpOptionGivesTheHelpText();
 };
 
 void TestSimulatorCommands::wrongCommandGetsOneErrorLine_data()
@@ -130,12 +128,6 @@ void TestSimulatorCommands::releaseEndsOnePinOrAll()
     QCOMPARE(bench.answer("get 9 439"), QStringLiteral("ok 0x0002"));
     QCOMPARE(bench.answer("release 9"), QStringLiteral("ok"));
     QCOMPARE(bench.answer("get 9 600"), QStringLiteral("ok 0x0000"));
-}
-
-void TestSimulatorCommands::getReadsTheVersion()
-{
-    Bench bench;
-    QCOMPARE(bench.answer("get 9 500 3"), QStringLiteral("ok 0x5441 0x3301 0x060e"));
 }
 
 void TestSimulatorCommands::addAndRemoveChangeTheLine()
@@ -304,11 +296,6 @@ void TestSimulatorCommands::wrongOptionsAreRefused()
 {
     QFETCH(QString, arguments);
     QVERIFY_EXCEPTION_THROWN(optionsOf(arguments.toLatin1().constData()), sim::Failure);
-}
-
-void TestSimulatorCommands::helpOptionGivesTheHelpText()
-{
-    QVERIFY(optionsOf("--help").helpText.contains(QLatin1String("--gripper")));
 }
 
 QTEST_GUILESS_MAIN(TestSimulatorCommands)

@@ -6,8 +6,6 @@
 #include <QTest>
 
 namespace {
-const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
-const char *const versionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
 const char *const activateRequest = "09 10 03 e8 00 03 06 01 00 00 00 00 00 72 e1";
 
 bool isActivated(SimulatorBench &bench)
@@ -29,9 +27,9 @@ private slots:
     void exceptionIsNotCarriedOut();
     void noiseAndTrailingBytesSurroundAWholeAnswer();
     void countedFaultEndsAfterItsRequests();
-    void shareStrikesThatPartOfTheRequests();
+    void shareAffectsThatPartOfTheRequests();
     void sameSeedGivesTheSameRun();
-    void scopedFaultDoesNotStrikeOtherRequests();
+    void scopedFaultDoesNotAffectOtherRequests();
     void requestsForOtherGrippersDoNotCount();
     void faultsCombine();
     void everyKindHasItsRow();
@@ -127,7 +125,7 @@ void TestSimulatorFaults::countedFaultEndsAfterItsRequests()
     QVERIFY(bench.gripper.faults().faults().isEmpty());
 }
 
-void TestSimulatorFaults::shareStrikesThatPartOfTheRequests()
+void TestSimulatorFaults::shareAffectsThatPartOfTheRequests()
 {
     SimulatorBench bench;
     bench.setFault("silent 30%");
@@ -152,7 +150,7 @@ void TestSimulatorFaults::sameSeedGivesTheSameRun()
     QCOMPARE(runs[0], runs[1]);
 }
 
-void TestSimulatorFaults::scopedFaultDoesNotStrikeOtherRequests()
+void TestSimulatorFaults::scopedFaultDoesNotAffectOtherRequests()
 {
     SimulatorBench bench;
     bench.setFault("silent on writes");
@@ -230,7 +228,7 @@ void TestSimulatorFaults::textOfAFaultReadsBackAsTheSameFault()
 void TestSimulatorFaults::wrongWordsAreRefused_data()
 {
     QTest::addColumn<QString>("words");
-    const char *const rows[] = {"sulking",
+    const char *const rows[] = {"nonsense",
                                 "late often",
                                 "late 0 80",
                                 "late 101% 80",

@@ -9,7 +9,7 @@
 using Rows = QList<QStringList>;
 
 namespace {
-/// An option as the manuals must repeat it.
+/// An option, in the words that the manuals must repeat.
 struct Option
 {
     QString call; ///< such as "--boot-ms MS"
@@ -48,7 +48,7 @@ QStringList helpLines()
     return sim::CommandInterpreter(simulator).execute(QStringLiteral("help"));
 }
 
-/// The rows of the tables below a heading of docs/simulator.md whose first cell is code.
+/// The table rows whose first cell is code, below this heading of docs/simulator.md.
 Rows tableRows(const char *heading)
 {
     const QString page = textOf("docs/simulator.md");
@@ -138,7 +138,7 @@ void TestSimulatorManual::faultsOfThePageAreThoseOfTheProgram()
     QCOMPARE(rows.size(), lines.size());
     for (int i = 0; i < rows.size(); ++i) {
         const QStringList &row = rows.at(i);
-        // Only the table of the bootloader has a column for the occasion.
+        // Only the table of the bootloader's faults has a column that says when the fault acts.
         const sim::Fault fault = sim::parseFault({row.first()});
         QCOMPARE(row.size(), sim::isOfBootloader(fault.kind) ? 4 : 3);
         QString line = lines.at(i);

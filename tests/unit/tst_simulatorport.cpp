@@ -1,5 +1,6 @@
 #include "bussimulator.h"
 #include "failure.h"
+#include "tst_simulatorbench.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -22,8 +23,6 @@
 using sim::BusSimulator;
 
 namespace {
-const char *const versionRequest = "09 03 01 f4 00 03 44 8d";
-const char *const versionAnswer = "09 03 06 54 41 33 01 06 0e ab 8e";
 constexpr int ordinaryUserId = 65534;
 
 /// A line with one gripper and with a link in a temporary directory.
@@ -48,7 +47,7 @@ struct Bench
     BusSimulator simulator;
 };
 
-/// The text of the failure, empty when the simulator could be plugged in.
+/// Plugs the simulator in. Returns the text of the failure, or nothing on success.
 QString failureOfPlugging(BusSimulator &simulator)
 {
     try {
@@ -100,7 +99,6 @@ class TestSimulatorPort : public QObject
     Q_OBJECT
 
 private slots:
-    void masterInTheSameProcessGetsItsAnswer();
     void portCanBeOpenedManyTimes();
     void answerIsSentWithinAMillisecond();
     void requestAtAnotherRateIsNotAnswered();
@@ -117,18 +115,9 @@ private slots:
     void foreignDanglingLinkIsNotReplaced();
     void liveLinkOfAnotherSimulatorIsNotReplaced();
     void staleLinkOfAKilledSimulatorIsReplaced();
-    void foreignLinkInItsPlaceIsNotRemoved();
+    void foreignLinkThatReplacedTheLinkIsNotRemoved();
     void framesAreKeptUntilCleared();
 };
-
-void TestSimulatorPort::masterInTheSameProcessGetsItsAnswer()
-{
-    Bench bench;
-    bench.simulator.plug();
-    QSerialPort port;
-    openAsMaster(port, bench.simulator.linkPath());
-    QCOMPARE(askVersion(port), QByteArray(versionAnswer));
-}
 
 void TestSimulatorPort::portCanBeOpenedManyTimes()
 {
@@ -379,7 +368,7 @@ void TestSimulatorPort::staleLinkOfAKilledSimulatorIsReplaced()
     QCOMPARE(QFileInfo(bench.simulator.linkPath()).canonicalFilePath(), bench.simulator.portPath());
 }
 
-void TestSimulatorPort::foreignLinkInItsPlaceIsNotRemoved()
+void TestSimulatorPort::foreignLinkThatReplacedTheLinkIsNotRemoved()
 {
     Bench bench;
     bench.simulator.plug();

@@ -26,19 +26,9 @@ const QString writeId4 =
     QStringLiteral("write 9 430: 0x0001 0x0203 0xffff 0x8000 0xab04 0x0000 0x0036");
 const QString restart = QStringLiteral("write 9 400: 0x5600");
 
-void setUpSlave(ScriptedMaster &master, quint8 slaveId)
-{
-    master.setRegisters(slaveId, 500, {0x5441, 0x3301, 0x060E});
-    master.setRegisters(slaveId, 510, {0x4142, 0x4300, 42, 0});
-    master.setRegisters(slaveId, 514, {2024});
-    for (const quint16 counter : {quint16{600}, quint16{602}, quint16{604}})
-        master.setRegisters(slaveId, counter, {0, 0});
-    master.setRegisters(slaveId, 2000, {0, 0, 0});
-}
-
 } // namespace
 
-/// Slave id moves of a gripper from 9 to 4, on the gripper and in the list.
+/// A gripper moves from slave id 9 to 4. The tests call the gripper itself or the list.
 class tst_GripperList : public QObject
 {
     Q_OBJECT
@@ -77,8 +67,8 @@ void tst_GripperList::init()
 {
     m_log = std::make_unique<LogCapture>();
     m_master = std::make_unique<ScriptedMaster>();
-    setUpSlave(*m_master, 9);
-    setUpSlave(*m_master, 4);
+    m_master->addGripper(9);
+    m_master->addGripper(4);
     m_gripper = GripperList::Gripper::create(*m_master, quint16{9});
     QCOMPARE(m_gripper->error(), Error::NoError);
     m_list = std::make_unique<GripperList>(m_factory, nullptr);
@@ -153,7 +143,7 @@ void tst_GripperList::writeErrorEndsTheMove()
     QCOMPARE(m_gripper->getSlaveId(), quint8{9});
 }
 
-// A time-out of the write does not end the move. The check read then gives too few registers.
+// The time-out of the write does not end the move. The short answer to the check read does.
 void tst_GripperList::timedOutWriteLeadsToTheCheckRead()
 {
     m_master->setNextAnswers(9, settingsAddress, {settingsOf9, settingsOf4.mid(0, 4)});
@@ -223,7 +213,7 @@ void tst_GripperList::moveRestoresTheBusyFlag_data()
     QTest::addColumn<int>("id");
     for (const bool busy : {false, true}) {
         QTest::addRow("failing move, %s", busy ? "busy" : "idle") << busy << 9;
-        QTest::addRow("nobody moves, %s", busy ? "busy" : "idle") << busy << 7;
+        QTest::addRow("missing gripper, %s", busy ? "busy" : "idle") << busy << 7;
     }
 }
 
@@ -239,7 +229,6 @@ void tst_GripperList::moveRestoresTheBusyFlag()
     QCOMPARE(m_list->m_busy, busy);
 }
 
-// One whole move with all its waits.
 void tst_GripperList::moveSucceedsAndReplacesTheGripperAtTheNewId()
 {
     m_other = GripperList::Gripper::create(*m_master, quint16{4});
@@ -290,7 +279,7 @@ void tst_GripperList::moveSucceedsAndReplacesTheGripperAtTheNewId()
     QCOMPARE(m_list->getDiscoveredSlaveIds(), (QVector<quint8>{2, 4}));
     QCOMPARE(m_list->getGripperFromSlaveId(4), m_gripper);
     QCOMPARE(m_gripper->getSlaveId(), quint8{4});
-    // The entry is gone, so the position is at the first gripper.
+    // The move has removed the old entry, so the position is at the first gripper.
     QCOMPARE(m_list->m_currentSlaveId, std::optional<quint8>(2));
     QCOMPARE(m_list->m_loopStep, GripperList::LoopStep::WriteOutput);
     QCOMPARE(m_list->m_linkStatus, GripperList::LinkStatus::Timeout);

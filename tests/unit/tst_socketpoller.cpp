@@ -74,7 +74,7 @@ void runEventLoop()
 
 } // namespace
 
-// Replace the functions of the C library, which do not fail in a healthy process.
+// These functions replace those of the C library, which do not fail in a healthy process.
 extern "C" int epoll_wait(int epoll, epoll_event *events, int maxEvents, int timeoutMs)
 {
     if (!s_waitFails)

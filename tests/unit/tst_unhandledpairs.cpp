@@ -21,7 +21,6 @@ private slots:
     void wholeRequestIsLoggedQuotedAndEscaped();
     void longLineIsCutAndTheRestCounted_data();
     void longLineIsCutAndTheRestCounted();
-    void everyPairHasALine();
     void hundredPairsHaveALineEach();
     void moreThanAHundredPairsAreCounted_data();
     void moreThanAHundredPairsAreCounted();
@@ -94,23 +93,13 @@ void tst_UnhandledPairs::longLineIsCutAndTheRestCounted()
     QFETCH(int, length);
     QFETCH(int, loggedLength);
     QFETCH(QString, remark);
-    // The texts around the request's digits, and the escaped line feed.
+    // The log line has the request's digits between these texts, and an escaped line feed.
     const QString start = QStringLiteral(R"(SET UNHANDLED REQUEST : "SET XYZ )");
     const QString end = QStringLiteral(R"(\n")");
     const QString digits(length - start.size() - end.size(), QLatin1Char('1'));
     const QByteArray request = "SET XYZ " + digits.toLatin1() + '\n';
     UnhandledPairs({request.constData(), static_cast<std::size_t>(request.size())}).log();
     QCOMPARE(m_log->infos(), QStringList((start + digits + end).left(loggedLength) + remark));
-}
-
-void tst_UnhandledPairs::everyPairHasALine()
-{
-    UnhandledPairs pairs("SET AAA BBB\n");
-    pairs.log();
-    QCOMPARE(m_log->infos().size(), 1);
-    pairs.log();
-    const QString line = QStringLiteral(R"(SET UNHANDLED REQUEST : "SET AAA BBB\n")");
-    QCOMPARE(m_log->infos(), (QStringList{line, line}));
 }
 
 void tst_UnhandledPairs::hundredPairsHaveALineEach()
@@ -120,9 +109,9 @@ void tst_UnhandledPairs::hundredPairsHaveALineEach()
         for (int pair = 0; pair < 100; ++pair)
             pairs.log();
     }
+    const QString line = QStringLiteral(R"(SET UNHANDLED REQUEST : "SET AAA\n")");
     QCOMPARE(m_log->infos().size(), 100);
-    m_log->infos().removeDuplicates();
-    QCOMPARE(m_log->infos().last(), QStringLiteral(R"(SET UNHANDLED REQUEST : "SET AAA\n")"));
+    QCOMPARE(m_log->infos().count(line), 100);
 }
 
 void tst_UnhandledPairs::moreThanAHundredPairsAreCounted_data()

@@ -66,7 +66,7 @@ private slots:
     void signalBeforeTheWaitDoesNotCount();
     void signalInsideAnInnerWaitEndsBoth();
     void innerTimeoutLeavesTheOuterWaitPending();
-    void quitEndsAWaitWithoutTimeout();
+    void quitEndsAWaitAsIfTheSignalHadCome();
 };
 
 void tst_Waits::pauseLastsAboutItsTime_data()
@@ -245,7 +245,7 @@ void tst_Waits::innerTimeoutLeavesTheOuterWaitPending()
     QVERIFY(innerTimedOut);
 }
 
-void tst_Waits::quitEndsAWaitWithoutTimeout()
+void tst_Waits::quitEndsAWaitAsIfTheSignalHadCome()
 {
     const Sender sender;
     bool timedOut = true;

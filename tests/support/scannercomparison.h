@@ -8,26 +8,26 @@
 #include <QString>
 
 /// Feeds RequestScanner and PatternScanner with the same packets and compares their results.
-class ScannerDuel
+class ScannerComparison
 {
 public:
     /// Adds one packet, then takes at most `takes` requests. Returns false at the first difference
-    /// and describes it in `what`. Compares nothing after the patterns have given up.
-    bool feed(const QByteArray &packet, int takes, QString &what);
+    /// and describes it in `difference`. Compares nothing after the patterns have given up.
+    bool feed(const QByteArray &packet, int takes, QString &difference);
 
     /// Whether the patterns have given up.
     bool gaveUp() const { return m_patterns.gaveUp(); }
-    /// Requests that were equal.
-    int requests() const { return m_requests; }
+    /// The number of equal requests so far.
+    int equalRequests() const { return m_equalRequests; }
 
 private:
-    bool takeOne(QString &what);
-    bool isSameRest(QString &what);
-    QString describe() const;
+    bool takeOne(QString &difference);
+    bool hasSameRest(QString &difference);
+    QString describePackets() const;
 
     RequestScanner m_scanner;
     PatternScanner m_patterns;
     QList<QByteArray> m_sent;
-    int m_requests = 0;
+    int m_equalRequests = 0;
     bool m_isEmpty = false;
 };

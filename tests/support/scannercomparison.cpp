@@ -1,4 +1,4 @@
-#include "scannerduel.h"
+#include "scannercomparison.h"
 
 #include <QStringList>
 
@@ -21,23 +21,23 @@ bool isSame(const Request &request, const PatternScanner::Cut &cut)
 
 } // namespace
 
-bool ScannerDuel::feed(const QByteArray &packet, int takes, QString &what)
+bool ScannerComparison::feed(const QByteArray &packet, int takes, QString &difference)
 {
     m_sent.append(packet);
     m_scanner.append(packet.constData(), static_cast<std::size_t>(packet.size()));
     m_patterns.append(packet);
     while (takes-- > 0) {
-        if (!takeOne(what))
+        if (!takeOne(difference))
             return false;
         if (m_patterns.gaveUp())
             return true;
         if (m_isEmpty)
-            return isSameRest(what);
+            return hasSameRest(difference);
     }
     return true;
 }
 
-bool ScannerDuel::takeOne(QString &what)
+bool ScannerComparison::takeOne(QString &difference)
 {
     Request request;
     PatternScanner::Cut cut;
@@ -45,26 +45,28 @@ bool ScannerDuel::takeOne(QString &what)
     if (m_patterns.gaveUp())
         return true;
     m_isEmpty = !expected;
-    m_requests += expected ? 1 : 0;
+    m_equalRequests += expected ? 1 : 0;
     const bool taken = m_scanner.takeNext(request);
     if (taken == expected && (!taken || isSame(request, cut)))
         return true;
-    what = describe() + (taken ? QString::fromStdString(request.text) : QStringLiteral("nothing")) +
-           QStringLiteral(" instead of ") + (expected ? cut.text : QStringLiteral("nothing"));
+    difference = describePackets() +
+                 (taken ? QString::fromStdString(request.text) : QStringLiteral("nothing")) +
+                 QStringLiteral(" instead of ") + (expected ? cut.text : QStringLiteral("nothing"));
     return false;
 }
 
-bool ScannerDuel::isSameRest(QString &what)
+bool ScannerComparison::hasSameRest(QString &difference)
 {
     const int expected = m_patterns.lengthThatMayMatter();
     if (m_patterns.gaveUp() || m_scanner.bytesKept() == static_cast<std::size_t>(expected))
         return true;
-    what = describe() +
-           QStringLiteral("%1 bytes kept, %2 matter").arg(m_scanner.bytesKept()).arg(expected);
+    difference =
+        describePackets() +
+        QStringLiteral("%1 bytes kept, %2 matter").arg(m_scanner.bytesKept()).arg(expected);
     return false;
 }
 
-QString ScannerDuel::describe() const
+QString ScannerComparison::describePackets() const
 {
     QStringList packets;
     for (const QByteArray &packet : m_sent)
