@@ -3,6 +3,7 @@
 import json
 import subprocess
 
+import client_python
 from tables import median, table
 
 GRIPPER = 9
@@ -13,6 +14,7 @@ def run(rig, quick):
     with rig.simulator(f"{GRIPPER}=TA3-1.6.14"):
         rig.daemon_with_value()
         results = [measure(rig, pairs) for _ in range(rounds)]
+        client_python.report(quick)
     images, exchanges = ([result[key] for result in results] for key in ("image", "exchange"))
     rows = [
         ["bare exchange", f"{median(exchanges):.1f}", "1.00"],

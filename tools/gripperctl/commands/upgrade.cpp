@@ -199,13 +199,14 @@ void run(Program &program, const Choice &choice)
 void addUpgrade(CLI::App &app, Program &program)
 {
     const auto choice = std::make_shared<Choice>();
-    CLI::App &command = addCommand(
-        app,
-        {"upgrade", "Write the firmware of the gripper's family into the gripper.",
-         "The image is in the daemon's working directory. This takes about a minute; do not switch "
-         "the gripper off meanwhile.",
-         "upgrade --gripper 9 --yes"},
-        [&program, choice] { run(program, *choice); });
+    CLI::App &command =
+        addCommand(app,
+                   {"upgrade", "Write the firmware of the gripper's family into the gripper.",
+                    "The image is in the daemon's working directory. This takes about a "
+                    "minute;\ndo not switch "
+                    "the gripper off meanwhile.",
+                    "upgrade --gripper 9 --yes"},
+                   [&program, choice] { run(program, *choice); });
     command.add_flag("--yes", choice->isConfirmed, "Do not ask for confirmation.");
     command
         .add_option("--expect", choice->expected,

@@ -1,0 +1,130 @@
+"""Scans, muting, slave ids, upgrades and missing grippers with the Python client library."""
+
+import threading
+
+import pytest
+from harness.pythonclient import (  # noqa: F401
+    ONLY_ASYNCIO,
+    ONLY_BLOCKING,
+    blocking,
+    daemon,
+    flavour,
+    folder,
+    gripper,
+    line,
+    loop,
+    simulator,
+)
+from harness.upgrades import polls_nothing, put_flasher, put_real_flasher
+from harness.waiting import eventually
+
+FAST = {"speed": 255, "force": 100}
+
+
+def test_maintenance_mutes_a_silent_line_and_unmutes_after_an_exception(line, simulator):
+    class Problem(Exception):
+        pass
+
+    with pytest.raises(Problem):
+        with line.maintenance():
+            assert polls_nothing(simulator)
+            raise Problem
+    simulator.wait_until_polled(9)
+
+
+def test_maintenance_unmutes_on_a_new_connection(line, simulator, flavour):
+    maintenance = line.maintenance()
+    with maintenance:
+        inner = maintenance if flavour == "blocking" else maintenance.wrapped
+        inner._muting._connection.close()
+    simulator.wait_until_polled(9)
+
+
+@ONLY_ASYNCIO
+def test_an_upgrade_beside_a_silent_gripper_is_refused(line, gripper, simulator, folder):
+    put_flasher(folder, "true")
+    simulator.command("fault 2 deaf")
+    gripper.set({"MUTE": 1})
+    with pytest.raises(blocking.Refused) as raised:
+        gripper.upgrade()
+    assert "gripper 2 does not answer" in str(raised.value)
+    assert not (folder / "arguments").exists()
+    simulator.wait_until_polled(9)
+
+
+@ONLY_BLOCKING
+def test_an_upgrade(line, gripper, simulator, folder):
+    stages = []
+    with pytest.raises(blocking.Refused) as raised:
+        gripper.upgrade(stages.append)
+    assert "nothing was written" in str(raised.value)
+    assert stages == [blocking.UpgradeStage.JUMPING]
+    simulator.command("restart 9")
+    eventually(lambda: line.scan() == (2, 9), 10)
+
+    stages.clear()
+    put_real_flasher(folder)
+    assert gripper.upgrade(stages.append) == "TA3-1.6.14"
+    assert stages == list(blocking.UpgradeStage)
+    simulator.wait_until_polled(9)
+
+
+@ONLY_BLOCKING
+def test_a_scan_during_a_movement_is_not_interference(gripper, connect):
+    client = connect()
+    timer = threading.Timer(0.3, client.set, ["SCN"])
+    timer.start()
+    assert gripper.move(255, speed=0, force=0).reached
+    timer.join()
+    eventually(lambda: gripper.image().speed == 0)
+
+
+@ONLY_ASYNCIO
+def test_the_line(line, simulator, connect):
+    assert line.grippers() == (2, 9)
+    state = line.state()
+    assert (state.text, state.running, state.scanning, state.upgrading) == ("RUNNING", True, False, False)
+    assert line.image().driver == "MZV-2.0.0"
+    simulator.command("add 3=TF1-2.0.2")
+    assert line.scan() == (2, 3, 9)
+    simulator.command("remove 3")
+    line.scan()
+    with pytest.raises(blocking.TimedOut) as raised:
+        line.wait_until_running([2, 4], timeout=0.3)
+    assert "RUNNING" in str(raised.value) and "[2, 9]" in str(raised.value)
+    line.wait_until_running([2, 9], timeout=1)
+
+
+@ONLY_BLOCKING
+def test_a_missing_gripper(line, simulator):
+    with pytest.raises(blocking.GripperMissing) as raised:
+        line.gripper(5)
+    assert raised.value.id == 5
+    with line.gripper(2) as vacuum:
+        simulator.command("fault 2 deaf")
+        eventually(lambda: line.grippers() == (9,), 10)
+        image = vacuum.image()
+        assert (image.present, image.stale, image.position) == (False, True, None)
+        assert vacuum.get("POS") == "?"
+        calls = [vacuum.activate, vacuum.deactivate, vacuum.stop, vacuum.release, vacuum.led_auto]
+        calls += [vacuum.open, vacuum.upgrade]
+        for call in calls:
+            with pytest.raises(blocking.GripperMissing):
+                call()
+
+
+# This test is the last one of the file: it leaves gripper 2 at the id 4.
+@ONLY_ASYNCIO
+def test_a_gripper_gets_a_new_id(line, simulator):
+    for old, new in ((9, 5), (9, 9), (0, 3)):
+        with pytest.raises(blocking.InvalidValue):
+            line.rename(old, new)
+    with pytest.raises(blocking.Refused):
+        line.rename(9, 2)
+    with pytest.raises(blocking.GripperMissing):
+        line.rename(4, 3)
+    line.rename(2, 4)
+    assert line.grippers() == (4, 9)
+    simulator.wait_until_polled(4)
+    line.rename(4, 2)
+    assert line.grippers() == (2, 9)

@@ -1,0 +1,118 @@
+"""The Python client library with a scripted daemon that misbehaves in every exchange."""
+
+import pathlib
+import random
+import time
+
+import pytest
+from harness.effort import effort
+from harness.pythonclient import FLAVOURS, Loop, blocking, new_line
+from harness.scriptedreplies import ScriptedReplies
+
+SCHEDULES = effort(1000, 100_000)
+# A new seed for each part keeps a failure short to repeat.
+PART = 500
+GRACE = 0.05
+COMMUNICATION = (blocking.ConnectionLost, blocking.TimedOut, blocking.ProtocolError)
+
+
+def seconds_without_processor():
+    """The time for which the threads of this process were ready to run and did not."""
+    tasks = pathlib.Path("/proc/self/task").glob("*/schedstat")
+    return sum(int(task.read_text(encoding="ascii").split()[1]) for task in tasks) / 1e9
+
+
+class Schedule:
+    """Random calls on one gripper, and the judgement about each."""
+
+    def __init__(self, seed, script, line):
+        self.random = random.Random(-seed)
+        self.script = script
+        self.line = line
+        self.gripper = None
+        self.set_lines = 0
+        self.longest = 0.0
+        self.outcomes = {}
+
+    def run(self, calls):
+        for _ in range(calls):
+            timeout = self.random.uniform(0.005, 0.04)
+            call = self.random.choice([self.image, self.image, self.get, self.set, self.ids])
+            waited, started = seconds_without_processor(), time.monotonic()
+            try:
+                outcome = call(timeout)
+            except blocking.GripperError as error:
+                outcome = type(error).__name__
+            late = time.monotonic() - started - timeout
+            if late >= GRACE:
+                # A busy machine delays this process, whatever the library does.
+                late -= seconds_without_processor() - waited
+            assert late < GRACE, f"{call.__name__} ended {late * 1000:.0f} ms after its deadline"
+            self.longest = max(self.longest, late)
+            self.outcomes[outcome] = self.outcomes.get(outcome, 0) + 1
+
+    def addressed(self, timeout):
+        """The gripper, also if the daemon closes the connection while it selects it."""
+        if self.gripper is None:
+            self.gripper = self.line.gripper(9, timeout)
+        return self.gripper
+
+    def image(self, timeout):
+        gripper = self.addressed(timeout)
+        image = gripper.image(timeout)
+        assert image.cycles == self.script.batches, "the reply to an earlier request"
+        assert (image.serial_number, image.position) == ("ABC-007", 0)
+        return "image"
+
+    def get(self, timeout):
+        gripper = self.addressed(timeout)
+        assert gripper.get("NCY", timeout) == str(self.script.batches)
+        return "value"
+
+    def ids(self, timeout):
+        before = self.script.batches
+        assert self.line.grippers(timeout) == (9,)
+        assert self.script.batches > before
+        return "ids"
+
+    def set(self, timeout):
+        self.set_lines += 1
+        pairs = {"MUTE": self.set_lines % 256, "THROTTLE": self.set_lines // 256 % 256}
+        line = "SET " + " ".join(f"{name} {value}" for name, value in pairs.items())
+        gripper = self.addressed(timeout)
+        try:
+            gripper.set(pairs, timeout)
+        except blocking.Refused:
+            assert self.script.sets[line] == [b"nak"]
+            return "nak"
+        except COMMUNICATION as error:
+            # Nothing is unknown only if the request was never sent.
+            assert error.unknown == line or line not in self.script.sets
+            assert error.unknown in (None, line)
+            raise
+        assert self.script.sets[line] == [b"ack"]
+        return "ack"
+
+
+@pytest.mark.parametrize("flavour", FLAVOURS)
+def test_every_call_ends_in_time_and_has_its_own_reply(flavour, figure):
+    outcomes, longest, sets = {}, 0.0, 0
+    with Loop() as loop:
+        for seed in range(SCHEDULES // PART):
+            with ScriptedReplies(seed) as script:
+                with new_line(flavour, loop, "127.0.0.1", script.port) as line:
+                    schedule = Schedule(seed, script, line)
+                    schedule.run(PART)
+                    if schedule.gripper is not None:
+                        schedule.gripper.disconnect()
+                assert script.failures == []
+                repeated = [line for line, replies in script.sets.items() if len(replies) > 1]
+                assert repeated == [], f"seed {seed}"
+                sets += len(script.sets)
+            longest = max(longest, schedule.longest)
+            for outcome, count in schedule.outcomes.items():
+                outcomes[outcome] = outcomes.get(outcome, 0) + count
+    wanted = {"image", "value", "ids", "ack", "nak", "ConnectionLost", "TimedOut", "ProtocolError"}
+    assert wanted <= set(outcomes), outcomes
+    counts = ", ".join(f"{count} {outcome}" for outcome, count in sorted(outcomes.items()))
+    figure(f"{SCHEDULES} calls: {counts}; latest {longest * 1000:.1f} ms after its deadline; 0 of {sets} SETs sent twice")
