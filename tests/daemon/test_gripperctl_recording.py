@@ -99,13 +99,20 @@ def test_a_recording_has_a_row_for_every_outage(tmp_path):
         before = count()
         eventually(lambda: count() > before)
 
+    def wait_for_periods():
+        """Waits until the gripper was read several times more."""
+        before = scripted.requests.count("GET DRI")
+        eventually(lambda: scripted.requests.count("GET DRI") > before + 3)
+
     with ScriptedDaemon(POS="7") as scripted:
         process = start_ctl("--host", scripted.host, "record", path, "--interval", "0.02")
         wait_for_row()
         scripted.values.update(SID="[]", STA="?")
         wait_for_row("MISSING", "")
+        wait_for_periods()
         scripted.values.update(SID="[9]", STA="3", DRI="ERR_SCANNING (a, b)")
         wait_for_row("ERR_SCANNING (a  b)", "")
+        wait_for_periods()
         scripted.values["DRI"] = "RUNNING"
         wait_for_row()
         wait_for_row()

@@ -160,7 +160,7 @@ void addPing(CLI::App &app, Program &program)
     const auto choice = std::make_shared<Choice>();
     CLI::App &command = addCommand(app,
                                    {"ping", "Measure how long the daemon takes to answer.",
-                                    "The time holds the network and the daemon, but no gripper. "
+                                    "The time includes the network and the daemon, but no gripper. "
                                     "Fails if a reply is missing.",
                                     "ping --count 100 --interval 0.1"},
                                    [&program, choice] { ping(program, *choice); });

@@ -145,13 +145,13 @@ void raw(Program &program, const std::vector<std::string> &lines)
 void addRaw(CLI::App &app, Program &program)
 {
     const auto lines = std::make_shared<std::vector<std::string>>();
-    CLI::App &command = addCommand(
-        app,
-        {"raw", "Send lines as they are, and show them and the replies with their times.",
-         "Reads the lines from standard input if none is given. Refuses nothing: see "
-         "gripperd-protocol(7).",
-         "raw \"GET POS\" \"SET MSC 100\""},
-        [&program, lines] { raw(program, *lines); });
+    CLI::App &command =
+        addCommand(app,
+                   {"raw", "Send lines of the protocol, and show the replies, with times.",
+                    "Reads the lines from standard input if none is given. Refuses nothing: see "
+                    "gripperd-protocol(7).",
+                    "raw \"GET POS\" \"SET MSC 100\""},
+                   [&program, lines] { raw(program, *lines); });
     command.add_option("lines", *lines)->type_name("[LINE]...");
 }
 
