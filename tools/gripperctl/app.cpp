@@ -112,6 +112,7 @@ void addGeneralOptions(CLI::App &app, Program &program)
 std::vector<std::string> namesOf(const std::vector<const CLI::App *> &commands)
 {
     std::vector<std::string> names;
+    names.reserve(commands.size());
     for (const CLI::App *command : commands)
         names.push_back(command->get_name());
     return names;
@@ -139,7 +140,7 @@ Failure wrongUsage(const std::string &problem, const std::string &page = {})
 /// CLI11 counts in its messages; these name the cause.
 std::string problemOf(const CLI::ParseError &error)
 {
-    const std::string text = error.what();
+    std::string text = error.what();
     if (dynamic_cast<const CLI::ArgumentMismatch *>(&error) == nullptr)
         return text;
     const bool isRepeated = text.find("received") != std::string::npos;

@@ -44,7 +44,6 @@ std::vector<std::string> commandFirst(const CLI::App &app, std::vector<std::stri
 /// CLI11 reports help and version by exceptions.
 Failure parsed(CLI::App &app, int argc, char *argv[])
 {
-    const Failure done(ExitCode::Done, "");
     try {
         app.parse(commandFirst(app, std::vector<std::string>(argv + 1, argv + argc)));
     } catch (const CLI::CallForHelp &) {
@@ -58,7 +57,7 @@ Failure parsed(CLI::App &app, int argc, char *argv[])
     } catch (const Failure &failure) {
         return failure;
     }
-    return done;
+    return {ExitCode::Done, ""};
 }
 
 int runWith(int argc, char *argv[])

@@ -71,9 +71,9 @@ std::string plotScript(const Recording &recording, const std::string &title,
     for (std::size_t i = 0; i < grippers.size(); ++i) {
         const std::string data = concat("$g", grippers[i], " using 1:");
         const std::string style = concat(" lc ", i + 1, " lw 2 title 'gripper ", grippers[i], '\'');
-        positions.push_back(data + "2 with lines" + style);
+        positions.push_back(concat(data, "2 with lines", style));
         positions.push_back(concat(data, "3 with steps lc ", i + 1, " dt 2 title 'requested'"));
-        currents.push_back(data + "4 with lines" + style);
+        currents.push_back(concat(data, "4 with lines", style));
     }
     std::ostringstream script;
     script << std::fixed << std::setprecision(3) << "set terminal "

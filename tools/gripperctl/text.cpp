@@ -84,6 +84,7 @@ std::vector<std::string> tableLines(const std::vector<std::vector<std::string>> 
     const std::size_t sum = std::accumulate(widths.begin(), widths.end(), std::size_t{0});
     const std::size_t gap = sum + 2 * (widths.size() - 1) <= screenWidth ? 2 : 1;
     std::vector<std::string> lines;
+    lines.reserve(rows.size());
     for (const auto &row : rows) {
         std::string line;
         for (std::size_t column = 0; column < row.size(); ++column)

@@ -191,7 +191,8 @@ std::string watchText(const Look &look, bool withHost)
     std::string text;
     for (const gripper::WatchItem &item : look.items) {
         text += text.empty() ? "" : "\n";
-        text += begin + std::visit([](const auto &value) { return wordsOf(value); }, item) + end;
+        const auto words = [](const auto &value) { return wordsOf(value); };
+        text += concat(begin, std::visit(words, item), end);
     }
     return text;
 }

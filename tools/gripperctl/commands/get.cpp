@@ -14,6 +14,7 @@ namespace {
 std::vector<std::string> knownNames()
 {
     std::vector<std::string> names;
+    names.reserve(gripper::getVariables.size());
     for (const gripper::GetVariable &row : gripper::getVariables)
         names.emplace_back(row.name);
     return names;
@@ -33,6 +34,7 @@ std::string textOf(const Json &values)
     if (values.size() == 1)
         return values.front().get<std::string>();
     std::vector<std::string> lines;
+    lines.reserve(values.size());
     for (const auto &[name, value] : values.items())
         lines.push_back(name + ' ' + value.get<std::string>());
     return join(lines, "\n");

@@ -31,6 +31,7 @@ void run(Program &program)
                       snapshot.json());
     }
     std::vector<std::string> lines;
+    lines.reserve(snapshot.grippers.size());
     for (const gripper::Image &image : snapshot.grippers)
         lines.push_back(lineOf(image));
     program.output().result(join(lines, "\n"), snapshot.json());

@@ -126,6 +126,7 @@ void run(Program &program, const std::vector<std::string> &words)
                            [&](const Wanted &one) { return isSuch(*one.row); });
     };
     std::vector<gripper::Pair> pairs;
+    pairs.reserve(wanted.size());
     for (const Wanted &one : wanted)
         pairs.emplace_back(one.row->name, one.value);
     const gripper::Options options = program.options();
