@@ -339,8 +339,8 @@ class GripperCalls:
 
     def stop(self, timeout: Optional[float]) -> Call[None]:
         deadline = self._deadline(timeout)
-        yield from self._listed(deadline)
-        yield from self._command([("GTO", 0)], deadline, StopWait())
+        before = yield from self._listed(deadline)
+        yield from self._command([("GTO", 0)], deadline, StopWait(before, time.monotonic()))
 
     def release(self, closing: bool, timeout: float) -> Call[None]:
         deadline = self._deadline(timeout)
