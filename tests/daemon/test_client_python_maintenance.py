@@ -62,7 +62,17 @@ def test_an_upgrade(line, gripper, simulator, folder):
     simulator.command("restart 9")
     eventually(lambda: line.scan() == (2, 9), 10)
 
+    put_flasher(folder, "exit 2")
+    with pytest.raises(blocking.GripperMissing) as raised:
+        gripper.upgrade()
+    text = str(raised.value)
+    assert "most likely before it wrote anything" in text and "switch it off and on" in text
+    assert "incomplete" not in text
+    simulator.command("restart 9")
+    eventually(lambda: line.scan() == (2, 9), 10)
+
     stages.clear()
+    (folder / "romflasher").unlink()
     put_real_flasher(folder)
     assert gripper.upgrade(stages.append) == "TA3-1.6.14"
     assert stages == list(blocking.UpgradeStage)
