@@ -123,6 +123,18 @@ def test_a_missing_gripper(line, simulator):
                 call()
 
 
+@ONLY_ASYNCIO
+def test_a_gripper_that_is_lost_during_a_movement(line, gripper, simulator):
+    timer = threading.Timer(0.3, simulator.command, ["fault 9 deaf"])
+    timer.start()
+    with pytest.raises(blocking.GripperMissing) as raised:
+        gripper.move(255, speed=0, force=0)
+    timer.join()
+    assert raised.value.id == 9
+    simulator.command("clear 9")
+    line.scan()
+
+
 # This test is the last one of the file: it leaves gripper 2 at the id 4.
 @ONLY_ASYNCIO
 def test_a_gripper_gets_a_new_id(line, simulator):
