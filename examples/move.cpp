@@ -1,6 +1,8 @@
-// Prints the position of gripper 9 and moves this gripper, which must be active.
+// Prints the position of gripper 9 and requests another one, if the gripper is active.
 //
 //     move ADDRESS POSITION
+//
+// It does not wait for the end of the movement. grip.cpp does.
 //
 //     g++ -o move move.cpp
 #include <arpa/inet.h>
@@ -16,14 +18,18 @@ int main(int, char **arguments)
         return 1;
     alarm(5);
     FILE *replies = fdopen(daemon, "r");
-    char position[16] = {}, reply[4] = {};
-    // The reply to a GET is a line.
-    dprintf(daemon, "GET POS\n");
-    if (fscanf(replies, "POS %15s%*c", position) == 1)
+    char status[16] = {}, position[16] = {}, reply[4] = {};
+    // The reply to a GET is a line. "?" is the value of a gripper that is not found.
+    dprintf(daemon, "GET STA\nGET POS\n");
+    if (fscanf(replies, "STA %15s POS %15s%*c", status, position) == 2)
         printf("from %s\n", position);
+    if (std::strcmp(status, "3") != 0) {
+        fprintf(stderr, "the gripper is not active\n");
+        return 1;
+    }
     // The reply to a SET has three characters and no line ending.
     dprintf(daemon, "SET POS %s SPE 255 FOR 100 GTO 1\n", arguments[2]);
     if (fscanf(replies, "%3c", reply) == 1)
         printf("to %s: %s\n", arguments[2], reply);
-    return std::strcmp(position, "?") == 0 || std::strcmp(reply, "ack") != 0;
+    return std::strcmp(reply, "ack") != 0;
 }

@@ -60,6 +60,18 @@ def test_it_notices_a_lost_part(line, start_daemon):
     assert "lost the part at position " in out
 
 
+def test_it_clears_a_fault_and_grips_again(line, start_daemon):
+    line.command("object 9 140")
+    start_daemon()
+    example = start()
+    holds_the_object(line)
+    line.command("faultcode 9 12")
+    out, _ = example.communicate(timeout=30)
+    # The status 0 means that it held the part for its whole time afterwards.
+    assert (example.returncode, out.count("\n")) == (0, 1), out
+    assert out.startswith("fault 12: ")
+
+
 def test_it_reports_that_there_is_no_part(line, start_daemon):
     start_daemon()
     example = start()

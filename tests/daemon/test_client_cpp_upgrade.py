@@ -50,6 +50,15 @@ def test_a_missing_flasher_is_refused_and_polling_continues(make_bench, check, t
     assert is_polled(bench)
 
 
+def test_a_flasher_that_ends_at_once_leaves_no_incomplete_firmware(make_bench, check, tmp_path):
+    make_bench()
+    put_flasher(tmp_path, "exit 2")
+    check.call("gripper 9")
+    text = check.fail("GripperMissing", "upgrade", 60)
+    assert "most likely before it wrote anything" in text and "switch it off and on" in text
+    assert "incomplete" not in text
+
+
 def test_a_second_upgrade_is_refused(make_bench, check, tmp_path):
     make_bench()
     put_flasher(tmp_path, "sleep 2")
@@ -60,7 +69,8 @@ def test_a_second_upgrade_is_refused(make_bench, check, tmp_path):
         assert "under way" in other.fail("Refused", "upgrade")
         assert "under way" in other.fail("Refused", "scan")
     # The stand-in wrote nothing, and the gripper stays in its bootloader.
-    assert check.end(60)[-1].startswith("error GripperMissing: ")
+    text = check.end(60)[-1]
+    assert text.startswith("error GripperMissing: ") and "incomplete" in text
 
 
 def test_a_gripper_in_its_bootloader_protects_others(start_daemon, connect, tmp_path, check):

@@ -208,6 +208,22 @@ def test_stop_ends_the_movement_where_it_is(gripper):
     assert 20 < position < 255 and abs(gripper.image().position - position) <= 3
 
 
+@ONLY_BLOCKING
+def test_stop_also_ends_a_request_that_is_on_its_way(gripper, simulator, connect):
+    """Go-to shows as off before the gripper has that request."""
+    client = connect()
+    for pause in range(0, 100, 10):
+        gripper.stop()
+        client.set("POS 255 SPE 0 FOR 0 GTO 1")
+        time.sleep(pause / 1000)
+        gripper.stop()
+        outputs = simulator.registers(9, 1000, 3)
+        mark = simulator.mark()
+        time.sleep(0.15)
+        assert simulator.since(mark, lambda r: r.is_write(1000)) == [], f"after {pause} ms"
+        assert simulator.registers(9, 1000, 3) == outputs
+
+
 def test_leds(gripper):
     gripper.led(True, False, True)
     image = gripper.image()

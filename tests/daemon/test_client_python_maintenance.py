@@ -62,7 +62,17 @@ def test_an_upgrade(line, gripper, simulator, folder):
     simulator.command("restart 9")
     eventually(lambda: line.scan() == (2, 9), 10)
 
+    put_flasher(folder, "exit 2")
+    with pytest.raises(blocking.GripperMissing) as raised:
+        gripper.upgrade()
+    text = str(raised.value)
+    assert "most likely before it wrote anything" in text and "switch it off and on" in text
+    assert "incomplete" not in text
+    simulator.command("restart 9")
+    eventually(lambda: line.scan() == (2, 9), 10)
+
     stages.clear()
+    (folder / "romflasher").unlink()
     put_real_flasher(folder)
     assert gripper.upgrade(stages.append) == "TA3-1.6.14"
     assert stages == list(blocking.UpgradeStage)
@@ -111,6 +121,18 @@ def test_a_missing_gripper(line, simulator):
         for call in calls:
             with pytest.raises(blocking.GripperMissing):
                 call()
+
+
+@ONLY_ASYNCIO
+def test_a_gripper_that_is_lost_during_a_movement(line, gripper, simulator):
+    timer = threading.Timer(0.3, simulator.command, ["fault 9 deaf"])
+    timer.start()
+    with pytest.raises(blocking.GripperMissing) as raised:
+        gripper.move(255, speed=0, force=0)
+    timer.join()
+    assert raised.value.id == 9
+    simulator.command("clear 9")
+    line.scan()
 
 
 # This test is the last one of the file: it leaves gripper 2 at the id 4.

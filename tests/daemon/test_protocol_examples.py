@@ -213,7 +213,19 @@ LANGUAGES = ["shell", "python", "c++"]
 
 @pytest.mark.parametrize("language", LANGUAGES)
 def test_client_fails_when_there_is_no_gripper(run_client, daemon, language):
-    assert run_client(language, 30) == ("from ?\nto 30: ack\n", "", 1)
+    assert run_client(language, 30) == ("from ?\n", "the gripper is not active\n", 1)
+
+
+@pytest.mark.parametrize("language", LANGUAGES)
+def test_client_does_not_move_an_inactive_gripper(run_client, stage, language):
+    with Client() as client:
+        assert client.set("ACT 0 GTO 0") == "ack"
+        eventually(lambda: client.get("STA") == "0")
+        try:
+            assert run_client(language, 30) == ("from 0\n", "the gripper is not active\n", 1)
+        finally:
+            assert client.set("ACT 1") == "ack"
+            eventually(lambda: client.get("STA") == "3")
 
 
 def test_clients_move_the_gripper_and_print_the_former_position(run_client, stage):

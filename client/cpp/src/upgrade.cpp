@@ -13,6 +13,8 @@ constexpr Seconds flasherLookInterval{0.1};
 // This takes one tick of 50 ms and the run time of fuser.
 constexpr Seconds unchangedTime{1.5};
 constexpr Seconds unchangedLookInterval{0.01};
+// A flasher that writes firmware runs for several seconds.
+constexpr Seconds tooShortToWrite{1};
 
 void report(const Gripper::Progress &progress, UpgradeStage stage)
 {
@@ -82,6 +84,18 @@ void waitWhileFlashing(Connection &connection, const Deadline &deadline)
     }
 }
 
+[[noreturn]] void failUnfound(int id, bool hasWritten)
+{
+    if (hasWritten) {
+        throw GripperMissing(name(id) + " does not answer after the upgrade: its firmware may be "
+                                        "incomplete. Switch it off and on, and flash it by hand",
+                             id);
+    }
+    throw GripperMissing("the flasher ended at once, most likely before it wrote anything, and " +
+                             name(id) + " waits in its bootloader: switch it off and on, then scan",
+                         id);
+}
+
 /// The daemon does not report the exit code of the flasher. After an unchanged version, either the
 /// same firmware was written again, or the flasher failed before it wrote.
 void refuseVersion(int id, const std::string &before, const std::string &after,
@@ -103,21 +117,19 @@ std::string Gripper::upgrade(const Progress &progress, const std::string &expect
     if (!before.present)
         failByMissing(before);
     refuseDuringUpgrade(m_connection, end);
-    flash(progress, end);
+    const bool hasWritten = flash(progress, end) >= tooShortToWrite;
     report(progress, UpgradeStage::Searching);
-    if (!scanForMissing(m_connection, {m_id}, end).empty()) {
-        throw GripperMissing(name(m_id) + " does not answer after the upgrade: its firmware may be "
-                                          "incomplete. Switch it off and on, and flash it by hand",
-                             m_id);
-    }
+    if (!scanForMissing(m_connection, {m_id}, end).empty())
+        failUnfound(m_id, hasWritten);
     std::string after = m_connection.get("FWV", end);
     refuseVersion(m_id, before.firmware.value_or(""), after, expected);
     report(progress, UpgradeStage::Done);
     return after;
 }
 
-/// Returns when the flasher has ended and polling is unmuted.
-void Gripper::flash(const Progress &progress, const Deadline &deadline)
+/// Returns when the flasher has ended and polling is unmuted: the time for which the flasher ran, 0
+/// if it ended unseen.
+Seconds Gripper::flash(const Progress &progress, const Deadline &deadline)
 {
     Maintenance muted(m_connection.endpoint(), m_connection.options());
     refuseBesideBootloader(m_connection, m_id, deadline);
@@ -134,8 +146,9 @@ void Gripper::flash(const Progress &progress, const Deadline &deadline)
         // The daemon unmutes when the flasher ends. An earlier unmuting would disturb the flasher.
         muted.leaveMuted();
         report(progress, UpgradeStage::Writing);
+        const auto began = Deadline::Clock::now();
         waitWhileFlashing(m_connection, deadline);
-        return;
+        return Deadline::Clock::now() - began;
     }
     const bool hasNeverStarted = valuesStayUnchanged(m_connection, before, deadline);
     muted.end();
@@ -144,6 +157,7 @@ void Gripper::flash(const Progress &progress, const Deadline &deadline)
                       " is in its bootloader: switch it off and on, then scan. Are romflasher and "
                       "the firmware image installed?");
     }
+    return Seconds(0);
 }
 
 } // namespace gripper

@@ -68,6 +68,8 @@ _PAUSE_BETWEEN_SCANS = 1.0
 # When polling continues, its first read finds the port closed, and the state of the link changes. This
 # takes one tick of 50 ms and the run time of fuser.
 _UNCHANGED = 1.5
+# A flasher that writes firmware runs for several seconds.
+_TOO_SHORT_TO_WRITE = 1.0
 _MAX_RATE = 1000.0
 _MAX_ID = 9
 
@@ -339,8 +341,8 @@ class GripperCalls:
 
     def stop(self, timeout: Optional[float]) -> Call[None]:
         deadline = self._deadline(timeout)
-        yield from self._listed(deadline)
-        yield from self._command([("GTO", 0)], deadline, StopWait())
+        before = yield from self._listed(deadline)
+        yield from self._command([("GTO", 0)], deadline, StopWait(before, time.monotonic()))
 
     def release(self, closing: bool, timeout: float) -> Call[None]:
         deadline = self._deadline(timeout)
@@ -387,14 +389,10 @@ class GripperCalls:
         deadline = self._deadline(timeout)
         before = (yield from self._listed(deadline)).firmware
         yield from _refuse_during_upgrade(self.connection, deadline)
-        yield from self._flash(report, deadline)
+        has_written = (yield from self._flash(report, deadline)) >= _TOO_SHORT_TO_WRITE
         report(UpgradeStage.SEARCHING)
         if (yield from _scan_for(self.connection, [self.id], deadline)):
-            raise GripperMissing(
-                self.id,
-                f"gripper {self.id} does not answer after the upgrade: its firmware may be "
-                "incomplete. Switch it off and on, and flash it by hand",
-            )
+            raise self._unfound(has_written)
         after = (yield from self._listed(deadline)).firmware or ""
         if after != expected if expected is not None else after == before:
             raise Refused(
@@ -404,8 +402,25 @@ class GripperCalls:
         report(UpgradeStage.DONE)
         return after
 
-    def _flash(self, report: Progress, deadline: Deadline) -> Call[None]:
-        """Returns when the flasher has ended and polling is unmuted."""
+    def _unfound(self, has_written: bool) -> GripperMissing:
+        if has_written:
+            return GripperMissing(
+                self.id,
+                f"gripper {self.id} does not answer after the upgrade: its firmware may be "
+                "incomplete. Switch it off and on, and flash it by hand",
+            )
+        return GripperMissing(
+            self.id,
+            "the flasher ended at once, most likely before it wrote anything, and gripper "
+            f"{self.id} waits in its bootloader: switch it off and on, then scan",
+        )
+
+    def _flash(self, report: Progress, deadline: Deadline) -> Call[float]:
+        """Returns when the flasher has ended and polling is unmuted.
+
+        The result is the time for which the flasher ran, 0 if it ended unseen.
+        """
+        writing = 0.0
         muting = Muting(self.endpoint, self._new_transport, self.default_timeout)
         yield from muting.begin(deadline)
         problem = ""
@@ -419,14 +434,17 @@ class GripperCalls:
                 problem = "the gripper was not found in its bootloader"
             elif (yield from self._is_flashing(deadline)):
                 report(UpgradeStage.WRITING)
+                began = time.monotonic()
                 while (yield from self._is_flashing(deadline)):
                     yield from _pause(_FLASHER_INTERVAL, deadline, "the flasher still runs")
+                writing = time.monotonic() - began
             elif (yield from self._stays_unchanged(before, deadline)):
                 problem = "the flasher did not start, so nothing was written"
         finally:
             yield from muting.end()
         if problem:
             raise Refused(f"{problem}. {(yield from self._present_state(deadline))}")
+        return writing
 
     def _is_flashing(self, deadline: Deadline) -> Call[bool]:
         return (yield from self.connection.get("UPG", deadline)) == "1"

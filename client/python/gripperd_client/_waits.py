@@ -66,13 +66,37 @@ class StatusWait(Wait[Image]):
         return image if image.status == self._status else None
 
 
-class StopWait(Wait[Image]):
-    """Waits until go-to is off."""
+class WriteWait(Wait[T]):
+    """Knows when the gripper has the request even if its values do not show a change."""
+
+    def __init__(self, before: Image, sent_at: float) -> None:
+        self._value_age = _VALUE_AGE_PER_GRIPPER * max(1, len(before.listed))
+        self._settled_at = sent_at + self._value_age
+
+    def on_stale(self, image: Image) -> None:
+        # The daemon writes the request when the link runs again.
+        self._settled_at = image.time.monotonic + self._value_age
+
+    def _is_settled(self, image: Image) -> bool:
+        return image.time.monotonic >= self._settled_at
+
+
+class StopWait(WriteWait[Image]):
+    """Waits until go-to is off.
+
+    If go-to was off before, an earlier request may still be on its way to the gripper.
+    """
 
     goal = "switch go-to off"
 
+    def __init__(self, before: Image, sent_at: float) -> None:
+        super().__init__(before, sent_at)
+        self._was_off = not before.go_to
+
     def judge(self, image: Image) -> Optional[Image]:
-        return None if image.go_to else image
+        if image.go_to or (self._was_off and not self._is_settled(image)):
+            return None
+        return image
 
 
 class ReleaseWait(Wait[Image]):
@@ -93,7 +117,7 @@ class ReleaseWait(Wait[Image]):
         return None
 
 
-class MoveWait(Wait[MoveResult]):
+class MoveWait(WriteWait[MoveResult]):
     """Waits for the end of a movement.
 
     The object detection belongs to the request that the gripper shows. If the gripper showed this
@@ -101,21 +125,16 @@ class MoveWait(Wait[MoveResult]):
     """
 
     def __init__(self, before: Image, position: int, sent_at: float) -> None:
+        super().__init__(before, sent_at)
         self.goal = f"finish its movement to {position}"
         self._position = position
         self._before = before.requested_position
         self._was_shown = before.go_to is True and before.requested_position == position
-        self._value_age = _VALUE_AGE_PER_GRIPPER * max(1, len(before.listed))
-        self._settled_at = sent_at + self._value_age
         self._is_taken = False
-
-    def on_stale(self, image: Image) -> None:
-        # The daemon writes the request when the link runs again.
-        self._settled_at = image.time.monotonic + self._value_age
 
     def judge(self, image: Image) -> Optional[MoveResult]:
         check_ready(image)
-        is_settled = image.time.monotonic >= self._settled_at
+        is_settled = self._is_settled(image)
         if self._was_shown and not is_settled:
             return None
         if image.go_to and image.requested_position == self._position:

@@ -8,7 +8,7 @@ import asyncio
 import random
 import threading
 
-TEXTS = {"SNU": "ABC-007", "FWV": "TA3-1.6.14", "DRI": "RUNNING", "SID": "[9]", "VER": "MZV-2.0.0"}
+TEXTS = {"SNU": "ABC-007", "FWV": "TA3-1.6.14", "DRI": "RUNNING", "SID": "[9]", "VER": "MZV-2.0.0", "STA": "3"}
 
 
 class ScriptedReplies:

@@ -12,11 +12,7 @@ namespace gripperctl {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Stage = gripper::UpgradeStage;
-
-// A flasher that wrote firmware ran for several seconds.
-constexpr gripper::Seconds tooShortToWrite{1};
 
 struct Choice
 {
@@ -35,10 +31,7 @@ public:
 
     void begin(Stage stage, int id)
     {
-        if (m_stage == Stage::Writing)
-            m_writing = Clock::now() - m_begin;
         m_stage = stage;
-        m_begin = Clock::now();
         m_untilReply.reset();
         switch (stage) {
         case Stage::Jumping:
@@ -58,15 +51,12 @@ public:
     }
 
     bool is(Stage stage) const { return m_stage == stage; }
-    bool hasWritten() const { return m_writing >= tooShortToWrite; }
     void allowInterruption() { m_untilReply.reset(); }
 
 private:
     Program &m_program;
     std::optional<Stage> m_stage;
     std::optional<HeldInterruption> m_untilReply;
-    Clock::time_point m_begin;
-    gripper::Seconds m_writing{0};
 };
 
 void refuseDuringUpgrade(const gripper::LineState &line)
@@ -123,24 +113,6 @@ std::string presentState(Program &program, int id)
     throw Failure(ExitCode::Refused, concat(problem, problem.back() == '?' ? " " : ". ", state));
 }
 
-[[noreturn]] void failUnfound(int id, const Progress &progress)
-{
-    if (progress.hasWritten()) {
-        throw Failure(ExitCode::NoGripper,
-                      concat("gripper ", id,
-                             " does not answer after the upgrade: its firmware may be incomplete. "
-                             "Switch it off and on, and flash it by hand: see the manual of "
-                             "romflasher"));
-    }
-    throw Failure(ExitCode::NoGripper,
-                  concat("the flasher ended at once, most likely before it wrote anything. "
-                         "Gripper ",
-                         id,
-                         " waits in its bootloader: switch it off and on, then run gripperctl "
-                         "scan. The cause is in the daemon's log (journalctl "
-                         "--namespace=gripperd)"));
-}
-
 std::string versionsText(const std::string &before, const std::string &after)
 {
     return before == after ? concat("firmware ", after, ", as before")
@@ -171,10 +143,13 @@ std::string upgrade(Program &program, gripper::Gripper &gripper, const std::stri
                       concat("gripper ", id, " runs ", versionsText(before, gripper.get("FWV")),
                              ": see the messages of the flasher in the daemon's log (journalctl "
                              "--namespace=gripperd)"));
-    } catch (const gripper::GripperMissing &) {
-        if (progress.is(Stage::Searching))
-            failUnfound(id, progress);
-        throw;
+    } catch (const gripper::GripperMissing &error) {
+        if (!progress.is(Stage::Searching))
+            throw;
+        throw Failure(ExitCode::NoGripper,
+                      concat(error.what(),
+                             ". See the daemon's log (journalctl --namespace=gripperd) and the "
+                             "manual of romflasher"));
     }
 }
 

@@ -165,7 +165,7 @@ private:
     void send(const Batch &batch, const Deadline &deadline, Connection::Renewal renewal);
     void setAtOnce(const std::vector<Pair> &pairs, const Deadline &deadline);
     void deactivate(const Deadline &deadline);
-    void flash(const Progress &progress, const Deadline &deadline);
+    Seconds flash(const Progress &progress, const Deadline &deadline);
 
     int m_id;
     Connection m_connection;
