@@ -4,8 +4,11 @@ import datetime
 import os
 import pty
 import re
+import signal
 import socket
 import subprocess
+import threading
+import time
 
 import pytest
 from harness import gripperctl
@@ -350,3 +353,45 @@ def test_wait_for_a_daemon_that_starts():
 def test_no_qt_is_linked():
     run = subprocess.run(["ldd", binary("gripperctl")], check=True, capture_output=True, text=True)
     assert "libc.so" in run.stdout and "Qt" not in run.stdout
+
+
+@pytest.fixture
+def hanging():
+    """A daemon that answers until hang()."""
+    with ScriptedDaemon(STA="0") as daemon:
+        yield daemon
+
+
+def hang(daemon):
+    """From now on, the daemon reads requests and answers nothing."""
+    hangs = threading.Event()
+    daemon.answer = lambda _: hangs.set()
+    assert hangs.wait(5)
+
+
+def test_ctrl_c_ends_a_wait_for_a_daemon_that_hangs(hanging):
+    process = start_ctl("--host", hanging.host, "wait", "active")
+    hanging.wait_for("GET PRE")
+    hang(hanging)
+    process.send_signal(signal.SIGINT)
+    assert run_to_end(process, 1.5)[0] == gripperctl.INTERRUPTED
+
+
+def test_a_wait_ends_in_time_although_the_daemon_hangs(hanging):
+    begin = time.monotonic()
+    process = start_ctl("--host", hanging.host, "wait", "active", "--timeout", "2")
+    # It looks 20 times a second.
+    hanging.wait_for_times("GET PRE", 20)
+    hang(hanging)
+    code, _, error = run_to_end(process)
+    assert code == gripperctl.TIMED_OUT and "not active within 2 s" in error
+    assert time.monotonic() - begin < 2.7
+
+
+def test_a_wait_continues_while_the_daemon_hangs(hanging):
+    hanging.answer = lambda _: None
+    process = start_ctl("--host", hanging.host, "--timeout", "20", "wait", "daemon")
+    hanging.wait_for("GET DRI")
+    hanging.answer = hanging.usual
+    # The look that hangs ends after 2 s.
+    assert run_to_end(process, 5)[0] == gripperctl.DONE
