@@ -13,6 +13,7 @@
 #include <csignal>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 using namespace gripper;
 using Clock = std::chrono::steady_clock;
@@ -76,6 +77,15 @@ TEST(anExceptionWhileWaitingEndsTheCallAndClosesTheConnection)
     CHECK(calls == 3);
     CHECK(secondsSince(began) < 5);
     CHECK(!connection.isOpen());
+}
+
+TEST(aWatchIsCancelledByAnErrorOfTheLibrary)
+{
+    const SilentServer server;
+    for (const std::vector<int> &ids : {std::vector<int>{9}, std::vector<int>{}}) {
+        Watch watch(server.endpoint(), {Seconds(1), [] { throw Refused("cancelled"); }}, ids, 20);
+        CHECK_THROWS(Refused, watch.next());
+    }
 }
 
 TEST(aSignalWakesACallAtOnce)

@@ -1,11 +1,17 @@
 """Scans, muting, slave ids, upgrades and missing grippers with the Python client library."""
 
+import asyncio
+import gc
 import threading
+import time
+import warnings
 
 import pytest
+from harness.gripperctl import ScriptedDaemon
 from harness.pythonclient import (  # noqa: F401
     ONLY_ASYNCIO,
     ONLY_BLOCKING,
+    aio,
     blocking,
     daemon,
     flavour,
@@ -13,6 +19,7 @@ from harness.pythonclient import (  # noqa: F401
     gripper,
     line,
     loop,
+    new_line,
     simulator,
 )
 from harness.upgrades import polls_nothing, put_flasher, put_real_flasher
@@ -150,3 +157,47 @@ def test_a_gripper_gets_a_new_id(line, simulator):
     simulator.wait_until_polled(4)
     line.rename(4, 2)
     assert line.grippers() == (2, 9)
+
+
+@ONLY_BLOCKING
+def test_maintenance_unmutes_if_its_connection_dies_silently(flavour, loop):
+    silent = []
+
+    def answer(request):
+        if request == "GET UPG" and not silent:
+            silent.append(request)
+            return None
+        return scripted.usual(request)
+
+    with ScriptedDaemon(answer) as scripted, new_line(flavour, loop, scripted.host, timeout=0.4) as line:
+        with line.maintenance():
+            pass
+        assert scripted.sets() == ["MUTE 1", "MUTE 0"]
+
+
+@ONLY_BLOCKING
+def test_leds_are_on_or_off_for_every_value(flavour, loop):
+    with ScriptedDaemon() as scripted, new_line(flavour, loop, scripted.host) as line:
+        with line.gripper(9) as gripper:
+            gripper.led(2, "yes", None)
+        assert scripted.sets() == ["SID 9", "LBP 1 LRD 1 LGN 1 LBL 0"]
+
+
+def test_a_line_outlives_its_event_loop():
+    with ScriptedDaemon() as scripted:
+        line = aio.Line(scripted.host)
+
+        async def state():
+            return (await line.state()).running
+
+        async def close():
+            await line.close()
+
+        with warnings.catch_warnings():
+            # asyncio reports each connection that its loop leaves open.
+            warnings.simplefilter("ignore", ResourceWarning)
+            begin = time.monotonic()
+            assert asyncio.run(state()) and asyncio.run(state())
+            asyncio.run(close())
+            assert time.monotonic() - begin < 3
+            gc.collect()

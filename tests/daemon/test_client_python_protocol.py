@@ -136,7 +136,8 @@ def test_forms_of_an_address(text, expected):
     assert _protocol.endpoint(text, 1) == expected
 
 
-@pytest.mark.parametrize("text, port", [("", 1), ("a", 0), ("a", 65536), ("[::1", 1), ("a:70000", 1)])
+@pytest.mark.parametrize("text, port", [("", 1), ("a", 0), ("a", 65536), ("[::1", 1), ("a:70000", 1),
+                                       (None, 1), (b"a", 1), ("a", 1.5), ("a", "1")])
 def test_wrong_addresses(text, port):
     with pytest.raises(blocking.InvalidValue):
         _protocol.endpoint(text, port)
@@ -151,9 +152,12 @@ def test_wrong_arguments_send_nothing():
     for id in (0, 10, "9", None):
         with pytest.raises(blocking.InvalidValue):
             line.gripper(id)
-    for rate in (0, -1, 2000, "x"):
+    for rate in (0, -1, 2000, "x", 1e-310, float("nan")):
         with pytest.raises(blocking.InvalidValue):
             line.watch(rate=rate)
+    for id in (2.0, "2", None):
+        with pytest.raises(blocking.InvalidValue):
+            line.rename(9, id)
     with pytest.raises(blocking.ConnectionLost):
         line.image()
 

@@ -166,7 +166,8 @@ def script_for(tmp_path):
     """Returns the script that gnuplot gets for the lines of a recording."""
     program = tmp_path / "bin" / "gnuplot"
     program.parent.mkdir()
-    program.write_text(f"#!/bin/sh\ncat >'{tmp_path}/script'; echo picture\n")
+    gnuplot = shutil.which("gnuplot")
+    program.write_text(f"#!/bin/sh\ntee '{tmp_path}/script' | '{gnuplot}'\n")
     program.chmod(0o755)
     path = os.pathsep.join([str(program.parent), os.environ["PATH"]])
 
@@ -195,6 +196,18 @@ LIVE = [
 def test_an_outage_is_a_gap_in_the_curve(script_for, outage):
     script = script_for("\n".join([HEADER, LIVE[0], outage, *LIVE[1:], ""]))
     assert "$g9 << EOD\n0.000 1 2 3\n\n0.200 4 5 6\nEOD\n" in script
+    assert "$g2 << EOD\n0.200 7 7 0\nEOD\n" in script
+
+
+@pytest.mark.parametrize("outage,curve", [
+    ("t,0.100,2,,,,,,NO_CONNECTION", "0.000 1 2 3\n\n0.200 4 5 6\n"),
+    ("t,0.100,0,,,,,,ERR_TIMEOUT", "0.000 1 2 3\n\n0.200 4 5 6\n"),
+    ("t,0.100,2,,,,,,MISSING", "0.000 1 2 3\n0.200 4 5 6\n"),
+])
+def test_an_outage_of_the_line_is_a_gap_in_every_curve(script_for, outage, curve):
+    """The reading of one gripper may last as long as the outage, and then it has no row of its own."""
+    script = script_for("\n".join([HEADER, LIVE[0], outage, *LIVE[1:], ""]))
+    assert f"$g9 << EOD\n{curve}EOD\n" in script
     assert "$g2 << EOD\n0.200 7 7 0\nEOD\n" in script
 
 
@@ -239,7 +252,27 @@ def test_a_recording_without_valid_times(script_for):
 def test_a_picture_that_cannot_be_written(tmp_path):
     path = tmp_path / "some.csv"
     path.write_text("\n".join([HEADER, *LIVE, ""]))
-    assert "gnuplot failed" in fail(gripperctl.LOCAL, "plot", path, "-o", tmp_path / "no" / "such.svg")
+    run = gripperctl.ctl("plot", path, "-o", tmp_path / "no" / "such.svg")
+    assert run.returncode == gripperctl.LOCAL and "gnuplot failed" in run.stderr
+    assert run.stdout == "", "the picture is not printed instead"
+
+
+@pytest.mark.parametrize("name", ["some.svg", "some.png"])
+def test_a_picture_on_a_full_disk(tmp_path, name):
+    path = tmp_path / "some.csv"
+    path.write_text("\n".join([HEADER, *LIVE, ""]))
+    (tmp_path / name).symlink_to("/dev/full")
+    run = gripperctl.ctl("plot", path, "-o", tmp_path / name)
+    assert run.returncode == gripperctl.LOCAL and "is the disk full?" in run.stderr
+    assert run.stdout == ""
+
+
+@pytest.mark.parametrize("given", [[], ["-o", "|touch mark;.png"]], ids=["recording", "output"])
+def test_the_name_of_a_picture_is_no_command(tmp_path, given):
+    name = "|touch mark;.csv"
+    (tmp_path / name).write_text("\n".join([HEADER, *LIVE, ""]))
+    succeed("plot", name, *given, cwd=tmp_path)
+    assert not (tmp_path / "mark").exists()
 
 
 def test_drawing_needs_gnuplot(recording, tmp_path):
@@ -258,6 +291,8 @@ def test_drawing_needs_gnuplot(recording, tmp_path):
     ("1,2,3\n", "line 1 is not part of a recording"),
     ("HEADER\nx,0.1,9,far,0,0,-,0,RUNNING\n", "line 2 is not part of a recording"),
     ("HEADER\nx,0.1,9\n", "line 2 is not part of a recording"),
+    ("HEADER\nx,nan,9,1,0,0,-,0,RUNNING\n", "line 2 is not part of a recording"),
+    ("HEADER\nx,0.1,-9,1,0,0,-,0,RUNNING\n", "line 2 is not part of a recording"),
     ("HEADER\n", "has no values from a running link"),
     ("HEADER\nx,0.1,9,1,0,0,-,0,ERR_TIMEOUT\n", "has no values from a running link"),
 ])

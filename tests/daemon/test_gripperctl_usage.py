@@ -5,8 +5,11 @@ import os
 import pty
 import re
 import shutil
+import signal
 import socket
 import subprocess
+import threading
+import time
 
 import pytest
 from harness import gripperctl
@@ -363,3 +366,46 @@ def test_it_runs_on_a_root_without_qt(tmp_path):
         command = ["chroot", tmp_path, program, "--host", daemon.host, "status"]
         done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=40)
     assert (done.returncode, done.stderr) == (0, "") and "TA3-1.0.0" in done.stdout
+
+
+
+@pytest.fixture
+def hanging():
+    """A daemon that answers until hang()."""
+    with ScriptedDaemon(STA="0") as daemon:
+        yield daemon
+
+
+def hang(daemon):
+    """From now on, the daemon reads requests and answers nothing."""
+    hangs = threading.Event()
+    daemon.answer = lambda _: hangs.set()
+    assert hangs.wait(5)
+
+
+def test_ctrl_c_ends_a_wait_for_a_daemon_that_hangs(hanging):
+    process = start_ctl("--host", hanging.host, "wait", "active")
+    hanging.wait_for("GET PRE")
+    hang(hanging)
+    process.send_signal(signal.SIGINT)
+    assert run_to_end(process, 1.5)[0] == gripperctl.INTERRUPTED
+
+
+def test_a_wait_ends_in_time_although_the_daemon_hangs(hanging):
+    begin = time.monotonic()
+    process = start_ctl("--host", hanging.host, "wait", "active", "--timeout", "2")
+    # It looks 20 times a second.
+    hanging.wait_for_times("GET PRE", 20)
+    hang(hanging)
+    code, _, error = run_to_end(process)
+    assert code == gripperctl.TIMED_OUT and "not active within 2 s" in error
+    assert time.monotonic() - begin < 2.7
+
+
+def test_a_wait_continues_while_the_daemon_hangs(hanging):
+    hanging.answer = lambda _: None
+    process = start_ctl("--host", hanging.host, "--timeout", "20", "wait", "daemon")
+    hanging.wait_for("GET DRI")
+    hanging.answer = hanging.usual
+    # The look that hangs ends after 2 s.
+    assert run_to_end(process, 5)[0] == gripperctl.DONE

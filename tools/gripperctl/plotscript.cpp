@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iomanip>
+#include <utility>
 
 namespace gripperctl {
 
@@ -24,14 +25,19 @@ void writeData(std::ostream &script, const Recording &recording, const std::vect
 {
     for (const int gripper : grippers) {
         script << "$g" << gripper << " << EOD\n";
+        bool isGap = false;
+        bool isBegun = false;
         for (const Sample &sample : recording.samples) {
-            if (sample.gripper != gripper)
+            if (sample.gripper != gripper && !sample.concernsAll)
                 continue;
+            if (!sample.isLive) {
+                isGap = isBegun;
+                continue;
+            }
             // A blank line makes a gap in the curve, because the values of this time are unknown.
-            if (sample.isLive)
-                script << sample.seconds << ' ' << sample.position << ' ' << sample.requested << ' '
-                       << sample.current;
-            script << '\n';
+            script << (std::exchange(isGap, false) ? "\n" : "") << sample.seconds << ' '
+                   << sample.position << ' ' << sample.requested << ' ' << sample.current << '\n';
+            isBegun = true;
         }
         script << "EOD\n";
     }

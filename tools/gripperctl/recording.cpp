@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <iomanip>
 #include <sstream>
 #include <utility>
@@ -17,6 +18,7 @@ namespace {
 enum Column { Time, Seconds, Gripper, Position, Requested, Current, Object, Fault, Link, Columns };
 
 constexpr const char *linkRuns = "RUNNING";
+constexpr const char *isMissing = "MISSING";
 
 /// The cause of an outage, for the column of the link.
 std::string causeOf(const gripper::Outage &outage)
@@ -24,7 +26,7 @@ std::string causeOf(const gripper::Outage &outage)
     using Reason = gripper::Outage::Reason;
     if (outage.reason == Reason::LinkDown)
         return outage.text;
-    return outage.reason == Reason::Missing ? "MISSING" : "NO_CONNECTION";
+    return outage.reason == Reason::Missing ? isMissing : "NO_CONNECTION";
 }
 
 [[noreturn]] void fail(int line)
@@ -58,9 +60,11 @@ std::optional<Sample> sampleFrom(const std::vector<std::string> &fields)
 {
     Sample sample;
     if (fields.size() != Columns || !read(fields[Seconds], sample.seconds) ||
-        !read(fields[Gripper], sample.gripper))
+        !read(fields[Gripper], sample.gripper) || !std::isfinite(sample.seconds) ||
+        sample.gripper < 0)
         return std::nullopt;
     sample.isLive = fields[Link] == linkRuns;
+    sample.concernsAll = !sample.isLive && fields[Link] != isMissing;
     if (!sample.isLive)
         return sample;
     const bool hasValues = read(fields[Position], sample.position) &&

@@ -35,7 +35,8 @@ struct Sample
 {
     double seconds = 0;
     int gripper = 0;
-    bool isLive = false; ///< whether the link ran; otherwise the values are unknown
+    bool isLive = false;      ///< whether the link ran; otherwise the values are unknown
+    bool concernsAll = false; ///< nor are those of the other grippers known
     int position = 0;
     int requested = 0;
     int current = 0;

@@ -88,7 +88,7 @@ void Watch::findGrippers()
             watchAlso(id);
         if (m_grippers.empty())
             report(Outage::Reason::LinkDown, line.state().text);
-    } catch (const Error &error) {
+    } catch (const CommunicationError &error) {
         report(Outage::Reason::NoConnection, error.what());
     }
 }
@@ -108,7 +108,7 @@ WatchItem Watch::read(int id, Watched &watched)
                           "the daemon does not list gripper " + std::to_string(id));
         watched.outage.reset();
         return image;
-    } catch (const Error &error) {
+    } catch (const CommunicationError &error) {
         return report(Outage::Reason::NoConnection, error.what());
     }
 }

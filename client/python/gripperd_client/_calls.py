@@ -71,6 +71,7 @@ _UNCHANGED = 1.5
 # A flasher that writes firmware runs for several seconds.
 _TOO_SHORT_TO_WRITE = 1.0
 _MAX_RATE = 1000.0
+_MIN_RATE = 1 / 86400
 _MAX_ID = 9
 
 _SET_ROWS = {row.name: row for row in SET_VARIABLES}
@@ -169,18 +170,19 @@ class Muting:
             raise
 
     def end(self) -> Call[None]:
-        """Unmutes, on a new connection if the old one is lost. Has a deadline of its own.
+        """Unmutes, on a new connection if the old one is lost. Each has a deadline of its own.
 
         While a flasher has the line, the daemon unmutes at its end.
         """
-        deadline = Deadline.after(self._timeout)
         try:
-            yield from self._unmute(deadline)
+            yield from self._unmute()
         except CommunicationError:
-            yield from self._unmute(deadline)
+            # The old connection may have died silently, which takes all of its time.
+            yield from self._unmute()
         self._connection.close()
 
-    def _unmute(self, deadline: Deadline) -> Call[None]:
+    def _unmute(self) -> Call[None]:
+        deadline = Deadline.after(self._timeout)
         if (yield from self._connection.get("UPG", deadline)) != "1":
             yield from self._connection.set([("MUTE", 0)], deadline)
 
@@ -236,7 +238,8 @@ class LineCalls:
 
     def rename(self, old: int, new: int, timeout: float) -> Call[None]:
         checked_id(old)
-        if new not in SCANNED_IDS:
+        # 2.0 equals 2, but the daemon would not read it as an id.
+        if checked_id(new) not in SCANNED_IDS:
             raise InvalidValue(f"no scan looks for id {new!r}: use one of {SCANNED_IDS}")
         if old == new:
             raise InvalidValue("the old and the new id are the same")
@@ -349,10 +352,10 @@ class GripperCalls:
         before = yield from self._live(deadline)
         if before.status == Status.INACTIVE:
             raise NotActive(f"gripper {self.id} is {status_text(before)} and cannot release")
-        yield from self._command([("ARD", int(closing)), ("ATR", 1)], deadline, ReleaseWait())
+        yield from self._command([("ARD", int(bool(closing))), ("ATR", 1)], deadline, ReleaseWait())
 
     def led(self, red: bool, green: bool, blue: bool, timeout: Optional[float]) -> Call[None]:
-        colours = [("LRD", int(red)), ("LGN", int(green)), ("LBL", int(blue))]
+        colours = [("LRD", int(bool(red))), ("LGN", int(bool(green))), ("LBL", int(bool(blue)))]
         yield from self._set_listed([("LBP", 1), *colours], self._deadline(timeout))
 
     def led_auto(self, timeout: Optional[float]) -> Call[None]:
@@ -559,8 +562,11 @@ class WatchCalls:
         new_transport: NewTransport,
         timeout: float,
     ) -> None:
-        if isinstance(rate, bool) or not isinstance(rate, (int, float)) or not 0 < rate <= _MAX_RATE:
-            raise InvalidValue(f"a rate is more than 0 and at most {_MAX_RATE:g}, not {rate!r}")
+        is_number = isinstance(rate, (int, float)) and not isinstance(rate, bool)
+        if not is_number or not _MIN_RATE <= rate <= _MAX_RATE:
+            raise InvalidValue(
+                f"a rate is from one period a day to {_MAX_RATE:g} a second, not {rate!r}"
+            )
         self._endpoint = endpoint
         self._new_transport = new_transport
         self._timeout = timeout

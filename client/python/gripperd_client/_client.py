@@ -93,7 +93,7 @@ class Line:
     It connects with the first call. Every call blocks, and ends at the latest 50 ms after its timeout;
     without one, after the timeout of the line. The system's resolver looks up host names and does not
     know this limit; addresses need no look-up. A call that mutes polling may need the timeout of the
-    line once more to unmute after a failure. Several threads may use one object: their requests take
+    line twice more to unmute after a failure. Several threads may use one object: their requests take
     turns.
 
     Every call may raise ConnectionLost, TimedOut, ProtocolError, and InvalidValue for an argument.
@@ -173,7 +173,7 @@ class Line:
 
         Args:
             ids: the grippers. Without ids, a gripper that was listed once is watched until the end.
-            rate: periods per second, more than 0 and at most 1000.
+            rate: periods per second, from one period a day to 1000 a second.
         """
         return _watch(self._calls.endpoint, ids, rate, self._calls.default_timeout)
 

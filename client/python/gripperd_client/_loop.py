@@ -27,8 +27,10 @@ _MAX_UNREAD = 65536
 class _Stream(asyncio.Protocol):
     """The bytes of one connection, and the one reader that waits for them."""
 
-    def __init__(self) -> None:
+    def __init__(self, connected: socket.socket) -> None:
+        self.socket = connected
         self.transport: Optional[asyncio.Transport] = None
+        self.loop = asyncio.get_running_loop()
         self.unread = bytearray()
         self.has_ended = False
         self.error: Optional[Exception] = None
@@ -92,7 +94,12 @@ class LoopTransport(Transport):
 
     def close(self) -> None:
         stream, self._stream = self._stream, None
-        if stream is not None and stream.transport is not None:
+        if stream is None or stream.transport is None:
+            return
+        if stream.loop.is_closed():
+            # abort() needs the loop.
+            stream.socket.close()
+        else:
             stream.transport.abort()
 
     async def _acquire(self, deadline: float) -> None:
@@ -133,6 +140,9 @@ class LoopTransport(Transport):
         stream = self._stream
         if stream is None or stream.transport is None or stream.has_ended or stream.unread:
             raise NotSent
+        if stream.loop is not asyncio.get_running_loop():
+            # No reply to this loop: asyncio.run() made another one.
+            raise NotSent
         stream.transport.write(data)
 
     async def _receive(self, deadline: float) -> bytes:
@@ -166,7 +176,7 @@ async def _connected(
         connected.setblocking(False)
         await _within(timeout, loop.sock_connect(connected, address))
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        _, stream = await loop.create_connection(_Stream, sock=connected)
+        _, stream = await loop.create_connection(lambda: _Stream(connected), sock=connected)
     except BaseException:
         connected.close()
         raise

@@ -24,15 +24,15 @@ def endpoint(host: str, port: int) -> Tuple[str, int]:
     Raises:
         InvalidValue: there is no host, or the port is not 1 to 65535.
     """
+    if not isinstance(host, str):
+        raise InvalidValue(f"not a host: {host!r}")
     match = _ENDPOINT.fullmatch(host)
     if match:
         host = match["six"] or match["name"]
         port = int(match["sixport"] or match["port"] or port)
     if not host or "[" in host:
         raise InvalidValue(f"not a host: {host!r}")
-    if not 1 <= port <= 65535:
-        raise InvalidValue(f"a port is a number from 1 to 65535, not {port}")
-    return host, port
+    return host, checked_number("a port", port, 1, 65535)
 
 
 def checked_number(what: str, value: Any, least: int = 0, greatest: int = MAX_VALUE) -> int:
@@ -60,7 +60,7 @@ class Request:
 
 def get_request(names: Sequence[str]) -> Request:
     for name in names:
-        if not _GET_NAME.fullmatch(name):
+        if not isinstance(name, str) or not _GET_NAME.fullmatch(name):
             raise InvalidValue(f"a name has three letters, digits or underscores, not {name!r}")
     names = [name.upper() for name in names]
     return Request("\n".join("GET " + name for name in names), names)

@@ -59,7 +59,8 @@ bool isPng(const fs::path &path)
 void runGnuplot(const std::string &script)
 {
     constexpr int notFound = 127; // from the shell
-    std::FILE *gnuplot = ::popen("exec gnuplot", "w");
+    // A script from a file ends at its first error. A picture that has no file would be printed.
+    std::FILE *gnuplot = ::popen("exec gnuplot /dev/stdin >/dev/null", "w");
     if (gnuplot == nullptr)
         fail(concat("cannot start a shell: ", std::strerror(errno)));
     std::fputs(script.c_str(), gnuplot);
@@ -70,13 +71,29 @@ void runGnuplot(const std::string &script)
         fail("gnuplot failed: its errors are above");
 }
 
+/// gnuplot does not notice a full disk.
+bool isComplete(const fs::path &picture, bool isPng)
+{
+    constexpr int endLength = 16;
+    std::ifstream file(picture, std::ios::binary);
+    file.seekg(-endLength, std::ios::end);
+    // Not all of it: a device may have no end.
+    std::string end(endLength, ' ');
+    file.read(end.data(), endLength);
+    return end.find(isPng ? "IEND" : "</svg>") != std::string::npos;
+}
+
 void plot(Program &program, const PlotOptions &options)
 {
     const fs::path path(options.path);
     const fs::path picture = options.picture.empty() ? fs::path(path).replace_extension(".svg")
                                                      : fs::path(options.picture);
     const bool wantsPng = isPng(picture);
-    runGnuplot(plotScript(readRecording(path), path.filename(), picture, wantsPng));
+    // gnuplot runs a name that begins with "|" as a command.
+    const fs::path noCommand = fs::path(".") / picture;
+    runGnuplot(plotScript(readRecording(path), path.filename(), noCommand, wantsPng));
+    if (!isComplete(picture, wantsPng))
+        fail(concat("cannot write all of ", picture.string(), ": is the disk full?"));
     program.output().result(concat("drew ", picture.string()), {{"file", picture.string()}});
 }
 

@@ -4,6 +4,7 @@
 #include "gripperview.h"
 #include "text.h"
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -13,7 +14,10 @@ namespace gripperctl {
 namespace {
 
 constexpr gripper::Seconds waitTimeout{30};
+// A daemon that hangs, or a host that starts up, ends one look and not the wait.
+constexpr gripper::Seconds lookTimeout{2};
 constexpr double looksPerSecond = 20;
+constexpr gripper::Seconds lookPause{0.1};
 // Fingers that move slowly show a new position in less time.
 constexpr gripper::Seconds standstill{0.5};
 
@@ -71,14 +75,52 @@ std::string describe(const gripper::WatchItem &item)
                   ", position ", numberText(image.position), ", fault ", faultText(image));
 }
 
+/// The end of a wait, also within a look.
+class Limit
+{
+public:
+    Limit(Program &program, const std::string &goal)
+        : m_options(program.options())
+        , m_goal(goal)
+        , m_timeout(program.timeoutOr(waitTimeout))
+        , m_end(m_timeout)
+    {
+    }
+
+    /// Valid as long as this object.
+    gripper::Options options() const
+    {
+        return {std::min(m_timeout, lookTimeout), [this] {
+                    m_options.onWaiting();
+                    check();
+                }};
+    }
+
+    /// Keeps the present state, for the message.
+    void note(const std::string &state) { m_state = state; }
+
+    /// Throws Failure after the end. The library does not catch it.
+    void check() const
+    {
+        if (m_end.isOver())
+            throw Failure(ExitCode::TimedOut,
+                          concat(m_goal, " within ", m_timeout.count(), " s: ", m_state));
+    }
+
+private:
+    gripper::Options m_options;
+    std::string m_goal;
+    gripper::Seconds m_timeout;
+    gripper::Deadline m_end;
+    std::string m_state = "gripperd does not answer";
+};
+
 /// Also waits while the daemon does not answer, or does not list the gripper.
 void waitForGripper(Program &program, const std::string &state, const Condition &isOver)
 {
-    const gripper::Seconds timeout = program.timeoutOr(waitTimeout);
-    const gripper::Deadline end(timeout);
-    gripper::Options options = program.options();
-    options.timeout = timeout;
-    gripper::Watch watch(program.endpoint(), options, {program.gripperId()}, looksPerSecond);
+    Limit limit(program, "not " + state);
+    gripper::Watch watch(program.endpoint(), limit.options(), {program.gripperId()},
+                         looksPerSecond);
     while (true) {
         const gripper::WatchItem item = watch.next();
         const auto *image = std::get_if<gripper::Image>(&item);
@@ -88,9 +130,8 @@ void waitForGripper(Program &program, const std::string &state, const Condition 
             program.output().result(describe(item), json);
             return;
         }
-        if (end.isOver())
-            throw gripper::TimedOut(
-                concat("not ", state, " within ", timeout.count(), " s: ", describe(item)));
+        limit.note(describe(item));
+        limit.check();
     }
 }
 
@@ -106,17 +147,19 @@ void printLine(Program &program, const gripper::LineImage &image)
 
 void waitForDaemon(Program &program)
 {
-    const gripper::Deadline end(program.timeoutOr(waitTimeout));
-    gripper::Line line = program.line();
+    Limit limit(program, "no answer");
+    gripper::Connection connection(program.endpoint(), limit.options());
+    gripper::Line line(program.endpoint(), limit.options());
     while (true) {
         try {
             printLine(program, line.image());
             return;
-        } catch (const gripper::ConnectionLost &error) {
-            if (end.isOver())
-                throw gripper::TimedOut(error.what());
+        } catch (const gripper::ProtocolError &) {
+            throw;
+        } catch (const gripper::CommunicationError &error) {
+            limit.note(error.what());
         }
-        program.pause(gripper::Seconds(0.1));
+        connection.pause(lookPause, gripper::Deadline(lookPause));
     }
 }
 
