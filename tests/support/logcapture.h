@@ -17,7 +17,7 @@ public:
 
     /// The messages of info level, in order.
     QStringList infos() const;
-    /// Those that begin with `start`.
+    /// The messages of info level that begin with `start`.
     QStringList infosThatStartWith(const QString &start) const;
 
     /// The messages of warning level and worse: a healthy program has none.

@@ -152,8 +152,8 @@ void tst_PortUsage::exitCodesDecide_data()
         return localOnly(code) +
                QStringList{QStringLiteral("fuser /dev/ttyUSB0 -> %1").arg(codeOnPath)};
     };
-    QTest::newRow("nobody has it open") << exitsWith1 << none << true << localOnly(1);
-    QTest::newRow("somebody has it open") << exitsWith0 << none << false << localOnly(0);
+    QTest::newRow("no process has it open") << exitsWith1 << none << true << localOnly(1);
+    QTest::newRow("a process has it open") << exitsWith0 << none << false << localOnly(0);
     QTest::newRow("any positive code is free") << exitsWith255 << none << true << localOnly(255);
     QTest::newRow("free, the other says busy") << exitsWith1 << exitsWith0 << true << localOnly(1);
     QTest::newRow("busy, the other says free") << exitsWith0 << exitsWith1 << false << localOnly(0);

@@ -223,7 +223,7 @@ void tst_GripperList::moveRestoresTheBusyFlag_data()
     QTest::addColumn<int>("id");
     for (const bool busy : {false, true}) {
         QTest::addRow("failing move, %s", busy ? "busy" : "idle") << busy << 9;
-        QTest::addRow("nobody moves, %s", busy ? "busy" : "idle") << busy << 7;
+        QTest::addRow("no gripper moves, %s", busy ? "busy" : "idle") << busy << 7;
     }
 }
 
