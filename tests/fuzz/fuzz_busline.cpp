@@ -4,9 +4,9 @@
 // The target replaces the daemon's pauses and needs no real time. In each pause one piece of the
 // answer arrives. After the last piece, the wait for the answer ends.
 //
-// Input, per request: one byte of options, slave id, start address (two bytes), register count, the
-// values of a write, stale bytes if an option asks for them, then the pieces of the answer. Each
-// piece is one byte with its length and its bytes. Length 0 ends the pieces.
+// Input, per request: one byte of options, slave id, start address (two bytes), register count and
+// the values of a write. Stale bytes follow if an option asks for them. The pieces of the answer
+// come last. Each piece is one byte with its length and its bytes. Length 0 ends the pieces.
 
 #include "finding.h"
 #include "kvmodbuscustom.h"

@@ -1,8 +1,8 @@
 // Checks that the time for scanning repetitive text and reading its pairs is proportional to the
 // length of the text. Otherwise the target exceeds the fuzzer's time limit.
 //
-// Input: the size of the reads (one byte; 0 for a single read), then up to three parts, separated
-// by byte FE: the start, the repeated part and the end of the text.
+// Input: the size of the reads (one byte; 0 for a single read), then up to three parts. Byte FE
+// separates them. They are the start, the repeated part and the end of the text.
 
 #include "finding.h"
 #include "pairreader.h"
