@@ -16,8 +16,6 @@ namespace {
 
 enum Column { Time, Seconds, Gripper, Position, Requested, Current, Object, Fault, Link, Columns };
 
-constexpr const char *linkRuns = "RUNNING";
-
 /// The cause of an outage, for the column of the link.
 std::string causeOf(const gripper::Outage &outage)
 {
