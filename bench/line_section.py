@@ -98,7 +98,7 @@ def delivery_table(rig, count):
 
 def deliver_counter(simulator, number):
     """Changes the counter. Returns the time at which a client gets the new value."""
-    simulator.tell(f"pin 9 604 {number}")
+    simulator.command(f"pin 9 604 {number}")
     return wait_until_served("NPA", str(number), step=0.0002)
 
 
@@ -159,12 +159,12 @@ def cable_table(rig, count):
         daemon = rig.daemon_with_value()
         for _ in range(count):
             pulled = time.monotonic()
-            simulator.tell("unplug")
+            simulator.command("unplug")
             noticed.append((wait_until_served("POS", "?") - pulled) * 1000)
             # The daemon looks for the port once a second. The port returns at a random moment.
             time.sleep(random.uniform(0.5, 1.5))
             plugged = time.monotonic()
-            simulator.tell("plug")
+            simulator.command("plug")
             served.append((wait_until_served("POS", str(POSITION)) - plugged) * 1000)
         end(daemon)
     rows = [["pulled until no value", *spread(noticed)], ["back until a value", *spread(served)]]

@@ -39,10 +39,10 @@ class Paced:
         self.set("MUTE 1")
         self.measure_replies("muted", VALUE)
         self.set("MUTE 0")
-        self.simulator.tell("unplug")
+        self.simulator.command("unplug")
         wait_until_served("POS", "?")
         self.measure_replies("no gripper", NO_VALUE)
-        self.simulator.tell("plug")
+        self.simulator.command("plug")
         wait_until_served("POS", str(POSITION))
         self.measure_replies("Qt echo", VALUE, self.echo.pid, ECHO_PORT)
 

@@ -238,7 +238,7 @@ class Simulator:
         ready = self._answers.get(timeout=5)
         assert ready.startswith("ready "), ready
         for gripper in grippers:
-            self.tell(f"pin {gripper.split('=')[0]} 2002 {POSITION << 8}")
+            self.command(f"pin {gripper.split('=')[0]} 2002 {POSITION << 8}")
 
     def __enter__(self):
         return self
@@ -247,7 +247,7 @@ class Simulator:
         end(self.process)
         self._reader.join()
 
-    def tell(self, command):
+    def command(self, command):
         self.process.stdin.write(command + "\n")
         answer = self._answers.get(timeout=5)
         assert answer.startswith("ok"), f"{command}: {answer}"

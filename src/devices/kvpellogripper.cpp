@@ -159,7 +159,7 @@ QVector<quint16> KvPelloGripper::encodeOutput(quint8 activateBit) const
 
 void KvPelloGripper::copyUnacknowledgedFields(const KvPelloGripper &predecessor)
 {
-    for (int i = 0; i < outputFieldCount; ++i) {
+    for (int i = 0; i < OutputFieldCount; ++i) {
         const auto field = static_cast<OutputField>(i);
         if (predecessor.m_unacknowledged.test(field))
             store(field, predecessor.m_output[field]);

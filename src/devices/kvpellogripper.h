@@ -146,9 +146,9 @@ private:
         PositionRequest,
         SpeedRequest,
         ForceRequest,
-        outputFieldCount
+        OutputFieldCount
     };
-    using OutputFields = std::bitset<outputFieldCount>;
+    using OutputFields = std::bitset<OutputFieldCount>;
 
     bool writeSettings(QVector<quint16> settings, quint8 newId);
     bool showsSlaveId(const QVector<quint16> &settings, quint8 slaveId) const;
@@ -176,7 +176,7 @@ private:
     quint32 m_numberOfCycles = 0;
     quint32 m_numberOfSecondsPumpIsOn = 0;
     quint32 m_numberOfPumpActivations = 0;
-    std::array<quint8, outputFieldCount> m_output{};
+    std::array<quint8, OutputFieldCount> m_output{};
     quint8 m_newOutput = 1;
     OutputFields m_unacknowledged;    ///< Set by a client, not acknowledged by the device since.
     OutputFields m_setSinceAttempt;   ///< Set since the first attempt of the latest write.

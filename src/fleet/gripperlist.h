@@ -158,7 +158,8 @@ private:
         WriteOutput = 3 ///< Write the current gripper if its outputs changed, else read the next.
     };
 
-    /// The state of the link that clients see.
+    /// The state of the link that clients see. The client libraries treat values as stale
+    /// while its text is not RUNNING.
     enum class LinkStatus : qint32 {
         Scanning = 0,      ///< No gripper has been found yet, or a client has requested a scan.
         Running = 1,       ///< The last access succeeded.

@@ -137,7 +137,7 @@ def test_a_silent_bootloader_is_refused_after_51_attempts_and_polling_is_muted(m
 
 
 def test_after_a_refused_reset_the_daemon_searches_and_the_link_stays_open(make_bench):
-    """The daemon cannot tell a lost answer from a refusal; its search finds a running firmware."""
+    """The daemon cannot distinguish a lost answer from a refusal; its search finds a running firmware."""
     bench = make_bench()
     bench.silence()
     bench.line.command("fault 9 exception always 3 on 400")

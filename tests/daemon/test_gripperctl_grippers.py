@@ -120,7 +120,7 @@ def test_movements_end_with_their_result(active, simulator):
 
 
 def test_a_movement_without_waiting(active):
-    assert succeed("move", "60") == "gripper 9 was told to go to 60\n"
+    assert succeed("move", "60") == "gripper 9 was asked to go to 60\n"
     eventually(lambda: active.get("POS") == "60")
 
 
@@ -139,7 +139,7 @@ def test_a_leak_is_reported_as_such(client, simulator):
 
 def test_release_ends_when_the_fingers_stop(active):
     succeed("move", "80", "--wait")
-    assert "has let go and stands at 0; it takes no movement" in succeed("release", "--wait")
+    assert "has let go and is at 0; it takes no movement" in succeed("release", "--wait")
     assert fail(gripperctl.REFUSED, "move", "9").endswith("gripperctl activate --wait")
 
 

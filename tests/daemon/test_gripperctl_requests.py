@@ -185,7 +185,7 @@ def test_values_of_a_link_that_is_down_are_not_judged():
     answer = changing(times, "SET ARD .*")
     with ScriptedDaemon(lambda request: answer(daemon, request), POS="50") as daemon:
         text = succeed("--host", daemon.host, "release", "--wait")
-        assert "has let go and stands at 0;" in text
+        assert "has let go and is at 0;" in text
 
 
 def test_an_active_gripper_with_a_fault_is_no_success():
@@ -206,7 +206,7 @@ def test_a_running_activation_is_awaited_and_not_repeated():
 def test_a_former_value_is_not_reported_as_the_result(words):
     with ScriptedDaemon(OBJ="3", POS="40") as daemon:
         result = as_json("--host", daemon.host, *words)
-        assert result["gripper"] == 9 and "was told to" in result["text"]
+        assert result["gripper"] == 9 and "was asked to" in result["text"]
         assert not {"object", "position", "current", "status", "fault"} & set(result)
 
 

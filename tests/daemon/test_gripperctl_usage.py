@@ -368,7 +368,6 @@ def test_it_runs_on_a_root_without_qt(tmp_path):
     assert (done.returncode, done.stderr) == (0, "") and "TA3-1.0.0" in done.stdout
 
 
-
 @pytest.fixture
 def hanging():
     """A daemon that answers until hang()."""

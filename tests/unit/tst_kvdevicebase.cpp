@@ -210,7 +210,7 @@ void tst_KvDeviceBase::serialNumberIsDecoded_data()
     QTest::newRow("middle letter NUL") << Words{0x4100, 0x4300, 42, 0} << QStringLiteral("AC-0042");
     QTest::newRow("last letter NUL") << Words{0x4142, 0x0000, 42, 0} << QStringLiteral("AB-0042");
     QTest::newRow("leading blanks") << Words{0x2020, 0x4300, 42, 0} << QStringLiteral("C-0042");
-    QTest::newRow("blank behind a NUL") << Words{0x0020, 0x4300, 42, 0} << QStringLiteral("C-0042");
+    QTest::newRow("blank after a NUL") << Words{0x0020, 0x4300, 42, 0} << QStringLiteral("C-0042");
     QTest::newRow("blank before the dash")
         << Words{0x4142, 0x2000, 42, 0} << QStringLiteral("AB -0042");
     QTest::newRow("only blanks") << Words{0x2020, 0x2000, 42, 0} << QStringLiteral("-0042");

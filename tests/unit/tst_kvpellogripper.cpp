@@ -547,14 +547,14 @@ void tst_KvPelloGripper::everyInputBitReachesItsFieldOnly()
 {
     QFETCH(Words, status);
     // One gripper serves all rows, because a poll renews the whole image.
-    static ScriptedMaster s_master;
-    s_master.addGripper(slave);
-    static KvPelloGripper s_gripper(s_master, slave);
-    s_master.setRegisters(slave, inputAddress, status);
-    QVERIFY(s_gripper.updateInput());
+    static ScriptedMaster master;
+    master.addGripper(slave);
+    static KvPelloGripper gripper(master, slave);
+    master.setRegisters(slave, inputAddress, status);
+    QVERIFY(gripper.updateInput());
     for (const InputField &field : inputFields) {
         const int expected = status[field.word] >> field.lowestBit & ((1 << field.width) - 1);
-        const int actual = (s_gripper.*field.getter)();
+        const int actual = (gripper.*field.getter)();
         QVERIFY2(actual == expected, qPrintable(QStringLiteral("%1: %2 instead of %3")
                                                     .arg(QLatin1String(field.name))
                                                     .arg(actual)

@@ -9,6 +9,9 @@
 
 namespace gripperctl {
 
+/// The text of the link while polling runs.
+constexpr const char *linkRuns = "RUNNING";
+
 /// The family of a gripper by its firmware version. Empty if no family is known.
 std::string familyOf(const gripper::Image &image);
 

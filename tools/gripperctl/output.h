@@ -47,7 +47,7 @@ public:
     void problem(const Failure &failure);
 
     /// Asks `question` on the terminal. Throws Failure with `refusal` for every answer but yes, and
-    /// if nobody can answer.
+    /// if standard input is not a terminal.
     void confirm(const std::string &question, const std::string &refusal);
 
 private:

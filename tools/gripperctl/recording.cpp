@@ -17,7 +17,6 @@ namespace {
 
 enum Column { Time, Seconds, Gripper, Position, Requested, Current, Object, Fault, Link, Columns };
 
-constexpr const char *linkRuns = "RUNNING";
 constexpr const char *isMissing = "MISSING";
 
 /// The cause of an outage, for the column of the link.

@@ -15,7 +15,6 @@ using gripper::Outage;
 constexpr int maxPosition = 255;
 constexpr int minBarWidth = 10;
 constexpr int maxBarWidth = 100;
-constexpr const char *linkRuns = "RUNNING";
 
 int cellOf(int position, int cells)
 {

@@ -141,7 +141,7 @@ bool isTemporary(int error)
 Deadline::Deadline(Seconds timeout)
     : m_timeout(timeout)
 {
-    // This also refuses what is no number.
+    // This also refuses NaN.
     if (!(timeout > Seconds::zero()))
         throw InvalidValue("a timeout is greater than 0 s, unlike " + secondsText(timeout));
     m_at = Clock::now() +

@@ -39,7 +39,7 @@ std::string upperCase(std::string_view text)
     return upper;
 }
 
-/// The beginning of foreign bytes, with a dot for each byte that is no printable ASCII.
+/// The beginning of foreign bytes, with a dot for each byte that is not printable ASCII.
 std::string shown(std::string_view bytes)
 {
     std::string text(bytes.substr(0, maxShownLength));

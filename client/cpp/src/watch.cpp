@@ -17,7 +17,7 @@ constexpr Seconds longestPeriod{86400};
 
 Seconds periodOf(double rate)
 {
-    // This also refuses what is no number.
+    // This also refuses NaN.
     if (!(rate > 0 && rate <= maxRate) || Seconds(1 / rate) > longestPeriod)
         throw InvalidValue("a rate is from one period a day to 1000 a second, not " +
                            std::to_string(rate));

@@ -79,7 +79,7 @@ class BlockingTransport(Transport):
         except OSError:
             raise NotSent from None
         else:
-            # The end of the stream, or bytes that nobody asked for.
+            # The end of the stream, or bytes without a request.
             raise NotSent
         connected.settimeout(time_left(deadline))
         try:

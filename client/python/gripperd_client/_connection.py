@@ -46,7 +46,7 @@ class Connection:
         """Sends the request once and returns its replies.
 
         With `may_reconnect`, it sends a request on a new connection if the old one ended before
-        anything was sent, and a batch of GETs also if the old one ended before the reply.
+        anything was sent. It repeats a batch of GETs also if the old one ended before the reply.
         """
         yield from self._acquire(deadline, request.text)
         try:

@@ -1,6 +1,6 @@
 #include "commands.h"
 
-#include "app.h"
+#include "commandoptions.h"
 #include "gripperview.h"
 #include "text.h"
 
@@ -83,7 +83,7 @@ void run(Program &program, const Choice &choice)
         return;
     }
     // The values of the gripper are still old.
-    program.report(gripper.id(), "was told to activate");
+    program.report(gripper.id(), "was asked to activate");
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 #include "commands.h"
 
-#include "app.h"
+#include "commandoptions.h"
 #include "text.h"
 
 #include <algorithm>

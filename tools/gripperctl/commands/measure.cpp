@@ -1,7 +1,7 @@
 // hz and ping.
 #include "commands.h"
 
-#include "app.h"
+#include "commandoptions.h"
 #include "text.h"
 
 #include <algorithm>

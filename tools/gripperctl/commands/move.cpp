@@ -1,6 +1,6 @@
 #include "commands.h"
 
-#include "app.h"
+#include "commandoptions.h"
 #include "gripperview.h"
 #include "text.h"
 
@@ -81,7 +81,7 @@ void moveTo(Program &program, const Choice &choice, int position)
     }
     gripper.set({{"POS", position}, {"SPE", speed}, {"FOR", force}, {"GTO", 1}});
     // The values of the gripper are still old.
-    program.report(gripper.id(), concat("was told to go to ", position),
+    program.report(gripper.id(), concat("was asked to go to ", position),
                    {{"requestedPosition", position}});
 }
 

@@ -1,6 +1,6 @@
 #include "commands.h"
 
-#include "app.h"
+#include "commandoptions.h"
 #include "looks.h"
 #include "recording.h"
 #include "text.h"

@@ -1,6 +1,6 @@
 #include "commands.h"
 
-#include "app.h"
+#include "commandoptions.h"
 #include "gripperview.h"
 #include "text.h"
 
@@ -25,12 +25,12 @@ void run(Program &program, const Choice &choice)
             concat("gripper ", gripper.id(),
                    " is inactive and cannot let go: gripperctl activate --wait opens it"));
     }
-    std::string text = "was told to let go";
+    std::string text = "was asked to let go";
     if (choice.wait) {
         program.await(gripper.id(), "letting go", [&] {
             gripper.release(choice.closing, program.timeoutOr(gripper::Gripper::movementTimeout));
         });
-        text = concat("has let go and stands at ", numberText(gripper.image().position));
+        text = concat("has let go and is at ", numberText(gripper.image().position));
     } else {
         gripper.set({{"ARD", choice.closing ? 1 : 0}, {"ATR", 1}});
     }

@@ -1,6 +1,6 @@
 #include "commands.h"
 
-#include "app.h"
+#include "commandoptions.h"
 #include "gripperview.h"
 #include "text.h"
 
@@ -220,7 +220,7 @@ void addWait(CLI::App &app, Program &program)
         {"wait", "Wait for daemon, gripper, active, still, object or lost.",
          "daemon: gripperd answers. gripper: the link runs, and the gripper is found. "
          "active: it\nis ready to move. still: it does not move. object: it holds a "
-         "part. lost: it holds none.\nThe exit code is 4 after --timeout (default 30 s).",
+         "part. lost: it holds no part.\nThe exit code is 4 after --timeout (default 30 s).",
          "wait object --timeout 5"},
         [&program, word] { run(program, *word); });
     addWord(command, "STATE", *word)->option_text(join(stateNames(), " "));

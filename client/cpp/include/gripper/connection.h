@@ -51,7 +51,7 @@ struct Endpoint
 /// The way to wait.
 struct Options
 {
-    /// The time of a call that gives none and needs no movement of a gripper.
+    /// The time of a call without a time of its own and without a movement of a gripper.
     Seconds timeout{5};
     /// Called at least every 50 ms while a call waits, and after each signal that the process
     /// handles. An exception ends the call and closes its connection; this is how to cancel a call.
@@ -59,7 +59,7 @@ struct Options
 };
 
 /// Owns one socket to the daemon. It opens it with the first exchange. After an error it closes it,
-/// so that no late reply is ever taken for another's, and the next exchange opens a new one. Every
+/// so that no later request gets a late reply, and the next exchange opens a new one. Every
 /// exchange blocks until its replies have arrived or its deadline is over. Not for several threads
 /// at a time.
 ///

@@ -95,7 +95,7 @@ public:
     /// Gives gripper `oldId` the id `newId`, which takes about 10 s with its scans. After a
     /// time-out, the daemon continues.
     ///
-    /// - InvalidValue: newId is not 9, 2, 3 or 4, or equals oldId.
+    /// - InvalidValue: newId is not one of scannedIds, or equals oldId.
     /// - Refused: newId is in use, an upgrade is under way, or the gripper kept its id.
     /// - GripperMissing: the daemon does not list oldId, or the gripper answers at neither id
     /// afterwards.
