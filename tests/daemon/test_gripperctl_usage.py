@@ -360,11 +360,15 @@ def test_it_runs_on_a_root_without_qt(tmp_path):
         copy = tmp_path / path.lstrip("/")
         copy.parent.mkdir(parents=True, exist_ok=True)
         shutil.copy(path, copy)
-    # The root has no /proc, which the search for leaks needs.
-    environment = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}
-    with ScriptedDaemon(PRE="050", OBJ="3", POS="80") as daemon:
-        command = ["chroot", tmp_path, program, "--host", daemon.host, "status"]
-        done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=40)
+    # A sanitizer needs /proc.
+    (tmp_path / "proc").mkdir()
+    subprocess.run(["mount", "--bind", "/proc", tmp_path / "proc"], check=True)
+    try:
+        with ScriptedDaemon(PRE="050", OBJ="3", POS="80") as daemon:
+            command = ["chroot", tmp_path, program, "--host", daemon.host, "status"]
+            done = subprocess.run(command, capture_output=True, text=True, timeout=40)
+    finally:
+        subprocess.run(["umount", tmp_path / "proc"], check=True)
     assert (done.returncode, done.stderr) == (0, "") and "TA3-1.0.0" in done.stdout
 
 
