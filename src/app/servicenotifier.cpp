@@ -18,7 +18,7 @@ constexpr qulonglong microsecondsPerMs = 1000;
 
 QByteArray takeVariable(const char *name)
 {
-    const QByteArray value = qgetenv(name);
+    QByteArray value = qgetenv(name);
     qunsetenv(name);
     return value;
 }

@@ -38,7 +38,7 @@ Recording readRecording(const fs::path &path)
     std::ifstream file(path, std::ios::binary);
     if (!file || fs::is_directory(path, ignored))
         fail(concat("cannot read ", path.string(), ": ", file ? "a folder" : std::strerror(errno)));
-    const Recording recording = parseRecording({std::istreambuf_iterator<char>(file), {}});
+    Recording recording = parseRecording({std::istreambuf_iterator<char>(file), {}});
     const auto isLive = [](const Sample &sample) { return sample.isLive; };
     if (std::none_of(recording.samples.begin(), recording.samples.end(), isLive))
         fail(concat(path.string(), " has no values from a running link: record again while "
