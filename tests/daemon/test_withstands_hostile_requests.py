@@ -174,7 +174,7 @@ def send_every_10_ms(client, requests, seconds):
     [
         (["SET THROTTLE 1\n"], 0.048, 0.056),
         # A visit has four requests of 10 ms each; the next tick follows after 5 ms.
-        (["SET THROTTLE 0\n"], 0.040, 0.0475),
+        (["SET THROTTLE 0\n"], 0.040, 0.049),
         # A slow period may begin at the end of a visit and delays the next one.
         (["SET THROTTLE 0\n", "SET THROTTLE 1\n"], 0.040, 0.096),
     ],
