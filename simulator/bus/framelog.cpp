@@ -1,9 +1,10 @@
 #include "framelog.h"
 
+#include "timeline.h"
+
 namespace sim {
 
 namespace {
-constexpr double usPerMs = 1000.0;
 constexpr int timeWidth = 12;
 constexpr int timeDecimals = 3;
 } // namespace
@@ -17,7 +18,7 @@ void FrameLog::append(const FrameRecord &frame)
 
 QString traceLine(const FrameRecord &frame)
 {
-    const double timeMs = static_cast<double>(frame.timeUs) / usPerMs;
+    const double timeMs = static_cast<double>(frame.timeUs) / static_cast<double>(usPerMs);
     const bool isRequest = frame.direction == FrameRecord::Direction::Request;
     const QString line = QStringLiteral("%1 %2 %3")
                              .arg(timeMs, timeWidth, 'f', timeDecimals)

@@ -4,7 +4,6 @@ namespace sim {
 
 namespace {
 constexpr qint64 nsPerUs = 1000;
-constexpr qint64 usPerMs = 1000;
 } // namespace
 
 RealTimeline::RealTimeline(QObject *parent)

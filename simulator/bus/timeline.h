@@ -8,6 +8,8 @@
 
 namespace sim {
 
+constexpr qint64 usPerMs = 1000;
+
 /// The clock of the simulated line and the queue of delayed actions. Times are microseconds since
 /// the start of the timeline and never decrease.
 class Timeline : public QObject

@@ -5,10 +5,6 @@
 
 namespace sim {
 
-namespace {
-constexpr qint64 usPerMs = 1000;
-}
-
 SimulatedGripper::SimulatedGripper(quint8 slaveId, const GripperIdentity &identity,
                                    const GripperTiming &timing, Line &line, Timeline &timeline,
                                    RandomSource &random)

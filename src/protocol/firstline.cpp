@@ -1,5 +1,7 @@
 #include "firstline.h"
 
+#include "requestgrammar.h"
+
 namespace {
 
 constexpr char tlsHandshake = 0x16;
@@ -25,11 +27,6 @@ bool isTargetCharacter(char c)
 {
     const auto code = static_cast<unsigned char>(c);
     return code > 0x20 && code != 0x7F;
-}
-
-bool isLineEnding(char c)
-{
-    return c == '\r' || c == '\n';
 }
 
 } // namespace

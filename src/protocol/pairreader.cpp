@@ -1,6 +1,6 @@
 #include "pairreader.h"
 
-#include "requestscanner.h"
+#include "requestgrammar.h"
 
 #include <algorithm>
 #include <charconv>
@@ -10,9 +10,6 @@
 namespace {
 
 constexpr char removedCharacter = '\3';
-constexpr std::size_t shortestName = 3;
-constexpr std::size_t longestName = 9;
-constexpr std::size_t longestValue = 3;
 
 // Returns 0 if `text` as a whole is not a number.
 std::uint8_t lowByteOf(std::string_view text)

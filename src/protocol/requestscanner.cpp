@@ -11,9 +11,6 @@ constexpr std::string_view setKeyword = "SET";
 constexpr std::string_view getKeyword = "GET "; // exactly one space
 constexpr std::size_t getVariableLength = 3;
 constexpr std::size_t shortestGet = getKeyword.size() + getVariableLength;
-constexpr std::size_t shortestName = 3;
-constexpr std::size_t longestName = 9;
-constexpr std::size_t longestValue = 3;
 
 // Replaces each character that is not ASCII. No request contains such a character, and no other
 // character of the text becomes a zero byte.
@@ -26,11 +23,6 @@ constexpr int upperCaseChunk = 128;
 // An idle client keeps at most this memory. Ordinary requests fit without another allocation.
 constexpr std::size_t idleTextCapacity = 1024;
 constexpr std::size_t idleListCapacity = 64;
-
-bool isLineEnding(char c)
-{
-    return c == '\r' || c == '\n';
-}
 
 char toUpperAscii(char c)
 {

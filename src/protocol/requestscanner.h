@@ -1,23 +1,13 @@
 #pragma once
 
+#include "requestgrammar.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
-
-/// Whether a variable name may contain `c`: an ASCII letter, a digit or an underscore.
-constexpr bool isNameCharacter(char c)
-{
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
-}
-
-/// Whether the value of a SET may contain `c`: a digit or a minus sign, in any order.
-constexpr bool isValueCharacter(char c)
-{
-    return (c >= '0' && c <= '9') || c == '-';
-}
 
 /// One request of a client. Owns its text, so it does not change when more text arrives while the
 /// request is processed.
