@@ -10,20 +10,7 @@ import time
 import pytest
 from harness.client import Client
 from harness.protocoltable import rows
-from harness.pythonclient import (  # noqa: F401
-    ONLY_ASYNCIO,
-    ONLY_BLOCKING,
-    aio,
-    blocking,
-    daemon,
-    flavour,
-    folder,
-    gripper,
-    line,
-    loop,
-    new_line,
-    simulator,
-)
+from harness.pythonclient import *  # noqa: F403
 from harness.waiting import eventually
 
 FAST = {"speed": 255, "force": 100}

@@ -8,20 +8,7 @@ import warnings
 
 import pytest
 from harness.gripperctl import ScriptedDaemon
-from harness.pythonclient import (  # noqa: F401
-    ONLY_ASYNCIO,
-    ONLY_BLOCKING,
-    aio,
-    blocking,
-    daemon,
-    flavour,
-    folder,
-    gripper,
-    line,
-    loop,
-    new_line,
-    simulator,
-)
+from harness.pythonclient import *  # noqa: F403
 from harness.upgrades import polls_nothing, put_flasher, put_real_flasher
 from harness.waiting import eventually
 
