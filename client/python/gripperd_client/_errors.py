@@ -8,7 +8,7 @@ class GripperError(Exception):
 
 
 class InvalidValue(GripperError, ValueError):
-    """An argument is out of its range. The call has sent nothing."""
+    """An argument has a wrong type or is out of its range. The call has sent nothing."""
 
 
 class ConnectionLost(GripperError, ConnectionError):
