@@ -160,7 +160,9 @@ def image(at, **values):
 
 
 def moving(before, position=80):
-    return _waits.MoveWait(image(0, requested_position=before), position, 0.0)
+    wait = _waits.MoveWait(image(0, requested_position=before), position)
+    wait.on_acknowledged(0.0)
+    return wait
 
 
 def test_the_object_of_the_former_request_is_no_result():
@@ -176,15 +178,15 @@ def test_the_same_request_again_has_no_result_before_its_write():
     assert wait.judge(image(0.01, requested_position=80, object=3)) is None
     # Another request, which was not written yet, appears for a moment.
     assert wait.judge(image(0.1, requested_position=20, object=1)) is None
-    assert wait.judge(image(0.15, requested_position=80, object=3)) is None
-    assert wait.judge(image(0.21, requested_position=80, object=3, position=80)) == blocking.Reached(80, 5)
+    assert wait.judge(image(0.29, requested_position=80, object=3)) is None
+    assert wait.judge(image(0.31, requested_position=80, object=3, position=80)) == blocking.Reached(80, 5)
 
 
 def test_a_lost_link_restarts_the_wait_for_the_write():
     wait = moving(before=80)
     wait.on_stale(image(0.19, stale=True))
-    assert wait.judge(image(0.3, requested_position=80)) is None
-    assert wait.judge(image(0.4, requested_position=80)) is not None
+    assert wait.judge(image(0.4, requested_position=80)) is None
+    assert wait.judge(image(0.5, requested_position=80)) is not None
 
 
 @pytest.mark.parametrize(
@@ -205,9 +207,11 @@ def test_an_end_without_a_result_is_an_error(values, error):
 
 def test_a_request_that_never_appears_is_no_interference():
     wait = moving(before=10)
-    assert wait.judge(image(9.0, requested_position=10, go_to=False)) is None
-    with pytest.raises(blocking.Interference):
-        wait.judge(image(9.0, requested_position=33))
+    assert wait.judge(image(9.0, requested_position=10)) is None
+    for other in ({"requested_position": 33}, {"requested_position": 10, "go_to": False}):
+        assert wait.judge(image(1.4, **other)) is None
+        with pytest.raises(blocking.Interference):
+            wait.judge(image(1.6, **other))
     # Another client switched go-to off before the write.
     assert wait.judge(image(0.1, requested_position=80, go_to=False)) is None
     with pytest.raises(blocking.Interference):

@@ -1,5 +1,6 @@
 """The logic of all calls, once for the blocking and the asyncio classes."""
 
+import math
 import time
 from typing import Callable, Dict, List, Mapping, Optional, Sequence, Set, Tuple, TypeVar
 
@@ -326,19 +327,21 @@ class GripperCalls:
         before = yield from self._live(deadline)
         check_ready(before)
         pairs = [("POS", position), ("SPE", speed), ("FOR", force), ("GTO", 1)]
-        wait = MoveWait(before, position, time.monotonic())
-        return (yield from self._command(pairs, deadline, wait))
+        return (yield from self._command(pairs, deadline, MoveWait(before, position)))
 
     def stop(self, timeout: Optional[float]) -> Call[None]:
-        deadline = self._deadline(timeout)
-        before = yield from self._listed(deadline)
-        yield from self._command([("GTO", 0)], deadline, StopWait(before, time.monotonic()))
+        # It does not read first: a stop is urgent.
+        yield from self._command(
+            [("GTO", 0)], self._deadline(timeout), StopWait(), may_reconnect=True
+        )
 
     def release(self, closing: bool, timeout: float) -> Call[None]:
         deadline = Deadline.after(timeout)
         before = yield from self._live(deadline)
         if before.status == Status.INACTIVE:
-            raise NotActive(f"gripper {self.id} is {status_text(before)} and cannot release")
+            raise NotActive(
+                Status.INACTIVE, f"gripper {self.id} is {status_text(before)} and cannot release"
+            )
         yield from self._command([("ARD", int(bool(closing))), ("ATR", 1)], deadline, ReleaseWait())
 
     def led(self, red: bool, green: bool, blue: bool, timeout: Optional[float]) -> Call[None]:
@@ -501,10 +504,13 @@ class GripperCalls:
         if not reader.is_acknowledged:
             raise Refused(f'the daemon refused "{request.text}"')
 
-    def _command(self, pairs: Pairs, deadline: Deadline, wait: Wait[T]) -> Call[T]:
+    def _command(
+        self, pairs: Pairs, deadline: Deadline, wait: Wait[T], may_reconnect: bool = False
+    ) -> Call[T]:
         """Sends one SET and waits for its effect."""
         request = set_request(pairs)
-        yield from self._send_set(request, deadline)
+        yield from self._send_set(request, deadline, may_reconnect)
+        wait.on_acknowledged(time.monotonic())
         try:
             return (yield from self._wait(wait, deadline))
         except ConnectionLost as error:
@@ -516,7 +522,8 @@ class GripperCalls:
             raise
 
     def _wait(self, wait: Wait[T], deadline: Deadline) -> Call[T]:
-        seen_at = time.monotonic()
+        # A gripper that is missing at once was missing when the daemon got the request.
+        seen_at = -math.inf
         while True:
             # A new connection could be one to a new daemon, which does not know the request.
             image = yield from read_image(self.connection, self.id, deadline, may_reconnect=False)

@@ -236,8 +236,8 @@ class Gripper:
     ) -> MoveResult:
         """Goes to a position and waits for the end of the movement. Sends one SET.
 
-        If the gripper shows the same request already, no variable shows when it has this one. The call
-        then takes 0.2 s for each listed gripper before it trusts the object detection.
+        If the gripper shows the same position already, no variable shows when it has this request. The
+        call then waits 0.1 s, and 0.2 s for each listed gripper, before it trusts the object detection.
 
         Args:
             position: 0 is open, 255 closed; for vacuum grippers the vacuum level.
@@ -270,10 +270,11 @@ class Gripper:
         return run(self._calls.move(default.CLOSED_POSITION, speed, force, timeout))
 
     def stop(self, timeout: Optional[float] = None) -> None:
-        """Switches go-to off and waits until the gripper shows it.
+        """Switches go-to off and waits until the gripper shows it. Sends the SET at once.
 
         Fingers stop where they are. A vacuum gripper loses its vacuum: **its part falls**. If go-to is off
-        already, the call takes 0.2 s for each listed gripper: an earlier request may be on its way.
+        already, an earlier request may be on its way. The call then takes 0.1 s, and 0.2 s for each listed
+        gripper.
         """
         return run(self._calls.stop(timeout))
 
