@@ -7,6 +7,7 @@ import pytest
 from harness.clientcheck import ClientCheck
 from harness.gripperctl import ScriptedDaemon
 from harness.pythonclient import blocking
+from harness.waiting import eventually
 
 MOVE = "SET POS 150 SPE 255 FOR 100 GTO 1"
 AT_150 = {"PRE": "150", "GTO": "1", "POS": "150", "OBJ": "3", "SPE": "255", "FOR": "100"}
@@ -193,3 +194,35 @@ def test_a_request_that_does_not_show_is_no_interference_for_a_while(start):
         began = time.monotonic()
         assert library.gripper("move", 150, 255, 100) == "Interference"
         assert time.monotonic() - began >= REQUEST_SHOWS
+
+
+def test_a_gripper_gets_a_new_id_although_scans_miss_it(start):
+    """A slave that answers late is missing after a scan. A disturbed line is no failed rename."""
+    scans = iter(["[9]", "[2, 9]", "[9]", "[4, 9]"])
+
+    def answer(request):
+        if request in ("SET SCN_BLOCK 1", "SET NID 4"):
+            daemon.values["SID"] = next(scans)
+        if request.startswith("SET SID ") and request[8:] not in daemon.values["SID"]:
+            return b"nak"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer, SID="[2, 9]") as daemon:
+        library = start(daemon)
+        assert library.line("rename", 2, 4) == ""
+        assert list(scans) == []
+        assert daemon.sets().count("NID 4") == 1
+        eventually(lambda: daemon.sets()[-1] == "SID 4")
+
+
+@pytest.mark.parametrize("scanned, error", [("[2, 9]", "Refused"), ("[9]", "GripperMissing")])
+def test_a_rename_that_fails_names_the_id(start, scanned, error):
+    def answer(request):
+        if request == "SET NID 4":
+            daemon.values["SID"] = scanned
+        if request.startswith("SET SID ") and request[8:] not in daemon.values["SID"]:
+            return b"nak"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer, SID="[2, 9]") as daemon:
+        assert start(daemon).line("rename", 2, 4) == error

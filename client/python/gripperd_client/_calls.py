@@ -125,17 +125,27 @@ def _scan(connection: Connection, deadline: Deadline) -> Call[Tuple[int, ...]]:
     return (yield from read_ids(connection, deadline))
 
 
-def _scan_for(connection: Connection, ids: Sequence[int], deadline: Deadline) -> Call[List[int]]:
-    """Scans until it has found all ids, at most three times. Returns the missing ones."""
-    missing: List[int] = []
+def _scan_until(
+    connection: Connection, is_enough: Callable[[Sequence[int]], bool], deadline: Deadline
+) -> Call[Sequence[int]]:
+    """Scans until it has found enough, at most three times: a scan on a disturbed line may miss a gripper.
+
+    Returns the ids that the last scan found.
+    """
+    found: Sequence[int] = ()
     for number in range(_MAX_SCANS):
         if number > 0:
             yield from _pause(_PAUSE_BETWEEN_SCANS, deadline, "the scans did not end")
         found = yield from _scan(connection, deadline)
-        missing = [id for id in ids if id not in found]
-        if not missing:
+        if is_enough(found):
             break
-    return missing
+    return found
+
+
+def _scan_for(connection: Connection, ids: Sequence[int], deadline: Deadline) -> Call[List[int]]:
+    """Scans until it has found all ids. Returns the missing ones."""
+    found = yield from _scan_until(connection, lambda found: set(ids) <= set(found), deadline)
+    return [id for id in ids if id not in found]
 
 
 class Muting:
@@ -233,17 +243,18 @@ class LineCalls:
             raise InvalidValue("the old and the new id are the same")
         deadline = Deadline.after(timeout)
         yield from _refuse_during_upgrade(self.connection, deadline)
-        self._refuse_in_use(new, (yield from read_ids(self.connection, deadline)))
-        serial = yield from self._rename_on_silent_line(old, new, deadline)
+        listed = yield from read_ids(self.connection, deadline)
+        self._refuse_in_use(new, listed)
+        serial = yield from self._rename_on_silent_line(old, new, old in listed, deadline)
         # The daemon acknowledges every NID. Only the gripper at the new id shows the success.
-        renamed = self._connection_to(new)
-        try:
-            is_listed = yield from renamed.open(deadline)
-            if is_listed and (yield from renamed.get("SNU", deadline)) == serial:
-                return
-        finally:
-            renamed.close()
-        if old not in (yield from _scan_for(self.connection, [old], deadline)):
+        if (yield from self._serial_at(new, deadline)) == serial:
+            return
+        found = yield from _scan_until(
+            self.connection, lambda found: old in found or new in found, deadline
+        )
+        if new in found and (yield from self._serial_at(new, deadline)) == serial:
+            return
+        if old in found:
             raise Refused(
                 f"gripper {old} kept its id. Switch it off and on, then scan: it may have stored "
                 f"{new}. If not, try again; the cause is in the daemon's log"
@@ -253,13 +264,27 @@ class LineCalls:
             f"the gripper answers neither as {old} nor as {new}: switch it off and on, then scan",
         )
 
-    def _rename_on_silent_line(self, old: int, new: int, deadline: Deadline) -> Call[str]:
+    def _serial_at(self, id: int, deadline: Deadline) -> Call[Optional[str]]:
+        """Returns the serial number of a gripper, or None if the daemon does not list it."""
+        connection = self._connection_to(id)
+        try:
+            if (yield from connection.open(deadline)):
+                return (yield from connection.get("SNU", deadline))
+            return None
+        finally:
+            connection.close()
+
+    def _rename_on_silent_line(
+        self, old: int, new: int, is_listed: bool, deadline: Deadline
+    ) -> Call[str]:
         muting = self.muting()
         yield from muting.begin(deadline)
         renamed = self._connection_to(old)
         try:
             # A gripper that was plugged in after the last scan is not listed, but uses its id.
-            found = yield from _scan(self.connection, deadline)
+            found = yield from _scan_until(
+                self.connection, lambda found: old in found or not is_listed, deadline
+            )
             if old not in found:
                 raise GripperMissing(old)
             self._refuse_in_use(new, found)
