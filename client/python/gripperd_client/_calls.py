@@ -597,6 +597,9 @@ class WatchCalls:
         for connection in (self._line, *self._connections.values()):
             connection.close()
 
+    def is_period_over(self) -> bool:
+        return not self._turns
+
     def next(self) -> Call[WatchItem]:
         """Waits for the next turn and reads the gripper whose turn it is."""
         if not self._turns:

@@ -29,6 +29,10 @@ class Watch:
         """Waits at most one period, and the timeout of the line for a daemon that does not answer."""
         return run(self._calls.next())
 
+    def is_period_over(self) -> bool:
+        """Returns whether all items of the present period were given. The next one then waits."""
+        return self._calls.is_period_over()
+
     def close(self) -> None:
         """Ends the connections. The next item opens new ones."""
         self._calls.close()

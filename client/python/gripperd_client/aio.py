@@ -45,6 +45,9 @@ class Watch:
     async def __anext__(self) -> WatchItem:
         return await run(self._calls.next())
 
+    def is_period_over(self) -> bool:
+        return self._calls.is_period_over()
+
     async def close(self) -> None:
         self._calls.close()
 
