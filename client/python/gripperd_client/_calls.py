@@ -547,8 +547,7 @@ class GripperCalls:
             raise
 
     def _wait(self, wait: Wait[T], deadline: Deadline) -> Call[T]:
-        # A gripper that is missing at once was missing when the daemon got the request.
-        seen_at = -math.inf
+        seen_at = time.monotonic() if wait.was_listed else -math.inf
         while True:
             # A new connection could be one to a new daemon, which does not know the request.
             image = yield from read_image(self.connection, self.id, deadline, may_reconnect=False)

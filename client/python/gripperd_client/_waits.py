@@ -43,6 +43,8 @@ class Wait(Generic[T]):
 
     #: The wanted state, for the message of a time-out.
     goal = ""
+    #: Whether an image before the command showed the gripper. If not, it must show at once.
+    was_listed = True
 
     def judge(self, image: Image) -> Optional[T]:
         """Returns the result, or None to continue. `image` is not stale."""
@@ -104,6 +106,7 @@ class StopWait(WriteWait[Image]):
     """
 
     goal = "switch go-to off"
+    was_listed = False
     _was_on = False
 
     def judge(self, image: Image) -> Optional[Image]:
