@@ -18,6 +18,12 @@ def start():
     return spawn([binary("client-example-grip")], stdout=subprocess.PIPE, text=True)
 
 
+def result(example):
+    """Returns the exit status and the output."""
+    out, _ = example.communicate(timeout=40)
+    return example.returncode, out
+
+
 def closes_at_the_object(line):
     eventually(lambda: line.registers(9, 2002)[0] >> 8 == 140, 10, "the grip")
 
@@ -42,8 +48,8 @@ def test_it_survives_a_restart_of_the_daemon(line, start_daemon, moment, text):
     moment(line)
     daemon.kill()
     start_daemon()
-    out, _ = example.communicate(timeout=40)
-    assert example.returncode == 0, out
+    status, out = result(example)
+    assert status == 0, out
     assert text in out
     assert "lost the part" not in out
     assert line.registers(9, 2002)[0] >> 8 == 0
@@ -55,8 +61,8 @@ def test_it_notices_a_lost_part(line, start_daemon):
     example = start()
     holds_the_object(line)
     line.command("object 9 none")
-    out, _ = example.communicate(timeout=30)
-    assert example.returncode == 1, out
+    status, out = result(example)
+    assert status == 1, out
     assert "lost the part at position " in out
 
 
@@ -66,14 +72,12 @@ def test_it_clears_a_fault_and_grips_again(line, start_daemon):
     example = start()
     holds_the_object(line)
     line.command("faultcode 9 12")
-    out, _ = example.communicate(timeout=30)
+    status, out = result(example)
     # The status 0 means that it held the part for its whole time afterwards.
-    assert (example.returncode, out.count("\n")) == (0, 1), out
+    assert (status, out.count("\n")) == (0, 1), out
     assert out.startswith("fault 12: ")
 
 
 def test_it_reports_that_there_is_no_part(line, start_daemon):
     start_daemon()
-    example = start()
-    out, _ = example.communicate(timeout=30)
-    assert (example.returncode, out) == (1, "there is no part\n")
+    assert result(start()) == (1, "there is no part\n")

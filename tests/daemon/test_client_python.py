@@ -10,20 +10,7 @@ import time
 import pytest
 from harness.client import Client
 from harness.protocoltable import rows
-from harness.pythonclient import (  # noqa: F401
-    ONLY_ASYNCIO,
-    ONLY_BLOCKING,
-    aio,
-    blocking,
-    daemon,
-    flavour,
-    folder,
-    gripper,
-    line,
-    loop,
-    new_line,
-    simulator,
-)
+from harness.pythonclient import *  # noqa: F403
 from harness.waiting import eventually
 
 FAST = {"speed": 255, "force": 100}
@@ -98,7 +85,7 @@ def test_the_same_position_again_has_the_new_result(gripper, simulator):
         started = time.monotonic()
         result = gripper.move(150, **FAST)
     assert (result.reached, result.position) == (True, 150)
-    assert time.monotonic() - started >= 0.2
+    assert time.monotonic() - started >= 0.5
     assert gripper.image().position == 150
 
 

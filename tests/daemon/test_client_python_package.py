@@ -1,5 +1,7 @@
 """The Python package: its wheel, its types, and its likeness to the C++ library."""
 
+import dataclasses
+import inspect
 import re
 import subprocess
 import sys
@@ -106,42 +108,151 @@ def public(kind):
     return {name for name in vars(kind) if not name.startswith("_")}
 
 
-@pytest.mark.parametrize("name", ["Line", "Gripper", "Watch", "Maintenance"])
+CLASSES = ["Line", "Gripper", "Watch", "Maintenance"]
+
+
+@pytest.mark.parametrize("name", CLASSES)
 def test_blocking_and_asyncio_have_the_same_methods(name):
     ours, theirs = getattr(blocking, name), getattr(aio, name)
     assert public(ours) == public(theirs)
     for member in public(ours):
         assert getattr(theirs, member).__doc__, member
+        if callable(getattr(ours, member)):
+            signatures = [inspect.signature(getattr(kind, member)) for kind in (ours, theirs)]
+            assert signatures[0].parameters == signatures[1].parameters, member
+
+
+# Python and C++. Each difference has its reason.
+
+DIFFERENCES = {
+    "Watch.next": "__next__ in Python",
+    "Watch.begin": "__iter__ in Python",
+    "Watch.end": "__iter__ in Python",
+    "Watch.close": "C++ ends the connections with the object",
+    "Maintenance.end": "the end of the with block in Python",
+    "Maintenance.leave_muted": "gripperctl keeps polling muted for a bootloader; Python programs set MUTE for that",
+    "Again": "a bool in Python, where arguments have names",
+    "Deadline": "a number of seconds in Python",
+    "Endpoint": "a host and a port in Python",
+    "Options": "arguments of Line in Python, and the cancelling of tasks by asyncio",
+    "Connection": "gripperctl measures and sends lines of its user; Python has the standard library for this",
+    "Batch": "for a Connection",
+    "Pair": "for a Connection",
+    "Reply": "for a Connection",
+    "ReplyReader": "for a Connection",
+    "Seconds": "float in Python",
+    "Values": "the base of Image in both; Python does not export it",
+    "LineValues": "the base of LineImage in both; Python does not export it",
+    "CommunicationError": "a tuple of three errors would be its Python form",
+    "Error": "GripperError in Python",
+    "GripperError": "Error in C++",
+    "GET_VARIABLES": "a constant",
+    "SET_VARIABLES": "a constant",
+    "OutageReason": "Outage::Reason in C++",
+    "Interference.what": "what() of every exception in C++",
+}
+
+
+def only_these_differ(ours, theirs, of=""):
+    known = {name.rpartition(".")[2] for name in DIFFERENCES if name.rpartition(".")[0] == of}
+    return ours ^ theirs == known
+
+
+def headers(*names):
+    paths = [HEADERS / f"{name}.h" for name in names] if names else sorted(HEADERS.glob("*.h"))
+    text = "".join(path.read_text(encoding="utf-8") for path in paths)
+    return re.sub(r"//[^\n]*", "", text)
+
+
+def snake(name):
+    return re.sub(r"(?<!^)[A-Z]", lambda m: "_" + m[0], name).lower()
+
+
+def cpp_body(name):
+    """The public part of a class or struct."""
+    body = re.search(rf"\n(?:class|struct) {name}\b[^;{{]*\n\{{(.*?)\n\}};", headers(), re.DOTALL)[1]
+    return re.split(r"\nprivate:", body)[0]
 
 
 def cpp_methods(name):
     """The public methods of a class, with names as Python writes them."""
-    text = (HEADERS / f"{name.lower()}.h").read_text(encoding="utf-8")
-    text = re.sub(r"//[^\n]*", "", text)
-    body = re.search(rf"\nclass {name}\n\{{(.*?)\n\}};", text, re.DOTALL)[1]
-    shown = re.search(r"public:(.*?)(?:private:|\Z)", body, re.DOTALL)[1]
-    # A default value or an initialised constant contains no declaration of a method.
+    # A nested class, a default value or an initialised constant contains no method of this class.
+    shown = re.sub(r"\n    class .*?\n    \};", "", cpp_body(name), flags=re.DOTALL)
     shown = re.sub(r"\{[^{}]*\}", "", shown)
-    found = set(re.findall(r"^    [A-Za-z:_<> ,&]*?[ &>](\w+)\(", shown, re.MULTILINE)) - {name}
-    return {re.sub(r"[A-Z]", lambda m: "_" + m[0].lower(), method) for method in found}
+    found = set(re.findall(r"^    [A-Za-z:_<> ,&]*?[ &>](\w+)\(", shown, re.MULTILINE)) - {name, "operator"}
+    return {snake(method) for method in found}
 
 
-@pytest.mark.parametrize("name", ["Line", "Gripper"])
+@pytest.mark.parametrize("name", CLASSES)
 def test_python_and_cpp_have_the_same_methods(name):
     theirs = cpp_methods(name)
-    assert {"watch", "image"} < theirs
-    assert public(getattr(blocking, name)) == theirs
+    assert len(theirs) >= 2
+    assert only_these_differ(public(getattr(blocking, name)), theirs, name)
 
 
-def cpp_errors():
-    text = (HEADERS / "errors.h").read_text(encoding="utf-8")
-    return set(re.findall(r"^class (\w+)", text, re.MULTILINE)) - {"Error", "CommunicationError"}
+def test_python_and_cpp_have_the_same_types():
+    kinds = r"^(?:class|struct|enum class|using) (\w+)\b(?!;)"
+    theirs = set(re.findall(kinds, headers(), re.MULTILINE))
+    assert {"Line", "Fault", "MoveResult", "Status"} < theirs
+    assert only_these_differ(set(blocking.__all__), theirs)
 
 
-def test_python_and_cpp_have_the_same_errors():
-    ours = {
-        name
-        for name, kind in vars(blocking).items()
-        if isinstance(kind, type) and issubclass(kind, blocking.GripperError)
-    }
-    assert ours - {"GripperError"} == cpp_errors()
+def error_values(kind):
+    """The arguments of an error, which are also its attributes."""
+    if not inspect.isfunction(kind.__init__):
+        return set()
+    return inspect.signature(kind).parameters.keys() - {"message"}
+
+
+def test_python_and_cpp_have_the_same_values_of_errors():
+    classes = re.findall(r"^class (\w+) : public (\w+)\n\{(.*?)^\};", headers("errors"), re.DOTALL | re.MULTILINE)
+    values = {name: set(re.findall(r"(\w+)\(\) const noexcept", body)) for name, _, body in classes}
+    assert values["CommunicationError"] == {"unknown"}
+    for name, base, _ in classes:
+        if name not in DIFFERENCES:
+            theirs = values[name] | values.get(base, set())
+            assert only_these_differ(error_values(getattr(blocking, name)), theirs, name), name
+
+
+@pytest.mark.parametrize("name", ["Image", "LineImage", "LineState", "Outage", "Reached", "ObjectMet", "ReadingTime"])
+def test_python_and_cpp_have_the_same_fields_of_results(name):
+    members = r"^    (?:static constexpr )?[\w:<>]+ (\w+)(?: = [^;]*)?;"
+    theirs = {snake(member) for member in re.findall(members, cpp_body(name), re.MULTILINE)}
+    base = re.search(rf"struct {name} : (\w+)", headers())
+    if base:
+        theirs |= {snake(member) for member in re.findall(members, cpp_body(base[1]), re.MULTILINE)}
+        theirs |= {snake(m) for m in re.findall(r"^    std::optional<.*> (\w+);", cpp_body(base[1]), re.MULTILINE)}
+    assert theirs == {field.name for field in dataclasses.fields(getattr(blocking, name))}
+
+
+# A limit or a time of the library is written once in each language.
+
+ONLY_PYTHON = {
+    "default_timeout": "Options::timeout in C++",
+    "max_id": "C++ lets the daemon refuse an id",
+    "chunk": "a buffer",
+    "max_unread": "C++ reads only when it waits for a reply",
+    "shown_length": "the length of a text in messages",
+}
+
+
+def number(text):
+    numbers = [float(word) for word in text.split(",")]
+    return numbers[0] if len(numbers) == 1 else numbers
+
+
+def test_python_and_cpp_have_the_same_constants():
+    theirs = {}
+    for path in [*HEADERS.glob("*.h"), *HEADERS.parents[1].glob("src/*.cpp")]:
+        text = path.read_text(encoding="utf-8")
+        for name, value in re.findall(r"constexpr [^=;{]*?(\w+)(?:\{| = )([\d., ]+)\}?;", text):
+            theirs.setdefault(snake(name), []).append(number(value))
+    ours = {}
+    for path in (PACKAGE / "gripperd_client").glob("*.py"):
+        text = path.read_text(encoding="utf-8")
+        for name, value in re.findall(r"^_?([A-Z]\w+) = \(?([\d._, ]+?)\)?$", text, re.MULTILINE):
+            ours[name.lower()] = number(value.replace("_", ""))
+    assert {"settling", "settling_per_gripper", "movement_timeout", "scanned_ids"} < ours.keys()
+    assert ours.keys() - theirs.keys() == ONLY_PYTHON.keys()
+    for name in ours.keys() & theirs.keys():
+        assert theirs[name] == [ours[name]], name

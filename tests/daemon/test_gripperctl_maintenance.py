@@ -2,31 +2,10 @@
 
 import pytest
 from harness import gripperctl
-from harness.flashing import make_image
 from harness.gripperctl import as_json, fail, ctl, start_ctl, succeed
-from harness.simulator import Simulator
+from harness.twogrippers import daemon, folder, simulator  # noqa: F401
 from harness.upgrades import put_flasher, put_real_flasher
 from harness.waiting import eventually
-
-
-@pytest.fixture(scope="module")
-def folder(tmp_path_factory):
-    """The working directory of the daemon, where it expects its flasher."""
-    folder = tmp_path_factory.mktemp("work")
-    (folder / "firmware").mkdir()
-    make_image(folder / "firmware", "TA3-1.6.14", 4096)
-    return folder
-
-
-@pytest.fixture(scope="module")
-def simulator():
-    with Simulator("9=TA3-1.6.13", "2=TE1-2.0.1", "--boot-ms=200") as running:
-        yield running
-
-
-@pytest.fixture(scope="module")
-def daemon(simulator, start_module_daemon, folder):
-    return start_module_daemon(cwd=folder).wait_until_found(9, 2)
 
 
 @pytest.fixture

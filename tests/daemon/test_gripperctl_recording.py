@@ -10,21 +10,10 @@ import xml.etree.ElementTree
 import pytest
 from harness import gripperctl
 from harness.gripperctl import ScriptedDaemon, fail, start_ctl, succeed
-from harness.simulator import Simulator
+from harness.twogrippers import daemon, folder, simulator  # noqa: F401
 from harness.waiting import eventually
 
 HEADER = "time,seconds,gripper,position,requested,current,object,fault,link"
-
-
-@pytest.fixture(scope="module")
-def simulator():
-    with Simulator("9=TA3-1.6.14", "2=TE1-2.0.2", "--activation-ms", "100") as running:
-        yield running
-
-
-@pytest.fixture(scope="module")
-def daemon(simulator, start_module_daemon):
-    return start_module_daemon().wait_until_found(9, 2)
 
 
 def rows_of(path):

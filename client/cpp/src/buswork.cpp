@@ -34,21 +34,30 @@ std::vector<int> scanNow(Connection &connection, const Deadline &deadline)
     return listedIds(connection, deadline);
 }
 
+std::vector<int> scanUntil(Connection &connection,
+                           const std::function<bool(const std::vector<int> &found)> &isEnough,
+                           const Deadline &deadline)
+{
+    std::vector<int> found = scanNow(connection, deadline);
+    for (int scans = 1; scans < maxScans && !isEnough(found); ++scans) {
+        connection.pause(pauseBetweenScans, deadline);
+        found = scanNow(connection, deadline);
+    }
+    return found;
+}
+
 std::vector<int> scanForMissing(Connection &connection, const std::vector<int> &ids,
                                 const Deadline &deadline)
 {
-    std::vector<int> missing;
-    for (int scans = 0; scans < maxScans; ++scans) {
-        if (scans > 0)
-            connection.pause(pauseBetweenScans, deadline);
-        const std::vector<int> found = scanNow(connection, deadline);
-        missing.clear();
+    const auto missingFrom = [&ids](const std::vector<int> &found) {
+        std::vector<int> missing;
         std::copy_if(ids.begin(), ids.end(), std::back_inserter(missing),
                      [&](int id) { return !contains(found, id); });
-        if (missing.empty())
-            break;
-    }
-    return missing;
+        return missing;
+    };
+    return missingFrom(scanUntil(
+        connection, [&](const std::vector<int> &found) { return missingFrom(found).empty(); },
+        deadline));
 }
 
 bool contains(const std::vector<int> &ids, int id)

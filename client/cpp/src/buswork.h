@@ -2,6 +2,7 @@
 
 #include "gripper/connection.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,8 +17,13 @@ std::vector<int> listedIds(Connection &connection, const Deadline &deadline);
 /// Makes the daemon scan, and returns the ids that it found.
 std::vector<int> scanNow(Connection &connection, const Deadline &deadline);
 
-/// Scans until it has found all `ids`, at most three times, because a gripper may need time to
-/// restart. Returns the missing ids.
+/// Scans until `isEnough` accepts the ids that it found, at most three times: a gripper may need
+/// time to restart, and a scan on a disturbed line may miss it. Returns the ids of the last scan.
+std::vector<int> scanUntil(Connection &connection,
+                           const std::function<bool(const std::vector<int> &found)> &isEnough,
+                           const Deadline &deadline);
+
+/// Scans until it has found all `ids`, at most three times. Returns the missing ids.
 std::vector<int> scanForMissing(Connection &connection, const std::vector<int> &ids,
                                 const Deadline &deadline);
 

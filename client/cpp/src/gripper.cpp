@@ -3,7 +3,6 @@
 #include "buswork.h"
 #include "statewait.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace gripper {
@@ -14,11 +13,6 @@ using Clock = Deadline::Clock;
 using Renewal = Connection::Renewal;
 
 constexpr Seconds betweenLooks{0.01};
-// The daemon reads or writes one gripper in this time. It may write each gripper between two reads.
-constexpr Seconds pollingStep{0.05};
-constexpr Seconds pollingMargin{0.1};
-// A gripper shows a request in less time, also with four grippers on the line.
-constexpr Seconds requestShows{1.5};
 // The gripper does not report the end of a release.
 constexpr Seconds standstill{0.5};
 
@@ -53,84 +47,56 @@ void refuseInactive(const Image &image)
     }
 }
 
-/// The longest time between two reads of a gripper.
-Seconds roundTime(const Image &image)
+bool showsRequest(const Image &image, int position)
 {
-    const auto count = static_cast<double>(std::max<std::size_t>(1, image.listed.size()));
-    return 2 * pollingStep * count;
+    return image.goTo == true && image.requestedPosition == position;
 }
 
-/// Judges the images after a request for a position. The gripper has the request when it shows it.
-/// If it showed the same request before, only time shows whether the object detection is that of
-/// the new request: a write of other values may still be under way.
-class MoveJudge
+std::optional<MoveResult> resultIn(const Image &image)
 {
-public:
-    MoveJudge(const Image &before, int position, bool hasNewValues)
-        : m_before(before)
-        , m_position(position)
-        , m_mustSeeChange(!shows(before))
-        , m_trustedFrom(Clock::now())
-    {
-        const Seconds round = roundTime(before);
-        const Seconds delay = (hasNewValues ? 2 * round : round) + pollingMargin;
-        m_trustedFrom += std::chrono::duration_cast<Clock::duration>(delay);
-    }
+    const int position = numberOf(image.position);
+    const int effort = numberOf(image.current);
+    if (image.object == static_cast<int>(Object::Met))
+        return ObjectMet{position, effort};
+    if (image.object == static_cast<int>(Object::Reached))
+        return Reached{position, effort};
+    return {};
+}
 
-    /// The result, or nothing while the movement lasts.
-    std::optional<MoveResult> judge(const Image &image)
-    {
+[[noreturn]] void failByInterference(const Image &image, int position)
+{
+    throw Interference("another client changed the request of gripper " + std::to_string(image.id) +
+                       ": position " + std::to_string(numberOf(image.requestedPosition)) +
+                       ", go-to " + (image.goTo == true ? "on" : "off") + " instead of position " +
+                       std::to_string(position));
+}
+
+/// The object detection belongs to the request that the gripper shows. If the gripper showed the
+/// request of this movement before, the object detection may be that of an earlier request for a
+/// while.
+MoveResult waitForEnd(StateWait &wait, const Image &before, int position)
+{
+    const bool wasShown = showsRequest(before, position);
+    bool isTaken = false;
+    while (true) {
+        const Image image = wait.next();
         refuseFaulty(image);
         refuseInactive(image);
-        if (!shows(image)) {
-            judgeOtherRequest(image);
-            return {};
+        if (wasShown && !wait.isSettled(image))
+            continue;
+        if (showsRequest(image, position)) {
+            isTaken = true;
+            if (const std::optional<MoveResult> result = resultIn(image))
+                return *result;
+            continue;
         }
-        m_otherSince.reset();
-        if (!m_mustSeeChange && image.time.monotonic < m_trustedFrom)
-            return {};
-        m_isTaken = true;
-        const int position = numberOf(image.position);
-        const int effort = numberOf(image.current);
-        if (image.object == static_cast<int>(Object::Met))
-            return ObjectMet{position, effort};
-        if (image.object == static_cast<int>(Object::Reached))
-            return Reached{position, effort};
-        return {};
-    }
-
-private:
-    bool shows(const Image &image) const
-    {
-        return image.goTo == true && image.requestedPosition == m_position;
-    }
-
-    void judgeOtherRequest(const Image &image)
-    {
-        m_mustSeeChange = true;
-        // The request of before may still show, or an earlier one that the daemon had not written
-        // yet.
+        // The request of before may show for a while, or an earlier one that was not written yet.
         const bool isOld =
-            image.requestedPosition == m_before.requestedPosition && image.goTo == m_before.goTo;
-        if (!m_otherSince)
-            m_otherSince = image.time.monotonic;
-        const bool isLong = image.time.monotonic - *m_otherSince > requestShows;
-        if (m_isTaken || (!isOld && isLong)) {
-            throw Interference("another client changed the request of gripper " +
-                               std::to_string(image.id) + ": position " +
-                               std::to_string(numberOf(image.requestedPosition)) + ", go-to " +
-                               (image.goTo == true ? "on" : "off") + " instead of position " +
-                               std::to_string(m_position));
-        }
+            image.requestedPosition == before.requestedPosition && image.goTo == before.goTo;
+        if (isTaken || (!isOld && wait.isOverdue(image)))
+            failByInterference(image, position);
     }
-
-    Image m_before;
-    int m_position;
-    bool m_mustSeeChange;
-    bool m_isTaken = false;
-    Clock::time_point m_trustedFrom;
-    std::optional<Clock::time_point> m_otherSince;
-};
+}
 
 Batch batchOf(const std::vector<Pair> &pairs)
 {
@@ -198,13 +164,9 @@ MoveResult Gripper::move(int position, int speed, int force, Seconds timeout)
     refuseFaulty(before);
     refuseInactive(before);
     send(request, end, Renewal::Refused);
-    MoveJudge judge(before, position, before.speed != speed || before.force != force);
     StateWait wait(m_connection, m_id, end, request.sets(),
                    "moving to " + std::to_string(position));
-    std::optional<MoveResult> result;
-    while (!result)
-        result = judge.judge(wait.next());
-    return *result;
+    return waitForEnd(wait, before, position);
 }
 
 MoveResult Gripper::open(int speed, int force, Seconds timeout)
@@ -224,13 +186,15 @@ void Gripper::stop(std::optional<Seconds> timeout)
     const Batch request = batchOf({{"GTO", 0}});
     send(request, end, Renewal::Allowed);
     StateWait wait(m_connection, m_id, end, request.sets(), "stopping");
-    Image image = wait.next();
-    // If go-to shows as off at once, an earlier request may be on its way to the gripper.
-    const auto trustedFrom = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                                roundTime(image) + pollingMargin);
-    const bool wasOff = image.goTo == false;
-    while (image.goTo != false || (wasOff && image.time.monotonic < trustedFrom))
-        image = wait.next();
+    // If go-to shows as off at once, an earlier request may still be on its way to the gripper.
+    bool wasOn = false;
+    while (true) {
+        const Image image = wait.next();
+        if (image.goTo == true)
+            wasOn = true;
+        else if (wasOn || wait.isSettled(image))
+            return;
+    }
 }
 
 void Gripper::release(bool closing, Seconds timeout)

@@ -10,7 +10,7 @@ namespace gripper {
 
 namespace {
 
-constexpr Seconds lookInterval{0.05};
+constexpr Seconds runningInterval{0.1};
 
 bool isComplete(const LineImage &image, const std::vector<int> &ids)
 {
@@ -47,10 +47,9 @@ void refuseInUse(int id, const std::vector<int> &found)
     }
 }
 
-[[noreturn]] void failUnrenamed(Connection &connection, int oldId, int newId,
-                                const Deadline &deadline)
+[[noreturn]] void failUnrenamed(int oldId, int newId, bool hasOldId)
 {
-    if (scanForMissing(connection, {oldId}, deadline).empty()) {
+    if (hasOldId) {
         throw Refused("gripper " + std::to_string(oldId) +
                       " kept its id. Switch it off and on, then scan: it may have stored " +
                       std::to_string(newId) +
@@ -59,6 +58,15 @@ void refuseInUse(int id, const std::vector<int> &found)
     throw GripperMissing("the gripper answers neither as " + std::to_string(oldId) + " nor as " +
                              std::to_string(newId) + ": switch it off and on, then scan",
                          oldId);
+}
+
+/// Returns nothing if the daemon does not list the gripper.
+std::optional<std::string> serialNumberAt(int id, const Connection &line, const Deadline &deadline)
+{
+    Connection connection(line.endpoint(), line.options(), id);
+    if (!connection.open(deadline))
+        return {};
+    return connection.get("SNU", deadline);
 }
 
 } // namespace
@@ -107,10 +115,10 @@ void Line::waitUntilRunning(const std::vector<int> &ids, Seconds timeout)
             if (isComplete(image, ids))
                 return;
             state = describe(image);
-        } catch (const ConnectionLost &error) {
+        } catch (const CommunicationError &error) {
             state = error.what();
         }
-        m_connection.pause(lookInterval, end);
+        m_connection.pause(runningInterval, end);
     }
     m_connection.close();
     throw TimedOut("the line did not run in time (" + state + ")");
@@ -136,10 +144,14 @@ void Line::rename(int oldId, int newId, Seconds timeout)
     refuseWrongIds(oldId, newId);
     const Deadline end(timeout);
     refuseDuringUpgrade(m_connection, end);
-    refuseInUse(newId, listedIds(m_connection, end));
+    const std::vector<int> listed = listedIds(m_connection, end);
+    refuseInUse(newId, listed);
     Maintenance muted = maintenance();
     // A gripper that was plugged in after the last scan is not listed, but uses its id.
-    const std::vector<int> found = scanNow(m_connection, end);
+    const auto isFound = [&](const std::vector<int> &ids) {
+        return contains(ids, oldId) || !contains(listed, oldId);
+    };
+    const std::vector<int> found = scanUntil(m_connection, isFound, end);
     refuseInUse(newId, found);
     Connection oldAddress(endpoint(), m_connection.options(), oldId);
     if (!oldAddress.open(end)) {
@@ -151,9 +163,15 @@ void Line::rename(int oldId, int newId, Seconds timeout)
     oldAddress.set({{"NID", newId}}, end);
     muted.end();
     // The daemon acknowledges every NID. Only the gripper at the new id shows whether it succeeded.
-    Connection newAddress(endpoint(), m_connection.options(), newId);
-    if (!newAddress.open(end) || newAddress.get("SNU", end) != serialNumber)
-        failUnrenamed(m_connection, oldId, newId, end);
+    if (serialNumberAt(newId, m_connection, end) == serialNumber)
+        return;
+    const std::vector<int> foundLater = scanUntil(
+        m_connection,
+        [&](const std::vector<int> &ids) { return contains(ids, oldId) || contains(ids, newId); },
+        end);
+    if (contains(foundLater, newId) && serialNumberAt(newId, m_connection, end) == serialNumber)
+        return;
+    failUnrenamed(oldId, newId, contains(foundLater, oldId));
 }
 
 Deadline Line::deadline(std::optional<Seconds> timeout) const

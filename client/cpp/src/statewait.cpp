@@ -14,6 +14,14 @@ constexpr Seconds lookInterval{0.01};
 constexpr Seconds maxAbsence{3};
 // A daemon that answers needs less time for an image.
 constexpr Seconds shortSilence{0.5};
+// The daemon takes 50 ms for each read and for each write. In the worst case it writes every
+// gripper at each visit, and a request comes just after its gripper could be written. The next
+// visit then writes it, and the visit after that reads its effect. A slow adapter needs one more
+// step for each read.
+constexpr Seconds settling{0.1};
+constexpr Seconds settlingPerGripper{0.2};
+// Failed accesses are repeated, so a request may show later.
+constexpr Seconds requestShows{1.5};
 
 } // namespace
 
@@ -37,7 +45,24 @@ Image StateWait::next()
         failIfMissing(isFirst);
         if (!m_last->stale)
             return *m_last;
+        m_since = m_last->time.monotonic;
     }
+}
+
+bool StateWait::isSettled(const Image &image) const
+{
+    const auto count = static_cast<double>(image.listed.size());
+    return timeUntil(image) >= settling + settlingPerGripper * count;
+}
+
+bool StateWait::isOverdue(const Image &image) const
+{
+    return timeUntil(image) >= requestShows;
+}
+
+Seconds StateWait::timeUntil(const Image &image) const
+{
+    return image.time.monotonic - m_since;
 }
 
 /// A time-out between two exchanges: no reply is missing, but the state.

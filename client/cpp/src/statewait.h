@@ -12,8 +12,8 @@ namespace gripper {
 class StateWait
 {
 public:
-    /// `sets` is the command, for ConnectionLost::unknown(). `stage` is for the messages, such as
-    /// "moving to 120".
+    /// Begins when the daemon has acknowledged the command. `sets` is the command, for
+    /// ConnectionLost::unknown(). `stage` is for the messages, such as "moving to 120".
     StateWait(Connection &connection, int id, const Deadline &deadline, std::string sets,
               std::string stage);
 
@@ -23,7 +23,13 @@ public:
     /// the command.
     Image next();
 
+    /// Whether the values of `image` are from after the write of the command.
+    bool isSettled(const Image &image) const;
+    /// Whether the values of `image` should show the command.
+    bool isOverdue(const Image &image) const;
+
 private:
+    Seconds timeUntil(const Image &image) const;
     Image read();
     void pause();
     void failIfMissing(bool isFirst);
@@ -36,6 +42,8 @@ private:
     std::string m_stage;
     std::optional<Image> m_last;
     Deadline::Clock::time_point m_seen;
+    /// The daemon has had the command since then. It writes the command when the link runs again.
+    Deadline::Clock::time_point m_since = Deadline::Clock::now();
 };
 
 /// Reads an image.

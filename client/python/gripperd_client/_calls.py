@@ -1,8 +1,19 @@
 """The logic of all calls, once for the blocking and the asyncio classes."""
 
+import math
 import time
 from typing import Callable, Dict, List, Mapping, Optional, Sequence, Set, Tuple, TypeVar
 
+from ._arguments import (
+    SCANNED_IDS,
+    checked_id,
+    checked_ids,
+    checked_number,
+    checked_pairs,
+    checked_rate,
+    needs_gripper,
+    refuse,
+)
 from ._connection import Connection, Endpoint, NewTransport
 from ._errors import (
     ConnectionLost,
@@ -30,9 +41,8 @@ from ._model import (
     decode_image,
     decode_line,
 )
-from ._protocol import SCANNED_IDS, ReplyReader, Request, checked_number, decode_ids, set_request
+from ._protocol import ReplyReader, Request, decode_ids, set_request
 from ._steps import Call, Deadline, Sleep
-from ._variables import SET_VARIABLES
 from ._waits import (
     LiveWait,
     MoveWait,
@@ -44,39 +54,21 @@ from ._waits import (
     status_text,
 )
 
-DEFAULT_TIMEOUT = 5.0
-MOVEMENT_TIMEOUT = 30.0
-SCAN_TIMEOUT = 30.0
-RUNNING_TIMEOUT = 30.0
-RENAME_TIMEOUT = 60.0
-UPGRADE_TIMEOUT = 600.0
-FULL_SPEED = 255
-DEFAULT_FORCE = 100
-OPEN_POSITION = 0
-CLOSED_POSITION = 255
-
 _LOOK_INTERVAL = 0.01
 _RUNNING_INTERVAL = 0.1
-_FLASHER_INTERVAL = 0.1
+_FLASHER_LOOK_INTERVAL = 0.1
 # A gripper on a disturbed line is missing for a shorter time.
 _MAX_ABSENCE = 3.0
 # A visit that has begun ends within 40 ms if the link runs. Otherwise an access may take longer.
-_SILENCE = 0.3
-_SILENCE_IN_DOUBT = 2.0
+_SILENCE_OF_RUNNING_LINE = 0.3
+_SILENCE_OF_DISTURBED_LINE = 2.0
 _MAX_SCANS = 3
 _PAUSE_BETWEEN_SCANS = 1.0
 # When polling continues, its first read finds the port closed, and the state of the link changes. This
 # takes one tick of 50 ms and the run time of fuser.
-_UNCHANGED = 1.5
+_UNCHANGED_TIME = 1.5
 # A flasher that writes firmware runs for several seconds.
 _TOO_SHORT_TO_WRITE = 1.0
-_MAX_RATE = 1000.0
-_MIN_RATE = 1 / 86400
-_MAX_ID = 9
-
-_SET_ROWS = {row.name: row for row in SET_VARIABLES}
-# These change the gripper that the connection addresses.
-_NOT_SET_BY_HAND = ("SID", "NID")
 
 Pairs = Sequence[Tuple[str, int]]
 Progress = Callable[[UpgradeStage], None]
@@ -93,10 +85,6 @@ def _pause(seconds: float, deadline: Deadline, what: str) -> Call[None]:
     yield Sleep(min(time.monotonic() + seconds, deadline.at))
     if deadline.is_over():
         raise TimedOut(f"{what}: {deadline.timeout:g} s are over")
-
-
-def checked_id(id: int) -> int:
-    return checked_number("a slave id", id, 1, _MAX_ID)
 
 
 # Parts that several calls use
@@ -137,17 +125,27 @@ def _scan(connection: Connection, deadline: Deadline) -> Call[Tuple[int, ...]]:
     return (yield from read_ids(connection, deadline))
 
 
-def _scan_for(connection: Connection, ids: Sequence[int], deadline: Deadline) -> Call[List[int]]:
-    """Scans until it has found all ids, at most three times. Returns the missing ones."""
-    missing: List[int] = []
+def _scan_until(
+    connection: Connection, is_enough: Callable[[Sequence[int]], bool], deadline: Deadline
+) -> Call[Sequence[int]]:
+    """Scans until it has found enough, at most three times: a scan on a disturbed line may miss a gripper.
+
+    Returns the ids that the last scan found.
+    """
+    found: Sequence[int] = ()
     for number in range(_MAX_SCANS):
         if number > 0:
             yield from _pause(_PAUSE_BETWEEN_SCANS, deadline, "the scans did not end")
         found = yield from _scan(connection, deadline)
-        missing = [id for id in ids if id not in found]
-        if not missing:
+        if is_enough(found):
             break
-    return missing
+    return found
+
+
+def _scan_for(connection: Connection, ids: Sequence[int], deadline: Deadline) -> Call[List[int]]:
+    """Scans until it has found all ids. Returns the missing ones."""
+    found = yield from _scan_until(connection, lambda found: set(ids) <= set(found), deadline)
+    return [id for id in ids if id not in found]
 
 
 class Muting:
@@ -162,7 +160,7 @@ class Muting:
         try:
             yield from self._connection.set([("MUTE", 1)], deadline)
             link = yield from self._connection.get("DRI", deadline)
-            silence = _SILENCE if link == "RUNNING" else _SILENCE_IN_DOUBT
+            silence = _SILENCE_OF_RUNNING_LINE if link == "RUNNING" else _SILENCE_OF_DISTURBED_LINE
             yield from _pause(silence, deadline, "the line did not become silent")
         except BaseException:
             # Without a reply, the daemon may have muted polling, or may do so later.
@@ -209,13 +207,13 @@ class LineCalls:
         return (yield from read_line(self.connection, self._deadline(timeout)))
 
     def scan(self, timeout: float) -> Call[Tuple[int, ...]]:
-        deadline = self._deadline(timeout)
+        deadline = Deadline.after(timeout)
         yield from _refuse_during_upgrade(self.connection, deadline)
         return (yield from _scan(self.connection, deadline))
 
     def wait_until_running(self, ids: Sequence[int], timeout: float) -> Call[None]:
-        deadline = self._deadline(timeout)
-        wanted = {checked_id(id) for id in ids}
+        deadline = Deadline.after(timeout)
+        wanted = set(checked_ids(ids))
         state = ""
         while not deadline.is_over():
             try:
@@ -243,19 +241,20 @@ class LineCalls:
             raise InvalidValue(f"no scan looks for id {new!r}: use one of {SCANNED_IDS}")
         if old == new:
             raise InvalidValue("the old and the new id are the same")
-        deadline = self._deadline(timeout)
+        deadline = Deadline.after(timeout)
         yield from _refuse_during_upgrade(self.connection, deadline)
-        self._refuse_in_use(new, (yield from read_ids(self.connection, deadline)))
-        serial = yield from self._rename_on_silent_line(old, new, deadline)
+        listed = yield from read_ids(self.connection, deadline)
+        self._refuse_in_use(new, listed)
+        serial = yield from self._rename_on_silent_line(old, new, old in listed, deadline)
         # The daemon acknowledges every NID. Only the gripper at the new id shows the success.
-        renamed = self._connection_to(new)
-        try:
-            is_listed = yield from renamed.open(deadline)
-            if is_listed and (yield from renamed.get("SNU", deadline)) == serial:
-                return
-        finally:
-            renamed.close()
-        if old not in (yield from _scan_for(self.connection, [old], deadline)):
+        if (yield from self._serial_at(new, deadline)) == serial:
+            return
+        found = yield from _scan_until(
+            self.connection, lambda found: old in found or new in found, deadline
+        )
+        if new in found and (yield from self._serial_at(new, deadline)) == serial:
+            return
+        if old in found:
             raise Refused(
                 f"gripper {old} kept its id. Switch it off and on, then scan: it may have stored "
                 f"{new}. If not, try again; the cause is in the daemon's log"
@@ -265,13 +264,27 @@ class LineCalls:
             f"the gripper answers neither as {old} nor as {new}: switch it off and on, then scan",
         )
 
-    def _rename_on_silent_line(self, old: int, new: int, deadline: Deadline) -> Call[str]:
+    def _serial_at(self, id: int, deadline: Deadline) -> Call[Optional[str]]:
+        """Returns the serial number of a gripper, or None if the daemon does not list it."""
+        connection = self._connection_to(id)
+        try:
+            if (yield from connection.open(deadline)):
+                return (yield from connection.get("SNU", deadline))
+            return None
+        finally:
+            connection.close()
+
+    def _rename_on_silent_line(
+        self, old: int, new: int, is_listed: bool, deadline: Deadline
+    ) -> Call[str]:
         muting = self.muting()
         yield from muting.begin(deadline)
         renamed = self._connection_to(old)
         try:
             # A gripper that was plugged in after the last scan is not listed, but uses its id.
-            found = yield from _scan(self.connection, deadline)
+            found = yield from _scan_until(
+                self.connection, lambda found: old in found or not is_listed, deadline
+            )
             if old not in found:
                 raise GripperMissing(old)
             self._refuse_in_use(new, found)
@@ -315,7 +328,7 @@ class GripperCalls:
         return (yield from read_image(self.connection, self.id, self._deadline(timeout)))
 
     def activate(self, again: bool, timeout: float) -> Call[None]:
-        deadline = self._deadline(timeout)
+        deadline = Deadline.after(timeout)
         before = yield from self._live(deadline)
         if before.status == Status.ACTIVE and not before.fault and not again:
             return
@@ -327,7 +340,7 @@ class GripperCalls:
         check_ready(after)
 
     def deactivate(self, timeout: float) -> Call[None]:
-        deadline = self._deadline(timeout)
+        deadline = Deadline.after(timeout)
         yield from self._listed(deadline)
         yield from self._command([("ACT", 0), ("GTO", 0)], deadline, StatusWait(Status.INACTIVE))
 
@@ -335,23 +348,25 @@ class GripperCalls:
         checked_number("a position", position)
         checked_number("a speed", speed)
         checked_number("a force", force)
-        deadline = self._deadline(timeout)
+        deadline = Deadline.after(timeout)
         before = yield from self._live(deadline)
         check_ready(before)
         pairs = [("POS", position), ("SPE", speed), ("FOR", force), ("GTO", 1)]
-        wait = MoveWait(before, position, time.monotonic())
-        return (yield from self._command(pairs, deadline, wait))
+        return (yield from self._command(pairs, deadline, MoveWait(before, position)))
 
     def stop(self, timeout: Optional[float]) -> Call[None]:
-        deadline = self._deadline(timeout)
-        before = yield from self._listed(deadline)
-        yield from self._command([("GTO", 0)], deadline, StopWait(before, time.monotonic()))
+        # It does not read first: a stop is urgent.
+        yield from self._command(
+            [("GTO", 0)], self._deadline(timeout), StopWait(), may_reconnect=True
+        )
 
     def release(self, closing: bool, timeout: float) -> Call[None]:
-        deadline = self._deadline(timeout)
+        deadline = Deadline.after(timeout)
         before = yield from self._live(deadline)
         if before.status == Status.INACTIVE:
-            raise NotActive(f"gripper {self.id} is {status_text(before)} and cannot release")
+            raise NotActive(
+                Status.INACTIVE, f"gripper {self.id} is {status_text(before)} and cannot release"
+            )
         yield from self._command([("ARD", int(bool(closing))), ("ATR", 1)], deadline, ReleaseWait())
 
     def led(self, red: bool, green: bool, blue: bool, timeout: Optional[float]) -> Call[None]:
@@ -363,16 +378,9 @@ class GripperCalls:
         yield from self._set_listed(pairs, self._deadline(timeout))
 
     def set(self, pairs: Mapping[str, int], timeout: Optional[float]) -> Call[None]:
-        checked = []
-        for name, value in pairs.items():
-            row = _SET_ROWS.get(name.upper())
-            if row is None or row.name in _NOT_SET_BY_HAND:
-                raise InvalidValue(f"there is no variable {name!r} to set")
-            checked.append((row.name, checked_number(f"{name}", value)))
-        if not checked:
-            raise InvalidValue("there is nothing to set")
+        checked = checked_pairs(pairs)
         deadline = self._deadline(timeout)
-        if any(_SET_ROWS[name].needs_gripper for name, _ in checked):
+        if needs_gripper(checked):
             yield from self._set_listed(checked, deadline)
         else:
             yield from self._send_set(set_request(checked), deadline, may_reconnect=True)
@@ -385,11 +393,16 @@ class GripperCalls:
     def upgrade(
         self, progress: Optional[Progress], expected: Optional[str], timeout: float
     ) -> Call[str]:
+        if progress is not None and not callable(progress):
+            refuse("the progress is a function", progress)
+        if expected is not None and not isinstance(expected, str):
+            refuse("the expected version is a text", expected)
+
         def report(stage: UpgradeStage) -> None:
             if progress is not None:
                 progress(stage)
 
-        deadline = self._deadline(timeout)
+        deadline = Deadline.after(timeout)
         before = (yield from self._listed(deadline)).firmware
         yield from _refuse_during_upgrade(self.connection, deadline)
         has_written = (yield from self._flash(report, deadline)) >= _TOO_SHORT_TO_WRITE
@@ -397,7 +410,7 @@ class GripperCalls:
         if (yield from _scan_for(self.connection, [self.id], deadline)):
             raise self._unfound(has_written)
         after = (yield from self._listed(deadline)).firmware or ""
-        if after != expected if expected is not None else after == before:
+        if after != expected if expected else after == before:
             raise Refused(
                 f"gripper {self.id} runs firmware {after}, before the upgrade {before}: see the "
                 "messages of the flasher in the daemon's log"
@@ -439,7 +452,7 @@ class GripperCalls:
                 report(UpgradeStage.WRITING)
                 began = time.monotonic()
                 while (yield from self._is_flashing(deadline)):
-                    yield from _pause(_FLASHER_INTERVAL, deadline, "the flasher still runs")
+                    yield from _pause(_FLASHER_LOOK_INTERVAL, deadline, "the flasher still runs")
                 writing = time.monotonic() - began
             elif (yield from self._stays_unchanged(before, deadline)):
                 problem = "the flasher did not start, so nothing was written"
@@ -457,7 +470,7 @@ class GripperCalls:
         return image.link, image.ids
 
     def _stays_unchanged(self, before: object, deadline: Deadline) -> Call[bool]:
-        until = time.monotonic() + _UNCHANGED
+        until = time.monotonic() + _UNCHANGED_TIME
         while time.monotonic() < until:
             if (yield from self._link(deadline)) != before:
                 return False
@@ -516,10 +529,13 @@ class GripperCalls:
         if not reader.is_acknowledged:
             raise Refused(f'the daemon refused "{request.text}"')
 
-    def _command(self, pairs: Pairs, deadline: Deadline, wait: Wait[T]) -> Call[T]:
+    def _command(
+        self, pairs: Pairs, deadline: Deadline, wait: Wait[T], may_reconnect: bool = False
+    ) -> Call[T]:
         """Sends one SET and waits for its effect."""
         request = set_request(pairs)
-        yield from self._send_set(request, deadline)
+        yield from self._send_set(request, deadline, may_reconnect)
+        wait.on_acknowledged(time.monotonic())
         try:
             return (yield from self._wait(wait, deadline))
         except ConnectionLost as error:
@@ -531,7 +547,7 @@ class GripperCalls:
             raise
 
     def _wait(self, wait: Wait[T], deadline: Deadline) -> Call[T]:
-        seen_at = time.monotonic()
+        seen_at = time.monotonic() if wait.was_listed else -math.inf
         while True:
             # A new connection could be one to a new daemon, which does not know the request.
             image = yield from read_image(self.connection, self.id, deadline, may_reconnect=False)
@@ -562,20 +578,16 @@ class WatchCalls:
         new_transport: NewTransport,
         timeout: float,
     ) -> None:
-        is_number = isinstance(rate, (int, float)) and not isinstance(rate, bool)
-        if not is_number or not _MIN_RATE <= rate <= _MAX_RATE:
-            raise InvalidValue(
-                f"a rate is from one period a day to {_MAX_RATE:g} a second, not {rate!r}"
-            )
         self._endpoint = endpoint
         self._new_transport = new_transport
         self._timeout = timeout
-        self._period = 1 / rate
-        self._watches_all = not ids
+        self._period = 1 / checked_rate(rate)
+        checked = checked_ids(ids)
+        self._watches_all = not checked
         self._line = Connection(endpoint, new_transport)
         self._connections: Dict[int, Connection] = {}
-        for id in ids:
-            self._add(checked_id(id))
+        for id in checked:
+            self._add(id)
         self._turns: List[int] = []
         self._next_at: Optional[float] = None
         self._outages: Dict[int, Outage] = {}
@@ -583,6 +595,9 @@ class WatchCalls:
     def close(self) -> None:
         for connection in (self._line, *self._connections.values()):
             connection.close()
+
+    def is_period_over(self) -> bool:
+        return not self._turns
 
     def next(self) -> Call[WatchItem]:
         """Waits for the next turn and reads the gripper whose turn it is."""

@@ -3,32 +3,12 @@
 from types import TracebackType
 from typing import Callable, Mapping, Optional, Sequence, Tuple, Type
 
+from . import _defaults as default
 from ._blocking import BlockingTransport, run
-from ._calls import (
-    DEFAULT_FORCE,
-    DEFAULT_TIMEOUT,
-    FULL_SPEED,
-    CLOSED_POSITION,
-    MOVEMENT_TIMEOUT,
-    OPEN_POSITION,
-    RENAME_TIMEOUT,
-    RUNNING_TIMEOUT,
-    SCAN_TIMEOUT,
-    UPGRADE_TIMEOUT,
-    GripperCalls,
-    LineCalls,
-    WatchCalls,
-)
+from ._calls import GripperCalls, LineCalls, WatchCalls
 from ._connection import Endpoint, endpoint_text
-from ._model import (
-    Image,
-    LineImage,
-    LineState,
-    MoveResult,
-    UpgradeStage,
-    WatchItem,
-)
-from ._protocol import PORT, endpoint
+from ._model import Image, LineImage, LineState, MoveResult, UpgradeStage, WatchItem
+from ._protocol import endpoint
 
 
 class Watch:
@@ -48,6 +28,10 @@ class Watch:
     def __next__(self) -> WatchItem:
         """Waits at most one period, and the timeout of the line for a daemon that does not answer."""
         return run(self._calls.next())
+
+    def is_period_over(self) -> bool:
+        """Returns whether all items of the present period were given. The next one then waits."""
+        return self._calls.is_period_over()
 
     def close(self) -> None:
         """Ends the connections. The next item opens new ones."""
@@ -96,7 +80,9 @@ class Line:
     line twice more to unmute after a failure. Several threads may use one object: their requests take
     turns.
 
-    Every call may raise ConnectionLost, TimedOut, ProtocolError, and InvalidValue for an argument.
+    Every call may raise ConnectionLost, TimedOut and ProtocolError. It raises InvalidValue for an argument of
+    a wrong type or out of its range, also if the type checker does not see it. Nothing is sent then, and the
+    connection stays as it is.
 
     Example:
         ::
@@ -112,7 +98,7 @@ class Line:
     """
 
     def __init__(
-        self, host: str = "127.0.0.1", port: int = PORT, timeout: float = DEFAULT_TIMEOUT
+        self, host: str = "127.0.0.1", port: int = default.DEFAULT_PORT, timeout: float = default.DEFAULT_TIMEOUT
     ) -> None:
         self._calls = LineCalls(endpoint(host, port), BlockingTransport, timeout)
 
@@ -133,7 +119,7 @@ class Line:
         """Returns all values of the line, from one packet."""
         return run(self._calls.image(timeout))
 
-    def scan(self, timeout: float = SCAN_TIMEOUT) -> Tuple[int, ...]:
+    def scan(self, timeout: float = default.SCAN_TIMEOUT) -> Tuple[int, ...]:
         """Makes the daemon look for grippers, and returns the ids that it found.
 
         Takes about 1.2 s. **A scan sets speed, force, mode and LEDs of all grippers to 0.**
@@ -144,7 +130,7 @@ class Line:
         return run(self._calls.scan(timeout))
 
     def wait_until_running(
-        self, ids: Sequence[int] = (), timeout: float = RUNNING_TIMEOUT
+        self, ids: Sequence[int] = (), timeout: float = default.RUNNING_TIMEOUT
     ) -> None:
         """Waits until the link runs and the daemon lists all `ids`, or at least one gripper.
 
@@ -181,7 +167,7 @@ class Line:
         """Mutes polling in a ``with`` block. See `Maintenance`."""
         return Maintenance(self._calls)
 
-    def rename(self, old: int, new: int, timeout: float = RENAME_TIMEOUT) -> None:
+    def rename(self, old: int, new: int, timeout: float = default.RENAME_TIMEOUT) -> None:
         """Gives gripper `old` the id `new`, which takes about 10 s with its scans.
 
         If the call ends by a time-out, the daemon continues.
@@ -210,7 +196,8 @@ class Gripper:
     Every call blocks, and ends at the latest 50 ms after its timeout. Several threads may use one
     object: their requests take turns, so one thread can call `stop` during another's `move`.
 
-    Every call may raise ConnectionLost, TimedOut, ProtocolError, and InvalidValue for an argument.
+    Every call may raise ConnectionLost, TimedOut and ProtocolError, and InvalidValue for an argument, as the
+    calls of `Line` do.
 
     Commands never repeat a SET, and nothing moves when the connection is opened again. A command raises
     GripperMissing if the daemon does not list the gripper, and if it is missing for 3 s during the call.
@@ -232,7 +219,7 @@ class Gripper:
         """Returns all values, from one packet. A missing gripper is an image without values."""
         return run(self._calls.image(timeout))
 
-    def activate(self, again: bool = False, timeout: float = MOVEMENT_TIMEOUT) -> None:
+    def activate(self, again: bool = False, timeout: float = default.MOVEMENT_TIMEOUT) -> None:
         """Activates the gripper, which opens its fingers or ends its vacuum: **a part falls**.
 
         Sends nothing if the gripper is active without a fault, unless `again` says so. Otherwise it
@@ -244,17 +231,17 @@ class Gripper:
         """
         return run(self._calls.activate(again, timeout))
 
-    def deactivate(self, timeout: float = MOVEMENT_TIMEOUT) -> None:
+    def deactivate(self, timeout: float = default.MOVEMENT_TIMEOUT) -> None:
         """Deactivates the gripper and switches go-to off. Returns when the gripper shows it."""
         return run(self._calls.deactivate(timeout))
 
     def move(
-        self, position: int, speed: int, force: int, timeout: float = MOVEMENT_TIMEOUT
+        self, position: int, speed: int, force: int, timeout: float = default.MOVEMENT_TIMEOUT
     ) -> MoveResult:
         """Goes to a position and waits for the end of the movement. Sends one SET.
 
-        If the gripper shows the same request already, no variable shows when it has this one. The call
-        then takes 0.2 s for each listed gripper before it trusts the object detection.
+        If the gripper shows the same position already, no variable shows when it has this request. The
+        call then waits 0.1 s, and 0.2 s for each listed gripper, before it trusts the object detection.
 
         Args:
             position: 0 is open, 255 closed; for vacuum grippers the vacuum level.
@@ -270,31 +257,32 @@ class Gripper:
 
     def open(
         self,
-        speed: int = FULL_SPEED,
-        force: int = DEFAULT_FORCE,
-        timeout: float = MOVEMENT_TIMEOUT,
+        speed: int = default.FULL_SPEED,
+        force: int = default.DEFAULT_FORCE,
+        timeout: float = default.MOVEMENT_TIMEOUT,
     ) -> MoveResult:
         """Moves to 0. See `move`."""
-        return run(self._calls.move(OPEN_POSITION, speed, force, timeout))
+        return run(self._calls.move(default.OPEN_POSITION, speed, force, timeout))
 
     def close(
         self,
-        speed: int = FULL_SPEED,
-        force: int = DEFAULT_FORCE,
-        timeout: float = MOVEMENT_TIMEOUT,
+        speed: int = default.FULL_SPEED,
+        force: int = default.DEFAULT_FORCE,
+        timeout: float = default.MOVEMENT_TIMEOUT,
     ) -> MoveResult:
         """Moves to 255. See `move`. (`disconnect` ends the connection.)"""
-        return run(self._calls.move(CLOSED_POSITION, speed, force, timeout))
+        return run(self._calls.move(default.CLOSED_POSITION, speed, force, timeout))
 
     def stop(self, timeout: Optional[float] = None) -> None:
-        """Switches go-to off and waits until the gripper shows it.
+        """Switches go-to off and waits until the gripper shows it. Sends the SET at once.
 
         Fingers stop where they are. A vacuum gripper loses its vacuum: **its part falls**. If go-to is off
-        already, the call takes 0.2 s for each listed gripper: an earlier request may be on its way.
+        already, an earlier request may be on its way. The call then takes 0.1 s, and 0.2 s for each listed
+        gripper.
         """
         return run(self._calls.stop(timeout))
 
-    def release(self, closing: bool = False, timeout: float = MOVEMENT_TIMEOUT) -> None:
+    def release(self, closing: bool = False, timeout: float = default.MOVEMENT_TIMEOUT) -> None:
         """Releases the part slowly (automatic release), to the open or the closed end.
 
         Returns when the gripper has not moved for 0.5 s. Then the gripper needs `activate`.
@@ -335,7 +323,7 @@ class Gripper:
         self,
         progress: Optional[Callable[[UpgradeStage], None]] = None,
         expected: Optional[str] = None,
-        timeout: float = UPGRADE_TIMEOUT,
+        timeout: float = default.UPGRADE_TIMEOUT,
     ) -> str:
         """Writes the firmware image of the gripper's family, and returns the version that runs then.
 
@@ -344,7 +332,7 @@ class Gripper:
 
         Args:
             progress: called at the beginning of each stage.
-            expected: the version that must run afterwards. Without it, the version must change.
+            expected: the version that must run afterwards. Without one, the version must change.
             timeout: seconds.
 
         Raises:

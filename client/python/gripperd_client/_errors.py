@@ -8,7 +8,7 @@ class GripperError(Exception):
 
 
 class InvalidValue(GripperError, ValueError):
-    """An argument is out of its range. The call has sent nothing."""
+    """An argument has a wrong type or is out of its range. The call has sent nothing."""
 
 
 class ConnectionLost(GripperError, ConnectionError):
@@ -66,7 +66,15 @@ class GripperMissing(GripperError):
 
 
 class NotActive(GripperError):
-    """The gripper is not active, so it does not move: call ``activate()`` first."""
+    """The gripper is not active, so it does not move: call ``activate()`` first.
+
+    Attributes:
+        status: the value of ``STA``.
+    """
+
+    def __init__(self, status: int, message: str = "") -> None:
+        super().__init__(message or f"the gripper has the status {status} and does not move")
+        self.status = status
 
 
 class Fault(GripperError):

@@ -1,18 +1,16 @@
 """The protocol without I/O: requests as bytes, replies from a stream, values from replies."""
 
+import ipaddress
 import re
 from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple
 
-from ._errors import InvalidValue, ProtocolError
+from ._arguments import MAX_PORT, checked_number, refuse
+from ._errors import ProtocolError
 
-PORT = 63352
 # Longer than any reply of the daemon.
 MAX_REPLY_LENGTH = 4096
-MAX_VALUE = 255
-# The ids that a scan looks for. No scan finds a gripper with another id.
-SCANNED_IDS = (9, 2, 3, 4)
 
-_ENDPOINT = re.compile(r"\[(?P<six>[^\[\]]+)\](:(?P<sixport>\d+))?|(?P<name>[^:\[\]]+):(?P<port>\d+)")
+_ENDPOINT = re.compile(r"(\[(?P<brackets>[^\[\]]+)\]|(?P<name>[^:\[\]]+))(:(?P<port>[0-9]{1,5}))?")
 _GET_NAME = re.compile(r"[A-Za-z0-9_]{3}")
 _ID_LIST = re.compile(r"\[(\d{1,3}(?:, \d{1,3})*)?\]")
 _SHOWN_LENGTH = 40
@@ -24,22 +22,26 @@ def endpoint(host: str, port: int) -> Tuple[str, int]:
     Raises:
         InvalidValue: there is no host, or the port is not 1 to 65535.
     """
-    if not isinstance(host, str):
-        raise InvalidValue(f"not a host: {host!r}")
-    match = _ENDPOINT.fullmatch(host)
+    match = _ENDPOINT.fullmatch(host) if isinstance(host, str) else None
     if match:
-        host = match["six"] or match["name"]
-        port = int(match["sixport"] or match["port"] or port)
-    if not host or "[" in host:
-        raise InvalidValue(f"not a host: {host!r}")
-    return host, checked_number("a port", port, 1, 65535)
+        name = match["brackets"] or match["name"]
+        port = int(match["port"]) if match["port"] else port
+    elif isinstance(host, str) and _is_ipv6(host):
+        name = host
+    else:
+        name = ""
+    if not name or " " in name or not name.isprintable():
+        refuse("a host is HOST, HOST:PORT, an IPv6 address or [ADDRESS]:PORT", host)
+    return name, checked_number("a port", port, 1, MAX_PORT)
 
 
-def checked_number(what: str, value: Any, least: int = 0, greatest: int = MAX_VALUE) -> int:
-    """Returns the value if it is a whole number in the range."""
-    if isinstance(value, bool) or not isinstance(value, int) or not least <= value <= greatest:
-        raise InvalidValue(f"{what} is a whole number from {least} to {greatest}, not {value!r}")
-    return value
+def _is_ipv6(host: str) -> bool:
+    """Several colons without brackets: an address. A zone may follow."""
+    try:
+        ipaddress.IPv6Address(host.split("%", 1)[0])
+    except ValueError:
+        return False
+    return True
 
 
 class Request:
@@ -61,7 +63,7 @@ class Request:
 def get_request(names: Sequence[str]) -> Request:
     for name in names:
         if not isinstance(name, str) or not _GET_NAME.fullmatch(name):
-            raise InvalidValue(f"a name has three letters, digits or underscores, not {name!r}")
+            refuse("a name has three letters, digits or underscores", name)
     names = [name.upper() for name in names]
     return Request("\n".join("GET " + name for name in names), names)
 

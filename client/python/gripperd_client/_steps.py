@@ -8,9 +8,7 @@ import time
 from abc import ABC, abstractmethod
 from typing import Any, Generator, NamedTuple, TypeVar, Union
 
-from ._errors import InvalidValue
-
-_MAX_TIMEOUT = 86_400.0
+from ._arguments import checked_timeout
 
 
 class Deadline(NamedTuple):
@@ -22,9 +20,8 @@ class Deadline(NamedTuple):
     @classmethod
     def after(cls, timeout: float) -> "Deadline":
         """Raises InvalidValue unless `timeout` is greater than 0. A day is the longest time."""
-        if isinstance(timeout, bool) or not isinstance(timeout, (int, float)) or not timeout > 0:
-            raise InvalidValue(f"a timeout is a number of seconds greater than 0, not {timeout!r}")
-        return cls(time.monotonic() + min(timeout, _MAX_TIMEOUT), timeout)
+        seconds = checked_timeout(timeout)
+        return cls(time.monotonic() + seconds, seconds)
 
     def is_over(self) -> bool:
         return time.monotonic() >= self.at

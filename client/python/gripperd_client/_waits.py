@@ -6,9 +6,13 @@ from ._errors import Fault, Interference, NotActive
 from ._model import Image, MoveResult, Object, ObjectMet, Reached, Status
 from ._steps import T
 
-# In the worst case the daemon reads and writes every gripper between two visits of one of them, and
-# shows a written value one visit later.
-_VALUE_AGE_PER_GRIPPER = 0.2
+# The daemon takes 50 ms for each read and for each write. In the worst case it writes every gripper at
+# each visit, and a request comes just after its gripper could be written. The next visit then writes it,
+# and the visit after that reads its effect. A slow adapter needs one more step for each read.
+_SETTLING = 0.1
+_SETTLING_PER_GRIPPER = 0.2
+# Failed accesses are repeated, so a request may show later.
+_REQUEST_SHOWS = 1.5
 # The gripper does not report the end of a release. It is over when nothing moves for this time.
 _STANDSTILL = 0.5
 
@@ -29,7 +33,9 @@ def check_ready(image: Image) -> None:
     if image.fault:
         raise Fault(image.fault, f"gripper {image.id} has fault {image.fault}")
     if image.status != Status.ACTIVE:
-        raise NotActive(f"gripper {image.id} is {status_text(image)} and does not move")
+        raise NotActive(
+            image.status or 0, f"gripper {image.id} is {status_text(image)} and does not move"
+        )
 
 
 class Wait(Generic[T]):
@@ -37,10 +43,15 @@ class Wait(Generic[T]):
 
     #: The wanted state, for the message of a time-out.
     goal = ""
+    #: Whether an image before the command showed the gripper. If not, it must show at once.
+    was_listed = True
 
     def judge(self, image: Image) -> Optional[T]:
         """Returns the result, or None to continue. `image` is not stale."""
         raise NotImplementedError
+
+    def on_acknowledged(self, now: float) -> None:
+        """Takes note that the daemon has the request."""
 
     def on_stale(self, image: Image) -> None:
         """Takes note of values that may be old."""
@@ -69,34 +80,40 @@ class StatusWait(Wait[Image]):
 class WriteWait(Wait[T]):
     """Knows when the gripper has the request even if its values do not show a change."""
 
-    def __init__(self, before: Image, sent_at: float) -> None:
-        self._value_age = _VALUE_AGE_PER_GRIPPER * max(1, len(before.listed))
-        self._settled_at = sent_at + self._value_age
+    _since = 0.0
+
+    def on_acknowledged(self, now: float) -> None:
+        self._since = now
 
     def on_stale(self, image: Image) -> None:
         # The daemon writes the request when the link runs again.
-        self._settled_at = image.time.monotonic + self._value_age
+        self._since = image.time.monotonic
 
     def _is_settled(self, image: Image) -> bool:
-        return image.time.monotonic >= self._settled_at
+        """Returns whether the values are from after the write of the request."""
+        settling = _SETTLING + _SETTLING_PER_GRIPPER * len(image.listed)
+        return image.time.monotonic >= self._since + settling
+
+    def _is_overdue(self, image: Image) -> bool:
+        """Returns whether the request should have appeared."""
+        return image.time.monotonic >= self._since + _REQUEST_SHOWS
 
 
 class StopWait(WriteWait[Image]):
     """Waits until go-to is off.
 
-    If go-to was off before, an earlier request may still be on its way to the gripper.
+    If go-to is off at once, an earlier request may still be on its way to the gripper.
     """
 
     goal = "switch go-to off"
-
-    def __init__(self, before: Image, sent_at: float) -> None:
-        super().__init__(before, sent_at)
-        self._was_off = not before.go_to
+    was_listed = False
+    _was_on = False
 
     def judge(self, image: Image) -> Optional[Image]:
-        if image.go_to or (self._was_off and not self._is_settled(image)):
+        if image.go_to:
+            self._was_on = True
             return None
-        return image
+        return image if self._was_on or self._is_settled(image) else None
 
 
 class ReleaseWait(Wait[Image]):
@@ -124,33 +141,32 @@ class MoveWait(WriteWait[MoveResult]):
     request before, the object detection may be that of an earlier request for a while.
     """
 
-    def __init__(self, before: Image, position: int, sent_at: float) -> None:
-        super().__init__(before, sent_at)
+    def __init__(self, before: Image, position: int) -> None:
         self.goal = f"finish its movement to {position}"
         self._position = position
-        self._before = before.requested_position
-        self._was_shown = before.go_to is True and before.requested_position == position
+        self._before = (before.requested_position, before.go_to)
+        self._was_shown = self._before == (position, True)
         self._is_taken = False
 
     def judge(self, image: Image) -> Optional[MoveResult]:
         check_ready(image)
-        is_settled = self._is_settled(image)
-        if self._was_shown and not is_settled:
+        if self._was_shown and not self._is_settled(image):
             return None
-        if image.go_to and image.requested_position == self._position:
+        shown = (image.requested_position, image.go_to)
+        if shown == (self._position, True):
             self._is_taken = True
             return _result(image)
-        self._check_interference(image, is_settled)
+        # The request of before may show for a while, or an earlier one that was not written yet.
+        if self._is_taken or (shown != self._before and self._is_overdue(image)):
+            raise Interference(_interference_text(image, self._position))
         return None
 
-    def _check_interference(self, image: Image, is_settled: bool) -> None:
-        shown = image.requested_position
-        has_changed = self._is_taken or (is_settled and shown != self._before)
-        if not has_changed:
-            return
-        if shown != self._position:
-            raise Interference(f"gripper {image.id} goes to {shown} instead of {self._position}")
-        raise Interference(f"gripper {image.id} does not go to {shown}, because go-to is off")
+
+def _interference_text(image: Image, position: int) -> str:
+    shown = image.requested_position
+    if shown != position:
+        return f"gripper {image.id} goes to {shown} instead of {position}"
+    return f"gripper {image.id} does not go to {shown}, because go-to is off"
 
 
 def _result(image: Image) -> Optional[MoveResult]:

@@ -9,32 +9,12 @@ from types import TracebackType
 from typing import Callable, Mapping, Optional, Sequence, Tuple, Type, TypeVar
 
 from . import _client
-from ._calls import (
-    DEFAULT_FORCE,
-    DEFAULT_TIMEOUT,
-    FULL_SPEED,
-    CLOSED_POSITION,
-    MOVEMENT_TIMEOUT,
-    OPEN_POSITION,
-    RENAME_TIMEOUT,
-    RUNNING_TIMEOUT,
-    SCAN_TIMEOUT,
-    UPGRADE_TIMEOUT,
-    GripperCalls,
-    LineCalls,
-    WatchCalls,
-)
+from . import _defaults as default
+from ._calls import GripperCalls, LineCalls, WatchCalls
 from ._connection import Endpoint, endpoint_text
 from ._loop import LoopTransport, run
-from ._model import (
-    Image,
-    LineImage,
-    LineState,
-    MoveResult,
-    UpgradeStage,
-    WatchItem,
-)
-from ._protocol import PORT, endpoint
+from ._model import Image, LineImage, LineState, MoveResult, UpgradeStage, WatchItem
+from ._protocol import endpoint
 
 __all__ = ["Gripper", "Line", "Maintenance", "Watch"]
 
@@ -64,6 +44,9 @@ class Watch:
 
     async def __anext__(self) -> WatchItem:
         return await run(self._calls.next())
+
+    def is_period_over(self) -> bool:
+        return self._calls.is_period_over()
 
     async def close(self) -> None:
         self._calls.close()
@@ -96,7 +79,7 @@ class Maintenance:
 @_documented_as(_client.Line)
 class Line:
     def __init__(
-        self, host: str = "127.0.0.1", port: int = PORT, timeout: float = DEFAULT_TIMEOUT
+        self, host: str = "127.0.0.1", port: int = default.DEFAULT_PORT, timeout: float = default.DEFAULT_TIMEOUT
     ) -> None:
         self._calls = LineCalls(endpoint(host, port), LoopTransport, timeout)
 
@@ -113,11 +96,11 @@ class Line:
     async def image(self, timeout: Optional[float] = None) -> LineImage:
         return await run(self._calls.image(timeout))
 
-    async def scan(self, timeout: float = SCAN_TIMEOUT) -> Tuple[int, ...]:
+    async def scan(self, timeout: float = default.SCAN_TIMEOUT) -> Tuple[int, ...]:
         return await run(self._calls.scan(timeout))
 
     async def wait_until_running(
-        self, ids: Sequence[int] = (), timeout: float = RUNNING_TIMEOUT
+        self, ids: Sequence[int] = (), timeout: float = default.RUNNING_TIMEOUT
     ) -> None:
         return await run(self._calls.wait_until_running(ids, timeout))
 
@@ -134,7 +117,7 @@ class Line:
     def maintenance(self) -> Maintenance:
         return Maintenance(self._calls)
 
-    async def rename(self, old: int, new: int, timeout: float = RENAME_TIMEOUT) -> None:
+    async def rename(self, old: int, new: int, timeout: float = default.RENAME_TIMEOUT) -> None:
         return await run(self._calls.rename(old, new, timeout))
 
     async def close(self) -> None:
@@ -159,37 +142,37 @@ class Gripper:
     async def image(self, timeout: Optional[float] = None) -> Image:
         return await run(self._calls.image(timeout))
 
-    async def activate(self, again: bool = False, timeout: float = MOVEMENT_TIMEOUT) -> None:
+    async def activate(self, again: bool = False, timeout: float = default.MOVEMENT_TIMEOUT) -> None:
         return await run(self._calls.activate(again, timeout))
 
-    async def deactivate(self, timeout: float = MOVEMENT_TIMEOUT) -> None:
+    async def deactivate(self, timeout: float = default.MOVEMENT_TIMEOUT) -> None:
         return await run(self._calls.deactivate(timeout))
 
     async def move(
-        self, position: int, speed: int, force: int, timeout: float = MOVEMENT_TIMEOUT
+        self, position: int, speed: int, force: int, timeout: float = default.MOVEMENT_TIMEOUT
     ) -> MoveResult:
         return await run(self._calls.move(position, speed, force, timeout))
 
     async def open(
         self,
-        speed: int = FULL_SPEED,
-        force: int = DEFAULT_FORCE,
-        timeout: float = MOVEMENT_TIMEOUT,
+        speed: int = default.FULL_SPEED,
+        force: int = default.DEFAULT_FORCE,
+        timeout: float = default.MOVEMENT_TIMEOUT,
     ) -> MoveResult:
-        return await run(self._calls.move(OPEN_POSITION, speed, force, timeout))
+        return await run(self._calls.move(default.OPEN_POSITION, speed, force, timeout))
 
     async def close(
         self,
-        speed: int = FULL_SPEED,
-        force: int = DEFAULT_FORCE,
-        timeout: float = MOVEMENT_TIMEOUT,
+        speed: int = default.FULL_SPEED,
+        force: int = default.DEFAULT_FORCE,
+        timeout: float = default.MOVEMENT_TIMEOUT,
     ) -> MoveResult:
-        return await run(self._calls.move(CLOSED_POSITION, speed, force, timeout))
+        return await run(self._calls.move(default.CLOSED_POSITION, speed, force, timeout))
 
     async def stop(self, timeout: Optional[float] = None) -> None:
         return await run(self._calls.stop(timeout))
 
-    async def release(self, closing: bool = False, timeout: float = MOVEMENT_TIMEOUT) -> None:
+    async def release(self, closing: bool = False, timeout: float = default.MOVEMENT_TIMEOUT) -> None:
         return await run(self._calls.release(closing, timeout))
 
     async def led(
@@ -210,7 +193,7 @@ class Gripper:
         self,
         progress: Optional[Callable[[UpgradeStage], None]] = None,
         expected: Optional[str] = None,
-        timeout: float = UPGRADE_TIMEOUT,
+        timeout: float = default.UPGRADE_TIMEOUT,
     ) -> str:
         return await run(self._calls.upgrade(progress, expected, timeout))
 

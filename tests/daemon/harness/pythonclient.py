@@ -10,8 +10,7 @@ import sys
 
 import pytest
 
-from .flashing import make_image
-from .simulator import Simulator
+from .twogrippers import daemon, folder, simulator
 from .waiting import eventually
 
 PACKAGE = pathlib.Path(__file__).resolve().parents[3] / "client" / "python"
@@ -20,6 +19,22 @@ sys.path.insert(0, str(PACKAGE))
 import gripperd_client as blocking  # noqa: E402
 from gripperd_client import aio  # noqa: E402
 
+# For the import of all names, which includes the fixtures.
+__all__ = [
+    "FLAVOURS",
+    "ONLY_ASYNCIO",
+    "ONLY_BLOCKING",
+    "aio",
+    "blocking",
+    "daemon",
+    "flavour",
+    "folder",
+    "gripper",
+    "line",
+    "loop",
+    "new_line",
+    "simulator",
+]
 FLAVOURS = ["blocking", "asyncio"]
 # Most of the library is the same code for both. These tests take seconds, so they run for one of them.
 ONLY_BLOCKING = pytest.mark.parametrize("flavour", ["blocking"], indirect=True)
@@ -82,28 +97,7 @@ class Loop:
         self.loop.close()
 
 
-# Fixtures: a daemon with two simulated grippers for all tests of a file
-
-
-@pytest.fixture(scope="module")
-def folder(tmp_path_factory):
-    """The working directory of the daemon, where it expects its flasher."""
-    folder = tmp_path_factory.mktemp("work")
-    (folder / "firmware").mkdir()
-    make_image(folder / "firmware", "TA3-1.6.14", 4096)
-    return folder
-
-
-@pytest.fixture(scope="module")
-def simulator():
-    quick = ["--boot-ms=200", "--activation-ms=200"]
-    with Simulator("9=TA3-1.6.13", "2=TE1-2.0.1", *quick) as running:
-        yield running
-
-
-@pytest.fixture(scope="module")
-def daemon(simulator, start_module_daemon, folder):
-    return start_module_daemon(cwd=folder).wait_until_found(9, 2)
+# Fixtures
 
 
 @pytest.fixture(scope="module")

@@ -96,8 +96,8 @@ public:
     /// has a fault. Throws Interference if another client changed the request during the movement.
     ///
     /// If the gripper shows the same position already, no variable shows when it has this request.
-    /// The call then waits before it trusts the object detection: 0.1 s, and 0.1 s for each listed
-    /// gripper; 0.2 s for each if the speed or the force changes.
+    /// The call then waits 0.1 s, and 0.2 s for each listed gripper, before it trusts the object
+    /// detection.
     ///
     /// ConnectionLost::unknown() is the SET also after `ack`: a daemon that ends may not have
     /// written the request to the gripper.
@@ -111,8 +111,10 @@ public:
     MoveResult close(int speed = fullSpeed, int force = defaultForce,
                      Seconds timeout = movementTimeout);
 
-    /// Switches go-to off and waits until the gripper shows it. Fingers stop where they are. A
-    /// vacuum gripper loses its vacuum: **its part falls**.
+    /// Switches go-to off and waits until the gripper shows it. Sends the SET at once. Fingers stop
+    /// where they are. A vacuum gripper loses its vacuum: **its part falls**. If go-to is off
+    /// already, an earlier request may be on its way. The call then takes 0.1 s, and 0.2 s for each
+    /// listed gripper.
     void stop(std::optional<Seconds> timeout = {});
 
     /// Releases the part slowly (automatic release), to the open or the closed end, and waits until
