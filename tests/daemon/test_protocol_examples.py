@@ -1,6 +1,6 @@
-"""The examples of docs/protocol.md, and the clients in examples/, with the real daemon.
+"""The examples of docs/protocol.md, the sessions of nc, and the clients in examples/, with the real daemon.
 
-The top of that document explains the lines of an example.
+The top of docs/protocol.md explains the lines of an example.
 """
 
 import pathlib
@@ -16,10 +16,12 @@ from harness.client import Client
 from harness.effort import effort
 from harness.protocoltable import names
 from harness.simulator import Simulator
+from harness.terminal import Terminal
 from harness.upgrades import put_flasher
 from harness.waiting import eventually
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+DOCUMENTS = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]
 DOCUMENT = (ROOT / "docs" / "protocol.md").read_text(encoding="utf-8")
 
 FINGERS, VACUUM = "9=TA3-1.6.14", "2=TE1-2.0.2"
@@ -106,17 +108,30 @@ class Stage:
             client.set("THROTTLE 1")
 
     def play(self, example):
-        with Client(timeout=15.0) as self.client:
-            self.pending = None
-            before = ""
-            for mark, text in example.steps:
-                if before == mark == ">":
-                    # This pause keeps the daemon from reading both at once.
-                    time.sleep(MOMENT)
-                self.STEPS[mark](self, visible(text) if mark in "<>?" else text)
-                before = mark
-            # The daemon has sent only what the example shows.
-            assert self.client.get("PCO") == "0"
+        self.client = Client(timeout=15.0)
+        try:
+            self.play_steps(example.steps)
+        finally:
+            self.client.close()
+
+    def play_steps(self, steps):
+        self.pending = None
+        before = ""
+        for mark, text in steps:
+            if before == mark == ">":
+                # This pause keeps the daemon from reading both at once.
+                time.sleep(MOMENT)
+            self.STEPS[mark](self, visible(text) if mark in "<>?" else text)
+            before = mark
+        self.expect_no_other_reply()
+
+    def expect_no_other_reply(self):
+        assert self.client.get("PCO") == "0"
+
+    def connect_again(self, _text):
+        self.expect_no_other_reply()
+        self.client.close()
+        self.client = Client(timeout=15.0)
 
     def send(self, text):
         self.client.send(text)
@@ -159,6 +174,7 @@ class Stage:
         "<": receive,
         "?": repeat,
         ".": pause,
+        "-": connect_again,
         "!": find_in_log,
         "$": command_simulator,
     }
@@ -252,12 +268,25 @@ def test_every_variable_has_an_example(keyword, expected):
     assert set(expected) - shown == set()
 
 
-def test_links_within_the_document_have_targets():
-    titles = re.findall(r"^#+ (.*)$", DOCUMENT, re.MULTILINE)
-    anchors = {re.sub(r"[^\w -]", "", title).lower().replace(" ", "-") for title in titles}
-    links = re.findall(r"\]\(#([^)]*)\)", DOCUMENT)
-    assert len(links) > 50
-    assert set(links) - anchors == set()
+def anchors_of(document):
+    titles = re.findall(r"^#+ (.*)$", document.read_text(encoding="utf-8"), re.MULTILINE)
+    return {re.sub(r"[^\w -]", "", title).lower().replace(" ", "-") for title in titles}
+
+
+def has_target(document, link):
+    name, _, anchor = link.partition("#")
+    target = document.parent / name if name else document
+    return target.exists() and (not anchor or anchor in anchors_of(target))
+
+
+def test_links_in_the_documents_have_targets():
+    links = [
+        (document, link)
+        for document in DOCUMENTS
+        for link in re.findall(r"\]\(([^)\s]*[./#][^)\s]*)\)", document.read_text(encoding="utf-8"))
+    ]
+    assert len(links) > 100
+    assert [(document.name, link) for document, link in links if not has_target(document, link)] == []
 
 
 def test_a_set_is_on_the_line_within_a_period(stage, figure):
@@ -277,6 +306,55 @@ def test_a_set_is_on_the_line_within_a_period(stage, figure):
     )
     # Every gripper has its turn within 100 ms. One late answer doubles this.
     assert median < 0.15
+
+
+def session_of(document, beginning):
+    """Returns the lines of a session without the remarks on their right."""
+    lines = (ROOT / document).read_text(encoding="utf-8").replace("\\fB", "").replace("\\fP", "")
+    block = lines[lines.index(beginning) :].splitlines()
+    ends = [n for n, line in enumerate(block) if line in ("", ".EE")]
+    return [re.split(r" {2,}", line.strip())[0] for line in block[: ends[0]]]
+
+
+@pytest.fixture
+def terminal(tmp_path):
+    terminal = Terminal(tmp_path)
+    yield terminal
+    terminal.close()
+
+
+@pytest.mark.parametrize("document", ["README.md", "man/gripperd-protocol.7"])
+def test_a_terminal_shows_the_session(stage, terminal, document):
+    session = session_of(document, "$ nc 127.0.0.1 63352")
+    assert len(session) >= 10
+    with Client() as observer:
+        assert observer.set("ACT 0") == "ack"
+        eventually(lambda: observer.get("STA") == "0")
+        terminal.type(session[0].removeprefix("$ "))
+        for number, line in enumerate(session[1:], 1):
+            if "GET" not in line and "SET" not in line:
+                continue
+            # The reply to a SET has no line ending, so the next line follows it.
+            request = line.removeprefix("ack")
+            shown = session[: number + (2 if request.startswith("GET") else 1)]
+            if request.startswith("SET"):
+                shown.append("ack")
+            # A person is slower than every movement.
+            eventually(lambda: has_carried_out(observer, session[:number]))
+            terminal.type(request)
+            eventually(lambda: everything(terminal) == shown, what=lambda: everything(terminal))
+
+
+def has_carried_out(observer, session):
+    requests = "\n".join(session)
+    if observer.get("STA") != ("3" if "SET ACT 1" in requests else "0"):
+        return False
+    goals = re.findall(r"SET POS (\d+)", requests)
+    return not goals or (observer.get("PRE") == goals[-1] and observer.get("OBJ") in ("2", "3"))
+
+
+def everything(terminal):
+    return [line for line in terminal.shown("-S", "-") if line]
 
 
 # A scan must restore the line after a slave id move, so these examples come last.

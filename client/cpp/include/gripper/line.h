@@ -95,10 +95,9 @@ public:
     /// Gives gripper `oldId` the id `newId`, which takes about 10 s with its scans. After a
     /// time-out, the daemon continues.
     ///
-    /// - InvalidValue: newId is not one of scannedIds, or equals oldId.
-    /// - Refused: newId is in use, an upgrade is under way, or the gripper kept its id.
-    /// - GripperMissing: the daemon does not list oldId, or the gripper answers at neither id
-    /// afterwards.
+    /// Throws InvalidValue if newId is oldId or not one of scannedIds. Throws Refused if newId is
+    /// in use, an upgrade is under way, or the gripper kept its id. Throws GripperMissing if the
+    /// daemon does not list oldId, or the gripper answers at neither id afterwards.
     void rename(int oldId, int newId, Seconds timeout = renameTimeout);
 
     /// Ends the connection. The next call opens a new one.
