@@ -26,13 +26,11 @@ PAGES = sorted(PAGE.parent.iterdir())
 
 
 @pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
-def test_every_page_is_well_formed_and_of_this_version(path):
+def test_every_page_is_well_formed(path):
     run = subprocess.run(
         ["groff", "-man", "-ww", "-z", path], check=True, capture_output=True, text=True
     )
     assert run.stderr == ""
-    head = next(line for line in path.read_text().splitlines() if line.startswith(".TH"))
-    assert f'"gripperd {succeed("--version").split()[1]}"' in head
 
 
 @pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
@@ -56,9 +54,8 @@ def test_the_page_lists_every_command_with_its_options(page):
         assert re.search(rf"^ +(-\w, )?{option}\b", page, re.MULTILINE), option
 
 
-def test_the_page_lists_every_exit_code_and_the_version(page):
+def test_the_page_lists_every_exit_code(page):
     assert re.findall(r"^ {7}(\d+) {3,}", page, re.MULTILINE) == exit_codes()
-    assert "gripperd " + succeed("--version").split()[1] in page
 
 
 def members(tree):
@@ -106,4 +103,6 @@ def test_every_command_has_its_help():
 
 
 def test_the_version():
-    assert re.fullmatch(r"gripperctl \d+\.\d+\.\d+\n", succeed("--version"))
+    number = re.search(r"\((\d+\.\d+\.\d+)", (ROOT / "debian" / "changelog").read_text())[1]
+    commit = r"(~0|[~+]git\d{14}\.[0-9a-f]{8}(\+mod)?)?"
+    assert re.fullmatch(re.escape(f"gripperctl {number}") + commit + "\n", succeed("--version"))

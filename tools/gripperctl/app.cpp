@@ -4,6 +4,7 @@
 #include "commands/commands.h"
 #include "helptext.h"
 #include "text.h"
+#include "version.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -74,7 +75,7 @@ void addGeneralOptions(CLI::App &app, Program &program)
         ->option_text(filesOffered);
     app.config_formatter(std::make_shared<SettingsFile>());
     app.allow_config_extras(CLI::config_extras_mode::error);
-    app.set_version_flag("--version", "gripperctl " GRIPPERCTL_VERSION,
+    app.set_version_flag("--version", std::string("gripperctl ") + version,
                          "Print the version of gripperctl.");
 }
 

@@ -3,6 +3,8 @@
 The classes of this module block. `gripperd_client.aio` has the same classes for asyncio.
 """
 
+from importlib import metadata as _metadata
+
 from ._client import Gripper, Line, Maintenance, Watch
 from ._errors import (
     ConnectionLost,
@@ -33,7 +35,11 @@ from ._model import (
 )
 from ._variables import GET_VARIABLES, SET_VARIABLES, GetVariable, SetVariable
 
-__version__ = "1.0.0"
+try:
+    __version__ = _metadata.version("gripperd-client")
+except _metadata.PackageNotFoundError:
+    # Only an installed package has a version.
+    __version__ = "0+source"
 
 __all__ = [
     "ConnectionLost",

@@ -1,0 +1,9 @@
+#pragma once
+
+namespace gripperctl {
+
+/// The version of the tree, with its commit between releases. The build writes the source of this
+/// constant.
+extern const char *const version;
+
+} // namespace gripperctl
