@@ -206,6 +206,16 @@ def test_a_timeout_names_muted_polling_as_a_reason(active):
     eventually(lambda: active.get("POS") == "10")
 
 
+def test_status_names_muted_polling_as_a_reason(active):
+    succeed("open", "--speed", "255", "--wait")
+    succeed("move", "255", "--speed", "0")
+    eventually(lambda: active.get("OBJ") == "1")
+    assert "no new values" not in succeed("status")
+    assert active.set("MUTE 1") == "ack"
+    assert succeed("status").endswith("no new values: polling may be muted (gripperctl set MUTE 0)\n")
+    assert active.set("MUTE 0 GTO 0") == "ack"
+
+
 def test_no_other_gripper_moves_instead_of_a_missing_one(active, simulator):
     succeed("--gripper", "2", "activate", "--wait")
     simulator.command("fault 9 deaf always")

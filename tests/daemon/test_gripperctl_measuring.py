@@ -50,8 +50,9 @@ def test_hz_ends_at_ctrl_c_with_its_result():
         process = start_ctl("--host", daemon.host, "hz", "--seconds", "60")
         daemon.wait_for("GET POS")
         process.send_signal(signal.SIGINT)
-        code, out, _ = run_to_end(process)
-        assert code == gripperctl.DONE and out.startswith("gripper 9: 0 new values")
+        code, out, error = run_to_end(process)
+        assert code == gripperctl.INTERRUPTED and out.startswith("gripper 9: 0 new values")
+        assert error.endswith("gripperctl: interrupted\n")
 
 
 def test_ping_shows_every_reply_and_a_summary():
@@ -94,8 +95,22 @@ def test_ping_ends_at_ctrl_c_with_its_result():
         process = start_ctl("--host", daemon.host, "ping", "--count", "1000")
         assert process.stdout.readline().startswith("1: ")
         process.send_signal(signal.SIGINT)
+        code, out, error = run_to_end(process)
+        assert code == gripperctl.INTERRUPTED and out.startswith("1 of 1 replies")
+        assert error == "gripperctl: interrupted\n"
+
+
+@pytest.mark.parametrize("words,member", [(["ping", "--count", "1000"], "received"), (["hz"], "newValues")])
+def test_an_interrupted_measurement_is_one_line_of_json(words, member):
+    with ScriptedDaemon() as daemon:
+        process = start_ctl("--json", "--host", daemon.host, *words)
+        daemon.wait_for_times("GET DRI", 1)
+        daemon.wait_for("GET DRI" if words[0] == "ping" else "GET POS")
+        process.send_signal(signal.SIGINT)
         code, out, _ = run_to_end(process)
-        assert code == gripperctl.DONE and out.startswith("1 of 1 replies")
+        result = json.loads(out)
+        assert code == result["exitCode"] == gripperctl.INTERRUPTED
+        assert member in result and result["error"] == "interrupted"
 
 
 # Raw lines

@@ -237,6 +237,15 @@ def test_a_result_that_cannot_be_written_is_no_success():
             assert "cannot write the result: No space left on device" in error
 
 
+@pytest.mark.parametrize("words", [["--help"], ["move", "--help"], ["--version"], ["completion", ""]], ids=" ".join)
+def test_a_text_that_cannot_be_written_is_no_success(words):
+    with open("/dev/full", "w", encoding="ascii") as full:
+        code, _, error = run_to_end(start_ctl(*words, stdout=full))
+    assert (code, error) == (
+        gripperctl.LOCAL, "gripperctl: cannot write the result: No space left on device\n"
+    )
+
+
 @pytest.mark.parametrize("closed", ["<&-", ">&-", "<&- >&- 2>&-"])
 def test_nothing_is_printed_into_the_connection(closed):
     with ScriptedDaemon() as daemon:

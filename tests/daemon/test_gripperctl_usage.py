@@ -1,6 +1,7 @@
 """gripperctl with a scripted daemon: its command line, its settings, and status and wait for scripts."""
 
 import datetime
+import json
 import os
 import pty
 import re
@@ -174,13 +175,55 @@ def test_the_file_has_defaults_for_every_option(tmp_path):
         assert daemon.sets() == ["SID 2", "POS 5 SPE 40 FOR 0 GTO 1"]
 
 
-@pytest.mark.parametrize("text,said", [
-    ("hots = 3\n", "hots"),
-    ("gripper = 12\n", '--gripper takes a number from 1 to 9, not "12"'),
+@pytest.mark.parametrize("text,line,said", [
+    ("hots = 3", 1, "there is no option --hots; did you mean --host?"),
+    ("# 9 is the default\n\ngripper = 12", 3, '--gripper takes a number from 1 to 9, not "12"'),
+    ("timeout = never", 1, '--timeout takes seconds from 0.02 to 86400, not "never"'),
+    ('host = "a:b:c"', 1, '--host "a:b:c" is no address'),
+    ("json = maybe", 1, "--json takes true or false, not maybe"),
+    ("gripper = [2, 3]", 1, "--gripper takes one value"),
+    ("host = []", 1, "--host takes one value"),
+    ('host = ["a",\n"b"\n', 1, "a bracket is not closed"),
+    ("json = true\n[move\nspeed = 1", 2, "a bracket is not closed"),
+    ('host = "robot', 1, "a quote is not closed"),
+    ("[mvoe]\nspeed = 1", 1, "there is no command [mvoe]"),
+    ("[move]\n\nspeed = 256", 3, '--speed takes a number from 0 to 255, not "256"'),
+    ("[move]\nsped = 1", 2, "there is no option --sped; did you mean --speed?"),
+    ("[watch]\ngripper = 2", 2, "there is no option --gripper"),
+    ("config = x", 1, "there is no option --config"),
+    ('host = ["a", # one\n"b"]\ngripper = 0', 3, "--gripper takes a number"),
+    ("json", 1, "expected NAME = VALUE"),
+    ("x=", 1, "expected NAME = VALUE"),
 ])
-def test_a_wrong_file_is_reported(tmp_path, text, said):
+def test_a_wrong_entry_of_the_file_is_reported(tmp_path, text, line, said):
     write_settings(tmp_path, text)
-    assert said in fail(gripperctl.USAGE, "get", "VER", env=environment(tmp_path))
+    path = tmp_path / ".config" / "gripperctl.toml"
+    problem = fail(gripperctl.USAGE, "get", "VER", env=environment(tmp_path))
+    assert f"configuration file {path}, line {line}: {said}" in problem
+
+
+def test_an_array_may_have_several_lines(tmp_path):
+    with ScriptedDaemon() as one, ScriptedDaemon() as other:
+        write_settings(tmp_path, f'host = [\n  "{one.host}", # the left cell\n  "{other.host}",\n]\njson = true\n')
+        lines = succeed("status", env=environment(tmp_path)).splitlines()
+        assert [json.loads(line)["host"] for line in lines] == [one.host, other.host]
+
+
+@pytest.mark.parametrize("make", [os.mkdir, os.mkfifo], ids=["folder", "pipe"])
+def test_a_folder_or_a_pipe_is_no_configuration_file(tmp_path, make):
+    path = tmp_path / ".config" / "gripperctl.toml"
+    path.parent.mkdir()
+    make(path)
+    for words in ([], ["--config", path]):
+        problem = fail(gripperctl.USAGE, *words, "get", "VER", env=environment(tmp_path))
+        assert f"configuration file {path} is not a file, but a folder, a pipe or a device" in problem
+
+
+def test_no_configuration_file_is_needed(tmp_path):
+    write_settings(tmp_path, "wrong")
+    with ScriptedDaemon(VER="1") as daemon:
+        words = ["--config", "/dev/null", "--host", daemon.host, "get", "VER"]
+        assert succeed(*words, env=environment(tmp_path)) == "1\n"
 
 
 def test_another_file_is_named_by_an_option(tmp_path):
@@ -239,6 +282,32 @@ def test_status_knows_the_grippers_that_a_monitor_expects():
         assert run.returncode == gripperctl.NO_GRIPPER
         assert "does not list gripper 3 (listed: 2, 9" in run.stderr
         assert "TA3-1.0.0" in run.stdout
+
+
+@pytest.mark.parametrize("values,standstill,said", [
+    ({"OBJ": "1"}, "likely", "no new values: polling may be muted (gripperctl set MUTE 0)"),
+    ({"STA": "1"}, "likely", "no new values: polling may be muted (gripperctl set MUTE 0)"),
+    ({"OBJ": "3", "UPG": "1"}, "upgrade", "no new values: a flasher has the line"),
+    ({"OBJ": "1", "DRI": "ERR_TIMEOUT"}, "no", None),
+    ({"OBJ": "3"}, "no", None),
+])
+def test_status_shows_that_values_stand_still(values, standstill, said):
+    with ScriptedDaemon(**values) as daemon:
+        lines = succeed("--host", daemon.host, "status").splitlines()
+        assert lines[3:] == ([said] if said else [])
+        assert as_json("--host", daemon.host, "status")["standstill"] == standstill
+
+
+def test_status_sees_a_gripper_that_moves():
+    def answer(request):
+        if request == "GET POS" and len(daemon.requests) > 150:
+            daemon.values["POS"] = "9"
+        return daemon.usual(request)
+
+    with ScriptedDaemon(answer, OBJ="1") as daemon, ScriptedDaemon() as other:
+        hosts = ["--host", daemon.host, "--host", other.host]
+        assert "no new values" not in succeed(*hosts, "status")
+        assert daemon.values["POS"] == "9"
 
 
 def test_status_fits_into_80_columns():

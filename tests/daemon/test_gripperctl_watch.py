@@ -207,6 +207,50 @@ def test_outages_in_json():
         assert process.returncode == gripperctl.DONE
 
 
+def test_a_watch_shows_that_values_stand_still():
+    with ScriptedDaemon(OBJ="3") as scripted:
+        process = start_ctl("--json", "--host", scripted.host, "watch", "--interval", "0.05")
+
+        def wait_for(standstill):
+            """Returns the states until this one."""
+            seen = []
+            while standstill not in seen:
+                seen.append(json.loads(process.stdout.readline())["standstill"])
+            return set(seen)
+
+        assert wait_for("possible") == {"no", "possible"}
+        scripted.values["OBJ"] = "1"
+        assert wait_for("likely") - {"possible"} == {"no", "likely"}
+        # The daemon shows this value as a client sets it, also while polling is muted.
+        scripted.values["SPE"] = "7"
+        scripted.wait_for_times("GET SPE", 3)
+        assert {json.loads(process.stdout.readline())["standstill"] for _ in range(10)} == {"likely"}
+        scripted.values["UPG"] = "1"
+        assert wait_for("upgrade") <= {"likely", "upgrade"}
+        scripted.values.update(UPG="0", POS="9")
+        assert wait_for("no") <= {"upgrade", "no"}
+        process.send_signal(signal.SIGINT)
+        process.communicate(timeout=5)
+
+
+def test_a_line_shows_the_upgrade_of_its_gripper():
+    with ScriptedDaemon(UPG="1") as scripted:
+        line = succeed("--host", scripted.host, "watch", "--count", "1").strip()
+        assert words_of(line)["standstill"] == "upgrade"
+
+
+def test_the_live_view_explains_a_standstill(terminal):
+    with ScriptedDaemon(OBJ="1") as scripted:
+        terminal.type(f"{binary('gripperctl')} --host {scripted.host} watch --interval 0.05")
+        since = r"^no new values since \d\d:\d\d:\d\d[+-]\d\d:\d\d: "
+        text = terminal.wait_for(since + r"polling may be muted \(gripperctl set MUTE 0\)$")
+        assert len(text[0]) <= 80
+        scripted.values["UPG"] = "1"
+        terminal.wait_for(since + "a flasher has the line$")
+        scripted.values.update(UPG="0", POS="9")
+        eventually(lambda: not any("no new values" in line for line in terminal.shown()))
+
+
 def test_lines_name_the_host_among_several():
     with ScriptedDaemon() as scripted:
         dead = gone()

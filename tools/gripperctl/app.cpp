@@ -3,41 +3,24 @@
 #include "commandoptions.h"
 #include "commands/commands.h"
 #include "helptext.h"
+#include "settingsfile.h"
 #include "text.h"
 #include "version.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <limits>
 
 namespace gripperctl {
 
 namespace {
 
-constexpr const char *hostVariable = "GRIPPERCTL_HOST";
-
-/// The configuration file. The environment has priority over it.
-class SettingsFile : public CLI::ConfigTOML
+std::string addressProblem(const std::string &word)
 {
-public:
-    std::vector<CLI::ConfigItem> from_config(std::istream &input) const override
-    {
-        std::vector<CLI::ConfigItem> read = CLI::ConfigTOML::from_config(input);
-        const char *host = std::getenv(hostVariable);
-        if (host != nullptr && *host != '\0') {
-            const auto isHost = [](const CLI::ConfigItem &item) {
-                return item.parents.empty() && item.name == "host";
-            };
-            read.erase(std::remove_if(read.begin(), read.end(), isHost), read.end());
-        }
-        return read;
+    try {
+        gripper::Endpoint::fromText(word);
+    } catch (const gripper::InvalidValue &error) {
+        return error.what();
     }
-};
-
-std::string settingsPath()
-{
-    const char *home = std::getenv("HOME");
-    return home == nullptr ? "" : concat(home, "/.config/gripperctl.toml");
+    return {};
 }
 
 void addHost(CLI::App &app, Settings &settings)
@@ -51,8 +34,8 @@ void addHost(CLI::App &app, Settings &settings)
     app.add_option("--host", take, "The address of gripperd (default 127.0.0.1:63352).")
         ->type_name("HOST[:PORT]")
         ->option_text(hostsOffered)
-        ->type_size(1)
-        ->expected(1, std::numeric_limits<int>::max())
+        ->check(addressProblem)
+        ->expected(1, manyWords)
         ->allow_extra_args(false)
         ->envname(hostVariable);
 }
@@ -61,20 +44,23 @@ void addGeneralOptions(CLI::App &app, Program &program)
 {
     Settings &settings = program.settings();
     addHost(app, settings);
-    addNumber(app, "--gripper", settings.gripper, 1, 9, "The gripper (default 9).")
+    addNumber(app, "--gripper", 1, 9, "The gripper (default 9).")
+        ->each([&settings](const std::string &word) { settings.gripper = std::stoi(word); })
         ->type_name("ID")
         ->option_text(idsOffered);
     app.add_flag_callback(
            "--json", [&program] { program.output().useJson(); }, "Print JSON, for scripts.")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    addSeconds(app, "--timeout", settings.timeout,
-               "Time limit for an answer, or for the end of the action.");
-    app.set_config("--config", settingsPath(),
+    addSeconds(app, "--timeout", "Time limit for an answer, or for the end of the action.")
+        ->each([&settings](const std::string &word) {
+            settings.timeout = gripper::Seconds(std::stod(word));
+        });
+    app.set_config("--config", SettingsFile::defaultPath(),
                    "Defaults for options (default ~/.config/gripperctl.toml).")
+        ->each(SettingsFile::refuseUnreadable)
         ->type_name("FILE")
         ->option_text(filesOffered);
-    app.config_formatter(std::make_shared<SettingsFile>());
-    app.allow_config_extras(CLI::config_extras_mode::error);
+    app.config_formatter(std::make_shared<SettingsFile>(app));
     app.set_version_flag("--version", std::string("gripperctl ") + version,
                          "Print the version of gripperctl.");
 }
@@ -88,19 +74,6 @@ std::vector<std::string> namesOf(const std::vector<const CLI::App *> &commands)
     return names;
 }
 
-/// The long options of the command and of the program.
-std::vector<std::string> optionNames(const CLI::App &command)
-{
-    std::vector<std::string> names;
-    for (const CLI::App *app = &command; app != nullptr; app = app->get_parent()) {
-        for (const CLI::Option *option : app->get_options()) {
-            for (const std::string &name : option->get_lnames())
-                names.push_back("--" + name);
-        }
-    }
-    return names;
-}
-
 Failure wrongUsage(const std::string &problem, const std::string &page = {})
 {
     const char *see = problem.back() == '?' ? " See" : "; see";
@@ -111,6 +84,9 @@ Failure wrongUsage(const std::string &problem, const std::string &page = {})
 std::string problemOf(const CLI::ParseError &error)
 {
     std::string text = error.what();
+    // "--speed: takes a number"
+    if (dynamic_cast<const CLI::ValidationError *>(&error) != nullptr)
+        return text.erase(text.find(':'), 1);
     if (dynamic_cast<const CLI::ArgumentMismatch *>(&error) == nullptr)
         return text;
     const bool isRepeated = text.find("received") != std::string::npos;
@@ -137,7 +113,8 @@ std::unique_ptr<CLI::App> makeApp(Program &program)
 {
     auto app = std::make_unique<CLI::App>(
         "Shows, moves and maintains the grippers of a running gripperd.", "gripperctl");
-    app->formatter(std::make_shared<HelpText>());
+    app->formatter_fn([](const CLI::App *shown, const std::string & /*name*/,
+                         CLI::AppFormatMode /*mode*/) { return helpOf(*shown); });
     app->set_help_flag("-h,--help", "Explain gripperctl, or the given command.");
     app->require_subcommand(1);
     app->fallthrough();
@@ -148,9 +125,6 @@ std::unique_ptr<CLI::App> makeApp(Program &program)
 
 Failure usageFailure(const CLI::App &app, const CLI::ParseError &error)
 {
-    if (dynamic_cast<const CLI::FileError *>(&error) != nullptr ||
-        dynamic_cast<const CLI::ConfigError *>(&error) != nullptr)
-        return {ExitCode::WrongUsage, concat("configuration file: ", error.what())};
     const std::vector<CLI::App *> given = app.get_subcommands();
     if (given.empty()) {
         const bool isMissing = dynamic_cast<const CLI::RequiredError *>(&error) != nullptr;

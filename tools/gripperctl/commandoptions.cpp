@@ -2,8 +2,10 @@
 
 #include "text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
+#include <limits>
 
 namespace gripperctl {
 
@@ -12,32 +14,12 @@ namespace {
 constexpr double minSeconds = 0.02;
 constexpr double maxSeconds = 86400;
 
-std::optional<gripper::Seconds> secondsFrom(const std::string &word)
+bool isTime(const std::string &word)
 {
     char *end = nullptr;
     const double seconds = std::strtod(word.c_str(), &end);
     // This form of the comparison also refuses NaN.
-    if (word.empty() || *end != '\0' || !(seconds >= minSeconds && seconds <= maxSeconds))
-        return std::nullopt;
-    return gripper::Seconds(seconds);
-}
-
-/// An option whose value `read` takes from one word. The problem of a wrong word is that the option
-/// takes `wanted`.
-template <typename Value, typename Read>
-CLI::Option *addValue(CLI::App &command, const std::string &name, std::optional<Value> &value,
-                      const std::string &help, const std::string &wanted, Read read)
-{
-    const auto take = [&value, wanted, read, name](const CLI::results_t &words) {
-        value = read(words.front());
-        if (!value) {
-            throw CLI::ValidationError(
-                concat(name, " takes ", wanted, ", not \"", words.front(), '"'),
-                CLI::ExitCodes::ValidationError);
-        }
-        return true;
-    };
-    return command.add_option(name, take, help)->expected(1)->type_size(1);
+    return !word.empty() && *end == '\0' && seconds >= minSeconds && seconds <= maxSeconds;
 }
 
 } // namespace
@@ -51,34 +33,111 @@ CLI::App &addCommand(CLI::App &app, const CommandText &text, std::function<void(
     return *command;
 }
 
-CLI::Option *addWords(CLI::App &command, const std::string &label, std::vector<std::string> &words,
-                      int min, int max)
+CLI::App &addCommand(CLI::App &app, Program &program, const CommandText &text,
+                     void (*run)(Program &program, const CLI::App &command))
 {
-    return command.add_option(argumentsName, words)
+    CLI::App &command = addCommand(app, text, {});
+    command.callback([&program, &command, run] { run(program, command); });
+    return command;
+}
+
+CLI::App *findCommand(CLI::App &app, const std::string &name)
+{
+    const std::vector<CLI::App *> found =
+        app.get_subcommands([&](CLI::App *command) { return command->get_name() == name; });
+    return found.empty() ? nullptr : found.front();
+}
+
+bool takesValue(const CLI::App &app, const std::string &name)
+{
+    const CLI::Option *option = app.get_option_no_throw(name);
+    if (option != nullptr)
+        return option->nonpositional() && option->get_items_expected_min() > 0;
+    const std::vector<const CLI::App *> commands = app.get_subcommands({});
+    return std::any_of(commands.begin(), commands.end(),
+                       [&](const CLI::App *command) { return takesValue(*command, name); });
+}
+
+std::vector<std::string> optionNames(const CLI::App &command)
+{
+    std::vector<std::string> names;
+    for (const CLI::App *app = &command; app != nullptr; app = app->get_parent()) {
+        for (const CLI::Option *option : app->get_options()) {
+            for (const std::string &name : option->get_lnames())
+                names.push_back("--" + name);
+        }
+    }
+    return names;
+}
+
+CLI::Option *addWords(CLI::App &command, const std::string &label, int min, int max)
+{
+    return command.add_option(argumentsName)
         ->type_name(label)
         ->required()
-        ->expected(min, max);
+        ->expected(min, max)
+        ->allow_extra_args(max > 1);
 }
 
-CLI::Option *addWord(CLI::App &command, const std::string &label, std::string &word)
+const std::vector<std::string> &wordsOf(const CLI::App &command)
 {
-    return command.add_option(argumentsName, word)->type_name(label)->required();
+    return command[argumentsName]->results();
 }
 
-CLI::Option *addNumber(CLI::App &command, const std::string &name, std::optional<int> &number,
-                       int min, int max, const std::string &help)
+CLI::Option *addFlag(CLI::App &command, const std::string &name, const std::string &help)
 {
-    return addValue(command, name, number, help, concat("a number from ", min, " to ", max),
-                    [min, max](const std::string &word) { return numberFrom(word, min, max); })
-        ->type_name("N");
+    return command.add_flag(name, help)->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
 }
 
-CLI::Option *addSeconds(CLI::App &command, const std::string &name,
-                        std::optional<gripper::Seconds> &time, const std::string &help)
+CLI::Option *addText(CLI::App &command, const std::string &name, const std::string &label,
+                     const std::string &help)
 {
-    return addValue(command, name, time, help,
-                    concat("seconds from ", minSeconds, " to ", maxSeconds), secondsFrom)
-        ->type_name("SECONDS");
+    return command.add_option(name, help)->type_name(label);
+}
+
+CLI::Option *addNumber(CLI::App &command, const std::string &name, int min, int max,
+                       const std::string &help)
+{
+    return addText(command, name, "N", help)->check([min, max](const std::string &word) {
+        return numberFrom(word, min, max)
+                   ? ""
+                   : concat("takes a number from ", min, " to ", max, ", not \"", word, '"');
+    });
+}
+
+CLI::Option *addSeconds(CLI::App &command, const std::string &name, const std::string &help)
+{
+    return addText(command, name, "SECONDS", help)->check([](const std::string &word) {
+        return isTime(word) ? ""
+                            : concat("takes seconds from ", minSeconds, " to ", maxSeconds,
+                                     ", not \"", word, '"');
+    });
+}
+
+bool isGiven(const CLI::App &command, const std::string &flag)
+{
+    const CLI::Option *option = command[flag];
+    return !option->empty() && option->as<bool>();
+}
+
+std::string textOf(const CLI::App &command, const std::string &name)
+{
+    const CLI::Option *option = command[name];
+    return option->empty() ? std::string() : option->results().front();
+}
+
+std::optional<int> numberOf(const CLI::App &command, const std::string &name)
+{
+    // CLI11 reads 010 as an octal number.
+    return numberFrom(textOf(command, name), 0, std::numeric_limits<int>::max());
+}
+
+std::optional<gripper::Seconds> secondsOf(const CLI::App &command, const std::string &name)
+{
+    const std::string word = textOf(command, name);
+    if (word.empty())
+        return std::nullopt;
+    return gripper::Seconds(std::strtod(word.c_str(), nullptr));
 }
 
 std::optional<int> numberFrom(const std::string &word, int min, int max)

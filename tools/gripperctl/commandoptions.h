@@ -11,6 +11,8 @@
 
 namespace gripperctl {
 
+class Program;
+
 /// The help and the completion of a command.
 struct CommandText
 {
@@ -23,6 +25,19 @@ struct CommandText
 /// A command that calls `run` when it is given.
 CLI::App &addCommand(CLI::App &app, const CommandText &text, std::function<void()> run);
 
+/// The same, for a command that reads its own options.
+CLI::App &addCommand(CLI::App &app, Program &program, const CommandText &text,
+                     void (*run)(Program &program, const CLI::App &command));
+
+/// Null if there is no such command.
+CLI::App *findCommand(CLI::App &app, const std::string &name);
+
+/// Whether `name` is an option, of the program or of any command, that the next word is a value of.
+bool takesValue(const CLI::App &app, const std::string &name);
+
+/// The long options of the command and of the program, such as "--host".
+std::vector<std::string> optionNames(const CLI::App &command);
+
 /// Shells offer the words in the option_text() of an option. These replace names that are not
 /// known in advance.
 constexpr const char *filesOffered = ":files";
@@ -32,20 +47,33 @@ constexpr const char *idsOffered = ":ids";
 /// CLI11 knows the words of a command by this name, and its messages begin with it.
 constexpr const char *argumentsName = "arguments";
 
-/// Required words that are not options. `label` is their text in the help: "OLD NEW".
-CLI::Option *addWords(CLI::App &command, const std::string &label, std::vector<std::string> &words,
-                      int min, int max);
+/// The number of words of a command that takes any number of them.
+constexpr int manyWords = CLI::detail::expected_max_vector_size;
 
-/// One required word.
-CLI::Option *addWord(CLI::App &command, const std::string &label, std::string &word);
+/// Required words that are not options. `label` is their text in the help: "OLD NEW".
+CLI::Option *addWords(CLI::App &command, const std::string &label, int min, int max);
+
+/// The words that were given.
+const std::vector<std::string> &wordsOf(const CLI::App &command);
+
+CLI::Option *addFlag(CLI::App &command, const std::string &name, const std::string &help);
+
+/// An option with any text.
+CLI::Option *addText(CLI::App &command, const std::string &name, const std::string &label,
+                     const std::string &help);
 
 /// An option with a number from `min` to `max`.
-CLI::Option *addNumber(CLI::App &command, const std::string &name, std::optional<int> &number,
-                       int min, int max, const std::string &help);
+CLI::Option *addNumber(CLI::App &command, const std::string &name, int min, int max,
+                       const std::string &help);
 
 /// An option with a time from 0.02 s to a day.
-CLI::Option *addSeconds(CLI::App &command, const std::string &name,
-                        std::optional<gripper::Seconds> &time, const std::string &help);
+CLI::Option *addSeconds(CLI::App &command, const std::string &name, const std::string &help);
+
+bool isGiven(const CLI::App &command, const std::string &flag);
+/// Empty if the option is not given.
+std::string textOf(const CLI::App &command, const std::string &name);
+std::optional<int> numberOf(const CLI::App &command, const std::string &name);
+std::optional<gripper::Seconds> secondsOf(const CLI::App &command, const std::string &name);
 
 /// Reads a whole decimal number. Empty if `word` is not one from `min` to `max`.
 std::optional<int> numberFrom(const std::string &word, int min, int max);

@@ -2,8 +2,6 @@
 
 #include "text.h"
 
-#include <gripper/gripper.h>
-
 #include <algorithm>
 #include <iterator>
 
@@ -48,6 +46,21 @@ bool isVacuum(const gripper::Image &image)
 {
     const FamilyRow *row = findFamily(image);
     return row != nullptr && row->isVacuum;
+}
+
+bool hasStatus(const gripper::Image &image, gripper::Status status)
+{
+    return image.status == static_cast<int>(status);
+}
+
+void refuseFaulty(const gripper::Image &image)
+{
+    if (image.fault.value_or(0) != 0) {
+        throw Failure(ExitCode::Refused,
+                      concat("gripper ", image.id, " has fault ", *image.fault,
+                             ": see its manual; gripperctl activate --again clears the faults that "
+                             "can be cleared"));
+    }
 }
 
 std::string statusText(const gripper::Image &image)

@@ -2,7 +2,7 @@
 
 #include "failure.h"
 
-#include <gripper/image.h>
+#include <gripper/gripper.h>
 
 #include <optional>
 #include <string>
@@ -17,6 +17,11 @@ std::string familyOf(const gripper::Image &image);
 
 /// Whether the gripper sucks. False if its family is not known.
 bool isVacuum(const gripper::Image &image);
+
+bool hasStatus(const gripper::Image &image, gripper::Status status);
+
+/// Throws Failure if the gripper has a fault.
+void refuseFaulty(const gripper::Image &image);
 
 /// inactive, activating, active or released; "?" without a value.
 std::string statusText(const gripper::Image &image);

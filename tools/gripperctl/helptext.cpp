@@ -81,19 +81,18 @@ std::string argumentsOf(const CLI::App &command)
     return join(labels, " ");
 }
 
-std::string HelpText::make_help(const CLI::App *app, std::string /*name*/,
-                                CLI::AppFormatMode /*mode*/) const
+std::string helpOf(const CLI::App &app)
 {
-    if (app->get_parent() == nullptr) {
+    if (app.get_parent() == nullptr) {
         return concat("Usage: gripperctl [OPTION]... COMMAND [ARGUMENT]...\n",
-                      app->get_description(), "\n\nCommands:\n", commandsOf(*app), "\nOptions:\n",
-                      optionsOf(*app), "\nExamples:\n", examples, "\nExit codes:\n", exitCodes,
+                      app.get_description(), "\n\nCommands:\n", commandsOf(app), "\nOptions:\n",
+                      optionsOf(app), "\nExamples:\n", examples, "\nExit codes:\n", exitCodes,
                       "\ngripperctl COMMAND --help explains one command.\n");
     }
-    const std::string arguments = argumentsOf(*app);
-    return concat("Usage: gripperctl [OPTION]... ", app->get_name(), arguments.empty() ? "" : " ",
-                  arguments, '\n', app->get_description(), "\n\nOptions:\n", optionsOf(*app),
-                  "\nExample:\n  gripperctl ", app->get_footer(), '\n');
+    const std::string arguments = argumentsOf(app);
+    return concat("Usage: gripperctl [OPTION]... ", app.get_name(), arguments.empty() ? "" : " ",
+                  arguments, '\n', app.get_description(), "\n\nOptions:\n", optionsOf(app),
+                  "\nExample:\n  gripperctl ", app.get_footer(), '\n');
 }
 
 } // namespace gripperctl

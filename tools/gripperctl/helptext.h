@@ -6,13 +6,8 @@
 
 namespace gripperctl {
 
-/// Writes the help of the program and of a command.
-class HelpText : public CLI::FormatterBase
-{
-public:
-    std::string make_help(const CLI::App *app, std::string name,
-                          CLI::AppFormatMode mode) const override;
-};
+/// The help of the program or of a command.
+std::string helpOf(const CLI::App &app);
 
 /// The words of a command that are no options, as the help shows them: "POSITION".
 std::string argumentsOf(const CLI::App &command);

@@ -3,7 +3,6 @@
 #include "interruption.h"
 #include "program.h"
 
-#include <csignal>
 #include <utility>
 
 namespace gripperctl {
@@ -13,21 +12,12 @@ namespace {
 // After this time, a daemon that does not answer shows as an outage.
 constexpr gripper::Seconds answerTimeout{2};
 
-constexpr std::chrono::milliseconds slice{50};
+constexpr std::chrono::milliseconds slice{10};
 
 bool hasNoConnection(const Look &look)
 {
     const auto *outage = std::get_if<gripper::Outage>(&look.items.front());
     return outage != nullptr && outage->reason == gripper::Outage::Reason::NoConnection;
-}
-
-std::vector<gripper::WatchItem> periodOf(gripper::Watch &watch)
-{
-    std::vector<gripper::WatchItem> items;
-    do
-        items.push_back(watch.next());
-    while (!watch.isPeriodOver());
-    return items;
 }
 
 /// Empty if the daemon does not answer.
@@ -48,22 +38,9 @@ void refuseUnusable(Program &program)
                        image.link.value_or("?"));
 }
 
-/// While it exists, the main thread alone receives signals, also of threads that begin now.
-class BlockedSignals
+/// Ends a look.
+struct Stopped
 {
-public:
-    BlockedSignals()
-    {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &m_before);
-    }
-    ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    BlockedSignals(const BlockedSignals &) = delete;
-    BlockedSignals &operator=(const BlockedSignals &) = delete;
-
-private:
-    sigset_t m_before = {};
 };
 
 } // namespace
@@ -74,12 +51,11 @@ const gripper::ReadingTime &Look::time() const
         [](const auto &item) -> const auto & { return item.time; }, items.front());
 }
 
-Looks::Looks(Program &program, double intervalSeconds, std::optional<int> count)
+Looks::Looks(Program &program, gripper::Seconds interval, std::optional<int> count)
     : m_count(count)
-    , m_hostCount(program.settings().endpoints.size())
 {
     catchInterruptions();
-    if (m_hostCount == 1)
+    if (program.settings().endpoints.size() == 1)
         refuseUnusable(program);
     const gripper::Options options{program.timeoutOr(answerTimeout), [this] {
                                        if (m_isStopped)
@@ -87,72 +63,57 @@ Looks::Looks(Program &program, double intervalSeconds, std::optional<int> count)
                                    }};
     const std::optional<int> gripper = program.settings().gripper;
     const std::vector<int> ids = gripper ? std::vector<int>{*gripper} : std::vector<int>();
-    const BlockedSignals blocked;
     for (const gripper::Endpoint &endpoint : program.settings().endpoints) {
         gripper::Line line(endpoint, options);
-        gripper::Watch watch = line.watch(ids, 1 / intervalSeconds);
-        m_threads.emplace_back(&Looks::look, this, std::move(line), std::move(watch));
+        gripper::Watch watch = line.watch(ids, 1 / interval.count());
+        beginLook(m_hosts.emplace_back(Host{std::move(line), std::move(watch)}));
     }
-}
-
-Looks::~Looks()
-{
-    {
-        // Under the lock, because a thread may be about to wait in push().
-        const std::lock_guard lock(m_mutex);
-        m_isStopped = true;
-    }
-    m_changed.notify_all();
-    for (std::thread &thread : m_threads)
-        thread.join();
 }
 
 std::optional<Look> Looks::next(Clock::time_point end)
 {
-    std::unique_lock lock(m_mutex);
-    while (m_looks.empty()) {
-        throwIfInterrupted();
-        if (m_endedCount == m_hostCount || Clock::now() >= end)
-            return std::nullopt;
-        m_changed.wait_for(lock, slice);
+    bool isPending = true;
+    while (isPending && Clock::now() < end) {
+        isPending = false;
+        for (Host &host : m_hosts) {
+            throwIfInterrupted();
+            if (!host.pending.valid())
+                continue;
+            isPending = true;
+            if (host.pending.wait_for(slice) != std::future_status::ready)
+                continue;
+            Look look = host.pending.get();
+            beginLook(host);
+            return look;
+        }
     }
-    throwIfInterrupted();
-    Look look = std::move(m_looks.front());
-    m_looks.pop_front();
-    m_changed.notify_all();
+    return std::nullopt;
+}
+
+Look Looks::look(Host &host)
+{
+    Look look{host.line.endpoint().text(), {}, {}, Standstill::No, {}};
+    std::vector<gripper::Image> images;
+    do {
+        look.items.push_back(host.watch.next());
+        if (const auto *image = std::get_if<gripper::Image>(&look.items.back()))
+            images.push_back(*image);
+    } while (!host.watch.isPeriodOver());
+    if (hasNoConnection(look))
+        host.driver.clear();
+    else if (host.driver.empty())
+        host.driver = driverOf(host.line);
+    look.driver = host.driver;
+    look.standstill = host.judge.judge(images);
+    look.unchangedSince = host.judge.since();
     return look;
 }
 
-void Looks::look(gripper::Line line, gripper::Watch watch)
+/// After the last look, none is pending.
+void Looks::beginLook(Host &host) const
 {
-    try {
-        std::string driver;
-        for (int looks = 0; !m_count || looks < *m_count; ++looks) {
-            Look look{line.endpoint().text(), {}, periodOf(watch)};
-            if (hasNoConnection(look))
-                driver.clear();
-            else if (driver.empty())
-                driver = driverOf(line);
-            look.driver = driver;
-            push(std::move(look));
-        }
-    } catch (const Stopped &) {
-        return;
-    }
-    const std::lock_guard lock(m_mutex);
-    ++m_endedCount;
-    m_changed.notify_all();
-}
-
-/// Waits while the reader is slow.
-void Looks::push(Look look)
-{
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [this] { return m_isStopped || m_looks.size() < m_hostCount; });
-    if (m_isStopped)
-        throw Stopped();
-    m_looks.push_back(std::move(look));
-    m_changed.notify_all();
+    if (!m_count || host.looks++ < *m_count)
+        host.pending = std::async(std::launch::async, [&host] { return look(host); });
 }
 
 } // namespace gripperctl

@@ -1,15 +1,15 @@
 #pragma once
 
+#include "standstill.h"
+
 #include <gripper/line.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <deque>
-#include <mutex>
+#include <future>
+#include <list>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace gripperctl {
@@ -22,12 +22,14 @@ struct Look
     std::string host;
     std::string driver; ///< the version of the driver; empty if the daemon does not answer
     std::vector<gripper::WatchItem> items; ///< at least one
+    Standstill standstill = Standstill::No;
+    gripper::ReadingTime unchangedSince;
 
     const gripper::ReadingTime &time() const;
 };
 
-/// Looks at one or several daemons periodically. Each daemon has a thread of its own, so that one
-/// that does not answer never delays the others.
+/// Looks at one or several daemons periodically. Each look has a thread of its own, so that a
+/// daemon that does not answer never delays the others.
 class Looks
 {
 public:
@@ -36,9 +38,9 @@ public:
     /// Begins to look: at the gripper of --gripper, or at all. With one daemon, it throws Failure
     /// if this daemon does not answer or does not list the gripper. `count` looks at each daemon
     /// end the work.
-    Looks(Program &program, double intervalSeconds, std::optional<int> count = {});
+    Looks(Program &program, gripper::Seconds interval, std::optional<int> count = {});
     /// Ends all threads, within 50 ms.
-    ~Looks();
+    ~Looks() { m_isStopped = true; }
     Looks(const Looks &) = delete;
     Looks &operator=(const Looks &) = delete;
 
@@ -46,21 +48,22 @@ public:
     std::optional<Look> next(Clock::time_point end = Clock::time_point::max());
 
 private:
-    struct Stopped
+    struct Host
     {
+        gripper::Line line;
+        gripper::Watch watch;
+        std::string driver = {};
+        StandstillJudge judge = {};
+        int looks = 0;
+        std::future<Look> pending = {}; ///< its destructor waits; so it is the last member
     };
 
-    void look(gripper::Line line, gripper::Watch watch);
-    void push(Look look);
+    static Look look(Host &host);
+    void beginLook(Host &host) const;
 
     const std::optional<int> m_count;
-    const std::size_t m_hostCount;
     std::atomic<bool> m_isStopped = false;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::deque<Look> m_looks;
-    std::size_t m_endedCount = 0; ///< threads that have pushed their last look
-    std::vector<std::thread> m_threads;
+    std::list<Host> m_hosts;
 };
 
 } // namespace gripperctl

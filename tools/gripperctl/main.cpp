@@ -1,5 +1,6 @@
 // The command-line client of the daemon.
 #include "app.h"
+#include "commandoptions.h"
 #include "standarddescriptors.h"
 
 #include <algorithm>
@@ -11,28 +12,13 @@ namespace gripperctl {
 
 namespace {
 
-bool takesValue(const CLI::App &command, const std::string &name)
-{
-    const CLI::Option *option = command.get_option_no_throw(name);
-    return option != nullptr && option->nonpositional() && option->get_items_expected_min() > 0;
-}
-
 /// Options may precede their command. CLI11 knows them only after it. Returns the reversed words,
 /// which CLI11 wants.
-std::vector<std::string> commandFirst(const CLI::App &app, std::vector<std::string> words)
+std::vector<std::string> commandFirst(CLI::App &app, std::vector<std::string> words)
 {
-    const std::vector<const CLI::App *> commands = app.get_subcommands({});
-    const auto isCommand = [&](const std::string &word) {
-        return std::any_of(commands.begin(), commands.end(),
-                           [&](const CLI::App *command) { return command->get_name() == word; });
-    };
-    const auto isValueOf = [&](const std::string &name) {
-        return takesValue(app, name) ||
-               std::any_of(commands.begin(), commands.end(),
-                           [&](const CLI::App *command) { return takesValue(*command, name); });
-    };
     for (auto word = words.begin(); word != words.end(); ++word) {
-        if (!isCommand(*word) || (word != words.begin() && isValueOf(*(word - 1))))
+        const bool isValue = word != words.begin() && takesValue(app, *(word - 1));
+        if (isValue || findCommand(app, *word) == nullptr)
             continue;
         std::rotate(words.begin(), word, word + 1);
         break;
@@ -47,9 +33,9 @@ Failure parsed(CLI::App &app, int argc, char *argv[])
     try {
         app.parse(commandFirst(app, std::vector<std::string>(argv + 1, argv + argc)));
     } catch (const CLI::CallForHelp &) {
-        writeOut(app.help());
+        Output::print(app.help());
     } catch (const CLI::CallForVersion &version) {
-        writeOut(std::string(version.what()) + '\n');
+        Output::print(std::string(version.what()) + '\n');
     } catch (const CLI::ParseError &error) {
         return usageFailure(app, error);
     } catch (const gripper::Error &error) {

@@ -49,17 +49,22 @@ bool Output::isTerminal()
     return ::isatty(STDOUT_FILENO) == 1;
 }
 
-bool Output::result(const std::string &text, const Json &json)
+bool Output::print(const std::string &text)
 {
-    endStage();
     errno = 0;
-    if (writeOut(m_isJson ? asLine(json) : text + '\n'))
+    if (writeOut(text))
         return true;
     // The reader closed the pipe, or the user pressed Ctrl-C: neither needs a message.
     if (errno == EPIPE || errno == EINTR)
         return false;
     throw Failure(ExitCode::LocalProblem,
                   concat("cannot write the result: ", std::strerror(errno)));
+}
+
+bool Output::result(const std::string &text, const Json &json)
+{
+    endStage();
+    return print(m_isJson ? asLine(json) : text + '\n');
 }
 
 void Output::partialResult(const std::string &text)

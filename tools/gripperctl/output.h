@@ -20,8 +20,12 @@ public:
     /// Whether standard output is a terminal.
     static bool isTerminal();
 
+    /// Writes `text` to standard output at once. Returns false if the reader has closed the pipe.
+    /// Throws Failure for any other error.
+    static bool print(const std::string &text);
+
     /// Ends the stage and prints the result: `text`, which may have several lines, or one line of
-    /// JSON. Returns false if the reader has closed the pipe. Throws Failure for any other error.
+    /// JSON. Returns and throws as print() does.
     bool result(const std::string &text, const Json &json);
 
     /// Prints a part of the result as text. With JSON it prints nothing, because the final JSON

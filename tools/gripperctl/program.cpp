@@ -61,7 +61,8 @@ gripper::Options Program::options()
 
 void Program::pause(gripper::Seconds time)
 {
-    gripper::Connection(endpoint(), options()).pause(time, gripper::Deadline(time));
+    // It connects with the first exchange only.
+    gripper::Connection(gripper::Endpoint(), options()).pause(time, gripper::Deadline(time));
 }
 
 int Program::listedGripperId()

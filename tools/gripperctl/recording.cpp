@@ -5,8 +5,10 @@
 #include "text.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <iomanip>
 #include <sstream>
 #include <utility>
@@ -16,6 +18,8 @@ namespace gripperctl {
 namespace {
 
 enum Column { Time, Seconds, Gripper, Position, Requested, Current, Object, Fault, Link, Columns };
+
+constexpr const char *header = "time,seconds,gripper,position,requested,current,object,fault,link";
 
 constexpr const char *isMissing = "MISSING";
 
@@ -80,26 +84,41 @@ bool isTime(const std::string &text)
 
 } // namespace
 
-const char *const recordingHeader =
-    "time,seconds,gripper,position,requested,current,object,fault,link";
+RecordingWriter::RecordingWriter(const std::string &path)
+    : m_path(path)
+    , m_file(path)
+{
+    append(header);
+}
 
-std::string RecordingWriter::lineOf(const gripper::WatchItem &item)
+void RecordingWriter::write(const gripper::WatchItem &item)
 {
     const auto [id, time] =
         std::visit([](const auto &one) { return std::pair(one.id, one.time); }, item);
     const std::chrono::duration<double> sinceStart = time.monotonic - m_start;
-    const std::string begin = concat(timeText(time.wall), ',', std::fixed, std::setprecision(3),
-                                     std::max(0.0, sinceStart.count()), ',', id, ',');
+    std::string line = concat(timeText(time.wall), ',', std::fixed, std::setprecision(3),
+                              std::max(0.0, sinceStart.count()), ',', id, ',');
     if (const auto *image = std::get_if<gripper::Image>(&item)) {
         m_outages.erase(id);
-        return concat(begin, numberText(image->position), ',', numberText(image->requestedPosition),
-                      ',', numberText(image->current), ',', objectText(*image), ',',
-                      numberText(image->fault), ',', image->line.text);
+        line += concat(numberText(image->position), ',', numberText(image->requestedPosition), ',',
+                       numberText(image->current), ',', objectText(*image), ',',
+                       numberText(image->fault), ',', image->line.text);
+    } else {
+        std::string cause = causeOf(std::get<gripper::Outage>(item));
+        std::replace(cause.begin(), cause.end(), ',', ' ');
+        if (std::exchange(m_outages[id], cause) == cause)
+            return;
+        line += ",,,,," + cause;
     }
-    std::string cause = causeOf(std::get<gripper::Outage>(item));
-    std::replace(cause.begin(), cause.end(), ',', ' ');
-    std::string &written = m_outages[id];
-    return std::exchange(written, cause) == cause ? std::string() : begin + ",,,,," + cause;
+    append(line);
+    ++m_lines;
+}
+
+void RecordingWriter::append(const std::string &line)
+{
+    if (!(m_file << line << std::endl))
+        throw Failure(ExitCode::LocalProblem,
+                      concat("cannot write ", m_path, ": ", std::strerror(errno)));
 }
 
 Recording parseRecording(const std::string &text)
@@ -113,7 +132,7 @@ Recording parseRecording(const std::string &text)
             line.pop_back();
         return isRead;
     };
-    if (!readLine() || line != recordingHeader)
+    if (!readLine() || line != header)
         fail(1);
     Recording recording;
     for (int number = 2; readLine(); ++number) {

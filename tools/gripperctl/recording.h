@@ -3,30 +3,34 @@
 #include <gripper/watch.h>
 
 #include <chrono>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
 
 namespace gripperctl {
 
-/// The first line of a recording, a file of comma-separated values.
-extern const char *const recordingHeader;
-
-/// Makes the lines of a recording: one for each image, and one at the begin of each outage.
+/// Writes a recording, a file of comma-separated values: one line for each image, and one at the
+/// begin of each outage. The file is complete after each line, even if this process is killed.
 class RecordingWriter
 {
 public:
-    /// `start` is the time 0.
-    explicit RecordingWriter(std::chrono::steady_clock::time_point start)
-        : m_start(start)
-    {
-    }
+    /// Overwrites the file. Throws Failure, as write() does.
+    explicit RecordingWriter(const std::string &path);
 
-    /// Empty for an outage that has its line already.
-    std::string lineOf(const gripper::WatchItem &item);
+    /// Writes nothing for an outage that has its line already.
+    void write(const gripper::WatchItem &item);
+
+    /// The number of lines after the first, which has the names of the columns.
+    int lines() const { return m_lines; }
 
 private:
-    std::chrono::steady_clock::time_point m_start;
+    void append(const std::string &line);
+
+    std::string m_path;
+    std::ofstream m_file;
+    int m_lines = 0;
+    std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now(); ///< time 0
     std::map<int, std::string> m_outages; ///< what is written of the present outages
 };
 

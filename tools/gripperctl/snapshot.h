@@ -1,6 +1,7 @@
 #pragma once
 
 #include "program.h"
+#include "standstill.h"
 
 #include <string>
 #include <vector>
@@ -13,8 +14,9 @@ struct Snapshot
     gripper::Endpoint endpoint;
     gripper::LineImage line;
     std::vector<gripper::Image> grippers;
+    Standstill standstill = Standstill::No;
 
-    /// With --gripper, only this one.
+    /// With --gripper, only this one. While a gripper moves, waits up to 2 s for a new value.
     static Snapshot take(Program &program, const gripper::Endpoint &endpoint);
 
     std::string driver() const { return line.driver.value_or("?"); }

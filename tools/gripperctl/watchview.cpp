@@ -173,6 +173,10 @@ std::vector<ScreenLine> watchScreen(const std::map<std::string, Look> &looks, in
     std::vector<ScreenLine> lines;
     for (const auto &[host, look] : looks) {
         lines.push_back(headLine(look));
+        if (look.standstill != Standstill::No)
+            lines.push_back({concat("no new values since ", clockText(look.unchangedSince), ": ",
+                                    reasonOf(look.standstill)),
+                             look.standstill != Standstill::Possible});
         for (const gripper::WatchItem &item : look.items)
             lines.push_back(screenLine(item, width));
     }
@@ -191,7 +195,10 @@ std::string watchText(const Look &look, bool withHost)
     for (const gripper::WatchItem &item : look.items) {
         text += text.empty() ? "" : "\n";
         const auto words = [](const auto &value) { return wordsOf(value); };
-        text += concat(begin, std::visit(words, item), end);
+        text += begin + std::visit(words, item);
+        if (std::holds_alternative<Image>(item))
+            text += " standstill=" + wordOf(look.standstill);
+        text += end;
     }
     return text;
 }
@@ -215,6 +222,7 @@ Json watchJson(const Look &look)
             {"host", look.host},
             {"driver", look.driver},
             {"link", linkText(look)},
+            {"standstill", wordOf(look.standstill)},
             {"grippers", grippers},
             {"outages", outages}};
 }

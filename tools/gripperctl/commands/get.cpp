@@ -4,8 +4,6 @@
 #include "text.h"
 
 #include <algorithm>
-#include <limits>
-#include <memory>
 
 namespace gripperctl {
 
@@ -56,8 +54,9 @@ Json read(Program &program, const std::vector<std::string> &names)
     return values;
 }
 
-void run(Program &program, std::vector<std::string> names)
+void run(Program &program, const CLI::App &command)
 {
+    std::vector<std::string> names = wordsOf(command);
     std::transform(names.begin(), names.end(), names.begin(), upper);
     const Json values = read(program, names);
     for (const auto &[name, value] : values.items()) {
@@ -79,15 +78,13 @@ void run(Program &program, std::vector<std::string> names)
 
 void addGet(CLI::App &app, Program &program)
 {
-    const auto words = std::make_shared<std::vector<std::string>>();
     CLI::App &command = addCommand(
-        app,
+        app, program,
         {"get", "Read values of the protocol.",
          "For one name, print only the value; for several names, a line \"NAME VALUE\" for each.",
          "get POS OBJ"},
-        [&program, words] { run(program, *words); });
-    addWords(command, "NAME...", *words, 1, std::numeric_limits<int>::max())
-        ->option_text(join(knownNames(), " "));
+        run);
+    addWords(command, "NAME...", 1, manyWords)->option_text(join(knownNames(), " "));
 }
 
 } // namespace gripperctl

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cmath>
 #include <iomanip>
-#include <memory>
 #include <numeric>
 
 namespace gripperctl {
@@ -25,29 +24,36 @@ constexpr gripper::Seconds defaultHzTime{5};
 /// Much shorter than the time between two visits of the daemon.
 constexpr gripper::Seconds readInterval{0.005};
 
-struct Choice
-{
-    std::optional<int> count;
-    std::optional<gripper::Seconds> interval;
-    std::optional<gripper::Seconds> seconds;
-};
-
 double rounded(Milliseconds time)
 {
     return std::round(time.count() * 1000) / 1000;
 }
 
-/// Calls `step` until it returns false, with pauses. Ctrl-C is how a user ends it.
+/// Calls `step` until it returns false, with pauses. Returns the failure of an interruption: the
+/// results up to it count.
 template <typename Step>
-void repeat(const gripper::Connection &connection, gripper::Seconds interval, Step step)
+std::optional<Failure> repeat(const gripper::Connection &connection, gripper::Seconds interval,
+                              Step step)
 {
     try {
         while (step())
             connection.pause(interval, gripper::Deadline(interval));
-    } catch (const Interrupted &) {
-        // The results up to now count.
+    } catch (const Interrupted &interruption) {
+        return failureOf(interruption);
+    }
+    return std::nullopt;
+}
+
+/// Prints the results, also before a failure.
+void report(Program &program, const std::string &text, const Json &json,
+            const std::optional<Failure> &failure)
+{
+    if (!failure) {
+        program.output().result(text, json);
         return;
     }
+    program.output().partialResult(text);
+    throw Failure(failure->code(), failure->what(), json);
 }
 
 void reportReplies(Program &program, int sent, const std::vector<double> &times,
@@ -62,24 +68,21 @@ void reportReplies(Program &program, int sent, const std::vector<double> &times,
         text += concat(", min ", *min, " ms, mean ", mean, " ms, max ", *max, " ms");
         json.update({{"minMs", *min}, {"meanMs", mean}, {"maxMs", *max}});
     }
-    if (failure) {
-        program.output().partialResult(text);
-        throw Failure(failure->code(), concat("replies are missing: ", failure->what()), json);
-    }
-    program.output().result(text, json);
+    report(program, text, json, failure);
 }
 
-void ping(Program &program, const Choice &choice)
+void ping(Program &program, const CLI::App &command)
 {
     gripper::Connection connection(program.endpoint(), program.options());
     const gripper::Seconds timeout = program.timeoutOr(answerTimeout);
     // The time to connect belongs to no reply.
     connection.open(gripper::Deadline(timeout));
-    const int count = choice.count.value_or(defaultCount);
+    const int count = numberOf(command, "--count").value_or(defaultCount);
+    const auto interval = secondsOf(command, "--interval").value_or(defaultPingInterval);
     int sent = 0;
     std::vector<double> times;
     std::optional<Failure> failure;
-    repeat(connection, choice.interval.value_or(defaultPingInterval), [&] {
+    const auto interruption = repeat(connection, interval, [&] {
         ++sent;
         const auto begin = Clock::now();
         try {
@@ -87,12 +90,13 @@ void ping(Program &program, const Choice &choice)
             times.push_back(rounded(Clock::now() - begin));
             program.output().partialResult(concat(sent, ": ", times.back(), " ms"));
         } catch (const gripper::CommunicationError &error) {
-            failure = failureOf(error);
+            const Failure missing = failureOf(error);
+            failure = Failure(missing.code(), concat("replies are missing: ", missing.what()));
             program.output().partialResult(concat(sent, ": ", error.what()));
         }
         return sent < count;
     });
-    reportReplies(program, sent, times, failure);
+    reportReplies(program, sent, times, interruption ? interruption : failure);
 }
 
 /// The values that a gripper shows, as text.
@@ -106,7 +110,8 @@ std::string valuesOf(gripper::Connection &connection)
 }
 
 void reportChanges(Program &program, int id, Milliseconds taken, int reads,
-                   const std::vector<Clock::time_point> &changes)
+                   const std::vector<Clock::time_point> &changes,
+                   const std::optional<Failure> &interruption)
 {
     std::string text = concat("gripper ", id, ": ", changes.size(), " new values in ", std::fixed,
                               std::setprecision(1), taken.count() / 1000, " s");
@@ -131,54 +136,52 @@ void reportChanges(Program &program, int id, Milliseconds taken, int reads,
                      {"maxMs", intervals.back()},
                      {"rate", rate}});
     }
-    program.output().result(text, json);
+    report(program, text, json, interruption);
 }
 
-void hz(Program &program, const Choice &choice)
+void hz(Program &program, const CLI::App &command)
 {
     const int id = program.listedGripperId();
     gripper::Connection connection(program.endpoint(), program.options(), id);
     program.output().begin(concat("reading gripper ", id));
     const Clock::time_point begin = Clock::now();
-    const gripper::Seconds time = choice.seconds.value_or(defaultHzTime);
+    const gripper::Seconds time = secondsOf(command, "--seconds").value_or(defaultHzTime);
     std::vector<Clock::time_point> changes;
     std::string values;
     int reads = 0;
-    repeat(connection, readInterval, [&] {
+    const auto interruption = repeat(connection, readInterval, [&] {
         const std::string before = std::exchange(values, valuesOf(connection));
         if (reads++ > 0 && values != before)
             changes.push_back(Clock::now());
         return Clock::now() - begin < time;
     });
-    reportChanges(program, id, Clock::now() - begin, reads, changes);
+    reportChanges(program, id, Clock::now() - begin, reads, changes, interruption);
 }
 
 } // namespace
 
 void addPing(CLI::App &app, Program &program)
 {
-    const auto choice = std::make_shared<Choice>();
-    CLI::App &command = addCommand(app,
-                                   {"ping", "Measure how long the daemon takes to answer.",
-                                    "The time includes the network and the daemon, but no gripper. "
-                                    "Fails if a reply is missing.",
-                                    "ping --count 100 --interval 0.1"},
-                                   [&program, choice] { ping(program, *choice); });
-    addNumber(command, "--count", choice->count, 1, maxCount,
-              "End after this number of requests (default 5).");
-    addSeconds(command, "--interval", choice->interval, "Time between two requests (default 1).");
+    CLI::App &command =
+        addCommand(app, program,
+                   {"ping", "Measure how long the daemon takes to answer.",
+                    "The time includes the network and the daemon, but no gripper. Fails if a "
+                    "reply is missing.",
+                    "ping --count 100 --interval 0.1"},
+                   ping);
+    addNumber(command, "--count", 1, maxCount, "End after this number of requests (default 5).");
+    addSeconds(command, "--interval", "Time between two requests (default 1).");
 }
 
 void addHz(CLI::App &app, Program &program)
 {
-    const auto choice = std::make_shared<Choice>();
     CLI::App &command =
-        addCommand(app,
+        addCommand(app, program,
                    {"hz", "Measure how often the daemon has new values of the gripper.",
                     "Counts changes, so let the gripper move meanwhile. Ctrl-C ends it early.",
                     "hz --seconds 10"},
-                   [&program, choice] { hz(program, *choice); });
-    addSeconds(command, "--seconds", choice->seconds, "End after this time (default 5).");
+                   hz);
+    addSeconds(command, "--seconds", "End after this time (default 5).");
 }
 
 } // namespace gripperctl

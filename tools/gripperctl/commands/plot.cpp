@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 
 #include <sys/wait.h>
 
@@ -20,12 +19,6 @@ namespace gripperctl {
 namespace {
 
 namespace fs = std::filesystem;
-
-struct PlotOptions
-{
-    std::string path;
-    std::string picture;
-};
 
 [[noreturn]] void fail(const std::string &problem)
 {
@@ -83,11 +76,12 @@ bool isComplete(const fs::path &picture, bool isPng)
     return end.find(isPng ? "IEND" : "</svg>") != std::string::npos;
 }
 
-void plot(Program &program, const PlotOptions &options)
+void plot(Program &program, const CLI::App &command)
 {
-    const fs::path path(options.path);
-    const fs::path picture = options.picture.empty() ? fs::path(path).replace_extension(".svg")
-                                                     : fs::path(options.picture);
+    const fs::path path(wordsOf(command).front());
+    fs::path picture = textOf(command, "--output");
+    if (picture.empty())
+        picture = fs::path(path).replace_extension(".svg");
     const bool wantsPng = isPng(picture);
     // gnuplot runs a name that begins with "|" as a command.
     const fs::path noCommand = fs::path(".") / picture;
@@ -101,16 +95,13 @@ void plot(Program &program, const PlotOptions &options)
 
 void addPlot(CLI::App &app, Program &program)
 {
-    const auto options = std::make_shared<PlotOptions>();
-    CLI::App &command = addCommand(app,
+    CLI::App &command = addCommand(app, program,
                                    {"plot", "Draw a recording, with gnuplot.",
                                     "This needs no daemon.", "plot grip.csv -o grip.png"},
-                                   [&program, options] { plot(program, *options); });
-    addWord(command, "FILE.csv", options->path)->option_text(filesOffered);
-    command
-        .add_option("-o,--output", options->picture,
-                    "The picture, .svg or .png (default: the recording's name with .svg).")
-        ->type_name("FILE")
+                                   plot);
+    addWords(command, "FILE.csv", 1, 1)->option_text(filesOffered);
+    addText(command, "-o,--output", "FILE",
+            "The picture, .svg or .png (default: the recording's name with .svg).")
         ->option_text(filesOffered);
 }
 

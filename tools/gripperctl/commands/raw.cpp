@@ -6,7 +6,6 @@
 
 #include <array>
 #include <iostream>
-#include <memory>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -126,8 +125,9 @@ private:
     int m_unanswered = 0;
 };
 
-void raw(Program &program, const std::vector<std::string> &lines)
+void raw(Program &program, const CLI::App &command)
 {
+    const std::vector<std::string> &lines = wordsOf(command);
     RawSession session(program);
     for (const std::string &line : lines)
         session.exchange(line);
@@ -144,15 +144,14 @@ void raw(Program &program, const std::vector<std::string> &lines)
 
 void addRaw(CLI::App &app, Program &program)
 {
-    const auto lines = std::make_shared<std::vector<std::string>>();
     CLI::App &command =
-        addCommand(app,
+        addCommand(app, program,
                    {"raw", "Send lines of the protocol, and show the replies, with times.",
                     "Reads the lines from standard input if none is given. Refuses nothing: see "
                     "gripperd-protocol(7).",
                     "raw \"GET POS\" \"SET MSC 100\""},
-                   [&program, lines] { raw(program, *lines); });
-    command.add_option("lines", *lines)->type_name("[LINE]...");
+                   raw);
+    addWords(command, "[LINE]...", 1, manyWords)->required(false);
 }
 
 } // namespace gripperctl

@@ -4,7 +4,6 @@
 #include "text.h"
 
 #include <algorithm>
-#include <memory>
 
 namespace gripperctl {
 
@@ -32,8 +31,9 @@ int newIdFrom(const std::string &word)
     return id;
 }
 
-void run(Program &program, const std::vector<std::string> &words)
+void run(Program &program, const CLI::App &command)
 {
+    const std::vector<std::string> &words = wordsOf(command);
     const int from = idFrom(words.front());
     const int to = newIdFrom(words.back());
     gripper::Line line = program.line();
@@ -57,15 +57,14 @@ void run(Program &program, const std::vector<std::string> &words)
 
 void addRename(CLI::App &app, Program &program)
 {
-    const auto words = std::make_shared<std::vector<std::string>>();
     CLI::App &command = addCommand(
-        app,
+        app, program,
         {"rename", "Give a gripper another id: 9, 2, 3 or 4.",
          "This takes about ten seconds. Other ids are refused, because no scan looks for them.",
          "rename 9 2"},
-        [&program, words] { run(program, *words); });
+        run);
     const auto &ids = gripper::Line::scannedIds;
-    addWords(command, "OLD NEW", *words, 2, 2)
+    addWords(command, "OLD NEW", 2, 2)
         ->option_text(join(std::vector<int>(ids.begin(), ids.end()), " "));
 }
 

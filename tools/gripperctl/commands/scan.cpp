@@ -19,7 +19,7 @@ std::string lineOf(const gripper::Image &image)
                   image.serialNumber.value_or("?"));
 }
 
-void run(Program &program)
+void run(Program &program, const CLI::App & /*command*/)
 {
     program.output().begin("scanning the line");
     program.line().scan(program.timeoutOr(scanTimeout));
@@ -41,10 +41,10 @@ void run(Program &program)
 
 void addScan(CLI::App &app, Program &program)
 {
-    addCommand(app,
+    addCommand(app, program,
                {"scan", "Look for grippers again, and show those found.",
                 "A scan takes one or two seconds. Polling pauses during the scan.", "scan"},
-               [&program] { run(program); });
+               run);
 }
 
 } // namespace gripperctl

@@ -4,10 +4,6 @@
 #include "interruption.h"
 #include "text.h"
 
-#include <algorithm>
-#include <limits>
-#include <memory>
-
 namespace gripperctl {
 
 namespace {
@@ -77,31 +73,30 @@ int valueFrom(const std::string &word)
     return *value;
 }
 
-/// A variable and its value.
-struct Wanted
+struct Request
 {
-    const gripper::SetVariable *row;
-    int value;
+    std::vector<gripper::Pair> pairs;
+    bool isSlow = false;
+    bool needsGripper = false;
+    bool entersBootloader = false;
 };
 
-std::vector<Wanted> wantedFrom(const std::vector<std::string> &words)
+Request requestFrom(const std::vector<std::string> &words)
 {
-    std::vector<Wanted> wanted;
+    Request request;
     for (auto word = words.begin(); word != words.end(); ++word) {
         const gripper::SetVariable &row = rowOf(*word);
         if (const char *problem = refusalOf(row.name))
             throw Failure(ExitCode::WrongUsage, problem);
-        const auto next = word + 1;
-        if (next != words.end() && isNumberLike(*next)) {
-            wanted.push_back({&row, valueFrom(*next)});
-            word = next;
-        } else if (row.range == "any") {
-            wanted.push_back({&row, anyValue});
-        } else {
+        const bool hasNumber = word + 1 != words.end() && isNumberLike(*(word + 1));
+        if (!hasNumber && row.range != "any")
             refuse(concat(row.name, " needs a number (", row.range, ')'));
-        }
+        request.pairs.emplace_back(row.name, hasNumber ? valueFrom(*++word) : anyValue);
+        request.isSlow |= row.mayWait;
+        request.needsGripper |= row.needsGripper;
+        request.entersBootloader |= row.name == "BLD";
     }
-    return wanted;
+    return request;
 }
 
 /// Polling stays muted, because the bootloader then has the line. Not interruptible: the daemon
@@ -118,33 +113,26 @@ bool sendIntoBootloader(Program &program, gripper::Connection &connection,
     return true;
 }
 
-void run(Program &program, const std::vector<std::string> &words)
+void run(Program &program, const CLI::App &command)
 {
-    const std::vector<Wanted> wanted = wantedFrom(words);
-    const auto anyRow = [&](auto isSuch) {
-        return std::any_of(wanted.begin(), wanted.end(),
-                           [&](const Wanted &one) { return isSuch(*one.row); });
-    };
-    std::vector<gripper::Pair> pairs;
-    pairs.reserve(wanted.size());
-    for (const Wanted &one : wanted)
-        pairs.emplace_back(one.row->name, one.value);
+    const Request request = requestFrom(wordsOf(command));
     const gripper::Options options = program.options();
-    const bool isSlow = anyRow([](const auto &row) { return row.mayWait; });
-    const gripper::Seconds timeout = isSlow ? program.timeoutOr(slowTimeout) : options.timeout;
+    const gripper::Seconds timeout =
+        request.isSlow ? program.timeoutOr(slowTimeout) : options.timeout;
     std::optional<int> id;
-    if (anyRow([](const auto &row) { return row.needsGripper; }))
+    if (request.needsGripper)
         id = program.listedGripperId();
     gripper::Connection connection(program.endpoint(), options, id);
     if (!connection.open(gripper::Deadline(options.timeout)))
         throw Failure(ExitCode::NoGripper,
                       concat("gripper ", *id, " has just disappeared: see gripperctl status"));
     bool isAcknowledged = false;
-    if (anyRow([](const auto &row) { return row.name == "BLD"; }))
-        program.muting(
-            [&] { isAcknowledged = sendIntoBootloader(program, connection, pairs, timeout); });
+    if (request.entersBootloader)
+        program.muting([&] {
+            isAcknowledged = sendIntoBootloader(program, connection, request.pairs, timeout);
+        });
     else
-        isAcknowledged = connection.set(pairs, gripper::Deadline(timeout));
+        isAcknowledged = connection.set(request.pairs, gripper::Deadline(timeout));
     if (!isAcknowledged)
         throw Failure(ExitCode::Refused,
                       "gripperd refused the request (nak): check the range of each number, and "
@@ -156,16 +144,14 @@ void run(Program &program, const std::vector<std::string> &words)
 
 void addSet(CLI::App &app, Program &program)
 {
-    const auto words = std::make_shared<std::vector<std::string>>();
     CLI::App &command =
-        addCommand(app,
+        addCommand(app, program,
                    {"set", "Set variables of the protocol, in one request.",
                     "Numbers are 0 to 255. Settings for the next movement may come in any order.\n"
                     "SCN, SCN_BLOCK and BLD need no number.",
                     "set MSC 100"},
-                   [&program, words] { run(program, *words); });
-    addWords(command, "NAME [NUMBER]...", *words, 1, std::numeric_limits<int>::max())
-        ->option_text(join(namesToSet(), " "));
+                   run);
+    addWords(command, "NAME [NUMBER]...", 1, manyWords)->option_text(join(namesToSet(), " "));
 }
 
 } // namespace gripperctl

@@ -6,7 +6,6 @@
 #include "text.h"
 
 #include <algorithm>
-#include <memory>
 
 namespace gripperctl {
 
@@ -36,7 +35,10 @@ std::string tableOf(const Snapshot &snapshot)
                                                 "STATUS", "POS", "OBJECT", "FAULT", "CYCLES"}};
     for (const gripper::Image &image : snapshot.grippers)
         rows.push_back(rowOf(image));
-    return join(tableLines(rows), "\n");
+    std::string text = join(tableLines(rows), "\n");
+    if (snapshot.standstill != Standstill::No)
+        text += "\nno new values: " + reasonOf(snapshot.standstill);
+    return text;
 }
 
 std::vector<int> idsFrom(const std::string &list)
@@ -97,23 +99,23 @@ void show(Program &program, const gripper::Endpoint &endpoint, const std::vector
     program.output().result(text, snapshot.json());
 }
 
+void run(Program &program, const CLI::App &command)
+{
+    const std::string list = textOf(command, "--expect");
+    const std::vector<int> ids = list.empty() ? std::vector<int>() : idsFrom(list);
+    program.forEachHost([&](const gripper::Endpoint &endpoint) { show(program, endpoint, ids); });
+}
+
 } // namespace
 
 void addStatus(CLI::App &app, Program &program)
 {
-    const auto expected = std::make_shared<std::string>();
-    const auto run = [&program, expected] {
-        const std::vector<int> ids = expected->empty() ? std::vector<int>() : idsFrom(*expected);
-        program.forEachHost(
-            [&](const gripper::Endpoint &endpoint) { show(program, endpoint, ids); });
-    };
     CLI::App &command = addCommand(
-        app,
+        app, program,
         {"status", "Show the driver, its link, and every gripper found.",
          "With --gripper, show this gripper only. Several --host are possible.", "status --json"},
         run);
-    command.add_option("--expect", *expected, "Fail unless all these grippers are found.")
-        ->type_name("ID,ID...");
+    addText(command, "--expect", "ID,ID...", "Fail unless all these grippers are found.");
 }
 
 } // namespace gripperctl

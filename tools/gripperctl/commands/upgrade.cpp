@@ -5,7 +5,6 @@
 #include "interruption.h"
 #include "text.h"
 
-#include <memory>
 #include <optional>
 
 namespace gripperctl {
@@ -13,12 +12,6 @@ namespace gripperctl {
 namespace {
 
 using Stage = gripper::UpgradeStage;
-
-struct Choice
-{
-    bool isConfirmed = false;
-    std::string expected;
-};
 
 /// Shows the stages of an upgrade, and keeps what its errors depend on.
 class Progress
@@ -153,19 +146,19 @@ std::string upgrade(Program &program, gripper::Gripper &gripper, const std::stri
     }
 }
 
-void run(Program &program, const Choice &choice)
+void run(Program &program, const CLI::App &command)
 {
     gripper::Gripper gripper = program.gripper();
     const gripper::Image before = gripper.image();
     refuseDuringUpgrade(before.line);
-    if (!choice.isConfirmed)
+    if (!isGiven(command, "--yes"))
         confirm(program, before);
     // The upgrade scans if another gripper may be in its bootloader.
     if (before.listed.size() > 1)
         program.output().begin("scanning the line");
     const std::string old = before.firmware.value_or("?");
     std::string present;
-    program.muting([&] { present = upgrade(program, gripper, old, choice.expected); });
+    program.muting([&] { present = upgrade(program, gripper, old, textOf(command, "--expect")); });
     program.output().result(concat("gripper ", gripper.id(), ": ", versionsText(old, present)),
                             {{"gripper", gripper.id()}, {"old", old}, {"new", present}});
 }
@@ -174,20 +167,17 @@ void run(Program &program, const Choice &choice)
 
 void addUpgrade(CLI::App &app, Program &program)
 {
-    const auto choice = std::make_shared<Choice>();
     CLI::App &command =
-        addCommand(app,
+        addCommand(app, program,
                    {"upgrade", "Write the firmware of the gripper's family into the gripper.",
                     "The image is in the daemon's working directory. This takes about a "
                     "minute;\ndo not switch "
                     "the gripper off meanwhile.",
                     "upgrade --gripper 9 --yes"},
-                   [&program, choice] { run(program, *choice); });
-    command.add_flag("--yes", choice->isConfirmed, "Do not ask for confirmation.");
-    command
-        .add_option("--expect", choice->expected,
-                    "Succeed if the gripper runs this firmware afterwards.")
-        ->type_name("VERSION");
+                   run);
+    addFlag(command, "--yes", "Do not ask for confirmation.");
+    addText(command, "--expect", "VERSION",
+            "Succeed if the gripper runs this firmware afterwards.");
 }
 
 } // namespace gripperctl

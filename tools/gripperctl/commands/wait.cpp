@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
-#include <memory>
 
 namespace gripperctl {
 
@@ -17,30 +16,36 @@ constexpr gripper::Seconds waitTimeout{30};
 // A daemon that hangs, or a host that starts up, ends one look and not the wait.
 constexpr gripper::Seconds lookTimeout{2};
 constexpr double looksPerSecond = 20;
-constexpr gripper::Seconds lookPause{0.1};
 // Fingers that move slowly show a new position in less time.
 constexpr gripper::Seconds standstill{0.5};
 
-/// Whether an image ends the wait. May throw Failure.
-using Condition = std::function<bool(const gripper::Image &image)>;
+using gripper::Image;
+using gripper::Outage;
+using gripper::WatchItem;
 
-void refuseFaulty(const gripper::Image &image)
+/// A state to wait for.
+struct State
 {
-    if (image.fault.value_or(0) != 0)
-        throw Failure(ExitCode::Refused,
-                      concat("gripper ", image.id, " has fault ", *image.fault,
-                             ": see its manual; gripperctl activate --again clears the faults that "
-                             "can be cleared"));
+    const char *name;
+    const char *problem; ///< the text after a time-out
+    bool needsGripper;
+    /// May throw Failure.
+    std::function<bool(const WatchItem &item)> isReached;
+};
+
+bool isListed(const Image &image)
+{
+    return std::find(image.listed.begin(), image.listed.end(), image.id) != image.listed.end();
 }
 
-bool isActive(const gripper::Image &image)
+bool isActive(const Image &image)
 {
     refuseFaulty(image);
-    return image.status == static_cast<int>(gripper::Status::Active);
+    return hasStatus(image, gripper::Status::Active);
 }
 
 /// Fingers that an object stopped, or a vacuum at the requested level.
-bool hasPart(const gripper::Image &image)
+bool hasPart(const Image &image)
 {
     constexpr int levelReached = 2;
     if (isVacuum(image))
@@ -48,10 +53,15 @@ bool hasPart(const gripper::Image &image)
     return image.object == static_cast<int>(gripper::Object::Met);
 }
 
+bool hasNoPart(const Image &image)
+{
+    return !hasPart(image);
+}
+
 class StandsStill
 {
 public:
-    bool operator()(const gripper::Image &image)
+    bool operator()(const Image &image)
     {
         const bool isMoving = image.object == static_cast<int>(gripper::Object::Moving);
         if (isMoving || image.position != m_position) {
@@ -66,77 +76,76 @@ private:
     std::chrono::steady_clock::time_point m_since;
 };
 
-std::string describe(const gripper::WatchItem &item)
+bool isAnswer(const WatchItem &item)
 {
-    if (const auto *outage = std::get_if<gripper::Outage>(&item))
+    const auto *outage = std::get_if<Outage>(&item);
+    return outage == nullptr || outage->reason != Outage::Reason::NoConnection;
+}
+
+/// A condition that only an image fulfils: the link runs.
+template <typename Condition>
+auto ofImage(Condition condition)
+{
+    return [condition](const WatchItem &item) mutable {
+        const auto *image = std::get_if<Image>(&item);
+        return image != nullptr && condition(*image);
+    };
+}
+
+std::vector<State> allStates()
+{
+    return {
+        {"daemon", "no answer", false, isAnswer},
+        {"gripper", "not found", true, ofImage(isListed)},
+        {"active", "not active", true, ofImage(isActive)},
+        {"still", "not still", true, ofImage(StandsStill())},
+        {"object", "no object", true, ofImage(hasPart)},
+        {"lost", "not lost", true, ofImage(hasNoPart)},
+    };
+}
+
+std::string describe(const WatchItem &item)
+{
+    if (const auto *outage = std::get_if<Outage>(&item))
         return outage->text;
-    const auto &image = std::get<gripper::Image>(item);
+    const auto &image = std::get<Image>(item);
     return concat("gripper ", image.id, " is ", statusText(image), ", object ", objectText(image),
                   ", position ", numberText(image.position), ", fault ", faultText(image));
 }
 
-/// The end of a wait, also within a look.
-class Limit
+/// Looks again and again, also while the daemon does not answer, or does not list the gripper.
+WatchItem awaitState(Program &program, const State &state)
 {
-public:
-    Limit(Program &program, const std::string &goal)
-        : m_options(program.options())
-        , m_goal(goal)
-        , m_timeout(program.timeoutOr(waitTimeout))
-        , m_end(m_timeout)
-    {
-    }
-
-    /// Valid as long as this object.
-    gripper::Options options() const
-    {
-        return {std::min(m_timeout, lookTimeout), [this] {
-                    m_options.onWaiting();
-                    check();
-                }};
-    }
-
-    /// Keeps the present state, for the message.
-    void note(const std::string &state) { m_state = state; }
-
-    /// Throws Failure after the end. The library does not catch it.
-    void check() const
-    {
-        if (m_end.isOver())
+    const gripper::Seconds timeout = program.timeoutOr(waitTimeout);
+    const gripper::Deadline end(timeout);
+    const gripper::Options usual = program.options();
+    std::string present = "gripperd does not answer";
+    const auto refuseLate = [&] {
+        if (end.isOver())
             throw Failure(ExitCode::TimedOut,
-                          concat(m_goal, " within ", m_timeout.count(), " s: ", m_state));
+                          concat(state.problem, " within ", timeout.count(), " s: ", present));
+    };
+    // Also ends a look that hangs: the library does not catch a Failure.
+    const gripper::Options options{std::min(timeout, lookTimeout), [&] {
+                                       usual.onWaiting();
+                                       refuseLate();
+                                   }};
+    std::vector<int> ids;
+    if (state.needsGripper)
+        ids = {program.gripperId()};
+    gripper::Watch watch(program.endpoint(), options, ids, looksPerSecond);
+    WatchItem item = watch.next();
+    while (!state.isReached(item)) {
+        present = describe(item);
+        refuseLate();
+        item = watch.next();
     }
-
-private:
-    gripper::Options m_options;
-    std::string m_goal;
-    gripper::Seconds m_timeout;
-    gripper::Deadline m_end;
-    std::string m_state = "gripperd does not answer";
-};
-
-/// Also waits while the daemon does not answer, or does not list the gripper.
-void waitForGripper(Program &program, const std::string &state, const Condition &isOver)
-{
-    Limit limit(program, "not " + state);
-    gripper::Watch watch(program.endpoint(), limit.options(), {program.gripperId()},
-                         looksPerSecond);
-    while (true) {
-        const gripper::WatchItem item = watch.next();
-        const auto *image = std::get_if<gripper::Image>(&item);
-        if (image != nullptr && isOver(*image)) {
-            Json json = jsonOf(*image);
-            json["text"] = state;
-            program.output().result(describe(item), json);
-            return;
-        }
-        limit.note(describe(item));
-        limit.check();
-    }
+    return item;
 }
 
-void printLine(Program &program, const gripper::LineImage &image)
+void reportLine(Program &program)
 {
+    const gripper::LineImage image = program.line().image();
     program.output().result(concat("driver ", image.driver.value_or("?"), ", link ",
                                    image.link.value_or("?"), ", grippers ",
                                    listOfIds(image.ids.value_or(std::vector<int>()))),
@@ -145,63 +154,34 @@ void printLine(Program &program, const gripper::LineImage &image)
                              {"grippers", jsonOf(image.ids)}});
 }
 
-void waitForDaemon(Program &program)
+void waitFor(Program &program, const State &state)
 {
-    Limit limit(program, "no answer");
-    gripper::Connection connection(program.endpoint(), limit.options());
-    gripper::Line line(program.endpoint(), limit.options());
-    while (true) {
-        try {
-            printLine(program, line.image());
-            return;
-        } catch (const gripper::ProtocolError &) {
-            throw;
-        } catch (const gripper::CommunicationError &error) {
-            limit.note(error.what());
-        }
-        connection.pause(lookPause, gripper::Deadline(lookPause));
+    program.output().begin(concat("waiting for ", state.name));
+    const WatchItem item = awaitState(program, state);
+    const std::string name = state.name;
+    if (name == "daemon" || name == "gripper") {
+        reportLine(program);
+        return;
     }
+    Json json = jsonOf(std::get<Image>(item));
+    json["text"] = name;
+    program.output().result(describe(item), json);
 }
-
-void waitForListed(Program &program)
-{
-    gripper::Line line = program.line();
-    line.waitUntilRunning({program.gripperId()}, program.timeoutOr(waitTimeout));
-    printLine(program, line.image());
-}
-
-struct State
-{
-    const char *name;
-    void (*wait)(Program &program);
-};
-
-const State states[] = {
-    {"daemon", waitForDaemon},
-    {"gripper", waitForListed},
-    {"active", [](Program &program) { waitForGripper(program, "active", isActive); }},
-    {"still", [](Program &program) { waitForGripper(program, "still", StandsStill()); }},
-    {"object", [](Program &program) { waitForGripper(program, "object", hasPart); }},
-    {"lost",
-     [](Program &program) {
-         waitForGripper(program, "lost", [](const auto &image) { return !hasPart(image); });
-     }},
-};
 
 std::vector<std::string> stateNames()
 {
     std::vector<std::string> names;
-    for (const State &state : states)
+    for (const State &state : allStates())
         names.emplace_back(state.name);
     return names;
 }
 
-void run(Program &program, const std::string &word)
+void run(Program &program, const CLI::App &command)
 {
-    for (const State &state : states) {
+    const std::string &word = wordsOf(command).front();
+    for (const State &state : allStates()) {
         if (word == state.name) {
-            program.output().begin("waiting for " + word);
-            state.wait(program);
+            waitFor(program, state);
             return;
         }
     }
@@ -214,16 +194,15 @@ void run(Program &program, const std::string &word)
 
 void addWait(CLI::App &app, Program &program)
 {
-    const auto word = std::make_shared<std::string>();
     CLI::App &command = addCommand(
-        app,
+        app, program,
         {"wait", "Wait for daemon, gripper, active, still, object or lost.",
          "daemon: gripperd answers. gripper: the link runs, and the gripper is found. "
          "active: it\nis ready to move. still: it does not move. object: it holds a "
          "part. lost: it holds no part.\nThe exit code is 4 after --timeout (default 30 s).",
          "wait object --timeout 5"},
-        [&program, word] { run(program, *word); });
-    addWord(command, "STATE", *word)->option_text(join(stateNames(), " "));
+        run);
+    addWords(command, "STATE", 1, 1)->option_text(join(stateNames(), " "));
 }
 
 } // namespace gripperctl

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <memory>
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -19,15 +18,9 @@ namespace gripperctl {
 
 namespace {
 
-constexpr double defaultIntervalSeconds = 0.2;
+constexpr gripper::Seconds defaultInterval{0.2};
 constexpr int maxCount = 1'000'000;
 constexpr winsize defaultSize{24, 80, 0, 0};
-
-struct WatchOptions
-{
-    std::optional<gripper::Seconds> interval;
-    std::optional<int> count;
-};
 
 bool isScreen()
 {
@@ -134,11 +127,11 @@ void watchAsLines(Looks &looks, Program &program)
     }
 }
 
-void watch(Program &program, const WatchOptions &options)
+void watch(Program &program, const CLI::App &command)
 {
     try {
-        const gripper::Seconds standard{defaultIntervalSeconds};
-        Looks looks(program, options.interval.value_or(standard).count(), options.count);
+        Looks looks(program, secondsOf(command, "--interval").value_or(defaultInterval),
+                    numberOf(command, "--count"));
         if (!program.output().isJson() && isScreen())
             watchOnScreen(looks);
         else
@@ -153,17 +146,14 @@ void watch(Program &program, const WatchOptions &options)
 
 void addWatch(CLI::App &app, Program &program)
 {
-    const auto options = std::make_shared<WatchOptions>();
     CLI::App &command = addCommand(
-        app,
+        app, program,
         {"watch", "Show positions, currents, objects and faults, live.",
          "If the output is not a terminal, print one line per gripper and reading. Ctrl-C ends it.",
          "watch --interval 0.5"},
-        [&program, options] { watch(program, *options); });
-    addSeconds(command, "--interval", options->interval,
-               "Time between two readings (default 0.2).");
-    addNumber(command, "--count", options->count, 1, maxCount,
-              "End after this number of readings.");
+        watch);
+    addSeconds(command, "--interval", "Time between two readings (default 0.2).");
+    addNumber(command, "--count", 1, maxCount, "End after this number of readings.");
 }
 
 } // namespace gripperctl
