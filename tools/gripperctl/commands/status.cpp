@@ -12,8 +12,6 @@ namespace gripperctl {
 
 namespace {
 
-constexpr int maxId = 9;
-
 std::vector<std::string> rowOf(const gripper::Image &image)
 {
     return {std::to_string(image.id),
@@ -37,19 +35,6 @@ std::string tableOf(const Snapshot &snapshot)
     for (const gripper::Image &image : snapshot.grippers)
         rows.push_back(rowOf(image));
     return join(tableLines(rows), "\n");
-}
-
-std::vector<int> idsFrom(const std::string &list)
-{
-    std::vector<int> ids;
-    for (const std::string &word : CLI::detail::split(list, ',')) {
-        const std::optional<int> id = numberFrom(word, 1, maxId);
-        if (!id)
-            throw Failure(ExitCode::WrongUsage,
-                          concat("--expect takes ids such as 2,9, not \"", list, '"'));
-        ids.push_back(*id);
-    }
-    return ids;
 }
 
 void refuseIncomplete(const Snapshot &snapshot, const std::vector<int> &expected)
@@ -103,7 +88,7 @@ void addStatus(CLI::App &app, Program &program)
 {
     const auto expected = std::make_shared<std::string>();
     const auto run = [&program, expected] {
-        const std::vector<int> ids = expected->empty() ? std::vector<int>() : idsFrom(*expected);
+        const std::vector<int> ids = idsFrom(*expected);
         program.forEachHost(
             [&](const gripper::Endpoint &endpoint) { show(program, endpoint, ids); });
     };
