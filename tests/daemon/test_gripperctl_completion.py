@@ -51,6 +51,7 @@ def test_arguments_of_the_commands(tmp_path):
     assert words_for("wait", "") == states.split(", ")
     assert words_for("move", "") == words_for("raw", "") == words_for("move", "1", "--speed", "") == []
     assert words_for("plot", "a") == words_for("plot", "-o", "a") == words_for("record", "") == [":files"]
+    assert words_for("doctor", "--bundle", "") == [":files"]
     assert words_for("status", "--host", "ro") == words_for("--host=") == [":hosts"]
 
 
@@ -91,6 +92,7 @@ def test_bash(tmp_path):
     assert in_bash("watch", "--in") == ["--interval"]
     (tmp_path / "a.csv").write_text("")
     assert in_bash("plot", f"{tmp_path}/a") == [f"{tmp_path}/a.csv"]
+    assert in_bash("doctor", "--bu") == ["--bundle"]
     # bash splits "--host robot:63352" and "--gripper=3" in this way.
     assert in_bash("--host", "robot", ":", "63352", "sta") == ["status"]
     assert in_bash("--host", "robot", ":", "6") == []
@@ -122,6 +124,7 @@ def test_fish(with_program, tmp_path):
     assert in_fish("gripperctl rec") == ["record\tWrite positions and currents into a file."]
     assert [line.split("\t")[0] for line in in_fish("gripperctl watch --in")] == ["--interval"]
     assert in_fish("gripperctl plot a") == ["a.csv"]
+    assert in_fish("gripperctl doctor --bundle a") == ["a.csv"]
     assert in_fish("gripperctl plot --output=a") == ["--output=a.csv"]
     with ScriptedDaemon(SID="[2, 4]") as daemon:
         assert in_fish(f"gripperctl --host {daemon.host} --gripper ") == ["2", "4"]
@@ -149,6 +152,7 @@ def test_zsh(with_program, tmp_path):
         in_zsh("gripperctl watch --in", "watch --interval")
         in_zsh("gripperctl re", "record   -- Write positions and currents into a file.")
         in_zsh("gripperctl plot a", "plot a.csv")
+        in_zsh("gripperctl doctor --bu", "doctor --bundle")
         in_zsh("gripperctl plot --output=a", "--output=a.csv")
         with ScriptedDaemon(SID="[4]") as daemon:
             in_zsh(f"gripperctl --host {daemon.host} --gripper ", "--gripper 4")

@@ -67,7 +67,7 @@ def members(tree):
 
 
 @pytest.mark.parametrize("words", [
-    ["status"], ["scan"], ["watch", "--count", "1"], ["set", "MSC", "3"], ["activate"],
+    ["status"], ["doctor"], ["scan"], ["watch", "--count", "1"], ["set", "MSC", "3"], ["activate"],
     ["activate", "--again"], ["move", "5"], ["move", "0", "--wait"], ["open"], ["close"], ["release"],
     ["stop"], ["wait", "daemon"], ["wait", "active"], ["hz", "--seconds", "0.2"], ["ping", "--count", "1"],
     ["raw", "GET POS"], ["led", "red"], ["rename", "9", "2"], ["upgrade", "--yes", "--expect", "TA3-1.0.0"],
@@ -97,7 +97,7 @@ def test_the_page_names_every_member_of_the_json(page, words, tmp_path):
 
 
 def test_every_command_has_its_help():
-    assert commands()[0] == "status" and len(commands()) == 20
+    assert commands()[0] == "status" and len(commands()) == 21
     for command in commands():
         assert succeed(command, "--help").startswith(f"Usage: gripperctl [OPTION]... {command}")
 

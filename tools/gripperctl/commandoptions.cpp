@@ -1,5 +1,6 @@
 #include "commandoptions.h"
 
+#include "failure.h"
 #include "text.h"
 
 #include <algorithm>
@@ -13,6 +14,7 @@ namespace {
 
 constexpr double minSeconds = 0.02;
 constexpr double maxSeconds = 86400;
+constexpr int maxId = 9;
 
 bool isTime(const std::string &word)
 {
@@ -148,6 +150,21 @@ std::optional<int> numberFrom(const std::string &word, int min, int max)
     if (error != std::errc() || last != end || number < min || number > max)
         return std::nullopt;
     return number;
+}
+
+std::vector<int> idsFrom(const std::string &list)
+{
+    std::vector<int> ids;
+    if (list.empty())
+        return ids;
+    for (const std::string &word : CLI::detail::split(list, ',')) {
+        const std::optional<int> id = numberFrom(word, 1, maxId);
+        if (!id)
+            throw Failure(ExitCode::WrongUsage,
+                          concat("--expect takes ids such as 2,9, not \"", list, '"'));
+        ids.push_back(*id);
+    }
+    return ids;
 }
 
 } // namespace gripperctl

@@ -78,4 +78,7 @@ std::optional<gripper::Seconds> secondsOf(const CLI::App &command, const std::st
 /// Reads a whole decimal number. Empty if `word` is not one from `min` to `max`.
 std::optional<int> numberFrom(const std::string &word, int min, int max);
 
+/// Reads the value of --expect: "2,9". An empty list has no ids. Throws Failure.
+std::vector<int> idsFrom(const std::string &list);
+
 } // namespace gripperctl

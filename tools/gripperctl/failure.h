@@ -15,7 +15,7 @@ using Json = nlohmann::ordered_json;
 /// How a run ends. Scripts compare these numbers, so they never change.
 enum class ExitCode {
     Done = 0,
-    Refused = 1,      ///< by the daemon or the gripper; or the gripper has a fault
+    Refused = 1,      ///< by the daemon or the gripper; or there is a fault or a problem
     WrongUsage = 2,   ///< nothing was changed: fix the command line
     NoConnection = 3, ///< nothing listens there, or the connection was lost
     TimedOut = 4,     ///< the action may still succeed: check the status

@@ -16,7 +16,7 @@ const char *const examples =
 
 const char *const exitCodes =
     "  0 done\n"
-    "  1 refused by the daemon or the gripper, or the gripper has a fault\n"
+    "  1 refused by the daemon or the gripper, the gripper has a fault, or doctor found a problem\n"
     "  2 wrong usage\n"
     "  3 cannot connect, or connection lost\n"
     "  4 not done in time\n"

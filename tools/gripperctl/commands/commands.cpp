@@ -5,9 +5,9 @@ namespace gripperctl {
 void addCommands(CLI::App &app, Program &program)
 {
     for (const auto add :
-         {addStatus, addGet,     addWait, addWatch,    addRecord, addPlot,    addHz,
-          addPing,   addRaw,     addSet,  addActivate, addMove,   addOpen,    addClose,
-          addStop,   addRelease, addLed,  addScan,     addRename, addUpgrade, addCompletion})
+         {addStatus,  addDoctor, addGet,  addWait,     addWatch,   addRecord,    addPlot,  addHz,
+          addPing,    addRaw,    addSet,  addActivate, addMove,    addOpen,      addClose, addStop,
+          addRelease, addLed,    addScan, addRename,   addUpgrade, addCompletion})
         add(app, program);
 }
 

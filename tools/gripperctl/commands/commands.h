@@ -10,6 +10,7 @@ namespace gripperctl {
 void addActivate(CLI::App &app, Program &program);
 void addClose(CLI::App &app, Program &program);
 void addCompletion(CLI::App &app, Program &program);
+void addDoctor(CLI::App &app, Program &program);
 void addGet(CLI::App &app, Program &program);
 void addHz(CLI::App &app, Program &program);
 void addLed(CLI::App &app, Program &program);

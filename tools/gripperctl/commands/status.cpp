@@ -11,8 +11,6 @@ namespace gripperctl {
 
 namespace {
 
-constexpr int maxId = 9;
-
 std::vector<std::string> rowOf(const gripper::Image &image)
 {
     return {std::to_string(image.id),
@@ -39,19 +37,6 @@ std::string tableOf(const Snapshot &snapshot)
     if (snapshot.standstill != Standstill::No)
         text += "\nno new values: " + reasonOf(snapshot.standstill);
     return text;
-}
-
-std::vector<int> idsFrom(const std::string &list)
-{
-    std::vector<int> ids;
-    for (const std::string &word : CLI::detail::split(list, ',')) {
-        const std::optional<int> id = numberFrom(word, 1, maxId);
-        if (!id)
-            throw Failure(ExitCode::WrongUsage,
-                          concat("--expect takes ids such as 2,9, not \"", list, '"'));
-        ids.push_back(*id);
-    }
-    return ids;
 }
 
 void refuseIncomplete(const Snapshot &snapshot, const std::vector<int> &expected)
@@ -101,8 +86,7 @@ void show(Program &program, const gripper::Endpoint &endpoint, const std::vector
 
 void run(Program &program, const CLI::App &command)
 {
-    const std::string list = textOf(command, "--expect");
-    const std::vector<int> ids = list.empty() ? std::vector<int>() : idsFrom(list);
+    const std::vector<int> ids = idsFrom(textOf(command, "--expect"));
     program.forEachHost([&](const gripper::Endpoint &endpoint) { show(program, endpoint, ids); });
 }
 
