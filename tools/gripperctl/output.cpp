@@ -22,7 +22,7 @@ void writeError(const std::string &text)
 std::string asLine(const Json &json)
 {
     // A peer may send bytes that are not UTF-8.
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+    return json.text() + '\n';
 }
 
 bool isColoured()

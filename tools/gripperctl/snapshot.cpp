@@ -30,7 +30,7 @@ Json Snapshot::json() const
 {
     Json states = Json::array();
     for (const gripper::Image &image : grippers)
-        states.push_back(jsonOf(image));
+        states.append(jsonOf(image));
     return {{"time", timeText(line.time.wall)},
             {"host", endpoint.text()},
             {"driver", driver()},

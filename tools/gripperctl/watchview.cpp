@@ -202,14 +202,14 @@ Json watchJson(const Look &look)
     Json outages = Json::array();
     for (const gripper::WatchItem &item : look.items) {
         if (const auto *image = std::get_if<Image>(&item)) {
-            grippers.push_back(jsonOf(*image));
+            grippers.append(jsonOf(*image));
             continue;
         }
         const auto &outage = std::get<Outage>(item);
-        outages.push_back({{"id", outage.id},
-                           {"reason", reasonWord(outage)},
-                           {"text", outage.text},
-                           {"since", timeText(outage.since.wall)}});
+        outages.append({{"id", outage.id},
+                        {"reason", reasonWord(outage)},
+                        {"text", outage.text},
+                        {"since", timeText(outage.since.wall)}});
     }
     return {{"time", timeText(look.time().wall)},
             {"host", look.host},

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <string_view>
+#include <utility>
 
 namespace gripperctl {
 
@@ -29,18 +31,39 @@ bool needsGripper(const std::string &name)
     });
 }
 
-std::string textOf(const Json &values)
+/// Names and their values, in the order of the request. A name that is given twice is there once.
+using Values = std::vector<std::pair<std::string, std::string>>;
+
+std::string textOf(const Values &values)
 {
     if (values.size() == 1)
-        return values.front().get<std::string>();
+        return values.front().second;
     std::vector<std::string> lines;
     lines.reserve(values.size());
-    for (const auto &[name, value] : values.items())
-        lines.push_back(name + ' ' + value.get<std::string>());
+    for (const auto &[name, value] : values)
+        lines.push_back(concat(name, ' ', value));
     return join(lines, "\n");
 }
 
-Json read(Program &program, const std::vector<std::string> &names)
+Json jsonOf(const Values &values)
+{
+    Json json;
+    for (const auto &[name, value] : values)
+        json[name] = value;
+    return json;
+}
+
+void keep(Values &values, std::string_view name, std::string_view value)
+{
+    const auto known = std::find_if(values.begin(), values.end(),
+                                    [&](const auto &entry) { return entry.first == name; });
+    if (known == values.end())
+        values.emplace_back(name, value);
+    else
+        known->second = value;
+}
+
+Values read(Program &program, const std::vector<std::string> &names)
 {
     gripper::Batch batch;
     for (const std::string &name : names)
@@ -49,18 +72,18 @@ Json read(Program &program, const std::vector<std::string> &names)
     if (std::any_of(names.begin(), names.end(), needsGripper))
         id = program.listedGripperId();
     gripper::Connection connection(program.endpoint(), program.options(), id);
-    Json values;
+    Values values;
     for (const gripper::Reply &reply :
          connection.exchange(batch, gripper::Deadline(connection.options().timeout)))
-        values[std::string(reply.name)] = reply.value;
+        keep(values, reply.name, reply.value);
     return values;
 }
 
 void run(Program &program, std::vector<std::string> names)
 {
     std::transform(names.begin(), names.end(), names.begin(), upper);
-    const Json values = read(program, names);
-    for (const auto &[name, value] : values.items()) {
+    const Values values = read(program, names);
+    for (const auto &[name, value] : values) {
         if (value != "?")
             continue;
         const std::vector<std::string> known = knownNames();
@@ -70,9 +93,9 @@ void run(Program &program, std::vector<std::string> names)
                       concat("gripperd has no value of ", name,
                              isKnown ? ": does the gripper answer (gripperctl status)?"
                                      : ": no variable has this name" + suggestion(name, known)),
-                      values);
+                      jsonOf(values));
     }
-    program.output().result(textOf(values), values);
+    program.output().result(textOf(values), jsonOf(values));
 }
 
 } // namespace
