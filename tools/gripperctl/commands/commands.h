@@ -2,7 +2,9 @@
 
 #include "program.h"
 
-#include <CLI/CLI.hpp>
+namespace CLI {
+class App;
+} // namespace CLI
 
 namespace gripperctl {
 

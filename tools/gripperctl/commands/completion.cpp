@@ -2,6 +2,8 @@
 
 #include "commandoptions.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <memory>
 #include <sstream>

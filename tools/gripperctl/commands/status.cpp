@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 
 namespace gripperctl {
 
@@ -42,7 +43,8 @@ std::string tableOf(const Snapshot &snapshot)
 std::vector<int> idsFrom(const std::string &list)
 {
     std::vector<int> ids;
-    for (const std::string &word : CLI::detail::split(list, ',')) {
+    std::istringstream words(list);
+    for (std::string word; std::getline(words, word, ',');) {
         const std::optional<int> id = numberFrom(word, 1, maxId);
         if (!id)
             throw Failure(ExitCode::WrongUsage,
@@ -112,8 +114,8 @@ void addStatus(CLI::App &app, Program &program)
         {"status", "Show the driver, its link, and every gripper found.",
          "With --gripper, show this gripper only. Several --host are possible.", "status --json"},
         run);
-    command.add_option("--expect", *expected, "Fail unless all these grippers are found.")
-        ->type_name("ID,ID...");
+    addText(command, "--expect", "ID,ID...", *expected,
+            "Fail unless all these grippers are found.");
 }
 
 } // namespace gripperctl

@@ -183,11 +183,9 @@ void addUpgrade(CLI::App &app, Program &program)
                     "the gripper off meanwhile.",
                     "upgrade --gripper 9 --yes"},
                    [&program, choice] { run(program, *choice); });
-    command.add_flag("--yes", choice->isConfirmed, "Do not ask for confirmation.");
-    command
-        .add_option("--expect", choice->expected,
-                    "Succeed if the gripper runs this firmware afterwards.")
-        ->type_name("VERSION");
+    addFlag(command, "--yes", choice->isConfirmed, "Do not ask for confirmation.");
+    addText(command, "--expect", "VERSION", choice->expected,
+            "Succeed if the gripper runs this firmware afterwards.");
 }
 
 } // namespace gripperctl
