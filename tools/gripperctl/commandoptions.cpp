@@ -2,8 +2,6 @@
 
 #include "text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <charconv>
 #include <cstdlib>
 
@@ -65,28 +63,6 @@ CLI::Option *addWords(CLI::App &command, const std::string &label, std::vector<s
 CLI::Option *addWord(CLI::App &command, const std::string &label, std::string &word)
 {
     return command.add_option(argumentsName, word)->type_name(label)->required();
-}
-
-void addOptionalWords(CLI::App &command, const std::string &name, const std::string &label,
-                      std::vector<std::string> &words)
-{
-    command.add_option(name, words)->type_name(label);
-}
-
-void offer(CLI::Option *option, const std::string &words)
-{
-    option->option_text(words);
-}
-
-void addFlag(CLI::App &command, const std::string &name, bool &flag, const std::string &help)
-{
-    command.add_flag(name, flag, help);
-}
-
-CLI::Option *addText(CLI::App &command, const std::string &name, const std::string &label,
-                     std::string &text, const std::string &help)
-{
-    return command.add_option(name, text, help)->type_name(label);
 }
 
 CLI::Option *addNumber(CLI::App &command, const std::string &name, std::optional<int> &number,

@@ -2,16 +2,12 @@
 
 #include <gripper/connection.h>
 
+#include <CLI/CLI.hpp>
+
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
-
-// Each file that includes CLI11 takes seconds to compile. A command needs only these functions.
-namespace CLI {
-class App;
-class Option;
-} // namespace CLI
 
 namespace gripperctl {
 
@@ -42,20 +38,6 @@ CLI::Option *addWords(CLI::App &command, const std::string &label, std::vector<s
 
 /// One required word.
 CLI::Option *addWord(CLI::App &command, const std::string &label, std::string &word);
-
-/// Words that need not be given. A configuration file knows them by `name`.
-void addOptionalWords(CLI::App &command, const std::string &name, const std::string &label,
-                      std::vector<std::string> &words);
-
-/// Sets the option_text().
-void offer(CLI::Option *option, const std::string &words);
-
-/// An option without a value.
-void addFlag(CLI::App &command, const std::string &name, bool &flag, const std::string &help);
-
-/// An option with any text. `label` is its value in the help: "FILE".
-CLI::Option *addText(CLI::App &command, const std::string &name, const std::string &label,
-                     std::string &text, const std::string &help);
 
 /// An option with a number from `min` to `max`.
 CLI::Option *addNumber(CLI::App &command, const std::string &name, std::optional<int> &number,

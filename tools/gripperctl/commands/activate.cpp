@@ -98,8 +98,8 @@ void addActivate(CLI::App &app, Program &program)
                     "movement.\nAn active gripper stays as it is, unless --again is given.",
                     "activate --wait"},
                    [&program, choice] { run(program, *choice); });
-    addFlag(command, "--wait", choice->wait, "Wait for the end and print the result.");
-    addFlag(command, "--again", choice->again, "Activate again, even if the gripper is active.");
+    command.add_flag("--wait", choice->wait, "Wait for the end and print the result.");
+    command.add_flag("--again", choice->again, "Activate again, even if the gripper is active.");
 }
 
 } // namespace gripperctl

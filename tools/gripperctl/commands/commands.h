@@ -2,9 +2,7 @@
 
 #include "program.h"
 
-namespace CLI {
-class App;
-} // namespace CLI
+#include <CLI/CLI.hpp>
 
 namespace gripperctl {
 

@@ -2,8 +2,6 @@
 
 #include "commandoptions.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <memory>
 #include <sstream>

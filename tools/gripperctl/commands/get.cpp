@@ -109,8 +109,8 @@ void addGet(CLI::App &app, Program &program)
          "For one name, print only the value; for several names, a line \"NAME VALUE\" for each.",
          "get POS OBJ"},
         [&program, words] { run(program, *words); });
-    offer(addWords(command, "NAME...", *words, 1, std::numeric_limits<int>::max()),
-          join(knownNames(), " "));
+    addWords(command, "NAME...", *words, 1, std::numeric_limits<int>::max())
+        ->option_text(join(knownNames(), " "));
 }
 
 } // namespace gripperctl

@@ -54,7 +54,7 @@ void addLed(CLI::App &app, Program &program)
                    {"led", "Light the LED: red, green, blue; off; or auto.",
                     "Several colours mix. auto gives the LED back to the gripper.", "led red blue"},
                    [&program, words] { run(program, *words); });
-    offer(addWords(command, "COLOUR...", *words, 1, maxColours), "red green blue off auto");
+    addWords(command, "COLOUR...", *words, 1, maxColours)->option_text("red green blue off auto");
 }
 
 } // namespace gripperctl

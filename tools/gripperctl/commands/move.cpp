@@ -101,7 +101,7 @@ void addOptions(CLI::App &command, Choice &choice)
               "0 (slowest) to 255; without it, the last value.");
     addNumber(command, "--force", choice.force, 0, maxValue,
               "0 (gentlest) to 255; without it, the last value.");
-    addFlag(command, "--wait", choice.wait, "Wait for the end and print the result.");
+    command.add_flag("--wait", choice.wait, "Wait for the end and print the result.");
 }
 
 void addMovement(CLI::App &app, Program &program, const CommandText &text, int position)

@@ -106,10 +106,12 @@ void addPlot(CLI::App &app, Program &program)
                                    {"plot", "Draw a recording, with gnuplot.",
                                     "This needs no daemon.", "plot grip.csv -o grip.png"},
                                    [&program, options] { plot(program, *options); });
-    offer(addWord(command, "FILE.csv", options->path), filesOffered);
-    offer(addText(command, "-o,--output", "FILE", options->picture,
-                  "The picture, .svg or .png (default: the recording's name with .svg)."),
-          filesOffered);
+    addWord(command, "FILE.csv", options->path)->option_text(filesOffered);
+    command
+        .add_option("-o,--output", options->picture,
+                    "The picture, .svg or .png (default: the recording's name with .svg).")
+        ->type_name("FILE")
+        ->option_text(filesOffered);
 }
 
 } // namespace gripperctl

@@ -152,7 +152,7 @@ void addRaw(CLI::App &app, Program &program)
                     "gripperd-protocol(7).",
                     "raw \"GET POS\" \"SET MSC 100\""},
                    [&program, lines] { raw(program, *lines); });
-    addOptionalWords(command, "lines", "[LINE]...", *lines);
+    command.add_option("lines", *lines)->type_name("[LINE]...");
 }
 
 } // namespace gripperctl

@@ -106,7 +106,7 @@ void addRecord(CLI::App &app, Program &program)
                                     "Records until Ctrl-C, or for --seconds. Overwrites the file.",
                                     "record grip.csv --seconds 30"},
                                    [&program, options] { record(program, *options); });
-    offer(addWord(command, "FILE.csv", options->path), filesOffered);
+    addWord(command, "FILE.csv", options->path)->option_text(filesOffered);
     addSeconds(command, "--interval", options->interval,
                "Time between two readings (default 0.1).");
     addSeconds(command, "--seconds", options->seconds, "End after this time.");

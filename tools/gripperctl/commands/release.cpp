@@ -51,8 +51,8 @@ void addRelease(CLI::App &app, Program &program)
          "For a robot that is stuck. Afterwards the gripper moves only when it is activated again.",
          "release"},
         [&program, choice] { run(program, *choice); });
-    addFlag(command, "--closing", choice->closing, "Release by closing instead of opening.");
-    addFlag(command, "--wait", choice->wait, "Wait for the end and print the result.");
+    command.add_flag("--closing", choice->closing, "Release by closing instead of opening.");
+    command.add_flag("--wait", choice->wait, "Wait for the end and print the result.");
 }
 
 } // namespace gripperctl

@@ -65,8 +65,8 @@ void addRename(CLI::App &app, Program &program)
          "rename 9 2"},
         [&program, words] { run(program, *words); });
     const auto &ids = gripper::Line::scannedIds;
-    offer(addWords(command, "OLD NEW", *words, 2, 2),
-          join(std::vector<int>(ids.begin(), ids.end()), " "));
+    addWords(command, "OLD NEW", *words, 2, 2)
+        ->option_text(join(std::vector<int>(ids.begin(), ids.end()), " "));
 }
 
 } // namespace gripperctl

@@ -164,8 +164,8 @@ void addSet(CLI::App &app, Program &program)
                     "SCN, SCN_BLOCK and BLD need no number.",
                     "set MSC 100"},
                    [&program, words] { run(program, *words); });
-    offer(addWords(command, "NAME [NUMBER]...", *words, 1, std::numeric_limits<int>::max()),
-          join(namesToSet(), " "));
+    addWords(command, "NAME [NUMBER]...", *words, 1, std::numeric_limits<int>::max())
+        ->option_text(join(namesToSet(), " "));
 }
 
 } // namespace gripperctl

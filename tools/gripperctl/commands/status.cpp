@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <sstream>
 
 namespace gripperctl {
 
@@ -43,8 +42,7 @@ std::string tableOf(const Snapshot &snapshot)
 std::vector<int> idsFrom(const std::string &list)
 {
     std::vector<int> ids;
-    std::istringstream words(list);
-    for (std::string word; std::getline(words, word, ',');) {
+    for (const std::string &word : CLI::detail::split(list, ',')) {
         const std::optional<int> id = numberFrom(word, 1, maxId);
         if (!id)
             throw Failure(ExitCode::WrongUsage,
@@ -114,8 +112,8 @@ void addStatus(CLI::App &app, Program &program)
         {"status", "Show the driver, its link, and every gripper found.",
          "With --gripper, show this gripper only. Several --host are possible.", "status --json"},
         run);
-    addText(command, "--expect", "ID,ID...", *expected,
-            "Fail unless all these grippers are found.");
+    command.add_option("--expect", *expected, "Fail unless all these grippers are found.")
+        ->type_name("ID,ID...");
 }
 
 } // namespace gripperctl

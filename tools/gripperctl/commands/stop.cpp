@@ -41,7 +41,7 @@ void addStop(CLI::App &app, Program &program)
         {"stop", "Stop the fingers where they are.",
          "A vacuum gripper loses its vacuum, and its part falls: gripperctl asks first.", "stop"},
         [&program, isConfirmed] { run(program, *isConfirmed); });
-    addFlag(command, "--yes", *isConfirmed, "Do not ask for confirmation.");
+    command.add_flag("--yes", *isConfirmed, "Do not ask for confirmation.");
 }
 
 } // namespace gripperctl

@@ -183,9 +183,11 @@ void addUpgrade(CLI::App &app, Program &program)
                     "the gripper off meanwhile.",
                     "upgrade --gripper 9 --yes"},
                    [&program, choice] { run(program, *choice); });
-    addFlag(command, "--yes", choice->isConfirmed, "Do not ask for confirmation.");
-    addText(command, "--expect", "VERSION", choice->expected,
-            "Succeed if the gripper runs this firmware afterwards.");
+    command.add_flag("--yes", choice->isConfirmed, "Do not ask for confirmation.");
+    command
+        .add_option("--expect", choice->expected,
+                    "Succeed if the gripper runs this firmware afterwards.")
+        ->type_name("VERSION");
 }
 
 } // namespace gripperctl

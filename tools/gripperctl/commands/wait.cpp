@@ -223,7 +223,7 @@ void addWait(CLI::App &app, Program &program)
          "part. lost: it holds no part.\nThe exit code is 4 after --timeout (default 30 s).",
          "wait object --timeout 5"},
         [&program, word] { run(program, *word); });
-    offer(addWord(command, "STATE", *word), join(stateNames(), " "));
+    addWord(command, "STATE", *word)->option_text(join(stateNames(), " "));
 }
 
 } // namespace gripperctl
