@@ -1,12 +1,12 @@
 """The Python client library with a scripted daemon that misbehaves in every exchange."""
 
 import collections
-import pathlib
 import random
 import time
 
 import pytest
 from harness.effort import effort
+from harness.processor import seconds_without_processor
 from harness.pythonclient import FLAVOURS, Loop, blocking, new_line
 from harness.scriptedreplies import ScriptedReplies
 
@@ -19,12 +19,6 @@ WATCH_RATE = 1000
 # A period, then a look for grippers and a read of one.
 WATCH_LIMIT = 1 / WATCH_RATE + 2 * LONGEST
 COMMUNICATION = (blocking.ConnectionLost, blocking.TimedOut, blocking.ProtocolError)
-
-
-def seconds_without_processor():
-    """The time for which the threads of this process were ready to run and did not."""
-    tasks = pathlib.Path("/proc/self/task").glob("*/schedstat")
-    return sum(int(task.read_text(encoding="ascii").split()[1]) for task in tasks) / 1e9
 
 
 class Schedule:
@@ -47,7 +41,7 @@ class Schedule:
             call = self.random.choice([self.image, self.image, self.get, self.set, self.set, self.ids, self.command,
                                        self.scan, self.new_gripper, self.running, self.watch])
             timeout = WATCH_LIMIT if call == self.watch else self.random.uniform(0.005, LONGEST)
-            waited, started = seconds_without_processor(), time.monotonic()
+            waited, started = seconds_without_processor("self"), time.monotonic()
             try:
                 outcome = call(timeout)
             except blocking.GripperError as error:
@@ -55,7 +49,7 @@ class Schedule:
             late = time.monotonic() - started - timeout
             if late >= GRACE:
                 # A busy machine delays this process, whatever the library does.
-                late -= seconds_without_processor() - waited
+                late -= seconds_without_processor("self") - waited
             assert late < GRACE, f"{call.__name__} ended {late * 1000:.0f} ms after its deadline"
             self.longest = max(self.longest, late)
             self.outcomes[outcome] = self.outcomes.get(outcome, 0) + 1

@@ -56,7 +56,7 @@ def settled(daemon):
 
 def test_ended_connections_leak_nothing(line, start_daemon, figure):
     daemon = start_daemon(environment=SMALL_QUARANTINE).wait_until_found(9)
-    with Bystander() as bystander:
+    with Bystander(daemon) as bystander:
         come_and_go(daemon, 10 * AT_A_TIME)
         descriptors, memory = settled(daemon), daemon.resident_kib()
         come_and_go(daemon, CONNECTIONS)

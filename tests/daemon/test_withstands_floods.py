@@ -5,7 +5,7 @@ import random
 import pytest
 from harness.daemon import SANITIZED, SMALL_QUARANTINE
 from harness.effort import effort
-from harness.load import WORST_LIMIT, Bystander, Memory, Visits
+from harness.load import VISITS_USUAL, WORST_LIMIT, Bystander, Memory, Visits
 
 FLOODS = True
 
@@ -38,8 +38,8 @@ def test_a_stream_without_a_request_costs_no_memory_and_delays_no_client(
     client = connect(timeout=20)
     assert client.get("VER") == "MZV-2.0.0"
     memory = Memory(daemon)
-    with Bystander() as bystander:
-        visits = Visits(line)
+    with Bystander(daemon) as bystander:
+        visits = Visits(line, daemon)
         client.send("SET AAA")
         for _ in range(STREAM // len(block)):
             client.send(block)
@@ -49,7 +49,7 @@ def test_a_stream_without_a_request_costs_no_memory_and_delays_no_client(
     # Each reply waits for a turn among the reads of the stream.
     figure(bystander.check(usual=WORST_LIMIT))
     # In slow builds, a visit may take longer than its period and delay the next one.
-    figure(visits.check(usual=0.11))
+    figure(visits.check(usual=max(0.11, VISITS_USUAL)))
     growth = memory.growth_kib()
     figure(f"{growth} KiB more resident memory at most, for {STREAM // MEBIBYTE} MiB")
     assert growth < GROWTH_LIMIT_KIB

@@ -7,7 +7,6 @@ from harness.client import Client
 from harness.daemon import RELEASE
 from harness.effort import effort
 from harness.load import (
-    SLOWNESS,
     VISITS_BESIDE_WRITES,
     VISITS_USUAL,
     WORST_LIMIT,
@@ -16,6 +15,7 @@ from harness.load import (
     Visits,
     log_bytes,
 )
+from harness.processor import ProcessorWait
 from harness.waiting import eventually
 
 FLOODS = True
@@ -47,8 +47,8 @@ def polls_normally(found, line):
 def attack(found, line, connect, figure, once, visited=VISITS_USUAL, worst=WORST_LIMIT):
     """Calls once(client, round) repeatedly and measures the effect on others."""
     client, written, number = connect(timeout=20), 0, 0
-    with Bystander() as bystander:
-        visits, ends = Visits(line), time.monotonic() + SECONDS
+    with Bystander(found) as bystander:
+        visits, ends = Visits(line, found), time.monotonic() + SECONDS
         while number < ROUNDS or time.monotonic() < ends or len(visits.gaps()) < 10:
             log = found.mark()
             once(client, number)
@@ -85,9 +85,9 @@ def test_a_megabyte_of_set_is_carried_out_with_its_line_ending(
         assert client.receive(3) == b"ack"
         eventually(lambda: line[9].get(1001) == [position(number)])
 
-    # The daemon processes a hundred thousand pairs. In slow builds this delays others a little.
-    visited, worst = (VISITS_BESIDE_WRITES, WORST_LIMIT) if RELEASE else (0.6, 0.5 * SLOWNESS)
-    attack(found, line, connect, figure, once, visited, worst)
+    # The daemon processes a hundred thousand pairs. In slow builds, this delays the visits.
+    worst = WORST_LIMIT if RELEASE else 2.0
+    attack(found, line, connect, figure, once, max(VISITS_BESIDE_WRITES, worst / 2), worst)
 
 
 def test_a_megabyte_of_set_with_a_wrong_character_before_its_line_ending(
@@ -153,7 +153,8 @@ def test_the_longest_set_is_a_mebibyte(found, line, connect, more, reply):
     request = "SET POS 21 SPE 22 ABCDEF" + "G" * more + " 111" * (MEBIBYTE // 4 - 6)
     assert len(request) == MEBIBYTE + more
     client.send(request + "\n")
-    assert client.receive_until_silent(0.3) == reply
+    assert client.receive(len(reply)) == reply
+    assert client.receive_until_silent(0.3) == b""
     line.wait_until_polled(9, 3)
     assert line[9].get(1001, 2) == ([21, 22 << 8] if reply else [11, 12 << 8])
     assert client.get("VER") == "MZV-2.0.0"
@@ -180,21 +181,22 @@ def send_every_10_ms(client, requests, seconds):
     ],
     ids=["slow", "fast", "both in turn"],
 )
-def test_throttle_sent_every_10_ms(line, connect, figure, requests, fastest, slowest):
+def test_throttle_sent_every_10_ms(found, line, connect, figure, requests, fastest, slowest):
     client = connect()
     send_every_10_ms(client, requests, 0.2)
-    visits = Visits(line)
+    visits = Visits(line, found)
     sent = send_every_10_ms(client, requests, effort(1, 60))
     gaps = sorted(visits.gaps())
     median = gaps[len(gaps) // 2]
     figure(f"{sent} sent, visits every {median * 1000:.1f} ms (longest {gaps[-1] * 1000:.0f} ms)")
-    assert fastest < median < slowest
-    assert gaps[-1] < 0.2
+    median_delay, longest_delay = visits.delays()
+    assert fastest < median < slowest + median_delay
+    assert gaps[-1] < 0.2 + longest_delay
 
 
 @pytest.mark.parametrize("leave", ["close", "reset"])
 def test_another_client_sees_and_undoes_the_mute_of_a_vanished_client(
-    line, connect, figure, leave
+    found, line, connect, figure, leave
 ):
     other = connect()
     line[9].put(2002, 0x2100)
@@ -208,8 +210,9 @@ def test_another_client_sees_and_undoes_the_mute_of_a_vanished_client(
     while time.monotonic() < muted_at + 1.0:
         assert (other.get("POS"), other.get("DRI")) == ("33", "RUNNING")
     assert line.since(mark) == []
-    undone_at = time.monotonic()
+    processor_wait, undone_at = ProcessorWait(found), time.monotonic()
     assert other.set("MUTE 0") == "ack"
     eventually(lambda: other.get("POS") == "77")
-    figure(f"the first new value {(time.monotonic() - undone_at) * 1000:.0f} ms after SET MUTE 0")
-    assert time.monotonic() - undone_at < 0.3
+    took = time.monotonic() - undone_at
+    figure(f"the first new value {took * 1000:.0f} ms after SET MUTE 0")
+    assert took < 0.3 + processor_wait.seconds()

@@ -8,18 +8,20 @@ from harness.daemon import QUIT_LIMIT
 from harness.figures import percentile
 from harness.line import Line, Slave
 from harness.ports import ENVIRONMENT, FakePorts
+from harness.processor import ProcessorWait
 from harness.waiting import eventually
 
 FLOODS = True
 
 
-def waits_of(client, seconds):
-    """Returns the reply times of repeated GETs."""
+def waits_of(client, daemon, seconds):
+    """Returns the reply times of repeated GETs, without the time that a busy machine adds."""
     waits, ends = [], time.monotonic() + seconds
     while time.monotonic() < ends:
-        asked = time.monotonic()
+        processor_wait, asked = ProcessorWait(daemon), time.monotonic()
         assert client.get("VER") == "MZV-2.0.0"
-        waits.append(time.monotonic() - asked)
+        took = time.monotonic() - asked
+        waits.append(max(0.0, took - processor_wait.seconds()))
         time.sleep(0.005)
     return waits
 
@@ -29,7 +31,7 @@ def test_other_clients_have_their_turn_between_the_scans_of_one_request(
 ):
     mark = line.mark()
     connect().send("SET" + " SCN_BLOCK" * 1000 + "\n")
-    waits = waits_of(connect(), 4.0)
+    waits = waits_of(connect(), found, 4.0)
     scans = len(line.since(mark, lambda r: r.slave == 4 and r.is_read(500)))
     assert scans >= 2
     assert percentile(waits, 0.99) < 0.1
@@ -51,7 +53,7 @@ def test_scans_without_a_line_delay_no_client(start_daemon, connect, ports, figu
         lines = [connect() for _ in range(20)]
         for client in lines:
             client.send("SET SCN_BLOCK\n" * 500)
-        waits = waits_of(other, 3.0)
+        waits = waits_of(other, daemon, 3.0)
         status, seconds = daemon.stop(signal.SIGTERM)
     assert status == 0
     assert seconds < QUIT_LIMIT

@@ -165,7 +165,7 @@ def test_unread_replies_wait_and_all_arrive(start_daemon, clients, figure):
             clients.append(Silent(number))
         owners = clients[: len(OUTPUTS)]
         memory = Memory(daemon)
-        with Bystander() as bystander:
+        with Bystander(daemon) as bystander:
             send_until_stuck(clients, daemon)
             growth = memory.growth_kib()
             stuck = sum(not client.all_sent() for client in clients)

@@ -182,7 +182,7 @@ def carry_out(daemon, line, operator, browser, url):
 @pytest.mark.parametrize("target", ["127.0.0.1", NEAR])
 @pytest.mark.parametrize("origin", ["file", "this machine", "private address"])
 def test_a_page_moves_nothing(found, line, operator, browser, origins, figure, origin, target):
-    with Bystander() as bystander:
+    with Bystander(found) as bystander:
         for attack, (beginning, _) in ATTACKS.items():
             url = origins[origin](page(attack, target))
             outcome = carry_out(found, line, operator, browser, url)

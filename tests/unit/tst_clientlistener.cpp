@@ -172,6 +172,17 @@ private:
 void tst_ClientListener::initTestCase()
 {
     m_log = std::make_unique<LogCapture>();
+    // UBSan opens a pipe to check an object of a class for the first time. Later tests leave no
+    // descriptor, so one client is accepted after a pause, and leaves, before them.
+    listenAndServe();
+    s_acceptError = EMFILE;
+    addClient();
+    QTRY_VERIFY(s_failedAccepts > 0);
+    s_acceptError = 0;
+    QTRY_COMPARE(m_accepted, 1);
+    m_clients.clear();
+    QTRY_VERIFY(m_lastAccepted.isNull());
+    cleanup();
 }
 
 void tst_ClientListener::init()
@@ -267,11 +278,6 @@ void tst_ClientListener::acceptsAfterTheFirstConnectionFoundNoDescriptor()
 
 void tst_ClientListener::acceptsAfterAllDescriptorsWereInUse()
 {
-#ifdef __SANITIZE_ADDRESS__
-    // UBSan opens a pipe to check an object and reports a valid object as invalid if it gets no
-    // descriptor. This test leaves none.
-    QSKIP("the sanitizer needs a descriptor, and this test leaves none");
-#endif
     addClient();
     QTRY_COMPARE(m_accepted, 1);
     // Two clients' own ends and one accepted connection use these descriptors.

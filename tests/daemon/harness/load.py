@@ -16,15 +16,15 @@ import time
 
 from .children import spawn
 from .client import Client
-from .daemon import RELEASE, SANITIZED
+from .daemon import RELEASE
 from .figures import percentile
-from .stalls import STALL_LIMIT, StallWatch
+from .processor import ProcessorWait, seconds_without_processor
 
-# Limits are made for the release build. This factor adapts them.
-SLOWNESS = 4 if SANITIZED else 1
+# The limits are those of the release build, which scripts/robustness runs alone. Other builds are slower
+# and run beside other tests, so they show only whether a client delays the others at all.
+SLOWNESS = 1 if RELEASE else 10
 MEDIAN_LIMIT = 0.002 * SLOWNESS
 WORST_LIMIT = 0.05 * SLOWNESS
-LONGEST_LIMIT = 0.05 * (1 if RELEASE else 4)
 VISITS_USUAL = 0.05 + 0.01 * SLOWNESS
 # Each write takes an extra period.
 VISITS_BESIDE_WRITES = 2 * VISITS_USUAL
@@ -34,16 +34,17 @@ _PACE = 0.01
 class Bystander:
     """Another client, which sends GET POS every 10 ms, or after the reply if that takes longer.
 
-    After the block, `waits` has the time of each reply in seconds.
+    After the block, `waits` has the time of each reply in seconds, without the time for which the client
+    and the daemon waited for a processor.
     """
 
-    def __init__(self):
+    def __init__(self, daemon):
         self.waits = []
-        self._watch = StallWatch()
+        self._daemon = daemon
 
     def __enter__(self):
         self._process = spawn(
-            [sys.executable, "-B", "-m", "harness.load"],
+            [sys.executable, "-B", "-m", "harness.load", str(self._daemon.pid)],
             cwd=pathlib.Path(__file__).parent.parent,
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
@@ -56,7 +57,6 @@ class Bystander:
             waits = self._process.communicate(timeout=60)[0]
         assert self._process.returncode == 0, "the other client received no reply, or a wrong one"
         self.waits = json.loads(waits)
-        self._stall = self._watch.worst()
 
     def check(self, limit=WORST_LIMIT, usual=MEDIAN_LIMIT):
         """Checks that half of the replies took less than `usual`, and 99 % less than `limit`.
@@ -74,15 +74,13 @@ class Bystander:
         return measured
 
     def check_longest(self, limit):
-        """Checks that no reply took longer than `limit`, unless the machine stalled.
-
-        The limit is larger for builds other than the release.
-        """
+        """Checks that no reply took longer than `limit`."""
         longest = f"a GET of another client took {max(self.waits) * 1000:.1f} ms"
-        assert self._stall > STALL_LIMIT or max(self.waits) < max(limit, LONGEST_LIMIT), longest
+        assert max(self.waits) < limit, longest
 
 
-def _send_gets_until_stopped():
+def _send_gets_until_stopped(daemon_pid):
+    pids = (os.getpid(), daemon_pid)
     with contextlib.suppress(PermissionError):
         os.nice(-10)
     waits = []
@@ -91,19 +89,21 @@ def _send_gets_until_stopped():
         print("started", flush=True)
         asked = time.monotonic()
         while not select.select([sys.stdin], [], [], max(0.0, asked + _PACE - time.monotonic()))[0]:
-            asked = time.monotonic()
+            waited, asked = seconds_without_processor(*pids), time.monotonic()
             client.get("POS")
-            waits.append(time.monotonic() - asked)
+            took = time.monotonic() - asked
+            waits.append(max(0.0, took - seconds_without_processor(*pids) + waited))
     print(json.dumps(waits))
 
 
 class Visits:
     """The visits of a gripper from now on: the reads of its status."""
 
-    def __init__(self, line, slave_id=9):
+    def __init__(self, line, daemon, slave_id=9):
         self._line = line
         self._slave_id = slave_id
         self._mark = line.mark()
+        self._processor_wait = ProcessorWait(daemon)
 
     def gaps(self):
         """Returns the seconds between consecutive visits."""
@@ -112,6 +112,12 @@ class Visits:
         )
         return [later.at - earlier.at for earlier, later in zip(reads, reads[1:])]
 
+    def delays(self):
+        """Returns how much waiting for a processor can enlarge the median of the gaps, and the longest gap."""
+        waited = self._processor_wait.seconds()
+        # The waits are in the larger half of the gaps at worst.
+        return 2 * waited / len(self.gaps()), waited
+
     def check(self, limit=WORST_LIMIT, usual=VISITS_USUAL):
         """Checks that half of the gaps are shorter than `usual`, and none is much longer.
 
@@ -119,12 +125,14 @@ class Visits:
         """
         gaps = self.gaps()
         median, longest = statistics.median(gaps), max(gaps)
+        median_delay, longest_delay = self.delays()
         measured = (
             f"{len(gaps)} visits every {median * 1000:.1f} ms (longest {longest * 1000:.0f} ms)"
         )
         assert len(gaps) > 5
         # The daemon does not catch up on missed periods.
-        assert 0.045 < median < usual and longest < 0.15 + limit, measured
+        assert 0.045 < median < usual + median_delay, measured
+        assert longest < 0.15 + limit + longest_delay, measured
         return measured
 
 
@@ -151,4 +159,4 @@ def log_bytes(daemon, since=0):
 
 
 if __name__ == "__main__":
-    _send_gets_until_stopped()
+    _send_gets_until_stopped(int(sys.argv[1]))
