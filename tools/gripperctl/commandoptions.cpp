@@ -3,6 +3,8 @@
 #include "failure.h"
 #include "text.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
@@ -15,6 +17,8 @@ namespace {
 constexpr double minSeconds = 0.02;
 constexpr double maxSeconds = 86400;
 constexpr int maxId = 9;
+
+static_assert(manyWords == CLI::detail::expected_max_vector_size);
 
 bool isTime(const std::string &word)
 {
@@ -72,12 +76,14 @@ std::vector<std::string> optionNames(const CLI::App &command)
     return names;
 }
 
-CLI::Option *addWords(CLI::App &command, const std::string &label, int min, int max)
+void addWords(CLI::App &command, const std::string &label, int min, int max,
+              const std::string &offered)
 {
-    return command.add_option(argumentsName)
+    command.add_option(argumentsName)
         ->type_name(label)
-        ->required()
-        ->expected(min, max)
+        ->option_text(offered)
+        ->required(min > 0)
+        ->expected(std::max(1, min), max)
         ->allow_extra_args(max > 1);
 }
 
@@ -86,15 +92,15 @@ const std::vector<std::string> &wordsOf(const CLI::App &command)
     return command[argumentsName]->results();
 }
 
-CLI::Option *addFlag(CLI::App &command, const std::string &name, const std::string &help)
+void addFlag(CLI::App &command, const std::string &name, const std::string &help)
 {
-    return command.add_flag(name, help)->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    command.add_flag(name, help)->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
 }
 
 CLI::Option *addText(CLI::App &command, const std::string &name, const std::string &label,
-                     const std::string &help)
+                     const std::string &help, const std::string &offered)
 {
-    return command.add_option(name, help)->type_name(label);
+    return command.add_option(name, help)->type_name(label)->option_text(offered);
 }
 
 CLI::Option *addNumber(CLI::App &command, const std::string &name, int min, int max,

@@ -2,12 +2,16 @@
 
 #include <gripper/connection.h>
 
-#include <CLI/CLI.hpp>
-
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
+
+// A file that includes CLI11 takes seconds to compile. Commands only need these names.
+namespace CLI {
+class App;
+class Option;
+} // namespace CLI
 
 namespace gripperctl {
 
@@ -48,19 +52,21 @@ constexpr const char *idsOffered = ":ids";
 constexpr const char *argumentsName = "arguments";
 
 /// The number of words of a command that takes any number of them.
-constexpr int manyWords = CLI::detail::expected_max_vector_size;
+constexpr int manyWords = 1 << 29;
 
-/// Required words that are not options. `label` is their text in the help: "OLD NEW".
-CLI::Option *addWords(CLI::App &command, const std::string &label, int min, int max);
+/// Words that are not options; required unless `min` is 0. `label` is their text in the help: "OLD
+/// NEW". Shells offer `offered`.
+void addWords(CLI::App &command, const std::string &label, int min, int max,
+              const std::string &offered = {});
 
 /// The words that were given.
 const std::vector<std::string> &wordsOf(const CLI::App &command);
 
-CLI::Option *addFlag(CLI::App &command, const std::string &name, const std::string &help);
+void addFlag(CLI::App &command, const std::string &name, const std::string &help);
 
-/// An option with any text.
+/// An option with any text. Shells offer `offered`.
 CLI::Option *addText(CLI::App &command, const std::string &name, const std::string &label,
-                     const std::string &help);
+                     const std::string &help, const std::string &offered = {});
 
 /// An option with a number from `min` to `max`.
 CLI::Option *addNumber(CLI::App &command, const std::string &name, int min, int max,

@@ -1,8 +1,7 @@
 #pragma once
 
+#include "commandoptions.h"
 #include "program.h"
-
-#include <CLI/CLI.hpp>
 
 namespace gripperctl {
 

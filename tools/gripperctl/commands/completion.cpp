@@ -1,7 +1,8 @@
 #include "commands.h"
 
-#include "commandoptions.h"
 #include "text.h"
+
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <sstream>
@@ -168,7 +169,7 @@ void addCompletion(CLI::App &app, Program &program)
 {
     CLI::App *command = app.add_subcommand("completion", "Offer words to a shell.");
     command->group(""); // the shells alone call it
-    addWords(*command, "WORD...", 1, manyWords)->required(false);
+    addWords(*command, "WORD...", 0, manyWords);
     command->callback(
         [&app, &program, command] { printCompletions(app, program, wordsOf(*command)); });
 }

@@ -62,10 +62,11 @@ void addDoctor(CLI::App &app, Program &program)
          "Changes nothing and opens no serial port. Use sudo to see the processes of other users.",
          "doctor --expect 2,9 --bundle support.tar.gz"},
         run);
-    addText(command, "--expect", "ID,ID...", "Report a problem unless all these grippers are found.");
+    addText(command, "--expect", "ID,ID...",
+            "Report a problem unless all these grippers are found.");
     addText(command, "--bundle", "FILE",
-            "Also pack the findings, the log and the settings for support (.tar.gz).")
-        ->option_text(filesOffered);
+            "Also pack the findings, the log and the settings for support (.tar.gz).",
+            filesOffered);
 }
 
 } // namespace gripperctl

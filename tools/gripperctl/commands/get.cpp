@@ -84,7 +84,7 @@ void addGet(CLI::App &app, Program &program)
          "For one name, print only the value; for several names, a line \"NAME VALUE\" for each.",
          "get POS OBJ"},
         run);
-    addWords(command, "NAME...", 1, manyWords)->option_text(join(knownNames(), " "));
+    addWords(command, "NAME...", 1, manyWords, join(knownNames(), " "));
 }
 
 } // namespace gripperctl

@@ -293,7 +293,7 @@ void addLed(CLI::App &app, Program &program)
                    {"led", "Light the LED: red, green, blue; off; or auto.",
                     "Several colours mix. auto gives the LED back to the gripper.", "led red blue"},
                    lightLed);
-    addWords(command, "COLOUR...", 1, maxColours)->option_text("red green blue off auto");
+    addWords(command, "COLOUR...", 1, maxColours, "red green blue off auto");
 }
 
 } // namespace gripperctl

@@ -99,10 +99,9 @@ void addPlot(CLI::App &app, Program &program)
                                    {"plot", "Draw a recording, with gnuplot.",
                                     "This needs no daemon.", "plot grip.csv -o grip.png"},
                                    plot);
-    addWords(command, "FILE.csv", 1, 1)->option_text(filesOffered);
+    addWords(command, "FILE.csv", 1, 1, filesOffered);
     addText(command, "-o,--output", "FILE",
-            "The picture, .svg or .png (default: the recording's name with .svg).")
-        ->option_text(filesOffered);
+            "The picture, .svg or .png (default: the recording's name with .svg).", filesOffered);
 }
 
 } // namespace gripperctl

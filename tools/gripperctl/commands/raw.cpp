@@ -151,7 +151,7 @@ void addRaw(CLI::App &app, Program &program)
                     "gripperd-protocol(7).",
                     "raw \"GET POS\" \"SET MSC 100\""},
                    raw);
-    addWords(command, "[LINE]...", 1, manyWords)->required(false);
+    addWords(command, "[LINE]...", 0, manyWords);
 }
 
 } // namespace gripperctl

@@ -50,7 +50,7 @@ void addRecord(CLI::App &app, Program &program)
                                     "Records until Ctrl-C, or for --seconds. Overwrites the file.",
                                     "record grip.csv --seconds 30"},
                                    record);
-    addWords(command, "FILE.csv", 1, 1)->option_text(filesOffered);
+    addWords(command, "FILE.csv", 1, 1, filesOffered);
     addSeconds(command, "--interval", "Time between two readings (default 0.1).");
     addSeconds(command, "--seconds", "End after this time.");
 }

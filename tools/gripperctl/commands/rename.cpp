@@ -64,8 +64,7 @@ void addRename(CLI::App &app, Program &program)
          "rename 9 2"},
         run);
     const auto &ids = gripper::Line::scannedIds;
-    addWords(command, "OLD NEW", 2, 2)
-        ->option_text(join(std::vector<int>(ids.begin(), ids.end()), " "));
+    addWords(command, "OLD NEW", 2, 2, join(std::vector<int>(ids.begin(), ids.end()), " "));
 }
 
 } // namespace gripperctl

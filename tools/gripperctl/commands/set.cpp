@@ -151,7 +151,7 @@ void addSet(CLI::App &app, Program &program)
                     "SCN, SCN_BLOCK and BLD need no number.",
                     "set MSC 100"},
                    run);
-    addWords(command, "NAME [NUMBER]...", 1, manyWords)->option_text(join(namesToSet(), " "));
+    addWords(command, "NAME [NUMBER]...", 1, manyWords, join(namesToSet(), " "));
 }
 
 } // namespace gripperctl

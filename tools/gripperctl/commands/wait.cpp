@@ -202,7 +202,7 @@ void addWait(CLI::App &app, Program &program)
          "part. lost: it holds no part.\nThe exit code is 4 after --timeout (default 30 s).",
          "wait object --timeout 5"},
         run);
-    addWords(command, "STATE", 1, 1)->option_text(join(stateNames(), " "));
+    addWords(command, "STATE", 1, 1, join(stateNames(), " "));
 }
 
 } // namespace gripperctl

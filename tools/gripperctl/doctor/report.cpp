@@ -2,6 +2,7 @@
 
 #include "output.h"
 #include "text.h"
+#include "version.h"
 
 #include <algorithm>
 #include <chrono>
@@ -82,7 +83,7 @@ Json Report::json() const
                             {"action", finding.action}});
     return {{"time", timeText(std::chrono::system_clock::now())},
             {"host", m_endpoint.text()},
-            {"version", GRIPPERCTL_VERSION},
+            {"version", version},
             {"problems", problems()},
             {"findings", findings}};
 }
