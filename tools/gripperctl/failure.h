@@ -1,16 +1,14 @@
 #pragma once
 
-#include <gripper/errors.h>
+#include "json.h"
 
-#include <nlohmann/json.hpp>
+#include <gripper/errors.h>
 
 #include <stdexcept>
 #include <string>
 #include <utility>
 
 namespace gripperctl {
-
-using Json = nlohmann::ordered_json;
 
 /// How a run ends. Scripts compare these numbers, so they never change.
 enum class ExitCode {
