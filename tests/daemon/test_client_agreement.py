@@ -13,6 +13,8 @@ MOVE = "SET POS 150 SPE 255 FOR 100 GTO 1"
 AT_150 = {"PRE": "150", "GTO": "1", "POS": "150", "OBJ": "3", "SPE": "255", "FOR": "100"}
 LISTS = ["[9]", "[2, 3, 4, 9]"]
 REQUEST_SHOWS = 1.5
+MAX_ABSENCE = 3
+MISSING = {"STA": "?", "DRI": "SCANNING"}
 
 
 def settling(listed):
@@ -32,6 +34,15 @@ class Cpp:
         return text if kind == "ok" else text.partition(":")[0]
 
     gripper = line
+
+    def set(self, name, value):
+        return self.gripper("set", name, value)
+
+    def wait_until_running(self, ids):
+        return self.line("wait-until-running", 1, *ids)
+
+    def watch(self, ids):
+        return self.line("watch-line", 1, 20, *ids)
 
     def select(self):
         assert self.line("gripper", 9) == ""
@@ -53,6 +64,15 @@ class Python:
 
     def gripper(self, call, *numbers):
         return self._result(self._gripper, call, numbers)
+
+    def set(self, name, value):
+        return self.gripper("set", {name: value})
+
+    def wait_until_running(self, ids):
+        return self.line("wait_until_running", ids, 1)
+
+    def watch(self, ids):
+        return self.line("watch", ids, 20)
 
     def select(self):
         self._gripper = self._line.gripper(9)
@@ -135,6 +155,92 @@ def test_a_stop_of_a_missing_gripper_ends_at_once(start):
         assert seconds_of(lambda: results.append(library.gripper("stop"))) < 1
         assert results == ["GripperMissing"]
         assert daemon.sets() == ["SID 9", "GTO 0"]
+
+
+@pytest.mark.parametrize("begin", ["GET FWV", MOVE])
+def test_a_gripper_that_is_missing_for_a_moment_still_moves(start, begin):
+    """A lost link empties the list for a moment, before or after the SET."""
+    images = []
+
+    def answer(request):
+        if request == begin and not images:
+            images.append(begin)
+            # The first image of a call that finds a lost link still shows the gripper.
+            daemon.values.update({"DRI": "ERR_TIMEOUT"} if begin.startswith("GET") else MISSING)
+        # Every image has one.
+        elif request == "GET SID" and images:
+            images.append(request)
+            daemon.values.update(MISSING if len(images) < 10 else {**AT_150, "STA": "3", "DRI": "RUNNING"})
+        return daemon.usual(request)
+
+    with ScriptedDaemon(PRE="20", GTO="1") as daemon:
+        library = start(daemon)
+        library.select()
+        daemon.answer = answer
+        assert library.gripper("move", 150, 255, 100).startswith("Reached")
+        assert len(images) >= 10
+
+
+def test_a_gripper_that_stays_missing_after_a_command_ends_it(start):
+    with ScriptedDaemon(changes={MOVE: MISSING}) as daemon:
+        library = start(daemon)
+        library.select()
+        results = []
+        seconds = seconds_of(lambda: results.append(library.gripper("move", 150, 255, 100)))
+        assert results == ["GripperMissing"]
+        assert MAX_ABSENCE <= seconds < MAX_ABSENCE + 2
+
+
+@pytest.mark.parametrize(
+    "command",
+    [
+        lambda library: library.set("POS", 3),
+        lambda library: library.gripper("led", 1, 0, 1),
+        lambda library: library.gripper("move", 150, 255, 100),
+        lambda library: library.gripper("activate"),
+        lambda library: library.gripper("deactivate"),
+        lambda library: library.gripper("release"),
+    ],
+    ids=["set", "led", "move", "activate", "deactivate", "release"],
+)
+def test_a_command_sends_nothing_to_a_missing_gripper(start, command):
+    with ScriptedDaemon() as daemon:
+        library = start(daemon)
+        library.select()
+        daemon.values.update(MISSING)
+        assert command(library) == "GripperMissing"
+        assert daemon.sets() == ["SID 9"]
+
+
+def test_a_set_reads_the_gripper_before_it_sends(start):
+    with ScriptedDaemon() as daemon:
+        library = start(daemon)
+        library.select()
+        began = len(daemon.requests)
+        assert library.set("POS", 3) == ""
+        requests = daemon.requests[began:]
+        assert "GET STA" in requests and requests[-1] == "SET POS 3"
+
+
+def test_a_set_that_needs_no_gripper_only_sends(start):
+    with ScriptedDaemon() as daemon:
+        library = start(daemon)
+        library.select()
+        daemon.values.update(MISSING)
+        began = len(daemon.requests)
+        assert library.set("MUTE", 0) == ""
+        assert daemon.requests[began:] == ["SET MUTE 0"]
+
+
+@pytest.mark.parametrize("id", [-1, 0, 10, 256])
+def test_an_id_that_no_gripper_has_is_refused_and_nothing_is_sent(start, id):
+    with ScriptedDaemon() as daemon:
+        library = start(daemon)
+        assert library.line("gripper", id) == "InvalidValue"
+        assert library.line("rename", id, 2) == "InvalidValue"
+        assert library.wait_until_running([9, id]) == "InvalidValue"
+        assert library.watch([9, id]) == "InvalidValue"
+        assert daemon.requests == []
 
 
 @pytest.mark.parametrize("listed", LISTS)

@@ -173,33 +173,6 @@ def test_maintenance_unmutes_if_its_connection_dies_silently(flavour, loop):
 
 
 @ONLY_BLOCKING
-@pytest.mark.parametrize("begin", ["GET FWV", "SET POS 150 SPE 255 FOR 100 GTO 1"])
-def test_a_gripper_that_is_missing_for_a_moment_still_moves(flavour, loop, begin):
-    """A lost link empties the list for a moment, before or after the SET."""
-    missing = {"STA": "?", "DRI": "SCANNING"}
-    there = {"STA": "3", "DRI": "RUNNING", "PRE": "150", "OBJ": "3", "POS": "150"}
-    images = []
-
-    def answer(request):
-        if request == begin and not images:
-            images.append(begin)
-            # The first image of a call that finds a lost link still shows the gripper.
-            scripted.values.update({"DRI": "ERR_TIMEOUT"} if begin.startswith("GET") else missing)
-        # An image ends with SID.
-        elif request == "GET SID" and images:
-            images.append(request)
-            scripted.values.update(missing if len(images) < 10 else there)
-        return scripted.usual(request)
-
-    with ScriptedDaemon(answer, PRE="20", GTO="1") as scripted, new_line(flavour, loop, scripted.host) as line:
-        with line.gripper(9) as gripper:
-            if begin.startswith("GET"):
-                scripted.answer(begin)
-            assert gripper.move(150, 255, 100).reached
-        assert len(images) >= 10
-
-
-@ONLY_BLOCKING
 def test_leds_are_on_or_off_for_every_value(flavour, loop):
     with ScriptedDaemon() as scripted, new_line(flavour, loop, scripted.host) as line:
         with line.gripper(9) as gripper:

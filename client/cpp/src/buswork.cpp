@@ -12,6 +12,8 @@ namespace {
 
 constexpr int maxScans = 3;
 constexpr Seconds pauseBetweenScans{1};
+constexpr int minId = 1;
+constexpr int maxId = 9;
 
 } // namespace
 
@@ -58,6 +60,15 @@ std::vector<int> scanForMissing(Connection &connection, const std::vector<int> &
     return missingFrom(scanUntil(
         connection, [&](const std::vector<int> &found) { return missingFrom(found).empty(); },
         deadline));
+}
+
+int checkedId(int id)
+{
+    if (id < minId || id > maxId) {
+        throw InvalidValue("a slave id is a number from " + std::to_string(minId) + " to " +
+                           std::to_string(maxId) + ", not " + std::to_string(id));
+    }
+    return id;
 }
 
 bool contains(const std::vector<int> &ids, int id)

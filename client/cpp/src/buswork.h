@@ -27,6 +27,9 @@ std::vector<int> scanUntil(Connection &connection,
 std::vector<int> scanForMissing(Connection &connection, const std::vector<int> &ids,
                                 const Deadline &deadline);
 
+/// Returns the slave id. Throws InvalidValue if no gripper can have it.
+int checkedId(int id);
+
 bool contains(const std::vector<int> &ids, int id);
 
 /// A text such as "2, 9", or "none".

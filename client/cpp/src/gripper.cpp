@@ -108,7 +108,7 @@ Batch batchOf(const std::vector<Pair> &pairs)
 } // namespace
 
 Gripper::Gripper(Endpoint endpoint, int id, Options options, std::optional<Seconds> timeout)
-    : m_id(id)
+    : m_id(checkedId(id))
     , m_connection(std::move(endpoint), std::move(options), id)
 {
     const Deadline end = deadline(timeout);
@@ -185,7 +185,7 @@ void Gripper::stop(std::optional<Seconds> timeout)
     // It does not read first: a stop is urgent.
     const Batch request = batchOf({{"GTO", 0}});
     send(request, end, Renewal::Allowed);
-    StateWait wait(m_connection, m_id, end, request.sets(), "stopping");
+    StateWait wait(m_connection, m_id, end, request.sets(), "stopping", StateWait::Before::Unknown);
     // If go-to shows as off at once, an earlier request may still be on its way to the gripper.
     bool wasOn = false;
     while (true) {
@@ -222,18 +222,19 @@ void Gripper::release(bool closing, Seconds timeout)
 
 void Gripper::led(bool red, bool green, bool blue, std::optional<Seconds> timeout)
 {
-    setAtOnce({{"LBP", 1}, {"LRD", red ? 1 : 0}, {"LGN", green ? 1 : 0}, {"LBL", blue ? 1 : 0}},
-              deadline(timeout));
+    setWithoutWait(
+        {{"LBP", 1}, {"LRD", red ? 1 : 0}, {"LGN", green ? 1 : 0}, {"LBL", blue ? 1 : 0}},
+        deadline(timeout));
 }
 
 void Gripper::ledAuto(std::optional<Seconds> timeout)
 {
-    setAtOnce({{"LBP", 0}, {"LRD", 0}, {"LGN", 0}, {"LBL", 0}}, deadline(timeout));
+    setWithoutWait({{"LBP", 0}, {"LRD", 0}, {"LGN", 0}, {"LBL", 0}}, deadline(timeout));
 }
 
 void Gripper::set(const std::vector<Pair> &pairs, std::optional<Seconds> timeout)
 {
-    setAtOnce(pairs, deadline(timeout));
+    setWithoutWait(pairs, deadline(timeout));
 }
 
 std::string Gripper::get(std::string_view name, std::optional<Seconds> timeout)
@@ -254,10 +255,10 @@ Deadline Gripper::deadline(std::optional<Seconds> timeout) const
 /// Waits while the link does not run, because values are old then.
 Image Gripper::readBeforeCommand(const Deadline &deadline)
 {
+    std::optional<Clock::time_point> lastSeen;
     while (true) {
         Image image = readImage(m_connection, m_id, deadline);
-        if (!image.present)
-            failByMissing(image);
+        failIfMissing(image, lastSeen);
         if (!image.stale)
             return image;
         m_connection.pause(betweenLooks, deadline);
@@ -275,7 +276,7 @@ void Gripper::send(const Batch &batch, const Deadline &deadline, Renewal renewal
         throw Refused("the daemon refused \"" + batch.sets() + "\"");
 }
 
-void Gripper::setAtOnce(const std::vector<Pair> &pairs, const Deadline &deadline)
+void Gripper::setWithoutWait(const std::vector<Pair> &pairs, const Deadline &deadline)
 {
     const Batch request = batchOf(pairs);
     for (const char *name : {" SID ", " NID "}) {
@@ -284,10 +285,13 @@ void Gripper::setAtOnce(const std::vector<Pair> &pairs, const Deadline &deadline
                                "\" would change the gripper of this object: use Line");
         }
     }
-    send(request, deadline, Renewal::Allowed);
-    const Image image = readImage(m_connection, m_id, deadline);
-    if (!image.present && request.needsGripper())
-        failByMissing(image);
+    if (request.needsGripper()) {
+        readListed(m_connection, m_id, deadline);
+        // The daemon of a new connection may not list it.
+        send(request, deadline, Renewal::Refused);
+    } else {
+        send(request, deadline, Renewal::Allowed);
+    }
 }
 
 } // namespace gripper

@@ -27,6 +27,7 @@ std::string describe(const LineImage &image)
 
 void refuseWrongIds(int oldId, int newId)
 {
+    checkedId(oldId);
     const auto &ids = Line::scannedIds;
     if (std::find(ids.begin(), ids.end(), newId) == ids.end()) {
         throw InvalidValue("no scan looks for id " + std::to_string(newId) +
@@ -107,6 +108,7 @@ std::vector<int> Line::scan(Seconds timeout)
 void Line::waitUntilRunning(const std::vector<int> &ids, Seconds timeout)
 {
     const Deadline end(timeout);
+    std::for_each(ids.begin(), ids.end(), checkedId);
     std::string state;
     while (!end.isOver()) {
         try {

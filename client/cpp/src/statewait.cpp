@@ -26,13 +26,15 @@ constexpr Seconds requestShows{1.5};
 } // namespace
 
 StateWait::StateWait(Connection &connection, int id, const Deadline &deadline, std::string sets,
-                     std::string stage)
+                     std::string stage, Before before)
     : m_connection(connection)
     , m_id(id)
     , m_deadline(deadline)
     , m_sets(std::move(sets))
     , m_stage(std::move(stage))
 {
+    if (before == Before::Shown)
+        m_lastSeen = m_since;
 }
 
 Image StateWait::next()
@@ -40,9 +42,8 @@ Image StateWait::next()
     while (true) {
         if (m_last)
             pause();
-        const bool isFirst = !m_last;
         m_last = read();
-        failIfMissing(isFirst);
+        failIfMissing(*m_last, m_lastSeen);
         if (!m_last->stale)
             return *m_last;
         m_since = m_last->time.monotonic;
@@ -87,14 +88,6 @@ Image StateWait::read()
     }
 }
 
-void StateWait::failIfMissing(bool isFirst)
-{
-    if (m_last->present)
-        m_seen = m_last->time.monotonic;
-    else if (isFirst || m_last->time.monotonic - m_seen > maxAbsence)
-        failByMissing(*m_last);
-}
-
 /// Closes the connection like every time-out.
 void StateWait::failByTime(const Image &last)
 {
@@ -107,11 +100,27 @@ void StateWait::failByTime(const Image &last)
                    "); if its values never change, polling may be muted");
 }
 
+void failIfMissing(const Image &image, std::optional<Deadline::Clock::time_point> &lastSeen)
+{
+    if (image.present)
+        lastSeen = image.time.monotonic;
+    else if (!lastSeen || image.time.monotonic - *lastSeen > maxAbsence)
+        failByMissing(image);
+}
+
 Image readImage(Connection &connection, int id, const Deadline &deadline,
                 Connection::Renewal renewal)
 {
     const auto &replies = connection.exchange(imageRequests(), deadline, renewal);
     return decodeImage(id, replies, ReadingTime::now());
+}
+
+Image readListed(Connection &connection, int id, const Deadline &deadline)
+{
+    Image image = readImage(connection, id, deadline);
+    if (!image.present)
+        failByMissing(image);
+    return image;
 }
 
 void failByMissing(const Image &image)

@@ -113,9 +113,7 @@ void refuseVersion(int id, const std::string &before, const std::string &after,
 std::string Gripper::upgrade(const Progress &progress, const std::string &expected, Seconds timeout)
 {
     const Deadline end(timeout);
-    const Image before = readImage(m_connection, m_id, end);
-    if (!before.present)
-        failByMissing(before);
+    const Image before = readListed(m_connection, m_id, end);
     refuseDuringUpgrade(m_connection, end);
     const bool hasWritten = flash(progress, end) >= tooShortToWrite;
     report(progress, UpgradeStage::Searching);

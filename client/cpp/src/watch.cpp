@@ -1,5 +1,6 @@
 #include "gripper/watch.h"
 
+#include "buswork.h"
 #include "gripper/errors.h"
 #include "statewait.h"
 
@@ -32,7 +33,7 @@ Watch::Watch(Endpoint endpoint, Options options, const std::vector<int> &ids, do
     , m_period(periodOf(rate))
 {
     for (const int id : ids)
-        watchAlso(id);
+        watchAlso(checkedId(id));
 }
 
 WatchItem Watch::next()

@@ -199,10 +199,11 @@ class Gripper:
     Every call may raise ConnectionLost, TimedOut and ProtocolError, and InvalidValue for an argument, as the
     calls of `Line` do.
 
-    Commands never repeat a SET, and nothing moves when the connection is opened again. A command raises
-    GripperMissing if the daemon does not list the gripper, and if it is missing for 3 s during the call.
-    A line that is disturbed for a shorter time does no harm. While the link does not run, values are
-    old, and commands wait.
+    Commands never repeat a SET, and nothing moves when the connection is opened again. A command reads the
+    gripper before it sends, except `stop`. It sends nothing and raises GripperMissing if the daemon does not
+    list the gripper. It also raises GripperMissing if the gripper is missing for 3 s during the call. A line
+    that is disturbed for a shorter time does no harm. While the link does not run, values are old. Commands
+    then wait, except `stop`, `set` and those of the LEDs.
 
     When a call ends by an exception, the gripper continues what it does.
     """
@@ -279,6 +280,9 @@ class Gripper:
         Fingers stop where they are. A vacuum gripper loses its vacuum: **its part falls**. If go-to is off
         already, an earlier request may be on its way. The call then takes 0.1 s, and 0.2 s for each listed
         gripper.
+
+        Raises:
+            GripperMissing: also at once if the daemon does not list the gripper after the SET.
         """
         return run(self._calls.stop(timeout))
 
@@ -304,6 +308,8 @@ class Gripper:
 
     def set(self, pairs: Mapping[str, int], timeout: Optional[float] = None) -> None:
         """Sends one SET. Returns after ``ack``, which does not mean done.
+
+        Reads the gripper first, unless the daemon alone has all variables, such as ``MUTE``.
 
         Args:
             pairs: names and values from 0 to 255, such as ``{"POS": 80, "GTO": 1}``, in their order.

@@ -56,6 +56,9 @@ class Refused(GripperError):
 class GripperMissing(GripperError):
     """The daemon does not list the gripper.
 
+    A command has sent nothing then, except ``stop()`` and a command during which the gripper was missing
+    for 3 s.
+
     Attributes:
         id: the slave id of the gripper.
     """

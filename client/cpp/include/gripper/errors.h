@@ -59,7 +59,8 @@ public:
     using Error::Error;
 };
 
-/// The daemon does not list the gripper. A command had no effect then.
+/// The daemon does not list the gripper. A command has sent nothing then, except stop() and a
+/// command during which the gripper was missing for 3 s.
 class GripperMissing : public Error
 {
 public:

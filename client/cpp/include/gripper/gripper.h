@@ -55,10 +55,11 @@ enum class UpgradeStage {
 /// its timeout. Every call may throw ConnectionLost, TimedOut, ProtocolError, and InvalidValue for
 /// a timeout that is not greater than 0.
 ///
-/// Commands never repeat a SET. Nothing moves when the connection is opened again. A command throws
-/// GripperMissing if the daemon does not list the gripper, and if it is missing for 3 s during the
-/// call. A line that is disturbed for a shorter time does no harm. While the link does not run,
-/// values are old, and commands wait.
+/// Commands never repeat a SET. Nothing moves when the connection is opened again. A command reads
+/// the gripper before it sends, except stop(). It sends nothing and throws GripperMissing if the
+/// daemon does not list the gripper. It also throws GripperMissing if the gripper is missing for
+/// 3 s during the call. A line that is disturbed for a shorter time does no harm. While the link
+/// does not run, values are old. Commands then wait, except stop(), set() and those of the LEDs.
 ///
 /// When a call ends by an exception or by a time-out, the gripper continues what it does.
 class Gripper
@@ -71,7 +72,8 @@ public:
     static constexpr int openPosition = 0;
     static constexpr int closedPosition = 255;
 
-    /// Connects and selects the gripper. Throws GripperMissing. Line::gripper() calls this.
+    /// Connects and selects the gripper. Throws GripperMissing, and InvalidValue unless `id` is
+    /// from 1 to 9. Line::gripper() calls this.
     Gripper(Endpoint endpoint, int id, Options options = {}, std::optional<Seconds> timeout = {});
 
     int id() const noexcept { return m_id; }
@@ -114,7 +116,8 @@ public:
     /// Switches go-to off and waits until the gripper shows it. Sends the SET at once. Fingers stop
     /// where they are. A vacuum gripper loses its vacuum: **its part falls**. If go-to is off
     /// already, an earlier request may be on its way. The call then takes 0.1 s, and 0.2 s for each
-    /// listed gripper.
+    /// listed gripper. Throws GripperMissing at once if the daemon does not list the gripper after
+    /// the SET.
     void stop(std::optional<Seconds> timeout = {});
 
     /// Releases the part slowly (automatic release), to the open or the closed end, and waits until
@@ -129,8 +132,9 @@ public:
     void ledAuto(std::optional<Seconds> timeout = {});
 
     /// Sends one SET with values from 0 to 255. Returns after `ack`, which does not mean done.
-    /// Throws Refused for `nak`, and InvalidValue for an unknown name and for SID and NID.
-    /// SCN_BLOCK, BLD and UPG need a longer timeout.
+    /// Reads the gripper first, unless the daemon alone has all variables, such as MUTE. Throws
+    /// Refused for `nak`, and InvalidValue for an unknown name and for SID and NID. SCN_BLOCK, BLD
+    /// and UPG need a longer timeout.
     void set(const std::vector<Pair> &pairs, std::optional<Seconds> timeout = {});
 
     /// The text of one value, without its name. A missing value is "?".
@@ -165,7 +169,7 @@ private:
     Deadline deadline(std::optional<Seconds> timeout) const;
     Image readBeforeCommand(const Deadline &deadline);
     void send(const Batch &batch, const Deadline &deadline, Connection::Renewal renewal);
-    void setAtOnce(const std::vector<Pair> &pairs, const Deadline &deadline);
+    void setWithoutWait(const std::vector<Pair> &pairs, const Deadline &deadline);
     void deactivate(const Deadline &deadline);
     Seconds flash(const Progress &progress, const Deadline &deadline);
 

@@ -43,7 +43,7 @@ private:
 /// The serial line with its grippers, as the daemon shows it. It connects with the first call.
 /// Every call blocks, and ends at the latest 50 ms after its timeout; without one, after
 /// Options::timeout. Every call may throw ConnectionLost, TimedOut, ProtocolError, and InvalidValue
-/// for a timeout that is not greater than 0.
+/// for a timeout that is not greater than 0, and for a slave id that is not from 1 to 9.
 ///
 ///     gripper::Line line("127.0.0.1");
 ///     gripper::Gripper gripper = line.gripper(9);

@@ -46,7 +46,8 @@ class Watch
 public:
     /// Watches `ids`, or all grippers that the daemon lists if `ids` is empty. A gripper that was
     /// listed once is watched until the end. `rate` is the number of periods per second, more than
-    /// 0 and at most 1000. Throws InvalidValue. Connects in next().
+    /// 0 and at most 1000. Throws InvalidValue, also for an id that is not from 1 to 9. Connects in
+    /// next().
     Watch(Endpoint endpoint, Options options, const std::vector<int> &ids, double rate);
 
     /// Waits for the next item. An outage is an item, never an exception; only Options::onWaiting
