@@ -232,6 +232,11 @@ def test_a_set_that_needs_no_gripper_only_sends(start):
         assert daemon.requests[began:] == ["SET MUTE 0"]
 
 
+def test_another_server_ends_the_wait_for_the_line(start):
+    with ScriptedDaemon(lambda request: b"HTTP/1.1 400 Bad Request\r\n\r\n") as server:
+        assert start(server).wait_until_running([9]) == "ProtocolError"
+
+
 @pytest.mark.parametrize("id", [-1, 0, 10, 256])
 def test_an_id_that_no_gripper_has_is_refused_and_nothing_is_sent(start, id):
     with ScriptedDaemon() as daemon:

@@ -94,7 +94,6 @@ def test_another_server_is_a_protocol_error(check):
         check.call("line " + daemon.host)
         assert "HTTP/1.1" in check.fail("ProtocolError", "grippers")
         check.fail("ProtocolError", "gripper 9")
-        check.fail("ProtocolError", "wait-until-running 5")
 
 
 def test_a_watch_reports_a_lost_connection(check):

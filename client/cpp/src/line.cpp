@@ -117,6 +117,8 @@ void Line::waitUntilRunning(const std::vector<int> &ids, Seconds timeout)
             if (isComplete(image, ids))
                 return;
             state = describe(image);
+        } catch (const ProtocolError &) {
+            throw; // Another server has the port.
         } catch (const CommunicationError &error) {
             state = error.what();
         }

@@ -218,6 +218,8 @@ class LineCalls:
         while not deadline.is_over():
             try:
                 image = yield from read_line(self.connection, deadline)
+            except ProtocolError:
+                raise  # Another server has the port.
             except CommunicationError as error:
                 state = str(error)
             else:

@@ -139,6 +139,7 @@ class Line:
 
         Raises:
             TimedOut: the line does not run in time. The message has the last state.
+            ProtocolError: another server answers.
         """
         return run(self._calls.wait_until_running(ids, timeout))
 

@@ -78,8 +78,9 @@ public:
     std::vector<int> scan(Seconds timeout = scanTimeout);
 
     /// Waits until the link runs and the daemon lists all `ids`, or at least one gripper if `ids`
-    /// is empty. Connects again and again: the daemon need not run yet. Throws TimedOut. It does
-    /// not scan: while one gripper answers, the daemon does not look for others.
+    /// is empty. Connects again and again: the daemon need not run yet. Throws TimedOut, and
+    /// ProtocolError if another server answers. It does not scan: while one gripper answers, the
+    /// daemon does not look for others.
     void waitUntilRunning(const std::vector<int> &ids = {}, Seconds timeout = runningTimeout);
 
     /// A gripper, with a connection of its own. Throws GripperMissing if the daemon does not list
