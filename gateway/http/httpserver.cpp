@@ -227,6 +227,9 @@ private:
         request.peerAddress = m_peer;
         request.localAddress = m_local;
         Response response = m_shared->faces.handle(request);
+        // No path knows HEAD, and its refusal must not have a body.
+        if (request.method == "HEAD")
+            response.body.clear();
         if (response.isStream && m_shared->connections.streams() >= maxStreams) {
             response = Response();
             response.status = status::unavailable;
