@@ -211,16 +211,16 @@ class Stream:
 
 
 class Gateway:
-    def __init__(self, folder, *options, host=HOST, origin=None, tls=None, under=()):
+    def __init__(self, folder, *options, host=HOST, tls=None, config="/dev/null"):
         self.folder = pathlib.Path(folder)
         self.host = host
         self.tls = tls
-        self.origin = origin or ("https://" if tls else "http://") + host
+        self.origin = ("https://" if tls else "http://") + host
         self.pair_socket = self.folder / "pair.sock"
         self.lines = []
         self._changed = threading.Condition()
         self.process = spawn(
-            [*under, binary("gripper-gateway"), "--config", "/dev/null"]
+            [binary("gripper-gateway"), "--config", str(config)]
             + ["--pair-socket", str(self.pair_socket), *map(str, options)],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
             env={name: value for name, value in os.environ.items() if name != "JOURNAL_STREAM"},

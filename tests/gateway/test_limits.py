@@ -32,6 +32,7 @@ def peers(count):
 def answer_to(data):
     with contextlib.closing(connected()) as peer:
         peer.sendall(data)
+        peer.shutdown(socket.SHUT_WR)
         answer = b""
         with contextlib.suppress(ConnectionResetError):
             while part := peer.recv(65536):

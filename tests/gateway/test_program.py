@@ -1,11 +1,16 @@
 """Options, pairing on the machine, TLS, the demo."""
 
+import contextlib
 import http.client
 import json
 import os
+import pathlib
 import pwd
+import shutil
 import socket
+import ssl
 import subprocess
+import warnings
 
 import pytest
 from gatewayrig import ORIGIN, PORT, Page, insecure_tls
@@ -65,7 +70,7 @@ def test_options_of_the_file(tmp_path, start_gateway):
     texts.write_text('{"Pello": {"12": "too hot"}}')
     config = tmp_path / "gateway.toml"
     config.write_text(f'name = ["a.plant", "b.plant"]\nfault-texts = "{texts}"\n')
-    gateway = start_gateway("--config", config)
+    gateway = start_gateway(config=config)
     for name, status in (("a.plant", 401), ("b.plant", 401), ("c.plant", 421)):
         assert gateway.page().get("/api/v1/state", Host=f"{name}:{PORT}").status == status
     assert gateway.page().get("/", Host=f"A.plant:{PORT}").status == 200
@@ -87,7 +92,7 @@ def test_viewing_on_another_address_needs_a_token(other_address, start_gateway):
     host = f"{other_address}:{PORT}"
     gateway = start_gateway("--listen", other_address, "--plain-http", host=host)
     gateway.connect = lambda: http.client.HTTPConnection(other_address, PORT, timeout=5)
-    assert gateway.page().get("/healthz").status == 200
+    assert gateway.page().get("/").status == 200
     for path in ("/api/v1/state", "/api/v1/stream", "/api/v1/history?gripper=9", "/api/v1/jobs/1"):
         assert gateway.page().get(path).status == 401
         # The loopback interface is another way to the same machine, but not this host.
@@ -127,9 +132,12 @@ def test_tls(certificate, start_gateway):
     assert b"HTTP" not in plain.recv(100)
     plain.close()
     old = insecure_tls()
-    old.maximum_version = old.maximum_version.TLSv1_1
-    with pytest.raises((OSError, ValueError)):
-        http.client.HTTPSConnection("127.0.0.1", PORT, timeout=5, context=old).request("GET", "/")
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore", DeprecationWarning)
+        old.minimum_version = old.maximum_version = ssl.TLSVersion.TLSv1_1
+    with contextlib.closing(socket.create_connection(("127.0.0.1", PORT), 5)) as peer:
+        with pytest.raises(OSError):
+            old.wrap_socket(peer)
 
 
 def test_only_root_and_the_group_may_pair(tmp_path, start_gateway):
@@ -181,7 +189,18 @@ def test_a_wrong_request_for_a_code(start_gateway):
     assert gateway.pair_code("view")
 
 
-def test_the_demo(tmp_path):
+def test_the_unit_is_hardened():
+    if not shutil.which("systemd-analyze"):
+        pytest.skip("no systemd-analyze here")
+    unit = pathlib.Path(__file__).parents[2] / "packaging/systemd/gripper-gateway.service"
+    judged = subprocess.run(
+        ["systemd-analyze", "security", "--offline=true", "--threshold=15", "--no-pager", unit],
+        capture_output=True, text=True,
+    )
+    assert judged.returncode == 0, judged.stdout
+
+
+def test_the_demo():
     demo = spawn(
         [binary(PROGRAM), "--demo", "--config", "/dev/null"],
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
@@ -191,9 +210,9 @@ def test_the_demo(tmp_path):
         assert url.startswith(f"{ORIGIN}/#code=")
 
         def state():
-            connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=5)
-            connection.request("GET", "/api/v1/state", headers={"Host": f"localhost:{PORT}"})
-            return json.loads(connection.getresponse().read())
+            with contextlib.closing(http.client.HTTPConnection("127.0.0.1", PORT, timeout=5)) as peer:
+                peer.request("GET", "/api/v1/state", headers={"Host": f"localhost:{PORT}"})
+                return json.loads(peer.getresponse().read())
 
         found = eventually(lambda: (s := state()) and len(s["grippers"]) == 2 and s)
         assert [each["firmware"] for each in found["grippers"]] == ["TE1-2.0.2", "TA3-1.6.13"]
