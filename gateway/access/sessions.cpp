@@ -33,7 +33,7 @@ std::string Sessions::newCode(Role role, Time now)
     dropExpired(now);
     if (m_codes.size() == maxCodes)
         eraseEarliestEnd(m_codes);
-    const std::string code = randomText(halfCodeLength) + '-' + randomText(halfCodeLength);
+    std::string code = randomText(halfCodeLength) + '-' + randomText(halfCodeLength);
     m_codes[digestOf(normalizedCode(code))] = {role, now + codeLifetime, 0};
     return code;
 }

@@ -48,9 +48,9 @@ public:
 private:
     struct Code
     {
-        Role role;
+        Role role = Role::View;
         Time end;
-        int attempts;
+        int attempts = 0;
     };
 
     void dropExpired(Time now);
