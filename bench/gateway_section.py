@@ -5,7 +5,7 @@ import socket
 import threading
 import time
 
-from idle_section import GRIPPERS
+from line_section import GRIPPERS
 from rig import end, status_of, wait_until_listening
 from tables import table
 
@@ -16,7 +16,7 @@ VIEWERS = (0, 1, 12, 100)
 def run(rig, quick):
     seconds = 5 if quick else 30
     rows = []
-    with rig.simulator(*GRIPPERS[0]):
+    with rig.simulator(GRIPPERS[0]):
         daemon = rig.daemon_with_value()
         gateway = rig.spawn(
             [rig.programs / "gripper-gateway", "--config", "/dev/null"]

@@ -58,12 +58,12 @@ void EventLoop::post(std::function<void()> function)
     asio::post(m_parts->context, std::move(function));
 }
 
-void EventLoop::every(std::chrono::milliseconds period, std::function<void()> function)
+void EventLoop::every(std::chrono::milliseconds period, const std::function<void()> &function)
 {
     waitForTimer(m_parts->timers.emplace_back(m_parts->context), period, function);
 }
 
-void EventLoop::onQuitSignal(std::function<void()> function)
+void EventLoop::onQuitSignal(const std::function<void()> &function)
 {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP})
         m_parts->signals.add(signal);

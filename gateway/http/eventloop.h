@@ -22,9 +22,9 @@ public:
     /// Runs the function in the loop. Any thread may call this.
     void post(std::function<void()> function);
     /// Runs the function periodically.
-    void every(std::chrono::milliseconds period, std::function<void()> function);
+    void every(std::chrono::milliseconds period, const std::function<void()> &function);
     /// Runs the function after each SIGINT, SIGTERM or SIGHUP.
-    void onQuitSignal(std::function<void()> function);
+    void onQuitSignal(const std::function<void()> &function);
 
     /// Returns after stop().
     void run();
