@@ -117,7 +117,7 @@ private:
     std::uint64_t m_lastNumber = 0;
 };
 
-/// What all connections share.
+/// The parts that all connections share.
 struct Shared
 {
     HttpServer::Faces faces;

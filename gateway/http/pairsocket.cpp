@@ -5,6 +5,7 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/read_until.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/basic_stream.hpp>
 
@@ -28,6 +29,7 @@ using Stream = boost::beast::basic_stream<Protocol>;
 using Error = boost::system::error_code;
 
 constexpr std::chrono::seconds exchangeTime{5};
+constexpr std::chrono::milliseconds pauseAfterFailedAccept{100};
 constexpr std::size_t maxLine = 256;
 constexpr int maxConnections = 8;
 // The peer's credentials decide, not the permissions of the file.
@@ -72,6 +74,7 @@ struct PairSocket::Parts : std::enable_shared_from_this<PairSocket::Parts>
 
     explicit Parts(asio::io_context &context)
         : acceptor(context)
+        , pause(context)
     {
     }
 
@@ -95,10 +98,23 @@ struct PairSocket::Parts : std::enable_shared_from_this<PairSocket::Parts>
             [self = shared_from_this()](const Error &error, Protocol::socket socket) {
                 if (!self->acceptor.is_open())
                     return;
-                if (!error)
-                    self->take(std::move(socket));
+                if (error) {
+                    self->acceptLater();
+                    return;
+                }
+                self->take(std::move(socket));
                 self->accept();
             });
+    }
+
+    /// No descriptor is free. An accept that fails at once would keep the processor busy.
+    void acceptLater()
+    {
+        pause.expires_after(pauseAfterFailedAccept);
+        pause.async_wait([self = shared_from_this()](const Error &error) {
+            if (!error && self->acceptor.is_open())
+                self->accept();
+        });
     }
 
     void take(Protocol::socket socket)
@@ -135,6 +151,7 @@ struct PairSocket::Parts : std::enable_shared_from_this<PairSocket::Parts>
     }
 
     Protocol::acceptor acceptor;
+    asio::steady_timer pause;
     std::optional<gid_t> group;
     Answer answer;
     int open = 0;
@@ -161,6 +178,7 @@ void PairSocket::close()
 {
     Error ignored;
     m_parts->acceptor.close(ignored);
+    m_parts->pause.cancel();
 }
 
 } // namespace gateway

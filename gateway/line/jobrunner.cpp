@@ -86,7 +86,7 @@ JobOutcome outcomeOf(const gripper::MoveResult &result)
 
 struct JobRunner::Running
 {
-    Action action;
+    Action action = Action::Stop;
     std::optional<int> gripper;
     std::atomic<Cancellation> cancellation = Cancellation::None;
     std::promise<void> endPromise;

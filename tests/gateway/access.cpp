@@ -1,4 +1,4 @@
-// Who may do what: pairing codes, tokens, the lease, hosts and origins.
+// Access: pairing codes, tokens, the lease, hosts and origins.
 #include "assertions.h"
 
 #include <lease.h>

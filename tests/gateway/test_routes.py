@@ -7,6 +7,7 @@ import pytest
 from gatewayrig import API, PORT, validate
 from harness.children import binary
 from harness.client import Client
+from harness.effort import effort
 from harness.waiting import eventually
 
 LIMIT = 250 * 1024
@@ -100,6 +101,18 @@ def test_a_stop_needs_no_lease_and_ends_the_movement(module_gateway, operator, s
     assert other.outcome(answer.json()["job"]["id"])["code"] == "ok"
     assert operator.outcome(moving)["code"] == "superseded"
     assert operator.gripper(9)["goTo"] is False
+
+
+def test_a_stop_right_after_a_movement_wins(operator, simulated):
+    """The call of the movement may not have sent its SET when the stop begins."""
+    operator.do("grippers/9/activate")
+    for position in [10, 200] * effort(5, 100):
+        moving = operator.begin("grippers/9/move", position=position, speed=0)
+        stop = operator.post("grippers/9/stop").json()["job"]["id"]
+        assert operator.outcome(stop)["code"] == "ok"
+        assert operator.outcome(moving)["code"] in ("superseded", "ok")
+        simulated.wait_until_polled(9, 2)
+        assert operator.gripper(9)["goTo"] is False
 
 
 def test_a_later_movement_replaces_the_earlier_one(operator, simulated):
