@@ -116,10 +116,14 @@ public:
         m_loop.run();
     }
 
-    void printFirstCode()
+    void printFirstCode(const std::string &pairSocket)
     {
         const std::string code = m_sessions.newCode(Role::Maintain, Clock::now());
         printPairingCode(code, pairAddress(m_url, code));
+        std::fprintf(stderr,
+                     "gripper-gateway: for another code, run gripper-gateway pair --role maintain "
+                     "--pair-socket %s\n",
+                     pairSocket.c_str());
     }
 
 private:
@@ -222,7 +226,7 @@ int serve(const Options &options, const Demo *demo)
 {
     Service service(options);
     if (demo != nullptr)
-        service.printFirstCode();
+        service.printFirstCode(options.pairSocket);
     service.run();
     return 0;
 }
