@@ -12,6 +12,7 @@ from harness import ports
 
 import client_section
 import cutting_section
+import gateway_section
 import idle_section
 import line_section
 import paced_section
@@ -25,6 +26,7 @@ SECTIONS = {
     "idle": idle_section.run,
     "cutting": cutting_section.run,
     "client": client_section.run,
+    "gateway": gateway_section.run,
 }
 
 

@@ -2,10 +2,12 @@
 # service unit, user, rules.
 include(GNUInstallDirs)
 
-install(TARGETS gripperd romflasher RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS gripperd romflasher gripper-gateway RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS gripperctl gripper-simulator gripper-firmware-image
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(PROGRAMS packaging/wait-for-flasher DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/gripperd)
+# gripper-gateway --demo runs `isolated`.
+install(PROGRAMS packaging/wait-for-flasher scripts/isolated
+        DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/gripperd)
 install(FILES completion/gripperctl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES completion/_gripperctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 install(FILES completion/gripperctl.fish

@@ -37,7 +37,7 @@ inline void check(bool holds, const char *text, const char *file, int line)
     std::exit(1);
 }
 
-#define CHECK(condition) check((condition), #condition, __FILE__, __LINE__)
+#define CHECK(condition) check(static_cast<bool>(condition), #condition, __FILE__, __LINE__)
 
 template <typename Exception, typename Act>
 bool throws(Act &&act)

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace boost::asio {
+class io_context;
+}
+
+namespace gateway {
+
+/// The event loop of the program. Everything but the look at the line and the jobs runs in it.
+class EventLoop
+{
+public:
+    EventLoop();
+    ~EventLoop();
+    EventLoop(const EventLoop &) = delete;
+    EventLoop &operator=(const EventLoop &) = delete;
+
+    /// Runs the function in the loop. Any thread may call this.
+    void post(std::function<void()> function);
+    /// Runs the function periodically.
+    void every(std::chrono::milliseconds period, const std::function<void()> &function);
+    /// Runs the function after each SIGINT, SIGTERM or SIGHUP.
+    void onQuitSignal(const std::function<void()> &function);
+
+    /// Returns after stop().
+    void run();
+    void stop();
+
+    boost::asio::io_context &context();
+
+private:
+    struct Parts;
+    std::unique_ptr<Parts> m_parts;
+};
+
+} // namespace gateway

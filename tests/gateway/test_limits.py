@@ -1,0 +1,219 @@
+"""Hostile peers: the gateway keeps its limits and serves its viewers."""
+
+import contextlib
+import socket
+import threading
+import time
+
+from gatewayrig import HOST, ORIGIN, PORT
+from harness.client import Client
+from harness.daemon import SANITIZED
+from harness.effort import effort
+from harness.waiting import eventually
+
+FLOODS = True
+# The gateway may grow by so much under any load.
+GROWTH_KIB = 200_000 if SANITIZED else 20_000
+GET = f"GET /healthz HTTP/1.1\r\nHost: {HOST}\r\n\r\n".encode()
+
+
+def connected():
+    peer = socket.create_connection(("127.0.0.1", PORT), 10)
+    peer.settimeout(15)
+    return peer
+
+
+@contextlib.contextmanager
+def peers(count):
+    with contextlib.ExitStack() as all_of_them:
+        yield [all_of_them.enter_context(contextlib.closing(connected())) for _ in range(count)]
+
+
+def answer_to(data):
+    with contextlib.closing(connected()) as peer:
+        peer.sendall(data)
+        peer.shutdown(socket.SHUT_WR)
+        answer = b""
+        with contextlib.suppress(ConnectionResetError):
+            while part := peer.recv(65536):
+                answer += part
+        return answer
+
+
+def status_of(data):
+    return int(answer_to(data).split(b" ", 2)[1])
+
+
+def post(length, body=b""):
+    head = f"POST /api/v1/session HTTP/1.1\r\nHost: {HOST}\r\nOrigin: {ORIGIN}\r\n"
+    return f"{head}Content-Type: application/json\r\n{length}\r\n\r\n".encode() + body
+
+
+def test_headers_and_bodies_that_are_too_long(module_gateway):
+    assert status_of(b"GET / HTTP/1.1\r\nX: " + b"x" * 20000 + b"\r\n\r\n") == 431
+    assert status_of(b"GET /" + b"x" * 20000 + b" HTTP/1.1\r\n\r\n") == 431
+    assert status_of(post("Content-Length: 16385", b" " * 16385)) == 413
+    assert status_of(post("Content-Length: 99999999999999999999")) == 400
+    chunks = b"4000\r\n" + b" " * 0x4000 + b"\r\n1\r\n \r\n0\r\n\r\n"
+    assert status_of(post("Transfer-Encoding: chunked", chunks)) == 413
+    assert status_of(post("Content-Length: 16384\r\nConnection: close", b" " * 16384)) == 400
+
+
+def test_text_that_is_no_http(module_gateway):
+    for data in (b"\0" * 100, b"GET\r\n\r\n", b"\x16\x03\x01\x02\x00\x01\x00\x01", b"SET POS 10\n\n",
+                 b"GET / HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n"):
+        answer = answer_to(data)
+        assert answer == b"" or b" 400 " in answer.split(b"\r\n")[0]
+    assert module_gateway.page().get("/healthz").status == 200
+
+
+def test_slow_requests_end_after_ten_seconds(module_gateway):
+    """One byte a second: in the request line, in the headers, in the body."""
+    begins = [b"GET / HT", b"GET / HTTP/1.1\r\nX: x", post("Content-Length: 100", b"{"), b""]
+    with peers(len(begins)) as slow:
+        started = time.monotonic()
+        for peer, begin in zip(slow, begins):
+            peer.sendall(begin)
+        ended = set()
+        while len(ended) < len(slow):
+            assert time.monotonic() - started < 13
+            for number, peer in enumerate(slow):
+                if number in ended:
+                    continue
+                with contextlib.suppress(BlockingIOError):
+                    try:
+                        if begins[number]:
+                            peer.send(b"x")
+                        if not peer.recv(100, socket.MSG_DONTWAIT):
+                            ended.add(number)
+                    except (ConnectionResetError, BrokenPipeError):
+                        ended.add(number)
+            time.sleep(0.25)
+        assert time.monotonic() - started > 8
+    assert module_gateway.page().get("/healthz").status == 200
+
+
+def test_a_thousand_connections(module_gateway, figure):
+    page = module_gateway.page()
+    stream = page.stream()
+    stream.wait_for("picture")
+    before = module_gateway.resident_kib()
+    with peers(1000):
+        begin = len(stream.messages)
+        started = time.monotonic()
+        assert page.get("/healthz").status == 200
+        assert time.monotonic() - started < 2
+        eventually(lambda: len(stream.messages) >= begin + 2, 5, "two signs of life")
+        grown = module_gateway.resident_kib() - before
+        figure(f"1,000 idle connections add {grown} KiB")
+        assert grown < GROWTH_KIB
+    stream.close()
+
+
+def test_a_hundred_streams(module_gateway, figure):
+    """Prints how much later the daemon answers. The machine of a test is too busy for a limit."""
+    client = Client()
+
+    def times():
+        found = []
+        for _ in range(effort(1000, 20000)):
+            started = time.monotonic()
+            client.get("POS")
+            found.append(time.monotonic() - started)
+        return sorted(found)[len(found) * 99 // 100] * 1e6
+
+    alone = times()
+    before = module_gateway.resident_kib()
+    streams = [module_gateway.page().stream() for _ in range(100)]
+    for stream in streams:
+        stream.wait_for("picture", timeout=20)
+    grown = module_gateway.resident_kib() - before
+    beside = times()
+    figure(f"p99 of a GET to the daemon: {alone:.0f} us, with 100 streams {beside:.0f} us")
+    figure(f"100 streams add {grown} KiB")
+    assert grown < GROWTH_KIB
+    assert module_gateway.page().get("/healthz").status == 200
+    for stream in streams:
+        assert not stream.has_ended
+        stream.close()
+    client.close()
+
+
+def test_more_streams_than_allowed(module_gateway):
+    page = module_gateway.page()
+
+    def opened():
+        stream = page.stream()
+        if stream.status != 200:
+            stream.close()
+        return stream
+
+    # Streams of earlier tests end when the gateway sees their ends.
+    eventually(lambda: module_gateway.page().get("/healthz").status == 200)
+    streams = []
+    for _ in range(130):
+        streams.append(opened())
+    assert streams[0].status == 200 and streams[-1].status == 503
+    assert sum(stream.status == 200 for stream in streams) <= 128
+    assert page.get("/healthz").status == 200
+    for stream in streams:
+        stream.close()
+
+    def free():
+        stream = opened()
+        stream.close()
+        return stream.status == 200
+
+    eventually(free, 5, "room for a stream")
+
+
+def test_a_viewer_that_does_not_read(module_gateway, simulated):
+    """It costs no memory, ends, and disturbs no other viewer."""
+    before = module_gateway.resident_kib()
+    slow = socket.socket()
+    slow.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 2048)
+    slow.connect(("127.0.0.1", PORT))
+    slow.sendall(f"GET /api/v1/stream HTTP/1.1\r\nHost: {HOST}\r\n\r\n".encode())
+    other = module_gateway.page().stream()
+    other.wait_for("picture")
+    stop = threading.Event()
+
+    def change():
+        position = 0
+        while not stop.wait(0.05):
+            position = (position + 1) % 256
+            simulated.command(f"pin 9 2002 {position << 8}")
+
+    changing = threading.Thread(target=change)
+    changing.start()
+    try:
+        seen = len(other.messages)
+        eventually(lambda: len(other.messages) > seen + 20, 10, "changes for the other viewer")
+        assert module_gateway.resident_kib() - before < GROWTH_KIB
+    finally:
+        stop.set()
+        changing.join()
+        simulated.command("release 9 2002")
+    slow.close()
+    other.close()
+
+
+def test_requests_in_one_packet(module_gateway):
+    with contextlib.closing(connected()) as peer:
+        peer.sendall(GET * 50)
+        answer = b""
+        while answer.count(b"HTTP/1.1 200") < 50:
+            part = peer.recv(65536)
+            assert part
+            answer += part
+
+
+def test_a_peer_that_asks_and_does_not_read(module_gateway):
+    with contextlib.closing(connected()) as peer:
+        peer.settimeout(1)
+        before = module_gateway.resident_kib()
+        with contextlib.suppress(TimeoutError, ConnectionResetError, BrokenPipeError):
+            while True:
+                peer.sendall(GET * 1000)
+        assert module_gateway.resident_kib() - before < GROWTH_KIB
+        assert module_gateway.page().get("/healthz").status == 200
