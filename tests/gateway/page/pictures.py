@@ -16,7 +16,16 @@ SIZES = {"phone": (360, 640), "tablet": (1024, 768), "desk": (1920, 1080)}
 MOVES = ((120, 40, 30), (230, 80, 120), (40, 255, 60), (200, 120, 200), (90, 20, 30))
 
 
+def be_ready(view):
+    """On a busy machine, the line may have timed out, and the lease may have ended."""
+    view.wait(lambda: view.banners() == [] and not view.all(".card[data-old='true']"), 60)
+    if view.text("control-button") == "Take control":
+        view.take_control()
+
+
 def move(view, position, speed, force):
+    be_ready(view)
+    view.wait_until_enabled("go")
     for name, value in (("position", position), ("speed", speed), ("force", force)):
         view.set_dial(name, value)
     view.click("#go")
@@ -56,6 +65,7 @@ def main():
                     view.theme(theme)
                     view.script("document.activeElement.blur(); scrollTo(0, 0)")
                     time.sleep(1)
+                    be_ready(view)
                     suffix = "" if theme == "light" else "-dark"
                     browser.driver.save_screenshot(str(folder / f"gateway-{name}{suffix}.png"))
 
