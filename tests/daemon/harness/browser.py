@@ -33,6 +33,7 @@ class Browser:
             options.add_argument(option)
         options.add_argument(f"--disable-features={','.join(_PROTECTIONS)}")
         options.add_argument(f"--user-data-dir={folder}")
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         # The browser keeps some files outside its profile.
         environment = {**os.environ, "HOME": str(folder), "TMPDIR": str(folder)}
         service = Service("/usr/bin/chromedriver", log_path=os.devnull, env=environment)
@@ -44,6 +45,10 @@ class Browser:
 
     def __exit__(self, *_):
         self._driver.quit()
+
+    @property
+    def driver(self):
+        return self._driver
 
     def show(self, url):
         self._driver.get(url)
