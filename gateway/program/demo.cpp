@@ -43,7 +43,7 @@ std::string programPath(const char *name)
             return path.lexically_normal();
     }
     throw std::runtime_error(std::string("the demo needs the program ") + name +
-                             " of the package gripperd");
+                             " of the packages gripperd and gripper-simulator");
 }
 
 /// The script that gives a program its own /dev: of the package, or of the source tree.
@@ -54,7 +54,7 @@ std::string isolatedPath()
         if (fs::exists(path))
             return path.lexically_normal();
     }
-    throw std::runtime_error("the demo needs the script isolated of the package gripperd");
+    throw std::runtime_error("the demo needs the script isolated of its package");
 }
 
 bool isDaemonRunning()
