@@ -282,7 +282,7 @@ export default {
     "event.fault": "Gripper {id}: fault {detail}",
     "event.fault-cleared": "Gripper {id}: fault cleared",
     "event.arrived": "Gripper {id}: arrived",
-    "event.object-met": "Gripper {id}: met an object",
+    "event.object-met": "Gripper {id}: holds an object",
     "event.object-lost": "Gripper {id}: lost its object",
     "event.found": "Gripper {id}: found",
     "event.missing": "Gripper {id}: missing",

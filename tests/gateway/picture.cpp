@@ -250,6 +250,7 @@ TEST(aVacuumGripperHoldsByItsVacuum)
     vacuum.vacuumStatus = 2;
     picture.take(reading(50ms, {vacuum}));
     CHECK(picture.events().events().back().kind == EventKind::ObjectMet);
+    CHECK(picture.events().events().back().text == "gripper 2 holds an object");
     vacuum.vacuumStatus = 3;
     vacuum.object = 2;
     picture.take(reading(100ms, {vacuum}));
