@@ -232,7 +232,6 @@ def test_python_and_cpp_have_the_same_fields_of_results(name):
 
 ONLY_PYTHON = {
     "default_timeout": "Options::timeout in C++",
-    "max_id": "C++ lets the daemon refuse an id",
     "chunk": "a buffer",
     "max_unread": "C++ reads only when it waits for a reply",
     "shown_length": "the length of a text in messages",
