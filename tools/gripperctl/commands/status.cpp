@@ -28,7 +28,8 @@ std::vector<std::string> rowOf(const gripper::Image &image)
 std::string tableOf(const Snapshot &snapshot)
 {
     if (snapshot.grippers.empty())
-        return "no grippers found";
+        return snapshot.ids().empty() ? "no grippers found"
+                                      : "grippers found: " + listOfIds(snapshot.ids());
     std::vector<std::vector<std::string>> rows{{"ID", "FAMILY", "FIRMWARE", "SERIAL", "YEAR",
                                                 "STATUS", "POS", "OBJECT", "FAULT", "CYCLES"}};
     for (const gripper::Image &image : snapshot.grippers)
