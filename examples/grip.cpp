@@ -17,9 +17,12 @@ constexpr int id = 9;
 constexpr int speed = 255;
 constexpr int force = 100;
 
-/// Fingers hold a part when it stops them. A vacuum gripper holds one at the requested level.
+/// Fingers hold a part when it stops them. A vacuum gripper holds one at the requested level. An
+/// image without fresh values is no proof.
 bool isHeld(const gripper::Image &image)
 {
+    if (image.stale || image.goTo != true)
+        return false;
     const std::string family = image.firmware.value_or("").substr(0, 2);
     const bool hasVacuum = family == "TE" || family == "TF";
     return hasVacuum ? image.vacuumStatus == 2 : image.object == int(gripper::Object::Met);
@@ -54,7 +57,9 @@ bool grip(gripper::Line &line)
     gripper::Gripper gripper = line.gripper(id);
     // An active gripper without a fault stays as it is, so a part in it is not dropped.
     gripper.activate();
-    gripper.open(speed, force);
+    if (!isHeld(gripper.image()))
+        gripper.open(speed, force);
+    // This also restores the force of a held part, which a scan sets to 0.
     gripper.close(speed, force);
     if (!isHeld(gripper.image())) {
         std::printf("there is no part\n");
@@ -77,8 +82,8 @@ int main(int argumentCount, char **arguments)
             try {
                 return grip(line) ? 0 : 1;
             } catch (const gripper::ConnectionLost &error) {
-                // The library never repeats a SET. This cell may grip again: opening first is safe
-                // here.
+                // The library never repeats a SET. The next attempt looks at the gripper before it
+                // commands.
                 std::printf("%s\n", error.what());
                 if (!error.unknown().empty())
                     std::printf("the gripper may or may not carry out: %s\n",

@@ -9,6 +9,7 @@
 namespace sim {
 
 constexpr qint64 usPerMs = 1000;
+constexpr qint64 usPerSecond = 1000000;
 
 /// The clock of the simulated line and the queue of delayed actions. Times are microseconds since
 /// the start of the timeline and never decrease.

@@ -8,7 +8,6 @@ namespace sim {
 namespace {
 /// Start bit, eight data bits, parity bit, stop bit.
 constexpr qint64 bitsPerByte = 11;
-constexpr qint64 usPerSecond = 1000000;
 } // namespace
 
 BootloaderMode::BootloaderMode(ModeHost &gripper, const BootloaderKind &kind, FlashMemory &flash,

@@ -1,10 +1,11 @@
 #include "gripperbody.h"
 
+#include "timeline.h"
+
 namespace sim {
 
 namespace {
 constexpr int fullyOpen = 0;
-constexpr int fullyClosed = 255;
 constexpr int baseRate = 50;         // steps per second at speed 0
 constexpr int ratePerSpeed = 2;      // added for each unit of speed
 constexpr int autoReleaseRate = 100; // does not depend on the speed
@@ -14,7 +15,6 @@ constexpr int pushingCurrent = 32;
 constexpr int forceNumerator = 7;
 constexpr int forceDenominator = 8;
 constexpr qint64 currentRiseUs = 200000;
-constexpr qint64 usPerSecond = 1000000;
 } // namespace
 
 GripperBody::GripperBody(bool isVacuum, qint64 activationUs)
@@ -174,7 +174,7 @@ void GripperBody::beginAutoRelease(qint64 nowUs)
 {
     m_status = Status::Releasing;
     m_faultCode = releasingFaultCode;
-    const int to = m_command.autoReleaseCloses && !m_isVacuum ? fullyClosed : fullyOpen;
+    const int to = m_command.autoReleaseCloses && !m_isVacuum ? maxPosition : fullyOpen;
     startTravel(Travel::move(m_travel.positionAt(nowUs), to, autoReleaseRate, nowUs));
 }
 

@@ -6,6 +6,9 @@
 
 namespace sim {
 
+/// Fully closed.
+constexpr int maxPosition = 255;
+
 /// The command of the master, decoded from the output registers.
 struct BodyCommand
 {

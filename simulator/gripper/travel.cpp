@@ -1,10 +1,8 @@
 #include "travel.h"
 
-namespace sim {
+#include "timeline.h"
 
-namespace {
-constexpr qint64 usPerSecond = 1000000;
-}
+namespace sim {
 
 Travel Travel::rest(int position, qint64 nowUs)
 {

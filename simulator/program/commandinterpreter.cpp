@@ -3,6 +3,7 @@
 #include "devicemap.h"
 #include "failure.h"
 #include "faulttext.h"
+#include "gripperbody.h"
 #include "gripperoptions.h"
 #include "numbers.h"
 
@@ -12,7 +13,6 @@ namespace sim {
 
 namespace {
 constexpr int maxWord = 0xFFFF;
-constexpr int maxPosition = 255;
 constexpr int maxFaultCode = 15;
 constexpr int maxGetCount = 125;
 

@@ -1,6 +1,7 @@
 #include "programoptions.h"
 
 #include "failure.h"
+#include "gripperbody.h"
 #include "numbers.h"
 
 #include <QCommandLineParser>
@@ -10,7 +11,6 @@
 namespace sim {
 
 namespace {
-constexpr int maxPosition = 255;
 constexpr int maxTimeMs = 600000;
 constexpr int maxPortMode = 0777;
 constexpr int maxBitsPerSecond = 10000000;

@@ -153,7 +153,8 @@ std::string Program::watch(gripper::Watch watch, int count)
 std::string Program::commandLine(const std::string &command, const Words &words)
 {
     if (command == "line")
-        m_line.emplace(words.at(0), number(words, 1, gripper::Endpoint::defaultPort));
+        m_line.emplace(words.at(0), number(words, 1, gripper::Endpoint::defaultPort),
+                       gripper::Options{seconds(words, 2, 5), {}});
     else if (command == "grippers")
         return textOf(line().grippers());
     else if (command == "state")
@@ -172,7 +173,7 @@ std::string Program::commandLine(const std::string &command, const Words &words)
         return watch(line().watch(ids(Words(words.begin() + 2, words.end())), std::stod(words[1])),
                      number(words, 0));
     else if (command == "rename")
-        line().rename(number(words, 0), number(words, 1));
+        line().rename(number(words, 0), number(words, 1), seconds(words, 2, 60));
     else if (command == "maintenance")
         m_maintenance.emplace(line().maintenance());
     else if (command == "end-maintenance")

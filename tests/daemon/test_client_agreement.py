@@ -25,8 +25,8 @@ def settling(listed):
 class Cpp:
     """Calls of the C++ library. Each returns its result or the type of its error, as a text."""
 
-    def __init__(self, host):
-        self.check = ClientCheck(f"line {host}")
+    def __init__(self, host, timeout):
+        self.check = ClientCheck(f"line {host} 0 {timeout}")
 
     def line(self, call, *numbers):
         answer = self.check.run(" ".join(map(str, (call, *numbers))))
@@ -44,6 +44,9 @@ class Cpp:
     def watch(self, ids):
         return self.line("watch-line", 1, 20, *ids)
 
+    def mute(self):
+        return self.line("maintenance")
+
     def select(self):
         assert self.line("gripper", 9) == ""
 
@@ -55,8 +58,8 @@ class Cpp:
 class Python:
     """As Cpp, for the Python library."""
 
-    def __init__(self, host):
-        self._line = blocking.Line(host)
+    def __init__(self, host, timeout):
+        self._line = blocking.Line(host, timeout=timeout)
         self._gripper = None
 
     def line(self, call, *numbers):
@@ -73,6 +76,9 @@ class Python:
 
     def watch(self, ids):
         return self.line("watch", ids, 20)
+
+    def mute(self):
+        return self._result(self._line.maintenance(), "__enter__", ())
 
     def select(self):
         self._gripper = self._line.gripper(9)
@@ -94,8 +100,8 @@ class Python:
 def start(request):
     """start(daemon) returns the library of one language, connected to the scripted daemon."""
     with contextlib.ExitStack() as stack:
-        def connect(daemon):
-            library = request.param(daemon.host)
+        def connect(daemon, timeout=5):
+            library = request.param(daemon.host, timeout)
             stack.callback(library.close)
             return library
 
@@ -337,3 +343,19 @@ def test_a_rename_that_fails_names_the_id(start, scanned, error):
 
     with ScriptedDaemon(answer, SID="[2, 9]") as daemon:
         assert start(daemon).line("rename", 2, 4) == error
+
+
+@pytest.mark.parametrize(
+    "timeout, call",
+    [(1, lambda library: library.mute()), (5, lambda library: library.line("rename", 2, 4, 1))],
+    ids=["maintenance", "rename"],
+)
+def test_a_line_that_does_not_become_silent_in_time_is_unmuted(start, timeout, call):
+    """A disturbed line is silent after 2 s only."""
+    with ScriptedDaemon(SID="[2, 9]", DRI="ERR_TIMEOUT") as daemon:
+        library = start(daemon, timeout)
+        results = []
+        seconds = seconds_of(lambda: results.append(call(library)))
+        assert results == ["TimedOut"]
+        assert 1 <= seconds < 1.5
+        assert daemon.sets() == ["MUTE 1", "MUTE 0"]

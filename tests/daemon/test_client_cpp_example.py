@@ -47,11 +47,16 @@ def test_it_survives_a_restart_of_the_daemon(line, start_daemon, moment, text):
     example = start()
     moment(line)
     daemon.kill()
+    mark = line.mark()
     start_daemon()
     status, out = result(example)
     assert status == 0, out
     assert text in out
     assert "lost the part" not in out
+    # The part stays until the end: no request opens the fingers before one that closes them.
+    writes = line.since(mark, lambda r: r.slave == 9 and r.is_write(1000))
+    positions = [request.values[1] & 0xFF for request in writes]
+    assert positions[-1] == 0 and positions == sorted(positions, reverse=True)
     assert line.registers(9, 2002)[0] >> 8 == 0
 
 

@@ -11,7 +11,7 @@ from unittest import mock
 
 import pytest
 from harness.children import spawn
-from harness.pythonclient import PACKAGE
+from harness.pythonclient import PACKAGE, blocking
 from harness.simulator import Simulator
 
 EXAMPLES = PACKAGE.parents[1] / "examples"
@@ -114,6 +114,31 @@ def test_first_program_in_cpp_compiles(tmp_path):
     include = PACKAGE.parent / "cpp" / "include"
     command = ["c++", "-std=c++17", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", "-I", include, source]
     subprocess.run(command, check=True)
+
+
+def recipe(word):
+    (block,) = [block for block in blocks("python") if word in block and "class" not in block]
+    return compile(block, "docs/clients.md", "exec")
+
+
+def test_recipes_for_a_lost_connection_a_fault_and_a_lost_part(simulator, start_daemon, capsys):
+    start_daemon().wait_until_found(9)
+    with blocking.Line("127.0.0.1") as line, line.gripper(9) as gripper:
+        gripper.activate()
+        scope = {"line": line, "gripper": gripper, "put_part_down": lambda: print("put down")}
+        lost = blocking.ConnectionLost("lost", "SET POS 120")
+        with mock.patch.object(gripper, "move", side_effect=lost):
+            exec(recipe("error.unknown"), scope)
+        assert capsys.readouterr().out == "not certain: SET POS 120 the gripper goes to 0\n"
+        simulator.command("faultcode 9 12")
+        exec(recipe("fault.code"), scope)
+        assert capsys.readouterr().out == "fault 12\nput down\n"
+        assert gripper.image().fault == 0
+        simulator.command("object 9 140")
+        assert gripper.close().stalled
+        simulator.command("object 9 none")
+        exec(recipe("lost the part"), scope)
+        assert capsys.readouterr().out == "lost the part\n"
 
 
 # The node, with stand-ins for the framework

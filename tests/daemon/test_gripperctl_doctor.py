@@ -319,7 +319,8 @@ def test_an_ordinary_user_learns_what_root_would_see(bench, has_systemd):
     if has_systemd:
         put_program(folder / "systemctl", f"#!/bin/sh\nexec cat {folder}/unit.show\n")
     words = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", program, "--json", "doctor"]
-    env = {**os.environ, "PATH": f"{folder}:{os.environ['PATH']}"}
+    # The user may not read the settings of root either.
+    env = {**os.environ, "HOME": str(folder), "PATH": f"{folder}:{os.environ['PATH']}"}
     with forbidden_port(bench):
         run = subprocess.run(words, capture_output=True, text=True, timeout=20, cwd="/", env=env, check=False)
     shutil.rmtree(folder)

@@ -229,6 +229,12 @@ def test_no_other_gripper_moves_instead_of_a_missing_one(active, simulator):
     eventually(lambda: "serial QRS-0017" in succeed("scan"), 10)
 
 
+def test_status_of_a_gripper_that_is_not_listed_names_the_listed_ones(daemon):
+    run = ctl("--gripper", "3", "status")
+    assert run.returncode == gripperctl.NO_GRIPPER
+    assert "grippers found: 2, 9" in run.stdout and "no grippers" not in run.stdout
+
+
 def test_a_gripper_is_removed_during_a_movement(active, simulator, daemon):
     process = start_ctl("move", "255", "--speed", "0", "--wait")
     eventually(lambda: active.get("OBJ") == "1")

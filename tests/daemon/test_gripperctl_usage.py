@@ -155,7 +155,7 @@ def environment(home, **variables):
 
 def write_settings(home, text):
     (home / ".config").mkdir(exist_ok=True)
-    (home / ".config" / "gripperctl.toml").write_text(text, encoding="ascii")
+    (home / ".config" / "gripperctl.toml").write_text(text, encoding="latin-1")
 
 
 def test_the_command_line_wins_over_the_environment_and_that_over_the_file(tmp_path):
@@ -178,28 +178,76 @@ def test_the_file_has_defaults_for_every_option(tmp_path):
 @pytest.mark.parametrize("text,line,said", [
     ("hots = 3", 1, "there is no option --hots; did you mean --host?"),
     ("# 9 is the default\n\ngripper = 12", 3, '--gripper takes a number from 1 to 9, not "12"'),
-    ("timeout = never", 1, '--timeout takes seconds from 0.02 to 86400, not "never"'),
+    ('timeout = "never"', 1, '--timeout takes seconds from 0.02 to 86400, not "never"'),
+    ("timeout = 2026-05-06", 1, '--timeout takes seconds from 0.02 to 86400, not "2026-05-06"'),
+    ("timeout = inf", 1, '--timeout takes seconds from 0.02 to 86400, not "inf"'),
     ('host = "a:b:c"', 1, '--host "a:b:c" is no address'),
-    ("json = maybe", 1, "--json takes true or false, not maybe"),
+    ('json = "maybe"', 1, "--json takes true or false, not maybe"),
     ("gripper = [2, 3]", 1, "--gripper takes one value"),
+    ("gripper = [{ a = 2 }]", 1, '--gripper takes a number from 1 to 9, not "{ a = 2 }"'),
     ("host = []", 1, "--host takes one value"),
-    ('host = ["a",\n"b"\n', 1, "a bracket is not closed"),
-    ("json = true\n[move\nspeed = 1", 2, "a bracket is not closed"),
-    ('host = "robot', 1, "a quote is not closed"),
-    ("[mvoe]\nspeed = 1", 1, "there is no command [mvoe]"),
+    ('host = ["a",\n"b"\n', 2, "Error while parsing array: encountered end-of-file"),
+    ("json = true\n[move\nspeed = 1", 2, "Error while parsing table header: expected ']'"),
+    ('host = "robot', 1, "Error while parsing string: encountered end-of-file"),
+    ("[mvoe]\nspeed = 1", 1, "there is no command mvoe"),
+    ("gripper = { a = 2 }", 1, "there is no command gripper"),
+    ("[move.on]\nspeed = 1", 1, "there is no option --on"),
+    ("[[move]]\nspeed = 1", 1, "there is no option --move"),
     ("[move]\n\nspeed = 256", 3, '--speed takes a number from 0 to 255, not "256"'),
     ("[move]\nsped = 1", 2, "there is no option --sped; did you mean --speed?"),
+    ("move = { speed = 1,\nforce = 2 }", 1, "Error while parsing inline table"),
     ("[watch]\ngripper = 2", 2, "there is no option --gripper"),
-    ("config = x", 1, "there is no option --config"),
+    ("config = 1", 1, "there is no option --config"),
     ('host = ["a", # one\n"b"]\ngripper = 0', 3, "--gripper takes a number"),
-    ("json", 1, "expected NAME = VALUE"),
-    ("x=", 1, "expected NAME = VALUE"),
+    ("gripper = 2\njson = true\ngripper = 3", 3, "Error while parsing key-value pair: cannot redefine"),
+    ("[move]\n[scan]\n[move]", 3, "Error while parsing table header: cannot redefine"),
+    ("json", 1, "Error while parsing key-value pair: encountered end-of-file"),
+    ("x=", 1, "Error while parsing key-value pair: encountered end-of-file"),
+    ('json = true\nhost = "r\xf6"', 2, "Encountered invalid utf-8 sequence"),
+    ('host = "\0"', 1, "Error while parsing string: unescaped control characters"),
 ])
 def test_a_wrong_entry_of_the_file_is_reported(tmp_path, text, line, said):
     write_settings(tmp_path, text)
     path = tmp_path / ".config" / "gripperctl.toml"
     problem = fail(gripperctl.USAGE, "get", "VER", env=environment(tmp_path))
     assert f"configuration file {path}, line {line}: {said}" in problem
+
+
+def test_a_configuration_file_is_small(tmp_path):
+    path = tmp_path / ".config" / "gripperctl.toml"
+    with ScriptedDaemon(VER="1") as daemon:
+        settings = f'host = "{daemon.host}"\n'
+        write_settings(tmp_path, settings.ljust(16384, "#"))
+        assert succeed("get", "VER", env=environment(tmp_path)) == "1\n"
+        for size in (16385, 10_000_000):
+            write_settings(tmp_path, settings.ljust(size, "#"))
+            problem = fail(gripperctl.USAGE, "get", "VER", env=environment(tmp_path))
+            assert f"configuration file {path} is larger than 16384 bytes" in problem
+
+
+@pytest.mark.parametrize("start,repeated,said", [
+    ("[", "a.", "there is no command a"), ("x = ", "[", "exceeded maximum nested value depth"),
+])
+def test_a_deeply_nested_configuration_file_is_refused(tmp_path, start, repeated, said):
+    write_settings(tmp_path, start + repeated * (16000 // len(repeated)) + "a]")
+    assert said in fail(gripperctl.USAGE, "get", "VER", env=environment(tmp_path))
+
+
+@pytest.mark.parametrize("text", [
+    "[move]\nspeed = 40\n", "move = { speed = 40 } # slow\n", "move.speed = 40\n", "[move]\nspeed = '40'\n[scan]\n",
+])
+def test_a_section_has_every_form_of_toml(tmp_path, text):
+    with ScriptedDaemon(GTO="1", PRE="005", OBJ="3") as daemon:
+        write_settings(tmp_path, f'host = "{daemon.host}"\n{text}')
+        succeed("move", "5", env=environment(tmp_path))
+        assert daemon.sets() == ["SID 9", "POS 5 SPE 40 FOR 0 GTO 1"]
+
+
+def test_a_string_may_contain_the_marks_of_toml(tmp_path):
+    with ScriptedDaemon() as daemon:
+        write_settings(tmp_path, f'host = "{daemon.host}"\n[status]\nexpect = "#[,=\\"" # a "remark\n')
+        problem = fail(gripperctl.USAGE, "status", env=environment(tmp_path))
+        assert '--expect takes ids such as 2,9, not "#[,=""' in problem
 
 
 def test_an_array_may_have_several_lines(tmp_path):

@@ -29,7 +29,11 @@ public:
         CHECK(::mkdtemp(path.data()) != nullptr);
         m_root = path;
     }
-    ~Image() { fs::remove_all(m_root); }
+    ~Image()
+    {
+        ::setenv("PATH", m_path.c_str(), 1);
+        fs::remove_all(m_root);
+    }
     Image(const Image &) = delete;
     Image &operator=(const Image &) = delete;
 
@@ -46,10 +50,19 @@ public:
         fs::create_symlink(target, m_root + path);
         return *this;
     }
+    /// Programs in the root folder of the image replace those of this machine.
+    Image &putProgram(const std::string &name, const std::string &text)
+    {
+        put('/' + name, "#!/bin/sh\n" + text);
+        fs::permissions(m_root + '/' + name, fs::perms::owner_all);
+        ::setenv("PATH", (m_root + ':' + m_path).c_str(), 1);
+        return *this;
+    }
     Machine machine() const { return Machine(m_root); }
 
 private:
     std::string m_root;
+    std::string m_path = std::getenv("PATH");
 };
 
 Facts factsOf(const Machine &machine)
@@ -70,7 +83,7 @@ Level worst(const Findings &findings)
 Level filterWith(const std::string &allowed, const std::string &denied)
 {
     Facts facts;
-    facts.unit.properties = {
+    facts.filter.properties = {
         {"LoadState", "loaded"}, {"IPAddressAllow", allowed}, {"IPAddressDeny", denied}};
     return worst(checkAddressFilter(facts));
 }
@@ -257,6 +270,25 @@ TEST(theAddressFilterAdmitsThisMachineAndNotAll)
     CHECK(filterWith("", every) == Level::Problem);
     CHECK(filterWith("", "") == Level::Note);
     CHECK(filterWith("127.0.0.0/8 ::1/128 0.0.0.0/1 128.0.0.0/1", every) == Level::Note);
+}
+
+TEST(theClientsOfAnInstanceMeetItsSocket)
+{
+    Image image;
+    image
+        .putProgram("systemctl", "shift 3; echo LoadState=loaded; echo MainPID=7; echo\n"
+                                 "echo IPAddressAllow=10.0.0.0/8; echo IPAddressDeny=any\n"
+                                 "echo LoadState=loaded; echo DropInPaths=$*\n")
+        .put("/proc/net/tcp", "0: 00000000:F7A9 00000000:0000 0A 0:0 0:0 0 0 0 4711 1\n")
+        .put("/proc/1/comm", "systemd\n")
+        .link("/proc/1/fd/5", "socket:[4711]")
+        .put("/proc/7/comm", "gripperd\n");
+    const Facts facts = gather(image.machine(), {"127.0.0.1", 63401}, Reply(), {});
+    CHECK(facts.unit.name == "gripperd@63401.service" && facts.daemon == 7);
+    CHECK(facts.filter.dropIns() == "gripperd@63401.service, gripperd-forward@63401.socket");
+    CHECK(worst(checkAddressFilter(facts)) == Level::Problem);
+    CHECK(checkPort(facts).front().result ==
+          "systemd (process 1) has port 63401 and does not answer");
 }
 
 TEST(theDevicePolicyContainsThePort)

@@ -8,6 +8,8 @@
 #include "version.h"
 
 #include <algorithm>
+#include <memory>
+#include <string_view>
 
 namespace gripperctl {
 
@@ -44,7 +46,7 @@ void addGeneralOptions(CLI::App &app, Program &program)
 {
     Settings &settings = program.settings();
     addHost(app, settings);
-    addNumber(app, "--gripper", 1, 9, "The gripper (default 9).")
+    addNumber(app, "--gripper", minId, maxId, "The gripper (default 9).")
         ->each([&settings](const std::string &word) { settings.gripper = std::stoi(word); })
         ->type_name("ID")
         ->option_text(idsOffered);
@@ -107,8 +109,8 @@ Failure commandMissing(const CLI::App &app)
                              suggestion(words.front(), namesOf(app.get_subcommands({})))));
 }
 
-} // namespace
-
+/// All commands and options. A command runs within parse(), and throws Failure or gripper::Error if
+/// it fails.
 std::unique_ptr<CLI::App> makeApp(Program &program)
 {
     auto app = std::make_unique<CLI::App>(
@@ -123,6 +125,7 @@ std::unique_ptr<CLI::App> makeApp(Program &program)
     return app;
 }
 
+/// The message for a wrong command line.
 Failure usageFailure(const CLI::App &app, const CLI::ParseError &error)
 {
     const std::vector<CLI::App *> given = app.get_subcommands();
@@ -145,6 +148,55 @@ Failure usageFailure(const CLI::App &app, const CLI::ParseError &error)
             concat(name, " does not take ", word, suggestion(word, optionNames(command))), page);
     }
     return wrongUsage(concat(name, " does not take \"", word, '"'), page);
+}
+
+/// Options may precede their command. CLI11 knows them only after it. Returns the reversed words,
+/// which CLI11 wants.
+std::vector<std::string> commandFirst(CLI::App &app, std::vector<std::string> words)
+{
+    for (auto word = words.begin(); word != words.end(); ++word) {
+        const bool isValue = word != words.begin() && takesValue(app, *(word - 1));
+        if (isValue || findCommand(app, *word) == nullptr)
+            continue;
+        std::rotate(words.begin(), word, word + 1);
+        break;
+    }
+    std::reverse(words.begin(), words.end());
+    return words;
+}
+
+/// CLI11 reports help and version by exceptions.
+Failure parsed(CLI::App &app, int argc, char *argv[])
+{
+    try {
+        app.parse(commandFirst(app, std::vector<std::string>(argv + 1, argv + argc)));
+    } catch (const CLI::CallForHelp &) {
+        Output::print(app.help());
+    } catch (const CLI::CallForVersion &version) {
+        Output::print(std::string(version.what()) + '\n');
+    } catch (const CLI::ParseError &error) {
+        return usageFailure(app, error);
+    } catch (const gripper::Error &error) {
+        return failureOf(error);
+    } catch (const Failure &failure) {
+        return failure;
+    }
+    return {ExitCode::Done, ""};
+}
+
+} // namespace
+
+int runCommandLine(int argc, char *argv[])
+{
+    Program program;
+    // A wrong command line is reported before its options have an effect.
+    if (std::find(argv, argv + argc, std::string_view("--json")) != argv + argc)
+        program.output().useJson();
+    const auto app = makeApp(program);
+    const Failure result = parsed(*app, argc, argv);
+    if (result.code() != ExitCode::Done)
+        program.output().problem(result);
+    return static_cast<int>(result.code());
 }
 
 } // namespace gripperctl

@@ -16,7 +16,6 @@ namespace {
 
 constexpr double minSeconds = 0.02;
 constexpr double maxSeconds = 86400;
-constexpr int maxId = 9;
 
 static_assert(manyWords == CLI::detail::expected_max_vector_size);
 
@@ -164,7 +163,7 @@ std::vector<int> idsFrom(const std::string &list)
     if (list.empty())
         return ids;
     for (const std::string &word : CLI::detail::split(list, ',')) {
-        const std::optional<int> id = numberFrom(word, 1, maxId);
+        const std::optional<int> id = numberFrom(word, minId, maxId);
         if (!id)
             throw Failure(ExitCode::WrongUsage,
                           concat("--expect takes ids such as 2,9, not \"", list, '"'));

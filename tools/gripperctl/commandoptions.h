@@ -81,6 +81,12 @@ std::string textOf(const CLI::App &command, const std::string &name);
 std::optional<int> numberOf(const CLI::App &command, const std::string &name);
 std::optional<gripper::Seconds> secondsOf(const CLI::App &command, const std::string &name);
 
+/// The ids of grippers.
+constexpr int minId = 1;
+constexpr int maxId = 9;
+/// The largest value of a register of one byte.
+constexpr int maxValue = 255;
+
 /// Reads a whole decimal number. Empty if `word` is not one from `min` to `max`.
 std::optional<int> numberFrom(const std::string &word, int min, int max);
 

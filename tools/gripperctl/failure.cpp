@@ -26,7 +26,9 @@ ExitCode codeOf(const gripper::Error &error)
 Failure failureOf(const gripper::Error &error)
 {
     std::string text = error.what();
-    if (dynamic_cast<const gripper::ConnectionLost *>(&error) != nullptr)
+    const bool isRefused =
+        dynamic_cast<const gripper::ConnectionLost *>(&error) != nullptr && text.back() == '?';
+    if (isRefused)
         text += " See systemctl status gripperd";
     return {codeOf(error), text};
 }

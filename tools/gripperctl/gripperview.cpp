@@ -11,16 +11,16 @@ namespace {
 
 struct FamilyRow
 {
-    char letter; ///< the second character of the firmware version
     const char *name;
+    char letter; ///< the second character of the firmware version
     bool isVacuum;
 };
 
 constexpr FamilyRow families[] = {
-    {'A', "Pello", false},
-    {'B', "Varno", false},
-    {'E', "Zentra", true},
-    {'F', "Sorbix", true},
+    {"Pello", 'A', false},
+    {"Varno", 'B', false},
+    {"Zentra", 'E', true},
+    {"Sorbix", 'F', true},
 };
 
 /// Null for a version of no known family.

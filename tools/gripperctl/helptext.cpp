@@ -6,7 +6,7 @@ namespace gripperctl {
 
 namespace {
 
-constexpr std::size_t column = 26;
+constexpr std::size_t textColumn = 26;
 
 const char *const examples =
     "  gripperctl status\n"
@@ -26,7 +26,7 @@ const char *const exitCodes =
 
 std::string entry(const std::string &left, const std::string &right)
 {
-    const std::size_t gap = left.size() < column ? column - left.size() : 0;
+    const std::size_t gap = left.size() < textColumn ? textColumn - left.size() : 0;
     return "  " + left + std::string(gap + 1, ' ') + right + '\n';
 }
 

@@ -10,7 +10,7 @@ namespace gripperctl {
 namespace {
 
 // After this time, a daemon that does not answer shows as an outage.
-constexpr gripper::Seconds answerTimeout{2};
+constexpr gripper::Seconds lookTimeout{2};
 
 constexpr std::chrono::milliseconds slice{10};
 
@@ -57,7 +57,7 @@ Looks::Looks(Program &program, gripper::Seconds interval, std::optional<int> cou
     catchInterruptions();
     if (program.settings().endpoints.size() == 1)
         refuseUnusable(program);
-    const gripper::Options options{program.timeoutOr(answerTimeout), [this] {
+    const gripper::Options options{program.timeoutOr(lookTimeout), [this] {
                                        if (m_isStopped)
                                            throw Stopped();
                                    }};

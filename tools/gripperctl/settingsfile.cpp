@@ -4,12 +4,14 @@
 #include "failure.h"
 #include "text.h"
 
+#include <toml++/toml.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <sstream>
 
 #include <unistd.h>
 
@@ -19,30 +21,34 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// toml++ frees nested tables recursively. The names of a larger file could exhaust the stack.
+constexpr std::uintmax_t maxBytes = 16384;
+
 [[noreturn]] void fail(const std::string &text)
 {
     throw Failure(ExitCode::WrongUsage, "configuration file " + text);
 }
 
-/// Appends the next line without its comment. Returns false at the end of the file.
-bool appendLine(std::istream &input, std::string &text)
+[[noreturn]] void refuse(const toml::key &key, const std::string &problem)
 {
-    std::string line;
-    if (!std::getline(input, line))
-        return false;
-    text += line.substr(0, line.find('#'));
-    CLI::detail::trim(text);
-    return true;
+    throw toml::parse_error(problem.c_str(), key.source());
 }
 
-auto count(const std::string &text, char letter)
+/// The text of a string, and any other value as in the file.
+std::string wordOf(const toml::node &value)
 {
-    return std::count(text.begin(), text.end(), letter);
+    return value.value_or(concat(toml::node_view<const toml::node>(value)));
 }
 
-bool hasOpenBracket(const std::string &text)
+/// The items of an array, or the single value.
+std::vector<std::string> wordsOf(const toml::node &value)
 {
-    return count(text, '[') > count(text, ']');
+    if (!value.is_array())
+        return {wordOf(value)};
+    std::vector<std::string> words;
+    for (const toml::node &item : *value.as_array())
+        words.push_back(wordOf(item));
+    return words;
 }
 
 /// The problem of a value. Empty for a good one.
@@ -58,68 +64,61 @@ std::string problemOf(CLI::Option &option, std::string value)
     }
 }
 
-/// The problem of an entry. Empty for a good one.
-std::string problemOf(CLI::App &app, const CLI::ConfigItem &item)
+/// Throws for a wrong entry.
+CLI::ConfigItem entryOf(CLI::App &app, const toml::key &key, const toml::node &value)
 {
-    CLI::App *command =
-        item.parents.empty() ? &app : findCommand(app, CLI::detail::join(item.parents, "."));
-    if (command == nullptr)
-        return concat("there is no command ", CLI::detail::join(item.parents, "."));
-    const std::string name = "--" + item.name;
-    CLI::Option *option = command->get_option_no_throw(name);
+    CLI::ConfigItem entry;
+    entry.name = key.str();
+    entry.inputs = wordsOf(value);
+    const std::string name = "--" + entry.name;
+    CLI::Option *option = app.get_option_no_throw(name);
     if (option == nullptr || !option->get_configurable())
-        return concat("there is no option ", name, suggestion(name, optionNames(*command)));
+        refuse(key, concat("there is no option ", name, suggestion(name, optionNames(app))));
     const auto maxCount = static_cast<std::size_t>(std::max(1, option->get_items_expected_max()));
-    if (item.inputs.empty() || item.inputs.size() > maxCount)
-        return name + " takes one value";
-    for (const std::string &value : item.inputs) {
-        const std::string problem = problemOf(*option, value);
+    if (entry.inputs.empty() || entry.inputs.size() > maxCount)
+        refuse(key, name + " takes one value");
+    for (const std::string &word : entry.inputs) {
+        const std::string problem = problemOf(*option, word);
         if (!problem.empty())
-            return concat(name, ' ', problem);
+            refuse(key, concat(name, ' ', problem));
     }
-    return {};
+    return entry;
+}
+
+bool isOverridden(const CLI::ConfigItem &entry)
+{
+    const char *host = std::getenv(hostVariable);
+    return entry.name == "host" && host != nullptr && *host != '\0';
 }
 
 } // namespace
 
 std::vector<CLI::ConfigItem> SettingsFile::from_config(std::istream &input) const
 {
-    const char *host = std::getenv(hostVariable);
-    const bool hasHost = host != nullptr && *host != '\0';
-    const std::string path = m_app.get_config_ptr()->as<std::string>();
-    std::vector<CLI::ConfigItem> read;
-    std::string section;
-    int lines = 0;
-    for (std::string entry; appendLine(input, entry); entry.clear()) {
-        const std::string place = concat(path, ", line ", ++lines, ": ");
-        for (; hasOpenBracket(entry) && appendLine(input, entry); ++lines) {
+    std::vector<CLI::ConfigItem> entries;
+    try {
+        const toml::table table = toml::parse(input);
+        for (const auto &[key, value] : table) {
+            const toml::table *section = value.as_table();
+            if (section == nullptr) {
+                entries.push_back(entryOf(m_app, key, value));
+                continue;
+            }
+            const std::string name(key);
+            CLI::App *command = findCommand(m_app, name);
+            if (command == nullptr)
+                refuse(key, concat("there is no command ", name));
+            for (const auto &[option, setting] : *section) {
+                entries.push_back(entryOf(*command, option, setting));
+                entries.back().parents = {name};
+            }
         }
-        if (hasOpenBracket(entry))
-            fail(place + "a bracket is not closed");
-        if (count(entry, '"') % 2 != 0)
-            fail(place + "a quote is not closed");
-        if (entry.empty())
-            continue;
-        if (entry.front() == '[') {
-            section = entry + '\n';
-            if (findCommand(m_app, entry.substr(1, entry.size() - 2)) == nullptr)
-                fail(concat(place, "there is no command ", entry));
-            continue;
-        }
-        std::istringstream text(section + entry);
-        std::vector<CLI::ConfigItem> entries = CLI::ConfigTOML::from_config(text);
-        // CLI11 marks the begin and the end of a section.
-        const auto isMark = [](const auto &item) { return item.name == "++" || item.name == "--"; };
-        entries.erase(std::remove_if(entries.begin(), entries.end(), isMark), entries.end());
-        if (entries.size() != 1 || count(entry, '=') == 0)
-            fail(place + "expected NAME = VALUE");
-        const std::string problem = problemOf(m_app, entries.front());
-        if (!problem.empty())
-            fail(place + problem);
-        if (!hasHost || entries.front().fullname() != "host")
-            read.push_back(entries.front());
+    } catch (const toml::parse_error &error) {
+        fail(concat(m_app.get_config_ptr()->as<std::string>(), ", line ", error.source().begin.line,
+                    ": ", error.description()));
     }
-    return read;
+    entries.erase(std::remove_if(entries.begin(), entries.end(), isOverridden), entries.end());
+    return entries;
 }
 
 std::string SettingsFile::defaultPath()
@@ -130,14 +129,18 @@ std::string SettingsFile::defaultPath()
 
 void SettingsFile::refuseUnreadable(const std::string &path)
 {
+    if (path == "/dev/null")
+        return;
     if (::access(path.c_str(), R_OK) != 0) {
         if (errno != ENOENT || path != defaultPath())
             fail(concat(path, " is not readable: ", std::strerror(errno)));
         return;
     }
     std::error_code ignored;
-    if (!fs::is_regular_file(path, ignored) && path != "/dev/null")
+    if (!fs::is_regular_file(path, ignored))
         fail(path + " is not a file, but a folder, a pipe or a device");
+    if (fs::file_size(path, ignored) > maxBytes)
+        fail(concat(path, " is larger than ", maxBytes, " bytes"));
 }
 
 } // namespace gripperctl

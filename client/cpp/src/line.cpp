@@ -150,7 +150,7 @@ void Line::rename(int oldId, int newId, Seconds timeout)
     refuseDuringUpgrade(m_connection, end);
     const std::vector<int> listed = listedIds(m_connection, end);
     refuseInUse(newId, listed);
-    Maintenance muted = maintenance();
+    Maintenance muted(endpoint(), m_connection.options(), end);
     // A gripper that was plugged in after the last scan is not listed, but uses its id.
     const auto isFound = [&](const std::vector<int> &ids) {
         return contains(ids, oldId) || !contains(listed, oldId);

@@ -14,13 +14,19 @@ constexpr Seconds silenceOfDisturbedLine{2};
 } // namespace
 
 Maintenance::Maintenance(const Endpoint &endpoint, const Options &options)
+    : Maintenance(endpoint, options, Deadline(options.timeout))
+{
+}
+
+Maintenance::Maintenance(const Endpoint &endpoint, const Options &options, const Deadline &deadline)
     : m_connection(endpoint, options)
 {
     try {
-        m_connection.set({{"MUTE", 1}}, Deadline(options.timeout));
-        const bool isRunning = m_connection.get("DRI", Deadline(options.timeout)) == "RUNNING";
-        const Seconds silence = isRunning ? silenceOfRunningLine : silenceOfDisturbedLine;
-        m_connection.pause(silence, Deadline(silence));
+        m_connection.set({{"MUTE", 1}}, deadline);
+        const bool isRunning = m_connection.get("DRI", deadline) == "RUNNING";
+        m_connection.pause(isRunning ? silenceOfRunningLine : silenceOfDisturbedLine, deadline);
+        if (deadline.isOver())
+            throw TimedOut("the line did not become silent in time");
     } catch (...) {
         // Without a reply, the daemon may have muted polling, or may do so later.
         unmuteWithoutException();

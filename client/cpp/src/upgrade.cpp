@@ -129,7 +129,7 @@ std::string Gripper::upgrade(const Progress &progress, const std::string &expect
 /// if it ended unseen.
 Seconds Gripper::flash(const Progress &progress, const Deadline &deadline)
 {
-    Maintenance muted(m_connection.endpoint(), m_connection.options());
+    Maintenance muted(m_connection.endpoint(), m_connection.options(), deadline);
     refuseBesideBootloader(m_connection, m_id, deadline);
     const std::string before = linkValues(m_connection, deadline);
     report(progress, UpgradeStage::Jumping);

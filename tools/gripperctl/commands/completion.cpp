@@ -21,7 +21,7 @@ struct Completion
 using Completions = std::vector<Completion>;
 using Words = std::vector<std::string>;
 
-constexpr gripper::Seconds answerTimeout{0.5};
+constexpr gripper::Seconds completionTimeout{0.5};
 constexpr const char *hostOption = "--host";
 
 bool isOption(const std::string &word)
@@ -63,7 +63,7 @@ Completions offerIds(const gripper::Endpoint &endpoint)
 {
     Completions offered;
     try {
-        for (const int id : gripper::Line(endpoint).grippers(answerTimeout))
+        for (const int id : gripper::Line(endpoint).grippers(completionTimeout))
             offered.push_back({std::to_string(id)});
     } catch (const gripper::Error &) {
         // Without the daemon, no id is known.
@@ -158,7 +158,7 @@ void printCompletions(CLI::App &app, Program &program, Words words)
          offerNext(app, program.settings().endpoints.front(), words, last)) {
         const bool isKind = word.front() == ':';
         if (isKind || word.compare(0, last.size(), last) == 0)
-            text += word + (description.empty() ? "" : '\t' + description) + '\n';
+            text += concat(word, description.empty() ? "" : "\t", description, '\n');
     }
     Output::print(text);
 }

@@ -11,7 +11,7 @@ namespace gripperctl {
 namespace {
 
 // All checks take less than 5 s, whatever hangs.
-constexpr gripper::Seconds answerTimeout{1};
+constexpr gripper::Seconds checkTimeout{1};
 
 /// The result of gripperctl status --json.
 Json statusOf(Program &program, const doctor::Reply &reply)
@@ -25,13 +25,13 @@ Json statusOf(Program &program, const doctor::Reply &reply)
     }
 }
 
-void run(Program &program, const CLI::App &command)
+void runDoctor(Program &program, const CLI::App &command)
 {
     const std::vector<int> expected = idsFrom(textOf(command, "--expect"));
     const std::string bundle = textOf(command, "--bundle");
     if (!bundle.empty())
         doctor::refuseExisting(bundle);
-    program.settings().timeout = program.timeoutOr(answerTimeout);
+    program.settings().timeout = program.timeoutOr(checkTimeout);
     const gripper::Endpoint &endpoint = program.endpoint();
     const doctor::Reply reply = doctor::ask(endpoint, program.options());
     const doctor::Facts facts = doctor::gather(doctor::Machine(), endpoint, reply, expected);
@@ -61,7 +61,7 @@ void addDoctor(CLI::App &app, Program &program)
         {"doctor", "Look for the cause of a fault: service, ports, adapters, grippers.",
          "Changes nothing and opens no serial port. Use sudo to see the processes of other users.",
          "doctor --expect 2,9 --bundle support.tar.gz"},
-        run);
+        runDoctor);
     addText(command, "--expect", "ID,ID...",
             "Report a problem unless all these grippers are found.");
     addText(command, "--bundle", "FILE",

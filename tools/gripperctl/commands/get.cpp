@@ -27,7 +27,7 @@ bool needsGripper(const std::string &name)
     });
 }
 
-std::string textOf(const Json &values)
+std::string repliesIn(const Json &values)
 {
     if (values.size() == 1)
         return values.front().get<std::string>();
@@ -54,7 +54,7 @@ Json read(Program &program, const std::vector<std::string> &names)
     return values;
 }
 
-void run(Program &program, const CLI::App &command)
+void runGet(Program &program, const CLI::App &command)
 {
     std::vector<std::string> names = wordsOf(command);
     std::transform(names.begin(), names.end(), names.begin(), upper);
@@ -64,14 +64,14 @@ void run(Program &program, const CLI::App &command)
             continue;
         const std::vector<std::string> known = knownNames();
         const bool isKnown = std::find(known.begin(), known.end(), name) != known.end();
-        program.output().partialResult(textOf(values));
+        program.output().partialResult(repliesIn(values));
         throw Failure(ExitCode::Refused,
                       concat("gripperd has no value of ", name,
                              isKnown ? ": does the gripper answer (gripperctl status)?"
                                      : ": no variable has this name" + suggestion(name, known)),
                       values);
     }
-    program.output().result(textOf(values), values);
+    program.output().result(repliesIn(values), values);
 }
 
 } // namespace
@@ -83,7 +83,7 @@ void addGet(CLI::App &app, Program &program)
         {"get", "Read values of the protocol.",
          "For one name, print only the value; for several names, a line \"NAME VALUE\" for each.",
          "get POS OBJ"},
-        run);
+        runGet);
     addWords(command, "NAME...", 1, manyWords, join(knownNames(), " "));
 }
 

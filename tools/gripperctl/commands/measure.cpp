@@ -13,13 +13,12 @@ namespace gripperctl {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr int maxCount = 1'000'000;
 constexpr int defaultCount = 5;
 constexpr gripper::Seconds defaultPingInterval{1};
-constexpr gripper::Seconds answerTimeout{2};
+constexpr gripper::Seconds exchangeTimeout{2};
 constexpr gripper::Seconds defaultHzTime{5};
 /// Much shorter than the time between two visits of the daemon.
 constexpr gripper::Seconds readInterval{0.005};
@@ -74,7 +73,7 @@ void reportReplies(Program &program, int sent, const std::vector<double> &times,
 void ping(Program &program, const CLI::App &command)
 {
     gripper::Connection connection(program.endpoint(), program.options());
-    const gripper::Seconds timeout = program.timeoutOr(answerTimeout);
+    const gripper::Seconds timeout = program.timeoutOr(exchangeTimeout);
     // The time to connect belongs to no reply.
     connection.open(gripper::Deadline(timeout));
     const int count = numberOf(command, "--count").value_or(defaultCount);
@@ -84,10 +83,10 @@ void ping(Program &program, const CLI::App &command)
     std::optional<Failure> failure;
     const auto interruption = repeat(connection, interval, [&] {
         ++sent;
-        const auto begin = Clock::now();
+        const auto begin = std::chrono::steady_clock::now();
         try {
             connection.get("DRI", gripper::Deadline(timeout));
-            times.push_back(rounded(Clock::now() - begin));
+            times.push_back(rounded(std::chrono::steady_clock::now() - begin));
             program.output().partialResult(concat(sent, ": ", times.back(), " ms"));
         } catch (const gripper::CommunicationError &error) {
             const Failure missing = failureOf(error);
@@ -110,7 +109,7 @@ std::string valuesOf(gripper::Connection &connection)
 }
 
 void reportChanges(Program &program, int id, Milliseconds taken, int reads,
-                   const std::vector<Clock::time_point> &changes,
+                   const std::vector<std::chrono::steady_clock::time_point> &changes,
                    const std::optional<Failure> &interruption)
 {
     std::string text = concat("gripper ", id, ": ", changes.size(), " new values in ", std::fixed,
@@ -144,18 +143,19 @@ void hz(Program &program, const CLI::App &command)
     const int id = program.listedGripperId();
     gripper::Connection connection(program.endpoint(), program.options(), id);
     program.output().begin(concat("reading gripper ", id));
-    const Clock::time_point begin = Clock::now();
+    const std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
     const gripper::Seconds time = secondsOf(command, "--seconds").value_or(defaultHzTime);
-    std::vector<Clock::time_point> changes;
+    std::vector<std::chrono::steady_clock::time_point> changes;
     std::string values;
     int reads = 0;
     const auto interruption = repeat(connection, readInterval, [&] {
         const std::string before = std::exchange(values, valuesOf(connection));
         if (reads++ > 0 && values != before)
-            changes.push_back(Clock::now());
-        return Clock::now() - begin < time;
+            changes.push_back(std::chrono::steady_clock::now());
+        return std::chrono::steady_clock::now() - begin < time;
     });
-    reportChanges(program, id, Clock::now() - begin, reads, changes, interruption);
+    reportChanges(program, id, std::chrono::steady_clock::now() - begin, reads, changes,
+                  interruption);
 }
 
 } // namespace

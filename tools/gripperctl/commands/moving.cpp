@@ -11,7 +11,6 @@ namespace gripperctl {
 
 namespace {
 
-constexpr int maxValue = 255;
 constexpr int maxColours = 3;
 constexpr gripper::Seconds lookInterval{0.03};
 

@@ -14,7 +14,7 @@ namespace gripperctl {
 
 namespace {
 
-constexpr gripper::Seconds answerTimeout{5};
+constexpr gripper::Seconds replyTimeout{5};
 constexpr int sliceMs = 50;
 
 /// Cuts the next reply from the begin of `text`, without its line ending. The reply to a SET has
@@ -38,7 +38,7 @@ public:
     explicit RawSession(Program &program)
         : m_program(program)
         , m_connection(program.endpoint(), program.options())
-        , m_timeout(program.timeoutOr(answerTimeout))
+        , m_timeout(program.timeoutOr(replyTimeout))
     {
         m_connection.open(gripper::Deadline(m_timeout));
     }

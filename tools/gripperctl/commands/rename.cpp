@@ -9,9 +9,6 @@ namespace gripperctl {
 
 namespace {
 
-constexpr int minId = 1;
-constexpr int maxId = 9;
-
 int idFrom(const std::string &word)
 {
     const std::optional<int> id = numberFrom(word, minId, maxId);
@@ -31,7 +28,7 @@ int newIdFrom(const std::string &word)
     return id;
 }
 
-void run(Program &program, const CLI::App &command)
+void runRename(Program &program, const CLI::App &command)
 {
     const std::vector<std::string> &words = wordsOf(command);
     const int from = idFrom(words.front());
@@ -62,7 +59,7 @@ void addRename(CLI::App &app, Program &program)
         {"rename", "Give a gripper another id: 9, 2, 3 or 4.",
          "This takes about ten seconds. Other ids are refused, because no scan looks for them.",
          "rename 9 2"},
-        run);
+        runRename);
     const auto &ids = gripper::Line::scannedIds;
     addWords(command, "OLD NEW", 2, 2, join(std::vector<int>(ids.begin(), ids.end()), " "));
 }

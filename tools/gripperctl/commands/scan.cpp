@@ -19,7 +19,7 @@ std::string lineOf(const gripper::Image &image)
                   image.serialNumber.value_or("?"));
 }
 
-void run(Program &program, const CLI::App & /*command*/)
+void runScan(Program &program, const CLI::App & /*command*/)
 {
     program.output().begin("scanning the line");
     program.line().scan(program.timeoutOr(scanTimeout));
@@ -44,7 +44,7 @@ void addScan(CLI::App &app, Program &program)
     addCommand(app, program,
                {"scan", "Look for grippers again, and show those found.",
                 "A scan takes one or two seconds. Polling pauses during the scan.", "scan"},
-               run);
+               runScan);
 }
 
 } // namespace gripperctl

@@ -9,7 +9,6 @@ namespace gripperctl {
 namespace {
 
 constexpr gripper::Seconds slowTimeout{60};
-constexpr int maxValue = 255;
 // The daemon reads only the first three digits.
 constexpr std::size_t maxDigits = 3;
 // Every value has the same effect.
@@ -113,7 +112,7 @@ bool sendIntoBootloader(Program &program, gripper::Connection &connection,
     return true;
 }
 
-void run(Program &program, const CLI::App &command)
+void runSet(Program &program, const CLI::App &command)
 {
     const Request request = requestFrom(wordsOf(command));
     const gripper::Options options = program.options();
@@ -150,7 +149,7 @@ void addSet(CLI::App &app, Program &program)
                     "Numbers are 0 to 255. Settings for the next movement may come in any order.\n"
                     "SCN, SCN_BLOCK and BLD need no number.",
                     "set MSC 100"},
-                   run);
+                   runSet);
     addWords(command, "NAME [NUMBER]...", 1, manyWords, join(namesToSet(), " "));
 }
 

@@ -28,7 +28,8 @@ std::vector<std::string> rowOf(const gripper::Image &image)
 std::string tableOf(const Snapshot &snapshot)
 {
     if (snapshot.grippers.empty())
-        return "no grippers found";
+        return snapshot.ids().empty() ? "no grippers found"
+                                      : "grippers found: " + listOfIds(snapshot.ids());
     std::vector<std::vector<std::string>> rows{{"ID", "FAMILY", "FIRMWARE", "SERIAL", "YEAR",
                                                 "STATUS", "POS", "OBJECT", "FAULT", "CYCLES"}};
     for (const gripper::Image &image : snapshot.grippers)
@@ -84,7 +85,7 @@ void show(Program &program, const gripper::Endpoint &endpoint, const std::vector
     program.output().result(text, snapshot.json());
 }
 
-void run(Program &program, const CLI::App &command)
+void runStatus(Program &program, const CLI::App &command)
 {
     const std::vector<int> ids = idsFrom(textOf(command, "--expect"));
     program.forEachHost([&](const gripper::Endpoint &endpoint) { show(program, endpoint, ids); });
@@ -98,7 +99,7 @@ void addStatus(CLI::App &app, Program &program)
         app, program,
         {"status", "Show the driver, its link, and every gripper found.",
          "With --gripper, show this gripper only. Several --host are possible.", "status --json"},
-        run);
+        runStatus);
     addText(command, "--expect", "ID,ID...", "Fail unless all these grippers are found.");
 }
 

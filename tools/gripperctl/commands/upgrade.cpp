@@ -146,7 +146,7 @@ std::string upgrade(Program &program, gripper::Gripper &gripper, const std::stri
     }
 }
 
-void run(Program &program, const CLI::App &command)
+void runUpgrade(Program &program, const CLI::App &command)
 {
     gripper::Gripper gripper = program.gripper();
     const gripper::Image before = gripper.image();
@@ -174,7 +174,7 @@ void addUpgrade(CLI::App &app, Program &program)
                     "minute;\ndo not switch "
                     "the gripper off meanwhile.",
                     "upgrade --gripper 9 --yes"},
-                   run);
+                   runUpgrade);
     addFlag(command, "--yes", "Do not ask for confirmation.");
     addText(command, "--expect", "VERSION",
             "Succeed if the gripper runs this firmware afterwards.");

@@ -176,7 +176,7 @@ std::vector<std::string> stateNames()
     return names;
 }
 
-void run(Program &program, const CLI::App &command)
+void runWait(Program &program, const CLI::App &command)
 {
     const std::string &word = wordsOf(command).front();
     for (const State &state : allStates()) {
@@ -201,7 +201,7 @@ void addWait(CLI::App &app, Program &program)
          "active: it\nis ready to move. still: it does not move. object: it holds a "
          "part. lost: it holds no part.\nThe exit code is 4 after --timeout (default 30 s).",
          "wait object --timeout 5"},
-        run);
+        runWait);
     addWords(command, "STATE", 1, 1, join(stateNames(), " "));
 }
 

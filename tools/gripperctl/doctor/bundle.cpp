@@ -54,7 +54,7 @@ private:
     std::string m_path;
 };
 
-std::string textOf(const Json &json)
+std::string indented(const Json &json)
 {
     return json.dump(jsonIndent, ' ', false, Json::error_handler_t::replace) + '\n';
 }
@@ -200,8 +200,8 @@ void writeBundle(const Facts &facts, const Json &report, const Json &status,
     const std::string folder = concat(work.path(), '/', folderName, '/');
     std::error_code error;
     fs::create_directory(folder, error);
-    writeFile(folder + "doctor.json", textOf(report));
-    writeFile(folder + "status.json", textOf(status));
+    writeFile(folder + "doctor.json", indented(report));
+    writeFile(folder + "status.json", indented(status));
     writeFile(folder + "versions.txt", versionsText(facts));
     if (facts.isHere) {
         writeFile(folder + "unit.txt", unitText(facts));

@@ -81,14 +81,13 @@ Finding findingOf(const Facts &facts, const Listener &listener)
     const Process *process = findProcess(facts.processes, listener.pid);
     if (process == nullptr)
         return findingOf(facts, concat("a process of user ", listener.user), true);
-    const bool isGripperd = process->name == daemonName;
-    if (isGripperd && isStray(facts.unit, *process))
+    if (process->name == daemonName && isStray(facts.unit, *process))
         return {Level::Problem,
                 concat(process->text(), " has port ", facts.endpoint.port,
                        " and does not belong to ", facts.unit.name),
                 "The service cannot listen, and nothing restarts the daemon that does.",
                 concat("Run: sudo kill ", process->pid, ". The service then starts by itself.")};
-    return findingOf(facts, process->text(), isGripperd);
+    return findingOf(facts, process->text(), facts.listensForDaemon(*process));
 }
 
 } // namespace

@@ -25,27 +25,36 @@ bool isStandardPort(const gripper::Endpoint &endpoint)
     return endpoint.port == gripper::Endpoint::defaultPort;
 }
 
-std::string unitNameFor(const gripper::Endpoint &endpoint)
+/// The service, and for an instance also the socket that accepts its clients.
+std::vector<std::string> unitNamesFor(const gripper::Endpoint &endpoint)
 {
-    return isStandardPort(endpoint) ? "gripperd.service"
-                                    : concat("gripperd@", endpoint.port, ".service");
+    if (isStandardPort(endpoint))
+        return {"gripperd.service"};
+    return {concat("gripperd@", endpoint.port, ".service"),
+            concat("gripperd-forward@", endpoint.port, ".socket")};
 }
 
-Unit unitOf(const std::string &name)
+/// Asks systemd for all units at once, because systemd may not answer.
+std::vector<Unit> unitsOf(const std::vector<std::string> &names)
 {
-    Unit unit;
-    unit.name = name;
-    const Run run = Machine::run({"systemctl", "show", "--no-pager", properties, name});
-    if (!run.hasSucceeded()) {
-        unit.problem = concat("systemctl shows no units here: ", run.problem());
-        return unit;
+    std::vector<std::string> words{"systemctl", "show", "--no-pager", properties};
+    words.insert(words.end(), names.begin(), names.end());
+    const Run run = Machine::run(words);
+    std::vector<Unit> units(names.size());
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        units[i].name = names[i];
+        if (!run.hasSucceeded())
+            units[i].problem = concat("systemctl shows no units here: ", run.problem());
     }
-    for (const std::string &line : linesOf(run.output)) {
+    std::size_t i = 0;
+    for (const std::string &line : linesOf(run.hasSucceeded() ? run.output : "")) {
+        // An empty line separates the units.
+        i += line.empty() ? 1 : 0;
         const std::size_t equals = line.find('=');
-        if (equals != std::string::npos)
-            unit.properties.emplace(line.substr(0, equals), line.substr(equals + 1));
+        if (equals != std::string::npos && i < units.size())
+            units[i].properties.emplace(line.substr(0, equals), line.substr(equals + 1));
     }
-    return unit;
+    return units;
 }
 
 /// The last four digits of a local address such as 0100007F:F778 are the port.
@@ -150,6 +159,12 @@ bool Facts::seesAllFiles() const
                        [](const Process &process) { return process.areFilesVisible; });
 }
 
+bool Facts::listensForDaemon(const Process &process) const
+{
+    constexpr int systemd = 1;
+    return process.name == daemonName || (process.pid == systemd && !isStandardPort(endpoint));
+}
+
 bool Facts::isOfDaemon(int pid) const
 {
     return daemon != 0 && descendsFrom(processes, pid, daemon);
@@ -206,11 +221,13 @@ Reply ask(const gripper::Endpoint &endpoint, const gripper::Options &options)
 Facts gather(const Machine &machine, const gripper::Endpoint &endpoint, const Reply &reply,
              const std::vector<int> &expected)
 {
-    Facts facts{machine, endpoint, expected, isLoopback(endpoint.host), reply, {}, {}, {},
+    Facts facts{machine, endpoint, expected, isLoopback(endpoint.host), reply, {}, {}, {}, {},
                 {},      0,        {}};
     if (!facts.isHere)
         return facts;
-    facts.unit = unitOf(unitNameFor(endpoint));
+    const std::vector<Unit> units = unitsOf(unitNamesFor(endpoint));
+    facts.unit = units.front();
+    facts.filter = units.back();
     facts.processes = processesOf(machine);
     facts.listeners = listenersOf(machine, facts.processes, endpoint.port);
     facts.ports = serialPortsOf(machine, facts.toolLink());

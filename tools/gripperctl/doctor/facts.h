@@ -71,6 +71,8 @@ struct Facts
     bool isHere = true;        ///< the daemon is on this machine
     Reply reply;
     Unit unit;
+    /// The unit whose address filter the clients meet: the socket of an instance, or `unit`.
+    Unit filter;
     std::vector<Process> processes;
     std::vector<Listener> listeners;
     std::vector<SerialPort> ports;
@@ -81,6 +83,8 @@ struct Facts
 
     /// Whether this user sees the open files of all processes.
     bool seesAllFiles() const;
+    /// Whether the process listens for the daemon. For an instance, systemd does.
+    bool listensForDaemon(const Process &process) const;
     /// A process of the daemon, such as its flasher.
     bool isOfDaemon(int pid) const;
     /// The name that the daemon tries first: ttyTool.

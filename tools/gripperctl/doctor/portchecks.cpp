@@ -231,7 +231,7 @@ Findings checkPermissions(const Facts &facts)
     if (!facts.credentials)
         return one(Level::Unseen, "the user of the daemon is unknown",
                    "Whether it may open the ports is unknown.",
-                   "Start the daemon: sudo systemctl start gripperd");
+                   "Run sudo gripperctl doctor while the daemon runs.");
     Findings findings;
     for (const SerialPort *port : openablePorts(facts)) {
         if (facts.credentials->may(06, *port->node))

@@ -20,7 +20,7 @@ std::string padded(std::string text, std::size_t width)
     return text;
 }
 
-std::string linesOf(const std::string &name, const Finding &finding)
+std::string linesFor(const std::string &name, const Finding &finding)
 {
     const std::string level = padded(wordOf(finding.level), levelWidth);
     const bool isProblem = finding.level == Level::Problem;
@@ -67,7 +67,7 @@ std::string Report::text() const
 {
     std::string text;
     for (const auto &[name, finding] : m_findings)
-        text += linesOf(name, finding);
+        text += linesFor(name, finding);
     text.pop_back();
     return text;
 }

@@ -201,7 +201,7 @@ Findings checkUnit(const Facts &facts)
 
 Findings checkAddressFilter(const Facts &facts)
 {
-    const Unit &unit = facts.unit;
+    const Unit &unit = facts.filter;
     if (!unit.isShown())
         return unseenUnit(facts);
     if (!unit.isLoaded())
@@ -212,14 +212,16 @@ Findings checkAddressFilter(const Facts &facts)
         if (isCovered(denied, address) && !isCovered(allowed, address))
             return one(Level::Problem, concat("the filter excludes this machine (", address, ')'),
                        "Programs on this machine cannot connect: gripperctl times out.",
-                       concat("Add localhost to IPAddressAllow= with systemctl edit (now: ",
-                              unit.dropIns(), "), and restart the service."));
+                       concat("Add localhost to IPAddressAllow= with systemctl edit ", unit.name,
+                              " (now: ", unit.dropIns(), "), and restart it."));
     }
     if (admitsEveryone(allowed, denied))
         return one(
             Level::Note, "the filter admits machines outside of private networks",
             "There is no authentication: every machine that connects can move the grippers.",
-            "Set IPAddressDeny=any and IPAddressAllow=localhost NETWORK with systemctl edit.");
+            concat(
+                "Set IPAddressDeny=any and IPAddressAllow=localhost NETWORK with systemctl edit ",
+                unit.name, '.'));
     return one(Level::Ok, concat("admitted: ", join(allowed)));
 }
 

@@ -16,8 +16,12 @@ namespace gripper {
 class Maintenance
 {
 public:
-    /// Mutes polling and waits until the line is silent, about 0.3 s. If this fails, it unmutes.
+    /// Mutes polling and waits until the line is silent: about 0.3 s, or 2 s if the link does not
+    /// run. If this takes longer than Options::timeout or fails, it unmutes.
     explicit Maintenance(const Endpoint &endpoint, const Options &options = {});
+
+    /// As above, as a part of a call that has a deadline.
+    Maintenance(const Endpoint &endpoint, const Options &options, const Deadline &deadline);
 
     /// Unmutes unless end() or leaveMuted() did, on a new connection if its own is lost. While a
     /// flasher has the line, the daemon unmutes at its end instead. Waits at most Options::timeout.
@@ -42,7 +46,8 @@ private:
 
 /// The serial line with its grippers, as the daemon shows it. It connects with the first call.
 /// Every call blocks, and ends at the latest 50 ms after its timeout; without one, after
-/// Options::timeout. Every call may throw ConnectionLost, TimedOut, ProtocolError, and InvalidValue
+/// Options::timeout. A call that mutes polling may need Options::timeout twice more to unmute after
+/// a failure. Every call may throw ConnectionLost, TimedOut, ProtocolError, and InvalidValue
 /// for a timeout that is not greater than 0, and for a slave id that is not from 1 to 9.
 ///
 ///     gripper::Line line("127.0.0.1");
