@@ -10,6 +10,10 @@ class io_context;
 
 namespace gateway {
 
+/// A server pauses when it cannot accept a connection, for example because it has too many files
+/// open.
+constexpr std::chrono::milliseconds pauseAfterFailedAccept{100};
+
 /// The event loop of the program. Everything but the look at the line and the jobs runs in it.
 class EventLoop
 {

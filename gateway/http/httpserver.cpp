@@ -37,7 +37,6 @@ constexpr std::chrono::seconds requestTime{10};
 constexpr std::chrono::seconds writeTime{10};
 constexpr std::chrono::seconds handshakeTime{5};
 constexpr std::chrono::seconds lingerTime{1};
-constexpr std::chrono::milliseconds pauseAfterFailedAccept{100};
 constexpr std::size_t maxStreams = 128;
 constexpr std::size_t maxOthers = 128;
 constexpr int streamSendBuffer = 65536;

@@ -29,7 +29,6 @@ using Stream = boost::beast::basic_stream<Protocol>;
 using Error = boost::system::error_code;
 
 constexpr std::chrono::seconds exchangeTime{5};
-constexpr std::chrono::milliseconds pauseAfterFailedAccept{100};
 constexpr std::size_t maxLine = 256;
 constexpr int maxConnections = 8;
 // The peer's credentials decide, not the permissions of the file.

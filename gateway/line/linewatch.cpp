@@ -10,7 +10,7 @@ namespace gateway {
 namespace {
 
 /// The daemon answers in less than a millisecond, except while it searches for a bootloader.
-constexpr gripper::Seconds replyTime{1};
+constexpr gripper::Seconds exchangeTime{1};
 
 struct Ending
 {
@@ -56,7 +56,7 @@ Reading LineWatch::look()
     Reading reading;
     try {
         const auto &replies =
-            m_line.exchange(gripper::lineRequests(), gripper::Deadline(replyTime));
+            m_line.exchange(gripper::lineRequests(), gripper::Deadline(exchangeTime));
         reading.line = gripper::decodeLine(replies, gripper::ReadingTime::now());
         const std::vector<int> ids = reading.line->ids.value_or(std::vector<int>());
         for (auto gripper = m_grippers.begin(); gripper != m_grippers.end();) {
@@ -66,7 +66,7 @@ Reading LineWatch::look()
         for (const int id : ids) {
             const auto gripper = m_grippers.try_emplace(id, m_endpoint, options(), id).first;
             const auto &values =
-                gripper->second.exchange(gripper::imageRequests(), gripper::Deadline(replyTime));
+                gripper->second.exchange(gripper::imageRequests(), gripper::Deadline(exchangeTime));
             reading.images.push_back(gripper::decodeImage(id, values, gripper::ReadingTime::now()));
         }
     } catch (const gripper::CommunicationError &error) {
@@ -86,7 +86,7 @@ void LineWatch::waitUntil(std::chrono::steady_clock::time_point time)
 
 gripper::Options LineWatch::options() const
 {
-    return {replyTime, [this] {
+    return {exchangeTime, [this] {
                 if (m_isEnding)
                     throw Ending();
             }};
