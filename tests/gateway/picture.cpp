@@ -226,6 +226,7 @@ TEST(anObjectIsMetAndLost)
     next.object = 2;
     seen.take(100ms, next);
     CHECK(seen.events() == Kinds{EventKind::ObjectMet});
+    CHECK(seen.picture.events().events().back().text == "gripper 9 holds an object");
     seen.take(150ms, moving(255));
     CHECK((seen.events() == Kinds{EventKind::ObjectMet, EventKind::ObjectLost}));
 }

@@ -38,7 +38,10 @@ def test_the_daemon_is_killed_and_comes_back(line, start_daemon, start_gateway):
     gateway.wait_for(found)
     operator = gateway.operator()
     operator.do("grippers/9/activate")
-    operator.do("grippers/9/move", position=70)
+    assert operator.do("grippers/9/move", position=70)["position"] == 70
+    assert line.registers(9, 2002)[0] >> 8 == 70
+    # The picture is one look older than the outcome.
+    eventually(lambda: operator.gripper(9)["position"] == 70)
     stream = operator.stream()
     stream.wait_for("picture")
     killed_at = time.monotonic()

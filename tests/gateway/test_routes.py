@@ -71,9 +71,14 @@ def test_a_movement_from_the_page_to_the_outcome(operator, simulated):
 def test_a_movement_onto_an_object(operator, simulated):
     simulated.command("object 9 100")
     operator.do("grippers/9/activate")
+    stream = operator.stream()
+    stream.wait_for("picture")
     outcome = operator.do("grippers/9/move", position=255)
+    event = stream.wait_for("event", lambda event: event["kind"] == "object-met")
+    stream.close()
     simulated.command("object 9 none")
     assert outcome["object"] == "met" and outcome["position"] == 100
+    assert event["gripper"] == 9 and event["text"] == "gripper 9 holds an object"
 
 
 def test_the_other_commands(operator, simulated):
@@ -119,8 +124,11 @@ def test_a_later_movement_replaces_the_earlier_one(operator, simulated):
     operator.do("grippers/9/activate")
     simulated.command("object 9 none")
     jobs = [operator.begin("grippers/9/move", position=p, speed=0) for p in (250, 240, 30)]
-    assert [operator.outcome(job)["code"] for job in jobs] == ["superseded", "superseded", "ok"]
-    assert operator.gripper(9)["position"] == 30
+    outcomes = [operator.outcome(job) for job in jobs]
+    assert [each["code"] for each in outcomes] == ["superseded", "superseded", "ok"]
+    assert outcomes[-1]["position"] == 30 == simulated.registers(9, 2002)[0] >> 8
+    # The picture is one look older than the outcome.
+    eventually(lambda: operator.gripper(9)["position"] == 30)
 
 
 def test_another_job_of_the_gripper_is_refused(operator, simulated):
