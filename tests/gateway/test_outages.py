@@ -4,9 +4,10 @@ import signal
 import time
 
 import pytest
-from gatewayrig import writes
+from gatewayrig import OtherMachineGateway, Page, writes
 from harness.benches import benches
 from harness.flashbench import FlashBench
+from harness.netsplit import FAR, NEAR, OtherMachine
 from harness.simulator import Simulator
 from harness.waiting import eventually
 
@@ -58,7 +59,7 @@ def test_the_daemon_is_killed_and_comes_back(line, start_daemon, start_gateway):
     gateway.wait_for(found)
     line.wait_until_polled(9, 2)
     # The daemon writes what it has found, and nothing new: the position stays requested.
-    assert all(each.values[1] >> 8 in (0, 70) for each in writes(line, mark) if each.count > 1)
+    assert all(each.values[1] & 0xFF in (0, 70) for each in writes(line, mark) if each.count > 1)
     assert operator.gripper(9)["position"] == 70
     stream.validate()
     stream.close()
@@ -97,24 +98,38 @@ def test_a_gripper_that_does_not_answer(start_daemon, start_gateway):
         gateway.wait_for(lambda each: all(g["present"] for g in each["grippers"]))
 
 
-def test_the_phone_goes_away_in_a_movement(line, start_daemon, start_gateway):
+def connections_to(address):
+    """Returns the number of open connections to another machine."""
+    number = "".join(f"{int(part):02X}" for part in reversed(address.split(".")))
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        return sum(line.split()[2].startswith(number) for line in table)
+
+
+def test_the_phone_vanishes_in_a_movement(line, start_daemon, start_gateway):
+    """Its radio is off: the gateway gets no end of a connection."""
     start_daemon().wait_until_found(9)
-    gateway = start_gateway()
-    gateway.wait_for(found)
-    phone = gateway.operator()
-    phone.do("grippers/9/activate")
-    stream = phone.stream()
-    stream.wait_for("picture")
-    moving = phone.begin("grippers/9/move", position=255, speed=0)
-    stream.close()
-    # The movement ends as requested. The lease ends by itself, and nothing else happens.
-    viewer = gateway.page()
-    eventually(lambda: viewer.job(moving)["outcome"], 10)
-    assert viewer.job(moving)["outcome"]["code"] == "ok"
-    gateway.wait_for(lambda state: state["control"] is None)
-    mark = line.mark()
-    line.wait_until_polled(9, 5)
-    assert writes(line, mark) == []
+    with OtherMachine() as machine:
+        gateway = start_gateway("--listen", "127.0.0.1", "--listen", NEAR, "--plain-http")
+        gateway.wait_for(found)
+        phone = Page(OtherMachineGateway(machine))
+        phone.pair(gateway.pair_code("operate"))
+        phone.take_control()
+        phone.do("grippers/9/activate")
+        stream = phone.stream()
+        stream.wait_for("picture")
+        moving = phone.begin("grippers/9/move", position=255, speed=0)
+        viewer = gateway.page()
+        eventually(lambda: viewer.gripper(9)["moving"])
+        mark = line.mark()
+        machine.vanish()
+        # The movement ends as requested. The lease and the stream end, and nothing else happens.
+        eventually(lambda: viewer.job(moving)["outcome"], 10)
+        assert viewer.job(moving)["outcome"]["code"] == "ok"
+        gateway.wait_for(lambda state: state["control"] is None)
+        eventually(lambda: connections_to(FAR) == 0, 20, "the end of the stream")
+        line.wait_until_polled(9, 5)
+        assert writes(line, mark) == []
+        stream.close()
 
 
 def test_nothing_is_commanded_by_itself(line, start_daemon, start_gateway):
