@@ -228,6 +228,8 @@ private:
                    error.category() == make_error_code(http::error::bad_method).category() &&
                    error != http::error::end_of_stream && error != http::error::partial_message) {
             refuse(status::badRequest);
+        } else if (!error && hasUnknownLength(m_parser->get())) {
+            refuse(status::badRequest);
         } else if (!error) {
             answer();
         }

@@ -48,9 +48,23 @@ def found(state):
 @pytest.fixture
 def gateway(line, start_daemon, start_gateway, clocks):
     start_daemon().wait_until_found(9)
+    # The first outputs, which the daemon writes by itself.
+    line.wait_for(lambda request: request.is_write(1000))
     gateway = start_gateway(environment=clocks.environment)
     gateway.wait_for(found)
     return gateway
+
+
+def test_the_lease_ends_after_its_last_renewal(gateway, line, clocks):
+    operator = gateway.operator()
+    clocks.set(monotonic=4)
+    assert operator.post("control", {"key": operator.key}).status == 200
+    with no_write(gateway, line):
+        clocks.set(monotonic=4 + 5)
+        answer = operator.post("grippers/9/deactivate", {"lease": operator.key})
+        assert answer.status == 409 and answer.code == "no-control"
+        state = operator.state()
+        assert state["control"] is None and state["events"][-1]["detail"] == "ended"
 
 
 def test_an_expired_token_commands_nothing(gateway, line, clocks):

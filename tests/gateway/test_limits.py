@@ -67,6 +67,10 @@ def test_text_that_is_no_http(module_gateway):
                  b"GET / HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n"):
         answer = answer_to(data)
         assert answer == b"" or b" 400 " in answer.split(b"\r\n")[0]
+    for encoding in ("identity", "xchunked", "chunked, identity"):
+        # The parser sees no body, so the body would be the next request.
+        answer = answer_to(post(f"Transfer-Encoding: {encoding}", GET))
+        assert answer.count(b"HTTP/1.1") == answer.count(b"HTTP/1.1 400") == 1
     assert module_gateway.page().get("/healthz").status == 200
 
 

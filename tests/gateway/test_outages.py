@@ -140,11 +140,10 @@ def test_nothing_is_commanded_by_itself(line, start_daemon, start_gateway):
     gateway = start_gateway()
     gateway.wait_for(found)
     gateway.operator()
-    gateway.wait_for(lambda state: state["control"] is None)
     line.unplug()
     gateway.wait_for(lambda state: state["line"]["state"] == "gone")
     line.plug()
-    gateway.wait_for(found, 15)
+    gateway.wait_for(lambda state: found(state) and state["control"] is None, 15)
     line.wait_until_polled(9, 2)
     gateway.finish()
     # After a scan, the daemon itself writes the present outputs of a gripper: nothing moves.

@@ -3,7 +3,7 @@
 import http.client
 
 import pytest
-from gatewayrig import COMMANDS, HOST, ORIGIN, PORT, WITHOUT_LEASE, Page, body, no_write, writes
+from gatewayrig import COMMANDS, HOST, ORIGIN, PORT, WITHOUT_LEASE, body, no_write, writes
 from harness.waiting import eventually
 
 @pytest.fixture
@@ -177,10 +177,3 @@ def test_two_hosts_or_origins(quiet, operator):
         connection.endheaders(b"{}")
         assert connection.getresponse().status in (400, 401, 403, 421)
         connection.close()
-
-
-def test_the_lease_ends_after_its_last_renewal(module_gateway, operator):
-    page = Page(module_gateway)
-    state = eventually(lambda: (s := page.state())["control"] is None and s, 7)
-    assert state["events"][-1]["detail"] == "ended"
-    assert operator.post("grippers/9/deactivate", {"lease": operator.key}).code == "no-control"
