@@ -182,7 +182,7 @@ def test_an_upgrade_from_the_page(flash, start_gateway):
 
 @pytest.mark.parametrize("way", [signal.SIGKILL, signal.SIGTERM])
 def test_the_gateway_ends_in_an_upgrade(flash, start_gateway, way):
-    bench = flash(bits=19200)
+    bench = flash(bits=19200, size=1500)
     gateway = start_gateway()
     gateway.wait_for(found)
     page, job = begin_upgrade(gateway)
