@@ -38,6 +38,12 @@ std::string Sessions::newCode(Role role, Time now)
     return code;
 }
 
+bool Sessions::isPairing(Time now)
+{
+    dropExpired(now);
+    return !m_codes.empty();
+}
+
 std::optional<std::string> Sessions::redeem(const std::string &code, Time now)
 {
     dropExpired(now);

@@ -36,6 +36,9 @@ public:
     /// A code for one use, such as "K7QM-3XNA". The oldest code ends if too many are pending.
     std::string newCode(Role role, Time now);
 
+    /// Whether a code is pending.
+    bool isPairing(Time now);
+
     /// The token of a new session. Empty for a code that is unknown, used or expired. The session
     /// that ends first makes room if there are too many.
     std::optional<std::string> redeem(const std::string &code, Time now);

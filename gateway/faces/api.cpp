@@ -336,13 +336,18 @@ Response Api::pair(Call &call)
     Body body(call.request.body);
     const std::string code = body.requiredText("code");
     body.finish();
+    const bool isPairing = m_parts.sessions.isPairing(call.now.monotonic);
     const auto token = m_parts.sessions.redeem(code, call.now.monotonic);
     if (!token) {
-        m_parts.journal({"pair",
-                         {},
-                         "",
-                         call.request.peerAddress,
-                         "a wrong pairing code from " + call.request.peerAddress});
+        // Without a pending code, no guess succeeds, and a peer without a token must not fill the
+        // journal: its rate limit would drop the records of commands.
+        if (isPairing) {
+            m_parts.journal({"pair",
+                             {},
+                             "",
+                             call.request.peerAddress,
+                             "a wrong pairing code from " + call.request.peerAddress});
+        }
         throw Problem(status::unauthorized, "wrong-code",
                       "the code is wrong, used or expired: run gripper-gateway pair once more");
     }

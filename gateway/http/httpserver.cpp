@@ -23,6 +23,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
 namespace gateway {
 
 namespace {
@@ -41,6 +44,13 @@ constexpr std::size_t maxStreams = 128;
 constexpr std::size_t maxOthers = 128;
 constexpr int streamSendBuffer = 65536;
 constexpr std::size_t maxLingeringBytes = 65536;
+
+/// Ends the connection if the peer acknowledges nothing for this time.
+void limitSilence(tcp::socket &socket, std::chrono::milliseconds time)
+{
+    const auto timeMs = static_cast<int>(time.count());
+    setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_USER_TIMEOUT, &timeMs, sizeof(timeMs));
+}
 
 /// The address without the zone of a link-local address, which no Host header has.
 std::string textOf(const asio::ip::address &address)
@@ -83,21 +93,17 @@ public:
             }));
     }
 
-    /// Whether there is room for one more. It may end the connection that has waited for the
-    /// longest time.
-    bool makeRoom()
+    /// Makes room for one more. It may end the connection that has waited for the longest time. If
+    /// none waits, peers do not read their answers, and the oldest of these connections ends.
+    void makeRoom()
     {
         if (m_connections.size() - streams() < maxOthers)
-            return true;
-        const auto waiting =
-            std::find_if(m_connections.begin(), m_connections.end(), [](const auto &entry) {
-                return entry.second->phase() == Connection::Phase::Waiting;
-            });
-        if (waiting == m_connections.end())
-            return false;
-        waiting->second->close();
-        m_connections.erase(waiting);
-        return true;
+            return;
+        auto victim = find(Connection::Phase::Waiting);
+        if (victim == m_connections.end())
+            victim = find(Connection::Phase::Answering);
+        victim->second->close();
+        m_connections.erase(victim);
     }
 
     /// A connection may remove itself meanwhile.
@@ -112,7 +118,15 @@ public:
     }
 
 private:
-    std::map<std::uint64_t, Connection *> m_connections;
+    using Map = std::map<std::uint64_t, Connection *>;
+
+    Map::iterator find(Connection::Phase phase)
+    {
+        return std::find_if(m_connections.begin(), m_connections.end(),
+                            [&](const auto &entry) { return entry.second->phase() == phase; });
+    }
+
+    Map m_connections;
     std::uint64_t m_lastNumber = 0;
 };
 
@@ -213,6 +227,8 @@ private:
                    error.category() == make_error_code(http::error::bad_method).category() &&
                    error != http::error::end_of_stream && error != http::error::partial_message) {
             refuse(status::badRequest);
+        } else if (!error && hasUnknownLength(m_parser->get())) {
+            refuse(status::badRequest);
         } else if (!error) {
             answer();
         }
@@ -306,6 +322,8 @@ private:
         Error ignored;
         // A slow viewer shall not have many old messages on their way.
         socket().set_option(tcp::socket::send_buffer_size(streamSendBuffer), ignored);
+        // The messages for a viewer that has vanished would fit into this buffer for minutes.
+        limitSilence(socket(), writeTime);
         m_head = headOf(response, {}, ConnectionEnd::Close);
         m_isWriting = true;
         lowest().expires_never();
@@ -400,8 +418,7 @@ struct HttpServer::Parts : std::enable_shared_from_this<HttpServer::Parts>
 
     void take(tcp::socket socket)
     {
-        if (!shared->connections.makeRoom())
-            return;
+        shared->connections.makeRoom();
         beast::tcp_stream stream(std::move(socket));
         if (tls) {
             std::make_shared<ConnectionOver<beast::ssl_stream<beast::tcp_stream>>>(

@@ -37,6 +37,11 @@ void limit(HttpParser &parser)
     parser.body_limit(maxBodyBytes);
 }
 
+bool hasUnknownLength(const HttpRequest &message)
+{
+    return message.count(http::field::transfer_encoding) > 0 && !message.chunked();
+}
+
 Request requestOf(const HttpRequest &message)
 {
     Request request;

@@ -292,11 +292,8 @@ std::variant<int, Refusal> JobRunner::begin(const Command &command)
             replaced.reset();
     }
     const int id = m_list.add(command, gripper::ReadingTime::now()).id;
-    if (command.gripper) {
-        const bool isMove = command.action == Action::Move;
-        m_picture.beginCommand(*command.gripper,
-                               isMove ? std::optional(command.position) : std::nullopt);
-    }
+    if (command.gripper)
+        m_picture.beginCommand(command);
     start(command, id, replaced);
     return id;
 }

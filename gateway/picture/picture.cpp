@@ -62,6 +62,26 @@ std::string valuesOf(const Image &image)
     return text;
 }
 
+/// Whether the action may change the requested position to one that the gateway does not know.
+bool changesPosition(Action action)
+{
+    switch (action) {
+    case Action::Activate:
+    case Action::Deactivate:
+    case Action::Release:
+    case Action::Scan:
+    case Action::Rename:
+    case Action::Upgrade:
+        return true;
+    case Action::Move:
+    case Action::Stop:
+    case Action::Led:
+    case Action::Mode:
+        return false;
+    }
+    return true;
+}
+
 LineCondition conditionOf(const gripper::LineState &state)
 {
     if (state.upgrading)
@@ -183,14 +203,19 @@ void Picture::advance(const gripper::ReadingTime &now)
     }
 }
 
-void Picture::beginCommand(int id, std::optional<int> position)
+void Picture::beginCommand(const Command &command)
 {
-    OwnCommand &command = m_ownCommands[id];
-    ++command.running;
-    command.position = position;
-    const auto gripper = m_grippers.find(id);
-    if (position && gripper != m_grippers.end()) {
-        gripper->second.request = position;
+    OwnCommand &own = m_ownCommands[*command.gripper];
+    if (own.running == 0)
+        own = {};
+    ++own.running;
+    own.changesPosition = own.changesPosition || changesPosition(command.action);
+    if (command.action != Action::Move)
+        return;
+    own.positions.insert(command.position);
+    const auto gripper = m_grippers.find(*command.gripper);
+    if (gripper != m_grippers.end()) {
+        gripper->second.request = command.position;
         gripper->second.version = ++m_version;
     }
 }
@@ -346,7 +371,8 @@ bool Picture::isOwnCommand(const gripper::Image &before, const gripper::Image &n
     const OwnCommand &command = found->second;
     const bool isTimely = command.running > 0 || next.time.monotonic - command.end < echoTime;
     const bool isPositionOurs = before.requestedPosition == next.requestedPosition ||
-                                !command.position || command.position == next.requestedPosition;
+                                command.changesPosition ||
+                                command.positions.count(next.requestedPosition.value_or(-1)) > 0;
     return isTimely && isPositionOurs;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "command.h"
 #include "events.h"
 #include "faulttexts.h"
 #include "history.h"
@@ -10,6 +11,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -79,9 +81,9 @@ public:
     /// Does what only the passing of time causes: values become stale.
     void advance(const gripper::ReadingTime &now);
 
-    /// Changes of the request between these two calls come from this gateway: for a movement, those
-    /// to `position`.
-    void beginCommand(int id, std::optional<int> position);
+    /// Between these two calls, and shortly after, this gateway changes the request as the command
+    /// says. The command has a gripper.
+    void beginCommand(const Command &command);
     void endCommand(int id, Clock::time_point now);
 
     void addEvent(Event event, const gripper::ReadingTime &time);
@@ -103,7 +105,8 @@ private:
     struct OwnCommand
     {
         int running = 0;
-        std::optional<int> position;
+        std::set<int> positions;      ///< of the movements, also of those that a later one replaced
+        bool changesPosition = false; ///< to one that is not known
         Clock::time_point end;
     };
 

@@ -40,6 +40,27 @@ private:
     JobList &m_list;
 };
 
+/// A command: the last words of its path, its action, its body without the lease.
+struct Row
+{
+    const char *path;
+    Action action;
+    const char *members;
+};
+
+constexpr Row everyCommand[] = {
+    {"grippers/9/activate", Action::Activate, ""},
+    {"grippers/9/deactivate", Action::Deactivate, ""},
+    {"grippers/9/move", Action::Move, R"("position":80)"},
+    {"grippers/9/release", Action::Release, ""},
+    {"grippers/9/led", Action::Led, R"("auto":true)"},
+    {"grippers/9/mode", Action::Mode, R"("mode":1)"},
+    {"grippers/9/rename", Action::Rename, R"("serial":"SIM-9","newId":3)"},
+    {"grippers/9/upgrade", Action::Upgrade, R"("serial":"SIM-9")"},
+    {"grippers/9/stop", Action::Stop, nullptr},
+    {"scan", Action::Scan, ""},
+};
+
 /// An API with gripper 9, and one page.
 struct Page
 {
@@ -92,6 +113,11 @@ struct Page
     std::string withLease(const std::string &members = {}) const
     {
         return R"({"lease":")" + key + '"' + (members.empty() ? "" : ',' + members) + '}';
+    }
+
+    Response post(const Row &row)
+    {
+        return post(row.path, row.members == nullptr ? "{}" : withLease(row.members));
     }
 };
 
@@ -156,14 +182,32 @@ TEST(everyCommandHasItsValues)
 
 TEST(everyCommandGoesToTheJournal)
 {
-    Operator page;
-    page.journal.clear();
-    page.post("grippers/9/stop", "{}");
-    CHECK(page.journal.size() == 1);
-    const JournalEntry &entry = page.journal.front();
-    CHECK(entry.action == "stop" && entry.gripper == 9 && entry.role == "maintain" &&
-          entry.peer == "192.0.2.1");
-    CHECK(entry.text == "stop gripper 9, role maintain, from 192.0.2.1");
+    for (const Row &row : everyCommand) {
+        Operator page;
+        page.journal.clear();
+        CHECK(page.post(row).status == 202);
+        CHECK(page.journal.size() == 1);
+        const JournalEntry &entry = page.journal.front();
+        const bool isScan = row.action == Action::Scan;
+        CHECK(entry.action == nameOf(row.action));
+        CHECK(entry.gripper == (isScan ? std::nullopt : std::optional(9)));
+        CHECK(entry.role == "maintain" && entry.peer == "192.0.2.1");
+        CHECK(entry.text ==
+              entry.action + (isScan ? "" : " gripper 9") + ", role maintain, from 192.0.2.1");
+    }
+}
+
+TEST(wrongCodesGoToTheJournalWhileACodeIsPending)
+{
+    Page page;
+    const auto pairWrongly = [&] { page.post("session", R"({"code":"AAAA-AAAA"})"); };
+    pairWrongly();
+    CHECK(page.journal.empty());
+    page.sessions.newCode(Role::View, page.now.monotonic);
+    for (int i = 0; i < 2 * Sessions::maxAttempts; ++i)
+        pairWrongly();
+    CHECK(page.journal.size() == Sessions::maxAttempts);
+    CHECK(page.journal.front().text == "a wrong pairing code from 192.0.2.1");
 }
 
 TEST(wrongBodiesBeginNothing)
@@ -267,6 +311,27 @@ TEST(theEndOfASessionEndsItsLease)
     CHECK(!page.lease.holder());
     CHECK(codeOf(page.post("grippers/9/stop", "{}")) == "unpaired");
     CHECK(page.picture.events().events().back().detail == "ended");
+}
+
+TEST(anExpiredTokenCommandsAndReadsNothing)
+{
+    Operator page;
+    const auto session = page.sessions.find(page.token, page.now.monotonic)->number;
+    page.now = at(8h - 1ms);
+    CHECK(page.api.viewer(session, page.now));
+    page.takeControl();
+    page.jobs.begun.clear();
+    page.now = at(8h);
+    for (const Row &row : everyCommand) {
+        const Response response = page.post(row);
+        CHECK(response.status == 401 && codeOf(response) == "unpaired");
+    }
+    CHECK(page.post("control", "{}").status == 401);
+    CHECK(page.api.handle(page.request("DELETE", "session"), page.now).status == 401);
+    CHECK(page.jobs.begun.empty());
+    CHECK(!page.lease.holder());
+    CHECK(page.api.handle(page.request("GET", "state"), page.now).status == 401);
+    CHECK(!page.api.viewer(session, page.now));
 }
 
 TEST(theLeaseEndsWithoutRenewal)

@@ -1,5 +1,6 @@
 """The gateway as a child process, and a browser's page of it without the browser."""
 
+import contextlib
 import http.client
 import json
 import os
@@ -15,6 +16,7 @@ import time
 import jsonschema
 from harness.children import binary, spawn
 from harness.daemon import QUIT_LIMIT, START_LIMIT
+from harness.netsplit import NEAR
 from harness.waiting import eventually
 
 PORT = 63353
@@ -108,6 +110,13 @@ class Page:
     def post(self, path, body=None, **changes):
         return self.request("POST", "/api/v1/" + path, {} if body is None else body, **changes)
 
+    def pair(self, code):
+        """Returns the role."""
+        answer = self.post("session", {"code": code})
+        assert answer.status == 201, answer.body
+        self.token = answer.json()["token"]
+        return answer.json()["role"]
+
     def take_control(self, **members):
         answer = self.post("control", members)
         assert answer.status == 200, answer.body
@@ -144,6 +153,20 @@ class Page:
 
     def stream(self):
         return Stream(self)
+
+
+class OtherMachineGateway:
+    """The gateway as a page on the other machine reaches it. The gateway must listen there."""
+
+    def __init__(self, machine):
+        self.machine = machine
+        self.host = f"{NEAR}:{PORT}"
+        self.origin = f"http://{self.host}"
+
+    def connect(self):
+        connection = http.client.HTTPConnection(NEAR, PORT, timeout=10)
+        connection.sock = self.machine.reach(PORT)
+        return connection
 
 
 class Stream:
@@ -211,7 +234,11 @@ class Stream:
 
 
 class Gateway:
-    def __init__(self, folder, *options, host=HOST, tls=None, config="/dev/null"):
+    """The program as a child process. `inside` is a command that runs it, `environment` has
+    variables for it."""
+
+    def __init__(self, folder, *options, host=HOST, tls=None, config="/dev/null", inside=(),
+                 environment=None):
         self.folder = pathlib.Path(folder)
         self.host = host
         self.tls = tls
@@ -220,10 +247,11 @@ class Gateway:
         self.lines = []
         self._changed = threading.Condition()
         self.process = spawn(
-            [binary("gripper-gateway"), "--config", str(config)]
+            [*inside, binary("gripper-gateway"), "--config", str(config)]
             + ["--pair-socket", str(self.pair_socket), *map(str, options)],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-            env={name: value for name, value in os.environ.items() if name != "JOURNAL_STREAM"},
+            env={name: value for name, value in os.environ.items() if name != "JOURNAL_STREAM"}
+            | (environment or {}),
         )
         self.pid = self.process.pid
         self._reader = threading.Thread(target=self._read, daemon=True)
@@ -268,10 +296,7 @@ class Gateway:
         """Returns a page, paired with a role."""
         page = Page(self)
         if role:
-            answer = page.post("session", {"code": self.pair_code(role)})
-            assert answer.status == 201, answer.body
-            assert answer.json()["role"] == role
-            page.token = answer.json()["token"]
+            assert page.pair(self.pair_code(role)) == role
         return page
 
     def operator(self, role="operate"):
@@ -316,6 +341,42 @@ class Gateway:
         self._reader.join(5)
         self.process.stderr.close()
         self.process.stdout.close()
+
+
+# A valid body of every route that commands, without the lease.
+COMMANDS = {
+    "grippers/9/activate": {},
+    "grippers/9/deactivate": {},
+    "grippers/9/move": {"position": 200},
+    "grippers/9/stop": {},
+    "grippers/9/release": {},
+    "grippers/9/led": {"red": True, "green": True, "blue": True},
+    "grippers/9/mode": {"mode": 1},
+    "grippers/9/upgrade": {"serial": "SIM-1009"},
+    "scan": {},
+    # The last one: it takes the gripper away.
+    "grippers/9/rename": {"serial": "SIM-1009", "newId": 3},
+}
+WITHOUT_LEASE = "grippers/9/stop"
+
+
+def body(page, route):
+    """Returns the body of a command with nothing wrong."""
+    lease = {} if route == WITHOUT_LEASE else {"lease": page.key}
+    return {**lease, **COMMANDS[route]}
+
+
+@contextlib.contextmanager
+def no_write(gateway, line):
+    """Checks that the line carries only reads, and that no job has begun, within the block."""
+    page = gateway.page()
+    jobs = {job["id"] for job in page.state()["jobs"]}
+    mark = line.mark()
+    yield
+    # Two visits later, a write of the last request would have been on the line.
+    line.wait_until_polled(9, 2)
+    assert writes(line, mark) == []
+    assert {job["id"] for job in page.state()["jobs"]} <= jobs
 
 
 def writes(line, since):

@@ -53,6 +53,15 @@ gripper::Image moving(int target)
     return next;
 }
 
+Command command(Action action, int position = 0)
+{
+    Command command;
+    command.action = action;
+    command.gripper = 9;
+    command.position = position;
+    return command;
+}
+
 using Kinds = std::vector<EventKind>;
 
 } // namespace
@@ -198,7 +207,7 @@ TEST(faultTextsMustHaveTheirForm)
 TEST(aMovementArrives)
 {
     Seen seen;
-    seen.picture.beginCommand(9, 80);
+    seen.picture.beginCommand(command(Action::Move, 80));
     seen.take(50ms, moving(80));
     CHECK(seen.events().empty());
     gripper::Image end = moving(80);
@@ -210,7 +219,7 @@ TEST(aMovementArrives)
 TEST(aMovementBetweenTwoReadingsArrivesToo)
 {
     Seen seen;
-    seen.picture.beginCommand(9, 11);
+    seen.picture.beginCommand(command(Action::Move, 11));
     gripper::Image end = moving(11);
     end.object = 3;
     seen.take(50ms, end);
@@ -220,12 +229,13 @@ TEST(aMovementBetweenTwoReadingsArrivesToo)
 TEST(anObjectIsMetAndLost)
 {
     Seen seen;
-    seen.picture.beginCommand(9, 255);
+    seen.picture.beginCommand(command(Action::Move, 255));
     seen.take(50ms, moving(255));
     gripper::Image next = moving(255);
     next.object = 2;
     seen.take(100ms, next);
     CHECK(seen.events() == Kinds{EventKind::ObjectMet});
+    CHECK(seen.picture.events().events().back().text == "gripper 9 holds an object");
     seen.take(150ms, moving(255));
     CHECK((seen.events() == Kinds{EventKind::ObjectMet, EventKind::ObjectLost}));
 }
@@ -233,11 +243,11 @@ TEST(anObjectIsMetAndLost)
 TEST(anObjectThatARequestReleasesIsNotLost)
 {
     Seen seen;
-    seen.picture.beginCommand(9, 255);
+    seen.picture.beginCommand(command(Action::Move, 255));
     gripper::Image next = moving(255);
     next.object = 2;
     seen.take(50ms, next);
-    seen.picture.beginCommand(9, 0);
+    seen.picture.beginCommand(command(Action::Move, 0));
     seen.take(100ms, moving(0));
     CHECK(seen.events() == Kinds{EventKind::ObjectMet});
 }
@@ -260,7 +270,7 @@ TEST(aVacuumGripperHoldsByItsVacuum)
 TEST(aRequestOfAnotherClientShows)
 {
     Seen seen;
-    seen.picture.beginCommand(9, 80);
+    seen.picture.beginCommand(command(Action::Move, 80));
     seen.take(50ms, moving(80));
     CHECK(seen.picture.grippers().at(9).request == 80);
     seen.take(100ms, moving(90));
@@ -275,11 +285,44 @@ TEST(theEchoOfAnEndedCommandIsOursForASecond)
 {
     for (const bool isLate : {false, true}) {
         Seen seen;
-        seen.picture.beginCommand(9, 80);
+        seen.picture.beginCommand(command(Action::Move, 80));
         seen.picture.endCommand(9, at(100ms).monotonic);
         seen.take(isLate ? 1100ms : 1099ms, moving(80));
         CHECK(seen.picture.grippers().at(9).isCommandedByOther == isLate);
     }
+}
+
+TEST(aRequestOfAnotherClientShowsRightAfterAStop)
+{
+    for (const Action action : {Action::Stop, Action::Led, Action::Mode}) {
+        Seen seen;
+        seen.picture.beginCommand(command(action));
+        seen.picture.endCommand(9, at(50ms).monotonic);
+        seen.take(100ms, moving(90));
+        CHECK(seen.events() == Kinds{EventKind::OtherCommand});
+    }
+}
+
+TEST(theEchoOfAReplacedMovementIsOurs)
+{
+    Seen seen;
+    seen.picture.beginCommand(command(Action::Move, 80));
+    seen.picture.beginCommand(command(Action::Move, 90));
+    seen.picture.beginCommand(command(Action::Stop));
+    seen.take(50ms, moving(80));
+    seen.take(100ms, moving(90));
+    gripper::Image stopped = moving(90);
+    stopped.goTo = false;
+    seen.take(150ms, stopped);
+    CHECK(seen.events().empty());
+}
+
+TEST(anActivationMayChangeTheRequest)
+{
+    Seen seen;
+    seen.picture.beginCommand(command(Action::Activate));
+    seen.take(50ms, moving(0));
+    CHECK(seen.events().empty());
 }
 
 TEST(aRestartOfAGripperIsNoCommand)

@@ -17,16 +17,19 @@ GROWTH_KIB = 200_000 if SANITIZED else 20_000
 GET = f"GET /healthz HTTP/1.1\r\nHost: {HOST}\r\n\r\n".encode()
 
 
-def connected():
-    peer = socket.create_connection(("127.0.0.1", PORT), 10)
+def connected(receive_buffer=None):
+    peer = socket.socket()
+    if receive_buffer:
+        peer.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
     peer.settimeout(15)
+    peer.connect(("127.0.0.1", PORT))
     return peer
 
 
 @contextlib.contextmanager
-def peers(count):
+def peers(count, **settings):
     with contextlib.ExitStack() as all_of_them:
-        yield [all_of_them.enter_context(contextlib.closing(connected())) for _ in range(count)]
+        yield [all_of_them.enter_context(contextlib.closing(connected(**settings))) for _ in range(count)]
 
 
 def answer_to(data):
@@ -64,6 +67,10 @@ def test_text_that_is_no_http(module_gateway):
                  b"GET / HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n"):
         answer = answer_to(data)
         assert answer == b"" or b" 400 " in answer.split(b"\r\n")[0]
+    for encoding in ("identity", "xchunked", "chunked, identity"):
+        # The parser sees no body, so the body would be the next request.
+        answer = answer_to(post(f"Transfer-Encoding: {encoding}", GET))
+        assert answer.count(b"HTTP/1.1") == answer.count(b"HTTP/1.1 400") == 1
     assert module_gateway.page().get("/healthz").status == 200
 
 
@@ -108,6 +115,23 @@ def test_a_thousand_connections(module_gateway, figure):
         figure(f"1,000 idle connections add {grown} KiB")
         assert grown < GROWTH_KIB
     stream.close()
+
+
+def test_a_page_gets_in_beside_peers_that_do_not_read(module_gateway):
+    large_file = f"GET /vendor/uplot/uPlot.iife.min.js HTTP/1.1\r\nHost: {HOST}\r\n\r\n".encode()
+    with peers(128, receive_buffer=2048) as many:
+        for peer in many:
+            # More answers than fit into the buffers of the connection.
+            peer.sendall(large_file * 150)
+
+        def waits():
+            before = module_gateway.cpu_seconds()
+            time.sleep(0.3)
+            return module_gateway.cpu_seconds() - before < 0.1
+
+        eventually(waits, 8, "a gateway that waits for its peers")
+        for _ in range(10):
+            assert module_gateway.page().get("/healthz").status == 200
 
 
 def test_a_hundred_streams(module_gateway, figure):
@@ -170,9 +194,7 @@ def test_more_streams_than_allowed(module_gateway):
 def test_a_viewer_that_does_not_read(module_gateway, simulated):
     """It costs no memory, ends, and disturbs no other viewer."""
     before = module_gateway.resident_kib()
-    slow = socket.socket()
-    slow.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 2048)
-    slow.connect(("127.0.0.1", PORT))
+    slow = connected(receive_buffer=2048)
     slow.sendall(f"GET /api/v1/stream HTTP/1.1\r\nHost: {HOST}\r\n\r\n".encode())
     other = module_gateway.page().stream()
     other.wait_for("picture")

@@ -4,9 +4,10 @@ import signal
 import time
 
 import pytest
-from gatewayrig import writes
+from gatewayrig import OtherMachineGateway, Page, writes
 from harness.benches import benches
 from harness.flashbench import FlashBench
+from harness.netsplit import FAR, NEAR, OtherMachine
 from harness.simulator import Simulator
 from harness.waiting import eventually
 
@@ -38,7 +39,10 @@ def test_the_daemon_is_killed_and_comes_back(line, start_daemon, start_gateway):
     gateway.wait_for(found)
     operator = gateway.operator()
     operator.do("grippers/9/activate")
-    operator.do("grippers/9/move", position=70)
+    assert operator.do("grippers/9/move", position=70)["position"] == 70
+    assert line.registers(9, 2002)[0] >> 8 == 70
+    # The picture is one look older than the outcome.
+    eventually(lambda: operator.gripper(9)["position"] == 70)
     stream = operator.stream()
     stream.wait_for("picture")
     killed_at = time.monotonic()
@@ -55,7 +59,7 @@ def test_the_daemon_is_killed_and_comes_back(line, start_daemon, start_gateway):
     gateway.wait_for(found)
     line.wait_until_polled(9, 2)
     # The daemon writes what it has found, and nothing new: the position stays requested.
-    assert all(each.values[1] >> 8 in (0, 70) for each in writes(line, mark) if each.count > 1)
+    assert all(each.values[1] & 0xFF in (0, 70) for each in writes(line, mark) if each.count > 1)
     assert operator.gripper(9)["position"] == 70
     stream.validate()
     stream.close()
@@ -94,24 +98,38 @@ def test_a_gripper_that_does_not_answer(start_daemon, start_gateway):
         gateway.wait_for(lambda each: all(g["present"] for g in each["grippers"]))
 
 
-def test_the_phone_goes_away_in_a_movement(line, start_daemon, start_gateway):
+def connections_to(address):
+    """Returns the number of open connections to another machine."""
+    number = "".join(f"{int(part):02X}" for part in reversed(address.split(".")))
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        return sum(line.split()[2].startswith(number) for line in table)
+
+
+def test_the_phone_vanishes_in_a_movement(line, start_daemon, start_gateway):
+    """Its radio is off: the gateway gets no end of a connection."""
     start_daemon().wait_until_found(9)
-    gateway = start_gateway()
-    gateway.wait_for(found)
-    phone = gateway.operator()
-    phone.do("grippers/9/activate")
-    stream = phone.stream()
-    stream.wait_for("picture")
-    moving = phone.begin("grippers/9/move", position=255, speed=0)
-    stream.close()
-    # The movement ends as requested. The lease ends by itself, and nothing else happens.
-    viewer = gateway.page()
-    eventually(lambda: viewer.job(moving)["outcome"], 10)
-    assert viewer.job(moving)["outcome"]["code"] == "ok"
-    gateway.wait_for(lambda state: state["control"] is None)
-    mark = line.mark()
-    line.wait_until_polled(9, 5)
-    assert writes(line, mark) == []
+    with OtherMachine() as machine:
+        gateway = start_gateway("--listen", "127.0.0.1", "--listen", NEAR, "--plain-http")
+        gateway.wait_for(found)
+        phone = Page(OtherMachineGateway(machine))
+        phone.pair(gateway.pair_code("operate"))
+        phone.take_control()
+        phone.do("grippers/9/activate")
+        stream = phone.stream()
+        stream.wait_for("picture")
+        moving = phone.begin("grippers/9/move", position=255, speed=0)
+        viewer = gateway.page()
+        eventually(lambda: viewer.gripper(9)["moving"])
+        mark = line.mark()
+        machine.vanish()
+        # The movement ends as requested. The lease and the stream end, and nothing else happens.
+        eventually(lambda: viewer.job(moving)["outcome"], 10)
+        assert viewer.job(moving)["outcome"]["code"] == "ok"
+        gateway.wait_for(lambda state: state["control"] is None)
+        eventually(lambda: connections_to(FAR) == 0, 20, "the end of the stream")
+        line.wait_until_polled(9, 5)
+        assert writes(line, mark) == []
+        stream.close()
 
 
 def test_nothing_is_commanded_by_itself(line, start_daemon, start_gateway):
@@ -122,11 +140,10 @@ def test_nothing_is_commanded_by_itself(line, start_daemon, start_gateway):
     gateway = start_gateway()
     gateway.wait_for(found)
     gateway.operator()
-    gateway.wait_for(lambda state: state["control"] is None)
     line.unplug()
     gateway.wait_for(lambda state: state["line"]["state"] == "gone")
     line.plug()
-    gateway.wait_for(found, 15)
+    gateway.wait_for(lambda state: found(state) and state["control"] is None, 15)
     line.wait_until_polled(9, 2)
     gateway.finish()
     # After a scan, the daemon itself writes the present outputs of a gripper: nothing moves.
@@ -165,7 +182,7 @@ def test_an_upgrade_from_the_page(flash, start_gateway):
 
 @pytest.mark.parametrize("way", [signal.SIGKILL, signal.SIGTERM])
 def test_the_gateway_ends_in_an_upgrade(flash, start_gateway, way):
-    bench = flash(bits=19200)
+    bench = flash(bits=19200, size=1500)
     gateway = start_gateway()
     gateway.wait_for(found)
     page, job = begin_upgrade(gateway)

@@ -3,23 +3,8 @@
 import http.client
 
 import pytest
-from gatewayrig import HOST, ORIGIN, PORT, Page, writes
+from gatewayrig import COMMANDS, HOST, ORIGIN, PORT, WITHOUT_LEASE, body, no_write, writes
 from harness.waiting import eventually
-
-ROUTES = {
-    "grippers/9/activate": {},
-    "grippers/9/deactivate": {},
-    "grippers/9/move": {"position": 200},
-    "grippers/9/stop": {},
-    "grippers/9/release": {},
-    "grippers/9/led": {"red": True, "green": True, "blue": True},
-    "grippers/9/mode": {"mode": 1},
-    "grippers/9/rename": {"serial": "SIM-1009", "newId": 3},
-    "grippers/9/upgrade": {"serial": "SIM-1009"},
-    "scan": {},
-}
-WITHOUT_LEASE = "grippers/9/stop"
-
 
 @pytest.fixture
 def operator(module_gateway):
@@ -28,20 +13,8 @@ def operator(module_gateway):
 
 @pytest.fixture
 def quiet(module_gateway, simulated):
-    """Checks that the line carries only reads, and that no job has begun, during the test."""
-    page = module_gateway.page()
-    jobs = page.state()["jobs"]
-    mark = simulated.mark()
-    yield
-    # Two visits later, a write of the last request would have been on the line.
-    simulated.wait_until_polled(9, 2)
-    assert writes(simulated, mark) == []
-    assert [job["id"] for job in page.state()["jobs"]] == [job["id"] for job in jobs]
-
-
-def body(page, route):
-    lease = {} if route == WITHOUT_LEASE else {"lease": page.key}
-    return {**lease, **ROUTES[route]}
+    with no_write(module_gateway, simulated):
+        yield
 
 
 def test_the_same_requests_are_carried_out_when_nothing_is_wrong(operator, simulated):
@@ -60,7 +33,7 @@ def test_the_same_requests_are_carried_out_when_nothing_is_wrong(operator, simul
                f"https://{HOST}", "http://localhost", f"{ORIGIN}.evil.example"]
 )
 def test_a_foreign_origin(quiet, operator, origin):
-    for route in ROUTES:
+    for route in COMMANDS:
         answer = operator.post(route, body(operator, route), Origin=origin)
         assert answer.status == 403 and answer.code == "forbidden-origin"
 
@@ -68,7 +41,7 @@ def test_a_foreign_origin(quiet, operator, origin):
 @pytest.mark.parametrize("host", ["evil.example", f"evil.example:{PORT}", "localhost", ""])
 def test_a_foreign_host(quiet, operator, host):
     """Also with the origin of the same foreign name, as DNS rebinding makes them."""
-    for route in ROUTES:
+    for route in COMMANDS:
         for origin in (ORIGIN, f"http://{host}"):
             answer = operator.post(route, body(operator, route), Host=host, Origin=origin)
             assert answer.status == 421
@@ -85,28 +58,28 @@ def test_a_foreign_host_reads_nothing(module_gateway, path):
 @pytest.mark.parametrize("kind", [None, "text/plain", "application/x-www-form-urlencoded",
                                   "multipart/form-data; boundary=x", "text/json"])
 def test_another_content_type(quiet, operator, kind):
-    for route in ROUTES:
+    for route in COMMANDS:
         answer = operator.post(route, body(operator, route), Content_Type=kind)
         assert answer.status == 415
 
 
 @pytest.mark.parametrize("token", [None, "Bearer ", "Bearer A", "Basic QTpC", "bearer"])
 def test_no_token(quiet, operator, token):
-    for route in ROUTES:
+    for route in COMMANDS:
         answer = operator.post(route, body(operator, route), Authorization=token)
         assert answer.status == 401 and answer.code == "unpaired"
 
 
 def test_a_cookie_is_no_token(quiet, operator):
     cookie = f"token={operator.token}"
-    for route in ROUTES:
+    for route in COMMANDS:
         answer = operator.post(route, body(operator, route), Authorization=None, Cookie=cookie)
         assert answer.status == 401
 
 
 def test_a_viewer(quiet, module_gateway, operator):
     viewer = module_gateway.page("view")
-    for route in ROUTES:
+    for route in COMMANDS:
         answer = viewer.post(route, body(operator, route))
         assert answer.status == 403 and answer.code == "role"
 
@@ -125,7 +98,7 @@ def test_no_lease(quiet, module_gateway, operator, lease):
         module_gateway.operator()
     elif lease == "of another session":
         page = module_gateway.page("maintain")
-    for route in ROUTES:
+    for route in COMMANDS:
         if route == WITHOUT_LEASE:
             continue
         request = body(operator, route)
@@ -139,13 +112,13 @@ def test_no_lease(quiet, module_gateway, operator, lease):
 
 
 def test_no_json(quiet, operator):
-    for route in ROUTES:
+    for route in COMMANDS:
         for text in ("", "{", "[]", "lease=" + operator.key, b"\xff\xfe"):
             assert operator.post(route, text).status == 400
 
 
 def test_a_get_changes_nothing(quiet, operator):
-    for route in ROUTES:
+    for route in COMMANDS:
         for method in ("GET", "PUT", "PATCH", "OPTIONS", "HEAD", "DELETE"):
             connection = operator.gateway.connect()
             connection.request(method, "/api/v1/" + route, headers=operator.headers("POST"))
@@ -204,10 +177,3 @@ def test_two_hosts_or_origins(quiet, operator):
         connection.endheaders(b"{}")
         assert connection.getresponse().status in (400, 401, 403, 421)
         connection.close()
-
-
-def test_the_lease_ends_after_its_last_renewal(module_gateway, operator):
-    page = Page(module_gateway)
-    state = eventually(lambda: (s := page.state())["control"] is None and s, 7)
-    assert state["events"][-1]["detail"] == "ended"
-    assert operator.post("grippers/9/deactivate", {"lease": operator.key}).code == "no-control"

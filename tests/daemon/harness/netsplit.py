@@ -63,6 +63,13 @@ class OtherMachine:
         client.socket.connect((NEAR, PORT))
         return client
 
+    def reach(self, port):
+        """Returns a socket of the other machine with a connection to this one. The caller closes it."""
+        far = self._socket()
+        far.settimeout(10)
+        far.connect((NEAR, port))
+        return far
+
     def listen(self, port):
         """Returns a socket that listens on the other machine. The caller closes it."""
         far = self._socket()

@@ -1,9 +1,29 @@
-"""Fixtures of the tests of the page: one browser for all tests of a file."""
+"""Fixtures of the tests of the page: one browser for all tests of a file.
+
+The tests with the mark `short` run in every run, the others with large numbers only.
+"""
+
+import pathlib
 
 import pytest
 from fakegateway import FakeGateway
 from harness.browser import Browser
+from harness.effort import LARGE
 from pageview import PageView
+
+HERE = pathlib.Path(__file__).resolve().parent
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "short: runs in every run")
+
+
+def pytest_collection_modifyitems(config, items):
+    if LARGE:
+        return
+    long = [item for item in items if item.path.parent == HERE and not item.get_closest_marker("short")]
+    config.hook.pytest_deselected(items=long)
+    items[:] = [item for item in items if item not in long]
 
 
 @pytest.fixture(scope="module")

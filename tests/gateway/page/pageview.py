@@ -9,6 +9,8 @@ from selenium.webdriver.common.keys import Keys
 
 PATIENCE = 10.0
 MAX_ROUNDS = 4
+# The page drops a second press of the same button within this time, because it may be a double tap.
+DOUBLE_TAP = 0.5
 # The number of Tabs from the present focus to the control.
 TABS_TO = """
 const open = document.querySelector("dialog[open]") ?? document;
@@ -24,6 +26,7 @@ class PageView:
         self.driver = driver
         self.url = ""
         self.expected = []
+        self._pressed = {}
 
     def show(self, url):
         self.url = url
@@ -97,7 +100,13 @@ class PageView:
     def click(self, selector):
         # The bar at the bottom covers what is below it.
         self.script("arguments[0].scrollIntoView({ block: 'center' })", self.one(selector))
+        self._wait_after_press(selector)
         self.one(selector).click()
+        self._pressed[selector] = time.monotonic()
+
+    def _wait_after_press(self, selector):
+        """An engineer who presses a button twice makes a pause."""
+        time.sleep(max(0, self._pressed.get(selector, -DOUBLE_TAP) + DOUBLE_TAP - time.monotonic()))
 
     def press(self, *keys):
         ActionChains(self.driver, duration=0).send_keys(*keys).perform()
@@ -114,7 +123,9 @@ class PageView:
     def use(self, selector, *keys):
         """Presses the control with the keyboard."""
         self.tab_to(selector)
+        self._wait_after_press(selector)
         self.press(*(keys or (Keys.ENTER,)))
+        self._pressed[selector] = time.monotonic()
 
     def pair(self, code="GOOD"):
         self.click("#control-button")

@@ -12,6 +12,7 @@ import pytest
 from fakegateway import PAGE
 
 HERE = pathlib.Path(__file__).resolve().parent
+pytestmark = pytest.mark.short
 SERVED = (".html", ".css", ".js", ".svg")
 LIMIT = 250_000
 

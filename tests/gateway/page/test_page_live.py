@@ -16,8 +16,6 @@ from rig import GRIPPERS, URL, Rig, wall_ms
 FLOODS = True
 PIXEL_LIMIT_MS = 300
 
-large = pytest.mark.skipif(not LARGE, reason="only with large numbers")
-
 
 @pytest.fixture(scope="module")
 def rig(tmp_path_factory):
@@ -57,6 +55,7 @@ new MutationObserver(() => {
 """
 
 
+@pytest.mark.short
 def test_a_change_reaches_the_pixel(page, rig, figure):
     page.script(WATCH)
     delays = []
@@ -77,21 +76,36 @@ def test_a_change_reaches_the_pixel(page, rig, figure):
     assert not (LARGE and RELEASE) or worst <= PIXEL_LIMIT_MS
 
 
-def test_commands_reach_the_gripper(operated, rig):
-    view = operated
+def activate(view):
+    """With the keyboard."""
     view.use("#activate")
     if view.script("return document.getElementById('dialog').open"):
         view.use("#dialog-accept")
     view.wait_for_message("Gripper 9 is active")
     view.wait_until_enabled("go")
+
+
+@pytest.mark.short
+def test_a_movement_by_keyboard(operated, rig):
+    view = operated
+    activate(view)
     for name, value in (("position", 80), ("speed", 255), ("force", 40)):
         view.set_dial(name, value)
     rig.line.command("object 9 60")
     view.use("#go")
     view.wait_for_message("met an object at position 60")
+    rig.line.command("object 9 none")
     assert rig.line.registers(9, 1001, 2) == [80, 0xFF28]
     view.wait(lambda: view.card(9, "echo") == "echo 80" and view.card(9, "position") == "60")
-    rig.line.command("object 9 none")
+    view.wait(lambda: "holds an object" in view.text("events"))
+    view.use("[data-stops][data-key='9']")
+    view.wait_for_message("Gripper 9 has stopped")
+    assert rig.line.registers(9, 1000)[0] & 0x0800 == 0
+
+
+def test_commands_reach_the_gripper(operated, rig):
+    view = operated
+    activate(view)
     view.use("#open")
     view.wait_for_message("reached position 0")
     view.set_dial("speed", 0)
@@ -110,6 +124,7 @@ def test_commands_reach_the_gripper(operated, rig):
     view.wait_for_message("Grippers: 2, 9")
 
 
+@pytest.mark.short
 def test_another_client_is_marked(page, rig):
     client = Client()
     client.set(f"POS {random.randrange(1, 255)} GTO 1")
@@ -117,7 +132,6 @@ def test_another_client_is_marked(page, rig):
     client.close()
 
 
-@large
 def test_upgrade_through_the_page(operated, rig):
     view = operated
     view.click("#upgrade")
@@ -128,7 +142,6 @@ def test_upgrade_through_the_page(operated, rig):
     view.wait(lambda: view.card(9, "firmware") == "TA3-1.6.14")
 
 
-@large
 def test_daemon_killed_and_back(page, rig):
     page.expected.append("Failed to load")
     rig.daemon.kill()
@@ -138,7 +151,6 @@ def test_daemon_killed_and_back(page, rig):
     page.wait(lambda: page.text("line-word") == "Connected" and page.banners() == [], 30)
 
 
-@large
 def test_line_pulled_and_back(page, rig):
     rig.line.unplug()
     page.wait(lambda: page.text("line-word") in ("Line gone", "Timed out", "Scanning"), 20)
@@ -148,13 +160,9 @@ def test_line_pulled_and_back(page, rig):
     page.wait(lambda: page.script("return [...document.querySelectorAll('.card')].every((one) => one.dataset.old === 'false')"))
 
 
-@large
 def test_phone_gone_in_the_middle_of_a_move(operated, rig):
     view = operated
-    view.use("#activate")
-    if view.script("return document.getElementById('dialog').open"):
-        view.use("#dialog-accept")
-    view.wait_for_message("Gripper 9 is active")
+    activate(view)
     for name, value in (("position", 200), ("speed", 0), ("force", 40)):
         view.set_dial(name, value)
     view.click("#go")
@@ -176,7 +184,6 @@ def test_phone_gone_in_the_middle_of_a_move(operated, rig):
     view.wait(lambda: view.text("control-button") == "Take control")
 
 
-@large
 def test_gateway_killed_in_an_upgrade(view, tmp_path, rig):
     view.show(URL)
     view.pair(rig.gateway.pair_code("maintain"))
