@@ -3,6 +3,8 @@
 #include "paircommand.h"
 #include "service.h"
 
+#include <standarddescriptors.h>
+
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -11,6 +13,7 @@
 int main(int argc, char **argv)
 {
     using namespace gateway;
+    tools::occupyStandardDescriptors();
     Options options;
     if (const auto status = readOptions(argc, argv, options))
         return *status;

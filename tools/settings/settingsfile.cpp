@@ -1,8 +1,6 @@
 #include "settingsfile.h"
 
-#include "commandoptions.h"
-#include "failure.h"
-#include "text.h"
+#include "commandwords.h"
 
 #include <toml++/toml.h>
 
@@ -12,10 +10,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
+#include <sstream>
 
 #include <unistd.h>
 
-namespace gripperctl {
+namespace tools {
 
 namespace {
 
@@ -26,7 +26,7 @@ constexpr std::uintmax_t maxBytes = 16384;
 
 [[noreturn]] void fail(const std::string &text)
 {
-    throw Failure(ExitCode::WrongUsage, "configuration file " + text);
+    throw SettingsError("configuration file " + text);
 }
 
 [[noreturn]] void refuse(const toml::key &key, const std::string &problem)
@@ -37,7 +37,9 @@ constexpr std::uintmax_t maxBytes = 16384;
 /// The text of a string, and any other value as in the file.
 std::string wordOf(const toml::node &value)
 {
-    return value.value_or(concat(toml::node_view<const toml::node>(value)));
+    std::ostringstream text;
+    text << toml::node_view<const toml::node>(value);
+    return value.value_or(text.str());
 }
 
 /// The items of an array, or the single value.
@@ -64,34 +66,68 @@ std::string problemOf(CLI::Option &option, std::string value)
     }
 }
 
-/// Throws for a wrong entry.
-CLI::ConfigItem entryOf(CLI::App &app, const toml::key &key, const toml::node &value)
+bool isOverridden(const CLI::Option &option)
+{
+    const std::string variable = option.get_envname();
+    const char *value = variable.empty() ? nullptr : std::getenv(variable.c_str());
+    return value != nullptr && *value != '\0';
+}
+
+/// Adds the entry of an option of `app`. Throws for a wrong one.
+void addEntry(std::vector<CLI::ConfigItem> &entries, CLI::App &app, const toml::key &key,
+              const toml::node &value)
 {
     CLI::ConfigItem entry;
     entry.name = key.str();
     entry.inputs = wordsOf(value);
+    if (app.get_parent() != nullptr)
+        entry.parents = {app.get_name()};
     const std::string name = "--" + entry.name;
     CLI::Option *option = app.get_option_no_throw(name);
-    if (option == nullptr || !option->get_configurable())
-        refuse(key, concat("there is no option ", name, suggestion(name, optionNames(app))));
+    if (option == nullptr)
+        refuse(key, "there is no option " + name + suggestion(name, optionNames(app)));
+    if (!option->get_configurable())
+        refuse(key, name + " works only on the command line");
     const auto maxCount = static_cast<std::size_t>(std::max(1, option->get_items_expected_max()));
     if (entry.inputs.empty() || entry.inputs.size() > maxCount)
         refuse(key, name + " takes one value");
     for (const std::string &word : entry.inputs) {
         const std::string problem = problemOf(*option, word);
         if (!problem.empty())
-            refuse(key, concat(name, ' ', problem));
+            refuse(key, name + ' ' + problem);
     }
-    return entry;
+    if (!isOverridden(*option))
+        entries.push_back(entry);
 }
 
-bool isOverridden(const CLI::ConfigItem &entry)
+/// Opening a pipe would wait for its writer.
+void refuseUnreadable(const std::string &path, bool isRequired)
 {
-    const char *host = std::getenv(hostVariable);
-    return entry.name == "host" && host != nullptr && *host != '\0';
+    if (path == "/dev/null")
+        return;
+    if (::access(path.c_str(), R_OK) != 0) {
+        if (errno != ENOENT || isRequired)
+            fail(path + " is not readable: " + std::strerror(errno));
+        return;
+    }
+    std::error_code ignored;
+    if (!fs::is_regular_file(path, ignored))
+        fail(path + " is not a file, but a folder, a pipe or a device");
+    if (fs::file_size(path, ignored) > maxBytes)
+        fail(path + " is larger than " + std::to_string(maxBytes) + " bytes");
 }
 
 } // namespace
+
+CLI::Option *SettingsFile::addOption(CLI::App &app, const std::string &defaultPath,
+                                     const std::string &help)
+{
+    app.config_formatter(std::make_shared<SettingsFile>(app));
+    return app.set_config("--config", defaultPath, help)
+        ->each([defaultPath](const std::string &path) {
+            refuseUnreadable(path, path != defaultPath);
+        });
+}
 
 std::vector<CLI::ConfigItem> SettingsFile::from_config(std::istream &input) const
 {
@@ -101,46 +137,21 @@ std::vector<CLI::ConfigItem> SettingsFile::from_config(std::istream &input) cons
         for (const auto &[key, value] : table) {
             const toml::table *section = value.as_table();
             if (section == nullptr) {
-                entries.push_back(entryOf(m_app, key, value));
+                addEntry(entries, m_app, key, value);
                 continue;
             }
             const std::string name(key);
             CLI::App *command = findCommand(m_app, name);
             if (command == nullptr)
-                refuse(key, concat("there is no command ", name));
-            for (const auto &[option, setting] : *section) {
-                entries.push_back(entryOf(*command, option, setting));
-                entries.back().parents = {name};
-            }
+                refuse(key, "there is no command " + name);
+            for (const auto &[option, setting] : *section)
+                addEntry(entries, *command, option, setting);
         }
     } catch (const toml::parse_error &error) {
-        fail(concat(m_app.get_config_ptr()->as<std::string>(), ", line ", error.source().begin.line,
-                    ": ", error.description()));
+        fail(m_app.get_config_ptr()->as<std::string>() + ", line " +
+             std::to_string(error.source().begin.line) + ": " + std::string(error.description()));
     }
-    entries.erase(std::remove_if(entries.begin(), entries.end(), isOverridden), entries.end());
     return entries;
 }
 
-std::string SettingsFile::defaultPath()
-{
-    const char *home = std::getenv("HOME");
-    return home == nullptr ? "" : concat(home, "/.config/gripperctl.toml");
-}
-
-void SettingsFile::refuseUnreadable(const std::string &path)
-{
-    if (path == "/dev/null")
-        return;
-    if (::access(path.c_str(), R_OK) != 0) {
-        if (errno != ENOENT || path != defaultPath())
-            fail(concat(path, " is not readable: ", std::strerror(errno)));
-        return;
-    }
-    std::error_code ignored;
-    if (!fs::is_regular_file(path, ignored))
-        fail(path + " is not a file, but a folder, a pipe or a device");
-    if (fs::file_size(path, ignored) > maxBytes)
-        fail(concat(path, " is larger than ", maxBytes, " bytes"));
-}
-
-} // namespace gripperctl
+} // namespace tools
