@@ -28,6 +28,8 @@ int main(int argc, char **argv)
                 Demo::isolate(argv);
             demo = std::make_unique<Demo>();
             options.pairSocket = demo->folder() + "/pair.sock";
+            // The options may name the daemon of a robot, which no demo moves.
+            options.daemon = Options().daemon;
         }
         return serve(options, demo.get());
     } catch (const std::exception &error) {

@@ -5,6 +5,7 @@ import http.client
 import json
 import os
 import pathlib
+import pty
 import pwd
 import re
 import shutil
@@ -20,6 +21,8 @@ from harness.waiting import eventually
 
 PROGRAM = "gripper-gateway"
 OTHER_ADDRESS = "192.0.2.7"
+# The modules around a QR code of the terminal.
+QUIET = 2
 ROOT = pathlib.Path(__file__).parents[2]
 
 
@@ -229,6 +232,37 @@ print(s.recv(500).decode())
     assert gateway.pair_code("view")
 
 
+def test_a_terminal_shows_a_qr_code(start_gateway):
+    gateway = start_gateway()
+    master, slave = pty.openpty()
+    words = ["pair", "--config", "/dev/null", "--role", "operate", "--pair-socket", str(gateway.pair_socket)]
+    child = spawn([binary(PROGRAM), *words], stdout=slave)
+    os.close(slave)
+    text = b""
+    with contextlib.suppress(OSError):  # The end of a terminal is an error.
+        while part := os.read(master, 4096):
+            text += part
+    os.close(master)
+    assert child.wait(10) == 0
+    lines = text.decode().replace("\r", "").split("\n")
+    drawn = [line.removeprefix("\033[30;107m").removesuffix("\033[0m") for line in lines if line.startswith("\033[")]
+    # Two rows of modules in a line of characters.
+    rows = [[each in dark for each in line] for line in drawn for dark in ("▀█", "▄█")]
+    width = len(rows[0])
+    side = width - 2 * QUIET
+    assert all(len(row) == width for row in rows) and width <= len(rows) <= width + 1
+    # A QR code has 17 + 4 n modules, and a square with a frame in three of its corners.
+    assert side % 4 == 1 and side >= 21
+    corner = ["1111111", "1000001", "1011101", "1011101", "1011101", "1000001", "1111111"]
+
+    def part(top, left):
+        return ["".join(str(int(each)) for each in row[left:left + 7]) for row in rows[top:top + 7]]
+
+    far = width - QUIET - 7
+    assert part(QUIET, QUIET) == part(QUIET, far) == part(far, QUIET) == corner != part(far, far)
+    assert re.search(r"^The code \w{4}-\w{4} works once", "\n".join(lines), re.MULTILINE)
+
+
 def test_a_wrong_request_for_a_code(start_gateway):
     gateway = start_gateway()
     for line in (b"{}\n", b"\n", b'{"role": 1}\n', b'{"role": "root"}\n', b"x" * 300 + b"\n"):
@@ -255,9 +289,30 @@ def test_the_unit_is_hardened():
     assert judged.returncode == 0, judged.stdout
 
 
-def test_the_demo():
+@pytest.fixture
+def slow_start(tmp_path):
+    """The demo's programs, with a simulator whose gripper 2 misses the first scan."""
+    folder = tmp_path / "bin"
+    folder.mkdir()
+    shutil.copy(binary(PROGRAM), folder)
+    for name in ("gripperd", "romflasher", "gripper-firmware-image"):
+        (folder / name).symlink_to(binary(name))
+    (tmp_path / "libexec/gripperd").mkdir(parents=True)
+    (tmp_path / "libexec/gripperd/isolated").symlink_to(ROOT / "scripts/isolated")
+    simulator = folder / "gripper-simulator"
+    simulator.write_text(f'#!/bin/bash\nexec {binary(simulator.name)} "$@" <<<"fault 2 silent 1"\n')
+    simulator.chmod(0o755)
+    return folder / PROGRAM
+
+
+@pytest.mark.parametrize("start", ["quick", "slow"])
+def test_the_demo(tmp_path, request, start):
+    # The demo shows its own daemon, and no other one that the options name.
+    config = tmp_path / "gateway.toml"
+    config.write_text('daemon = "127.0.0.1:9"\n')
+    program = request.getfixturevalue("slow_start") if start == "slow" else binary(PROGRAM)
     demo = spawn(
-        [binary(PROGRAM), "--demo", "--config", "/dev/null"],
+        [program, "--demo", "--config", config],
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
     )
     try:
