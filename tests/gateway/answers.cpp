@@ -5,7 +5,9 @@
 #include <api.h>
 #include <streamcursor.h>
 
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace gateway;
@@ -156,14 +158,44 @@ TEST(everyCommandHasItsValues)
 
 TEST(everyCommandGoesToTheJournal)
 {
+    const std::pair<const char *, const char *> commands[] = {
+        {"activate", ""},
+        {"deactivate", ""},
+        {"move", R"("position":80)"},
+        {"release", ""},
+        {"led", R"("auto":true)"},
+        {"mode", R"("mode":1)"},
+        {"rename", R"("serial":"SIM-9","newId":3)"},
+        {"upgrade", R"("serial":"SIM-9")"}};
     Operator page;
     page.journal.clear();
+    for (const auto &[action, members] : commands)
+        page.post(std::string("grippers/9/") + action, page.withLease(members));
+    page.post("scan", page.withLease());
     page.post("grippers/9/stop", "{}");
-    CHECK(page.journal.size() == 1);
-    const JournalEntry &entry = page.journal.front();
-    CHECK(entry.action == "stop" && entry.gripper == 9 && entry.role == "maintain" &&
-          entry.peer == "192.0.2.1");
-    CHECK(entry.text == "stop gripper 9, role maintain, from 192.0.2.1");
+    CHECK(page.jobs.begun.size() == std::size(commands) + 2);
+    CHECK(page.journal.size() == page.jobs.begun.size());
+    for (std::size_t i = 0; i < page.journal.size(); ++i) {
+        const JournalEntry &entry = page.journal[i];
+        CHECK(entry.action == nameOf(page.jobs.begun[i].action));
+        CHECK(entry.gripper == page.jobs.begun[i].gripper);
+        CHECK(entry.role == "maintain" && entry.peer == "192.0.2.1");
+    }
+    CHECK(page.journal.back().text == "stop gripper 9, role maintain, from 192.0.2.1");
+}
+
+TEST(anExpiredTokenBeginsNothing)
+{
+    Operator page;
+    page.now = at(8h - 1ms);
+    CHECK(page.post("grippers/9/stop", "{}").status == 202);
+    page.jobs.begun.clear();
+    page.now = at(8h);
+    CHECK(codeOf(page.post("grippers/9/stop", "{}")) == "unpaired");
+    CHECK(codeOf(page.post("control", "{}")) == "unpaired");
+    CHECK(codeOf(page.post("grippers/9/move", page.withLease(R"("position":1)"))) == "unpaired");
+    CHECK(page.api.handle(page.request("GET", "state"), page.now).status == 401);
+    CHECK(page.jobs.begun.empty());
 }
 
 TEST(wrongBodiesBeginNothing)
