@@ -29,9 +29,11 @@ constexpr std::uintmax_t maxBytes = 16384;
     throw SettingsError("configuration file " + text);
 }
 
-[[noreturn]] void refuse(const toml::key &key, const std::string &problem)
+[[noreturn]] void refuse(const toml::key &key, const std::string &subject,
+                         const std::string &problem)
 {
-    throw toml::parse_error(problem.c_str(), key.source());
+    const std::string text = subject + ' ' + problem;
+    throw toml::parse_error(text.c_str(), key.source());
 }
 
 /// The text of a string, and any other value as in the file.
@@ -85,16 +87,16 @@ void addEntry(std::vector<CLI::ConfigItem> &entries, CLI::App &app, const toml::
     const std::string name = "--" + entry.name;
     CLI::Option *option = app.get_option_no_throw(name);
     if (option == nullptr)
-        refuse(key, "there is no option " + name + suggestion(name, optionNames(app)));
+        refuse(key, "there is no option", name + suggestion(name, optionNames(app)));
     if (!option->get_configurable())
-        refuse(key, name + " works only on the command line");
+        refuse(key, name, "works only on the command line");
     const auto maxCount = static_cast<std::size_t>(std::max(1, option->get_items_expected_max()));
     if (entry.inputs.empty() || entry.inputs.size() > maxCount)
-        refuse(key, name + " takes one value");
+        refuse(key, name, "takes one value");
     for (const std::string &word : entry.inputs) {
         const std::string problem = problemOf(*option, word);
         if (!problem.empty())
-            refuse(key, name + ' ' + problem);
+            refuse(key, name, problem);
     }
     if (!isOverridden(*option))
         entries.push_back(entry);
@@ -143,7 +145,7 @@ std::vector<CLI::ConfigItem> SettingsFile::from_config(std::istream &input) cons
             const std::string name(key);
             CLI::App *command = findCommand(m_app, name);
             if (command == nullptr)
-                refuse(key, "there is no command " + name);
+                refuse(key, "there is no command", name);
             for (const auto &[option, setting] : *section)
                 addEntry(entries, *command, option, setting);
         }
