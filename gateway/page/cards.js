@@ -2,6 +2,9 @@
 import { element, reconcile, setAttribute, setData, setText } from "./dom.js";
 import { duration, text } from "./i18n.js";
 
+/** The gateway marks the commands of other programs for as long. */
+const foreignJobSeconds = 10;
+
 const shown = (value) => (value === null ? text("value.none") : String(value));
 
 function valueBox(name, key) {
@@ -20,6 +23,7 @@ function createCard(id, onChoose) {
                     element("span", { "data-part": "name" })),
                 element("p", {}, ...["serial", "firmware", "year"].map((part) => element("span", { "data-part": part })))),
             choose),
+        element("p", { class: "foreign", "data-part": "note", hidden: "" }),
         element("div", { class: "reading" },
             element("span", {}, element("strong", { "data-part": "position" }), " ",
                 element("span", { class: "unit" }, text("card.of"))),
@@ -36,8 +40,7 @@ function createCard(id, onChoose) {
                 element("span", { "data-part": "high" }))),
         element("dl", { class: "values" },
             valueBox("current", "card.current"), valueBox("object", "card.object"),
-            valueBox("use", "card.cycles"), valueBox("fault", "card.fault")),
-        element("p", { class: "foreign", "data-part": "note", hidden: "" }));
+            valueBox("use", "card.cycles"), valueBox("fault", "card.fault")));
     card.parts = Object.fromEntries([...card.querySelectorAll("[data-part]")].map((part) => [part.dataset.part, part]));
     card.boxes = Object.fromEntries([...card.querySelectorAll("[data-box]")].map((box) => [box.dataset.box, box]));
     card.choose = choose;
@@ -110,15 +113,22 @@ function fillValues(card, gripper) {
     card.boxes.fault.classList.toggle("alarm", gripper.fault !== null);
 }
 
-function noteOf(gripper, picture) {
+/** The last command that another page of this gateway gave, if it is recent. */
+function foreignJob(gripper, picture, jobs) {
+    const isRecent = (job) => job.state === "running" || picture.jobAge(job) - job.elapsedSeconds < foreignJobSeconds;
+    return picture.state.jobs.findLast((job) => [gripper.id, null].includes(job.gripper) && isRecent(job) && jobs.isForeign(job));
+}
+
+function noteOf(gripper, picture, jobs) {
     if (!gripper.present && gripper.missingSeconds !== null)
         return text("card.missing", { age: duration(picture.age(gripper.missingSeconds)) });
     if (gripper.commandedByOther)
         return text("card.foreign", { age: duration(picture.age(gripper.otherCommandAgeSeconds ?? 0)) });
-    return "";
+    const job = foreignJob(gripper, picture, jobs);
+    return job ? text("card.other-page", { role: text(`role.${job.role}`), action: text(`action.${job.action}`) }) : "";
 }
 
-function fillCard(card, gripper, picture, isChosen, isOnly) {
+function fillCard(card, gripper, picture, jobs, { isChosen, isOnly }) {
     const kind = text(`card.kind.${gripper.kind}`);
     const family = gripper.family || text("card.unknown");
     setText(card.parts.name, text("card.name", { family, kind }));
@@ -135,14 +145,15 @@ function fillCard(card, gripper, picture, isChosen, isOnly) {
     setAttribute(card.choose, "aria-label", text(isChosen ? "card.chosen.label" : "card.choose.label", { id: gripper.id }));
     fillPosition(card, gripper);
     fillValues(card, gripper);
-    const note = noteOf(gripper, picture);
+    const note = noteOf(gripper, picture, jobs);
     setText(card.parts.note, note);
     card.parts.note.hidden = note === "";
 }
 
 export class Cards {
-    constructor(parent, onChoose) {
+    constructor(parent, jobs, onChoose) {
         this.parent = parent;
+        this.jobs = jobs;
         this.onChoose = onChoose;
     }
 
@@ -150,6 +161,7 @@ export class Cards {
         const grippers = picture.state?.grippers ?? [];
         const cards = reconcile(this.parent, grippers.map(({ id }) => id), (id) => createCard(id, this.onChoose));
         cards.forEach((card, index) =>
-            fillCard(card, grippers[index], picture, grippers[index].id === chosenId, grippers.length === 1));
+            fillCard(card, grippers[index], picture, this.jobs,
+                { isChosen: grippers[index].id === chosenId, isOnly: grippers.length === 1 }));
     }
 }

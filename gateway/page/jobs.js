@@ -27,6 +27,8 @@ export function adviceText(job) {
 
 export class Jobs {
     #followed = new Map();
+    #own = new Set();
+    #sending = 0;
     #pressed = new Map();
 
     constructor(picture, say) {
@@ -59,12 +61,28 @@ export class Jobs {
     /** Sends a command and follows its job. Throws an ApiError if the gateway refuses it. */
     async send(action, id, body) {
         this.say(text(`sending.${action}`, { id, ...body }));
-        const { job } = await post(action === "scan" ? "scan" : `grippers/${id}/${action}`, body);
+        const { job } = await this.#post(action === "scan" ? "scan" : `grippers/${id}/${action}`, body);
         this.#followed.set(job.id, job);
         this.say(text(`running.${action}`, { id }));
         if (job.state !== "running")
             this.#finish(job);
         this.look();
+    }
+
+    async #post(route, body) {
+        ++this.#sending;
+        try {
+            const answer = await post(route, body);
+            this.#own.add(answer.job.id);
+            return answer;
+        } finally {
+            --this.#sending;
+        }
+    }
+
+    /** Whether another page began the job. The stream may show a job of this page before its answer arrives. */
+    isForeign(job) {
+        return this.#sending === 0 && !this.#own.has(job.id);
     }
 
     /** As send, and shows a refusal. `failed(reason)` is its text. */
@@ -89,6 +107,7 @@ export class Jobs {
         for (const job of this.#followed.values())
             this.say(text("outcome.gone", { action: text(`action.${job.action}`) }), "bad");
         this.#followed.clear();
+        this.#own.clear();
     }
 
     #finish(job) {

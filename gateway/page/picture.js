@@ -75,6 +75,11 @@ export class Picture {
         return secondsLeft - (this.nowMs() - this.#pictureMs) / 1000;
     }
 
+    /** Seconds since the start of a job, now. */
+    jobAge(job) {
+        return job.ageSeconds + (this.nowMs() - job.arrivedMs) / 1000;
+    }
+
     isStale(gripper) {
         return this.isSilent || this.state.line.stale || gripper.stale || !gripper.present;
     }

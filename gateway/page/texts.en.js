@@ -98,6 +98,7 @@ export default {
     "card.fault.text": "{text} ({code})",
     "card.missing": "Not on the line for {age}. These are its last values.",
     "card.foreign": "Another program commands this gripper ({age} ago).",
+    "card.other-page": "Another page commands this gripper ({role}: {action}).",
     "value.none": "–",
 
     "status.inactive": "Not activated",

@@ -29,6 +29,21 @@ const std::vector<std::string> simulatorWords = {
 constexpr const char *imageVersion = "TA3-1.6.14";
 constexpr const char *imageBytes = "12288";
 
+const std::vector<int> gripperIds = {2, 9};
+
+/// On a busy machine, the first scan may miss a gripper. The daemon does not look for it again.
+void waitForTheGrippers()
+{
+    gripper::Line line;
+    const gripper::Deadline end(gripper::Line::runningTimeout);
+    line.waitUntilRunning();
+    std::vector<int> found = line.grippers();
+    while (found != gripperIds && !end.isOver())
+        found = line.scan();
+    // Its error names what is missing.
+    line.waitUntilRunning(gripperIds, gripper::Seconds(5));
+}
+
 fs::path ownFolder()
 {
     return fs::read_symlink("/proc/self/exe").parent_path();
@@ -156,7 +171,7 @@ void Demo::startDaemon()
     spawn({programPath("gripperd")}, log);
     close(log);
     try {
-        gripper::Line().waitUntilRunning({2, 9});
+        waitForTheGrippers();
     } catch (const gripper::Error &error) {
         throw std::runtime_error(std::string("the daemon of the demo: ") + error.what());
     }

@@ -3,6 +3,8 @@
 #include "paircommand.h"
 #include "service.h"
 
+#include <standarddescriptors.h>
+
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -11,6 +13,7 @@
 int main(int argc, char **argv)
 {
     using namespace gateway;
+    tools::occupyStandardDescriptors();
     Options options;
     if (const auto status = readOptions(argc, argv, options))
         return *status;
@@ -25,6 +28,8 @@ int main(int argc, char **argv)
                 Demo::isolate(argv);
             demo = std::make_unique<Demo>();
             options.pairSocket = demo->folder() + "/pair.sock";
+            // The options may name the daemon of a robot, which no demo moves.
+            options.daemon = Options().daemon;
         }
         return serve(options, demo.get());
     } catch (const std::exception &error) {

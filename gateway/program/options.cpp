@@ -3,9 +3,19 @@
 #include "identity.h"
 #include "names.h"
 
+#include <settingsfile.h>
+
 #include <CLI/CLI.hpp>
+#include <gripper/connection.h>
+#include <gripper/errors.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
+#include <functional>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
 
 namespace gateway {
 
@@ -16,23 +26,56 @@ constexpr const char *about =
     "Serves a page for the commissioning of grippers, as a client of gripperd.\n"
     "This is no safety function and does not replace the emergency stop.";
 
+/// A check of an option, with its problem as "takes WANTED, not WORD".
+std::function<std::string(const std::string &)> check(const std::string &wanted,
+                                                      bool (*isGood)(const std::string &word))
+{
+    return [wanted, isGood](const std::string &word) {
+        return isGood(word) ? std::string() : "takes " + wanted + ", not " + word;
+    };
+}
+
+bool isAddress(const std::string &word)
+{
+    std::array<unsigned char, sizeof(in6_addr)> address{};
+    // A link-local address may have a zone.
+    const std::string withoutZone = word.substr(0, word.find('%'));
+    return inet_pton(AF_INET, word.c_str(), address.data()) == 1 ||
+           inet_pton(AF_INET6, withoutZone.c_str(), address.data()) == 1;
+}
+
+bool isPort(const std::string &word)
+{
+    return CLI::Range(1, 65535)(word).empty();
+}
+
+bool isEndpoint(const std::string &word)
+{
+    try {
+        gripper::Endpoint::fromText(word);
+        return true;
+    } catch (const gripper::InvalidValue &) {
+        return false;
+    }
+}
+
+bool isFile(const std::string &word)
+{
+    return CLI::ExistingFile(word).empty();
+}
+
 void addOptions(CLI::App &app, Options &options)
 {
-    app.set_config("--config", "/etc/gripper-gateway.toml", "read options from this file");
+    tools::SettingsFile::addOption(app, "/etc/gripper-gateway.toml", "read options from this file");
     app.add_option("--listen", options.addresses,
                    "address to listen on; may be repeated (default: 127.0.0.1 and ::1)")
-        ->check(CLI::ValidIPV4 | CLI::Validator(
-                                     [](const std::string &text) {
-                                         return text.find(':') == std::string::npos
-                                                    ? std::string("not an address: " + text)
-                                                    : std::string();
-                                     },
-                                     "IPV6", "ipv6"));
+        ->check(check("an IP address", isAddress));
     app.add_option("--port", options.port, "port to listen on")
         ->capture_default_str()
-        ->check(CLI::Range(1, 65535));
+        ->check(check("a number from 1 to 65535", isPort));
     app.add_option("--daemon", options.daemon, "address of gripperd, HOST or HOST:PORT")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(check("HOST or HOST:PORT", isEndpoint));
     CLI::Option *key = app.add_option("--tls-key", options.key, "file with the private key");
     CLI::Option *certificate =
         app.add_option("--tls-cert", options.certificate, "file with the certificate chain");
@@ -45,17 +88,16 @@ void addOptions(CLI::App &app, Options &options)
     app.add_option(
            "--origin", options.origins,
            "the origin that a reverse proxy shows, such as https://robot7.plant; may be repeated")
-        ->check([](const std::string &text) {
-            return isOrigin(text) ? std::string() : "not an origin: " + text;
-        });
+        ->check(check("an origin such as https://robot7.plant", isOrigin));
     app.add_option("--fault-texts", options.faultTexts, "JSON file with the texts of fault codes")
-        ->check(CLI::ExistingFile);
+        ->check(check("the path of a file", isFile));
     app.add_option("--pair-socket", options.pairSocket, "socket for pairing")
         ->capture_default_str();
     app.add_option("--pair-group", options.pairGroup, "group whose members may pair, like root");
     app.add_flag("--view-needs-token", options.viewNeedsToken,
                  "viewing needs pairing on this machine too; use it behind a reverse proxy");
-    app.add_flag("--demo", options.isDemo, "start a simulated line and its daemon, too");
+    app.add_flag("--demo", options.isDemo, "start a simulated line and its daemon, too")
+        ->configurable(false);
     app.set_version_flag("--version", programVersion);
 }
 
@@ -66,6 +108,7 @@ void addPairCommand(CLI::App &app, std::string &role)
     pair->fallthrough();
     pair->add_option("--role", role, "view, operate or maintain")
         ->required()
+        ->configurable(false)
         ->check(CLI::IsMember({"view", "operate", "maintain"}));
 }
 
@@ -96,6 +139,9 @@ std::optional<int> readOptions(int argc, char **argv, Options &options)
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : usageError;
+    } catch (const tools::SettingsError &error) {
+        std::fprintf(stderr, "gripper-gateway: %s\n", error.what());
+        return usageError;
     }
     options.pairRole = roleOf(role);
     const std::string problem = problemOf(options);

@@ -197,7 +197,7 @@ def test_the_file_has_defaults_for_every_option(tmp_path):
     ("[move]\nsped = 1", 2, "there is no option --sped; did you mean --speed?"),
     ("move = { speed = 1,\nforce = 2 }", 1, "Error while parsing inline table"),
     ("[watch]\ngripper = 2", 2, "there is no option --gripper"),
-    ("config = 1", 1, "there is no option --config"),
+    ("config = 1", 1, "--config works only on the command line"),
     ('host = ["a", # one\n"b"]\ngripper = 0', 3, "--gripper takes a number"),
     ("gripper = 2\njson = true\ngripper = 3", 3, "Error while parsing key-value pair: cannot redefine"),
     ("[move]\n[scan]\n[move]", 3, "Error while parsing table header: cannot redefine"),

@@ -5,7 +5,9 @@
 #include <api.h>
 #include <streamcursor.h>
 
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace gateway;
@@ -208,6 +210,20 @@ TEST(wrongCodesGoToTheJournalWhileACodeIsPending)
         pairWrongly();
     CHECK(page.journal.size() == Sessions::maxAttempts);
     CHECK(page.journal.front().text == "a wrong pairing code from 192.0.2.1");
+}
+
+TEST(anExpiredTokenBeginsNothing)
+{
+    Operator page;
+    page.now = at(8h - 1ms);
+    CHECK(page.post("grippers/9/stop", "{}").status == 202);
+    page.jobs.begun.clear();
+    page.now = at(8h);
+    CHECK(codeOf(page.post("grippers/9/stop", "{}")) == "unpaired");
+    CHECK(codeOf(page.post("control", "{}")) == "unpaired");
+    CHECK(codeOf(page.post("grippers/9/move", page.withLease(R"("position":1)"))) == "unpaired");
+    CHECK(page.api.handle(page.request("GET", "state"), page.now).status == 401);
+    CHECK(page.jobs.begun.empty());
 }
 
 TEST(wrongBodiesBeginNothing)

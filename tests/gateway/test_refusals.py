@@ -26,6 +26,8 @@ def test_the_same_requests_are_carried_out_when_nothing_is_wrong(operator, simul
     mark = simulated.mark()
     assert operator.do("grippers/9/led", auto=True)["code"] == "ok"
     eventually(lambda: writes(simulated, mark))
+    # After a write without an answer, the daemon writes again.
+    simulated.wait_until_polled(9, 2)
 
 
 @pytest.mark.parametrize(
@@ -126,6 +128,17 @@ def test_a_get_changes_nothing(quiet, operator):
             assert response.status in (404, 405)
             assert not response.headers["Access-Control-Allow-Origin"]
             connection.close()
+
+
+def test_there_is_no_websocket(quiet, operator):
+    wanted = {"Connection": "Upgrade", "Upgrade": "websocket", "Sec-WebSocket-Version": "13",
+              "Sec-WebSocket-Key": "AAAAAAAAAAAAAAAAAAAAAA=="}
+    for path in ("/", "/api/v1/stream", "/api/v1/grippers/9/stop"):
+        connection = operator.gateway.connect()
+        connection.request("GET", path, headers={**operator.headers("GET"), **wanted})
+        response = connection.getresponse()
+        assert response.status in (200, 405) and not response.headers["Upgrade"]
+        connection.close()
 
 
 def test_a_used_code(quiet, module_gateway):

@@ -2,18 +2,27 @@
 
 #include "commandoptions.h"
 #include "commands/commands.h"
+#include "commandwords.h"
 #include "helptext.h"
 #include "settingsfile.h"
 #include "text.h"
 #include "version.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 #include <string_view>
 
 namespace gripperctl {
 
 namespace {
+
+/// The file of a user without --config. Empty without a home.
+std::string settingsPath()
+{
+    const char *home = std::getenv("HOME");
+    return home == nullptr ? "" : concat(home, "/.config/gripperctl.toml");
+}
 
 std::string addressProblem(const std::string &word)
 {
@@ -39,7 +48,7 @@ void addHost(CLI::App &app, Settings &settings)
         ->check(addressProblem)
         ->expected(1, manyWords)
         ->allow_extra_args(false)
-        ->envname(hostVariable);
+        ->envname("GRIPPERCTL_HOST");
 }
 
 void addGeneralOptions(CLI::App &app, Program &program)
@@ -57,12 +66,10 @@ void addGeneralOptions(CLI::App &app, Program &program)
         ->each([&settings](const std::string &word) {
             settings.timeout = gripper::Seconds(std::stod(word));
         });
-    app.set_config("--config", SettingsFile::defaultPath(),
-                   "Defaults for options (default ~/.config/gripperctl.toml).")
-        ->each(SettingsFile::refuseUnreadable)
+    tools::SettingsFile::addOption(app, settingsPath(),
+                                   "Defaults for options (default ~/.config/gripperctl.toml).")
         ->type_name("FILE")
         ->option_text(filesOffered);
-    app.config_formatter(std::make_shared<SettingsFile>(app));
     app.set_version_flag("--version", std::string("gripperctl ") + version,
                          "Print the version of gripperctl.");
 }
@@ -103,10 +110,10 @@ Failure commandMissing(const CLI::App &app)
     const bool isOption = words.front().front() == '-' && words.front() != "-";
     if (isOption) {
         return wrongUsage(concat("there is no option ", words.front(), " before a command",
-                                 suggestion(words.front(), optionNames(app))));
+                                 tools::suggestion(words.front(), tools::optionNames(app))));
     }
     return wrongUsage(concat("there is no command \"", words.front(), '"',
-                             suggestion(words.front(), namesOf(app.get_subcommands({})))));
+                             tools::suggestion(words.front(), namesOf(app.get_subcommands({})))));
 }
 
 /// All commands and options. A command runs within parse(), and throws Failure or gripper::Error if
@@ -144,8 +151,9 @@ Failure usageFailure(const CLI::App &app, const CLI::ParseError &error)
         return wrongUsage(problemOf(error), page);
     const std::string &word = extras.front();
     if (word.front() == '-') {
-        return wrongUsage(
-            concat(name, " does not take ", word, suggestion(word, optionNames(command))), page);
+        return wrongUsage(concat(name, " does not take ", word,
+                                 tools::suggestion(word, tools::optionNames(command))),
+                          page);
     }
     return wrongUsage(concat(name, " does not take \"", word, '"'), page);
 }
@@ -156,7 +164,7 @@ std::vector<std::string> commandFirst(CLI::App &app, std::vector<std::string> wo
 {
     for (auto word = words.begin(); word != words.end(); ++word) {
         const bool isValue = word != words.begin() && takesValue(app, *(word - 1));
-        if (isValue || findCommand(app, *word) == nullptr)
+        if (isValue || tools::findCommand(app, *word) == nullptr)
             continue;
         std::rotate(words.begin(), word, word + 1);
         break;
@@ -178,6 +186,8 @@ Failure parsed(CLI::App &app, int argc, char *argv[])
         return usageFailure(app, error);
     } catch (const gripper::Error &error) {
         return failureOf(error);
+    } catch (const tools::SettingsError &error) {
+        return {ExitCode::WrongUsage, error.what()};
     } catch (const Failure &failure) {
         return failure;
     }

@@ -46,13 +46,6 @@ CLI::App &addCommand(CLI::App &app, Program &program, const CommandText &text,
     return command;
 }
 
-CLI::App *findCommand(CLI::App &app, const std::string &name)
-{
-    const std::vector<CLI::App *> found =
-        app.get_subcommands([&](CLI::App *command) { return command->get_name() == name; });
-    return found.empty() ? nullptr : found.front();
-}
-
 bool takesValue(const CLI::App &app, const std::string &name)
 {
     const CLI::Option *option = app.get_option_no_throw(name);
@@ -61,18 +54,6 @@ bool takesValue(const CLI::App &app, const std::string &name)
     const std::vector<const CLI::App *> commands = app.get_subcommands({});
     return std::any_of(commands.begin(), commands.end(),
                        [&](const CLI::App *command) { return takesValue(*command, name); });
-}
-
-std::vector<std::string> optionNames(const CLI::App &command)
-{
-    std::vector<std::string> names;
-    for (const CLI::App *app = &command; app != nullptr; app = app->get_parent()) {
-        for (const CLI::Option *option : app->get_options()) {
-            for (const std::string &name : option->get_lnames())
-                names.push_back("--" + name);
-        }
-    }
-    return names;
 }
 
 void addWords(CLI::App &command, const std::string &label, int min, int max,

@@ -33,14 +33,8 @@ CLI::App &addCommand(CLI::App &app, const CommandText &text, std::function<void(
 CLI::App &addCommand(CLI::App &app, Program &program, const CommandText &text,
                      void (*run)(Program &program, const CLI::App &command));
 
-/// Null if there is no such command.
-CLI::App *findCommand(CLI::App &app, const std::string &name);
-
 /// Whether `name` is an option, of the program or of any command, that the next word is a value of.
 bool takesValue(const CLI::App &app, const std::string &name);
-
-/// The long options of the command and of the program, such as "--host".
-std::vector<std::string> optionNames(const CLI::App &command);
 
 /// Shells offer the words in the option_text() of an option. These replace names that are not
 /// known in advance.

@@ -12,29 +12,6 @@ namespace {
 
 constexpr std::size_t screenWidth = 80;
 
-/// The number of letters that have to be inserted, removed, replaced or swapped with the next one.
-std::size_t distance(const std::string &left, const std::string &right)
-{
-    std::vector<std::vector<std::size_t>> costs(left.size() + 1,
-                                                std::vector<std::size_t>(right.size() + 1));
-    for (std::size_t row = 0; row <= left.size(); ++row) {
-        for (std::size_t column = 0; column <= right.size(); ++column) {
-            std::size_t &cost = costs[row][column];
-            if (row == 0 || column == 0) {
-                cost = row + column;
-                continue;
-            }
-            const bool isSame = left[row - 1] == right[column - 1];
-            cost = std::min({costs[row - 1][column] + 1, costs[row][column - 1] + 1,
-                             costs[row - 1][column - 1] + (isSame ? 0 : 1)});
-            if (row > 1 && column > 1 && left[row - 1] == right[column - 2] &&
-                left[row - 2] == right[column - 1])
-                cost = std::min(cost, costs[row - 2][column - 2] + 1);
-        }
-    }
-    return costs.back().back();
-}
-
 } // namespace
 
 std::string listOfIds(const std::vector<int> &ids)
@@ -62,16 +39,6 @@ std::string timeText(std::chrono::system_clock::time_point time)
     // The offset with a colon, as RFC 3339 has it.
     std::string written = text.str();
     return written.insert(written.size() - 2, ":");
-}
-
-std::string suggestion(const std::string &word, const std::vector<std::string> &known)
-{
-    // In a short word, two different letters make another word.
-    const std::size_t limit = word.size() > 3 ? 2 : 1;
-    std::vector<std::string> close;
-    std::copy_if(known.begin(), known.end(), std::back_inserter(close),
-                 [&](const std::string &candidate) { return distance(word, candidate) <= limit; });
-    return close.empty() ? "" : "; did you mean " + join(close, " or ") + "?";
 }
 
 std::vector<std::string> tableLines(const std::vector<std::vector<std::string>> &rows)

@@ -34,10 +34,6 @@ std::string upper(std::string text);
 /// The local time with its offset from UTC: "2026-05-06T07:08:09.010+02:00".
 std::string timeText(std::chrono::system_clock::time_point time);
 
-/// The words of `known` that differ from `word` by a typing error, as "; did you mean move?".
-/// Empty without such a word.
-std::string suggestion(const std::string &word, const std::vector<std::string> &known);
-
 /// Rows of words below a header. Each column is as wide as its widest word. The gap between two
 /// columns shrinks if a line would be longer than 80 characters.
 std::vector<std::string> tableLines(const std::vector<std::vector<std::string>> &rows);

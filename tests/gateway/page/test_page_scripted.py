@@ -405,6 +405,38 @@ def test_texts_of_others_are_not_markup(view, gateway):
     assert view.all("main img") == []
 
 
+def test_marks_of_the_bar_cover_no_text(view, operated):
+    # The triangles end at the upper and the lower edge of the bar.
+    gaps_of_cards = """
+        return [...document.querySelectorAll(".card")].map((card) => {
+            const bar = card.querySelector(".bar").getBoundingClientRect();
+            return [bar.top - card.querySelector(".reading").getBoundingClientRect().bottom,
+                card.querySelector(".ends").getBoundingClientRect().top - bar.bottom];
+        });
+    """
+    for size in SIZES:
+        view.resize(*size)
+        gaps = view.script(gaps_of_cards)
+        assert len(gaps) == 2 and all(gap >= 0 for card in gaps for gap in card), gaps
+
+
+def test_commands_of_another_page_are_marked(view, operated):
+    def notes():
+        return view.script("return [...document.querySelectorAll('.foreign:not([hidden])')].map((one) => one.textContent)")
+
+    view.click("#go")
+    view.wait(lambda: operated.commands())
+    own = operated.picture["jobs"][-1]["id"]
+    operated.send_job(job(own, "move"))
+    operated.send_job(job(70, "move", role="operate"))
+    view.wait(lambda: notes() == ["Another page commands this gripper (operate: Movement)."])
+    operated.send_job(job(70, "move", state="done", ageSeconds=9.0, elapsedSeconds=1.0, outcome={"code": "ok", "text": ""}))
+    view.wait(lambda: notes() == [], 4)
+    # A scan concerns all grippers.
+    operated.send_job(job(71, "scan", None))
+    view.wait(lambda: len(notes()) == 2)
+
+
 def test_fault_without_a_text_is_a_number(view, gateway):
     gateway.change(9, fault={"code": 12, "text": None})
     view.wait(lambda: "fault 12" in view.text("cards"))

@@ -1,4 +1,5 @@
 #include "commands.h"
+#include "commandwords.h"
 
 #include "text.h"
 
@@ -121,7 +122,7 @@ Completions offerNext(CLI::App &app, const gripper::Endpoint &standard, const Wo
     for (std::size_t word = 0; command == &app && word < before.size(); ++word) {
         const bool isValue = word > 0 && takesValue(app, before[word - 1]);
         if (!isOption(before[word]) && !isValue)
-            command = findCommand(app, before[word]);
+            command = tools::findCommand(app, before[word]);
     }
     const gripper::Endpoint endpoint = endpointIn(before, standard);
     const CLI::Option *option = nullptr;

@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "commandoptions.h"
+#include "commandwords.h"
 #include "text.h"
 
 #include <algorithm>
@@ -67,8 +68,9 @@ void runGet(Program &program, const CLI::App &command)
         program.output().partialResult(repliesIn(values));
         throw Failure(ExitCode::Refused,
                       concat("gripperd has no value of ", name,
-                             isKnown ? ": does the gripper answer (gripperctl status)?"
-                                     : ": no variable has this name" + suggestion(name, known)),
+                             isKnown
+                                 ? ": does the gripper answer (gripperctl status)?"
+                                 : ": no variable has this name" + tools::suggestion(name, known)),
                       values);
     }
     program.output().result(repliesIn(values), values);

@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "commandoptions.h"
+#include "commandwords.h"
 #include "interruption.h"
 #include "text.h"
 
@@ -61,7 +62,7 @@ const gripper::SetVariable &rowOf(const std::string &word)
     }
     if (isNumberLike(word))
         refuse(concat("there is no name before \"", word, '"'));
-    refuse(concat("there is no variable \"", word, "\" to set", suggestion(name, known)));
+    refuse(concat("there is no variable \"", word, "\" to set", tools::suggestion(name, known)));
 }
 
 int valueFrom(const std::string &word)

@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "commandoptions.h"
+#include "commandwords.h"
 #include "gripperview.h"
 #include "text.h"
 
@@ -187,7 +188,7 @@ void runWait(Program &program, const CLI::App &command)
     }
     const std::vector<std::string> names = stateNames();
     throw Failure(ExitCode::WrongUsage, concat("wait takes one of ", join(names), ", not \"", word,
-                                               '"', suggestion(word, names)));
+                                               '"', tools::suggestion(word, names)));
 }
 
 } // namespace
