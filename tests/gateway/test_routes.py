@@ -106,7 +106,7 @@ def test_a_stop_needs_no_lease_and_ends_the_movement(module_gateway, operator, s
     assert answer.status == 202
     assert other.outcome(answer.json()["job"]["id"])["code"] == "ok"
     assert operator.outcome(moving)["code"] == "superseded"
-    assert operator.gripper(9)["goTo"] is False
+    eventually(lambda: operator.gripper(9)["goTo"] is False)
 
 
 def test_a_stop_right_after_a_movement_wins(operator, simulated):
