@@ -6,6 +6,7 @@ import time
 import pytest
 from gatewayrig import OtherMachineGateway, Page, writes
 from harness.benches import benches
+from harness.effort import effort
 from harness.flashbench import FlashBench
 from harness.netsplit import FAR, NEAR, OtherMachine
 from harness.simulator import Simulator
@@ -180,7 +181,7 @@ def test_an_upgrade_from_the_page(flash, start_gateway):
     stream.close()
 
 
-@pytest.mark.parametrize("way", [signal.SIGKILL, signal.SIGTERM])
+@pytest.mark.parametrize("way", effort([signal.SIGKILL], [signal.SIGKILL, signal.SIGTERM]))
 def test_the_gateway_ends_in_an_upgrade(flash, start_gateway, way):
     bench = flash(bits=19200, size=1500)
     gateway = start_gateway()
