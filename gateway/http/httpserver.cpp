@@ -59,6 +59,14 @@ std::string textOf(const asio::ip::address &address)
     return text.substr(0, text.find('%'));
 }
 
+/// Whether the peer sent bytes that are no request. A peer that ends its connection does not.
+bool isMalformed(const Error &error)
+{
+    namespace http = beast::http;
+    return error.category() == make_error_code(http::error::bad_method).category() &&
+           error != http::error::end_of_stream && error != http::error::partial_message;
+}
+
 /// A connection as the server sees it.
 class Connection
 {
@@ -223,11 +231,7 @@ private:
             refuse(status::headersTooLarge);
         } else if (error == http::error::body_limit) {
             refuse(status::payloadTooLarge);
-        } else if (error &&
-                   error.category() == make_error_code(http::error::bad_method).category() &&
-                   error != http::error::end_of_stream && error != http::error::partial_message) {
-            refuse(status::badRequest);
-        } else if (!error && hasUnknownLength(m_parser->get())) {
+        } else if (error ? isMalformed(error) : hasUnknownLength(m_parser->get())) {
             refuse(status::badRequest);
         } else if (!error) {
             answer();

@@ -8,10 +8,10 @@ namespace gateway {
 namespace {
 
 constexpr Family families[] = {
-    {'A', "Pello", false},
-    {'B', "Varno", false},
-    {'E', "Zentra", true},
-    {'F', "Sorbix", true},
+    {"Pello", 'A', false},
+    {"Varno", 'B', false},
+    {"Zentra", 'E', true},
+    {"Sorbix", 'F', true},
 };
 
 } // namespace

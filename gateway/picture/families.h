@@ -7,8 +7,8 @@ namespace gateway {
 
 struct Family
 {
-    char letter; ///< the second character of the firmware version
     const char *name;
+    char letter; ///< the second character of the firmware version
     bool isVacuum;
 };
 

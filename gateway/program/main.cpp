@@ -14,10 +14,10 @@ int main(int argc, char **argv)
 {
     using namespace gateway;
     tools::occupyStandardDescriptors();
-    Options options;
-    if (const auto status = readOptions(argc, argv, options))
-        return *status;
     try {
+        Options options;
+        if (const auto status = readOptions(argc, argv, options))
+            return *status;
         if (options.pairRole)
             return runPairCommand(options);
         // A peer that has closed its connection is an error of the write, not of the program.
