@@ -2,6 +2,7 @@
 
 #include "identity.h"
 #include "names.h"
+#include "target.h"
 
 #include <CLI/CLI.hpp>
 
@@ -12,9 +13,34 @@ namespace gateway {
 namespace {
 
 constexpr int usageError = 2;
+constexpr int maxPort = 65535;
+constexpr int maxGripperId = 9;
 constexpr const char *about =
     "Serves a page for the commissioning of grippers, as a client of gripperd.\n"
     "This is no safety function and does not replace the emergency stop.";
+
+std::string problemOfAddress(const std::string &text)
+{
+    const Authority authority = Authority::fromText(text);
+    const bool isIpv4 = CLI::ValidIPV4(authority.host).empty();
+    const bool isIpv6 = text.rfind('[', 0) == 0 && text.find("]:") != std::string::npos;
+    const bool isValid = (isIpv4 || isIpv6) && numberIn(authority.port, 1, maxPort).has_value();
+    return isValid ? std::string() : "not ADDRESS:PORT: " + text;
+}
+
+void addMetricsOptions(CLI::App &app, Options &options)
+{
+    CLI::Option *none = app.add_flag("--no-metrics", options.noMetrics, "serve no /metrics");
+    app.add_option("--metrics-listen", options.metricsListen,
+                   "ADDRESS:PORT on which /metrics needs no token")
+        ->check(problemOfAddress)
+        ->excludes(none);
+    app.add_option("--expect", options.expected,
+                   "ids of the grippers that the line must have, such as 2,9, for the metrics")
+        ->delimiter(',')
+        ->check(CLI::Range(1, maxGripperId))
+        ->excludes(none);
+}
 
 void addOptions(CLI::App &app, Options &options)
 {
@@ -30,7 +56,7 @@ void addOptions(CLI::App &app, Options &options)
                                      "IPV6", "ipv6"));
     app.add_option("--port", options.port, "port to listen on")
         ->capture_default_str()
-        ->check(CLI::Range(1, 65535));
+        ->check(CLI::Range(1, maxPort));
     app.add_option("--daemon", options.daemon, "address of gripperd, HOST or HOST:PORT")
         ->capture_default_str();
     CLI::Option *key = app.add_option("--tls-key", options.key, "file with the private key");
@@ -55,6 +81,7 @@ void addOptions(CLI::App &app, Options &options)
     app.add_option("--pair-group", options.pairGroup, "group whose members may pair, like root");
     app.add_flag("--view-needs-token", options.viewNeedsToken,
                  "viewing needs pairing on this machine too; use it behind a reverse proxy");
+    addMetricsOptions(app, options);
     app.add_flag("--demo", options.isDemo, "start a simulated line and its daemon, too");
     app.set_version_flag("--version", programVersion);
 }
