@@ -211,10 +211,10 @@ struct Metrics::Parts
         out.begin(MetricType::Gauge, "gripperd_info", "The daemon. The value is 1.");
         if (isUp)
             out.add(1, {{"version", labelOf(line.version)}});
-        out.begin(MetricType::Gauge, "gripperd_grippers", "The grippers that the daemon lists.");
+        out.begin(MetricType::Gauge, "gripperd_grippers", "The grippers that give values.");
         out.add(static_cast<double>(
             std::count_if(picture.grippers().begin(), picture.grippers().end(),
-                          [&](const auto &entry) { return isUp && entry.second.isPresent; })));
+                          [](const auto &entry) { return !entry.second.isStale; })));
         out.begin(MetricType::Gauge, "gripperd_upgrade_running",
                   "Whether a firmware upgrade has the line.");
         out.add(line.condition == LineCondition::Upgrading ? 1 : 0);

@@ -18,32 +18,12 @@ from harness.children import binary, spawn
 from harness.waiting import eventually
 
 PROGRAM = "gripper-gateway"
-OTHER_ADDRESS = "192.0.2.7"
 
 
 def run(*words, **options):
     return subprocess.run(
         [binary(PROGRAM), *words], capture_output=True, text=True, timeout=20, **options
     )
-
-
-@pytest.fixture
-def other_address():
-    """A second address of the machine, which is not loopback by its look."""
-    subprocess.run(["ip", "address", "add", f"{OTHER_ADDRESS}/32", "dev", "lo"], check=True)
-    yield OTHER_ADDRESS
-    subprocess.run(["ip", "address", "del", f"{OTHER_ADDRESS}/32", "dev", "lo"], check=True)
-
-
-@pytest.fixture
-def certificate(tmp_path):
-    paths = tmp_path / "cert.pem", tmp_path / "key.pem"
-    subprocess.run(
-        ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes"]
-        + ["-subj", "/CN=gripper.plant", "-days", "2", "-out", paths[0], "-keyout", paths[1]],
-        check=True, capture_output=True,
-    )
-    return paths
 
 
 def test_another_address_needs_tls_or_a_decision(other_address):
