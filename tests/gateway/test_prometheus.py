@@ -100,6 +100,18 @@ def test_promtool_accepts(words):
     assert run.returncode == 0, run.stdout + run.stderr
 
 
+def test_the_documentation_has_every_metric_and_alert():
+    text = (FILES.parents[1] / "docs/fleet.md").read_text(encoding="utf-8")
+    rules = (FILES / "rules.yml").read_text(encoding="utf-8")
+    assert set(re.findall(r"^\| `(Gripper\w+)`", text, re.MULTILINE)) == set(
+        re.findall(r"alert: (\w+)", rules)
+    )
+    used = {name for each in expressions() for name in metrics_in(each) if ":" not in name}
+    assert set(re.findall(r"`(gripperd?_\w+)", text)) == {
+        re.sub(r"_seconds_(bucket|count|sum)$", "_seconds", name) for name in used
+    }
+
+
 def test_every_expression_has_results(robot, prometheus):
     line = robot("9=TA3-1.6.14", "2=TE1-2.0.2")
     line.activate()
