@@ -38,6 +38,9 @@ Response noContent()
     return response;
 }
 
+constexpr const char *metricsPath = "/metrics";
+constexpr const char *metricsType = "text/plain; version=0.0.4; charset=utf-8";
+
 Json errorOf(const Problem &problem)
 {
     Json error = Json::object();
@@ -145,6 +148,20 @@ Response Api::handle(const Request &request, const gripper::ReadingTime &now)
     return response;
 }
 
+Response Api::handleMetrics(const Request &request, const Names &names, Clock::time_point now) const
+{
+    try {
+        requireOwnHost(request, names);
+        if (Target(request.target).path != metricsPath)
+            throw Problem(status::notFound, "unknown-route", "this port knows only /metrics");
+        if (request.method != "GET")
+            throw Problem(status::methodNotAllowed, "method", "this path knows only GET");
+        return metrics(now);
+    } catch (const Problem &problem) {
+        return json(problem.status(), errorOf(problem));
+    }
+}
+
 void Api::advance(const gripper::ReadingTime &now)
 {
     m_parts.picture.advance(now);
@@ -175,10 +192,7 @@ std::optional<Viewer> Api::viewer(std::optional<std::uint64_t> session,
 
 Response Api::route(const Request &request, const gripper::ReadingTime &now)
 {
-    if (!m_parts.names.isOwnHost(request.host, request.localAddress)) {
-        throw Problem(status::misdirected, "wrong-host",
-                      "the gateway has another name; see its option --name");
-    }
+    requireOwnHost(request, m_parts.names);
     Call call{request, now, Target(request.target), {}};
     advance(now);
     const auto &words = call.target.words;
@@ -186,9 +200,21 @@ Response Api::route(const Request &request, const gripper::ReadingTime &now)
     if (words.empty()) {
         if (!isGet)
             throw Problem(status::methodNotAllowed, "method", "this path knows only GET");
+        if (call.target.path == metricsPath && m_parts.metrics) {
+            requireViewer(call);
+            return metrics(now.monotonic);
+        }
         return call.target.path == "/healthz" ? healthz() : page(request);
     }
     return isGet ? view(call) : change(call);
+}
+
+void Api::requireOwnHost(const Request &request, const Names &names)
+{
+    if (!names.isOwnHost(request.host, request.localAddress)) {
+        throw Problem(status::misdirected, "wrong-host",
+                      "the gateway has another name; see its option --name");
+    }
 }
 
 Response Api::page(const Request &request) const
@@ -218,6 +244,14 @@ Response Api::healthz() const
     response.body = std::string(isWell ? "ok" : "not well") + ": line " + nameOf(line.condition) +
                     (line.text.empty() ? "" : " (" + line.text + ')') +
                     (line.isStale && !isWell ? ", no new values" : "") + '\n';
+    return response;
+}
+
+Response Api::metrics(Clock::time_point now) const
+{
+    Response response;
+    response.contentType = metricsType;
+    response.body = m_parts.metrics(now);
     return response;
 }
 

@@ -41,6 +41,8 @@ public:
         const Names &names;
         Journal journal;
         bool viewNeedsToken; ///< also on the machine itself
+        /// The metrics of the picture as text. Empty: there are none.
+        std::function<std::string(Clock::time_point now)> metrics = {};
     };
 
     explicit Api(Parts parts)
@@ -49,6 +51,9 @@ public:
     }
 
     Response handle(const Request &request, const gripper::ReadingTime &now);
+    /// Answers a request to the port of the metrics, which needs no token. `names` are those of
+    /// this port.
+    Response handleMetrics(const Request &request, const Names &names, Clock::time_point now) const;
     /// Does what only the passing of time causes: the lease and sessions end.
     void advance(const gripper::ReadingTime &now);
     View view(const gripper::ReadingTime &now) const;
@@ -60,8 +65,10 @@ private:
     struct Call;
 
     Response route(const Request &request, const gripper::ReadingTime &now);
+    static void requireOwnHost(const Request &request, const Names &names);
     Response page(const Request &request) const;
     Response healthz() const;
+    Response metrics(Clock::time_point now) const;
     Response view(Call &call);
     Response change(Call &call);
     std::optional<Session> requireViewer(const Call &call);

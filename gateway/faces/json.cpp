@@ -1,6 +1,7 @@
 #include "json.h"
 
 #include "families.h"
+#include "grip.h"
 #include "identity.h"
 
 #include <gripper/gripper.h>
@@ -38,7 +39,6 @@ Json named(const std::optional<int> &code, const std::array<const char *, count>
 }
 
 constexpr std::array<const char *, 4> statusNames{"inactive", "activating", "releasing", "active"};
-constexpr std::array<const char *, 4> objectNames{"none", "moving", "met", "reached"};
 constexpr std::array<const char *, 4> vacuumNames{"none", "rising", "held", "leak"};
 
 const char *nameOf(EventKind kind)

@@ -1,6 +1,7 @@
 #include "picture.h"
 
 #include "families.h"
+#include "grip.h"
 
 #include <gripper/gripper.h>
 
@@ -16,8 +17,6 @@ namespace {
 using gripper::Image;
 using gripper::Object;
 
-constexpr int vacuumHeld = 2;
-
 std::string nameOfGripper(int id)
 {
     return "gripper " + std::to_string(id);
@@ -26,23 +25,6 @@ std::string nameOfGripper(int id)
 bool has(const std::optional<int> &value, Object object)
 {
     return value == static_cast<int>(object);
-}
-
-bool isVacuum(const Image &image)
-{
-    const Family *family = familyOf(image.firmware);
-    return family != nullptr && family->isVacuum;
-}
-
-/// Whether the gripper holds a part, as far as it shows.
-bool holds(const Image &image)
-{
-    return isVacuum(image) ? image.vacuumStatus == vacuumHeld : has(image.object, Object::Met);
-}
-
-bool sameRequest(const Image &one, const Image &other)
-{
-    return one.requestedPosition == other.requestedPosition && one.goTo == other.goTo;
 }
 
 /// All values as a text, to compare them.
@@ -273,7 +255,7 @@ void Picture::takeImage(const gripper::Image &image)
         view.version = ++m_version;
     } else {
         findEvents(view, image);
-        if (!sameRequest(view.image, image) && !isOwnCommand(view.image, image)) {
+        if (!haveSameRequest(view.image, image) && !isOwnCommand(view.image, image)) {
             view.otherCommandAt = image.time.monotonic;
             view.request.reset();
             view.version = ++m_version;
@@ -349,12 +331,13 @@ void Picture::findFault(const gripper::Image &before, const gripper::Image &next
 void Picture::findObject(const gripper::Image &before, const gripper::Image &next)
 {
     const std::string name = nameOfGripper(next.id);
-    if (holds(next) && !holds(before)) {
+    if (holdsObject(next) && !holdsObject(before)) {
         addGripperEvent(EventKind::ObjectMet, next, name + " holds an object");
-    } else if (holds(before) && !holds(next) && sameRequest(before, next) && next.goTo == true) {
+    } else if (holdsObject(before) && !holdsObject(next) && haveSameRequest(before, next) &&
+               next.goTo == true) {
         addGripperEvent(EventKind::ObjectLost, next, name + " has lost its object");
     } else if (!isVacuum(next) && has(next.object, Object::Reached) && next.active == true &&
-               (has(before.object, Object::Moving) || !sameRequest(before, next))) {
+               (has(before.object, Object::Moving) || !haveSameRequest(before, next))) {
         addGripperEvent(EventKind::Arrived, next, name + " has arrived");
     }
 }

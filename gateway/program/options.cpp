@@ -2,6 +2,7 @@
 
 #include "identity.h"
 #include "names.h"
+#include "target.h"
 
 #include <settingsfile.h>
 
@@ -22,6 +23,8 @@ namespace gateway {
 namespace {
 
 constexpr int usageError = 2;
+constexpr int maxPort = 65535;
+constexpr int maxGripperId = 9;
 constexpr const char *about =
     "Serves a page for the commissioning of grippers, as a client of gripperd.\n"
     "This is no safety function and does not replace the emergency stop.";
@@ -46,7 +49,7 @@ bool isAddress(const std::string &word)
 
 bool isPort(const std::string &word)
 {
-    return CLI::Range(1, 65535)(word).empty();
+    return numberIn(word, 1, maxPort).has_value();
 }
 
 bool isEndpoint(const std::string &word)
@@ -62,6 +65,32 @@ bool isEndpoint(const std::string &word)
 bool isFile(const std::string &word)
 {
     return CLI::ExistingFile(word).empty();
+}
+
+bool isAddressWithPort(const std::string &word)
+{
+    const Authority authority = Authority::fromText(word);
+    const bool isIpv6 = word.rfind('[', 0) == 0 && word.find("]:") != std::string::npos;
+    return (isIpv6 || CLI::ValidIPV4(authority.host).empty()) && isPort(authority.port);
+}
+
+bool isGripperId(const std::string &word)
+{
+    return numberIn(word, 1, maxGripperId).has_value();
+}
+
+void addMetricsOptions(CLI::App &app, Options &options)
+{
+    CLI::Option *none = app.add_flag("--no-metrics", options.noMetrics, "serve no /metrics");
+    app.add_option("--metrics-listen", options.metricsListen,
+                   "ADDRESS:PORT on which /metrics needs no token")
+        ->check(check("ADDRESS:PORT", isAddressWithPort))
+        ->excludes(none);
+    app.add_option("--expect", options.expected,
+                   "ids of the grippers that the line must have, such as 2,9, for the metrics")
+        ->delimiter(',')
+        ->check(check("ids of grippers", isGripperId))
+        ->excludes(none);
 }
 
 void addOptions(CLI::App &app, Options &options)
@@ -96,6 +125,7 @@ void addOptions(CLI::App &app, Options &options)
     app.add_option("--pair-group", options.pairGroup, "group whose members may pair, like root");
     app.add_flag("--view-needs-token", options.viewNeedsToken,
                  "viewing needs pairing on this machine too; use it behind a reverse proxy");
+    addMetricsOptions(app, options);
     app.add_flag("--demo", options.isDemo, "start a simulated line and its daemon, too")
         ->configurable(false);
     app.set_version_flag("--version", programVersion);

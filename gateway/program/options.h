@@ -25,6 +25,9 @@ struct Options
     std::string pairSocket = "/run/gripper-gateway/pair.sock";
     std::string pairGroup;
     bool viewNeedsToken = false;
+    bool noMetrics = false;
+    std::string metricsListen; ///< ADDRESS:PORT; empty: the metrics have no port of their own
+    std::vector<int> expected; ///< ids of grippers
     bool isDemo = false;
 
     std::optional<Role> pairRole; ///< of the command "pair"; empty: the program serves

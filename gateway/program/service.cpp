@@ -8,6 +8,7 @@
 #include "jobrunner.h"
 #include "journal.h"
 #include "linewatch.h"
+#include "metrics.h"
 #include "paircommand.h"
 #include "pairsocket.h"
 
@@ -15,6 +16,8 @@
 
 #include <atomic>
 #include <cstdio>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -73,6 +76,21 @@ HttpServer::Settings serverSettings(const Options &options)
     return settings;
 }
 
+HttpServer::Settings metricsSettings(const Options &options)
+{
+    const Authority authority = Authority::fromText(options.metricsListen);
+    HttpServer::Settings settings = serverSettings(options);
+    settings.addresses = {authority.host};
+    settings.skipsMissingAddresses = false;
+    settings.port = static_cast<unsigned short>(std::stoi(authority.port));
+    return settings;
+}
+
+Names namesOf(const Options &options, unsigned short port)
+{
+    return Names({options.hasTls(), port, machineName(), options.names, options.origins});
+}
+
 std::string pairAddress(const std::string &url, const std::string &code)
 {
     // Browsers do not send this part of an address, so no log of a proxy contains the code.
@@ -88,13 +106,15 @@ public:
         , m_picture(options.faultTexts.empty() ? FaultTexts()
                                                : FaultTexts::fromFile(options.faultTexts),
                     gripper::ReadingTime::now())
-        , m_names({options.hasTls(), options.port, machineName(), options.names, options.origins})
+        , m_metrics(options.noMetrics ? nullptr
+                                      : std::make_unique<Metrics>(m_picture, options.expected))
+        , m_names(namesOf(options, options.port))
         , m_jobs(
               gripper::Endpoint::fromText(options.daemon), m_picture, m_jobList,
               [this](std::function<void()> function) { m_loop.post(std::move(function)); },
               [this](const Job &job) { finish(job); })
         , m_api({m_picture, m_jobList, m_jobs, m_sessions, m_lease, m_names, writeToJournal,
-                 options.viewNeedsToken})
+                 options.viewNeedsToken, metricsText()})
         , m_server(m_loop, serverSettings(options),
                    {[this](const Request &request) { return handle(request); },
                     [this](std::optional<std::uint64_t> session, StreamCursor &cursor) {
@@ -105,6 +125,8 @@ public:
         , m_watch(gripper::Endpoint::fromText(options.daemon),
                   [this](const Reading &reading) { take(reading); })
     {
+        if (!options.metricsListen.empty())
+            listenForMetrics(options);
     }
 
     void run()
@@ -127,6 +149,26 @@ public:
     }
 
 private:
+    std::function<std::string(Clock::time_point)> metricsText() const
+    {
+        if (!m_metrics)
+            return {};
+        return [this](Clock::time_point now) { return m_metrics->text(now); };
+    }
+
+    void listenForMetrics(const Options &options)
+    {
+        const HttpServer::Settings settings = metricsSettings(options);
+        const auto handle = [this,
+                             names = namesOf(options, settings.port)](const Request &request) {
+            return m_api.handleMetrics(request, names, Clock::now());
+        };
+        const auto noStream = [](std::optional<std::uint64_t>, StreamCursor &) {
+            return std::optional<std::string>();
+        };
+        m_metricsServer.emplace(m_loop, settings, HttpServer::Faces{handle, noStream});
+    }
+
     Response handle(const Request &request)
     {
         if (request.method != "GET")
@@ -151,6 +193,8 @@ private:
         m_loop.post([this, reading] {
             m_isTaking = false;
             m_picture.take(reading);
+            if (m_metrics)
+                m_metrics->observe();
             m_api.advance(reading.time);
             m_server.pump();
         });
@@ -179,6 +223,8 @@ private:
         sd_notify(0, "STOPPING=1");
         m_isEnding = true;
         m_server.close();
+        if (m_metricsServer)
+            m_metricsServer->close();
         m_pairSocket.close();
         m_jobs.shutDown();
         if (m_jobs.isIdle())
@@ -209,6 +255,7 @@ private:
     std::atomic<bool> m_isTaking = false;
     EventLoop m_loop;
     Picture m_picture;
+    std::unique_ptr<Metrics> m_metrics;
     JobList m_jobList;
     Sessions m_sessions;
     Lease m_lease;
@@ -216,6 +263,7 @@ private:
     JobRunner m_jobs;
     Api m_api;
     HttpServer m_server;
+    std::optional<HttpServer> m_metricsServer;
     PairSocket m_pairSocket;
     LineWatch m_watch;
 };

@@ -3,6 +3,7 @@
 import contextlib
 import importlib.util
 import pathlib
+import subprocess
 import sys
 
 import pytest
@@ -16,10 +17,29 @@ _spec.loader.exec_module(_daemon_conftest)
 # pytest finds hooks and fixtures by their names in this module.
 globals().update({n: v for n, v in vars(_daemon_conftest).items() if not n.startswith("_")})
 
-from gatewayrig import Gateway  # noqa: E402 (needs the path)
+from gatewayrig import OTHER_ADDRESS, Gateway  # noqa: E402 (needs the path)
 from harness.client import Client  # noqa: E402
 from harness.simulator import Simulator  # noqa: E402
 from harness.waiting import eventually  # noqa: E402
+
+
+@pytest.fixture
+def other_address():
+    """A second address of the machine, which is not loopback by its look."""
+    subprocess.run(["ip", "address", "add", f"{OTHER_ADDRESS}/32", "dev", "lo"], check=True)
+    yield OTHER_ADDRESS
+    subprocess.run(["ip", "address", "del", f"{OTHER_ADDRESS}/32", "dev", "lo"], check=True)
+
+
+@pytest.fixture
+def certificate(tmp_path):
+    paths = tmp_path / "cert.pem", tmp_path / "key.pem"
+    subprocess.run(
+        ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes"]
+        + ["-subj", "/CN=gripper.plant", "-days", "2", "-out", paths[0], "-keyout", paths[1]],
+        check=True, capture_output=True,
+    )
+    return paths
 
 
 @pytest.fixture

@@ -22,6 +22,7 @@ from harness.waiting import eventually
 PORT = 63353
 HOST = f"localhost:{PORT}"
 ORIGIN = f"http://{HOST}"
+OTHER_ADDRESS = "192.0.2.7"
 API = json.loads(
     (pathlib.Path(__file__).parents[2] / "gateway/api/openapi.json").read_text(encoding="utf-8")
 )

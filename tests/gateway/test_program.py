@@ -15,12 +15,11 @@ import subprocess
 import warnings
 
 import pytest
-from gatewayrig import ORIGIN, PORT, Page, insecure_tls
+from gatewayrig import ORIGIN, OTHER_ADDRESS, PORT, Page, insecure_tls
 from harness.children import binary, spawn
 from harness.waiting import eventually
 
 PROGRAM = "gripper-gateway"
-OTHER_ADDRESS = "192.0.2.7"
 # The modules around a QR code of the terminal.
 QUIET = 2
 ROOT = pathlib.Path(__file__).parents[2]
@@ -30,25 +29,6 @@ def run(*words, **options):
     return subprocess.run(
         [binary(PROGRAM), *words], capture_output=True, text=True, timeout=20, **options
     )
-
-
-@pytest.fixture
-def other_address():
-    """A second address of the machine, which is not loopback by its look."""
-    subprocess.run(["ip", "address", "add", f"{OTHER_ADDRESS}/32", "dev", "lo"], check=True)
-    yield OTHER_ADDRESS
-    subprocess.run(["ip", "address", "del", f"{OTHER_ADDRESS}/32", "dev", "lo"], check=True)
-
-
-@pytest.fixture
-def certificate(tmp_path):
-    paths = tmp_path / "cert.pem", tmp_path / "key.pem"
-    subprocess.run(
-        ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes"]
-        + ["-subj", "/CN=gripper.plant", "-days", "2", "-out", paths[0], "-keyout", paths[1]],
-        check=True, capture_output=True,
-    )
-    return paths
 
 
 @pytest.mark.parametrize("address", [OTHER_ADDRESS, "0.0.0.0", "::", "2001:db8::1", "fe80::1%lo", "::ffff:127.0.0.1"])
