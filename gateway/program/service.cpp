@@ -8,6 +8,7 @@
 #include "jobrunner.h"
 #include "journal.h"
 #include "linewatch.h"
+#include "mqttface.h"
 #include "paircommand.h"
 #include "pairsocket.h"
 
@@ -15,10 +16,13 @@
 
 #include <atomic>
 #include <cstdio>
+#include <fstream>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include <grp.h>
+#include <openssl/crypto.h>
 #include <systemd/sd-daemon.h>
 
 namespace gateway {
@@ -57,6 +61,31 @@ std::optional<gid_t> groupOf(const std::string &name)
     if (entry == nullptr)
         throw std::runtime_error("there is no group " + name);
     return entry->gr_gid;
+}
+
+std::string passwordIn(const std::string &path)
+{
+    if (path.empty())
+        return {};
+    std::ifstream file(path);
+    std::string line;
+    if (!std::getline(file, line))
+        throw std::runtime_error("there is no password in the first line of " + path);
+    return line;
+}
+
+MqttFace::Settings mqttSettings(const Options &options)
+{
+    MqttFace::Settings settings;
+    settings.broker.endpoint = options.brokerEndpoint();
+    settings.broker.authority = options.mqttAuthority;
+    settings.broker.certificate = options.mqttCertificate;
+    settings.broker.key = options.mqttKey;
+    settings.broker.user = options.mqttUser;
+    settings.broker.password = passwordIn(options.mqttPasswordFile);
+    settings.node = options.mqttNode.empty() ? machineName() : options.mqttNode;
+    settings.allowed = {options.mqttActions.begin(), options.mqttActions.end()};
+    return settings;
 }
 
 HttpServer::Settings serverSettings(const Options &options)
@@ -105,6 +134,11 @@ public:
         , m_watch(gripper::Endpoint::fromText(options.daemon),
                   [this](const Reading &reading) { take(reading); })
     {
+        if (options.hasMqtt()) {
+            m_mqtt.emplace(m_loop, mqttSettings(options), m_api,
+                           [this, broker = options.brokerEndpoint().text()](
+                               const std::string &text) { reportBroker(broker, text); });
+        }
     }
 
     void run()
@@ -152,16 +186,22 @@ private:
             m_isTaking = false;
             m_picture.take(reading);
             m_api.advance(reading.time);
-            m_server.pump();
+            pump();
         });
     }
 
     void advance()
     {
         m_api.advance(gripper::ReadingTime::now());
+        pump();
+        endIfIdle();
+    }
+
+    void pump()
+    {
         m_server.pump();
-        if (m_isEnding && m_jobs.isIdle())
-            m_loop.stop();
+        if (m_mqtt)
+            m_mqtt->pump(m_api.view(gripper::ReadingTime::now()));
     }
 
     void finish(const Job &job)
@@ -171,7 +211,17 @@ private:
             text += " gripper " + std::to_string(*job.gripper);
         text += " ended: " + job.outcome->code + ", " + job.outcome->text;
         writeToJournal({nameOf(job.action), job.gripper, nameOf(job.role), "", text});
-        m_server.pump();
+        if (m_mqtt)
+            m_mqtt->finish(job, m_api.view(gripper::ReadingTime::now()));
+        pump();
+    }
+
+    void reportBroker(const std::string &broker, const std::string &text)
+    {
+        const std::string sentence = "MQTT broker " + broker + ": " + text;
+        writeToJournal({"mqtt", {}, "", broker, sentence});
+        m_picture.addEvent({EventKind::Broker, {}, {}, text, sentence, 0, {}},
+                           gripper::ReadingTime::now());
     }
 
     void quit()
@@ -181,8 +231,16 @@ private:
         m_server.close();
         m_pairSocket.close();
         m_jobs.shutDown();
-        if (m_jobs.isIdle())
-            m_loop.stop();
+        endIfIdle();
+    }
+
+    void endIfIdle()
+    {
+        if (!m_isEnding || !m_jobs.isIdle())
+            return;
+        if (m_mqtt)
+            m_mqtt->close(m_api.view(gripper::ReadingTime::now()));
+        m_loop.stop();
     }
 
     std::string pair(const std::string &line)
@@ -217,6 +275,7 @@ private:
     Api m_api;
     HttpServer m_server;
     PairSocket m_pairSocket;
+    std::optional<MqttFace> m_mqtt;
     LineWatch m_watch;
 };
 
@@ -224,6 +283,8 @@ private:
 
 int serve(const Options &options, const Demo *demo)
 {
+    // A thread that connects to the broker may exist when the program ends.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     Service service(options);
     if (demo != nullptr)
         service.printFirstCode(options.pairSocket);
