@@ -1,12 +1,12 @@
 """Measures the cost of gripper-gateway: idle, and with viewers of its stream."""
 
-import os
 import socket
 import threading
 import time
 
+import mqtt_face
 from line_section import GRIPPERS
-from rig import end, status_of, wait_until_listening
+from rig import cpu_of_threads, end, status_of, wait_until_listening
 from tables import table
 
 PORT = 63353
@@ -26,9 +26,10 @@ def run(rig, quick):
         for count in VIEWERS:
             rows.append([count, *measure(gateway.pid, count, seconds)])
         end(gateway)
+        head = ["viewers", "CPU", "resident MB", "private MB", "messages/s"]
+        table(f"gripper-gateway, one gripper that does not move, {seconds} s", head, rows)
+        mqtt_face.measure(rig, seconds)
         end(daemon)
-    head = ["viewers", "CPU", "resident MB", "private MB", "messages/s"]
-    table(f"gripper-gateway, one gripper that does not move, {seconds} s", head, rows)
 
 
 def measure(pid, viewers, seconds):
@@ -49,14 +50,6 @@ def measure(pid, viewers, seconds):
         f"{status['RssAnon'] / 1024:.1f}",
         f"{messages / passed:.0f}",
     ]
-
-
-def cpu_of_threads(pid):
-    seconds = 0
-    for thread in os.listdir(f"/proc/{pid}/task"):
-        with open(f"/proc/{pid}/task/{thread}/schedstat", encoding="ascii") as stat:
-            seconds += int(stat.read().split()[0]) / 1e9
-    return seconds
 
 
 class Stream:

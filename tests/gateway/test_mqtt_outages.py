@@ -174,6 +174,21 @@ def test_no_command_waits_for_the_daemon(broker, line, daemon, start_daemon, sta
     assert peer.result(9, request, since)["code"] in ("repeated", "expired")
 
 
+def test_no_command_waits_for_the_line(broker, line, daemon, start_gateway, connect_peer):
+    """The daemon itself would keep the SET until the line is back."""
+    start_gateway(*ALLOW)
+    peer = connect_peer()
+    taken(peer)
+    line.unplug()
+    peer.wait_for("link", lambda each: each["state"] == "gone" and each["stale"], timeout=10)
+    assert peer.result(9, command("activate"))["code"] == "unavailable"
+    since, mark = peer.mark(), line.mark()
+    line.plug()
+    peer.wait_for("gripper/9/state", lambda each: not each["stale"], since, 15)
+    line.wait_until_polled(9, 3)
+    assert all(set(each.values) == {0} for each in writes(line, mark))
+
+
 def test_no_command_waits_for_a_daemon_that_hangs(broker, line, daemon, start_gateway, connect_peer):
     start_gateway(*ALLOW)
     peer = connect_peer()
