@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -24,6 +25,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds answerTime{5};
+constexpr std::chrono::seconds connectTime{10};
+constexpr int interruption = SIGUSR1;
 constexpr const char *noAnswer = "the broker does not answer";
 constexpr std::size_t maxPayload = 4096;
 constexpr std::uint32_t maxPacket = 16384; ///< that a broker with MQTT 5 may send
@@ -65,6 +68,8 @@ std::string textOf(int result, int error)
 {
     if (result == MOSQ_ERR_EAI)
         return gai_strerror(error);
+    if (result == MOSQ_ERR_ERRNO && error == EINTR)
+        return noAnswer;
     if (result == MOSQ_ERR_ERRNO && error != 0)
         return std::generic_category().message(error);
     return result == MOSQ_ERR_KEEPALIVE ? noAnswer : mosquitto_strerror(result);
@@ -79,6 +84,7 @@ struct BrokerLink::Session
     std::unique_ptr<mosquitto, ClientDeleter> client;
     std::optional<DescriptorWatch> watch; ///< empty before the TCP connection exists
     Clock::time_point start = Clock::now();
+    std::thread attempt;
     bool isAccepted = false;
     bool isLeaving = false;
 
@@ -139,7 +145,8 @@ struct BrokerLink::Session
                            static_cast<int>(settings.will.payload.size()),
                            settings.will.payload.data(), atLeastOnce, settings.will.isRetained);
         if (!settings.user.empty())
-            mosquitto_username_pw_set(handle, settings.user.c_str(), settings.password.c_str());
+            mosquitto_username_pw_set(handle, settings.user.c_str(),
+                                      pointerOrNull(settings.password));
         if (!settings.authority.empty()) {
             const int result = mosquitto_tls_set(handle, settings.authority.c_str(), nullptr,
                                                  pointerOrNull(settings.certificate),
@@ -171,6 +178,12 @@ BrokerLink::BrokerLink(EventLoop &loop, Settings settings, Listener listener)
     , m_door(std::make_shared<Door>())
 {
     mosquitto_lib_init();
+    // Without SA_RESTART, the signal ends a connect() that waits.
+    struct sigaction action
+    {
+    };
+    action.sa_handler = [](int) {};
+    sigaction(interruption, &action, nullptr);
     m_door->loop = &loop;
 }
 
@@ -180,9 +193,12 @@ BrokerLink::~BrokerLink()
         const std::lock_guard lock(m_door->mutex);
         m_door->loop = nullptr;
     }
-    // A thread may keep the session a little longer.
-    if (m_session)
-        m_session->watch.reset();
+    if (!m_session)
+        return;
+    // The thread of an attempt keeps the session a little longer.
+    m_session->watch.reset();
+    if (m_session->attempt.joinable())
+        m_session->attempt.detach();
 }
 
 bool BrokerLink::isIdle() const
@@ -215,7 +231,7 @@ void BrokerLink::connect()
                 [this, session, result, error] { finishAttempt(session, result, error); });
     };
     try {
-        std::thread(run).detach();
+        session->attempt = std::thread(run);
     } catch (const std::system_error &error) {
         end(error.what());
     }
@@ -261,8 +277,14 @@ void BrokerLink::subscribe(const std::string &filter)
 
 void BrokerLink::advance()
 {
-    if (!m_session || !m_session->watch)
+    if (!m_session)
         return;
+    if (m_session->attempt.joinable()) {
+        // A name that is looked up has no connect() yet, so the signal is sent again.
+        if (Clock::now() - m_session->start > connectTime)
+            pthread_kill(m_session->attempt.native_handle(), interruption);
+        return;
+    }
     if (!m_session->isAccepted && Clock::now() - m_session->start > answerTime)
         end(noAnswer);
     else if (const int result = mosquitto_loop_misc(m_session->client.get()))
@@ -279,8 +301,7 @@ void BrokerLink::disconnect()
 
 void BrokerLink::finishAttempt(const std::shared_ptr<Session> &session, int result, int error)
 {
-    if (session != m_session)
-        return;
+    session->attempt.join();
     if (result != MOSQ_ERR_SUCCESS) {
         end(textOf(result, error));
         return;

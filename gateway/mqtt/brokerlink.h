@@ -18,8 +18,9 @@ class EventLoop;
 /// the broker keeps no commands for a gateway that is away.
 ///
 /// libmosquitto blocks while it looks a name up and opens the TCP connection. A thread does this;
-/// the loop touches the client only after the end of the thread. The thread is detached, because
-/// the end of the program must not wait for it.
+/// the loop touches the client only after the end of the thread. The kernel tries to connect for
+/// two minutes, ever more rarely, so a signal interrupts the thread after 10 s. The end of the
+/// program does not wait for the thread.
 class BrokerLink
 {
 public:
