@@ -28,6 +28,7 @@ constexpr std::chrono::seconds answerTime{5};
 constexpr std::chrono::seconds connectTime{10};
 constexpr int interruption = SIGUSR1;
 constexpr const char *noAnswer = "the broker does not answer";
+constexpr const char *endOfTls = "the broker ended the TLS connection";
 constexpr std::size_t maxPayload = 4096;
 constexpr std::uint32_t maxPacket = 16384; ///< that a broker with MQTT 5 may send
 constexpr int atMostOnce = 0;
@@ -68,6 +69,8 @@ std::string textOf(int result, int error)
 {
     if (result == MOSQ_ERR_EAI)
         return gai_strerror(error);
+    if (result == MOSQ_ERR_ERRNO && error == EPROTO)
+        return endOfTls;
     if (result == MOSQ_ERR_ERRNO && error == EINTR)
         return noAnswer;
     if (result == MOSQ_ERR_ERRNO && error != 0)
@@ -363,8 +366,9 @@ void BrokerLink::end(const std::string &problem)
     else if (code != 0)
         text = mosquitto_connack_string(code);
     const bool isWithoutAnswer = session->watch && !session->answer && session->cause.empty();
-    // The alert of TLS may be lost.
-    if (isWithoutAnswer && !m_settings.certificate.empty())
+    // The alert of TLS may be lost. The thread of the attempt may see this, too.
+    const bool isRejected = isWithoutAnswer || text == endOfTls;
+    if (isRejected && !m_settings.certificate.empty())
         text += ": does the broker accept the certificate of this gateway?";
     // A broker without MQTT 5 says so, or ends the connection. The next broker may be another one.
     const bool isRefused =
