@@ -330,6 +330,7 @@ def test_a_broker_without_mqtt_5(start_gateway):
         old.close()
 
 
+@pytest.mark.skipif(effort(True, False), reason="takes 7 s: scripts/robustness")
 def test_two_gateways_with_one_name(broker, start_gateway, tmp_path):
     """They take the connection from each other. Neither fills its log."""
     first = start_gateway(*OPTIONS)
