@@ -6,8 +6,9 @@ import socket
 import threading
 import time
 
+import mqtt_face
 from line_section import GRIPPERS
-from rig import end, status_of, wait_until_listening
+from rig import cpu_of_threads, end, status_of, wait_until_listening
 from tables import table
 
 PORT = 63353
@@ -30,6 +31,7 @@ def run(rig, quick):
             gateway = start(rig, *options)
             metrics.append([name, *cost_of_metrics(gateway.pid, seconds, scrapes_per_second)])
             end(gateway)
+        mqtt_face.measure(rig, seconds)
         end(daemon)
     head = ["viewers", "CPU", "resident MB", "private MB", "messages/s"]
     table(f"gripper-gateway, one gripper that does not move, {seconds} s", head, rows)

@@ -268,6 +268,14 @@ def cpu_seconds(pid):
         return int(stat.read().split()[0]) / 1e9
 
 
+def cpu_of_threads(pid):
+    seconds = 0
+    for thread in os.listdir(f"/proc/{pid}/task"):
+        with open(f"/proc/{pid}/task/{thread}/schedstat", encoding="ascii") as stat:
+            seconds += int(stat.read().split()[0]) / 1e9
+    return seconds
+
+
 def status_of(pid):
     """Returns the numbers of /proc/PID/status."""
     found = {}

@@ -474,15 +474,21 @@ Response Api::beginJob(Call &call)
                           "the gripper with this id has another serial number");
         }
     }
+    const int job = begin(command);
+    Json answer = Json::object();
+    answer["job"] = view(call.now).job(*m_parts.jobList.find(job));
+    return json(status::accepted, answer);
+}
+
+int Api::begin(const Command &command)
+{
     if (m_parts.picture.line().condition == LineCondition::NoDaemon)
         throw Problem(status::unavailable, "unavailable", "the daemon does not answer");
     const auto result = m_parts.jobs.begin(command);
     if (const auto *refusal = std::get_if<Refusal>(&result))
         refuse(*refusal);
-    record(nameOf(row.action), command.gripper, command.role, command.peer);
-    Json answer = Json::object();
-    answer["job"] = view(call.now).job(*m_parts.jobList.find(std::get<int>(result)));
-    return json(status::accepted, answer);
+    record(nameOf(command.action), command.gripper, command.role, command.peer);
+    return std::get<int>(result);
 }
 
 void Api::readValues(Command &command, Body &body)

@@ -61,6 +61,12 @@ public:
     std::optional<Viewer> viewer(std::optional<std::uint64_t> session,
                                  const gripper::ReadingTime &now);
 
+    /// Reads the values of the command's action. Throws a Problem for wrong ones.
+    static void readValues(Command &command, Body &body);
+    /// Starts a command of a known gripper and writes it to the journal. The caller has checked who
+    /// may command. Returns the id of the job. Throws a Problem if it cannot start.
+    int begin(const Command &command);
+
 private:
     struct Call;
 
@@ -85,7 +91,6 @@ private:
     Response job(const Call &call) const;
 
     const GripperView &requireGripper(int id) const;
-    static void readValues(Command &command, Body &body);
     void addControlEvent(const char *detail, const std::string &text,
                          const gripper::ReadingTime &now);
     void record(const std::string &action, std::optional<int> gripper, Role role,

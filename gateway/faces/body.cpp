@@ -10,6 +10,8 @@ namespace gateway {
 namespace {
 
 constexpr std::size_t maxText = 64;
+/// Programs that read JSON numbers as floating point keep integers up to this one.
+constexpr std::uint64_t greatestExact = (std::uint64_t{1} << 53U) - 1;
 
 [[noreturn]] void refuse(const std::string &text)
 {
@@ -67,6 +69,18 @@ std::optional<bool> Body::flag(const char *name)
     if (!value->is_boolean())
         refuse(std::string("\"") + name + "\" is neither true nor false");
     return value->get<bool>();
+}
+
+std::optional<std::int64_t> Body::milliseconds(const char *name)
+{
+    const nlohmann::json *value = find(name);
+    if (value == nullptr)
+        return std::nullopt;
+    if (!value->is_number_unsigned() || value->get<std::uint64_t>() > greatestExact) {
+        refuse(std::string("\"") + name +
+               "\" is not an integer of milliseconds since 1970, such as 1700000000000");
+    }
+    return value->get<std::int64_t>();
 }
 
 std::string Body::requiredText(const char *name)

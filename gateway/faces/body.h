@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
@@ -19,6 +20,8 @@ public:
     std::optional<std::string> text(const char *name);
     std::optional<int> number(const char *name, int least, int greatest);
     std::optional<bool> flag(const char *name);
+    /// A time in milliseconds since 1970, UTC.
+    std::optional<std::int64_t> milliseconds(const char *name);
 
     std::string requiredText(const char *name);
     int requiredNumber(const char *name, int least, int greatest);

@@ -64,6 +64,8 @@ const char *nameOf(EventKind kind)
         return "link";
     case EventKind::Control:
         return "control";
+    case EventKind::Broker:
+        return "broker";
     }
     return "";
 }

@@ -52,6 +52,8 @@ public:
     Json viewer(const Viewer &viewer) const;
     /// The grippers that changed after a version of the picture, and the line.
     Json changesSince(std::uint64_t version) const;
+    Json line() const;
+    Json gripper(const GripperView &view) const;
     Json event(const Event &event) const;
     Json job(const Job &job) const;
     Json control() const;
@@ -63,8 +65,6 @@ public:
     const gripper::ReadingTime &now() const { return m_now; }
 
 private:
-    Json line() const;
-    Json gripper(const GripperView &view) const;
     Json age(std::optional<Clock::time_point> time) const;
     double clock(Clock::time_point time) const;
 

@@ -1,13 +1,17 @@
 #include "eventloop.h"
 
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include <csignal>
 #include <list>
+#include <stdexcept>
 #include <utility>
+
+#include <fcntl.h>
 
 namespace gateway {
 
@@ -83,6 +87,61 @@ void EventLoop::stop()
 asio::io_context &EventLoop::context()
 {
     return m_parts->context;
+}
+
+struct DescriptorWatch::Parts : std::enable_shared_from_this<DescriptorWatch::Parts>
+{
+    using Descriptor = asio::posix::stream_descriptor;
+
+    Parts(asio::io_context &context, std::function<void()> function)
+        : descriptor(context)
+        , ready(std::move(function))
+    {
+    }
+
+    void wait(Descriptor::wait_type type, bool &isWaiting)
+    {
+        if (isWaiting)
+            return;
+        isWaiting = true;
+        descriptor.async_wait(
+            type, [self = shared_from_this(), &isWaiting](const boost::system::error_code &error) {
+                isWaiting = false;
+                // The watch may have ended after the descriptor became ready.
+                if (!error && self->descriptor.is_open())
+                    self->ready();
+            });
+    }
+
+    Descriptor descriptor;
+    std::function<void()> ready;
+    bool isWaitingToRead = false;
+    bool isWaitingToWrite = false;
+};
+
+DescriptorWatch::DescriptorWatch(EventLoop &loop, int descriptor, std::function<void()> ready)
+    : m_parts(std::make_shared<Parts>(loop.context(), std::move(ready)))
+{
+    const int duplicate = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+    if (duplicate < 0)
+        throw std::runtime_error("no descriptor is free");
+    m_parts->descriptor.assign(duplicate);
+}
+
+DescriptorWatch::~DescriptorWatch()
+{
+    boost::system::error_code ignored;
+    m_parts->descriptor.close(ignored);
+}
+
+void DescriptorWatch::waitToRead()
+{
+    m_parts->wait(Parts::Descriptor::wait_read, m_parts->isWaitingToRead);
+}
+
+void DescriptorWatch::waitToWrite()
+{
+    m_parts->wait(Parts::Descriptor::wait_write, m_parts->isWaitingToWrite);
 }
 
 } // namespace gateway

@@ -41,4 +41,25 @@ private:
     std::unique_ptr<Parts> m_parts;
 };
 
+/// Waits in the event loop for a descriptor of a library that has no loop of its own. It uses a
+/// duplicate, so the library may close its descriptor at any time.
+class DescriptorWatch
+{
+public:
+    /// Throws std::runtime_error if no descriptor is free.
+    DescriptorWatch(EventLoop &loop, int descriptor, std::function<void()> ready);
+    ~DescriptorWatch();
+    DescriptorWatch(const DescriptorWatch &) = delete;
+    DescriptorWatch &operator=(const DescriptorWatch &) = delete;
+
+    /// Runs the function once, when the descriptor is readable.
+    void waitToRead();
+    /// Runs the function once, when the descriptor is writable.
+    void waitToWrite();
+
+private:
+    struct Parts;
+    std::shared_ptr<Parts> m_parts;
+};
+
 } // namespace gateway

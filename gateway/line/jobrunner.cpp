@@ -120,6 +120,8 @@ public:
             if (m_parts.self->cancellation == Cancellation::ShutDown)
                 return failure("shutdown", "the gateway ended before the job");
             return failure("superseded", "a later command replaced this one");
+        } catch (const TooLate &) {
+            return failure("expired", "the command expired before it reached the daemon");
         } catch (const gripper::Fault &error) {
             JobOutcome outcome = failure("fault", error.what());
             outcome.fault = error.code();
@@ -145,6 +147,9 @@ public:
 
 private:
     struct Cancelled
+    {
+    };
+    struct TooLate
     {
     };
 
@@ -179,7 +184,11 @@ private:
 
     Gripper gripper() const
     {
-        return Gripper(m_parts.endpoint, m_parts.command.gripper.value_or(0), options());
+        // The constructor waits for the daemon, and commands nothing.
+        Gripper gripper(m_parts.endpoint, m_parts.command.gripper.value_or(0), options());
+        if (m_parts.command.latestBegin && Clock::now() > *m_parts.command.latestBegin)
+            throw TooLate();
+        return gripper;
     }
 
     /// The first SET goes out at once. A call that was cancelled may have been about to send a SET

@@ -265,6 +265,7 @@ export default {
     "outcome.connection-lost": "{action}: the gateway lost the daemon. The gripper may still carry it out.",
     "outcome.protocol": "{action}: the daemon sent an answer that the gateway does not understand.",
     "outcome.superseded": "{action}: a later command replaced it.",
+    "outcome.expired": "{action}: the command expired before it reached the daemon.",
     "outcome.shutdown": "{action}: the gateway ended. The gripper may still carry it out.",
     "outcome.unknown": "{action}: failed ({code}).",
     "outcome.gone": "{action}: the gateway has restarted and does not know its result. Look at the gripper.",
@@ -293,6 +294,7 @@ export default {
     "event.control.taken-over": "Control taken over",
     "event.control.returned": "Control returned",
     "event.control.ended": "Control ended",
+    "event.broker": "Message broker: {detail}",
 
     "error.bad-request": "The gateway does not understand the request.",
     "error.unpaired": "This device is not paired, or the pairing has ended. Pair it again.",

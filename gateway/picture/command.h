@@ -2,6 +2,7 @@
 
 #include "role.h"
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -18,6 +19,8 @@ struct Command
     std::optional<int> gripper; ///< empty for a scan
     Role role = Role::View;     ///< of the engineer
     std::string peer;           ///< the engineer's address
+    /// A job that reaches the daemon later commands nothing. Empty without such a limit.
+    std::optional<std::chrono::steady_clock::time_point> latestBegin;
 
     int position = 0;     ///< of a movement
     int speed = 0;        ///< of a movement

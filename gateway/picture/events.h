@@ -19,7 +19,8 @@ enum class EventKind {
     Missing,
     OtherCommand, ///< another client of the daemon commanded the gripper
     Link,         ///< the state of the line changed
-    Control       ///< the lease was taken, taken over, returned, or has ended
+    Control,      ///< the lease was taken, taken over, returned, or has ended
+    Broker        ///< the connection to the MQTT broker
 };
 
 struct Event

@@ -1,8 +1,10 @@
 #include "options.h"
 
+#include "commandgate.h"
 #include "identity.h"
 #include "names.h"
 #include "target.h"
+#include "topics.h"
 
 #include <settingsfile.h>
 
@@ -25,6 +27,8 @@ namespace {
 constexpr int usageError = 2;
 constexpr int maxPort = 65535;
 constexpr int maxGripperId = 9;
+constexpr int brokerPort = 1883;
+constexpr int brokerTlsPort = 8883;
 constexpr const char *about =
     "Serves a page for the commissioning of grippers, as a client of gripperd.\n"
     "This is no safety function and does not replace the emergency stop.";
@@ -93,6 +97,40 @@ void addMetricsOptions(CLI::App &app, Options &options)
         ->excludes(none);
 }
 
+void addMqttOptions(CLI::App &app, Options &options)
+{
+    CLI::Option *broker = app.add_option(
+        "--mqtt", options.mqttBroker,
+        "publish to the MQTT broker HOST or HOST:PORT (port 8883, without TLS 1883)");
+    const auto add = [&](const char *name, std::string &value, const char *text) {
+        return app.add_option(name, value, text)->needs(broker);
+    };
+    add("--mqtt-node", options.mqttNode,
+        "the name of this gateway in topics, unique at the broker (default: the machine's name)")
+        ->check(check("a level of a topic", isNodeName));
+    CLI::Option *authority =
+        add("--mqtt-ca", options.mqttAuthority, "file with the CA certificates for the broker");
+    CLI::Option *certificate = add("--mqtt-cert", options.mqttCertificate,
+                                   "file with the certificate of this gateway for the broker");
+    CLI::Option *key = add("--mqtt-key", options.mqttKey, "file with its private key");
+    certificate->needs(authority)->needs(key);
+    key->needs(certificate);
+    CLI::Option *user = add("--mqtt-user", options.mqttUser, "user name for the broker");
+    add("--mqtt-password-file", options.mqttPasswordFile,
+        "file whose first line is the password for the broker")
+        ->needs(user);
+    app.add_flag("--plain-mqtt", options.plainMqtt,
+                 "reach a broker on another machine without TLS");
+    std::vector<std::string> actions(commandActions.size());
+    std::transform(commandActions.begin(), commandActions.end(), actions.begin(),
+                   [](Action action) { return nameOf(action); });
+    app.add_option("--allow", options.mqttActions,
+                   "actions that MQTT messages may command, for example move,activate,stop")
+        ->needs(broker)
+        ->delimiter(',')
+        ->check(CLI::IsMember(actions));
+}
+
 void addOptions(CLI::App &app, Options &options)
 {
     tools::SettingsFile::addOption(app, "/etc/gripper-gateway.toml", "read options from this file");
@@ -126,6 +164,7 @@ void addOptions(CLI::App &app, Options &options)
     app.add_flag("--view-needs-token", options.viewNeedsToken,
                  "viewing needs pairing on this machine too; use it behind a reverse proxy");
     addMetricsOptions(app, options);
+    addMqttOptions(app, options);
     app.add_flag("--demo", options.isDemo, "start a simulated line and its daemon, too")
         ->configurable(false);
     app.set_version_flag("--version", programVersion);
@@ -140,6 +179,25 @@ void addPairCommand(CLI::App &app, std::string &role)
         ->required()
         ->configurable(false)
         ->check(CLI::IsMember({"view", "operate", "maintain"}));
+}
+
+/// Empty if nothing is wrong.
+std::string problemOfMqtt(const Options &options)
+{
+    if (!options.hasMqtt())
+        return {};
+    try {
+        const std::string host = options.brokerEndpoint().host;
+        if (options.mqttAuthority.empty() && !options.plainMqtt && !Names::isLoopback(host)) {
+            return "a broker on another machine without TLS lets the network path read the "
+                   "password and command grippers: give --mqtt-ca, or say --plain-mqtt";
+        }
+    } catch (const gripper::InvalidValue &error) {
+        return error.what();
+    }
+    if (options.mqttNode.empty() && !isNodeName(machineName()))
+        return "this machine has no name for topics: give --mqtt-node";
+    return {};
 }
 
 /// Empty if nothing is wrong.
@@ -159,6 +217,12 @@ std::string problemOf(const Options &options)
 
 } // namespace
 
+gripper::Endpoint Options::brokerEndpoint() const
+{
+    return gripper::Endpoint::fromText(mqttBroker,
+                                       mqttAuthority.empty() ? brokerPort : brokerTlsPort);
+}
+
 std::optional<int> readOptions(int argc, char **argv, Options &options)
 {
     CLI::App app(about, "gripper-gateway");
@@ -174,7 +238,9 @@ std::optional<int> readOptions(int argc, char **argv, Options &options)
         return usageError;
     }
     options.pairRole = roleOf(role);
-    const std::string problem = problemOf(options);
+    std::string problem = problemOf(options);
+    if (problem.empty())
+        problem = problemOfMqtt(options);
     if (!problem.empty()) {
         std::fprintf(stderr, "gripper-gateway: %s\n", problem.c_str());
         return usageError;

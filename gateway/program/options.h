@@ -2,6 +2,8 @@
 
 #include "role.h"
 
+#include <gripper/connection.h>
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,11 +30,23 @@ struct Options
     bool noMetrics = false;
     std::string metricsListen; ///< ADDRESS:PORT; empty: the metrics have no port of their own
     std::vector<int> expected; ///< ids of grippers
+    std::string mqttBroker;    ///< empty: without MQTT
+    std::string mqttNode;      ///< the machine's name if empty
+    std::string mqttAuthority;
+    std::string mqttCertificate;
+    std::string mqttKey;
+    std::string mqttUser;
+    std::string mqttPasswordFile;
+    bool plainMqtt = false;
+    std::vector<std::string> mqttActions; ///< that messages may command
     bool isDemo = false;
 
     std::optional<Role> pairRole; ///< of the command "pair"; empty: the program serves
 
     bool hasTls() const { return !certificate.empty(); }
+    bool hasMqtt() const { return !mqttBroker.empty(); }
+    /// Throws gripper::InvalidValue.
+    gripper::Endpoint brokerEndpoint() const;
 };
 
 /// Reads them. Returns the exit status instead if there is nothing more to do: after --help, or if

@@ -9,6 +9,7 @@
 #include "journal.h"
 #include "linewatch.h"
 #include "metrics.h"
+#include "mqttface.h"
 #include "paircommand.h"
 #include "pairsocket.h"
 
@@ -16,12 +17,14 @@
 
 #include <atomic>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include <grp.h>
+#include <openssl/crypto.h>
 #include <systemd/sd-daemon.h>
 
 namespace gateway {
@@ -60,6 +63,31 @@ std::optional<gid_t> groupOf(const std::string &name)
     if (entry == nullptr)
         throw std::runtime_error("there is no group " + name);
     return entry->gr_gid;
+}
+
+std::string passwordIn(const std::string &path)
+{
+    if (path.empty())
+        return {};
+    std::ifstream file(path);
+    std::string line;
+    if (!std::getline(file, line))
+        throw std::runtime_error("there is no password in the first line of " + path);
+    return line;
+}
+
+MqttFace::Settings mqttSettings(const Options &options)
+{
+    MqttFace::Settings settings;
+    settings.broker.endpoint = options.brokerEndpoint();
+    settings.broker.authority = options.mqttAuthority;
+    settings.broker.certificate = options.mqttCertificate;
+    settings.broker.key = options.mqttKey;
+    settings.broker.user = options.mqttUser;
+    settings.broker.password = passwordIn(options.mqttPasswordFile);
+    settings.node = options.mqttNode.empty() ? machineName() : options.mqttNode;
+    settings.allowed = {options.mqttActions.begin(), options.mqttActions.end()};
+    return settings;
 }
 
 HttpServer::Settings serverSettings(const Options &options)
@@ -127,6 +155,11 @@ public:
     {
         if (!options.metricsListen.empty())
             listenForMetrics(options);
+        if (options.hasMqtt()) {
+            m_mqtt.emplace(m_loop, mqttSettings(options), m_api,
+                           [this, broker = options.brokerEndpoint().text()](
+                               const std::string &text) { reportBroker(broker, text); });
+        }
     }
 
     void run()
@@ -196,16 +229,22 @@ private:
             if (m_metrics)
                 m_metrics->observe();
             m_api.advance(reading.time);
-            m_server.pump();
+            pump();
         });
     }
 
     void advance()
     {
         m_api.advance(gripper::ReadingTime::now());
+        pump();
+        endIfIdle();
+    }
+
+    void pump()
+    {
         m_server.pump();
-        if (m_isEnding && m_jobs.isIdle())
-            m_loop.stop();
+        if (m_mqtt)
+            m_mqtt->pump(m_api.view(gripper::ReadingTime::now()));
     }
 
     void finish(const Job &job)
@@ -215,7 +254,17 @@ private:
             text += " gripper " + std::to_string(*job.gripper);
         text += " ended: " + job.outcome->code + ", " + job.outcome->text;
         writeToJournal({nameOf(job.action), job.gripper, nameOf(job.role), "", text});
-        m_server.pump();
+        if (m_mqtt)
+            m_mqtt->finish(job, m_api.view(gripper::ReadingTime::now()));
+        pump();
+    }
+
+    void reportBroker(const std::string &broker, const std::string &text)
+    {
+        const std::string sentence = "MQTT broker " + broker + ": " + text;
+        writeToJournal({"mqtt", {}, "", broker, sentence});
+        m_picture.addEvent({EventKind::Broker, {}, {}, text, sentence, 0, {}},
+                           gripper::ReadingTime::now());
     }
 
     void quit()
@@ -227,8 +276,16 @@ private:
             m_metricsServer->close();
         m_pairSocket.close();
         m_jobs.shutDown();
-        if (m_jobs.isIdle())
-            m_loop.stop();
+        endIfIdle();
+    }
+
+    void endIfIdle()
+    {
+        if (!m_isEnding || !m_jobs.isIdle())
+            return;
+        if (m_mqtt)
+            m_mqtt->close(m_api.view(gripper::ReadingTime::now()));
+        m_loop.stop();
     }
 
     std::string pair(const std::string &line)
@@ -265,6 +322,7 @@ private:
     HttpServer m_server;
     std::optional<HttpServer> m_metricsServer;
     PairSocket m_pairSocket;
+    std::optional<MqttFace> m_mqtt;
     LineWatch m_watch;
 };
 
@@ -272,6 +330,8 @@ private:
 
 int serve(const Options &options, const Demo *demo)
 {
+    // A thread that connects to the broker may exist when the program ends.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     Service service(options);
     if (demo != nullptr)
         service.printFirstCode(options.pairSocket);
