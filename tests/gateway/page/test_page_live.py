@@ -184,6 +184,23 @@ def test_phone_gone_in_the_middle_of_a_move(operated, rig):
     view.wait(lambda: view.text("control-button") == "Take control")
 
 
+def test_twelve_tabs(page, rig):
+    first = page.driver.current_window_handle
+    for _ in range(11):
+        page.driver.switch_to.new_window("tab")
+        page.driver.get(URL)
+        page.wait(lambda: len(page.all(".card")) == len(GRIPPERS))
+    for position, handle in enumerate(page.driver.window_handles, 20):
+        page.driver.switch_to.window(handle)
+        rig.show_position(9, position)
+        page.wait(lambda: page.card(9, "position") == str(position))
+    rig.line.command("release 9")
+    for handle in [one for one in page.driver.window_handles if one != first]:
+        page.driver.switch_to.window(handle)
+        page.driver.close()
+    page.driver.switch_to.window(first)
+
+
 def test_gateway_killed_in_an_upgrade(view, tmp_path, rig):
     view.show(URL)
     view.pair(rig.gateway.pair_code("maintain"))
