@@ -418,7 +418,8 @@ Response Api::takeControl(Call &call)
     } else {
         const std::string &peer = call.request.peerAddress;
         const Claimant claimant{session.number, session.role, peer};
-        switch (m_parts.lease.take(claimant, takeOver, call.now)) {
+        const Lease::Taken taken = m_parts.lease.take(claimant, takeOver, call.now);
+        switch (taken) {
         case Lease::Taken::No:
             throw Problem(status::conflict, "held", "another page has control");
         case Lease::Taken::Free:
@@ -428,7 +429,8 @@ Response Api::takeControl(Call &call)
             addControlEvent("taken-over", peer + " has taken control over", call.now);
             break;
         }
-        record("control", {}, session.role, peer, takeOver ? " (taken over)" : "");
+        record("control", {}, session.role, peer,
+               taken == Lease::Taken::FromAnother ? " (taken over)" : "");
     }
     const Lease::Holder &holder = *m_parts.lease.holder();
     Json answer = Json::object();

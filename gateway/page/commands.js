@@ -1,6 +1,6 @@
 // The commands for the chosen gripper. Only a press of a button moves it; the dials move nothing.
 import { byId, reconcile, setAttribute, setData, setText, element } from "./dom.js";
-import { ask } from "./dialog.js";
+import { ask, dismiss } from "./dialog.js";
 import { text } from "./i18n.js";
 
 const dials = ["position", "speed", "force"];
@@ -153,10 +153,13 @@ export class StopBar {
 
     async #stop(button, id) {
         if (!this.control.may("operate")) {
+            await dismiss();
             this.pair(text("pair.stop"));
             return;
         }
         const isVacuum = this.picture.gripper(id)?.kind === "vacuum";
+        if (isVacuum)
+            await dismiss();
         if (isVacuum && !(await ask({ title: text("stop.vacuum.title", { id }), body: text("stop.vacuum.text"),
             acceptText: text("stop.vacuum.accept"), danger: true })))
             return;

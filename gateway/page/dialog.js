@@ -14,6 +14,29 @@ function fieldOf({ label, options, kind, attributes = {} }) {
     return { field, input };
 }
 
+/** The page behind an open dialog takes no touches, but Stop must. */
+function takeStopBarInto(dialog) {
+    const stopBar = byId("stop-bar");
+    const focused = document.activeElement;
+    dialog.append(stopBar);
+    return () => {
+        document.body.prepend(stopBar);
+        // The move takes the focus away from the buttons of the bar.
+        if (stopBar.contains(focused))
+            focused.focus();
+    };
+}
+
+/** Cancels the dialog that is open, if any. */
+export async function dismiss() {
+    const dialog = byId("dialog");
+    if (!dialog.open)
+        return;
+    const closed = new Promise((resolve) => dialog.addEventListener("close", resolve, { once: true }));
+    dialog.close();
+    await closed;
+}
+
 /**
  * Shows the dialog. `accept` gets the texts of the fields and returns an error text, which keeps the dialog open, or
  * nothing. Resolves to whether the engineer accepted.
@@ -42,6 +65,9 @@ export function ask({ title, body, fields = [], acceptText, danger = false, acce
                 return;
             acceptButton.setAttribute("aria-busy", "true");
             const problem = await accept(parts.map(({ input }) => input.value.trim()));
+            // Stop may have dismissed this dialog, and the element may show another one.
+            if (ended.signal.aborted)
+                return;
             acceptButton.removeAttribute("aria-busy");
             if (problem) {
                 byId("dialog-error").textContent = problem;
@@ -54,8 +80,10 @@ export function ask({ title, body, fields = [], acceptText, danger = false, acce
         const { signal } = ended;
         byId("dialog-form").addEventListener("submit", submit, { signal });
         byId("dialog-cancel").addEventListener("click", () => dialog.close(), { signal });
+        const returnStopBar = takeStopBarInto(dialog);
         dialog.addEventListener("close", () => {
             ended.abort();
+            returnStopBar();
             resolve(answer);
         }, { signal });
         dialog.showModal();

@@ -286,6 +286,81 @@ TEST(rolesDecide)
     }
 }
 
+TEST(controlNeedsTheRoleOperate)
+{
+    const std::pair<const char *, const char *> requests[] = {{"POST", "{}"},
+                                                              {"DELETE", R"({"key":"A"})"}};
+    for (const auto &[method, body] : requests) {
+        Page page;
+        CHECK(codeOf(page.api.handle(page.request(method, "control", body), page.now)) ==
+              "unpaired");
+        page.pairAs(Role::View);
+        CHECK(codeOf(page.api.handle(page.request(method, "control", body), page.now)) == "role");
+        CHECK(!page.lease.holder());
+    }
+}
+
+TEST(aForeignPageEndsNoSessionAndReturnsNoControl)
+{
+    Operator page;
+    const std::string key = R"({"key":")" + page.key + R"("})";
+    const std::pair<const char *, std::string> targets[] = {{"session", ""}, {"control", key}};
+    for (const auto &[path, body] : targets) {
+        const Request own = page.request("DELETE", path, body);
+        for (const char *origin : {"null", "http://evil.example", "https://robot7:63353"}) {
+            Request foreign = own;
+            foreign.origin = origin;
+            CHECK(codeOf(page.api.handle(foreign, page.now)) == "forbidden-origin");
+        }
+        Request wrong = own;
+        wrong.origin.reset();
+        CHECK(codeOf(page.api.handle(wrong, page.now)) == "forbidden-origin");
+        wrong = own;
+        wrong.contentType = "application/x-www-form-urlencoded";
+        CHECK(codeOf(page.api.handle(wrong, page.now)) == "content-type");
+        wrong = own;
+        wrong.host = "evil.example:63353";
+        wrong.origin = "http://evil.example:63353";
+        CHECK(codeOf(page.api.handle(wrong, page.now)) == "wrong-host");
+        CHECK(page.lease.holder());
+    }
+    CHECK(page.post("grippers/9/stop", "{}").status == 202);
+}
+
+TEST(theHealthNamesItsReason)
+{
+    const auto healthOf = [](Page &page) {
+        Request request = page.request("GET", "");
+        request.target = "/healthz";
+        return page.api.handle(request, page.now);
+    };
+    Page page;
+    CHECK(healthOf(page).status == 200);
+    CHECK(healthOf(page).body == "ok: line connected (RUNNING)\n");
+    page.now = at(2s);
+    CHECK(healthOf(page).status == 503);
+    CHECK(healthOf(page).body == "not well: line connected (RUNNING), no new values\n");
+    Reading gone;
+    gone.time = page.now;
+    gone.problem = "no connection";
+    page.picture.take(gone);
+    CHECK(healthOf(page).status == 503);
+    CHECK(healthOf(page).body == "not well: line no-daemon (no connection), no new values\n");
+}
+
+TEST(onlyATakeoverFromAnotherPageIsOneInTheJournal)
+{
+    Page page;
+    page.pairAs(Role::Operate);
+    const auto take = [&] {
+        page.journal.clear();
+        CHECK(page.post("control", R"({"takeOver":true})").status == 200);
+        return page.journal.front().text;
+    };
+    CHECK(take() == "control, role operate, from 192.0.2.1");
+    CHECK(take() == "control, role operate, from 192.0.2.1 (taken over)");
+}
+
 TEST(anUnknownGripperOrPathIsNotFound)
 {
     Operator page;

@@ -7,13 +7,16 @@ import time
 
 from gatewayrig import HOST, ORIGIN, PORT
 from harness.client import Client
-from harness.daemon import SANITIZED
-from harness.effort import effort
+from harness.daemon import RELEASE, SANITIZED
+from harness.effort import LARGE, effort
 from harness.waiting import eventually
 
 FLOODS = True
 # The gateway may grow by so much under any load.
 GROWTH_KIB = 200_000 if SANITIZED else 20_000
+# The limits of a gateway with one viewer, while nothing moves.
+IDLE_KIB = 40_000
+IDLE_SHARE = 0.02
 GET = f"GET /healthz HTTP/1.1\r\nHost: {HOST}\r\n\r\n".encode()
 
 
@@ -132,6 +135,19 @@ def test_a_page_gets_in_beside_peers_that_do_not_read(module_gateway):
         eventually(waits, 8, "a gateway that waits for its peers")
         for _ in range(10):
             assert module_gateway.page().get("/healthz").status == 200
+
+
+def test_one_viewer_costs_little(module_gateway, figure):
+    stream = module_gateway.page().stream()
+    stream.wait_for("picture")
+    begin, seconds = module_gateway.cpu_seconds(), effort(2, 30)
+    time.sleep(seconds)
+    share = (module_gateway.cpu_seconds() - begin) / seconds
+    resident = module_gateway.resident_kib()
+    stream.close()
+    figure(f"one viewer: {share:.1%} of a core, {resident} KiB")
+    assert SANITIZED or resident <= IDLE_KIB
+    assert not (LARGE and RELEASE) or share <= IDLE_SHARE
 
 
 def test_a_hundred_streams(module_gateway, figure):

@@ -128,7 +128,7 @@ def test_commands_reach_the_gripper(operated, rig):
 def test_another_client_is_marked(page, rig):
     client = Client()
     client.set(f"POS {random.randrange(1, 255)} GTO 1")
-    page.wait(lambda: "Another program commands this gripper" in page.text("cards"))
+    page.wait(lambda: "Another program commanded this gripper" in page.text("cards"))
     client.close()
 
 
@@ -182,6 +182,23 @@ def test_phone_gone_in_the_middle_of_a_move(operated, rig):
         "offline": False, "latency": 0, "downloadThroughput": -1, "uploadThroughput": -1})
     view.wait(lambda: view.text("line-word") == "Connected")
     view.wait(lambda: view.text("control-button") == "Take control")
+
+
+def test_twelve_tabs(page, rig):
+    first = page.driver.current_window_handle
+    for _ in range(11):
+        page.driver.switch_to.new_window("tab")
+        page.driver.get(URL)
+        page.wait(lambda: len(page.all(".card")) == len(GRIPPERS))
+    for position, handle in enumerate(page.driver.window_handles, 20):
+        page.driver.switch_to.window(handle)
+        rig.show_position(9, position)
+        page.wait(lambda: page.card(9, "position") == str(position))
+    rig.line.command("release 9")
+    for handle in [one for one in page.driver.window_handles if one != first]:
+        page.driver.switch_to.window(handle)
+        page.driver.close()
+    page.driver.switch_to.window(first)
 
 
 def test_gateway_killed_in_an_upgrade(view, tmp_path, rig):
