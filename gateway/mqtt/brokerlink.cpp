@@ -22,8 +22,6 @@ namespace gateway {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr std::chrono::seconds answerTime{5};
 constexpr std::chrono::seconds connectTime{10};
 constexpr int interruption = SIGUSR1;
@@ -86,7 +84,7 @@ struct BrokerLink::Session
 {
     std::unique_ptr<mosquitto, ClientDeleter> client;
     std::optional<DescriptorWatch> watch; ///< empty before the TCP connection exists
-    Clock::time_point start = Clock::now();
+    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     std::thread attempt;
     bool isAccepted = false;
     bool isLeaving = false;
@@ -284,11 +282,11 @@ void BrokerLink::advance()
         return;
     if (m_session->attempt.joinable()) {
         // A name that is looked up has no connect() yet, so the signal is sent again.
-        if (Clock::now() - m_session->start > connectTime)
+        if (std::chrono::steady_clock::now() - m_session->start > connectTime)
             pthread_kill(m_session->attempt.native_handle(), interruption);
         return;
     }
-    if (!m_session->isAccepted && Clock::now() - m_session->start > answerTime)
+    if (!m_session->isAccepted && std::chrono::steady_clock::now() - m_session->start > answerTime)
         end(noAnswer);
     else if (const int result = mosquitto_loop_misc(m_session->client.get()))
         end(textOf(result, 0));
@@ -312,7 +310,7 @@ void BrokerLink::finishAttempt(const std::shared_ptr<Session> &session, int resu
     try {
         session->watch.emplace(m_loop, mosquitto_socket(session->client.get()),
                                [this] { serve(); });
-        session->start = Clock::now();
+        session->start = std::chrono::steady_clock::now();
     } catch (const std::runtime_error &problem) {
         end(problem.what());
         return;

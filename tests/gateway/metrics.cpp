@@ -221,8 +221,8 @@ TEST(textsOfTheDeviceDoNotSpoilTheScrape)
     gripper::Image odd = image();
     odd.serialNumber = "a\"b\\c\nd\xff" + std::string(100, 'e');
     line.take({odd});
-    CHECK(line.lines(R"(gripper_info{id="9",serial="a\"b\\c?d?)" + std::string(56, 'e') + "\",") !=
-          "");
+    CHECK(!line.lines(R"(gripper_info{id="9",serial="a\"b\\c?d?)" + std::string(56, 'e') + "\",")
+               .empty());
 }
 
 TEST(aMovementArrives)
