@@ -122,10 +122,9 @@ function ledOf({ auto, red, green, blue }, name) {
     return name === "off" ? !(red || green || blue) : lit[name];
 }
 
-/** Stop of every gripper, always one touch away. It needs no lease. */
+/** Stop of every gripper, always one touch away: its button says what it does. It needs no lease. */
 export class StopBar {
-    constructor(picture, control, jobs, pair) {
-        this.picture = picture;
+    constructor(control, jobs, pair) {
         this.control = control;
         this.jobs = jobs;
         this.pair = pair;
@@ -157,12 +156,6 @@ export class StopBar {
             this.pair(text("pair.stop"));
             return;
         }
-        const isVacuum = this.picture.gripper(id)?.kind === "vacuum";
-        if (isVacuum)
-            await dismiss();
-        if (isVacuum && !(await ask({ title: text("stop.vacuum.title", { id }), body: text("stop.vacuum.text"),
-            acceptText: text("stop.vacuum.accept"), danger: true })))
-            return;
         this.jobs.command(button, "stop", id, {}, (reason) => text("stop.failed", { id, reason }));
     }
 }

@@ -159,9 +159,6 @@ export default {
     "stop.button": "Stop {id}",
     "stop.note.fingers": "fingers hold still",
     "stop.note.vacuum": "the part falls",
-    "stop.vacuum.title": "Stop gripper {id}?",
-    "stop.vacuum.text": "Stop ends the vacuum of this gripper, and its part falls.",
-    "stop.vacuum.accept": "Stop, let it fall",
     "stop.failed": "Gripper {id} was not stopped: {reason} In danger, use the emergency stop.",
 
     "trend.title": "Trend of gripper {id}",
