@@ -345,7 +345,8 @@ void tst_SetVariables::moveScansWithoutNewReplyOrSelection()
 {
     QVERIFY(!set("NID", 4));
     QCOMPARE(m_selectedSlaveId, 9);
-    // Without its scan, the list would still have the id 9. On a busy machine a scan may miss the gripper.
+    // Without its scan, the list would still have the id 9. On a busy machine a scan may miss the
+    // gripper.
     if (m_list->getDiscoveredSlaveIds().isEmpty())
         m_list->scan(m_line->path());
     QCOMPARE(m_list->getDiscoveredSlaveIds(), QVector<quint8>{4});
