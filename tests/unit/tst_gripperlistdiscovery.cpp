@@ -210,7 +210,7 @@ void tst_GripperList::pollingStartsWithTheSecondGripper()
         m_list->onTimerStateLoopTimeout();
         return m_list->m_grippers.size() == 2;
     };
-    QTRY_VERIFY(discoverBoth());
+    QTRY_VERIFY_WITH_TIMEOUT(discoverBoth(), 30000);
     QCOMPARE(m_list->m_loopStep, LoopStep::SelectNext);
     QCOMPARE(m_list->getPrintableState(), QByteArray("RUNNING"));
     line.clearTraffic();
