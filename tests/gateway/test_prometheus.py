@@ -79,10 +79,18 @@ def robot(start_daemon, start_gateway):
         yield start
 
 
+def expressions_of(title):
+    """The expressions of the panel with this title in the dashboard."""
+    return [each["expr"] for panel in panels() if panel["title"] == title for each in panel["targets"]]
+
+
+def panels():
+    return json.loads((FILES / "dashboard.json").read_text(encoding="utf-8"))["panels"]
+
+
 def expressions():
     """The expressions of the dashboard, without its variables."""
-    board = json.loads((FILES / "dashboard.json").read_text(encoding="utf-8"))
-    found = [each["expr"] for panel in board["panels"] for each in panel.get("targets", [])]
+    found = [each["expr"] for panel in panels() for each in panel.get("targets", [])]
     assert len(found) > 20
     return [each.replace("$robot", ".*").replace("$__rate_interval", "4s") for each in found]
 
@@ -169,6 +177,9 @@ def drops_parts(robot, prometheus):
 def gateway_down(robot, prometheus):
     robot.gateway.finish()
     prometheus.wait_for({"GripperGatewayDown"})
+    # The first panel still counts this robot.
+    samples = [prometheus.query(each) for each in expressions_of("Daemons that answer")]
+    assert samples == [[({}, 0)], [({}, 1)]]
     yield
     robot.restart_gateway()
 
