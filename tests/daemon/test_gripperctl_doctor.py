@@ -28,10 +28,8 @@ USB_LOCK = pathlib.Path("/run/lock/LCK..ttyUSB0")
 
 @pytest.fixture(scope="module")
 def bench(start_module_daemon, tmp_path_factory):
-    with ports():
-        bench = DoctorBench(start_module_daemon, tmp_path_factory.mktemp("machine"))
+    with ports(), DoctorBench(start_module_daemon, tmp_path_factory.mktemp("machine")) as bench:
         yield bench
-        bench.end()
 
 
 def sees_all_files():

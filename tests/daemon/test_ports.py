@@ -227,15 +227,14 @@ def count_of_unhandled_lines(daemon, mark):
 
 
 def test_another_port_replaces_a_removed_one(start, connect):
-    with FakePorts("ttyUSB0", "ttyUSB1"):
-        first = Line(Slave(9), link="/dev/ttyUSB0").plug()
-        with Line(Slave(2), link="/dev/ttyUSB1"):
-            daemon = start(local_fuser="exit 1")
-            daemon.wait_for_line(r": \([92]\) ")
-            if connected_ports(daemon)[-1] == "ttyUSB1":
-                pytest.fail("the enumeration does not begin with ttyUSB0 here")
-            mark = daemon.mark()
-            first.unplug()
-            daemon.wait_until_found(2, since=mark)
-            assert connected_ports(daemon)[-1] == "ttyUSB1"
-            assert connect().get("SID") == "[2]"
+    first, second = Line(Slave(9), link="/dev/ttyUSB0"), Line(Slave(2), link="/dev/ttyUSB1")
+    with FakePorts("ttyUSB0", "ttyUSB1"), first, second:
+        daemon = start(local_fuser="exit 1")
+        daemon.wait_for_line(r": \([92]\) ")
+        if connected_ports(daemon)[-1] == "ttyUSB1":
+            pytest.fail("the enumeration does not begin with ttyUSB0 here")
+        mark = daemon.mark()
+        first.unplug()
+        daemon.wait_until_found(2, since=mark)
+        assert connected_ports(daemon)[-1] == "ttyUSB1"
+        assert connect().get("SID") == "[2]"

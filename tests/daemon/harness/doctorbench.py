@@ -86,9 +86,20 @@ class DoctorBench:
         self.journal.write_text("Info: (9) ((null):0, (null))\n")
         self.adapter = DEVICES / "fakeusb" / "00-ttyUSB0"
         self._put_adapter()
-        self.line = Line(Slave(9), link="/dev/ttyUSB0").plug()
-        os.symlink("ttyUSB0", "/dev/ttyTool")
-        self.start()
+        self.line = Line(Slave(9), link="/dev/ttyUSB0")
+
+    def __enter__(self):
+        # A daemon that does not start must leave no link for the next attempt.
+        with contextlib.ExitStack() as links:
+            links.enter_context(self.line)
+            os.symlink("ttyUSB0", "/dev/ttyTool")
+            links.callback(os.unlink, "/dev/ttyTool")
+            self.start()
+            self._links = links.pop_all()
+        return self
+
+    def __exit__(self, *_):
+        self._links.close()
 
     def _put_adapter(self):
         (self.adapter / "power").mkdir()
@@ -112,10 +123,6 @@ class DoctorBench:
     def start(self):
         self.daemon = self.start_daemon(cwd=self.work, under=WITHOUT_RIGHTS).wait_until_found(9)
         self.unit["MainPID"] = str(self.daemon.pid)
-
-    def end(self):
-        os.unlink("/dev/ttyTool")
-        self.line.unplug()
 
     def environment(self):
         return {**os.environ, "PATH": f"{self.programs}:{os.environ['PATH']}"}
