@@ -3,4 +3,4 @@ cmake_minimum_required(VERSION 3.25)
 execute_process(COMMAND ${ROOT}/scripts/version OUTPUT_VARIABLE version OUTPUT_STRIP_TRAILING_WHITESPACE
                                                 COMMAND_ERROR_IS_FATAL ANY)
 file(CONFIGURE OUTPUT ${FILE} @ONLY CONTENT
-     "#include \"version.h\"\n\nconst char *const gripperctl::version = \"@version@\";\n")
+     "#include \"version.h\"\n\nconst char *const tools::version = \"@version@\";\n")

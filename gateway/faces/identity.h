@@ -4,8 +4,6 @@
 
 namespace gateway {
 
-constexpr const char *programVersion = GATEWAY_VERSION;
-
 /// The host name of this machine.
 const std::string &machineName();
 

@@ -5,6 +5,7 @@
 #include "identity.h"
 
 #include <gripper/gripper.h>
+#include <version.h>
 
 #include <array>
 #include <cmath>
@@ -164,7 +165,7 @@ Json View::times() const
 Json View::picture() const
 {
     Json json = times();
-    json["gateway"] = {{"version", programVersion},
+    json["gateway"] = {{"version", tools::version},
                        {"name", machineName()},
                        {"started", isoTime(m_picture.start().wall)},
                        {"instance", instanceName()}};

@@ -1,6 +1,6 @@
 #include "mqttface.h"
 
-#include "identity.h"
+#include <version.h>
 
 #include <algorithm>
 #include <utility>
@@ -45,7 +45,7 @@ BrokerLink::Settings MqttFace::linkSettings(const Settings &settings) const
 
 Message MqttFace::statusMessage(bool isOnline) const
 {
-    Json status{{"state", isOnline ? "online" : "offline"}, {"version", programVersion}};
+    Json status{{"state", isOnline ? "online" : "offline"}, {"version", tools::version}};
     // The broker publishes the will later, so it has no time.
     status["time"] = isOnline ? Json(isoTime(gripper::ReadingTime::now().wall)) : Json();
     return {m_topics.status(), textOf(status), true};

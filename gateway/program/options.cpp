@@ -7,6 +7,7 @@
 #include "topics.h"
 
 #include <settingsfile.h>
+#include <version.h>
 
 #include <CLI/CLI.hpp>
 #include <gripper/connection.h>
@@ -167,7 +168,7 @@ void addOptions(CLI::App &app, Options &options)
     addMqttOptions(app, options);
     app.add_flag("--demo", options.isDemo, "start a simulated line and its daemon, too")
         ->configurable(false);
-    app.set_version_flag("--version", programVersion);
+    app.set_version_flag("--version", std::string("gripper-gateway ") + tools::version);
 }
 
 void addPairCommand(CLI::App &app, std::string &role)

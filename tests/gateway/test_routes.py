@@ -29,6 +29,8 @@ def test_the_state_shows_the_line(module_gateway, simulated):
     assert state["line"]["state"] == "connected" and not state["line"]["stale"]
     assert state["line"]["version"] == "MZV-2.0.0"
     assert state["you"] == {"role": "view", "paired": False, "expiresInSeconds": None}
+    version = subprocess.check_output([binary("gripper-gateway"), "--version"], text=True)
+    assert version == f"gripper-gateway {state['gateway']['version']}\n"
     vacuum, fingers = state["grippers"]
     assert (vacuum["id"], vacuum["family"], vacuum["kind"]) == (2, "Zentra", "vacuum")
     assert (fingers["id"], fingers["family"], fingers["kind"]) == (9, "Pello", "fingers")

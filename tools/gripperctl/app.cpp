@@ -70,7 +70,7 @@ void addGeneralOptions(CLI::App &app, Program &program)
                                    "Defaults for options (default ~/.config/gripperctl.toml).")
         ->type_name("FILE")
         ->option_text(filesOffered);
-    app.set_version_flag("--version", std::string("gripperctl ") + version,
+    app.set_version_flag("--version", std::string("gripperctl ") + tools::version,
                          "Print the version of gripperctl.");
 }
 

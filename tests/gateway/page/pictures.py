@@ -13,6 +13,17 @@ from pageview import PageView  # noqa: E402
 from rig import URL, Rig  # noqa: E402
 
 SIZES = {"phone": (360, 640), "tablet": (1024, 768), "desk": (1920, 1080)}
+# The pictures show a release, whatever they are taken of.
+WITHOUT_COMMIT = """
+    const shown = document.getElementById("daemon");
+    const cut = () => {
+        const text = shown.textContent.replace(/[~+]git\\S+/, "");
+        if (shown.textContent !== text)
+            shown.textContent = text;
+    };
+    new MutationObserver(cut).observe(shown, { childList: true });
+    cut();
+"""
 MOVES = ((120, 40, 30), (230, 80, 120), (40, 255, 60), (200, 120, 200), (90, 20, 30))
 
 
@@ -51,6 +62,7 @@ def main():
             browser.driver.execute_cdp_cmd("Emulation.setScrollbarsHidden", {"hidden": True})
             rig.gateway.wait_for(lambda state: len(state["grippers"]) == 2, 30)
             view.show(URL)
+            view.script(WITHOUT_COMMIT)
             view.pair(rig.gateway.pair_code("maintain"))
             view.take_control()
             choose(view, 2)

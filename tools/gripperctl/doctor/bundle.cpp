@@ -101,7 +101,7 @@ std::string versionsText(const Facts &facts)
     const Run packages =
         Machine::run({"dpkg-query", "--show", "gripper*", "libgripper*", "python3-gripperd-client",
                       "systemd", "psmisc", "stm32flash", "modemmanager", "brltty"});
-    return titled("gripperctl", version) + titled("driver", facts.reply.driver) +
+    return titled("gripperctl", tools::version) + titled("driver", facts.reply.driver) +
            titled("kernel", facts.machine.line("/proc/version")) +
            titled("system", facts.machine.read("/etc/os-release").value_or("")) +
            // It fails if one of the packages is unknown, and lists the others.

@@ -83,7 +83,7 @@ Json Report::json() const
                             {"action", finding.action}});
     return {{"time", timeText(std::chrono::system_clock::now())},
             {"host", m_endpoint.text()},
-            {"version", version},
+            {"version", tools::version},
             {"problems", problems()},
             {"findings", findings}};
 }

@@ -1,9 +1,9 @@
 #pragma once
 
-namespace gripperctl {
+namespace tools {
 
 /// The version of the tree, with its commit between releases. The build writes the source of this
 /// constant.
 extern const char *const version;
 
-} // namespace gripperctl
+} // namespace tools
