@@ -2,6 +2,7 @@
 // A key with ".one" is the singular of the key without it. Words in braces are filled in.
 export default {
     "title": "Grippers",
+    "noscript": "This page needs JavaScript. The program gripperctl shows the same values in a terminal.",
     "safety": "This page is no safety function and does not replace the emergency stop.",
     "theme.toggle": "Light or dark",
 

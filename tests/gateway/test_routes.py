@@ -1,6 +1,7 @@
 """Every route, against the OpenAPI document: Page and Stream check each answer with it."""
 
 import json
+import re
 import subprocess
 
 import pytest
@@ -225,6 +226,14 @@ def test_the_page_is_small_and_protected(module_gateway):
         assert "Set-Cookie" not in headers
     assert page.get("/healthz").headers["Cache-Control"] == "no-store"
     assert page.get("/../etc/passwd").status == 404
+
+
+def test_the_page_has_texts_without_its_script(module_gateway):
+    page = module_gateway.page()
+    texts = page.get("/texts.en.js").body.decode()
+    shown = re.findall(r'<(?:title|noscript) data-text="(\w+)">(.+)</', page.get("/").body.decode())
+    assert [key for key, _ in shown] == ["title", "noscript"]
+    assert all(f'"{key}": "{text}"' in texts for key, text in shown)
 
 
 def test_the_document_names_every_schema_it_uses():
