@@ -23,7 +23,7 @@ function createCard(id, onChoose) {
                     element("span", { "data-part": "name" })),
                 element("p", {}, ...["serial", "firmware", "year"].map((part) => element("span", { "data-part": part })))),
             choose),
-        element("p", { class: "foreign", "data-part": "note", hidden: "" }),
+        element("p", { class: "foreign", "data-part": "note" }),
         element("div", { class: "reading" },
             element("span", {}, element("strong", { "data-part": "position" }), " ",
                 element("span", { class: "unit" }, text("card.of"))),
@@ -145,9 +145,7 @@ function fillCard(card, gripper, picture, jobs, { isChosen, isOnly }) {
     setAttribute(card.choose, "aria-label", text(isChosen ? "card.chosen.label" : "card.choose.label", { id: gripper.id }));
     fillPosition(card, gripper);
     fillValues(card, gripper);
-    const note = noteOf(gripper, picture, jobs);
-    setText(card.parts.note, note);
-    card.parts.note.hidden = note === "";
+    setText(card.parts.note, noteOf(gripper, picture, jobs));
 }
 
 export class Cards {

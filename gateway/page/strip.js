@@ -1,4 +1,4 @@
-// The strip at the top: the line, the age of its values, the control; and the banners below it.
+// The strip at the top: the line, the age of its values, the control; and the banners above the stop bar.
 import { byId, element, reconcile, setData, setText } from "./dom.js";
 import { duration, firstText, text } from "./i18n.js";
 

@@ -97,9 +97,9 @@ export default {
     "card.fault.none": "none",
     "card.fault.code": "fault {code}",
     "card.fault.text": "{text} ({code})",
-    "card.missing": "Not on the line for {age}. These are its last values.",
-    "card.foreign": "Another program commanded this gripper {age} ago.",
-    "card.other-page": "Another page commands this gripper ({role}: {action}).",
+    "card.missing": "Missing for {age}: last values",
+    "card.foreign": "Another program: command {age} ago",
+    "card.other-page": "Another page: {action} ({role})",
     "value.none": "–",
 
     "status.inactive": "Not activated",

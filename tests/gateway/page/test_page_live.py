@@ -128,7 +128,7 @@ def test_commands_reach_the_gripper(operated, rig):
 def test_another_client_is_marked(page, rig):
     client = Client()
     client.set(f"POS {random.randrange(1, 255)} GTO 1")
-    page.wait(lambda: "Another program commanded this gripper" in page.text("cards"))
+    page.wait(lambda: "Another program: command" in page.text("cards"))
     client.close()
 
 

@@ -435,6 +435,53 @@ def test_texts_of_others_are_not_markup(view, gateway):
     assert view.all("main img") == []
 
 
+HOLDER = {"number": 90, "role": "maintain", "peer": "192.168.100.200", "since": AT, "sinceSeconds": 70.0,
+          "expiresInSeconds": 5.0}
+# What appears, and a part of the page's text that shows it.
+MARKERS = {
+    "another program": ({"commandedByOther": True, "otherCommandAgeSeconds": 9.9}, "Another program: command"),
+    "missing": ({"present": False, "stale": True, "missingSeconds": 3599.0}, "Missing for 59 min 59 s"),
+    "fault": ({"fault": {"code": 255, "text": "Communication lost"}}, "Communication lost (255)"),
+    "stale": ({"stale": True, "line": {"stale": True, "valueAgeSeconds": 9.0}}, "Values are old"),
+    "timed out": ({"stale": True, "line": {"state": "timed-out", "text": "ERR_TIMEOUT", "stale": True}}, "No command reaches"),
+}
+
+
+def places(view):
+    """The places of all controls on the page."""
+    return view.script(
+        """
+        return [...document.querySelectorAll("button, input")].filter((one) => one.checkVisibility()).map((one) => {
+            const { right, top } = one.getBoundingClientRect();
+            return `${one.id || one.getAttribute("aria-label") || one.textContent}: ${right}, ${top + scrollY}`;
+        });
+        """
+    )
+
+
+@pytest.mark.short
+@pytest.mark.parametrize("size", [(360, 640), (1024, 768), (1920, 1080)], ids=str)
+def test_markers_move_no_control(view, operated, size):
+    view.resize(*size)
+    usual = operated.whole()
+    before = places(view)
+    for values, words in MARKERS.values():
+        operated.change(9, **values)
+        view.wait(lambda: words in view.text("main") + view.text("banners"))
+        assert places(view) == before, words
+        operated.change(9, **{**usual["grippers"][1], "line": usual["line"]})
+        view.wait(lambda: words not in view.text("main") + view.text("banners"))
+        assert places(view) == before, words
+    operated.send_job(job(70, "deactivate"))
+    view.wait(lambda: "Another page" in view.text("cards"))
+    assert places(view) == before
+    view.expected.append("409")
+    operated.picture["control"] = HOLDER
+    operated.change()
+    view.wait_for_banner("took over control")
+    assert places(view) == before
+
+
 def test_marks_of_the_bar_cover_no_text(view, operated):
     # The triangles end at the upper and the lower edge of the bar.
     gaps_of_cards = """
@@ -452,14 +499,14 @@ def test_marks_of_the_bar_cover_no_text(view, operated):
 
 def test_commands_of_another_page_are_marked(view, operated):
     def notes():
-        return view.script("return [...document.querySelectorAll('.foreign:not([hidden])')].map((one) => one.textContent)")
+        return view.script("return [...document.querySelectorAll('.foreign:not(:empty)')].map((one) => one.textContent)")
 
     view.click("#go")
     view.wait(lambda: operated.commands())
     own = operated.picture["jobs"][-1]["id"]
     operated.send_job(job(own, "move"))
     operated.send_job(job(70, "move", role="operate"))
-    view.wait(lambda: notes() == ["Another page commands this gripper (operate: Movement)."])
+    view.wait(lambda: notes() == ["Another page: Movement (operate)"])
     operated.send_job(job(70, "move", state="done", ageSeconds=9.0, elapsedSeconds=1.0, outcome={"code": "ok", "text": ""}))
     view.wait(lambda: notes() == [], 4)
     # A scan concerns all grippers.
