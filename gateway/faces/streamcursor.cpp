@@ -17,7 +17,18 @@ std::uint64_t leaseNumber(const View &view)
 
 } // namespace
 
-std::string StreamCursor::next(const View &view, const Viewer &viewer)
+const std::string &NewestChange::text(const View &view, std::uint64_t since)
+{
+    if (m_time != view.now().monotonic || m_since != since) {
+        m_text.clear();
+        append(m_text, "change", view.changesSince(since));
+        m_time = view.now().monotonic;
+        m_since = since;
+    }
+    return m_text;
+}
+
+std::string StreamCursor::next(const View &view, const Viewer &viewer, NewestChange &change)
 {
     const Clock::time_point now = view.now().monotonic;
     std::string text;
@@ -31,7 +42,7 @@ std::string StreamCursor::next(const View &view, const Viewer &viewer)
         appendNew(text, view);
         if (!isChangeDue(view))
             return text;
-        append(text, "change", view.changesSince(m_picture));
+        text += change.text(view, m_picture);
     }
     m_picture = view.pictureOf().version();
     m_lease = leaseNumber(view);

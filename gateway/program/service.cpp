@@ -205,17 +205,17 @@ private:
     Response handle(const Request &request)
     {
         if (request.method != "GET")
-            m_loop.post([this] { m_server.pump(); });
+            m_loop.post([this] { pumpStreams(); });
         return m_api.handle(request, gripper::ReadingTime::now());
     }
 
     std::optional<std::string> next(std::optional<std::uint64_t> session, StreamCursor &cursor)
     {
-        const gripper::ReadingTime now = gripper::ReadingTime::now();
+        const gripper::ReadingTime now = m_pumpTime.value_or(gripper::ReadingTime::now());
         const std::optional<Viewer> viewer = m_api.viewer(session, now);
         if (!viewer)
             return std::nullopt;
-        return cursor.next(m_api.view(now), *viewer);
+        return cursor.next(m_api.view(now), *viewer, m_change);
     }
 
     /// Runs in the thread of the watch. If the loop is late, it takes the next reading instead.
@@ -240,9 +240,17 @@ private:
         endIfIdle();
     }
 
+    /// Serves all streams with the same view.
+    void pumpStreams()
+    {
+        m_pumpTime = gripper::ReadingTime::now();
+        m_server.pump();
+        m_pumpTime.reset();
+    }
+
     void pump()
     {
-        m_server.pump();
+        pumpStreams();
         if (m_mqtt)
             m_mqtt->pump(m_api.view(gripper::ReadingTime::now()));
     }
@@ -319,6 +327,8 @@ private:
     Names m_names;
     JobRunner m_jobs;
     Api m_api;
+    NewestChange m_change;
+    std::optional<gripper::ReadingTime> m_pumpTime; ///< while the streams are served
     HttpServer m_server;
     std::optional<HttpServer> m_metricsServer;
     PairSocket m_pairSocket;

@@ -75,11 +75,17 @@ struct Page
     std::vector<JournalEntry> journal;
     Api api{{picture, list, jobs, sessions, lease, names,
              [this](const JournalEntry &entry) { journal.push_back(entry); }, false}};
+    NewestChange change;
     gripper::ReadingTime now = at(0ms);
     std::string token;
     std::string key;
 
     Page() { picture.take(reading(0ms, {image()})); }
+
+    std::string next(StreamCursor &cursor, std::chrono::milliseconds time)
+    {
+        return cursor.next(api.view(at(time)), {}, change);
+    }
 
     void pairAs(Role role)
     {
@@ -464,8 +470,8 @@ TEST(aStreamBeginsWithThePicture)
 {
     Page page;
     StreamCursor cursor;
-    CHECK(cursor.next(page.api.view(at(0ms)), {}).rfind("event: picture\ndata: {", 0) == 0);
-    CHECK(cursor.next(page.api.view(at(10ms)), {}).empty());
+    CHECK(page.next(cursor, 0ms).rfind("event: picture\ndata: {", 0) == 0);
+    CHECK(page.next(cursor, 10ms).empty());
 }
 
 TEST(changesComeTenTimesASecondAtMost)
@@ -477,8 +483,7 @@ TEST(changesComeTenTimesASecondAtMost)
         gripper::Image next = image();
         next.position = time / 10;
         page.picture.take(reading(std::chrono::milliseconds(time), {next}));
-        changes += count(cursor.next(page.api.view(at(std::chrono::milliseconds(time))), {}),
-                         "event: change\n");
+        changes += count(page.next(cursor, std::chrono::milliseconds(time)), "event: change\n");
     }
     CHECK(changes == 9);
 }
@@ -488,30 +493,53 @@ TEST(aChangeHasOnlyWhatChanged)
     Page page;
     page.picture.take(reading(0ms, {image(2), image()}));
     StreamCursor cursor;
-    cursor.next(page.api.view(at(0ms)), {});
+    page.next(cursor, 0ms);
     gripper::Image next = image();
     next.position = 11;
     page.picture.take(reading(100ms, {image(2), next}));
-    const std::string text = cursor.next(page.api.view(at(100ms)), {});
+    const std::string text = page.next(cursor, 100ms);
     const Json change = Json::parse(text.substr(text.find("data: ") + 6));
     CHECK(change["grippers"].size() == 1 && change["grippers"][0]["position"] == 11);
+}
+
+TEST(aViewerThatMissedAChangeGetsItToo)
+{
+    Page page;
+    page.picture.take(reading(0ms, {image(2), image()}));
+    StreamCursor quick;
+    StreamCursor slow;
+    page.next(quick, 0ms);
+    page.next(slow, 0ms);
+    gripper::Image moved = image();
+    moved.position = 11;
+    page.picture.take(reading(100ms, {image(2), moved}));
+    page.next(quick, 100ms);
+    gripper::Image other = image(2);
+    other.position = 12;
+    page.picture.take(reading(200ms, {other, moved}));
+    const auto grippersFor = [&](StreamCursor &cursor) {
+        const std::string text = page.next(cursor, 200ms);
+        return Json::parse(text.substr(text.find("data: ") + 6))["grippers"].size();
+    };
+    CHECK(grippersFor(quick) == 1);
+    CHECK(grippersFor(slow) == 2);
 }
 
 TEST(aQuietStreamLivesOnceASecond)
 {
     Page page;
     StreamCursor cursor;
-    cursor.next(page.api.view(at(0ms)), {});
-    CHECK(cursor.next(page.api.view(at(999ms)), {}).empty());
-    CHECK(count(cursor.next(page.api.view(at(1000ms)), {}), "event: change\n") == 1);
+    page.next(cursor, 0ms);
+    CHECK(page.next(cursor, 999ms).empty());
+    CHECK(count(page.next(cursor, 1000ms), "event: change\n") == 1);
 }
 
 TEST(aStreamThatWasTooSlowGetsThePicture)
 {
     Page page;
     StreamCursor cursor;
-    cursor.next(page.api.view(at(0ms)), {});
-    const std::string text = cursor.next(page.api.view(at(3001ms)), {});
+    page.next(cursor, 0ms);
+    const std::string text = page.next(cursor, 3001ms);
     CHECK(count(text, "event: picture\n") == 1 && count(text, "event: change\n") == 0);
 }
 
@@ -519,12 +547,12 @@ TEST(eventsAndJobsDoNotWaitForAChange)
 {
     Operator page;
     StreamCursor cursor;
-    cursor.next(page.api.view(at(0ms)), {});
+    page.next(cursor, 0ms);
     page.post("grippers/9/stop", "{}");
     page.picture.addEvent({}, at(10ms));
-    const std::string text = cursor.next(page.api.view(at(10ms)), {});
+    const std::string text = page.next(cursor, 10ms);
     CHECK(count(text, "event: job\n") == 1 && count(text, "event: event\n") == 1);
-    CHECK(cursor.next(page.api.view(at(20ms)), {}).empty());
+    CHECK(page.next(cursor, 20ms).empty());
 }
 
 TEST(textThatIsNotUtf8BecomesValid)
