@@ -1,6 +1,7 @@
 """The Python client library with a scripted daemon that misbehaves in every exchange."""
 
 import collections
+import contextlib
 import random
 import time
 
@@ -54,6 +55,11 @@ class Schedule:
             self.longest = max(self.longest, late)
             self.outcomes[outcome] = self.outcomes.get(outcome, 0) + 1
 
+    def close(self):
+        self.watched.close()
+        if self.gripper is not None:
+            self.gripper.disconnect()
+
     def addressed(self, timeout):
         """The gripper, also if the daemon closes the connection while it selects it."""
         if self.gripper is None:
@@ -62,15 +68,21 @@ class Schedule:
 
     def image(self, timeout):
         gripper = self.addressed(timeout)
+        before = self.script.batches
         image = gripper.image(timeout)
-        assert image.cycles == self.script.batches, "the reply to an earlier request"
+        self.assert_own(image.cycles, before)
         assert (image.serial_number, image.position) == ("ABC-007", 0)
         return "image"
 
     def get(self, timeout):
         gripper = self.addressed(timeout)
-        assert gripper.get("NCY", timeout) == str(self.script.batches)
+        before = self.script.batches
+        self.assert_own(int(gripper.get("NCY", timeout)), before)
         return "value"
+
+    def assert_own(self, number, before):
+        """On a busy machine, the script receives the last request of a former connection late, and counts it, too."""
+        assert before < number <= self.script.batches, "the reply to an earlier request"
 
     def ids(self, timeout):
         before = self.script.batches
@@ -144,11 +156,8 @@ def test_every_call_ends_in_time_and_has_its_own_reply(flavour, figure):
         for seed in range(SCHEDULES // PART):
             with ScriptedReplies(seed) as script:
                 with new_line(flavour, loop, "127.0.0.1", script.port, timeout=LONGEST) as line:
-                    schedule = Schedule(seed, script, line)
-                    schedule.run(PART)
-                    schedule.watched.close()
-                    if schedule.gripper is not None:
-                        schedule.gripper.disconnect()
+                    with contextlib.closing(Schedule(seed, script, line)) as schedule:
+                        schedule.run(PART)
                 assert script.failures == []
                 seen = collections.Counter({line: len(replies) for line, replies in script.sets.items()})
                 assert seen - schedule.allowed == {}, f"seed {seed}"
