@@ -6,7 +6,8 @@ import sys
 
 
 def introduce(broker_port, prometheus_port):
-    page = f"http://localhost:{prometheus_port}"
+    # Debian's Prometheus has these pages only.
+    page = f"http://localhost:{prometheus_port}/classic"
     print(
         f"""
 Prometheus    {page}/graph
@@ -43,9 +44,11 @@ def carry_out(fleet, line):
     number, _, command = line.strip().partition(" ")
     command = command.strip()
     # The simulator answers nothing to a comment.
-    if not command or command.startswith("#"):
+    if not number or command.startswith("#"):
         return
-    if not number.isdecimal() or not 1 <= int(number) <= fleet.count:
+    if not command:
+        print("a robot and a command, for example: 1 help", flush=True)
+    elif not number.isdecimal() or not 1 <= int(number) <= fleet.count:
         print(f"there is no robot {number}: 1 to {fleet.count}", flush=True)
     elif command.split()[0] == "quit":
         print("Ctrl-C ends all programs", flush=True)

@@ -124,23 +124,39 @@ def test_a_person_tries_it_and_ends_it(start, folder):
     process = start(2, "--interval", 1, stdin=subprocess.PIPE)
     # This fleet ends by itself, so it takes no port of the machine.
     second = start(1, "--once", "--interval", 1)
-    read_until(process, "Ctrl-C ends all programs")
+    introduction = read_until(process, "Ctrl-C ends all programs")
+    addresses = re.findall(r"http://\S+", introduction)
+    assert len(addresses) == 2
+    for address in addresses:
+        with urllib.request.urlopen(address, timeout=10) as page:
+            assert b"Prometheus" in page.read()
     programs = descendants(process.pid)
     assert finish(second) == (0, "Prometheus and the broker show all robots: 1\n")
     status, output = finish(start())
     assert status == 1 and "cannot listen on port 11883: Address already in use" in output, output
     peer = Peer(port=11883, node="robot-2")
-    process.stdin.write("2 # no command\n2 faultcode 9 5\n3 show\n")
+    process.stdin.write("2 # no command\nhelp\n2 faultcode 9 5\n3 show\n")
     process.stdin.flush()
-    assert read_until(process, "1 to 2\n").endswith("ok\nthere is no robot 3: 1 to 2\n")
+    answers = read_until(process, "1 to 2\n")
+    assert answers.endswith("a robot and a command, for example: 1 help\nok\nthere is no robot 3: 1 to 2\n")
     peer.wait_for("gripper/9/event", lambda event: event["kind"] == "fault")
     peer.close()
     eventually(lambda: fault_codes().get(("robot-2", "9")) == "5", 30, fault_codes)
     assert fault_codes()["robot-1", "9"] == "0"
     process.send_signal(signal.SIGINT)
+    # A person presses Ctrl-C twice.
+    time.sleep(0.005)
+    process.send_signal(signal.SIGINT)
     status, output = finish(process)
     assert (status, output) == (0, "\nAll programs have ended.\n")
     assert not any(map(runs, programs))
+    assert not list(folder.iterdir())
+
+
+def test_an_output_without_a_reader_is_an_error(folder):
+    command = '"$1" 1 --once --interval 1 | true; exit "${PIPESTATUS[0]}"'
+    run = subprocess.run(["bash", "-c", command, "bash", DEMO], stderr=subprocess.PIPE, text=True, timeout=START_TIME)
+    assert (run.returncode, run.stderr) == (1, "fleet/demo: the reader of the output has ended\n")
     assert not list(folder.iterdir())
 
 
