@@ -3,11 +3,11 @@
 import contextlib
 import pathlib
 import shutil
-import signal
 import socket
 import tempfile
 import threading
 
+from . import interruption
 from .children import Children, Failed
 from .robot import SERVER, Program, Robot, make_network
 from .servers import BROKER_PORT, PROMETHEUS_PORT, Broker, Prometheus, attempts
@@ -32,9 +32,7 @@ class Fleet:
         return self
 
     def __exit__(self, *_):
-        # No further signal may interrupt the clean-up.
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            signal.signal(number, signal.SIG_IGN)
+        interruption.end()
         if self.traffic:
             self.traffic.stop()
         if self.broker:

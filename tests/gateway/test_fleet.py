@@ -144,9 +144,8 @@ def test_a_person_tries_it_and_ends_it(start, folder):
     eventually(lambda: fault_codes().get(("robot-2", "9")) == "5", 30, fault_codes)
     assert fault_codes()["robot-1", "9"] == "0"
     process.send_signal(signal.SIGINT)
-    # A person presses Ctrl-C twice.
-    time.sleep(0.005)
-    process.send_signal(signal.SIGINT)
+    # A terminal that closes sends another signal.
+    process.send_signal(signal.SIGHUP)
     status, output = finish(process)
     assert (status, output) == (0, "\nAll programs have ended.\n")
     assert not any(map(runs, programs))
