@@ -12,7 +12,6 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr std::size_t maxResults = 64;
-constexpr std::chrono::minutes sameReportPause{1};
 // The gateways of a plant do not come back to their broker all at once.
 constexpr int shortestRetryMs = 1000;
 constexpr int longestRetryMs = 3000;
@@ -91,6 +90,7 @@ void MqttFace::close(const View &view)
 void MqttFace::onConnected()
 {
     m_states.forget();
+    m_problems.connected(Clock::now());
     m_inFlight.reset();
     m_link.send(statusMessage(true));
     if (m_takesCommands)
@@ -109,14 +109,10 @@ void MqttFace::onEnded(const std::string &problem)
         reportProblem(problem);
 }
 
-/// A broker that fails again and again does not fill the log.
 void MqttFace::reportProblem(const std::string &text)
 {
-    const Clock::time_point now = Clock::now();
-    if (text == m_problem && now - m_problemAt < sameReportPause)
+    if (!m_problems.isDue(text, Clock::now()))
         return;
-    m_problem = text;
-    m_problemAt = now;
     m_isConnectionReported = false;
     m_report(text);
 }

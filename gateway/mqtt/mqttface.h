@@ -3,6 +3,7 @@
 #include "api.h"
 #include "brokerlink.h"
 #include "commandgate.h"
+#include "problemlimit.h"
 #include "statepublisher.h"
 
 #include <cstdint>
@@ -70,9 +71,8 @@ private:
     std::uint64_t m_nextEvent = 0; ///< the event on its way
     std::optional<int> m_inFlight; ///< the number of the message on its way
     bool m_isResultInFlight = false;
-    std::string m_problem; ///< the latest report of one
-    Clock::time_point m_problemAt;
-    bool m_isConnectionReported = false; ///< after this problem
+    ProblemLimit m_problems;
+    bool m_isConnectionReported = false; ///< after the latest report of a problem
     Clock::time_point m_nextAttempt;
     bool m_isClosed = false;
     std::minstd_rand m_random{std::random_device()()};

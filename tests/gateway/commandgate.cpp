@@ -1,8 +1,10 @@
-// The messages of the MQTT face, without a broker: which commands pass, and which topics are due.
+// The messages of the MQTT face, without a broker: which commands pass, which topics and which
+// reports are due.
 #include "assertions.h"
 #include "views.h"
 
 #include <commandgate.h>
+#include <problemlimit.h>
 #include <statepublisher.h>
 
 #include <algorithm>
@@ -327,6 +329,41 @@ TEST(aGripperThatLeftIsCleared)
     broker.picture.take(reading(broker.now + 300ms, {}));
     broker.now += 300ms;
     CHECK(!has(broker.publisher.due(broker.view()), "gripperd/n/gripper/9/state"));
+}
+
+TEST(problemsInTurnAreReportedOnce)
+{
+    ProblemLimit problems;
+    int reports = 0;
+    for (std::chrono::seconds time = 0s; time < 1h; time += 2s) {
+        for (const char *text : {"refused", "lost"})
+            reports += problems.isDue(text, at(time).monotonic) ? 1 : 0;
+    }
+    CHECK(reports == 2);
+    CHECK(problems.isDue("lost", at(1h).monotonic));
+}
+
+TEST(aProblemAfterAConnectionIsReportedOnceAMinute)
+{
+    ProblemLimit problems;
+    int reports = 0;
+    for (std::chrono::seconds time = 0s; time < 10min; time += 2s) {
+        problems.connected(at(time).monotonic);
+        for (const char *text : {"refused", "lost"})
+            reports += problems.isDue(text, at(time + 1s).monotonic) ? 1 : 0;
+    }
+    CHECK(reports == 20);
+}
+
+TEST(manyTextsOfTheBrokerNeedNoMemory)
+{
+    ProblemLimit problems;
+    CHECK(problems.isDue("first", at(0s).monotonic));
+    for (std::size_t number = 1; number < ProblemLimit::maxTexts; ++number)
+        CHECK(problems.isDue(std::to_string(number), at(1s).monotonic));
+    CHECK(!problems.isDue("first", at(1s).monotonic));
+    CHECK(problems.isDue("last", at(1s).monotonic));
+    CHECK(problems.isDue("first", at(1s).monotonic));
 }
 
 int main()
