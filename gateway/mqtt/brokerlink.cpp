@@ -8,6 +8,7 @@
 #include <cstring>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -63,6 +64,14 @@ std::string causeIn(const std::string &log)
     return log.rfind(ownPrefix, 0) == 0 ? log.substr(std::strlen(ownPrefix)) : log;
 }
 
+/// Whether a message is beyond the limits that the broker has announced. After any other error of
+/// a call that sends, serve() finds the end of the connection.
+bool isRefusal(int result)
+{
+    return result == MOSQ_ERR_OVERSIZE_PACKET || result == MOSQ_ERR_QOS_NOT_SUPPORTED ||
+           result == MOSQ_ERR_RETAIN_NOT_SUPPORTED;
+}
+
 std::string textOf(int result, int error)
 {
     if (result == MOSQ_ERR_EAI)
@@ -94,7 +103,7 @@ struct BrokerLink::Session
     std::optional<int> farewell; ///< the reason of the broker
     std::vector<Received> received;
     std::vector<int> acknowledged;
-    std::vector<int> refusals;
+    std::set<std::string> refusals;
 
     static Session &of(void *session) { return *static_cast<Session *>(session); }
     static void log(mosquitto *, void *self, int level, const char *text)
@@ -123,14 +132,17 @@ struct BrokerLink::Session
     static void onPublish(mosquitto *, void *self, int number, int code, const mosquitto_property *)
     {
         of(self).acknowledged.push_back(number);
-        if (code >= firstFailure)
-            of(self).refusals.push_back(code);
+        of(self).takeReason(code);
     }
     static void onSubscribe(mosquitto *, void *self, int, int count, const int *codes,
                             const mosquitto_property *)
     {
-        std::copy_if(codes, codes + count, std::back_inserter(of(self).refusals),
-                     [](int code) { return code >= firstFailure; });
+        std::for_each(codes, codes + count, [&](int code) { of(self).takeReason(code); });
+    }
+    void takeReason(int code)
+    {
+        if (code >= firstFailure)
+            refusals.emplace(mosquitto_reason_string(code));
     }
 
     Session(const Settings &settings, bool usesVersion5)
@@ -260,10 +272,10 @@ int BrokerLink::publish(const Message &message, int quality)
     const int result = mosquitto_publish(m_session->client.get(), &number, message.topic.c_str(),
                                          static_cast<int>(message.payload.size()),
                                          message.payload.data(), quality, message.isRetained);
-    // If the connection has ended, serve() finds this. Otherwise, the broker cannot take the
-    // message.
-    if (result != MOSQ_ERR_SUCCESS)
+    if (isRefusal(result)) {
         m_session->acknowledged.push_back(number);
+        m_session->refusals.emplace(mosquitto_strerror(result));
+    }
     m_session->watch->waitToWrite();
     return number;
 }
@@ -271,8 +283,10 @@ int BrokerLink::publish(const Message &message, int quality)
 void BrokerLink::subscribe(const std::string &filter)
 {
     const int options = m_usesVersion5 ? MQTT_SUB_OPT_RETAIN_AS_PUBLISHED : 0;
-    mosquitto_subscribe_v5(m_session->client.get(), nullptr, filter.c_str(), atLeastOnce, options,
-                           nullptr);
+    const int result = mosquitto_subscribe_v5(m_session->client.get(), nullptr, filter.c_str(),
+                                              atLeastOnce, options, nullptr);
+    if (isRefusal(result))
+        m_session->refusals.emplace(mosquitto_strerror(result));
     m_session->watch->waitToWrite();
 }
 
@@ -350,8 +364,8 @@ void BrokerLink::deliver(Session &session)
         m_listener.received(received);
     for (const int number : std::exchange(session.acknowledged, {}))
         m_listener.acknowledged(number);
-    for (const int code : std::exchange(session.refusals, {}))
-        m_listener.refused(mosquitto_reason_string(code));
+    for (const std::string &refusal : std::exchange(session.refusals, {}))
+        m_listener.refused(refusal);
 }
 
 void BrokerLink::end(const std::string &problem)

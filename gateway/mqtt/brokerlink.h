@@ -48,7 +48,7 @@ public:
         std::function<void()> connected;
         /// An attempt failed, or the connection ended. The text says why.
         std::function<void(const std::string &problem)> ended;
-        /// The broker refuses a message or the subscription.
+        /// The broker refuses a message or the subscription, or has announced that it would.
         std::function<void(const std::string &problem)> refused;
         std::function<void(const Received &)> received;
         /// The broker has a message of sendAcknowledged(), or refuses it.

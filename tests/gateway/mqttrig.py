@@ -207,14 +207,34 @@ def without_answer(port=PORT):
     return socket.create_server(("127.0.0.1", port))
 
 
-class OldBroker:
-    """It knows only MQTT 3.1.1. It refuses other versions, accepts everything else, says nothing more.
+# CONNACK packets
+ACCEPTED_BY_MQTT_3 = b"\x20\x02\x00\x00"
+REFUSED_BY_MQTT_3 = b"\x20\x02\x00\x01"
+
+
+def accepted(properties=b""):
+    return bytes([0x20, 3 + len(properties), 0, 0, len(properties)]) + properties
+
+
+def only_mqtt_3(peer, level):
+    """It refuses other versions."""
+    if level == 4:
+        peer.sendall(ACCEPTED_BY_MQTT_3)
+    else:
+        peer.sendall(REFUSED_BY_MQTT_3)
+        peer.shutdown(socket.SHUT_RDWR)
+
+
+class ScriptedBroker:
+    """It serves one connection after another: it calls `answer(peer, level)` after the first packet, and
+    then reads everything.
 
     `levels` are the protocol levels of the attempts."""
 
-    def __init__(self):
+    def __init__(self, answer):
         self.levels = []
         self.bytes = b""
+        self.answer = answer
         self.listener = without_answer()
         self.thread = threading.Thread(target=self._serve, daemon=True)
         self.thread.start()
@@ -223,15 +243,11 @@ class OldBroker:
         with contextlib.suppress(OSError):
             while True:
                 peer, _ = self.listener.accept()
-                # Fixed header, the remaining length in one or two bytes, "MQTT" with its length, the level.
-                request = peer.recv(1000)
-                self.levels.append(request[request.index(b"MQTT") + 4])
-                if self.levels[-1] != 4:
-                    peer.sendall(b"\x20\x02\x00\x01")
-                    peer.close()
-                    continue
-                peer.sendall(b"\x20\x02\x00\x00")
-                with peer:
+                with peer, contextlib.suppress(BrokenPipeError, ConnectionResetError):
+                    # Fixed header, the remaining length in one or two bytes, "MQTT" with its length, the level.
+                    request = peer.recv(1000)
+                    self.levels.append(request[request.index(b"MQTT") + 4])
+                    self.answer(peer, self.levels[-1])
                     while data := peer.recv(4096):
                         self.bytes += data
 

@@ -3,6 +3,7 @@
 import contextlib
 import re
 import signal
+import struct
 import subprocess
 import time
 
@@ -14,7 +15,8 @@ from harness.effort import effort
 from harness.simulator import Simulator
 from harness.waiting import eventually
 from mqttrig import (
-    NODE, TLS_PORT, Broker, OldBroker, Peer, certificates, command, without_answer,
+    NODE, TLS_PORT, Broker, Peer, ScriptedBroker, accepted, certificates, command, only_mqtt_3,
+    without_answer,
 )
 
 OPTIONS = ("--mqtt", "127.0.0.1", "--mqtt-node", NODE)
@@ -317,17 +319,32 @@ def test_a_broker_whose_disk_is_full(tmp_path, line, daemon, start_gateway, conn
         subprocess.run(["umount", disk], check=True)
 
 
-def test_a_broker_without_mqtt_5(start_gateway):
-    old = OldBroker()
-    try:
-        gateway = start_gateway(*ALLOW)
-        gateway.wait_for_line("connected")
-        eventually(lambda: old.levels == [5, 4] and b"/link" in old.bytes, 10,
-                   lambda: (old.levels, old.bytes))
-        assert f"gripperd/{NODE}/gripper/+/command".encode() in old.bytes
-        gateway.finish()
-    finally:
-        old.close()
+@pytest.fixture
+def scripted():
+    """scripted(answer) returns a broker: see ScriptedBroker."""
+    with contextlib.ExitStack() as brokers:
+        yield lambda answer: brokers.enter_context(contextlib.closing(ScriptedBroker(answer)))
+
+
+def test_a_broker_without_mqtt_5(scripted, start_gateway):
+    old = scripted(only_mqtt_3)
+    gateway = start_gateway(*ALLOW)
+    gateway.wait_for_line("connected")
+    eventually(lambda: old.levels == [5, 4] and b"/link" in old.bytes, 10,
+               lambda: (old.levels, old.bytes))
+    assert f"gripperd/{NODE}/gripper/+/command".encode() in old.bytes
+    gateway.finish()
+
+
+def test_a_broker_that_takes_only_short_packets_is_reported(scripted, start_gateway):
+    """Without a report, subscribers would see nothing, and nobody would know why."""
+    maximum_packet_size = b"\x27" + struct.pack(">I", 100)
+    broker = scripted(lambda peer, _: peer.sendall(accepted(maximum_packet_size)))
+    gateway = start_gateway(*ALLOW)
+    gateway.wait_for_line("connected")
+    gateway.wait_for_line("the broker refuses a message or the commands: Packet")
+    eventually(lambda: f"gripperd/{NODE}/gripper/+/command".encode() in broker.bytes)
+    assert len([line for line in gateway.lines if "MQTT broker" in line]) == 2
 
 
 @pytest.mark.skipif(effort(True, False), reason="takes 7 s: scripts/robustness")
