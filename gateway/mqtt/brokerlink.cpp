@@ -15,9 +15,12 @@
 #include <utility>
 #include <vector>
 
+#include <linux/tcp.h>
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 namespace gateway {
 
@@ -26,10 +29,14 @@ namespace {
 constexpr std::chrono::seconds answerTime{5};
 constexpr std::chrono::seconds connectTime{10};
 constexpr int interruption = SIGUSR1;
+constexpr const char *tooLong = "the broker sends a message that is too long";
 constexpr const char *noAnswer = "the broker does not answer";
 constexpr const char *endOfTls = "the broker ended the TLS connection";
 constexpr std::size_t maxPayload = 4096;
 constexpr std::uint32_t maxPacket = 16384; ///< that a broker with MQTT 5 may send
+// libmosquitto takes packets of up to 256 MB, and waits for their ends.
+constexpr std::uint64_t maxUnknownBytes = 1048576;
+constexpr std::uint64_t maxUnknownBytesPerSecond = 100; ///< for answers to pings, over TLS
 constexpr int atMostOnce = 0;
 constexpr int atLeastOnce = 1;
 constexpr int firstFailure = 128; ///< of the reason codes
@@ -104,6 +111,8 @@ struct BrokerLink::Session
     std::vector<Received> received;
     std::vector<int> acknowledged;
     std::set<std::string> refusals;
+    std::uint64_t knownBytes = 0; ///< received before the library reported a packet
+    std::chrono::steady_clock::time_point knownAt = start;
 
     static Session &of(void *session) { return *static_cast<Session *>(session); }
     static void log(mosquitto *, void *self, int level, const char *text)
@@ -113,6 +122,7 @@ struct BrokerLink::Session
     }
     static void onConnect(mosquitto *, void *self, int code, int, const mosquitto_property *)
     {
+        of(self).noteProgress();
         of(self).answer = code;
     }
     static void onDisconnect(mosquitto *, void *self, int code, const mosquitto_property *)
@@ -123,6 +133,7 @@ struct BrokerLink::Session
     static void onMessage(mosquitto *, void *self, const mosquitto_message *message,
                           const mosquitto_property *)
     {
+        of(self).noteProgress();
         const auto length = std::min(static_cast<std::size_t>(message->payloadlen), maxPayload);
         const auto *payload = static_cast<const char *>(message->payload);
         of(self).received.push_back({message->topic,
@@ -131,6 +142,7 @@ struct BrokerLink::Session
     }
     static void onPublish(mosquitto *, void *self, int number, int code, const mosquitto_property *)
     {
+        of(self).noteProgress();
         of(self).acknowledged.push_back(number);
         of(self).takeReason(code);
     }
@@ -143,6 +155,27 @@ struct BrokerLink::Session
     {
         if (code >= firstFailure)
             refusals.emplace(mosquitto_reason_string(code));
+    }
+
+    std::uint64_t receivedBytes() const
+    {
+        tcp_info info{};
+        socklen_t size = sizeof(info);
+        getsockopt(mosquitto_socket(client.get()), IPPROTO_TCP, TCP_INFO, &info, &size);
+        return info.tcpi_bytes_received;
+    }
+    void noteProgress()
+    {
+        knownBytes = receivedBytes();
+        knownAt = std::chrono::steady_clock::now();
+    }
+    bool receivesTooMuch() const
+    {
+        const auto time = std::chrono::duration_cast<std::chrono::seconds>(
+            std::chrono::steady_clock::now() - knownAt);
+        const auto allowed =
+            maxUnknownBytes + maxUnknownBytesPerSecond * static_cast<std::uint64_t>(time.count());
+        return receivedBytes() - knownBytes > allowed;
     }
 
     Session(const Settings &settings, bool usesVersion5)
@@ -332,15 +365,19 @@ void BrokerLink::finishAttempt(const std::shared_ptr<Session> &session, int resu
     serve();
 }
 
-/// Reads and writes whatever is possible. A TLS handshake needs both for either direction.
+/// Writes and reads whatever is possible. A TLS handshake needs both for either direction. Later,
+/// the answers to a broker that does not read would need more and more memory.
 void BrokerLink::serve()
 {
     const std::shared_ptr<Session> session = m_session;
     mosquitto *const client = session->client.get();
     errno = 0;
-    int result = mosquitto_loop_read(client, 1);
-    if (result == MOSQ_ERR_SUCCESS && mosquitto_want_write(client))
+    int result = MOSQ_ERR_SUCCESS;
+    if (mosquitto_want_write(client))
         result = mosquitto_loop_write(client, 1);
+    const bool mayRead = !session->isAccepted || !mosquitto_want_write(client);
+    if (result == MOSQ_ERR_SUCCESS && mayRead)
+        result = mosquitto_loop_read(client, 1);
     const int error = errno;
     deliver(*session);
     if (session != m_session)
@@ -349,8 +386,14 @@ void BrokerLink::serve()
         end(textOf(result == MOSQ_ERR_SUCCESS ? MOSQ_ERR_CONN_LOST : result, error));
         return;
     }
-    session->watch->waitToRead();
-    if (mosquitto_want_write(client))
+    if (session->receivesTooMuch()) {
+        end(tooLong);
+        return;
+    }
+    const bool wantsToWrite = mosquitto_want_write(client);
+    if (!session->isAccepted || !wantsToWrite)
+        session->watch->waitToRead();
+    if (wantsToWrite)
         session->watch->waitToWrite();
 }
 

@@ -21,6 +21,10 @@ class EventLoop;
 /// the loop touches the client only after the end of the thread. The kernel tries to connect for
 /// two minutes, ever more rarely, so a signal interrupts the thread after 10 s. The end of the
 /// program does not wait for the thread.
+///
+/// libmosquitto would take messages of 256 MB, and answer to a broker that does not read. The link
+/// ends a connection on which no message becomes complete for 1 MiB, and reads only while nothing
+/// waits to be sent.
 class BrokerLink
 {
 public:

@@ -1,6 +1,7 @@
 """The broker, the gateway or the daemon goes away, and comes back; certificates; brokers that misbehave."""
 
 import contextlib
+import pathlib
 import re
 import signal
 import struct
@@ -51,6 +52,16 @@ def connect_peer():
             return peers.enter_context(contextlib.closing(Peer(**options)))
 
         yield connect
+
+
+@pytest.fixture
+def small_send_buffers():
+    """The buffers of connections, which else take millions of short packets."""
+    setting = pathlib.Path("/proc/sys/net/ipv4/tcp_wmem")
+    before = setting.read_text("ascii")
+    setting.write_text("4096 16384 16384", "ascii")
+    yield
+    setting.write_text(before, "ascii")
 
 
 def position_is(position):
@@ -345,6 +356,51 @@ def test_a_broker_that_takes_only_short_packets_is_reported(scripted, start_gate
     gateway.wait_for_line("the broker refuses a message or the commands: Packet")
     eventually(lambda: f"gripperd/{NODE}/gripper/+/command".encode() in broker.bytes)
     assert len([line for line in gateway.lines if "MQTT broker" in line]) == 2
+
+
+def test_a_huge_message_takes_no_memory(scripted, start_gateway):
+    """A broker without MQTT 5 knows no limit of the gateway."""
+    rest = 256 * 1024 * 1024 - 1
+
+    def send_huge(peer, level):
+        only_mqtt_3(peer, level)
+        peer.sendall(b"\x30\xff\xff\xff\x7f")
+        with contextlib.suppress(BrokenPipeError, ConnectionResetError):
+            for _ in range(rest // 65536):
+                peer.sendall(bytes(65536))
+
+    gateway = start_gateway(*ALLOW)
+    before = gateway.resident_kib()
+    scripted(send_huge)
+    gateway.wait_for_line("the broker sends a message that is too long", timeout=10)
+    # Some megabytes arrive before the gateway looks.
+    assert gateway.peak_kib() - before < 10 * GROWTH_KIB
+
+
+def test_a_broker_that_sends_and_does_not_read(scripted, start_gateway, small_send_buffers):
+    """The gateway answers to each message. It reads the next ones only after the broker has read."""
+    message = b"\x32\x06\x00\x01x\x00\x01\x00"
+    count = 1000
+
+    def flood(peer, _):
+        peer.sendall(accepted())
+        peer.settimeout(1)
+        sent = 0
+        with contextlib.suppress(TimeoutError):
+            while sent < 100 * count:
+                peer.sendall(message * count)
+                sent += count
+        blocked.append(sent < 100 * count)
+        peer.settimeout(None)
+
+    blocked = []
+    broker = scripted(flood)
+    gateway = start_gateway(*ALLOW)
+    gateway.wait_for_line("connected")
+    eventually(lambda: blocked, 30)
+    assert blocked == [True]
+    acknowledged = b"\x40\x02\x00\x01"
+    eventually(lambda: broker.bytes.count(acknowledged) >= count, 10)
 
 
 @pytest.mark.skipif(effort(True, False), reason="takes 7 s: scripts/robustness")
