@@ -66,6 +66,8 @@ CommandGate::Decision CommandGate::decide(const Incoming &incoming, const View &
         decision.command = check(incoming, view, decision);
     } catch (const Problem &problem) {
         decision.refusal = problem;
+        if (!decision.id.empty() && !isKnown(decision.id))
+            rememberRefused(decision.id);
     }
     return decision;
 }
@@ -84,7 +86,6 @@ Command CommandGate::check(const Incoming &incoming, const View &view, Decision 
         throw Problem(status::badRequest, "no-expiry", "the member \"expires\" is missing");
     const Milliseconds now = millisecondsOf(view.now().wall);
     checkTime(*expires, now);
-    // Also the id of a command that is refused below: a second delivery must not succeed later.
     remember(decision.id, *expires, now);
     decision.action = body.requiredText("do");
 
@@ -120,7 +121,7 @@ void CommandGate::checkTime(Milliseconds expires, Milliseconds now) const
 
 void CommandGate::remember(const std::string &id, Milliseconds expires, Milliseconds now)
 {
-    if (m_ids.count(id) != 0)
+    if (isKnown(id))
         throw Problem(status::conflict, "repeated", "the gateway has seen this id before");
     if (m_known.size() >= maxIds) {
         const Known &oldest = m_known.front();
@@ -132,6 +133,20 @@ void CommandGate::remember(const std::string &id, Milliseconds expires, Millisec
     }
     m_known.push_back({id, expires});
     m_ids.insert(id);
+}
+
+/// A second delivery of a refused command must not succeed later.
+void CommandGate::rememberRefused(const std::string &id)
+{
+    if (m_refused.size() >= maxIds)
+        m_refused.pop_front();
+    m_refused.push_back(id);
+}
+
+bool CommandGate::isKnown(const std::string &id) const
+{
+    return m_ids.count(id) != 0 ||
+           std::find(m_refused.begin(), m_refused.end(), id) != m_refused.end();
 }
 
 Action CommandGate::allowedAction(const std::string &name) const

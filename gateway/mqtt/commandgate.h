@@ -58,12 +58,15 @@ private:
     Command check(const Incoming &incoming, const View &view, Decision &decision);
     void checkTime(Milliseconds expires, Milliseconds now) const;
     void remember(const std::string &id, Milliseconds expires, Milliseconds now);
+    void rememberRefused(const std::string &id);
+    bool isKnown(const std::string &id) const;
     Action allowedAction(const std::string &name) const;
 
     std::set<std::string> m_allowed;
     Milliseconds m_forgotten; ///< the latest expiry of ids that the gate does not know
     std::deque<Known> m_known;
-    std::set<std::string> m_ids; ///< those of m_known
+    std::set<std::string> m_ids;       ///< those of m_known
+    std::deque<std::string> m_refused; ///< the latest ones that m_known does not have
 };
 
 /// The actions that an integrator can allow. Renaming and upgrading need a person at the machine.

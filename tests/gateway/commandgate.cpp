@@ -142,6 +142,44 @@ TEST(aRefusedIdStaysRefused)
     CHECK(gate.codeOf(message) == "repeated");
 }
 
+TEST(aCommandThatIsRefusedForItsTimeStaysRefused)
+{
+    Gate gate;
+    const Json early = gate.movement(7s);
+    CHECK(gate.codeOf(early) == "too-far-ahead");
+    const Json kept = gate.movement();
+    CHECK(gate.codeOf(kept, true) == "retained");
+    CHECK(gate.codeOf(kept, true) == "retained");
+    gate.now = 2100ms;
+    gate.picture.take(reading(gate.now, {image()}));
+    CHECK(gate.codeOf(early) == "repeated");
+    CHECK(gate.codeOf(kept) == "repeated");
+}
+
+TEST(refusedIdsNeedNoMemoryAndBlockNothing)
+{
+    Gate gate;
+    const Json first = gate.movement(7s);
+    CHECK(gate.codeOf(first) == "too-far-ahead");
+    for (std::size_t count = 0; count < CommandGate::maxIds; ++count)
+        CHECK(gate.codeOf(gate.movement(1h)) == "too-far-ahead");
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+    gate.now = 2100ms;
+    gate.picture.take(reading(gate.now, {image()}));
+    CHECK(gate.codeOf(first) == "ok");
+}
+
+TEST(aMemberThatComesTwiceIsRefused)
+{
+    Gate gate;
+    const std::string text = textOf(gate.movement());
+    for (const char *begin : {R"({"id":"other",)", R"({"position":9,)", R"({"do":"stop",)"}) {
+        const auto decision = gate.gate.decide({9, begin + text.substr(1), false}, gate.view());
+        CHECK(decision.refusal && decision.refusal->code() == std::string("bad-request"));
+    }
+    CHECK(gate.gate.decide({9, text, false}, gate.view()).command);
+}
+
 TEST(noIdIsForgottenWhileItIsValid)
 {
     Gate gate;
@@ -260,7 +298,8 @@ TEST(topicsNameTheGripper)
          {"gripperd/n/gripper/0/command", "gripperd/n/gripper/248/command",
           "gripperd/n/gripper//command", "gripperd/n/gripper/9/commands",
           "gripperd/n/gripper/9/x/command", "gripperd/m/gripper/9/command", "command",
-          "gripperd/n/gripper/command", "gripperd/n/gripper/+9/command"})
+          "gripperd/n/gripper/command", "gripperd/n/gripper/+9/command",
+          "gripperd/n/gripper/09/command", "gripperd/n/gripper/9/command/", "gripperd/n/gripper/9"})
         CHECK(!topics.gripperOfCommand(topic));
     for (const char *name : {"", "a/b", "a+", "#", "a b", "\xc3\xa4"})
         CHECK(!isNodeName(name));
