@@ -12,6 +12,8 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr std::size_t maxResults = 64;
+// Refusals leave room for the outcomes of commands that are carried out.
+constexpr std::size_t maxRefusals = 32;
 // The gateways of a plant do not come back to their broker all at once.
 constexpr int shortestRetryMs = 1000;
 constexpr int longestRetryMs = 3000;
@@ -127,6 +129,8 @@ void MqttFace::onReceived(const BrokerLink::Received &received)
         m_gate.decide({*gripper, received.payload, received.isRetained}, m_api.view(now));
     const Origin origin{decision.id, decision.action};
     const auto refuse = [&](const Problem &problem) {
+        if (m_results.size() >= maxRefusals)
+            return;
         addResult(*gripper, origin, {{"code", problem.code()}, {"text", problem.what()}}, now);
     };
     if (!decision.command) {

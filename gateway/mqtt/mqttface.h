@@ -18,7 +18,7 @@
 namespace gateway {
 
 /// The face for an MQTT broker: it publishes the picture, and takes the commands that an integrator
-/// allows. While the broker is away, it keeps the latest results and nothing else.
+/// allows. While the broker is away, it keeps 64 results and nothing else.
 class MqttFace
 {
 public:

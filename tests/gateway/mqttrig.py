@@ -7,6 +7,7 @@ import pathlib
 import queue
 import shutil
 import socket
+import struct
 import subprocess
 import threading
 import time
@@ -223,6 +224,32 @@ def only_mqtt_3(peer, level):
     else:
         peer.sendall(REFUSED_BY_MQTT_3)
         peer.shutdown(socket.SHUT_RDWR)
+
+
+def message(topic, payload):
+    """Returns a PUBLISH packet, QoS 0, for MQTT 5."""
+    content = struct.pack(">H", len(topic)) + topic.encode() + b"\0" + payload
+    assert len(content) < 16384
+    return bytes([0x30, len(content) & 0x7F | 0x80, len(content) >> 7]) + content
+
+
+def acknowledge_messages(peer):
+    """Yields the topic and the value of each message with QoS 1, after its acknowledgement. For MQTT 5."""
+    with peer.makefile("rb") as stream:
+        while first := stream.read(1):
+            length = shift = 0
+            more = True
+            while more:
+                byte = stream.read(1)[0]
+                length |= (byte & 0x7F) << shift
+                shift, more = shift + 7, byte & 0x80
+            content = stream.read(length)
+            if first[0] & 0xF6 != 0x32:
+                continue
+            end = 2 + struct.unpack_from(">H", content)[0]
+            peer.sendall(b"\x40\x02" + content[end:end + 2])
+            # After the number, there is the length of the properties, which is 0.
+            yield content[2:end].decode(), json.loads(content[end + 3:])
 
 
 class ScriptedBroker:

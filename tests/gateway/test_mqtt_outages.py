@@ -1,6 +1,7 @@
 """The broker, the gateway or the daemon goes away, and comes back; certificates; brokers that misbehave."""
 
 import contextlib
+import json
 import pathlib
 import re
 import signal
@@ -16,8 +17,8 @@ from harness.effort import effort
 from harness.simulator import Simulator
 from harness.waiting import eventually
 from mqttrig import (
-    NODE, TLS_PORT, Broker, Peer, ScriptedBroker, accepted, certificates, command, only_mqtt_3,
-    without_answer,
+    NODE, TLS_PORT, Broker, Peer, ScriptedBroker, accepted, acknowledge_messages, certificates,
+    command, message, only_mqtt_3, without_answer,
 )
 
 OPTIONS = ("--mqtt", "127.0.0.1", "--mqtt-node", NODE)
@@ -375,6 +376,27 @@ def test_a_huge_message_takes_no_memory(scripted, start_gateway):
     gateway.wait_for_line("the broker sends a message that is too long", timeout=10)
     # Some megabytes arrive before the gateway looks.
     assert gateway.peak_kib() - before < 10 * GROWTH_KIB
+
+
+def test_refusals_take_no_outcome_its_place(scripted, line, daemon, start_gateway):
+    """The broker acknowledges late, and the gateway keeps only so many results."""
+    results = []
+
+    def serve(peer, _):
+        request = command("stop")
+        refused = message(f"gripperd/{NODE}/gripper/9/command", b"{}")
+        accepted_one = message(f"gripperd/{NODE}/gripper/9/command", json.dumps(request).encode())
+        peer.sendall(accepted() + refused * 100 + accepted_one + refused * 100)
+        gateway.wait_for_line("stop gripper 9 ended")
+        for topic, value in acknowledge_messages(peer):
+            if topic.endswith("/result"):
+                results.append(value["id"] == request["id"] and value["code"])
+
+    gateway = start_gateway(*ALLOW)
+    gateway.wait_for(lambda state: any(not each["stale"] for each in state["grippers"]))
+    scripted(serve)
+    eventually(lambda: "ok" in results, 20, lambda: results)
+    assert 10 < len(results) < 100
 
 
 def test_a_broker_that_sends_and_does_not_read(scripted, start_gateway, small_send_buffers):
