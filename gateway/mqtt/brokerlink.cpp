@@ -63,9 +63,10 @@ const char *pointerOrNull(const std::string &text)
 
 /// "OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed" becomes "certificate
 /// verify failed".
-std::string causeIn(const std::string &log)
+std::string causeIn(std::string log)
 {
     constexpr const char *ownPrefix = "Error: ";
+    log.erase(log.find_last_not_of('\n') + 1);
     if (log.rfind("OpenSSL", 0) == 0)
         return "TLS: " + log.substr(log.rfind(':') + 1);
     return log.rfind(ownPrefix, 0) == 0 ? log.substr(std::strlen(ownPrefix)) : log;
@@ -87,8 +88,10 @@ std::string textOf(int result, int error)
         return endOfTls;
     if (result == MOSQ_ERR_ERRNO && error == EINTR)
         return noAnswer;
-    if (result == MOSQ_ERR_ERRNO && error != 0)
-        return std::generic_category().message(error);
+    // libmosquitto sets no error if the connection ends within a packet.
+    if (result == MOSQ_ERR_ERRNO)
+        return error == 0 ? mosquitto_strerror(MOSQ_ERR_CONN_LOST)
+                          : std::generic_category().message(error);
     return result == MOSQ_ERR_KEEPALIVE ? noAnswer : mosquitto_strerror(result);
 }
 

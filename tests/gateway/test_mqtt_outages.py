@@ -5,6 +5,7 @@ import json
 import pathlib
 import re
 import signal
+import socket
 import struct
 import subprocess
 import time
@@ -357,6 +358,25 @@ def test_a_broker_that_takes_only_short_packets_is_reported(scripted, start_gate
     gateway.wait_for_line("the broker refuses a message or the commands: Packet")
     eventually(lambda: f"gripperd/{NODE}/gripper/+/command".encode() in broker.bytes)
     assert len([line for line in gateway.lines if "MQTT broker" in line]) == 2
+
+
+def test_a_broker_that_ends_within_a_packet(scripted, start_gateway):
+    def answer(peer, _):
+        peer.sendall(accepted() + b"\x30\x50x")
+        peer.shutdown(socket.SHUT_WR)
+
+    scripted(answer)
+    gateway = start_gateway(*ALLOW)
+    gateway.wait_for_line("connected")
+    gateway.wait_for_line("127.0.0.1:1883: The connection was lost")
+
+
+def test_an_unknown_packet_is_one_line_of_the_journal(scripted, start_gateway):
+    scripted(lambda peer, _: peer.sendall(accepted() + b"\xa0\x00"))
+    gateway = start_gateway(*ALLOW)
+    gateway.wait_for_line("Unrecognised command 160")
+    assert gateway.page().get("/").status == 200
+    assert "" not in gateway.lines
 
 
 def test_a_huge_message_takes_no_memory(scripted, start_gateway):
