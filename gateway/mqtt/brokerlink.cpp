@@ -428,10 +428,10 @@ void BrokerLink::end(const std::string &problem)
     const bool isRejected = isWithoutAnswer || text == endOfTls;
     if (isRejected && !m_settings.certificate.empty())
         text += ": does the broker accept the certificate of this gateway?";
-    // A broker without MQTT 5 says so, or ends the connection. The next broker may be another one.
+    // 3.1.1 does not mark retained commands. It therefore needs a refusal of 5, for each session.
     const bool isRefused =
         code == MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION || code == unsupportedVersion311;
-    m_usesVersion5 = session->isAccepted || m_usesVersion5 != (isRefused || isWithoutAnswer);
+    m_usesVersion5 = !m_usesVersion5 || !isRefused;
     session->watch.reset();
     m_listener.ended(text);
 }

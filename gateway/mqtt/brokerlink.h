@@ -14,8 +14,8 @@ namespace gateway {
 class EventLoop;
 
 /// One connection at a time to the broker, by libmosquitto on the event loop. It asks for MQTT 5,
-/// and for 3.1.1 if the broker does not answer to that. The session ends with the connection, so
-/// the broker keeps no commands for a gateway that is away.
+/// and for 3.1.1 after a broker has refused that. The session ends with the connection, so the
+/// broker keeps no commands for a gateway that is away.
 ///
 /// libmosquitto blocks while it looks a name up and opens the TCP connection. A thread does this;
 /// the loop touches the client only after the end of the thread. The kernel tries to connect for

@@ -252,28 +252,41 @@ def acknowledge_messages(peer):
             yield content[2:end].decode(), json.loads(content[end + 3:])
 
 
+class Connect:
+    """The first packet of a client."""
+
+    def __init__(self, packet):
+        # A fixed header, the remaining length in one or two bytes, "MQTT" with its length, and these.
+        name = packet.index(b"MQTT")
+        self.level, self.flags = packet[name + 4 : name + 6]
+        self.keep_alive_seconds = int.from_bytes(packet[name + 6 : name + 8], "big")
+        self.packet = packet
+
+
 class ScriptedBroker:
     """It serves one connection after another: it calls `answer(peer, level)` after the first packet, and
     then reads everything.
 
-    `levels` are the protocol levels of the attempts."""
+    `connects` are the first packets of the attempts, `levels` their protocol levels."""
 
     def __init__(self, answer):
-        self.levels = []
+        self.connects = []
         self.bytes = b""
         self.answer = answer
         self.listener = without_answer()
         self.thread = threading.Thread(target=self._serve, daemon=True)
         self.thread.start()
 
+    @property
+    def levels(self):
+        return [connect.level for connect in self.connects]
+
     def _serve(self):
         with contextlib.suppress(OSError):
             while True:
                 peer, _ = self.listener.accept()
                 with peer, contextlib.suppress(BrokenPipeError, ConnectionResetError):
-                    # Fixed header, the remaining length in one or two bytes, "MQTT" with its length, the level.
-                    request = peer.recv(1000)
-                    self.levels.append(request[request.index(b"MQTT") + 4])
+                    self.connects.append(Connect(peer.recv(1000)))
                     self.answer(peer, self.levels[-1])
                     while data := peer.recv(4096):
                         self.bytes += data

@@ -254,10 +254,12 @@ def test_the_broker_keeps_no_command_for_a_gateway_that_is_away(
     gateway.kill()
     request = command("stop")
     peer.publish(9, request)
-    mark = line.mark()
+    mark, since = line.mark(), peer.mark()
     start_gateway(*ALLOW)
-    since = peer.mark()
-    peer.wait_for("status", lambda each: each["state"] == "online", since)
+    peer.wait_for("gripper/9/state", lambda each: not each["stale"], since, 15)
+    # The broker delivers in order, so its own delivery would precede this refusal.
+    assert peer.result(9, command("release"), since)["code"] in ("too-early", "not-allowed")
+    assert len(peer.all("gripper/9/result", since)) == 1
     # A broker might deliver it again. An earlier process may have carried it out.
     result = peer.result(9, request, since)
     assert result["code"] in ("too-early", "expired")
@@ -281,6 +283,27 @@ def test_a_broker_that_says_nothing(line, daemon, start_gateway):
         gateway.wait_for_line("the broker does not answer", timeout=15)
         assert gateway.resident_kib() - before < GROWTH_KIB
         assert page.get("/healthz").status == 200
+
+
+def test_a_retained_command_after_the_broker_hung(broker, line, daemon, start_gateway, connect_peer):
+    """The broker does not say that it has no MQTT 5. It says nothing."""
+    peer = connect_peer()
+    broker.process.send_signal(signal.SIGSTOP)
+    try:
+        gateway = start_gateway(*ALLOW)
+        begin = time.monotonic()
+        gateway.wait_for_line("the broker does not answer", timeout=15)
+        assert 4 < time.monotonic() - begin < 8
+    finally:
+        broker.process.send_signal(signal.SIGCONT)
+    gateway.wait_for_line("MQTT broker 127.0.0.1:1883: connected", timeout=15)
+    taken(peer)
+    assert peer.result(9, command("activate"))["code"] == "ok"
+    line.wait_until_polled(9, 2)
+    mark = line.mark()
+    assert peer.result(9, command("move", position=200), retain=True)["code"] == "retained"
+    line.wait_until_polled(9, 3)
+    assert writes(line, mark) == []
 
 
 def test_a_broker_that_stops_reading(broker, line, daemon, start_gateway, connect_peer):
@@ -347,6 +370,32 @@ def test_a_broker_without_mqtt_5(scripted, start_gateway):
                lambda: (old.levels, old.bytes))
     assert f"gripperd/{NODE}/gripper/+/command".encode() in old.bytes
     gateway.finish()
+
+
+def test_the_broker_knows_how_to_treat_a_gateway_that_is_away(scripted, start_gateway):
+    """It keeps no session, and publishes the will after one and a half keep-alives."""
+    broker = scripted(only_mqtt_3)
+    start_gateway(*ALLOW).wait_for_line("connected")
+    clean_start, will, quality_1, retained = 0x02, 0x04, 0x08, 0x20
+    for connect in broker.connects:
+        assert connect.flags == clean_start | will | quality_1 | retained
+        assert connect.keep_alive_seconds == KEEP_ALIVE_SECONDS
+    session_expiry_and_will_delay = (b"\x11\0", b"\x18\0")
+    assert not any(each in broker.connects[0].packet for each in session_expiry_and_will_delay)
+
+
+def test_only_a_refusal_of_mqtt_5_leads_to_an_older_version(scripted, start_gateway):
+    """With 3.1.1, the gateway would carry out a retained command."""
+
+    def reset(peer, _):
+        peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        raise ConnectionResetError
+
+    answers = [reset, lambda peer, _: peer.shutdown(socket.SHUT_RDWR), only_mqtt_3, only_mqtt_3]
+    broker = scripted(lambda peer, level: answers[len(broker.levels) - 1](peer, level))
+    gateway = start_gateway(*ALLOW)
+    gateway.wait_for_line("connected", timeout=20)
+    assert broker.levels == [5, 5, 5, 4]
 
 
 def test_a_broker_that_takes_only_short_packets_is_reported(scripted, start_gateway):
