@@ -5,6 +5,7 @@
 
 #include <commandgate.h>
 #include <problemlimit.h>
+#include <resultqueue.h>
 #include <statepublisher.h>
 
 #include <algorithm>
@@ -368,6 +369,43 @@ TEST(aGripperThatLeftIsCleared)
     broker.picture.take(reading(broker.now + 300ms, {}));
     broker.now += 300ms;
     CHECK(!has(broker.publisher.due(broker.view()), "gripperd/n/gripper/9/state"));
+}
+
+TEST(everyOutcomeHasAPlaceAndTheLatestRefusals)
+{
+    ResultQueue results;
+    results.addRefusal({"in flight", "", false});
+    CHECK(results.next()->topic == "in flight");
+    for (std::size_t number = 0; number <= ResultQueue::maxRefusals; ++number) {
+        if (number < ResultQueue::maxOutcomes) {
+            CHECK(results.hasRoom(0));
+            results.addOutcome({"outcome", std::to_string(number), false});
+        }
+        results.addRefusal({"refusal", std::to_string(number), false});
+    }
+    CHECK(!results.hasRoom(0));
+    const auto take = [&results] {
+        const Message message = *results.next();
+        CHECK(results.next()->payload == message.payload);
+        results.remove();
+        return message.topic + message.payload;
+    };
+    CHECK(take() == "in flight");
+    for (std::size_t number = 0; number < ResultQueue::maxOutcomes; ++number)
+        CHECK(take() == "outcome" + std::to_string(number));
+    for (std::size_t number = 1; number <= ResultQueue::maxRefusals; ++number)
+        CHECK(take() == "refusal" + std::to_string(number));
+    CHECK(results.next() == nullptr);
+}
+
+TEST(runningJobsReserveThePlacesOfTheirOutcomes)
+{
+    ResultQueue results;
+    CHECK(results.hasRoom(ResultQueue::maxOutcomes - 1));
+    CHECK(!results.hasRoom(ResultQueue::maxOutcomes));
+    results.addOutcome({"outcome", "", false});
+    CHECK(!results.hasRoom(ResultQueue::maxOutcomes - 1));
+    CHECK(results.hasRoom(ResultQueue::maxOutcomes - 2));
 }
 
 TEST(problemsInTurnAreReportedOnce)

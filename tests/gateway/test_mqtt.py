@@ -1,6 +1,7 @@
 """The gateway and a real broker: what it publishes, and which commands it takes."""
 
 import contextlib
+import json
 import random
 import time
 
@@ -293,6 +294,20 @@ def test_a_doubled_command_is_carried_out_once(active, found_line):
         assert codes <= {"repeated", "expired"}
         found_line.wait_until_polled(9, 2)
         assert writes(found_line, mark) == []
+
+
+def test_each_command_of_a_burst_has_a_result(active):
+    """Most of them are refused, because the gripper has enough others."""
+    since = active.mark()
+    burst = [command("stop") for _ in range(effort(300, 900))]
+    for request in burst:
+        active.client.publish(active.prefix + "gripper/9/command", json.dumps(request), 1)
+
+    def results():
+        return {each.value["id"]: each.value["code"] for each in active.all("gripper/9/result", since)}
+
+    eventually(lambda: len(results()) == len(burst), 20, lambda: len(results()))
+    assert "ok" in results().values()
 
 
 def test_without_allow_no_message_is_a_command(broker, gateway, found_line, tmp_path):
