@@ -267,6 +267,22 @@ def test_the_broker_keeps_no_command_for_a_gateway_that_is_away(
     assert writes(line, mark) == []
 
 
+def test_no_old_value_is_fresh_after_the_daemon_died(
+    broker, line, daemon, start_gateway, connect_peer
+):
+    gateway = start_gateway(*OPTIONS)
+    peer = connect_peer()
+    peer.wait_for("gripper/9/state", lambda each: not each["stale"])
+    daemon.kill()
+    gateway.kill()
+    since = peer.mark()
+    start_gateway(*OPTIONS)
+    peer.wait_for("link", lambda each: each["state"] == "no-daemon", since)
+    eventually(lambda: not [word for word in peer.retained if word.startswith("gripper/")])
+    assert peer.retained["status"]["state"] == "online"
+    assert peer.retained["grippers"]["grippers"] == []
+
+
 # Brokers that misbehave
 
 
