@@ -51,6 +51,7 @@ Message MqttFace::statusMessage(bool isOnline) const
 
 void MqttFace::pump(const View &view)
 {
+    m_gate.advance(view.now());
     m_link.advance();
     const Clock::time_point now = view.now().monotonic;
     if (m_link.isIdle() && !m_isClosed && now >= m_nextAttempt)

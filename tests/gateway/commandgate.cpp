@@ -35,16 +35,28 @@ struct Gate
     Lease lease;
     CommandGate gate{{"move", "stop"}, at(-1h)};
     std::chrono::milliseconds now = 0ms;
+    std::chrono::milliseconds clockAhead = 0ms; ///< what somebody has set the clock forward
     int lastId = 0;
 
     Gate() { picture.take(reading(0ms, {image()})); }
 
-    View view() const { return {picture, list, lease, false, at(now)}; }
+    View view() const
+    {
+        return {picture, list, lease, false, {at(now).monotonic, at(now + clockAhead).wall}};
+    }
+
+    /// Time passes. The gripper has present values then.
+    void waitUntil(std::chrono::milliseconds time)
+    {
+        now = time;
+        picture.take(reading(now, {image()}));
+        gate.advance(view().now());
+    }
 
     Json movement(std::chrono::milliseconds validity = 3s)
     {
         return {{"id", "id" + std::to_string(++lastId)},
-                {"expires", wallOf(now + validity)},
+                {"expires", wallOf(now + clockAhead + validity)},
                 {"do", "move"},
                 {"position", 7}};
     }
@@ -198,17 +210,20 @@ TEST(noIdIsForgottenWhileItIsValid)
     CHECK(gate.codeOf(gate.movement()) == "ok");
 }
 
-TEST(aClockThatIsSetBackRevivesNoCommand)
+TEST(aClockThatIsSetBackRevivesNoForgottenCommand)
 {
     Gate gate;
     const Json old = gate.movement(1s);
     CHECK(gate.codeOf(old) == "ok");
-    gate.now = 10s;
-    gate.picture.take(reading(gate.now, {image()}));
+    gate.waitUntil(10s);
     for (std::size_t count = 0; count < CommandGate::maxIds; ++count)
         CHECK(gate.codeOf(gate.movement()) == "ok");
-    gate.now = 0ms;
+    gate.clockAhead = -10s;
     CHECK(gate.codeOf(old) == "too-early");
+    gate.waitUntil(10999ms);
+    CHECK(gate.codeOf(old) == "too-early");
+    gate.waitUntil(11s);
+    CHECK(gate.codeOf(old) == "expired");
 }
 
 TEST(aGateKnowsNoIdsFromBeforeItsStart)
@@ -218,6 +233,66 @@ TEST(aGateKnowsNoIdsFromBeforeItsStart)
     CHECK(gate.codeOf(gate.movement(5000ms)) == "too-early");
     gate.now = 1ms;
     CHECK(gate.codeOf(gate.movement(5000ms)) == "ok");
+}
+
+TEST(aClockThatIsSetBackRevivesNoCommandFromBeforeTheStart)
+{
+    Gate gate;
+    gate.gate = CommandGate({"move"}, at(0ms));
+    const Json first = gate.movement(5000ms);
+    const Json second = gate.movement(5000ms);
+    gate.waitUntil(30s);
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+    gate.clockAhead = -30s;
+    CHECK(gate.codeOf(first) == "too-early");
+    gate.waitUntil(30s + 4999ms);
+    CHECK(gate.codeOf(second) == "too-early");
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+}
+
+TEST(aClockThatIsSetBackBlocksCommandsForAMinuteAtMost)
+{
+    Gate gate;
+    gate.gate = CommandGate({"move"}, at(0ms));
+    gate.waitUntil(10s);
+    const Json old = gate.movement();
+    CHECK(gate.codeOf(old) == "ok");
+    gate.clockAhead = -1h;
+    gate.waitUntil(11s);
+    gate.waitUntil(11s + CommandGate::longestBlock - 1ms);
+    const auto decision = gate.decide(gate.movement());
+    CHECK(decision.refusal && decision.refusal->code() == std::string("too-early"));
+    CHECK(std::string(decision.refusal->what()).find("in 1 s") != std::string::npos);
+    gate.waitUntil(11s + CommandGate::longestBlock);
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+    gate.clockAhead = 12s - gate.now;
+    CHECK(gate.codeOf(old) == "repeated");
+}
+
+TEST(aClockThatIsSetBackAtTheStartBlocksCommandsForAMinuteAtMost)
+{
+    Gate gate;
+    gate.gate = CommandGate({"move"}, at(0ms));
+    gate.clockAhead = -1h;
+    gate.waitUntil(CommandGate::longestBlock - 1ms);
+    CHECK(gate.codeOf(gate.movement()) == "too-early");
+    gate.waitUntil(CommandGate::longestBlock);
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+}
+
+TEST(manyIdsFromBeforeAChangeOfTheClockBlockNothingForLong)
+{
+    Gate gate;
+    for (std::size_t count = 0; count < CommandGate::maxIds; ++count)
+        CHECK(gate.codeOf(gate.movement()) == "ok");
+    gate.clockAhead = -1h;
+    gate.waitUntil(5s);
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+    gate.waitUntil(6s);
+    CHECK(gate.codeOf(gate.movement()) == "too-early");
+    gate.waitUntil(6s + CommandGate::longestBlock);
+    for (std::size_t count = 0; count < CommandGate::maxIds; ++count)
+        CHECK(gate.codeOf(gate.movement()) == "ok");
 }
 
 TEST(onlyTheAllowedActionsPass)
