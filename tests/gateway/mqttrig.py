@@ -233,8 +233,10 @@ def message(topic, payload):
     return bytes([0x30, len(content) & 0x7F | 0x80, len(content) >> 7]) + content
 
 
-def acknowledge_messages(peer):
-    """Yields the topic and the value of each message with QoS 1, after its acknowledgement. For MQTT 5."""
+def acknowledge_messages(peer, but="nothing"):
+    """Yields the topic and the value of each message with QoS 1, after its acknowledgement. For MQTT 5.
+
+    It does not acknowledge topics that end with `but`."""
     with peer.makefile("rb") as stream:
         while first := stream.read(1):
             length = shift = 0
@@ -247,9 +249,11 @@ def acknowledge_messages(peer):
             if first[0] & 0xF6 != 0x32:
                 continue
             end = 2 + struct.unpack_from(">H", content)[0]
-            peer.sendall(b"\x40\x02" + content[end:end + 2])
+            topic = content[2:end].decode()
+            if not topic.endswith(but):
+                peer.sendall(b"\x40\x02" + content[end:end + 2])
             # After the number, there is the length of the properties, which is 0.
-            yield content[2:end].decode(), json.loads(content[end + 3:])
+            yield topic, json.loads(content[end + 3:])
 
 
 class Connect:
