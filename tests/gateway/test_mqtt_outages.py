@@ -212,6 +212,8 @@ def test_what_the_broker_has_not_acknowledged_comes_again(
 def test_a_gateway_that_ends_publishes_the_last_results(
     broker, line, daemon, start_gateway, connect_peer
 ):
+    """The broker has not even acknowledged an event."""
+    add(line, "2=TE1-2.0.2")
     gateway = start_gateway(*ALLOW)
     peer = connect_peer()
     taken(peer)
@@ -219,7 +221,13 @@ def test_a_gateway_that_ends_publishes_the_last_results(
     request = command("move", position=255, speed=0)
     peer.publish(9, request)
     gateway.wait_for_line(f"MQTT, id {request['id']}")
-    gateway.finish()
+    broker.process.send_signal(signal.SIGSTOP)
+    try:
+        line.command("faultcode 2 10")
+        gateway.wait_for(lambda state: "fault" in [each["kind"] for each in state["events"]])
+        gateway.finish()
+    finally:
+        broker.process.send_signal(signal.SIGCONT)
     offline = peer.wait_for("status", lambda each: each["state"] == "offline")
     result = peer.wait_for("gripper/9/result", lambda each: each["id"] == request["id"])
     assert result.value["code"] == "shutdown"
