@@ -257,9 +257,7 @@ def unknown_gripper(peer):
 
 
 def too_large(peer):
-    peer.publish(9, command("move", position=7, text="x" * random.choice([1024, 5000])))
-    # The broker does not deliver this one.
-    peer.publish(9, command("move", position=7, text="x" * 100_000))
+    peer.publish(9, command("move", position=7, text="x" * random.choice([1024, 5000, 100_000])))
 
 
 def malformed(peer):
@@ -340,6 +338,17 @@ def test_each_command_of_a_burst_has_a_result(active):
 
     eventually(lambda: len(results()) == len(burst), 20, lambda: len(results()))
     assert "ok" in results().values()
+
+
+def test_large_messages_silence_no_gateway(active):
+    """The broker has 20 places for messages on their way to a client."""
+    since = active.mark()
+    for _ in range(25):
+        too_large(active)
+        active.publish(9, command("move", position=7, text="x" * 100_000))
+    assert active.result(9, command("stop"), since)["code"] == "ok"
+    refused = active.all("gripper/9/result", since)[:-1]
+    assert [each.value["code"] for each in refused] == ["too-large"] * 50
 
 
 def test_without_allow_no_message_is_a_command(broker, gateway, found_line, tmp_path):

@@ -192,7 +192,6 @@ def test_an_unknown_packet_is_one_line_of_the_journal(scripted, start_gateway):
 
 
 def test_a_huge_message_takes_no_memory(scripted, start_gateway):
-    """A broker without MQTT 5 knows no limit of the gateway."""
     rest = 256 * 1024 * 1024 - 1
 
     def send_huge(peer, level):
