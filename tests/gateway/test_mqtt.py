@@ -134,6 +134,7 @@ def test_the_state_follows_within_500_ms(broker, served_daemon, gateway, peer, f
     found_line.command("release 9 2002")
     worst = percentile(delays, 0.95)
     figure(f"a position reaches a subscriber after {worst * 1000:.0f} ms (95th percentile)")
+    assert percentile(delays, 0.5) < 0.5
     assert percentile([delay - more for delay, more in zip(delays, next_rounds)], 0.95) < 0.5
 
 
