@@ -26,10 +26,27 @@ Value required(const char *name, const std::optional<Value> &value)
     return *value;
 }
 
+/// Readers may take either of two members with one name, so both are refused.
+nlohmann::json objectIn(const std::string &text)
+{
+    using Json = nlohmann::json;
+    std::set<std::string> names;
+    bool isUnique = true;
+    const auto look = [&](int depth, Json::parse_event_t event, const Json &name) {
+        if (depth == 1 && event == Json::parse_event_t::key)
+            isUnique = names.insert(name.get<std::string>()).second && isUnique;
+        return true;
+    };
+    Json object = Json::parse(text, look, false);
+    if (!isUnique)
+        refuse("the body has a member twice");
+    return object;
+}
+
 } // namespace
 
 Body::Body(const std::string &text)
-    : m_object(nlohmann::json::parse(text, nullptr, false))
+    : m_object(objectIn(text))
 {
     if (!m_object.is_object())
         refuse("the body is not a JSON object");

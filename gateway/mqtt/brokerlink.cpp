@@ -8,15 +8,19 @@
 #include <cstring>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include <linux/tcp.h>
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 namespace gateway {
 
@@ -25,10 +29,14 @@ namespace {
 constexpr std::chrono::seconds answerTime{5};
 constexpr std::chrono::seconds connectTime{10};
 constexpr int interruption = SIGUSR1;
+constexpr const char *tooLong = "the broker sends a message that is too long";
 constexpr const char *noAnswer = "the broker does not answer";
 constexpr const char *endOfTls = "the broker ended the TLS connection";
 constexpr std::size_t maxPayload = 4096;
-constexpr std::uint32_t maxPacket = 16384; ///< that a broker with MQTT 5 may send
+// libmosquitto takes packets of up to 256 MB, and waits for their ends. A Maximum Packet Size would
+// not help: mosquitto 2.0.11 delivers nothing after 20 messages that exceed it.
+constexpr std::uint64_t maxUnknownBytes = 1048576;
+constexpr std::uint64_t maxUnknownBytesPerSecond = 100; ///< for answers to pings, over TLS
 constexpr int atMostOnce = 0;
 constexpr int atLeastOnce = 1;
 constexpr int firstFailure = 128; ///< of the reason codes
@@ -39,15 +47,6 @@ struct ClientDeleter
     void operator()(mosquitto *client) const { mosquitto_destroy(client); }
 };
 
-struct PropertiesDeleter
-{
-    void operator()(mosquitto_property *properties) const
-    {
-        mosquitto_property_free_all(&properties);
-    }
-};
-using Properties = std::unique_ptr<mosquitto_property, PropertiesDeleter>;
-
 const char *pointerOrNull(const std::string &text)
 {
     return text.empty() ? nullptr : text.c_str();
@@ -55,12 +54,21 @@ const char *pointerOrNull(const std::string &text)
 
 /// "OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed" becomes "certificate
 /// verify failed".
-std::string causeIn(const std::string &log)
+std::string causeIn(std::string log)
 {
     constexpr const char *ownPrefix = "Error: ";
+    log.erase(log.find_last_not_of('\n') + 1);
     if (log.rfind("OpenSSL", 0) == 0)
         return "TLS: " + log.substr(log.rfind(':') + 1);
     return log.rfind(ownPrefix, 0) == 0 ? log.substr(std::strlen(ownPrefix)) : log;
+}
+
+/// Whether a message is beyond the limits that the broker has announced. After any other error of
+/// a call that sends, serve() finds the end of the connection.
+bool isRefusal(int result)
+{
+    return result == MOSQ_ERR_OVERSIZE_PACKET || result == MOSQ_ERR_QOS_NOT_SUPPORTED ||
+           result == MOSQ_ERR_RETAIN_NOT_SUPPORTED;
 }
 
 std::string textOf(int result, int error)
@@ -71,8 +79,10 @@ std::string textOf(int result, int error)
         return endOfTls;
     if (result == MOSQ_ERR_ERRNO && error == EINTR)
         return noAnswer;
-    if (result == MOSQ_ERR_ERRNO && error != 0)
-        return std::generic_category().message(error);
+    // libmosquitto sets no error if the connection ends within a packet.
+    if (result == MOSQ_ERR_ERRNO)
+        return error == 0 ? mosquitto_strerror(MOSQ_ERR_CONN_LOST)
+                          : std::generic_category().message(error);
     return result == MOSQ_ERR_KEEPALIVE ? noAnswer : mosquitto_strerror(result);
 }
 
@@ -94,7 +104,9 @@ struct BrokerLink::Session
     std::optional<int> farewell; ///< the reason of the broker
     std::vector<Received> received;
     std::vector<int> acknowledged;
-    std::vector<int> refusals;
+    std::set<std::string> refusals;
+    std::uint64_t knownBytes = 0; ///< received before the library reported a packet
+    std::chrono::steady_clock::time_point knownAt = start;
 
     static Session &of(void *session) { return *static_cast<Session *>(session); }
     static void log(mosquitto *, void *self, int level, const char *text)
@@ -104,6 +116,7 @@ struct BrokerLink::Session
     }
     static void onConnect(mosquitto *, void *self, int code, int, const mosquitto_property *)
     {
+        of(self).noteProgress();
         of(self).answer = code;
     }
     static void onDisconnect(mosquitto *, void *self, int code, const mosquitto_property *)
@@ -114,6 +127,7 @@ struct BrokerLink::Session
     static void onMessage(mosquitto *, void *self, const mosquitto_message *message,
                           const mosquitto_property *)
     {
+        of(self).noteProgress();
         const auto length = std::min(static_cast<std::size_t>(message->payloadlen), maxPayload);
         const auto *payload = static_cast<const char *>(message->payload);
         of(self).received.push_back({message->topic,
@@ -122,15 +136,40 @@ struct BrokerLink::Session
     }
     static void onPublish(mosquitto *, void *self, int number, int code, const mosquitto_property *)
     {
+        of(self).noteProgress();
         of(self).acknowledged.push_back(number);
-        if (code >= firstFailure)
-            of(self).refusals.push_back(code);
+        of(self).takeReason(code);
     }
     static void onSubscribe(mosquitto *, void *self, int, int count, const int *codes,
                             const mosquitto_property *)
     {
-        std::copy_if(codes, codes + count, std::back_inserter(of(self).refusals),
-                     [](int code) { return code >= firstFailure; });
+        std::for_each(codes, codes + count, [&](int code) { of(self).takeReason(code); });
+    }
+    void takeReason(int code)
+    {
+        if (code >= firstFailure)
+            refusals.emplace(mosquitto_reason_string(code));
+    }
+
+    std::uint64_t receivedBytes() const
+    {
+        tcp_info info{};
+        socklen_t size = sizeof(info);
+        getsockopt(mosquitto_socket(client.get()), IPPROTO_TCP, TCP_INFO, &info, &size);
+        return info.tcpi_bytes_received;
+    }
+    void noteProgress()
+    {
+        knownBytes = receivedBytes();
+        knownAt = std::chrono::steady_clock::now();
+    }
+    bool receivesTooMuch() const
+    {
+        const auto time = std::chrono::duration_cast<std::chrono::seconds>(
+            std::chrono::steady_clock::now() - knownAt);
+        const auto allowed =
+            maxUnknownBytes + maxUnknownBytesPerSecond * static_cast<std::uint64_t>(time.count());
+        return receivedBytes() - knownBytes > allowed;
     }
 
     Session(const Settings &settings, bool usesVersion5)
@@ -215,16 +254,10 @@ void BrokerLink::connect()
         end(session->cause);
         return;
     }
-    const auto run = [this, session, door = m_door, endpoint = m_settings.endpoint,
-                      usesVersion5 = m_usesVersion5] {
-        mosquitto_property *list = nullptr;
-        if (usesVersion5)
-            mosquitto_property_add_int32(&list, MQTT_PROP_MAXIMUM_PACKET_SIZE, maxPacket);
-        const Properties properties(list);
+    const auto run = [this, session, door = m_door, endpoint = m_settings.endpoint] {
         errno = 0;
-        const int result =
-            mosquitto_connect_bind_v5(session->client.get(), endpoint.host.c_str(), endpoint.port,
-                                      static_cast<int>(keepAlive.count()), nullptr, list);
+        const int result = mosquitto_connect(session->client.get(), endpoint.host.c_str(),
+                                             endpoint.port, static_cast<int>(keepAlive.count()));
         const int error = errno;
         const std::lock_guard lock(door->mutex);
         if (door->loop != nullptr)
@@ -260,10 +293,10 @@ int BrokerLink::publish(const Message &message, int quality)
     const int result = mosquitto_publish(m_session->client.get(), &number, message.topic.c_str(),
                                          static_cast<int>(message.payload.size()),
                                          message.payload.data(), quality, message.isRetained);
-    // If the connection has ended, serve() finds this. Otherwise, the broker cannot take the
-    // message.
-    if (result != MOSQ_ERR_SUCCESS)
+    if (isRefusal(result)) {
         m_session->acknowledged.push_back(number);
+        m_session->refusals.emplace(mosquitto_strerror(result));
+    }
     m_session->watch->waitToWrite();
     return number;
 }
@@ -271,8 +304,10 @@ int BrokerLink::publish(const Message &message, int quality)
 void BrokerLink::subscribe(const std::string &filter)
 {
     const int options = m_usesVersion5 ? MQTT_SUB_OPT_RETAIN_AS_PUBLISHED : 0;
-    mosquitto_subscribe_v5(m_session->client.get(), nullptr, filter.c_str(), atLeastOnce, options,
-                           nullptr);
+    const int result = mosquitto_subscribe_v5(m_session->client.get(), nullptr, filter.c_str(),
+                                              atLeastOnce, options, nullptr);
+    if (isRefusal(result))
+        m_session->refusals.emplace(mosquitto_strerror(result));
     m_session->watch->waitToWrite();
 }
 
@@ -318,15 +353,19 @@ void BrokerLink::finishAttempt(const std::shared_ptr<Session> &session, int resu
     serve();
 }
 
-/// Reads and writes whatever is possible. A TLS handshake needs both for either direction.
+/// Writes and reads whatever is possible. A TLS handshake needs both for either direction. Later,
+/// the answers to a broker that does not read would need more and more memory.
 void BrokerLink::serve()
 {
     const std::shared_ptr<Session> session = m_session;
     mosquitto *const client = session->client.get();
     errno = 0;
-    int result = mosquitto_loop_read(client, 1);
-    if (result == MOSQ_ERR_SUCCESS && mosquitto_want_write(client))
+    int result = MOSQ_ERR_SUCCESS;
+    if (mosquitto_want_write(client))
         result = mosquitto_loop_write(client, 1);
+    const bool mayRead = !session->isAccepted || !mosquitto_want_write(client);
+    if (result == MOSQ_ERR_SUCCESS && mayRead)
+        result = mosquitto_loop_read(client, 1);
     const int error = errno;
     deliver(*session);
     if (session != m_session)
@@ -335,8 +374,14 @@ void BrokerLink::serve()
         end(textOf(result == MOSQ_ERR_SUCCESS ? MOSQ_ERR_CONN_LOST : result, error));
         return;
     }
-    session->watch->waitToRead();
-    if (mosquitto_want_write(client))
+    if (session->receivesTooMuch()) {
+        end(tooLong);
+        return;
+    }
+    const bool wantsToWrite = mosquitto_want_write(client);
+    if (!session->isAccepted || !wantsToWrite)
+        session->watch->waitToRead();
+    if (wantsToWrite)
         session->watch->waitToWrite();
 }
 
@@ -350,8 +395,8 @@ void BrokerLink::deliver(Session &session)
         m_listener.received(received);
     for (const int number : std::exchange(session.acknowledged, {}))
         m_listener.acknowledged(number);
-    for (const int code : std::exchange(session.refusals, {}))
-        m_listener.refused(mosquitto_reason_string(code));
+    for (const std::string &refusal : std::exchange(session.refusals, {}))
+        m_listener.refused(refusal);
 }
 
 void BrokerLink::end(const std::string &problem)
@@ -368,10 +413,10 @@ void BrokerLink::end(const std::string &problem)
     const bool isRejected = isWithoutAnswer || text == endOfTls;
     if (isRejected && !m_settings.certificate.empty())
         text += ": does the broker accept the certificate of this gateway?";
-    // A broker without MQTT 5 says so, or ends the connection. The next broker may be another one.
+    // 3.1.1 does not mark retained commands. It therefore needs a refusal of 5, for each session.
     const bool isRefused =
         code == MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION || code == unsupportedVersion311;
-    m_usesVersion5 = session->isAccepted || m_usesVersion5 != (isRefused || isWithoutAnswer);
+    m_usesVersion5 = !m_usesVersion5 || !isRefused;
     session->watch.reset();
     m_listener.ended(text);
 }

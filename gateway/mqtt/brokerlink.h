@@ -14,13 +14,17 @@ namespace gateway {
 class EventLoop;
 
 /// One connection at a time to the broker, by libmosquitto on the event loop. It asks for MQTT 5,
-/// and for 3.1.1 if the broker does not answer to that. The session ends with the connection, so
-/// the broker keeps no commands for a gateway that is away.
+/// and for 3.1.1 after a broker has refused that. The session ends with the connection, so the
+/// broker keeps no commands for a gateway that is away.
 ///
 /// libmosquitto blocks while it looks a name up and opens the TCP connection. A thread does this;
 /// the loop touches the client only after the end of the thread. The kernel tries to connect for
 /// two minutes, ever more rarely, so a signal interrupts the thread after 10 s. The end of the
 /// program does not wait for the thread.
+///
+/// libmosquitto would take messages of 256 MB, and answer to a broker that does not read. The link
+/// ends a connection on which no message becomes complete for 1 MiB, and reads only while nothing
+/// waits to be sent.
 class BrokerLink
 {
 public:
@@ -48,7 +52,7 @@ public:
         std::function<void()> connected;
         /// An attempt failed, or the connection ended. The text says why.
         std::function<void(const std::string &problem)> ended;
-        /// The broker refuses a message or the subscription.
+        /// The broker refuses a message or the subscription, or has announced that it would.
         std::function<void(const std::string &problem)> refused;
         std::function<void(const Received &)> received;
         /// The broker has a message of sendAcknowledged(), or refuses it.

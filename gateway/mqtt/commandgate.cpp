@@ -3,6 +3,7 @@
 #include "api.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace gateway {
 
@@ -56,16 +57,39 @@ const std::array<Action, 7> commandActions{Action::Activate, Action::Deactivate,
 CommandGate::CommandGate(std::set<std::string> allowed, const gripper::ReadingTime &start)
     : m_allowed(std::move(allowed))
     , m_forgotten(millisecondsOf(start.wall + longestValidity))
+    , m_blockEnd(start.monotonic + longestBlock)
 {
+}
+
+void CommandGate::advance(const gripper::ReadingTime &now)
+{
+    const Milliseconds wall = millisecondsOf(now.wall);
+    if (wall >= m_forgotten) {
+        m_blockEnd.reset();
+        return;
+    }
+    if (!m_blockEnd)
+        m_blockEnd = now.monotonic + longestBlock;
+    if (now.monotonic < *m_blockEnd)
+        return;
+    m_forgotten = wall;
+    m_blockEnd.reset();
+    // Their expiries belong to the clock as it was.
+    for (const Known &command : std::exchange(m_known, {}))
+        rememberRefused(command.id);
+    m_ids.clear();
 }
 
 CommandGate::Decision CommandGate::decide(const Incoming &incoming, const View &view)
 {
+    advance(view.now());
     Decision decision;
     try {
         decision.command = check(incoming, view, decision);
     } catch (const Problem &problem) {
         decision.refusal = problem;
+        if (!decision.id.empty() && !isKnown(decision.id))
+            rememberRefused(decision.id);
     }
     return decision;
 }
@@ -82,10 +106,10 @@ Command CommandGate::check(const Incoming &incoming, const View &view, Decision 
     const auto expires = body.milliseconds("expires");
     if (!expires)
         throw Problem(status::badRequest, "no-expiry", "the member \"expires\" is missing");
-    const Milliseconds now = millisecondsOf(view.now().wall);
+    const gripper::ReadingTime &now = view.now();
     checkTime(*expires, now);
-    // Also the id of a command that is refused below: a second delivery must not succeed later.
-    remember(decision.id, *expires, now);
+    const auto end = now.monotonic + milliseconds(*expires - millisecondsOf(now.wall));
+    remember({decision.id, *expires, end}, now.monotonic);
     decision.action = body.requiredText("do");
 
     Command command;
@@ -93,7 +117,7 @@ Command CommandGate::check(const Incoming &incoming, const View &view, Decision 
     command.gripper = incoming.gripper;
     command.role = Role::Operate;
     command.peer = "MQTT, id " + decision.id;
-    command.latestBegin = view.now().monotonic + milliseconds(*expires - now);
+    command.latestBegin = end;
     Api::readValues(command, body);
     const auto serial = body.text("serial");
     body.finish();
@@ -103,35 +127,54 @@ Command CommandGate::check(const Incoming &incoming, const View &view, Decision 
     return command;
 }
 
-void CommandGate::checkTime(Milliseconds expires, Milliseconds now) const
+void CommandGate::checkTime(Milliseconds expires, const gripper::ReadingTime &now) const
 {
-    if (expires <= now)
+    const Milliseconds wall = millisecondsOf(now.wall);
+    if (expires <= wall)
         throw Problem(status::conflict, "expired", "the command has expired; compare the clocks");
-    if (expires - now > longestValidity.count()) {
+    if (expires - wall > longestValidity.count()) {
         throw Problem(status::conflict, "too-far-ahead",
                       "the command expires in more than 5 s; compare the clocks");
     }
-    if (expires <= m_forgotten) {
+    if (m_blockEnd && expires <= m_forgotten) {
+        const auto left = std::min(milliseconds(m_forgotten - wall),
+                                   duration_cast<milliseconds>(*m_blockEnd - now.monotonic));
+        const auto seconds = duration_cast<std::chrono::seconds>(left).count() + 1;
         throw Problem(status::conflict, "too-early",
                       "the gateway has just started, or its clock was set back, so it cannot know "
-                      "whether it has seen this id: use a later expiry");
+                      "whether it has seen this id: send a new command in " +
+                          std::to_string(seconds) + " s");
     }
 }
 
-void CommandGate::remember(const std::string &id, Milliseconds expires, Milliseconds now)
+void CommandGate::remember(const Known &command, Clock::time_point now)
 {
-    if (m_ids.count(id) != 0)
+    if (isKnown(command.id))
         throw Problem(status::conflict, "repeated", "the gateway has seen this id before");
     if (m_known.size() >= maxIds) {
         const Known &oldest = m_known.front();
-        if (oldest.expires > now)
+        if (oldest.end > now)
             throw Problem(status::tooManyRequests, "too-many", "there are too many commands");
         m_forgotten = std::max(m_forgotten, oldest.expires);
         m_ids.erase(oldest.id);
         m_known.pop_front();
     }
-    m_known.push_back({id, expires});
-    m_ids.insert(id);
+    m_known.push_back(command);
+    m_ids.insert(command.id);
+}
+
+/// A second delivery of a refused command must not succeed later.
+void CommandGate::rememberRefused(const std::string &id)
+{
+    if (m_refused.size() >= maxIds)
+        m_refused.pop_front();
+    m_refused.push_back(id);
+}
+
+bool CommandGate::isKnown(const std::string &id) const
+{
+    return m_ids.count(id) != 0 ||
+           std::find(m_refused.begin(), m_refused.end(), id) != m_refused.end();
 }
 
 Action CommandGate::allowedAction(const std::string &name) const

@@ -19,11 +19,13 @@ namespace gateway {
 /// accepts each id once.
 ///
 /// The gate cannot know the ids that an earlier process accepted. All of these expire within 5 s
-/// after its start, so it refuses commands that expire so early.
+/// after its start, so it refuses commands that expire so early. If the clock is set back, these
+/// expiries come once more. The gate refuses them then, too, but for a minute at most.
 class CommandGate
 {
 public:
     static constexpr std::chrono::milliseconds longestValidity{5000};
+    static constexpr std::chrono::minutes longestBlock{1};
     static constexpr std::size_t maxPayload = 1024;
     static constexpr std::size_t maxIds = 1024; ///< of commands that have not expired
 
@@ -44,6 +46,8 @@ public:
 
     CommandGate(std::set<std::string> allowed, const gripper::ReadingTime &start);
 
+    /// Notices that the clock was set back.
+    void advance(const gripper::ReadingTime &now);
     Decision decide(const Incoming &incoming, const View &view);
 
 private:
@@ -53,17 +57,23 @@ private:
     {
         std::string id;
         Milliseconds expires = 0;
+        Clock::time_point end; ///< the expiry on a clock that nobody sets
     };
 
     Command check(const Incoming &incoming, const View &view, Decision &decision);
-    void checkTime(Milliseconds expires, Milliseconds now) const;
-    void remember(const std::string &id, Milliseconds expires, Milliseconds now);
+    void checkTime(Milliseconds expires, const gripper::ReadingTime &now) const;
+    void remember(const Known &command, Clock::time_point now);
+    void rememberRefused(const std::string &id);
+    bool isKnown(const std::string &id) const;
     Action allowedAction(const std::string &name) const;
 
     std::set<std::string> m_allowed;
     Milliseconds m_forgotten; ///< the latest expiry of ids that the gate does not know
+    /// The gate ignores m_forgotten from then on. Empty if m_forgotten is in the past.
+    std::optional<Clock::time_point> m_blockEnd;
     std::deque<Known> m_known;
-    std::set<std::string> m_ids; ///< those of m_known
+    std::set<std::string> m_ids;       ///< those of m_known
+    std::deque<std::string> m_refused; ///< the latest ones that m_known does not have
 };
 
 /// The actions that an integrator can allow. Renaming and upgrading need a person at the machine.

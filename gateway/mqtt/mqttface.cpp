@@ -11,8 +11,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::size_t maxResults = 64;
-constexpr std::chrono::minutes sameReportPause{1};
 // The gateways of a plant do not come back to their broker all at once.
 constexpr int shortestRetryMs = 1000;
 constexpr int longestRetryMs = 3000;
@@ -53,6 +51,7 @@ Message MqttFace::statusMessage(bool isOnline) const
 
 void MqttFace::pump(const View &view)
 {
+    m_gate.advance(view.now());
     m_link.advance();
     const Clock::time_point now = view.now().monotonic;
     if (m_link.isIdle() && !m_isClosed && now >= m_nextAttempt)
@@ -69,7 +68,8 @@ void MqttFace::finish(const Job &job, const View &view)
     const auto origin = m_jobs.find(job.id);
     if (origin == m_jobs.end())
         return;
-    addResult(job.gripper.value_or(0), origin->second, view.job(job)["outcome"], view.now());
+    m_results.addOutcome(
+        resultOf(job.gripper.value_or(0), origin->second, view.job(job)["outcome"], view.now()));
     m_jobs.erase(origin);
 }
 
@@ -81,9 +81,11 @@ void MqttFace::close(const View &view)
     for (const Message &message : m_states.due(view))
         m_link.send(message);
     if (m_inFlight && m_isResultInFlight)
-        m_results.pop_front();
-    for (const Message &result : std::exchange(m_results, {}))
-        m_link.sendAcknowledged(result);
+        m_results.remove();
+    for (const Message *result = m_results.next(); result != nullptr; result = m_results.next()) {
+        m_link.sendAcknowledged(*result);
+        m_results.remove();
+    }
     m_link.send(statusMessage(false));
     m_link.disconnect();
 }
@@ -91,6 +93,7 @@ void MqttFace::close(const View &view)
 void MqttFace::onConnected()
 {
     m_states.forget();
+    m_problems.connected(Clock::now());
     m_inFlight.reset();
     m_link.send(statusMessage(true));
     if (m_takesCommands)
@@ -109,14 +112,10 @@ void MqttFace::onEnded(const std::string &problem)
         reportProblem(problem);
 }
 
-/// A broker that fails again and again does not fill the log.
 void MqttFace::reportProblem(const std::string &text)
 {
-    const Clock::time_point now = Clock::now();
-    if (text == m_problem && now - m_problemAt < sameReportPause)
+    if (!m_problems.isDue(text, Clock::now()))
         return;
-    m_problem = text;
-    m_problemAt = now;
     m_isConnectionReported = false;
     m_report(text);
 }
@@ -131,13 +130,16 @@ void MqttFace::onReceived(const BrokerLink::Received &received)
         m_gate.decide({*gripper, received.payload, received.isRetained}, m_api.view(now));
     const Origin origin{decision.id, decision.action};
     const auto refuse = [&](const Problem &problem) {
-        addResult(*gripper, origin, {{"code", problem.code()}, {"text", problem.what()}}, now);
+        m_results.addRefusal(
+            resultOf(*gripper, origin, {{"code", problem.code()}, {"text", problem.what()}}, now));
     };
     if (!decision.command) {
         refuse(*decision.refusal);
         return;
     }
     try {
+        if (!m_results.hasRoom(m_jobs.size()))
+            throw Problem(status::tooManyRequests, "too-many", "the broker takes no results");
         const int number = m_api.begin(*decision.command);
         m_jobs[number] = origin;
         const View view = m_api.view(now);
@@ -156,10 +158,12 @@ void MqttFace::sendNext(const View &view)
 {
     if (m_inFlight)
         return;
-    m_isResultInFlight = !m_results.empty();
-    const std::optional<Message> message = m_isResultInFlight ? m_results.front() : nextEvent(view);
-    if (message)
-        m_inFlight = m_link.sendAcknowledged(*message);
+    const Message *const result = m_results.next();
+    m_isResultInFlight = result != nullptr;
+    if (result != nullptr)
+        m_inFlight = m_link.sendAcknowledged(*result);
+    else if (const auto event = nextEvent(view))
+        m_inFlight = m_link.sendAcknowledged(*event);
 }
 
 void MqttFace::onAcknowledged(int number)
@@ -168,7 +172,7 @@ void MqttFace::onAcknowledged(int number)
         return;
     m_inFlight.reset();
     if (m_isResultInFlight)
-        m_results.pop_front();
+        m_results.remove();
     else
         m_event = m_nextEvent;
     if (m_link.canSend())
@@ -195,17 +199,15 @@ std::optional<Message> MqttFace::nextEvent(const View &view)
     return Message{m_topics.ofGripper(*event->gripper, "event"), textOf(content), false};
 }
 
-void MqttFace::addResult(int gripper, const Origin &origin, const Json &outcome,
-                         const gripper::ReadingTime &now)
+Message MqttFace::resultOf(int gripper, const Origin &origin, const Json &outcome,
+                           const gripper::ReadingTime &now) const
 {
-    if (m_results.size() >= maxResults)
-        return;
     Json content{{"id", origin.id.empty() ? Json() : Json(origin.id)},
                  {"do", origin.action.empty() ? Json() : Json(origin.action)},
                  {"gripper", gripper}};
     content.update(outcome);
     content["time"] = isoTime(now.wall);
-    m_results.push_back({m_topics.ofGripper(gripper, "result"), textOf(content), false});
+    return {m_topics.ofGripper(gripper, "result"), textOf(content), false};
 }
 
 } // namespace gateway

@@ -3,10 +3,11 @@
 #include "api.h"
 #include "brokerlink.h"
 #include "commandgate.h"
+#include "problemlimit.h"
+#include "resultqueue.h"
 #include "statepublisher.h"
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
@@ -17,7 +18,7 @@
 namespace gateway {
 
 /// The face for an MQTT broker: it publishes the picture, and takes the commands that an integrator
-/// allows. While the broker is away, it keeps the latest results and nothing else.
+/// allows. While the broker is away, it keeps results and nothing else.
 class MqttFace
 {
 public:
@@ -55,8 +56,8 @@ private:
     void reportProblem(const std::string &text);
     void sendNext(const View &view);
     std::optional<Message> nextEvent(const View &view);
-    void addResult(int gripper, const Origin &origin, const Json &outcome,
-                   const gripper::ReadingTime &now);
+    Message resultOf(int gripper, const Origin &origin, const Json &outcome,
+                     const gripper::ReadingTime &now) const;
 
     Topics m_topics;
     Api &m_api;
@@ -65,14 +66,13 @@ private:
     CommandGate m_gate;
     StatePublisher m_states{m_topics};
     std::map<int, Origin> m_jobs; ///< by job id
-    std::deque<Message> m_results;
+    ResultQueue m_results;
     std::uint64_t m_event = 0;     ///< the last event that the broker has
     std::uint64_t m_nextEvent = 0; ///< the event on its way
     std::optional<int> m_inFlight; ///< the number of the message on its way
     bool m_isResultInFlight = false;
-    std::string m_problem; ///< the latest report of one
-    Clock::time_point m_problemAt;
-    bool m_isConnectionReported = false; ///< after this problem
+    ProblemLimit m_problems;
+    bool m_isConnectionReported = false; ///< after the latest report of a problem
     Clock::time_point m_nextAttempt;
     bool m_isClosed = false;
     std::minstd_rand m_random{std::random_device()()};

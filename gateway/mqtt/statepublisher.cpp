@@ -82,12 +82,12 @@ void StatePublisher::offer(std::vector<Message> &messages, const std::string &to
     messages.push_back({topic, textOf(content), true});
 }
 
-/// The broker may keep topics of grippers that left while no gateway ran. The daemon finds only a
-/// few ids.
+/// The broker may keep topics from an earlier gateway, which claim fresh values. The daemon finds
+/// only a few ids.
 void StatePublisher::clearAbsent(std::vector<Message> &messages, const View &view)
 {
     const Picture &picture = view.pictureOf();
-    const bool clearsUnknown = m_isFirst && picture.line().condition == LineCondition::Connected;
+    const bool clearsUnknown = m_isFirst && picture.line().condition != LineCondition::Connecting;
     std::set<int> absent;
     for (const auto &removed : picture.removed())
         absent.insert(removed.first);

@@ -42,7 +42,7 @@ private:
     const Topics &m_topics;
     std::map<std::string, Sent> m_sent; ///< by topic
     std::uint64_t m_version = 0;        ///< of the picture that was sent completely
-    bool m_isFirst = true;              ///< no look at the running line yet
+    bool m_isFirst = true;              ///< no look at the line yet
 };
 
 } // namespace gateway

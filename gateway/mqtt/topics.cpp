@@ -17,12 +17,12 @@ constexpr std::size_t maxName = 64;
 std::optional<int> Topics::gripperOfCommand(const std::string &topic) const
 {
     const std::string begin = m_prefix + "gripper/";
-    const std::string_view end = "/command";
-    if (topic.size() < begin.size() + end.size() || topic.rfind(begin, 0) != 0)
+    if (topic.rfind(begin, 0) != 0)
         return std::nullopt;
     const std::string_view rest = std::string_view(topic).substr(begin.size());
-    const std::string_view id = rest.substr(0, rest.size() - end.size());
-    return rest.substr(id.size()) == end ? numberIn(id, 1, maxId) : std::nullopt;
+    const auto id = numberIn(rest.substr(0, rest.find('/')), 1, maxId);
+    // A gripper has one topic: the rights at the broker may depend on it.
+    return id && topic == ofGripper(*id, "command") ? id : std::nullopt;
 }
 
 bool isNodeName(const std::string &name)

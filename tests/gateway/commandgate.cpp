@@ -1,8 +1,11 @@
-// The messages of the MQTT face, without a broker: which commands pass, and which topics are due.
+// The messages of the MQTT face, without a broker: which commands pass, which topics and which
+// reports are due.
 #include "assertions.h"
 #include "views.h"
 
 #include <commandgate.h>
+#include <problemlimit.h>
+#include <resultqueue.h>
 #include <statepublisher.h>
 
 #include <algorithm>
@@ -32,16 +35,28 @@ struct Gate
     Lease lease;
     CommandGate gate{{"move", "stop"}, at(-1h)};
     std::chrono::milliseconds now = 0ms;
+    std::chrono::milliseconds clockAhead = 0ms; ///< what somebody has set the clock forward
     int lastId = 0;
 
     Gate() { picture.take(reading(0ms, {image()})); }
 
-    View view() const { return {picture, list, lease, false, at(now)}; }
+    View view() const
+    {
+        return {picture, list, lease, false, {at(now).monotonic, at(now + clockAhead).wall}};
+    }
+
+    /// Time passes. The gripper has present values then.
+    void waitUntil(std::chrono::milliseconds time)
+    {
+        now = time;
+        picture.take(reading(now, {image()}));
+        gate.advance(view().now());
+    }
 
     Json movement(std::chrono::milliseconds validity = 3s)
     {
         return {{"id", "id" + std::to_string(++lastId)},
-                {"expires", wallOf(now + validity)},
+                {"expires", wallOf(now + clockAhead + validity)},
                 {"do", "move"},
                 {"position", 7}};
     }
@@ -140,6 +155,44 @@ TEST(aRefusedIdStaysRefused)
     CHECK(gate.codeOf(message) == "repeated");
 }
 
+TEST(aCommandThatIsRefusedForItsTimeStaysRefused)
+{
+    Gate gate;
+    const Json early = gate.movement(7s);
+    CHECK(gate.codeOf(early) == "too-far-ahead");
+    const Json kept = gate.movement();
+    CHECK(gate.codeOf(kept, true) == "retained");
+    CHECK(gate.codeOf(kept, true) == "retained");
+    gate.now = 2100ms;
+    gate.picture.take(reading(gate.now, {image()}));
+    CHECK(gate.codeOf(early) == "repeated");
+    CHECK(gate.codeOf(kept) == "repeated");
+}
+
+TEST(refusedIdsNeedNoMemoryAndBlockNothing)
+{
+    Gate gate;
+    const Json first = gate.movement(7s);
+    CHECK(gate.codeOf(first) == "too-far-ahead");
+    for (std::size_t count = 0; count < CommandGate::maxIds; ++count)
+        CHECK(gate.codeOf(gate.movement(1h)) == "too-far-ahead");
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+    gate.now = 2100ms;
+    gate.picture.take(reading(gate.now, {image()}));
+    CHECK(gate.codeOf(first) == "ok");
+}
+
+TEST(aMemberThatComesTwiceIsRefused)
+{
+    Gate gate;
+    const std::string text = textOf(gate.movement());
+    for (const char *begin : {R"({"id":"other",)", R"({"position":9,)", R"({"do":"stop",)"}) {
+        const auto decision = gate.gate.decide({9, begin + text.substr(1), false}, gate.view());
+        CHECK(decision.refusal && decision.refusal->code() == std::string("bad-request"));
+    }
+    CHECK(gate.gate.decide({9, text, false}, gate.view()).command);
+}
+
 TEST(noIdIsForgottenWhileItIsValid)
 {
     Gate gate;
@@ -157,17 +210,20 @@ TEST(noIdIsForgottenWhileItIsValid)
     CHECK(gate.codeOf(gate.movement()) == "ok");
 }
 
-TEST(aClockThatIsSetBackRevivesNoCommand)
+TEST(aClockThatIsSetBackRevivesNoForgottenCommand)
 {
     Gate gate;
     const Json old = gate.movement(1s);
     CHECK(gate.codeOf(old) == "ok");
-    gate.now = 10s;
-    gate.picture.take(reading(gate.now, {image()}));
+    gate.waitUntil(10s);
     for (std::size_t count = 0; count < CommandGate::maxIds; ++count)
         CHECK(gate.codeOf(gate.movement()) == "ok");
-    gate.now = 0ms;
+    gate.clockAhead = -10s;
     CHECK(gate.codeOf(old) == "too-early");
+    gate.waitUntil(10999ms);
+    CHECK(gate.codeOf(old) == "too-early");
+    gate.waitUntil(11s);
+    CHECK(gate.codeOf(old) == "expired");
 }
 
 TEST(aGateKnowsNoIdsFromBeforeItsStart)
@@ -177,6 +233,66 @@ TEST(aGateKnowsNoIdsFromBeforeItsStart)
     CHECK(gate.codeOf(gate.movement(5000ms)) == "too-early");
     gate.now = 1ms;
     CHECK(gate.codeOf(gate.movement(5000ms)) == "ok");
+}
+
+TEST(aClockThatIsSetBackRevivesNoCommandFromBeforeTheStart)
+{
+    Gate gate;
+    gate.gate = CommandGate({"move"}, at(0ms));
+    const Json first = gate.movement(5000ms);
+    const Json second = gate.movement(5000ms);
+    gate.waitUntil(30s);
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+    gate.clockAhead = -30s;
+    CHECK(gate.codeOf(first) == "too-early");
+    gate.waitUntil(30s + 4999ms);
+    CHECK(gate.codeOf(second) == "too-early");
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+}
+
+TEST(aClockThatIsSetBackBlocksCommandsForAMinuteAtMost)
+{
+    Gate gate;
+    gate.gate = CommandGate({"move"}, at(0ms));
+    gate.waitUntil(10s);
+    const Json old = gate.movement();
+    CHECK(gate.codeOf(old) == "ok");
+    gate.clockAhead = -1h;
+    gate.waitUntil(11s);
+    gate.waitUntil(11s + CommandGate::longestBlock - 1ms);
+    const auto decision = gate.decide(gate.movement());
+    CHECK(decision.refusal && decision.refusal->code() == std::string("too-early"));
+    CHECK(std::string(decision.refusal->what()).find("in 1 s") != std::string::npos);
+    gate.waitUntil(11s + CommandGate::longestBlock);
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+    gate.clockAhead = 12s - gate.now;
+    CHECK(gate.codeOf(old) == "repeated");
+}
+
+TEST(aClockThatIsSetBackAtTheStartBlocksCommandsForAMinuteAtMost)
+{
+    Gate gate;
+    gate.gate = CommandGate({"move"}, at(0ms));
+    gate.clockAhead = -1h;
+    gate.waitUntil(CommandGate::longestBlock - 1ms);
+    CHECK(gate.codeOf(gate.movement()) == "too-early");
+    gate.waitUntil(CommandGate::longestBlock);
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+}
+
+TEST(manyIdsFromBeforeAChangeOfTheClockBlockNothingForLong)
+{
+    Gate gate;
+    for (std::size_t count = 0; count < CommandGate::maxIds; ++count)
+        CHECK(gate.codeOf(gate.movement()) == "ok");
+    gate.clockAhead = -1h;
+    gate.waitUntil(5s);
+    CHECK(gate.codeOf(gate.movement()) == "ok");
+    gate.waitUntil(6s);
+    CHECK(gate.codeOf(gate.movement()) == "too-early");
+    gate.waitUntil(6s + CommandGate::longestBlock);
+    for (std::size_t count = 0; count < CommandGate::maxIds; ++count)
+        CHECK(gate.codeOf(gate.movement()) == "ok");
 }
 
 TEST(onlyTheAllowedActionsPass)
@@ -258,7 +374,8 @@ TEST(topicsNameTheGripper)
          {"gripperd/n/gripper/0/command", "gripperd/n/gripper/248/command",
           "gripperd/n/gripper//command", "gripperd/n/gripper/9/commands",
           "gripperd/n/gripper/9/x/command", "gripperd/m/gripper/9/command", "command",
-          "gripperd/n/gripper/command", "gripperd/n/gripper/+9/command"})
+          "gripperd/n/gripper/command", "gripperd/n/gripper/+9/command",
+          "gripperd/n/gripper/09/command", "gripperd/n/gripper/9/command/", "gripperd/n/gripper/9"})
         CHECK(!topics.gripperOfCommand(topic));
     for (const char *name : {"", "a/b", "a+", "#", "a b", "\xc3\xa4"})
         CHECK(!isNodeName(name));
@@ -281,15 +398,35 @@ TEST(theFirstMessagesAreComplete)
     CHECK(publisher.due(gate.view()).size() == messages.size());
 }
 
-TEST(aLineWithoutAListClearsNothing)
+TEST(nothingRetainedClaimsValuesThatTheGatewayDoesNotHave)
+{
+    Gate gate;
+    gate.picture = Picture({}, at(0ms));
+    const Topics topics("n");
+    StatePublisher publisher(topics);
+    const auto cleared = [&] {
+        const auto messages = publisher.due(gate.view());
+        return std::count_if(messages.begin(), messages.end(),
+                             [](const Message &message) { return message.payload.empty(); });
+    };
+    // The first look may still find all grippers.
+    CHECK(cleared() == 0);
+    gateway::Reading withoutDaemon;
+    withoutDaemon.time = at(0ms);
+    gate.picture.take(withoutDaemon);
+    CHECK(cleared() == 8);
+    gate.picture.take(views::lineReading(0ms, "SCANNING"));
+    CHECK(cleared() == 0);
+}
+
+TEST(aLineWithoutAListClearsNoKnownGripper)
 {
     Gate gate;
     gate.picture.take(views::lineReading(0ms, "SCANNING"));
     const Topics topics("n");
     StatePublisher publisher(topics);
-    const auto messages = publisher.due(gate.view());
-    CHECK(std::none_of(messages.begin(), messages.end(),
-                       [](const Message &message) { return message.payload.empty(); }));
+    for (const Message &message : publisher.due(gate.view()))
+        CHECK(!message.payload.empty() || message.topic.find("/9/") == std::string::npos);
 }
 
 TEST(onlyTheStateChangesWithThePosition)
@@ -327,6 +464,78 @@ TEST(aGripperThatLeftIsCleared)
     broker.picture.take(reading(broker.now + 300ms, {}));
     broker.now += 300ms;
     CHECK(!has(broker.publisher.due(broker.view()), "gripperd/n/gripper/9/state"));
+}
+
+TEST(everyOutcomeHasAPlaceAndTheLatestRefusals)
+{
+    ResultQueue results;
+    results.addRefusal({"in flight", "", false});
+    CHECK(results.next()->topic == "in flight");
+    for (std::size_t number = 0; number <= ResultQueue::maxRefusals; ++number) {
+        if (number < ResultQueue::maxOutcomes) {
+            CHECK(results.hasRoom(0));
+            results.addOutcome({"outcome", std::to_string(number), false});
+        }
+        results.addRefusal({"refusal", std::to_string(number), false});
+    }
+    CHECK(!results.hasRoom(0));
+    const auto take = [&results] {
+        const Message message = *results.next();
+        CHECK(results.next()->payload == message.payload);
+        results.remove();
+        return message.topic + message.payload;
+    };
+    CHECK(take() == "in flight");
+    for (std::size_t number = 0; number < ResultQueue::maxOutcomes; ++number)
+        CHECK(take() == "outcome" + std::to_string(number));
+    for (std::size_t number = 1; number <= ResultQueue::maxRefusals; ++number)
+        CHECK(take() == "refusal" + std::to_string(number));
+    CHECK(results.next() == nullptr);
+}
+
+TEST(runningJobsReserveThePlacesOfTheirOutcomes)
+{
+    ResultQueue results;
+    CHECK(results.hasRoom(ResultQueue::maxOutcomes - 1));
+    CHECK(!results.hasRoom(ResultQueue::maxOutcomes));
+    results.addOutcome({"outcome", "", false});
+    CHECK(!results.hasRoom(ResultQueue::maxOutcomes - 1));
+    CHECK(results.hasRoom(ResultQueue::maxOutcomes - 2));
+}
+
+TEST(problemsInTurnAreReportedOnce)
+{
+    ProblemLimit problems;
+    int reports = 0;
+    for (std::chrono::seconds time = 0s; time < 1h; time += 2s) {
+        for (const char *text : {"refused", "lost"})
+            reports += problems.isDue(text, at(time).monotonic) ? 1 : 0;
+    }
+    CHECK(reports == 2);
+    CHECK(problems.isDue("lost", at(1h).monotonic));
+}
+
+TEST(aProblemAfterAConnectionIsReportedOnceAMinute)
+{
+    ProblemLimit problems;
+    int reports = 0;
+    for (std::chrono::seconds time = 0s; time < 10min; time += 2s) {
+        problems.connected(at(time).monotonic);
+        for (const char *text : {"refused", "lost"})
+            reports += problems.isDue(text, at(time + 1s).monotonic) ? 1 : 0;
+    }
+    CHECK(reports == 20);
+}
+
+TEST(manyTextsOfTheBrokerNeedNoMemory)
+{
+    ProblemLimit problems;
+    CHECK(problems.isDue("first", at(0s).monotonic));
+    for (std::size_t number = 1; number < ProblemLimit::maxTexts; ++number)
+        CHECK(problems.isDue(std::to_string(number), at(1s).monotonic));
+    CHECK(!problems.isDue("first", at(1s).monotonic));
+    CHECK(problems.isDue("last", at(1s).monotonic));
+    CHECK(problems.isDue("first", at(1s).monotonic));
 }
 
 int main()

@@ -316,9 +316,12 @@ class Gateway:
 
         return eventually(look, timeout, lambda: page.state())
 
-    def resident_kib(self):
+    def resident_kib(self, name="VmRSS:"):
         with open(f"/proc/{self.pid}/status", encoding="ascii") as status:
-            return next(int(line.split()[1]) for line in status if line.startswith("VmRSS:"))
+            return next(int(line.split()[1]) for line in status if line.startswith(name))
+
+    def peak_kib(self):
+        return self.resident_kib("VmHWM:")
 
     def cpu_seconds(self):
         with open(f"/proc/{self.pid}/stat", encoding="ascii") as stat:

@@ -7,6 +7,7 @@ import pathlib
 import queue
 import shutil
 import socket
+import struct
 import subprocess
 import threading
 import time
@@ -207,31 +208,90 @@ def without_answer(port=PORT):
     return socket.create_server(("127.0.0.1", port))
 
 
-class OldBroker:
-    """It knows only MQTT 3.1.1. It refuses other versions, accepts everything else, says nothing more.
+# CONNACK packets
+ACCEPTED_BY_MQTT_3 = b"\x20\x02\x00\x00"
+REFUSED_BY_MQTT_3 = b"\x20\x02\x00\x01"
 
-    `levels` are the protocol levels of the attempts."""
 
-    def __init__(self):
-        self.levels = []
+def accepted(properties=b""):
+    return bytes([0x20, 3 + len(properties), 0, 0, len(properties)]) + properties
+
+
+def only_mqtt_3(peer, level):
+    """It refuses other versions."""
+    if level == 4:
+        peer.sendall(ACCEPTED_BY_MQTT_3)
+    else:
+        peer.sendall(REFUSED_BY_MQTT_3)
+        peer.shutdown(socket.SHUT_RDWR)
+
+
+def message(topic, payload):
+    """Returns a PUBLISH packet, QoS 0, for MQTT 5."""
+    content = struct.pack(">H", len(topic)) + topic.encode() + b"\0" + payload
+    assert len(content) < 16384
+    return bytes([0x30, len(content) & 0x7F | 0x80, len(content) >> 7]) + content
+
+
+def acknowledge_messages(peer, but="nothing"):
+    """Yields the topic and the value of each message with QoS 1, after its acknowledgement. For MQTT 5.
+
+    It does not acknowledge topics that end with `but`."""
+    with peer.makefile("rb") as stream:
+        while first := stream.read(1):
+            length = shift = 0
+            more = True
+            while more:
+                byte = stream.read(1)[0]
+                length |= (byte & 0x7F) << shift
+                shift, more = shift + 7, byte & 0x80
+            content = stream.read(length)
+            if first[0] & 0xF6 != 0x32:
+                continue
+            end = 2 + struct.unpack_from(">H", content)[0]
+            topic = content[2:end].decode()
+            if not topic.endswith(but):
+                peer.sendall(b"\x40\x02" + content[end:end + 2])
+            # After the number, there is the length of the properties, which is 0.
+            yield topic, json.loads(content[end + 3:])
+
+
+class Connect:
+    """The first packet of a client."""
+
+    def __init__(self, packet):
+        # A fixed header, the remaining length in one or two bytes, "MQTT" with its length, and these.
+        name = packet.index(b"MQTT")
+        self.level, self.flags = packet[name + 4 : name + 6]
+        self.keep_alive_seconds = int.from_bytes(packet[name + 6 : name + 8], "big")
+        self.packet = packet
+
+
+class ScriptedBroker:
+    """It serves one connection after another: it calls `answer(peer, level)` after the first packet, and
+    then reads everything.
+
+    `connects` are the first packets of the attempts, `levels` their protocol levels."""
+
+    def __init__(self, answer):
+        self.connects = []
         self.bytes = b""
+        self.answer = answer
         self.listener = without_answer()
         self.thread = threading.Thread(target=self._serve, daemon=True)
         self.thread.start()
+
+    @property
+    def levels(self):
+        return [connect.level for connect in self.connects]
 
     def _serve(self):
         with contextlib.suppress(OSError):
             while True:
                 peer, _ = self.listener.accept()
-                # Fixed header, the remaining length in one or two bytes, "MQTT" with its length, the level.
-                request = peer.recv(1000)
-                self.levels.append(request[request.index(b"MQTT") + 4])
-                if self.levels[-1] != 4:
-                    peer.sendall(b"\x20\x02\x00\x01")
-                    peer.close()
-                    continue
-                peer.sendall(b"\x20\x02\x00\x00")
-                with peer:
+                with peer, contextlib.suppress(BrokenPipeError, ConnectionResetError):
+                    self.connects.append(Connect(peer.recv(1000)))
+                    self.answer(peer, self.levels[-1])
                     while data := peer.recv(4096):
                         self.bytes += data
 

@@ -1,74 +1,23 @@
-"""The broker, the gateway or the daemon goes away, and comes back; certificates; brokers that misbehave."""
+"""The broker, the gateway or the daemon goes away, and comes back; certificates; the network."""
 
-import contextlib
 import re
 import signal
+import socket
 import subprocess
 import time
 
 import pytest
-from gatewayrig import Gateway, insecure_tls, writes
+from gatewayrig import insecure_tls, writes
 from harness.children import binary
-from harness.daemon import SANITIZED
 from harness.effort import effort
-from harness.simulator import Simulator
 from harness.waiting import eventually
-from mqttrig import (
-    NODE, TLS_PORT, Broker, OldBroker, Peer, certificates, command, without_answer,
+from mqttfixtures import (
+    ALLOW, KEEP_ALIVE_SECONDS, OPTIONS, add, broker, connect_peer, daemon, line, pin, position_is,
+    scripted, taken,
 )
-
-OPTIONS = ("--mqtt", "127.0.0.1", "--mqtt-node", NODE)
-ALLOW = (*OPTIONS, "--allow", "activate,move,stop")
-KEEP_ALIVE_SECONDS = 10
-GROWTH_KIB = 100_000 if SANITIZED else 4_000
-
-
-@pytest.fixture
-def line():
-    with Simulator("9=TA3-1.6.14", "--activation-ms", "100") as simulated:
-        yield simulated
-
-
-@pytest.fixture
-def daemon(line, start_daemon):
-    return start_daemon().wait_until_found(9)
-
-
-@pytest.fixture
-def broker(tmp_path):
-    with Broker(tmp_path) as broker:
-        yield broker
-
-
-@pytest.fixture
-def connect_peer():
-    """connect_peer(...) returns a client of the broker."""
-    with contextlib.ExitStack() as peers:
-
-        def connect(**options):
-            return peers.enter_context(contextlib.closing(Peer(**options)))
-
-        yield connect
-
-
-def position_is(position):
-    return lambda state: state["position"] == position and not state["stale"]
-
-
-def pin(line, position):
-    line.command(f"pin 9 2002 {position << 8}")
-
-
-def taken(peer, seconds=4.9):
-    """Waits until the gateway takes commands that are valid for so long: it knows no ids of the 5 s
-    before its start."""
-    peer.wait_for("gripper/9/state", lambda each: not each["stale"], timeout=15)
-
-    def accepted():
-        since = peer.mark()
-        return peer.result(9, command("stop", seconds), since)["code"] == "ok"
-
-    eventually(accepted, 10, "a command that the gateway takes")
+from mqttrig import (
+    NODE, TLS_PORT, Broker, accepted, acknowledge_messages, certificates, command, message,
+)
 
 
 def test_a_killed_gateway_is_offline(broker, daemon, start_gateway, connect_peer):
@@ -108,22 +57,33 @@ def test_a_gateway_that_hangs_is_offline(broker, daemon, start_gateway, connect_
     peer.wait_for("status", lambda each: each["state"] == "online", peer.mark(), 15)
 
 
+def retained_at(peer):
+    """Returns all that a broker retains, without times."""
+    times = ("time", "since")
+    return {
+        word: {name: each for name, each in value.items() if name not in times}
+        for word, value in peer.retained.items()
+    }
+
+
 def test_the_broker_restarts(broker, line, daemon, start_gateway, connect_peer):
+    add(line, "2=TE1-2.0.2")
     start_gateway(*OPTIONS)
     pin(line, 20)
-    connect_peer().wait_for("gripper/9/state", position_is(20))
+    first = connect_peer()
+    eventually(lambda: len(first.retained) == 7)
+    first.wait_for("gripper/2/state", lambda each: not each["stale"])
+    first.wait_for("gripper/9/state", position_is(20))
+    wanted = retained_at(first)
+    assert [each["id"] for each in wanted["grippers"]["grippers"]] == [2, 9]
+    assert wanted["status"]["state"] == "online" and wanted["link"]["state"] == "connected"
     for position in range(30, 30 + effort(2, 20)):
         broker.stop()
         pin(line, position)
+        wanted["gripper/9/state"]["position"] = position
         broker.start()
-        started = time.monotonic()
         peer = connect_peer()
-        state = peer.wait_for("gripper/9/state", position_is(position), timeout=5)
-        assert peer.wait_for("status", timeout=5).value["state"] == "online"
-        assert peer.wait_for("link", timeout=5).value["state"] == "connected"
-        assert peer.wait_for("gripper/9/info", timeout=5).value["serial"] == "SIM-1009"
-        assert peer.wait_for("grippers", timeout=5).value["grippers"][0]["id"] == 9
-        assert state.at - started < 5
+        eventually(lambda: retained_at(peer) == wanted, 5, lambda: (wanted, retained_at(peer)))
 
 
 def test_an_event_waits_for_the_broker(broker, line, daemon, start_gateway, connect_peer):
@@ -137,6 +97,56 @@ def test_an_event_waits_for_the_broker(broker, line, daemon, start_gateway, conn
     peer = connect_peer()
     event = peer.wait_for("gripper/9/event", lambda each: each["kind"] == "arrived", timeout=8)
     assert event.value["serial"] == "SIM-1009"
+
+
+@pytest.mark.parametrize("word", ["event", "result"])
+def test_what_the_broker_has_not_acknowledged_comes_again(
+    word, scripted, line, daemon, start_gateway
+):
+    lost, again = [], []
+    refused = message(f"gripperd/{NODE}/gripper/9/command", b"{}")
+
+    def serve(peer, _):
+        if lost:
+            peer.sendall(accepted())
+            again.extend(value for _, value in acknowledge_messages(peer))
+            return
+        peer.sendall(accepted() + refused)
+        for topic, value in acknowledge_messages(peer, but=word):
+            if topic.endswith(word):
+                lost.append(value)
+                peer.shutdown(socket.SHUT_RDWR)
+
+    gateway = start_gateway(*ALLOW)
+    gateway.wait_for(lambda state: any(not each["stale"] for each in state["grippers"]))
+    scripted(serve)
+    eventually(lambda: lost, 10)
+    eventually(lambda: lost[0] in again, 10, lambda: (lost, again))
+
+
+def test_a_gateway_that_ends_publishes_the_last_results(
+    broker, line, daemon, start_gateway, connect_peer
+):
+    """The broker has not even acknowledged an event."""
+    add(line, "2=TE1-2.0.2")
+    gateway = start_gateway(*ALLOW)
+    peer = connect_peer()
+    taken(peer)
+    assert peer.result(9, command("activate"))["code"] == "ok"
+    request = command("move", position=255, speed=0)
+    peer.publish(9, request)
+    gateway.wait_for_line(f"MQTT, id {request['id']}")
+    broker.process.send_signal(signal.SIGSTOP)
+    try:
+        line.command("faultcode 2 10")
+        gateway.wait_for(lambda state: "fault" in [each["kind"] for each in state["events"]])
+        gateway.finish()
+    finally:
+        broker.process.send_signal(signal.SIGCONT)
+    offline = peer.wait_for("status", lambda each: each["state"] == "offline")
+    result = peer.wait_for("gripper/9/result", lambda each: each["id"] == request["id"])
+    assert result.value["code"] == "shutdown"
+    assert peer.messages.index(result) < peer.messages.index(offline)
 
 
 def test_the_gateway_starts_before_the_broker(tmp_path, start_gateway, connect_peer):
@@ -239,10 +249,12 @@ def test_the_broker_keeps_no_command_for_a_gateway_that_is_away(
     gateway.kill()
     request = command("stop")
     peer.publish(9, request)
-    mark = line.mark()
+    mark, since = line.mark(), peer.mark()
     start_gateway(*ALLOW)
-    since = peer.mark()
-    peer.wait_for("status", lambda each: each["state"] == "online", since)
+    peer.wait_for("gripper/9/state", lambda each: not each["stale"], since, 15)
+    # The broker delivers in order, so its own delivery would precede this refusal.
+    assert peer.result(9, command("release"), since)["code"] in ("too-early", "not-allowed")
+    assert len(peer.all("gripper/9/result", since)) == 1
     # A broker might deliver it again. An earlier process may have carried it out.
     result = peer.result(9, request, since)
     assert result["code"] in ("too-early", "expired")
@@ -250,105 +262,20 @@ def test_the_broker_keeps_no_command_for_a_gateway_that_is_away(
     assert writes(line, mark) == []
 
 
-# Brokers that misbehave
-
-
-def test_a_broker_that_says_nothing(line, daemon, start_gateway):
-    with without_answer():
-        gateway = start_gateway(*ALLOW)
-        gateway.wait_for(lambda state: state["grippers"])
-        before = gateway.resident_kib()
-        page = gateway.operator()
-        assert page.do("grippers/9/activate")["code"] == "ok"
-        for position in range(effort(10, 200)):
-            pin(line, position)
-            eventually(lambda: page.gripper(9)["position"] == position, 1)
-        gateway.wait_for_line("the broker does not answer", timeout=15)
-        assert gateway.resident_kib() - before < GROWTH_KIB
-        assert page.get("/healthz").status == 200
-
-
-def test_a_broker_that_stops_reading(broker, line, daemon, start_gateway, connect_peer):
+def test_no_old_value_is_fresh_after_the_daemon_died(
+    broker, line, daemon, start_gateway, connect_peer
+):
     gateway = start_gateway(*OPTIONS)
-    connect_peer().wait_for("gripper/9/state", lambda each: not each["stale"])
-    page = gateway.page()
-    before = gateway.resident_kib()
-    broker.process.send_signal(signal.SIGSTOP)
-    try:
-        for number in range(effort(40, 4000)):
-            pin(line, number % 250)
-            eventually(lambda: page.gripper(9)["position"] == number % 250, 1)
-        assert gateway.resident_kib() - before < GROWTH_KIB
-    finally:
-        broker.process.send_signal(signal.SIGCONT)
-    pin(line, 255)
-    connect_peer().wait_for("gripper/9/state", position_is(255), timeout=10)
-
-
-def test_a_broker_whose_disk_is_full(tmp_path, line, daemon, start_gateway, connect_peer):
-    disk = tmp_path / "disk"
-    disk.mkdir()
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16k", "tmpfs", disk], check=True)
-    try:
-        (disk / "full").write_bytes(b"x" * 8192)
-        lines = ["persistence true", f"persistence_location {disk}/", "autosave_on_changes true",
-                 "autosave_interval 1"]
-        with Broker(tmp_path, *lines) as broker:
-            start_gateway(*ALLOW)
-            peer = connect_peer()
-            taken(peer)
-            sizes = set()
-            for position in range(1, 11):
-                # Each file that the broker gives up frees space for the next one.
-                with contextlib.suppress(OSError), open(disk / "full", "ab", buffering=0) as file:
-                    while True:
-                        file.write(b"x" * 1024)
-                since = peer.mark()
-                pin(line, position)
-                peer.wait_for("gripper/9/state", position_is(position), since)
-                sizes.add((disk / "mosquitto.db").stat().st_size)
-            assert 0 in sizes, "the broker could save its state"
-            assert peer.result(9, command("stop"))["code"] == "ok"
-            broker.stop()
-            pin(line, 99)
-            broker.start()
-            connect_peer().wait_for("gripper/9/state", position_is(99), timeout=5)
-    finally:
-        subprocess.run(["umount", disk], check=True)
-
-
-def test_a_broker_without_mqtt_5(start_gateway):
-    old = OldBroker()
-    try:
-        gateway = start_gateway(*ALLOW)
-        gateway.wait_for_line("connected")
-        eventually(lambda: old.levels == [5, 4] and b"/link" in old.bytes, 10,
-                   lambda: (old.levels, old.bytes))
-        assert f"gripperd/{NODE}/gripper/+/command".encode() in old.bytes
-        gateway.finish()
-    finally:
-        old.close()
-
-
-@pytest.mark.skipif(effort(True, False), reason="takes 7 s: scripts/robustness")
-def test_two_gateways_with_one_name(broker, start_gateway, tmp_path):
-    """They take the connection from each other. Neither fills its log."""
-    first = start_gateway(*OPTIONS)
-    first.wait_for_line("connected")
-    second_folder = tmp_path / "second"
-    second_folder.mkdir()
-    second = Gateway(second_folder, *OPTIONS, "--port", "63354")
-    try:
-        second.wait_until_ready()
-        for gateway in (first, second):
-            gateway.wait_for_line("The connection was lost", timeout=10)
-        since = broker.mark()
-        broker.wait_for_line("already connected", since, 10)
-        for gateway in (first, second):
-            assert len([line for line in gateway.lines if "MQTT" in line]) <= 3, gateway.lines
-        second.finish()
-    finally:
-        second.kill()
+    peer = connect_peer()
+    peer.wait_for("gripper/9/state", lambda each: not each["stale"])
+    daemon.kill()
+    gateway.kill()
+    since = peer.mark()
+    start_gateway(*OPTIONS)
+    peer.wait_for("link", lambda each: each["state"] == "no-daemon", since)
+    eventually(lambda: not [word for word in peer.retained if word.startswith("gripper/")])
+    assert peer.retained["status"]["state"] == "online"
+    assert peer.retained["grippers"]["grippers"] == []
 
 
 # TLS
