@@ -301,6 +301,46 @@ def test_outcomes_in_words(view, operated, outcome, words):
     view.wait_for_message(words)
 
 
+def send_event(gateway, number, kind, slave_id=None, **values):
+    gateway.send("event", {"number": number, "at": AT, "clock": gateway.clock, "ageSeconds": 0.0, "kind": kind,
+                           "gripper": slave_id, "code": None, "detail": None, "text": "", **values})
+
+
+@pytest.mark.short
+def test_an_event_clears_the_good_message_that_it_contradicts(view, operated):
+    numbers = iter(range(1, 100))
+    shown = lambda number: view.wait(lambda: view.all(f"#events [data-key='{number}']"))
+    for kind, slave_id, detail in (("fault", 9, None), ("other-command", 9, None), ("missing", 9, None), ("link", None, "gone")):
+        view.click("[data-stops][data-key='9']")
+        view.wait_for_message("stops")
+        finish(operated)
+        view.wait_for_message("has stopped")
+        for harmless in (("other-command", 2, None), ("arrived", 9, None), ("link", None, "connected")):
+            last = next(numbers)
+            send_event(operated, last, *harmless[:2], detail=harmless[2])
+        shown(last)
+        assert "has stopped" in view.text("message")
+        last = next(numbers)
+        send_event(operated, last, kind, slave_id, code=5, detail=detail)
+        shown(last)
+        assert view.text("message") == "", kind
+
+
+@pytest.mark.short
+def test_no_event_clears_a_problem_or_a_message_about_no_gripper(view, operated):
+    assert "Paired" in view.text("message")
+    send_event(operated, 1, "link", detail="gone")
+    view.wait(lambda: view.all("#events [data-key='1']"))
+    assert "Paired" in view.text("message")
+    view.click("#go")
+    view.wait_for_message("moves")
+    finish(operated, code="timed-out")
+    view.wait_for_message("may still carry it out")
+    send_event(operated, 2, "missing", 9)
+    view.wait(lambda: view.all("#events [data-key='2']"))
+    assert "may still carry it out" in view.text("message")
+
+
 def test_upgrade_shows_stages_time_and_what_to_do(view, operated):
     operated.send_job(job(5, stage="writing", elapsedSeconds=40.0))
     view.wait(lambda: view.all("#job-stages li[data-state='now']"))
