@@ -481,7 +481,7 @@ HOLDER = {"number": 90, "role": "maintain", "peer": "192.168.100.200", "since": 
 MARKERS = {
     "another program": ({"commandedByOther": True, "otherCommandAgeSeconds": 9.9}, "Another program: command"),
     "missing": ({"present": False, "stale": True, "missingSeconds": 3599.0}, "Missing for 59 min 59 s"),
-    "fault": ({"fault": {"code": 255, "text": "Communication lost"}}, "Communication lost (255)"),
+    "fault": ({"fault": {"code": 255, "text": "Communication lost"}}, "255 (Communication lost)"),
     "stale": ({"stale": True, "line": {"stale": True, "valueAgeSeconds": 9.0}}, "Values are old"),
     "timed out": ({"stale": True, "line": {"state": "timed-out", "text": "ERR_TIMEOUT", "stale": True}}, "No command reaches"),
 }
@@ -554,9 +554,14 @@ def test_commands_of_another_page_are_marked(view, operated):
     view.wait(lambda: len(notes()) == 2)
 
 
-def test_fault_without_a_text_is_a_number(view, gateway):
-    gateway.change(9, fault={"code": 12, "text": None})
-    view.wait(lambda: "fault 12" in view.text("cards"))
+@pytest.mark.short
+@pytest.mark.parametrize("words, shown", [(None, "12"), ("Communication lost", "12 (Communication lost)")])
+def test_fault_in_words(view, gateway, words, shown):
+    fault = {"code": 12, "text": words}
+    gateway.change(9, fault=fault)
+    view.wait(lambda: f"Fault{shown}" == view.one(".card[data-key='9'] [data-box='fault']").get_property("textContent"))
+    send_event(gateway, 1, "fault", 9, code=12, detail=words)
+    view.wait(lambda: f"Gripper 9: fault {shown}" == view.script("return document.querySelector('#events span')?.textContent"))
 
 
 def test_trend_pauses_zooms_and_saves(view, gateway):
