@@ -1,4 +1,5 @@
 // The strip at the top: the line, the age of its values, the control; and the banners above the stop bar.
+import { faultText } from "./cards.js";
 import { byId, element, reconcile, setData, setText } from "./dom.js";
 import { duration, firstText, text } from "./i18n.js";
 
@@ -15,6 +16,9 @@ export class Strip {
 
     constructor(picture) {
         this.picture = picture;
+        // The page gets longer by the height of the banners, so that they cover nothing at its end.
+        const keepSpace = () => document.documentElement.style.setProperty("--banner-space", `${byId("banners").offsetHeight}px`);
+        new ResizeObserver(keepSpace).observe(byId("banners"));
     }
 
     connected() {
@@ -131,6 +135,11 @@ export class Strip {
         } else if (line?.stale) {
             const age = this.#valueAge();
             banners.push(["stale", text(age === null ? "banner.connecting" : "banner.stale", { age: duration(Math.floor(age ?? 0)) }), true]);
+        }
+        // The card with the fault may be out of sight.
+        for (const { id, present, fault } of this.picture.state?.grippers ?? []) {
+            if (present && fault !== null)
+                banners.push([`fault-${id}`, text("event.fault", { id, detail: faultText(fault) }), true]);
         }
         if (this.#notice !== "")
             banners.push(["notice", this.#notice, false]);

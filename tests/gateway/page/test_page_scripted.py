@@ -486,6 +486,10 @@ MARKERS = {
     "timed out": ({"stale": True, "line": {"state": "timed-out", "text": "ERR_TIMEOUT", "stale": True}}, "No command reaches"),
 }
 
+FAULTS = {2: {"code": 255, "text": "The suction cup has a leak: look at its edge and at the part, which may be dirty"},
+          9: {"code": 5, "text": None}}
+FAULT_BANNERS = [f"Gripper 2: fault 255 ({FAULTS[2]['text']})", "Gripper 9: fault 5"]
+
 
 def places(view):
     """The places of all controls on the page."""
@@ -515,11 +519,40 @@ def test_markers_move_no_control(view, operated, size):
     operated.send_job(job(70, "deactivate"))
     view.wait(lambda: "Another page" in view.text("cards"))
     assert places(view) == before
+    for slave_id, fault in FAULTS.items():
+        operated.change(slave_id, fault=fault)
+    view.wait(lambda: view.banners() == FAULT_BANNERS)
+    assert places(view) == before
     view.expected.append("409")
     operated.picture["control"] = HOLDER
     operated.change()
     view.wait_for_banner("took over control")
     assert places(view) == before
+
+
+@pytest.mark.short
+@pytest.mark.parametrize("size", [(360, 640), (1024, 768)], ids=str)
+def test_faults_are_in_sight(view, operated, size):
+    """Also beside the other banners. The engineer can scroll to everything that the banners cover."""
+    view.resize(*size)
+    for slave_id, fault in FAULTS.items():
+        operated.change(slave_id, fault=fault)
+    view.wait(lambda: view.banners() == FAULT_BANNERS)
+    view.expected.append("409")
+    operated.picture["control"] = HOLDER
+    operated.change(line={"state": "timed-out", "text": "ERR_TIMEOUT"})
+    view.wait(lambda: len(view.banners()) == 4)
+    for banner in view.all("#banners p"):
+        assert view.script(
+            "const { top, bottom } = arguments[0].getBoundingClientRect(); return top >= 0 && bottom <= innerHeight", banner)
+    assert findings(view) == ""
+    assert overflow(view) == []
+    view.script("scrollTo(0, document.body.scrollHeight)")
+    view.wait(lambda: view.script(
+        "return document.querySelector('.foot').lastElementChild.getBoundingClientRect().bottom <= "
+        "document.getElementById('banners').getBoundingClientRect().top"))
+    operated.change(9, present=False, stale=True, missingSeconds=1.0, line={"state": "connected"})
+    view.wait(lambda: view.banners()[0] == FAULT_BANNERS[0] and "Gripper 9" not in "".join(view.banners()))
 
 
 def test_marks_of_the_bar_cover_no_text(view, operated):
