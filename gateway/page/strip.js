@@ -58,7 +58,7 @@ export class Strip {
             const key = state.line.version === null ? "daemon.unknown" : "daemon";
             setText(byId("daemon"), text(key, { name: host, version, driver: state.line.version }));
         }
-        this.#showControl(control);
+        this.#showControl(control, name);
         this.#showBanners();
     }
 
@@ -85,7 +85,15 @@ export class Strip {
         return this.picture.state ? this.picture.age(this.picture.state.line.valueAgeSeconds) : null;
     }
 
-    #showControl(control) {
+    #showControl(control, name) {
+        this.#showPairing(control);
+        // The last known holder may be this page itself.
+        if (name === "lost") {
+            setData(byId("control"), "held", "unknown");
+            setText(byId("control-holder"), text("control.unknown"));
+            byId("control-button").hidden = true;
+            return;
+        }
         const holder = this.picture.state?.control ?? null;
         const held = control.isMine ? "mine" : holder ? "other" : "free";
         setData(byId("control"), "held", held);
@@ -97,7 +105,6 @@ export class Strip {
         const action = { mine: "return", other: "take-over", free: "take" }[held];
         setText(byId("control-button"), text(`control.${control.isPaired ? action : "pair"}`));
         byId("control-button").hidden = control.isPaired && !mayOperate;
-        this.#showPairing(control);
     }
 
     #showPairing(control) {

@@ -49,6 +49,7 @@ export default {
     "control.free": "Nobody has control",
     "control.mine": "You have control",
     "control.other": "{role} at {peer} has control",
+    "control.unknown": "Control unknown",
     "control.pair": "Pair",
     "control.take": "Take control",
     "control.take-over": "Take over",

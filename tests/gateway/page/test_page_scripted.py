@@ -430,6 +430,22 @@ def test_silence_shows_within_four_seconds(view, gateway):
 
 
 @pytest.mark.short
+def test_control_is_unknown_without_the_gateway(view, operated):
+    operated.mute()
+    view.wait_for_banner("gateway does not answer")
+    view.wait(lambda: view.text("control-holder") == "Control unknown")
+    assert not view.one("#control-button").is_displayed()
+    assert view.one("[data-stops][data-key='9']").is_enabled()
+    # The own former lease is the last holder that the page knows.
+    operated.forget_lease()
+    view.expected.append("409")
+    view.wait_for_banner("You no longer have control.")
+    assert view.text("control-holder") == "Control unknown"
+    operated.unmute()
+    view.wait(lambda: view.one("#control-button").is_displayed() and view.text("control-holder") != "Control unknown")
+
+
+@pytest.mark.short
 def test_old_values_are_marked_and_commands_locked(view, operated):
     operated.change(9, stale=True, line={"state": "gone", "text": "ERR_SERIALPORT", "stale": True, "valueAgeSeconds": 65.0})
     view.wait_for_banner("serial port is gone")
