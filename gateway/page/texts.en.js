@@ -142,6 +142,7 @@ export default {
     "command.lock.unpaired": "You see this gripper, but cannot command it. Pair this device first.",
     "command.lock.role": "Your role is view. Commands need a pairing with the role operate.",
     "command.lock.control": "Take control before you command. Stop works without it.",
+    "command.lock.other": "Another page has control. Take over before you command. Stop works without it.",
     "command.lock.line": "No command reaches the gripper now.",
     "command.lock.missing": "The gripper is not on the line.",
     "command.lock.busy": "An operation on the line is under way. Commands work again when it ends.",

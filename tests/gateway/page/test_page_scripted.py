@@ -430,6 +430,27 @@ def test_silence_shows_within_four_seconds(view, gateway):
 
 
 @pytest.mark.short
+def test_the_lock_names_what_to_do_first(view, gateway):
+    view.wait(lambda: "Pair this device first" in view.text("command-lock"))
+    view.pair()
+    view.wait(lambda: view.text("command-lock").startswith("Take control"))
+    gateway.picture["control"] = HOLDER
+    gateway.change(line={"state": "connected"})
+    view.wait(lambda: view.text("command-lock").startswith("Another page has control. Take over"))
+    # Control does not help while no command reaches the gripper.
+    for state in ("gone", "timed-out", "no-daemon", "scanning"):
+        gateway.change(line={"state": state})
+        view.wait(lambda: view.text("command-lock") == "No command reaches the gripper now.")
+        gateway.change(line={"state": "connected"})
+        view.wait(lambda: view.text("command-lock").startswith("Another page"))
+    gateway.change(line={"state": "scanning"})
+    gateway.send_job(job(7, "scan", None))
+    view.wait(lambda: "An operation on the line" in view.text("command-lock"))
+    for control in ("go", "scan", "rename"):
+        assert not view.one(f"#{control}").is_enabled()
+
+
+@pytest.mark.short
 def test_control_is_unknown_without_the_gateway(view, operated):
     operated.mute()
     view.wait_for_banner("gateway does not answer")
