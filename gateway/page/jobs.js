@@ -116,6 +116,6 @@ export class Jobs {
         if (job.outcome.code === "superseded" && this.#followed.size > 0)
             return;
         const isVacuum = this.picture.gripper(job.gripper)?.kind === "vacuum";
-        this.say(outcomeText({ ...job, isVacuum }), job.state === "done" ? "good" : "bad");
+        this.say(outcomeText({ ...job, isVacuum }), job.state === "done" ? "good" : "bad", job.gripper);
     }
 }

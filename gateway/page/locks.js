@@ -11,10 +11,11 @@ export class Locks {
     }
 
     render(chosenId) {
-        const forLine = this.#reasonForLine();
-        const forGripper = forLine || this.#reasonForGripper(this.picture.gripper(chosenId));
+        const forAll = this.#reasonForAll();
+        const forScan = forAll || this.#reasonForScan() || this.#reasonForControl();
+        const forGripper = forAll || this.#reasonForGripper(this.picture.gripper(chosenId));
         const forMaintainer = forGripper || (this.control.may("maintain") ? "" : "maintenance.lock.role");
-        const reasons = { scan: forLine, operate: forGripper, maintain: forMaintainer };
+        const reasons = { scan: forScan, operate: forGripper, maintain: forMaintainer };
         for (const control of this.controls)
             control.disabled = reasons[control.dataset.needs] !== "";
         this.#explain("command-lock", forGripper);
@@ -25,21 +26,30 @@ export class Locks {
         setText(byId(id), reason === "" ? "" : text(reason));
     }
 
-    #reasonForLine() {
+    #reasonForAll() {
         if (!this.control.isPaired)
             return "command.lock.unpaired";
         if (!this.control.may("operate"))
             return "command.lock.role";
-        if (this.picture.isSilent || ["no-daemon", "upgrading"].includes(this.picture.state.line.state))
+        if (this.picture.isSilent)
             return "command.lock.line";
-        if (!this.control.isMine)
-            return "command.lock.control";
         return this.maintenance.running ? "command.lock.busy" : "";
     }
 
+    #reasonForControl() {
+        if (this.control.isMine)
+            return "";
+        return this.picture.state.control ? "command.lock.other" : "command.lock.control";
+    }
+
+    /** A scan works while the line is gone. */
+    #reasonForScan() {
+        return ["no-daemon", "upgrading"].includes(this.picture.state.line.state) ? "command.lock.line" : "";
+    }
+
     #reasonForGripper(gripper) {
-        if (gripper === null || !gripper.present)
-            return "command.lock.missing";
-        return this.picture.state.line.state === "connected" ? "" : "command.lock.line";
+        if (this.picture.state.line.state !== "connected")
+            return "command.lock.line";
+        return this.#reasonForControl() || (gripper?.present ? "" : "command.lock.missing");
     }
 }

@@ -18,20 +18,29 @@ import { Trend } from "./trend.js";
 
 const tickMs = 100;
 const messageMs = 20000;
+/** The kinds of events that contradict a good message. */
+const contradictions = ["fault", "other-command", "missing", "link"];
 
 fillTexts(document);
 
 const picture = new Picture();
 const notes = new Notes();
-let sayings = 0;
-/** Shows a message. A problem stays until the next message. */
-const say = (words, kind = "plain") => {
+let said = {};
+/** Shows a message. A problem stays until the next message, a good message about `gripper` until an event contradicts it. */
+const say = (words, kind = "plain", gripper = null) => {
     const message = byId("message");
     message.textContent = words;
     message.dataset.kind = kind;
-    const saying = ++sayings;
+    const saying = (said = { kind, gripper });
     if (kind === "good")
-        setTimeout(() => saying === sayings && (message.textContent = ""), messageMs);
+        setTimeout(() => saying === said && say(""), messageMs);
+};
+/** Clears a good message about a gripper if `event` says that it may be wrong now. */
+const unsayAfter = (event) => {
+    const contradicts = contradictions.includes(event.kind) && !(event.kind === "link" && event.detail === "connected");
+    const isGood = said.kind === "good" && said.gripper !== null;
+    if (contradicts && isGood && [said.gripper, null].includes(event.gripper))
+        say("");
 };
 const strip = new Strip(picture);
 const control = new Control(picture, (holder) => strip.controlLost(holder));
@@ -95,7 +104,10 @@ const take = {
         keepChoice();
         takeValues(change.grippers);
     },
-    event: (event) => picture.takeEvent(event),
+    event(event) {
+        picture.takeEvent(event);
+        unsayAfter(event);
+    },
     job: (job) => picture.takeJob(job),
 };
 

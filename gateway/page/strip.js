@@ -1,4 +1,5 @@
 // The strip at the top: the line, the age of its values, the control; and the banners above the stop bar.
+import { faultText } from "./cards.js";
 import { byId, element, reconcile, setData, setText } from "./dom.js";
 import { duration, firstText, text } from "./i18n.js";
 
@@ -15,6 +16,9 @@ export class Strip {
 
     constructor(picture) {
         this.picture = picture;
+        // The page gets longer by the height of the banners, so that they cover nothing at its end.
+        const keepSpace = () => document.documentElement.style.setProperty("--banner-space", `${byId("banners").offsetHeight}px`);
+        new ResizeObserver(keepSpace).observe(byId("banners"));
     }
 
     connected() {
@@ -54,7 +58,7 @@ export class Strip {
             const key = state.line.version === null ? "daemon.unknown" : "daemon";
             setText(byId("daemon"), text(key, { name: host, version, driver: state.line.version }));
         }
-        this.#showControl(control);
+        this.#showControl(control, name);
         this.#showBanners();
     }
 
@@ -81,7 +85,15 @@ export class Strip {
         return this.picture.state ? this.picture.age(this.picture.state.line.valueAgeSeconds) : null;
     }
 
-    #showControl(control) {
+    #showControl(control, name) {
+        this.#showPairing(control);
+        // The last known holder may be this page itself.
+        if (name === "lost") {
+            setData(byId("control"), "held", "unknown");
+            setText(byId("control-holder"), text("control.unknown"));
+            byId("control-button").hidden = true;
+            return;
+        }
         const holder = this.picture.state?.control ?? null;
         const held = control.isMine ? "mine" : holder ? "other" : "free";
         setData(byId("control"), "held", held);
@@ -93,7 +105,6 @@ export class Strip {
         const action = { mine: "return", other: "take-over", free: "take" }[held];
         setText(byId("control-button"), text(`control.${control.isPaired ? action : "pair"}`));
         byId("control-button").hidden = control.isPaired && !mayOperate;
-        this.#showPairing(control);
     }
 
     #showPairing(control) {
@@ -131,6 +142,11 @@ export class Strip {
         } else if (line?.stale) {
             const age = this.#valueAge();
             banners.push(["stale", text(age === null ? "banner.connecting" : "banner.stale", { age: duration(Math.floor(age ?? 0)) }), true]);
+        }
+        // The card with the fault may be out of sight.
+        for (const { id, present, fault } of this.picture.state?.grippers ?? []) {
+            if (present && fault !== null)
+                banners.push([`fault-${id}`, text("event.fault", { id, detail: faultText(fault) }), true]);
         }
         if (this.#notice !== "")
             banners.push(["notice", this.#notice, false]);

@@ -53,7 +53,8 @@ class FakeGateway:
         self.streams = []
         self._jobs = 0
         self._lease = 0
-        self._is_mute = False
+        self._sound = threading.Event()
+        self._sound.set()
         self._is_forgetful = False
         self.picture = {
             "gateway": {"version": "1.0.0", "name": "cell-7", "started": AT, "instance": "a"},
@@ -76,6 +77,7 @@ class FakeGateway:
     def __exit__(self, *_):
         self._ended.set()
         self.hold.set()
+        self.unmute()
         self.drop_streams()
         self._server.shutdown()
         for thread in self._threads:
@@ -120,7 +122,10 @@ class FakeGateway:
 
     def mute(self):
         """The stream stays open, without a sign of life. New streams do not begin."""
-        self._is_mute = True
+        self._sound.clear()
+
+    def unmute(self):
+        self._sound.set()
 
     def forget_lease(self):
         """Refuses renewals, before the picture shows why."""
@@ -132,7 +137,7 @@ class FakeGateway:
 
     def _live(self):
         while not self._ended.wait(0.5):
-            if not self._is_mute:
+            if self._sound.is_set():
                 self.change()
 
     def _answer(self, method, route, body):
@@ -203,8 +208,7 @@ class FakeGateway:
 
             def _stream(self):
                 messages = queue.Queue()
-                if owner._is_mute:
-                    owner._ended.wait()
+                owner._sound.wait()
                 self.close_connection = True
                 self.send_response(200)
                 self.send_header("Content-Type", "text/event-stream")

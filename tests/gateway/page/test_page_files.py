@@ -48,6 +48,12 @@ def test_the_policy_finds_no_inline_script_or_style():
     assert not re.search(r"<style|<script(?![^>]*\bsrc=)|\sstyle=|\son[a-z]+=|https?:|javascript:", page)
 
 
+def test_a_screen_keyboard_makes_the_page_shorter():
+    """Without this, Chrome on Android lays its keyboard over Stop. The browser of the tests has no such keyboard."""
+    viewport = re.search(r'<meta name="viewport" content="([^"]*)"', (PAGE / "index.html").read_text())
+    assert "interactive-widget=resizes-content" in viewport.group(1).split(", ")
+
+
 def test_every_text_exists_and_is_used():
     texts = re.findall(r'^    "([^"]+)":', (PAGE / "texts.en.js").read_text(), re.MULTILINE)
     assert len(texts) == len(set(texts))

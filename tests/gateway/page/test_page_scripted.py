@@ -301,6 +301,46 @@ def test_outcomes_in_words(view, operated, outcome, words):
     view.wait_for_message(words)
 
 
+def send_event(gateway, number, kind, slave_id=None, **values):
+    gateway.send("event", {"number": number, "at": AT, "clock": gateway.clock, "ageSeconds": 0.0, "kind": kind,
+                           "gripper": slave_id, "code": None, "detail": None, "text": "", **values})
+
+
+@pytest.mark.short
+def test_an_event_clears_the_good_message_that_it_contradicts(view, operated):
+    numbers = iter(range(1, 100))
+    shown = lambda number: view.wait(lambda: view.all(f"#events [data-key='{number}']"))
+    for kind, slave_id, detail in (("fault", 9, None), ("other-command", 9, None), ("missing", 9, None), ("link", None, "gone")):
+        view.click("[data-stops][data-key='9']")
+        view.wait_for_message("stops")
+        finish(operated)
+        view.wait_for_message("has stopped")
+        for harmless in (("other-command", 2, None), ("arrived", 9, None), ("link", None, "connected")):
+            last = next(numbers)
+            send_event(operated, last, *harmless[:2], detail=harmless[2])
+        shown(last)
+        assert "has stopped" in view.text("message")
+        last = next(numbers)
+        send_event(operated, last, kind, slave_id, code=5, detail=detail)
+        shown(last)
+        assert view.text("message") == "", kind
+
+
+@pytest.mark.short
+def test_no_event_clears_a_problem_or_a_message_about_no_gripper(view, operated):
+    assert "Paired" in view.text("message")
+    send_event(operated, 1, "link", detail="gone")
+    view.wait(lambda: view.all("#events [data-key='1']"))
+    assert "Paired" in view.text("message")
+    view.click("#go")
+    view.wait_for_message("moves")
+    finish(operated, code="timed-out")
+    view.wait_for_message("may still carry it out")
+    send_event(operated, 2, "missing", 9)
+    view.wait(lambda: view.all("#events [data-key='2']"))
+    assert "may still carry it out" in view.text("message")
+
+
 def test_upgrade_shows_stages_time_and_what_to_do(view, operated):
     operated.send_job(job(5, stage="writing", elapsedSeconds=40.0))
     view.wait(lambda: view.all("#job-stages li[data-state='now']"))
@@ -390,6 +430,43 @@ def test_silence_shows_within_four_seconds(view, gateway):
 
 
 @pytest.mark.short
+def test_the_lock_names_what_to_do_first(view, gateway):
+    view.wait(lambda: "Pair this device first" in view.text("command-lock"))
+    view.pair()
+    view.wait(lambda: view.text("command-lock").startswith("Take control"))
+    gateway.picture["control"] = HOLDER
+    gateway.change(line={"state": "connected"})
+    view.wait(lambda: view.text("command-lock").startswith("Another page has control. Take over"))
+    # Control does not help while no command reaches the gripper.
+    for state in ("gone", "timed-out", "no-daemon", "scanning"):
+        gateway.change(line={"state": state})
+        view.wait(lambda: view.text("command-lock") == "No command reaches the gripper now.")
+        gateway.change(line={"state": "connected"})
+        view.wait(lambda: view.text("command-lock").startswith("Another page"))
+    gateway.change(line={"state": "scanning"})
+    gateway.send_job(job(7, "scan", None))
+    view.wait(lambda: "An operation on the line" in view.text("command-lock"))
+    for control in ("go", "scan", "rename"):
+        assert not view.one(f"#{control}").is_enabled()
+
+
+@pytest.mark.short
+def test_control_is_unknown_without_the_gateway(view, operated):
+    operated.mute()
+    view.wait_for_banner("gateway does not answer")
+    view.wait(lambda: view.text("control-holder") == "Control unknown")
+    assert not view.one("#control-button").is_displayed()
+    assert view.one("[data-stops][data-key='9']").is_enabled()
+    # The own former lease is the last holder that the page knows.
+    operated.forget_lease()
+    view.expected.append("409")
+    view.wait_for_banner("You no longer have control.")
+    assert view.text("control-holder") == "Control unknown"
+    operated.unmute()
+    view.wait(lambda: view.one("#control-button").is_displayed() and view.text("control-holder") != "Control unknown")
+
+
+@pytest.mark.short
 def test_old_values_are_marked_and_commands_locked(view, operated):
     operated.change(9, stale=True, line={"state": "gone", "text": "ERR_SERIALPORT", "stale": True, "valueAgeSeconds": 65.0})
     view.wait_for_banner("serial port is gone")
@@ -441,10 +518,14 @@ HOLDER = {"number": 90, "role": "maintain", "peer": "192.168.100.200", "since": 
 MARKERS = {
     "another program": ({"commandedByOther": True, "otherCommandAgeSeconds": 9.9}, "Another program: command"),
     "missing": ({"present": False, "stale": True, "missingSeconds": 3599.0}, "Missing for 59 min 59 s"),
-    "fault": ({"fault": {"code": 255, "text": "Communication lost"}}, "Communication lost (255)"),
+    "fault": ({"fault": {"code": 255, "text": "Communication lost"}}, "255 (Communication lost)"),
     "stale": ({"stale": True, "line": {"stale": True, "valueAgeSeconds": 9.0}}, "Values are old"),
     "timed out": ({"stale": True, "line": {"state": "timed-out", "text": "ERR_TIMEOUT", "stale": True}}, "No command reaches"),
 }
+
+FAULTS = {2: {"code": 255, "text": "The suction cup has a leak: look at its edge and at the part, which may be dirty"},
+          9: {"code": 5, "text": None}}
+FAULT_BANNERS = [f"Gripper 2: fault 255 ({FAULTS[2]['text']})", "Gripper 9: fault 5"]
 
 
 def places(view):
@@ -475,11 +556,40 @@ def test_markers_move_no_control(view, operated, size):
     operated.send_job(job(70, "deactivate"))
     view.wait(lambda: "Another page" in view.text("cards"))
     assert places(view) == before
+    for slave_id, fault in FAULTS.items():
+        operated.change(slave_id, fault=fault)
+    view.wait(lambda: view.banners() == FAULT_BANNERS)
+    assert places(view) == before
     view.expected.append("409")
     operated.picture["control"] = HOLDER
     operated.change()
     view.wait_for_banner("took over control")
     assert places(view) == before
+
+
+@pytest.mark.short
+@pytest.mark.parametrize("size", [(360, 640), (1024, 768)], ids=str)
+def test_faults_are_in_sight(view, operated, size):
+    """Also beside the other banners. The engineer can scroll to everything that the banners cover."""
+    view.resize(*size)
+    for slave_id, fault in FAULTS.items():
+        operated.change(slave_id, fault=fault)
+    view.wait(lambda: view.banners() == FAULT_BANNERS)
+    view.expected.append("409")
+    operated.picture["control"] = HOLDER
+    operated.change(line={"state": "timed-out", "text": "ERR_TIMEOUT"})
+    view.wait(lambda: len(view.banners()) == 4)
+    for banner in view.all("#banners p"):
+        assert view.script(
+            "const { top, bottom } = arguments[0].getBoundingClientRect(); return top >= 0 && bottom <= innerHeight", banner)
+    assert findings(view) == ""
+    assert overflow(view) == []
+    view.script("scrollTo(0, document.body.scrollHeight)")
+    view.wait(lambda: view.script(
+        "return document.querySelector('.foot').lastElementChild.getBoundingClientRect().bottom <= "
+        "document.getElementById('banners').getBoundingClientRect().top"))
+    operated.change(9, present=False, stale=True, missingSeconds=1.0, line={"state": "connected"})
+    view.wait(lambda: view.banners()[0] == FAULT_BANNERS[0] and "Gripper 9" not in "".join(view.banners()))
 
 
 def test_marks_of_the_bar_cover_no_text(view, operated):
@@ -514,9 +624,14 @@ def test_commands_of_another_page_are_marked(view, operated):
     view.wait(lambda: len(notes()) == 2)
 
 
-def test_fault_without_a_text_is_a_number(view, gateway):
-    gateway.change(9, fault={"code": 12, "text": None})
-    view.wait(lambda: "fault 12" in view.text("cards"))
+@pytest.mark.short
+@pytest.mark.parametrize("words, shown", [(None, "12"), ("Communication lost", "12 (Communication lost)")])
+def test_fault_in_words(view, gateway, words, shown):
+    fault = {"code": 12, "text": words}
+    gateway.change(9, fault=fault)
+    view.wait(lambda: f"Fault{shown}" == view.one(".card[data-key='9'] [data-box='fault']").get_property("textContent"))
+    send_event(gateway, 1, "fault", 9, code=12, detail=words)
+    view.wait(lambda: f"Gripper 9: fault {shown}" == view.script("return document.querySelector('#events span')?.textContent"))
 
 
 def test_trend_pauses_zooms_and_saves(view, gateway):
